@@ -1,0 +1,15 @@
+// The cell: the card or supervisor of an appliance that a process runs on.
+#pragma once
+
+#include <cstdint>
+
+#include "platform/zel/export.h"
+
+namespace Cell {
+
+// The identifier of the cell on which the process runs; 1 unless the host said otherwise.
+ZEL_API std::uint16_t cellId();
+// For the host, before it loads agents.
+ZEL_API void cellIdIs(std::uint16_t id);
+
+}  // namespace Cell

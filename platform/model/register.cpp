@@ -1,0 +1,21 @@
+// The types that every process with the framework knows.
+#include "platform/model/environment.h"
+#include "platform/model/hardwaregpio.h"
+#include "platform/model/hardwareled.h"
+#include "platform/zel/dir.h"
+
+namespace {
+
+const Zel::TypeRegistration types{
+    &Zel::Dir::typeNode,
+    &Hardware::Led::LedSystemConfigDir::typeNode,
+    &Hardware::Led::LedConfig::typeNode,
+    &Hardware::Gpio::GpioLedSystemConfigDir::typeNode,
+    &Hardware::Gpio::GpioLedConfig::typeNode,
+    &Hardware::Gpio::CorvelGpioLedSystemConfigDir::typeNode,
+    &Hardware::Gpio::CorvelGpioLedConfig::typeNode,
+    &Hardware::Gpio::CorvelPinConfig::typeNode,
+    &Environment::Cooling::Config::typeNode,
+};
+
+}  // namespace

@@ -1,0 +1,164 @@
+#include "platform/statedb/schema.h"
+
+#include <map>
+#include <sstream>
+
+#include "platform/zel/assert.h"
+#include "platform/zel/dir.h"
+#include "platform/zel/entity.h"
+
+namespace Statedb {
+
+namespace {
+
+std::string collectionsOf(const Zel::TypeNode& type) {
+  std::string names;
+  for (const Zel::TypeNode* each = &type; each; each = each->base())
+    for (const Zel::AttributeInfo& row : each->attributes())
+      if (row.memberType) names += (names.empty() ? "" : ", ") + std::string(row.name);
+  return names;
+}
+
+std::string storedAttributesOf(const Zel::TypeNode& type) {
+  std::string names;
+  for (const Zel::TypeNode* each = &type; each; each = each->base())
+    for (const Zel::AttributeInfo& row : each->attributes())
+      if (row.stored && row.check) names += (names.empty() ? "" : ", ") + std::string(row.name);
+  return names.empty() ? "none" : names;
+}
+
+// An object of a type holds its entries by name alone where one of its collections is direct.
+bool isDirectory(const Zel::TypeNode& type) {
+  for (const Zel::TypeNode* each = &type; each; each = each->base())
+    for (const Zel::AttributeInfo& row : each->attributes())
+      if (row.direct) return true;
+  return false;
+}
+
+const Zel::TypeNode* knownType(const std::string& name) {
+  const auto known = Zel::Name::existing(name);
+  return known ? Zel::typeNode(*known) : nullptr;
+}
+
+}  // namespace
+
+std::string_view PathReader::component() {
+  const std::size_t end = std::min(path_.find('/', at_), path_.size());
+  const std::string_view text = path_.substr(at_, end - at_);
+  if (text.empty() || end + 1 == path_.size())
+    throw Zel::ValueError("'" + std::string(path_) +
+                          "' has an empty component; a path is NAME/NAME without a slash at either end");
+  at_ = end + 1;
+  return text;
+}
+
+PathReader::Step PathReader::next(const Zel::TypeNode& type) {
+  ZEL_REQUIRE(!done(), path_);
+  Step step;
+  if (!isDirectory(type)) {
+    step.collection = component();
+    const Zel::AttributeInfo* row = type.find(step.collection);
+    if (!row || !row->memberType) {
+      const std::string has = collectionsOf(type);
+      throw Zel::ValueError("'" + step.collection + "' is no collection of " + type.name().stdString() +
+                            (has.empty() ? ", which has none" : "; it has " + has));
+    }
+    if (done())
+      throw Zel::ValueError("'" + step.collection + "' is a collection; a member's name must follow it");
+    step.memberType = &row->memberType();
+  }
+  step.key = Zel::unescapeComponent(component());
+  step.path = std::string(path_.substr(0, at_ - 1));
+  return step;
+}
+
+void checkRow(const std::string& typeName, const std::string& attribute, const Zel::Value& value) {
+  const Zel::TypeNode* type = knownType(typeName);
+  if (!type) throw Zel::ValueError("type '" + typeName + "' is unknown");
+  if (attribute.empty()) return;
+  const Zel::AttributeInfo* row = type->find(attribute);
+  if (!row || !row->stored || !row->check)
+    throw Zel::ValueError("'" + attribute + "' is no attribute that " + typeName + " stores; it stores " +
+                          storedAttributesOf(*type));
+  row->check(value);
+}
+
+namespace {
+
+// What would stand where once the steps read so far were stored.
+class Overlay {
+ public:
+  explicit Overlay(const TypeAt& below) : below_(below) {}
+
+  std::string typeAt(const std::string& path) const {
+    if (const auto found = types_.find(path); found != types_.end()) return found->second;
+    for (const std::string& gone : gone_)
+      if (isUnder(path, gone)) return {};
+    return below_(path);
+  }
+  void put(const std::string& path, const std::string& type) { types_[path] = type; }
+  void del(const std::string& path) {
+    for (auto& [known, type] : types_)
+      if (isUnder(known, path)) type.clear();
+    gone_.push_back(path);
+  }
+
+ private:
+  const TypeAt& below_;
+  std::map<std::string, std::string> types_;
+  std::vector<std::string> gone_;
+};
+
+void checkType(const std::string& wanted, const std::string& found) {
+  if (wanted != found) throw Zel::ValueError("found type " + found + ", wanted " + wanted + " at this place");
+}
+
+// Follows the path of a put from the root, and checks that its type may stand at its end.
+void checkPlace(const Row& row, const Overlay& overlay) {
+  const Zel::TypeNode* above = &Zel::Dir::typeNode();
+  if (row.path.empty()) throw Zel::ValueError("the path is empty");
+  for (PathReader reader(row.path); !reader.done();) {
+    const auto step = reader.next(*above);
+    if (step.key.size() > 255) throw Zel::ValueError("the name '" + step.key + "' is longer than 255 bytes");
+    if (reader.done()) {
+      if (step.memberType) return checkType(step.memberType->name().stdString(), row.type);
+      const Zel::TypeNode* type = knownType(row.type);
+      if (type && !type->newEntityForDir())
+        throw Zel::ValueError("type " + row.type + " is not made in directories");
+      return;
+    }
+    const std::string found = overlay.typeAt(step.path);
+    if (found.empty() && step.memberType) throw Zel::ValueError("there is no entity at '" + step.path + "'");
+    above = found.empty() ? &Zel::Dir::typeNode() : knownType(found);
+    if (!above) throw Zel::ValueError("the type " + found + " of '" + step.path + "' is unknown");
+  }
+}
+
+void checkChange(const Change& change, Overlay& overlay) {
+  const Row& row = change.row;
+  if (change.kind == Change::Kind::del) {
+    if (overlay.typeAt(row.path).empty()) throw Zel::ValueError("there is no entity at this path");
+    return overlay.del(row.path);
+  }
+  checkRow(row.type, row.attribute, row.value);
+  checkPlace(row, overlay);
+  overlay.put(row.path, row.type);
+}
+
+}  // namespace
+
+std::vector<std::string> checkChanges(const Changes& changes, const TypeAt& typeAt) {
+  std::vector<std::string> errors;
+  Overlay overlay(typeAt);
+  for (const Change& change : changes) {
+    try {
+      checkChange(change, overlay);
+    } catch (const Zel::ValueError& error) {
+      const std::string& attribute = change.row.attribute;
+      errors.push_back(change.row.path + (attribute.empty() ? "" : " " + attribute) + ": " + error.what());
+    }
+  }
+  return errors;
+}
+
+}  // namespace Statedb

@@ -1,0 +1,103 @@
+#include "platform/zel/activity.h"
+
+#include <algorithm>
+#include <memory>
+#include <sstream>
+
+#include "platform/zel/assert.h"
+#include "platform/zel/entity.h"
+
+namespace Zel {
+
+namespace {
+constexpr int kRounds = 64;  // of notifications that cause notifications, in one pass
+constinit ActivityManager* current = nullptr;
+}  // namespace
+
+HandlerFault::HandlerFault(Name agent, std::string reactor, std::string text)
+    : Exception("agent '" + agent.stdString() + "', reactor " + reactor + ": " + text),
+      agent_(agent),
+      reactor_(std::move(reactor)),
+      text_(std::move(text)) {}
+HandlerFault::~HandlerFault() = default;
+
+PassEnd::~PassEnd() = default;
+
+constinit Name ActivityManager::currentAgent_;
+
+ActivityManager::ActivityManager() : before_(std::exchange(current, this)), clock_(allocate<Clock>()) {}
+
+ActivityManager::~ActivityManager() {
+  while (round_.linked()) round_.next()->leave();
+  while (pending_.linked()) pending_.next()->leave();
+  if (current == this) current = before_;
+}
+
+ActivityManager& activityManager() {
+  if (!current) new ActivityManager;  // becomes the current one and stays it
+  return *current;
+}
+
+double ActivityManager::step() {
+  ++passes_;
+  runPosted();
+  if (clock_) clock_->advance(System::currentTime());
+  for (int i = 0; i < kRounds && (pending_.linked() || round_.linked()); ++i) deliverRound();
+  for (std::size_t i = 0; i < ends_.size(); ++i) ends_[i]->onPassEnd();
+  return nextWakeUp();
+}
+
+double ActivityManager::nextWakeUp() const {
+  if (!posted_.empty() || pending_.linked() || round_.linked()) return System::currentTime();
+  return clock_ ? clock_->nextWakeUp() : Clock::kNever;
+}
+
+void ActivityManager::post(std::function<void()> task) { posted_.push_back(std::move(task)); }
+
+void ActivityManager::runPosted() {
+  const auto tasks = std::exchange(posted_, {});
+  for (const auto& task : tasks) task();
+}
+
+void ActivityManager::deliverRound() {
+  round_.takeAllOf(pending_);
+  while (round_.linked()) {
+    auto& notifiee = static_cast<NotifieeBase&>(static_cast<PendingHook&>(*round_.next()));
+    static_cast<PendingHook&>(notifiee).leave();
+    if (!notifiee.mayHear()) {
+      notifiee.dropMarks();
+      continue;
+    }
+    ++deliveries_;
+    const Ptr<NotifieeBase> kept(&notifiee);
+    runHandler(notifiee, notifiee.notifierBase(), [&] { notifiee.deliver(); });
+  }
+}
+
+void ActivityManager::passEndIs(PassEnd& end) { ends_.push_back(&end); }
+void ActivityManager::passEndDel(PassEnd& end) { ends_.erase(std::ranges::find(ends_, &end)); }
+
+namespace {
+
+// What the reactor is and what it watches, for a message.
+std::string describe(const NotifieeBase& notifiee, const Notifier* watched) {
+  std::ostringstream text;
+  text << notifiee.fwkType().name();
+  if (const auto* entity = dynamic_cast<const Entity*>(watched)) text << " of " << *entity;
+  return text.str();
+}
+
+}  // namespace
+
+void handlerFailed(const NotifieeBase& notifiee, const Notifier* watched) {
+  std::string text = "an exception of no known type";
+  try {
+    throw;
+  } catch (const std::exception& error) {
+    text = error.what();
+  } catch (...) {
+  }
+  std::throw_with_nested(HandlerFault(notifiee.agent(), describe(notifiee, watched), text));
+}
+
+}  // namespace Zel

@@ -1,0 +1,127 @@
+// The activity manager: the loop that delivers notifications and clock expiries, as an object that can be
+// stepped.
+//
+// The host waits on its file descriptors around step(); nothing here blocks. Activity thread only.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "platform/zel/clock.h"
+#include "platform/zel/exception.h"
+#include "platform/zel/export.h"
+#include "platform/zel/notifier.h"
+
+namespace Zel {
+
+// What step() throws where a handler threw; the handler's exception is nested in it.
+class ZEL_API HandlerFault : public Exception {
+ public:
+  HandlerFault(Name agent, std::string reactor, std::string text);
+  ~HandlerFault() override;
+  Name agent() const { return agent_; }  // empty where the reactor was made outside any agent
+  const std::string& reactor() const {
+    return reactor_;
+  }                                                  // the reactor's type and the object that it watches
+  const std::string& text() const { return text_; }  // the handler's own text
+
+ private:
+  Name agent_;
+  std::string reactor_;
+  std::string text_;
+};
+
+// Something that runs once at the end of every pass, after the notifications: publishing, mostly.
+class ZEL_API PassEnd {
+ public:
+  virtual void onPassEnd() = 0;
+
+ protected:
+  PassEnd() = default;
+  virtual ~PassEnd();
+};
+
+class ZEL_API ActivityManager {
+ public:
+  // Becomes the process's current activity manager until it is destroyed, when the one before becomes it
+  // again.
+  ActivityManager();
+  ~ActivityManager();
+  ActivityManager(const ActivityManager&) = delete;
+  ActivityManager& operator=(const ActivityManager&) = delete;
+
+  // The clock of this loop. Null only where clockIs(null) was said.
+  const Ptr<const Clock>& clock() const { return clock_; }
+  void clockIs(const Ptr<const Clock>& clock) { clock_ = clock; }
+
+  // One pass: what was posted, then the expiries that are due, then the notifications until none is left
+  // (what still changes after a bounded number of rounds waits for the next pass), then the ends of pass.
+  // Returns nextWakeUp(). Throws HandlerFault; what was not delivered then stays pending.
+  double step();
+  // The time (seconds, as System::currentTime) at which step() has work again: not later than now where work
+  // is waiting, positive infinity where there is none.
+  double nextWakeUp() const;
+
+  // Runs `task` in the next pass. Tasks run in the order of posting; one that a task posts runs a pass later.
+  void post(std::function<void()> task);
+  // REQUIRES for the second: `end` is there. Neither is called from onPassEnd.
+  void passEndIs(PassEnd& end);
+  void passEndDel(PassEnd& end);
+
+  std::uint64_t passes() const { return passes_; }
+  std::uint64_t deliveries() const { return deliveries_; }  // reactors that were delivered to
+
+  // The agent at work, whose reactors are named after it in faults; empty where none is.
+  static Name currentAgent() { return currentAgent_; }
+
+  // Says for its lifetime that `agent` is at work.
+  class AgentScope {
+   public:
+    explicit AgentScope(Name agent) : before_(std::exchange(currentAgent_, agent)) {}
+    ~AgentScope() { currentAgent_ = before_; }
+    AgentScope(const AgentScope&) = delete;
+    AgentScope& operator=(const AgentScope&) = delete;
+
+   private:
+    Name before_;
+  };
+
+ private:
+  friend class NotifieeBase;
+
+  void enqueue(PendingHook& notifiee) { notifiee.joinEndOf(pending_); }
+  void runPosted();
+  void deliverRound();
+
+  static constinit Name currentAgent_;
+
+  ActivityManager* const before_;
+  Ptr<const Clock> clock_;
+  ListHook pending_;  // in the order in which they first became pending
+  ListHook round_;    // the part of it that is being delivered
+  std::vector<std::function<void()>> posted_;
+  std::vector<PassEnd*> ends_;
+  std::uint64_t passes_ = 0;
+  std::uint64_t deliveries_ = 0;
+};
+
+// The process's current activity manager; one is made where there was none.
+ZEL_API ActivityManager& activityManager();
+
+// Turns the exception that is being handled into a HandlerFault.
+[[noreturn]] ZEL_API void handlerFailed(const NotifieeBase& notifiee, const Notifier* watched);
+
+// Calls `handler` on behalf of `notifiee`; what it throws becomes a HandlerFault. For those who deliver.
+template <class Handler>
+void runHandler(const NotifieeBase& notifiee, const Notifier* watched, Handler&& handler) {
+  const ActivityManager::AgentScope scope(notifiee.agent());
+  try {
+    handler();
+  } catch (...) {
+    handlerFailed(notifiee, watched);
+  }
+}
+
+}  // namespace Zel

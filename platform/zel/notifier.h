@@ -1,0 +1,189 @@
+// Change notification: notifiers, the reactors registered on them, and the queue of reactors to be delivered
+// to.
+//
+// Delivery. A mutator that changes nothing is silent. One that changes a value stores it, marks the attribute
+// (or the collection's key) on every registered reactor whose notifications are on, and returns. Plain
+// handlers run later, from ActivityManager::step, in the order in which the reactors first became pending.
+// Changes of one attribute or one key that pile up before delivery are delivered once. Marking a plain
+// attribute allocates nothing. A reactor that has become a zombie, was switched off, unregistered or
+// re-pointed, or whose entity left the collection that owned it before its turn hears nothing. A handler may
+// detach or destroy any reactor, itself included, change the same entity again, or drop the last pointer to
+// it.
+//
+// Immediate hook. on<Attribute>zelImmediate() runs inside the mutation of a plain attribute, after the value
+// was stored and marked. For a collection it runs inside the mutation only where the collection changed as a
+// whole (emptied or replaced); the plain on<Attribute>() without a key follows by the ordinary delivery, and
+// no key is announced. A change of one key is announced by on<Attribute>(key) alone.
+//
+// Activity thread only.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "platform/zel/attribute.h"
+#include "platform/zel/export.h"
+#include "platform/zel/name.h"
+#include "platform/zel/ptr.h"
+
+namespace Zel {
+
+class Notifier;
+
+// A place in a circular list that its owner leaves by itself; O(1), and no allocation.
+class ZEL_API ListHook {
+ public:
+  ListHook() = default;
+  ListHook(const ListHook&) = delete;
+  ListHook& operator=(const ListHook&) = delete;
+  ~ListHook() { leave(); }
+
+  bool linked() const { return next_ != this; }
+  void leave() {
+    previous_->next_ = next_;
+    next_->previous_ = previous_;
+    next_ = previous_ = this;
+  }
+  // Joins the list at its end. REQUIRES: not linked.
+  void joinEndOf(ListHook& list) {
+    previous_ = list.previous_;
+    next_ = &list;
+    previous_->next_ = this;
+    list.previous_ = this;
+  }
+  // Moves all members of `other` to the end of this list.
+  void takeAllOf(ListHook& other);
+  ListHook* next() const { return next_; }
+
+ private:
+  ListHook* next_ = this;
+  ListHook* previous_ = this;
+};
+
+// The two lists that a reactor can be on at once.
+class RegistrationHook : public ListHook {};  // its notifier's
+class PendingHook : public ListHook {};       // the activity manager's queue
+
+// The base of every reactor: registration with one notifier, marks, and a place in the queue of the pending.
+//
+// It holds a counted reference to its notifier. Its owner holds the reactor.
+class ZEL_API NotifieeBase : public PtrInterface, private RegistrationHook, private PendingHook {
+ public:
+  ~NotifieeBase() override;
+
+  // Attaches to `notifier` and registers with it; null detaches. A notifier of a type that this reactor does
+  // not watch counts as null. What was pending for the old notifier is dropped. The same notifier again:
+  // nothing.
+  virtual void notifierIs(const Ptr<const PtrInterface>& notifier);
+  // Joins or leaves the notifier's list without letting go of the notifier. Leaving drops what was pending.
+  bool isRegisteredNotifiee() const { return flag(kRegistered); }
+  virtual void isRegisteredNotifieeIs(bool registered);
+
+  // Switching off, and retiring, drop what was pending.
+  void hasNotificationActiveIs(bool active) override;
+  void zelDoZombieReactors(bool zombie) override;
+
+  // The agent on whose behalf the reactor was made, for messages; empty where no agent was at work.
+  Name agent() const { return agent_; }
+
+ protected:
+  friend class ActivityManager;
+  friend class Notifier;
+
+  NotifieeBase();
+
+  const Notifier* notifierBase() const { return notifier_; }
+  // Whether a notifier may be watched by this class of reactors.
+  virtual bool accepts(const PtrInterface& notifier) const = 0;
+  // Runs the handlers of everything that is marked, and nothing once mayHear() turned false.
+  virtual void deliver() = 0;
+  // Runs the immediate hook of one attribute.
+  virtual void immediate(AttributeIndex index) = 0;
+  // Enters and leaves the place where the notifier finds this reactor.
+  virtual void join();
+  virtual void part() { RegistrationHook::leave(); }
+  RegistrationHook& registration() { return *this; }
+  static NotifieeBase& ofRegistration(ListHook& hook) {
+    return static_cast<NotifieeBase&>(static_cast<RegistrationHook&>(hook));
+  }
+
+  bool mayHear() const;
+  // The marks of plain attributes and of collections as a whole: bit n for index n. Cleared by taking.
+  std::uint32_t takeMarks() { return std::exchange(marks_, 0U); }
+  // The marked keys, each with its collection's index, in the order of marking. Cleared by taking.
+  struct KeyMark {
+    AttributeIndex index;
+    Name key;
+  };
+  std::vector<KeyMark> takeKeyMarks();
+  // What the default body of an immediate hook calls: the attribute's hook is not called again.
+  void declineImmediate() { flagIs(kImmediateDeclined, true); }
+  void dropMarks();
+
+ private:
+  struct KeyMarks;
+
+  void becomePending();
+  void mark(AttributeIndex index) {
+    if (!hasNotificationActive() || zelIsZombie()) return;
+    marks_ |= 1U << index;
+    if (!PendingHook::linked()) becomePending();
+  }
+  void markKey(AttributeIndex index, Name key);
+
+  std::uint32_t marks_ = 0;
+  std::uint32_t immediateMask_ = ~0U;  // attributes whose immediate hook may do something
+  Name agent_;
+  const Notifier* notifier_ = nullptr;  // counted
+  std::unique_ptr<KeyMarks> keys_;
+};
+
+// An object that reactors can be registered on.
+class ZEL_API Notifier : public PtrInterface {
+ public:
+  bool hasNotifiees() const { return notifiees_.linked(); }
+
+  // Whether the object has left the collection that owned it. Its reactors hear nothing from then on.
+  bool zelIsGone() const { return flag(kGone); }
+  void zelGoneIs(bool gone) { flagIs(kGone, gone); }
+
+ protected:
+  Notifier() = default;
+  ~Notifier() override;
+
+  // Announce that a plain attribute, one key of a collection, or a collection as a whole changed.
+  void attributeChanged(AttributeIndex index) {
+    if (notifiees_.linked()) announce(index);
+  }
+  void keyChanged(AttributeIndex index, Name key) {
+    if (notifiees_.linked()) announceKey(index, key);
+  }
+  void collectionChanged(AttributeIndex index) { attributeChanged(index); }
+
+ private:
+  friend class NotifieeBase;
+
+  void announce(AttributeIndex index);
+  void announceKey(AttributeIndex index, Name key);
+
+  void runImmediate(AttributeIndex index);
+
+  mutable ListHook notifiees_;  // the head of the list of the registered, in the order of registration
+};
+
+// A reactor to every attribute of any object.
+class ZEL_API RawNotifiee : public NotifieeBase {
+ public:
+  // `index` identifies the attribute in the table of the object's type. `key` is the member's key where one
+  // key of a collection changed, and empty otherwise.
+  virtual void onRawAttribute(AttributeIndex index, Name key) = 0;
+
+ protected:
+  bool accepts(const PtrInterface& notifier) const override;
+  void deliver() override;
+  void immediate(AttributeIndex) override { declineImmediate(); }
+};
+
+}  // namespace Zel

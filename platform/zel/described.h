@@ -493,17 +493,6 @@ class NotifieeOf : public NotifieeBase {
   }
 };
 
-// A concrete reactor class: gives it its type descriptor, which has no attributes, and its tracked memory.
-template <class T, class Base>
-class Reactor : public Typed<T, Base> {
- public:
-  using Typed<T, Base>::Typed;
-  static const TypeNode& typeNode() {
-    static const TypeNode type(T::kTypeName, nullptr, {}, nullptr, nullptr);
-    return type;
-  }
-};
-
 // How the rows do what they do
 // --------------------------------------------------------------------------------
 

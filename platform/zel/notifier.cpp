@@ -130,7 +130,8 @@ void Notifier::runImmediate(AttributeIndex index) {
     if (notifiee.immediateMask_ >> index & 1U) wanting.emplace_back(&notifiee);
   }
   for (const auto& notifiee : wanting) {
-    if (notifiee->notifier_ != this || !notifiee->mayHear()) continue;
+    const bool destroyed = notifiee->references() == 1;  // but for the note of it here
+    if (destroyed || notifiee->notifier_ != this || !notifiee->mayHear()) continue;
     notifiee->flagIs(NotifieeBase::kImmediateDeclined, false);
     notifiee->immediate(index);
     if (notifiee->flag(NotifieeBase::kImmediateDeclined)) notifiee->immediateMask_ &= ~(1U << index);

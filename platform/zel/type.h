@@ -150,4 +150,15 @@ class Typed : public Base {
   ~Typed() override = default;
 };
 
+// The same for a class without attributes, mostly a concrete reactor: T says its name as kTypeName.
+template <class T, class Base>
+class Reactor : public Typed<T, Base> {
+ public:
+  using Typed<T, Base>::Typed;
+  static const TypeNode& typeNode() {
+    static const TypeNode type(T::kTypeName, nullptr, {}, nullptr, nullptr);
+    return type;
+  }
+};
+
 }  // namespace Zel

@@ -1,0 +1,177 @@
+// The clock: against a reference under random operations, and its contract at the edges.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+#include <map>
+#include <random>
+
+#include "platform/zel/activity.h"
+
+namespace {
+
+using Zel::Clock;
+using Zel::Ptr;
+
+class Waker : public Zel::Reactor<Waker, Clock::NotifieeConst> {
+ public:
+  static constexpr const char* kTypeName = "Test::Waker";
+  explicit Waker(const Ptr<const Clock>& clock) : Reactor(clock) {}
+  void onTime() override {
+    ++woken;
+    if (then) then();
+  }
+  int woken = 0;
+  std::function<void()> then;
+};
+
+class ClockTest : public testing::Test {
+ protected:
+  Ptr<Waker> waker(double at) {
+    auto made = Zel::allocate<Waker>(manager.clock());
+    made->timeMinIs(at);
+    return made;
+  }
+  void stepAt(double now) {
+    time.nowIs(now);
+    manager.step();
+  }
+
+  Zel::System::ManualTime time{100.0};
+  Zel::ActivityManager manager;
+};
+
+TEST_F(ClockTest, WakesOnceAtItsTimeAndNeverBefore) {
+  const auto a = waker(100.5);
+  EXPECT_EQ(manager.nextWakeUp(), 100.5);
+  stepAt(100.4999);
+  EXPECT_EQ(a->woken, 0);
+  stepAt(100.5);
+  EXPECT_EQ(a->woken, 1);
+  EXPECT_EQ(a->timeMin(), 100.5) << "stays readable";
+  stepAt(200.0);
+  EXPECT_EQ(a->woken, 1);
+  EXPECT_EQ(manager.nextWakeUp(), Clock::kNever);
+}
+
+TEST_F(ClockTest, ANewTimeReplacesTheOldOne) {
+  const auto a = waker(101.0);
+  a->timeMinIs(150.0);
+  stepAt(120.0);
+  EXPECT_EQ(a->woken, 0);
+  a->timeMinIs(Clock::kNever);
+  stepAt(500.0);
+  EXPECT_EQ(a->woken, 0);
+  a->timeMinIs(std::nan(""));
+  EXPECT_EQ(a->timeMin(), Clock::kNever);
+}
+
+TEST_F(ClockTest, ATimeThatHasPassedFiresOncePerPass) {
+  for (const double again : {0.0, -5.0, -Clock::kNever, 100.0}) {
+    const auto a = waker(again);
+    const auto b = waker(again);
+    a->then = [&] { a->timeMinIs(again); };
+    time.nowIs(100.0);
+    EXPECT_LE(manager.step(), 100.0);
+    EXPECT_EQ(a->woken, 1);
+    EXPECT_EQ(b->woken, 1) << "the restless one does not starve the other";
+    manager.step();
+    EXPECT_EQ(a->woken, 2);
+    EXPECT_EQ(b->woken, 1);
+  }
+}
+
+TEST_F(ClockTest, AWokenReactorMayEndTheOthers) {
+  auto a = waker(101);
+  auto b = waker(101);
+  auto c = waker(101);
+  a->then = [&] {
+    b = nullptr;
+    c->timeMinIs(102);
+    a = nullptr;
+  };
+  stepAt(101.5);
+  EXPECT_EQ(c->woken, 0);
+  stepAt(102);
+  EXPECT_EQ(c->woken, 1);
+}
+
+TEST_F(ClockTest, OneThatIsOffOrRetiredOrDetachedHearsNothing) {
+  const auto off = waker(101);
+  const auto zombie = waker(101);
+  const auto detached = waker(101);
+  const auto unregistered = waker(101);
+  off->hasNotificationActiveIs(false);
+  zombie->zelDoZombieReactors(true);
+  detached->notifierIs(nullptr);
+  unregistered->isRegisteredNotifieeIs(false);
+  stepAt(102);
+  EXPECT_EQ(off->woken + zombie->woken + detached->woken + unregistered->woken, 0);
+  off->hasNotificationActiveIs(true);
+  stepAt(103);
+  EXPECT_EQ(off->woken, 0) << "an expiry is delivered once";
+  unregistered->isRegisteredNotifieeIs(true);
+  detached->notifierIs(manager.clock());
+  stepAt(104);
+  EXPECT_EQ(detached->woken, 1) << "a time that has not come yet goes along to the next clock";
+  EXPECT_EQ(unregistered->woken, 1);
+}
+
+// Every reactor is woken in the first pass at or after its time; the pass never comes later than nextWakeUp
+// says.
+TEST_F(ClockTest, FollowsAReferenceUnderRandomOperations) {
+  std::mt19937 random(11);
+  const auto uniform = [&](double most) { return std::uniform_real_distribution<>(0, most)(random); };
+  std::vector<Ptr<Waker>> wakers;
+  std::vector<double> times;
+  std::vector<int> expected;
+  for (int i = 0; i < 40; ++i) {
+    wakers.push_back(waker(Clock::kNever));
+    times.push_back(Clock::kNever);
+    expected.push_back(0);
+  }
+  double now = time.now();
+  for (int step = 0; step < 6000; ++step) {
+    const auto i = static_cast<std::size_t>(random() % wakers.size());
+    const double spans[] = {0.002, 0.5, 3.0, 400.0, 1e6};
+    times[i] = random() % 5 == 0 ? Clock::kNever : now + uniform(spans[random() % 5]);
+    wakers[i]->timeMinIs(times[i]);
+    const double earliest = *std::min_element(times.begin(), times.end());
+    ASSERT_LE(manager.nextWakeUp(), earliest) << "step " << step;
+    if (random() % 3 == 0)
+      now = std::min(std::max(now, earliest), now + 5000);
+    else
+      now += uniform(0.8);
+    for (std::size_t each = 0; each < times.size(); ++each)
+      if (times[each] <= now) {
+        ++expected[each];
+        times[each] = Clock::kNever;
+      }
+    stepAt(now);
+    for (std::size_t each = 0; each < times.size(); ++each)
+      ASSERT_EQ(wakers[each]->woken, expected[each]) << "step " << step;
+  }
+}
+
+TEST_F(ClockTest, LatenessIsTheWorstOfTheWakeUps) {
+  const auto a = waker(101.0);
+  const auto b = waker(101.25);
+  stepAt(101.5);
+  EXPECT_DOUBLE_EQ(manager.clock()->worstLateness(true), 0.5);
+  EXPECT_EQ(manager.clock()->worstLateness(), 0.0);
+}
+
+TEST_F(ClockTest, PostedTasksRunAPassEachInTheirOrder) {
+  std::vector<int> ran;
+  manager.post([&] {
+    ran.push_back(1);
+    manager.post([&] { ran.push_back(3); });
+  });
+  manager.post([&] { ran.push_back(2); });
+  EXPECT_LE(manager.step(), time.now());
+  EXPECT_EQ(ran, (std::vector{1, 2}));
+  manager.step();
+  EXPECT_EQ(ran, (std::vector{1, 2, 3}));
+}
+
+}  // namespace

@@ -1,0 +1,103 @@
+// The generic interface over the tables of the model.
+#include <gtest/gtest.h>
+
+#include "platform/model/hardwaregpio.h"
+#include "platform/model/hardwareled.h"
+#include "platform/zel/activity.h"
+
+namespace {
+
+using Hardware::Gpio::CorvelGpioLedConfig;
+using Hardware::Gpio::CorvelPinConfig;
+using Hardware::Gpio::GpioLedConfig;
+using Zel::GenericIf;
+using Zel::Operation;
+using Zel::Ptr;
+using Zel::Value;
+
+template <class... V>
+Value perform(Zel::Notifier& object, Operation operation, const char* attribute, V&&... arguments) {
+  const std::vector<Value> list{Value(std::forward<V>(arguments))...};
+  return GenericIf::perform(object, operation, attribute, list);
+}
+
+TEST(GenericIf, IndicesRunOnFromTheBase) {
+  const auto& type = GpioLedConfig::typeNode();
+  EXPECT_EQ(type.base(), &Zel::Entity::typeNode());
+  EXPECT_EQ(type.firstIndex(), Zel::Entity::typeNode().endIndex());
+  EXPECT_EQ(type.indexOf("name"), 0U);
+  EXPECT_EQ(type.indexOf("ready"), type.endIndex() - 1);
+  EXPECT_EQ(type.indexOf("nothing"), type.endIndex());
+  const auto led = Zel::allocate<GpioLedConfig>("L");
+  bool handled = true;
+  GpioLedConfig::dispatch(*led, Operation::get, 0, {}, handled);
+  EXPECT_FALSE(handled) << "the base's range is not this class's";
+  EXPECT_EQ(GenericIf::perform(*led, Operation::get, 0), Value("L"));
+}
+
+TEST(GenericIf, DoesWhatTheTableAllowsAndNothingElse) {
+  const auto led = Zel::allocate<GpioLedConfig>("L");
+  perform(*led, Operation::set, "ready", true);
+  EXPECT_TRUE(led->ready());
+  perform(*led, Operation::set, "gpioGreenName", Value::List{"g1", "g2"});
+  EXPECT_EQ(perform(*led, Operation::get, "gpioGreenName"), Value(Value::List{"g1", "g2"}));
+  EXPECT_EQ(perform(*led, Operation::iterate, "gpioGreenName"), Value(Value::List{"g1", "g2"}));
+
+  const auto refused = [&](auto&& call, const char* says) {
+    try {
+      call();
+      ADD_FAILURE() << says;
+    } catch (const std::exception& error) {
+      EXPECT_NE(std::string(error.what()).find(says), std::string::npos) << error.what();
+    }
+  };
+  refused([&] { perform(*led, Operation::set, "name", "x"); },
+          "operation set is not supported on 'name' of Zel::Entity; it allows get");
+  refused([&] { perform(*led, Operation::del, "ready"); }, "it allows get, set");
+  refused([&] { perform(*led, Operation::invoke, "ready"); }, "operation invoke is not supported");
+  refused([&] { perform(*led, Operation::set, "ready", 1); },
+          "found a whole number (1), wanted true or false");
+  refused([&] { perform(*led, Operation::set, "ready"); }, "found 0 arguments, wanted 1");
+  refused([&] { perform(*led, Operation::get, "colour"); },
+          "'colour' is no attribute of Hardware::Gpio::GpioLedConfig");
+  EXPECT_THROW(perform(*led, Operation::set, "name", "x"), Zel::OperationNotSupportedException);
+  EXPECT_TRUE(led->ready());
+}
+
+TEST(GenericIf, CollectionsMakeFindAndRemoveMembers) {
+  const auto dir = Zel::allocate<Hardware::Gpio::GpioLedSystemConfigDir>("map");
+  const Value made = perform(*dir, Operation::set, "gpioLeds", "A/1");
+  EXPECT_EQ(made, perform(*dir, Operation::get, "gpioLeds", "A/1"));
+  EXPECT_EQ(made.as<Value::Object>()->pointer, dir->gpioLeds("A/1"));
+  EXPECT_EQ(dir->gpioLeds("A/1")->path(), "map/gpioLeds/A%2F1");
+  EXPECT_EQ(perform(*dir, Operation::iterate, "gpioLeds"), Value(Value::List{"A/1"}));
+  EXPECT_EQ(perform(*dir, Operation::del, "gpioLeds", "A/1"), made);
+  EXPECT_TRUE(dir->gpioLeds().empty());
+  EXPECT_EQ(*perform(*dir, Operation::get, "gpioLeds", "A/1").as<Value::Object>(),
+            Value::Object(nullptr, false));
+
+  const auto led = Zel::allocate<CorvelGpioLedConfig>("L");
+  const auto pin = Zel::allocate<CorvelPinConfig>("p");
+  perform(*led, Operation::set, "gpioRed", Value::Object{pin, false});
+  EXPECT_EQ(led->gpioRed().find("p"), pin);
+  EXPECT_EQ(pin->parent(), nullptr) << "referred to, not owned";
+  EXPECT_THROW(perform(*led, Operation::set, "gpioRed", Value::Object{pin, true}), Zel::ValueError)
+      << "read only";
+  EXPECT_THROW(perform(*led, Operation::set, "gpioRed", Value()), Zel::RangeException) << "null ValidPtr";
+  EXPECT_THROW(perform(*led, Operation::set, "gpioRed", Value::Object{led, false}), Zel::ValueError);
+}
+
+TEST(GenericIf, AReplacedMemberLeavesItsPlaceInOneStep) {
+  const auto dir = Zel::allocate<Hardware::Led::LedSystemConfigDir>("leds");
+  const auto before = dir->ledsIs("A");
+  const auto after = Zel::allocate<Hardware::Led::LedConfig>("A");
+  dir->ledsIs(after);
+  EXPECT_EQ(dir->leds("A"), after);
+  EXPECT_TRUE(before->zelIsGone());
+  EXPECT_EQ(before->parent(), nullptr);
+  EXPECT_FALSE(after->zelIsGone());
+  EXPECT_NE(Zel::valueToStrepOfRawPtr(before.get()), Zel::valueToStrepOfRawPtr(after.get()));
+  EXPECT_EQ(Zel::valueToStrepOfRawPtr(nullptr), "null");
+}
+
+}  // namespace

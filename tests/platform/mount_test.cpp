@@ -1,0 +1,277 @@
+// Mounts: rows into entities and back.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+
+#include "platform/model/hardwaregpio.h"
+#include "platform/model/hardwareled.h"
+#include "platform/statedb/entitymanager.h"
+#include "platform/warden/cagent.h"
+#include "platform/zel/activity.h"
+
+namespace {
+
+using Hardware::Gpio::CorvelPinConfig;
+using Hardware::Led::LedConfig;
+using Hardware::Led::LedSystemConfigDir;
+using Statedb::Change;
+using Statedb::Durability;
+using Zel::Ptr;
+using Zel::Value;
+
+constexpr const char* kLeds = "hardware/led/config";
+constexpr const char* kLedDir = "Hardware::Led::LedSystemConfigDir";
+constexpr const char* kLed = "Hardware::Led::LedConfig";
+constexpr const char* kPin = "Hardware::Gpio::CorvelPinConfig";
+
+class TestAgent : public Zel::Described<TestAgent, Warden::CAgent> {
+ public:
+  static constexpr auto attributes() { return std::tuple{}; }
+  static const Zel::TypeNode& typeNode() {
+    static const Zel::TypeNode type = describe("Test::Agent");
+    return type;
+  }
+  TestAgent(Zel::Name name, std::vector<Statedb::Mount> mounts)
+      : Described(name), mounts_(std::move(mounts)) {}
+  void doInit() override {
+    const auto group = entityManager()->getMountGroup(Ptr<Statedb::Mounter>(this));
+    for (const auto& mount : mounts_) group->doMount(mount);
+    group->doClose(false, "", 0.0);
+    mountGroup = group;
+  }
+  void handleMountStatus(Statedb::MountStatus status) override { statuses.push_back(status); }
+
+  Ptr<Statedb::MountGroup> mountGroup;
+  std::vector<Statedb::MountStatus> statuses;
+
+ private:
+  const std::vector<Statedb::Mount> mounts_;
+};
+
+struct Watcher : Zel::Reactor<Watcher, LedSystemConfigDir::NotifieeConst> {
+  static constexpr const char* kTypeName = "Test::Watcher";
+  Watcher(const Ptr<const LedSystemConfigDir>& dir, std::vector<std::string>& log)
+      : Reactor(dir), lines(log) {}
+  void onLeds(Zel::Name name) override {
+    lines.push_back(name.stdString() + (notifier()->leds().get(name) ? " is there" : " is gone"));
+  }
+  std::vector<std::string>& lines;
+};
+
+class Mounts : public testing::Test {
+ protected:
+  Mounts() {
+    manager->reportIs([this](const std::string& text) { reports.push_back(text); });
+  }
+  ~Mounts() override { manager->stop(); }
+
+  Ptr<TestAgent> agent(std::vector<Statedb::Mount> mounts) {
+    auto made = Zel::allocate<TestAgent>("agent", std::move(mounts));
+    made->entityManagerIs(manager);
+    made->doInit();
+    EXPECT_TRUE(made->statuses.empty()) << "completion is reported later";
+    settle();
+    return made;
+  }
+  void settle() {
+    for (int i = 0; i < 10; ++i) {
+      store.flush();
+      activity.step();
+    }
+    store.flush();
+  }
+  void write(const Statedb::Changes& changes) {
+    store.write(changes, Durability::stored);
+    store.flush();
+  }
+  template <class T>
+  Ptr<T> at(const std::string& path) {
+    return Zel::dynamicPtrCast<T>(manager->entityAt(path));
+  }
+
+  Zel::System::ManualTime time;
+  Zel::ActivityManager activity;
+  Statedb::MemoryStore store;
+  Ptr<Statedb::EntityManager> manager = Zel::allocate<Statedb::EntityManager>(store);
+  std::vector<std::string> reports;
+  std::vector<std::string> lines;
+};
+
+TEST_F(Mounts, NestedMountsShareTheirEntitiesAndWhatIsNotThereIsEmpty) {
+  write({Change::put("hardware/gpio/config/led/gpioLeds/A", "Hardware::Gpio::GpioLedConfig", "", {})});
+  write({Change::put("hardware/gpio/config/led", "Hardware::Gpio::GpioLedSystemConfigDir", "", {})});
+  write({Change::put("hardware/gpio/config/led/gpioLeds/A", "Hardware::Gpio::GpioLedConfig", "ready", true)});
+  const auto made = agent({{"hardware/gpio/config/led", "Hardware::Gpio::GpioLedSystemConfigDir", "r"},
+                           {kLeds, kLedDir, "r"},
+                           {"hardware/gpio/config", "Zel::Dir", "r"}});
+  EXPECT_EQ(made->statuses, std::vector{Statedb::mountSuccess_});
+  const auto outer = Zel::dynamicPtrCast<Zel::Dir>(manager->getEntity("hardware/gpio/config"));
+  ASSERT_TRUE(outer);
+  EXPECT_EQ(outer->entityRef("led"), manager->getEntity("hardware/gpio/config/led"));
+  EXPECT_TRUE(at<Hardware::Gpio::GpioLedConfig>("hardware/gpio/config/led/gpioLeds/A")->ready());
+  EXPECT_TRUE(Zel::dynamicPtrCast<LedSystemConfigDir>(manager->getEntity(kLeds))->leds().empty());
+  EXPECT_FALSE(manager->getEntity("hardware/gpio")) << "on the way, but not mounted";
+  EXPECT_FALSE(manager->getEntity("hardware/gpio/config/led/gpioLeds/A"));
+}
+
+TEST_F(Mounts, AGroupFailsWithPathTypeFoundAndTypeAsked) {
+  write({Change::put(kLeds, "Zel::Dir", "", {}), Change::put("x", "No::Such", "", {})});
+  const auto made = agent({{kLeds, kLedDir, "r"}, {"x", "Zel::Dir", "r"}, {"y", "Gone::Type", "r"}});
+  EXPECT_EQ(made->statuses, std::vector{Statedb::mountFailure_});
+  EXPECT_EQ(made->mountGroup->failures(),
+            (std::vector<std::string>{"mount of 'hardware/led/config': found an entity of type Zel::Dir, "
+                                      "asked for Hardware::Led::LedSystemConfigDir",
+                                      "mount of 'x': found an entity of type No::Such, asked for Zel::Dir",
+                                      "mount of 'y': the type asked for, Gone::Type, is unknown"}));
+  EXPECT_THROW(made->mountGroup->doMount({"z", "Zel::Dir", "r"}), Zel::RangeException) << "closed";
+}
+
+TEST_F(Mounts, ADeleteAndARecreationThatArriveTogetherAreTwoSteps) {
+  agent({{kLeds, kLedDir, "r"}});
+  const std::string path = std::string(kLeds) + "/leds/Status";
+  write({Change::put(kLeds, kLedDir, "", {}), Change::put(path, kLed, "theme", "a")});
+  const auto watcher = Zel::allocate<Watcher>(at<LedSystemConfigDir>(kLeds), lines);
+  const auto before = at<LedConfig>(path);
+  write({Change::del(path), Change::put(path, kLed, "", {}), Change::put(path, kLed, "theme", "b")});
+  settle();
+  EXPECT_EQ(lines, (std::vector<std::string>{"Status is gone", "Status is there"}));
+  EXPECT_NE(at<LedConfig>(path), before);
+  EXPECT_EQ(at<LedConfig>(path)->theme(), Zel::Name("b"));
+}
+
+TEST_F(Mounts, AMountedEntityThatIsDeletedStaysAndIsEmptied) {
+  agent({{kLeds, kLedDir, "r"}});
+  write({Change::put(kLeds, kLedDir, "palette", "warm"),
+         Change::put(std::string(kLeds) + "/leds/A", kLed, "", {})});
+  const auto dir = at<LedSystemConfigDir>(kLeds);
+  const auto watcher = Zel::allocate<Watcher>(dir, lines);
+  write({Change::del("hardware")});
+  settle();
+  EXPECT_EQ(at<LedSystemConfigDir>(kLeds), dir);
+  EXPECT_TRUE(dir->leds().empty());
+  EXPECT_TRUE(dir->palette().empty());
+  EXPECT_EQ(lines, std::vector<std::string>{"A is gone"}) << "each by its key";
+}
+
+TEST_F(Mounts, ARowThatDoesNotFitIsRefusedAndTheRestGoesOn) {
+  agent({{kLeds, kLedDir, "r"}});
+  const std::string path = std::string(kLeds) + "/leds/A";
+  write({Change::put(kLeds, kLedDir, "", {}),
+         Change::put(path, kLed, "lightSetting", Value::Fields{{"green", true}})});
+  write({Change::put(path, kLed, "lightSetting", Value::Fields{{"flashInterval", -1}}),
+         Change::put(path, kLed, "colour", "red"), Change::put(path, kLed, "theme", "t")});
+  EXPECT_TRUE(at<LedConfig>(path)->lightSetting().green) << "the last good value stays";
+  EXPECT_EQ(at<LedConfig>(path)->theme(), Zel::Name("t"));
+  ASSERT_EQ(reports.size(), 2U);
+  EXPECT_NE(reports[0].find(path + " lightSetting: flashInterval: found a whole number (-1)"),
+            std::string::npos)
+      << reports[0];
+  EXPECT_NE(reports[1].find(path + " colour: 'colour' is no attribute"), std::string::npos) << reports[1];
+  EXPECT_EQ(manager->refusals(), 2U);
+}
+
+// What the agent writes is told once a pass, with the values at its end; what the store says is not told
+// back.
+TEST_F(Mounts, WhatIsWrittenIsPublishedOnceAPass) {
+  struct Batches : Statedb::Feed {
+    void onSnapshot(const std::vector<Statedb::Row>&) override {}
+    void onChanges(const Statedb::Changes& changes) override { batches.push_back(changes); }
+    std::vector<Statedb::Changes> batches;
+  } told;
+  const std::string out = "hardware/corvel/gpio/config";
+  agent({{out, "Zel::Dir", "wi"}});
+  store.subscribe(out, told);
+  const auto dir = at<Zel::Dir>(out);
+  const auto pin = Zel::dynamicPtrCast<CorvelPinConfig>(dir->entryIs("p/1", kPin));
+  pin->valueIs(1);
+  dir->entryIs("p2", kPin);
+  settle();
+  ASSERT_EQ(told.batches.size(), 1U);
+  EXPECT_EQ(told.batches[0],
+            (Statedb::Changes{
+                Change::put(out + "/p%2F1", kPin, "", {}), Change::put(out + "/p%2F1", kPin, "value", 1),
+                Change::put(out + "/p2", kPin, "", {}), Change::put(out + "/p2", kPin, "value", 0)}));
+  pin->valueIs(0);
+  pin->valueIs(1);
+  settle();
+  EXPECT_EQ(told.batches.size(), 1U) << "back where it was: no news";
+  pin->valueIs(0);
+  dir->entryDel("p2");
+  settle();
+  ASSERT_EQ(told.batches.size(), 2U);
+  EXPECT_EQ(told.batches[1],
+            (Statedb::Changes{Change::put(out + "/p%2F1", kPin, "value", 0), Change::del(out + "/p2")}));
+
+  const auto published = manager->published();
+  write({Change::put(out + "/p%2F1", kPin, "value", 1), Change::put(out + "/p3", kPin, "value", 1)});
+  settle();
+  EXPECT_EQ(pin->value(), 1U);
+  EXPECT_EQ(at<CorvelPinConfig>(out + "/p3")->value(), 1U);
+  EXPECT_EQ(manager->published(), published);
+  at<CorvelPinConfig>(out + "/p3")->valueIs(0);
+  settle();
+  EXPECT_EQ(told.batches.back(), (Statedb::Changes{Change::put(out + "/p3", kPin, "value", 0)}));
+}
+
+// A store that says all again after a lost connection.
+struct Reconnecting : Statedb::MemoryStore {
+  void subscribe(const std::string& path, Statedb::Feed& feed) override {
+    feed_ = &feed;
+    path_ = path;
+    feed.onSnapshot(read(path));
+  }
+  void unsubscribe(Statedb::Feed&) override {}
+  void reconnect() { feed_->onSnapshot(read(path_)); }
+  Statedb::Feed* feed_ = nullptr;
+  std::string path_;
+};
+
+TEST_F(Mounts, AfterALostConnectionOnlyDifferencesAreApplied) {
+  Reconnecting remote;
+  const auto other = Zel::allocate<Statedb::EntityManager>(remote);
+  const auto path = [](int i) { return std::string(kLeds) + "/leds/L" + std::to_string(i); };
+  std::mt19937 random(5);
+  std::map<std::string, std::string> reference;
+  const auto made = Zel::allocate<TestAgent>("agent", std::vector<Statedb::Mount>{{kLeds, kLedDir, "r"}});
+  made->entityManagerIs(other);
+  made->doInit();
+  settle();
+  const auto dir = Zel::dynamicPtrCast<LedSystemConfigDir>(other->getEntity(kLeds));
+  const auto watcher = Zel::allocate<Watcher>(dir, lines);
+  remote.write({Change::put(kLeds, kLedDir, "", {})}, Durability::stored);
+  for (int round = 0; round < 60; ++round) {
+    for (int i = 0; i < 6; ++i) {
+      const std::string led = path(static_cast<int>(random() % 12));
+      if (random() % 3 == 0) {
+        remote.write({Change::del(led)}, Durability::stored);
+        reference.erase(led);
+      } else {
+        const std::string theme = random() % 3 ? "t" + std::to_string(random() % 3) : "";
+        remote.write({Change::del(led), Change::put(led, kLed, "", {})}, Durability::stored);
+        if (!theme.empty()) remote.write({Change::put(led, kLed, "theme", theme)}, Durability::stored);
+        reference[led] = theme;
+      }
+    }
+    std::map<Zel::Name, Ptr<LedConfig>> before;
+    for (const auto& led : dir->leds()) before[led->name()] = led;
+    remote.reconnect();
+    settle();
+    std::map<std::string, std::string> found;
+    std::size_t changed = 0;
+    for (const auto& led : dir->leds()) {
+      found[led->path()] = led->theme().stdString();
+      changed += before.contains(led->name()) ? 0 : 1;
+    }
+    ASSERT_EQ(found, reference) << "round " << round;
+    for (const auto& [name, led] : before)
+      if (dir->leds(name))
+        EXPECT_EQ(dir->leds(name), led) << "kept, not swapped";
+      else
+        ++changed;
+    EXPECT_EQ(std::exchange(lines, {}).size(), changed) << "only what came or went is announced";
+  }
+  other->stop();
+}
+
+}  // namespace

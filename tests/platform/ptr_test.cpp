@@ -1,0 +1,156 @@
+// Counted objects: pointers, typed allocation and its tracker.
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "platform/zel/dir.h"
+#include "platform/zel/exception.h"
+
+namespace {
+
+using Zel::Ptr;
+
+struct Log {
+  std::vector<std::string> lines;
+};
+
+class Thing : public Zel::Described<Thing, Zel::Entity> {
+ public:
+  static constexpr auto attributes() { return std::tuple{}; }
+  static const Zel::TypeNode& typeNode() {
+    static const Zel::TypeNode type = describe("Test::Thing");
+    return type;
+  }
+  explicit Thing(Zel::Name name, Log* log = nullptr, bool fails = false) : Described(name), log_(log) {
+    const Ptr<Thing> self(this);  // a constructor may hand out pointers to itself
+    if (fails) throw std::runtime_error("no thing");
+  }
+  void hasNotificationActiveIs(bool active) override {
+    if (log_) log_->lines.push_back(active ? "on" : "off");
+    Described::hasNotificationActiveIs(active);
+  }
+
+  Ptr<Thing> other;
+
+ protected:
+  ~Thing() override {
+    const Ptr<Thing> self(this);  // nor does one made while it ends end it twice
+    if (log_) log_->lines.push_back("gone");
+  }
+
+ private:
+  Log* log_;
+};
+
+TEST(Ptr, TheLastReferenceEndsTheObjectAndOnlyTheLast) {
+  Log log;
+  auto a = Zel::allocate<Thing>("a", &log);
+  EXPECT_EQ(a->references(), 1U);
+  EXPECT_TRUE(a->hasNotificationActive());
+  Ptr<const Thing> b = a;
+  auto& self = a;
+  a = self;  // its own value
+  a = Ptr<Thing>(a.get());
+  EXPECT_EQ(a->references(), 2U);
+  a = nullptr;
+  EXPECT_EQ(log.lines, (std::vector<std::string>{"on"}));
+  b = nullptr;
+  EXPECT_EQ(log.lines, (std::vector<std::string>{"on", "gone"}));
+}
+
+// What the dropped object destroys must find the pointer changed already.
+TEST(Ptr, AssignmentStoresBeforeItDrops) {
+  Ptr<Thing> slot;
+  struct Peek : Thing {
+    Peek(Ptr<Thing>& watched, Thing*& saw) : Thing("peek"), slot(watched), seen(saw) {}
+    ~Peek() override { seen = slot.get(); }
+    Ptr<Thing>& slot;
+    Thing*& seen;
+  };
+  Thing* seen = nullptr;
+  slot = Zel::allocate<Peek>(slot, seen);
+  const auto next = Zel::allocate<Thing>("next");
+  slot = next;
+  EXPECT_EQ(seen, next.get());
+
+  slot->other = Zel::allocate<Thing>("tail");
+  slot = slot->other;  // what the new value hangs on goes with the old one
+  EXPECT_EQ(slot->name(), Zel::Name("tail"));
+}
+
+TEST(Ptr, DownCastYieldsNullOnAMismatch) {
+  const Ptr<Zel::Entity> entity = Zel::allocate<Thing>("a");
+  EXPECT_TRUE(Zel::dynamicPtrCast<Thing>(entity));
+  EXPECT_FALSE(Zel::dynamicPtrCast<Zel::Dir>(entity));
+  EXPECT_FALSE(Zel::dynamicPtrCast<Thing>(Ptr<Zel::Entity>()));
+}
+
+TEST(Ptr, CountsHoldAcrossThreadsWhereTheSwitchIsOn) {
+  Zel::enableThreadSafePointersIs(true);
+  const auto thing = Zel::allocate<Thing>("shared");
+  const Zel::String text("a text that is shared");
+  const auto copy = [&] {
+    for (int i = 0; i < 20000; ++i) {
+      const Ptr<Thing> mine = thing;
+      const Zel::String words = text;
+    }
+  };
+  std::thread other(copy);
+  copy();
+  other.join();
+  EXPECT_EQ(thing->references(), 1U);
+  Zel::enableThreadSafePointersIs(false);
+}
+
+TEST(Allocate, TheTrackerIsBalancedAlsoWhenConstructionThrows) {
+  const auto& tracker = Thing::typeNode().allocations();
+  const auto objects = tracker.objects();
+  const auto bytes = tracker.bytes();
+  EXPECT_THROW(Zel::allocate<Thing>("a", nullptr, true), std::runtime_error);
+  EXPECT_EQ(tracker.objects(), objects);
+  {
+    const auto thing = Zel::allocate<Thing>("a");
+    EXPECT_EQ(tracker.objects(), objects + 1);
+    EXPECT_EQ(tracker.bytes(), bytes + sizeof(Thing));
+  }
+  EXPECT_EQ(tracker.objects(), objects);
+  EXPECT_EQ(tracker.bytes(), bytes);
+}
+
+TEST(TypeRegistry, TypesComeAndGoInTheOrderOfARegistration) {
+  EXPECT_EQ(Zel::typeNode("Test::Thing"), nullptr);
+  {
+    const Zel::TypeRegistration registration{&Thing::typeNode};
+    EXPECT_EQ(Zel::typeNode("Test::Thing"), &Thing::typeNode());
+  }
+  EXPECT_EQ(Zel::typeNode("Test::Thing"), nullptr);
+  EXPECT_EQ(Zel::typeNode("Zel::Dir"), &Zel::Dir::typeNode());
+}
+
+TEST(Dir, EntriesAreMadeByTypeNameAndKeepTheirIdentity) {
+  const auto dir = Zel::allocate<Zel::Dir>("top");
+  const auto made = dir->entryIs("a/b", "Zel::Dir");
+  EXPECT_EQ(dir->entryIs("a/b", "Environment::Cooling::Config"), made) << "kept, whatever its type";
+  EXPECT_EQ(dir->entityRef("a/b"), made);
+  EXPECT_EQ(made->path(), "top/a%2Fb");
+  EXPECT_THROW(dir->entryIs("c", "No::Such::Type"), Zel::RangeException);
+  EXPECT_THROW(dir->entryIs("c", "Zel::Entity"), Zel::RangeException);
+  EXPECT_EQ(dir->entryDel("a/b"), made);
+  EXPECT_EQ(dir->entryDel("a/b"), nullptr);
+  EXPECT_EQ(made->parent(), nullptr);
+}
+
+TEST(Entity, AParentIsHeldByWhatIsAttachedAndNotByWhatLivesInIt) {
+  auto parent = Zel::allocate<Zel::Dir>("parent");
+  auto attached = Zel::allocate<Thing>("attached");
+  attached->parentIs(parent);
+  const auto inside = parent->entryIs("inside", "Zel::Dir");
+  EXPECT_EQ(parent->references(), 2U);
+  EXPECT_EQ(attached->path(), "parent/attached");
+  attached->parentIs(nullptr);
+  EXPECT_EQ(parent->references(), 1U);
+  parent = nullptr;
+  EXPECT_EQ(inside->parent(), nullptr) << "an entry outlives its directory without a parent";
+}
+
+}  // namespace

@@ -1,0 +1,115 @@
+// Names, strings, values, and the encoding of names in paths.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <sstream>
+
+#include "platform/model/led.h"
+#include "platform/zel/entity.h"
+#include "platform/zel/exception.h"
+
+namespace {
+
+TEST(Name, EqualTextsAreOneNameAndLookUpsAddNothing) {
+  const std::string text = "Ethernet3/1";
+  const Zel::Name name(text);
+  EXPECT_EQ(name, Zel::Name("Ethernet3/1"));
+  EXPECT_EQ(std::hash<Zel::Name>()(name), std::hash<Zel::Name>()(Zel::Name(text)));
+  EXPECT_EQ(sizeof(name), 4U);
+  const auto count = Zel::Name::count();
+  EXPECT_FALSE(Zel::Name::existing("a text that nobody interned"));
+  EXPECT_EQ(Zel::Name::existing(text), name);
+  EXPECT_EQ(Zel::Name::count(), count);
+  EXPECT_LT(Zel::Name("a"), Zel::Name("b"));
+  EXPECT_TRUE(Zel::Name("").empty());
+}
+
+TEST(Name, ManyNamesKeepTheirTexts) {
+  std::vector<Zel::Name> names;
+  for (int i = 0; i < 20000; ++i) names.emplace_back("many" + std::to_string(i));
+  for (int i = 0; i < 20000; ++i)
+    ASSERT_EQ(names[static_cast<std::size_t>(i)].view(), "many" + std::to_string(i));
+}
+
+TEST(String, SharesComparesAndJoins) {
+  const Zel::String a("one", 3);
+  const Zel::String b = a;
+  EXPECT_EQ(a.charPtr(), b.charPtr());
+  EXPECT_EQ(a + b, "oneone");
+  EXPECT_EQ("<" + a + ">", Zel::String(std::string("<one>")));
+  EXPECT_LT(Zel::String("a"), Zel::String("b"));
+  EXPECT_EQ(Zel::String("a\0b", 3).length(), 3U);
+  Zel::String c;
+  c = std::string("text");
+  EXPECT_EQ(c.stdString(), "text");
+  EXPECT_STREQ(Zel::String().charPtr(), "");
+  EXPECT_EQ(Zel::format("Active%d of %s", 12, "x"), "Active12 of x");
+  EXPECT_EQ(Zel::format("%s", ""), "");
+}
+
+TEST(Path, EveryNameIsOneComponentAndComesBack) {
+  for (const std::string name : {"Ethernet3/1", "100%", "a\nb", ".", "..", "plain name", "\x7f", "é"}) {
+    const std::string component = Zel::escapeComponent(name);
+    EXPECT_EQ(component.find('/'), std::string::npos);
+    EXPECT_NE(component, "..");
+    EXPECT_EQ(Zel::unescapeComponent(component), name);
+  }
+  for (const std::string wrong : {"a%2", "a%zz", "%41", "%2f", "a/b", ".."})
+    EXPECT_THROW(Zel::unescapeComponent(wrong), Zel::ValueError) << wrong;
+}
+
+TEST(Value, FieldsAreEqualWhateverTheirOrder) {
+  const Zel::Value a = Zel::Value::Fields{{"x", 1}, {"y", true}};
+  const Zel::Value b = Zel::Value::Fields{{"y", true}, {"x", 1}};
+  EXPECT_EQ(a, b);
+  EXPECT_NE(a, Zel::Value(Zel::Value::Fields{{"x", 1}}));
+  EXPECT_NE(Zel::Value(1), Zel::Value(true));
+}
+
+TEST(LightSetting, ReadsItsFieldsAndSaysWhatIsWrong) {
+  using Traits = Zel::ValueTraits<Led::LightSetting>;
+  const auto setting = Traits::fromValue(Zel::Value::Fields{{"green", true}, {"flashInterval", 1}});
+  EXPECT_TRUE(setting.green);
+  EXPECT_EQ(setting.flashInterval, 1.0);
+  EXPECT_EQ(setting.brightness, 100U);
+  EXPECT_EQ(Traits::fromValue(Traits::toValue(setting)), setting);
+
+  const struct {
+    Zel::Value value;
+    const char* says;
+  } wrong[] = {
+      {Zel::Value::Fields{{"blue", true}}, "unknown field 'blue'; the fields are orange, green, red, yellow"},
+      {Zel::Value::Fields{{"green", 1}}, "green: found a whole number (1), wanted true or false"},
+      {Zel::Value::Fields{{"flashInterval", -0.5}},
+       "flashInterval: found a number (-0.5), wanted seconds, finite"},
+      {Zel::Value::Fields{{"flashInterval", std::nan("")}}, "wanted seconds, finite and not negative"},
+      {Zel::Value::Fields{{"flashInterval", INFINITY}}, "wanted seconds, finite and not negative"},
+      {Zel::Value::Fields{{"brightness", 101}}, "wanted a whole number from 0 to 100"},
+      {"green", "found a text (\"green\"), wanted fields"},
+  };
+  for (const auto& [value, says] : wrong) {
+    try {
+      Traits::fromValue(value);
+      ADD_FAILURE() << says;
+    } catch (const Zel::ValueError& error) {
+      EXPECT_NE(std::string(error.what()).find(says), std::string::npos) << error.what();
+    }
+  }
+}
+
+TEST(LightSetting, PrintsWhatIsNotDefault) {
+  const auto text = [](const Led::LightSetting& setting) {
+    std::ostringstream out;
+    out << setting;
+    return out.str();
+  };
+  Led::LightSetting setting;
+  EXPECT_EQ(text(setting), "{off}");
+  setting.red = setting.orange = true;
+  setting.flashInterval = 0.5;
+  EXPECT_EQ(text(setting), "{orange red, flash 0.5 s}");
+  setting.flashInterval = std::nan("");
+  EXPECT_EQ(setting, Led::LightSetting(setting)) << "an interval that is no number equals itself";
+}
+
+}  // namespace

@@ -1,0 +1,72 @@
+// The trace facility.
+#include <gtest/gtest.h>
+
+#include <regex>
+
+#include "platform/zel/trace.h"
+#include "platform/zel/value.h"
+
+namespace {
+
+class Trace : public testing::Test {
+ protected:
+  Trace() {
+    Zel::traceSinkIs([this](std::string_view line) { lines.emplace_back(line); });
+  }
+  ~Trace() override { Zel::traceSinkIs(nullptr); }
+
+  std::vector<std::string> lines;
+};
+
+struct Counted {
+  int& printed;
+};
+std::ostream& operator<<(std::ostream& out, const Counted& counted) {
+  ++counted.printed;
+  return out << "counted";
+}
+
+TEST_F(Trace, FormatsOnlyWhatIsEnabled) {
+  const Zel::TraceHandle handle("TraceTest", false);
+  int printed = 0;
+  const auto record = [&](unsigned level) {
+    Zel::traceRecord(handle, level, "Source", 263, "aFunction",
+                     [&](std::ostream& out) { out << Counted{printed} << "\nline"; });
+  };
+  record(6);
+  EXPECT_EQ(printed, 0);
+  Zel::traceLevelsIs("TraceTest/3,6-7");
+  for (const unsigned level : {2U, 3U, 5U, 6U, 7U, 8U}) record(level);
+  EXPECT_EQ(printed, 3);
+  ASSERT_EQ(lines.size(), 3U);
+  EXPECT_TRUE(std::regex_match(
+      lines[1],
+      std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6} TraceTest 6 Source:263 aFunction: counted line)")))
+      << lines[1];
+}
+
+TEST_F(Trace, AHelperIsDisposedOfAlsoWhenStreamingThrows) {
+  Zel::traceLevelsIs("TraceTest/*");
+  const Zel::TraceHandle handle("TraceTest", false);
+  const auto fail = [](std::ostream&) { throw std::runtime_error("no text"); };
+  EXPECT_THROW(Zel::traceRecord(handle, 1, "S", 1, "f", fail), std::runtime_error);
+  EXPECT_TRUE(lines.empty());
+  Zel::TraceHelperStorage storage;
+  Zel::traceLevelsIs("TraceTest/");
+  EXPECT_EQ(Zel::TraceHelper::createIfEnabled(handle, 1, storage), nullptr);
+}
+
+TEST_F(Trace, LevelsAreReadAndWrittenBack) {
+  for (const std::string text : {"3,6-9", "*", "", "0,31", "0-3"}) {
+    Zel::traceLevelsIs("TraceTest/" + text);
+    EXPECT_EQ(Zel::traceLevelsText(Zel::TraceFacility::named("TraceTest").mask()), text);
+  }
+  for (const std::string wrong :
+       {"TraceTest", "/3", "TraceTest/x", "TraceTest/32", "TraceTest/9-6", "TraceTest/1,,2"})
+    EXPECT_THROW(Zel::traceLevelsIs(wrong), Zel::ValueError) << wrong;
+  EXPECT_EQ(Zel::traceLevelsText(Zel::TraceFacility::named("TraceTest").mask()), "0-3")
+      << "a refused text changes nothing";
+  EXPECT_EQ(Zel::TraceFacility::existing("NeverNamed"), nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,17 @@
+# What someone else needs to write an agent: headers, the library, a CMake package and a pkg-config file.
+install(TARGETS pinlamp-platform EXPORT pinlamp-targets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
+install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/pinlamp COMPONENT development
+  FILES_MATCHING PATTERN "*.h" PATTERN "publisher.h" EXCLUDE)
+install(EXPORT pinlamp-targets NAMESPACE Pinlamp:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/pinlamp
+  COMPONENT development)
+
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/pinlamp-config.cmake.in
+  ${PROJECT_BINARY_DIR}/pinlamp-config.cmake INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/pinlamp)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/pinlamp-config-version.cmake COMPATIBILITY SameMinorVersion)
+configure_file(${PROJECT_SOURCE_DIR}/cmake/pinlamp-platform.pc.in ${PROJECT_BINARY_DIR}/pinlamp-platform.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/pinlamp-config.cmake ${PROJECT_BINARY_DIR}/pinlamp-config-version.cmake
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/pinlamp COMPONENT development)
+install(FILES ${PROJECT_BINARY_DIR}/pinlamp-platform.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+  COMPONENT development)

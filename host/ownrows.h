@@ -1,0 +1,63 @@
+// What this process has published into a state database that another process keeps, and how far that is known
+// there.
+//
+// State, not a log: however long the other side is away, what is kept is one value for each attribute.
+#pragma once
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/statedb/row.h"
+
+namespace Host {
+
+class OwnRows {
+ public:
+  // Takes a batch that was published here.
+  void write(const Statedb::Changes& changes);
+
+  // Whether something is to be sent and nothing is under way.
+  bool canSend() const { return !sending_ && !unsent_.empty(); }
+  // What the other side does not know yet, as one batch; it is under way until acknowledged or lost. Removals
+  // come before what was made again in their place.
+  Statedb::Changes send();
+  // The other side has taken, or has refused for good, what was under way.
+  void acknowledged();
+  // The connection is gone, and with it what the other side knew: everything is to be sent again.
+  void lost();
+
+  // A snapshot of the other side as it will be when it knows everything: with what was published here put
+  // over it. Sorted by path.
+  std::vector<Statedb::Row> over(const std::vector<Statedb::Row>& snapshot, const std::string& path) const;
+  // What another process changed there, less what will be overwritten from here. What is left is taken note
+  // of.
+  Statedb::Changes told(const Statedb::Changes& changes);
+
+ private:
+  struct Entity {
+    std::string type;
+    std::vector<std::pair<std::string, Zel::Value>> attributes;
+  };
+  // Steps that the other side does not know: entities that were removed, and attributes (the empty one: that
+  // the entity is there) that were set.
+  struct Unknown {
+    std::set<std::string> removed;
+    std::set<std::pair<std::string, std::string>> set;
+
+    bool empty() const { return removed.empty() && set.empty(); }
+    bool touches(const Statedb::Change& change) const;
+  };
+
+  void put(const Statedb::Row& row, Unknown* note);
+  // Forgets the entities at and under a path; returns whether there were any.
+  bool forget(const std::string& path);
+
+  std::map<std::string, Entity> entities_;  // as they stand here
+  Unknown unsent_;
+  Unknown underWay_;
+  bool sending_ = false;
+};
+
+}  // namespace Host

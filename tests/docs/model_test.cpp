@@ -1,0 +1,92 @@
+// docs/model.md is what the attribute tables say. To write it anew: PINLAMP_WRITE_DOCS=1 docs_test
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "platform/warden/cagent.h"
+#include "platform/zel/type.h"
+
+namespace {
+
+using Zel::AttributeInfo;
+using Zel::TypeNode;
+
+constexpr const char* kHead = R"(# Types, attributes and operations
+
+Generated from the attribute tables that the accessors, the stores and the generic interface share; a test keeps this page
+true. Every attribute has the index that reactors to any attribute hear, counted on from the base's. *Stored* attributes
+are rows in a state database; the others are found on live objects only.
+)";
+
+std::string join(const std::vector<std::string>& texts, const char* separator) {
+  std::string joined;
+  for (const std::string& text : texts) joined += (joined.empty() ? "" : separator) + text;
+  return joined;
+}
+
+std::string typeText(const AttributeInfo& row) {
+  if (row.kind == Zel::Kind::procedure) {
+    std::vector<std::string> parameters;
+    for (const auto& parameter : row.parameters)
+      parameters.push_back((*parameter.name ? parameter.name + std::string(": ") : "") + parameter.type());
+    return "(" + join(parameters, ", ") + ")";
+  }
+  return row.type ? row.type() : "";
+}
+
+std::string operationsText(const AttributeInfo& row) {
+  using Zel::Operation;
+  std::vector<std::string> texts;
+  for (const Operation one : {Operation::get, Operation::set, Operation::del, Operation::iterate, Operation::invoke})
+    if (Zel::allows(row.operations, one)) texts.emplace_back(Zel::operationText(one));
+  return join(texts, ", ");
+}
+
+void print(std::ostream& out, const TypeNode& type) {
+  out << "\n## " << type.name() << "\n\n";
+  if (type.base()) out << "Base: " << type.base()->name() << ".\n\n";
+  if (type.attributes().empty()) {
+    out << "No attributes of its own.\n";
+    return;
+  }
+  out << "| index | attribute | kind | type | operations | stored |\n|---|---|---|---|---|---|\n";
+  Zel::AttributeIndex index = type.firstIndex();
+  for (const AttributeInfo& row : type.attributes()) {
+    if (row.kind == Zel::Kind::reserved)
+      out << "| " << index << " | | reserved | | | |\n";
+    else
+      out << "| " << index << " | `" << row.name << "` | " << Zel::kindText(row.kind) << " | " << typeText(row) << " | "
+          << operationsText(row) << " | " << (row.stored ? "yes" : "") << " |\n";
+    ++index;
+  }
+}
+
+void addWithBases(const TypeNode& type, std::set<const TypeNode*>& seen, std::vector<const TypeNode*>& order) {
+  if (type.base()) addWithBases(*type.base(), seen, order);
+  if (seen.insert(&type).second) order.push_back(&type);
+}
+
+std::string modelPage() {
+  std::vector<const TypeNode*> order;
+  std::set<const TypeNode*> seen;
+  for (const TypeNode* type : Zel::typeNodes())
+    if (!type->attributes().empty()) addWithBases(*type, seen, order);
+  std::ostringstream out;
+  out << kHead;
+  for (const TypeNode* type : order) print(out, *type);
+  return out.str();
+}
+
+TEST(ModelPage, SaysWhatTheTablesSay) {
+  const std::string page = modelPage();
+  EXPECT_NE(page.find("## Pinlamp::GpioLedStateMachine"), std::string::npos) << "the agent's types are registered";
+  if (std::getenv("PINLAMP_WRITE_DOCS")) std::ofstream(PINLAMP_MODEL_PAGE) << page;
+  std::stringstream written;
+  written << std::ifstream(PINLAMP_MODEL_PAGE).rdbuf();
+  EXPECT_EQ(written.str(), page) << "write it anew: PINLAMP_WRITE_DOCS=1 docs_test";
+}
+
+}  // namespace

@@ -1,0 +1,145 @@
+// What a process publishes into a state database elsewhere, under random writes, delays, losses and restarts.
+#include "host/ownrows.h"
+
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <random>
+
+#include "platform/statedb/store.h"
+
+namespace {
+
+using Statedb::Change;
+using Statedb::Changes;
+using Statedb::Row;
+
+using Rows = std::map<std::pair<std::string, std::string>, Zel::Value>;
+
+Rows asRows(const std::vector<Row>& rows) {
+  Rows map;
+  for (const Row& row : rows) map[{row.path, row.attribute}] = row.value;
+  return map;
+}
+
+void carryInto(Rows& rows, const Changes& changes) {
+  for (const Change& change : changes) {
+    const std::string& path = change.row.path;
+    if (change.kind == Change::Kind::del) {
+      std::erase_if(rows, [&](const auto& each) { return Statedb::isUnder(each.first.first, path); });
+    } else {
+      rows.try_emplace({path, ""});
+      rows[{path, change.row.attribute}] = change.row.value;
+    }
+  }
+}
+
+// Two processes and the line between them, on which everything takes its time.
+struct Line : Statedb::Feed {
+  Line() { connect(); }
+
+  void onSnapshot(const std::vector<Row>& rows) override { toClient.push_back({true, false, rows, {}}); }
+  void onChanges(const Changes& changes) override { toClient.push_back({false, false, {}, changes}); }
+
+  void connect() { server->subscribe("", *this); }
+  void lose() {
+    server->unsubscribe(*this);
+    toClient.clear();
+    toServer.clear();
+    own.lost();
+    connect();
+  }
+  // The keeper is started again: what was derived is gone.
+  void restartServer() {
+    server = std::make_unique<Statedb::MemoryStore>();
+    toClient.clear();
+    toServer.clear();
+    own.lost();
+    connect();
+  }
+  void publish(const Changes& changes) {
+    own.write(changes);
+    carryInto(client, changes);
+  }
+  void moveToServer() {
+    if (own.canSend()) toServer.push_back(own.send());
+    if (toServer.empty()) return;
+    server->write(toServer.front(), Statedb::Durability::derived, this);
+    server->flush();
+    toServer.pop_front();
+    toClient.push_back({false, true, {}, {}});
+  }
+  void moveToClient() {
+    if (toClient.empty()) return;
+    const Message message = toClient.front();
+    toClient.pop_front();
+    if (message.snapshot)
+      client = asRows(own.over(message.rows, ""));
+    else if (message.acknowledges)
+      own.acknowledged();
+    else
+      carryInto(client, own.told(message.changes));
+  }
+
+  struct Message {
+    bool snapshot;
+    bool acknowledges;
+    std::vector<Row> rows;
+    Changes changes;
+  };
+  std::unique_ptr<Statedb::MemoryStore> server = std::make_unique<Statedb::MemoryStore>();
+  Host::OwnRows own;
+  Rows client;
+  std::deque<Changes> toServer;
+  std::deque<Message> toClient;
+};
+
+TEST(OwnRows, BothSidesComeToTheSameRowsAndNothingPublishedIsLost) {
+  std::mt19937 random(17);
+  const auto pin = [&] { return "out/p" + std::to_string(random() % 6); };
+  for (int round = 0; round < 200; ++round) {
+    Line line;
+    for (int step = 0; step < 60; ++step) {
+      const std::string path = pin();
+      const int value = static_cast<int>(random() % 2);
+      switch (random() % 9) {
+        case 0:
+          line.publish({Change::del(path)});
+          break;
+        case 1:
+        case 2:
+          line.publish({Change::put(path, "Pin", "", {}), Change::put(path, "Pin", "value", value)});
+          break;
+        case 3:
+          line.server->write({Change::put(path, "Pin", "value", value)}, Statedb::Durability::derived);
+          break;
+        case 4:
+          line.server->write({Change::put("out/x", "Pin", "value", value)}, Statedb::Durability::stored);
+          break;
+        case 5:
+          line.moveToServer();
+          break;
+        case 6:
+          line.moveToClient();
+          break;
+        case 7:
+          if (random() % 5 == 0) line.lose();
+          break;
+        default:
+          if (random() % 12 == 0) line.restartServer();
+      }
+      line.server->flush();
+    }
+    const std::string last = pin();
+    line.publish({Change::del(last), Change::put(last, "Pin", "", {}), Change::put(last, "Pin", "value", 7)});
+    for (int i = 0; i < 500; ++i) {
+      line.moveToServer();
+      line.moveToClient();
+    }
+    ASSERT_EQ(line.client, asRows(line.server->read(""))) << "round " << round;
+    ASSERT_EQ((line.client[{last, "value"}]), Zel::Value(7)) << "round " << round;
+    ASSERT_FALSE(line.own.canSend());
+  }
+}
+
+}  // namespace

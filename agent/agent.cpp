@@ -1,0 +1,99 @@
+#include "agent/agent.h"
+
+#include "agent/factory.h"
+#include "platform/zel/assert.h"
+#include "statemachine/check.h"
+#include "statemachine/trace.h"
+
+namespace Pinlamp {
+
+namespace {
+
+struct MountRequest {
+  const char* path;
+  const char* type;
+  const char* mode;
+};
+
+constexpr const char* kMappingPath = "hardware/gpio/config/led";
+constexpr const char* kLedPath = "hardware/led/config";
+constexpr const char* kPinPath = "hardware/corvel/gpio/config";
+
+// In the order in which they are declared. The agent fetches three of them; it starts only once all are
+// there.
+constexpr MountRequest kMounts[] = {
+    {kMappingPath, "Hardware::Gpio::GpioLedSystemConfigDir", "r"},
+    {kLedPath, "Hardware::Led::LedSystemConfigDir", "r"},
+    {"hardware/led/configInit", "Hardware::Led::LedSystemConfigDir", "r"},
+    {"hardware/fanController/config", "Zel::Dir", "r"},
+    {"environment/cooling/config", "Environment::Cooling::Config", "r"},
+    {"hardware/corvel/gpio/init", "Zel::Dir", "r"},
+    {"hardware/gpio/config", "Zel::Dir", "r"},
+    {kPinPath, "Zel::Dir", "wi"},
+};
+
+template <class T>
+Zel::Ptr<T> fetch(const Statedb::EntityManager& manager, const char* path) {
+  return Zel::dynamicPtrCast<T>(manager.getEntity(path));
+}
+
+}  // namespace
+
+Zel::Ptr<Agent> agentFactory(Zel::Name name) { return valid(Zel::allocate<Agent>(name)); }
+
+const Zel::TypeNode& Agent::typeNode() {
+  static const Zel::TypeNode type = describe("Pinlamp::Agent", &newEntityForDir);
+  return type;
+}
+
+Zel::Ptr<Zel::Entity> Agent::newEntityForDir(const Zel::Name& name, Zel::Dir*) { return agentFactory(name); }
+
+Agent::~Agent() { configReactorDel(); }
+
+void Agent::doInit() {
+  trace(3, 331, "doInit", "doInit");
+  const Zel::Ptr<Statedb::Mounter> self(this);
+  require(entityManager(), "entityManager");
+  const auto group = entityManager()->getMountGroup(self);
+  for (const MountRequest& mount : kMounts)
+    group->doMount(Statedb::Mount(mount.path, mount.type, mount.mode));
+  group->doClose(false, "", 0.0);
+}
+
+void Agent::doMountsComplete(Statedb::MountStatus status,
+                             const Zel::Ptr<Statedb::EntityManager>& entityManager) {
+  trace(3, 359, "doMountsComplete", "doMountsComplete");
+  if (status != Statedb::mountSuccess_)
+    Zel::assertionFailed("status == Statedb::mountSuccess_", "Pinlamp", 360,
+                         "virtual void Pinlamp::Agent::doMountsComplete(Statedb::MountStatus, const Ptr&)");
+  require(entityManager, "entityManager");
+  set<&Agent::gpioLedSystemConfigDir_>(
+      Zel::Ptr<const GpioLedSystemConfigDir>(fetch<GpioLedSystemConfigDir>(*entityManager, kMappingPath)));
+  set<&Agent::hwLedConfigDir_>(
+      Zel::Ptr<const LedSystemConfigDir>(fetch<LedSystemConfigDir>(*entityManager, kLedPath)));
+  set<&Agent::gpioPinConfigDir_>(fetch<Zel::Dir>(*entityManager, kPinPath));
+  configReactorIs(gpioLedSystemConfigDir_, hwLedConfigDir_, gpioPinConfigDir_);
+}
+
+Zel::Ptr<ConfigReactor> Agent::configReactorIs(
+    const Zel::Ptr<const GpioLedSystemConfigDir>& gpioLedSystemConfigDir,
+    const Zel::Ptr<const LedSystemConfigDir>& hwLedConfigDir, const Zel::Ptr<Zel::Dir>& gpioPinConfigDir) {
+  if (configReactor_ && configReactor_->gpioLedSystemConfigDir() == gpioLedSystemConfigDir &&
+      configReactor_->hwLedConfigDir() == hwLedConfigDir &&
+      configReactor_->gpioPinConfigDir() == gpioPinConfigDir)
+    return configReactor_;
+  configReactor_ = ConfigReactor::ConfigReactorIs(gpioLedSystemConfigDir, hwLedConfigDir, gpioPinConfigDir);
+  configReactor_->hasNotificationActiveIs(true);
+  announce<&Agent::configReactor>();
+  return valid(configReactor_);
+}
+
+Zel::Ptr<ConfigReactor> Agent::configReactorDel() {
+  auto reactor = std::exchange(configReactor_, nullptr);
+  if (!reactor) return nullptr;
+  reactor->hasNotificationActiveIs(false);
+  announce<&Agent::configReactor>();
+  return reactor;
+}
+
+}  // namespace Pinlamp

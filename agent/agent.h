@@ -1,0 +1,68 @@
+// The agent: declares what it mounts, and hands the mounted directories to its configuration reactor, which
+// does all the work.
+//
+// Activity thread only.
+#pragma once
+
+#include "platform/warden/cagent.h"
+#include "reactor/configreactor.h"
+
+namespace Pinlamp {
+
+// Owned by the host that made it with agentFactory.
+class Agent : public Zel::Described<Agent, Warden::CAgent> {
+ public:
+  using GpioLedSystemConfigDir = Hardware::Gpio::GpioLedSystemConfigDir;
+  using LedSystemConfigDir = Hardware::Led::LedSystemConfigDir;
+
+  static constexpr auto attributes() {
+    return std::tuple{
+        Zel::row::procedure<&Agent::mountsComplete>("doMountsComplete", "status"),
+        Zel::row::procedure<&Agent::doInit>("doInit"),
+        Zel::row::value<&Agent::gpioPinConfigDir_>("gpioPinConfigDir", Zel::row::kGet),
+        Zel::row::value<&Agent::gpioLedSystemConfigDir_>("gpioLedSystemConfigDir", Zel::row::kGet),
+        Zel::row::value<&Agent::hwLedConfigDir_>("hwLedConfigDir", Zel::row::kGet),
+        Zel::row::accessor<&Agent::configReactor, &Agent::configReactorIs, &Agent::configReactorDel>(
+            "configReactor"),
+    };
+  }
+  static const Zel::TypeNode& typeNode();
+
+  explicit Agent(Zel::Name name) : Described(name) {}
+  // Makes an agent inside a directory, which it does not look at.
+  static Zel::Ptr<Zel::Entity> newEntityForDir(const Zel::Name& name, Zel::Dir* dir);
+
+  // Declares the mounts. REQUIRES: the entity manager is set.
+  void doInit() override;
+  // Fetches the mounted directories and makes the reactor. A directory that is missing, or of another type,
+  // is null from here on. A status other than success stops the process.
+  void doMountsComplete(Statedb::MountStatus status,
+                        const Zel::Ptr<Statedb::EntityManager>& entityManager) override;
+
+  // The mounted directories; null before the mounts are complete.
+  const Zel::Ptr<Zel::Dir>& gpioPinConfigDir() const { return gpioPinConfigDir_; }
+  const Zel::Ptr<const GpioLedSystemConfigDir>& gpioLedSystemConfigDir() const {
+    return gpioLedSystemConfigDir_;
+  }
+  const Zel::Ptr<const LedSystemConfigDir>& hwLedConfigDir() const { return hwLedConfigDir_; }
+
+  // The one reactor; null where there is none. `Is` returns the one that is there where it was made from the
+  // same three directories, else it puts a new one in its place. `Del` switches the reactor's notifications
+  // off and returns it.
+  const Zel::Ptr<ConfigReactor>& configReactor() const { return configReactor_; }
+  Zel::Ptr<ConfigReactor> configReactorIs(
+      const Zel::Ptr<const GpioLedSystemConfigDir>& gpioLedSystemConfigDir,
+      const Zel::Ptr<const LedSystemConfigDir>& hwLedConfigDir, const Zel::Ptr<Zel::Dir>& gpioPinConfigDir);
+  Zel::Ptr<ConfigReactor> configReactorDel();
+
+ protected:
+  ~Agent() override;
+
+ private:
+  Zel::Ptr<Zel::Dir> gpioPinConfigDir_;
+  Zel::Ptr<const GpioLedSystemConfigDir> gpioLedSystemConfigDir_;
+  Zel::Ptr<const LedSystemConfigDir> hwLedConfigDir_;
+  Zel::Ptr<ConfigReactor> configReactor_;
+};
+
+}  // namespace Pinlamp

@@ -1,0 +1,17 @@
+// The entry point of the agent's plug-in.
+#pragma once
+
+#include "platform/zel/export.h"
+#include "platform/zel/name.h"
+#include "platform/zel/ptr.h"
+
+namespace Pinlamp {
+
+class Agent;
+
+// Makes an agent of that name. A host looks the function up by its name in the loaded library, and takes what
+// it returns as the Warden::CAgent that every agent is. The library must stay loaded as long as the agent
+// lives.
+ZEL_API Zel::Ptr<Agent> agentFactory(Zel::Name name);
+
+}  // namespace Pinlamp

@@ -1,0 +1,333 @@
+#include "reactor/configreactor.h"
+
+#include <array>
+
+#include "statemachine/check.h"
+#include "statemachine/trace.h"
+
+namespace Pinlamp {
+
+namespace {
+
+using Mapping = Hardware::Gpio::GpioLedConfig;
+using Output = Hardware::Gpio::CorvelGpioLedConfig;
+using Pin = Hardware::Gpio::CorvelPinConfig;
+
+struct Colour {
+  const char* name;
+  int line;  // that the record of a new pin carries
+  const Zel::NameSet& (Mapping::*wanted)() const;
+  void (Output::*add)(const Zel::Ptr<Pin>&);
+  const Output::Pins& (Output::*pins)() const;
+};
+
+// In the order in which pins are made and removed.
+constexpr std::array<Colour, 4> kColours{{
+    {"yellow", 263, &Mapping::gpioYellowName, &Output::gpioYellowIs, &Output::gpioYellow},
+    {"green", 273, &Mapping::gpioGreenName, &Output::gpioGreenIs, &Output::gpioGreen},
+    {"red", 283, &Mapping::gpioRedName, &Output::gpioRedIs, &Output::gpioRed},
+    {"orange", 293, &Mapping::gpioOrangeName, &Output::gpioOrangeIs, &Output::gpioOrange},
+}};
+
+// Makes one colour's pins, or finds those that are there, and adds them to an LED's output.
+void createPins(const Colour& colour, const Mapping& mapping, Output& output, Zel::Dir& pinDir) {
+  static const Zel::String pinType("Hardware::Gpio::CorvelPinConfig");
+  for (const Zel::Name pin : (mapping.*colour.wanted)()) {
+    pinDir.entryIs(pin, pinType);
+    (output.*colour.add)(Zel::dynamicPtrCast<Pin>(pinDir.entityRef(pin)));
+    trace(6, colour.line, "createLedConfig", "created ", colour.name, " pin '", pin, "'");
+  }
+}
+
+[[noreturn]] void refuseReinstantiation(const char* attribute, const Zel::Entity* wanted,
+                                        const Zel::Entity* current) {
+  Zel::throwNameInUseException(
+      "Reinstantiating the pointer interface where constructor parameter attribute " +
+      Zel::String(attribute) + " has a different value of " + Zel::valueToStrepOfRawPtr(wanted) +
+      " than the current value of " + Zel::valueToStrepOfRawPtr(current) + " not allowed");
+}
+
+// Calls `remove` with the key of every member, which takes it out.
+template <class Members, class Remove>
+void removeAll(const Members& members, Remove remove) {
+  for (auto at = members.begin(); at != members.end();) {
+    const Zel::Name key = at.key();
+    ++at;
+    remove(key);
+  }
+}
+
+}  // namespace
+
+// The mapping directory's reactor
+// --------------------------------------------------------------------
+
+void ConfigReactor::ZelGpioLedSystemConfigDir::onGpioLeds(Zel::Name name) {
+  if (notifier()) tellOwner(&ConfigReactor::dirEntryChanged, name);
+}
+
+void ConfigReactor::ZelGpioLedSystemConfigDir::onGpioLedszelImmediate() {
+  if (notifier()) tellOwner(&ConfigReactor::resynchronise);
+}
+
+void ConfigReactor::ZelGpioLedSystemConfigDir::notifierIs(const Zel::Ptr<const Zel::PtrInterface>& dir) {
+  const auto* before = notifier();
+  Nested::notifierIs(dir);
+  if (notifier() && notifier() != before) tellOwner(&ConfigReactor::resynchronise);
+}
+
+// One mapping's reactor
+// ------------------------------------------------------------------------------
+
+ConfigReactor::ZelGpioLedConfig::ZelGpioLedConfig(const Zel::Ptr<const GpioLedConfig>& gpioLedConfig,
+                                                  ConfigReactor& owner)
+    : Nested(gpioLedConfig, owner) {
+  if (gpioLedConfig) createLedConfig();
+}
+
+void ConfigReactor::ZelGpioLedConfig::createLedConfig() {
+  const Zel::Ptr<const GpioLedConfig> mapping(notifier());
+  const Zel::Ptr<ConfigReactor> reactor(owner());
+  trace(9, 246, "createLedConfig", "createLedConfig", " ", mapping->name());
+  if (!mapping->ready()) return;
+  require(reactor->corvelLedSystemConfig_, "corvelLedSystemConfig_");
+  require(reactor->gpioPinConfigDir_, "gpioPinConfigDir_");
+  const auto output = reactor->corvelLedSystemConfig_->gpioLedsIs(mapping->name());
+  for (const Colour& colour : kColours) createPins(colour, *mapping, *output, *reactor->gpioPinConfigDir_);
+  reactor->createDriver(mapping->name());
+}
+
+void ConfigReactor::ZelGpioLedConfig::onReady() {
+  if (owner() && !zelIsZombie()) createLedConfig();
+}
+
+void ConfigReactor::ZelGpioLedConfig::notifierIs(const Zel::Ptr<const Zel::PtrInterface>& gpioLedConfig) {
+  const auto* before = notifier();
+  Nested::notifierIs(gpioLedConfig);
+  if (notifier() && notifier() != before) onReady();
+}
+
+void ConfigReactor::ZelGpioLedConfig::zelDoZombieReactors(bool zombie) {
+  if (zelIsZombie() == zombie) return;
+  if (notifier()) hasNotificationActiveIs(!zombie);
+  if (owner()) owner()->zel_handleGpioLedConfig(*this);
+  Nested::zelDoZombieReactors(zombie);
+}
+
+// The configuration reactor
+// --------------------------------------------------------------------------
+
+const Zel::TypeNode& ConfigReactor::typeNode() {
+  static const Zel::TypeNode type = describe("Pinlamp::ConfigReactor");
+  return type;
+}
+
+Zel::Ptr<ConfigReactor> ConfigReactor::ConfigReactorIs(
+    const Zel::Ptr<const GpioLedSystemConfigDir>& gpioLedSystemConfigDir,
+    const Zel::Ptr<const LedSystemConfigDir>& hwLedConfigDir, const Zel::Ptr<Zel::Dir>& gpioPinConfigDir) {
+  return valid(Zel::allocate<ConfigReactor>(gpioLedSystemConfigDir, hwLedConfigDir, gpioPinConfigDir));
+}
+
+ConfigReactor::ConfigReactor(const Zel::Ptr<const GpioLedSystemConfigDir>& gpioLedSystemConfigDir,
+                             const Zel::Ptr<const LedSystemConfigDir>& hwLedConfigDir,
+                             const Zel::Ptr<Zel::Dir>& gpioPinConfigDir) {
+  if (gpioLedSystemConfigDir)
+    gpioLedSystemConfigDir_ = Zel::allocate<ZelGpioLedSystemConfigDir>(gpioLedSystemConfigDir, *this);
+  if (hwLedConfigDir) hwLedConfigDir_ = Zel::allocate<ZelHwLedConfigDir>(hwLedConfigDir, *this);
+  gpioPinConfigDir_ = gpioPinConfigDir;
+  handleInitialized();
+  if (gpioLedSystemConfigDir) resynchronise();
+}
+
+ConfigReactor::~ConfigReactor() {
+  ConfigReactor::zelDoZombieReactors(true);
+  if (gpioLedSystemConfigDir_) gpioLedSystemConfigDir_->ownerDel();
+  if (hwLedConfigDir_) hwLedConfigDir_->ownerDel();
+  for (const auto& reactor : gpioLedConfig_) reactor->ownerDel();
+  gpioLedStateMachineDelAll();
+  corvelLedSystemConfigDel();
+}
+
+void ConfigReactor::gpioLedSystemConfigDirIs(const Zel::Ptr<const GpioLedSystemConfigDir>& dir) {
+  if (watch(gpioLedSystemConfigDir_, *this, dir)) announce<&ConfigReactor::gpioLedSystemConfigDir>();
+}
+
+Zel::Ptr<const Hardware::Gpio::GpioLedSystemConfigDir> ConfigReactor::gpioLedSystemConfigDirDel() {
+  auto dir = letGo(gpioLedSystemConfigDir_);
+  if (dir) announce<&ConfigReactor::gpioLedSystemConfigDir>();
+  return dir;
+}
+
+void ConfigReactor::hwLedConfigDirIs(const Zel::Ptr<const LedSystemConfigDir>& dir) {
+  if (watch(hwLedConfigDir_, *this, dir)) announce<&ConfigReactor::hwLedConfigDir>();
+}
+
+Zel::Ptr<const Hardware::Led::LedSystemConfigDir> ConfigReactor::hwLedConfigDirDel() {
+  auto dir = letGo(hwLedConfigDir_);
+  if (dir) announce<&ConfigReactor::hwLedConfigDir>();
+  return dir;
+}
+
+void ConfigReactor::resynchronise() {
+  const auto dir = gpioLedSystemConfigDir();
+  for (const auto& mapping : dir->gpioLeds()) gpioLedConfigIs(mapping);
+  removeAll(gpioLedConfig_, [&](Zel::Name name) {
+    if (!dir->gpioLeds().get(name)) gpioLedConfigDel(name);
+  });
+}
+
+void ConfigReactor::dirEntryChanged(Zel::Name name) {
+  if (const auto mapping = gpioLedSystemConfigDir()->gpioLeds(name))
+    gpioLedConfigIs(mapping);
+  else
+    gpioLedConfigDel(name);
+}
+
+Zel::Ptr<ConfigReactor::ZelGpioLedConfig> ConfigReactor::gpioLedConfigIs(
+    const Zel::Ptr<const GpioLedConfig>& gpioLedConfig) {
+  if (!gpioLedConfig)
+    Zel::throwRangeException(
+        "null _gpioLedConfig parameter to mutator for Pinlamp::ConfigReactor::gpioLedConfig not allowed\"");
+  const Zel::Name name = gpioLedConfig->name();
+  auto reactor = gpioLedConfig_.find(name);
+  if (reactor && reactor->notifier() == gpioLedConfig.get()) return reactor;
+  if (reactor) {
+    reactor->notifierIs(gpioLedConfig);
+  } else {
+    reactor = Zel::allocate<ZelGpioLedConfig>(gpioLedConfig, *this);
+    gpioLedConfig_.insert(name, reactor);
+  }
+  reactor->zelDoZombieReactors(zelIsZombie());
+  announceKey<&ConfigReactor::gpioLedConfig_>(name);
+  gpioLedConfigNotify(name);
+  return reactor;
+}
+
+Zel::Ptr<const Hardware::Gpio::GpioLedConfig> ConfigReactor::gpioLedConfigDel(Zel::Name name) {
+  const auto reactor = gpioLedConfig_.remove(name);
+  if (!reactor) return nullptr;
+  reactor->zelDoZombieReactors(true);
+  reactor->ownerDel();
+  reactor->isRegisteredNotifieeIs(false);
+  announceKey<&ConfigReactor::gpioLedConfig_>(name);
+  gpioLedConfigNotify(name);
+  return Zel::Ptr<const GpioLedConfig>(reactor->notifier());
+}
+
+void ConfigReactor::gpioLedConfigDelAll() {
+  removeAll(gpioLedConfig_, [this](Zel::Name name) { gpioLedConfigDel(name); });
+}
+
+Zel::Ptr<GpioLedStateMachine> ConfigReactor::gpioLedStateMachineIs(
+    const Zel::Ptr<CorvelGpioLedConfig>& corvelGpioLedConfig, const Zel::Ptr<const LedConfig>& hwLedConfig) {
+  const Zel::Name name = valid(hwLedConfig)->name();
+  if (auto machine = gpioLedStateMachine_.find(name)) {
+    if (machine->corvelGpioLedConfig() != corvelGpioLedConfig)
+      refuseReinstantiation("_corvelGpioLedConfig", corvelGpioLedConfig.get(),
+                            machine->corvelGpioLedConfig().get());
+    if (machine->hwLedConfig() != hwLedConfig)
+      refuseReinstantiation("_hwLedConfig", hwLedConfig.get(), machine->hwLedConfig().get());
+    return machine;
+  }
+  const auto machine = GpioLedStateMachine::GpioLedStateMachineIs(corvelGpioLedConfig, hwLedConfig);
+  gpioLedStateMachine_.insert(name, machine);
+  machine->hasNotificationActiveIs(true);
+  announceKey<&ConfigReactor::gpioLedStateMachine_>(name);
+  gpioLedStateMachineNotify(name);
+  return machine;
+}
+
+Zel::Ptr<GpioLedStateMachine> ConfigReactor::gpioLedStateMachineDel(Zel::Name name) {
+  auto machine = gpioLedStateMachine_.remove(name);
+  if (machine) {
+    announceKey<&ConfigReactor::gpioLedStateMachine_>(name);
+    gpioLedStateMachineNotify(name);
+  }
+  return machine;
+}
+
+void ConfigReactor::gpioLedStateMachineDelAll() {
+  removeAll(gpioLedStateMachine_, [this](Zel::Name name) { gpioLedStateMachineDel(name); });
+}
+
+Zel::Ptr<Hardware::Gpio::CorvelGpioLedSystemConfigDir> ConfigReactor::corvelLedSystemConfigIs(
+    Zel::Name name) {
+  if (corvelLedSystemConfig_) {
+    if (corvelLedSystemConfig_->name() == name) return corvelLedSystemConfig_;
+    corvelLedSystemConfig_->parentIs(nullptr);
+  }
+  corvelLedSystemConfig_ = valid(Zel::allocate<CorvelGpioLedSystemConfigDir>(name));
+  announce<&ConfigReactor::corvelLedSystemConfig>();
+  return corvelLedSystemConfig_;
+}
+
+Zel::Ptr<Hardware::Gpio::CorvelGpioLedSystemConfigDir> ConfigReactor::corvelLedSystemConfigDel() {
+  auto old = std::exchange(corvelLedSystemConfig_, nullptr);
+  if (!old) return nullptr;
+  old->parentIs(nullptr);
+  announce<&ConfigReactor::corvelLedSystemConfig>();
+  return old;
+}
+
+void ConfigReactor::handleInitialized() { corvelLedSystemConfigIs("ledSystem"); }
+
+Hardware::Gpio::CorvelGpioLedConfig* ConfigReactor::outputOf(Zel::Name name) const {
+  return corvelLedSystemConfig_ ? corvelLedSystemConfig_->gpioLeds().get(name) : nullptr;
+}
+
+bool ConfigReactor::isReady(Zel::Name name) const {
+  const auto* dir = watched(gpioLedSystemConfigDir_);
+  const auto* mapping = dir ? dir->gpioLeds().get(name) : nullptr;
+  return mapping && mapping->ready();
+}
+
+Hardware::Led::LedConfig* ConfigReactor::ledOf(Zel::Name name) const {
+  const auto* dir = watched(hwLedConfigDir_);
+  return dir ? dir->leds().get(name) : nullptr;
+}
+
+void ConfigReactor::createDriver(Zel::Name name) {
+  trace(9, 225, "createDriver", "createDriver", " ", name);
+  const Zel::Ptr output(outputOf(name));
+  const Zel::Ptr<const LedConfig> led(ledOf(name));
+  if (isReady(name) && output && led) {
+    trace(9, 234, "createDriver", "Creating Gpio Led SM for ", name);
+    gpioLedStateMachineIs(output, led);
+  } else {
+    trace(9, 238, "createDriver", "Deleting Gpio Led SM for ", name);
+    gpioLedStateMachineDel(name);
+  }
+}
+
+void ConfigReactor::handleGpioConfigCleanup(Zel::Name name) {
+  trace(9, 302, "handleGpioConfigCleanup", "handleGpioConfigCleanup", " ", name);
+  if (const Zel::Ptr output{outputOf(name)}) {
+    for (const Colour& colour : kColours)
+      for (const auto& pin : (*output.*colour.pins)()) gpioPinConfigDir_->entryDel(pin->name());
+    corvelLedSystemConfig_->gpioLedsDel(name);
+  }
+  createDriver(name);
+}
+
+void ConfigReactor::zel_handleGpioLedConfig(const ZelGpioLedConfig& reactor) {
+  if (const auto* mapping = reactor.notifier()) handleGpioConfigCleanup(mapping->name());
+}
+
+void ConfigReactor::hasNotificationActiveIs(bool active) {
+  if (hasNotificationActive() == active) return;
+  Described::hasNotificationActiveIs(active);
+  if (gpioLedSystemConfigDir_) gpioLedSystemConfigDir_->hasNotificationActiveIs(active);
+  if (hwLedConfigDir_) hwLedConfigDir_->hasNotificationActiveIs(active);
+  for (const auto& machine : gpioLedStateMachine_) machine->hasNotificationActiveIs(active);
+  for (const auto& reactor : gpioLedConfig_) reactor->hasNotificationActiveIs(active);
+}
+
+void ConfigReactor::zelDoZombieReactors(bool zombie) {
+  if (zelIsZombie() == zombie) return;
+  if (gpioLedSystemConfigDir_) gpioLedSystemConfigDir_->zelDoZombieReactors(zombie);
+  if (hwLedConfigDir_) hwLedConfigDir_->zelDoZombieReactors(zombie);
+  for (const auto& reactor : gpioLedConfig_) reactor->zelDoZombieReactors(zombie);
+  Described::zelDoZombieReactors(zombie);
+}
+
+}  // namespace Pinlamp

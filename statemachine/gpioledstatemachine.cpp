@@ -1,0 +1,199 @@
+#include "statemachine/gpioledstatemachine.h"
+
+#include <array>
+#include <limits>
+
+#include "platform/zel/activity.h"
+#include "statemachine/check.h"
+#include "statemachine/trace.h"
+
+namespace Pinlamp {
+
+namespace {
+
+using Config = Hardware::Gpio::CorvelGpioLedConfig;
+
+struct Colour {
+  const char* operation;
+  const char* tracePrefix;
+  const Config::Pins& (Config::*pins)() const;
+  bool ::Led::LightSetting::*lit;
+};
+
+enum : std::size_t { kYellow, kGreen, kRed, kOrange };
+
+// In the order in which colours are written.
+constexpr std::array<Colour, 4> kColours{{
+    {"handleCorvelGpioYellow", "Corvel Yellow Pin: ", &Config::gpioYellow, &::Led::LightSetting::yellow},
+    {"handleCorvelGpioGreen", "Corvel Green Pin: ", &Config::gpioGreen, &::Led::LightSetting::green},
+    {"handleCorvelGpioRed", "Corvel Red Pin: ", &Config::gpioRed, &::Led::LightSetting::red},
+    {"handleCorvelGpioOrange", "Corvel Orange Pin: ", &Config::gpioOrange, &::Led::LightSetting::orange},
+}};
+
+void write(const Colour& colour, const Zel::Ptr<Config>& led, U32 value) {
+  require(led, "led");
+  trace(9, __LINE__, colour.operation, colour.operation, " ", led->name());
+  const auto& pins = (*led.*colour.pins)();
+  for (auto at = pins.begin(); at != pins.end(); ++at) {
+    const auto pin = *at;
+    const U32 oldValue = pin->value();
+    if (value == oldValue) continue;
+    pin->valueIs(value);
+    trace(6, __LINE__, colour.operation, colour.tracePrefix, pin->name(), "  OldValue: ", oldValue,
+          " NewValue: ", pin->value());
+  }
+}
+
+// Prints the entity that an LED's pin configuration refers to.
+struct Referred {
+  const Config* config;
+  friend std::ostream& operator<<(std::ostream& out, const Referred& referred) {
+    return out << (referred.config ? referred.config->systemConfig() : nullptr);
+  }
+};
+
+Zel::Name nameOf(const Zel::Entity* entity) { return entity ? entity->name() : Zel::Name(); }
+
+}  // namespace
+
+const Zel::TypeNode& GpioLedStateMachine::typeNode() {
+  static const Zel::TypeNode type = describe("Pinlamp::GpioLedStateMachine");
+  return type;
+}
+
+Zel::Ptr<GpioLedStateMachine> GpioLedStateMachine::GpioLedStateMachineIs(
+    const Zel::Ptr<CorvelGpioLedConfig>& corvelGpioLedConfig, const Zel::Ptr<const LedConfig>& hwLedConfig) {
+  return valid(Zel::allocate<GpioLedStateMachine>(corvelGpioLedConfig, hwLedConfig));
+}
+
+GpioLedStateMachine::GpioLedStateMachine(const Zel::Ptr<CorvelGpioLedConfig>& corvelGpioLedConfig,
+                                         const Zel::Ptr<const LedConfig>& hwLedConfig)
+    : corvelGpioLedConfig_(corvelGpioLedConfig) {
+  if (hwLedConfig) hwLedConfig_ = Zel::allocate<ZelHwLedConfig>(hwLedConfig, *this);
+  handleInitialized();
+}
+
+GpioLedStateMachine::~GpioLedStateMachine() {
+  GpioLedStateMachine::zelDoZombieReactors(true);
+  letGo(hwLedConfig_);
+  letGo(clock_);
+}
+
+Zel::Name GpioLedStateMachine::name() const { return nameOf(watched(hwLedConfig_)); }
+
+void GpioLedStateMachine::hwLedConfigIs(const Zel::Ptr<const LedConfig>& led) {
+  if (watch(hwLedConfig_, *this, led)) announce<&GpioLedStateMachine::hwLedConfig>();
+}
+
+Zel::Ptr<const Hardware::Led::LedConfig> GpioLedStateMachine::hwLedConfigDel() {
+  auto led = letGo(hwLedConfig_);
+  if (led) announce<&GpioLedStateMachine::hwLedConfig>();
+  return led;
+}
+
+void GpioLedStateMachine::clockIs(const Zel::Ptr<const Zel::Clock>& clock) {
+  if (watch(clock_, *this, clock)) announce<&GpioLedStateMachine::clock>();
+}
+
+Zel::Ptr<const Zel::Clock> GpioLedStateMachine::clockDel() {
+  auto clock = letGo(clock_);
+  if (clock) announce<&GpioLedStateMachine::clock>();
+  return clock;
+}
+
+void GpioLedStateMachine::handleInitialized() {
+  trace(6, __LINE__, "handleInitialized", "handleInitialized", " for ", name());
+  if (initialized_) return;
+  flashingStateIs(false);
+  clockIs(Zel::activityManager().clock());
+  require(clock_, "clock_");
+  wakeUpIs(Zel::Clock::kNever);
+  initializedIs(true);
+  handleHwLedConfig();
+}
+
+void GpioLedStateMachine::handleHwLedConfig() {
+  if (!initialized_) return;
+  trace(7, __LINE__, "handleHwLedConfig", "handleHwLedConfig", " ", name());
+  const LedConfig* led = watched(hwLedConfig_);
+  if (!led) return;
+  const LightSetting setting = led->lightSetting();
+  handleLedSystemConfig(led->name(), setting);
+}
+
+void GpioLedStateMachine::handleLedSystemConfig(Zel::Name, const LightSetting& setting) {
+  if (!initialized_) return;
+  trace(8, __LINE__, "handleLedSystemConfig", "handleLedSystemConfig", " ",
+        nameOf(corvelGpioLedConfig_.get()), " ", setting, "Config: ", Referred{corvelGpioLedConfig_.get()});
+  if (setting.flashInterval == 0.0)
+    showSteady(setting);
+  else
+    startFlashing(setting.flashInterval);
+}
+
+void GpioLedStateMachine::showSteady(const LightSetting& setting) {
+  if (corvelGpioLedConfig_) darken();
+  if (corvelGpioLedConfig_) light(setting);
+}
+
+void GpioLedStateMachine::startFlashing(double interval) {
+  require(clock_, "clock_");
+  if (clock_->timeMin() > std::numeric_limits<double>::max()) wakeUpIs(Zel::System::currentTime() + interval);
+}
+
+void GpioLedStateMachine::handleClockTimeout() {
+  if (!initialized_) return;
+  trace(8, __LINE__, "handleClockTimeout", "handleClockTimeout", " for ", name());
+  flashingStateIs(!flashingState_);
+  const LedConfig* led = watched(hwLedConfig_);
+  require(led, "hwLedConfig_");
+  const LightSetting setting = led->lightSetting();
+  if (setting.flashInterval == 0.0) return wakeUpIs(Zel::Clock::kNever);
+  trace(8, __LINE__, "handleClockTimeout", "Led ", led->name(), " is now ", int{flashingState_});
+  darken();
+  if (flashingState_) light(setting);
+  wakeUpIs(Zel::System::currentTime() + setting.flashInterval);
+}
+
+// A wake-up that somebody asked for by hand may find no clock to come back to.
+void GpioLedStateMachine::wakeUpIs(double time) {
+  if (clock_) clock_->timeMinIs(time);
+}
+
+void GpioLedStateMachine::darken() {
+  for (const Colour& colour : kColours) write(colour, corvelGpioLedConfig_, 0);
+}
+
+void GpioLedStateMachine::light(const LightSetting& setting) {
+  for (const Colour& colour : kColours)
+    if (setting.*colour.lit) write(colour, corvelGpioLedConfig_, 1);
+}
+
+void GpioLedStateMachine::handleCorvelGpioYellow(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value) {
+  write(kColours[kYellow], led, value);
+}
+void GpioLedStateMachine::handleCorvelGpioGreen(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value) {
+  write(kColours[kGreen], led, value);
+}
+void GpioLedStateMachine::handleCorvelGpioRed(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value) {
+  write(kColours[kRed], led, value);
+}
+void GpioLedStateMachine::handleCorvelGpioOrange(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value) {
+  write(kColours[kOrange], led, value);
+}
+
+void GpioLedStateMachine::hasNotificationActiveIs(bool active) {
+  if (hasNotificationActive() == active) return;
+  Described::hasNotificationActiveIs(active);
+  if (hwLedConfig_) hwLedConfig_->hasNotificationActiveIs(active);
+  if (clock_) clock_->hasNotificationActiveIs(active);
+}
+
+void GpioLedStateMachine::zelDoZombieReactors(bool zombie) {
+  if (zelIsZombie() == zombie) return;
+  if (hwLedConfig_) hwLedConfig_->zelDoZombieReactors(zombie);
+  if (clock_) clock_->zelDoZombieReactors(zombie);
+  Described::zelDoZombieReactors(zombie);
+}
+
+}  // namespace Pinlamp

@@ -1,0 +1,137 @@
+// The state machine of one LED: turns the LED's light setting into the values of its pins, and flashes it.
+//
+// Activity thread only.
+#pragma once
+
+#include <cstdint>
+
+#include "platform/model/hardwaregpio.h"
+#include "platform/model/hardwareled.h"
+#include "platform/zel/clock.h"
+#include "platform/zel/described.h"
+#include "statemachine/nested.h"
+
+namespace Pinlamp {
+
+using U32 = std::uint32_t;
+
+// Owned by the configuration reactor, under the LED's name. Made by GpioLedStateMachineIs only.
+//
+// A steady setting is shown at once: all pins dark, then those of the colours that are set lit. A flashing
+// one is shown by the machine's own wake-ups on the clock, one each flash interval, which toggle between all
+// dark and the colours that are set at that time. A wake-up that is armed is never armed anew by a setting,
+// and one that finds a steady setting is the last; the phase is kept for the next time. A machine that goes
+// away leaves its pins as they are.
+//
+// Whatever hears of a pin's value may drop the machine while it writes.
+class GpioLedStateMachine : public Zel::Described<GpioLedStateMachine, Zel::Notifier> {
+ public:
+  using CorvelGpioLedConfig = Hardware::Gpio::CorvelGpioLedConfig;
+  using LedConfig = Hardware::Led::LedConfig;
+  using LightSetting = ::Led::LightSetting;
+
+  class ZelHwLedConfig : public Nested<ZelHwLedConfig, LedConfig::NotifieeConst, GpioLedStateMachine> {
+   public:
+    static constexpr const char* kTypeName = "Pinlamp::GpioLedStateMachine::ZelHwLedConfig";
+    ZelHwLedConfig(const Zel::Ptr<const LedConfig>& led, GpioLedStateMachine& owner) : Nested(led, owner) {}
+    void onLightSetting() override { tellOwner(&GpioLedStateMachine::handleHwLedConfig); }
+  };
+
+  class ZelClock : public Nested<ZelClock, Zel::Clock::NotifieeConst, GpioLedStateMachine> {
+   public:
+    static constexpr const char* kTypeName = "Pinlamp::GpioLedStateMachine::ZelClock";
+    ZelClock(const Zel::Ptr<const Zel::Clock>& clock, GpioLedStateMachine& owner) : Nested(clock, owner) {}
+    void onTime() override { tellOwner(&GpioLedStateMachine::handleClockTimeout); }
+  };
+
+  static constexpr auto attributes() {
+    using M = GpioLedStateMachine;
+    return std::tuple{
+        Zel::row::value<&M::corvelGpioLedConfig_>("corvelGpioLedConfig", Zel::row::kGet),
+        Zel::row::accessor<&M::hwLedConfig>("hwLedConfig"),
+        Zel::row::accessor<&M::name>("name"),
+        Zel::row::procedure<&M::handleHwLedConfig>("handleHwLedConfig"),
+        Zel::row::procedure<&M::handleCorvelGpioYellow>("handleCorvelGpioYellow", "led", "value"),
+        Zel::row::procedure<&M::handleCorvelGpioGreen>("handleCorvelGpioGreen", "led", "value"),
+        Zel::row::procedure<&M::handleCorvelGpioRed>("handleCorvelGpioRed", "led", "value"),
+        Zel::row::procedure<&M::handleCorvelGpioOrange>("handleCorvelGpioOrange", "led", "value"),
+        Zel::row::procedure<&M::handleLedSystemConfig>("handleLedSystemConfig", "ledSystemConfig", "setting"),
+        Zel::row::accessor<&M::clock, &M::clockIs>("clock"),
+        Zel::row::procedure<&M::handleClockTimeout>("handleClockTimeout"),
+        Zel::row::value<&M::flashingState_>("flashingState"),
+        Zel::row::value<&M::initialized_>("initialized"),
+        Zel::row::procedure<&M::handleInitialized>("handleInitialized"),
+    };
+  }
+  static const Zel::TypeNode& typeNode();
+
+  // Either may be null. Without pins a steady setting is not shown; without an LED nothing is, until one is
+  // set and its light setting changes.
+  static Zel::Ptr<GpioLedStateMachine> GpioLedStateMachineIs(
+      const Zel::Ptr<CorvelGpioLedConfig>& corvelGpioLedConfig, const Zel::Ptr<const LedConfig>& hwLedConfig);
+  // For Zel::allocate.
+  GpioLedStateMachine(const Zel::Ptr<CorvelGpioLedConfig>& corvelGpioLedConfig,
+                      const Zel::Ptr<const LedConfig>& hwLedConfig);
+
+  // The LED's name, the machine's key; empty while there is no LED.
+  Zel::Name name() const;
+
+  const Zel::Ptr<CorvelGpioLedConfig>& corvelGpioLedConfig() const { return corvelGpioLedConfig_; }
+
+  // The LED that is watched. Setting one does not apply its setting; removing it (which returns it) leaves
+  // pins and wake-up alone. REQUIRES: a machine whose wake-up is armed has an LED.
+  Zel::Ptr<const LedConfig> hwLedConfig() const { return Zel::Ptr<const LedConfig>(watched(hwLedConfig_)); }
+  void hwLedConfigIs(const Zel::Ptr<const LedConfig>& led);
+  Zel::Ptr<const LedConfig> hwLedConfigDel();
+
+  // The clock that paces flashing. Removing it returns it and ends flashing where it is.
+  Zel::Ptr<const Zel::Clock> clock() const { return Zel::Ptr<const Zel::Clock>(watched(clock_)); }
+  void clockIs(const Zel::Ptr<const Zel::Clock>& clock);
+  Zel::Ptr<const Zel::Clock> clockDel();
+  // When the machine wakes up next, in seconds as System::currentTime; positive infinity: never.
+  double wakeUp() const { return clock_ ? clock_->timeMin() : Zel::Clock::kNever; }
+
+  // The phase of flashing that the last wake-up showed: true is lit.
+  bool flashingState() const { return flashingState_; }
+  void flashingStateIs(bool lit) { set<&GpioLedStateMachine::flashingState_>(lit); }
+
+  // Whether start-up has run; no setting is applied before.
+  bool initialized() const { return initialized_; }
+  void initializedIs(bool initialized) { set<&GpioLedStateMachine::initialized_>(initialized); }
+
+  // Installs the activity manager's clock, disarmed, and applies the LED's setting. Only the first time.
+  void handleInitialized();
+  // Applies the LED's light setting.
+  void handleHwLedConfig();
+  // Applies any setting. The name only says whose it is.
+  void handleLedSystemConfig(Zel::Name ledSystemConfig, const LightSetting& setting);
+  // One toggle.
+  void handleClockTimeout();
+
+  // Write a value to every pin of one colour that has another one. REQUIRES: led.
+  void handleCorvelGpioYellow(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value);
+  void handleCorvelGpioGreen(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value);
+  void handleCorvelGpioRed(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value);
+  void handleCorvelGpioOrange(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value);
+
+  void hasNotificationActiveIs(bool active) override;
+  void zelDoZombieReactors(bool zombie) override;
+
+ protected:
+  ~GpioLedStateMachine() override;
+
+ private:
+  void showSteady(const LightSetting& setting);
+  void startFlashing(double interval);
+  void wakeUpIs(double time);
+  void darken();
+  void light(const LightSetting& setting);
+
+  Zel::Ptr<CorvelGpioLedConfig> corvelGpioLedConfig_;
+  Zel::Ptr<ZelHwLedConfig> hwLedConfig_;
+  Zel::Ptr<ZelClock> clock_;
+  bool flashingState_ = false;
+  bool initialized_ = false;
+};
+
+}  // namespace Pinlamp

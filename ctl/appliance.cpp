@@ -1,0 +1,202 @@
+#include "ctl/appliance.h"
+
+#include <algorithm>
+
+#include "ctl/text.h"
+
+namespace Ctl {
+
+std::string ledPath(const std::string& led) { return std::string(kLedDir) + "/leds/" + escapeComponent(led); }
+std::string mapPath(const std::string& led) {
+  return std::string(kMapDir) + "/gpioLeds/" + escapeComponent(led);
+}
+
+std::vector<std::string> colourNames(const PerColour<bool>& colours) {
+  std::vector<std::string> names;
+  for (std::size_t i = 0; i < kColours.size(); ++i)
+    if (colours[i]) names.emplace_back(kColours[i].name);
+  return names;
+}
+
+void Mirror::changesAre(const Json& changes) {
+  for (const Json& change : changes) {
+    if (change.at("op") == "del")
+      del(change.at("path"));
+    else
+      put(change);
+  }
+}
+
+void Mirror::entitiesAre(const std::string& above, const Json& entities) {
+  del(above);
+  for (const Json& entity : entities) put(entity);
+}
+
+const Mirror::Entity* Mirror::find(const std::string& path) const {
+  const auto found = entities_.find(path);
+  return found == entities_.end() ? nullptr : &found->second;
+}
+
+void Mirror::put(const Json& entity) {
+  Entity& known = entities_[entity.at("path").get<std::string>()];
+  if (const auto type = entity.find("type"); type != entity.end()) known.type = *type;
+  if (const auto set = entity.find("attributes"); set != entity.end()) known.attributes.update(*set);
+}
+
+void Mirror::del(const std::string& path) {
+  std::erase_if(entities_, [&](const auto& entry) { return isUnder(entry.first, path); });
+}
+
+bool Lamp::lit() const { return std::count(shows.begin(), shows.end(), true) != 0; }
+
+bool Lamp::lacksPin() const {
+  for (std::size_t i = 0; i < kColours.size(); ++i)
+    if (wanted[i] && pins[i].empty()) return true;
+  return false;
+}
+
+std::string Lamp::settingText() const {
+  if (!configured) return "-";
+  const auto names = colourNames(wanted);
+  const std::string flash = flashInterval == 0.0 ? "" : ", flash " + shortNumber(flashInterval) + " s";
+  return (names.empty() ? "off" : joined(names, "+")) + flash;
+}
+
+std::string Lamp::shownText() const {
+  if (!driven) return "-";
+  return lit() ? joined(colourNames(shows), "+") : "dark";
+}
+
+namespace {
+
+// A set of names is a list, or an object where names carry a value.
+std::vector<std::string> namesIn(const Json& attributes, const char* attribute) {
+  std::vector<std::string> names;
+  const auto set = attributes.find(attribute);
+  if (set == attributes.end()) return names;
+  for (const auto& [key, value] : set->items())
+    names.push_back(set->is_object() ? key : value.get<std::string>());
+  std::sort(names.begin(), names.end(), naturallyBefore);
+  return names;
+}
+
+void readSetting(const Json& attributes, Lamp& lamp) {
+  lamp.configured = true;
+  lamp.setting = attributes.value("lightSetting", Json::object());
+  for (std::size_t i = 0; i < kColours.size(); ++i)
+    lamp.wanted[i] = lamp.setting.value(kColours[i].name, false);
+  const Json interval = lamp.setting.value("flashInterval", Json(0.0));
+  lamp.flashInterval = interval.is_number() ? interval.get<double>() : 0.0;
+}
+
+void readMapping(const Json& attributes, Lamp& lamp) {
+  lamp.mapped = true;
+  lamp.ready = attributes.value("ready", false);
+  for (std::size_t i = 0; i < kColours.size(); ++i)
+    lamp.pins[i] = namesIn(attributes, kColours[i].pinAttribute);
+}
+
+std::optional<unsigned> pinValue(const Mirror& mirror, const std::string& pin) {
+  const auto* entity = mirror.find(std::string(kPinDir) + '/' + escapeComponent(pin));
+  if (!entity || entity->type != kPinType) return std::nullopt;
+  return entity->attributes.value("value", 0U);
+}
+
+void readPins(const Mirror& mirror, Lamp& lamp) {
+  for (std::size_t i = 0; i < kColours.size(); ++i)
+    for (const std::string& pin : lamp.pins[i]) {
+      const auto value = pinValue(mirror, pin);
+      lamp.driven = lamp.driven || value.has_value();
+      lamp.shows[i] = lamp.shows[i] || value.value_or(0) != 0;
+    }
+}
+
+struct Naturally {
+  bool operator()(const std::string& a, const std::string& b) const { return naturallyBefore(a, b); }
+};
+
+}  // namespace
+
+std::vector<Lamp> lampsOf(const Mirror& mirror) {
+  std::map<std::string, Lamp, Naturally> lamps;
+  for (const auto& [path, entity] : mirror.entities()) {
+    const std::string name = lastName(path);
+    if (entity.type == kLedType && path == ledPath(name)) readSetting(entity.attributes, lamps[name]);
+    if (entity.type == kMapType && path == mapPath(name)) readMapping(entity.attributes, lamps[name]);
+  }
+  std::vector<Lamp> sorted;
+  for (auto& [name, lamp] : lamps) {
+    lamp.name = name;
+    readPins(mirror, lamp);
+    sorted.push_back(std::move(lamp));
+  }
+  return sorted;
+}
+
+std::set<std::string> namesOf(const std::vector<Lamp>& lamps) {
+  std::set<std::string> names;
+  for (const Lamp& lamp : lamps) names.insert(lamp.name);
+  return names;
+}
+
+std::map<std::string, std::optional<unsigned>> pinsOf(const Mirror& mirror) {
+  std::map<std::string, std::optional<unsigned>> pins;
+  for (const Lamp& lamp : lampsOf(mirror))
+    for (const auto& ofColour : lamp.pins)
+      for (const std::string& pin : ofColour) pins.emplace(pin, std::nullopt);
+  for (const auto& [path, entity] : mirror.entities())
+    if (entity.type == kPinType && parentPath(path) == kPinDir)
+      pins[lastName(path)] = entity.attributes.value("value", 0U);
+  return pins;
+}
+
+namespace {
+constexpr const char* kPaths[] = {kLedDir, kMapDir, kPinDir};
+}
+
+Mirror readAppliance(Client& client) {
+  Mirror mirror;
+  for (const char* path : kPaths) mirror.entitiesAre(path, client.read(path));
+  return mirror;
+}
+
+LiveAppliance::LiveAppliance(Client& client) {
+  for (const char* path : kPaths) {
+    const Json watch = client.call("watch", {{"path", path}});
+    paths_[watch.at("watch")] = path;
+    mirror_.entitiesAre(path, watch.at("entities"));
+  }
+}
+
+void LiveAppliance::take(const Json& notification) {
+  const Json& parameters = notification.at("params");
+  if (notification.at("method") == "reset")
+    mirror_.entitiesAre(paths_.at(parameters.at("watch")), parameters.at("entities"));
+  else
+    mirror_.changesAre(parameters.at("changes"));
+}
+
+namespace {
+
+// A name that is known means itself, whatever characters it has.
+std::set<std::string> expandName(const std::string& pattern, const std::set<std::string>& known) {
+  if (known.contains(pattern)) return {pattern};
+  std::set<std::string> names;
+  for (const std::string& name : known)
+    if (matches(pattern, name)) names.insert(name);
+  if (names.empty())
+    throw Refusal((isGlob(pattern) ? "no LED matches '" : "no LED is named '") + pattern + "'" +
+                  hint(pattern, known));
+  return names;
+}
+
+}  // namespace
+
+std::vector<std::string> expandNames(const std::vector<std::string>& patterns,
+                                     const std::set<std::string>& known) {
+  std::set<std::string> names;
+  for (const std::string& pattern : patterns) names.merge(expandName(pattern, known));
+  return {names.begin(), names.end()};
+}
+
+}  // namespace Ctl

@@ -1,0 +1,136 @@
+#include "ctl/client.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "ctl/text.h"
+
+namespace Ctl {
+
+namespace {
+
+constexpr std::chrono::seconds kPatience{10};
+
+sockaddr_un addressOf(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.empty() || path.size() >= sizeof address.sun_path)
+    throw UsageError("--socket: '" + path + "' can't be the path of a socket; it has " +
+                     std::to_string(path.size()) + " bytes, 1 to " +
+                     std::to_string(sizeof address.sun_path - 1) + " are possible");
+  std::memcpy(address.sun_path, path.data(), path.size());
+  return address;
+}
+
+std::string unreachable(const std::string& path, int error) {
+  std::string why = std::strerror(error);
+  if (error == ENOENT) why = "there is no such socket";
+  if (error == ECONNREFUSED) why = "nobody listens there";
+  const std::string remedy =
+      error == EACCES
+          ? "; join the group that owns the socket, or use sudo"
+          : "; start the host with: pinlampd --store memory: --agent libpinlamp.so --socket " + path;
+  return "can't reach pinlampd at " + path + ": " + why + remedy;
+}
+
+Refusal refusalOf(const Json& error) {
+  if (const auto data = error.find("data"); data != error.end() && data->is_object())
+    if (const auto lines = data->find("errors"); lines != data->end() && lines->is_array() && !lines->empty())
+      return Refusal(lines->get<std::vector<std::string>>());
+  return Refusal(error.value("message", error.dump()));
+}
+
+}  // namespace
+
+Client::Client(const std::string& socketPath) : socketPath_(socketPath) {
+  const sockaddr_un address = addressOf(socketPath);
+  descriptor_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (descriptor_ < 0) throw Refusal(std::string("can't make a socket: ") + std::strerror(errno));
+  if (connect(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return;
+  const int error = errno;
+  close(descriptor_);
+  throw ConnectionLost(unreachable(socketPath, error));
+}
+
+Client::~Client() { close(descriptor_); }
+
+void Client::lost(const std::string& why) const {
+  throw ConnectionLost("pinlampd at " + socketPath_ + " " + why);
+}
+
+void Client::send(const std::string& line) {
+  for (std::size_t sent = 0; sent < line.size();) {
+    const ssize_t count = ::send(descriptor_, line.data() + sent, line.size() - sent, MSG_NOSIGNAL);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) lost(std::string("went away: ") + std::strerror(errno));
+    sent += static_cast<std::size_t>(count);
+  }
+}
+
+void Client::waitReadable(std::chrono::steady_clock::time_point deadline) {
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+  pollfd entry{descriptor_, POLLIN, 0};
+  const int ready = poll(&entry, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0)));
+  if (ready == 0) lost("gave no answer within " + std::to_string(kPatience.count()) + " s");
+}
+
+void Client::receive() {
+  char chunk[65536];
+  const ssize_t count = recv(descriptor_, chunk, sizeof chunk, 0);
+  if (count < 0 && errno == EINTR) return;
+  if (count < 0) lost(std::string("went away: ") + std::strerror(errno));
+  if (count == 0) lost("closed the connection");
+  std::size_t begin = buffer_.size();
+  buffer_.append(chunk, static_cast<std::size_t>(count));
+  for (std::size_t end; (end = buffer_.find('\n', begin)) != std::string::npos; begin = 0) {
+    takeLine(buffer_.substr(0, end));
+    buffer_.erase(0, end + 1);
+  }
+}
+
+void Client::takeLine(const std::string& line) {
+  Json message = Json::parse(line, nullptr, false);
+  if (!message.is_object()) lost("sent what is not a message: " + line.substr(0, 60));
+  (message.contains("method") ? notifications_ : replies_).push_back(std::move(message));
+}
+
+Json Client::call(const std::string& method, Json parameters) {
+  const int id = ++lastId_;
+  const std::string line =
+      Json{{"jsonrpc", "2.0"}, {"id", id}, {"method", method}, {"params", std::move(parameters)}}.dump();
+  if (line.size() > kMessageLimit)
+    throw Refusal(method + ": the request has " + std::to_string(line.size()) +
+                  " bytes; pinlampd takes at most " + std::to_string(kMessageLimit) + " in one; split it");
+  send(line + '\n');
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  while (replies_.empty()) {
+    waitReadable(deadline);
+    receive();
+  }
+  Json reply = std::move(replies_.front());
+  replies_.pop_front();
+  if (const auto error = reply.find("error"); error != reply.end()) throw refusalOf(*error);
+  return reply.value("result", Json());
+}
+
+Json Client::read(const std::string& path) {
+  Json parameters = Json::object();
+  if (!path.empty()) parameters["path"] = path;
+  return call("read", std::move(parameters)).at("entities");
+}
+
+void Client::write(Json changes) { call("write", {{"changes", std::move(changes)}}); }
+
+std::optional<Json> Client::notification() {
+  if (notifications_.empty()) return std::nullopt;
+  Json oldest = std::move(notifications_.front());
+  notifications_.pop_front();
+  return oldest;
+}
+
+}  // namespace Ctl

@@ -1,0 +1,64 @@
+// The connection to pinlampd: JSON-RPC 2.0 over its control socket, one message a line.
+#pragma once
+
+#include <chrono>
+#include <deque>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+#include "ctl/refusal.h"
+
+namespace Ctl {
+
+using Json = nlohmann::json;
+
+// There is no pinlampd to talk to, or there no longer is.
+class ConnectionLost : public Refusal {
+ public:
+  using Refusal::Refusal;
+};
+
+class Client {
+ public:
+  // What the host takes in one message.
+  static constexpr std::size_t kMessageLimit = 1 << 20;
+
+  // Throws ConnectionLost where nobody listens at `socketPath`; the text says how to start the host.
+  explicit Client(const std::string& socketPath);
+  ~Client();
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+
+  // Calls a method and returns its result. Notifications that arrive meanwhile are kept. Throws Refusal with
+  // the host's own lines where it refuses, ConnectionLost where it goes away or gives no answer within ten
+  // seconds.
+  Json call(const std::string& method, Json parameters = Json::object());
+
+  // The entity at a path and all under it, sorted by path.
+  Json read(const std::string& path);
+  // All of the changes, or none.
+  void write(Json changes);
+
+  // The oldest notification that has not been taken; none where none has arrived.
+  std::optional<Json> notification();
+  // Takes in what has arrived. REQUIRES: the descriptor is readable, or this blocks.
+  void receive();
+  // To wait on.
+  int descriptor() const { return descriptor_; }
+
+ private:
+  void send(const std::string& line);
+  void waitReadable(std::chrono::steady_clock::time_point deadline);
+  void takeLine(const std::string& line);
+  [[noreturn]] void lost(const std::string& why) const;
+
+  const std::string socketPath_;
+  int descriptor_ = -1;
+  int lastId_ = 0;
+  std::string buffer_;
+  std::deque<Json> notifications_;
+  std::deque<Json> replies_;
+};
+
+}  // namespace Ctl

@@ -1,0 +1,77 @@
+#include <algorithm>
+#include <ostream>
+
+#include "ctl/complete.h"
+#include "ctl/context.h"
+#include "ctl/text.h"
+
+namespace Ctl {
+
+namespace {
+
+constexpr int kRefused = 1;
+constexpr int kUsage = 2;
+
+// The innermost command that was reached.
+const CLI::App& reached(const CLI::App& app) {
+  const auto chosen = app.get_subcommands();
+  return chosen.empty() ? app : reached(*chosen.front());
+}
+
+// As a person types it.
+std::string commandText(const CLI::App& command) {
+  return (command.get_parent() ? commandText(*command.get_parent()) + ' ' : "") + command.get_name();
+}
+
+// What is wrong where a command stands that there is none of; empty where that is not the trouble.
+std::string unknownCommand(const CLI::App& command) {
+  const auto left = command.remaining();
+  std::set<std::string> known;
+  for (const CLI::App* each : command.get_subcommands([](const CLI::App*) { return true; }))
+    known.insert(each->get_name());
+  if (known.empty() || left.empty()) return {};
+  return "there is no command '" + left.front() + "'" + hint(left.front(), known);
+}
+
+int usage(const CLI::App& app, std::ostream& err, const std::string& what) {
+  const CLI::App& command = reached(app);
+  const std::string unknown = unknownCommand(command);
+  err << "pinlampctl: " << (unknown.empty() ? what.substr(0, what.find('\n')) : unknown)
+      << "; see: " << commandText(command) << " --help\n";
+  return kUsage;
+}
+
+int parseAndRun(CLI::App& app, std::vector<std::string> arguments, std::ostream& out, std::ostream& err) {
+  std::reverse(arguments.begin(), arguments.end());
+  try {
+    app.parse(std::move(arguments));
+    return 0;
+  } catch (const CLI::Success& success) {
+    return app.exit(success, out, err);
+  } catch (const CLI::ParseError& error) {
+    return usage(app, err, error.what());
+  } catch (const UsageError& error) {
+    return usage(app, err, error.what());
+  }
+}
+
+}  // namespace
+
+int runCommandLine(std::vector<std::string> arguments, std::ostream& out, std::ostream& err) {
+  Context context(out, err);
+  CLI::App app;
+  addAllCommands(app, context);
+  try {
+    if (!arguments.empty() && arguments.front() == "complete")
+      return printCandidates(app, context, {arguments.begin() + 1, arguments.end()});
+    return parseAndRun(app, std::move(arguments), out, err);
+  } catch (const Refusal& refusal) {
+    err << "pinlampctl: " << refusal.what() << '\n';
+  } catch (const Json::exception& error) {
+    err << "pinlampctl: pinlampd at " << context.socket << " sent what was not expected: " << error.what()
+        << '\n';
+  }
+  return kRefused;
+}
+
+}  // namespace Ctl

@@ -1,0 +1,191 @@
+#include "ctl/complete.h"
+
+#include <algorithm>
+#include <functional>
+#include <ostream>
+
+#include "ctl/appliance.h"
+#include "ctl/text.h"
+
+namespace Ctl {
+
+namespace {
+
+using Names = std::set<std::string>;
+
+// Where the cursor is in the command line.
+struct Position {
+  const CLI::App* command = nullptr;
+  const CLI::Option* valueOf = nullptr;    // the option whose value stands there
+  std::vector<std::string> positionals{};  // given so far to `command`
+  std::string socket{};                    // as given; empty: none
+};
+
+const CLI::Option* optionNamed(const CLI::App* app, const std::string& word) {
+  for (; app; app = app->get_parent())
+    for (const CLI::Option* option : app->get_options())
+      if (option->check_name(word) && word.starts_with('-')) return option;
+  return nullptr;
+}
+
+bool takesMany(const CLI::Option& option) { return option.get_items_expected_max() > 1; }
+
+const CLI::App* subcommandNamed(const CLI::App& app, const std::string& word) {
+  for (const CLI::App* each : app.get_subcommands([](const CLI::App*) { return true; }))
+    if (each->get_name() == word) return each;
+  return nullptr;
+}
+
+void takeWord(Position& at, const std::string& word) {
+  if (at.valueOf && !word.starts_with('-')) {
+    if (at.valueOf->check_name("--socket")) at.socket = word;
+    if (!takesMany(*at.valueOf)) at.valueOf = nullptr;
+    return;
+  }
+  at.valueOf = nullptr;
+  if (word.starts_with("--socket=")) at.socket = word.substr(9);
+  if (word.starts_with('-')) {
+    const CLI::Option* option = optionNamed(at.command, word);
+    if (option && option->get_items_expected_max() > 0) at.valueOf = option;
+  } else if (const CLI::App* next = subcommandNamed(*at.command, word)) {
+    at.command = next;
+  } else {
+    at.positionals.push_back(word);
+  }
+}
+
+// The positional argument that the next word would be; the last one goes on where it takes many.
+const CLI::Option* nextPositional(const Position& at) {
+  std::vector<const CLI::Option*> positionals;
+  for (const CLI::Option* option : at.command->get_options())
+    if (option->get_positional()) positionals.push_back(option);
+  if (positionals.empty()) return nullptr;
+  if (at.positionals.size() < positionals.size()) return positionals[at.positionals.size()];
+  return takesMany(*positionals.back()) ? positionals.back() : nullptr;
+}
+
+Names optionNames(const CLI::App* app) {
+  Names names;
+  for (; app; app = app->get_parent())
+    for (const CLI::Option* option : app->get_options())
+      for (const std::string& name : option->get_lnames()) names.insert("--" + name);
+  return names;
+}
+
+Names subcommandNames(const CLI::App& app) {
+  Names names;
+  for (const CLI::App* each : app.get_subcommands([](const CLI::App*) { return true; }))
+    names.insert(each->get_name());
+  return names;
+}
+
+Names colourWords() {
+  Names names{"off"};
+  for (const Colour& colour : kColours) names.insert(colour.name);
+  return names;
+}
+
+Names pinNames(Client& client) {
+  Names names;
+  for (const auto& [pin, value] : pinsOf(readAppliance(client))) names.insert(pin);
+  return names;
+}
+
+// The paths' next component after `begun`, with a '/' where more follows.
+Names pathsFrom(Client& client, const std::string& begun) {
+  Names names;
+  for (const Json& entity : client.read("")) {
+    const std::string path = entity.at("path");
+    if (!path.starts_with(begun)) continue;
+    const std::size_t end = path.find('/', begun.size());
+    names.insert(end == std::string::npos ? path : path.substr(0, end + 1));
+  }
+  std::erase_if(names, [&](const std::string& name) { return names.contains(name + '/'); });
+  return names;
+}
+
+Names typeNames(Client& client) {
+  Names names;
+  for (const Json& type : client.call("types").at("types")) names.insert(type.at("name").get<std::string>());
+  return names;
+}
+
+Names attributesAt(Client& client, const std::string& path) {
+  Names names;
+  const Json entities = client.read(path);
+  if (entities.empty() || entities.front().at("path") != path) return names;
+  for (const Json& type : client.call("types").at("types"))
+    if (type.at("name") == entities.front().at("type"))
+      for (const Json& attribute : type.at("attributes"))
+        names.insert(attribute.at("name").get<std::string>());
+  return names;
+}
+
+Names facilityNames(Client& client) {
+  Names names;
+  const Json facilities = client.call("trace").at("facilities");
+  for (const auto& [name, levels] : facilities.items()) names.insert(name + '/');
+  return names;
+}
+
+Names fromHost(Client& client, Completes what, const Position& at, const std::string& begun) {
+  switch (what) {
+    case Completes::led:
+    case Completes::ledThenColour:
+      return namesOf(lampsOf(readAppliance(client)));
+    case Completes::pin:
+      return pinNames(client);
+    case Completes::path:
+      return pathsFrom(client, begun);
+    case Completes::attribute:
+      return attributesAt(client, at.positionals.empty() ? "" : at.positionals.front());
+    case Completes::facility:
+      return facilityNames(client);
+    case Completes::type:
+      return typeNames(client);
+    case Completes::nothing:
+    case Completes::file:
+      break;
+  }
+  return {};
+}
+
+// What the argument at the cursor may be. A host that can't be asked is no error here: nobody reads one.
+Names argumentNames(Context& context, const Position& at, const CLI::Option* argument,
+                    const std::string& begun) {
+  const Completes what = context.completionOf(argument);
+  if (what == Completes::nothing) return {};
+  if (what == Completes::file) return {":files"};
+  const bool colours = what == Completes::ledThenColour && !at.positionals.empty();
+  Names names = colours ? colourWords() : Names();
+  try {
+    names.merge(fromHost(context.client(), what, at, begun));
+  } catch (const std::exception&) {
+    return names;
+  }
+  return names;
+}
+
+Names candidates(Context& context, const Position& at, const std::string& begun) {
+  if (begun.starts_with('-')) return optionNames(at.command);
+  if (at.valueOf) return argumentNames(context, at, at.valueOf, begun);
+  Names names = at.positionals.empty() ? subcommandNames(*at.command) : Names();
+  if (const CLI::Option* argument = nextPositional(at))
+    names.merge(argumentNames(context, at, argument, begun));
+  return names;
+}
+
+}  // namespace
+
+int printCandidates(CLI::App& app, Context& context, const std::vector<std::string>& words) {
+  Position at{&app};
+  for (std::size_t i = 0; i + 1 < words.size(); ++i) takeWord(at, words[i]);
+  if (const char* socket = std::getenv("PINLAMP_SOCKET")) context.socket = socket;
+  if (!at.socket.empty()) context.socket = at.socket;
+  const std::string begun = words.empty() ? "" : words.back();
+  for (const std::string& name : candidates(context, at, begun))
+    if (name.starts_with(begun) || name == ":files") context.out << name << '\n';
+  return 0;
+}
+
+}  // namespace Ctl

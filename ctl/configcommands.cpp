@@ -1,0 +1,95 @@
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+
+#include "ctl/configuration.h"
+#include "ctl/context.h"
+#include "ctl/text.h"
+
+namespace Ctl {
+
+namespace {
+
+std::string contentsOf(const std::string& file) {
+  if (file == "-") return {std::istreambuf_iterator<char>(std::cin), {}};
+  std::ifstream in(file, std::ios::binary);
+  std::string text{std::istreambuf_iterator<char>(in), {}};
+  if (!in.is_open() || in.bad()) throw Refusal("can't read '" + file + "': " + std::strerror(errno));
+  return text;
+}
+
+std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  for (std::size_t begin = 0; begin <= text.size();) {
+    const std::size_t end = std::min(text.find('\n', begin), text.size());
+    lines.push_back(text.substr(begin, end - begin));
+    begin = end + 1;
+  }
+  return lines;
+}
+
+void load(Context& context, const std::string& file, bool replace) {
+  const Configuration configuration(file == "-" ? "standard input" : file, contentsOf(file));
+  Json changes = replace ? configuration.dels(context.client().read("")) : Json::array();
+  for (Json& put : configuration.puts()) changes.push_back(std::move(put));
+  try {
+    context.client().write(std::move(changes));
+  } catch (const ConnectionLost&) {
+    throw;
+  } catch (const Refusal& refusal) {
+    std::vector<std::string> lines = linesOf(refusal.what());
+    for (std::string& line : lines) line = configuration.located(line);
+    throw Refusal(lines);
+  }
+  context.out << file << ": " << configuration.size() << " entities loaded\n";
+}
+
+void dump(Context& context, const std::string& path, bool all) {
+  const Json entities = context.client().read(path);
+  if (entities.empty() && !path.empty())
+    throw Refusal("there is nothing at '" + path + "'; see: pinlampctl get");
+  context.out << configurationText(entities, all);
+}
+
+void addLoad(CLI::App& app, Context& context) {
+  struct Arguments {
+    std::string file;
+    bool replace = false;
+  };
+  const auto given = std::make_shared<Arguments>();
+  CLI::App* command = addCommand(
+      app, "load", "Brings a whole configuration in: all of it, or nothing where anything is wrong",
+      "pinlampctl load examples/switch-1u.json");
+  context
+      .completes(
+          command->add_option("FILE", given->file, "The file, as dump writes it; - for standard input"),
+          Completes::file)
+      ->required();
+  command->add_flag("--replace", given->replace, "Remove what the file does not have");
+  command->callback([&context, given] { load(context, given->file, given->replace); });
+}
+
+void addDump(CLI::App& app, Context& context) {
+  struct Arguments {
+    std::string path;
+    bool all = false;
+  };
+  const auto given = std::make_shared<Arguments>();
+  CLI::App* command = addCommand(app, "dump", "Writes the configuration out, sorted, one entity a line",
+                                 "pinlampctl dump hardware/led/config > leds.json");
+  context.completes(command->add_option("PATH", given->path, "Only what stands at and under this path"),
+                    Completes::path);
+  command->add_flag("--all", given->all, "Also the pin values that agents derive");
+  command->callback([&context, given] { dump(context, given->path, given->all); });
+}
+
+}  // namespace
+
+void addConfigCommands(CLI::App& app, Context& context) {
+  addLoad(app, context);
+  addDump(app, context);
+}
+
+}  // namespace Ctl

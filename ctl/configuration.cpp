@@ -1,0 +1,150 @@
+#include "ctl/configuration.h"
+
+#include <algorithm>
+#include <set>
+
+#include "ctl/appliance.h"
+#include "ctl/output.h"
+#include "ctl/text.h"
+
+namespace Ctl {
+
+namespace {
+
+std::size_t lineAt(const std::string& text, std::size_t offset) {
+  const auto end = text.begin() + static_cast<std::ptrdiff_t>(std::min(offset, text.size()));
+  return 1 + static_cast<std::size_t>(std::count(text.begin(), end, '\n'));
+}
+
+// LINE:COLUMN of an offset.
+std::string positionAt(const std::string& text, std::size_t offset) {
+  const std::size_t lineEnd = offset == 0 ? std::string::npos : text.rfind('\n', offset - 1);
+  const std::size_t column = lineEnd == std::string::npos ? offset : offset - lineEnd - 1;
+  return std::to_string(lineAt(text, offset)) + ':' + std::to_string(column + 1);
+}
+
+// What a parser's message says after its own idea of the place.
+std::string reasonOf(const std::string& message) {
+  const auto column = message.find("column ");
+  const auto reason = message.find(": ", column == std::string::npos ? 0 : column);
+  return reason == std::string::npos ? message : message.substr(reason + 2);
+}
+
+// Parses JSON, and notes keys that stand twice in one object.
+Json parsed(const std::string& file, const std::string& text, std::vector<std::string>& errors) {
+  std::vector<std::set<std::string>> keys;
+  const auto watchKeys = [&](int, Json::parse_event_t event, Json& value) {
+    if (event == Json::parse_event_t::object_start) keys.emplace_back();
+    if (event == Json::parse_event_t::object_end) keys.pop_back();
+    if (event == Json::parse_event_t::key && !keys.back().insert(value.get<std::string>()).second)
+      errors.push_back(file + ": the key " + value.dump() + " stands twice in one object; keep one");
+    return true;
+  };
+  try {
+    return Json::parse(text, watchKeys);
+  } catch (const Json::parse_error& error) {
+    throw Refusal(file + ':' + positionAt(text, error.byte == 0 ? 0 : error.byte - 1) + ": " +
+                  reasonOf(error.what()));
+  }
+}
+
+}  // namespace
+
+Configuration::Configuration(std::string file, std::string text)
+    : file_(std::move(file)), text_(std::move(text)) {
+  std::vector<std::string> errors;
+  const Json whole = parsed(file_, text_, errors);
+  if (!whole.is_object())
+    throw Refusal(file_ + ":1: found " + whole.type_name() +
+                  R"( where {PATH: {"type": TYPE, ATTRIBUTE: VALUE}} is right)");
+  for (const auto& [path, entity] : whole.items()) {
+    check(path, entity, errors);
+    entities_[path] = entity;
+  }
+  if (!errors.empty()) throw Refusal(errors);
+}
+
+void Configuration::check(const std::string& path, const Json& entity,
+                          std::vector<std::string>& errors) const {
+  const std::string place = placeOf(path) + ": " + path;
+  if (!entity.is_object())
+    errors.push_back(place + ": found " + entity.type_name() +
+                     R"( where {"type": TYPE, ATTRIBUTE: VALUE} is right)");
+  else if (const auto type = entity.find("type"); type == entity.end() || !type->is_string())
+    errors.push_back(place + R"(: "type" is missing or no text; it is the entity's type, such as ")" +
+                     kLedType + '"');
+}
+
+std::string Configuration::placeOf(const std::string& key) const {
+  const std::size_t at = text_.find(Json(key).dump());
+  return at == std::string::npos ? file_ : file_ + ':' + std::to_string(lineAt(text_, at));
+}
+
+std::string Configuration::located(const std::string& complaint) const {
+  const std::string* place = nullptr;
+  for (const auto& [path, entity] : entities_)
+    if (complaint.starts_with(path) && (!place || path.size() > place->size())) place = &path;
+  return (place ? placeOf(*place) : file_) + ": " + complaint;
+}
+
+Json Configuration::puts() const {
+  Json changes = Json::array();
+  for (const auto& [path, entity] : entities_) {
+    Json attributes = entity;
+    attributes.erase("type");
+    changes.push_back(
+        {{"op", "put"}, {"path", path}, {"type", entity.at("type")}, {"attributes", attributes}});
+  }
+  return changes;
+}
+
+namespace {
+
+bool isDerived(const std::string& path) { return isUnder(path, kPinDir); }
+
+// Whether the host's entity has a type or an attribute that the wanted one does not, so that storing over it
+// would not do.
+bool mustGo(const Json& found, const Json* wanted) {
+  if (!wanted || found.at("type") != wanted->at("type")) return true;
+  for (const auto& [attribute, value] : found.at("attributes").items())
+    if (!wanted->contains(attribute)) return true;
+  return false;
+}
+
+}  // namespace
+
+Json Configuration::dels(const Json& entities) const {
+  Json changes = Json::array();
+  for (const Json& found : entities) {
+    const std::string path = found.at("path");
+    const auto wanted = entities_.find(path);
+    const bool goesWithLast = !changes.empty() && isUnder(path, changes.back().at("path").get<std::string>());
+    if (!isDerived(path) && !goesWithLast &&
+        mustGo(found, wanted == entities_.end() ? nullptr : &wanted->second))
+      changes.push_back({{"op", "del"}, {"path", path}});
+  }
+  return changes;
+}
+
+namespace {
+
+std::string entityText(const Json& entity) {
+  std::string text = R"({"type": )" + entity.at("type").dump();
+  for (const auto& [attribute, value] : entity.at("attributes").items())
+    text += ", " + Json(attribute).dump() + ": " + oneLine(value);
+  return text + '}';
+}
+
+}  // namespace
+
+std::string configurationText(const Json& entities, bool all) {
+  std::map<std::string, std::string> lines;
+  for (const Json& entity : entities)
+    if (const std::string path = entity.at("path"); all || !isDerived(path)) lines[path] = entityText(entity);
+  std::string text = "{";
+  for (const auto& [path, line] : lines)
+    text += (text == "{" ? "\n  " : ",\n  ") + Json(path).dump() + ": " + line;
+  return text + "\n}\n";
+}
+
+}  // namespace Ctl

@@ -1,0 +1,198 @@
+#include <algorithm>
+#include <ostream>
+
+#include "ctl/context.h"
+#include "ctl/output.h"
+#include "ctl/text.h"
+
+namespace Ctl {
+
+namespace {
+
+// What may have been meant by a path that nothing stands at: looks under the nearest path above that has
+// something.
+std::string pathHint(Client& client, const std::string& path) {
+  const std::string above = parentPath(path);
+  std::set<std::string> known;
+  for (const Json& entity : client.read(above)) known.insert(entity.at("path").get<std::string>());
+  if (known.empty() && !above.empty()) return pathHint(client, above);
+  return hint(path, known);
+}
+
+// The entity at `path` and all under it. Throws Refusal where there is nothing.
+Json readSome(Client& client, const std::string& path) {
+  Json entities = client.read(path);
+  if (entities.empty() && !path.empty())
+    throw Refusal("there is no entity at '" + path + "'" + pathHint(client, path));
+  return entities;
+}
+
+bool startsAt(const Json& entities, const std::string& path) {
+  return !entities.empty() && entities.front().at("path") == path;
+}
+
+std::vector<std::string> attributesOf(Client& client, const std::string& typeName) {
+  std::vector<std::string> names;
+  for (const Json& type : client.call("types").at("types")) {
+    if (type.at("name") != typeName) continue;
+    for (const Json& attribute : type.at("attributes")) names.push_back(attribute.at("name"));
+  }
+  return names;
+}
+
+void getAttribute(Context& context, const Json& entity, const std::string& attribute, bool json) {
+  const Json& set = entity.at("attributes");
+  if (const auto value = set.find(attribute); value != set.end()) {
+    context.out << (json ? oneLine(*value) : bare(*value)) << '\n';
+    return;
+  }
+  const std::string type = entity.at("type");
+  const auto known = attributesOf(context.client(), type);
+  const bool exists = std::count(known.begin(), known.end(), attribute) != 0;
+  const std::string where = entity.at("path").get<std::string>() + ' ' + attribute + ": ";
+  throw Refusal(where + (exists ? "never set, so it has its default"
+                                : "type " + type + " has no such attribute; it has " + joined(known)));
+}
+
+void printEntity(std::ostream& out, const Json& entity) {
+  out << entity.at("path").get<std::string>() << "  " << entity.at("type").get<std::string>() << '\n';
+  for (const auto& [name, value] : entity.at("attributes").items())
+    out << "  " << name << " = " << oneLine(value) << '\n';
+}
+
+// The outermost of the entities under `path`, without what stands under them.
+void printMembers(std::ostream& out, const Json& entities, const std::string& path) {
+  std::string last;
+  for (const Json& entity : entities) {
+    const std::string each = entity.at("path");
+    if (each == path || (!last.empty() && isUnder(each, last))) continue;
+    out << "  " << each.substr(path.empty() ? 0 : path.size() + 1) << "  "
+        << entity.at("type").get<std::string>() << '\n';
+    last = each;
+  }
+}
+
+void get(Context& context, const std::string& path, const std::string& attribute, bool json) {
+  const Json entities = readSome(context.client(), path);
+  const bool here = startsAt(entities, path);
+  if (!attribute.empty() && !here)
+    throw Refusal("there is no entity at '" + path + "', though some stand under it; see: pinlampctl get " +
+                  path);
+  if (!attribute.empty()) return getAttribute(context, entities.front(), attribute, json);
+  if (json) {
+    context.out << (here ? entities.front() : entities).dump(2) << '\n';
+    return;
+  }
+  if (here)
+    printEntity(context.out, entities.front());
+  else
+    context.out << path << (path.empty() ? "" : "\n");
+  printMembers(context.out, entities, path);
+}
+
+// A text that is no JSON stands for itself.
+Json valueOf(const std::string& text) {
+  Json value = Json::parse(text, nullptr, false);
+  return value.is_discarded() ? Json(text) : value;
+}
+
+void set(Context& context, const std::string& path, const std::string& attribute, const std::string& value,
+         const std::string& type) {
+  Json change{{"op", "put"}, {"path", path}, {"attributes", {{attribute, valueOf(value)}}}};
+  if (type.empty())
+    change["existing"] = true;
+  else
+    change["type"] = type;
+  context.client().write(Json::array({change}));
+}
+
+void del(Context& context, const std::vector<std::string>& paths) {
+  Json changes = Json::array();
+  for (const std::string& path : paths) {
+    readSome(context.client(), path);
+    changes.push_back({{"op", "del"}, {"path", path}});
+  }
+  context.client().write(std::move(changes));
+}
+
+void types(Context& context, bool json) {
+  const Json all = context.client().call("types").at("types");
+  if (json) {
+    context.out << all.dump(2) << '\n';
+    return;
+  }
+  for (const Json& type : all) {
+    const Json base = type.value("base", Json());
+    context.out << type.at("name").get<std::string>()
+                << (base.is_string() && base != "" ? " : " + base.get<std::string>() : "") << '\n';
+    Table table;
+    for (const Json& row : type.at("attributes"))
+      table.add({" ", row.at("name"), bare(row.value("kind", Json(""))), bare(row.value("type", Json(""))),
+                 row.value("stored", false) ? "stored" : ""});
+    table.print(context.out);
+  }
+}
+
+void addGet(CLI::App& app, Context& context) {
+  struct Arguments {
+    std::string path;
+    std::string attribute;
+    bool json = false;
+  };
+  const auto given = std::make_shared<Arguments>();
+  CLI::App* command = addCommand(app, "get", "Shows an entity, its attributes and what stands under it",
+                                 "pinlampctl get hardware/led/config/leds/Ethernet3%2F1 lightSetting");
+  context.completes(
+      command->add_option("PATH", given->path, "A '/' within a name is written %2F (default: all)"),
+      Completes::path);
+  context.completes(command->add_option("ATTRIBUTE", given->attribute, "Only this attribute's value"),
+                    Completes::attribute);
+  addJsonFlag(*command, given->json);
+  command->callback([&context, given] { get(context, given->path, given->attribute, given->json); });
+}
+
+void addSet(CLI::App& app, Context& context) {
+  struct Arguments {
+    std::string path, attribute, value, type;
+  };
+  const auto given = std::make_shared<Arguments>();
+  CLI::App* command =
+      addCommand(app, "set", "Sets an attribute of an entity",
+                 "pinlampctl set hardware/led/config/leds/Status lightSetting '{\"red\": true}'");
+  context.completes(command->add_option("PATH", given->path, "The entity"), Completes::path)->required();
+  context
+      .completes(command->add_option("ATTRIBUTE", given->attribute, "The attribute"), Completes::attribute)
+      ->required();
+  command->add_option("VALUE", given->value, "JSON, or a bare text")->required();
+  context.completes(command->add_option("--type", given->type, "Make the entity where it is not there"),
+                    Completes::type);
+  command->callback(
+      [&context, given] { set(context, given->path, given->attribute, given->value, given->type); });
+}
+
+void addDel(CLI::App& app, Context& context) {
+  const auto paths = std::make_shared<std::vector<std::string>>();
+  CLI::App* command = addCommand(app, "del", "Removes entities and everything under them",
+                                 "pinlampctl del hardware/led/config/leds/Beacon");
+  context.completes(command->add_option("PATH", *paths, "The entities"), Completes::path)->required();
+  command->callback([&context, paths] { del(context, *paths); });
+}
+
+void addTypes(CLI::App& app, Context& context) {
+  const auto json = std::make_shared<bool>(false);
+  CLI::App* command =
+      addCommand(app, "types", "Lists the types of entities and their attributes", "pinlampctl types");
+  addJsonFlag(*command, *json);
+  command->callback([&context, json] { types(context, *json); });
+}
+
+}  // namespace
+
+void addEntityCommands(CLI::App& app, Context& context) {
+  addGet(app, context);
+  addSet(app, context);
+  addDel(app, context);
+  addTypes(app, context);
+}
+
+}  // namespace Ctl

@@ -1,0 +1,111 @@
+#include <ostream>
+
+#include "ctl/context.h"
+#include "ctl/output.h"
+#include "ctl/text.h"
+
+namespace Ctl {
+
+namespace {
+
+void trace(Context& context, const std::string& levels, bool json) {
+  Json parameters = Json::object();
+  if (!levels.empty()) parameters["levels"] = levels;
+  const Json facilities = context.client().call("trace", std::move(parameters)).at("facilities");
+  if (json) {
+    context.out << facilities.dump(2) << '\n';
+    return;
+  }
+  Table table;
+  for (const auto& [facility, on] : facilities.items()) table.add({facility, on == "" ? "-" : bare(on)});
+  table.print(context.out);
+}
+
+std::string durationText(double seconds) {
+  const auto whole = static_cast<long>(seconds);
+  const long parts[] = {whole / 86400, whole / 3600 % 24, whole / 60 % 60, whole % 60};
+  char text[64];
+  std::snprintf(text, sizeof text, "%ld d %02ld:%02ld:%02ld", parts[0], parts[1], parts[2], parts[3]);
+  return text;
+}
+
+std::string agentsText(const Json& agents) {
+  std::vector<std::string> texts;
+  for (const Json& agent : agents)
+    texts.push_back(bare(agent.at("name")) + " (" + bare(agent.at("library")) + ")");
+  return texts.empty() ? "none" : joined(texts);
+}
+
+void printMounts(std::ostream& out, const Json& mounts) {
+  Table table;
+  for (const Json& mount : mounts)
+    table.add({" ", bare(mount.at("path")), bare(mount.at("type")), bare(mount.at("mode")),
+               mount.at("complete").get<bool>() ? "complete" : "waiting"});
+  table.print(out);
+}
+
+std::string refusalsText(const Json& status) {
+  const std::string count = status.at("refusals").dump();
+  const std::string last = bare(status.value("lastRefusal", Json("")));
+  return last.empty() || last == "null" ? count : count + ", last: " + last;
+}
+
+void printStatus(std::ostream& out, const Json& status) {
+  const auto text = [&](const char* name) { return bare(status.at(name)); };
+  Table table;
+  table.add({"pinlampd", text("version") + ", process " + text("pid") + ", up " +
+                             durationText(status.at("uptime").get<double>())});
+  table.add({"store", text("store")});
+  table.add({"agents", agentsText(status.at("agents"))});
+  table.add({"LEDs", text("leds") + " configured, " + text("mappings") + " mapped, " + text("machines") +
+                         " machines"});
+  table.add({"pins", text("pins") + ", " + text("published") + " values published"});
+  table.add({"entities", text("entities") + ", " + text("names") + " names"});
+  table.add({"loop", text("passes") + " passes, " + text("deliveries") + " deliveries, " + text("expiries") +
+                         " ticks, worst lateness " +
+                         shortNumber(status.at("worstLateness").get<double>() * 1000) + " ms"});
+  table.add({"clients", text("clients")});
+  table.add({"refusals", refusalsText(status)});
+  table.print(out);
+  out << "mounts\n";
+  printMounts(out, status.at("mounts"));
+}
+
+void showStatus(Context& context, bool json) {
+  const Json status = context.client().call("status");
+  if (json)
+    context.out << status.dump(2) << '\n';
+  else
+    printStatus(context.out, status);
+}
+
+void addTrace(CLI::App& app, Context& context) {
+  struct Arguments {
+    std::string levels;
+    bool json = false;
+  };
+  const auto given = std::make_shared<Arguments>();
+  CLI::App* command = addCommand(app, "trace", "Shows or sets the trace levels of the running host",
+                                 "pinlampctl trace Pinlamp/3,6-9");
+  context.completes(command->add_option("FACILITY/LEVELS", given->levels,
+                                        "Numbers and ranges; '*' for all, nothing for none"),
+                    Completes::facility);
+  addJsonFlag(*command, given->json);
+  command->callback([&context, given] { trace(context, given->levels, given->json); });
+}
+
+void addStatus(CLI::App& app, Context& context) {
+  const auto json = std::make_shared<bool>(false);
+  CLI::App* command = addCommand(app, "status", "Tells how the host is doing", "pinlampctl status");
+  addJsonFlag(*command, *json);
+  command->callback([&context, json] { showStatus(context, *json); });
+}
+
+}  // namespace
+
+void addHostCommands(CLI::App& app, Context& context) {
+  addTrace(app, context);
+  addStatus(app, context);
+}
+
+}  // namespace Ctl

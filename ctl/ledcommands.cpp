@@ -1,0 +1,141 @@
+#include <algorithm>
+#include <cmath>
+#include <ostream>
+
+#include "ctl/appliance.h"
+#include "ctl/context.h"
+#include "ctl/ledwords.h"
+#include "ctl/output.h"
+#include "ctl/text.h"
+
+namespace Ctl {
+
+namespace {
+
+Json pinsJson(const Lamp& lamp, const std::map<std::string, std::optional<unsigned>>& values) {
+  Json pins = Json::object();
+  for (std::size_t i = 0; i < kColours.size(); ++i)
+    for (const std::string& pin : lamp.pins[i]) {
+      const auto value = values.at(pin);
+      pins[kColours[i].name][pin] = value ? Json(*value) : Json();
+    }
+  return pins;
+}
+
+Json lampJson(const Lamp& lamp, const std::map<std::string, std::optional<unsigned>>& values) {
+  return {{"name", lamp.name},
+          {"setting", lamp.configured ? lamp.setting : Json()},
+          {"mapped", lamp.mapped},
+          {"ready", lamp.ready},
+          {"shows", lamp.driven ? Json(colourNames(lamp.shows)) : Json()},
+          {"pins", pinsJson(lamp, values)}};
+}
+
+std::string pinsText(const Lamp& lamp, const std::map<std::string, std::optional<unsigned>>& values) {
+  if (!lamp.mapped) return "no mapping";
+  std::vector<std::string> texts;
+  for (std::size_t i = 0; i < kColours.size(); ++i)
+    for (const std::string& pin : lamp.pins[i]) {
+      const auto value = values.at(pin);
+      texts.push_back(std::string(kColours[i].name) + ':' + pin + '=' +
+                      (value ? std::to_string(*value) : "-"));
+    }
+  return (lamp.ready ? "" : "not ready  ") + joined(texts, " ");
+}
+
+std::vector<Lamp> selected(std::vector<Lamp> lamps, const std::vector<std::string>& patterns) {
+  if (patterns.empty()) return lamps;
+  const auto names = expandNames(patterns, namesOf(lamps));
+  std::erase_if(lamps, [&](const Lamp& lamp) { return !std::count(names.begin(), names.end(), lamp.name); });
+  return lamps;
+}
+
+void list(Context& context, const std::vector<std::string>& patterns, bool json) {
+  const Mirror mirror = readAppliance(context.client());
+  const auto values = pinsOf(mirror);
+  Json all = Json::array();
+  Table table;
+  table.add({"LED", "SETTING", "SHOWS", "PINS"});
+  for (const Lamp& lamp : selected(lampsOf(mirror), patterns)) {
+    table.add({lamp.name, lamp.settingText(), lamp.shownText(), pinsText(lamp, values)});
+    all.push_back(lampJson(lamp, values));
+  }
+  if (json)
+    context.out << all.dump(2) << '\n';
+  else
+    table.print(context.out);
+}
+
+Json putLed(const std::string& led, Json setting) {
+  return {{"op", "put"},
+          {"path", ledPath(led)},
+          {"type", kLedType},
+          {"attributes", {{"lightSetting", std::move(setting)}}}};
+}
+
+// Stores what `words` ask for over the LEDs' present settings; fields that are no business of colours stay.
+void set(Context& context, const LedWords& words, std::optional<double> flash) {
+  Client& client = context.client();
+  const std::vector<Lamp> lamps = lampsOf(readAppliance(client));
+  const auto names = expandLedWords(words, namesOf(lamps));
+  Json changes = Json::array({{{"op", "put"}, {"path", kLedDir}, {"type", kLedDirType}}});
+  for (const Lamp& lamp : lamps)
+    if (std::count(names.begin(), names.end(), lamp.name))
+      changes.push_back(putLed(lamp.name, lightSetting(lamp.setting, words.colours, flash)));
+  client.write(std::move(changes));
+}
+
+void addList(CLI::App& led, Context& context) {
+  struct Arguments {
+    std::vector<std::string> patterns;
+    bool json = false;
+  };
+  const auto given = std::make_shared<Arguments>();
+  CLI::App* command =
+      addCommand(led, "list", "Lists LEDs: what each should show, what it shows, its pins and their values",
+                 "pinlampctl led list 'Ethernet4*'");
+  context.completes(command->add_option("NAME", given->patterns, "Names or patterns (default: all)"),
+                    Completes::led);
+  addJsonFlag(*command, given->json);
+  command->callback([&context, given] { list(context, given->patterns, given->json); });
+}
+
+void addSet(CLI::App& led, Context& context) {
+  struct Arguments {
+    std::vector<std::string> words;
+    double flash = 0.0;
+  };
+  const auto given = std::make_shared<Arguments>();
+  CLI::App* command = addCommand(led, "set", "Lights LEDs: the names or patterns first, then the colours",
+                                 "pinlampctl led set Status 'Ethernet3*' green --flash 0.5");
+  context
+      .completes(
+          command->add_option("NAME... COLOUR", given->words, "LEDs; then orange, green, red, yellow or off"),
+          Completes::ledThenColour)
+      ->required();
+  CLI::Option* flash =
+      command->add_option("--flash", given->flash, "Seconds between two toggles; 0 for steady");
+  command->callback([&context, given, flash] {
+    const auto interval = flash->count() == 0 ? std::nullopt : std::optional(given->flash);
+    set(context, splitLedWords(given->words, interval), interval);
+  });
+}
+
+void addOff(CLI::App& led, Context& context) {
+  const auto names = std::make_shared<std::vector<std::string>>();
+  CLI::App* command = addCommand(led, "off", "Turns LEDs off", "pinlampctl led off 'Ethernet*'");
+  context.completes(command->add_option("NAME", *names, "Names or patterns"), Completes::led)->required();
+  command->callback([&context, names] { set(context, {*names, {"off"}}, std::nullopt); });
+}
+
+}  // namespace
+
+void addLedCommands(CLI::App& app, Context& context) {
+  CLI::App* led = addCommand(app, "led", "Sees and sets LEDs", "pinlampctl led list");
+  led->require_subcommand(1);
+  addList(*led, context);
+  addSet(*led, context);
+  addOff(*led, context);
+}
+
+}  // namespace Ctl

@@ -1,0 +1,121 @@
+#include <ostream>
+
+#include "ctl/appliance.h"
+#include "ctl/context.h"
+#include "ctl/output.h"
+#include "ctl/text.h"
+
+namespace Ctl {
+
+namespace {
+
+struct MapArguments {
+  std::string led;
+  PerColour<std::vector<std::string>> pins;
+  PerColour<CLI::Option*> options{};
+  bool ready = false;
+  CLI::Option* readyOption = nullptr;
+
+  Json attributes() const;
+};
+
+// One empty pin name empties the set.
+Json pinSet(const std::vector<std::string>& pins) {
+  return pins == std::vector<std::string>{""} ? Json::array() : Json(pins);
+}
+
+Json MapArguments::attributes() const {
+  Json attributes = Json::object();
+  for (std::size_t i = 0; i < kColours.size(); ++i)
+    if (options[i]->count() != 0) attributes[kColours[i].pinAttribute] = pinSet(pins[i]);
+  if (readyOption->count() != 0) attributes["ready"] = ready;
+  return attributes;
+}
+
+void set(Context& context, const MapArguments& given) {
+  context.client().write({{{"op", "put"}, {"path", kMapDir}, {"type", kMapDirType}},
+                          {{"op", "put"},
+                           {"path", mapPath(given.led)},
+                           {"type", kMapType},
+                           {"attributes", given.attributes()}}});
+}
+
+std::vector<Lamp> mappedLamps(Context& context) {
+  auto lamps = lampsOf(readAppliance(context.client()));
+  std::erase_if(lamps, [](const Lamp& lamp) { return !lamp.mapped; });
+  return lamps;
+}
+
+void del(Context& context, const std::vector<std::string>& patterns) {
+  Json changes = Json::array();
+  for (const std::string& led : expandNames(patterns, namesOf(mappedLamps(context))))
+    changes.push_back({{"op", "del"}, {"path", mapPath(led)}});
+  context.client().write(std::move(changes));
+}
+
+void list(Context& context, bool json) {
+  Json all = Json::object();
+  Table table;
+  std::vector<std::string> header{"LED", "READY"};
+  for (const Colour& colour : kColours) header.emplace_back(colour.name);
+  table.add(header);
+  for (const Lamp& lamp : mappedLamps(context)) {
+    std::vector<std::string> row{lamp.name, lamp.ready ? "yes" : "no"};
+    Json& entry = all[lamp.name] = {{"ready", lamp.ready}};
+    for (std::size_t i = 0; i < kColours.size(); ++i) {
+      row.push_back(lamp.pins[i].empty() ? "-" : joined(lamp.pins[i], ","));
+      entry[kColours[i].name] = lamp.pins[i];
+    }
+    table.add(std::move(row));
+  }
+  if (json)
+    context.out << all.dump(2) << '\n';
+  else
+    table.print(context.out);
+}
+
+void addSet(CLI::App& map, Context& context) {
+  const auto given = std::make_shared<MapArguments>();
+  CLI::App* command =
+      addCommand(map, "set", "Says which pins light an LED; colours that are not given keep theirs",
+                 "pinlampctl map set Status --green status_g --red status_r --ready");
+  context
+      .completes(command->add_option("NAME", given->led, "The LED; made where there is none"), Completes::led)
+      ->required();
+  for (std::size_t i = 0; i < kColours.size(); ++i) {
+    const std::string name = kColours[i].name;
+    given->options[i] =
+        command->add_option("--" + name, given->pins[i], "The " + name + " pins; '' for none");
+    context.completes(given->options[i], Completes::pin);
+  }
+  given->readyOption = command->add_flag("--ready,!--no-ready", given->ready,
+                                         "Whether the mapping is complete; nothing is driven before");
+  command->callback([&context, given] { set(context, *given); });
+}
+
+void addDel(CLI::App& map, Context& context) {
+  const auto names = std::make_shared<std::vector<std::string>>();
+  CLI::App* command =
+      addCommand(map, "del", "Removes LEDs' mappings, and with them their pins", "pinlampctl map del Beacon");
+  context.completes(command->add_option("NAME", *names, "Names or patterns"), Completes::led)->required();
+  command->callback([&context, names] { del(context, *names); });
+}
+
+void addList(CLI::App& map, Context& context) {
+  const auto json = std::make_shared<bool>(false);
+  CLI::App* command = addCommand(map, "list", "Lists which pins light which LED", "pinlampctl map list");
+  addJsonFlag(*command, *json);
+  command->callback([&context, json] { list(context, *json); });
+}
+
+}  // namespace
+
+void addMapCommands(CLI::App& app, Context& context) {
+  CLI::App* map = addCommand(app, "map", "Says which pins light which LED", "pinlampctl map list");
+  map->require_subcommand(1);
+  addSet(*map, context);
+  addDel(*map, context);
+  addList(*map, context);
+}
+
+}  // namespace Ctl

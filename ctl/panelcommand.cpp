@@ -1,0 +1,163 @@
+#include <unistd.h>
+
+#include <cstdlib>
+#include <ostream>
+
+#include "ctl/context.h"
+#include "ctl/events.h"
+#include "ctl/terminal.h"
+#include "ctl/text.h"
+
+namespace Ctl {
+
+namespace {
+
+struct PanelArguments {
+  bool once = false;
+  std::optional<double> seconds;
+};
+
+const char* environment(const char* name) { return std::getenv(name); }
+
+void printOnce(Context& context) {
+  for (const Lamp& lamp : lampsOf(readAppliance(context.client()))) context.out << plainLine(lamp) << '\n';
+}
+
+// Prints the lines that are not as they were printed last.
+void printChanged(std::ostream& out, const std::vector<Lamp>& lamps,
+                  std::map<std::string, std::string>& printed) {
+  for (const Lamp& lamp : lamps) {
+    const std::string line = plainLine(lamp);
+    if (std::exchange(printed[lamp.name], line) != line) out << line << '\n';
+  }
+  out.flush();
+}
+
+void printUntil(Context& context, Instant deadline) {
+  Events events{SIGINT, SIGTERM};
+  LiveAppliance appliance(context.client());
+  std::map<std::string, std::string> printed;
+  while (true) {
+    printChanged(context.out, lampsOf(appliance.mirror()), printed);
+    const Event event = events.next(&context.client(), deadline);
+    if (event.kind != Event::Kind::notification) return;
+    appliance.take(event.notification);
+  }
+}
+
+// The live panel. A host that goes away is waited for; the last known state stays on the screen meanwhile.
+class LivePanel {
+ public:
+  LivePanel(std::string socket, Instant deadline)
+      : socket_(std::move(socket)), deadline_(deadline), look_(lookOf(&environment)) {
+    connect();
+  }
+
+  void run() {
+    Events events{SIGINT, SIGTERM, SIGHUP, SIGWINCH, SIGTSTP};
+    Terminal terminal;
+    events.keysFrom(STDIN_FILENO);
+    while (!ended_) {
+      if (!std::exchange(drawn_, true)) terminal.draw(frame(terminal.size()));
+      take(nextEvent(events), terminal);
+      while (!ended_ && pending(events, terminal)) {
+      }
+    }
+  }
+
+ private:
+  static constexpr std::chrono::seconds kRetry{1};
+
+  void connect() {
+    client_ = std::make_unique<Client>(socket_);
+    appliance_ = std::make_unique<LiveAppliance>(*client_);
+    trouble_.clear();
+    drawn_ = false;
+  }
+
+  void reconnect() {
+    try {
+      connect();
+    } catch (const Refusal&) {
+      client_.reset();
+    }
+  }
+
+  void lose(const ConnectionLost& lost) {
+    trouble_ = std::string(lost.what()) + "; waiting for it";
+    client_.reset();
+    drawn_ = false;
+  }
+
+  std::vector<std::string> frame(const PanelSize& size) const {
+    const std::string title =
+        trouble_.empty() ? "Front panel, through " + socket_ + "  (q leaves)" : trouble_;
+    return panelFrame(lampsOf(appliance_->mirror()), title, look_, size);
+  }
+
+  // Waits; while there is no host it tries to reach one every so often.
+  Event nextEvent(Events& events) {
+    try {
+      const auto retryAt = std::chrono::steady_clock::now() + kRetry;
+      Event event = events.next(client_.get(), client_ ? deadline_ : std::min(deadline_, retryAt));
+      ended_ = event.kind == Event::Kind::deadline && std::chrono::steady_clock::now() >= deadline_;
+      if (event.kind == Event::Kind::deadline && !ended_ && !client_) reconnect();
+      return event;
+    } catch (const ConnectionLost& lost) {
+      lose(lost);
+      return {};
+    }
+  }
+
+  // Takes one event that is there already, so that changes that come together are drawn together.
+  bool pending(Events& events, Terminal& terminal) {
+    try {
+      const Event event = events.next(client_.get(), Instant::min());
+      take(event, terminal);
+      return event.kind != Event::Kind::deadline;
+    } catch (const ConnectionLost& lost) {
+      lose(lost);
+      return false;
+    }
+  }
+
+  void take(const Event& event, Terminal& terminal) {
+    if (event.kind == Event::Kind::deadline) return;
+    drawn_ = false;
+    if (event.kind == Event::Kind::notification) return appliance_->take(event.notification);
+    if (event.kind == Event::Kind::key) return void(ended_ = event.number == 'q' || event.number == 'Q');
+    if (event.number == SIGTSTP) return terminal.suspend();
+    ended_ = event.number != SIGWINCH;
+  }
+
+  const std::string socket_;
+  const Instant deadline_;
+  const Look look_;
+  std::unique_ptr<Client> client_;  // null while the host is away
+  std::unique_ptr<LiveAppliance> appliance_;
+  std::string trouble_;
+  bool drawn_ = false;
+  bool ended_ = false;
+};
+
+void panel(Context& context, const PanelArguments& given) {
+  const Instant deadline = afterSeconds(given.seconds);
+  const bool terminal = isatty(STDOUT_FILENO) != 0;
+  if (given.once || (!terminal && !given.seconds)) return printOnce(context);
+  if (!terminal) return printUntil(context, deadline);
+  LivePanel(context.socket, deadline).run();
+}
+
+}  // namespace
+
+void addPanelCommand(CLI::App& app, Context& context) {
+  const auto given = std::make_shared<PanelArguments>();
+  CLI::App* command =
+      addCommand(app, "panel", "Shows the front panel, live; q leaves it. Without a terminal: plain lines",
+                 "pinlampctl panel --for 10");
+  command->add_flag("--once", given->once, "Print plain lines, once");
+  command->add_option("--for", given->seconds, "Leave after so many seconds");
+  command->callback([&context, given] { panel(context, *given); });
+}
+
+}  // namespace Ctl

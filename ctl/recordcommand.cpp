@@ -1,0 +1,91 @@
+#include <ostream>
+
+#include "ctl/appliance.h"
+#include "ctl/context.h"
+#include "ctl/events.h"
+#include "ctl/output.h"
+#include "ctl/text.h"
+#include "ctl/vcd.h"
+
+namespace Ctl {
+
+namespace {
+
+struct Recording {
+  std::string file;
+  std::optional<double> seconds;
+};
+
+class Recorder {
+ public:
+  explicit Recorder(const std::string& file) : writer_(file, timeStamp()) {}
+
+  // Writes the values as they are now; pins that are no longer there stop being driven.
+  void take(const Mirror& mirror) {
+    const auto now = elapsed();
+    auto gone = std::exchange(known_, {});
+    for (const auto& [pin, value] : pinsOf(mirror)) {
+      writer_.valueIs(now, pin, value);
+      gone.erase(pin);
+      known_.insert(pin);
+    }
+    for (const std::string& pin : gone) writer_.valueIs(now, pin, std::nullopt);
+    writer_.flush();
+  }
+
+  std::string finish() {
+    const auto now = elapsed();
+    writer_.finish(now);
+    return std::to_string(writer_.changes()) + " values of " + std::to_string(writer_.pins()) + " pins in " +
+           shortNumber(std::chrono::duration<double>(now).count()) + " s";
+  }
+
+ private:
+  VcdWriter::Time elapsed() const {
+    return std::chrono::duration_cast<VcdWriter::Time>(std::chrono::steady_clock::now() - start_);
+  }
+
+  VcdWriter writer_;
+  std::set<std::string> known_;
+  const Instant start_ = std::chrono::steady_clock::now();
+};
+
+// Follows the pins until the time is over, a signal comes or the host goes; throws ConnectionLost for the
+// last.
+void follow(Client& client, Instant deadline, Recorder& recorder) {
+  Events events{SIGINT, SIGTERM, SIGHUP};
+  LiveAppliance appliance(client);
+  recorder.take(appliance.mirror());
+  for (Event event; (event = events.next(&client, deadline)).kind == Event::Kind::notification;) {
+    appliance.take(event.notification);
+    recorder.take(appliance.mirror());
+  }
+}
+
+void record(Context& context, const Recording& given) {
+  const Instant deadline = afterSeconds(given.seconds);
+  Client& client = context.client();
+  Recorder recorder(given.file);
+  try {
+    follow(client, deadline, recorder);
+  } catch (const ConnectionLost& lost) {
+    throw Refusal(std::string(lost.what()) + "; " + given.file + " has " + recorder.finish());
+  }
+  context.out << given.file << ": " << recorder.finish() << '\n';
+}
+
+}  // namespace
+
+void addRecordCommand(CLI::App& app, Context& context) {
+  const auto given = std::make_shared<Recording>();
+  CLI::App* command = addCommand(app, "record", "Records the pin values as a waveform (VCD), until Ctrl-C",
+                                 "pinlampctl record pins.vcd --for 10");
+  context
+      .completes(command->add_option("FILE", given->file, "The file; one that is there is replaced"),
+                 Completes::file)
+      ->required();
+  command->add_option("--for", given->seconds, "End after so many seconds");
+  command->callback([&context, given] { record(context, *given); });
+}
+
+}  // namespace Ctl

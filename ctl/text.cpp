@@ -1,0 +1,166 @@
+#include "ctl/text.h"
+
+#include <fnmatch.h>
+
+#include <algorithm>
+#include <cctype>
+#include <numeric>
+#include <sstream>
+#include <utility>
+
+#include "ctl/refusal.h"
+
+namespace Ctl {
+
+Refusal::Refusal(const std::vector<std::string>& lines) : std::runtime_error(joined(lines, "\n")) {}
+
+namespace {
+
+constexpr char kHexDigits[] = "0123456789ABCDEF";
+
+bool mustBeEscaped(char c) {
+  const auto byte = static_cast<unsigned char>(c);
+  return c == '/' || c == '%' || byte < 0x20 || byte == 0x7f;
+}
+
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+bool isEscape(std::string_view text) {
+  return text.size() >= 3 && text[0] == '%' && std::isxdigit(static_cast<unsigned char>(text[1])) &&
+         std::isxdigit(static_cast<unsigned char>(text[2]));
+}
+
+}  // namespace
+
+std::string escapeComponent(std::string_view name) {
+  std::string component;
+  const bool dots = name == "." || name == "..";
+  for (const char c : name) {
+    if (!mustBeEscaped(c) && !dots) {
+      component += c;
+      continue;
+    }
+    const auto byte = static_cast<unsigned char>(c);
+    component += {'%', kHexDigits[byte >> 4], kHexDigits[byte & 15]};
+  }
+  return component;
+}
+
+std::string unescapeComponent(std::string_view component) {
+  std::string name;
+  while (!component.empty()) {
+    const bool escape = isEscape(component);
+    name += escape ? static_cast<char>(std::stoi(std::string(component.substr(1, 2)), nullptr, 16))
+                   : component[0];
+    component.remove_prefix(escape ? 3 : 1);
+  }
+  return name;
+}
+
+std::string lastName(std::string_view path) { return unescapeComponent(path.substr(path.rfind('/') + 1)); }
+
+std::string parentPath(std::string_view path) {
+  const auto slash = path.rfind('/');
+  return slash == std::string_view::npos ? std::string() : std::string(path.substr(0, slash));
+}
+
+bool isUnder(std::string_view path, std::string_view above) {
+  return above.empty() ||
+         (path.starts_with(above) && (path.size() == above.size() || path[above.size()] == '/'));
+}
+
+std::string joined(const std::vector<std::string>& texts, std::string_view separator) {
+  std::string all;
+  for (const std::string& text : texts) {
+    if (&text != &texts.front()) all += separator;
+    all += text;
+  }
+  return all;
+}
+
+bool isGlob(std::string_view text) { return text.find_first_of("*?[") != std::string_view::npos; }
+
+bool matches(const std::string& pattern, const std::string& name) {
+  return fnmatch(pattern.c_str(), name.c_str(), 0) == 0;
+}
+
+namespace {
+
+// Takes the leading number, or one character, off a name: the unit that names are compared by.
+std::string_view unitOf(std::string_view& name) {
+  std::size_t length = 0;
+  while (length < name.size() && isDigit(name[length])) ++length;
+  const auto unit = name.substr(0, std::max<std::size_t>(length, 1));
+  name.remove_prefix(unit.size());
+  return unit;
+}
+
+int compareUnits(std::string_view a, std::string_view b) {
+  if (!isDigit(a[0]) || !isDigit(b[0])) return a.compare(b);
+  a.remove_prefix(std::min(a.find_first_not_of('0'), a.size()));
+  b.remove_prefix(std::min(b.find_first_not_of('0'), b.size()));
+  return a.size() != b.size() ? (a.size() < b.size() ? -1 : 1) : a.compare(b);
+}
+
+}  // namespace
+
+bool naturallyBefore(std::string_view a, std::string_view b) {
+  for (std::string_view x = a, y = b; !x.empty() || !y.empty();) {
+    if (x.empty() || y.empty()) return x.empty();
+    if (const int order = compareUnits(unitOf(x), unitOf(y))) return order < 0;
+  }
+  return a < b;
+}
+
+namespace {
+
+// How many characters must be inserted, removed or replaced to turn one text into the other, case aside.
+std::size_t distance(std::string_view a, std::string_view b) {
+  std::vector<std::size_t> row(b.size() + 1);
+  std::iota(row.begin(), row.end(), 0U);
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    std::size_t diagonal = std::exchange(row[0], i + 1);
+    for (std::size_t j = 0; j < b.size(); ++j) {
+      const bool same =
+          std::tolower(static_cast<unsigned char>(a[i])) == std::tolower(static_cast<unsigned char>(b[j]));
+      const std::size_t replaced = diagonal + (same ? 0 : 1);
+      diagonal = row[j + 1];
+      row[j + 1] = std::min({replaced, row[j] + 1, diagonal + 1});
+    }
+  }
+  return row.back();
+}
+
+}  // namespace
+
+std::vector<std::string> nearest(const std::string& name, const std::set<std::string>& known) {
+  const std::size_t limit = std::max<std::size_t>(2, name.size() / 3);
+  std::vector<std::pair<std::size_t, std::string>> found;
+  for (const std::string& each : known)
+    if (const auto far = distance(name, each); far <= limit) found.emplace_back(far, each);
+  std::stable_sort(found.begin(), found.end(),
+                   [](const auto& a, const auto& b) { return a.first < b.first; });
+  if (found.size() > 3) found.resize(3);
+  std::vector<std::string> names;
+  for (auto& [far, each] : found) names.push_back(std::move(each));
+  return names;
+}
+
+std::string hint(const std::string& name, const std::set<std::string>& known) {
+  if (known.empty()) return "; there are none";
+  if (const auto near = nearest(name, known); !near.empty()) return "; nearest: " + joined(near);
+  constexpr std::size_t kShown = 8;
+  std::vector<std::string> all(known.begin(), known.end());
+  std::sort(all.begin(), all.end(), naturallyBefore);
+  const bool more = all.size() > kShown;
+  if (more) all.resize(kShown);
+  return "; known: " + joined(all) + (more ? ", …" : "");
+}
+
+std::string shortNumber(double number) {
+  std::ostringstream text;
+  text << number;
+  return text.str();
+}
+
+}  // namespace Ctl

@@ -1,0 +1,55 @@
+// Pin values over time as a value change dump (IEEE 1364), which waveform viewers open.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <fstream>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Ctl {
+
+// Writes one file, in which a pin is a wire: 1 for any value but 0, x while it is not driven. What has been
+// flushed is a complete file at any time. Throws Refusal where the file can't be written.
+class VcdWriter {
+ public:
+  using Time = std::chrono::microseconds;  // since the recording began; never decreasing
+
+  // `date` goes into the header, for people.
+  VcdWriter(std::string file, std::string date);
+
+  // A pin that was not known before is declared; once anything was flushed that means that the file is
+  // written anew with a longer header. A value that the pin already has is not written.
+  void valueIs(Time time, const std::string& pin, std::optional<unsigned> value);
+  void flush();
+  // Ends the file at `time`, so that the last values have a length.
+  void finish(Time time);
+
+  std::size_t pins() const { return wires_.size(); }
+  std::size_t changes() const { return changes_; }
+
+ private:
+  struct Wire {
+    std::string code;
+    char value = 'x';
+  };
+
+  std::string header() const;
+  void timeIs(Time time);
+  void rewrite();
+  void checkWritten() const;
+
+  const std::string file_;
+  const std::string date_;
+  std::map<std::string, Wire> wires_;  // by pin
+  std::string body_;                   // not yet in the file
+  std::ofstream out_;
+  std::streamoff bodyAt_ = 0;  // where the body begins in the file; 0: no header yet
+  bool complete_ = false;      // the header declares every wire
+  Time time_{-1};
+  std::size_t changes_ = 0;
+};
+
+}  // namespace Ctl

@@ -1,0 +1,66 @@
+#include <ostream>
+
+#include "ctl/context.h"
+#include "ctl/events.h"
+#include "ctl/output.h"
+#include "ctl/text.h"
+
+namespace Ctl {
+
+namespace {
+
+struct Watching {
+  std::string path;
+  bool json = false;
+  std::size_t count = 0;  // changes left to print; 0: no limit
+  std::optional<double> seconds;
+};
+
+std::string changeText(const Json& change) {
+  std::string text = bare(change.at("op")) + ' ' + bare(change.at("path"));
+  const Json none = Json::object();
+  const auto attributes = change.find("attributes");
+  for (const auto& [name, value] : (attributes == change.end() ? none : *attributes).items())
+    text += ' ' + name + '=' + oneLine(value);
+  return text;
+}
+
+// Prints the changes of one notification; returns false once enough are printed.
+bool print(std::ostream& out, const Json& notification, Watching& watching) {
+  const Json& parameters = notification.at("params");
+  Json changes = parameters.value("changes", Json::array());
+  if (notification.at("method") == "reset")
+    changes = {{{"op", "reset"}, {"path", watching.path}, {"entities", parameters.at("entities")}}};
+  for (const Json& change : changes) {
+    out << (watching.json ? oneLine(change) : timeStamp() + ' ' + changeText(change)) << std::endl;
+    if (watching.count != 0 && --watching.count == 0) return false;
+  }
+  return true;
+}
+
+void watch(Context& context, Watching watching) {
+  const Instant deadline = afterSeconds(watching.seconds);
+  Events events{SIGINT, SIGTERM};
+  Client& client = context.client();
+  client.call("watch", watching.path.empty() ? Json::object() : Json{{"path", watching.path}});
+  while (true) {
+    const Event event = events.next(&client, deadline);
+    if (event.kind != Event::Kind::notification || !print(context.out, event.notification, watching)) return;
+  }
+}
+
+}  // namespace
+
+void addWatchCommand(CLI::App& app, Context& context) {
+  const auto given = std::make_shared<Watching>();
+  CLI::App* command = addCommand(app, "watch", "Prints every change as it happens, until Ctrl-C",
+                                 "pinlampctl watch hardware/corvel/gpio/config --for 10");
+  context.completes(command->add_option("PATH", given->path, "Only what stands at and under this path"),
+                    Completes::path);
+  addJsonFlag(*command, given->json);
+  command->add_option("--count", given->count, "End after so many changes")->check(CLI::PositiveNumber);
+  command->add_option("--for", given->seconds, "End after so many seconds");
+  command->callback([&context, given] { watch(context, *given); });
+}
+
+}  // namespace Ctl

@@ -1,0 +1,68 @@
+#include "bench/appliance.h"
+
+#include "bench/measure.h"
+
+namespace Bench {
+
+using Hardware::Gpio::CorvelGpioLedConfig;
+using Hardware::Gpio::GpioLedConfig;
+
+namespace {
+
+struct Color {
+  const char* name;
+  void (GpioLedConfig::*want)(Zel::Name, bool);
+  const CorvelGpioLedConfig::Pins& (CorvelGpioLedConfig::*pins)() const;
+};
+constexpr Color kColors[kPins] = {
+    {"yellow", &GpioLedConfig::gpioYellowNameIs, &CorvelGpioLedConfig::gpioYellow},
+    {"green", &GpioLedConfig::gpioGreenNameIs, &CorvelGpioLedConfig::gpioGreen},
+    {"red", &GpioLedConfig::gpioRedNameIs, &CorvelGpioLedConfig::gpioRed},
+    {"orange", &GpioLedConfig::gpioOrangeNameIs, &CorvelGpioLedConfig::gpioOrange}};
+
+}  // namespace
+
+std::string ledName(std::size_t number) { return "Ethernet" + std::to_string(number); }
+std::string pinName(std::size_t number, std::size_t color) {
+  return ledName(number) + '-' + kColors[color].name;
+}
+
+Appliance::Appliance(std::size_t leds)
+    : ledDir_(Zel::allocate<Hardware::Led::LedSystemConfigDir>("config")),
+      mappingDir_(Zel::allocate<Hardware::Gpio::GpioLedSystemConfigDir>("led")),
+      pinDir_(Zel::allocate<Zel::Dir>("config")),
+      reactor_(Pinlamp::ConfigReactor::ConfigReactorIs(mappingDir_, ledDir_, pinDir_)) {
+  static const Zel::String pinType("Hardware::Gpio::CorvelPinConfig");
+  for (const std::uint32_t pin : shuffled(leds * kPins))
+    pinDir_->entryIs(pinName(pin / kPins, pin % kPins), pinType);
+  for (std::size_t i = 0; i < leds; ++i) add(i);
+  Zel::activityManager().step();
+}
+
+Appliance::~Appliance() {
+  reactor_->hasNotificationActiveIs(false);
+  reactor_ = nullptr;
+}
+
+void Appliance::add(std::size_t number) {
+  const Zel::Name name(ledName(number));
+  if (number >= leds_.size()) leds_.resize(number + 1);
+  leds_[number] = ledDir_->ledsIs(name).get();
+  const auto mapping = mappingDir_->gpioLedsIs(name);
+  for (std::size_t color = 0; color < kPins; ++color)
+    ((*mapping).*kColors[color].want)(pinName(number, color), true);
+  mapping->readyIs(true);
+}
+
+void Appliance::remove(std::size_t number) {
+  const Zel::Name name(ledName(number));
+  mappingDir_->gpioLedsDel(name);
+  ledDir_->ledsDel(name);
+}
+
+const CorvelGpioLedConfig::Pins& Appliance::pins(std::size_t number, std::size_t color) const {
+  const auto* output = reactor_->corvelLedSystemConfig()->gpioLeds().get(ledName(number));
+  return (output->*kColors[color].pins)();
+}
+
+}  // namespace Bench

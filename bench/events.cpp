@@ -1,0 +1,307 @@
+// The contestants of the light-setting event: the agent, what is written by hand, and two signal libraries.
+#include "bench/events.h"
+
+#include <sigc++/sigc++.h>
+
+#include <array>
+#include <boost/signals2.hpp>
+#include <memory>
+
+#include "bench/appliance.h"
+
+namespace Bench {
+
+namespace {
+
+// The agent as it is in life: the real reactor and state machines over the entities of its mounts.
+class Agent {
+ public:
+  Agent(std::size_t leds, std::size_t pins) : pins_(pins), appliance_(pins == 0 ? 0 : leds) {
+    for (std::size_t i = 0; i < leds; ++i) watch(i);
+  }
+  void set(std::size_t led, const Led::LightSetting& setting) { leds_[led]->lightSettingIs(setting); }
+  void pass() { Zel::activityManager().step(); }
+  std::uint64_t told() const { return told_; }
+
+ private:
+  using LedConfig = Hardware::Led::LedConfig;
+  using PinConfig = Hardware::Gpio::CorvelPinConfig;
+
+  class LedWatcher : public Zel::Reactor<LedWatcher, LedConfig::NotifieeConst> {
+   public:
+    static constexpr const char* kTypeName = "Bench::LedWatcher";
+    LedWatcher(const Zel::Ptr<const LedConfig>& led, std::uint64_t& told) : Reactor(led), told_(told) {}
+    void onLightSetting() override {
+      benchmark::DoNotOptimize(notifier()->lightSetting().green);
+      ++told_;
+    }
+
+   private:
+    std::uint64_t& told_;
+  };
+
+  class PinWatcher : public Zel::Reactor<PinWatcher, PinConfig::NotifieeConst> {
+   public:
+    static constexpr const char* kTypeName = "Bench::PinWatcher";
+    PinWatcher(const Zel::Ptr<const PinConfig>& pin, std::uint64_t& told) : Reactor(pin), told_(told) {}
+    void onValue() override {
+      benchmark::DoNotOptimize(notifier()->value());
+      ++told_;
+    }
+
+   private:
+    std::uint64_t& told_;
+  };
+
+  void watch(std::size_t number) {
+    if (pins_ == 0) {
+      leds_.push_back(ledDir_->ledsIs(ledName(number)).get());
+      watchers_.push_back(Zel::allocate<LedWatcher>(Zel::Ptr<const LedConfig>(leds_.back()), told_));
+      return;
+    }
+    leds_.push_back(&appliance_.led(number));
+    for (std::size_t color = 0; color < pins_; ++color)
+      for (const auto& pin : appliance_.pins(number, color))
+        watchers_.push_back(Zel::allocate<PinWatcher>(Zel::Ptr<const PinConfig>(pin), told_));
+  }
+
+  const std::size_t pins_;
+  std::uint64_t told_ = 0;
+  Zel::Ptr<Hardware::Led::LedSystemConfigDir> ledDir_ =
+      Zel::allocate<Hardware::Led::LedSystemConfigDir>("config");
+  Appliance appliance_;
+  std::vector<LedConfig*> leds_;
+  std::vector<Zel::Ptr<Zel::NotifieeBase>> watchers_;
+};
+
+// The floor: nobody is told; what changed is counted where it changes.
+class BareLoop {
+ public:
+  BareLoop(std::size_t leds, std::size_t pins) : pins_(pins) {
+    PinPool<std::uint32_t> pool(leds * pins);
+    for (std::size_t i = 0; i < leds; ++i) {
+      leds_.push_back(std::make_unique<BareLed>());
+      for (std::size_t color = 0; color < pins; ++color) leds_.back()->pins[color] = pool.take();
+    }
+  }
+  void set(std::size_t number, const Led::LightSetting& setting) {
+    BareLed& led = *leds_[number];
+    if (led.setting == setting) return;
+    led.setting = setting;
+    if (pins_ == 0) ++told_;
+    for (std::size_t color = 0; color < pins_; ++color) write(*led.pins[color], 0);
+    for (std::size_t color = 0; color < pins_; ++color)
+      if (lights(setting, color)) write(*led.pins[color], 1);
+  }
+  void pass() {}
+  std::uint64_t told() const { return told_; }
+
+ private:
+  struct BareLed {
+    Led::LightSetting setting;
+    std::array<std::unique_ptr<std::uint32_t>, kPins> pins;
+  };
+
+  void write(std::uint32_t& pin, std::uint32_t value) {
+    if (pin == value) return;
+    pin = value;
+    ++told_;
+  }
+
+  const std::size_t pins_;
+  std::vector<std::unique_ptr<BareLed>> leds_;
+  std::uint64_t told_ = 0;
+};
+
+// What one would write by hand for this job and no other: each LED and each pin has room for one subscription
+// in itself, and a subscription that was told is linked into one queue until its turn comes.
+class HandQueue {
+ public:
+  HandQueue(std::size_t leds, std::size_t pins) : pins_(pins) {
+    PinPool<HandPin> pool(leds * pins);
+    for (std::size_t i = 0; i < leds; ++i) {
+      leds_.push_back(std::make_unique<HandLed>());
+      leds_.back()->handler = pins == 0 ? &HandQueue::countLed : &HandQueue::showLed;
+      for (std::size_t color = 0; color < pins; ++color) {
+        leds_.back()->pins[color] = pool.take();
+        leds_.back()->pins[color]->handler = &HandQueue::countPin;
+      }
+    }
+  }
+  void set(std::size_t number, const Led::LightSetting& setting) {
+    HandLed& led = *leds_[number];
+    if (led.setting == setting) return;
+    led.setting = setting;
+    mark(led);
+  }
+  void pass() {
+    while (Subscription* first = first_) {
+      first_ = first->next;
+      if (!first_) last_ = &first_;
+      first->pending = false;
+      first->handler(*this, *first);
+    }
+  }
+  std::uint64_t told() const { return told_; }
+
+ private:
+  struct Subscription {
+    Subscription* next = nullptr;
+    void (*handler)(HandQueue&, Subscription&) = nullptr;
+    bool pending = false;
+  };
+  struct HandPin : Subscription {
+    std::uint32_t value = 0;
+  };
+  struct HandLed : Subscription {
+    Led::LightSetting setting;
+    std::array<std::unique_ptr<HandPin>, kPins> pins;
+  };
+
+  void mark(Subscription& subscription) {
+    if (subscription.pending) return;
+    subscription.pending = true;
+    subscription.next = nullptr;
+    *last_ = &subscription;
+    last_ = &subscription.next;
+  }
+  void write(HandPin& pin, std::uint32_t value) {
+    if (pin.value == value) return;
+    pin.value = value;
+    mark(pin);
+  }
+  static void showLed(HandQueue& self, Subscription& subscription) {
+    auto& led = static_cast<HandLed&>(subscription);
+    for (const auto& pin : led.pins) self.write(*pin, 0);
+    for (std::size_t color = 0; color < kPins; ++color)
+      if (lights(led.setting, color)) self.write(*led.pins[color], 1);
+  }
+  static void countLed(HandQueue& self, Subscription& subscription) {
+    benchmark::DoNotOptimize(static_cast<HandLed&>(subscription).setting.green);
+    ++self.told_;
+  }
+  static void countPin(HandQueue& self, Subscription& subscription) {
+    benchmark::DoNotOptimize(static_cast<HandPin&>(subscription).value);
+    ++self.told_;
+  }
+
+  const std::size_t pins_;
+  std::vector<std::unique_ptr<HandLed>> leds_;
+  Subscription* first_ = nullptr;
+  Subscription** last_ = &first_;
+  std::uint64_t told_ = 0;
+};
+
+struct Sigc {
+  template <class... Args>
+  using Signal = sigc::signal<void(Args...)>;
+  template <class... Args>
+  static void emit(Signal<Args...>& signal, Args... args) {
+    signal.emit(args...);
+  }
+  template <class S, class T, class... Args>
+  static void connect(S& signal, T& object, void (T::*handler)(Args...)) {
+    signal.connect(sigc::mem_fun(object, handler));
+  }
+  using Base = sigc::trackable;
+};
+
+struct Signals2 {
+  template <class... Args>
+  using Signal = boost::signals2::signal<void(Args...)>;
+  template <class... Args>
+  static void emit(Signal<Args...>& signal, Args... args) {
+    signal(args...);
+  }
+  template <class S, class T, class... Args>
+  static void connect(S& signal, T& object, void (T::*handler)(Args...)) {
+    signal.connect([&object, handler](Args... args) { (object.*handler)(args...); });
+  }
+  struct Base {};
+};
+
+// LEDs, machines, pins and watchers, joined by the signals of a library that calls its slots at once.
+template <class Library>
+class Immediate {
+ public:
+  Immediate(std::size_t leds, std::size_t pins) {
+    PinPool<SignalPin> pool(leds * pins);
+    for (std::size_t i = 0; i < leds; ++i) {
+      leds_.push_back(std::make_unique<SignalLed>());
+      machines_.push_back(std::make_unique<Machine>(*this, *leds_.back(), pins, pool));
+    }
+  }
+  void set(std::size_t number, const Led::LightSetting& setting) {
+    SignalLed& led = *leds_[number];
+    if (led.setting == setting) return;
+    led.setting = setting;
+    Library::emit(led.changed);
+  }
+  void pass() {}
+  std::uint64_t told() const { return told_; }
+
+ private:
+  struct SignalLed {
+    Led::LightSetting setting;
+    typename Library::template Signal<> changed;
+  };
+  struct SignalPin {
+    std::uint32_t value = 0;
+    typename Library::template Signal<std::uint32_t> changed;
+
+    void write(std::uint32_t next) {
+      if (value == next) return;
+      value = next;
+      Library::emit(changed, next);
+    }
+  };
+  struct Watcher : Library::Base {
+    Watcher(Immediate& w, SignalPin& pin) : world(w) {
+      Library::connect(pin.changed, *this, &Watcher::onValue);
+    }
+    void onValue(std::uint32_t value) {
+      benchmark::DoNotOptimize(value);
+      ++world.told_;
+    }
+    Immediate& world;
+  };
+  struct Machine : Library::Base {
+    Machine(Immediate& w, SignalLed& theLed, std::size_t pinCount, PinPool<SignalPin>& pool)
+        : world(w), led(theLed) {
+      for (std::size_t i = 0; i < pinCount; ++i) {
+        pins.push_back(pool.take());
+        watchers.push_back(std::make_unique<Watcher>(world, *pins.back()));
+      }
+      Library::connect(led.changed, *this, &Machine::onSetting);
+    }
+    void onSetting() {
+      if (pins.empty()) {
+        benchmark::DoNotOptimize(led.setting.green);
+        ++world.told_;
+      }
+      for (const auto& pin : pins) pin->write(0);
+      for (std::size_t color = 0; color < pins.size(); ++color)
+        if (lights(led.setting, color)) pins[color]->write(1);
+    }
+    Immediate& world;
+    SignalLed& led;
+    std::vector<std::unique_ptr<SignalPin>> pins;
+    std::vector<std::unique_ptr<Watcher>> watchers;
+  };
+
+  std::vector<std::unique_ptr<SignalLed>> leds_;
+  std::vector<std::unique_ptr<Machine>> machines_;
+  std::uint64_t told_ = 0;
+};
+
+}  // namespace
+
+void addEvents() {
+  addEventContestant<Agent>("pinlamp");
+  addEventContestant<BareLoop>("loop over pins");
+  addEventContestant<HandQueue>("hand-written queue");
+  addEventContestant<Immediate<Sigc>>("libsigc++");
+  addEventContestant<Immediate<Signals2>>("Boost.Signals2");
+}
+
+}  // namespace Bench

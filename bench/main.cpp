@@ -1,0 +1,80 @@
+// Measures what Pinlamp costs, beside its peers, and prints one table.
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+#include "bench/measure.h"
+#include "bench/table.h"
+
+namespace {
+
+// Keeps the figures of every repetition, and says on the error stream what is at work.
+class Collector : public benchmark::BenchmarkReporter {
+ public:
+  explicit Collector(Bench::Results& results) : results_(results) {}
+
+  bool ReportContext(const Context&) override { return true; }
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const Run& run : runs)
+      if (run.run_type == Run::RT_Iteration) keep(run);
+  }
+
+ private:
+  void keep(const Run& run) {
+    const std::string& name = run.run_name.function_name;
+    const auto slash = name.find('/');
+    const std::string row = name.substr(0, slash);
+    const std::string contestant = name.substr(slash + 1);
+    if (run.error_occurred) return results_.fail(name, run.error_message);
+    for (const auto& [figure, counter] : run.counters)
+      results_.add(row, figure.empty() ? contestant : contestant + ' ' + figure, counter.value);
+  }
+
+  Bench::Results& results_;
+};
+
+void run(Bench::Results& results, const std::string& row) {
+  const std::string repetitions = "--benchmark_repetitions=" + std::to_string(Bench::quick() ? 3 : 9);
+  const std::string time = std::string("--benchmark_min_time=") + (Bench::quick() ? "0.02" : "0.1");
+  std::vector<std::string> arguments = {"pinlamp-bench", "--benchmark_enable_random_interleaving=true",
+                                        repetitions, time};
+  std::vector<char*> pointers;
+  for (auto& each : arguments) pointers.push_back(each.data());
+  int count = static_cast<int>(pointers.size());
+  benchmark::Initialize(&count, pointers.data());
+  Collector collector(results);
+  benchmark::RunSpecifiedBenchmarks(&collector, row.empty() ? "." : "^" + row + "/");
+}
+
+std::string rowNames() {
+  std::string names;
+  for (const auto& row : Bench::rows()) names += (names.empty() ? "" : ", ") + row.name;
+  return names;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Measures what Pinlamp costs, beside its peers");
+  bool quick = false;
+  std::string row;
+  app.add_flag("--quick", quick, "Fewer and shorter repetitions");
+  app.add_option("--row", row, "One row only: " + rowNames())->check([](const std::string& name) {
+    return Bench::findRow(name) ? "" : "no row '" + name + "'; there are " + rowNames();
+  });
+  CLI11_PARSE(app, argc, argv);
+
+  Bench::quickIs(quick);
+  Bench::addEvents();
+  Bench::addQtEvents();
+  // Bench::addTimers();
+  Bench::addTrace();
+  // Bench::addMemory();
+  // Bench::addScale();
+  // Bench::addHost();
+  // Bench::addRoundTrip();
+
+  Bench::Results results;
+  run(results, row);
+  Bench::print(std::cout, results);
+  return results.failures().empty() ? 0 : 1;
+}

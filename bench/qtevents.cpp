@@ -1,0 +1,65 @@
+#include "bench/qtevents.h"
+
+#include <QCoreApplication>
+
+namespace Bench {
+
+QtWatcher::QtWatcher(QtPin& pin, std::uint64_t& told) : told_(told) {
+  connect(&pin, &QtPin::changed, this, &QtWatcher::onValue, Qt::QueuedConnection);
+}
+
+void QtWatcher::onValue(unsigned value) {
+  benchmark::DoNotOptimize(value);
+  ++told_;
+}
+
+QtMachine::QtMachine(QtLed& led, std::size_t pins, PinPool<QtPin>& pool, std::uint64_t& told)
+    : led_(led), told_(told) {
+  for (std::size_t i = 0; i < pins; ++i) {
+    pins_.push_back(pool.take());
+    watchers_.push_back(std::make_unique<QtWatcher>(*pins_.back(), told));
+  }
+  connect(&led, &QtLed::changed, this, &QtMachine::onSetting, Qt::QueuedConnection);
+}
+
+void QtMachine::onSetting() {
+  if (pins_.empty()) {
+    benchmark::DoNotOptimize(led_.setting().green);
+    ++told_;
+  }
+  for (const auto& pin : pins_) pin->write(0);
+  for (std::size_t color = 0; color < pins_.size(); ++color)
+    if (lights(led_.setting(), color)) pins_[color]->write(1);
+}
+
+namespace {
+
+class QtQueued {
+ public:
+  QtQueued(std::size_t leds, std::size_t pins) {
+    static int count = 1;
+    static char name[] = "pinlamp-bench";
+    static char* arguments[] = {name, nullptr};
+    static auto& application = *new QCoreApplication(count, arguments);
+    static_cast<void>(application);
+    PinPool<QtPin> pool(leds * pins);
+    for (std::size_t i = 0; i < leds; ++i) {
+      leds_.push_back(std::make_unique<QtLed>());
+      machines_.push_back(std::make_unique<QtMachine>(*leds_.back(), pins, pool, told_));
+    }
+  }
+  void set(std::size_t led, const Led::LightSetting& setting) { leds_[led]->settingIs(setting); }
+  void pass() { QCoreApplication::sendPostedEvents(); }
+  std::uint64_t told() const { return told_; }
+
+ private:
+  std::uint64_t told_ = 0;
+  std::vector<std::unique_ptr<QtLed>> leds_;
+  std::vector<std::unique_ptr<QtMachine>> machines_;
+};
+
+}  // namespace
+
+void addQtEvents() { addEventContestant<QtQueued>("Qt queued"); }
+
+}  // namespace Bench

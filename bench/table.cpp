@@ -1,0 +1,207 @@
+#include "bench/table.h"
+
+#include <algorithm>
+#include <cmath>
+#include <iomanip>
+#include <ostream>
+#include <sstream>
+
+#include "bench/measure.h"
+
+namespace Bench {
+
+namespace {
+
+const std::string kUs = "pinlamp";
+const std::string kQueue = "hand-written queue";
+
+std::vector<Goal> eventGoals() {
+  return {{kUs, kQueue, 3.0},
+          {kUs, "libsigc++", 1 / 4.0},
+          {kUs, "Boost.Signals2", 1 / 6.0},
+          {kUs, "Qt queued", 1 / 12.0}};
+}
+const std::vector<std::string> kEventFigures = {kUs,         "loop over pins", kQueue,
+                                                "libsigc++", "Boost.Signals2", "Qt queued"};
+
+Row flashRow(const std::string& count, std::vector<Goal> goals) {
+  return {"flash-" + count,
+          "one flash tick, " + count + " LEDs at 0.5 s",
+          {kUs, "toggle and store", "libuv", "libev", "Boost.Asio"},
+          std::move(goals)};
+}
+
+Row runningRow(const std::string& count) {
+  return {"running-" + count,
+          "the running host, " + count + " LEDs at 0.5 s: processor time a second; lateness",
+          {"pinlampd", "libuv", "pinlampd late p50", "pinlampd late p99", "libuv late p50", "libuv late p99"},
+          {{"pinlampd", "libuv", 1.0}, {"pinlampd late p99", "", 0.002}}};
+}
+
+Row scaleRow(const std::string& name, const std::string& title) {
+  return {name, title, {"1,000", "10,000", "100,000"}, {{"100,000", "1,000", 3.0}}};
+}
+
+std::vector<Row> makeRows() {
+  return {
+      {"event", "one light-setting event, 64 a pass", kEventFigures, eventGoals()},
+      {"event-single", "one light-setting event, one a pass", kEventFigures, eventGoals()},
+      {"notify", "set, deferred notify and handler alone, 64 a pass", kEventFigures, {{kUs, kQueue, 2.0}}},
+      flashRow("100", {}),
+      flashRow("10000", {}),
+      flashRow("100000", {{kUs, "libuv", 1 / 3.0}}),
+      runningRow("1000"),
+      runningRow("10000"),
+      {"trace",
+       "one turn of a loop with a disabled trace record",
+       {"with", "without"},
+       {{"with", "without", 1.05}}},
+      {"memory",
+       "memory per driven LED with four pins",
+       {kUs, "bare objects", kQueue, "libsigc++", "Boost.Signals2", "Qt queued"},
+       {{kUs, "", 1536.0}},
+       true},
+      {"startup-1000", "start-up: 1,000 LEDs from the SQLite file to driven", {"pinlampd", "sqlite3"}, {}},
+      {"startup-10000", "start-up: 10,000 LEDs", {"pinlampd", "sqlite3"}, {{"pinlampd", "sqlite3", 3.0}}},
+      {"startup-100000", "start-up: 100,000 LEDs", {"pinlampd", "sqlite3"}, {{"pinlampd", "sqlite3", 3.0}}},
+      {"startup-growth", "start-up: time per LED", {"1,000", "100,000"}, {{"100,000", "1,000", 1.5}}},
+      {"roundtrip",
+       "one event from a client to its pin value at a watching client",
+       {"memory: p50", "memory: p99", "socket pair p50", "socket pair p99", "D-Bus p50", "D-Bus p99"},
+       {{"memory: p50", "D-Bus p50", 0.5}}},
+      {"pipelined", "one of 100,000 events pipelined", {"memory:", "D-Bus"}, {{"memory:", "", 1e-5}}},
+      {"durable",
+       "the same on sqlite: every acknowledged set is on disk",
+       {"sqlite: p50", "sqlite: p99", "fsync p50", "fsync p99", "pipelined"},
+       {}},
+      scaleRow("removal", "removal of one LED among so many"),
+      scaleRow("addition", "one mapping added among so many"),
+  };
+}
+
+std::string number(double value, int digits = 3) {
+  std::ostringstream text;
+  const int decimals = std::max(0, digits - 1 - static_cast<int>(std::floor(std::log10(std::abs(value)))));
+  text << std::fixed << std::setprecision(value == 0 ? 0 : std::min(decimals, 3)) << value;
+  return text.str();
+}
+
+struct Scale {
+  double unit;
+  const char* text;
+};
+
+double median(const std::vector<double>& samples, double share = 0.5) {
+  std::vector<double> sorted = samples;
+  return quantile(sorted, share);
+}
+
+// One goal as it came out.
+struct Outcome {
+  std::string measured;
+  std::string wanted;
+  bool reached;
+};
+
+Outcome outcome(const Goal& goal, double value, double other, bool bytes) {
+  if (goal.other.empty()) return {"", "at most " + figureText(goal.most, bytes), value <= goal.most};
+  const double ratio = value / other;
+  if (goal.most >= 1)
+    return {number(ratio) + " times", "at most " + number(goal.most) + " times", ratio <= goal.most};
+  return {number(1 / ratio) + " times as fast", "at least " + number(1 / goal.most), ratio <= goal.most};
+}
+
+class Printer {
+ public:
+  Printer(std::ostream& out, const Results& results) : out_(out), results_(results) {}
+
+  void head() { cells("what", "median", "quarters", "against", "measured", "to reach", ""); }
+
+  void row(const Row& row) {
+    const bool any =
+        std::ranges::any_of(row.figures, [&](const auto& each) { return results_.samples(row.name, each); });
+    if (!any) return;
+    out_ << "\n[" << row.name << "] " << row.title << '\n';
+    for (const std::string& figure : row.figures) line(row, figure);
+  }
+
+  int missed() const { return missed_; }
+
+ private:
+  void line(const Row& row, const std::string& figure) {
+    const auto* samples = results_.samples(row.name, figure);
+    if (!samples) return cells("  " + figure, "not measured", "", "", "", "", "");
+    const auto text = [&](double share) { return figureText(median(*samples, share), row.bytes); };
+    std::string name = "  " + figure;
+    std::string middle = text(0.5);
+    std::string quarters = samples->size() > 2 ? text(0.25) + " - " + text(0.75) : "";
+    bool plain = true;
+    for (const Goal& goal : row.goals) {
+      if (goal.figure != figure) continue;
+      const auto* other = goal.other.empty() ? samples : results_.samples(row.name, goal.other);
+      if (!other) continue;
+      const Outcome result = outcome(goal, median(*samples), median(*other), row.bytes);
+      cells(name, middle, quarters, goal.other, result.measured, result.wanted,
+            result.reached ? "reached" : "MISSED");
+      missed_ += !result.reached;
+      plain = false;
+      name = middle = quarters = "";
+    }
+    if (plain) cells(name, middle, quarters, "", "", "", "");
+  }
+
+  void cells(const std::string& what, const std::string& middle, const std::string& quarters,
+             const std::string& other, const std::string& measured, const std::string& wanted,
+             const std::string& verdict) {
+    std::ostringstream text;
+    text << std::left << std::setw(24) << what << std::right << std::setw(14) << middle << std::setw(24)
+         << quarters << "  " << std::left << std::setw(20) << other << std::setw(21) << measured
+         << std::setw(19) << wanted << verdict;
+    std::string line = text.str();
+    line.erase(line.find_last_not_of(' ') + 1);
+    out_ << line << '\n';
+  }
+
+  std::ostream& out_;
+  const Results& results_;
+  int missed_ = 0;
+};
+
+}  // namespace
+
+const std::vector<Row>& rows() {
+  static const std::vector<Row> all = makeRows();
+  return all;
+}
+
+const Row* findRow(const std::string& name) {
+  const auto found = std::ranges::find(rows(), name, &Row::name);
+  return found == rows().end() ? nullptr : &*found;
+}
+
+const std::vector<double>* Results::samples(const std::string& row, const std::string& figure) const {
+  const auto found = samples_.find(row + '/' + figure);
+  return found == samples_.end() ? nullptr : &found->second;
+}
+
+std::string figureText(double value, bool bytes) {
+  static constexpr Scale kSeconds[] = {{1e-9, " ns"}, {1e-6, " us"}, {1e-3, " ms"}, {1, " s"}};
+  static constexpr Scale kBytes[] = {{1, " B"}, {1024, " KiB"}};
+  const std::span<const Scale> scales =
+      bytes ? std::span<const Scale>(kBytes) : std::span<const Scale>(kSeconds);
+  const Scale* best = &scales.front();
+  for (const Scale& scale : scales)
+    if (std::abs(value) >= scale.unit) best = &scale;
+  return number(value / best->unit) + best->text;
+}
+
+int print(std::ostream& out, const Results& results) {
+  Printer printer(out, results);
+  printer.head();
+  for (const Row& row : rows()) printer.row(row);
+  for (const auto& [contestant, why] : results.failures()) out << '\n' << contestant << ": " << why;
+  out << '\n' << printer.missed() << " targets missed\n";
+  return printer.missed();
+}
+
+}  // namespace Bench

@@ -1,0 +1,57 @@
+// The table of what was measured, beside what was to be reached.
+#pragma once
+
+#include <iosfwd>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace Bench {
+
+// What a figure is to stay under: a factor of another figure of its row, or a value of its own.
+struct Goal {
+  std::string figure;
+  std::string other;  // empty: `most` is a value, in seconds or bytes
+  double most;
+};
+
+// One row of the table: contestants that do the same work.
+struct Row {
+  std::string name;
+  std::string title;
+  std::vector<std::string> figures;  // "CONTESTANT" or "CONTESTANT FIGURE", in the order of printing
+  std::vector<Goal> goals;
+  bool bytes = false;  // the figures are bytes; else seconds
+};
+
+// The rows, in the order of printing.
+const std::vector<Row>& rows();
+// Null where no row has that name.
+const Row* findRow(const std::string& name);
+
+// The samples of one run, by row and figure; and what kept a contestant from being measured.
+class Results {
+ public:
+  void add(const std::string& row, const std::string& figure, double value) {
+    samples_[row + '/' + figure].push_back(value);
+  }
+  void fail(const std::string& contestant, const std::string& why) { failures_[contestant] = why; }
+
+  // Null where there are none.
+  const std::vector<double>* samples(const std::string& row, const std::string& figure) const;
+  const std::map<std::string, std::string>& failures() const { return failures_; }
+
+ private:
+  std::map<std::string, std::vector<double>> samples_;
+  std::map<std::string, std::string> failures_;
+};
+
+// A figure as a person reads it: "59.2 ns", "1.21 KiB".
+std::string figureText(double value, bool bytes);
+
+// Prints every row that has samples: the median of each figure, the quarters around it, its ratio to the
+// figure that a goal compares it with, the goal, and whether it was reached; then the failures. Returns how
+// many goals were missed.
+int print(std::ostream& out, const Results& results);
+
+}  // namespace Bench

@@ -1,0 +1,87 @@
+// What the agent's tests stand on: time moved by hand, a log of pin writes, and the trace records.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "platform/model/hardwaregpio.h"
+#include "platform/model/hardwareled.h"
+#include "platform/zel/activity.h"
+#include "platform/zel/trace.h"
+
+namespace Bench {
+
+using Hardware::Gpio::CorvelGpioLedSystemConfigDir;
+using Hardware::Gpio::CorvelPinConfig;
+using Hardware::Led::LedConfig;
+using Zel::Name;
+using Zel::Ptr;
+using Lines = std::vector<std::string>;
+
+// "green red" and seconds; "" is dark.
+inline Led::LightSetting setting(std::string_view colours, double interval = 0.0) {
+  const auto has = [&](const char* colour) { return colours.find(colour) != std::string_view::npos; };
+  Led::LightSetting result;
+  result.yellow = has("yellow");
+  result.green = has("green");
+  result.red = has("red");
+  result.orange = has("orange");
+  result.flashInterval = interval;
+  return result;
+}
+
+// Logs every write of a pin, within the write, then does what its test wants.
+class PinSpy : public Zel::Reactor<PinSpy, CorvelPinConfig::NotifieeConst> {
+ public:
+  static constexpr const char* kTypeName = "Test::PinSpy";
+  PinSpy(const Ptr<const CorvelPinConfig>& pin, Lines& writes) : Reactor(pin), writes_(writes) {}
+  void onValuezelImmediate() override {
+    writes_.push_back(notifier()->name().stdString() + "=" + std::to_string(notifier()->value()));
+    if (act) act();
+  }
+  std::function<void()> act;
+
+ private:
+  Lines& writes_;
+};
+
+class Test : public testing::Test {
+ protected:
+  Test() {
+    Zel::traceSinkIs([this](std::string_view line) {
+      records.emplace_back(line.substr(line.find(' ') + sizeof " Pinlamp"));
+    });
+  }
+  ~Test() override {
+    Zel::traceSinkIs(nullptr);
+    Zel::traceLevelsIs("Pinlamp/");
+  }
+
+  Lines takeWrites() { return std::exchange(writes, {}); }
+  // "LEVEL Pinlamp:LINE FUNCTION: MESSAGE" each.
+  Lines takeRecords() { return std::exchange(records, {}); }
+  // The same without source and line.
+  Lines takeMessages() {
+    for (auto& record : records) record = std::regex_replace(record, std::regex(" Pinlamp:\\d+"), "");
+    return takeRecords();
+  }
+  Lines stepTo(double now) {
+    time.nowIs(now);
+    manager.step();
+    return takeWrites();
+  }
+  Ptr<PinSpy> spy(const Ptr<CorvelPinConfig>& pin) {
+    return spies.emplace_back(Zel::allocate<PinSpy>(pin, writes));
+  }
+
+  Zel::System::ManualTime time{10.0};
+  Zel::ActivityManager manager;
+  Lines writes, records;
+  std::vector<Ptr<PinSpy>> spies;
+};
+
+}  // namespace Bench

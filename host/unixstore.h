@@ -1,0 +1,80 @@
+// The state database of another host on this machine, through its control socket.
+//
+// Reached, lost and reached again without the agents noticing more than what changed meanwhile: entities
+// stay, and when the connection is back everything is read anew and only differences are told. What was
+// published here and is not known there yet waits, one value an attribute, and is sent as soon as it can be.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/connection.h"
+#include "host/json.h"
+#include "host/ownrows.h"
+#include "platform/statedb/store.h"
+
+namespace Host {
+
+class UnixStore : public Statedb::Store, public Connection::Owner {
+ public:
+  // Connects from the loop, and tries again as long as nobody listens: after 50 ms at first, then twice as
+  // long each time, up to 2 s. `report` hears once of every loss and every return, and of what the other side
+  // refused.
+  UnixStore(Loop& loop, std::string socket, std::function<void(const std::string& text)> report);
+  ~UnixStore() override;
+
+  std::string url() const override { return "unix:" + socket_; }
+  void subscribe(const std::string& path, Statedb::Feed& feed) override;
+  void unsubscribe(Statedb::Feed& feed) override;
+  // What is written here is derived for the other side: it belongs to whoever keeps publishing it. The
+  // durability is the other side's to grant, so `stored` is refused.
+  void write(const Statedb::Changes& changes, Statedb::Durability durability, Statedb::Feed* origin) override;
+  void flush() override;
+  // Keeps no rows on this side.
+  std::vector<Statedb::Row> read(const std::string&) const override { return {}; }
+
+  bool connected() const { return connection_ != nullptr; }
+
+ private:
+  struct Subscription {
+    std::string path;
+    Statedb::Feed* feed;
+    std::int64_t watch = -1;  // the other side's number for it; -1: not confirmed
+  };
+  using OnReply = std::function<void(const Json& reply)>;
+  struct Connecting;
+
+  void connect();
+  void onConnected(UvHandle<uv_pipe_t> pipe, int status);
+  void retryLater();
+  void request(const char* method, Json parameters, OnReply onReply);
+  void watch(Subscription& subscription);
+  void tellSnapshot(Statedb::Feed& feed, const Json& entities);
+  void tellOthers(const Statedb::Changes& changes, const Statedb::Feed* origin);
+  Subscription* find(std::int64_t watch);
+
+  void onLine(Connection& connection, std::string_view line) override;
+  void onOversizedLine(Connection& connection) override;
+  void onClosed(Connection& connection) override;
+  void onNotification(const Json& message);
+  void onWritten(const Json& reply, bool last);
+
+  Loop& loop_;
+  const std::string socket_;
+  const std::function<void(const std::string&)> report_;
+  std::vector<std::unique_ptr<Subscription>> subscriptions_;
+  OwnRows own_;
+  std::vector<std::pair<Statedb::Changes, Statedb::Feed*>> toTell_;  // written here, for the feeds here
+  std::shared_ptr<Connection> connection_;
+  UvHandle<uv_timer_t> retry_;
+  std::shared_ptr<Connecting> connecting_;
+  std::map<std::int64_t, OnReply> replies_;
+  std::int64_t nextId_ = 0;
+  std::uint64_t retryAfter_;  // milliseconds
+  bool lost_ = false;         // and reported so
+};
+
+}  // namespace Host

@@ -126,6 +126,17 @@ Json Client::read(const std::string& path) {
 
 void Client::write(Json changes) { call("write", {{"changes", std::move(changes)}}); }
 
+Json Client::types() { return call("types").at("types"); }
+
+std::vector<std::string> Client::attributesOf(const std::string& typeName) {
+  std::vector<std::string> names;
+  for (const Json& type : types()) {
+    if (type.at("name") != typeName) continue;
+    for (const Json& attribute : type.at("attributes")) names.push_back(attribute.at("name"));
+  }
+  return names;
+}
+
 std::optional<Json> Client::notification() {
   if (notifications_.empty()) return std::nullopt;
   Json oldest = std::move(notifications_.front());

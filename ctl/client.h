@@ -39,6 +39,10 @@ class Client {
   Json read(const std::string& path);
   // All of the changes, or none.
   void write(Json changes);
+  // The types of entities that the host knows.
+  Json types();
+  // The names of a type's attributes; none for an unknown type.
+  std::vector<std::string> attributesOf(const std::string& typeName);
 
   // The oldest notification that has not been taken; none where none has arrived.
   std::optional<Json> notification();

@@ -24,8 +24,7 @@ std::string commandText(const CLI::App& command) {
 }
 
 // What is wrong where a command stands that there is none of; empty where that is not the trouble.
-std::string unknownCommand(const CLI::App& command) {
-  const auto left = command.remaining();
+std::string unknownCommand(const CLI::App& command, const std::vector<std::string>& left) {
   std::set<std::string> known;
   for (const CLI::App* each : command.get_subcommands([](const CLI::App*) { return true; }))
     known.insert(each->get_name());
@@ -35,7 +34,7 @@ std::string unknownCommand(const CLI::App& command) {
 
 int usage(const CLI::App& app, std::ostream& err, const std::string& what) {
   const CLI::App& command = reached(app);
-  const std::string unknown = unknownCommand(command);
+  const std::string unknown = unknownCommand(command, app.remaining(true));
   err << "pinlampctl: " << (unknown.empty() ? what.substr(0, what.find('\n')) : unknown)
       << "; see: " << commandText(command) << " --help\n";
   return kUsage;

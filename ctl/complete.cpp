@@ -106,19 +106,15 @@ Names pathsFrom(Client& client, const std::string& begun) {
 
 Names typeNames(Client& client) {
   Names names;
-  for (const Json& type : client.call("types").at("types")) names.insert(type.at("name").get<std::string>());
+  for (const Json& type : client.types()) names.insert(type.at("name").get<std::string>());
   return names;
 }
 
 Names attributesAt(Client& client, const std::string& path) {
-  Names names;
   const Json entities = client.read(path);
-  if (entities.empty() || entities.front().at("path") != path) return names;
-  for (const Json& type : client.call("types").at("types"))
-    if (type.at("name") == entities.front().at("type"))
-      for (const Json& attribute : type.at("attributes"))
-        names.insert(attribute.at("name").get<std::string>());
-  return names;
+  if (entities.empty() || entities.front().at("path") != path) return {};
+  const auto names = client.attributesOf(entities.front().at("type"));
+  return {names.begin(), names.end()};
 }
 
 Names facilityNames(Client& client) {

@@ -31,15 +31,6 @@ bool startsAt(const Json& entities, const std::string& path) {
   return !entities.empty() && entities.front().at("path") == path;
 }
 
-std::vector<std::string> attributesOf(Client& client, const std::string& typeName) {
-  std::vector<std::string> names;
-  for (const Json& type : client.call("types").at("types")) {
-    if (type.at("name") != typeName) continue;
-    for (const Json& attribute : type.at("attributes")) names.push_back(attribute.at("name"));
-  }
-  return names;
-}
-
 void getAttribute(Context& context, const Json& entity, const std::string& attribute, bool json) {
   const Json& set = entity.at("attributes");
   if (const auto value = set.find(attribute); value != set.end()) {
@@ -47,7 +38,7 @@ void getAttribute(Context& context, const Json& entity, const std::string& attri
     return;
   }
   const std::string type = entity.at("type");
-  const auto known = attributesOf(context.client(), type);
+  const auto known = context.client().attributesOf(type);
   const bool exists = std::count(known.begin(), known.end(), attribute) != 0;
   const std::string where = entity.at("path").get<std::string>() + ' ' + attribute + ": ";
   throw Refusal(where + (exists ? "never set, so it has its default"
@@ -116,7 +107,7 @@ void del(Context& context, const std::vector<std::string>& paths) {
 }
 
 void types(Context& context, bool json) {
-  const Json all = context.client().call("types").at("types");
+  const Json all = context.client().types();
   if (json) {
     context.out << all.dump(2) << '\n';
     return;

@@ -1,0 +1,233 @@
+#include <gmock/gmock.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "ctl/appliance.h"
+#include "tests/ctl/fakehost.h"
+
+namespace Ctl {
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+const char kExample[] = PINLAMP_SOURCE_DIR "/examples/switch-1u.json";
+
+std::string contentsOf(const std::string& file) {
+  std::ifstream in(file);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+class Commands : public testing::Test {
+ protected:
+  Outcome ctl(std::vector<std::string> arguments) { return run(host, std::move(arguments)); }
+  void loadExample() { ASSERT_EQ(ctl({"load", kExample}).status, 0); }
+  Json setting(const std::string& led) { return host.attributes(ledPath(led)).value("lightSetting", Json()); }
+  void pinIs(const std::string& pin, unsigned value) {
+    host.put(std::string(kPinDir) + '/' + pin, kPinType, {{"value", value}});
+  }
+  FakeHost host;
+};
+
+TEST_F(Commands, TheExampleComesBackAsItWasLoaded) {
+  loadExample();
+  pinIs("sys_r", 1);
+  EXPECT_TRUE(ctl({"dump"}).out == contentsOf(kExample));
+  EXPECT_THAT(ctl({"dump", "--all"}).out, HasSubstr("config/sys_r"));
+}
+
+TEST_F(Commands, TheExampleIsAWholeAppliance) {
+  loadExample();
+  const Json leds = Json::parse(ctl({"led", "list", "--json"}).out);
+  std::map<std::string, int> pinUses;
+  int withoutAllColours = 0;
+  for (const Json& led : leds) {
+    EXPECT_TRUE(led.at("ready"));
+    withoutAllColours += led.at("pins").size() < kColours.size();
+    for (const Json& ofColour : led.at("pins"))
+      for (const auto& [pin, value] : ofColour.items()) ++pinUses[pin];
+  }
+  EXPECT_EQ(leds.size(), 58U);
+  EXPECT_EQ(leds[1].at("name"), "Ethernet1/1") << "ports by number";
+  EXPECT_GT(pinUses.size(), 135U);
+  EXPECT_EQ(std::count_if(pinUses.begin(), pinUses.end(), [](const auto& use) { return use.second == 2; }),
+            1);
+  EXPECT_GT(withoutAllColours, 0);
+}
+
+TEST_F(Commands, ReplacingLeavesOnlyWhatTheFileHas) {
+  loadExample();
+  host.put("hardware/led/config/leds/Old", kLedType, Json::object());
+  EXPECT_EQ(ctl({"load", "--replace", kExample}).status, 0);
+  EXPECT_TRUE(ctl({"dump"}).out == contentsOf(kExample));
+}
+
+TEST_F(Commands, ARefusedLoadNamesEveryPlace) {
+  host.refuse({ledPath("Status") + " lightSetting: bad", ledPath("Fan1") + ": worse"});
+  const Outcome refused = ctl({"load", kExample});
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_THAT(refused.err,
+              testing::ContainsRegex("1u.json:[0-9]+: hardware/led/config/leds/Status lightSetting: bad\n"
+                                     ".*1u.json:[0-9]+: hardware/led/config/leds/Fan1: worse\n"));
+  EXPECT_EQ(host.size(), 0U);
+}
+
+TEST_F(Commands, LedSetLightsNamesAndPatterns) {
+  loadExample();
+  EXPECT_EQ(ctl({"led", "set", "Status", "Ethernet3*", "red", "green", "--flash", "0.5"}).status, 0);
+  const Json expected{{"red", true}, {"green", true}, {"flashInterval", 0.5}};
+  for (const char* led : {"Status", "Ethernet3/1", "Ethernet30/1"}) EXPECT_EQ(setting(led), expected) << led;
+  EXPECT_EQ(setting("Ethernet4/1"), Json({{"green", true}}));
+}
+
+TEST_F(Commands, LedSetKeepsWhatItIsNotAskedFor) {
+  host.put(ledPath("A"), kLedType,
+           {{"lightSetting", {{"red", true}, {"brightness", 40}, {"flashInterval", 2.0}}}});
+  ctl({"led", "set", "A", "--flash", "1"});
+  EXPECT_EQ(setting("A"), Json({{"red", true}, {"brightness", 40}, {"flashInterval", 1.0}}));
+  ctl({"led", "set", "A", "yellow"});
+  EXPECT_EQ(setting("A"), Json({{"yellow", true}, {"brightness", 40}})) << "colours alone mean steady";
+  ctl({"led", "off", "A"});
+  EXPECT_EQ(setting("A"), Json({{"brightness", 40}}));
+}
+
+TEST_F(Commands, AnEmptyDatabaseTakesAMappingAndThenALed) {
+  EXPECT_EQ(ctl({"map", "set", "X/1", "--green", "g1", "g2", "--red", "r", "--ready"}).status, 0);
+  EXPECT_EQ(ctl({"led", "set", "X/1", "green"}).status, 0);
+  EXPECT_EQ(host.attributes(mapPath("X/1")),
+            Json({{"gpioGreenName", {"g1", "g2"}}, {"gpioRedName", {"r"}}, {"ready", true}}));
+  EXPECT_EQ(setting("X/1"), Json({{"green", true}}));
+  EXPECT_TRUE(host.attributes(kLedDir).is_object() && host.attributes(kMapDir).is_object());
+  ctl({"map", "set", "X/1", "--red", "", "--no-ready"});
+  EXPECT_EQ(host.attributes(mapPath("X/1")),
+            Json({{"gpioGreenName", {"g1", "g2"}}, {"gpioRedName", Json::array()}, {"ready", false}}));
+  EXPECT_EQ(ctl({"map", "del", "X*"}).status, 0);
+  EXPECT_TRUE(host.attributes(mapPath("X/1")).is_null());
+}
+
+TEST_F(Commands, LedListShowsSettingsPinsAndWhatIsLit) {
+  loadExample();
+  pinIs("psu2_r", 1);
+  pinIs("psu2_g", 0);
+  EXPECT_THAT(ctl({"led", "list", "PowerSupply2"}).out,
+              HasSubstr("PowerSupply2  red      red    green:psu2_g=0 red:psu2_r=1"));
+  EXPECT_THAT(ctl({"led", "list", "Beacon"}).out, HasSubstr("green, flash 1 s  -"));
+  EXPECT_THAT(ctl({"panel", "--once"}).out, HasSubstr("PowerSupply2    red           red\n"));
+}
+
+TEST_F(Commands, GetShowsAnEntityAnAttributeOrWhatStandsUnder) {
+  loadExample();
+  EXPECT_THAT(ctl({"get", "hardware/led/config"}).out,
+              StartsWith("hardware/led/config  Hardware::Led::LedSystemConfigDir\n  palette = \"default\"\n  "
+                         "leds/Beacon  "));
+  EXPECT_EQ(ctl({"get", ledPath("Fan1"), "ledAttribute"}).out, "fan tray 1\n");
+  EXPECT_EQ(ctl({"get", ledPath("Fan1"), "lightSetting", "--json"}).out, "{\"green\": true}\n");
+  EXPECT_THAT(ctl({"get", "hardware"}).out, HasSubstr("  gpio/config/led  "));
+}
+
+TEST_F(Commands, SetTakesJsonOrABareText) {
+  loadExample();
+  for (const auto& [text, value] : {std::pair<const char*, Json>{"{\"red\": true}", {{"red", true}}},
+                                    {"dark side", "dark side"},
+                                    {"5", 5}}) {
+    EXPECT_EQ(ctl({"set", ledPath("Fan1"), "theme", text}).status, 0);
+    EXPECT_EQ(host.attributes(ledPath("Fan1")).at("theme"), value);
+  }
+  EXPECT_EQ(ctl({"del", ledPath("Fan1")}).status, 0);
+  EXPECT_TRUE(host.attributes(ledPath("Fan1")).is_null());
+}
+
+TEST_F(Commands, WatchPrintsSoManyChanges) {
+  std::thread writer;
+  host.onCall = [&](const std::string& method) {
+    if (method != "watch") return;
+    writer = std::thread([&] {
+      for (unsigned value = 0; value < 3; ++value) pinIs("p", value);
+    });
+  };
+  const Outcome watched = ctl({"watch", kPinDir, "--json", "--count", "2"});
+  writer.join();
+  EXPECT_EQ(watched.status, 0);
+  EXPECT_EQ(std::count(watched.out.begin(), watched.out.end(), '\n'), 2);
+  EXPECT_THAT(watched.out, HasSubstr("\"path\": \"hardware/corvel/gpio/config/p\""));
+}
+
+TEST_F(Commands, RecordWritesThePinsAsTheyAre) {
+  loadExample();
+  pinIs("psu2_r", 1);
+  const std::string file = testing::TempDir() + "record-" + std::to_string(getpid()) + ".vcd";
+  EXPECT_THAT(ctl({"record", file, "--for", "0"}).out, HasSubstr(" pins in "));
+  const std::string text = contentsOf(file);
+  std::filesystem::remove(file);
+  EXPECT_THAT(text, testing::ContainsRegex("\\$var wire 1 [^ ]+ psu2_r \\$end"));
+  EXPECT_THAT(text, testing::ContainsRegex("\n1[^\n]+\n"));
+}
+
+TEST_F(Commands, WhatIsRefusedSaysWhatWouldBeRight) {
+  loadExample();
+  struct Case {
+    std::vector<std::string> arguments;
+    int status;
+    const char* says;
+  };
+  const Case cases[] = {
+      {{"led", "set", "Statsu", "green"}, 1, "no LED is named 'Statsu'; nearest: Status"},
+      {{"led", "set", "Nope*", "green"}, 1, "no LED matches 'Nope*'; known: Beacon, Ethernet1/1"},
+      {{"led", "set", "Status", "purple"},
+       1,
+       "no colour 'purple'; colours are orange, green, red, yellow or off"},
+      {{"led", "set", "Status", "red", "purple"}, 1, "no colour 'purple'"},
+      {{"led", "set", "Status", "purple", "--flash", "1"}, 1, "'purple'; known: Beacon"},
+      {{"led", "set", "Status", "red", "--flash", "-1"},
+       1,
+       "--flash -1: the interval must be seconds, finite and not negative"},
+      {{"led", "set", "Status", "red", "--flash", "inf"}, 1, "--flash inf"},
+      {{"led", "set", "Status"}, 2, "no colour is given"},
+      {{"led", "set", "Status", "off", "red"}, 2, "'off' stands alone"},
+      {{"led", "set", "Status", "off", "--flash", "1"}, 2, "can't flash"},
+      {{"get", "hardware/led/config/leds/Statu"}, 1, "nearest: hardware/led/config/leds/Status"},
+      {{"get", ledPath("Fan1"), "theme"}, 1, "never set"},
+      {{"get", ledPath("Fan1"), "colour"}, 1, "has no such attribute; it has lightSetting, theme"},
+      {{"del", "nothing/here"}, 1, "no entity at 'nothing/here'"},
+      {{"dump", "nothing"}, 1, "nothing at 'nothing'"},
+      {{"map", "del", "Nope"}, 1, "no LED is named 'Nope'"},
+      {{"watch", "--for", "-1"}, 2, "--for -1"},
+      {{"status"}, 1, "no method status"},
+      {{"led", "lst"}, 2, "no command 'lst'; nearest: list"},
+      {{"get", "a", "b", "c"}, 2, "c; see: pinlampctl get --help"}};
+  for (const Case& each : cases) {
+    const Outcome refused = ctl(each.arguments);
+    EXPECT_EQ(refused.status, each.status) << testing::PrintToString(each.arguments);
+    EXPECT_THAT(refused.err, testing::AllOf(StartsWith("pinlampctl: "), HasSubstr(each.says)));
+    EXPECT_EQ(std::count(refused.err.begin(), refused.err.end(), '\n'), 1) << refused.err;
+    EXPECT_EQ(refused.out, "");
+  }
+}
+
+TEST(WithoutAHost, TheErrorSaysHowToStartIt) {
+  const Outcome refused = run({"--socket", "/tmp/no.sock", "status"});
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_THAT(refused.err, testing::AllOf(HasSubstr("/tmp/no.sock: there is no such socket"),
+                                          HasSubstr("pinlampd --store")));
+  EXPECT_EQ(run({"--socket", std::string(200, 'x'), "status"}).status, 2);
+}
+
+TEST(Help, EveryCommandHasAnExample) {
+  for (const char* command :
+       {"load", "dump", "led list", "led set", "led off", "map set", "map del", "map list", "get", "set",
+        "del", "watch", "panel", "record", "trace", "status", "types"}) {
+    std::istringstream words(command);
+    std::vector<std::string> arguments{std::istream_iterator<std::string>(words), {}};
+    arguments.emplace_back("--help");
+    const Outcome help = run(arguments);
+    EXPECT_EQ(help.status, 0);
+    EXPECT_THAT(help.out, HasSubstr(std::string("Example: pinlampctl ") + command));
+  }
+}
+
+}  // namespace
+}  // namespace Ctl

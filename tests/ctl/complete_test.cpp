@@ -1,0 +1,44 @@
+#include <gmock/gmock.h>
+
+#include <fstream>
+
+#include "tests/ctl/fakehost.h"
+
+namespace Ctl {
+namespace {
+
+TEST(Completion, OffersWhatMayComeNext) {
+  FakeHost host;
+  run(host, {"load", PINLAMP_SOURCE_DIR "/examples/switch-1u.json"});
+  const std::pair<std::vector<std::string>, const char*> cases[] = {
+      {{"le"}, "led\n"},
+      {{"led", ""}, "list\noff\nset\n"},
+      {{"led", "set", "--f"}, "--flash\n"},
+      {{"led", "set", "Po"}, "PowerSupply1\nPowerSupply2\n"},
+      {{"led", "set", "Fan1", "--flash", "1", "r"}, "red\n"},
+      {{"led", "set", "o"}, ""},
+      {{"led", "set", "Fan1", "--flash", ""}, ""},
+      {{"map", "set", "Fan1", "--green", "fan1_g", "fan2"}, "fan2_g\nfan2_r\n"},
+      {{"map", "del", "Ethernet3/"}, "Ethernet3/1\n"},
+      {{"get", "h"}, "hardware/\n"},
+      {{"get", "hardware/"}, "hardware/gpio/\nhardware/led/\n"},
+      {{"get", "hardware/led/config/leds/Ethernet50"}, "hardware/led/config/leds/Ethernet50%2F1\n"},
+      {{"set", "hardware/led/config/leds/Status", "l"}, "lightSetting\n"},
+      {{"trace", "P"}, "Pinlamp/\n"},
+      {{"load", "ex"}, ":files\n"},
+      {{"status", "x"}, ""}};
+  for (const auto& [words, expected] : cases) {
+    std::vector<std::string> arguments{"complete"};
+    arguments.insert(arguments.end(), words.begin(), words.end());
+    EXPECT_EQ(run(host, arguments).out, expected) << testing::PrintToString(words);
+  }
+}
+
+TEST(Completion, WithoutAHostOffersWhatItKnowsItself) {
+  const Outcome offered = run({"complete", "--socket", "/nowhere", "led", "set", "Status", ""});
+  EXPECT_EQ(offered.out, "green\noff\norange\nred\nyellow\n");
+  EXPECT_EQ(offered.err, "");
+}
+
+}  // namespace
+}  // namespace Ctl

@@ -1,0 +1,81 @@
+#include "ctl/configuration.h"
+
+#include <gmock/gmock.h>
+
+#include "ctl/appliance.h"
+
+namespace Ctl {
+namespace {
+
+using testing::HasSubstr;
+
+std::string refusalOf(const std::string& text) {
+  try {
+    const Configuration configuration("f.json", text);
+  } catch (const Refusal& refusal) {
+    return refusal.what();
+  }
+  return "accepted";
+}
+
+TEST(Configuration, BadFilesAreRefusedWithThePlace) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"", "f.json:1:1: "},
+      {"{\n  \"a\": {,}\n}", "f.json:2:9: syntax error"},
+      {"{\"a\": {\"type\": \"T\"}", "f.json:1:20: "},
+      {"[]", "f.json:1: found array where {PATH: "},
+      {"{\n\"a\": 1}", "f.json:2: a: found number where "},
+      {"{\n\n\"a\": {\"value\": 1}}", "f.json:3: a: \"type\" is missing"},
+      {"{\"a\": {\"type\": 5}}", "f.json:1: a: \"type\" is missing or no text"},
+      {"{\"a\": {\"type\": \"T\"}, \"a\": {\"type\": \"U\"}}", "f.json: the key \"a\" stands twice"}};
+  for (const auto& [text, expected] : cases) EXPECT_THAT(refusalOf(text), HasSubstr(expected)) << text;
+  EXPECT_EQ(refusalOf("{\"a\": 1, \"b\": {}, \"c\": {\"type\": \"T\"}}").find("c:"), std::string::npos);
+}
+
+Json asRead(const Json& puts) {
+  Json entities = puts;
+  for (Json& entity : entities) entity.erase("op");
+  return entities;
+}
+
+TEST(Configuration, WhatIsDumpedLoadsAsItWas) {
+  const Json entities = Json::parse(R"([
+    {"path": "a", "type": "Zel::Dir", "attributes": {}},
+    {"path": "a/x%2F1", "type": "T", "attributes": {"set": ["p", "q"], "empty": [], "n": 0.25, "text": "ä \"b\"\n"}}])");
+  const std::string text = configurationText(entities, false);
+  EXPECT_EQ(asRead(Configuration("f", text).puts()), entities);
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 4) << "one entity a line";
+}
+
+TEST(Configuration, DerivedPinsAreDumpedOnlyWhenAskedFor) {
+  const Json pin = {
+      {{"path", std::string(kPinDir) + "/p"}, {"type", kPinType}, {"attributes", {{"value", 1}}}}};
+  EXPECT_EQ(configurationText(pin, false), "{\n}\n");
+  EXPECT_THAT(configurationText(pin, true), HasSubstr("\"value\": 1"));
+}
+
+TEST(Configuration, ReplacingRemovesTheLeastThatMustGo) {
+  const Configuration wanted(
+      "f", R"({"a": {"type": "D"}, "a/kept": {"type": "T", "v": 2}, "a/other": {"type": "U"},
+                                      "a/less": {"type": "T"}})");
+  const Json found = Json::parse(R"([
+    {"path": "a", "type": "D", "attributes": {}},
+    {"path": "a/gone", "type": "D", "attributes": {}},
+    {"path": "a/gone/under", "type": "T", "attributes": {}},
+    {"path": "a/kept", "type": "T", "attributes": {"v": 1}},
+    {"path": "a/less", "type": "T", "attributes": {"v": 1}},
+    {"path": "a/other", "type": "T", "attributes": {}},
+    {"path": "hardware/corvel/gpio/config/p", "type": "P", "attributes": {}}])");
+  std::vector<std::string> gone;
+  for (const Json& change : wanted.dels(found)) gone.push_back(change.at("path"));
+  EXPECT_THAT(gone, testing::ElementsAre("a/gone", "a/less", "a/other"));
+}
+
+TEST(Configuration, TheHostsComplaintsGetTheirLine) {
+  const Configuration configuration("f.json", "{\n\"a\": {\"type\": \"D\"},\n\"a/b\": {\"type\": \"T\"}}");
+  EXPECT_EQ(configuration.located("a/b value: too big"), "f.json:3: a/b value: too big");
+  EXPECT_EQ(configuration.located("what?"), "f.json: what?");
+}
+
+}  // namespace
+}  // namespace Ctl

@@ -1,0 +1,115 @@
+#include "ctl/panel.h"
+
+#include <gmock/gmock.h>
+
+#include <regex>
+
+#include "ctl/text.h"
+
+namespace Ctl {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+Lamp lamp(const std::string& name, const PerColour<bool>& shows = {}) {
+  Lamp made;
+  made.name = name;
+  made.driven = made.configured = made.mapped = true;
+  made.shows = shows;
+  return made;
+}
+constexpr PerColour<bool> kGreen{false, true, false, false};
+constexpr PerColour<bool> kGreenRed{false, true, true, false};
+
+std::vector<Lamp> lampsNamed(const std::vector<std::string>& names) {
+  std::vector<Lamp> lamps;
+  for (const std::string& name : names) lamps.push_back(lamp(name));
+  return lamps;
+}
+
+TEST(PanelLayout, ToldFromTheNames) {
+  struct Case {
+    std::vector<std::string> names;
+    std::vector<std::string> blocks;  // TITLE: NUMBER.LANE …
+    std::size_t others;
+  };
+  const Case cases[] = {
+      {{"Ethernet1", "Ethernet2", "Ethernet3", "Ethernet49/1", "Status"}, {"Ethernet: 1.0 2.0 3.0 49.1"}, 1},
+      {{"Ethernet1/1", "Ethernet1/2", "Ethernet2/1", "Ethernet2/2"}, {"Ethernet: 1.1 1.2 2.1 2.2"}, 0},
+      {{"Ethernet3/1", "Ethernet3/9", "Ethernet4/1", "Ethernet4/2"},
+       {"Ethernet3/: 1.0 9.0", "Ethernet4/: 1.0 2.0"},
+       0},
+      {{"Ethernet3/1/1", "Ethernet3/1/2", "Ethernet3/2/1", "Ethernet10/1/1"},
+       {"Ethernet3/: 1.1 1.2 2.1", "Ethernet10/: 1.1"},
+       0},
+      {{"Fan1", "Fan2", "Status", "5", "Ethernet1/"}, {}, 5}};
+  for (const Case& each : cases) {
+    const auto lamps = lampsNamed(each.names);
+    const PanelLayout layout = panelLayout(lamps);
+    std::vector<std::string> blocks;
+    for (const PortBlock& block : layout.blocks) {
+      blocks.push_back(block.title + ':');
+      for (const Port& port : block.ports)
+        blocks.back() += ' ' + std::to_string(port.number) + '.' + std::to_string(port.lane);
+    }
+    EXPECT_EQ(blocks, each.blocks);
+    EXPECT_EQ(layout.others.size(), each.others) << each.names.front();
+  }
+}
+
+TEST(PanelFrame, OddPortsStandAboveEvenOnesAndTheRestBeside) {
+  auto lamps = lampsNamed({"Ethernet1", "Ethernet2", "Ethernet3", "Ethernet4", "Ethernet10", "Status"});
+  lamps[2].shows = kGreen;
+  lamps[4].shows = kGreenRed;
+  lamps[5].driven = false;
+  const auto frame = panelFrame(lamps, "title", {}, {80, 24});
+  EXPECT_THAT(frame, ElementsAre(" title", "", " 1 3       - Status", " . G   ", " . .  *", " 2 4 10", "",
+                                 HasSubstr("6 LEDs: 2 lit now, 0 flashing, 1 not driven")));
+}
+
+TEST(PanelFrame, StaysWithinTheScreenHoweverSmall) {
+  std::vector<Lamp> lamps = lampsNamed({"Status", "AVeryLongNameOfAnLedThatIsInTheWay"});
+  for (int i = 1; i <= 52; ++i) lamps.push_back(lamp("Ethernet" + std::to_string(i) + "/1", kGreen));
+  const std::regex escape("\x1b\\[[0-9;]*m");
+  for (std::size_t columns = 1; columns < 140; ++columns)
+    for (const auto depth : {Look::Colours::none, Look::Colours::truecolor}) {
+      const auto frame = panelFrame(lamps, "a title", {depth, false}, {columns, 9});
+      EXPECT_LE(frame.size(), 9U);
+      for (const std::string& line : frame) EXPECT_LE(std::regex_replace(line, escape, "").size(), columns);
+    }
+}
+
+TEST(PanelFrame, TellsColoursAsTheTerminalCan) {
+  const std::pair<Look::Colours, const char*> cases[] = {{Look::Colours::truecolor, "\x1b[38;2;255;215;75m●"},
+                                                         {Look::Colours::ansi256, "\x1b[38;5;221m●"},
+                                                         {Look::Colours::ansi16, "\x1b[97m●"},
+                                                         {Look::Colours::none, "*"}};
+  for (const auto& [depth, expected] : cases)
+    EXPECT_THAT(panelFrame({lamp("Status", kGreenRed)}, "", {depth, true}, {})[2], HasSubstr(expected));
+}
+
+TEST(Look, FollowsTheEnvironment) {
+  static std::map<std::string, const char*> environment;
+  const auto variable = [](const char* name) -> const char* {
+    return environment.contains(name) ? environment[name] : nullptr;
+  };
+  const std::pair<std::map<std::string, const char*>, Look::Colours> cases[] = {
+      {{}, Look::Colours::none},
+      {{{"TERM", "dumb"}}, Look::Colours::none},
+      {{{"TERM", "xterm"}}, Look::Colours::ansi16},
+      {{{"TERM", "tmux-256color"}}, Look::Colours::ansi256},
+      {{{"TERM", "xterm"}, {"COLORTERM", "truecolor"}}, Look::Colours::truecolor},
+      {{{"TERM", "xterm"}, {"COLORTERM", "truecolor"}, {"NO_COLOR", "1"}}, Look::Colours::none}};
+  for (const auto& [variables, expected] : cases) {
+    environment = variables;
+    EXPECT_EQ(lookOf(variable).colours, expected);
+  }
+  environment = {{"LC_ALL", "C"}, {"LANG", "C.UTF-8"}};
+  EXPECT_FALSE(lookOf(variable).unicode);
+  environment.erase("LC_ALL");
+  EXPECT_TRUE(lookOf(variable).unicode);
+}
+
+}  // namespace
+}  // namespace Ctl

@@ -1,0 +1,69 @@
+#include "ctl/vcd.h"
+
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <sstream>
+
+#include "ctl/refusal.h"
+
+namespace Ctl {
+namespace {
+
+using std::chrono::microseconds;
+
+class VcdFile : public testing::Test {
+ protected:
+  ~VcdFile() override { std::filesystem::remove(path); }
+  std::string contents() const {
+    std::ifstream in(path);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+  }
+  const std::string path = testing::TempDir() + "pins-" + std::to_string(getpid()) + ".vcd";
+};
+
+TEST_F(VcdFile, HoldsDeclarationsChangesAndAnEnd) {
+  VcdWriter writer(path, "today");
+  writer.valueIs(microseconds(0), "a b[0]", 1U);
+  writer.valueIs(microseconds(0), "dark", std::nullopt);
+  writer.valueIs(microseconds(500000), "a b[0]", 7U);
+  writer.valueIs(microseconds(750001), "a b[0]", 0U);
+  writer.finish(microseconds(1000000));
+  EXPECT_EQ(contents(),
+            "$date today $end\n$version pinlampctl $end\n$timescale 1 us $end\n$scope module pins $end\n"
+            "$var wire 1 ! a_b_0_ $end\n$var wire 1 \" dark $end\n$upscope $end\n$enddefinitions $end\n"
+            "#0\n1!\nx\"\n#750001\n0!\n#1000000\n");
+  EXPECT_EQ(writer.changes(), 3U);
+}
+
+TEST_F(VcdFile, IsCompleteAfterEveryFlushAndTakesLatePinsIn) {
+  VcdWriter writer(path, "today");
+  writer.valueIs(microseconds(1), "early", 1U);
+  writer.flush();
+  const std::string before = contents();
+  EXPECT_THAT(before, testing::EndsWith("$enddefinitions $end\n#1\n1!\n"));
+  writer.valueIs(microseconds(2), "late", 0U);
+  writer.valueIs(microseconds(2), "early", 0U);
+  writer.flush();
+  EXPECT_THAT(contents(), testing::HasSubstr("$var wire 1 \" late $end\n"));
+  EXPECT_THAT(contents(), testing::EndsWith("$enddefinitions $end\n#1\n1!\n#2\n0\"\n0!\n"));
+}
+
+TEST_F(VcdFile, GivesEveryPinACodeOfItsOwn) {
+  VcdWriter writer(path, "today");
+  for (int i = 0; i < 9000; ++i) writer.valueIs(microseconds(0), "pin" + std::to_string(i), 1U);
+  writer.flush();
+  std::set<std::string> codes;
+  std::istringstream in(contents());
+  for (std::string line; std::getline(in, line);)
+    if (line.starts_with("$var")) codes.insert(line.substr(12, line.find(' ', 12) - 12));
+  EXPECT_EQ(codes.size(), 9000U);
+}
+
+TEST(VcdWriter, SaysWhyAFileCantBeWritten) { EXPECT_THROW(VcdWriter("/nowhere/at/all.vcd", ""), Refusal); }
+
+}  // namespace
+}  // namespace Ctl

@@ -37,4 +37,31 @@ CorvelGpioLedSystemConfigDir::~CorvelGpioLedSystemConfigDir() {
   orphanChildren<&CorvelGpioLedSystemConfigDir::gpioLeds_>();
 }
 
+const Zel::TypeNode& GpioLineInit::typeNode() {
+  static const Zel::TypeNode type = describe("Hardware::Gpio::GpioLineInit", &Zel::newEntity<GpioLineInit>);
+  return type;
+}
+
+const Zel::TypeNode& GpioLineStatus::typeNode() {
+  static const Zel::TypeNode type =
+      describe("Hardware::Gpio::GpioLineStatus", &Zel::newEntity<GpioLineStatus>);
+  return type;
+}
+
 }  // namespace Hardware::Gpio
+
+using Hardware::Gpio::LineRef;
+using Hardware::Gpio::OnExit;
+
+LineRef Zel::ValueTraits<LineRef>::fromValue(const Value& value) {
+  if (const auto* offset = value.as<std::int64_t>(); offset && *offset >= 0) return {std::to_string(*offset)};
+  return {detail::expect<std::string>(value, "a line's name, or its offset")};
+}
+
+Zel::Value Zel::ValueTraits<OnExit>::toValue(OnExit onExit) { return onExit == OnExit::off ? "off" : "keep"; }
+
+OnExit Zel::ValueTraits<OnExit>::fromValue(const Value& value) {
+  const auto& text = detail::expect<std::string>(value, "\"keep\" or \"off\"");
+  if (text != "keep" && text != "off") throwWrongKind(value, "\"keep\" or \"off\"");
+  return text == "off" ? OnExit::off : OnExit::keep;
+}

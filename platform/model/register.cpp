@@ -15,6 +15,8 @@ const Zel::TypeRegistration types{
     &Hardware::Gpio::CorvelGpioLedSystemConfigDir::typeNode,
     &Hardware::Gpio::CorvelGpioLedConfig::typeNode,
     &Hardware::Gpio::CorvelPinConfig::typeNode,
+    &Hardware::Gpio::GpioLineInit::typeNode,
+    &Hardware::Gpio::GpioLineStatus::typeNode,
     &Environment::Cooling::Config::typeNode,
 };
 

@@ -49,11 +49,6 @@ auto below(Map& entries, const std::string& path) {
   return std::pair(entries.lower_bound(path + '/'), entries.lower_bound(path + '0'));
 }
 
-bool concerns(const Change& change, const std::string& path) {
-  return isUnder(change.row.path, path) ||
-         (change.kind == Change::Kind::del && isUnder(path, change.row.path));
-}
-
 }  // namespace
 
 struct MemoryStore::State {

@@ -40,4 +40,10 @@ inline bool isUnder(std::string_view path, std::string_view above) {
          (path.starts_with(above) && (path.size() == above.size() || path[above.size()] == '/'));
 }
 
+// Whether a change touches anything at or under `path`.
+inline bool concerns(const Change& change, std::string_view path) {
+  return isUnder(change.row.path, path) ||
+         (change.kind == Change::Kind::del && isUnder(path, change.row.path));
+}
+
 }  // namespace Statedb

@@ -1,6 +1,5 @@
 #include "platform/statedb/schema.h"
 
-#include <map>
 #include <sstream>
 
 #include "platform/zel/assert.h"
@@ -83,76 +82,64 @@ void checkRow(const std::string& typeName, const std::string& attribute, const Z
   row->check(value);
 }
 
-namespace {
-
-// What would stand where once the steps read so far were stored.
-class Overlay {
- public:
-  explicit Overlay(const TypeAt& below) : below_(below) {}
-
-  std::string typeAt(const std::string& path) const {
-    if (const auto found = types_.find(path); found != types_.end()) return found->second;
-    for (const std::string& gone : gone_)
-      if (isUnder(path, gone)) return {};
-    return below_(path);
-  }
-  void put(const std::string& path, const std::string& type) { types_[path] = type; }
-  void del(const std::string& path) {
-    for (auto& [known, type] : types_)
-      if (isUnder(known, path)) type.clear();
-    gone_.push_back(path);
-  }
-
- private:
-  const TypeAt& below_;
-  std::map<std::string, std::string> types_;
-  std::vector<std::string> gone_;
-};
-
-void checkType(const std::string& wanted, const std::string& found) {
-  if (wanted != found) throw Zel::ValueError("found type " + found + ", wanted " + wanted + " at this place");
+std::string TypesAfter::typeAt(const std::string& path) const {
+  if (const auto found = types_.find(path); found != types_.end()) return found->second;
+  for (const std::string& gone : gone_)
+    if (isUnder(path, gone)) return {};
+  return below_(path);
 }
 
-// Follows the path of a put from the root, and checks that its type may stand at its end.
-void checkPlace(const Row& row, const Overlay& overlay) {
+void TypesAfter::del(const std::string& path) {
+  for (auto& [known, type] : types_)
+    if (isUnder(known, path)) type.clear();
+  gone_.push_back(path);
+}
+
+std::string placeType(const std::string& path, const TypesAfter& types) {
   const Zel::TypeNode* above = &Zel::Dir::typeNode();
-  if (row.path.empty()) throw Zel::ValueError("the path is empty");
-  for (PathReader reader(row.path); !reader.done();) {
+  if (path.empty()) throw Zel::ValueError("the path is empty");
+  for (PathReader reader(path);;) {
     const auto step = reader.next(*above);
     if (step.key.size() > 255) throw Zel::ValueError("the name '" + step.key + "' is longer than 255 bytes");
-    if (reader.done()) {
-      if (step.memberType) return checkType(step.memberType->name().stdString(), row.type);
-      const Zel::TypeNode* type = knownType(row.type);
-      if (type && !type->newEntityForDir())
-        throw Zel::ValueError("type " + row.type + " is not made in directories");
-      return;
-    }
-    const std::string found = overlay.typeAt(step.path);
+    if (reader.done()) return step.memberType ? step.memberType->name().stdString() : std::string();
+    const std::string found = types.typeAt(step.path);
     if (found.empty() && step.memberType) throw Zel::ValueError("there is no entity at '" + step.path + "'");
     above = found.empty() ? &Zel::Dir::typeNode() : knownType(found);
     if (!above) throw Zel::ValueError("the type " + found + " of '" + step.path + "' is unknown");
   }
 }
 
-void checkChange(const Change& change, Overlay& overlay) {
+namespace {
+
+// Checks that the type of a put may stand at the end of its path.
+void checkPlace(const Row& row, const TypesAfter& types) {
+  const std::string wanted = placeType(row.path, types);
+  if (!wanted.empty() && wanted != row.type)
+    throw Zel::ValueError("found type " + row.type + ", wanted " + wanted + " at this place");
+  const Zel::TypeNode* type = knownType(row.type);
+  if (wanted.empty() && type && !type->newEntityForDir())
+    throw Zel::ValueError("type " + row.type + " is not made in directories");
+}
+
+void checkChange(const Change& change, TypesAfter& types) {
   const Row& row = change.row;
   if (change.kind == Change::Kind::del) {
-    if (overlay.typeAt(row.path).empty()) throw Zel::ValueError("there is no entity at this path");
-    return overlay.del(row.path);
+    if (types.typeAt(row.path).empty()) throw Zel::ValueError("there is no entity at this path");
+    return types.del(row.path);
   }
   checkRow(row.type, row.attribute, row.value);
-  checkPlace(row, overlay);
-  overlay.put(row.path, row.type);
+  checkPlace(row, types);
+  types.put(row.path, row.type);
 }
 
 }  // namespace
 
 std::vector<std::string> checkChanges(const Changes& changes, const TypeAt& typeAt) {
   std::vector<std::string> errors;
-  Overlay overlay(typeAt);
+  TypesAfter types(typeAt);
   for (const Change& change : changes) {
     try {
-      checkChange(change, overlay);
+      checkChange(change, types);
     } catch (const Zel::ValueError& error) {
       const std::string& attribute = change.row.attribute;
       errors.push_back(change.row.path + (attribute.empty() ? "" : " " + attribute) + ": " + error.what());

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -46,6 +47,26 @@ ZEL_API void checkRow(const std::string& type, const std::string& attribute, con
 
 // The type of the entity at a path; empty where there is none.
 using TypeAt = std::function<std::string(const std::string& path)>;
+
+// What would stand where once some steps were stored over what `below` tells.
+class ZEL_API TypesAfter {
+ public:
+  // `below` must outlive the object.
+  explicit TypesAfter(const TypeAt& below) : below_(below) {}
+
+  std::string typeAt(const std::string& path) const;
+  void put(const std::string& path, const std::string& type) { types_[path] = type; }
+  void del(const std::string& path);
+
+ private:
+  const TypeAt& below_;
+  std::map<std::string, std::string> types_;
+  std::vector<std::string> gone_;
+};
+
+// The type that the place at `path` takes; empty where it takes any. Throws ValueError where the path leads
+// nowhere.
+ZEL_API std::string placeType(const std::string& path, const TypesAfter& types);
 
 // Checks a batch as it would be stored over what `typeAt` tells: every put must name an entity whose place
 // takes its type, and hold a value that fits; every del must meet something. Components of a path that

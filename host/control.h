@@ -1,0 +1,68 @@
+// The control socket's server.
+//
+// Requests that arrive in one round of the loop are carried out as they come; the host then calls commit(),
+// which makes what they wrote durable in one step and lets the answers go.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/connection.h"
+#include "host/listener.h"
+#include "host/methods.h"
+#include "host/rpc.h"
+
+namespace Host {
+
+class Control : private Connection::Owner {
+ public:
+  // Listens on the socket at once. All three must outlive the server.
+  Control(Loop& loop, Listener& listener, Served& served);
+  ~Control();
+  Control(const Control&) = delete;
+  Control& operator=(const Control&) = delete;
+
+  // Makes everything that was written durable, whoever wrote it. Where the store can't, the requests that
+  // wrote are answered with its error.
+  void commit();
+  // Hands what waits for the clients to the system, as far as it takes it.
+  void send();
+
+ private:
+  struct Session {
+    Session(Statedb::Store& store, const std::shared_ptr<Connection>& connection);
+
+    const std::shared_ptr<Connection> connection;
+    Watches watches;
+  };
+  // An answer that waits for the next commit.
+  struct Answer {
+    std::shared_ptr<Connection> connection;
+    Json id;
+    bool wrote;
+    std::string text;  // empty where the client wants none
+  };
+  // Bytes of answers that may wait for the end of the round.
+  static constexpr std::size_t kWaitingLimit = 1 << 20;
+
+  void accept(uv_stream_t* listener);
+  void onLine(Connection& connection, std::string_view line) override;
+  void onOversizedLine(Connection& connection) override;
+  void onClosed(Connection& connection) override;
+
+  // The answer's text. Commits first where the method needs to see what is durable.
+  std::string carryOut(Session& session, const Request& request, bool& wrote);
+  void answer(Answer answer);
+  void release(const RpcError* failure);
+
+  Served& served_;
+  const Methods methods_;
+  std::map<const Connection*, std::unique_ptr<Session>> sessions_;
+  std::vector<const Connection*> closed_;  // their sessions end with the round
+  std::vector<Answer> answers_;
+  std::size_t waiting_ = 0;  // bytes of `answers_`
+};
+
+}  // namespace Host

@@ -1,0 +1,91 @@
+#include "host/host.h"
+
+#include <algorithm>
+#include <csignal>
+#include <iostream>
+
+#include "host/stores.h"
+
+namespace Host {
+
+Host::Host(const Options& options)
+    : store_(makeStore(options.store)),
+      listener_(std::make_unique<Listener>(loop_, options.socket)),
+      manager_(Zel::allocate<Statedb::EntityManager>(*store_)),
+      served_{.store = *store_, .manager = *manager_} {
+  manager_->reportIs([this](const std::string& text) { report(text); });
+  loadAgents(options.agents);
+  control_ = std::make_unique<Control>(loop_, *listener_, served_);
+}
+
+Host::~Host() {
+  serviceManager_.tell("STOPPING=1");
+  signals_.clear();
+  watchdog_.reset();
+  control_.reset();
+  manager_->stop();
+  for (const auto& plugin : std::ranges::reverse_view(plugins_)) plugin->dropAgent();
+  manager_ = nullptr;
+  while (!plugins_.empty()) plugins_.pop_back();
+}
+
+void Host::loadAgents(const std::vector<AgentOption>& options) {
+  for (const AgentOption& option : options) {
+    plugins_.push_back(std::make_unique<Plugin>(option));
+    served_.agents.push_back({option.agentName, plugins_.back()->library()});
+  }
+  for (const auto& plugin : plugins_) plugin->start(manager_);
+}
+
+void Host::report(const std::string& text) {
+  served_.lastRefusal = text;
+  std::cerr << "pinlampd: " << text << std::endl;
+}
+
+void Host::run() {
+  for (const int signal : {SIGTERM, SIGINT}) signals_.push_back(stopOn(signal));
+  feedWatchdog();
+  loop_.turnIs([this] { return turn(); });
+  loop_.run();
+}
+
+void Host::abandon() { listener_.reset(); }
+
+// What clients wrote reaches the agents, and what the agents make of it is published, before the answers go.
+double Host::turn() {
+  control_->commit();
+  activity_.step();
+  control_->commit();
+  control_->send();
+  sayWhenReady();
+  return activity_.nextWakeUp();
+}
+
+void Host::sayWhenReady() {
+  if (ready_) return;
+  ready_ = std::ranges::all_of(manager_->mounts(), &Statedb::EntityManager::MountInfo::complete);
+  if (ready_) serviceManager_.tell("READY=1");
+}
+
+UvHandle<uv_signal_t> Host::stopOn(int signal) {
+  UvHandle<uv_signal_t> handle(new uv_signal_t);
+  uv_signal_init(loop_.uv(), handle.get());
+  handle->data = &loop_;
+  uv_signal_start(
+      handle.get(), [](uv_signal_t* caught, int) { static_cast<Loop*>(caught->data)->stop(); }, signal);
+  return handle;
+}
+
+void Host::feedWatchdog() {
+  const auto interval = serviceManager_.watchdogInterval();
+  if (!interval) return;
+  watchdog_.reset(new uv_timer_t);
+  uv_timer_init(loop_.uv(), watchdog_.get());
+  watchdog_->data = this;
+  const auto feed = [](uv_timer_t* timer) {
+    static_cast<Host*>(timer->data)->serviceManager_.tell("WATCHDOG=1");
+  };
+  uv_timer_start(watchdog_.get(), feed, *interval, *interval);
+}
+
+}  // namespace Host

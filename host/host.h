@@ -1,0 +1,61 @@
+// The host: a store, the agents, the control socket, and the loop that drives them.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/control.h"
+#include "host/loop.h"
+#include "host/plugin.h"
+#include "host/systemd.h"
+#include "platform/zel/activity.h"
+
+namespace Host {
+
+struct Options {
+  std::string store = "memory:";
+  std::vector<AgentOption> agents;
+  std::string socket = "/run/pinlamp/control.sock";
+};
+
+class Host {
+ public:
+  // Opens the store, takes the socket, loads the agents and lets them declare their mounts. Throws StartError
+  // or StoreError.
+  explicit Host(const Options& options);
+  // Stops in order. The lights stay as they are.
+  ~Host();
+  Host(const Host&) = delete;
+  Host& operator=(const Host&) = delete;
+
+  // Until SIGTERM or SIGINT. Throws what a handler threw, mostly as a HandlerFault.
+  void run();
+  // After run() has thrown: leaves everything as it is but the socket's name, so that the process can end
+  // without running code of a broken state.
+  void abandon();
+
+ private:
+  void loadAgents(const std::vector<AgentOption>& options);
+  void report(const std::string& text);
+  double turn();
+  void sayWhenReady();
+  UvHandle<uv_signal_t> stopOn(int signal);
+  void feedWatchdog();
+
+  // In the order in which they are needed: destroyed from the last to the first.
+  const ServiceManager serviceManager_;
+  Loop loop_;
+  Zel::ActivityManager activity_;
+  const std::unique_ptr<Statedb::Store> store_;
+  std::unique_ptr<Listener> listener_;
+  std::vector<std::unique_ptr<Plugin>> plugins_;  // their libraries outlive every entity
+  Zel::Ptr<Statedb::EntityManager> manager_;
+  Served served_;
+  std::unique_ptr<Control> control_;
+  UvHandle<uv_timer_t> watchdog_;
+  std::vector<UvHandle<uv_signal_t>> signals_;
+  bool ready_ = false;
+};
+
+}  // namespace Host

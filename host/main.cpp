@@ -1,0 +1,136 @@
+// pinlampd: see docs/ or --help.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <iostream>
+#include <system_error>
+
+#include "host/host.h"
+#include "host/starterror.h"
+#include "platform/cell/cell.h"
+#include "platform/zel/trace.h"
+
+namespace {
+
+enum Exit { kStopped = 0, kRefused = 1, kUsage = 2, kFault = 70 };
+
+struct CommandLine {
+  Host::Options host;
+  std::vector<std::string> agents;
+  std::vector<std::string> traces;
+  std::string traceFile;
+  std::uint16_t cell = 1;
+};
+
+// Turns what `read` throws into what CLI11 wants of a check: a text, empty where all is well.
+template <class Read>
+auto checkedBy(Read read) {
+  return [read](const std::string& text) -> std::string {
+    try {
+      read(text);
+    } catch (const std::exception& error) {
+      return error.what();
+    }
+    return {};
+  };
+}
+
+void describe(CLI::App& app, CommandLine& line) {
+  app.add_option("--store", line.host.store, "where the state is kept: memory: or sqlite:FILE")
+      ->type_name("URL")
+      ->capture_default_str();
+  app.add_option("--agent", line.agents, "an agent to load; may be given several times (namespace: Pinlamp)")
+      ->type_name("LIBRARY[:NAMESPACE[:NAME]]")
+      ->expected(1)
+      ->take_all()
+      ->check(checkedBy(Host::AgentOption::parse));
+  app.add_option("--socket", line.host.socket, "the control socket")
+      ->type_name("PATH")
+      ->capture_default_str();
+  app.add_option("--trace", line.traces,
+                 "trace levels to switch on: Pinlamp/3,6-9; may be given several times")
+      ->type_name("FACILITY/LEVELS")
+      ->expected(1)
+      ->take_all()
+      ->check(checkedBy(Zel::traceLevelsIs));
+  app.add_option("--trace-file", line.traceFile, "append trace records to a file instead of standard error")
+      ->type_name("FILE");
+  app.add_option("--cell", line.cell, "the cell that this process runs on")
+      ->type_name("N")
+      ->capture_default_str();
+  app.set_version_flag("--version", "pinlampd " PINLAMP_VERSION);
+  app.footer(
+      "Example: pinlampd --store sqlite:/var/lib/pinlamp/state.db --agent libpinlamp.so --trace Pinlamp/3,6");
+}
+
+// Every record is handed to the system at once, in one piece.
+void writeLine(int descriptor, std::string_view text) {
+  std::string line(text);
+  line += '\n';
+  for (std::string_view rest = line; !rest.empty();) {
+    const ssize_t written = ::write(descriptor, rest.data(), rest.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return;
+    rest.remove_prefix(static_cast<std::size_t>(written));
+  }
+}
+
+void traceInto(const std::string& file) {
+  const int descriptor = ::open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640);
+  if (descriptor < 0)
+    throw Host::StartError("trace file '" + file +
+                           "' can't be opened: " + std::generic_category().message(errno));
+  Zel::traceSinkIs([descriptor](std::string_view line) { writeLine(descriptor, line); });
+}
+
+void prepare(CommandLine& line) {
+  std::signal(SIGHUP, SIG_IGN);
+  std::signal(SIGPIPE, SIG_IGN);
+  for (const std::string& agent : line.agents) line.host.agents.push_back(Host::AgentOption::parse(agent));
+  for (const std::string& levels : line.traces) Zel::traceLevelsIs(levels);
+  if (!line.traceFile.empty()) traceInto(line.traceFile);
+  Cell::cellIdIs(line.cell);
+}
+
+// A fault ends the process at once: nothing that it may have left half done runs on.
+void serve(Host::Host& host) {
+  try {
+    host.run();
+  } catch (const std::exception& error) {
+    std::cerr << "pinlampd: " << error.what() << std::endl;
+    host.abandon();
+    std::_Exit(kFault);
+  }
+}
+
+int run(CommandLine& line) {
+  try {
+    prepare(line);
+    Host::Host host(line.host);
+    serve(host);
+    return kStopped;
+  } catch (const std::exception& error) {
+    std::cerr << "pinlampd: " << error.what() << std::endl;
+    return kRefused;
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CommandLine line;
+  CLI::App app("Loads LED agents and gives them the state database.", "pinlampd");
+  describe(app, line);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? kStopped : kUsage;
+  }
+  return run(line);
+}

@@ -1,0 +1,145 @@
+#include "host/plugin.h"
+
+#include <dlfcn.h>
+
+#include <filesystem>
+#include <optional>
+#include <vector>
+
+#include "host/starterror.h"
+#include "platform/zel/activity.h"
+
+namespace Host {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// Every agent class derives from Warden::CAgent by single inheritance, so a pointer to it is one to its
+// CAgent; and a Ptr<T>, having a destructor, is returned in memory that the caller provides whatever T is.
+// That makes the call fine although the factory's own type names the agent's class.
+using Factory = Zel::Ptr<Warden::CAgent> (*)(Zel::Name);
+
+[[noreturn]] void refuse(const std::string& library, const std::string& why) {
+  throw StartError("agent library '" + library + "': " + why);
+}
+
+// The namespaces of a qualified name; nothing where it is not one.
+std::optional<std::vector<std::string>> components(const std::string& name) {
+  std::vector<std::string> parts(1);
+  for (std::size_t i = 0; i < name.size(); ++i) {
+    const auto c = static_cast<unsigned char>(name[i]);
+    if (c == ':' && i + 1 < name.size() && name[i + 1] == ':') {
+      parts.emplace_back();
+      ++i;
+    } else if (std::isalpha(c) || c == '_' || (std::isdigit(c) && !parts.back().empty())) {
+      parts.back() += name[i];
+    } else {
+      return std::nullopt;
+    }
+  }
+  for (const std::string& part : parts)
+    if (part.empty()) return std::nullopt;
+  return parts;
+}
+
+std::string baseName(const std::string& library) {
+  std::string name = fs::path(library).filename().string();
+  name = name.substr(0, name.find(".so"));
+  return name.starts_with("lib") ? name.substr(3) : name;
+}
+
+// The position of the next colon that stands alone.
+std::size_t separator(const std::string& text, std::size_t from) {
+  for (std::size_t at = text.find(':', from); at != std::string::npos; at = text.find(':', at + 2))
+    if (at + 1 == text.size() || text[at + 1] != ':') return at;
+  return std::string::npos;
+}
+
+fs::path programFolder() {
+  std::error_code ignored;
+  return fs::read_symlink("/proc/self/exe", ignored).parent_path();
+}
+
+// Where a library is taken from: a bare name may stand beside the program.
+std::string located(const std::string& library) {
+  if (library.find('/') != std::string::npos) return library;
+  std::error_code ignored;
+  for (const fs::path& folder : {programFolder() / "../lib", programFolder()})
+    if (fs::exists(folder / library, ignored)) return (folder / library).lexically_normal().string();
+  return library;
+}
+
+void* load(const std::string& library) {
+  std::error_code ignored;
+  const bool bare = library.find('/') == std::string::npos;
+  if (!bare && !fs::exists(library, ignored)) refuse(library, "there is no such file");
+  if (void* handle = ::dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL)) return handle;
+  const std::string looked = bare ? " (looked in '" +
+                                        (programFolder() / "../lib").lexically_normal().string() + "', '" +
+                                        programFolder().string() +
+                                        "' and the system's path; a file elsewhere is given with its folder)"
+                                  : "";
+  refuse(library, std::string("does not load: ") + ::dlerror() + looked);
+}
+
+// Runs a step of an agent's start; what it throws becomes a StartError.
+template <class Step>
+auto startStep(const std::string& library, Zel::Name agent, const char* what, Step&& step) {
+  const Zel::ActivityManager::AgentScope scope(agent);
+  const std::string where = "agent '" + agent.stdString() + "': " + what;
+  try {
+    return step();
+  } catch (const std::exception& error) {
+    refuse(library, where + " throws: " + error.what());
+  } catch (...) {
+    refuse(library, where + " throws something that is no std::exception");
+  }
+}
+
+}  // namespace
+
+AgentOption AgentOption::parse(const std::string& text) {
+  AgentOption option;
+  const std::size_t first = separator(text, 0);
+  option.library = text.substr(0, first);
+  if (option.library.empty())
+    throw StartError("agent '" + text + "': wanted LIBRARY[:NAMESPACE[:AGENTNAME]]");
+  option.agentName = baseName(option.library);
+  if (first == std::string::npos) return option;
+  const std::size_t second = separator(text, first + 1);
+  if (second != first + 1) option.nameSpace = text.substr(first + 1, second - first - 1);
+  if (!components(option.nameSpace))
+    throw StartError("agent '" + text + "': '" + option.nameSpace + "' is no namespace, such as Pinlamp");
+  if (second != std::string::npos) option.agentName = text.substr(second + 1);
+  return option;
+}
+
+std::string factorySymbol(const std::string& nameSpace) {
+  std::string symbol = "_ZN";
+  for (const std::string& part : components(nameSpace).value_or(std::vector<std::string>{}))
+    symbol += std::to_string(part.size()) + part;
+  return symbol + "12agentFactoryEN3Zel4NameE";
+}
+
+void Plugin::Unload::operator()(void* library) const { ::dlclose(library); }
+
+Plugin::Plugin(const AgentOption& option)
+    : name_(option.agentName), library_(located(option.library)), handle_(load(library_)) {
+  const std::string wanted = option.nameSpace + "::agentFactory(Zel::Name)";
+  const auto factory =
+      reinterpret_cast<Factory>(::dlsym(handle_.get(), factorySymbol(option.nameSpace).c_str()));
+  if (!factory) refuse(library_, "has no factory '" + wanted + "'; name its namespace: LIBRARY:NAMESPACE");
+  agent_ = startStep(library_, name_, "its factory", [&] { return factory(name_); });
+  if (!agent_) refuse(library_, "its factory '" + wanted + "' returned null");
+}
+
+Plugin::~Plugin() = default;
+
+void Plugin::start(const Zel::Ptr<Statedb::EntityManager>& manager) {
+  agent_->entityManagerIs(manager);
+  startStep(library_, name_, "doPreInit", [&] { agent_->doPreInit(); });
+  startStep(library_, name_, "doInit", [&] { agent_->doInit(); });
+}
+
+}  // namespace Host

@@ -1,0 +1,49 @@
+#include "host/systemd.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+
+namespace Host {
+
+namespace {
+
+std::string environment(const char* name) {
+  const char* value = std::getenv(name);
+  return value ? value : "";
+}
+
+// Half of the time within which the watchdog must hear of us.
+std::optional<std::uint64_t> halfOfWatchdog() {
+  const std::string pid = environment("WATCHDOG_PID");
+  if (!pid.empty() && pid != std::to_string(::getpid())) return std::nullopt;
+  const std::uint64_t microseconds = std::strtoull(environment("WATCHDOG_USEC").c_str(), nullptr, 10);
+  if (microseconds == 0) return std::nullopt;
+  return std::max<std::uint64_t>(microseconds / 2000, 1);
+}
+
+}  // namespace
+
+ServiceManager::ServiceManager() : socket_(environment("NOTIFY_SOCKET")), watchdog_(halfOfWatchdog()) {}
+
+void ServiceManager::tell(const std::string& state) const {
+  sockaddr_un address{};
+  if (socket_.empty() || socket_.size() >= sizeof address.sun_path) return;
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, socket_.data(), socket_.size());
+  // An abstract name is written with an '@' in place of its leading NUL.
+  if (address.sun_path[0] == '@') address.sun_path[0] = '\0';
+  const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + socket_.size());
+  const int descriptor = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (descriptor < 0) return;
+  ::sendto(descriptor, state.data(), state.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address),
+           size);
+  ::close(descriptor);
+}
+
+}  // namespace Host

@@ -10,7 +10,7 @@ namespace Zel {
 namespace detail {
 
 namespace {
-constexpr std::uint32_t kInline = 1;   // entries that lie in the block itself
+constexpr std::uint32_t kFirst = 2;    // entries that a new block has room for
 constexpr std::uint32_t kScanned = 8;  // up to this many entries are scanned; more have an index
 }  // namespace
 
@@ -21,16 +21,15 @@ struct Block {
   std::uint32_t walks = 0;
   std::uint32_t live = 0;
   std::uint32_t used = 0;  // live entries and stale ones
-  std::uint32_t capacity = kInline;
+  std::uint32_t capacity = kFirst;
   bool orphan = false;             // the table has let go; the last walk frees the block
   std::uint8_t indexShift = 0;     // the index has 2^(32 - indexShift) places
   std::uint32_t* index = nullptr;  // position + 1 of the entries, stale ones too; 0 is a free place
-  Entry* entries = inlined;
-  Entry inlined[kInline];
+  Entry* entries = new Entry[kFirst];
 
   ~Block() {
     delete[] index;
-    if (entries != inlined) delete[] entries;
+    delete[] entries;
   }
 
   Entry* find(Name key) const {
@@ -77,7 +76,7 @@ struct Block {
     std::uint32_t count = 0;
     for (std::uint32_t i = 0; i < used; ++i)
       if (entries[i].live || walks != 0) moved[count++] = entries[i];
-    if (entries != inlined) delete[] entries;
+    delete[] entries;
     entries = moved;
     capacity = size;
     used = count;
@@ -91,46 +90,81 @@ struct Block {
   }
 };
 
-std::size_t KeyTable::size() const { return block_ ? block_->live : 0; }
+constinit KeyTable::Cursor* KeyTable::Cursor::walksOfOne_ = nullptr;
 
-const KeyTable::Entry* KeyTable::find(Name key) const { return block_ ? block_->find(key) : nullptr; }
+template <class Function>
+void KeyTable::forEachWalkOfOne(Function&& function) const {
+  for (Cursor* walk = Cursor::walksOfOne_; walk;) {
+    Cursor* const next = walk->next_;
+    if (walk->table_ == this) function(*walk);
+    walk = next;
+  }
+}
+
+void KeyTable::swap(KeyTable& other) noexcept {
+  std::swap(only_, other.only_);
+  for (Cursor* walk = Cursor::walksOfOne_; walk; walk = walk->next_)
+    if (walk->table_ == this || walk->table_ == &other) walk->table_ = walk->table_ == this ? &other : this;
+}
+
+std::size_t KeyTable::sizeOfBlock() const { return block()->live; }
+
+const KeyTable::Entry* KeyTable::findInBlock(Name key) const { return block()->find(key); }
 
 void KeyTable::insert(Name key, std::uintptr_t word) {
   ZEL_REQUIRE(!find(key), "key '" << key << "'");
-  if (!block_) block_ = new Block;
-  block_->append(key, word);
+  if (!only_.live && only_.word == 0) {
+    only_ = {key, true, word};
+    return;
+  }
+  if (only_.live) {
+    auto* several = new Block;
+    several->append(only_.key, only_.word);
+    only_ = {Name(), false, reinterpret_cast<std::uintptr_t>(several)};
+  }
+  block()->append(key, word);
 }
 
 bool KeyTable::remove(Name key, std::uintptr_t* word) {
-  Entry* entry = block_ ? block_->find(key) : nullptr;
+  auto* entry = const_cast<Entry*>(find(key));
   if (!entry) return false;
   if (word) *word = entry->word;
-  block_->erase(*entry);
-  if (block_->live == 0 && block_->walks == 0) clear();
+  forEachWalkOfOne([key](Cursor& walk) {
+    if (walk.only_.key == key) walk.leave();
+  });
+  if (only_.live) {
+    only_ = {};
+    return true;
+  }
+  block()->erase(*entry);
+  if (block()->live == 0 && block()->walks == 0) clear();
   return true;
 }
 
-void KeyTable::clear() {
-  Block* block = std::exchange(block_, nullptr);
-  if (!block) return;
-  if (block->walks == 0) {
-    delete block;
+void KeyTable::forgetAll() {
+  forEachWalkOfOne([](Cursor& walk) { walk.leave(); });
+  const Entry only = std::exchange(only_, {});
+  if (only.live) return;
+  auto* several = reinterpret_cast<Block*>(only.word);
+  if (several->walks == 0) {
+    delete several;
     return;
   }
-  for (std::uint32_t i = 0; i < block->used; ++i) block->entries[i].live = false;
-  block->orphan = true;
+  for (std::uint32_t i = 0; i < several->used; ++i) several->entries[i].live = false;
+  several->orphan = true;
 }
 
-void KeyTable::Cursor::hold() const {
-  if (block_) ++block_->walks;
+void KeyTable::Cursor::walkBlock(Block* block) {
+  block_ = block;
+  ++block_->walks;
 }
 
-void KeyTable::Cursor::drop() {
-  if (block_ && --block_->walks == 0 && block_->orphan) delete block_;
+void KeyTable::Cursor::dropBlock() {
+  if (--block_->walks == 0 && block_->orphan) delete block_;
+  block_ = nullptr;
 }
 
-const KeyTable::Entry* KeyTable::Cursor::current() {
-  if (!block_) return nullptr;
+const KeyTable::Entry* KeyTable::Cursor::currentOfBlock() {
   while (at_ < block_->used && !block_->entries[at_].live) ++at_;
   return at_ < block_->used ? &block_->entries[at_] : nullptr;
 }

@@ -1,7 +1,7 @@
 // Keyed collections: hash maps from Zel::Name.
 //
-// Members lie densely in the order in which they came; a collection of a few is scanned, a larger one has a
-// hash index. An empty collection is one pointer.
+// A collection of one member, as most are, holds it in itself and has no memory of its own. More lie densely
+// in the order in which they came; a few are scanned, many have a hash index.
 //
 // A walk tolerates every change of the collection while it runs, its destruction included: a member that was
 // removed is skipped, and a member that was added during the walk may or may not be met. The order carries no
@@ -35,50 +35,105 @@ class ZEL_API KeyTable {
   };
 
   KeyTable() = default;
-  KeyTable(KeyTable&& other) noexcept : block_(std::exchange(other.block_, nullptr)) {}
+  KeyTable(KeyTable&& other) noexcept { swap(other); }
   KeyTable(const KeyTable&) = delete;
   KeyTable& operator=(const KeyTable&) = delete;
   ~KeyTable() { clear(); }
 
-  void swap(KeyTable& other) noexcept { std::swap(block_, other.block_); }
-  std::size_t size() const;
+  // Walks go on in the table that has their members then.
+  void swap(KeyTable& other) noexcept;
+  std::size_t size() const { return only_.live ? 1 : only_.word == 0 ? 0 : sizeOfBlock(); }
 
-  const Entry* find(Name key) const;
+  const Entry* find(Name key) const {
+    if (only_.live) return only_.key == key ? &only_ : nullptr;
+    return only_.word == 0 ? nullptr : findInBlock(key);
+  }
   // Adds a member. REQUIRES: the key is not there.
   void insert(Name key, std::uintptr_t word);
   // Takes a member out. Returns whether there was one, and its word in `word`.
   bool remove(Name key, std::uintptr_t* word);
   // Leaves every walk without members and the table empty. The words are simply forgotten.
-  void clear();
+  void clear() {
+    if (only_.live || only_.word != 0) forgetAll();
+  }
 
-  // A position in a walk; holds the block alive.
+  // A position in a walk. Holds the block of a table of several alive. Of a table of one it has a copy of the
+  // member, and stands in a list of such walks, where the table finds it when the member goes.
   class ZEL_API Cursor {
    public:
     Cursor() = default;
-    explicit Cursor(const KeyTable& table) : block_(table.block_) { hold(); }
-    Cursor(const Cursor& other) : block_(other.block_), at_(other.at_) { hold(); }
-    Cursor(Cursor&& other) noexcept : block_(std::exchange(other.block_, nullptr)), at_(other.at_) {}
-    Cursor& operator=(Cursor other) noexcept {
-      std::swap(block_, other.block_);
-      std::swap(at_, other.at_);
+    explicit Cursor(const KeyTable& table) {
+      if (table.only_.live)
+        walkOne(table, table.only_);
+      else if (table.only_.word != 0)
+        walkBlock(table.block());
+    }
+    Cursor(const Cursor& other) { copy(other); }
+    Cursor& operator=(const Cursor& other) {
+      if (this == &other) return *this;
+      drop();
+      copy(other);
       return *this;
     }
     ~Cursor() { drop(); }
 
     // Skips members that went stale; null at the end.
-    const Entry* current();
-    void advance() { ++at_; }
+    const Entry* current() { return block_ ? currentOfBlock() : only_.live ? &only_ : nullptr; }
+    void advance() {
+      ++at_;
+      if (only_.live) leave();
+    }
 
    private:
-    void hold() const;
-    void drop();
+    friend class KeyTable;
+
+    void walkOne(const KeyTable& table, const Entry& member) {
+      only_ = member;
+      table_ = &table;
+      next_ = walksOfOne_;
+      link_ = &walksOfOne_;
+      if (next_) next_->link_ = &next_;
+      walksOfOne_ = this;
+    }
+    void leave() {
+      only_.live = false;
+      *link_ = next_;
+      if (next_) next_->link_ = link_;
+    }
+    void walkBlock(Block* block);
+    void dropBlock();
+    const Entry* currentOfBlock();
+    void copy(const Cursor& other) {
+      at_ = other.at_;
+      if (other.only_.live) walkOne(*other.table_, other.only_);
+      if (other.block_) walkBlock(other.block_);
+    }
+    void drop() {
+      if (only_.live) leave();
+      if (block_) dropBlock();
+    }
+
+    static constinit Cursor* walksOfOne_;
 
     Block* block_ = nullptr;
     std::uint32_t at_ = 0;
+    Entry only_{};  // live while this stands in the list
+    const KeyTable* table_ = nullptr;
+    Cursor* next_ = nullptr;
+    Cursor** link_ = nullptr;
   };
 
  private:
-  Block* block_ = nullptr;
+  Block* block() const { return reinterpret_cast<Block*>(only_.word); }
+  std::size_t sizeOfBlock() const;
+  const Entry* findInBlock(Name key) const;
+  void forgetAll();
+  // Calls `function` with every walk that holds a copy of a member of this table.
+  template <class Function>
+  void forEachWalkOfOne(Function&& function) const;
+
+  // The only member, where it is live. Else the word is the block of a table of several, or 0.
+  Entry only_{};
 };
 
 // Walks a table as values that Get makes of its entries.

@@ -3,11 +3,11 @@
 #include <array>
 #include <atomic>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <ostream>
 #include <shared_mutex>
-#include <unordered_map>
 #include <vector>
 
 #include "platform/zel/exception.h"
@@ -24,23 +24,23 @@ class Table {
 
   std::optional<std::uint32_t> find(std::string_view text) {
     const std::shared_lock lock(mutex_);
-    const auto found = ids_.find(text);
-    if (found == ids_.end()) return std::nullopt;
-    return found->second;
+    const std::uint32_t id = places_[place(text)];
+    if (id == kFree) return std::nullopt;
+    return id;
   }
 
   std::uint32_t intern(std::string_view text) {
     if (const auto found = find(text)) return *found;
     const std::unique_lock lock(mutex_);
-    if (const auto found = ids_.find(text); found != ids_.end()) return found->second;
+    if (const std::uint32_t found = places_[place(text)]; found != kFree) return found;
     const std::uint32_t id = size_.load(std::memory_order_relaxed);
     if (id == kChunks * kChunk) throwRangeException("the table of names is full");
+    if (id >= places_.size() / 4 * 3) grow();
     auto& chunk = chunks_[id / kChunk];
     if (!chunk.load(std::memory_order_relaxed))
       chunk.store(new std::string_view[kChunk], std::memory_order_release);
-    const std::string_view stored = store(text);
-    chunk.load(std::memory_order_relaxed)[id % kChunk] = stored;
-    ids_.emplace(stored, id);
+    places_[place(text)] = id;
+    chunk.load(std::memory_order_relaxed)[id % kChunk] = store(text);
     size_.store(id + 1, std::memory_order_release);
     return id;
   }
@@ -54,6 +54,19 @@ class Table {
   static constexpr std::uint32_t kChunk = 4096;
   static constexpr std::uint32_t kChunks = 16384;
   static constexpr std::size_t kBlock = 64 * 1024;
+  static constexpr std::uint32_t kFree = ~0U;
+
+  // Where the id of `text` stands among the places, or is to stand. There is always a free place.
+  std::size_t place(std::string_view text) const {
+    std::size_t at = std::hash<std::string_view>()(text) & (places_.size() - 1);
+    while (places_[at] != kFree && this->text(places_[at]) != text) at = (at + 1) & (places_.size() - 1);
+    return at;
+  }
+
+  void grow() {
+    places_.assign(places_.size() * 2, kFree);
+    for (std::uint32_t id = 0; id < size(); ++id) places_[place(text(id))] = id;
+  }
 
   std::string_view store(std::string_view text) {
     const std::size_t needed = text.size() + 1;
@@ -70,7 +83,7 @@ class Table {
   }
 
   std::shared_mutex mutex_;
-  std::unordered_map<std::string_view, std::uint32_t> ids_;
+  std::vector<std::uint32_t> places_ = std::vector<std::uint32_t>(kChunk, kFree);  // a hash table of ids
   std::array<std::atomic<std::string_view*>, kChunks> chunks_{};
   std::atomic<std::uint32_t> size_{0};
   std::vector<std::unique_ptr<char[]>> blocks_;

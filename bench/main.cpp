@@ -32,6 +32,11 @@ class Collector : public benchmark::BenchmarkReporter {
   Bench::Results& results_;
 };
 
+std::string pattern(const std::string& row) {
+  if (row.empty()) return ".";
+  return "^" + row + (row.find('/') == std::string::npos ? "/" : "");
+}
+
 void run(Bench::Results& results, const std::string& row) {
   const std::string repetitions = "--benchmark_repetitions=" + std::to_string(Bench::quick() ? 3 : 9);
   const std::string time = std::string("--benchmark_min_time=") + (Bench::quick() ? "0.02" : "0.1");
@@ -42,7 +47,7 @@ void run(Bench::Results& results, const std::string& row) {
   int count = static_cast<int>(pointers.size());
   benchmark::Initialize(&count, pointers.data());
   Collector collector(results);
-  benchmark::RunSpecifiedBenchmarks(&collector, row.empty() ? "." : "^" + row + "/");
+  benchmark::RunSpecifiedBenchmarks(&collector, pattern(row));
 }
 
 std::string rowNames() {
@@ -58,9 +63,11 @@ int main(int argc, char** argv) {
   bool quick = false;
   std::string row;
   app.add_flag("--quick", quick, "Fewer and shorter repetitions");
-  app.add_option("--row", row, "One row only: " + rowNames())->check([](const std::string& name) {
-    return Bench::findRow(name) ? "" : "no row '" + name + "'; there are " + rowNames();
-  });
+  app.add_option("--row", row, "One row only, or ROW/CONTESTANT; the rows are " + rowNames())
+      ->check([](const std::string& name) {
+        const bool known = Bench::findRow(name.substr(0, name.find('/')));
+        return known ? "" : "no row '" + name + "'; there are " + rowNames();
+      });
   CLI11_PARSE(app, argc, argv);
 
   Bench::quickIs(quick);

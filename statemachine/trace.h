@@ -8,7 +8,10 @@
 namespace Pinlamp {
 
 // The facility's handle, made on first use.
-const Zel::TraceHandle& traceHandle();
+inline const Zel::TraceHandle& traceHandle() {
+  static const Zel::TraceHandle handle("Pinlamp", false);
+  return handle;
+}
 
 // Writes one record, made of `parts`, where the level is on. While it is off nothing is formatted; so pass
 // parts that cost nothing to name. `function` is the plain name of the function that traces.

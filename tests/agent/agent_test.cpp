@@ -1,7 +1,7 @@
 // The agent's start and end, and the tables of its classes.
 #include "agent/agent.h"
 
-#include <algorithm>
+#include <map>
 
 #include "agent/factory.h"
 #include "platform/zel/generic.h"
@@ -15,10 +15,12 @@ using Pinlamp::ConfigReactor;
 using Pinlamp::GpioLedStateMachine;
 using Statedb::Change;
 using Zel::GenericIf;
-using Zel::Kind;
 using Zel::Operation;
 using Zel::Ptr;
 using Zel::Value;
+
+constexpr Operation kOperations[] = {Operation::invoke, Operation::get, Operation::set, Operation::del,
+                                     Operation::iterate};
 
 template <class T>
 Value object(const Ptr<T>& pointer) {
@@ -121,46 +123,36 @@ TEST_F(AgentTest, IsMadeInDirectoriesByName) {
   EXPECT_EQ(made->Agent::name(), Zel::Name("spare"));
 }
 
-// One row of a class's table, and what its operations are tried with. A get is expected to give `value`.
-struct Row {
-  const char* name;
-  Kind kind;
-  std::string type;
-  std::vector<Operation> operations;
-  Value value = {};
-  Value::List set = {}, del = {}, invoke = {};
-};
-
-constexpr Operation kGet = Operation::get, kSet = Operation::set, kDel = Operation::del,
-                    kIterate = Operation::iterate, kInvoke = Operation::invoke;
-
-void tryRows(const Zel::TypeNode& type, Zel::Notifier& target, const std::vector<Row>& rows) {
-  ASSERT_EQ(type.attributes().size(), rows.size());
-  Zel::AttributeIndex index = type.base() ? type.base()->endIndex() : 0;
-  for (const Row& row : rows) {
-    const auto& found = type.attribute(index);
-    EXPECT_STREQ(found.name, row.name);
-    EXPECT_EQ(found.kind, row.kind) << row.name;
-    EXPECT_EQ(found.type ? found.type() : "", row.type) << row.name;
-    for (const Operation operation : {kInvoke, kSet, kGet, kIterate, kDel}) {
-      const auto perform = [&] {
-        return GenericIf::perform(target, operation, index,
-                                  operation == kSet   ? row.set
-                                  : operation == kDel ? row.del
-                                                      : row.invoke);
-      };
-      const bool allowed = row.kind == Kind::reserved || std::ranges::count(row.operations, operation) != 0;
-      if (!allowed)
-        EXPECT_THROW(perform(), Zel::OperationNotSupportedException) << row.name;
-      else if (operation == kGet)
-        EXPECT_EQ(perform(), row.value) << row.name;
-      else
-        EXPECT_NO_THROW(perform()) << row.name << " " << Zel::operationText(operation);
-    }
-    ++index;
+// The rows of a type's own table: "NAME KIND TYPE: OPERATIONS" each.
+Lines tableOf(const Zel::TypeNode& type) {
+  Lines lines;
+  for (const auto& row : type.attributes()) {
+    lines.push_back(std::string(row.name) + " " + kindText(row.kind) + " " + (row.type ? row.type() : "") +
+                    ":");
+    for (const Operation one : kOperations)
+      if (allows(row.operations, one)) lines.back() += std::string(" ") + operationText(one);
   }
-  EXPECT_EQ(index, type.endIndex());
-  EXPECT_THROW(GenericIf::perform(target, kGet, index), Zel::RangeException);
+  return lines;
+}
+
+// Performs every operation on every row of a type's own table, with the arguments that `arguments` has under
+// "OPERATION NAME".
+void tryAll(Zel::Notifier& target, const std::map<std::string, Value::List>& arguments) {
+  const Zel::TypeNode& type = target.fwkType();
+  for (Zel::AttributeIndex index = type.firstIndex(); index < type.endIndex(); ++index) {
+    const auto& row = type.attribute(index);
+    for (const Operation operation : kOperations) {
+      const std::string what = std::string(operationText(operation)) + " " + row.name;
+      const auto found = arguments.find(what);
+      const auto given = found == arguments.end() ? Value::List{} : found->second;
+      if (row.kind == Zel::Kind::reserved || allows(row.operations, operation))
+        EXPECT_NO_THROW(GenericIf::perform(target, operation, index, given)) << what;
+      else
+        EXPECT_THROW(GenericIf::perform(target, operation, index, given), Zel::OperationNotSupportedException)
+            << what;
+    }
+  }
+  EXPECT_THROW(GenericIf::perform(target, Operation::get, type.endIndex()), Zel::RangeException);
 }
 
 TEST_F(AgentTest, EveryRowOfTheTablesAllowsItsOperationsAndNoOthers) {
@@ -168,86 +160,66 @@ TEST_F(AgentTest, EveryRowOfTheTablesAllowsItsOperationsAndNoOthers) {
   const auto reactor = agent->configReactor();
   const auto machine = reactor->gpioLedStateMachine().find("Fan1");
   const auto output = machine->corvelGpioLedConfig();
-  const Value name = "Fan1", names = Value::List{"Fan1"}, setting = Value::Fields{{"yellow", true}};
-  const auto writer = [&](const char* row) {
-    return Row{row, Kind::procedure, "", {kInvoke}, {}, {}, {}, {object(output), 9}};
+  const auto get = [](Zel::Notifier& target, const char* name) {
+    return GenericIf::perform(target, Operation::get, name);
   };
-  const std::string gpio = "Hardware::Gpio::", led = "Hardware::Led::";
-  tryRows(GpioLedStateMachine::typeNode(), *machine,
-          {{"corvelGpioLedConfig", Kind::pointer, gpio + "CorvelGpioLedConfig", {kGet}, object(output)},
-           {"hwLedConfig", Kind::pointer, led + "LedConfig", {kGet}, Value::Object{machine->hwLedConfig()}},
-           {"name", Kind::value, "Zel::Name", {kGet}, name},
-           {"handleHwLedConfig", Kind::procedure, "", {kInvoke}},
-           writer("handleCorvelGpioYellow"),
-           writer("handleCorvelGpioGreen"),
-           writer("handleCorvelGpioRed"),
-           writer("handleCorvelGpioOrange"),
-           {"handleLedSystemConfig", Kind::procedure, "", {kInvoke}, {}, {}, {}, {name, setting}},
-           {"clock", Kind::pointer, "Zel::Clock", {kGet, kSet}, {Value::Object{}}, {Value()}},
-           {"handleClockTimeout", Kind::procedure, "", {kInvoke}},
-           {"flashingState", Kind::value, "bool", {kGet, kSet}, true, {true}},
-           {"initialized", Kind::value, "bool", {kGet, kSet}, false, {false}},
-           {"handleInitialized", Kind::procedure, "", {kInvoke}}});
-  EXPECT_EQ(output->gpioRed().find("gpio7")->value(), 1U) << "handleInitialized applies the setting anew";
-  EXPECT_EQ(machine->clock(), manager.clock());
+  const Value led = Value::Object{machine->hwLedConfig()};
+  const Value::List write{object(output), 9};
 
-  const Value mapping = Value::Object{agent->gpioLedSystemConfigDir()->gpioLeds("Fan1")};
-  tryRows(ConfigReactor::typeNode(), *reactor,
-          {{"gpioLedSystemConfigDir",
-            Kind::pointer,
-            gpio + "GpioLedSystemConfigDir",
-            {kGet},
-            Value::Object{agent->gpioLedSystemConfigDir()}},
-           {"hwLedConfigDir",
-            Kind::pointer,
-            led + "LedSystemConfigDir",
-            {kGet},
-            Value::Object{agent->hwLedConfigDir()}},
-           {"gpioPinConfigDir", Kind::pointer, "Zel::Dir", {kGet}, object(agent->gpioPinConfigDir())},
-           {"gpioLedStateMachine",
-            Kind::collection,
-            "Pinlamp::GpioLedStateMachine",
-            {kGet, kSet, kDel, kIterate},
-            names,
-            {object(output), Value::Object{machine->hwLedConfig()}},
-            {name}},
-           {"handleGpioConfigCleanup", Kind::procedure, "", {kInvoke}, {}, {}, {}, {"Nobody"}},
-           {"gpioLedConfig",
-            Kind::collection,
-            "Pinlamp::ConfigReactor::ZelGpioLedConfig",
-            {kGet, kSet, kDel, kIterate},
-            names,
-            {mapping},
-            {name}},
-           {"", Kind::reserved, "", {}},
-           {"createDriver", Kind::procedure, "", {kInvoke}, {}, {}, {}, {name}},
-           {"", Kind::reserved, "", {}},
-           {"corvelLedSystemConfig",
-            Kind::pointer,
-            gpio + "CorvelGpioLedSystemConfigDir",
-            {kGet, kSet, kDel},
-            object(reactor->corvelLedSystemConfig()),
-            {"ledSystem"}},
-           {"handleInitialized", Kind::procedure, "", {kInvoke}}});
+  EXPECT_EQ(tableOf(GpioLedStateMachine::typeNode()),
+            (Lines{"corvelGpioLedConfig pointer Hardware::Gpio::CorvelGpioLedConfig: get",
+                   "hwLedConfig pointer Hardware::Led::LedConfig: get", "name value Zel::Name: get",
+                   "handleHwLedConfig procedure : invoke", "handleCorvelGpioYellow procedure : invoke",
+                   "handleCorvelGpioGreen procedure : invoke", "handleCorvelGpioRed procedure : invoke",
+                   "handleCorvelGpioOrange procedure : invoke", "handleLedSystemConfig procedure : invoke",
+                   "clock pointer Zel::Clock: get set", "handleClockTimeout procedure : invoke",
+                   "flashingState value bool: get set", "initialized value bool: get set",
+                   "handleInitialized procedure : invoke"}));
+  EXPECT_EQ(get(*machine, "hwLedConfig"), led);
+  EXPECT_EQ(get(*machine, "name"), Value("Fan1"));
+  tryAll(*machine, {{"invoke handleCorvelGpioYellow", write},
+                    {"invoke handleCorvelGpioGreen", write},
+                    {"invoke handleCorvelGpioRed", write},
+                    {"invoke handleCorvelGpioOrange", write},
+                    {"invoke handleLedSystemConfig", {"Fan1", Value::Fields{{"yellow", true}}}},
+                    {"set clock", {Value()}},
+                    {"set flashingState", {true}},
+                    {"set initialized", {false}}});
+  EXPECT_EQ(output->gpioRed().find("gpio7")->value(), 1U) << "handleInitialized applies the setting anew";
+
+  EXPECT_EQ(
+      tableOf(ConfigReactor::typeNode()),
+      (Lines{"gpioLedSystemConfigDir pointer Hardware::Gpio::GpioLedSystemConfigDir: get",
+             "hwLedConfigDir pointer Hardware::Led::LedSystemConfigDir: get",
+             "gpioPinConfigDir pointer Zel::Dir: get",
+             "gpioLedStateMachine collection Pinlamp::GpioLedStateMachine: get set delete iterate",
+             "handleGpioConfigCleanup procedure : invoke",
+             "gpioLedConfig collection Pinlamp::ConfigReactor::ZelGpioLedConfig: get set delete iterate",
+             " reserved :", "createDriver procedure : invoke", " reserved :",
+             "corvelLedSystemConfig pointer Hardware::Gpio::CorvelGpioLedSystemConfigDir: get set delete",
+             "handleInitialized procedure : invoke"}));
+  EXPECT_EQ(get(*reactor, "gpioLedConfig"), Value(Value::List{"Fan1"}));
+  tryAll(*reactor, {{"set gpioLedStateMachine", {object(output), led}},
+                    {"delete gpioLedStateMachine", {"Fan1"}},
+                    {"set gpioLedConfig", {Value::Object{agent->gpioLedSystemConfigDir()->gpioLeds("Fan1")}}},
+                    {"delete gpioLedConfig", {"Fan1"}},
+                    {"invoke createDriver", {"Fan1"}},
+                    {"invoke handleGpioConfigCleanup", {"Nobody"}},
+                    {"set corvelLedSystemConfig", {"ledSystem"}}});
   EXPECT_TRUE(reactor->gpioLedStateMachine().empty() && reactor->gpioLedConfig().empty());
 
-  const Value dirs[] = {Value::Object{agent->gpioLedSystemConfigDir()},
-                        Value::Object{agent->hwLedConfigDir()}, object(agent->gpioPinConfigDir())};
-  tryRows(Agent::typeNode(), *agent,
-          {{"doMountsComplete", Kind::procedure, "", {kInvoke}, {}, {}, {}, {"success"}},
-           {"doInit", Kind::procedure, "", {kInvoke}},
-           {"gpioPinConfigDir", Kind::pointer, "Zel::Dir", {kGet}, dirs[2]},
-           {"gpioLedSystemConfigDir", Kind::pointer, gpio + "GpioLedSystemConfigDir", {kGet}, dirs[0]},
-           {"hwLedConfigDir", Kind::pointer, led + "LedSystemConfigDir", {kGet}, dirs[1]},
-           {"configReactor",
-            Kind::pointer,
-            "Pinlamp::ConfigReactor",
-            {kGet, kSet, kDel},
-            object(reactor),
-            {dirs[0], dirs[1], dirs[2]}}});
+  EXPECT_EQ(tableOf(Agent::typeNode()),
+            (Lines{"doMountsComplete procedure : invoke", "doInit procedure : invoke",
+                   "gpioPinConfigDir pointer Zel::Dir: get",
+                   "gpioLedSystemConfigDir pointer Hardware::Gpio::GpioLedSystemConfigDir: get",
+                   "hwLedConfigDir pointer Hardware::Led::LedSystemConfigDir: get",
+                   "configReactor pointer Pinlamp::ConfigReactor: get set delete"}));
+  EXPECT_EQ(Agent::typeNode().indexOf("doInit"), Warden::CAgent::typeNode().endIndex() + 1);
+  tryAll(*agent, {{"invoke doMountsComplete", {"success"}},
+                  {"set configReactor",
+                   {Value::Object{agent->gpioLedSystemConfigDir()}, Value::Object{agent->hwLedConfigDir()},
+                    object(agent->gpioPinConfigDir())}}});
   EXPECT_EQ(agent->configReactor(), nullptr);
-  EXPECT_EQ(Agent::typeNode().indexOf("doInit"), Agent::typeNode().firstIndex() + 1)
-      << "not the base's entry";
 }
 
 struct RawSpy : Zel::Reactor<RawSpy, Zel::RawNotifiee> {

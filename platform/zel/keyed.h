@@ -87,6 +87,11 @@ class ZEL_API KeyTable {
    private:
     friend class KeyTable;
 
+    // A walk leaves the list when it ends, so what the list holds is alive.
+#pragma GCC diagnostic push
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wdangling-pointer"
+#endif
     void walkOne(const KeyTable& table, const Entry& member) {
       only_ = member;
       table_ = &table;
@@ -95,6 +100,7 @@ class ZEL_API KeyTable {
       if (next_) next_->link_ = &next_;
       walksOfOne_ = this;
     }
+#pragma GCC diagnostic pop
     void leave() {
       only_.live = false;
       *link_ = next_;

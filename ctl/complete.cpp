@@ -96,9 +96,7 @@ Names pathsFrom(Client& client, const std::string& begun) {
   Names names;
   for (const Json& entity : client.read("")) {
     const std::string path = entity.at("path");
-    if (!path.starts_with(begun)) continue;
-    const std::size_t end = path.find('/', begun.size());
-    names.insert(end == std::string::npos ? path : path.substr(0, end + 1));
+    if (path.starts_with(begun)) names.insert(upToSlash(path, begun.size()));
   }
   std::erase_if(names, [&](const std::string& name) { return names.contains(name + '/'); });
   return names;

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <map>
 #include <ostream>
 
 #include "ctl/context.h"
@@ -51,16 +52,22 @@ void printEntity(std::ostream& out, const Json& entity) {
     out << "  " << name << " = " << oneLine(value) << '\n';
 }
 
-// The outermost of the entities under `path`, without what stands under them.
+// What stands under `path`, by the next component: an entity with its type, or how many entities there are.
 void printMembers(std::ostream& out, const Json& entities, const std::string& path) {
-  std::string last;
+  const std::size_t from = path.empty() ? 0 : path.size() + 1;
+  std::map<std::string, std::size_t> below;
+  Table table;
   for (const Json& entity : entities) {
     const std::string each = entity.at("path");
-    if (each == path || (!last.empty() && isUnder(each, last))) continue;
-    out << "  " << each.substr(path.empty() ? 0 : path.size() + 1) << "  "
-        << entity.at("type").get<std::string>() << '\n';
-    last = each;
+    if (each.size() < from) continue;
+    const std::string next = upToSlash(each, from).substr(from);
+    if (next.ends_with('/'))
+      ++below[next];
+    else
+      table.add({" ", next, bare(entity.at("type"))});
   }
+  for (const auto& [next, count] : below) table.add({" ", next, std::to_string(count) + " below"});
+  table.print(out);
 }
 
 void get(Context& context, const std::string& path, const std::string& attribute, bool json) {

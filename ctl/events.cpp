@@ -39,9 +39,10 @@ namespace {
 // Milliseconds that poll should wait at most, rounded up; -1 for ever.
 int patience(Instant deadline) {
   if (deadline == kNever) return -1;
-  const auto left =
-      std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
-  return static_cast<int>(std::clamp<std::int64_t>(left, 0, 1'000'000'000));
+  const auto now = std::chrono::steady_clock::now();
+  if (deadline <= now) return 0;
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - now).count();
+  return static_cast<int>(std::min<std::int64_t>(left, 1'000'000'000));
 }
 
 Event signalFrom(int descriptor) {

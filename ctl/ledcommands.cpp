@@ -73,6 +73,15 @@ Json putLed(const std::string& led, Json setting) {
           {"attributes", {{"lightSetting", std::move(setting)}}}};
 }
 
+// Says which LEDs can't show what they are set to: not wrong, for not every LED has every colour, but seldom
+// meant.
+void noteMissingPins(Context& context, const std::vector<std::string>& names) {
+  std::vector<std::string> lacking;
+  for (const Lamp& lamp : selected(lampsOf(readAppliance(context.client())), names))
+    if (lamp.mapped && lamp.lacksPin()) lacking.push_back(lamp.name);
+  if (!lacking.empty()) context.err << "note: no pin for a colour that is set: " << joined(lacking) << '\n';
+}
+
 // Stores what `words` ask for over the LEDs' present settings; fields that are no business of colours stay.
 void set(Context& context, const LedWords& words, std::optional<double> flash) {
   Client& client = context.client();
@@ -83,6 +92,7 @@ void set(Context& context, const LedWords& words, std::optional<double> flash) {
     if (std::count(names.begin(), names.end(), lamp.name))
       changes.push_back(putLed(lamp.name, lightSetting(lamp.setting, words.colours, flash)));
   client.write(std::move(changes));
+  noteMissingPins(context, names);
 }
 
 void addList(CLI::App& led, Context& context) {

@@ -69,6 +69,11 @@ bool isUnder(std::string_view path, std::string_view above) {
          (path.starts_with(above) && (path.size() == above.size() || path[above.size()] == '/'));
 }
 
+std::string upToSlash(const std::string& path, std::size_t from) {
+  const std::size_t slash = path.find('/', from);
+  return slash == std::string::npos ? path : path.substr(0, slash + 1);
+}
+
 std::string joined(const std::vector<std::string>& texts, std::string_view separator) {
   std::string all;
   for (const std::string& text : texts) {

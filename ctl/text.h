@@ -20,6 +20,9 @@ std::string parentPath(std::string_view path);
 // Whether `path` is `above` or stands under it. Everything stands under the empty path.
 bool isUnder(std::string_view path, std::string_view above);
 
+// The path up to and with the first '/' at or after `from`; all of it where there is none.
+std::string upToSlash(const std::string& path, std::size_t from);
+
 // "a, b, c".
 std::string joined(const std::vector<std::string>& texts, std::string_view separator = ", ");
 

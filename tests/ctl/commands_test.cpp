@@ -123,10 +123,10 @@ TEST_F(Commands, GetShowsAnEntityAnAttributeOrWhatStandsUnder) {
   loadExample();
   EXPECT_THAT(ctl({"get", "hardware/led/config"}).out,
               StartsWith("hardware/led/config  Hardware::Led::LedSystemConfigDir\n  palette = \"default\"\n  "
-                         "leds/Beacon  "));
+                         " leds/  58 below\n"));
   EXPECT_EQ(ctl({"get", ledPath("Fan1"), "ledAttribute"}).out, "fan tray 1\n");
   EXPECT_EQ(ctl({"get", ledPath("Fan1"), "lightSetting", "--json"}).out, "{\"green\": true}\n");
-  EXPECT_THAT(ctl({"get", "hardware"}).out, HasSubstr("  gpio/config/led  "));
+  EXPECT_THAT(ctl({"get", "hardware"}).out, HasSubstr("\n   gpio/  59 below\n   led/   59 below\n"));
 }
 
 TEST_F(Commands, SetTakesJsonOrABareText) {

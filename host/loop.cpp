@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <csignal>
 
 #include "platform/zel/clock.h"
 
@@ -12,6 +13,7 @@ constexpr double kLongestSleep = 86400;  // seconds; the turn says anew how long
 }
 
 Loop::Loop() {
+  std::signal(SIGPIPE, SIG_IGN);
   uv_loop_init(&loop_);
   loop_.data = this;
   check_.reset(new uv_check_t);

@@ -21,6 +21,7 @@ struct CloseHandle {
 template <class T>
 using UvHandle = std::unique_ptr<T, CloseHandle>;
 
+// A process that has one ignores SIGPIPE: a client that went away is an error of the write, no more.
 class Loop {
  public:
   // Does what is to be done now, and returns the time of the next wake-up as ActivityManager::nextWakeUp

@@ -91,7 +91,6 @@ void traceInto(const std::string& file) {
 
 void prepare(CommandLine& line) {
   std::signal(SIGHUP, SIG_IGN);
-  std::signal(SIGPIPE, SIG_IGN);
   for (const std::string& agent : line.agents) line.host.agents.push_back(Host::AgentOption::parse(agent));
   for (const std::string& levels : line.traces) Zel::traceLevelsIs(levels);
   if (!line.traceFile.empty()) traceInto(line.traceFile);

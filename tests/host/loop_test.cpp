@@ -1,0 +1,31 @@
+// The loop: when the host is woken.
+#include "host/loop.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "platform/zel/clock.h"
+
+namespace {
+
+TEST(Loop, WakesAtTheTimeNotBeforeAndNotOverAndOver) {
+  Host::Loop loop;
+  const double due = Zel::System::currentTime() + 0.0123;
+  int turns = 0;
+  loop.turnIs([&] {
+    ++turns;
+    if (Zel::System::currentTime() >= due) loop.stop();
+    return due;
+  });
+  loop.run();
+  EXPECT_EQ(turns, 2);
+}
+
+TEST(Loop, WhatATurnThrowsLeavesTheLoop) {
+  Host::Loop loop;
+  loop.turnIs([]() -> double { throw std::logic_error("oops"); });
+  EXPECT_THROW(loop.run(), std::logic_error);
+}
+
+}  // namespace

@@ -1,0 +1,72 @@
+// Agents from libraries that are as they should be, and that are not.
+#include "host/plugin.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "folder.h"
+#include "host/starterror.h"
+
+namespace {
+
+using Host::AgentOption;
+using Host::Plugin;
+using Host::StartError;
+using ::testing::HasSubstr;
+
+TEST(AgentOption, FillsInWhatIsLeftOut) {
+  struct {
+    const char* text;
+    const char* library;
+    const char* nameSpace;
+    const char* name;
+  } const cases[] = {
+      {"libpinlamp.so", "libpinlamp.so", "Pinlamp", "pinlamp"},
+      {"/a/b/libx-1.so.0.2", "/a/b/libx-1.so.0.2", "Pinlamp", "x-1"},
+      {"./l.so:Foo", "./l.so", "Foo", "l"},
+      {"l.so:Foo::Bar:led 7", "l.so", "Foo::Bar", "led 7"},
+      {"l.so::led", "l.so::led", "Pinlamp", "l"},
+  };
+  for (const auto& [text, library, nameSpace, name] : cases) {
+    const AgentOption option = AgentOption::parse(text);
+    EXPECT_EQ(option.library, library) << text;
+    EXPECT_EQ(option.nameSpace, nameSpace) << text;
+    EXPECT_EQ(option.agentName, name) << text;
+  }
+  for (const char* text : {"", ":Foo", "l.so:Foo Bar", "l.so:9", "l.so:Foo::"})
+    EXPECT_THROW(AgentOption::parse(text), StartError) << text;
+}
+
+TEST(Plugin, WhatCantBeLoadedIsRefusedWithItsReason) {
+  const Folder folder;
+  contentIs(folder.at("text.so"), "no library");
+  const std::string agents = TEST_AGENTS;
+  const struct {
+    std::string option;
+    const char* reason;
+  } cases[] = {
+      {folder.at("absent.so"), "there is no such file"},
+      {"absent-from-everywhere.so", "and the system's path"},
+      {folder.at("text.so"), "does not load"},
+      {agents, "has no factory 'Pinlamp::agentFactory(Zel::Name)'"},
+      {agents + ":Null", "returned null"},
+      {agents + ":Throwing:lamp", "agent 'lamp': its factory throws: no lamp oil"},
+      {agents + ":Odd::Inner", "no std::exception"},
+  };
+  for (const auto& [option, reason] : cases) {
+    try {
+      const Plugin plugin(AgentOption::parse(option));
+      ADD_FAILURE() << option << " was loaded";
+    } catch (const StartError& error) {
+      EXPECT_THAT(error.what(), HasSubstr(reason));
+    }
+  }
+}
+
+TEST(Plugin, TheAgentHasItsNameAndGoesBeforeItsLibrary) {
+  Plugin plugin(AgentOption::parse(TEST_AGENTS ":Plain:front panel"));
+  EXPECT_EQ(plugin.agent()->name(), Zel::Name("front panel"));
+  EXPECT_EQ(plugin.agent()->fwkType().name(), Zel::Name("Plain::Agent"));
+}
+
+}  // namespace

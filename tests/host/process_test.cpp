@@ -1,0 +1,138 @@
+// The real pinlampd as a process.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <vector>
+
+#include "client.h"
+#include "folder.h"
+
+namespace {
+
+using ::testing::HasSubstr;
+
+// A process, killed at the end where it still runs. Its standard error stream goes into a file.
+class Process {
+ public:
+  Process(const Folder& folder, std::vector<std::string> arguments, const std::string& notify = {})
+      : errors_(folder.at("stderr")), process_(::fork()) {
+    if (process_ != 0) return;
+    if (!notify.empty()) ::setenv("NOTIFY_SOCKET", notify.c_str(), 1);
+    ::setenv("WATCHDOG_USEC", "20000", 1);
+    if (!std::freopen(errors_.c_str(), "w", stderr)) ::_exit(126);
+    std::vector<char*> pointers;
+    arguments.insert(arguments.begin(), PINLAMPD);
+    for (std::string& argument : arguments) pointers.push_back(argument.data());
+    pointers.push_back(nullptr);
+    ::execv(PINLAMPD, pointers.data());
+    ::_exit(127);
+  }
+  ~Process() {
+    if (process_ > 0) signal(SIGKILL), exitStatus();
+  }
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+
+  void signal(int number) const { ::kill(process_, number); }
+  // Waits for the end; -1 where it did not exit by itself.
+  int exitStatus() {
+    int status = 0;
+    ::waitpid(std::exchange(process_, -1), &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  std::string errors() const { return contentOf(errors_); }
+
+ private:
+  const std::string errors_;
+  pid_t process_;
+};
+
+// What a service manager is told.
+class NotifySocket {
+ public:
+  explicit NotifySocket(const std::string& path)
+      : descriptor_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    EXPECT_EQ(::bind(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  }
+  ~NotifySocket() { ::close(descriptor_); }
+  NotifySocket(const NotifySocket&) = delete;
+  NotifySocket& operator=(const NotifySocket&) = delete;
+
+  // Whether it is told `state` before it is told anything but `meanwhile`.
+  bool hears(const std::string& state, const std::string& meanwhile) {
+    for (;;) {
+      pollfd waiting{descriptor_, POLLIN, 0};
+      if (::poll(&waiting, 1, 10000) != 1) return false;
+      char bytes[128];
+      const std::string told(bytes, static_cast<std::size_t>(::recv(descriptor_, bytes, sizeof bytes, 0)));
+      if (told == state) return true;
+      if (told != meanwhile) return false;
+    }
+  }
+
+ private:
+  const int descriptor_;
+};
+
+TEST(Pinlampd, SaysWhenItIsReadyRefusesASecondOneAndStopsInOrder) {
+  const Folder folder;
+  NotifySocket notify(folder.at("notify"));
+  const std::string socket = folder.at("socket");
+  const std::string store = "sqlite:" + folder.at("db");
+  Process first(folder, {"--store", store, "--socket", socket, "--agent", TEST_AGENTS ":Plain"},
+                folder.at("notify"));
+  ASSERT_TRUE(notify.hears("READY=1", "WATCHDOG=1")) << first.errors();
+  EXPECT_TRUE(notify.hears("WATCHDOG=1", ""));
+  EXPECT_TRUE(Client(socket).connected());
+
+  const Folder others;
+  Process sameSocket(others, {"--socket", socket});
+  EXPECT_EQ(sameSocket.exitStatus(), 1);
+  EXPECT_THAT(sameSocket.errors(), HasSubstr("is listening on '" + socket + "'"));
+  Process sameStore(others, {"--socket", folder.at("socket2"), "--store", store});
+  EXPECT_EQ(sameStore.exitStatus(), 1);
+  EXPECT_THAT(sameStore.errors(), HasSubstr("is in use by another process"));
+
+  first.signal(SIGHUP);
+  EXPECT_TRUE(Client(socket).connected());
+  first.signal(SIGTERM);
+  EXPECT_TRUE(notify.hears("STOPPING=1", "WATCHDOG=1"));
+  EXPECT_EQ(first.exitStatus(), 0);
+  EXPECT_FALSE(std::filesystem::exists(socket));
+}
+
+TEST(Pinlampd, AHandlerThatThrowsEndsItWithTheNamesOfAgentAndReactor) {
+  const Folder folder;
+  Process process(folder, {"--socket", folder.at("socket"), "--agent", TEST_AGENTS ":Faulty:lamp"});
+  EXPECT_EQ(process.exitStatus(), 70);
+  EXPECT_THAT(process.errors(), HasSubstr("agent 'lamp', reactor Faulty::Alarm: the lamp fell over"));
+  EXPECT_FALSE(std::filesystem::exists(folder.at("socket")));
+}
+
+TEST(Pinlampd, AWrongCommandLineIsTwoAndARefusedStartIsOne) {
+  const Folder folder;
+  const std::string socket = folder.at("socket");
+  const std::pair<std::vector<std::string>, int> cases[] = {
+      {{"--nonsense"}, 2},
+      {{"--cell", "70000"}, 2},
+      {{"--trace", "Pinlamp"}, 2},
+      {{"--agent", "x.so:9"}, 2},
+      {{"--version"}, 0},
+      {{"--socket", socket, "--agent", TEST_AGENTS ":Null"}, 1},
+      {{"--socket", socket, "--store", "paper:"}, 1},
+      {{"--socket", socket, "--trace-file", folder.at("no/file")}, 1},
+  };
+  for (const auto& [arguments, status] : cases) {
+    Process process(folder, arguments);
+    EXPECT_EQ(process.exitStatus(), status) << arguments.back() << ": " << process.errors();
+  }
+}
+
+}  // namespace

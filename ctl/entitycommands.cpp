@@ -14,10 +14,13 @@ namespace {
 // something.
 std::string pathHint(Client& client, const std::string& path) {
   const std::string above = parentPath(path);
+  const std::size_t from = above.empty() ? 0 : above.size() + 1;
   std::set<std::string> known;
-  for (const Json& entity : client.read(above)) known.insert(entity.at("path").get<std::string>());
+  for (const Json& entity : client.read(above))
+    if (const std::string each = entity.at("path"); each.size() > from)
+      known.insert(each.substr(from, each.find('/', from) - from));
   if (known.empty() && !above.empty()) return pathHint(client, above);
-  return hint(path, known);
+  return hint(path.substr(from), known) + (above.empty() ? "" : ", under " + above);
 }
 
 // The entity at `path` and all under it. Throws Refusal where there is nothing.
@@ -97,10 +100,12 @@ Json valueOf(const std::string& text) {
 void set(Context& context, const std::string& path, const std::string& attribute, const std::string& value,
          const std::string& type) {
   Json change{{"op", "put"}, {"path", path}, {"attributes", {{attribute, valueOf(value)}}}};
-  if (type.empty())
+  if (type.empty()) {
+    readSome(context.client(), path);
     change["existing"] = true;
-  else
+  } else {
     change["type"] = type;
+  }
   context.client().write(Json::array({change}));
 }
 

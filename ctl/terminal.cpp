@@ -13,7 +13,8 @@ namespace {
 constexpr char kEnter[] = "\x1b[?1049h\x1b[?25l\x1b[?7l\x1b[2J";
 constexpr char kLeave[] = "\x1b[?7h\x1b[?25h\x1b[?1049l";
 constexpr char kHome[] = "\x1b[H";
-constexpr char kEraseToEndOfLine[] = "\x1b[K";
+constexpr char kEraseLine[] =
+    "\x1b[2K";  // before the text: after a full line it would take the last character
 constexpr char kEraseBelow[] = "\x1b[J";
 }  // namespace
 
@@ -50,7 +51,7 @@ void Terminal::draw(const std::vector<std::string>& lines) {
   std::string frame = kHome;
   for (const std::string& line : lines) {
     if (&line != &lines.front()) frame += "\r\n";
-    frame += line + kEraseToEndOfLine;
+    frame += kEraseLine + line;
   }
   write(frame + kEraseBelow);
 }

@@ -90,6 +90,8 @@ TEST_F(AgentTest, KeepsOneReactorForTheSameThreeDirectories) {
   const auto second = again(Zel::allocate<Zel::Dir>("elsewhere"));
   EXPECT_NE(second, first);
   EXPECT_NE(agent->configReactorIs(nullptr, second->hwLedConfigDir(), second->gpioPinConfigDir()), second);
+  const auto withLeds = agent->configReactor();
+  EXPECT_NE(agent->configReactorIs(nullptr, nullptr, second->gpioPinConfigDir()), withLeds);
   EXPECT_TRUE(first->hasNotificationActive() && second->hasNotificationActive());
   const auto third = agent->configReactor();
   agent = nullptr;

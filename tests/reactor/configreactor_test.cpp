@@ -117,6 +117,10 @@ TEST_F(Configuration, AReadyMappingGetsItsPinsAndWithItsLedAMachine) {
   EXPECT_EQ(takeRecords(), (Lines{kDecides + "A", kDeleted + "A"}));
   EXPECT_EQ(machine("A"), nullptr);
   EXPECT_EQ(red->value(), 1U);
+  mappings->gpioLeds("A")->readyIs(false);
+  leds->ledsIs("A");
+  step();
+  EXPECT_EQ(machine("A"), nullptr) << "the mapping is not ready any more";
 }
 
 TEST_F(Configuration, ARemovedMappingTakesItsPinsAndMachineWithIt) {
@@ -245,20 +249,23 @@ TEST_F(Configuration, TheOutputDirectoryIsReplacedByName) {
 
 TEST_F(Configuration, HearsNothingWhileItsNotificationsAreOff) {
   mappings->gpioLedsIs(mapping("A"));
+  mappings->gpioLedsIs(mapping("B", false));
   leds->ledsIs("A");
   start()->hasNotificationActiveIs(false);
-  mappings->gpioLedsIs(mapping("B"));
-  mappings->gpioLedsIs(std::vector{mapping("C")});
+  spy(Zel::dynamicPtrCast<Bench::CorvelPinConfig>(pins->entityRef("A.r")));
+  step();
+  leds->leds("A")->lightSettingIs(setting("red"));
+  mappings->gpioLeds("B")->readyIs(true);
+  mappings->gpioLedsIs(mapping("C"));
   leds->ledsDel("A");
-  const auto red = Zel::dynamicPtrCast<Bench::CorvelPinConfig>(pins->entityRef("A.r"));
-  leds->ledsIs("A")->lightSettingIs(setting("red"));
-  step();
-  EXPECT_EQ(red->value(), 0U);
-  EXPECT_EQ(reactor->gpioLedConfig().size(), 1U);
+  EXPECT_EQ(step(), Lines{});
+  EXPECT_EQ(takeWrites(), Lines{});
   reactor->hasNotificationActiveIs(true);
-  mappings->gpioLedsIs(mapping("B"));
-  step();
-  EXPECT_NE(reactor->gpioLedConfig().find("B"), nullptr);
+  mappings->gpioLedsIs(mapping("D"));
+  EXPECT_EQ(step()[0], "+D.y");
+  reactor->zelDoZombieReactors(true);
+  reactor->gpioLedConfigIs(mapping("E"));  // is retired at once
+  EXPECT_TRUE(pins->entries().empty());
 }
 
 TEST_F(Configuration, LeavesNothingBehind) {

@@ -14,7 +14,8 @@ using Mounts = std::vector<Statedb::EntityManager::MountInfo>;
 
 class BatchReader {
  public:
-  BatchReader(const Statedb::TypeAt& typeAt, const Mounts& mounts) : types_(typeAt), mounts_(mounts) {}
+  BatchReader(const Statedb::TypeAt& typeAt, const Mounts& mounts, bool lenient)
+      : types_(typeAt), mounts_(mounts), lenient_(lenient) {}
 
   void add(const RequestedChange& change) {
     if (underFailed(change.path)) return;
@@ -49,6 +50,7 @@ class BatchReader {
   }
 
   void del(const RequestedChange& change) {
+    if (lenient_ && types_.typeAt(change.path).empty()) return;
     appendChanges(change, {}, batch.changes);
     types_.del(change.path);
   }
@@ -72,6 +74,7 @@ class BatchReader {
 
   Statedb::TypesAfter types_;
   const Mounts& mounts_;
+  const bool lenient_;
   std::vector<std::string> failed_;
 };
 
@@ -85,8 +88,8 @@ RequestedChange readChange(const Json& change, std::size_t position) {
 
 }  // namespace
 
-Batch readBatch(const Json& changes, const Statedb::TypeAt& typeAt, const Mounts& mounts) {
-  BatchReader reader(typeAt, mounts);
+Batch readBatch(const Json& changes, const Statedb::TypeAt& typeAt, const Mounts& mounts, bool lenient) {
+  BatchReader reader(typeAt, mounts, lenient);
   for (std::size_t i = 0; i < changes.size(); ++i) reader.add(readChange(changes[i], i));
   std::ranges::move(Statedb::checkChanges(reader.batch.changes, typeAt),
                     std::back_inserter(reader.batch.errors));

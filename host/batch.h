@@ -21,8 +21,9 @@ struct Batch {
 // Types that were left out are filled in from what is there, from earlier steps, or from the collection that
 // the entity goes into. `typeAt` tells what the store holds. A mounted path gets a row of its own with the
 // first one under it, so that the store's rows say by themselves what stands there. Throws Zel::ValueError
-// where a change is not of the form of one.
+// where a change is not of the form of one. `lenient`: a del of what is not there is left out instead of
+// refused; who publishes derived rows again after a lost connection can't know.
 Batch readBatch(const Json& changes, const Statedb::TypeAt& typeAt,
-                const std::vector<Statedb::EntityManager::MountInfo>& mounts);
+                const std::vector<Statedb::EntityManager::MountInfo>& mounts, bool lenient = false);
 
 }  // namespace Host

@@ -7,13 +7,13 @@ namespace Host {
 
 bool Lines::take(std::string_view bytes, const std::function<bool(std::string_view)>& line) {
   for (std::size_t end; (end = bytes.find('\n')) != std::string_view::npos; bytes.remove_prefix(end + 1)) {
-    oversized_ = begun_.size() + end > kLimit;
+    oversized_ = begun_.size() + end > limit_;
     if (oversized_) return false;
     begun_.append(bytes.substr(0, end));
     if (!line(std::exchange(begun_, {}))) return false;
   }
   begun_.append(bytes);
-  oversized_ = begun_.size() > kLimit;
+  oversized_ = begun_.size() > limit_;
   return !oversized_;
 }
 
@@ -37,7 +37,8 @@ std::shared_ptr<Connection> Connection::accept(uv_stream_t* listener, Owner& own
   return std::make_shared<Connection>(std::move(pipe), owner);
 }
 
-Connection::Connection(UvHandle<uv_pipe_t> pipe, Owner& owner) : pipe_(std::move(pipe)), owner_(owner) {
+Connection::Connection(UvHandle<uv_pipe_t> pipe, Owner& owner, std::size_t lineLimit)
+    : pipe_(std::move(pipe)), owner_(owner), lines_(lineLimit) {
   pipe_->data = this;
   const auto allocate = [](uv_handle_t*, std::size_t, uv_buf_t* buffer) {
     static std::array<char, 1 << 16> bytes;

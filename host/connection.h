@@ -15,6 +15,8 @@ class Lines {
  public:
   static constexpr std::size_t kLimit = 1 << 20;  // bytes of one line, without its end
 
+  explicit Lines(std::size_t limit = kLimit) : limit_(limit) {}
+
   // Calls `line` for each line that is complete. Returns false, and takes nothing more, where a line is
   // longer than the limit or `line` returned false.
   bool take(std::string_view bytes, const std::function<bool(std::string_view)>& line);
@@ -22,6 +24,7 @@ class Lines {
   bool oversized() const { return oversized_; }
 
  private:
+  const std::size_t limit_;
   std::string begun_;
   bool oversized_ = false;
 };
@@ -45,7 +48,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   // Accepts the next client of `listener`; nothing where it went away again. `owner` must outlive it.
   static std::shared_ptr<Connection> accept(uv_stream_t* listener, Owner& owner);
-  Connection(UvHandle<uv_pipe_t> pipe, Owner& owner);
+  // Over a pipe that is connected. Who trusts the other side may take longer lines of it.
+  Connection(UvHandle<uv_pipe_t> pipe, Owner& owner, std::size_t lineLimit = Lines::kLimit);
   ~Connection();
 
   bool closed() const { return !pipe_; }

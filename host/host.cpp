@@ -9,10 +9,12 @@
 namespace Host {
 
 Host::Host(const Options& options)
-    : store_(makeStore(options.store)),
+    : store_(makeStore(options.store, loop_, [this](const std::string& text) { report(text); })),
       listener_(std::make_unique<Listener>(loop_, options.socket)),
       manager_(Zel::allocate<Statedb::EntityManager>(*store_)),
-      served_{.store = *store_, .manager = *manager_} {
+      served_{.store = *store_,
+              .manager = *manager_,
+              .objects = {[this] { return roots(); }, [this] { return manager_->root(); }}} {
   manager_->reportIs([this](const std::string& text) { report(text); });
   loadAgents(options.agents);
   control_ = std::make_unique<Control>(loop_, *listener_, served_);
@@ -35,6 +37,12 @@ void Host::loadAgents(const std::vector<AgentOption>& options) {
     served_.agents.push_back({option.agentName, plugins_.back()->library()});
   }
   for (const auto& plugin : plugins_) plugin->start(manager_);
+}
+
+std::vector<Objects::Root> Host::roots() const {
+  std::vector<Objects::Root> roots;
+  for (const auto& plugin : plugins_) roots.push_back({plugin->name().stdString(), plugin->agent()});
+  return roots;
 }
 
 void Host::report(const std::string& text) {

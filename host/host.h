@@ -37,6 +37,7 @@ class Host {
 
  private:
   void loadAgents(const std::vector<AgentOption>& options);
+  std::vector<Objects::Root> roots() const;
   void report(const std::string& text);
   double turn();
   void sayWhenReady();

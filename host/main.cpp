@@ -42,7 +42,8 @@ auto checkedBy(Read read) {
 }
 
 void describe(CLI::App& app, CommandLine& line) {
-  app.add_option("--store", line.host.store, "where the state is kept: memory: or sqlite:FILE")
+  app.add_option("--store", line.host.store,
+                 "where the state is kept: memory:, sqlite:FILE, or unix:SOCKET of another pinlampd")
       ->type_name("URL")
       ->capture_default_str();
   app.add_option("--agent", line.agents, "an agent to load; may be given several times (namespace: Pinlamp)")

@@ -42,6 +42,7 @@ std::span<const Methods::Method> Methods::table() {
       {"types", Does::nothing, {}, &Methods::types},
       {"trace", Does::nothing, {"levels"}, &Methods::trace},
       {"status", Does::sees, {}, &Methods::status},
+      {"object", Does::sees, {"operation", "path", "arguments", "depth"}, &Methods::object},
   };
   return methods;
 }
@@ -80,18 +81,18 @@ Json Methods::read(const Json& parameters, Watches&) const {
 std::string Methods::typeAt(const std::string& path) const {
   if (const auto* memory = dynamic_cast<const Statedb::MemoryStore*>(&served_.store))
     return memory->typeAt(path);
-  const auto rows = served_.store.read(path);
-  return rows.empty() || rows.front().path != path ? std::string() : rows.front().type;
+  return {};  // the rows are kept elsewhere, and so are the checks
 }
 
 Json Methods::write(const Json& parameters, Watches& watches) const {
   const Json& changes = listField(parameters, "changes");
   const auto durability = durabilityField(parameters);
+  const bool derived = durability == Statedb::Durability::derived;
   const Batch batch = readBatch(
-      changes, [this](const std::string& path) { return typeAt(path); }, served_.manager.mounts());
+      changes, [this](const std::string& path) { return typeAt(path); }, served_.manager.mounts(), derived);
   if (!batch.errors.empty()) throw refusedFor(batch.errors);
   // What is mounted is no derived value, whoever was the first to write under it.
-  if (durability == Statedb::Durability::derived && !batch.mounts.empty())
+  if (derived && !batch.mounts.empty())
     served_.store.write(batch.mounts, Statedb::Durability::stored, watches.origin());
   served_.store.write(batch.changes, durability, watches.origin());
   return {{"written", changes.size()}};
@@ -99,8 +100,9 @@ Json Methods::write(const Json& parameters, Watches& watches) const {
 
 Json Methods::watch(const Json& parameters, Watches& watches) const {
   const std::string path = pathField(parameters);
-  const auto id = watches.add(path, flagField(parameters, "own", true));
-  return {{"watch", id}, {"entities", entitiesJson(served_.store.read(path))}};
+  Json entities = entitiesJson(served_.store.read(path));
+  return {{"watch", watches.add(path, flagField(parameters, "own", true))},
+          {"entities", std::move(entities)}};
 }
 
 Json Methods::unwatch(const Json& parameters, Watches& watches) const {
@@ -167,9 +169,7 @@ Json allocationsJson() {
 
 std::size_t entitiesOf(const Statedb::Store& store) {
   if (const auto* memory = dynamic_cast<const Statedb::MemoryStore*>(&store)) return memory->entities();
-  const auto rows = store.read("");
-  return static_cast<std::size_t>(
-      std::ranges::count_if(rows, [](const Statedb::Row& row) { return row.attribute.empty(); }));
+  return 0;  // they are kept elsewhere
 }
 
 // What the counters of a type stand for, under which name of the status.
@@ -236,6 +236,59 @@ Json Methods::status(const Json&, Watches&) const {
   status.update(activityJson());
   status.update(servedJson(served_));
   return status;
+}
+
+namespace {
+
+Zel::Value::List argumentsField(const Json& parameters) {
+  Zel::Value::List arguments;
+  if (parameters.contains("arguments"))
+    for (const Json& argument : listField(parameters, "arguments")) arguments.push_back(toValue(argument));
+  return arguments;
+}
+
+std::size_t depthField(const Json& parameters) {
+  constexpr std::size_t kDepth = 16;
+  if (!parameters.contains("depth")) return kDepth;
+  if (!parameters["depth"].is_number_unsigned()) throw Zel::ValueError("'depth': wanted a whole number");
+  return std::min(parameters["depth"].get<std::size_t>(), kDepth);
+}
+
+// What the generic interface does for each operation's name.
+struct ObjectOperation {
+  const char* name;
+  Zel::Value (*run)(const Objects& objects, const std::string& path, const Zel::Value::List& arguments,
+                    std::size_t depth);
+};
+constexpr ObjectOperation kObjectOperations[] = {
+    {"tree", [](auto& objects, auto& path, auto&, auto depth) { return objects.tree(path, depth); }},
+    {"list", [](auto& objects, auto& path, auto&, auto) { return objects.list(path); }},
+    {"get", [](auto& objects, auto& path, auto&, auto) { return objects.get(path); }},
+    {"set", [](auto& objects, auto& path, auto& arguments, auto) { return objects.set(path, arguments); }},
+    {"delete", [](auto& objects, auto& path, auto&, auto) { return objects.del(path); }},
+    {"iterate", [](auto& objects, auto& path, auto&, auto) { return objects.iterate(path); }},
+    {"invoke",
+     [](auto& objects, auto& path, auto& arguments, auto) { return objects.call(path, arguments); }},
+};
+
+}  // namespace
+
+Json Methods::object(const Json& parameters, Watches&) const {
+  const std::string name = textField(parameters, "operation");
+  const auto operation = std::ranges::find(kObjectOperations, name, &ObjectOperation::name);
+  if (operation == std::end(kObjectOperations))
+    throw Zel::ValueError("'operation': found \"" + name +
+                          "\", wanted tree, list, get, set, delete, iterate or invoke");
+  const std::string path = textField(parameters, "path");
+  const auto arguments = argumentsField(parameters);
+  const std::size_t depth = depthField(parameters);
+  try {
+    return {{"value", toJson(Objects::describe(operation->run(served_.objects, path, arguments, depth)))}};
+  } catch (const Zel::ValueError& error) {
+    throw refusedFor({path + ": " + error.what()});
+  } catch (const Zel::Exception& error) {
+    throw refusedFor({path + ": " + error.what()});
+  }
 }
 
 }  // namespace Host

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "host/json.h"
+#include "host/object.h"
 #include "host/watches.h"
 #include "platform/statedb/entitymanager.h"
 #include "platform/statedb/store.h"
@@ -24,6 +25,7 @@ struct Served {
 
   Statedb::Store& store;
   Statedb::EntityManager& manager;
+  Objects objects{};
   std::vector<Agent> agents{};
   std::string lastRefusal{};
   std::size_t clients = 0;
@@ -64,6 +66,7 @@ class Methods {
   Json types(const Json& parameters, Watches& watches) const;
   Json trace(const Json& parameters, Watches& watches) const;
   Json status(const Json& parameters, Watches& watches) const;
+  Json object(const Json& parameters, Watches& watches) const;
 
   std::string typeAt(const std::string& path) const;
 

@@ -27,11 +27,20 @@ std::vector<std::string> componentsOf(const std::string& path) {
   return components;
 }
 
-// Calls `function` for every published row of a type, its bases' first.
+// Calls `function` for every published row of a type, its bases' first, less those of a base that the type
+// replaces.
 template <class Function>
 void forEachRow(const Zel::TypeNode& type, Function&& function) {
   for (Zel::AttributeIndex index = 0; index < type.endIndex(); ++index)
-    if (const auto& row = type.attribute(index); row.kind != Kind::reserved) function(row);
+    if (const auto& row = type.attribute(index);
+        row.kind != Kind::reserved && type.indexOf(row.name) == index)
+      function(row);
+}
+
+// Whether a reference of an object leads to the entity that it stands under.
+bool leadsUp(const Zel::Notifier& object, const Zel::Notifier* target) {
+  const auto* entity = dynamic_cast<const Zel::Entity*>(&object);
+  return entity && entity->parent() && entity->parent() == target;
 }
 
 const AttributeInfo* directRow(const Zel::TypeNode& type) {
@@ -98,6 +107,11 @@ Value nextComponents(const ObjectRef& at) {
   return list;
 }
 
+ValueError noMember(const ObjectRef& at) {
+  return ValueError("'" + at.key->stdString() + "' is no member of '" + at.attribute->name + "'; there is " +
+                    textsOf(nextComponents({at.object, at.isConst, at.attribute, {}})));
+}
+
 // One component further. Throws ValueError where it leads nowhere.
 ObjectRef step(const ObjectRef& at, const std::string& component) {
   if (at.attribute && at.attribute->kind == Kind::collection && !at.key) {
@@ -113,6 +127,7 @@ ObjectRef step(const ObjectRef& at, const std::string& component) {
     }
     if (const AttributeInfo* row = type.find(component)) return {at.object, at.isConst, row, {}};
   }
+  if (at.key) throw noMember(at);
   throw ValueError("'" + component + "' leads nowhere; there is " + textsOf(nextComponents(at)));
 }
 
@@ -160,9 +175,7 @@ Value Objects::perform(const std::string& path, Operation operation, const Value
 Value Objects::get(const std::string& path) const {
   const ObjectRef at = resolve(path);
   if (!at.attribute) return Value::Object{at.object, at.isConst};
-  if (at.key)
-    throw ValueError("'" + at.key->stdString() + "' is no member of '" + at.attribute->name + "'; there is " +
-                     textsOf(nextComponents({at.object, at.isConst, at.attribute, {}})));
+  if (at.key) throw noMember(at);
   return perform(path, Operation::get, {});
 }
 
@@ -224,7 +237,7 @@ bool walk(const ObjectRef& at, std::set<const void*>& seen, Visit&& visit) {
   if (!visit(at)) return false;
   bool goOn = true;
   forEachRow(at.object->fwkType(), [&](const AttributeInfo& row) {
-    if (!goOn || std::string_view(row.name) == "parent") return;
+    if (!goOn) return;
     if (row.kind == Kind::pointer) goOn = walk(objectOf(row.get(*at.object, {})), seen, visit);
     if (row.kind != Kind::collection) return;
     for (const Zel::Name key : row.keys(*at.object)) goOn = goOn && walk(memberOf(at, row, key), seen, visit);
@@ -254,7 +267,8 @@ Value Objects::list(const std::string& path) const {
                                  {"kind", "agent"},
                                  {"type", root.object->fwkType().name().view()},
                                  {"operations", Value::List{}}});
-  for (const Value& entry : *nextComponents({entityRoot_(), false, nullptr, {}}).as<Value::List>())
+  const Value entries = nextComponents({entityRoot_(), false, nullptr, {}});
+  for (const Value& entry : *entries.as<Value::List>())
     if (*entry.field("kind") == Value("member")) list.push_back(entry);
   return list;
 }
@@ -272,8 +286,11 @@ Value treeOf(const ObjectRef& at, const std::string& path, std::size_t depth, st
     if (member.object) members.push_back(treeOf(member, path + '/' + component, depth - 1, seen));
   };
   forEachRow(at.object->fwkType(), [&](const AttributeInfo& row) {
-    if (depth == 0 || std::string_view(row.name) == "parent") return;
-    if (row.kind == Kind::pointer) add(objectOf(row.get(*at.object, {})), row.name);
+    if (depth == 0) return;
+    if (row.kind == Kind::pointer) {
+      const ObjectRef target = objectOf(row.get(*at.object, {}));
+      if (!leadsUp(*at.object, target.object.get())) add(target, row.name);
+    }
     if (row.kind != Kind::collection) return;
     for (const Zel::Name key : row.keys(*at.object))
       add(memberOf(at, row, key),

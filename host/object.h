@@ -36,6 +36,9 @@ class Objects {
   using Roots = std::function<std::vector<Root>()>;
   using EntityRoot = std::function<Zel::Ptr<Zel::Dir>()>;
 
+  // None at all.
+  Objects()
+      : Objects([] { return std::vector<Root>(); }, [] { return Zel::allocate<Zel::Dir>(Zel::Name()); }) {}
   Objects(Roots roots, EntityRoot entityRoot)
       : roots_(std::move(roots)), entityRoot_(std::move(entityRoot)) {}
 
@@ -49,6 +52,8 @@ class Objects {
   // as `call` says. Returns the member where one was made.
   Zel::Value set(const std::string& path, const Zel::Value::List& arguments) const;
   Zel::Value del(const std::string& path) const;
+  // The keys of a collection or of a set of names.
+  Zel::Value iterate(const std::string& path) const { return perform(path, Zel::Operation::iterate, {}); }
   // `path` names a procedure. A text given for an object is a path, or the name of an object of that type
   // which can be reached from where the path started.
   Zel::Value call(const std::string& path, const Zel::Value::List& arguments) const;
@@ -68,8 +73,8 @@ class Objects {
   Zel::Ptr<const Zel::PtrInterface> named(const std::string& path, const Zel::TypeNode& type,
                                           const std::string& name) const;
 
-  const Roots roots_;
-  const EntityRoot entityRoot_;
+  Roots roots_;
+  EntityRoot entityRoot_;
 };
 
 }  // namespace Host

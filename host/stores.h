@@ -1,14 +1,18 @@
 // Stores by their URL.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 
+#include "host/loop.h"
 #include "platform/statedb/store.h"
 
 namespace Host {
 
-// `memory:` or `sqlite:FILE`. Throws StoreError where the URL is neither, or the store can't be opened.
-std::unique_ptr<Statedb::Store> makeStore(const std::string& url);
+// `memory:`, `sqlite:FILE` or `unix:SOCKET`. Throws StoreError where the URL is none of them, or the store
+// can't be opened. The last works from the loop, which must outlive it, and reports losses and returns.
+std::unique_ptr<Statedb::Store> makeStore(const std::string& url, Loop& loop,
+                                          std::function<void(const std::string& text)> report);
 
 }  // namespace Host

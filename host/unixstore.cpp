@@ -14,6 +14,7 @@ using Statedb::Feed;
 namespace {
 constexpr std::uint64_t kFirstRetry = 50;  // milliseconds
 constexpr std::uint64_t kLastRetry = 2000;
+constexpr std::size_t kLongestLine = std::size_t{1} << 30;  // a snapshot of everything is one line
 constexpr std::size_t kChangesPerRequest = 1000;  // well below the longest message that a host takes
 }  // namespace
 
@@ -62,7 +63,7 @@ void UnixStore::onConnected(UvHandle<uv_pipe_t> pipe, int status) {
       report_("state database " + url() + ": " + uv_strerror(status) + "; trying until a host listens there");
     return retryLater();
   }
-  connection_ = std::make_shared<Connection>(std::move(pipe), *this);
+  connection_ = std::make_shared<Connection>(std::move(pipe), *this, kLongestLine);
   retryAfter_ = kFirstRetry;
   if (std::exchange(lost_, false)) report_("state database " + url() + ": reached");
   for (const auto& subscription : subscriptions_) watch(*subscription);
@@ -144,6 +145,10 @@ void UnixStore::write(const Changes& changes, Statedb::Durability durability, Fe
     throw Statedb::StoreError("the state database is kept by the host at '" + socket_ + "'; write there");
   own_.write(changes);
   toTell_.emplace_back(changes, origin);
+}
+
+std::vector<Statedb::Row> UnixStore::read(const std::string&) const {
+  throw Statedb::StoreError("the state database is kept by the host at '" + socket_ + "'; read it there");
 }
 
 void UnixStore::flush() {

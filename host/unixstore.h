@@ -33,8 +33,8 @@ class UnixStore : public Statedb::Store, public Connection::Owner {
   // durability is the other side's to grant, so `stored` is refused.
   void write(const Statedb::Changes& changes, Statedb::Durability durability, Statedb::Feed* origin) override;
   void flush() override;
-  // Keeps no rows on this side.
-  std::vector<Statedb::Row> read(const std::string&) const override { return {}; }
+  // Keeps no rows on this side: throws StoreError.
+  std::vector<Statedb::Row> read(const std::string& path) const override;
 
   bool connected() const { return connection_ != nullptr; }
 

@@ -400,6 +400,8 @@ Zel::Ptr<Zel::Entity> EntityManager::entityAt(const std::string& path) const {
   return state_->entityAt(path);
 }
 
+const Zel::Ptr<Zel::Dir>& EntityManager::root() const { return state_->root; }
+
 std::vector<EntityManager::MountInfo> EntityManager::mounts() const { return state_->mounts; }
 
 void EntityManager::reportIs(std::function<void(const std::string&)> report) {

@@ -35,6 +35,8 @@ class ZEL_API EntityManager : public Zel::Reactor<EntityManager, Zel::PtrInterfa
   // The entity mounted at that path; null where nothing is mounted at exactly that path.
   Zel::Ptr<Zel::Entity> getEntity(Zel::String path) const;
 
+  // The directory at the root of all paths.
+  const Zel::Ptr<Zel::Dir>& root() const;
   // For tools: the entity at a path; null where there is none or the path is not one.
   Zel::Ptr<Zel::Entity> entityAt(const std::string& path) const;
 

@@ -63,7 +63,7 @@ class ZEL_API Store {
   // cannot be made durable: then everything since the last flush is undone, and no feed hears of it.
   virtual void flush() = 0;
 
-  // Everything under a path, sorted as a snapshot. Stores that keep no rows on this side return nothing.
+  // Everything under a path, sorted as a snapshot. Stores that keep no rows on this side throw StoreError.
   virtual std::vector<Row> read(const std::string& path) const = 0;
 
  protected:

@@ -149,7 +149,8 @@ TEST(SqliteStore, AFileThatIsNotItsOwnIsRefusedAndLeftAsItWas) {
 
 TEST(SqliteStore, HasOneOwnerAtATime) {
   const Folder folder;
-  const auto first = Host::makeStore("sqlite:" + folder.at("db"));
+  Host::Loop loop;
+  const auto first = Host::makeStore("sqlite:" + folder.at("db"), loop, {});
   first->write({Change::put("a", "T", "", {})}, Durability::stored);
   try {
     const SqliteStore second(folder.at("db"));
@@ -161,9 +162,10 @@ TEST(SqliteStore, HasOneOwnerAtATime) {
 }
 
 TEST(Stores, AUrlThatIsNoneSaysWhatWouldBe) {
+  Host::Loop loop;
   for (const char* url :
        {"", "sqlite", "file:x", "sqlite:", "memory:x", "sqlite:/no/such/folder/db", "sqlite:/tmp"})
-    EXPECT_THROW(Host::makeStore(url), StoreError) << url;
+    EXPECT_THROW(Host::makeStore(url, loop, {}), StoreError) << url;
 }
 
 }  // namespace

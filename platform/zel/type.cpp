@@ -115,7 +115,4 @@ TypeRegistration::~TypeRegistration() {
   for (auto type = types_.rbegin(); type != types_.rend(); ++type) typeNodeDel(**type);
 }
 
-void* fwkAllocate(std::size_t size) { return ::operator new(size); }
-void fwkDeallocate(void* memory, std::size_t size) noexcept { ::operator delete(memory, size); }
-
 }  // namespace Zel

@@ -107,7 +107,7 @@ class ZEL_API TypeRegistration {
   std::vector<const TypeNode*> types_;
 };
 
-// The framework's allocator.
+// The framework's allocator; memory is aligned to 8 bytes. Any thread.
 ZEL_API void* fwkAllocate(std::size_t size);
 ZEL_API void fwkDeallocate(void* memory, std::size_t size) noexcept;
 
@@ -115,6 +115,7 @@ ZEL_API void fwkDeallocate(void* memory, std::size_t size) noexcept;
 // construction throws, the memory is given back, the deallocation recorded, and the exception goes on.
 template <class T, class... Args>
 Ptr<T> allocate(Args&&... args) {
+  static_assert(alignof(T) <= 8);
   const TypeNode& type = T::typeNode();
   AllocTrackTypeInfo::trackAllocation(type, sizeof(T));
   void* memory = nullptr;

@@ -141,6 +141,21 @@ void GpioLedStateMachine::startFlashing(double interval) {
   if (clock_->timeMin() > std::numeric_limits<double>::max()) wakeUpIs(Zel::System::currentTime() + interval);
 }
 
+void GpioLedStateMachine::foresee(unsigned step) const {
+  if (step == 2) {
+    Zel::prefetch(corvelGpioLedConfig_.get());
+    Zel::prefetch(hwLedConfig_.get());
+    return;
+  }
+  if (step == 3) Zel::prefetch(watched(hwLedConfig_));
+  if (!corvelGpioLedConfig_) return;
+  for (const Colour& colour : kColours)
+    if (const auto* pin = (*corvelGpioLedConfig_.*colour.pins)().only()) {
+      if (step == 3) Zel::prefetch(pin);
+      if (step == 4) pin->foreseeNotifiees();
+    }
+}
+
 void GpioLedStateMachine::handleClockTimeout() {
   if (!initialized_) return;
   trace(8, __LINE__, "handleClockTimeout", "handleClockTimeout", " for ", name());

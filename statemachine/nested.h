@@ -3,6 +3,7 @@
 
 #include <utility>
 
+#include "platform/zel/notifier.h"
 #include "platform/zel/ptr.h"
 #include "platform/zel/type.h"
 
@@ -23,6 +24,14 @@ class Nested : public Zel::Reactor<Self, Base> {
   template <class Notifier>
   Nested(const Zel::Ptr<const Notifier>& notifier, Owner& owner)
       : Zel::Reactor<Self, Base>(notifier), owner_(&owner) {}
+
+  // The first step fetches the owner, the others are the owner's.
+  void foresee(unsigned step) const override {
+    if (step == 1)
+      Zel::prefetch(owner_);
+    else if constexpr (requires { owner_->foresee(step); })
+      if (owner_) owner_->foresee(step);
+  }
 
   // Calls the owner, which is kept alive meanwhile, unless the reactor was retired.
   template <class Handler, class... Args>

@@ -61,8 +61,9 @@ void ActivityManager::runPosted() {
 
 void ActivityManager::deliverRound() {
   round_.takeAllOf(pending_);
-  while (round_.linked()) {
-    auto& notifiee = static_cast<NotifieeBase&>(static_cast<PendingHook&>(*round_.next()));
+  for (unsigned foreseen = 0; round_.linked(); --foreseen) {
+    if (foreseen == 0) foreseen = NotifieeBase::foreseeSome<NotifieeBase::ofPending>(round_);
+    auto& notifiee = NotifieeBase::ofPending(*round_.next());
     static_cast<PendingHook&>(notifiee).leave();
     if (!notifiee.mayHear()) {
       notifiee.dropMarks();

@@ -134,7 +134,10 @@ void Clock::collect(double now) const {
 void Clock::advance(double now) const {
   collect(now);
   // Only what is due now: a handler's new time is collected by the next call.
-  while (due_.linked()) wake(NotifieeConst::of(*due_.next()), now);
+  for (unsigned foreseen = 0; due_.linked(); --foreseen) {
+    if (foreseen == 0) foreseen = NotifieeConst::foreseeSome<NotifieeConst::ofRegistration>(due_);
+    wake(NotifieeConst::of(*due_.next()), now);
+  }
 }
 
 void Clock::wake(NotifieeConst& notifiee, double now) const {

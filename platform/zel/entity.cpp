@@ -36,7 +36,7 @@ std::string Entity::memberPrefix(const Entity& member) const {
 }
 
 std::string Entity::path() const {
-  std::string own = escapeComponent(name_.view());
+  std::string own = escapeComponent(name().view());
   if (!parent_) return own;
   const std::string above = parent_->path();
   const std::string collection = parent_->memberPrefix(*this);

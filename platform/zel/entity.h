@@ -18,7 +18,7 @@ class ZEL_API Entity : public Described<Entity, Notifier> {
   }
   static const TypeNode& typeNode();
 
-  Name name() const { return name_; }
+  Name name() const { return label(); }
 
   // The entity above; null where there is none. An entity that lives in a collection does not count a
   // reference to its parent.
@@ -33,7 +33,7 @@ class ZEL_API Entity : public Described<Entity, Notifier> {
   std::string path() const;
 
  protected:
-  explicit Entity(Name name) : name_(name) {}
+  explicit Entity(Name name) : Described(name) {}
   ~Entity() override;
 
   // The component before a member's name in its path: the name of the collection of this entity that holds
@@ -47,7 +47,6 @@ class ZEL_API Entity : public Described<Entity, Notifier> {
   // For the object whose collection the entity lives in. The object detaches it before it goes away itself.
   void ownerIs(Entity* owner);
 
-  const Name name_;
   Entity* parent_ = nullptr;
 };
 

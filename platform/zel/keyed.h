@@ -48,6 +48,8 @@ class ZEL_API KeyTable {
     if (only_.live) return only_.key == key ? &only_ : nullptr;
     return only_.word == 0 ? nullptr : findInBlock(key);
   }
+  // The member of a table of one; null for any other.
+  const Entry* only() const { return only_.live ? &only_ : nullptr; }
   // Adds a member. REQUIRES: the key is not there.
   void insert(Name key, std::uintptr_t word);
   // Takes a member out. Returns whether there was one, and its word in `word`.
@@ -225,6 +227,11 @@ class PtrMap {
   // The same without counting a reference.
   T* get(Name key) const {
     const auto* entry = table_.find(key);
+    return entry ? object(entry->word) : nullptr;
+  }
+  // The member of a collection that has one; null for any other.
+  T* only() const {
+    const auto* entry = table_.only();
     return entry ? object(entry->word) : nullptr;
   }
   // REQUIRES: the key is not there and the member is not null.

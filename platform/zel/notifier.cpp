@@ -84,11 +84,6 @@ void NotifieeBase::zelDoZombieReactors(bool zombie) {
   if (zombie) dropMarks();
 }
 
-bool NotifieeBase::mayHear() const {
-  return hasNotificationActive() && !zelIsZombie() && flag(kRegistered) && notifier_ &&
-         !notifier_->zelIsGone();
-}
-
 void NotifieeBase::becomePending() { activityManager().enqueue(*this); }
 
 void NotifieeBase::markKey(AttributeIndex index, Name key) {
@@ -98,9 +93,9 @@ void NotifieeBase::markKey(AttributeIndex index, Name key) {
   if (!PendingHook::linked()) becomePending();
 }
 
-std::vector<NotifieeBase::KeyMark> NotifieeBase::takeKeyMarks() {
+std::vector<NotifieeBase::KeyMark> NotifieeBase::takeTheKeyMarks() {
   const auto taken = std::move(keys_);
-  return taken ? std::move(taken->order) : std::vector<KeyMark>{};
+  return std::move(taken->order);
 }
 
 void NotifieeBase::dropMarks() {

@@ -257,9 +257,10 @@ TEST_F(Configuration, HearsNothingWhileItsNotificationsAreOff) {
   leds->leds("A")->lightSettingIs(setting("red"));
   mappings->gpioLeds("B")->readyIs(true);
   mappings->gpioLedsIs(mapping("C"));
-  leds->ledsDel("A");
   EXPECT_EQ(step(), Lines{});
   EXPECT_EQ(takeWrites(), Lines{});
+  leds->ledsDel("A");
+  EXPECT_EQ(step(), Lines{});
   reactor->hasNotificationActiveIs(true);
   mappings->gpioLedsIs(mapping("D"));
   EXPECT_EQ(step()[0], "+D.y");

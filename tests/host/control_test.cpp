@@ -7,28 +7,28 @@
 
 #include "client.h"
 #include "folder.h"
+#include "host/plugin.h"
 #include "host/starterror.h"
-#include "platform/warden/cagent.h"
 #include "platform/zel/activity.h"
 
 namespace {
 
 using Host::Json;
-using Statedb::Durability;
+
 using Statedb::StoreError;
-using ::testing::ElementsAre;
+
 using ::testing::HasSubstr;
 
 constexpr const char* kLeds = "hardware/led/config";
-constexpr const char* kLed = "hardware/led/config/leds/Ethernet3%2F1";
+const Json kRed = {{"red", true}};
 
-// Counts its commits, and fails them while it is told to.
-class TestStore : public Statedb::MemoryStore {
- public:
+// Counts its commits and what is stored, and fails commits while it is told to.
+struct TestStore : Statedb::MemoryStore {
   int commits = 0;
+  std::size_t stored = 0;
   bool fails = false;
 
- protected:
+  void persist(const Statedb::Changes& changes) override { stored += changes.size(); }
   void commit() override {
     ++commits;
     if (fails) throw StoreError("the disk is full");
@@ -68,11 +68,12 @@ class ControlTest : public ::testing::Test {
     send(client, request(method, parameters));
     return next(client);
   }
-  static Json putLed(const Json& setting, const char* path = kLed) {
-    return {{"op", "put"},
-            {"path", path},
-            {"type", "Hardware::Led::LedConfig"},
-            {"attributes", {{"lightSetting", setting}}}};
+  static Json putLed(const char* name, const Json& setting) {
+    return {{"op", "put"}, {"path", led(name)}, {"attributes", {{"lightSetting", setting}}}};
+  }
+  static std::string led(const char* name) { return std::string(kLeds) + "/leds/" + name; }
+  Json write(Client& client, const std::vector<Json>& changes) {
+    return call(client, "write", {{"changes", changes}});
   }
   static Json putDir() {
     return {{"op", "put"}, {"path", kLeds}, {"type", "Hardware::Led::LedSystemConfigDir"}};
@@ -100,38 +101,29 @@ TEST_F(ControlTest, RequestsArriveHoweverTheyAreDivided) {
 }
 
 TEST_F(ControlTest, WhatIsNoRequestIsAnsweredAndTheConnectionGoesOn) {
-  const struct {
-    std::string line;
-    int code;
-    const char* text;
-  } cases[] = {
-      {"{\"jsonrpc\":", -32700, "not JSON at byte"},
-      {"", -32700, "not JSON"},
-      {"\xff\xfe", -32700, "not JSON"},
-      {std::string(100000, '['), -32700, "nested deeper than 64"},
-      {"[]", -32600, "found a list, wanted one request a line"},
-      {R"({"id": 1, "method": "hello"})", -32600, "'jsonrpc' must be \"2.0\""},
-      {R"({"jsonrpc": "2.0", "id": {}, "method": "hello"})", -32600, "'id': found fields"},
-      {R"({"jsonrpc": "2.0", "id": 1, "method": 7})", -32600, "'method' must be a text"},
-      {R"({"jsonrpc": "2.0", "id": 1, "method": "helo"})", -32601, "there are hello, read, write"},
-      {R"({"jsonrpc": "2.0", "id": 1, "method": "read", "params": []})", -32602,
-       "found a list, wanted fields"},
-      {R"({"jsonrpc": "2.0", "id": 1, "method": "read", "params": {"path": 1}})", -32602,
-       "'path': found a number"},
-      {R"({"jsonrpc": "2.0", "id": 1, "method": "read", "params": {"path": "a//b"}})", -32602,
-       "empty component"},
-      {R"({"jsonrpc": "2.0", "id": 1, "method": "read", "params": {"pat": "a"}})", -32602,
-       "'pat' is unknown; known: path"},
-      {R"({"jsonrpc": "2.0", "id": 1, "method": "write"})", -32602, "'changes' is missing"},
-      {R"({"jsonrpc": "2.0", "id": 1, "method": "write", "params": {"changes": [{"op": "del", "path": "a"}, {"op": "pu", "path": "a"}]}})",
-       -32602, "'changes'[1]: 'op': found \"pu\""},
-      {R"({"jsonrpc": "2.0", "id": 1, "method": "unwatch", "params": {"watch": 3}})", -32602, "no watch 3"},
-      {R"({"jsonrpc": "2.0", "id": 1, "method": "trace", "params": {"levels": "Pinlamp/32"}})", 1,
-       "Pinlamp/32"},
+  const Json wrongOp = {{{"op", "del"}, {"path", "a"}}, {{"op", "pu"}, {"path", "a"}}};
+  const std::tuple<std::string, int, const char*> cases[] = {
+      {"{\"jsonrpc\":\n", -32700, "not JSON at byte"},
+      {"\n", -32700, "not JSON"},
+      {"\xff\xfe\n", -32700, "not JSON"},
+      {std::string(100000, '[') + '\n', -32700, "nested deeper than 64"},
+      {"[]\n", -32600, "found a list, wanted one request a line"},
+      {"{\"id\": 1, \"method\": \"hello\"}\n", -32600, "'jsonrpc' must be \"2.0\""},
+      {"{\"jsonrpc\": \"2.0\", \"id\": {}}\n", -32600, "'id': found fields"},
+      {"{\"jsonrpc\": \"2.0\", \"method\": 7}\n", -32600, "'method' must be a text"},
+      {request("helo"), -32601, "there are hello, read, write"},
+      {request("read", Json::array()), -32602, "found a list, wanted fields"},
+      {request("read", {{"path", 1}}), -32602, "'path': found a number"},
+      {request("read", {{"path", "a//b"}}), -32602, "empty component"},
+      {request("read", {{"pat", "a"}}), -32602, "'pat' is unknown; known: path"},
+      {request("write"), -32602, "'changes' is missing"},
+      {request("write", {{"changes", wrongOp}}), -32602, "'changes'[1]: 'op': found \"pu\""},
+      {request("unwatch", {{"watch", 3}}), -32602, "no watch 3"},
+      {request("trace", {{"levels", "Pinlamp/32"}}), 1, "Pinlamp/32"},
   };
   Client client(listener.path());
   for (const auto& [line, code, text] : cases) {
-    send(client, line + '\n');
+    send(client, line);
     const Json reply = next(client);
     EXPECT_EQ(reply["error"]["code"], code) << line.substr(0, 80);
     EXPECT_THAT(reply["error"]["message"].get<std::string>(), HasSubstr(text));
@@ -156,13 +148,8 @@ TEST_F(ControlTest, AClientThatNeverReadsIsCutOffAndHoldsNobodyUp) {
   Client other(listener.path());
   Client deaf(listener.path());
   ASSERT_EQ(call(other, "status")["result"]["clients"], 2);
-  const std::string requests = [] {
-    std::string text;
-    for (int i = 0; i < 100; ++i) text += request("types");
-    return text;
-  }();
-  for (int i = 0; i < 1000 && !deaf.ended(); ++i) {
-    send(deaf, requests);
+  for (int i = 0; i < 100000 && !deaf.ended(); ++i) {
+    send(deaf, request("types"));
     EXPECT_TRUE(call(other, "hello").contains("result"));
   }
   EXPECT_TRUE(deaf.ended());
@@ -183,27 +170,26 @@ TEST_F(ControlTest, ClientsThatHangUpInTheMiddleLeaveNothingBehind) {
 TEST_F(ControlTest, WritesOfOneRoundShareACommitAndFailTogether) {
   Client a(listener.path());
   Client b(listener.path());
-  ASSERT_TRUE(call(a, "write", {{"changes", {putDir()}}}).contains("result"));
+  ASSERT_TRUE(write(a, {putDir()}).contains("result"));
   ASSERT_TRUE(call(b, "hello").contains("result"));
-  const auto writeBoth = [&] {
+  for (const bool fails : {false, true}) {
+    const auto before = store.read("");
+    store.fails = fails;
     store.commits = 0;
-    a.send(request("write", {{"changes", {putLed({{"green", !store.fails}})}}}) +
-           request("write", {{"changes", {putLed({{"red", true}}, "hardware/led/config/leds/B")}}}, 2) +
-           request("hello"));
-    b.send(request("write", {{"changes", {putLed({{"red", true}}, "hardware/led/config/leds/C")}}}, 3));
-  };
-  writeBoth();
-  for (Client* client : {&a, &a, &a, &b}) EXPECT_TRUE(next(*client).contains("result"));
-  EXPECT_EQ(store.commits, 1);
-
-  const auto before = store.read("");
-  store.fails = true;
-  store.write({Statedb::Change::put("x", "Zel::Dir", "", {})}, Durability::stored);
-  writeBoth();
-  const Json first = next(a);
-  EXPECT_EQ(first["error"]["code"], 2);
-  EXPECT_EQ(first["error"]["message"], "the disk is full");
-  EXPECT_EQ(store.read(""), before);
+    const auto change = [&](const char* name) {
+      return request("write", {{"changes", {putLed(name, {{"red", !fails}})}}});
+    };
+    a.send(change("A") + change("B") + request("hello"));
+    b.send(change("C"));
+    for (Client* client : {&a, &a, &b}) {
+      const Json reply = next(*client);
+      EXPECT_EQ(reply.contains("result"), !fails);
+      EXPECT_EQ(reply.contains("error") ? reply["error"]["message"] : "", fails ? "the disk is full" : "");
+    }
+    EXPECT_TRUE(next(a).contains("result")) << "what wrote nothing is answered as ever";
+    EXPECT_EQ(store.commits, 1);
+    EXPECT_EQ(store.read("") == before, fails);
+  }
 }
 
 TEST_F(ControlTest, AReadSeesWhatIsDurableAndNeverWhatIsUndone) {
@@ -220,85 +206,63 @@ TEST_F(ControlTest, AReadSeesWhatIsDurableAndNeverWhatIsUndone) {
 
 TEST_F(ControlTest, ABatchIsWrittenWholeOrEveryErrorIsListed) {
   Client client(listener.path());
-  const Json refused = call(client, "write",
-                            {{"changes",
-                              {putDir(),
-                               putLed({{"green", true}}),
-                               putLed({{"flashInterval", -1}}, "hardware/led/config/leds/A"),
-                               putLed({{"flashInterval", "inf"}}, "hardware/led/config/leds/B"),
-                               {{"op", "put"}, {"path", "hardware/led/config/leds/C"}, {"existing", true}},
-                               {{"op", "put"}, {"path", "hardware/x"}},
-                               {{"op", "put"}, {"path", "hardware/x/y/z"}, {"type", "Zel::Dir"}},
-                               {{"op", "put"}, {"path", kLeds}, {"type", "Zel::Dir"}},
-                               {{"op", "del"}, {"path", "nowhere"}}}}});
-  EXPECT_EQ(refused["error"]["code"], 1);
-  std::vector<std::string> places;
-  for (const auto& error : refused["error"]["data"]["errors"]) {
-    const std::string text = error;
-    places.push_back(text.substr(0, text.find(':')));
-  }
-  EXPECT_THAT(places,
-              ::testing::UnorderedElementsAre("hardware/led/config/leds/A lightSetting",
-                                              "hardware/led/config/leds/B lightSetting",
-                                              "hardware/led/config/leds/C", "hardware/x", kLeds, "nowhere"));
+  const std::vector<Json> changes = {putDir(),
+                                     putLed("Ethernet3%2F1", kRed),
+                                     putLed("A", {{"flashInterval", -1}}),
+                                     putLed("B", {{"flashInterval", "inf"}}),
+                                     {{"op", "put"}, {"path", led("C")}, {"existing", true}},
+                                     {{"op", "put"}, {"path", "hardware/x"}},
+                                     {{"op", "put"}, {"path", "hardware/x/y/z"}, {"type", "Zel::Dir"}},
+                                     {{"op", "put"}, {"path", kLeds}, {"type", "Zel::Dir"}},
+                                     {{"op", "del"}, {"path", "nowhere"}}};
+  const Json refused = write(client, changes)["error"];
+  EXPECT_EQ(refused["code"], 1);
+  std::vector<std::string> places = refused["data"]["errors"];
+  for (std::string& place : places) place.resize(place.find(':'));
+  EXPECT_THAT(places, ::testing::UnorderedElementsAre(led("A") + " lightSetting", led("B") + " lightSetting",
+                                                      led("C"), "hardware/x", kLeds, "nowhere"));
   EXPECT_TRUE(store.read("").empty());
-
-  Json untyped = putLed({{"green", true}});
-  untyped.erase("type");
-  EXPECT_EQ(call(client, "write", {{"changes", {putDir(), untyped}}})["result"]["written"], 2);
-  EXPECT_EQ(store.typeAt(kLed), "Hardware::Led::LedConfig");
+  EXPECT_EQ(write(client, {changes[0], changes[1]})["result"]["written"], 2);
+  EXPECT_EQ(store.typeAt(led("Ethernet3%2F1")), "Hardware::Led::LedConfig");
 }
 
 TEST_F(ControlTest, WatchersHearOfTheirPathAndNotOfThemselvesUnlessTheyWant) {
   Client writer(listener.path());
   Client watcher(listener.path());
-  ASSERT_TRUE(call(writer, "write", {{"changes", {putDir()}}}).contains("result"));
+  ASSERT_TRUE(write(writer, {putDir()}).contains("result"));
   EXPECT_EQ(call(writer, "watch", {{"own", false}})["result"]["entities"].size(), 1U);
-  const Json own = call(watcher, "watch", {{"path", kLed}})["result"];
+  const Json own = call(watcher, "watch", {{"path", led("B")}})["result"];
   EXPECT_EQ(own["entities"], Json::array());
 
-  ASSERT_EQ(call(writer, "write",
-                 {{"changes", {putLed({{"red", true}}, "hardware/led/config/leds/A")}}})["result"]["written"],
-            1);
-  ASSERT_EQ(call(writer, "write", {{"changes", {putLed({{"red", true}})}}})["result"]["written"], 1);
+  ASSERT_EQ(write(writer, {putLed("A", kRed)})["result"]["written"], 1);
+  ASSERT_EQ(write(writer, {putLed("B", kRed)})["result"]["written"], 1);
+  Json change = putLed("B", kRed);
+  change["type"] = "Hardware::Led::LedConfig";
   const Json heard = next(watcher);
   EXPECT_EQ(heard["method"], "changed");
-  EXPECT_EQ(heard["params"], (Json{{"watch", own["watch"]}, {"changes", {putLed({{"red", true}})}}}));
+  EXPECT_EQ(heard["params"], (Json{{"watch", own["watch"]}, {"changes", {change}}}));
 
-  send(watcher, request("write", {{"changes", {{{"op", "del"}, {"path", kLeds}}}}}));
   const Json removed = {{{"op", "del"}, {"path", kLeds}}};
+  send(watcher, request("write", {{"changes", removed}}));
   EXPECT_EQ(next(writer)["params"]["changes"], removed);
   EXPECT_EQ(next(watcher)["params"]["changes"], removed);
   EXPECT_EQ(next(watcher)["result"]["written"], 1);
 
   EXPECT_EQ(call(watcher, "unwatch", {{"watch", own["watch"]}})["result"], Json::object());
-  ASSERT_TRUE(call(writer, "write", {{"changes", {putDir(), putLed({{"red", true}})}}}).contains("result"));
+  ASSERT_TRUE(write(writer, {putDir(), putLed("B", kRed)}).contains("result"));
   EXPECT_TRUE(call(watcher, "hello").contains("result")) << "and no notification before it";
 }
 
-struct MountingAgent : Zel::Described<MountingAgent, Warden::CAgent> {
-  static constexpr auto attributes() { return std::tuple{}; }
-  static const Zel::TypeNode& typeNode() {
-    static const Zel::TypeNode type = describe("Test::MountingAgent");
-    return type;
-  }
-  explicit MountingAgent(Zel::Name name) : Described(name) {}
-};
-
 TEST_F(ControlTest, TheFirstEntityUnderAMountBringsARowForTheMountThatLivesOn) {
-  const auto group = manager->getMountGroup(Zel::allocate<MountingAgent>(Zel::Name("agent")));
-  group->doMount(Statedb::Mount(kLeds, "Hardware::Led::LedSystemConfigDir", "r"));
-  group->doClose(false, "", 0.0);
-  activity.step();
-  activity.step();
-
+  Host::Plugin plugin(Host::AgentOption::parse(TEST_AGENTS ":Plain"));
+  plugin.start(manager);
+  for (int pass = 0; pass < 3; ++pass) activity.step();
   Client client(listener.path());
-  Json untyped = putLed({{"green", true}});
-  untyped.erase("type");
-  ASSERT_TRUE(call(client, "write", {{"changes", {untyped}}, {"durability", "derived"}}).contains("result"));
+  const Json derived = {{"changes", {putLed("A", kRed)}}, {"durability", "derived"}};
+  ASSERT_TRUE(call(client, "write", derived).contains("result"));
   EXPECT_EQ(store.typeAt(kLeds), "Hardware::Led::LedSystemConfigDir");
-  EXPECT_EQ(store.commits, 1) << "of a stored row";
-  EXPECT_TRUE(manager->entityAt(kLed));
+  EXPECT_EQ(store.stored, 1U) << "the mount's row alone";
+  EXPECT_TRUE(manager->entityAt(led("A")));
 }
 
 TEST(Listener, TakesOverFromTheDeadAndRefusesTheLiving) {

@@ -64,9 +64,9 @@ TEST(Plugin, WhatCantBeLoadedIsRefusedWithItsReason) {
 }
 
 TEST(Plugin, TheAgentHasItsNameAndGoesBeforeItsLibrary) {
-  Plugin plugin(AgentOption::parse(TEST_AGENTS ":Plain:front panel"));
+  const Plugin plugin(AgentOption::parse(TEST_AGENTS ":Plain:front panel"));
   EXPECT_EQ(plugin.agent()->name(), Zel::Name("front panel"));
-  EXPECT_EQ(plugin.agent()->fwkType().name(), Zel::Name("Plain::Agent"));
+  EXPECT_EQ(plugin.agent()->fwkType().name(), Zel::Name("Test::Agent"));
 }
 
 }  // namespace

@@ -112,7 +112,7 @@ TEST(Pinlampd, AHandlerThatThrowsEndsItWithTheNamesOfAgentAndReactor) {
   const Folder folder;
   Process process(folder, {"--socket", folder.at("socket"), "--agent", TEST_AGENTS ":Faulty:lamp"});
   EXPECT_EQ(process.exitStatus(), 70);
-  EXPECT_THAT(process.errors(), HasSubstr("agent 'lamp', reactor Faulty::Alarm: the lamp fell over"));
+  EXPECT_THAT(process.errors(), HasSubstr("agent 'lamp', reactor Test::Alarm: the lamp fell over"));
   EXPECT_FALSE(std::filesystem::exists(folder.at("socket")));
 }
 

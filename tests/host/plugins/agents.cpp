@@ -16,52 +16,41 @@ namespace Odd::Inner {
 ZEL_API Zel::Ptr<Warden::CAgent> agentFactory(Zel::Name) { throw 7; }
 }  // namespace Odd::Inner
 
-namespace Plain {
+namespace {
 
+struct Alarm : Zel::Reactor<Alarm, Zel::Clock::NotifieeConst> {
+  static constexpr const char* kTypeName = "Test::Alarm";
+  using Reactor::Reactor;
+  void onTime() override { throw std::runtime_error("the lamp fell over"); }
+};
+
+// Mounts a directory of LEDs; its alarm, where it is set, throws at once.
 class Agent : public Zel::Described<Agent, Warden::CAgent> {
  public:
   static constexpr auto attributes() { return std::tuple{}; }
   static const Zel::TypeNode& typeNode() {
-    static const Zel::TypeNode type = describe("Plain::Agent");
+    static const Zel::TypeNode type = describe("Test::Agent");
     return type;
   }
-  explicit Agent(Zel::Name name) : Described(name) {}
+  Agent(Zel::Name name, double alarm) : Described(name) { alarm_->timeMinIs(alarm); }
   void doInit() override {
     const auto group = entityManager()->getMountGroup(Zel::Ptr<Statedb::Mounter>(this));
     group->doMount(Statedb::Mount("hardware/led/config", "Hardware::Led::LedSystemConfigDir", "r"));
     group->doClose(false, "", 0.0);
   }
+
+ private:
+  const Zel::Ptr<Alarm> alarm_ = Zel::allocate<Alarm>(Zel::activityManager().clock());
 };
 
-ZEL_API Zel::Ptr<Warden::CAgent> agentFactory(Zel::Name name) { return Zel::allocate<Agent>(name); }
+}  // namespace
 
+namespace Plain {
+ZEL_API Zel::Ptr<Warden::CAgent> agentFactory(Zel::Name name) {
+  return Zel::allocate<Agent>(name, Zel::Clock::kNever);
+}
 }  // namespace Plain
 
 namespace Faulty {
-
-struct Alarm : Zel::Reactor<Alarm, Zel::Clock::NotifieeConst> {
-  static constexpr const char* kTypeName = "Faulty::Alarm";
-  using Reactor::Reactor;
-  void onTime() override { throw std::runtime_error("the lamp fell over"); }
-};
-
-class Agent : public Zel::Described<Agent, Warden::CAgent> {
- public:
-  static constexpr auto attributes() { return std::tuple{}; }
-  static const Zel::TypeNode& typeNode() {
-    static const Zel::TypeNode type = describe("Faulty::Agent");
-    return type;
-  }
-  explicit Agent(Zel::Name name) : Described(name) {}
-  void doInit() override {
-    alarm_ = Zel::allocate<Alarm>(Zel::activityManager().clock());
-    alarm_->timeMinIs(Zel::System::currentTime());
-  }
-
- private:
-  Zel::Ptr<Alarm> alarm_;
-};
-
-ZEL_API Zel::Ptr<Warden::CAgent> agentFactory(Zel::Name name) { return Zel::allocate<Agent>(name); }
-
+ZEL_API Zel::Ptr<Warden::CAgent> agentFactory(Zel::Name name) { return Zel::allocate<Agent>(name, 0.0); }
 }  // namespace Faulty

@@ -16,12 +16,21 @@ Host::Host(const Options& options)
               .manager = *manager_,
               .objects = {[this] { return roots(); }, [this] { return manager_->root(); }}} {
   manager_->reportIs([this](const std::string& text) { report(text); });
-  loadAgents(options.agents);
-  control_ = std::make_unique<Control>(loop_, *listener_, served_);
+  try {
+    loadAgents(options.agents);
+    control_ = std::make_unique<Control>(loop_, *listener_, served_);
+  } catch (...) {
+    takeApart();
+    throw;
+  }
 }
 
 Host::~Host() {
   serviceManager_.tell("STOPPING=1");
+  takeApart();
+}
+
+void Host::takeApart() {
   signals_.clear();
   watchdog_.reset();
   control_.reset();

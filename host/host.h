@@ -36,6 +36,8 @@ class Host {
   void abandon();
 
  private:
+  // Ends the agents before their manager, and the manager before their libraries.
+  void takeApart();
   void loadAgents(const std::vector<AgentOption>& options);
   std::vector<Objects::Root> roots() const;
   void report(const std::string& text);

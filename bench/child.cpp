@@ -74,15 +74,24 @@ double Child::processorTime() const {
 
 void Child::stop() { end(SIGTERM); }
 
-void Child::end(int signal) {
-  if (pid_ <= 0) return;
-  kill(pid_, signal);
-  waitpid(pid_, nullptr, 0);
+void Child::wait() {
+  if (pid_ > 0) waitpid(pid_, nullptr, 0);
   pid_ = -1;
 }
 
+void Child::end(int signal) {
+  if (pid_ <= 0) return;
+  kill(pid_, signal);
+  wait();
+}
+
+std::string buildFolder() {
+  return std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path().string();
+}
+
+// Beside the program, for /tmp is often no disk.
 TemporaryFolder::TemporaryFolder() {
-  std::string made = (std::filesystem::temp_directory_path() / "pinlamp-bench-XXXXXX").string();
+  std::string made = buildFolder() + "/run-XXXXXX";
   if (!mkdtemp(made.data())) fail("mkdtemp " + made);
   path_ = made;
 }

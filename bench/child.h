@@ -27,6 +27,8 @@ class Child {
   double processorTime() const;
   // Asks it to end, and waits until it did.
   void stop();
+  // Waits until it ended by itself.
+  void wait();
 
  private:
   void end(int signal);
@@ -34,7 +36,10 @@ class Child {
   pid_t pid_;
 };
 
-// A folder that is removed with everything in it.
+// Where this program was built: programs are in its bin, libraries in its lib.
+std::string buildFolder();
+
+// A folder on disk that is removed with everything in it.
 class TemporaryFolder {
  public:
   TemporaryFolder();

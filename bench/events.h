@@ -22,6 +22,7 @@
 
 #include "bench/child.h"
 #include "bench/measure.h"
+#include "bench/table.h"
 
 namespace Bench {
 
@@ -47,15 +48,16 @@ class EventWork {
     events(kLeds, 1);  // lights a first colour
   }
 
-  void run(benchmark::State& state, std::size_t batch) {
+  void run(benchmark::State& state, std::size_t batch, const std::string& name) {
     const std::uint64_t before = world_.told();
     std::size_t count = 0;
     for (auto _ : state) {
       events(batch, batch);
       count += batch;
     }
-    if (world_.told() - before != count * toldByEvent_)
-      state.SkipWithError("another number of handlers was told than events ask for");
+    if (const std::uint64_t told = world_.told() - before; told != count * toldByEvent_)
+      results().fail(name,
+                     std::to_string(told) + " handlers were told of " + std::to_string(count) + " events");
     perItem(state, count);
   }
 
@@ -104,7 +106,8 @@ template <class World>
 void addEventContestant(const std::string& name) {
   static constexpr std::size_t kBatch = 64;
   const auto add = [&](const std::string& row, auto work, std::size_t batch) {
-    addLoop(row + '/' + name, [work, batch](benchmark::State& state) { work().run(state, batch); });
+    const std::string full = row + '/' + name;
+    addLoop(full, [work, batch, full](benchmark::State& state) { work().run(state, batch, full); });
   };
   add("event", &eventWork<World, kPins>, kBatch);
   add("event-single", &eventWork<World, kPins>, 1);

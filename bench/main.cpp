@@ -7,29 +7,16 @@
 
 namespace {
 
-// Keeps the figures of every repetition, and says on the error stream what is at work.
+// Keeps the figures of loops; the other measurements keep theirs themselves.
 class Collector : public benchmark::BenchmarkReporter {
  public:
-  explicit Collector(Bench::Results& results) : results_(results) {}
-
   bool ReportContext(const Context&) override { return true; }
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs)
-      if (run.run_type == Run::RT_Iteration) keep(run);
+      if (run.run_type == Run::RT_Iteration)
+        for (const auto& [figure, counter] : run.counters)
+          Bench::results().add(run.run_name.function_name, figure, counter.value);
   }
-
- private:
-  void keep(const Run& run) {
-    const std::string& name = run.run_name.function_name;
-    const auto slash = name.find('/');
-    const std::string row = name.substr(0, slash);
-    const std::string contestant = name.substr(slash + 1);
-    if (run.error_occurred) return results_.fail(name, run.error_message);
-    for (const auto& [figure, counter] : run.counters)
-      results_.add(row, figure.empty() ? contestant : contestant + ' ' + figure, counter.value);
-  }
-
-  Bench::Results& results_;
 };
 
 std::string pattern(const std::string& row) {
@@ -37,7 +24,7 @@ std::string pattern(const std::string& row) {
   return "^" + row + (row.find('/') == std::string::npos ? "/" : "");
 }
 
-void run(Bench::Results& results, const std::string& row) {
+void run(const std::string& row) {
   const std::string repetitions = "--benchmark_repetitions=" + std::to_string(Bench::quick() ? 3 : 9);
   const std::string time = std::string("--benchmark_min_time=") + (Bench::quick() ? "0.02" : "0.1");
   std::vector<std::string> arguments = {"pinlamp-bench", "--benchmark_enable_random_interleaving=true",
@@ -46,7 +33,7 @@ void run(Bench::Results& results, const std::string& row) {
   for (auto& each : arguments) pointers.push_back(each.data());
   int count = static_cast<int>(pointers.size());
   benchmark::Initialize(&count, pointers.data());
-  Collector collector(results);
+  Collector collector;
   benchmark::RunSpecifiedBenchmarks(&collector, pattern(row));
 }
 
@@ -73,15 +60,14 @@ int main(int argc, char** argv) {
   Bench::quickIs(quick);
   Bench::addEvents();
   Bench::addQtEvents();
-  // Bench::addTimers();
+  Bench::addTimers();
   Bench::addTrace();
-  // Bench::addMemory();
-  // Bench::addScale();
-  // Bench::addHost();
-  // Bench::addRoundTrip();
+  Bench::addMemory();
+  Bench::addScale();
+  Bench::addHost();
+  Bench::addRoundTrip();
 
-  Bench::Results results;
-  run(results, row);
-  Bench::print(std::cout, results);
-  return results.failures().empty() ? 0 : 1;
+  run(row);
+  Bench::print(std::cout, Bench::results());
+  return Bench::results().failures().empty() ? 0 : 1;
 }

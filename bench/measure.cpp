@@ -5,6 +5,8 @@
 #include <numeric>
 #include <random>
 
+#include "bench/table.h"
+
 namespace Bench {
 
 namespace {
@@ -66,13 +68,13 @@ void perItem(benchmark::State& state, std::size_t items) {
 
 void addOnce(const std::string& name, std::function<std::vector<Figure>()> measure) {
   benchmark::RegisterBenchmark(name.c_str(),
-                               [measure](benchmark::State& state) {
+                               [name, measure](benchmark::State& state) {
                                  for (auto _ : state) {
                                    try {
                                      for (const Figure& figure : measure())
-                                       state.counters[figure.name] = figure.value;
+                                       results().add(name, figure.name, figure.value);
                                    } catch (const std::exception& error) {
-                                     state.SkipWithError(error.what());
+                                     results().fail(name, error.what());
                                    }
                                    state.SetIterationTime(1.0);
                                  }

@@ -36,7 +36,7 @@ namespace {
 
 class QtQueued {
  public:
-  QtQueued(std::size_t leds, std::size_t pins) {
+  QtQueued(std::size_t leds, std::size_t pins) : pins_(pins) {
     static int count = 1;
     static char name[] = "pinlamp-bench";
     static char* arguments[] = {name, nullptr};
@@ -49,10 +49,16 @@ class QtQueued {
     }
   }
   void set(std::size_t led, const Led::LightSetting& setting) { leds_[led]->settingIs(setting); }
-  void pass() { QCoreApplication::sendPostedEvents(); }
+  // What is posted while events are sent waits for the next call: first the machines are told, then pins'
+  // watchers.
+  void pass() {
+    QCoreApplication::sendPostedEvents();
+    if (pins_ != 0) QCoreApplication::sendPostedEvents();
+  }
   std::uint64_t told() const { return told_; }
 
  private:
+  const std::size_t pins_;
   std::uint64_t told_ = 0;
   std::vector<std::unique_ptr<QtLed>> leds_;
   std::vector<std::unique_ptr<QtMachine>> machines_;

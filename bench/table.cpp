@@ -58,8 +58,8 @@ std::vector<Row> makeRows() {
        {{"with", "without", 1.05}}},
       {"memory",
        "memory per driven LED with four pins",
-       {kUs, "bare objects", kQueue, "libsigc++", "Boost.Signals2", "Qt queued"},
-       {{kUs, "", 1536.0}},
+       {"agent alone", kUs, "bare objects", kQueue, "libsigc++", "Boost.Signals2", "Qt queued"},
+       {{"agent alone", "", 1536.0}},
        true},
       {"startup-1000", "start-up: 1,000 LEDs from the SQLite file to driven", {"pinlampd", "sqlite3"}, {}},
       {"startup-10000", "start-up: 10,000 LEDs", {"pinlampd", "sqlite3"}, {{"pinlampd", "sqlite3", 3.0}}},
@@ -177,6 +177,11 @@ const std::vector<Row>& rows() {
 const Row* findRow(const std::string& name) {
   const auto found = std::ranges::find(rows(), name, &Row::name);
   return found == rows().end() ? nullptr : &*found;
+}
+
+Results& results() {
+  static Results all;
+  return all;
 }
 
 const std::vector<double>* Results::samples(const std::string& row, const std::string& figure) const {

@@ -32,8 +32,9 @@ const Row* findRow(const std::string& name);
 // The samples of one run, by row and figure; and what kept a contestant from being measured.
 class Results {
  public:
-  void add(const std::string& row, const std::string& figure, double value) {
-    samples_[row + '/' + figure].push_back(value);
+  // `contestant` is "ROW/CONTESTANT"; `figure` is empty for its only or foremost one.
+  void add(const std::string& contestant, const std::string& figure, double value) {
+    samples_[figure.empty() ? contestant : contestant + ' ' + figure].push_back(value);
   }
   void fail(const std::string& contestant, const std::string& why) { failures_[contestant] = why; }
 
@@ -45,6 +46,9 @@ class Results {
   std::map<std::string, std::vector<double>> samples_;
   std::map<std::string, std::string> failures_;
 };
+
+// Those of this run.
+Results& results();
 
 // A figure as a person reads it: "59.2 ns", "1.21 KiB".
 std::string figureText(double value, bool bytes);

@@ -1,0 +1,155 @@
+#include "bench/client.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <cstring>
+#include <stdexcept>
+#include <thread>
+
+#include "bench/appliance.h"
+#include "bench/measure.h"
+
+namespace Bench {
+
+namespace {
+
+constexpr double kPatience = 300;  // seconds for anything that a host is asked to do
+
+void nap() { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
+
+Json settingJson(const Led::LightSetting& setting) {
+  Json json = {{"flashInterval", setting.flashInterval}};
+  if (setting.yellow) json["yellow"] = true;
+  if (setting.green) json["green"] = true;
+  if (setting.red) json["red"] = true;
+  if (setting.orange) json["orange"] = true;
+  return json;
+}
+
+Json ledPut(std::size_t led, const Led::LightSetting& setting) {
+  return {{"op", "put"},
+          {"path", "hardware/led/config/leds/" + ledName(led)},
+          {"attributes", {{"lightSetting", settingJson(setting)}}}};
+}
+
+Json mappingPut(std::size_t led) {
+  static constexpr const char* kNames[kPins] = {"gpioYellowName", "gpioGreenName", "gpioRedName",
+                                                "gpioOrangeName"};
+  Json attributes = {{"ready", true}};
+  for (std::size_t color = 0; color < kPins; ++color) attributes[kNames[color]] = {pinName(led, color)};
+  return {{"op", "put"},
+          {"path", "hardware/gpio/config/led/gpioLeds/" + ledName(led)},
+          {"attributes", attributes}};
+}
+
+std::vector<std::string> command(const TemporaryFolder& folder, const std::string& store) {
+  const std::string build = buildFolder();
+  return {build + "/bin/pinlampd",
+          "--store",
+          store == "sqlite:" ? store + folder.file("state.db") : store,
+          "--agent",
+          build + "/lib/libpinlamp.so",
+          "--socket",
+          folder.file("control.sock")};
+}
+
+}  // namespace
+
+Client::Client(const std::string& socket) : socket_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (socket.size() >= sizeof address.sun_path) throw std::runtime_error(socket + ": too long for a socket");
+  std::memcpy(address.sun_path, socket.c_str(), socket.size());
+  if (connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    close(socket_);
+    throw std::runtime_error(socket + ": " + std::strerror(errno));
+  }
+}
+
+Client::~Client() { close(socket_); }
+
+void Client::send(std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t sent = ::send(socket_, text.data(), text.size(), MSG_NOSIGNAL);
+    if (sent <= 0) throw std::runtime_error("the host has closed the connection");
+    text.remove_prefix(static_cast<std::size_t>(sent));
+  }
+}
+
+std::string_view Client::readLine() {
+  for (std::size_t searched = read_;;) {
+    if (const auto end = buffer_.find('\n', searched); end != std::string::npos) {
+      const std::string_view line = std::string_view(buffer_).substr(read_, end - read_);
+      read_ = end + 1;
+      return line;
+    }
+    buffer_.erase(0, std::exchange(read_, 0));
+    searched = buffer_.size();
+    buffer_.resize(searched + 65536);
+    const ssize_t got = recv(socket_, buffer_.data() + searched, 65536, 0);
+    if (got <= 0) throw std::runtime_error("the host has closed the connection");
+    buffer_.resize(searched + static_cast<std::size_t>(got));
+  }
+}
+
+Json Client::call(const std::string& method, const Json& parameters) {
+  send(Json{{"jsonrpc", "2.0"}, {"id", 1}, {"method", method}, {"params", parameters}}.dump() + '\n');
+  for (;;) {
+    const Json answer = Json::parse(readLine());
+    if (!answer.contains("id")) continue;
+    if (answer.contains("error")) throw std::runtime_error(answer["error"]["message"].get<std::string>());
+    return answer["result"];
+  }
+}
+
+std::string setRequest(std::size_t led, const Led::LightSetting& setting) {
+  const Json request = {{"jsonrpc", "2.0"},
+                        {"id", 1},
+                        {"method", "write"},
+                        {"params", {{"changes", Json::array({ledPut(led, setting)})}}}};
+  return request.dump() + '\n';
+}
+
+std::string pinPath(std::size_t led, std::size_t color) {
+  return std::string(kPinsPath) + '/' + pinName(led, color);
+}
+
+RunningHost::RunningHost(const std::string& store)
+    : folder_(own_), process_(command(folder_, store), folder_.file("log")) {}
+
+RunningHost::RunningHost(const TemporaryFolder& folder, const std::string& store)
+    : folder_(folder), process_(command(folder_, store), folder_.file("log")) {}
+
+void RunningHost::fill(std::size_t leds) {
+  static constexpr std::size_t kBatch = 500;
+  waitUntilDriven(0);
+  Client client(socket());
+  for (std::size_t begin = 0; begin < leds; begin += kBatch) {
+    Json changes = Json::array();
+    for (std::size_t led = begin; led < std::min(begin + kBatch, leds); ++led) {
+      changes.push_back(ledPut(led, steady(led % kPins)));
+      changes.push_back(mappingPut(led));
+    }
+    client.call("write", {{"changes", changes}});
+  }
+  waitUntilDriven(leds);
+}
+
+void RunningHost::waitUntilDriven(std::size_t leds) {
+  for (const double end = now() + kPatience; now() < end; nap()) {
+    if (!process_.running()) throw std::runtime_error("pinlampd has ended; see its log");
+    try {
+      Client client(socket());
+      while (client.call("status", Json::object())["machines"] != leds) nap();
+      return;
+    } catch (const std::runtime_error&) {  // it does not listen yet
+    }
+  }
+  throw std::runtime_error("pinlampd has not driven all LEDs in time");
+}
+
+}  // namespace Bench

@@ -1,0 +1,63 @@
+// A pinlampd of its own, and clients of its control socket.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
+
+#include "bench/child.h"
+#include "platform/model/led.h"
+
+namespace Bench {
+
+using Json = nlohmann::json;
+
+// One connection; blocks. Throws std::runtime_error where it ends.
+class Client {
+ public:
+  explicit Client(const std::string& socket);
+  ~Client();
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+
+  // `text` ends in a newline, and may be many lines.
+  void send(std::string_view text);
+  // Without its newline; valid until the next call.
+  std::string_view readLine();
+  // Sends a request and returns its result. Throws std::runtime_error with the host's message.
+  Json call(const std::string& method, const Json& parameters);
+
+ private:
+  int socket_;
+  std::string buffer_;
+  std::size_t read_ = 0;  // of the buffer
+};
+
+// The line that sets an LED.
+std::string setRequest(std::size_t led, const Led::LightSetting& setting);
+// The path of a pin, and of all pins.
+std::string pinPath(std::size_t led, std::size_t color);
+inline constexpr const char* kPinsPath = "hardware/corvel/gpio/config";
+
+class RunningHost {
+ public:
+  // Starts pinlampd with the agent. `store` is "memory:", or "sqlite:" for a file in the host's own folder.
+  explicit RunningHost(const std::string& store);
+  // On the file of a host that was stopped.
+  RunningHost(const TemporaryFolder& folder, const std::string& store);
+
+  // Adds so many LEDs, steady, with their mappings, and waits until all are driven.
+  void fill(std::size_t leds);
+  void waitUntilDriven(std::size_t leds);
+  void stop() { process_.stop(); }
+
+  std::string socket() const { return folder_.file("control.sock"); }
+  const Child& process() const { return process_; }
+
+ private:
+  const TemporaryFolder own_;
+  const TemporaryFolder& folder_;
+  Child process_;
+};
+
+}  // namespace Bench

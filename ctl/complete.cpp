@@ -5,6 +5,7 @@
 #include <ostream>
 
 #include "ctl/appliance.h"
+#include "ctl/objects.h"
 #include "ctl/text.h"
 
 namespace Ctl {
@@ -115,6 +116,27 @@ Names attributesAt(Client& client, const std::string& path) {
   return {names.begin(), names.end()};
 }
 
+// An object's path goes on by its next component; a '/' follows where more may.
+Names objectsFrom(Client& client, const std::string& begun) {
+  const std::size_t slash = begun.rfind('/');
+  const std::string above = slash == std::string::npos ? "" : begun.substr(0, slash);
+  Names names;
+  if (above.empty()) names.insert("agent/");
+  for (const Json& next : callObject(client, "list", above)) {
+    const std::string kind = next.at("kind");
+    const bool leaf = kind == "value" || kind == "procedure" || kind == "names";
+    names.insert((above.empty() ? "" : above + '/') + next.at("name").get<std::string>() + (leaf ? "" : "/"));
+  }
+  return names;
+}
+
+Names proceduresAt(Client& client, const std::string& path) {
+  Names names;
+  for (const Json& next : callObject(client, "list", path))
+    if (next.at("kind") == "procedure") names.insert(next.at("name").get<std::string>());
+  return names;
+}
+
 Names facilityNames(Client& client) {
   Names names;
   const Json facilities = client.call("trace").at("facilities");
@@ -135,6 +157,10 @@ Names fromHost(Client& client, Completes what, const Position& at, const std::st
       return attributesAt(client, at.positionals.empty() ? "" : at.positionals.front());
     case Completes::facility:
       return facilityNames(client);
+    case Completes::object:
+      return objectsFrom(client, begun);
+    case Completes::procedure:
+      return proceduresAt(client, at.positionals.empty() ? "" : at.positionals.front());
     case Completes::type:
       return typeNames(client);
     case Completes::nothing:

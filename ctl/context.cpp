@@ -46,6 +46,8 @@ void addAllCommands(CLI::App& app, Context& context) {
   addWatchCommand(app, context);
   addRecordCommand(app, context);
   addHostCommands(app, context);
+  addObjectCommands(app, context);
+  addWhyCommand(app, context);
 }
 
 }  // namespace Ctl

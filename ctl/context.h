@@ -14,7 +14,19 @@
 namespace Ctl {
 
 // What an argument names, so that it can be completed.
-enum class Completes { nothing, led, ledThenColour, pin, path, attribute, facility, type, file };
+enum class Completes {
+  nothing,
+  led,
+  ledThenColour,
+  pin,
+  path,
+  attribute,
+  facility,
+  type,
+  file,
+  object,
+  procedure
+};
 
 class Context {
  public:
@@ -50,7 +62,9 @@ void addEntityCommands(CLI::App& app, Context& context);  // get, set, del, type
 void addWatchCommand(CLI::App& app, Context& context);
 void addPanelCommand(CLI::App& app, Context& context);
 void addRecordCommand(CLI::App& app, Context& context);
-void addHostCommands(CLI::App& app, Context& context);  // trace, status
+void addHostCommands(CLI::App& app, Context& context);    // trace, status
+void addObjectCommands(CLI::App& app, Context& context);  // object …
+void addWhyCommand(CLI::App& app, Context& context);
 
 // Fills `app` with the options and commands of pinlampctl.
 void addAllCommands(CLI::App& app, Context& context);

@@ -3,6 +3,7 @@
 #include <ostream>
 
 #include "ctl/context.h"
+#include "ctl/objects.h"
 #include "ctl/output.h"
 #include "ctl/text.h"
 
@@ -91,15 +92,9 @@ void get(Context& context, const std::string& path, const std::string& attribute
   printMembers(context.out, entities, path);
 }
 
-// A text that is no JSON stands for itself.
-Json valueOf(const std::string& text) {
-  Json value = Json::parse(text, nullptr, false);
-  return value.is_discarded() ? Json(text) : value;
-}
-
 void set(Context& context, const std::string& path, const std::string& attribute, const std::string& value,
          const std::string& type) {
-  Json change{{"op", "put"}, {"path", path}, {"attributes", {{attribute, valueOf(value)}}}};
+  Json change{{"op", "put"}, {"path", path}, {"attributes", {{attribute, argumentOf(value)}}}};
   if (type.empty()) {
     readSome(context.client(), path);
     change["existing"] = true;

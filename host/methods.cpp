@@ -185,7 +185,8 @@ Json activityJson() {
   return {{"passes", activity.passes()},
           {"deliveries", activity.deliveries()},
           {"expiries", activity.clock()->expiries()},
-          {"worstLateness", activity.clock()->worstLateness()}};
+          {"worstLateness", activity.clock()->worstLateness()},
+          {"now", Zel::System::currentTime()}};
 }
 
 Json servedJson(const Served& served) {

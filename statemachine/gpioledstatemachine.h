@@ -61,6 +61,7 @@ class GpioLedStateMachine : public Zel::Described<GpioLedStateMachine, Zel::Noti
         Zel::row::value<&M::flashingState_>("flashingState"),
         Zel::row::value<&M::initialized_>("initialized"),
         Zel::row::procedure<&M::handleInitialized>("handleInitialized"),
+        Zel::row::accessor<&M::wakeUp>("wakeUp"),
     };
   }
   static const Zel::TypeNode& typeNode();

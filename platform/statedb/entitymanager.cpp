@@ -137,10 +137,17 @@ struct EntityManager::State : Zel::PassEnd {
       if (found.entity) return found.entity;
       if (!found.whole && found.step.memberType)
         throw Zel::ValueError("there is no entity at '" + found.step.path + "'");
-      const auto made = newMember(found.parent, found.step, found.whole ? type : "Zel::Dir");
+      const auto made =
+          newMember(found.parent, found.step, found.whole ? type : typeOnTheWay(found.step.path));
       published(found.parent, [&](PublishedEntity& above) { above.adopt(found.step, made); });
       if (found.whole) return made;
     }
+  }
+
+  // What stands above an entity without a row of its own: what is mounted there, else a directory.
+  std::string typeOnTheWay(const std::string& path) const {
+    const auto mount = std::ranges::find(mounts, path, &MountInfo::path);
+    return mount == mounts.end() ? "Zel::Dir" : mount->type;
   }
 
   // Calls `function` with what publishes an entity, where something does.

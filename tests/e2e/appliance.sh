@@ -1,0 +1,166 @@
+#!/usr/bin/env bash
+# Runs the real pinlampd with the real agent on a SQLite file, drives it through pinlampctl, and checks pin values and
+# traces: steady, flashing, remap, removal, bad input, and a restart after kill -9.
+#   appliance.sh BIN SOURCE
+set -euo pipefail
+bin=$1 source=$2
+PATH=$bin:$PATH
+
+work=$(mktemp -d)
+export PINLAMP_SOCKET=$work/control.sock
+daemon=
+cleanup() {
+  [ -z "$daemon" ] || { kill -TERM "$daemon" 2>/dev/null && wait "$daemon" || true; }
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+failures=0
+fail() {
+  echo "FAILED: $*"
+  failures=$((failures + 1))
+}
+# is WHAT EXPECTED ACTUAL
+is() { if [ "$2" = "$3" ]; then echo "ok: $1"; else fail "$1: expected '$2', got '$3'"; fi; }
+# await WHAT EXPECTED COMMAND…: until the command prints it
+await() {
+  local what=$1 expected=$2 found=
+  shift 2
+  for _ in $(seq 200); do
+    found=$("$@" 2>&1) || true
+    [ "$found" != "$expected" ] || { echo "ok: $what"; return 0; }
+    sleep 0.05
+  done
+  fail "$what: expected '$expected', got '$found'"
+}
+# refused WHAT STATUS TEXT COMMAND…: exits so, and says that on one line
+refused() {
+  local what=$1 status=$2 text=$3 said rc=0
+  shift 3
+  said=$("$@" 2>&1 >/dev/null) || rc=$?
+  if [ "$rc" = "$status" ] && grep -qF -- "$text" <<<"$said" && [ "$(wc -l <<<"$said")" = 1 ]; then
+    echo "ok: $what"
+  else
+    fail "$what: expected exit $status with '$text', got exit $rc with '$said'"
+  fi
+}
+start() {
+  pinlampd --store "sqlite:$work/state.db" --agent libpinlamp.so --socket "$PINLAMP_SOCKET" --trace 'Pinlamp/*' \
+    --trace-file "$work/trace" 2>>"$work/log" &
+  daemon=$!
+  for _ in $(seq 200); do pinlampctl status >/dev/null 2>&1 && return; sleep 0.05; done
+  cat "$work/log"
+  exit 1
+}
+pins() { for pin in "$@"; do pinlampctl get "hardware/corvel/gpio/config/$pin" value; done | tr -d '\n'; }
+# The messages traced since the last call, without their heads.
+traced() {
+  local from
+  from=$(cat "$work/traced" 2>/dev/null || echo 0)
+  wc -l <"$work/trace" >"$work/traced"
+  tail -n "+$((from + 1))" "$work/trace" | sed 's/^[^ ]* Pinlamp [0-9]* [^ ]* [^ ]*: //'
+}
+# traces WHAT TEXT: since the last look, the lines of TEXT were traced one after another
+traces() {
+  local found
+  found=$(traced)
+  if [[ $'\n'$found$'\n' == *$'\n'$2$'\n'* ]]; then echo "ok: $1"; else fail "$1: not in: $found"; fi
+}
+
+start
+# Steady ------------------------------------------------------------------------------------------------------------
+pinlampctl map set Ethernet3/1 --yellow y --green g --red r1 r2 --ready
+traces "a mapping without an LED makes pins and no machine" \
+  "createLedConfig Ethernet3/1
+created yellow pin 'y'
+created green pin 'g'
+created red pin 'r1'
+created red pin 'r2'
+createDriver Ethernet3/1
+Deleting Gpio Led SM for Ethernet3/1"
+pinlampctl led set Ethernet3/1 green
+is "steady green" 0100 "$(pins y g r1 r2)"
+traces "the machine is made once the LED is there" "Creating Gpio Led SM for Ethernet3/1
+handleInitialized for Ethernet3/1
+handleHwLedConfig Ethernet3/1"
+pinlampctl led set Ethernet3/1 green red
+is "two colours at once, every pin of a colour" 0111 "$(pins y g r1 r2)"
+traces "all dark before any is lit, and only changes are traced" "handleCorvelGpioYellow Ethernet3/1
+handleCorvelGpioGreen Ethernet3/1
+Corvel Green Pin: g  OldValue: 1 NewValue: 0
+handleCorvelGpioRed Ethernet3/1
+handleCorvelGpioOrange Ethernet3/1
+handleCorvelGpioGreen Ethernet3/1
+Corvel Green Pin: g  OldValue: 0 NewValue: 1
+handleCorvelGpioRed Ethernet3/1
+Corvel Red Pin: r1  OldValue: 0 NewValue: 1
+Corvel Red Pin: r2  OldValue: 0 NewValue: 1"
+
+# Flashing ----------------------------------------------------------------------------------------------------------
+pinlampctl led set Ethernet3/1 yellow --flash 0.05
+await "flashing is lit" 1000 pins y g r1 r2
+await "and dark" 0000 pins y g r1 r2
+await "and lit again" 1000 pins y g r1 r2
+traces "each toggle is traced" "handleClockTimeout for Ethernet3/1
+Led Ethernet3/1 is now 0"
+pinlampctl led set Ethernet3/1 red
+is "steady at once" 0011 "$(pins y g r1 r2)"
+
+# Remap -------------------------------------------------------------------------------------------------------------
+pinlampctl map set Ethernet3/1 --green g g2 --ready
+is "a pin that joins while the mapping stays is not made yet" "" "$(pinlampctl get hardware/corvel/gpio/config/g2 value 2>/dev/null || true)"
+traced >/dev/null
+pinlampctl map set Ethernet3/1 --no-ready
+is "ready going false changes nothing" "createLedConfig Ethernet3/1" "$(traced)"
+pinlampctl map set Ethernet3/1 --ready
+is "ready going true makes it" 0 "$(pins g2)"
+pinlampctl led set Ethernet3/1 green
+is "and it is lit with its colour" 11 "$(pins g g2)"
+
+# Removal -----------------------------------------------------------------------------------------------------------
+traced >/dev/null
+pinlampctl map del Ethernet3/1
+refused "a removed mapping takes its pins along" 1 "no entity at" pinlampctl get hardware/corvel/gpio/config/g
+traces "in this order" "handleGpioConfigCleanup Ethernet3/1
+createDriver Ethernet3/1
+Deleting Gpio Led SM for Ethernet3/1"
+pinlampctl map set Never --green n1
+pinlampctl map del Never
+traces "one that was never ready ends as well" "createLedConfig Never
+handleGpioConfigCleanup Never
+createDriver Never
+Deleting Gpio Led SM for Never"
+
+# Bad input ---------------------------------------------------------------------------------------------------------
+pinlampctl led set Ethernet3/1 green
+led=hardware/led/config/leds/Ethernet3%2F1
+refused "an unknown colour" 1 "blue" pinlampctl led set Ethernet3/1 blue
+refused "an unknown path" 1 "no entity at" pinlampctl set "$led/none" theme x
+refused "an unknown attribute" 1 "'colour' is no attribute" pinlampctl set "$led" colour red
+refused "an unknown type" 1 "'No::Such' is unknown" pinlampctl set x/y a 1 --type No::Such
+refused "a value of the wrong kind" 1 "wanted true or false" pinlampctl set "$led" lightSetting '{"green": "yes"}'
+refused "a negative interval" 1 "finite and not negative" pinlampctl set "$led" lightSetting '{"flashInterval": -1}'
+refused "an infinite interval" 1 "flash" pinlampctl led set Ethernet3/1 green --flash inf
+refused "an interval that is no number" 1 "flash" pinlampctl led set Ethernet3/1 green --flash nan
+refused "a second pinlampd on the socket" 1 "another pinlampd" pinlampd --socket "$PINLAMP_SOCKET"
+refused "a second pinlampd on the store" 1 "state.db" pinlampd --store "sqlite:$work/state.db" --socket "$work/other.sock"
+is "nothing that was there is lost" '{"green": true}' \
+  "$(pinlampctl get "$led" lightSetting --json | tr -d '\n ' | grep -o '"green":true' | sed 's/^/{/; s/$/}/; s/:/: /')"
+
+# A restart ---------------------------------------------------------------------------------------------------------
+pinlampctl load "$source/examples/switch-1u.json" >/dev/null
+pinlampctl led set Status red
+pinlampctl dump >"$work/before"
+kill -KILL "$daemon"
+wait "$daemon" 2>/dev/null || true
+start
+pinlampctl dump >"$work/after"
+is "kill -9 loses nothing that was acknowledged" "" "$(diff "$work/before" "$work/after")"
+is "and the lights come back" red "$(pinlampctl led list Status --json | tr -d '\n ' | sed 's/.*"shows":\["\([a-z]*\)"\].*/\1/')"
+kill -TERM "$daemon"
+rc=0
+wait "$daemon" || rc=$?
+daemon=
+is "SIGTERM ends it in order" 0 "$rc"
+
+[ "$failures" = 0 ] || { echo "$failures checks failed"; exit 1; }

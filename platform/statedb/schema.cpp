@@ -1,5 +1,6 @@
 #include "platform/statedb/schema.h"
 
+#include <algorithm>
 #include <sstream>
 
 #include "platform/zel/assert.h"

@@ -105,6 +105,7 @@ traces "each toggle is traced" "handleClockTimeout for Ethernet3/1
 Led Ethernet3/1 is now 0"
 pinlampctl led set Ethernet3/1 red
 is "steady at once" 0011 "$(pins y g r1 r2)"
+await "the next tick is the last" inf pinlampctl object get agent/configReactor/gpioLedStateMachine/Ethernet3%2F1/wakeUp
 
 # Remap -------------------------------------------------------------------------------------------------------------
 pinlampctl map set Ethernet3/1 --green g g2 --ready

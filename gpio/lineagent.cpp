@@ -134,17 +134,21 @@ void LineAgent::doMountsComplete(Statedb::MountStatus status,
   due_ = true;
 }
 
-// A pin came, went, or became another object.
+// An entity came, went, or became another object: `reactors` get one for it where it is there. Returns it.
+template <class T, class R>
+Zel::Ptr<T> LineAgent::follow(const Zel::Dir& dir, Zel::Name name, Zel::PtrMap<R>& reactors) {
+  due_ = true;
+  reactors.remove(name);
+  const auto entity = Zel::dynamicPtrCast<T>(dir.entityRef(name));
+  if (entity) reactors.insert(name, Zel::allocate<R>(entity, *this));
+  return entity;
+}
+
 void LineAgent::pinChanged(Zel::Name name) {
-  pinReactors_.remove(name);
-  const auto pin = Zel::dynamicPtrCast<CorvelPinConfig>(pins_->notifier()->entityRef(name));
-  if (!pin) {
+  if (const auto pin = follow<CorvelPinConfig>(*pins_->notifier(), name, pinReactors_))
+    valueChanged(*pin);
+  else
     driver_.valueIs(name, std::nullopt);
-    due_ = true;
-    return;
-  }
-  pinReactors_.insert(name, Zel::allocate<PinReactor>(pin, *this));
-  valueChanged(*pin);
 }
 
 void LineAgent::valueChanged(const CorvelPinConfig& pin) {
@@ -153,15 +157,10 @@ void LineAgent::valueChanged(const CorvelPinConfig& pin) {
 }
 
 void LineAgent::wiringChanged(Zel::Name name) {
-  wiringReactors_.remove(name);
-  const auto wiring = Zel::dynamicPtrCast<GpioLineInit>(wirings_->notifier()->entityRef(name));
-  if (!wiring) {
+  if (const auto wiring = follow<GpioLineInit>(*wirings_->notifier(), name, wiringReactors_))
+    wiringValueChanged(*wiring);
+  else
     driver_.wiringIs(name, std::nullopt);
-    due_ = true;
-    return;
-  }
-  wiringReactors_.insert(name, Zel::allocate<WiringReactor>(wiring, *this));
-  wiringValueChanged(*wiring);
 }
 
 void LineAgent::wiringValueChanged(const GpioLineInit& wiring) {

@@ -41,6 +41,8 @@ class LineAgent : public Zel::Described<LineAgent, Warden::CAgent>, private Zel:
   class WiringReactor;
   class RetryReactor;
 
+  template <class T, class R>
+  Zel::Ptr<T> follow(const Zel::Dir& dir, Zel::Name name, Zel::PtrMap<R>& reactors);
   void pinChanged(Zel::Name name);
   void wiringChanged(Zel::Name name);
   void valueChanged(const Hardware::Gpio::CorvelPinConfig& pin);

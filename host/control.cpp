@@ -4,7 +4,7 @@
 
 namespace Host {
 
-Control::Session::Session(Statedb::Store& store, const std::shared_ptr<Connection>& theConnection)
+Control::Peer::Peer(Statedb::Store& store, const std::shared_ptr<Connection>& theConnection)
     : connection(theConnection),
       watches(store, [raw = theConnection.get()](const std::string& line) { raw->send(line); }) {}
 
@@ -13,13 +13,13 @@ Control::Control(Loop&, Listener& listener, Served& served) : served_(served), m
 }
 
 Control::~Control() {
-  for (auto& [connection, session] : sessions_) session->connection->close();
+  for (auto& [connection, peer] : peers_) peer->connection->close();
 }
 
 void Control::accept(uv_stream_t* listener) {
   const auto connection = Connection::accept(listener, *this);
   if (!connection) return;
-  sessions_.emplace(connection.get(), std::make_unique<Session>(served_.store, connection));
+  peers_.emplace(connection.get(), std::make_unique<Peer>(served_.store, connection));
   ++served_.clients;
 }
 
@@ -29,25 +29,25 @@ void Control::onClosed(Connection& connection) {
 }
 
 void Control::onLine(Connection& connection, std::string_view line) {
-  Session& session = *sessions_.at(&connection);
+  Peer& peer = *peers_.at(&connection);
   Request request;
   bool wrote = false;
   std::string text;
   try {
     request.read(line);
-    text = carryOut(session, request, wrote);
+    text = carryOut(peer, request, wrote);
   } catch (const RpcError& error) {
     text = errorText(request.id, error);
   }
   if (!request.answered) text.clear();
-  answer({session.connection, std::move(request.id), wrote, std::move(text)});
+  answer({peer.connection, std::move(request.id), wrote, std::move(text)});
 }
 
-std::string Control::carryOut(Session& session, const Request& request, bool& wrote) {
+std::string Control::carryOut(Peer& peer, const Request& request, bool& wrote) {
   const auto& method = Methods::find(request.method);
   if (method.does == Methods::Does::sees) commit();
   try {
-    std::string text = resultText(request.id, methods_.run(method, request.parameters, session.watches));
+    std::string text = resultText(request.id, methods_.run(method, request.parameters, peer.watches));
     wrote = method.does == Methods::Does::writes;
     return text;
   } catch (const RpcError&) {
@@ -62,7 +62,7 @@ std::string Control::carryOut(Session& session, const Request& request, bool& wr
 void Control::onOversizedLine(Connection& connection) {
   const RpcError error(RpcCode::parse, "a message is longer than " + std::to_string(Lines::kLimit) +
                                            " bytes; send less at a time");
-  answer({sessions_.at(&connection)->connection, nullptr, false, errorText(nullptr, error)});
+  answer({peers_.at(&connection)->connection, nullptr, false, errorText(nullptr, error)});
 }
 
 // Answers go in the order of the requests, so none overtakes one that waits for the commit.
@@ -95,8 +95,8 @@ void Control::release(const RpcError* failure) {
 }
 
 void Control::send() {
-  for (auto& [connection, session] : sessions_) session->connection->flush();
-  for (const Connection* connection : std::exchange(closed_, {})) sessions_.erase(connection);
+  for (auto& [connection, peer] : peers_) peer->connection->flush();
+  for (const Connection* connection : std::exchange(closed_, {})) peers_.erase(connection);
 }
 
 }  // namespace Host

@@ -31,8 +31,8 @@ class Control : private Connection::Owner {
   void send();
 
  private:
-  struct Session {
-    Session(Statedb::Store& store, const std::shared_ptr<Connection>& connection);
+  struct Peer {
+    Peer(Statedb::Store& store, const std::shared_ptr<Connection>& connection);
 
     const std::shared_ptr<Connection> connection;
     Watches watches;
@@ -53,14 +53,14 @@ class Control : private Connection::Owner {
   void onClosed(Connection& connection) override;
 
   // The answer's text. Commits first where the method needs to see what is durable.
-  std::string carryOut(Session& session, const Request& request, bool& wrote);
+  std::string carryOut(Peer& peer, const Request& request, bool& wrote);
   void answer(Answer answer);
   void release(const RpcError* failure);
 
   Served& served_;
   const Methods methods_;
-  std::map<const Connection*, std::unique_ptr<Session>> sessions_;
-  std::vector<const Connection*> closed_;  // their sessions end with the round
+  std::map<const Connection*, std::unique_ptr<Peer>> peers_;
+  std::vector<const Connection*> closed_;  // their peers end with the round
   std::vector<Answer> answers_;
   std::size_t waiting_ = 0;  // bytes of `answers_`
 };

@@ -40,7 +40,8 @@ std::string typeText(const AttributeInfo& row) {
 std::string operationsText(const AttributeInfo& row) {
   using Zel::Operation;
   std::vector<std::string> texts;
-  for (const Operation one : {Operation::get, Operation::set, Operation::del, Operation::iterate, Operation::invoke})
+  for (const Operation one :
+       {Operation::get, Operation::set, Operation::del, Operation::iterate, Operation::invoke})
     if (Zel::allows(row.operations, one)) texts.emplace_back(Zel::operationText(one));
   return join(texts, ", ");
 }
@@ -58,13 +59,14 @@ void print(std::ostream& out, const TypeNode& type) {
     if (row.kind == Zel::Kind::reserved)
       out << "| " << index << " | | reserved | | | |\n";
     else
-      out << "| " << index << " | `" << row.name << "` | " << Zel::kindText(row.kind) << " | " << typeText(row) << " | "
-          << operationsText(row) << " | " << (row.stored ? "yes" : "") << " |\n";
+      out << "| " << index << " | `" << row.name << "` | " << Zel::kindText(row.kind) << " | "
+          << typeText(row) << " | " << operationsText(row) << " | " << (row.stored ? "yes" : "") << " |\n";
     ++index;
   }
 }
 
-void addWithBases(const TypeNode& type, std::set<const TypeNode*>& seen, std::vector<const TypeNode*>& order) {
+void addWithBases(const TypeNode& type, std::set<const TypeNode*>& seen,
+                  std::vector<const TypeNode*>& order) {
   if (type.base()) addWithBases(*type.base(), seen, order);
   if (seen.insert(&type).second) order.push_back(&type);
 }
@@ -82,7 +84,8 @@ std::string modelPage() {
 
 TEST(ModelPage, SaysWhatTheTablesSay) {
   const std::string page = modelPage();
-  EXPECT_NE(page.find("## Pinlamp::GpioLedStateMachine"), std::string::npos) << "the agent's types are registered";
+  EXPECT_NE(page.find("## Pinlamp::GpioLedStateMachine"), std::string::npos)
+      << "the agent's types are registered";
   if (std::getenv("PINLAMP_WRITE_DOCS")) std::ofstream(PINLAMP_MODEL_PAGE) << page;
   std::stringstream written;
   written << std::ifstream(PINLAMP_MODEL_PAGE).rdbuf();

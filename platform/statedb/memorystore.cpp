@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <map>
 #include <optional>
+#include <utility>
 
 #include "platform/statedb/store.h"
 #include "platform/zel/assert.h"
@@ -17,19 +18,18 @@ struct Entry {
   std::string type;
   Durability durability = Durability::stored;
   std::vector<Zel::Value::Field> attributes;  // in the order in which they were first set
-
-  Zel::Value* find(const std::string& attribute) {
-    const auto found = std::ranges::find(attributes, attribute, &Zel::Value::Field::first);
-    return found == attributes.end() ? nullptr : &found->second;
-  }
 };
 
 using Entries = std::map<std::string, Entry>;
 
-// What a path had before a change; nothing where no entity was there.
+// Takes one change back. Entries do not move, so those that changed are pointed to: the undoing goes
+// backwards, and an entry that was removed comes back as the same.
 struct Undo {
-  std::string path;
-  std::optional<Entry> before;
+  Entries::value_type* at = nullptr;     // was made, or got another attribute or value
+  Entries::node_type removed{};          // or was removed
+  std::optional<std::size_t> changed{};  // which of its attributes; else one was added
+  Zel::Value before{};
+  bool made = false;
 };
 
 struct Told {
@@ -54,40 +54,61 @@ auto below(Map& entries, const std::string& path) {
 struct MemoryStore::State {
   Entries entries;
   std::vector<Undo> undo;  // since the last flush
-  std::vector<Told> told;  // the same, for the feeds
+  std::vector<Told> told;  // the same, of what the feeds are to hear
   std::vector<Subscription> subscriptions;
 
-  void remember(const std::string& path) {
-    const auto found = entries.find(path);
-    undo.push_back({path, found == entries.end() ? std::nullopt : std::optional(found->second)});
+  void undoTo(std::size_t size) {
+    for (; undo.size() > size; undo.pop_back()) {
+      Undo& last = undo.back();
+      if (last.removed)
+        entries.insert(std::move(last.removed));
+      else if (last.made)
+        entries.erase(last.at->first);
+      else if (last.changed)
+        last.at->second.attributes[*last.changed].second = std::move(last.before);
+      else
+        last.at->second.attributes.pop_back();
+    }
   }
 
-  void undoTo(std::size_t size) {
-    while (undo.size() > size) {
-      Undo& last = undo.back();
-      if (last.before)
-        entries.insert_or_assign(last.path, std::move(*last.before));
-      else
-        entries.erase(last.path);
-      undo.pop_back();
+  Entries::iterator make(const std::string& path, Entry entry) {
+    const auto at = entries.emplace(path, std::move(entry)).first;
+    undo.push_back({.at = &*at, .made = true});
+    return at;
+  }
+
+  // Returns whether that changed anything.
+  bool set(Entries::value_type& at, const std::string& attribute, const Zel::Value& value) {
+    auto& attributes = at.second.attributes;
+    const auto found = std::ranges::find(attributes, attribute, &Zel::Value::Field::first);
+    if (found == attributes.end()) {
+      attributes.emplace_back(attribute, value);
+      undo.push_back({.at = &at});
+      return true;
     }
+    if (found->second == value) return false;
+    const auto position = static_cast<std::size_t>(found - attributes.begin());
+    undo.push_back({.at = &at, .changed = position, .before = std::exchange(found->second, value)});
+    return true;
   }
 
   // Takes out the entity at a path and all under it. Returns whether a stored one was among them.
   bool remove(const std::string& path) {
     bool stored = false;
-    const auto note = [&](const auto& entry) {
-      remember(entry.first);
-      stored |= entry.second.durability == Durability::stored;
+    const auto take = [&](Entries::iterator at) {
+      stored |= at->second.durability == Durability::stored;
+      undo.push_back({.removed = entries.extract(at)});
     };
-    if (const auto at = entries.find(path); at != entries.end()) {
-      note(*at);
-      entries.erase(at);
-    }
-    const auto [first, last] = below(entries, path);
-    std::for_each(first, last, note);
-    entries.erase(first, last);
+    if (const auto at = entries.find(path); at != entries.end()) take(at);
+    for (auto [at, last] = below(entries, path); at != last;) take(at++);
     return stored;
+  }
+
+  // Whether anybody but `origin` is to hear of a change.
+  bool hears(const Change& change, const Feed* origin) const {
+    return std::ranges::any_of(subscriptions, [&](const Subscription& each) {
+      return each.feed != origin && concerns(change, each.path);
+    });
   }
 
   bool has(const std::string& path) const {
@@ -113,12 +134,13 @@ void MemoryStore::unsubscribe(Feed& feed) {
 
 namespace {
 
-// Carries one batch into the entries, and notes the steps that change anything: `told` for the feeds,
-// `stored` for what keeps rows elsewhere.
+// Carries one batch into the entries, and notes the steps that change anything: `told` for the feeds other
+// than `origin`, `stored` for what keeps rows elsewhere.
 template <class State>
 struct Writer {
   State& state;
-  Durability durability;
+  const Durability durability;
+  const Feed* const origin;
   Changes told{};
   Changes stored{};
 
@@ -126,40 +148,35 @@ struct Writer {
     if (change.kind == Change::Kind::del)
       del(change);
     else
-      put(change.row);
+      put(change);
   }
 
   void del(const Change& change) {
     if (!state.has(change.row.path)) return;
-    told.push_back(change);
+    tell(change);
     if (state.remove(change.row.path)) stored.push_back(change);
   }
 
-  void put(const Row& row) {
+  void put(const Change& change) {
+    const Row& row = change.row;
     auto at = state.entries.find(row.path);
     if (at != state.entries.end() && at->second.type != row.type) {
       del(Change::del(row.path));
       at = state.entries.end();
     }
     if (at == state.entries.end()) {
-      state.remember(row.path);
-      at = state.entries.emplace(row.path, Entry{row.type, durability, {}}).first;
+      at = state.make(row.path, Entry{row.type, durability, {}});
       note(at->second, Change::put(row.path, row.type, "", {}));
     }
-    if (row.attribute.empty()) return;
-    Zel::Value* value = at->second.find(row.attribute);
-    if (value && *value == row.value) return;
-    state.remember(row.path);
-    if (value)
-      *value = row.value;
-    else
-      at->second.attributes.emplace_back(row.attribute, row.value);
-    note(at->second, {Change::Kind::put, row});
+    if (!row.attribute.empty() && state.set(*at, row.attribute, row.value)) note(at->second, change);
   }
 
-  void note(const Entry& entry, Change change) {
+  void note(const Entry& entry, const Change& change) {
     if (durability == Durability::stored && entry.durability == Durability::stored) stored.push_back(change);
-    told.push_back(std::move(change));
+    tell(change);
+  }
+  void tell(const Change& change) {
+    if (state.hears(change, origin)) told.push_back(change);
   }
 };
 
@@ -167,7 +184,7 @@ struct Writer {
 
 void MemoryStore::write(const Changes& changes, Durability durability, Feed* origin) {
   const std::size_t before = state_->undo.size();
-  Writer<State> writer{*state_, durability};
+  Writer<State> writer{*state_, durability, origin};
   try {
     for (const Change& change : changes) writer.apply(change);
     if (!writer.stored.empty()) persist(writer.stored);
@@ -179,7 +196,7 @@ void MemoryStore::write(const Changes& changes, Durability durability, Feed* ori
 }
 
 void MemoryStore::flush() {
-  if (state_->told.empty()) return;
+  if (state_->undo.empty()) return;
   try {
     commit();
   } catch (...) {

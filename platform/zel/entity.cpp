@@ -35,15 +35,53 @@ std::string Entity::memberPrefix(const Entity& member) const {
   return {};
 }
 
+namespace {
+
+constexpr char kHex[] = "0123456789ABCDEF";
+
+bool plain(char c) {
+  const auto byte = static_cast<unsigned char>(c);
+  return c != '/' && c != '%' && byte >= 0x20 && byte != 0x7F;
+}
+
+void appendEscaped(std::string& text, char c) {
+  const auto byte = static_cast<unsigned char>(c);
+  text += {'%', kHex[byte >> 4], kHex[byte & 15]};
+}
+
+void appendComponent(std::string& text, std::string_view name) {
+  const bool dots = name == "." || name == "..";
+  for (const char c : name) {
+    if (plain(c) && !dots)
+      text += c;
+    else
+      appendEscaped(text, c);
+  }
+}
+
+}  // namespace
+
 std::string Entity::path() const {
-  std::string own = escapeComponent(name().view());
-  if (!parent_) return own;
-  const std::string above = parent_->path();
-  const std::string collection = parent_->memberPrefix(*this);
-  std::string path = above;
-  for (const std::string& part : {collection, own})
-    if (!part.empty()) path += (path.empty() ? "" : "/") + part;
+  std::string path;
+  path.reserve(64);
+  appendPath(path);
   return path;
+}
+
+void Entity::appendPath(std::string& path) const {
+  const auto separate = [&path] {
+    if (!path.empty()) path += '/';
+  };
+  if (parent_) {
+    parent_->appendPath(path);
+    if (const std::string collection = parent_->memberPrefix(*this); !collection.empty()) {
+      separate();
+      path += collection;
+    }
+  }
+  if (name().empty()) return;
+  separate();
+  appendComponent(path, name().view());
 }
 
 std::ostream& operator<<(std::ostream& out, const Entity& entity) {
@@ -66,18 +104,6 @@ String valueToStrepOfRawPtr(const Entity* entity) {
 
 namespace {
 
-constexpr char kHex[] = "0123456789ABCDEF";
-
-bool plain(char c) {
-  const auto byte = static_cast<unsigned char>(c);
-  return c != '/' && c != '%' && byte >= 0x20 && byte != 0x7F;
-}
-
-void appendEscaped(std::string& text, char c) {
-  const auto byte = static_cast<unsigned char>(c);
-  text += {'%', kHex[byte >> 4], kHex[byte & 15]};
-}
-
 int hexDigit(char c) {
   if (c >= '0' && c <= '9') return c - '0';
   return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
@@ -88,13 +114,7 @@ int hexDigit(char c) {
 std::string escapeComponent(std::string_view name) {
   std::string text;
   text.reserve(name.size());
-  const bool dots = name == "." || name == "..";
-  for (const char c : name) {
-    if (plain(c) && !dots)
-      text += c;
-    else
-      appendEscaped(text, c);
-  }
+  appendComponent(text, name);
   return text;
 }
 

@@ -47,6 +47,8 @@ class ZEL_API Entity : public Described<Entity, Notifier> {
   // For the object whose collection the entity lives in. The object detaches it before it goes away itself.
   void ownerIs(Entity* owner);
 
+  void appendPath(std::string& path) const;
+
   Entity* parent_ = nullptr;
 };
 

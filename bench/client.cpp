@@ -21,19 +21,18 @@ constexpr double kPatience = 300;  // seconds for anything that a host is asked 
 
 void nap() { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
 
-Json settingJson(const Led::LightSetting& setting) {
-  Json json = {{"flashInterval", setting.flashInterval}};
-  if (setting.yellow) json["yellow"] = true;
-  if (setting.green) json["green"] = true;
-  if (setting.red) json["red"] = true;
-  if (setting.orange) json["orange"] = true;
-  return json;
+std::string settingText(const Led::LightSetting& setting) {
+  std::string text = R"({"flashInterval":)" + std::to_string(setting.flashInterval);
+  if (setting.yellow) text += R"(,"yellow":true)";
+  if (setting.green) text += R"(,"green":true)";
+  if (setting.red) text += R"(,"red":true)";
+  if (setting.orange) text += R"(,"orange":true)";
+  return text + '}';
 }
 
-Json ledPut(std::size_t led, const Led::LightSetting& setting) {
-  return {{"op", "put"},
-          {"path", "hardware/led/config/leds/" + ledName(led)},
-          {"attributes", {{"lightSetting", settingJson(setting)}}}};
+std::string ledPut(std::size_t led, const Led::LightSetting& setting) {
+  return R"({"op":"put","path":"hardware/led/config/leds/)" + ledName(led) +
+         R"(","attributes":{"lightSetting":)" + settingText(setting) + "}}";
 }
 
 Json mappingPut(std::size_t led) {
@@ -107,11 +106,7 @@ Json Client::call(const std::string& method, const Json& parameters) {
 }
 
 std::string setRequest(std::size_t led, const Led::LightSetting& setting) {
-  const Json request = {{"jsonrpc", "2.0"},
-                        {"id", 1},
-                        {"method", "write"},
-                        {"params", {{"changes", Json::array({ledPut(led, setting)})}}}};
-  return request.dump() + '\n';
+  return R"({"jsonrpc":"2.0","id":1,"method":"write","params":{"changes":[)" + ledPut(led, setting) + "]}}\n";
 }
 
 std::string pinPath(std::size_t led, std::size_t color) {
@@ -131,7 +126,7 @@ void RunningHost::fill(std::size_t leds) {
   for (std::size_t begin = 0; begin < leds; begin += kBatch) {
     Json changes = Json::array();
     for (std::size_t led = begin; led < std::min(begin + kBatch, leds); ++led) {
-      changes.push_back(ledPut(led, steady(led % kPins)));
+      changes.push_back(Json::parse(ledPut(led, steady(led % kPins))));
       changes.push_back(mappingPut(led));
     }
     client.call("write", {{"changes", changes}});

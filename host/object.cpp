@@ -220,8 +220,7 @@ Value Objects::coerce(const std::string& path, const Zel::Parameter& parameter, 
   const auto known = parameter.type ? Zel::Name::existing(parameter.type()) : std::nullopt;
   const Zel::TypeNode* type = known ? Zel::typeNode(*known) : nullptr;
   if (!text || !type) return given;
-  if (text->find('/') == std::string::npos)
-    if (const auto found = named(path, *type, *text)) return Value::Object{found, false};
+  if (const auto found = named(path, *type, *text)) return Value::Object{found, false};
   const ObjectRef at = follow(resolve(*text));
   if (at.attribute) throw ValueError("'" + *text + "' is no object; wanted a " + parameter.type());
   return Value::Object{at.object, at.isConst};

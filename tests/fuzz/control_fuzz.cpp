@@ -1,0 +1,52 @@
+// Everything that a client may send, up to the store: lines, requests, changes, rows. What is refused must be
+// refused by an exception of the kind that the control socket answers with, and what is taken must be told
+// and read back.
+#include <cstdint>
+#include <string_view>
+
+#include "host/batch.h"
+#include "host/connection.h"
+#include "host/rpc.h"
+#include "platform/statedb/store.h"
+#include "platform/zel/trace.h"
+
+namespace {
+
+void check(bool holds) {
+  if (!holds) __builtin_trap();
+}
+
+void takeRequest(std::string_view line) {
+  Host::Request request;
+  request.read(line);
+  Statedb::MemoryStore store;
+  const auto typeAt = [&](const std::string& path) { return store.typeAt(path); };
+  const Host::Json& changes = request.parameters.is_object()
+                                  ? request.parameters.value("changes", Host::Json::array())
+                                  : request.parameters;
+  const Host::Batch batch = Host::readBatch(changes, typeAt, {});
+  if (!batch.errors.empty()) return;
+  store.write(batch.changes, Statedb::Durability::stored);
+  store.flush();
+  check(Host::entityRows(Host::entitiesJson(store.read(""))) == store.read(""));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string_view bytes(reinterpret_cast<const char*>(data), size);
+  Host::Lines lines(4096);
+  lines.take(bytes, [](std::string_view line) {
+    try {
+      takeRequest(line);
+    } catch (const Host::RpcError&) {
+    } catch (const Zel::ValueError&) {
+    }
+    return true;
+  });
+  try {
+    Zel::traceLevelsIs(bytes);
+  } catch (const Zel::ValueError&) {
+  }
+  return 0;
+}

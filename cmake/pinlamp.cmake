@@ -8,8 +8,13 @@ target_include_directories(pinlamp_options INTERFACE ${PROJECT_SOURCE_DIR})
 if(PINLAMP_SANITIZE)
   # GCC 12 takes what the sanitizers insert into std::function for reads of uninitialised memory.
   target_compile_options(pinlamp_options INTERFACE
-    -fsanitize=${PINLAMP_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -Wno-maybe-uninitialized)
+    -fsanitize=${PINLAMP_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer
+    $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   target_link_options(pinlamp_options INTERFACE -fsanitize=${PINLAMP_SANITIZE})
+endif()
+
+if(PINLAMP_FUZZ)
+  target_compile_options(pinlamp_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
 # pinlamp_objects(NAME SOURCES...): one folder's objects, linked into the libraries and into the tests.

@@ -14,7 +14,7 @@ if(PINLAMP_SANITIZE)
 endif()
 
 if(PINLAMP_FUZZ)
-  target_compile_options(pinlamp_options INTERFACE -fsanitize=fuzzer-no-link)
+  target_compile_options(pinlamp_options INTERFACE -fsanitize=fuzzer-no-link -fsized-deallocation)
 endif()
 
 # pinlamp_objects(NAME SOURCES...): one folder's objects, linked into the libraries and into the tests.

@@ -185,7 +185,7 @@ Value Objects::set(const std::string& path, const Value::List& arguments) const 
   Value::List given = arguments;
   if (at.key) given.insert(given.begin(), Value(at.key->view()));
   const Zel::Parameter plain{at.attribute->name, at.attribute->type};
-  for (std::size_t i = 0; i < given.size(); ++i)
+  for (std::size_t i = at.key ? 1 : 0; i < given.size(); ++i)
     given[i] =
         coerce(path, i < at.attribute->parameters.size() ? at.attribute->parameters[i] : plain, given[i]);
   return perform(path, Operation::set, given);

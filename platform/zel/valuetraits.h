@@ -139,16 +139,16 @@ struct ValueTraits<S> {
   // Fields that are not given have their default.
   static S fromValue(const Value& value) {
     S result;
-    for (const auto& [name, given] : detail::expect<Value::Fields>(value, "fields")) {
+    for (const Value::Field& given : detail::expect<Value::Fields>(value, "fields")) {
       bool known = false;
       std::string names;
       each([&]<auto Member>(const Field<Member>& field) {
         names += (names.empty() ? "" : ", ") + std::string(field.name);
-        if (name != field.name) return;
+        if (given.first != field.name) return;
         known = true;
-        result.*Member = read<Member>(field, given);
+        result.*Member = read<Member>(field, given.second);
       });
-      if (!known) throwUnknownField(name, names);
+      if (!known) throwUnknownField(given.first, names);
     }
     return result;
   }

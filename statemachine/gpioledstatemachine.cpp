@@ -141,19 +141,20 @@ void GpioLedStateMachine::startFlashing(double interval) {
   if (clock_->timeMin() > std::numeric_limits<double>::max()) wakeUpIs(Zel::System::currentTime() + interval);
 }
 
-void GpioLedStateMachine::foresee(unsigned step) const {
+bool GpioLedStateMachine::foresee(unsigned step) const {
   if (step == 2) {
     Zel::prefetch(corvelGpioLedConfig_.get());
     Zel::prefetch(hwLedConfig_.get());
-    return;
+    return true;
   }
   if (step == 3) Zel::prefetch(watched(hwLedConfig_));
-  if (!corvelGpioLedConfig_) return;
+  if (!corvelGpioLedConfig_) return false;
   for (const Colour& colour : kColours)
     if (const auto* pin = (*corvelGpioLedConfig_.*colour.pins)().only()) {
       if (step == 3) Zel::prefetch(pin);
       if (step == 4) pin->foreseeNotifiees();
     }
+  return true;
 }
 
 void GpioLedStateMachine::handleClockTimeout() {

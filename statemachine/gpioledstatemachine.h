@@ -107,7 +107,7 @@ class GpioLedStateMachine : public Zel::Described<GpioLedStateMachine, Zel::Noti
   // Applies any setting. The name only says whose it is.
   void handleLedSystemConfig(Zel::Name ledSystemConfig, const LightSetting& setting);
   // Fetches what is read and written to show a setting, as NotifieeBase::foresee.
-  void foresee(unsigned step) const;
+  bool foresee(unsigned step) const;
   // One toggle.
   void handleClockTimeout();
 

@@ -26,11 +26,14 @@ class Nested : public Zel::Reactor<Self, Base> {
       : Zel::Reactor<Self, Base>(notifier), owner_(&owner) {}
 
   // The first step fetches the owner, the others are the owner's.
-  void foresee(unsigned step) const override {
-    if (step == 1)
+  bool foresee(unsigned step) const override {
+    if constexpr (requires { owner_->foresee(step); }) {
+      if (step > 1) return owner_ && owner_->foresee(step);
       Zel::prefetch(owner_);
-    else if constexpr (requires { owner_->foresee(step); })
-      if (owner_) owner_->foresee(step);
+      return true;
+    } else {
+      return false;
+    }
   }
 
   // Calls the owner, which is kept alive meanwhile, unless the reactor was retired.

@@ -7,11 +7,9 @@
 
 namespace Pinlamp {
 
-// The facility's handle, made on first use.
-inline const Zel::TraceHandle& traceHandle() {
-  static const Zel::TraceHandle handle("Pinlamp", false);
-  return handle;
-}
+// The facility's handle; made when the library is loaded, so that using it takes no check.
+inline const Zel::TraceHandle kTraceHandle("Pinlamp", false);
+inline const Zel::TraceHandle& traceHandle() { return kTraceHandle; }
 
 // Writes one record, made of `parts`, where the level is on. While it is off nothing is formatted; so pass
 // parts that cost nothing to name. `function` is the plain name of the function that traces.

@@ -123,19 +123,27 @@ class ZEL_API NotifieeBase : public PtrInterface,
   virtual void deliver() = 0;
   // Runs the immediate hook of one attribute.
   virtual void immediate(AttributeIndex index) = 0;
-  // Fetches into the cache what the handlers are about to read. The steps, from 1 to 4, go down one
-  // pointer each: what a step reads, the one before has fetched. Called on several reactors, step by step,
-  // before they are delivered to in turn, so that their cache misses overlap instead of adding up.
-  virtual void foresee(unsigned step) const { static_cast<void>(step); }
+  // Fetches into the cache what the handlers are about to read. The steps, from 1 to 4, go down one pointer
+  // each: what a step reads, the one before has fetched. Returns whether there is more for the next step.
+  // Called on several reactors, step by step, before they are delivered to in turn, so that their cache
+  // misses overlap instead of adding up.
+  virtual bool foresee(unsigned step) const {
+    static_cast<void>(step);
+    return false;
+  }
   // For those who deliver: the same for the first members of a list of reactors, found by `Of`. Returns how
   // many these are at most.
   template <NotifieeBase& Of(ListHook& hook)>
   static unsigned foreseeSome(ListHook& list) {
     constexpr unsigned kAtOnce = 16;
-    constexpr unsigned kForesight = 4;
-    for (unsigned step = 1; step <= kForesight; ++step) {
+    constexpr unsigned kSteps = 4;
+    std::uint32_t more = ~0U;  // bit n: the nth has something for the next step
+    for (unsigned step = 1; step <= kSteps && more != 0; ++step) {
+      std::uint32_t next = 0;
       ListHook* hook = list.next();
-      for (unsigned i = 0; i < kAtOnce && hook != &list; ++i, hook = hook->next()) Of(*hook).foresee(step);
+      for (unsigned i = 0; i < kAtOnce && hook != &list; ++i, hook = hook->next())
+        if ((more >> i & 1U) != 0 && Of(*hook).foresee(step)) next |= 1U << i;
+      more = next;
     }
     return kAtOnce;
   }

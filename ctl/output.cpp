@@ -21,16 +21,15 @@ std::string bare(const Json& value) { return value.is_string() ? value.get<std::
 
 std::string timeStamp() {
   using namespace std::chrono;
-  const auto now = system_clock::now().time_since_epoch();
-  const std::time_t seconds = duration_cast<std::chrono::seconds>(now).count();
+  const auto now = system_clock::now();
+  const std::time_t seconds = system_clock::to_time_t(now);
   std::tm parts{};
   gmtime_r(&seconds, &parts);
-  char date[32];
-  char text[48];
-  std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &parts);
-  std::snprintf(text, sizeof text, "%s.%06ld", date,
-                static_cast<long>((duration_cast<microseconds>(now) % 1s).count()));
-  return text;
+  char date[24];
+  std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S.", &parts);
+  const auto micros = (duration_cast<microseconds>(now.time_since_epoch()) % 1s).count();
+  const std::string digits = std::to_string(micros);
+  return date + std::string(6 - digits.size(), '0') + digits;
 }
 
 void Table::print(std::ostream& out) const {

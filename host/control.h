@@ -16,7 +16,7 @@
 
 namespace Host {
 
-class Control : private Connection::Owner {
+class Control final : private Connection::Owner {
  public:
   // Listens on the socket at once. All three must outlive the server.
   Control(Loop& loop, Listener& listener, Served& served);

@@ -35,7 +35,7 @@ void Host::takeApart() {
   watchdog_.reset();
   control_.reset();
   manager_->stop();
-  for (const auto& plugin : std::ranges::reverse_view(plugins_)) plugin->dropAgent();
+  for (auto plugin = plugins_.rbegin(); plugin != plugins_.rend(); ++plugin) (*plugin)->dropAgent();
   manager_ = nullptr;
   while (!plugins_.empty()) plugins_.pop_back();
 }

@@ -18,7 +18,7 @@
 
 namespace Host {
 
-class UnixStore : public Statedb::Store, public Connection::Owner {
+class UnixStore final : public Statedb::Store, public Connection::Owner {
  public:
   // Connects from the loop, and tries again as long as nobody listens: after 50 ms at first, then twice as
   // long each time, up to 2 s. `report` hears once of every loss and every return, and of what the other side

@@ -208,14 +208,13 @@ void MemoryStore::flush() {
   state_->undo.clear();
   for (const Told& told : std::exchange(state_->told, {})) {
     const auto subscriptions = state_->subscriptions;
-    for (const auto& [feed, path] : subscriptions) {
-      const bool there =
-          std::ranges::find(state_->subscriptions, feed, &Subscription::feed) != state_->subscriptions.end();
-      if (feed == told.origin || !there) continue;
+    for (const Subscription& each : subscriptions) {
+      const auto still = std::ranges::find(state_->subscriptions, each.feed, &Subscription::feed);
+      if (each.feed == told.origin || still == state_->subscriptions.end()) continue;
       Changes concerned;
       std::ranges::copy_if(told.changes, std::back_inserter(concerned),
-                           [&](const Change& change) { return concerns(change, path); });
-      if (!concerned.empty()) feed->onChanges(concerned);
+                           [&](const Change& change) { return concerns(change, each.path); });
+      if (!concerned.empty()) each.feed->onChanges(concerned);
     }
   }
 }

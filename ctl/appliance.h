@@ -21,6 +21,8 @@ inline constexpr char kMapDirType[] = "Hardware::Gpio::GpioLedSystemConfigDir";
 inline constexpr char kMapType[] = "Hardware::Gpio::GpioLedConfig";
 inline constexpr char kPinDir[] = "hardware/corvel/gpio/config";
 inline constexpr char kPinType[] = "Hardware::Gpio::CorvelPinConfig";
+inline constexpr char kLineStatusDir[] = "hardware/corvel/gpio/status";
+inline constexpr char kLineStatusType[] = "Hardware::Gpio::GpioLineStatus";
 
 std::string ledPath(const std::string& led);
 std::string mapPath(const std::string& led);

@@ -1,5 +1,6 @@
 #include <ostream>
 
+#include "ctl/appliance.h"
 #include "ctl/context.h"
 #include "ctl/output.h"
 #include "ctl/text.h"
@@ -50,7 +51,34 @@ std::string refusalsText(const Json& status) {
   return last.empty() || last == "null" ? count : count + ", last: " + last;
 }
 
-void printStatus(std::ostream& out, const Json& status) {
+// The entities that say how each pin's GPIO line fares. A host whose state database is kept elsewhere has
+// none.
+Json readLines(Client& client) {
+  try {
+    Json lines = client.read(kLineStatusDir);
+    std::erase_if(lines.get_ref<Json::array_t&>(),
+                  [](const Json& line) { return line.at("type") != kLineStatusType; });
+    return lines;
+  } catch (const ConnectionLost&) {
+    throw;
+  } catch (const Refusal&) {
+    return Json::array();
+  }
+}
+
+// How many lines are driven, and what ails the others.
+void addLines(Table& table, const Json& lines) {
+  if (lines.empty()) return;
+  std::vector<std::vector<std::string>> ailing;
+  for (const Json& line : lines)
+    if (const Json& state = line.at("attributes"); !state.value("driven", false))
+      ailing.push_back({"", lastName(line.at("path").get<std::string>()) + ": " + state.value("error", "")});
+  table.add({"lines", std::to_string(lines.size() - ailing.size()) + " driven, " +
+                          std::to_string(ailing.size()) + " not"});
+  for (auto& row : ailing) table.add(std::move(row));
+}
+
+void printStatus(std::ostream& out, const Json& status, const Json& lines) {
   const auto text = [&](const char* name) { return bare(status.at(name)); };
   Table table;
   table.add({"pinlampd", text("version") + ", process " + text("pid") + ", up " +
@@ -60,6 +88,7 @@ void printStatus(std::ostream& out, const Json& status) {
   table.add({"LEDs", text("leds") + " configured, " + text("mappings") + " mapped, " + text("machines") +
                          " machines"});
   table.add({"pins", text("pins") + ", " + text("published") + " values published"});
+  addLines(table, lines);
   table.add({"entities", text("entities") + ", " + text("names") + " names"});
   table.add({"loop", text("passes") + " passes, " + text("deliveries") + " deliveries, " + text("expiries") +
                          " ticks, worst lateness " +
@@ -72,11 +101,14 @@ void printStatus(std::ostream& out, const Json& status) {
 }
 
 void showStatus(Context& context, bool json) {
-  const Json status = context.client().call("status");
+  Json status = context.client().call("status");
+  const Json lines = readLines(context.client());
+  for (const Json& line : lines)
+    status["lines"][lastName(line.at("path").get<std::string>())] = line.at("attributes");
   if (json)
     context.out << status.dump(2) << '\n';
   else
-    printStatus(context.out, status);
+    printStatus(context.out, status, lines);
 }
 
 void addTrace(CLI::App& app, Context& context) {

@@ -13,7 +13,6 @@ namespace Ctl {
 
 namespace {
 
-constexpr char kLineStatusDir[] = "hardware/corvel/gpio/status";
 constexpr char kReactor[] = "agent/configReactor";
 
 // One of the four facts that make an LED driven.

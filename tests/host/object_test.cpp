@@ -39,7 +39,7 @@ class ObjectsTest : public testing::Test {
  protected:
   ObjectsTest() {
     led->gpioRedIs(pin);
-    dir->entryIs(pin);
+    Zel::dynamicPtrCast<Zel::Dir>(dir->entryIs("d", "Zel::Dir"))->entryIs(pin);
   }
   std::string error(const std::function<void()>& call) {
     try {
@@ -64,15 +64,15 @@ class ObjectsTest : public testing::Test {
 TEST_F(ObjectsTest, PathsLeadThroughPointersCollectionsAndDirectories) {
   EXPECT_EQ(objects.get("agent/system/gpioLeds/A%2F1/gpioRed/p/value"), Value(0));
   EXPECT_EQ(objects.get("driver/system/gpioLeds"), Value(Value::List{"A/1"}));
-  EXPECT_EQ(objects.get("p/value"), Value(0));
-  EXPECT_EQ(objects.set("p/value", {1}), Value());
+  EXPECT_EQ(objects.get("d/p/value"), Value(0));
+  EXPECT_EQ(objects.set("d/p/value", {1}), Value());
   EXPECT_EQ(pin->value(), 1U);
   EXPECT_EQ(objects.del("agent/system/gpioLeds/A%2F1/gpioRed/p").as<Value::Object>()->pointer, pin);
   EXPECT_TRUE(led->gpioRed().empty());
   objects.set("agent/system/gpioLeds/B", {});
   EXPECT_NE(driver->system_->gpioLeds("B"), nullptr);
-  objects.del("p");
-  EXPECT_EQ(dir->entityRef("p"), nullptr);
+  objects.del("d/p");
+  EXPECT_EQ(pin->parent(), nullptr);
 }
 
 TEST_F(ObjectsTest, ATextStandsForTheObjectOfItsNameOrPath) {
@@ -81,7 +81,7 @@ TEST_F(ObjectsTest, ATextStandsForTheObjectOfItsNameOrPath) {
     objects.call("agent/write", {text, 7});
     EXPECT_EQ(pin->value(), 7U) << text;
   }
-  objects.set("agent/seen", {"p"});
+  objects.set("agent/seen", {"d/p"});
   EXPECT_EQ(driver->seen_, pin);
 }
 
@@ -90,7 +90,7 @@ TEST_F(ObjectsTest, WhatLeadsNowhereSaysWhatThereIs) {
       {"agent/sytem", "'sytem' leads nowhere; there is name, parent, system, seen, write"},
       {"agent/system/gpioLeds/C/gpioRed", "'C' is no member of 'gpioLeds'; there is A%2F1"},
       {"agent/seen/value", "'seen' is null"},
-      {"nothing", "'nothing' leads nowhere; there is p"},
+      {"nothing", "'nothing' leads nowhere; there is d"},
       {"agent//system", "has an empty component"},
   };
   for (const auto& [path, says] : cases)

@@ -87,7 +87,8 @@ EventWork<World>& eventWork() {
   return work;
 }
 
-// Heap bytes of a world, for each LED; taken in a process of its own.
+// Heap bytes of a world, for each LED; taken in a process of its own. REQUIRES: this process has made no
+// world yet, whose memory the child's would go into; so call it while contestants are registered.
 template <class World>
 double eventMemory() {
   return inChild([] {
@@ -103,6 +104,12 @@ double eventMemory() {
 }
 
 template <class World>
+void addMemoryContestant(const std::string& name) {
+  const double bytes = eventMemory<World>();
+  addOnce("memory/" + name, [bytes] { return std::vector<Figure>{{"", bytes}}; });
+}
+
+template <class World>
 void addEventContestant(const std::string& name) {
   static constexpr std::size_t kBatch = 64;
   const auto add = [&](const std::string& row, auto work, std::size_t batch) {
@@ -112,7 +119,7 @@ void addEventContestant(const std::string& name) {
   add("event", &eventWork<World, kPins>, kBatch);
   add("event-single", &eventWork<World, kPins>, 1);
   add("notify", &eventWork<World, 0>, kBatch);
-  addOnce("memory/" + name, [] { return std::vector<Figure>{{"", eventMemory<World>()}}; });
+  addMemoryContestant<World>(name);
 }
 
 }  // namespace Bench

@@ -36,8 +36,8 @@ class BareObjects {
 }  // namespace
 
 void addMemory() {
-  addOnce("memory/agent alone", [] { return std::vector<Figure>{{"", eventMemory<AgentAlone>()}}; });
-  addOnce("memory/bare objects", [] { return std::vector<Figure>{{"", eventMemory<BareObjects>()}}; });
+  addMemoryContestant<AgentAlone>("agent alone");
+  addMemoryContestant<BareObjects>("bare objects");
 }
 
 }  // namespace Bench

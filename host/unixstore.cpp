@@ -153,6 +153,7 @@ std::vector<Statedb::Row> UnixStore::read(const std::string&) const {
 
 void UnixStore::flush() {
   for (const auto& [changes, origin] : std::exchange(toTell_, {})) tellOthers(changes, origin);
+  if (const auto connection = connection_) connection->flush();  // closes it where the other side has ended
   if (!connection_ || !own_.canSend()) return;
   const Changes changes = own_.send();
   if (changes.empty()) return own_.acknowledged();

@@ -40,6 +40,10 @@ std::shared_ptr<Connection> Connection::accept(uv_stream_t* listener, Owner& own
 Connection::Connection(UvHandle<uv_pipe_t> pipe, Owner& owner, std::size_t lineLimit)
     : pipe_(std::move(pipe)), owner_(owner), lines_(lineLimit) {
   pipe_->data = this;
+  startReading();
+}
+
+void Connection::startReading() {
   const auto allocate = [](uv_handle_t*, std::size_t, uv_buf_t* buffer) {
     static std::array<char, 1 << 16> bytes;
     *buffer = uv_buf_init(bytes.data(), bytes.size());
@@ -65,6 +69,17 @@ void Connection::onRead(ssize_t size, const char* bytes) {
   if (!lines_.oversized() || closed()) return;
   owner_.onOversizedLine(*this);
   end();
+}
+
+void Connection::pause() {
+  if (closed() || ending_ || paused_) return;
+  paused_ = true;
+  uv_read_stop(reinterpret_cast<uv_stream_t*>(pipe_.get()));
+}
+
+void Connection::resume() {
+  if (!std::exchange(paused_, false) || closed() || ending_) return;
+  startReading();
 }
 
 std::size_t Connection::waiting() const {

@@ -57,6 +57,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // connection is closed.
   void send(std::string_view line);
   void flush();
+  // Takes nothing more than what has arrived, until resume().
+  void pause();
+  void resume();
   // Reads nothing more, and closes once everything was sent.
   void end();
   void close();
@@ -64,6 +67,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
  private:
   struct Write;
 
+  void startReading();
   void onRead(ssize_t size, const char* bytes);
   void onWritten(bool failed);
   std::size_t waiting() const;
@@ -73,6 +77,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   Lines lines_;
   std::string outgoing_;
   bool ending_ = false;
+  bool paused_ = false;
 };
 
 }  // namespace Host

@@ -39,6 +39,7 @@ void Control::onLine(Connection& connection, std::string_view line) {
   } catch (const RpcError& error) {
     text = errorText(request.id, error);
   }
+  if ((peer.taken += line.size()) > kTakenLimit) connection.pause();
   if (!request.answered) text.clear();
   answer({peer.connection, std::move(request.id), wrote, std::move(text)});
 }
@@ -95,7 +96,11 @@ void Control::release(const RpcError* failure) {
 }
 
 void Control::send() {
-  for (auto& [connection, peer] : peers_) peer->connection->flush();
+  for (auto& [connection, peer] : peers_) {
+    peer->taken = 0;
+    peer->connection->resume();
+    peer->connection->flush();
+  }
   for (const Connection* connection : std::exchange(closed_, {})) peers_.erase(connection);
 }
 

@@ -36,6 +36,7 @@ class Control final : private Connection::Owner {
 
     const std::shared_ptr<Connection> connection;
     Watches watches;
+    std::size_t taken = 0;  // bytes of requests in this round
   };
   // An answer that waits for the next commit.
   struct Answer {
@@ -44,6 +45,9 @@ class Control final : private Connection::Owner {
     bool wrote;
     std::string text;  // empty where the client wants none
   };
+  // Bytes of requests that one client may have carried out in a round: what they cause reaches the others
+  // before more.
+  static constexpr std::size_t kTakenLimit = 256 << 10;
   // Bytes of answers that may wait for the end of the round.
   static constexpr std::size_t kWaitingLimit = 1 << 20;
 

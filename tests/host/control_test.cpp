@@ -100,6 +100,19 @@ TEST_F(ControlTest, RequestsArriveHoweverTheyAreDivided) {
   }
 }
 
+TEST_F(ControlTest, AFloodIsTakenInPortionsAndAnsweredWhole) {
+  Client client(listener.path());
+  std::string flood;
+  for (int id = 0; id < 12000; ++id) flood += request("hello", Json::object(), id);
+  int answered = 0;
+  for (std::string_view rest = flood; answered < 12000 && !client.ended(); loop.runOnce()) {
+    if (!rest.empty()) rest.remove_prefix(client.send(rest));
+    for (auto line = client.line(); line; line = client.line())
+      EXPECT_EQ(Json::parse(*line)["id"], answered++);
+  }
+  EXPECT_EQ(answered, 12000);
+}
+
 TEST_F(ControlTest, WhatIsNoRequestIsAnsweredAndTheConnectionGoesOn) {
   const Json wrongOp = {{{"op", "del"}, {"path", "a"}}, {{"op", "pu"}, {"path", "a"}}};
   const std::tuple<std::string, int, const char*> cases[] = {

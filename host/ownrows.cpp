@@ -64,6 +64,15 @@ void OwnRows::write(const Changes& changes) {
   }
 }
 
+void OwnRows::adopt(const Row& row) {
+  if (coveredBy(unsent_.removed, row.path) || coveredBy(underWay_.removed, row.path)) return;
+  const auto held = entities_.find(row.path);
+  const auto name = &std::pair<std::string, Zel::Value>::first;
+  if (held == entities_.end() ||
+      std::ranges::find(held->second.attributes, row.attribute, name) == held->second.attributes.end())
+    put(row, nullptr);
+}
+
 Changes OwnRows::send() {
   underWay_ = std::exchange(unsent_, {});
   sending_ = true;

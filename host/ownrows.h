@@ -18,6 +18,10 @@ class OwnRows {
   // Takes a batch that was published here.
   void write(const Statedb::Changes& changes);
 
+  // Takes a row that is known there already for this process's own, as what a predecessor published; what was
+  // written here stands.
+  void adopt(const Statedb::Row& row);
+
   // Whether something is to be sent and nothing is under way.
   bool canSend() const { return !sending_ && !unsent_.empty(); }
   // What the other side does not know yet, as one batch; it is under way until acknowledged or lost. Removals

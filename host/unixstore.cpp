@@ -132,7 +132,11 @@ void UnixStore::watch(Subscription& subscription) {
 
 void UnixStore::tellSnapshot(Feed& feed, const Json& entities) {
   const auto found = std::ranges::find(subscriptions_, &feed, [](const auto& each) { return each->feed; });
-  if (found != subscriptions_.end()) feed.onSnapshot(own_.over(entityRows(entities), (*found)->path));
+  if (found == subscriptions_.end()) return;
+  const auto rows = entityRows(entities);
+  for (const Statedb::Row& row : rows)
+    if (feed.publishes(row.path)) own_.adopt(row);
+  feed.onSnapshot(own_.over(rows, (*found)->path));
 }
 
 UnixStore::Subscription* UnixStore::find(std::int64_t watch) {

@@ -84,6 +84,11 @@ struct EntityManager::State : Zel::PassEnd {
       state.queue.insert(state.queue.end(), changes.begin(), changes.end());
       state.work();
     }
+    bool publishes(const std::string& at) const override {
+      return std::ranges::any_of(state.mounts, [&](const MountInfo& mount) {
+        return mount.mode == "wi" && isUnder(at, mount.path);
+      });
+    }
 
     State& state;
     const std::string path;

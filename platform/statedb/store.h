@@ -31,6 +31,9 @@ class ZEL_API Feed {
   // A batch as it was stored, less the steps that touch nothing under the path. A del of something above the
   // path arrives as it was written.
   virtual void onChanges(const Changes& changes) = 0;
+  // Whether this process publishes what stands at the path: it answers for such rows, whoever made them
+  // first.
+  virtual bool publishes(const std::string&) const { return false; }
 
  protected:
   Feed() = default;

@@ -142,4 +142,18 @@ TEST(OwnRows, BothSidesComeToTheSameRowsAndNothingPublishedIsLost) {
   }
 }
 
+TEST(OwnRows, WhatAPredecessorPublishedIsSentAgainAsItStandsHere) {
+  Host::OwnRows own;
+  own.write({Change::put("out/a", "Pin", "value", 1), Change::del("out/gone")});
+  for (const char* path : {"out/a", "out/b", "out/gone"}) own.adopt({path, "Pin", "value", 5});
+  own.send();
+  own.acknowledged();
+  own.lost();
+  Rows rows;
+  carryInto(rows, own.send());
+  EXPECT_EQ(
+      rows,
+      (Rows{{{"out/a", ""}, {}}, {{"out/a", "value"}, 1}, {{"out/b", ""}, {}}, {{"out/b", "value"}, 5}}));
+}
+
 }  // namespace

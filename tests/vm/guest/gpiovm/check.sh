@@ -1,11 +1,19 @@
-# Sourced by the scripts that test inside the machine.
+# Sourced by the scripts that test inside the machine, and by those that need no machine for the same.
 failed=0
 
 check() { # TITLE EXPECTED ACTUAL
   if [ "$2" = "$3" ]; then echo "ok   $1"; else echo "FAIL $1: expected '$2', got '$3'"; failed=$((failed + 1)); fi
 }
 
+# Until the command prints what is expected, or 20 s long.
+await() { # TITLE EXPECTED COMMAND...
+  title=$1 expected=$2 tries=400 found=
+  shift 2
+  while found=$("$@" 2>&1); [ "$found" != "$expected" ] && [ $((tries -= 1)) -gt 0 ]; do sleep 0.05; done
+  check "$title" "$expected" "$found"
+}
+
 finish() {
-  [ "$failed" = 0 ] && echo "all passed after $(cut -d' ' -f1 /proc/uptime) s" || echo "$failed failed"
+  [ "$failed" = 0 ] && echo "all passed" || echo "$failed failed"
   exit $((failed > 0))
 }

@@ -1,0 +1,79 @@
+#!/usr/bin/env bash
+# The state database, the LED agent and the line agent as three real processes; the lines are chips in memory.
+#   processes_test.sh BIN
+set -uo pipefail
+PATH=$1:$PATH
+guest=$(dirname "${BASH_SOURCE[0]}")/../vm/guest/gpiovm
+. "$guest/check.sh"
+. "$guest/hosts.sh"
+trap 'kill -KILL $(jobs -p) 2>/dev/null; wait 2>/dev/null; rm -rf "$run"' EXIT
+
+mark() { pinlampctl set hardware/mark value "$1" --type Hardware::Gpio::CorvelPinConfig; }
+# Notes what a watcher hears under "hardware" from here to heard_all.
+hear() {
+  : >"$run/watched"
+  pinlampctl watch hardware >>"$run/watched" & watcher=$!
+  local n=1
+  until grep -q mark "$run/watched" || [ $((n += 1)) -gt 500 ]; do mark $n; done
+}
+heard_all() {
+  mark 0
+  for _ in $(seq 500); do ! grep -q "mark value=0" "$run/watched" || break; sleep 0.02; done
+  kill $watcher; wait $watcher 2>/dev/null
+  sed 's/^[^ ]* //; / hardware\/mark/d; s|hardware/corvel/gpio/||' "$run/watched"
+}
+handled() { grep -c 'handleHwLedConfig Status$' "$run/trace"; }
+
+state_host
+wire g sim0 3
+wire r sim0 4 activeLow true
+wire s sim7 0
+pinlampctl map set Fan1 --green g --red r --ready
+pinlampctl map set Status --green s --ready
+pinlampctl led set Fan1 Status green
+host led --store "unix:$PINLAMP_SOCKET" --agent libpinlamp.so --trace 'Pinlamp/*' --trace-file "$run/trace"
+gpio_host :PinlampSim
+await "pin values reach the state database" 101 pins g r s
+await "and from there the lines" "line 3 of gpiochip0 'sim0'" line g place
+await "a chip that is not there is told where a person looks" \
+  "no GPIO chip has the label or the name 'sim7' (there are gpiochip0 'sim0', gpiochip1 'sim1', gpiochip2 'sim2')" line s error
+pinlampctl led set Fan1 red
+await "a setting goes all the way" 011 pins g r s
+
+# The LED agent --------------------------------------------------------------------------------------------------------
+killed led
+check "the pin values outlive the LED agent" 011 "$(pins g r s)"
+check "and the line agent drives them on" true "$(line r driven)"
+hear
+led_host
+pinlampctl led set Fan1 green red
+await "its successor takes over" 111 pins g r s
+check "and publishes nothing that was there already" "put led/config/leds/Fan1 lightSetting={\"green\": true, \"red\": true}
+put config/g value=1" "$(heard_all | sed 's|hardware/||')"
+killed led
+pinlampctl led set Fan1 off
+host led --store "unix:$PINLAMP_SOCKET" --agent libpinlamp.so --trace 'Pinlamp/*' --trace-file "$run/trace"
+await "what was set while it was away is done" 001 pins g r s
+
+# The state database ---------------------------------------------------------------------------------------------------
+before=$(handled)
+killed state
+host away --store "sqlite:$run/state.db"
+pinlampctl --socket "$run/away.sock" led set Fan1 red
+check "settings are on the disk, pin values are not" "no entity at" \
+  "$(pinlampctl --socket "$run/away.sock" get hardware/corvel/gpio/config/s 2>&1 | grep -o 'no entity at')"
+ended away >/dev/null
+state_host
+await "agents come back by themselves, hear what was set meanwhile, and publish all values again" 011 pins g r s
+await "and how the lines fare" true line r driven
+check "an LED whose setting is as before hears nothing" "$before" "$(handled)"
+check "the loss and the return are said once each" 2 "$(grep -c "state database unix:" "$run/gpio.log")"
+hear
+pinlampctl led set Fan1 green
+await "and go on as before" 101 pins g r s
+check "telling only what changes" "put led/config/leds/Fan1 lightSetting={\"green\": true}
+put config/r value=0
+put config/g value=1" "$(heard_all | sed 's|hardware/||' | sort -r)"
+ended gpio led state >"$run/statuses"
+check "all end in order" "0 0 0" "$(xargs <"$run/statuses")"
+finish

@@ -132,15 +132,17 @@ check() {
 
 # ---- the run
 
-# The libraries that the programs of a tree need, copied to where ldd finds them.
+# The libraries that the programs of a tree need: the system's where ldd finds them, the others in a folder of the
+# machine that LD_LIBRARY_PATH names, for where they stand here may lie under a file system that the machine mounts.
 add_libraries() { # TREE TO
-  local file lib
+  local file lib to
   while IFS= read -r -d '' file; do
     [ "$(head -c4 "$file" | tr -d '\0')" = $'\x7fELF' ] || continue
     { ldd "$file" 2>/dev/null || true; } | sed -n -e 's/^.*=> \(\/[^ ]*\) (.*$/\1/p' -e 's/^[[:space:]]*\(\/[^ ]*\) (.*$/\1/p'
   done < <(find "$1" -type f -size +3c -print0) | sort -u | while IFS= read -r lib; do
     case $lib in "$1"/*) continue ;; esac
-    mkdir -p "$2$(dirname "$lib")"; cp -L "$lib" "$2$lib"
+    case $lib in /lib* | /usr/lib*) to=$2$lib ;; *) to=$2/gpiovm/lib/$(basename "$lib") ;; esac
+    mkdir -p "$(dirname "$to")"; cp -L "$lib" "$to"
   done
 }
 
@@ -178,7 +180,8 @@ trap 'exit 129' HUP; trap 'exit 130' INT; trap 'exit 143' TERM
 own=$tmp/own; mkdir -p "$own/gpiovm"
 add_libraries "$tree" "$own"
 printf '%s\n' "${chips[@]}" >"$own/gpiovm/chips"
-for e in "${environment[@]}"; do printf 'export %s=%s\n' "${e%%=*}" "$(quoted "${e#*=}")"; done >"$own/gpiovm/env"
+echo 'export LD_LIBRARY_PATH=/gpiovm/lib' >"$own/gpiovm/env"
+for e in "${environment[@]}"; do printf 'export %s=%s\n' "${e%%=*}" "$(quoted "${e#*=}")"; done >>"$own/gpiovm/env"
 { printf 'exec '; quoted "$@"; echo; } >"$own/gpiovm/cmd"
 [ -z "$out" ] || : >"$own/gpiovm/want-out"
 { cat "$cache/base.cpio"; pack "$here/guest"; pack "$tree"; pack "$own"; } >"$tmp/initrd"

@@ -31,11 +31,10 @@ bool OwnRows::Unknown::touches(const Change& change) const {
          std::ranges::any_of(set, [&](const auto& each) { return Statedb::isUnder(each.first, path); });
 }
 
-bool OwnRows::forget(const std::string& path) {
+void OwnRows::forget(const std::string& path) {
   const auto [first, last] = below(entities_, path);
-  const bool any = first != last;
   entities_.erase(first, last);
-  return entities_.erase(path) != 0 || any;
+  entities_.erase(path);
 }
 
 void OwnRows::put(const Row& row, Unknown* note) {

@@ -55,8 +55,8 @@ class OwnRows {
   };
 
   void put(const Statedb::Row& row, Unknown* note);
-  // Forgets the entities at and under a path; returns whether there were any.
-  bool forget(const std::string& path);
+  // Forgets the entities at and under a path.
+  void forget(const std::string& path);
 
   std::map<std::string, Entity> entities_;  // as they stand here
   Unknown unsent_;

@@ -36,8 +36,6 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
   // Keeps no rows on this side: throws StoreError.
   std::vector<Statedb::Row> read(const std::string& path) const override;
 
-  bool connected() const { return connection_ != nullptr; }
-
  private:
   struct Subscription {
     std::string path;

@@ -211,14 +211,13 @@ class ZEL_API Notifier : public PtrInterface, private detail::Label {
   ~Notifier() override;
   Name label() const { return name_; }
 
-  // Announce that a plain attribute, one key of a collection, or a collection as a whole changed.
+  // Announce that a plain attribute (or a collection as a whole), or one key of a collection changed.
   void attributeChanged(AttributeIndex index) {
     if (notifiees_.linked()) announce(index);
   }
   void keyChanged(AttributeIndex index, Name key) {
     if (notifiees_.linked()) announceKey(index, key);
   }
-  void collectionChanged(AttributeIndex index) { attributeChanged(index); }
 
  private:
   friend class NotifieeBase;

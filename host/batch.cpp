@@ -5,7 +5,7 @@
 namespace Host {
 
 using Statedb::Change;
-using Statedb::isUnder;
+using Statedb::Path;
 using Zel::ValueError;
 
 namespace {
@@ -26,7 +26,7 @@ class BatchReader {
         del(change);
     } catch (const ValueError& error) {
       failed_.push_back(change.path);
-      batch.errors.push_back(change.path + ": " + error.what());
+      batch.errors.push_back(change.path.text() + ": " + error.what());
     }
   }
 
@@ -34,17 +34,18 @@ class BatchReader {
 
  private:
   // What goes wrong under an entity that could not be made says nothing new.
-  bool underFailed(const std::string& path) const {
-    return std::ranges::any_of(failed_, [&](const std::string& each) { return isUnder(path, each); });
+  bool underFailed(Path path) const {
+    return std::ranges::any_of(failed_, [&](Path each) { return path.isUnder(each); });
   }
 
   void put(const RequestedChange& change) {
     addMounts(change.path);
-    const std::string present = types_.typeAt(change.path);
+    const Zel::Name present = types_.typeAt(change.path);
     if (change.existing && present.empty()) throw ValueError("there is no entity at this path");
-    const std::string type = typeOf(change, present);
+    const Zel::Name type = typeOf(change, present);
     if (!present.empty() && type != present)
-      throw ValueError("is there as a " + present + "; delete it before putting a " + type);
+      throw ValueError("is there as a " + present.stdString() + "; delete it before putting a " +
+                       type.stdString());
     appendChanges(change, type, batch.changes);
     types_.put(change.path, type);
   }
@@ -55,18 +56,18 @@ class BatchReader {
     types_.del(change.path);
   }
 
-  std::string typeOf(const RequestedChange& change, const std::string& present) const {
+  Zel::Name typeOf(const RequestedChange& change, Zel::Name present) const {
     if (!change.type.empty()) return change.type;
     if (!present.empty()) return present;
-    const std::string type = Statedb::placeType(change.path, types_);
+    const Zel::Name type = Statedb::placeType(change.path, types_);
     if (type.empty()) throw ValueError("'type' is missing, and nothing is there that would tell it");
     return type;
   }
 
-  void addMounts(const std::string& path) {
+  void addMounts(Path path) {
     for (const auto& mount : mounts_) {
-      if (!isUnder(path, mount.path) || !types_.typeAt(mount.path).empty()) continue;
-      batch.mounts.push_back(Change::put(mount.path, mount.type, "", {}));
+      if (!path.isUnder(mount.path) || !types_.typeAt(mount.path).empty()) continue;
+      batch.mounts.push_back(Change::put(mount.path, mount.type, {}, {}));
       batch.changes.push_back(batch.mounts.back());
       types_.put(mount.path, mount.type);
     }
@@ -75,10 +76,10 @@ class BatchReader {
   Statedb::TypesAfter types_;
   const Mounts& mounts_;
   const bool lenient_;
-  std::vector<std::string> failed_;
+  std::vector<Path> failed_;
 };
 
-RequestedChange readChange(const Json& change, std::size_t position) {
+RequestedChange readChange(const Zel::Value& change, std::size_t position) {
   try {
     return requestedChange(change);
   } catch (const ValueError& error) {
@@ -88,7 +89,8 @@ RequestedChange readChange(const Json& change, std::size_t position) {
 
 }  // namespace
 
-Batch readBatch(const Json& changes, const Statedb::TypeAt& typeAt, const Mounts& mounts, bool lenient) {
+Batch readBatch(const Zel::Value::List& changes, const Statedb::TypeAt& typeAt, const Mounts& mounts,
+                bool lenient) {
   BatchReader reader(typeAt, mounts, lenient);
   for (std::size_t i = 0; i < changes.size(); ++i) reader.add(readChange(changes[i], i));
   std::ranges::move(Statedb::checkChanges(reader.batch.changes, typeAt),

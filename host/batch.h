@@ -23,7 +23,7 @@ struct Batch {
 // first one under it, so that the store's rows say by themselves what stands there. Throws Zel::ValueError
 // where a change is not of the form of one. `lenient`: a del of what is not there is left out instead of
 // refused; who publishes derived rows again after a lost connection can't know.
-Batch readBatch(const Json& changes, const Statedb::TypeAt& typeAt,
+Batch readBatch(const Zel::Value::List& changes, const Statedb::TypeAt& typeAt,
                 const std::vector<Statedb::EntityManager::MountInfo>& mounts, bool lenient = false);
 
 }  // namespace Host

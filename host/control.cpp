@@ -63,7 +63,7 @@ std::string Control::carryOut(Peer& peer, const Request& request, bool& wrote) {
 void Control::onOversizedLine(Connection& connection) {
   const RpcError error(RpcCode::parse, "a message is longer than " + std::to_string(Lines::kLimit) +
                                            " bytes; send less at a time");
-  answer({peers_.at(&connection)->connection, nullptr, false, errorText(nullptr, error)});
+  answer({peers_.at(&connection)->connection, {}, false, errorText({}, error)});
 }
 
 // Answers go in the order of the requests, so none overtakes one that waits for the commit.

@@ -41,7 +41,7 @@ class Control final : private Connection::Owner {
   // An answer that waits for the next commit.
   struct Answer {
     std::shared_ptr<Connection> connection;
-    Json id;
+    Zel::Value id;
     bool wrote;
     std::string text;  // empty where the client wants none
   };

@@ -1,236 +1,374 @@
 #include "host/json.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
+#include <unordered_set>
 
 #include "platform/zel/entity.h"
 #include "platform/zel/type.h"
 
 namespace Host {
 
+using Statedb::Attribute;
 using Statedb::Change;
 using Statedb::Changes;
-using Statedb::Row;
+using Statedb::Path;
+using Statedb::Record;
 using Zel::Value;
 using Zel::ValueError;
 
+// Reading
+// ----------------------------------------------------------------------------------------------------
+
 namespace {
 
-Json objectJson(const Value::Object& object) {
-  if (!object.pointer) return nullptr;
-  const auto* entity = dynamic_cast<const Zel::Entity*>(object.pointer.get());
-  return {{"object", entity ? Json(entity->path()) : Json()},
-          {"type", object.pointer->fwkType().name().stdString()}};
-}
+// Builds a value from what the library's parser meets.
+class Reader {
+ public:
+  Value result;
 
-struct ToJson {
-  Json operator()(std::monostate) const { return nullptr; }
-  Json operator()(bool value) const { return value; }
-  Json operator()(std::int64_t value) const { return value; }
-  Json operator()(double value) const {
-    if (std::isnan(value)) return "nan";
-    if (std::isinf(value)) return value > 0 ? "inf" : "-inf";
-    return value;
+  bool null() { return add({}); }
+  bool boolean(bool value) { return add(value); }
+  bool number_integer(std::int64_t value) { return add(value); }
+  bool number_unsigned(std::uint64_t value) {
+    return value <= INT64_MAX ? add(static_cast<std::int64_t>(value)) : add(static_cast<double>(value));
   }
-  Json operator()(const std::string& value) const { return value; }
-  Json operator()(const Value::List& list) const {
-    Json json = Json::array();
-    for (const Value& value : list) json.push_back(toJson(value));
-    return json;
+  bool number_float(double value, const std::string&) { return add(value); }
+  bool string(std::string& value) { return add(std::move(value)); }
+  bool binary(Json::binary_t&) { return false; }
+  bool start_object(std::size_t) { return begin(Value::Fields{}); }
+  bool key(std::string& name) {
+    top().as<Value::Fields>()->emplace_back(std::move(name), Value());
+    return true;
   }
-  Json operator()(const Value::Fields& fields) const {
-    Json json = Json::object();
-    for (const auto& [name, value] : fields) json[name] = toJson(value);
-    return json;
+  bool end_object() {
+    checkNames(*top().as<Value::Fields>());
+    return end();
   }
-  Json operator()(const Value::Object& object) const { return objectJson(object); }
+  bool start_array(std::size_t) { return begin(Value::List{}); }
+  bool end_array() { return end(); }
+  bool parse_error(std::size_t position, const std::string&, const Json::exception& error) {
+    constexpr int kOutOfRange = 406;  // of a number
+    if (error.id == kOutOfRange) throw ValueError("not JSON: a number is out of range");
+    throw ValueError("not JSON at byte " + std::to_string(position));
+  }
+
+ private:
+  Value& top() { return open_.back(); }
+
+  bool begin(Value value) {
+    if (open_.size() == kJsonDepth)
+      throw ValueError("nested deeper than " + std::to_string(kJsonDepth) + " levels");
+    open_.push_back(std::move(value));
+    return true;
+  }
+  bool end() {
+    Value ended = std::move(top());
+    open_.pop_back();
+    return add(std::move(ended));
+  }
+  bool add(Value value) {
+    if (open_.empty())
+      result = std::move(value);
+    else if (auto* list = top().as<Value::List>())
+      list->push_back(std::move(value));
+    else
+      top().as<Value::Fields>()->back().second = std::move(value);
+    return true;
+  }
+
+  static void checkNames(const Value::Fields& fields) {
+    constexpr std::size_t kFew = 16;
+    if (fields.size() <= kFew) {
+      for (auto each = fields.begin(); each != fields.end(); ++each)
+        if (std::find_if(fields.begin(), each, [&](auto& one) { return one.first == each->first; }) != each)
+          throwTwice(each->first);
+      return;
+    }
+    std::unordered_set<std::string_view> names;
+    for (const auto& [name, value] : fields)
+      if (!names.insert(name).second) throwTwice(name);
+  }
+  [[noreturn]] static void throwTwice(const std::string& name) {
+    throw ValueError("the name '" + name + "' stands twice among the same fields");
+  }
+
+  std::vector<Value> open_;  // lists and fields that have not ended, each in the one before
 };
 
 }  // namespace
 
-Json toJson(const Value& value) { return value.visit(ToJson{}); }
-
-Value toValue(const Json& json) {
-  switch (json.type()) {
-    case Json::value_t::boolean:
-      return json.get<bool>();
-    case Json::value_t::number_integer:
-      return json.get<std::int64_t>();
-    case Json::value_t::number_unsigned:
-      if (json.get<std::uint64_t>() <= INT64_MAX) return json.get<std::int64_t>();
-      return json.get<double>();
-    case Json::value_t::number_float:
-      return json.get<double>();
-    case Json::value_t::string:
-      return json.get<std::string>();
-    case Json::value_t::array: {
-      Value::List list;
-      for (const Json& each : json) list.push_back(toValue(each));
-      return list;
-    }
-    case Json::value_t::object: {
-      Value::Fields fields;
-      for (const auto& [name, each] : json.items()) fields.emplace_back(name, toValue(each));
-      return fields;
-    }
-    default:
-      return {};
-  }
+Value parseJson(std::string_view text) {
+  Reader reader;
+  Json::sax_parse(text, &reader);
+  return std::move(reader.result);
 }
 
-Json parseJson(std::string_view text) {
-  const auto watchDepth = [](int depth, Json::parse_event_t, Json&) {
-    if (depth <= kJsonDepth) return true;
-    throw ValueError("nested deeper than " + std::to_string(kJsonDepth) + " levels");
-  };
-  try {
-    return Json::parse(text, watchDepth);
-  } catch (const Json::parse_error& error) {
-    throw ValueError("not JSON at byte " + std::to_string(error.byte));
-  } catch (const Json::out_of_range&) {
-    throw ValueError("not JSON: a number is out of range");
-  }
-}
+// Writing
+// ----------------------------------------------------------------------------------------------------
 
 std::string jsonText(const Json& json) { return json.dump(-1, ' ', false, Json::error_handler_t::replace); }
 
-const char* kindText(const Json& json) {
-  switch (json.type()) {
-    case Json::value_t::boolean:
-      return "true or false";
-    case Json::value_t::number_integer:
-    case Json::value_t::number_unsigned:
-    case Json::value_t::number_float:
-      return "a number";
-    case Json::value_t::string:
-      return "a text";
-    case Json::value_t::array:
-      return "a list";
-    case Json::value_t::object:
-      return "fields";
-    default:
-      return "null";
+namespace {
+
+bool isPlain(char c) { return c >= ' ' && c < 0x7F && c != '"' && c != '\\'; }
+
+// Makes what stands from `start` on a JSON text. Hardly any holds more than plain letters.
+void quoteFrom(std::string& text, std::size_t start) {
+  if (std::all_of(text.begin() + static_cast<std::ptrdiff_t>(start), text.end(), &isPlain)) {
+    text.insert(start, 1, '"');
+    text += '"';
+    return;
   }
+  const std::string quoted = jsonText(Json(text.substr(start)));
+  text.replace(start, std::string::npos, quoted);
 }
+
+void appendQuoted(std::string& text, std::string_view plain) {
+  const std::size_t start = text.size();
+  text += plain;
+  quoteFrom(text, start);
+}
+
+void appendPath(std::string& text, Path path) {
+  const std::size_t start = text.size();
+  path.appendTo(text);
+  quoteFrom(text, start);
+}
+
+struct Writer {
+  std::string& text;
+
+  void operator()(std::monostate) const { text += "null"; }
+  void operator()(bool value) const { text += value ? "true" : "false"; }
+  void operator()(std::int64_t value) const {
+    char digits[24];
+    const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+    text.append(digits, end);
+  }
+  void operator()(double value) const {
+    if (std::isnan(value))
+      text += "\"nan\"";
+    else if (std::isinf(value))
+      text += value > 0 ? "\"inf\"" : "\"-inf\"";
+    else
+      text += jsonText(Json(value));
+  }
+  void operator()(const std::string& value) const { appendQuoted(text, value); }
+  void operator()(const Value::List& list) const {
+    text += '[';
+    for (const Value& value : list) {
+      if (&value != &list.front()) text += ',';
+      appendJson(text, value);
+    }
+    text += ']';
+  }
+  void operator()(const Value::Fields& fields) const {
+    text += '{';
+    for (const auto& field : fields) {
+      if (&field != &fields.front()) text += ',';
+      appendQuoted(text, field.first);
+      text += ':';
+      appendJson(text, field.second);
+    }
+    text += '}';
+  }
+  void operator()(const Value::Object& object) const {
+    if (!object.pointer) return (*this)(std::monostate());
+    const auto* entity = dynamic_cast<const Zel::Entity*>(object.pointer.get());
+    (*this)(Value::Fields{{"object", entity ? Value(entity->path()) : Value()},
+                          {"type", object.pointer->fwkType().name().view()}});
+  }
+};
+
+}  // namespace
+
+void appendJson(std::string& text, const Value& value) { value.visit(Writer{text}); }
+
+std::string jsonText(const Value& value) {
+  std::string text;
+  appendJson(text, value);
+  return text;
+}
+
+// Fields
+// -----------------------------------------------------------------------------------------------------
 
 namespace {
 
-[[noreturn]] void throwWrongKind(const std::string& what, const Json& found, const char* wanted) {
-  throw ValueError(what + "found " + kindText(found) + ", wanted " + wanted);
+[[noreturn]] void throwWrongKind(const std::string& what, const Value& found, const char* wanted) {
+  throw ValueError(what + "found " + found.kindText() + ", wanted " + wanted);
 }
 
 std::string inQuotes(std::string_view name) { return "'" + std::string(name) + "'"; }
 
 // The field of that name; null where it is left out and may be.
-const Json* fieldOf(const Json& json, const char* name, Needed needed) {
-  const auto found = json.find(name);
-  if (found != json.end()) return &*found;
-  if (needed == Needed::yes) throw ValueError(inQuotes(name) + " is missing");
-  return nullptr;
+const Value* fieldOf(const Value& value, const char* name, Needed needed) {
+  const Value* found = value.field(name);
+  if (!found && needed == Needed::yes) throw ValueError(inQuotes(name) + " is missing");
+  return found;
+}
+
+const Value::Fields& fieldsOf(const std::string& what, const Value& value) {
+  const auto* fields = value.as<Value::Fields>();
+  if (!fields) throwWrongKind(what, value, "fields by name");
+  return *fields;
+}
+
+const Value::List& listOf(const std::string& what, const Value& value) {
+  const auto* list = value.as<Value::List>();
+  if (!list) throwWrongKind(what, value, "a list");
+  return *list;
 }
 
 }  // namespace
 
-void expectFields(const Json& json, std::initializer_list<std::string_view> known) {
-  if (!json.is_object()) throwWrongKind("", json, "fields by name");
-  for (const auto& [name, value] : json.items()) {
+void expectFields(const Value& value, std::initializer_list<std::string_view> known) {
+  for (const auto& [name, each] : fieldsOf("", value)) {
     if (std::ranges::find(known, std::string_view(name)) != known.end()) continue;
     std::string names;
-    for (const std::string_view each : known) names += (names.empty() ? "" : ", ") + std::string(each);
+    for (const std::string_view one : known) names += (names.empty() ? "" : ", ") + std::string(one);
     throw ValueError(inQuotes(name) + " is unknown; known: " + (names.empty() ? "none" : names));
   }
 }
 
-std::string textField(const Json& json, const char* name, Needed needed) {
-  const Json* field = fieldOf(json, name, needed);
-  if (!field) return {};
-  if (!field->is_string()) throwWrongKind(inQuotes(name) + ": ", *field, "a text");
-  return field->get<std::string>();
+const std::string& textField(const Value& value, const char* name, Needed needed) {
+  static const std::string kEmpty;
+  const Value* field = fieldOf(value, name, needed);
+  if (!field) return kEmpty;
+  const auto* text = field->as<std::string>();
+  if (!text) throwWrongKind(inQuotes(name) + ": ", *field, "a text");
+  return *text;
 }
 
-bool flagField(const Json& json, const char* name, bool otherwise) {
-  const Json* field = fieldOf(json, name, Needed::no);
+bool flagField(const Value& value, const char* name, bool otherwise) {
+  const Value* field = fieldOf(value, name, Needed::no);
   if (!field) return otherwise;
-  if (!field->is_boolean()) throwWrongKind(inQuotes(name) + ": ", *field, "true or false");
-  return field->get<bool>();
+  const auto* flag = field->as<bool>();
+  if (!flag) throwWrongKind(inQuotes(name) + ": ", *field, "true or false");
+  return *flag;
 }
 
-const Json& listField(const Json& json, const char* name) {
-  const Json& field = *fieldOf(json, name, Needed::yes);
-  if (!field.is_array()) throwWrongKind(inQuotes(name) + ": ", field, "a list");
-  return field;
+const Value::List& listField(const Value& value, const char* name) {
+  return listOf(inQuotes(name) + ": ", *fieldOf(value, name, Needed::yes));
 }
+
+// Entities and changes
+// ---------------------------------------------------------------------------------------
 
 namespace {
 
-std::vector<Value::Field> attributesField(const Json& json) {
-  std::vector<Value::Field> attributes;
-  const Json* field = fieldOf(json, "attributes", Needed::no);
-  if (!field) return attributes;
-  if (!field->is_object()) throwWrongKind("'attributes': ", *field, "fields by name");
-  for (const auto& [name, value] : field->items()) {
-    if (name.empty()) throw ValueError("'attributes': the name of an attribute is empty");
-    attributes.emplace_back(name, toValue(value));
+// Appends one entity: its attributes, then the rest.
+class EntityWriter {
+ public:
+  explicit EntityWriter(std::string& text) : text_(text) { text_ += "{\"attributes\":{"; }
+
+  void add(Zel::Name attribute, const Value& value) {
+    if (attribute.empty()) return;
+    if (any_) text_ += ',';
+    any_ = true;
+    appendQuoted(text_, attribute.view());
+    text_ += ':';
+    appendJson(text_, value);
   }
-  return attributes;
+  void end(const char* more, Path path, Zel::Name type) {
+    text_ += '}';
+    text_ += more;
+    text_ += ",\"path\":";
+    appendPath(text_, path);
+    text_ += ",\"type\":";
+    appendQuoted(text_, type.view());
+    text_ += '}';
+  }
+
+ private:
+  std::string& text_;
+  bool any_ = false;
+};
+
+using Place = Changes::const_iterator;
+
+// The end of the puts from `first` on that belong to one entity and set no attribute twice.
+Place endOfEntity(Place first, Place last) {
+  Place end = first;
+  const auto goesOn = [&](const Change& change) {
+    return change.kind == Change::Kind::put && change.row.path == first->row.path &&
+           change.row.type == first->row.type &&
+           std::none_of(first, end, [&](auto& each) { return each.row.attribute == change.row.attribute; });
+  };
+  while (end != last && goesOn(*end)) ++end;
+  return end;
 }
 
-Json entityJson(const Row& row) {
-  return {{"path", row.path}, {"type", row.type}, {"attributes", Json::object()}};
+void appendDel(std::string& text, Path path) {
+  text += "{\"op\":\"del\",\"path\":";
+  appendPath(text, path);
+  text += '}';
 }
 
-// Whether the row goes on with the entity that the last item of the list is about.
-bool goesOn(const Json& list, const Row& row) {
-  return !list.empty() && list.back().contains("type") && list.back()["path"] == row.path &&
-         list.back()["type"] == row.type;
-}
-
-void addAttribute(Json& entity, const Row& row) {
-  if (!row.attribute.empty()) entity["attributes"][row.attribute] = toJson(row.value);
+void appendPuts(std::string& text, Place first, Place last) {
+  EntityWriter entity(text);
+  for (Place each = first; each != last; ++each) entity.add(each->row.attribute, each->row.value);
+  entity.end(",\"op\":\"put\"", first->row.path, first->row.type);
 }
 
 }  // namespace
 
-Json entitiesJson(const std::vector<Row>& rows) {
-  Json entities = Json::array();
-  for (const Row& row : rows) {
-    if (!goesOn(entities, row)) entities.push_back(entityJson(row));
-    addAttribute(entities.back(), row);
+std::string entitiesText(const Statedb::Records& records) {
+  std::string text = "[";
+  for (const Record* record : records) {
+    if (text.size() > 1) text += ',';
+    EntityWriter entity(text);
+    for (const Attribute& each : record->attributes) entity.add(each.name, each.value);
+    entity.end("", record->path, record->type);
   }
-  return entities;
+  return text + ']';
 }
 
-std::vector<Row> entityRows(const Json& entities) {
-  Changes changes;
-  for (const Json& entity : entities) {
-    expectFields(entity, {"path", "type", "attributes"});
-    appendChanges({.path = textField(entity, "path", Needed::yes), .attributes = attributesField(entity)},
-                  textField(entity, "type", Needed::yes), changes);
-  }
-  std::vector<Row> rows;
-  for (Change& change : changes) rows.push_back(std::move(change.row));
-  return rows;
-}
-
-Json changesJson(const Changes& changes) {
-  Json list = Json::array();
-  for (const Change& change : changes) {
-    if (change.kind == Change::Kind::del) {
-      list.push_back({{"op", "del"}, {"path", change.row.path}});
+std::string changesText(const Changes& changes) {
+  std::string text = "[";
+  for (Place at = changes.begin(); at != changes.end();) {
+    if (text.size() > 1) text += ',';
+    if (at->kind == Change::Kind::del) {
+      appendDel(text, at++->row.path);
       continue;
     }
-    if (!goesOn(list, change.row)) {
-      list.push_back(entityJson(change.row));
-      list.back()["op"] = "put";
-    }
-    addAttribute(list.back(), change.row);
+    const Place end = endOfEntity(at, changes.end());
+    appendPuts(text, at, end);
+    at = end;
   }
-  return list;
+  return text + ']';
 }
 
-Changes changesFromJson(const Json& list) {
+namespace {
+
+const Value::Fields* attributesField(const Value& value) {
+  const Value* field = fieldOf(value, "attributes", Needed::no);
+  if (!field) return nullptr;
+  const auto& attributes = fieldsOf("'attributes': ", *field);
+  for (const auto& [name, each] : attributes)
+    if (name.empty()) throw ValueError("'attributes': the name of an attribute is empty");
+  return &attributes;
+}
+
+}  // namespace
+
+std::vector<Record> entityRecords(const Value& entities) {
+  std::vector<Record> records;
+  for (const Value& entity : listOf("'entities': ", entities)) {
+    expectFields(entity, {"path", "type", "attributes"});
+    Record& record = records.emplace_back(Record{
+        textField(entity, "path", Needed::yes), Zel::Name(textField(entity, "type", Needed::yes)), {}});
+    if (const auto* attributes = attributesField(entity))
+      for (const auto& [name, value] : *attributes) record.attributes.push_back({name, value});
+  }
+  return records;
+}
+
+Changes changesFrom(const Value& list) {
   Changes changes;
-  for (const Json& each : list) {
+  for (const Value& each : listOf("'changes': ", list)) {
     const RequestedChange change = requestedChange(each);
     if (change.kind == Change::Kind::put && change.type.empty()) throw ValueError("'type' is missing");
     appendChanges(change, change.type, changes);
@@ -238,24 +376,25 @@ Changes changesFromJson(const Json& list) {
   return changes;
 }
 
-RequestedChange requestedChange(const Json& json) {
-  expectFields(json, {"op", "path", "type", "attributes", "existing"});
-  const std::string op = textField(json, "op", Needed::yes);
+RequestedChange requestedChange(const Value& value) {
+  expectFields(value, {"op", "path", "type", "attributes", "existing"});
+  const std::string& op = textField(value, "op", Needed::yes);
   if (op == "del") {
-    expectFields(json, {"op", "path"});
-    return {.kind = Change::Kind::del, .path = textField(json, "path", Needed::yes)};
+    expectFields(value, {"op", "path"});
+    return {.kind = Change::Kind::del, .path = textField(value, "path", Needed::yes)};
   }
   if (op != "put") throw ValueError("'op': found \"" + op + "\", wanted \"put\" or \"del\"");
-  return {.path = textField(json, "path", Needed::yes),
-          .type = textField(json, "type"),
-          .existing = flagField(json, "existing", false),
-          .attributes = attributesField(json)};
+  return {.path = textField(value, "path", Needed::yes),
+          .type = textField(value, "type"),
+          .existing = flagField(value, "existing", false),
+          .attributes = attributesField(value)};
 }
 
-void appendChanges(const RequestedChange& change, const std::string& type, Changes& changes) {
+void appendChanges(const RequestedChange& change, Zel::Name type, Changes& changes) {
   if (change.kind == Change::Kind::del) return changes.push_back(Change::del(change.path));
-  changes.push_back(Change::put(change.path, type, "", {}));
-  for (const auto& [name, value] : change.attributes)
+  changes.push_back(Change::put(change.path, type, {}, {}));
+  if (!change.attributes) return;
+  for (const auto& [name, value] : *change.attributes)
     changes.push_back(Change::put(change.path, type, name, value));
 }
 

@@ -17,20 +17,26 @@ namespace {
 constexpr int kProtocol = 1;
 
 // A parameter that is a path, or empty for everything.
-std::string pathField(const Json& parameters) {
-  const std::string path = textField(parameters, "path");
+const std::string& pathField(const Zel::Value& parameters) {
+  const std::string& path = textField(parameters, "path");
   for (Statedb::PathReader reader(path); !reader.done();) reader.next(Zel::Dir::typeNode());
   return path;
 }
 
-Statedb::Durability durabilityField(const Json& parameters) {
-  const std::string text = textField(parameters, "durability");
+Statedb::Durability durabilityField(const Zel::Value& parameters) {
+  const std::string& text = textField(parameters, "durability");
   if (text.empty() || text == "stored") return Statedb::Durability::stored;
   if (text == "derived") return Statedb::Durability::derived;
   throw Zel::ValueError("'durability': found \"" + text + "\", wanted \"stored\" or \"derived\"");
 }
 
 }  // namespace
+
+Methods::Methods(Served& served)
+    : served_(served),
+      memory_(dynamic_cast<const Statedb::MemoryStore*>(&served.store)),
+      // Where the rows are kept elsewhere, so are the checks.
+      typeAt_([this](Statedb::Path path) { return memory_ ? memory_->typeAt(path) : Zel::Name(); }) {}
 
 std::span<const Methods::Method> Methods::table() {
   static const Method methods[] = {
@@ -56,7 +62,7 @@ const Methods::Method& Methods::find(const std::string& name) {
   throw RpcError(RpcCode::noSuchMethod, "there is no method '" + name + "'; there are " + names);
 }
 
-Json Methods::run(const Method& method, const Json& parameters, Watches& watches) const {
+std::string Methods::run(const Method& method, const Zel::Value& parameters, Watches& watches) const {
   try {
     expectFields(parameters, method.parameters);
     return (this->*method.run)(parameters, watches);
@@ -67,50 +73,51 @@ Json Methods::run(const Method& method, const Json& parameters, Watches& watches
   }
 }
 
-Json Methods::hello(const Json&, Watches&) const {
-  return {{"name", "pinlampd"},
-          {"version", PINLAMP_VERSION},
-          {"protocol", kProtocol},
-          {"store", served_.store.url()}};
+std::string Methods::hello(const Zel::Value&, Watches&) const {
+  return jsonText(Json{{"name", "pinlampd"},
+                       {"version", PINLAMP_VERSION},
+                       {"protocol", kProtocol},
+                       {"store", served_.store.url()}});
 }
 
-Json Methods::read(const Json& parameters, Watches&) const {
-  return {{"entities", entitiesJson(served_.store.read(pathField(parameters)))}};
+// Everything under a path, which need not ever have been one.
+std::string Methods::entitiesAt(const std::string& text) const {
+  const auto path = Statedb::Path::existing(text);
+  if (!path && memory_) return "[]";
+  return entitiesText(served_.store.read(path ? *path : Statedb::Path(text)));
 }
 
-std::string Methods::typeAt(const std::string& path) const {
-  if (const auto* memory = dynamic_cast<const Statedb::MemoryStore*>(&served_.store))
-    return memory->typeAt(path);
-  return {};  // the rows are kept elsewhere, and so are the checks
+std::string Methods::read(const Zel::Value& parameters, Watches&) const {
+  return "{\"entities\":" + entitiesAt(pathField(parameters)) + '}';
 }
 
-Json Methods::write(const Json& parameters, Watches& watches) const {
-  const Json& changes = listField(parameters, "changes");
+std::string Methods::write(const Zel::Value& parameters, Watches& watches) const {
+  const Zel::Value::List& changes = listField(parameters, "changes");
   const auto durability = durabilityField(parameters);
   const bool derived = durability == Statedb::Durability::derived;
-  const Batch batch = readBatch(
-      changes, [this](const std::string& path) { return typeAt(path); }, served_.manager.mounts(), derived);
+  const Batch batch = readBatch(changes, typeAt_, served_.manager.mounts(), derived);
   if (!batch.errors.empty()) throw refusedFor(batch.errors);
   // What is mounted is no derived value, whoever was the first to write under it.
   if (derived && !batch.mounts.empty())
     served_.store.write(batch.mounts, Statedb::Durability::stored, watches.origin());
   served_.store.write(batch.changes, durability, watches.origin());
-  return {{"written", changes.size()}};
+  return "{\"written\":" + std::to_string(changes.size()) + '}';
 }
 
-Json Methods::watch(const Json& parameters, Watches& watches) const {
-  const std::string path = pathField(parameters);
-  Json entities = entitiesJson(served_.store.read(path));
-  return {{"watch", watches.add(path, flagField(parameters, "own", true))},
-          {"entities", std::move(entities)}};
+std::string Methods::watch(const Zel::Value& parameters, Watches& watches) const {
+  const std::string& path = pathField(parameters);
+  const std::string entities = entitiesAt(path);
+  const std::uint64_t id = watches.add(path, flagField(parameters, "own", true));
+  return "{\"entities\":" + entities + ",\"watch\":" + std::to_string(id) + '}';
 }
 
-Json Methods::unwatch(const Json& parameters, Watches& watches) const {
-  if (!parameters.contains("watch")) throw Zel::ValueError("'watch' is missing");
-  const Json& id = parameters["watch"];
-  if (!id.is_number_unsigned() || !watches.del(id.get<std::uint64_t>()))
-    throw Zel::ValueError("'watch': this connection has no watch " + jsonText(id));
-  return Json::object();
+std::string Methods::unwatch(const Zel::Value& parameters, Watches& watches) const {
+  const Zel::Value* given = parameters.field("watch");
+  if (!given) throw Zel::ValueError("'watch' is missing");
+  const auto* id = given->as<std::int64_t>();
+  if (!id || !watches.del(static_cast<std::uint64_t>(*id)))
+    throw Zel::ValueError("'watch': this connection has no watch " + jsonText(*given));
+  return "{}";
 }
 
 namespace {
@@ -150,7 +157,10 @@ Json typeJson(const Zel::TypeNode& type) {
 }
 
 Json mountJson(const Statedb::EntityManager::MountInfo& mount) {
-  return {{"path", mount.path}, {"type", mount.type}, {"mode", mount.mode}, {"complete", mount.complete}};
+  return {{"path", mount.path.text()},
+          {"type", mount.type.stdString()},
+          {"mode", mount.mode},
+          {"complete", mount.complete}};
 }
 
 std::size_t objectsOf(const char* name) {
@@ -165,11 +175,6 @@ Json allocationsJson() {
     if (const auto& allocations = type->allocations(); allocations.total() > 0)
       types[type->name().stdString()] = {{"objects", allocations.objects()}, {"bytes", allocations.bytes()}};
   return types;
-}
-
-std::size_t entitiesOf(const Statedb::Store& store) {
-  if (const auto* memory = dynamic_cast<const Statedb::MemoryStore*>(&store)) return memory->entities();
-  return 0;  // they are kept elsewhere
 }
 
 // What the counters of a type stand for, under which name of the status.
@@ -189,7 +194,7 @@ Json activityJson() {
           {"now", Zel::System::currentTime()}};
 }
 
-Json servedJson(const Served& served) {
+Json servedJson(const Served& served, std::size_t entities) {
   Json agents = Json::array();
   for (const auto& agent : served.agents)
     agents.push_back({{"name", agent.name}, {"library", agent.library}});
@@ -198,7 +203,7 @@ Json servedJson(const Served& served) {
   return {{"store", served.store.url()},
           {"agents", std::move(agents)},
           {"mounts", std::move(mounts)},
-          {"entities", entitiesOf(served.store)},
+          {"entities", entities},
           {"published", served.manager.published()},
           {"refusals", served.manager.refusals()},
           {"lastRefusal", served.lastRefusal},
@@ -208,14 +213,14 @@ Json servedJson(const Served& served) {
 
 }  // namespace
 
-Json Methods::types(const Json&, Watches&) const {
+std::string Methods::types(const Zel::Value&, Watches&) const {
   Json types = Json::array();
   for (const Zel::TypeNode* type : Zel::typeNodes()) types.push_back(typeJson(*type));
-  return {{"types", std::move(types)}};
+  return jsonText(Json{{"types", std::move(types)}});
 }
 
-Json Methods::trace(const Json& parameters, Watches&) const {
-  if (parameters.contains("levels")) {
+std::string Methods::trace(const Zel::Value& parameters, Watches&) const {
+  if (parameters.field("levels")) {
     try {
       Zel::traceLevelsIs(textField(parameters, "levels"));
     } catch (const Zel::ValueError& error) {
@@ -225,34 +230,33 @@ Json Methods::trace(const Json& parameters, Watches&) const {
   Json facilities = Json::object();
   for (const Zel::TraceFacility* facility : Zel::TraceFacility::all())
     facilities[facility->name()] = Zel::traceLevelsText(facility->mask());
-  return {{"facilities", std::move(facilities)}};
+  return jsonText(Json{{"facilities", std::move(facilities)}});
 }
 
-Json Methods::status(const Json&, Watches&) const {
+std::string Methods::status(const Zel::Value&, Watches&) const {
   Json status = {{"version", PINLAMP_VERSION},
                  {"pid", ::getpid()},
                  {"names", Zel::Name::count()},
                  {"types", allocationsJson()}};
   for (const auto& [name, type] : kCounted) status[name] = objectsOf(type);
   status.update(activityJson());
-  status.update(servedJson(served_));
-  return status;
+  status.update(servedJson(served_, memory_ ? memory_->entities() : 0));
+  return jsonText(status);
 }
 
 namespace {
 
-Zel::Value::List argumentsField(const Json& parameters) {
-  Zel::Value::List arguments;
-  if (parameters.contains("arguments"))
-    for (const Json& argument : listField(parameters, "arguments")) arguments.push_back(toValue(argument));
-  return arguments;
+Zel::Value::List argumentsField(const Zel::Value& parameters) {
+  return parameters.field("arguments") ? listField(parameters, "arguments") : Zel::Value::List();
 }
 
-std::size_t depthField(const Json& parameters) {
+std::size_t depthField(const Zel::Value& parameters) {
   constexpr std::size_t kDepth = 16;
-  if (!parameters.contains("depth")) return kDepth;
-  if (!parameters["depth"].is_number_unsigned()) throw Zel::ValueError("'depth': wanted a whole number");
-  return std::min(parameters["depth"].get<std::size_t>(), kDepth);
+  const Zel::Value* given = parameters.field("depth");
+  if (!given) return kDepth;
+  const auto* depth = given->as<std::int64_t>();
+  if (!depth || *depth < 0) throw Zel::ValueError("'depth': wanted a whole number");
+  return std::min(static_cast<std::size_t>(*depth), kDepth);
 }
 
 // What the generic interface does for each operation's name.
@@ -274,17 +278,18 @@ constexpr ObjectOperation kObjectOperations[] = {
 
 }  // namespace
 
-Json Methods::object(const Json& parameters, Watches&) const {
-  const std::string name = textField(parameters, "operation");
+std::string Methods::object(const Zel::Value& parameters, Watches&) const {
+  const std::string& name = textField(parameters, "operation");
   const auto operation = std::ranges::find(kObjectOperations, name, &ObjectOperation::name);
   if (operation == std::end(kObjectOperations))
     throw Zel::ValueError("'operation': found \"" + name +
                           "\", wanted tree, list, get, set, delete, iterate or invoke");
-  const std::string path = textField(parameters, "path");
+  const std::string& path = textField(parameters, "path");
   const auto arguments = argumentsField(parameters);
   const std::size_t depth = depthField(parameters);
   try {
-    return {{"value", toJson(Objects::describe(operation->run(served_.objects, path, arguments, depth)))}};
+    const auto value = Objects::describe(operation->run(served_.objects, path, arguments, depth));
+    return "{\"value\":" + jsonText(value) + '}';
   } catch (const Zel::ValueError& error) {
     throw refusedFor({path + ": " + error.what()});
   } catch (const Zel::Exception& error) {

@@ -11,6 +11,7 @@
 #include "host/object.h"
 #include "host/watches.h"
 #include "platform/statedb/entitymanager.h"
+#include "platform/statedb/schema.h"
 #include "platform/statedb/store.h"
 #include "platform/zel/clock.h"
 
@@ -44,33 +45,36 @@ class Methods {
     const char* name;
     Does does;
     std::initializer_list<std::string_view> parameters;
-    Json (Methods::*run)(const Json& parameters, Watches& watches) const;
+    // Returns the result as a JSON text.
+    std::string (Methods::*run)(const Zel::Value& parameters, Watches& watches) const;
   };
 
   // `served` must outlive the methods.
-  explicit Methods(Served& served) : served_(served) {}
+  explicit Methods(Served& served);
 
   // Throws RpcError where there is no method of that name.
   static const Method& find(const std::string& name);
-  // `watches` are the caller's. Throws RpcError.
-  Json run(const Method& method, const Json& parameters, Watches& watches) const;
+  // The result as a JSON text. `watches` are the caller's. Throws RpcError.
+  std::string run(const Method& method, const Zel::Value& parameters, Watches& watches) const;
 
  private:
   static std::span<const Method> table();
 
-  Json hello(const Json& parameters, Watches& watches) const;
-  Json read(const Json& parameters, Watches& watches) const;
-  Json write(const Json& parameters, Watches& watches) const;
-  Json watch(const Json& parameters, Watches& watches) const;
-  Json unwatch(const Json& parameters, Watches& watches) const;
-  Json types(const Json& parameters, Watches& watches) const;
-  Json trace(const Json& parameters, Watches& watches) const;
-  Json status(const Json& parameters, Watches& watches) const;
-  Json object(const Json& parameters, Watches& watches) const;
+  std::string hello(const Zel::Value& parameters, Watches& watches) const;
+  std::string read(const Zel::Value& parameters, Watches& watches) const;
+  std::string write(const Zel::Value& parameters, Watches& watches) const;
+  std::string watch(const Zel::Value& parameters, Watches& watches) const;
+  std::string unwatch(const Zel::Value& parameters, Watches& watches) const;
+  std::string types(const Zel::Value& parameters, Watches& watches) const;
+  std::string trace(const Zel::Value& parameters, Watches& watches) const;
+  std::string status(const Zel::Value& parameters, Watches& watches) const;
+  std::string object(const Zel::Value& parameters, Watches& watches) const;
 
-  std::string typeAt(const std::string& path) const;
+  std::string entitiesAt(const std::string& path) const;
 
   Served& served_;
+  const Statedb::MemoryStore* const memory_;  // the store, where it keeps its rows here
+  const Statedb::TypeAt typeAt_;
 };
 
 }  // namespace Host

@@ -125,7 +125,8 @@ ObjectRef step(const ObjectRef& at, const std::string& component) {
       const ObjectRef entry = memberOf(at, *direct, Zel::Name(Zel::unescapeComponent(component)));
       if (entry.object) return entry;
     }
-    if (const AttributeInfo* row = type.find(component)) return {at.object, at.isConst, row, {}};
+    if (const AttributeInfo* row = type.find(std::string_view(component)))
+      return {at.object, at.isConst, row, {}};
   }
   if (at.key) throw noMember(at);
   throw ValueError("'" + component + "' leads nowhere; there is " + textsOf(nextComponents(at)));

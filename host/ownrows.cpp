@@ -4,86 +4,82 @@
 
 namespace Host {
 
+using Statedb::Attribute;
 using Statedb::Change;
 using Statedb::Changes;
+using Statedb::Path;
+using Statedb::Record;
+using Statedb::Records;
 using Statedb::Row;
 
-namespace {
-
-// The part of a map or set of paths that stands under `path`, but for the element at it: '0' follows '/'.
-template <class Container>
-auto below(Container& container, const std::string& path) {
-  return std::pair(container.lower_bound(path + '/'), container.lower_bound(path + '0'));
+bool OwnRows::Unknown::covers(Path path) const {
+  if (removed.empty()) return false;
+  for (;; path = path.parent()) {
+    if (removed.contains(path)) return true;
+    if (path.empty()) return false;
+  }
 }
-
-// Whether `path` or something above it is in the set.
-bool coveredBy(const std::set<std::string>& paths, const std::string& path) {
-  return std::ranges::any_of(paths, [&](const std::string& each) { return Statedb::isUnder(path, each); });
-}
-
-}  // namespace
 
 bool OwnRows::Unknown::touches(const Change& change) const {
-  const std::string& path = change.row.path;
-  if (change.kind == Change::Kind::put)
-    return set.contains({path, change.row.attribute}) || coveredBy(removed, path);
-  return coveredBy(removed, path) ||
-         std::ranges::any_of(set, [&](const auto& each) { return Statedb::isUnder(each.first, path); });
+  const Path path = change.row.path;
+  if (covers(path)) return true;
+  if (change.kind == Change::Kind::put) return set.contains({path, change.row.attribute});
+  return std::ranges::any_of(set, [&](const auto& each) { return each.first.isUnder(path); });
 }
 
-void OwnRows::forget(const std::string& path) {
-  const auto [first, last] = below(entities_, path);
-  entities_.erase(first, last);
-  entities_.erase(path);
+void OwnRows::forget(Path path) {
+  path.forEachUnder([this](Path each) { entities_.erase(each); });
 }
 
 void OwnRows::put(const Row& row, Unknown* note) {
-  const auto [place, added] = entities_.try_emplace(row.path, Entity{row.type, {}});
-  if (added && note) note->set.insert({row.path, ""});
+  const auto [place, added] = entities_.try_emplace(row.path, Record{row.path, row.type, {}});
+  if (added && note) note->set.insert({row.path, {}});
   if (row.attribute.empty()) return;
   auto& attributes = place->second.attributes;
-  const auto found = std::ranges::find(attributes, row.attribute, &std::pair<std::string, Zel::Value>::first);
+  const auto found = std::ranges::find(attributes, row.attribute, &Attribute::name);
   if (found == attributes.end())
-    attributes.emplace_back(row.attribute, row.value);
+    attributes.push_back({row.attribute, row.value});
   else
-    found->second = row.value;
+    found->value = row.value;
   if (note) note->set.insert({row.path, row.attribute});
 }
 
 void OwnRows::write(const Changes& changes) {
   for (const Change& change : changes) {
-    const std::string& path = change.row.path;
+    const Path path = change.row.path;
     if (change.kind == Change::Kind::put) {
       put(change.row, &unsent_);
       continue;
     }
-    forget(path);
-    std::erase_if(unsent_.set, [&](const auto& each) { return Statedb::isUnder(each.first, path); });
+    path.forEachUnder([this](Path each) {
+      if (entities_.erase(each) == 0) return;
+      const auto first = unsent_.set.lower_bound({each, {}});
+      unsent_.set.erase(
+          first, std::find_if(first, unsent_.set.end(), [&](const auto& set) { return set.first != each; }));
+    });
     unsent_.removed.insert(path);
   }
 }
 
-void OwnRows::adopt(const Row& row) {
-  if (coveredBy(unsent_.removed, row.path) || coveredBy(underWay_.removed, row.path)) return;
-  const auto held = entities_.find(row.path);
-  const auto name = &std::pair<std::string, Zel::Value>::first;
-  if (held == entities_.end() ||
-      std::ranges::find(held->second.attributes, row.attribute, name) == held->second.attributes.end())
-    put(row, nullptr);
+void OwnRows::adopt(const Record& record) {
+  if (isRemoved(record.path)) return;
+  const auto held = entities_.find(record.path);
+  const Record* own = held == entities_.end() ? nullptr : &held->second;
+  if (!own) put({record.path, record.type, {}, {}}, nullptr);
+  for (const Attribute& each : record.attributes)
+    if (!own || !own->find(each.name)) put({record.path, record.type, each.name, each.value}, nullptr);
 }
 
 Changes OwnRows::send() {
   underWay_ = std::exchange(unsent_, {});
   sending_ = true;
   Changes changes;
-  for (const std::string& path : underWay_.removed) changes.push_back(Change::del(path));
+  for (const Path path : underWay_.removed) changes.push_back(Change::del(path));
   for (const auto& [path, attribute] : underWay_.set) {
     const auto entity = entities_.find(path);
     if (entity == entities_.end()) continue;
-    Zel::Value value;
-    for (const auto& [name, held] : entity->second.attributes)
-      if (name == attribute) value = held;
-    changes.push_back(Change::put(path, entity->second.type, attribute, value));
+    const Zel::Value* value = entity->second.find(attribute);
+    changes.push_back(Change::put(path, entity->second.type, attribute, value ? *value : Zel::Value()));
   }
   return changes;
 }
@@ -98,28 +94,19 @@ void OwnRows::lost() {
   unsent_.removed.merge(underWay_.removed);
   acknowledged();
   for (const auto& [path, entity] : entities_) {
-    unsent_.set.insert({path, ""});
-    for (const auto& [attribute, value] : entity.attributes) unsent_.set.insert({path, attribute});
+    unsent_.set.insert({path, {}});
+    for (const Attribute& each : entity.attributes) unsent_.set.insert({path, each.name});
   }
 }
 
-std::vector<Row> OwnRows::over(const std::vector<Row>& snapshot, const std::string& path) const {
-  std::map<std::string, Entity> merged;
-  for (const Row& row : snapshot) {
-    if (coveredBy(unsent_.removed, row.path) || coveredBy(underWay_.removed, row.path)) continue;
-    Entity& entity = merged[row.path];
-    entity.type = row.type;
-    if (!row.attribute.empty()) entity.attributes.emplace_back(row.attribute, row.value);
-  }
+Records OwnRows::over(const Records& snapshot, Path path) const {
+  Records records;
+  for (const Record* record : snapshot)
+    if (!isRemoved(record->path) && !entities_.contains(record->path)) records.push_back(record);
   for (const auto& [own, entity] : entities_)
-    if (Statedb::isUnder(own, path)) merged[own] = entity;
-  std::vector<Row> rows;
-  for (const auto& [at, entity] : merged) {
-    rows.push_back({at, entity.type, "", {}});
-    for (const auto& [attribute, value] : entity.attributes)
-      rows.push_back({at, entity.type, attribute, value});
-  }
-  return rows;
+    if (own.isUnder(path)) records.push_back(&entity);
+  std::ranges::sort(records, &Statedb::readsBefore, &Record::path);
+  return records;
 }
 
 Changes OwnRows::told(const Changes& changes) {

@@ -4,9 +4,10 @@
 // State, not a log: however long the other side is away, what is kept is one value for each attribute.
 #pragma once
 
-#include <map>
 #include <set>
-#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "platform/statedb/row.h"
@@ -18,9 +19,9 @@ class OwnRows {
   // Takes a batch that was published here.
   void write(const Statedb::Changes& changes);
 
-  // Takes a row that is known there already for this process's own, as what a predecessor published; what was
-  // written here stands.
-  void adopt(const Statedb::Row& row);
+  // Takes what is known there already of an entity for this process's own, as what a predecessor published;
+  // what was written here stands.
+  void adopt(const Statedb::Record& record);
 
   // Whether something is to be sent and nothing is under way.
   bool canSend() const { return !sending_ && !unsent_.empty(); }
@@ -33,32 +34,31 @@ class OwnRows {
   void lost();
 
   // A snapshot of the other side as it will be when it knows everything: with what was published here put
-  // over it. Sorted by path.
-  std::vector<Statedb::Row> over(const std::vector<Statedb::Row>& snapshot, const std::string& path) const;
+  // over it. Sorted as a person reads it; good until either changes.
+  Statedb::Records over(const Statedb::Records& snapshot, Statedb::Path path) const;
   // What another process changed there, less what will be overwritten from here. What is left is taken note
   // of.
   Statedb::Changes told(const Statedb::Changes& changes);
 
  private:
-  struct Entity {
-    std::string type;
-    std::vector<std::pair<std::string, Zel::Value>> attributes;
-  };
   // Steps that the other side does not know: entities that were removed, and attributes (the empty one: that
   // the entity is there) that were set.
   struct Unknown {
-    std::set<std::string> removed;
-    std::set<std::pair<std::string, std::string>> set;
+    std::set<Statedb::Path> removed;
+    std::set<std::pair<Statedb::Path, Zel::Name>> set;
 
     bool empty() const { return removed.empty() && set.empty(); }
+    // Whether the path or something above it was removed.
+    bool covers(Statedb::Path path) const;
     bool touches(const Statedb::Change& change) const;
   };
 
   void put(const Statedb::Row& row, Unknown* note);
   // Forgets the entities at and under a path.
-  void forget(const std::string& path);
+  void forget(Statedb::Path path);
+  bool isRemoved(Statedb::Path path) const { return unsent_.covers(path) || underWay_.covers(path); }
 
-  std::map<std::string, Entity> entities_;  // as they stand here
+  std::unordered_map<Statedb::Path, Statedb::Record> entities_;  // as they stand here
   Unknown unsent_;
   Unknown underWay_;
   bool sending_ = false;

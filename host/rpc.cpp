@@ -7,7 +7,7 @@ namespace Host {
 RpcError refusedFor(const std::vector<std::string>& errors) {
   ZEL_REQUIRE(!errors.empty(), errors.size());
   const std::string more = errors.size() == 1 ? "" : " (and " + std::to_string(errors.size() - 1) + " more)";
-  return {RpcCode::refused, errors.front() + more, {{"errors", errors}}};
+  return {RpcCode::refused, errors.front() + more, errors};
 }
 
 namespace {
@@ -16,7 +16,7 @@ namespace {
   throw RpcError(RpcCode::invalidRequest, "not a request: " + why);
 }
 
-Json parseLine(std::string_view line) {
+Zel::Value parseLine(std::string_view line) {
   try {
     return parseJson(line);
   } catch (const Zel::ValueError& error) {
@@ -24,35 +24,57 @@ Json parseLine(std::string_view line) {
   }
 }
 
+bool isId(const Zel::Value& value) {
+  return value.isNull() || value.as<std::string>() || value.as<std::int64_t>() || value.as<double>();
+}
+
 }  // namespace
 
 void Request::read(std::string_view line) {
-  Json json = parseLine(line);
-  if (!json.is_object()) invalid(std::string("found ") + kindText(json) + ", wanted one request a line");
-  if (const auto given = json.find("id"); given != json.end()) {
-    if (!given->is_string() && !given->is_number() && !given->is_null())
-      invalid(std::string("'id': found ") + kindText(*given) + ", wanted a text or a number");
-    id = *given;
-  }
-  if (json.value("jsonrpc", Json()) != "2.0") invalid("'jsonrpc' must be \"2.0\"");
-  if (!json.contains("method") || !json["method"].is_string()) invalid("'method' must be a text");
-  method = json["method"];
-  answered = json.contains("id");
-  if (json.contains("params")) parameters = std::move(json["params"]);
+  Zel::Value message = parseLine(line);
+  auto* fields = message.as<Zel::Value::Fields>();
+  if (!fields) invalid(std::string("found ") + message.kindText() + ", wanted one request a line");
+  const auto* given = message.field("id");
+  if (given && !isId(*given))
+    invalid(std::string("'id': found ") + given->kindText() + ", wanted a text or a number");
+  if (given) id = *given;
+  const auto* version = message.field("jsonrpc");
+  if (!version || *version != "2.0") invalid("'jsonrpc' must be \"2.0\"");
+  const auto* called = message.field("method");
+  if (!called || !called->as<std::string>()) invalid("'method' must be a text");
+  method = *called->as<std::string>();
+  answered = given != nullptr;
+  for (auto& [name, value] : *fields)
+    if (name == "params") parameters = std::move(value);
 }
 
-std::string resultText(const Json& id, Json result) {
-  return jsonText({{"jsonrpc", "2.0"}, {"id", id}, {"result", std::move(result)}});
+std::string resultText(const Zel::Value& id, std::string_view result) {
+  std::string text = "{\"id\":";
+  appendJson(text, id);
+  text += ",\"jsonrpc\":\"2.0\",\"result\":";
+  text += result;
+  return text + '}';
 }
 
-std::string errorText(const Json& id, const RpcError& error) {
+std::string errorText(const Zel::Value& id, const RpcError& error) {
   Json what = {{"code", static_cast<int>(error.code())}, {"message", error.what()}};
-  if (!error.data().is_null()) what["data"] = error.data();
-  return jsonText({{"jsonrpc", "2.0"}, {"id", id}, {"error", std::move(what)}});
+  if (!error.errors().empty()) what["data"] = {{"errors", error.errors()}};
+  return "{\"error\":" + jsonText(what) + ",\"id\":" + jsonText(id) + ",\"jsonrpc\":\"2.0\"}";
 }
 
-std::string notificationText(const char* method, Json parameters) {
-  return jsonText({{"jsonrpc", "2.0"}, {"method", method}, {"params", std::move(parameters)}});
+std::string notificationText(const char* method, std::string_view parameters) {
+  std::string text = "{\"jsonrpc\":\"2.0\",\"method\":\"";
+  text += method;
+  text += "\",\"params\":";
+  text += parameters;
+  return text + '}';
+}
+
+std::string requestText(std::int64_t id, const char* method, std::string_view parameters) {
+  std::string text = "{\"id\":" + std::to_string(id) + ",\"jsonrpc\":\"2.0\",\"method\":\"" + method;
+  text += "\",\"params\":";
+  text += parameters;
+  return text + '}';
 }
 
 }  // namespace Host

@@ -21,33 +21,36 @@ enum class RpcCode {
 
 class RpcError : public std::runtime_error {
  public:
-  RpcError(RpcCode code, const std::string& message, Json data = nullptr)
-      : std::runtime_error(message), code_(code), data_(std::move(data)) {}
+  // `errors` are all the lines of a refusal.
+  RpcError(RpcCode code, const std::string& message, std::vector<std::string> errors = {})
+      : std::runtime_error(message), code_(code), errors_(std::move(errors)) {}
 
   RpcCode code() const { return code_; }
-  const Json& data() const { return data_; }
+  const std::vector<std::string>& errors() const { return errors_; }
 
  private:
   RpcCode code_;
-  Json data_;
+  std::vector<std::string> errors_;
 };
 
 // Of a refusal: the first error stands for all of them in the message. REQUIRES: !errors.empty().
 RpcError refusedFor(const std::vector<std::string>& errors);
 
 struct Request {
-  Json id;
+  Zel::Value id;
   bool answered = true;  // false where the client wants no answer
   std::string method;
-  Json parameters = Json::object();
+  Zel::Value parameters = Zel::Value::Fields{};
 
   // Fills the request from one line. Throws RpcError where it is not one; the id is filled as far as it is
   // known then.
   void read(std::string_view line);
 };
 
-std::string resultText(const Json& id, Json result);
-std::string errorText(const Json& id, const RpcError& error);
-std::string notificationText(const char* method, Json parameters);
+// The messages themselves. `result` and `parameters` are JSON texts.
+std::string resultText(const Zel::Value& id, std::string_view result);
+std::string errorText(const Zel::Value& id, const RpcError& error);
+std::string notificationText(const char* method, std::string_view parameters);
+std::string requestText(std::int64_t id, const char* method, std::string_view parameters);
 
 }  // namespace Host

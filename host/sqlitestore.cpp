@@ -94,12 +94,12 @@ class SqliteStore::Database {
     del_ = prepare("DELETE FROM rows WHERE ?1 = '' OR path = ?1 OR (path > ?1 || '/' AND path < ?1 || '0')");
   }
 
-  std::vector<Row> rows() {
-    std::vector<Row> rows;
+  // Calls `take` with every row, those of one entity together.
+  template <class Take>
+  void forEachRow(Take take) {
     const Statement select =
         prepare("SELECT path, attribute, type, value FROM rows ORDER BY path, attribute");
-    while (step(*select)) rows.push_back(row(*select));
-    return rows;
+    while (step(*select)) take(row(*select));
   }
 
   // All of it or nothing.
@@ -152,8 +152,8 @@ class SqliteStore::Database {
 
   void write(const Change& change) {
     const Row& row = change.row;
-    if (change.kind == Change::Kind::del) return run(*del_, {row.path});
-    run(*put_, {row.path, row.attribute, row.type, jsonText(toJson(row.value))});
+    if (change.kind == Change::Kind::del) return run(*del_, {row.path.text()});
+    run(*put_, {row.path.text(), row.attribute.view(), row.type.view(), jsonText(row.value)});
   }
 
   void run(sqlite3_stmt& statement, std::initializer_list<std::string_view> texts) {
@@ -173,19 +173,22 @@ class SqliteStore::Database {
   }
 
   Row row(sqlite3_stmt& statement) const {
-    Row row{text(statement, 0), text(statement, 2), text(statement, 1), {}};
+    Row row{
+        Statedb::Path(text(statement, 0)), Zel::Name(text(statement, 2)), Zel::Name(text(statement, 1)), {}};
     try {
-      row.value = toValue(parseJson(text(statement, 3)));
+      row.value = parseJson(text(statement, 3));
     } catch (const Zel::ValueError& error) {
-      refuse(file_, "the value of '" + row.path + "' " + row.attribute + " can't be read: " + error.what());
+      refuse(file_, "the value of '" + row.path.text() + "' " + row.attribute.stdString() +
+                        " can't be read: " + error.what());
     }
     return row;
   }
 
-  static std::string text(sqlite3_stmt& statement, int column) {
+  // Good until the next step.
+  static std::string_view text(sqlite3_stmt& statement, int column) {
     const auto* bytes = sqlite3_column_text(&statement, column);
     const auto size = static_cast<std::size_t>(sqlite3_column_bytes(&statement, column));
-    return bytes ? std::string(reinterpret_cast<const char*>(bytes), size) : std::string();
+    return bytes ? std::string_view(reinterpret_cast<const char*>(bytes), size) : std::string_view();
   }
 
   Statement prepare(const char* sql) {
@@ -210,7 +213,7 @@ class SqliteStore::Database {
 };
 
 SqliteStore::SqliteStore(const std::string& file) : file_(file), database_(std::make_unique<Database>(file)) {
-  restore(database_->rows());
+  database_->forEachRow([this](Row row) { restore(std::move(row)); });
 }
 SqliteStore::~SqliteStore() = default;
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/rpc.h"
 #include "platform/zel/value.h"
 
 namespace Host {
@@ -10,12 +11,25 @@ namespace Host {
 using Statedb::Change;
 using Statedb::Changes;
 using Statedb::Feed;
+using Statedb::Path;
 
 namespace {
 constexpr std::uint64_t kFirstRetry = 50;  // milliseconds
 constexpr std::uint64_t kLastRetry = 2000;
 constexpr std::size_t kLongestLine = std::size_t{1} << 30;  // a snapshot of everything is one line
 constexpr std::size_t kChangesPerRequest = 1000;  // well below the longest message that a host takes
+
+const Zel::Value& needed(const Zel::Value& message, const char* name) {
+  const Zel::Value* found = message.field(name);
+  if (!found) throw Zel::ValueError("'" + std::string(name) + "' is missing");
+  return *found;
+}
+
+std::int64_t numberOf(const Zel::Value& message, const char* name) {
+  const auto* number = needed(message, name).as<std::int64_t>();
+  if (!number) throw Zel::ValueError("'" + std::string(name) + "' is no whole number");
+  return *number;
+}
 }  // namespace
 
 // One attempt to connect; outlives the store where that goes away first.
@@ -91,16 +105,15 @@ void UnixStore::onClosed(Connection& connection) {
   retryLater();
 }
 
-void UnixStore::request(const char* method, Json parameters, OnReply onReply) {
+void UnixStore::request(const char* method, std::string_view parameters, OnReply onReply) {
   if (!connection_) return;
   const std::int64_t id = nextId_++;
   replies_[id] = std::move(onReply);
-  connection_->send(
-      jsonText({{"jsonrpc", "2.0"}, {"id", id}, {"method", method}, {"params", std::move(parameters)}}));
+  connection_->send(requestText(id, method, parameters));
   if (connection_) connection_->flush();
 }
 
-void UnixStore::subscribe(const std::string& path, Feed& feed) {
+void UnixStore::subscribe(Path path, Feed& feed) {
   unsubscribe(feed);
   subscriptions_.push_back(std::make_unique<Subscription>(Subscription{path, &feed}));
   watch(*subscriptions_.back());
@@ -109,34 +122,40 @@ void UnixStore::subscribe(const std::string& path, Feed& feed) {
 void UnixStore::unsubscribe(Feed& feed) {
   const auto found = std::ranges::find(subscriptions_, &feed, [](const auto& each) { return each->feed; });
   if (found == subscriptions_.end()) return;
-  if ((*found)->watch >= 0) request("unwatch", {{"watch", (*found)->watch}}, [](const Json&) {});
+  if ((*found)->watch >= 0) unwatch((*found)->watch);
   subscriptions_.erase(found);
+}
+
+void UnixStore::unwatch(std::int64_t watch) {
+  request("unwatch", "{\"watch\":" + std::to_string(watch) + '}', [](const Zel::Value&) {});
 }
 
 // The reply may come when the feed has gone or was subscribed anew: it is for this subscription only.
 void UnixStore::watch(Subscription& subscription) {
-  request("watch", {{"path", subscription.path}, {"own", false}},
-          [this, watched = &subscription](const Json& reply) {
+  request("watch", "{\"own\":false,\"path\":" + jsonText(Zel::Value(subscription.path.text())) + '}',
+          [this, watched = &subscription](const Zel::Value& reply) {
             const auto still =
                 std::ranges::find(subscriptions_, watched, [](const auto& each) { return each.get(); });
-            if (reply.contains("error"))
-              return report_("state database " + url() + ": " +
-                             reply["error"].value("message", "refused to be watched"));
-            const std::int64_t number = reply.at("result").at("watch");
-            if (still == subscriptions_.end())
-              return request("unwatch", {{"watch", number}}, [](const Json&) {});
+            if (const Zel::Value* error = reply.field("error"))
+              return report_("state database " + url() + ": " + textField(*error, "message"));
+            const Zel::Value& result = needed(reply, "result");
+            const std::int64_t number = numberOf(result, "watch");
+            if (still == subscriptions_.end()) return unwatch(number);
             watched->watch = number;
-            tellSnapshot(*watched->feed, reply["result"].at("entities"));
+            tellSnapshot(*watched->feed, needed(result, "entities"));
           });
 }
 
-void UnixStore::tellSnapshot(Feed& feed, const Json& entities) {
+void UnixStore::tellSnapshot(Feed& feed, const Zel::Value& entities) {
   const auto found = std::ranges::find(subscriptions_, &feed, [](const auto& each) { return each->feed; });
   if (found == subscriptions_.end()) return;
-  const auto rows = entityRows(entities);
-  for (const Statedb::Row& row : rows)
-    if (feed.publishes(row.path)) own_.adopt(row);
-  feed.onSnapshot(own_.over(rows, (*found)->path));
+  const auto records = entityRecords(entities);
+  Statedb::Records theirs;
+  for (const Statedb::Record& record : records) {
+    if (feed.publishes(record.path)) own_.adopt(record);
+    theirs.push_back(&record);
+  }
+  feed.onSnapshot(own_.over(theirs, (*found)->path));
 }
 
 UnixStore::Subscription* UnixStore::find(std::int64_t watch) {
@@ -151,7 +170,7 @@ void UnixStore::write(const Changes& changes, Statedb::Durability durability, Fe
   toTell_.emplace_back(changes, origin);
 }
 
-std::vector<Statedb::Row> UnixStore::read(const std::string&) const {
+Statedb::Records UnixStore::read(Path) const {
   throw Statedb::StoreError("the state database is kept by the host at '" + socket_ + "'; read it there");
 }
 
@@ -166,25 +185,23 @@ void UnixStore::flush() {
     const std::size_t count = std::min(kChangesPerRequest, changes.size() - from);
     const Changes part(first, first + static_cast<std::ptrdiff_t>(count));
     const bool last = from + count == changes.size();
-    request("write", {{"durability", "derived"}, {"changes", changesJson(part)}},
-            [this, last](const Json& reply) { onWritten(reply, last); });
+    request("write", "{\"changes\":" + changesText(part) + ",\"durability\":\"derived\"}",
+            [this, last](const Zel::Value& reply) { onWritten(reply, last); });
   }
 }
 
 void UnixStore::tellOthers(const Changes& changes, const Feed* origin) {
   for (const auto& subscription : subscriptions_) {
     Changes concerned;
-    std::ranges::copy_if(changes, std::back_inserter(concerned), [&](const Change& change) {
-      return Statedb::isUnder(change.row.path, subscription->path);
-    });
+    std::ranges::copy_if(changes, std::back_inserter(concerned),
+                         [&](const Change& change) { return change.row.path.isUnder(subscription->path); });
     if (subscription->feed != origin && !concerned.empty()) subscription->feed->onChanges(concerned);
   }
 }
 
-void UnixStore::onWritten(const Json& reply, bool last) {
-  if (reply.contains("error"))
-    report_("state database " + url() +
-            " refused what was published: " + reply["error"].value("message", ""));
+void UnixStore::onWritten(const Zel::Value& reply, bool last) {
+  if (const Zel::Value* error = reply.field("error"))
+    report_("state database " + url() + " refused what was published: " + textField(*error, "message"));
   if (!last) return;
   own_.acknowledged();
   flush();
@@ -192,16 +209,13 @@ void UnixStore::onWritten(const Json& reply, bool last) {
 
 void UnixStore::onLine(Connection& connection, std::string_view line) {
   try {
-    const Json message = parseJson(line);
-    if (message.contains("method")) return onNotification(message);
-    const auto found = replies_.find(message.at("id").get<std::int64_t>());
+    const Zel::Value message = parseJson(line);
+    if (message.field("method")) return onNotification(message);
+    const auto found = replies_.find(numberOf(message, "id"));
     if (found == replies_.end()) return;
     const OnReply onReply = std::move(found->second);
     replies_.erase(found);
     onReply(message);
-  } catch (const Json::exception& error) {
-    report_("state database " + url() + ": a message that can't be read: " + error.what());
-    connection.close();
   } catch (const Zel::ValueError& error) {
     report_("state database " + url() + ": a message that can't be read: " + std::string(error.what()));
     connection.close();
@@ -213,12 +227,13 @@ void UnixStore::onOversizedLine(Connection& connection) {
   connection.close();
 }
 
-void UnixStore::onNotification(const Json& message) {
-  const Json& parameters = message.at("params");
-  Subscription* subscription = find(parameters.at("watch").get<std::int64_t>());
+void UnixStore::onNotification(const Zel::Value& message) {
+  const Zel::Value& parameters = needed(message, "params");
+  Subscription* subscription = find(numberOf(parameters, "watch"));
   if (!subscription) return;
-  if (message["method"] == "reset") return tellSnapshot(*subscription->feed, parameters.at("entities"));
-  const Changes changes = own_.told(changesFromJson(parameters.at("changes")));
+  if (textField(message, "method") == "reset")
+    return tellSnapshot(*subscription->feed, needed(parameters, "entities"));
+  const Changes changes = own_.told(changesFrom(needed(parameters, "changes")));
   if (!changes.empty()) subscription->feed->onChanges(changes);
 }
 

@@ -27,38 +27,40 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
   ~UnixStore() override;
 
   std::string url() const override { return "unix:" + socket_; }
-  void subscribe(const std::string& path, Statedb::Feed& feed) override;
+  void subscribe(Statedb::Path path, Statedb::Feed& feed) override;
   void unsubscribe(Statedb::Feed& feed) override;
   // What is written here is derived for the other side: it belongs to whoever keeps publishing it. The
   // durability is the other side's to grant, so `stored` is refused.
   void write(const Statedb::Changes& changes, Statedb::Durability durability, Statedb::Feed* origin) override;
   void flush() override;
   // Keeps no rows on this side: throws StoreError.
-  std::vector<Statedb::Row> read(const std::string& path) const override;
+  Statedb::Records read(Statedb::Path path) const override;
 
  private:
   struct Subscription {
-    std::string path;
+    Statedb::Path path;
     Statedb::Feed* feed;
     std::int64_t watch = -1;  // the other side's number for it; -1: not confirmed
   };
-  using OnReply = std::function<void(const Json& reply)>;
+  using OnReply = std::function<void(const Zel::Value& reply)>;
   struct Connecting;
 
   void connect();
   void onConnected(UvHandle<uv_pipe_t> pipe, int status);
   void retryLater();
-  void request(const char* method, Json parameters, OnReply onReply);
+  // `parameters` are a JSON text.
+  void request(const char* method, std::string_view parameters, OnReply onReply);
   void watch(Subscription& subscription);
-  void tellSnapshot(Statedb::Feed& feed, const Json& entities);
+  void unwatch(std::int64_t watch);
+  void tellSnapshot(Statedb::Feed& feed, const Zel::Value& entities);
   void tellOthers(const Statedb::Changes& changes, const Statedb::Feed* origin);
   Subscription* find(std::int64_t watch);
 
   void onLine(Connection& connection, std::string_view line) override;
   void onOversizedLine(Connection& connection) override;
   void onClosed(Connection& connection) override;
-  void onNotification(const Json& message);
-  void onWritten(const Json& reply, bool last);
+  void onNotification(const Zel::Value& message);
+  void onWritten(const Zel::Value& reply, bool last);
 
   Loop& loop_;
   const std::string socket_;

@@ -7,12 +7,13 @@
 namespace Host {
 
 using Statedb::Changes;
-using Statedb::Row;
+using Statedb::Path;
+using Statedb::Record;
 
 Watches::Watches(Statedb::Store& store, Send send)
     : send_(std::move(send)), all_(store, send_), others_(store, send_) {}
 
-std::uint64_t Watches::add(const std::string& path, bool own) {
+std::uint64_t Watches::add(Path path, bool own) {
   (own ? all_ : others_).add(++last_, path);
   return last_;
 }
@@ -21,11 +22,11 @@ bool Watches::del(std::uint64_t id) { return all_.del(id) || others_.del(id); }
 
 Watches::Group::~Group() { store_.unsubscribe(*this); }
 
-void Watches::Group::add(std::uint64_t id, const std::string& path) {
+void Watches::Group::add(std::uint64_t id, Path path) {
   if (watches_.empty()) {
     // The snapshot that comes at once is nothing new; the watch's own answer holds its part of it.
     subscribing_ = true;
-    store_.subscribe("", *this);
+    store_.subscribe({}, *this);
     subscribing_ = false;
   }
   watches_.push_back({id, path});
@@ -37,24 +38,33 @@ bool Watches::Group::del(std::uint64_t id) {
   return found;
 }
 
-void Watches::Group::onSnapshot(const std::vector<Row>& rows) {
+void Watches::Group::onSnapshot(const Statedb::Records& records) {
   if (subscribing_) return;
   for (const Watch& watch : watches_) {
-    std::vector<Row> under;
-    std::ranges::copy_if(rows, std::back_inserter(under),
-                         [&](const Row& row) { return Statedb::isUnder(row.path, watch.path); });
-    send_(notificationText("reset", {{"watch", watch.id}, {"entities", entitiesJson(under)}}));
+    Statedb::Records under;
+    std::ranges::copy_if(records, std::back_inserter(under),
+                         [&](const Record* record) { return record->path.isUnder(watch.path); });
+    send_(notificationText(
+        "reset", "{\"entities\":" + entitiesText(under) + ",\"watch\":" + std::to_string(watch.id) + '}'));
   }
 }
 
 void Watches::Group::onChanges(const Changes& changes) {
   for (const Watch& watch : watches_) {
+    const auto isItsOwn = [&](const Statedb::Change& change) { return concerns(change, watch.path); };
+    if (std::ranges::all_of(changes, isItsOwn)) {
+      tell(watch, changes);
+      continue;
+    }
     Changes concerned;
-    std::ranges::copy_if(changes, std::back_inserter(concerned),
-                         [&](const Statedb::Change& change) { return concerns(change, watch.path); });
-    if (concerned.empty()) continue;
-    send_(notificationText("changed", {{"watch", watch.id}, {"changes", changesJson(concerned)}}));
+    std::ranges::copy_if(changes, std::back_inserter(concerned), isItsOwn);
+    if (!concerned.empty()) tell(watch, concerned);
   }
+}
+
+void Watches::Group::tell(const Watch& watch, const Changes& changes) {
+  send_(notificationText(
+      "changed", "{\"changes\":" + changesText(changes) + ",\"watch\":" + std::to_string(watch.id) + '}'));
 }
 
 }  // namespace Host

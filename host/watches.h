@@ -21,7 +21,7 @@ class Watches {
 
   // Watches a path, without the client's own writes where `own` is false. Returns the watch's number, which
   // is not used again.
-  std::uint64_t add(const std::string& path, bool own);
+  std::uint64_t add(Statedb::Path path, bool own);
   // Returns whether there was such a watch.
   bool del(std::uint64_t id);
 
@@ -36,17 +36,18 @@ class Watches {
     Group(Statedb::Store& store, const Send& send) : store_(store), send_(send) {}
     ~Group() override;
 
-    void add(std::uint64_t id, const std::string& path);
+    void add(std::uint64_t id, Statedb::Path path);
     bool del(std::uint64_t id);
 
-    void onSnapshot(const std::vector<Statedb::Row>& rows) override;
+    void onSnapshot(const Statedb::Records& records) override;
     void onChanges(const Statedb::Changes& changes) override;
 
    private:
     struct Watch {
       std::uint64_t id;
-      std::string path;
+      Statedb::Path path;
     };
+    void tell(const Watch& watch, const Statedb::Changes& changes);
 
     Statedb::Store& store_;
     const Send& send_;

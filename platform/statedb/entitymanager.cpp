@@ -3,68 +3,65 @@
 #include <algorithm>
 #include <deque>
 #include <map>
-#include <set>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "platform/statedb/publisher.h"
 #include "platform/statedb/schema.h"
 #include "platform/zel/activity.h"
-#include "platform/zel/generic.h"
 
 namespace Statedb {
 
 namespace {
 
-// A path followed through the entities as far as they go.
+// Where a path leads through the entities, as far as they go.
 struct Found {
-  Zel::Ptr<Zel::Entity> parent;  // of the last step
-  PathReader::Step step;         // the last step that was read
-  Zel::Ptr<Zel::Entity> entity;  // null where the last step leads to nothing
+  // The last step that was read: from this entity, through this collection of it, to the member of this name.
+  Zel::Ptr<Zel::Entity> parent;
+  const Zel::AttributeInfo* collection = nullptr;
+  Zel::Name key;
+  Path path;                     // of the member
+  Zel::Ptr<Zel::Entity> entity;  // the member; null where there is none
   bool whole = true;             // whether the path was read to its end
 };
 
-Zel::Ptr<Zel::Entity> member(const Zel::Ptr<Zel::Entity>& parent, const PathReader::Step& step) {
-  if (const auto dir = Zel::dynamicPtrCast<Zel::Dir>(parent)) return dir->entityRef(step.key);
-  const Zel::Value key = step.key;
-  const Zel::Value found = Zel::GenericIf::perform(*parent, Zel::Operation::get, step.collection, {&key, 1});
-  return Zel::ValueTraits<Zel::Ptr<Zel::Entity>>::fromValue(found);
+// The name that a component of a path stands for. Throws ValueError where it is wrongly escaped.
+Zel::Name nameOf(Zel::Name component) {
+  if (Zel::isComponent(component.view())) return component;
+  return Zel::Name(Zel::unescapeComponent(component.view()));
 }
 
-Zel::Ptr<Zel::Entity> newMember(const Zel::Ptr<Zel::Entity>& parent, const PathReader::Step& step,
-                                const std::string& type) {
-  if (const auto dir = Zel::dynamicPtrCast<Zel::Dir>(parent)) return dir->entryIs(step.key, type);
-  if (step.memberType->name().view() != type)
-    throw Zel::ValueError("found type " + type + ", wanted " + step.memberType->name().stdString());
-  const Zel::Value key = step.key;
-  const Zel::Value made = Zel::GenericIf::perform(*parent, Zel::Operation::set, step.collection, {&key, 1});
-  return Zel::ValueTraits<Zel::Ptr<Zel::Entity>>::fromValue(made);
+Zel::Ptr<Zel::Entity> newMember(const Found& found, Zel::Name type) {
+  if (found.collection->direct)
+    return static_cast<Zel::Dir&>(*found.parent).entryIs(found.key, Zel::String(type.view()));
+  const Zel::Name wanted = found.collection->memberType().name();
+  if (wanted != type)
+    throw Zel::ValueError("found type " + type.stdString() + ", wanted " + wanted.stdString());
+  const Zel::Value key = found.key.view();
+  found.collection->set(*found.parent, {&key, 1});
+  return Zel::Ptr<Zel::Entity>(found.collection->member(*found.parent, found.key));
 }
 
-void removeMember(const Zel::Ptr<Zel::Entity>& parent, const PathReader::Step& step) {
-  if (const auto dir = Zel::dynamicPtrCast<Zel::Dir>(parent)) {
-    dir->entryDel(step.key);
-    return;
-  }
-  const Zel::Value key = step.key;
-  Zel::GenericIf::perform(*parent, Zel::Operation::del, step.collection, {&key, 1});
+void removeMember(const Found& found) {
+  const Zel::Value key = found.key.view();
+  found.collection->del(*found.parent, {&key, 1});
 }
 
-std::string typeOf(const Zel::Entity& entity) { return entity.fwkType().name().stdString(); }
+Zel::Name typeOf(const Zel::Entity& entity) { return entity.fwkType().name(); }
 
 // Calls `function` for every stored row of the entity's type, its bases' first.
 template <class Function>
 void forEachStored(const Zel::TypeNode& type, Function&& function) {
   for (Zel::AttributeIndex index = 0; index < type.endIndex(); ++index)
-    if (const Zel::AttributeInfo& row = type.attribute(index); row.stored) function(index, row);
+    if (const Zel::AttributeInfo& row = type.attribute(index); row.stored) function(row);
 }
 
 // Members of the entity's collections, each with its path under `path`.
 template <class Function>
-void forEachMember(const Zel::Entity& entity, const std::string& path, Function&& function) {
-  forEachStored(entity.fwkType(), [&](Zel::AttributeIndex, const Zel::AttributeInfo& row) {
+void forEachMember(const Zel::Entity& entity, Path path, Function&& function) {
+  forEachStored(entity.fwkType(), [&](const Zel::AttributeInfo& row) {
     if (row.kind != Zel::Kind::collection) return;
-    for (const Zel::Name key : row.keys(entity))
-      function((path.empty() ? "" : path + "/") + (row.direct ? "" : row.name + std::string("/")) +
-               Zel::escapeComponent(key.view()));
+    for (const Zel::Name key : row.keys(entity)) function(memberPath(path, row, key));
   });
 }
 
@@ -74,24 +71,22 @@ void forEachMember(const Zel::Entity& entity, const std::string& path, Function&
 struct EntityManager::State : Zel::PassEnd {
   // What stands under one path of the store.
   struct Subscription : Feed {
-    Subscription(State& owner, std::string subscribedPath) : state(owner), path(std::move(subscribedPath)) {}
-    void onSnapshot(const std::vector<Row>& rows) override {
+    Subscription(State& owner, Path subscribedPath) : state(owner), path(subscribedPath) {}
+    void onSnapshot(const Records& records) override {
       arrived = true;
-      state.applySnapshot(path, rows);
+      state.applySnapshot(path, records);
       state.completeLater();
     }
     void onChanges(const Changes& changes) override {
-      state.queue.insert(state.queue.end(), changes.begin(), changes.end());
-      state.work();
+      for (const Change& change : changes) state.take(change);
     }
-    bool publishes(const std::string& at) const override {
-      return std::ranges::any_of(state.mounts, [&](const MountInfo& mount) {
-        return mount.mode == "wi" && isUnder(at, mount.path);
-      });
+    bool publishes(Path at) const override {
+      return std::ranges::any_of(
+          state.mounts, [&](const MountInfo& mount) { return mount.mode == "wi" && at.isUnder(mount.path); });
     }
 
     State& state;
-    const std::string path;
+    const Path path;
     bool arrived = false;
   };
 
@@ -109,25 +104,60 @@ struct EntityManager::State : Zel::PassEnd {
   void refuse(const Row& row, const std::string& why) {
     ++refusals;
     if (row.attribute.empty()) refusedTypes[row.path] = row.type;
-    say(row.path + (row.attribute.empty() ? "" : " " + row.attribute) + ": " + why);
+    say(placeText(row) + ": " + why);
   }
 
   // Follows a path. Throws ValueError where it is not one.
-  Found find(const std::string& path) const {
+  Found find(Path path) {
     Found found;
-    found.entity = root;
-    for (PathReader reader(path); !reader.done();) {
-      found.parent = found.entity;
-      found.step = reader.next(found.parent->fwkType());
-      found.entity = member(found.parent, found.step);
-      found.whole = reader.done();
-      if (!found.entity) break;
+    if (path.empty()) {
+      found.entity = root;
+      return found;
     }
+    found.path = path;
+    if (last.parent && path.parent() == last.path && isThere(*last.parent)) {
+      found.parent = last.parent;
+      found.collection = last.collection;
+      found.key = nameOf(path.component());
+      found.entity = Zel::Ptr<Zel::Entity>(found.collection->member(*found.parent, found.key));
+      return found;
+    }
+    follow(path.text(), found);
+    if (found.whole && found.parent) last = {path.parent(), found.parent, found.collection};
     return found;
   }
 
+  // The same by its text, from the root.
+  void follow(const std::string& text, Found& found) const {
+    found.entity = root;
+    for (PathReader reader(text); !reader.done();) {
+      found.parent = found.entity;
+      const auto step = reader.next(found.parent->fwkType());
+      found.collection = collectionOf(found.parent->fwkType(), step);
+      found.key = Zel::Name(step.key);
+      found.entity = Zel::Ptr<Zel::Entity>(found.collection->member(*found.parent, found.key));
+      found.whole = reader.done();
+      found.path = Path(step.path);
+      if (!found.entity) break;
+    }
+  }
+
+  // The row of the type that a step leads through.
+  static const Zel::AttributeInfo* collectionOf(const Zel::TypeNode& type, const PathReader::Step& step) {
+    for (Zel::AttributeIndex index = 0; index < type.endIndex(); ++index)
+      if (const auto& row = type.attribute(index); row.direct || row.name == step.collection) return &row;
+    return nullptr;
+  }
+
+  // Whether an entity still stands under the root.
+  bool isThere(const Zel::Entity& entity) const {
+    const Zel::Entity* each = &entity;
+    while (each && each != root.get() && !each->zelIsGone()) each = each->parent();
+    return each == root.get();
+  }
+
   // The same for paths that need not be one.
-  Zel::Ptr<Zel::Entity> entityAt(const std::string& path) const {
+  Zel::Ptr<Zel::Entity> entityAt(Path path) {
     try {
       return find(path).entity;
     } catch (const Zel::ValueError&) {
@@ -136,55 +166,64 @@ struct EntityManager::State : Zel::PassEnd {
   }
 
   // The entity at a path, made where it was not there; directories on the way as well.
-  Zel::Ptr<Zel::Entity> ensure(const std::string& path, const std::string& type) {
+  Zel::Ptr<Zel::Entity> ensure(Path path, Zel::Name type) {
     for (;;) {
       const Found found = find(path);
       if (found.entity) return found.entity;
-      if (!found.whole && found.step.memberType)
-        throw Zel::ValueError("there is no entity at '" + found.step.path + "'");
-      const auto made =
-          newMember(found.parent, found.step, found.whole ? type : typeOnTheWay(found.step.path));
-      published(found.parent, [&](PublishedEntity& above) { above.adopt(found.step, made); });
+      if (!found.whole && !found.collection->direct)
+        throw Zel::ValueError("there is no entity at '" + found.path.text() + "'");
+      const auto made = newMember(found, found.whole ? type : typeOnTheWay(found.path));
+      published(found.parent, found.path,
+                [&](PublishedEntity& above) { above.adopt(*found.collection, found.key, made); });
       if (found.whole) return made;
     }
   }
 
   // What stands above an entity without a row of its own: what is mounted there, else a directory.
-  std::string typeOnTheWay(const std::string& path) const {
+  Zel::Name typeOnTheWay(Path path) const {
     const auto mount = std::ranges::find(mounts, path, &MountInfo::path);
-    return mount == mounts.end() ? "Zel::Dir" : mount->type;
+    return mount == mounts.end() ? Zel::Dir::typeNode().name() : mount->type;
   }
 
-  // Calls `function` with what publishes an entity, where something does.
+  // Calls `function` with what publishes an entity, where something does. `path` is the entity's, or of
+  // something under it.
   template <class Function>
-  void published(const Zel::Ptr<Zel::Entity>& entity, Function&& function) {
-    for (const auto& publisher : publishers)
+  void published(const Zel::Ptr<Zel::Entity>& entity, Path path, Function&& function) {
+    for (const auto& publisher : publishers) {
+      if (!path.isUnder(publisher->path())) continue;
       if (const auto found = publisher->find(*entity)) function(*found);
+    }
   }
 
   // Rows into entities
   // ------------------------------------------------------------------------------------------
 
-  bool mountedAtOrUnder(const std::string& path) const {
-    return std::ranges::any_of(mounts, [&](const MountInfo& mount) { return isUnder(mount.path, path); });
+  bool mountedAtOrUnder(Path path) const {
+    return std::ranges::any_of(mounts, [&](const MountInfo& mount) { return mount.path.isUnder(path); });
   }
   // Whether the entity at `path`, or one above it, was removed in this pass.
-  bool waitsForDelivery(const std::string& path) const {
+  bool waitsForDelivery(Path path) const {
     if (gone.empty()) return false;
-    for (std::size_t end = path.find('/');; end = path.find('/', end + 1)) {
-      if (gone.contains(path.substr(0, end))) return true;
-      if (end == std::string::npos) return false;
-    }
+    for (; !path.empty(); path = path.parent())
+      if (gone.contains(path)) return true;
+    return false;
   }
 
-  // Applies what is queued, up to a re-creation whose removal was not delivered yet.
+  // Whether a change must wait: for those before it, or as a re-creation whose removal was not delivered yet.
+  bool mustWait(const Change& change) const {
+    return change.kind == Change::Kind::put && waitsForDelivery(change.row.path);
+  }
+
+  void take(const Change& change) {
+    if (!queue.empty() || mustWait(change))
+      queue.push_back(change);
+    else
+      apply(change);
+  }
+
+  // Applies what waited, as far as it need not wait any more.
   void work() {
-    while (!queue.empty()) {
-      const Change& next = queue.front();
-      if (next.kind == Change::Kind::put && waitsForDelivery(next.row.path)) return;
-      apply(next);
-      queue.pop_front();
-    }
+    for (; !queue.empty() && !mustWait(queue.front()); queue.pop_front()) apply(queue.front());
   }
 
   void apply(const Change& change) {
@@ -200,86 +239,135 @@ struct EntityManager::State : Zel::PassEnd {
   }
 
   void put(const Row& row) {
-    const auto entity = ensure(row.path, row.type);
-    if (typeOf(*entity) != row.type)
-      throw Zel::ValueError("found type " + row.type + ", the entity is a " + typeOf(*entity));
-    if (row.attribute.empty()) {
+    const auto entity = ensureOfType(row.path, row.type);
+    if (row.attribute.empty())
       refusedTypes.erase(row.path);
-      return;
-    }
-    checkRow(row.type, row.attribute, row.value);
-    entity->fwkType().find(row.attribute)->set(*entity, {&row.value, 1});
-    published(entity, [](PublishedEntity& publisher) { publisher.noteValues(); });
+    else
+      set(*entity, row.type, row.attribute, row.value);
+    published(entity, row.path, [](PublishedEntity& publisher) { publisher.noteValues(); });
+  }
+
+  Zel::Ptr<Zel::Entity> ensureOfType(Path path, Zel::Name type) {
+    auto entity = ensure(path, type);
+    if (typeOf(*entity) != type)
+      throw Zel::ValueError("found type " + type.stdString() + ", the entity is a " +
+                            typeOf(*entity).stdString());
+    return entity;
+  }
+
+  static void set(Zel::Entity& entity, Zel::Name type, Zel::Name attribute, const Zel::Value& value) {
+    const Zel::AttributeInfo* row = entity.fwkType().find(attribute);
+    if (!row || !row->stored || !row->set || !row->check) return checkRow(type, attribute, value);
+    row->set(entity, {&value, 1});
   }
 
   // Takes an entity out. One that is mounted, or that holds one that is, stays and is emptied instead.
-  void remove(const std::string& path) {
-    std::erase_if(refusedTypes, [&](const auto& refused) { return isUnder(refused.first, path); });
+  void remove(Path path) {
+    std::erase_if(refusedTypes, [&](const auto& refused) { return refused.first.isUnder(path); });
     const Found found = find(path);
     if (!found.entity) return;
     if (path.empty() || mountedAtOrUnder(path)) return clear(*found.entity, path);
-    published(found.parent, [&](PublishedEntity& above) { above.forget(found.step); });
-    removeMember(found.parent, found.step);
+    published(found.parent, path,
+              [&](PublishedEntity& above) { above.forget(*found.collection, found.key); });
+    removeMember(found);
     gone.insert(path);
   }
 
-  void clear(Zel::Entity& entity, const std::string& path) {
-    forEachMember(entity, path, [&](const std::string& member) { remove(member); });
-    forEachStored(entity.fwkType(), [&](Zel::AttributeIndex, const Zel::AttributeInfo& row) {
+  void clear(Zel::Entity& entity, Path path) {
+    forEachMember(entity, path, [&](Path member) { remove(member); });
+    forEachStored(entity.fwkType(), [&](const Zel::AttributeInfo& row) {
       if (row.reset) row.reset(entity);
     });
   }
 
-  // Everything under `path` becomes what the rows say: what is gone goes first, what is the same hears
+  // Everything under `path` becomes what the records say: what is gone goes first, what is the same hears
   // nothing.
-  void applySnapshot(const std::string& path, const std::vector<Row>& rows) {
-    std::erase_if(queue, [&](const Change& change) { return isUnder(change.row.path, path); });
-    std::map<std::string, std::set<std::string>> present;
-    for (const Row& row : rows) present[row.path].insert(row.attribute);
-    if (const auto top = entityAt(path)) removeAbsent(*top, path, present);
-    for (const Row& row : rows) queue.push_back({Change::Kind::put, row});
+  void applySnapshot(Path path, const Records& records) {
+    std::erase_if(queue, [&](const Change& change) { return change.row.path.isUnder(path); });
+    if (const auto top = entityAt(path)) {
+      Present present;
+      for (const Record* record : records) present.add(*record, path);
+      removeAbsent(*top, path, present);
+    }
+    for (const Record* record : records) put(*record);
     work();
   }
 
-  void removeAbsent(Zel::Entity& entity, const std::string& path,
-                    const std::map<std::string, std::set<std::string>>& present) {
-    const auto rows = present.find(path);
-    forEachStored(entity.fwkType(), [&](Zel::AttributeIndex, const Zel::AttributeInfo& row) {
-      if (row.reset && (rows == present.end() || !rows->second.contains(row.name))) row.reset(entity);
-    });
-    forEachMember(entity, path, [&](const std::string& each) {
-      const Found found = find(each);
-      if (found.entity && (present.contains(each) || hasUnder(present, each)))
-        removeAbsent(*found.entity, each, present);
-      else if (found.entity)
-        remove(each);
-    });
+  void put(const Record& record) {
+    const Row there{record.path, record.type, {}, {}};
+    if (!queue.empty() || waitsForDelivery(record.path)) {
+      queue.push_back({Change::Kind::put, there});
+      for (const Attribute& each : record.attributes)
+        queue.push_back(Change::put(record.path, record.type, each.name, each.value));
+      return;
+    }
+    Zel::Ptr<Zel::Entity> entity;
+    std::string reason;
+    try {
+      entity = ensureOfType(record.path, record.type);
+      refusedTypes.erase(record.path);
+    } catch (const std::exception& error) {
+      reason = error.what();
+      refuse(there, reason);
+    }
+    for (const Attribute& each : record.attributes) {
+      try {
+        if (!entity) throw Zel::ValueError(reason);
+        set(*entity, record.type, each.name, each.value);
+      } catch (const std::exception& error) {
+        refuse({record.path, record.type, each.name, each.value}, error.what());
+      }
+    }
+    if (entity) published(entity, record.path, [](PublishedEntity& publisher) { publisher.noteValues(); });
   }
 
-  template <class Map>
-  static bool hasUnder(const Map& present, const std::string& path) {
-    const auto next = present.lower_bound(path + '/');
-    return next != present.end() && isUnder(next->first, path);
+  // What a snapshot holds, by path; and every path on the way to it, without a record.
+  struct Present {
+    std::unordered_map<Path, const Record*> records;
+
+    void add(const Record& record, Path top) {
+      records[record.path] = &record;
+      for (Path above = record.path; above != top;) {
+        above = above.parent();
+        if (!records.try_emplace(above).second) break;
+      }
+    }
+  };
+
+  void removeAbsent(Zel::Entity& entity, Path path, const Present& present) {
+    const auto found = present.records.find(path);
+    const Record* record = found == present.records.end() ? nullptr : found->second;
+    forEachStored(entity.fwkType(), [&](const Zel::AttributeInfo& row) {
+      if (row.reset && (!record || !record->find(row.label))) row.reset(entity);
+    });
+    forEachMember(entity, path, [&](Path each) {
+      const auto member = find(each).entity;
+      if (member && present.records.contains(each))
+        removeAbsent(*member, each, present);
+      else if (member)
+        remove(each);
+    });
   }
 
   // Mounting
   // ----------------------------------------------------------------------------------------------------
 
-  Subscription* covering(const std::string& path) const {
+  Subscription* covering(Path path) const {
     for (const auto& subscription : subscriptions)
-      if (isUnder(path, subscription->path)) return subscription.get();
+      if (path.isUnder(subscription->path)) return subscription.get();
     return nullptr;
   }
 
   // Subscribes to the mounts' paths, outer ones first, so that no row is heard twice.
   void subscribe(const MountGroup& group) {
-    std::set<std::string> paths;
-    for (const Mount& mount : group.mounts()) paths.insert(mount.path().stdString());
-    for (const std::string& path : paths) {
+    std::vector<Path> paths;
+    for (const Mount& mount : group.mounts()) paths.emplace_back(mount.path().view());
+    std::ranges::sort(paths, &readsBefore);
+    for (const Path path : paths) {
       if (covering(path)) continue;
       std::vector<std::unique_ptr<Subscription>> covered;
       for (auto& subscription : subscriptions)
-        if (isUnder(subscription->path, path)) covered.push_back(std::move(subscription));
+        if (subscription->path.isUnder(path)) covered.push_back(std::move(subscription));
       std::erase(subscriptions, nullptr);
       subscriptions.push_back(std::make_unique<Subscription>(*this, path));
       for (const auto& old : covered) store.unsubscribe(*old);
@@ -289,10 +377,10 @@ struct EntityManager::State : Zel::PassEnd {
 
   void noteMounts(const MountGroup& group) {
     for (const Mount& mount : group.mounts()) {
-      const auto known = std::ranges::find(mounts, mount.path().stdString(), &MountInfo::path);
+      const Path path(mount.path().view());
+      const auto known = std::ranges::find(mounts, path, &MountInfo::path);
       if (known == mounts.end())
-        mounts.push_back(
-            {mount.path().stdString(), mount.typeName().stdString(), mount.mode().stdString(), false});
+        mounts.push_back({path, mount.typeName(), mount.mode().stdString(), false});
       else if (mount.mode() == "wi")
         known->mode = "wi";
     }
@@ -318,7 +406,7 @@ struct EntityManager::State : Zel::PassEnd {
   void complete() {
     for (const auto& group : std::vector(closed)) {
       const bool ready = queue.empty() && std::ranges::all_of(group->mounts(), [&](const Mount& mount) {
-                           const Subscription* subscription = covering(mount.path().stdString());
+                           const Subscription* subscription = covering(Path(mount.path().view()));
                            return subscription && subscription->arrived;
                          });
       if (!ready) continue;
@@ -343,14 +431,16 @@ struct EntityManager::State : Zel::PassEnd {
   }
 
   void finish(const Mount& mount) {
-    const std::string path = mount.path().stdString();
-    const std::string asked = mount.typeName().stdString();
-    if (!Zel::typeNode(Zel::Name(asked)))
-      throw Zel::ValueError("the type asked for, " + asked + ", is unknown");
+    const Path path(mount.path().view());
+    const Zel::Name asked(mount.typeName());
+    if (!Zel::typeNode(asked))
+      throw Zel::ValueError("the type asked for, " + asked.stdString() + ", is unknown");
     const auto refused = refusedTypes.find(path);
     const auto entity = refused == refusedTypes.end() ? ensure(path, asked) : nullptr;
-    const std::string found = entity ? typeOf(*entity) : refused->second;
-    if (found != asked) throw Zel::ValueError("found an entity of type " + found + ", asked for " + asked);
+    const Zel::Name found = entity ? typeOf(*entity) : refused->second;
+    if (found != asked)
+      throw Zel::ValueError("found an entity of type " + found.stdString() + ", asked for " +
+                            asked.stdString());
     std::ranges::find(mounts, path, &MountInfo::path)->complete = true;
     mounted[path] = entity;
     if (mount.mode() == "wi" &&
@@ -373,7 +463,7 @@ struct EntityManager::State : Zel::PassEnd {
       store.write(changes, Durability::derived, covering(publisher.path()));
       publishedRows += changes.size();
     } catch (const StoreError& error) {
-      say(publisher.path() + ": could not be published: " + error.what());
+      say(publisher.path().text() + ": could not be published: " + error.what());
       publisher.giveBack(changes);
     }
   }
@@ -381,14 +471,20 @@ struct EntityManager::State : Zel::PassEnd {
   Store& store;
   const Zel::Ptr<Zel::Dir> root;
   std::vector<MountInfo> mounts;
-  std::map<std::string, Zel::Ptr<Zel::Entity>> mounted;
+  std::unordered_map<Path, Zel::Ptr<Zel::Entity>> mounted;
   std::map<const Mounter*, Zel::Ptr<MountGroup>> open;
   std::vector<Zel::Ptr<MountGroup>> closed;  // and not complete
   std::vector<std::unique_ptr<Subscription>> subscriptions;
   std::vector<std::unique_ptr<Publisher>> publishers;
-  std::deque<Change> queue;                         // told by the store, not applied yet
-  std::set<std::string> gone;                       // paths whose removal waits to be delivered
-  std::map<std::string, std::string> refusedTypes;  // of entities that could not be made, by path
+  std::deque<Change> queue;                          // told by the store, not applied yet
+  std::unordered_set<Path> gone;                     // paths whose removal waits to be delivered
+  std::unordered_map<Path, Zel::Name> refusedTypes;  // of entities that could not be made
+  // Paths mostly follow each other in one collection: the one that the last of them led into.
+  struct {
+    Path path;  // of its members without their last component
+    Zel::Ptr<Zel::Entity> parent{};
+    const Zel::AttributeInfo* collection = nullptr;
+  } last;
   std::function<void(const std::string&)> report;
   std::uint64_t refusals = 0;
   std::uint64_t publishedRows = 0;
@@ -404,17 +500,16 @@ Zel::Ptr<MountGroup> EntityManager::getMountGroup(const Zel::Ptr<Mounter>& mount
 }
 
 Zel::Ptr<Zel::Entity> EntityManager::getEntity(Zel::String path) const {
-  const auto found = state_->mounted.find(path.stdString());
+  const auto known = Path::existing(path.view());
+  const auto found = known ? state_->mounted.find(*known) : state_->mounted.end();
   return found == state_->mounted.end() ? nullptr : found->second;
 }
 
-Zel::Ptr<Zel::Entity> EntityManager::entityAt(const std::string& path) const {
-  return state_->entityAt(path);
-}
+Zel::Ptr<Zel::Entity> EntityManager::entityAt(Path path) const { return state_->entityAt(path); }
 
 const Zel::Ptr<Zel::Dir>& EntityManager::root() const { return state_->root; }
 
-std::vector<EntityManager::MountInfo> EntityManager::mounts() const { return state_->mounts; }
+const std::vector<EntityManager::MountInfo>& EntityManager::mounts() const { return state_->mounts; }
 
 void EntityManager::reportIs(std::function<void(const std::string&)> report) {
   state_->report = std::move(report);

@@ -38,16 +38,16 @@ class ZEL_API EntityManager : public Zel::Reactor<EntityManager, Zel::PtrInterfa
   // The directory at the root of all paths.
   const Zel::Ptr<Zel::Dir>& root() const;
   // For tools: the entity at a path; null where there is none or the path is not one.
-  Zel::Ptr<Zel::Entity> entityAt(const std::string& path) const;
+  Zel::Ptr<Zel::Entity> entityAt(Path path) const;
 
   struct MountInfo {
-    std::string path;
-    std::string type;
+    Path path;
+    Zel::Name type;
     std::string mode;  // "wi" where anybody mounted it so
     bool complete = false;
   };
   // In the order of mounting; a path that several agents mounted stands once.
-  std::vector<MountInfo> mounts() const;
+  const std::vector<MountInfo>& mounts() const;
 
   // For the host's end: forgets the groups that are not complete, so that nothing holds their mounters.
   void stop();

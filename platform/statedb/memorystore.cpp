@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <map>
 #include <optional>
 #include <utility>
 
@@ -14,19 +13,15 @@ Store::~Store() = default;
 
 namespace {
 
-struct Entry {
-  std::string type;
+struct Entry : Record {
   Durability durability = Durability::stored;
-  std::vector<Zel::Value::Field> attributes;  // in the order in which they were first set
 };
 
-using Entries = std::map<std::string, Entry>;
-
-// Takes one change back. Entries do not move, so those that changed are pointed to: the undoing goes
-// backwards, and an entry that was removed comes back as the same.
+// Takes one change back, the last first. Entries do not move, so that which changed is pointed to; one that
+// was removed comes back as the same.
 struct Undo {
-  Entries::value_type* at = nullptr;     // was made, or got another attribute or value
-  Entries::node_type removed{};          // or was removed
+  Entry* at = nullptr;                   // was made, or got another attribute or value
+  std::unique_ptr<Entry> removed{};      // or was removed
   std::optional<std::size_t> changed{};  // which of its attributes; else one was added
   Zel::Value before{};
   bool made = false;
@@ -39,69 +34,83 @@ struct Told {
 
 struct Subscription {
   Feed* feed;
-  std::string path;
+  Path path;
 };
-
-// The first entry under `path` other than the one at it, and the first behind those: '0' follows '/'.
-template <class Map>
-auto below(Map& entries, const std::string& path) {
-  if (path.empty()) return std::pair(entries.begin(), entries.end());
-  return std::pair(entries.lower_bound(path + '/'), entries.lower_bound(path + '0'));
-}
 
 }  // namespace
 
 struct MemoryStore::State {
-  Entries entries;
+  std::vector<std::unique_ptr<Entry>> entries;  // at the number of their paths; null: none
+  std::size_t count = 0;
   std::vector<Undo> undo;  // since the last flush
   std::vector<Told> told;  // the same, of what the feeds are to hear
   std::vector<Subscription> subscriptions;
+
+  // Null where there is none.
+  Entry* find(Path path) const { return path.id() < entries.size() ? entries[path.id()].get() : nullptr; }
+
+  Entry& insert(std::unique_ptr<Entry> entry) {
+    const std::size_t at = entry->path.id();
+    if (at >= entries.size()) entries.resize(Path::count());
+    entries[at] = std::move(entry);
+    ++count;
+    return *entries[at];
+  }
+
+  std::unique_ptr<Entry> extract(Path path) {
+    --count;
+    return std::move(entries[path.id()]);
+  }
 
   void undoTo(std::size_t size) {
     for (; undo.size() > size; undo.pop_back()) {
       Undo& last = undo.back();
       if (last.removed)
-        entries.insert(std::move(last.removed));
+        insert(std::move(last.removed));
       else if (last.made)
-        entries.erase(last.at->first);
+        extract(last.at->path);
       else if (last.changed)
-        last.at->second.attributes[*last.changed].second = std::move(last.before);
+        last.at->attributes[*last.changed].value = std::move(last.before);
       else
-        last.at->second.attributes.pop_back();
+        last.at->attributes.pop_back();
     }
   }
 
-  Entries::iterator make(const std::string& path, Entry entry) {
-    const auto at = entries.emplace(path, std::move(entry)).first;
-    undo.push_back({.at = &*at, .made = true});
-    return at;
+  Entry& make(const Row& row, Durability durability) {
+    Entry& entry = insert(std::make_unique<Entry>(Entry{{row.path, row.type, {}}, durability}));
+    undo.push_back({.at = &entry, .made = true});
+    return entry;
   }
 
   // Returns whether that changed anything.
-  bool set(Entries::value_type& at, const std::string& attribute, const Zel::Value& value) {
-    auto& attributes = at.second.attributes;
-    const auto found = std::ranges::find(attributes, attribute, &Zel::Value::Field::first);
+  bool set(Entry& entry, Zel::Name attribute, const Zel::Value& value) {
+    auto& attributes = entry.attributes;
+    const auto found = std::ranges::find(attributes, attribute, &Attribute::name);
     if (found == attributes.end()) {
-      attributes.emplace_back(attribute, value);
-      undo.push_back({.at = &at});
+      attributes.push_back({attribute, value});
+      undo.push_back({.at = &entry});
       return true;
     }
-    if (found->second == value) return false;
+    if (found->value == value) return false;
     const auto position = static_cast<std::size_t>(found - attributes.begin());
-    undo.push_back({.at = &at, .changed = position, .before = std::exchange(found->second, value)});
+    undo.push_back({.at = &entry, .changed = position, .before = std::exchange(found->value, value)});
     return true;
   }
 
-  // Takes out the entity at a path and all under it. Returns whether a stored one was among them.
-  bool remove(const std::string& path) {
-    bool stored = false;
-    const auto take = [&](Entries::iterator at) {
-      stored |= at->second.durability == Durability::stored;
-      undo.push_back({.removed = entries.extract(at)});
-    };
-    if (const auto at = entries.find(path); at != entries.end()) take(at);
-    for (auto [at, last] = below(entries, path); at != last;) take(at++);
-    return stored;
+  struct Removed {
+    bool any = false;
+    bool stored = false;  // whether a stored one was among them
+  };
+  // Takes out the entity at a path and all under it.
+  Removed remove(Path path) {
+    Removed removed;
+    path.forEachUnder([&](Path each) {
+      if (!find(each)) return;
+      removed.any = true;
+      removed.stored |= find(each)->durability == Durability::stored;
+      undo.push_back({.removed = extract(each)});
+    });
+    return removed;
   }
 
   // Whether anybody but `origin` is to hear of a change.
@@ -111,21 +120,24 @@ struct MemoryStore::State {
     });
   }
 
-  bool has(const std::string& path) const {
-    if (entries.contains(path)) return true;
-    const auto [first, last] = below(entries, path);
-    return first != last;
+  Records under(Path path) const {
+    Records records;
+    if (path.empty()) records.reserve(count);
+    path.forEachUnder([&](Path each) {
+      if (const Entry* entry = find(each)) records.push_back(entry);
+    });
+    return records;
   }
 };
 
 MemoryStore::MemoryStore() : state_(std::make_unique<State>()) {}
 MemoryStore::~MemoryStore() = default;
 
-void MemoryStore::subscribe(const std::string& path, Feed& feed) {
+void MemoryStore::subscribe(Path path, Feed& feed) {
   flush();
   unsubscribe(feed);
   state_->subscriptions.push_back({&feed, path});
-  feed.onSnapshot(read(path));
+  feed.onSnapshot(state_->under(path));
 }
 
 void MemoryStore::unsubscribe(Feed& feed) {
@@ -152,23 +164,23 @@ struct Writer {
   }
 
   void del(const Change& change) {
-    if (!state.has(change.row.path)) return;
-    tell(change);
-    if (state.remove(change.row.path)) stored.push_back(change);
+    const auto removed = state.remove(change.row.path);
+    if (removed.any) tell(change);
+    if (removed.stored) stored.push_back(change);
   }
 
   void put(const Change& change) {
     const Row& row = change.row;
-    auto at = state.entries.find(row.path);
-    if (at != state.entries.end() && at->second.type != row.type) {
+    Entry* entry = state.find(row.path);
+    if (entry && entry->type != row.type) {
       del(Change::del(row.path));
-      at = state.entries.end();
+      entry = nullptr;
     }
-    if (at == state.entries.end()) {
-      at = state.make(row.path, Entry{row.type, durability, {}});
-      note(at->second, Change::put(row.path, row.type, "", {}));
+    if (!entry) {
+      entry = &state.make(row, durability);
+      note(*entry, Change::put(row.path, row.type, {}, {}));
     }
-    if (!row.attribute.empty() && state.set(*at, row.attribute, row.value)) note(at->second, change);
+    if (!row.attribute.empty() && state.set(*entry, row.attribute, row.value)) note(*entry, change);
   }
 
   void note(const Entry& entry, const Change& change) {
@@ -179,6 +191,15 @@ struct Writer {
     if (state.hears(change, origin)) told.push_back(change);
   }
 };
+
+// Tells a feed the part of a batch that concerns its path.
+void tell(Feed& feed, Path path, const Changes& changes) {
+  const auto isItsOwn = [&](const Change& change) { return concerns(change, path); };
+  if (std::ranges::all_of(changes, isItsOwn)) return feed.onChanges(changes);
+  Changes concerned;
+  std::ranges::copy_if(changes, std::back_inserter(concerned), isItsOwn);
+  if (!concerned.empty()) feed.onChanges(concerned);
+}
 
 }  // namespace
 
@@ -210,41 +231,29 @@ void MemoryStore::flush() {
     const auto subscriptions = state_->subscriptions;
     for (const Subscription& each : subscriptions) {
       const auto still = std::ranges::find(state_->subscriptions, each.feed, &Subscription::feed);
-      if (each.feed == told.origin || still == state_->subscriptions.end()) continue;
-      Changes concerned;
-      std::ranges::copy_if(told.changes, std::back_inserter(concerned),
-                           [&](const Change& change) { return concerns(change, each.path); });
-      if (!concerned.empty()) each.feed->onChanges(concerned);
+      if (each.feed != told.origin && still != state_->subscriptions.end())
+        tell(*each.feed, each.path, told.changes);
     }
   }
 }
 
-std::vector<Row> MemoryStore::read(const std::string& path) const {
-  std::vector<Row> rows;
-  const auto add = [&](const auto& entry) {
-    rows.push_back({entry.first, entry.second.type, "", {}});
-    for (const auto& [attribute, value] : entry.second.attributes)
-      rows.push_back({entry.first, entry.second.type, attribute, value});
-  };
-  if (const auto at = state_->entries.find(path); at != state_->entries.end()) add(*at);
-  const auto [first, last] = below(state_->entries, path);
-  std::for_each(first, last, add);
-  return rows;
+Records MemoryStore::read(Path path) const {
+  Records records = state_->under(path);
+  std::ranges::sort(records, &readsBefore, &Record::path);
+  return records;
 }
 
-std::string MemoryStore::typeAt(const std::string& path) const {
-  const auto found = state_->entries.find(path);
-  return found == state_->entries.end() ? std::string() : found->second.type;
+Zel::Name MemoryStore::typeAt(Path path) const {
+  const Entry* entry = state_->find(path);
+  return entry ? entry->type : Zel::Name();
 }
 
-std::size_t MemoryStore::entities() const { return state_->entries.size(); }
+std::size_t MemoryStore::entities() const { return state_->count; }
 
-void MemoryStore::restore(const std::vector<Row>& rows) {
-  for (const Row& row : rows) {
-    Entry& entry = state_->entries[row.path];
-    entry.type = row.type;
-    if (!row.attribute.empty()) entry.attributes.emplace_back(row.attribute, row.value);
-  }
+void MemoryStore::restore(Row row) {
+  Entry* entry = state_->find(row.path);
+  if (!entry) entry = &state_->insert(std::make_unique<Entry>(Entry{{row.path, row.type, {}}, {}}));
+  if (!row.attribute.empty()) entry->attributes.push_back({row.attribute, std::move(row.value)});
 }
 
 }  // namespace Statedb

@@ -32,25 +32,19 @@ struct Hasher {
   }
 };
 
-// The index of the collection that a step leads through.
-Zel::AttributeIndex collectionOf(const Zel::TypeNode& type, const PathReader::Step& step) {
-  for (Zel::AttributeIndex index = 0; index < type.endIndex(); ++index)
-    if (const auto& row = type.attribute(index); row.direct || row.name == step.collection) return index;
-  return type.endIndex();
-}
-
 bool isPlain(const Zel::AttributeInfo& row) { return row.stored && row.kind != Zel::Kind::collection; }
 
 }  // namespace
 
-PublishedEntity::PublishedEntity(Publisher& publisher, const Zel::Ptr<const Zel::Entity>& entity)
-    : publisher_(publisher) {
+PublishedEntity::PublishedEntity(Publisher& publisher, Path path, const Zel::Ptr<const Zel::Entity>& entity)
+    : publisher_(publisher), path_(path) {
   notifierIs(entity);
   noteValues();
   const Zel::TypeNode& type = entity->fwkType();
   for (Zel::AttributeIndex index = 0; index < type.endIndex(); ++index)
-    if (const auto& row = type.attribute(index); row.stored && row.kind == Zel::Kind::collection)
-      for (const Zel::Name key : row.keys(*entity)) watch(index, key, memberAt(index, key));
+    if (const auto& row = type.attribute(index); row.member)
+      for (const Zel::Name key : row.keys(*entity))
+        watch(index, key, Zel::Ptr<const Zel::Entity>(row.member(*entity, key)));
 }
 
 void PublishedEntity::noteValues() { known_ = valuesHash(); }
@@ -64,62 +58,72 @@ std::size_t PublishedEntity::valuesHash() const {
   return seed;
 }
 
-Zel::Ptr<const Zel::Entity> PublishedEntity::memberAt(Zel::AttributeIndex collection, Zel::Name key) const {
-  const Zel::Value name = key.view();
-  const Zel::Value found = entity().fwkType().attribute(collection).get(entity(), {&name, 1});
-  return Zel::ValueTraits<Zel::Ptr<const Zel::Entity>>::fromValue(found);
+Zel::AttributeIndex PublishedEntity::indexOf(const Zel::AttributeInfo& row) const {
+  const Zel::TypeNode& type = entity().fwkType();
+  Zel::AttributeIndex index = 0;
+  while (&type.attribute(index) != &row) ++index;
+  return index;
 }
+
+namespace {
+std::uint64_t memberKey(Zel::AttributeIndex collection, Zel::Name key) {
+  return std::uint64_t{collection} << 32 | key.id();
+}
+}  // namespace
 
 PublishedEntity* PublishedEntity::child(Zel::AttributeIndex collection, Zel::Name key) const {
   if (!members_) return nullptr;
-  const auto found = members_->find({collection, key.id()});
+  const auto found = members_->find(memberKey(collection, key));
   return found == members_->end() ? nullptr : found->second.get();
 }
 
 void PublishedEntity::watch(Zel::AttributeIndex collection, Zel::Name key,
                             const Zel::Ptr<const Zel::Entity>& member) {
-  if (!members_) members_ = std::make_unique<std::map<Key, Zel::Ptr<PublishedEntity>>>();
-  (*members_)[{collection, key.id()}] = Zel::allocate<PublishedEntity>(publisher_, member);
+  if (!members_) members_ = std::make_unique<std::unordered_map<std::uint64_t, Zel::Ptr<PublishedEntity>>>();
+  const Path path = memberPath(path_, entity().fwkType().attribute(collection), key);
+  (*members_)[memberKey(collection, key)] = Zel::allocate<PublishedEntity>(publisher_, path, member);
 }
 
-void PublishedEntity::adopt(const PathReader::Step& step, const Zel::Ptr<const Zel::Entity>& member) {
-  watch(collectionOf(entity().fwkType(), step), step.key, member);
+void PublishedEntity::unwatch(Zel::AttributeIndex collection, Zel::Name key) {
+  if (members_) members_->erase(memberKey(collection, key));
 }
 
-void PublishedEntity::forget(const PathReader::Step& step) {
-  if (members_) members_->erase({collectionOf(entity().fwkType(), step), Zel::Name(step.key).id()});
+void PublishedEntity::adopt(const Zel::AttributeInfo& collection, Zel::Name key,
+                            const Zel::Ptr<const Zel::Entity>& member) {
+  watch(indexOf(collection), key, member);
+}
+
+void PublishedEntity::forget(const Zel::AttributeInfo& collection, Zel::Name key) {
+  unwatch(indexOf(collection), key);
+}
+
+void PublishedEntity::put(Zel::Name attribute, Zel::Value value) {
+  publisher_.add(*this, Change::put(path_, entity().fwkType().name(), attribute, std::move(value)));
 }
 
 void PublishedEntity::publishAll() {
-  const std::string path = entity().path();
   const Zel::TypeNode& type = entity().fwkType();
-  publisher_.add(*this, Change::put(path, type.name().stdString(), "", {}));
+  put({}, {});
   for (Zel::AttributeIndex index = 0; index < type.endIndex(); ++index)
-    if (const auto& row = type.attribute(index); isPlain(row))
-      publisher_.add(*this, Change::put(path, type.name().stdString(), row.name, row.get(entity(), {})));
+    if (const auto& row = type.attribute(index); isPlain(row)) put(row.label, row.get(entity(), {}));
   if (!members_) return;
   for (const auto& [key, member] : *members_) member->publishAll();
 }
 
 void PublishedEntity::onRawAttribute(Zel::AttributeIndex index, Zel::Name key) {
   const Zel::AttributeInfo& row = entity().fwkType().attribute(index);
-  if (row.kind == Zel::Kind::collection && row.stored)
-    return key.empty() ? membersChanged(index) : memberChanged(index, key);
-  if (!isPlain(row) || valuesHash() == known_) return;
-  publisher_.add(*this, Change::put(entity().path(), entity().fwkType().name().stdString(), row.name,
-                                    row.get(entity(), {})));
+  if (row.member) return key.empty() ? membersChanged(index) : memberChanged(index, key);
+  if (isPlain(row) && valuesHash() != known_) put(row.label, row.get(entity(), {}));
 }
 
 void PublishedEntity::memberChanged(Zel::AttributeIndex collection, Zel::Name key) {
-  const auto member = memberAt(collection, key);
+  const auto& row = entity().fwkType().attribute(collection);
+  const Zel::Ptr<const Zel::Entity> member(row.member(entity(), key));
   PublishedEntity* watched = child(collection, key);
   if (watched && member == &watched->entity()) return;
   if (watched) {
-    const auto& row = entity().fwkType().attribute(collection);
-    publisher_.add(*this,
-                   Change::del(entity().path() + '/' + (row.direct ? "" : row.name + std::string("/")) +
-                               Zel::escapeComponent(key.view())));
-    members_->erase({collection, key.id()});
+    publisher_.add(*this, Change::del(memberPath(path_, row, key)));
+    unwatch(collection, key);
   }
   if (!member) return;
   watch(collection, key, member);
@@ -130,13 +134,13 @@ void PublishedEntity::membersChanged(Zel::AttributeIndex collection) {
   std::set<Zel::Name> keys;
   if (members_)
     for (const auto& [key, member] : *members_)
-      if (key.first == collection) keys.insert(member->entity().name());
+      if (key >> 32 == collection) keys.insert(member->entity().name());
   for (const Zel::Name key : entity().fwkType().attribute(collection).keys(entity())) keys.insert(key);
   for (const Zel::Name key : keys) memberChanged(collection, key);
 }
 
-Publisher::Publisher(const Zel::Ptr<const Zel::Entity>& entity, std::string path)
-    : path_(std::move(path)), top_(Zel::allocate<PublishedEntity>(*this, entity)) {}
+Publisher::Publisher(const Zel::Ptr<const Zel::Entity>& entity, Path path)
+    : path_(path), top_(Zel::allocate<PublishedEntity>(*this, path, entity)) {}
 
 void Publisher::add(PublishedEntity& source, Change change) {
   changes_.push_back(std::move(change));

@@ -1,8 +1,9 @@
 // Publishing: what agents write under a "wi" mount, turned into rows. Internal to the entity manager.
 #pragma once
 
-#include <map>
-#include <string>
+#include <cstdint>
+#include <memory>
+#include <unordered_map>
 
 #include "platform/statedb/row.h"
 #include "platform/statedb/schema.h"
@@ -19,15 +20,15 @@ class PublishedEntity : public Zel::Reactor<PublishedEntity, Zel::RawNotifiee> {
   static constexpr const char* kTypeName = "Statedb::PublishedEntity";
 
   // Notes the values that the entity has now as known to the store.
-  PublishedEntity(Publisher& publisher, const Zel::Ptr<const Zel::Entity>& entity);
+  PublishedEntity(Publisher& publisher, Path path, const Zel::Ptr<const Zel::Entity>& entity);
 
   const Zel::Entity& entity() const { return *static_cast<const Zel::Entity*>(notifierBase()); }
 
   // The store has told what the entity holds now: it need not be told.
   void noteValues();
   // The same for a member that the store made or removed.
-  void adopt(const PathReader::Step& step, const Zel::Ptr<const Zel::Entity>& member);
-  void forget(const PathReader::Step& step);
+  void adopt(const Zel::AttributeInfo& collection, Zel::Name key, const Zel::Ptr<const Zel::Entity>& member);
+  void forget(const Zel::AttributeInfo& collection, Zel::Name key);
 
   PublishedEntity* child(Zel::AttributeIndex collection, Zel::Name key) const;
   // Says everything that the entity holds beyond what a new one does, and all below it.
@@ -36,27 +37,27 @@ class PublishedEntity : public Zel::Reactor<PublishedEntity, Zel::RawNotifiee> {
   void onRawAttribute(Zel::AttributeIndex index, Zel::Name key) override;
 
  private:
-  using Key =
-      std::pair<Zel::AttributeIndex, std::uint32_t>;  // a collection and the number of a member's name
-
+  void put(Zel::Name attribute, Zel::Value value);
+  Zel::AttributeIndex indexOf(const Zel::AttributeInfo& row) const;
   void watch(Zel::AttributeIndex collection, Zel::Name key, const Zel::Ptr<const Zel::Entity>& member);
+  void unwatch(Zel::AttributeIndex collection, Zel::Name key);
   void memberChanged(Zel::AttributeIndex collection, Zel::Name key);
   void membersChanged(Zel::AttributeIndex collection);
-  Zel::Ptr<const Zel::Entity> memberAt(Zel::AttributeIndex collection, Zel::Name key) const;
   std::size_t valuesHash() const;
 
   Publisher& publisher_;
+  const Path path_;
   std::size_t known_ = 0;  // a hash of the values that the store has
-  // Null for what has no members, as most have none.
-  std::unique_ptr<std::map<Key, Zel::Ptr<PublishedEntity>>> members_;
+  // By collection and the number of the member's name. Null for what has no members, as most have none.
+  std::unique_ptr<std::unordered_map<std::uint64_t, Zel::Ptr<PublishedEntity>>> members_;
 };
 
 // What was written under one mount since it was taken.
 class Publisher {
  public:
-  Publisher(const Zel::Ptr<const Zel::Entity>& entity, std::string path);
+  Publisher(const Zel::Ptr<const Zel::Entity>& entity, Path path);
 
-  const std::string& path() const { return path_; }
+  Path path() const { return path_; }
   // What publishes an entity of this mount; null where none does.
   PublishedEntity* find(const Zel::Entity& entity) const;
   // `source` is what it is a change of.
@@ -67,7 +68,7 @@ class Publisher {
   void giveBack(const Changes& changes) { changes_.insert(changes_.begin(), changes.begin(), changes.end()); }
 
  private:
-  const std::string path_;
+  const Path path_;
   Changes changes_;
   std::vector<Zel::Ptr<PublishedEntity>> sources_;
   Zel::Ptr<PublishedEntity> top_;

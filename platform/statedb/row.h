@@ -1,23 +1,46 @@
 // The rows of a state database.
 #pragma once
 
-#include <string>
-#include <string_view>
 #include <vector>
 
+#include "platform/statedb/path.h"
+#include "platform/zel/name.h"
 #include "platform/zel/value.h"
 
 namespace Statedb {
 
 // One attribute of one entity. The row whose attribute is empty says that the entity is there (its value is
-// null); every entity has one. Paths are escaped components joined by '/', without a slash at either end.
+// null); every entity has one.
 struct Row {
-  std::string path;
-  std::string type;
-  std::string attribute;
+  Path path;
+  Zel::Name type;
+  Zel::Name attribute;
   Zel::Value value;
   bool operator==(const Row&) const = default;
 };
+
+struct Attribute {
+  Zel::Name name;
+  Zel::Value value;
+  bool operator==(const Attribute&) const = default;
+};
+
+// All rows of one entity.
+struct Record {
+  Path path;
+  Zel::Name type;
+  std::vector<Attribute> attributes;  // in the order in which they were first set
+
+  // Null where the attribute was never set.
+  const Zel::Value* find(Zel::Name attribute) const {
+    for (const Attribute& each : attributes)
+      if (each.name == attribute) return &each.value;
+    return nullptr;
+  }
+  bool operator==(const Record&) const = default;
+};
+// Records where they are kept: good until what keeps them changes.
+using Records = std::vector<const Record*>;
 
 // One step of a batch.
 struct Change {
@@ -27,23 +50,16 @@ struct Change {
   Row row;
   bool operator==(const Change&) const = default;
 
-  static Change put(std::string path, std::string type, std::string attribute, Zel::Value value) {
-    return {Kind::put, {std::move(path), std::move(type), std::move(attribute), std::move(value)}};
+  static Change put(Path path, Zel::Name type, Zel::Name attribute, Zel::Value value) {
+    return {Kind::put, {path, type, attribute, std::move(value)}};
   }
-  static Change del(std::string path) { return {Kind::del, {std::move(path), {}, {}, {}}}; }
+  static Change del(Path path) { return {Kind::del, {path, {}, {}, {}}}; }
 };
 using Changes = std::vector<Change>;
 
-// Whether `path` is `above` or stands under it. Everything stands under the empty path.
-inline bool isUnder(std::string_view path, std::string_view above) {
-  return above.empty() ||
-         (path.starts_with(above) && (path.size() == above.size() || path[above.size()] == '/'));
-}
-
 // Whether a change touches anything at or under `path`.
-inline bool concerns(const Change& change, std::string_view path) {
-  return isUnder(change.row.path, path) ||
-         (change.kind == Change::Kind::del && isUnder(path, change.row.path));
+inline bool concerns(const Change& change, Path path) {
+  return change.row.path.isUnder(path) || (change.kind == Change::Kind::del && path.isUnder(change.row.path));
 }
 
 }  // namespace Statedb

@@ -35,11 +35,6 @@ bool isDirectory(const Zel::TypeNode& type) {
   return false;
 }
 
-const Zel::TypeNode* knownType(const std::string& name) {
-  const auto known = Zel::Name::existing(name);
-  return known ? Zel::typeNode(*known) : nullptr;
-}
-
 }  // namespace
 
 std::string_view PathReader::component() {
@@ -57,7 +52,7 @@ PathReader::Step PathReader::next(const Zel::TypeNode& type) {
   Step step;
   if (!isDirectory(type)) {
     step.collection = component();
-    const Zel::AttributeInfo* row = type.find(step.collection);
+    const Zel::AttributeInfo* row = type.find(std::string_view(step.collection));
     if (!row || !row->memberType) {
       const std::string has = collectionsOf(type);
       throw Zel::ValueError("'" + step.collection + "' is no collection of " + type.name().stdString() +
@@ -68,58 +63,64 @@ PathReader::Step PathReader::next(const Zel::TypeNode& type) {
     step.memberType = &row->memberType();
   }
   step.key = Zel::unescapeComponent(component());
-  step.path = std::string(path_.substr(0, at_ - 1));
+  step.path = path_.substr(0, at_ - 1);
   return step;
 }
 
-void checkRow(const std::string& typeName, const std::string& attribute, const Zel::Value& value) {
-  const Zel::TypeNode* type = knownType(typeName);
-  if (!type) throw Zel::ValueError("type '" + typeName + "' is unknown");
+void checkRow(Zel::Name typeName, Zel::Name attribute, const Zel::Value& value) {
+  const Zel::TypeNode* type = Zel::typeNode(typeName);
+  if (!type) throw Zel::ValueError("type '" + typeName.stdString() + "' is unknown");
   if (attribute.empty()) return;
   const Zel::AttributeInfo* row = type->find(attribute);
   if (!row || !row->stored || !row->check)
-    throw Zel::ValueError("'" + attribute + "' is no attribute that " + typeName + " stores; it stores " +
-                          storedAttributesOf(*type));
+    throw Zel::ValueError("'" + attribute.stdString() + "' is no attribute that " + typeName.stdString() +
+                          " stores; it stores " + storedAttributesOf(*type));
   row->check(value);
 }
 
-std::string TypesAfter::typeAt(const std::string& path) const {
+Zel::Name TypesAfter::typeAt(Path path) const {
   if (const auto found = types_.find(path); found != types_.end()) return found->second;
-  for (const std::string& gone : gone_)
-    if (isUnder(path, gone)) return {};
+  for (const Path gone : gone_)
+    if (path.isUnder(gone)) return {};
   return below_(path);
 }
 
-void TypesAfter::del(const std::string& path) {
+void TypesAfter::del(Path path) {
   for (auto& [known, type] : types_)
-    if (isUnder(known, path)) type.clear();
+    if (known.isUnder(path)) type = {};
   gone_.push_back(path);
 }
 
-std::string placeType(const std::string& path, const TypesAfter& types) {
+Zel::Name placeType(Path path, const TypesAfter& types) {
   const Zel::TypeNode* above = &Zel::Dir::typeNode();
   if (path.empty()) throw Zel::ValueError("the path is empty");
-  for (PathReader reader(path);;) {
+  const std::string text = path.text();
+  for (PathReader reader(text);;) {
     const auto step = reader.next(*above);
     if (step.key.size() > 255) throw Zel::ValueError("the name '" + step.key + "' is longer than 255 bytes");
-    if (reader.done()) return step.memberType ? step.memberType->name().stdString() : std::string();
-    const std::string found = types.typeAt(step.path);
-    if (found.empty() && step.memberType) throw Zel::ValueError("there is no entity at '" + step.path + "'");
-    above = found.empty() ? &Zel::Dir::typeNode() : knownType(found);
-    if (!above) throw Zel::ValueError("the type " + found + " of '" + step.path + "' is unknown");
+    if (reader.done()) return step.memberType ? step.memberType->name() : Zel::Name();
+    const Zel::Name found = types.typeAt(Path(step.path));
+    if (found.empty() && step.memberType)
+      throw Zel::ValueError("there is no entity at '" + std::string(step.path) + "'");
+    above = found.empty() ? &Zel::Dir::typeNode() : Zel::typeNode(found);
+    if (!above)
+      throw Zel::ValueError("the type " + found.stdString() + " of '" + std::string(step.path) +
+                            "' is unknown");
   }
 }
 
 namespace {
 
-// Checks that the type of a put may stand at the end of its path.
+// Checks that the type of a put may stand at the end of its path. What stands there already stands rightly.
 void checkPlace(const Row& row, const TypesAfter& types) {
-  const std::string wanted = placeType(row.path, types);
+  if (types.typeAt(row.path) == row.type) return;
+  const Zel::Name wanted = placeType(row.path, types);
   if (!wanted.empty() && wanted != row.type)
-    throw Zel::ValueError("found type " + row.type + ", wanted " + wanted + " at this place");
-  const Zel::TypeNode* type = knownType(row.type);
+    throw Zel::ValueError("found type " + row.type.stdString() + ", wanted " + wanted.stdString() +
+                          " at this place");
+  const Zel::TypeNode* type = Zel::typeNode(row.type);
   if (wanted.empty() && type && !type->newEntityForDir())
-    throw Zel::ValueError("type " + row.type + " is not made in directories");
+    throw Zel::ValueError("type " + row.type.stdString() + " is not made in directories");
 }
 
 void checkChange(const Change& change, TypesAfter& types) {
@@ -137,21 +138,27 @@ void checkChange(const Change& change, TypesAfter& types) {
 
 std::vector<std::string> checkChanges(const Changes& changes, const TypeAt& typeAt) {
   std::vector<std::string> errors;
-  std::vector<std::string>
-      notMade;  // what goes wrong at and under an entity that can't be made says nothing new
+  std::vector<Path> notMade;  // what goes wrong at and under an entity that can't be made says nothing new
   TypesAfter types(typeAt);
   for (const Change& change : changes) {
-    if (std::ranges::any_of(notMade, [&](const std::string& path) { return isUnder(change.row.path, path); }))
-      continue;
+    const Row& row = change.row;
+    if (std::ranges::any_of(notMade, [&](Path path) { return row.path.isUnder(path); })) continue;
     try {
       checkChange(change, types);
     } catch (const Zel::ValueError& error) {
-      const std::string& attribute = change.row.attribute;
-      if (attribute.empty() && change.kind == Change::Kind::put) notMade.push_back(change.row.path);
-      errors.push_back(change.row.path + (attribute.empty() ? "" : " " + attribute) + ": " + error.what());
+      if (row.attribute.empty() && change.kind == Change::Kind::put) notMade.push_back(row.path);
+      errors.push_back(placeText(row) + ": " + error.what());
     }
   }
   return errors;
+}
+
+Path memberPath(Path above, const Zel::AttributeInfo& collection, Zel::Name member) {
+  return (collection.direct ? above : above.child(collection.label)).childNamed(member);
+}
+
+std::string placeText(const Row& row) {
+  return row.path.text() + (row.attribute.empty() ? "" : " " + row.attribute.stdString());
 }
 
 }  // namespace Statedb

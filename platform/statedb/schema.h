@@ -2,9 +2,9 @@
 #pragma once
 
 #include <functional>
-#include <map>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/statedb/row.h"
@@ -25,7 +25,7 @@ class ZEL_API PathReader {
     std::string collection;  // the attribute that holds the next entity; empty under a directory
     std::string key;         // the next entity's name, no longer escaped
     const Zel::TypeNode* memberType = nullptr;  // the type that it must have; null where it may be of any
-    std::string path;                           // the path read so far, the next entity included
+    std::string_view path;                      // the path read so far, the next entity included
   };
   // The step from an entity of type `type`. Throws ValueError where the path does not go on from there: an
   // empty or wrongly escaped component, a collection that the type does not have, or a collection without a
@@ -43,10 +43,10 @@ class ZEL_API PathReader {
 // unknown, the attribute is unknown or not stored, or the value is of the wrong kind. The text names the
 // attribute and the reason, and what would be right; the path is the caller's to add. The empty attribute is
 // fine for every known type.
-ZEL_API void checkRow(const std::string& type, const std::string& attribute, const Zel::Value& value);
+ZEL_API void checkRow(Zel::Name type, Zel::Name attribute, const Zel::Value& value);
 
 // The type of the entity at a path; empty where there is none.
-using TypeAt = std::function<std::string(const std::string& path)>;
+using TypeAt = std::function<Zel::Name(Path path)>;
 
 // What would stand where once some steps were stored over what `below` tells.
 class ZEL_API TypesAfter {
@@ -54,24 +54,30 @@ class ZEL_API TypesAfter {
   // `below` must outlive the object.
   explicit TypesAfter(const TypeAt& below) : below_(below) {}
 
-  std::string typeAt(const std::string& path) const;
-  void put(const std::string& path, const std::string& type) { types_[path] = type; }
-  void del(const std::string& path);
+  Zel::Name typeAt(Path path) const;
+  void put(Path path, Zel::Name type) { types_[path] = type; }
+  void del(Path path);
 
  private:
   const TypeAt& below_;
-  std::map<std::string, std::string> types_;
-  std::vector<std::string> gone_;
+  std::unordered_map<Path, Zel::Name> types_;
+  std::vector<Path> gone_;
 };
 
 // The type that the place at `path` takes; empty where it takes any. Throws ValueError where the path leads
 // nowhere.
-ZEL_API std::string placeType(const std::string& path, const TypesAfter& types);
+ZEL_API Zel::Name placeType(Path path, const TypesAfter& types);
 
 // Checks a batch as it would be stored over what `typeAt` tells: every put must name an entity whose place
 // takes its type, and hold a value that fits; every del must meet something. Components of a path that
 // nothing is known of count as directories. Returns one text for each step that does not fit, "PATH: reason"
 // or "PATH ATTRIBUTE: reason", in the order of the batch; empty where all is well.
 ZEL_API std::vector<std::string> checkChanges(const Changes& changes, const TypeAt& typeAt);
+
+// Where a member of a collection stands that belongs to the entity at `above`.
+ZEL_API Path memberPath(Path above, const Zel::AttributeInfo& collection, Zel::Name member);
+
+// "PATH" or "PATH ATTRIBUTE", for messages about a row.
+ZEL_API std::string placeText(const Row& row);
 
 }  // namespace Statedb

@@ -25,15 +25,15 @@ class ZEL_API StoreError : public std::runtime_error {
 class ZEL_API Feed {
  public:
   // Everything under the path that was subscribed to: once after subscribing, and again whenever the store
-  // cannot tell what changed in between (a connection was lost). Sorted by path; the row with the empty
-  // attribute first.
-  virtual void onSnapshot(const std::vector<Row>& rows) = 0;
+  // cannot tell what changed in between (a connection was lost). An entity comes before those under it. The
+  // store does not change meanwhile.
+  virtual void onSnapshot(const Records& records) = 0;
   // A batch as it was stored, less the steps that touch nothing under the path. A del of something above the
   // path arrives as it was written.
   virtual void onChanges(const Changes& changes) = 0;
   // Whether this process publishes what stands at the path: it answers for such rows, whoever made them
   // first.
-  virtual bool publishes(const std::string&) const { return false; }
+  virtual bool publishes(Path) const { return false; }
 
  protected:
   Feed() = default;
@@ -55,7 +55,7 @@ class ZEL_API Store {
 
   // `feed` hears of everything under `path` until it is unsubscribed; a snapshot comes first, either at once
   // or as soon as the store is reached. A feed may be subscribed under one path only.
-  virtual void subscribe(const std::string& path, Feed& feed) = 0;
+  virtual void subscribe(Path path, Feed& feed) = 0;
   virtual void unsubscribe(Feed& feed) = 0;
 
   // Takes a batch: all of it or nothing. It can be read back at once; it is durable, and told to the feeds
@@ -66,8 +66,9 @@ class ZEL_API Store {
   // cannot be made durable: then everything since the last flush is undone, and no feed hears of it.
   virtual void flush() = 0;
 
-  // Everything under a path, sorted as a snapshot. Stores that keep no rows on this side throw StoreError.
-  virtual std::vector<Row> read(const std::string& path) const = 0;
+  // Everything under a path, sorted as a person reads it, good until the next write. Stores that keep no rows
+  // on this side throw StoreError.
+  virtual Records read(Path path) const = 0;
 
  protected:
   Store() = default;
@@ -80,25 +81,25 @@ class ZEL_API MemoryStore : public Store {
   ~MemoryStore() override;
 
   std::string url() const override { return "memory:"; }
-  void subscribe(const std::string& path, Feed& feed) override;
+  void subscribe(Path path, Feed& feed) override;
   void unsubscribe(Feed& feed) override;
   void write(const Changes& changes, Durability durability, Feed* origin = nullptr) override;
   void flush() override;
-  std::vector<Row> read(const std::string& path) const override;
+  Records read(Path path) const override;
 
   // The type of the entity at a path; empty where there is none.
-  std::string typeAt(const std::string& path) const;
+  Zel::Name typeAt(Path path) const;
   std::size_t entities() const;
 
  protected:
   // Where the rows are kept as well: `persist` takes one stored batch, `commit` makes all of them durable at
-  // once, `rollback` forgets them. They throw StoreError.
+  // once, `rollback` forgets them. They throw StoreError; a `persist` that does leaves nothing of its batch
+  // behind.
   virtual void persist(const Changes&) {}
   virtual void commit() {}
   virtual void rollback() {}
-  // A `persist` that throws leaves nothing of its batch behind. For the start: puts rows that are durable
-  // already.
-  void restore(const std::vector<Row>& rows);
+  // For the start: takes a row that is durable already. REQUIRES: no row of that path and attribute is there.
+  void restore(Row row);
 
  private:
   struct State;

@@ -12,6 +12,7 @@
 
 namespace Zel {
 
+class Entity;
 class Notifier;
 class TypeNode;
 
@@ -55,6 +56,7 @@ struct Parameter {
 
 struct AttributeInfo {
   const char* name = "";
+  Name label;  // the same; empty for a position without a published entry
   Kind kind = Kind::reserved;
   Operations operations = 0;
   TypeText type = nullptr;            // of the value, of the object pointed to, of the members
@@ -66,6 +68,8 @@ struct AttributeInfo {
   const TypeNode& (*memberType)() = nullptr;
   // For such a collection: whether a member's path leaves the attribute's name out (directories).
   bool direct = false;
+  // For such a collection: the member of a name; null where there is none.
+  Entity* (*member)(const Notifier&, Name) = nullptr;
 
   // What the operations do; empty where the operation is not allowed. They throw ValueError where the
   // arguments do not fit, and whatever the object throws.

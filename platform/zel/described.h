@@ -589,6 +589,9 @@ AttributeInfo MembersRow<Owned, Member, N, OnKey, Immediate, On>::info() const {
   info.keys = &memberKeys<T, Member>;
   if constexpr (Owned) {
     info.stored = true;
+    info.member = [](const Notifier& object, Name key) -> Entity* {
+      return memberOf<T, Member>(object).get(key);
+    };
     if constexpr (std::is_same_v<Element, Entity>) {  // entries of any type: the caller says which
       info.direct = true;
       info.set = [](Notifier& object, Arguments arguments) {

@@ -1,5 +1,6 @@
 #include "platform/zel/entity.h"
 
+#include <algorithm>
 #include <ostream>
 #include <sstream>
 
@@ -111,6 +112,10 @@ int hexDigit(char c) {
 
 }  // namespace
 
+bool isComponent(std::string_view name) {
+  return std::ranges::all_of(name, &plain) && name != "." && name != "..";
+}
+
 std::string escapeComponent(std::string_view name) {
   std::string text;
   text.reserve(name.size());
@@ -119,6 +124,7 @@ std::string escapeComponent(std::string_view name) {
 }
 
 std::string unescapeComponent(std::string_view component) {
+  if (isComponent(component)) return std::string(component);
   std::string name;
   name.reserve(component.size());
   for (std::size_t i = 0; i < component.size(); ++i) {

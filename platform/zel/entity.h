@@ -67,6 +67,8 @@ ZEL_API std::ostream& operator<<(std::ostream& out, const Ptr<const Entity>& ent
 // under the same path have different texts.
 ZEL_API String valueToStrepOfRawPtr(const Entity* entity);
 
+// Whether a name is written in a path as it is.
+ZEL_API bool isComponent(std::string_view name);
 // Encodes a name as one component of a path: '/', '%', control characters and a lone "." or ".." are written
 // as %XX.
 ZEL_API std::string escapeComponent(std::string_view name);

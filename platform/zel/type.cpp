@@ -1,8 +1,8 @@
 #include "platform/zel/type.h"
 
 #include <algorithm>
-#include <map>
 #include <new>
+#include <unordered_map>
 
 #include "platform/zel/assert.h"
 
@@ -41,11 +41,20 @@ void AllocTrackTypeInfo::trackDeallocation(const TypeNode& type, std::size_t siz
   type.allocations_.bytes_ -= size;
 }
 
+namespace {
+
+std::vector<AttributeInfo> labelled(std::vector<AttributeInfo> rows) {
+  for (AttributeInfo& row : rows) row.label = row.kind == Kind::reserved ? Name() : Name(row.name);
+  return rows;
+}
+
+}  // namespace
+
 TypeNode::TypeNode(const char* name, const TypeNode* base, std::vector<AttributeInfo> rows,
                    Dispatch dispatchOperation, NewForDir newForDir)
     : name_(name),
       base_(base),
-      attributes_(std::move(rows)),
+      attributes_(labelled(std::move(rows))),
       firstIndex_(base ? base->endIndex() : 0),
       dispatch_(dispatchOperation),
       newEntityForDir_(newForDir) {
@@ -73,11 +82,18 @@ const AttributeInfo* TypeNode::find(std::string_view name) const {
   return index == endIndex() ? nullptr : &attribute(index);
 }
 
+const AttributeInfo* TypeNode::find(Name name) const {
+  if (name.empty()) return nullptr;
+  const auto found = std::ranges::find(attributes_, name, &AttributeInfo::label);
+  if (found != attributes_.end()) return &*found;
+  return base_ ? base_->find(name) : nullptr;
+}
+
 namespace {
 
 // Never destroyed: libraries take their types out while the process ends.
-std::map<Name, const TypeNode*>& registry() {
-  static auto& instance = *new std::map<Name, const TypeNode*>;
+std::unordered_map<Name, const TypeNode*>& registry() {
+  static auto& instance = *new std::unordered_map<Name, const TypeNode*>;
   return instance;
 }
 
@@ -101,6 +117,7 @@ const TypeNode* typeNode(Name name) {
 std::vector<const TypeNode*> typeNodes() {
   std::vector<const TypeNode*> types;
   for (const auto& [name, type] : registry()) types.push_back(type);
+  std::ranges::sort(types, {}, &TypeNode::name);
   return types;
 }
 

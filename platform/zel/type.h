@@ -67,8 +67,9 @@ class ZEL_API TypeNode {
   // The index of the published attribute of that name, the type's own rows before its base's; endIndex()
   // where there is none.
   AttributeIndex indexOf(std::string_view name) const;
-  // The row of that name; null where there is none.
+  // The row of that name; null where there is none. The second touches no text.
   const AttributeInfo* find(std::string_view name) const;
+  const AttributeInfo* find(Name name) const;
 
   const AllocTrackTypeInfo& allocations() const { return allocations_; }
 

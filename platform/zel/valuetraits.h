@@ -141,19 +141,23 @@ struct ValueTraits<S> {
     S result;
     for (const Value::Field& given : detail::expect<Value::Fields>(value, "fields")) {
       bool known = false;
-      std::string names;
       each([&]<auto Member>(const Field<Member>& field) {
-        names += (names.empty() ? "" : ", ") + std::string(field.name);
-        if (given.first != field.name) return;
+        if (known || given.first != field.name) return;
         known = true;
         result.*Member = read<Member>(field, given.second);
       });
-      if (!known) throwUnknownField(given.first, names);
+      if (!known) throwUnknownField(given.first, names());
     }
     return result;
   }
 
  private:
+  static std::string names() {
+    std::string names;
+    each([&](const auto& field) { names += (names.empty() ? "" : ", ") + std::string(field.name); });
+    return names;
+  }
+
   template <class Function>
   static void each(Function&& function) {
     std::apply([&](const auto&... fields) { (function(fields), ...); }, S::fields());

@@ -1,6 +1,7 @@
 // Everything that a client may send, up to the store: lines, requests, changes, rows. What is refused must be
 // refused by an exception of the kind that the control socket answers with, and what is taken must be told
 // and read back.
+#include <algorithm>
 #include <cstdint>
 #include <string_view>
 
@@ -20,15 +21,14 @@ void takeRequest(std::string_view line) {
   Host::Request request;
   request.read(line);
   Statedb::MemoryStore store;
-  const auto typeAt = [&](const std::string& path) { return store.typeAt(path); };
-  const Host::Json& changes = request.parameters.is_object()
-                                  ? request.parameters.value("changes", Host::Json::array())
-                                  : request.parameters;
-  const Host::Batch batch = Host::readBatch(changes, typeAt, {});
+  const auto typeAt = [&](Statedb::Path path) { return store.typeAt(path); };
+  const Host::Batch batch = Host::readBatch(Host::listField(request.parameters, "changes"), typeAt, {});
   if (!batch.errors.empty()) return;
   store.write(batch.changes, Statedb::Durability::stored);
   store.flush();
-  check(Host::entityRows(Host::entitiesJson(store.read(""))) == store.read(""));
+  const auto records = store.read("");
+  const auto back = Host::entityRecords(Host::parseJson(Host::entitiesText(records)));
+  check(std::ranges::equal(back, records, [](const auto& a, const auto* b) { return a == *b; }));
 }
 
 }  // namespace

@@ -126,7 +126,7 @@ TEST_F(ControlTest, WhatIsNoRequestIsAnsweredAndTheConnectionGoesOn) {
       {"{\"jsonrpc\": \"2.0\", \"method\": 7}\n", -32600, "'method' must be a text"},
       {request("helo"), -32601, "there are hello, read, write"},
       {request("read", Json::array()), -32602, "found a list, wanted fields"},
-      {request("read", {{"path", 1}}), -32602, "'path': found a number"},
+      {request("read", {{"path", 1}}), -32602, "'path': found a whole number"},
       {request("read", {{"path", "a//b"}}), -32602, "empty component"},
       {request("read", {{"pat", "a"}}), -32602, "'pat' is unknown; known: path"},
       {request("write"), -32602, "'changes' is missing"},

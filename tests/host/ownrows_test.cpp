@@ -12,23 +12,28 @@ namespace {
 
 using Statedb::Change;
 using Statedb::Changes;
-using Statedb::Row;
+using Statedb::Path;
+using Statedb::Record;
+using Statedb::Records;
 
-using Rows = std::map<std::pair<std::string, std::string>, Zel::Value>;
+using Rows = std::map<std::pair<Path, Zel::Name>, Zel::Value>;
 
-Rows asRows(const std::vector<Row>& rows) {
-  Rows map;
-  for (const Row& row : rows) map[{row.path, row.attribute}] = row.value;
-  return map;
+Rows asRows(const Records& records) {
+  Rows rows;
+  for (const Record* record : records) {
+    rows[{record->path, {}}] = {};
+    for (const auto& each : record->attributes) rows[{record->path, each.name}] = each.value;
+  }
+  return rows;
 }
 
 void carryInto(Rows& rows, const Changes& changes) {
   for (const Change& change : changes) {
-    const std::string& path = change.row.path;
+    const Path path = change.row.path;
     if (change.kind == Change::Kind::del) {
-      std::erase_if(rows, [&](const auto& each) { return Statedb::isUnder(each.first.first, path); });
+      std::erase_if(rows, [&](const auto& each) { return each.first.first.isUnder(path); });
     } else {
-      rows.try_emplace({path, ""});
+      rows.try_emplace({path, {}});
       rows[{path, change.row.attribute}] = change.row.value;
     }
   }
@@ -38,10 +43,13 @@ void carryInto(Rows& rows, const Changes& changes) {
 struct Line : Statedb::Feed {
   Line() { connect(); }
 
-  void onSnapshot(const std::vector<Row>& rows) override { toClient.push_back({true, false, rows, {}}); }
+  void onSnapshot(const Records& records) override {
+    toClient.push_back({true, false, {}, {}});
+    for (const Record* record : records) toClient.back().records.push_back(*record);
+  }
   void onChanges(const Changes& changes) override { toClient.push_back({false, false, {}, changes}); }
 
-  void connect() { server->subscribe("", *this); }
+  void connect() { server->subscribe({}, *this); }
   void lose() {
     server->unsubscribe(*this);
     toClient.clear();
@@ -73,8 +81,10 @@ struct Line : Statedb::Feed {
     if (toClient.empty()) return;
     const Message message = toClient.front();
     toClient.pop_front();
+    Records theirs;
+    for (const Record& record : message.records) theirs.push_back(&record);
     if (message.snapshot)
-      client = asRows(own.over(message.rows, ""));
+      client = asRows(own.over(theirs, {}));
     else if (message.acknowledges)
       own.acknowledged();
     else
@@ -84,7 +94,7 @@ struct Line : Statedb::Feed {
   struct Message {
     bool snapshot;
     bool acknowledges;
-    std::vector<Row> rows;
+    std::vector<Record> records;
     Changes changes;
   };
   std::unique_ptr<Statedb::MemoryStore> server = std::make_unique<Statedb::MemoryStore>();
@@ -145,7 +155,7 @@ TEST(OwnRows, BothSidesComeToTheSameRowsAndNothingPublishedIsLost) {
 TEST(OwnRows, WhatAPredecessorPublishedIsSentAgainAsItStandsHere) {
   Host::OwnRows own;
   own.write({Change::put("out/a", "Pin", "value", 1), Change::del("out/gone")});
-  for (const char* path : {"out/a", "out/b", "out/gone"}) own.adopt({path, "Pin", "value", 5});
+  for (const char* path : {"out/a", "out/b", "out/gone"}) own.adopt({path, "Pin", {{"value", 5}}});
   own.send();
   own.acknowledged();
   own.lost();

@@ -35,8 +35,8 @@ host led --store "unix:$PINLAMP_SOCKET" --agent libpinlamp.so --trace 'Pinlamp/*
 gpio_host :PinlampSim
 await "pin values reach the state database" 101 pins g r s
 await "and from there the lines" "line 3 of gpiochip0 'sim0'" line g place
-await "a chip that is not there is told where a person looks" \
-  "no GPIO chip has the label or the name 'sim7' (there are gpiochip0 'sim0', gpiochip1 'sim1', gpiochip2 'sim2')" line s error
+no_chip="no GPIO chip has the label or the name 'sim7' (there are gpiochip0 'sim0', gpiochip1 'sim1', gpiochip2 'sim2')"
+await "a chip that is not there is told where a person looks" "$no_chip" line s error
 pinlampctl led set Fan1 red
 await "a setting goes all the way" 011 pins g r s
 
@@ -66,6 +66,7 @@ ended away >/dev/null
 state_host
 await "agents come back by themselves, hear what was set meanwhile, and publish all values again" 011 pins g r s
 await "and how the lines fare" true line r driven
+await "also the one that can't be driven" "$no_chip" line s error
 check "an LED whose setting is as before hears nothing" "$before" "$(handled)"
 check "the loss and the return are said once each" 2 "$(grep -c "state database unix:" "$run/gpio.log")"
 hear

@@ -26,23 +26,25 @@ using Zel::Value;
 
 // What a store should hold: every row by path and attribute, and whether it is to live on.
 struct Reference {
-  std::map<std::pair<std::string, std::string>, Value> rows;
+  std::map<std::pair<Statedb::Path, Zel::Name>, Value> rows;
 
   void apply(const Change& change) {
     if (change.kind == Change::Kind::put)
       rows[{change.row.path, ""}] = {}, rows[{change.row.path, change.row.attribute}] = change.row.value;
     else
-      std::erase_if(rows,
-                    [&](const auto& row) { return Statedb::isUnder(row.first.first, change.row.path); });
+      std::erase_if(rows, [&](const auto& row) { return row.first.first.isUnder(change.row.path); });
   }
   void dropDerived() {
-    std::erase_if(rows, [](const auto& row) { return Statedb::isUnder(row.first.first, "derived"); });
+    std::erase_if(rows, [](const auto& row) { return row.first.first.isUnder("derived"); });
   }
 };
 
 auto rowsOf(const Statedb::Store& store) {
-  std::map<std::pair<std::string, std::string>, Value> rows;
-  for (const auto& row : store.read("")) rows[{row.path, row.attribute}] = row.value;
+  std::map<std::pair<Statedb::Path, Zel::Name>, Value> rows;
+  for (const auto* record : store.read("")) {
+    rows[{record->path, {}}] = {};
+    for (const auto& each : record->attributes) rows[{record->path, each.name}] = each.value;
+  }
   return rows;
 }
 

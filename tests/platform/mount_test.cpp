@@ -175,7 +175,7 @@ TEST_F(Mounts, ARowThatDoesNotFitIsRefusedAndTheRestGoesOn) {
 // back.
 TEST_F(Mounts, WhatIsWrittenIsPublishedOnceAPass) {
   struct Batches : Statedb::Feed {
-    void onSnapshot(const std::vector<Statedb::Row>&) override {}
+    void onSnapshot(const Statedb::Records&) override {}
     void onChanges(const Statedb::Changes& changes) override { batches.push_back(changes); }
     std::vector<Statedb::Changes> batches;
   } told;
@@ -216,7 +216,7 @@ TEST_F(Mounts, WhatIsWrittenIsPublishedOnceAPass) {
 
 // A store that says all again after a lost connection.
 struct Reconnecting : Statedb::MemoryStore {
-  void subscribe(const std::string& path, Statedb::Feed& feed) override {
+  void subscribe(Statedb::Path path, Statedb::Feed& feed) override {
     feed_ = &feed;
     path_ = path;
     feed.onSnapshot(read(path));
@@ -224,7 +224,7 @@ struct Reconnecting : Statedb::MemoryStore {
   void unsubscribe(Statedb::Feed&) override {}
   void reconnect() { feed_->onSnapshot(read(path_)); }
   Statedb::Feed* feed_ = nullptr;
-  std::string path_;
+  Statedb::Path path_;
 };
 
 TEST_F(Mounts, AfterALostConnectionOnlyDifferencesAreApplied) {

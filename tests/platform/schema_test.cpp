@@ -14,9 +14,9 @@ const std::map<std::string, std::string> kThere = {
     {"hardware/led/config", "Hardware::Led::LedSystemConfigDir"},
     {"hardware/led/config/leds/Status", "Hardware::Led::LedConfig"},
 };
-std::string typeAt(const std::string& path) {
-  const auto found = kThere.find(path);
-  return found == kThere.end() ? "" : found->second;
+Zel::Name typeAt(Statedb::Path path) {
+  const auto found = kThere.find(path.text());
+  return found == kThere.end() ? Zel::Name() : Zel::Name(found->second);
 }
 
 TEST(CheckChanges, SaysWhatIsWrongAndWhere) {
@@ -73,8 +73,8 @@ TEST(CheckChanges, ABatchIsCheckedAsItWouldStand) {
       Change::del("map"),
       Change::del("map/gpioLeds/B"),
   };
-  const auto errors = Statedb::checkChanges(changes, [](const std::string& path) {
-    return path == "hardware/led" ? std::string("Zel::Dir") : typeAt(path);
+  const auto errors = Statedb::checkChanges(changes, [](Statedb::Path path) {
+    return path == "hardware/led" ? Zel::Name("Zel::Dir") : typeAt(path);
   });
   ASSERT_EQ(errors.size(), 3U);
   EXPECT_EQ(errors[0], "map/gpioLeds/A ready: found a whole number (1), wanted true or false");

@@ -1,6 +1,7 @@
 // The store in memory, against a map of rows.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <random>
 
@@ -11,35 +12,43 @@ namespace {
 using Statedb::Change;
 using Statedb::Changes;
 using Statedb::Durability;
-using Statedb::Row;
+using Statedb::Path;
+using Statedb::Record;
+using Statedb::Records;
+
+using Rows = std::map<std::pair<Path, Zel::Name>, std::pair<Zel::Name, Zel::Value>>;  // with their types
+
+void putInto(Rows& rows, const Statedb::Row& row) {
+  rows[{row.path, {}}] = {row.type, {}};
+  rows[{row.path, row.attribute}] = {row.type, row.value};
+}
+
+Rows asRows(const Records& records) {
+  Rows rows;
+  for (const Record* record : records) {
+    putInto(rows, {record->path, record->type, {}, {}});
+    for (const auto& each : record->attributes)
+      putInto(rows, {record->path, record->type, each.name, each.value});
+  }
+  return rows;
+}
 
 // Keeps what a feed says; must stay equal to what the store reads.
 struct Mirror : Statedb::Feed {
-  void onSnapshot(const std::vector<Row>& all) override {
-    rows.clear();
-    for (const Row& row : all) put(row);
-  }
+  void onSnapshot(const Records& records) override { rows = asRows(records); }
   void onChanges(const Changes& changes) override {
     ++batches;
     for (const Change& change : changes) {
       if (change.kind == Change::Kind::put)
-        put(change.row);
+        putInto(rows, change.row);
       else
-        std::erase_if(rows,
-                      [&](const auto& each) { return Statedb::isUnder(each.first.first, change.row.path); });
+        std::erase_if(rows, [&](const auto& each) { return each.first.first.isUnder(change.row.path); });
     }
   }
-  void put(const Row& row) { rows[{row.path, row.attribute}] = row; }
 
-  std::map<std::pair<std::string, std::string>, Row> rows;
+  Rows rows;
   int batches = 0;
 };
-
-std::map<std::pair<std::string, std::string>, Row> asMap(const std::vector<Row>& rows) {
-  std::map<std::pair<std::string, std::string>, Row> map;
-  for (const Row& row : rows) map[{row.path, row.attribute}] = row;
-  return map;
-}
 
 // A store whose disk can be made to fail; counts what it was given.
 struct Flaky : Statedb::MemoryStore {
@@ -59,7 +68,7 @@ TEST(MemoryStore, FeedsFollowTheRowsUnderRandomBatches) {
   Flaky store;
   Mirror all;
   Mirror under;
-  store.subscribe("", all);
+  store.subscribe({}, all);
   store.subscribe("a", under);
   for (int step = 0; step < 3000; ++step) {
     Changes changes;
@@ -71,19 +80,50 @@ TEST(MemoryStore, FeedsFollowTheRowsUnderRandomBatches) {
         changes.push_back(Change::put(path, random() % 8 ? "T" : "U", random() % 2 ? "x" : "y",
                                       static_cast<int>(random() % 3)));
     }
-    const auto before = asMap(store.read(""));
+    const auto before = asRows(store.read(""));
     store.full = random() % 4 == 0;
     store.write(changes, random() % 2 ? Durability::stored : Durability::derived);
-    if (store.full && asMap(store.read("")) != before) {
+    if (store.full && asRows(store.read("")) != before) {
       ASSERT_THROW(store.flush(), Statedb::StoreError);
-      ASSERT_EQ(asMap(store.read("")), before) << "undone, step " << step;
+      ASSERT_EQ(asRows(store.read("")), before) << "undone, step " << step;
     } else {
       store.full = false;
       store.flush();
     }
-    ASSERT_EQ(all.rows, asMap(store.read(""))) << "step " << step;
-    ASSERT_EQ(under.rows, asMap(store.read("a"))) << "step " << step;
+    ASSERT_EQ(all.rows, asRows(store.read(""))) << "step " << step;
+    ASSERT_EQ(under.rows, asRows(store.read("a"))) << "step " << step;
   }
+  std::string order;
+  for (const Record* record : store.read("")) order += record->path.text() + ' ';
+  std::vector<Record> there;
+  for (const Record* record : store.read("")) there.push_back(*record);
+  EXPECT_TRUE(std::ranges::is_sorted(there, &Statedb::readsBefore, &Record::path)) << order;
+}
+
+// A text finds the same path again, and a path its text, whatever the components are.
+TEST(Path, IsItsTextAndATree) {
+  const std::vector<std::string> texts = {"",  "a",  "a/b", "a/b/c", "a-b", "a//b",
+                                          "/", "/a", "a/",  "a%2Fb", "ä"};
+  for (const std::string& text : texts) EXPECT_EQ(Path(text).text(), text);
+  const std::size_t count = Path::count();
+  for (const std::string& text : texts) EXPECT_EQ(Path::existing(text), Path(text)) << text;
+  EXPECT_FALSE(Path::existing("a/never"));
+  EXPECT_FALSE(Path::existing("never/made/b"));
+  EXPECT_EQ(Path::count(), count) << "looking up adds nothing";
+  for (const std::string& text : texts)
+    for (const std::string& above : texts)
+      EXPECT_EQ(Path(text).isUnder(above), above.empty() || text == above || text.starts_with(above + '/'))
+          << text << " under " << above;
+  EXPECT_EQ(Path("a").childNamed("x/y"), Path("a/x%2Fy"));
+  EXPECT_EQ(Path("a/b/c").parent().parent(), Path("a"));
+  std::vector<std::string> under;
+  Path("a").forEachUnder([&](Path path) { under.push_back(path.text()); });
+  EXPECT_EQ(std::ranges::count(under, "a/b/c"), 1);
+  EXPECT_LT(std::ranges::find(under, "a/b"), std::ranges::find(under, "a/b/c"));
+  EXPECT_EQ(std::ranges::count(under, "a-b"), 0);
+  for (int i = 0; i < 5000; ++i) Path("many/" + std::to_string(i));
+  for (int i = 0; i < 5000; ++i)
+    ASSERT_EQ(Path::existing("many/" + std::to_string(i))->component(), Zel::Name(std::to_string(i)));
 }
 
 TEST(MemoryStore, WhatChangesNothingIsToldToNobody) {

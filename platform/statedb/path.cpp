@@ -1,0 +1,184 @@
+#include "platform/statedb/path.h"
+
+#include <algorithm>
+#include <ostream>
+#include <utility>
+#include <vector>
+
+#include "platform/zel/assert.h"
+#include "platform/zel/entity.h"
+
+namespace Statedb {
+
+// The tree of all paths. A path's number is its node's position.
+struct PathTable {
+  struct Node {
+    Zel::Name component;
+    Path parent;
+    Path lastChild;
+    Path next;  // the path beside it; the last one's is the first
+    std::uint32_t depth = 0;
+  };
+
+  std::vector<Node> nodes = std::vector<Node>(1);
+  std::vector<Path> places = std::vector<Path>(1024);  // a hash table of children; the empty path: free
+  // Texts that are looked up mostly stand beside the one before: what was before its last '/'.
+  std::string lastParentText;
+  Path lastParent;
+
+  static PathTable& instance() {
+    static PathTable& table = *new PathTable;  // never destroyed, as names
+    return table;
+  }
+
+  const Node& operator[](Path path) const { return nodes[path.id_]; }
+
+  std::size_t place(Path parent, Zel::Name component) const {
+    const std::uint64_t key = std::uint64_t{parent.id_} << 32 | component.id();
+    std::size_t at = (key * 0x9E3779B97F4A7C15U >> 32) & (places.size() - 1);
+    const auto isWanted = [&](const Node& node) {
+      return node.parent == parent && node.component == component;
+    };
+    while (!places[at].empty() && !isWanted((*this)[places[at]])) at = (at + 1) & (places.size() - 1);
+    return at;
+  }
+
+  // Empty where there is none.
+  Path find(Path parent, Zel::Name component) const { return places[place(parent, component)]; }
+
+  Path make(Path parent, Zel::Name component) {
+    if (const Path found = find(parent, component); !found.empty()) return found;
+    if (nodes.size() >= places.size() / 4 * 3) grow();
+    Path made;
+    made.id_ = static_cast<std::uint32_t>(nodes.size());
+    places[place(parent, component)] = made;
+    nodes.push_back({component, parent, {}, made, nodes[parent.id_].depth + 1});
+    Path& last = nodes[parent.id_].lastChild;
+    if (!last.empty()) nodes[made.id_].next = std::exchange(nodes[last.id_].next, made);
+    last = made;
+    return made;
+  }
+
+  void grow() {
+    places.assign(places.size() * 2, Path());
+    for (Path path; ++path.id_ < nodes.size();)
+      places[place((*this)[path].parent, (*this)[path].component)] = path;
+  }
+
+  // Follows a text from component to component, by `step`, which returns the empty path where it ends.
+  template <class Step>
+  Path follow(std::string_view text, Step step) {
+    if (text.empty()) return {};
+    const std::size_t slash = text.rfind('/');
+    if (slash == std::string_view::npos) return step(Path(), text);
+    const std::string_view above = text.substr(0, slash);
+    if (above != lastParentText || lastParent.empty()) {
+      Path parent;
+      for (std::size_t at = 0; at <= above.size();) {
+        const std::size_t end = std::min(above.find('/', at), above.size());
+        parent = step(parent, above.substr(at, end - at));
+        if (parent.empty()) return {};
+        at = end + 1;
+      }
+      lastParentText = above;
+      lastParent = parent;
+    }
+    return step(lastParent, text.substr(slash + 1));
+  }
+};
+
+namespace {
+PathTable& table() { return PathTable::instance(); }
+}  // namespace
+
+Path::Path(std::string_view text) {
+  const auto step = [](Path parent, std::string_view component) {
+    return table().make(parent, Zel::Name(component));
+  };
+  *this = table().follow(text, step);
+}
+
+std::optional<Path> Path::existing(std::string_view text) {
+  if (text.empty()) return Path();
+  const auto step = [](Path parent, std::string_view component) {
+    const auto known = Zel::Name::existing(component);
+    return known ? table().find(parent, *known) : Path();
+  };
+  const Path found = table().follow(text, step);
+  if (found.empty()) return std::nullopt;
+  return found;
+}
+
+std::size_t Path::count() { return table().nodes.size(); }
+
+Path Path::parent() const {
+  ZEL_REQUIRE(!empty(), id_);
+  return table()[*this].parent;
+}
+
+Zel::Name Path::component() const {
+  ZEL_REQUIRE(!empty(), id_);
+  return table()[*this].component;
+}
+
+Path Path::child(Zel::Name component) const { return table().make(*this, component); }
+
+Path Path::childNamed(Zel::Name name) const {
+  const std::string_view text = name.view();
+  if (Zel::isComponent(text)) return child(name);
+  return child(Zel::Name(Zel::escapeComponent(text)));
+}
+
+unsigned Path::depth() const { return table()[*this].depth; }
+
+bool Path::isUnder(Path above) const {
+  if (above.empty()) return true;
+  const PathTable& all = table();
+  const std::uint32_t depth = all[above].depth;
+  Path path = *this;
+  while (all[path].depth > depth) path = all[path].parent;
+  return path == above;
+}
+
+std::string Path::text() const {
+  std::string text;
+  text.reserve(64);
+  appendTo(text);
+  return text;
+}
+
+void Path::appendTo(std::string& text) const {
+  if (empty()) return;
+  const auto& node = table()[*this];
+  node.parent.appendTo(text);
+  if (!node.parent.empty()) text += '/';
+  text += node.component.view();
+}
+
+Path Path::firstChild() const {
+  const Path last = table()[*this].lastChild;
+  return last.empty() ? last : table()[last].next;
+}
+
+Path Path::nextSibling() const {
+  const auto& node = table()[*this];
+  return table()[node.parent].lastChild == *this ? Path() : node.next;
+}
+
+bool readsBefore(Path a, Path b) {
+  if (a == b) return false;
+  const unsigned depth = std::min(a.depth(), b.depth());
+  const bool above = a.depth() < b.depth();
+  while (a.depth() > depth) a = a.parent();
+  while (b.depth() > depth) b = b.parent();
+  if (a == b) return above;
+  while (a.parent() != b.parent()) {
+    a = a.parent();
+    b = b.parent();
+  }
+  return a.component() < b.component();
+}
+
+std::ostream& operator<<(std::ostream& out, Path path) { return out << path.text(); }
+
+}  // namespace Statedb

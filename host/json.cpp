@@ -39,11 +39,11 @@ class Reader {
   bool binary(Json::binary_t&) { return false; }
   bool start_object(std::size_t) { return begin(Value::Fields{}); }
   bool key(std::string& name) {
-    top().as<Value::Fields>()->emplace_back(std::move(name), Value());
+    open_.back()->as<Value::Fields>()->emplace_back(std::move(name), Value());
     return true;
   }
   bool end_object() {
-    checkNames(*top().as<Value::Fields>());
+    checkNames(*open_.back()->as<Value::Fields>());
     return end();
   }
   bool start_array(std::size_t) { return begin(Value::List{}); }
@@ -55,27 +55,25 @@ class Reader {
   }
 
  private:
-  Value& top() { return open_.back(); }
-
   bool begin(Value value) {
     if (open_.size() == kJsonDepth)
       throw ValueError("nested deeper than " + std::to_string(kJsonDepth) + " levels");
-    open_.push_back(std::move(value));
+    open_.push_back(&place(std::move(value)));
     return true;
   }
   bool end() {
-    Value ended = std::move(top());
     open_.pop_back();
-    return add(std::move(ended));
+    return true;
   }
   bool add(Value value) {
-    if (open_.empty())
-      result = std::move(value);
-    else if (auto* list = top().as<Value::List>())
-      list->push_back(std::move(value));
-    else
-      top().as<Value::Fields>()->back().second = std::move(value);
+    place(std::move(value));
     return true;
+  }
+  // Puts a value where the text stands.
+  Value& place(Value value) {
+    if (open_.empty()) return result = std::move(value);
+    if (auto* list = open_.back()->as<Value::List>()) return list->emplace_back(std::move(value));
+    return open_.back()->as<Value::Fields>()->back().second = std::move(value);
   }
 
   static void checkNames(const Value::Fields& fields) {
@@ -94,7 +92,7 @@ class Reader {
     throw ValueError("the name '" + name + "' stands twice among the same fields");
   }
 
-  std::vector<Value> open_;  // lists and fields that have not ended, each in the one before
+  std::vector<Value*> open_;  // lists and fields that have not ended, each in the one before
 };
 
 }  // namespace

@@ -1,5 +1,5 @@
 #include <algorithm>
-#include <optional>
+#include <deque>
 #include <utility>
 
 #include "platform/statedb/store.h"
@@ -13,18 +13,36 @@ Store::~Store() = default;
 
 namespace {
 
+// An entity as it is kept; without a type where there is none.
 struct Entry : Record {
   Durability durability = Durability::stored;
 };
 
-// Takes one change back, the last first. Entries do not move, so that which changed is pointed to; one that
-// was removed comes back as the same.
+// Takes one change of an entry back; the last first.
 struct Undo {
-  Entry* at = nullptr;                   // was made, or got another attribute or value
-  std::unique_ptr<Entry> removed{};      // or was removed
-  std::optional<std::size_t> changed{};  // which of its attributes; else one was added
-  Zel::Value before{};
-  bool made = false;
+  enum class What : std::uint8_t { made, added, changed, removed };
+  What what;
+  std::uint32_t attribute = 0;  // changed: which
+  Entry* at;
+  Zel::Value before{};               // changed: the value
+  std::unique_ptr<Entry> removed{};  // removed: what it was
+
+  Undo(What theWhat, Entry& entry) : what(theWhat), at(&entry) {}
+  void apply() {
+    switch (what) {
+      case What::made:
+        *at = {};
+        break;
+      case What::added:
+        at->attributes.pop_back();
+        break;
+      case What::changed:
+        at->attributes[attribute].value = std::move(before);
+        break;
+      case What::removed:
+        *at = std::move(*removed);
+    }
+  }
 };
 
 struct Told {
@@ -40,45 +58,39 @@ struct Subscription {
 }  // namespace
 
 struct MemoryStore::State {
-  std::vector<std::unique_ptr<Entry>> entries;  // at the number of their paths; null: none
-  std::size_t count = 0;
-  std::vector<Undo> undo;  // since the last flush
-  std::vector<Told> told;  // the same, of what the feeds are to hear
+  std::deque<Entry> entries;  // at the number of their paths; they do not move
+  std::size_t count = 0;      // of those that are there
+  std::vector<Undo> undo;     // since the last flush
+  std::vector<Told> told;     // the same, of what the feeds are to hear
   std::vector<Subscription> subscriptions;
 
   // Null where there is none.
-  Entry* find(Path path) const { return path.id() < entries.size() ? entries[path.id()].get() : nullptr; }
-
-  Entry& insert(std::unique_ptr<Entry> entry) {
-    const std::size_t at = entry->path.id();
-    if (at >= entries.size()) entries.resize(Path::count());
-    entries[at] = std::move(entry);
-    ++count;
-    return *entries[at];
+  const Entry* find(Path path) const {
+    return path.id() < entries.size() && !entries[path.id()].type.empty() ? &entries[path.id()] : nullptr;
   }
+  Entry* find(Path path) { return const_cast<Entry*>(std::as_const(*this).find(path)); }
 
-  std::unique_ptr<Entry> extract(Path path) {
-    --count;
-    return std::move(entries[path.id()]);
+  Entry& insert(Path path, Zel::Name type, Durability durability) {
+    if (path.id() >= entries.size()) entries.resize(Path::count());
+    Entry& entry = entries[path.id()];
+    entry.path = path;
+    entry.type = type;
+    entry.durability = durability;
+    ++count;
+    return entry;
   }
 
   void undoTo(std::size_t size) {
     for (; undo.size() > size; undo.pop_back()) {
-      Undo& last = undo.back();
-      if (last.removed)
-        insert(std::move(last.removed));
-      else if (last.made)
-        extract(last.at->path);
-      else if (last.changed)
-        last.at->attributes[*last.changed].value = std::move(last.before);
-      else
-        last.at->attributes.pop_back();
+      if (undo.back().what == Undo::What::made) --count;
+      if (undo.back().what == Undo::What::removed) ++count;
+      undo.back().apply();
     }
   }
 
   Entry& make(const Row& row, Durability durability) {
-    Entry& entry = insert(std::make_unique<Entry>(Entry{{row.path, row.type, {}}, durability}));
-    undo.push_back({.at = &entry, .made = true});
+    Entry& entry = insert(row.path, row.type, durability);
+    undo.emplace_back(Undo::What::made, entry);
     return entry;
   }
 
@@ -88,12 +100,14 @@ struct MemoryStore::State {
     const auto found = std::ranges::find(attributes, attribute, &Attribute::name);
     if (found == attributes.end()) {
       attributes.push_back({attribute, value});
-      undo.push_back({.at = &entry});
+      const bool justMade = !undo.empty() && undo.back().what == Undo::What::made && undo.back().at == &entry;
+      if (!justMade) undo.emplace_back(Undo::What::added, entry);
       return true;
     }
     if (found->value == value) return false;
-    const auto position = static_cast<std::size_t>(found - attributes.begin());
-    undo.push_back({.at = &entry, .changed = position, .before = std::exchange(found->value, value)});
+    auto& changed = undo.emplace_back(Undo::What::changed, entry);
+    changed.attribute = static_cast<std::uint32_t>(found - attributes.begin());
+    changed.before = std::exchange(found->value, value);
     return true;
   }
 
@@ -105,10 +119,13 @@ struct MemoryStore::State {
   Removed remove(Path path) {
     Removed removed;
     path.forEachUnder([&](Path each) {
-      if (!find(each)) return;
+      Entry* entry = find(each);
+      if (!entry) return;
       removed.any = true;
-      removed.stored |= find(each)->durability == Durability::stored;
-      undo.push_back({.removed = extract(each)});
+      removed.stored |= entry->durability == Durability::stored;
+      undo.emplace_back(Undo::What::removed, *entry).removed =
+          std::make_unique<Entry>(std::exchange(*entry, {}));
+      --count;
     });
     return removed;
   }
@@ -252,7 +269,7 @@ std::size_t MemoryStore::entities() const { return state_->count; }
 
 void MemoryStore::restore(Row row) {
   Entry* entry = state_->find(row.path);
-  if (!entry) entry = &state_->insert(std::make_unique<Entry>(Entry{{row.path, row.type, {}}, {}}));
+  if (!entry) entry = &state_->insert(row.path, row.type, Durability::stored);
   if (!row.attribute.empty()) entry->attributes.push_back({row.attribute, std::move(row.value)});
 }
 

@@ -65,27 +65,22 @@ Zel::AttributeIndex PublishedEntity::indexOf(const Zel::AttributeInfo& row) cons
   return index;
 }
 
-namespace {
-std::uint64_t memberKey(Zel::AttributeIndex collection, Zel::Name key) {
-  return std::uint64_t{collection} << 32 | key.id();
-}
-}  // namespace
-
 PublishedEntity* PublishedEntity::child(Zel::AttributeIndex collection, Zel::Name key) const {
   if (!members_) return nullptr;
-  const auto found = members_->find(memberKey(collection, key));
-  return found == members_->end() ? nullptr : found->second.get();
+  const auto members = members_->find(collection);
+  return members == members_->end() ? nullptr : members->second.get(key);
 }
 
 void PublishedEntity::watch(Zel::AttributeIndex collection, Zel::Name key,
                             const Zel::Ptr<const Zel::Entity>& member) {
-  if (!members_) members_ = std::make_unique<std::unordered_map<std::uint64_t, Zel::Ptr<PublishedEntity>>>();
+  unwatch(collection, key);
+  if (!members_) members_ = std::make_unique<std::map<Zel::AttributeIndex, Zel::PtrMap<PublishedEntity>>>();
   const Path path = memberPath(path_, entity().fwkType().attribute(collection), key);
-  (*members_)[memberKey(collection, key)] = Zel::allocate<PublishedEntity>(publisher_, path, member);
+  (*members_)[collection].insert(key, Zel::allocate<PublishedEntity>(publisher_, path, member));
 }
 
 void PublishedEntity::unwatch(Zel::AttributeIndex collection, Zel::Name key) {
-  if (members_) members_->erase(memberKey(collection, key));
+  if (members_) (*members_)[collection].remove(key);
 }
 
 void PublishedEntity::adopt(const Zel::AttributeInfo& collection, Zel::Name key,
@@ -103,11 +98,17 @@ void PublishedEntity::put(Zel::Name attribute, Zel::Value value) {
 
 void PublishedEntity::publishAll() {
   const Zel::TypeNode& type = entity().fwkType();
-  put({}, {});
-  for (Zel::AttributeIndex index = 0; index < type.endIndex(); ++index)
-    if (const auto& row = type.attribute(index); isPlain(row)) put(row.label, row.get(entity(), {}));
+  bool any = false;
+  for (Zel::AttributeIndex index = 0; index < type.endIndex(); ++index) {
+    const auto& row = type.attribute(index);
+    if (!isPlain(row)) continue;
+    put(row.label, row.get(entity(), {}));
+    any = true;
+  }
+  if (!any) put({}, {});
   if (!members_) return;
-  for (const auto& [key, member] : *members_) member->publishAll();
+  for (const auto& [collection, members] : *members_)
+    for (const auto& member : members) member->publishAll();
 }
 
 void PublishedEntity::onRawAttribute(Zel::AttributeIndex index, Zel::Name key) {
@@ -133,8 +134,7 @@ void PublishedEntity::memberChanged(Zel::AttributeIndex collection, Zel::Name ke
 void PublishedEntity::membersChanged(Zel::AttributeIndex collection) {
   std::set<Zel::Name> keys;
   if (members_)
-    for (const auto& [key, member] : *members_)
-      if (key >> 32 == collection) keys.insert(member->entity().name());
+    for (const auto& member : (*members_)[collection]) keys.insert(member->entity().name());
   for (const Zel::Name key : entity().fwkType().attribute(collection).keys(entity())) keys.insert(key);
   for (const Zel::Name key : keys) memberChanged(collection, key);
 }

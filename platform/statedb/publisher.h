@@ -1,9 +1,8 @@
 // Publishing: what agents write under a "wi" mount, turned into rows. Internal to the entity manager.
 #pragma once
 
-#include <cstdint>
+#include <map>
 #include <memory>
-#include <unordered_map>
 
 #include "platform/statedb/row.h"
 #include "platform/statedb/schema.h"
@@ -48,8 +47,8 @@ class PublishedEntity : public Zel::Reactor<PublishedEntity, Zel::RawNotifiee> {
   Publisher& publisher_;
   const Path path_;
   std::size_t known_ = 0;  // a hash of the values that the store has
-  // By collection and the number of the member's name. Null for what has no members, as most have none.
-  std::unique_ptr<std::unordered_map<std::uint64_t, Zel::Ptr<PublishedEntity>>> members_;
+  // Of each collection. Null for what has no members, as most have none.
+  std::unique_ptr<std::map<Zel::AttributeIndex, Zel::PtrMap<PublishedEntity>>> members_;
 };
 
 // What was written under one mount since it was taken.

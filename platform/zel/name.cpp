@@ -7,7 +7,6 @@
 #include <memory>
 #include <mutex>
 #include <ostream>
-#include <shared_mutex>
 #include <vector>
 
 #include "platform/zel/exception.h"
@@ -17,31 +16,31 @@ namespace Zel {
 namespace {
 
 // Texts lie in blocks that never move, so a view of one stays valid, and a reader needs no lock to find it:
-// whoever holds an id got it after the entry was written.
+// whoever holds an id got it after the entry was written. Looking a text up takes no lock either: the places
+// only ever fill, and when they are outgrown a larger table takes over while the old one stays as it was.
 class Table {
  public:
-  Table() { intern(""); }
+  Table() {
+    allPlaces_.push_back(std::make_unique<Places>(kChunk));
+    places_ = allPlaces_.back().get();
+    append("");
+  }
 
-  std::optional<std::uint32_t> find(std::string_view text) {
-    const std::shared_lock lock(mutex_);
-    const std::uint32_t id = places_[place(text)];
-    if (id == kFree) return std::nullopt;
-    return id;
+  std::optional<std::uint32_t> find(std::string_view text) const {
+    return places_.load(std::memory_order_acquire)->find(*this, text, hashOf(text));
   }
 
   std::uint32_t intern(std::string_view text) {
-    if (const auto found = find(text)) return *found;
-    const std::unique_lock lock(mutex_);
-    if (const std::uint32_t found = places_[place(text)]; found != kFree) return found;
+    const std::uint32_t hash = hashOf(text);
+    if (const auto found = places_.load(std::memory_order_acquire)->find(*this, text, hash)) return *found;
+    const std::lock_guard lock(mutex_);
+    const Places* places = places_.load(std::memory_order_relaxed);
+    if (const auto found = places->find(*this, text, hash)) return *found;
     const std::uint32_t id = size_.load(std::memory_order_relaxed);
     if (id == kChunks * kChunk) throwRangeException("the table of names is full");
-    if (id >= places_.size() / 4 * 3) grow();
-    auto& chunk = chunks_[id / kChunk];
-    if (!chunk.load(std::memory_order_relaxed))
-      chunk.store(new std::string_view[kChunk], std::memory_order_release);
-    places_[place(text)] = id;
-    chunk.load(std::memory_order_relaxed)[id % kChunk] = store(text);
-    size_.store(id + 1, std::memory_order_release);
+    if (id >= places->count() / 4 * 3) places = &grow(*places);
+    append(text);
+    places->put(id, hash);
     return id;
   }
 
@@ -54,18 +53,60 @@ class Table {
   static constexpr std::uint32_t kChunk = 4096;
   static constexpr std::uint32_t kChunks = 16384;
   static constexpr std::size_t kBlock = 64 * 1024;
-  static constexpr std::uint32_t kFree = ~0U;
 
-  // Where the id of `text` stands among the places, or is to stand. There is always a free place.
-  std::size_t place(std::string_view text) const {
-    std::size_t at = std::hash<std::string_view>()(text) & (places_.size() - 1);
-    while (places_[at] != kFree && this->text(places_[at]) != text) at = (at + 1) & (places_.size() - 1);
-    return at;
+  static std::uint32_t hashOf(std::string_view text) {
+    return static_cast<std::uint32_t>(std::hash<std::string_view>()(text));
   }
 
-  void grow() {
-    places_.assign(places_.size() * 2, kFree);
-    for (std::uint32_t id = 0; id < size(); ++id) places_[place(text(id))] = id;
+  // A hash table of ids. The hash beside an id spares looking at texts that are others.
+  class Places {
+   public:
+    explicit Places(std::size_t count) : places_(count) {}
+
+    std::size_t count() const { return places_.size(); }
+    std::optional<std::uint32_t> find(const Table& table, std::string_view text, std::uint32_t hash) const {
+      for (std::size_t at = first(hash);; at = next(at)) {
+        const std::uint64_t place = places_[at].load(std::memory_order_acquire);
+        if (place == kFree) return std::nullopt;
+        const auto id = static_cast<std::uint32_t>(place);
+        if (place >> 32 == hash && table.text(id) == text) return id;
+      }
+    }
+    void put(std::uint32_t id, std::uint32_t hash) const {
+      std::size_t at = first(hash);
+      while (places_[at].load(std::memory_order_relaxed) != kFree) at = next(at);
+      places_[at].store(std::uint64_t{hash} << 32 | id, std::memory_order_release);
+    }
+    void putAllInto(const Places& other) const {
+      for (const auto& place : places_)
+        if (const std::uint64_t held = place.load(std::memory_order_relaxed); held != kFree)
+          other.put(static_cast<std::uint32_t>(held), static_cast<std::uint32_t>(held >> 32));
+    }
+
+   private:
+    static constexpr std::uint64_t kFree = 0;  // what the empty text would be, which is never looked up
+
+    std::size_t first(std::uint32_t hash) const { return hash & (places_.size() - 1); }
+    std::size_t next(std::size_t at) const { return (at + 1) & (places_.size() - 1); }
+
+    mutable std::vector<std::atomic<std::uint64_t>> places_;
+  };
+
+  // Gives the text the next id.
+  void append(std::string_view text) {
+    const std::uint32_t id = size_.load(std::memory_order_relaxed);
+    auto& chunk = chunks_[id / kChunk];
+    if (!chunk.load(std::memory_order_relaxed))
+      chunk.store(new std::string_view[kChunk], std::memory_order_release);
+    chunk.load(std::memory_order_relaxed)[id % kChunk] = store(text);
+    size_.store(id + 1, std::memory_order_release);
+  }
+
+  const Places& grow(const Places& places) {
+    const Places& grown = *allPlaces_.emplace_back(std::make_unique<Places>(places.count() * 2));
+    places.putAllInto(grown);
+    places_.store(&grown, std::memory_order_release);
+    return grown;
   }
 
   std::string_view store(std::string_view text) {
@@ -82,8 +123,9 @@ class Table {
     return {place, text.size()};
   }
 
-  std::shared_mutex mutex_;
-  std::vector<std::uint32_t> places_ = std::vector<std::uint32_t>(kChunk, kFree);  // a hash table of ids
+  std::mutex mutex_;                                      // of whoever adds
+  std::vector<std::unique_ptr<const Places>> allPlaces_;  // the last one is in use
+  std::atomic<const Places*> places_{nullptr};
   std::array<std::atomic<std::string_view*>, kChunks> chunks_{};
   std::atomic<std::uint32_t> size_{0};
   std::vector<std::unique_ptr<char[]>> blocks_;
@@ -102,6 +144,7 @@ Table& table() {
 Name::Name(std::string_view text) : id_(text.empty() ? 0 : table().intern(text)) {}
 
 std::optional<Name> Name::existing(std::string_view text) {
+  if (text.empty()) return Name();
   const auto id = table().find(text);
   if (!id) return std::nullopt;
   Name name;

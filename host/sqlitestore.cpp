@@ -80,6 +80,32 @@ FileLock own(const std::string& file) {
 
 }  // namespace
 
+// Makes a T of a text, or takes the one that the last equal text made: rows repeat their paths, types and
+// values, and making is what reading a large file costs.
+template <class T, std::size_t Slots>
+class Remembered {
+ public:
+  template <class Make>
+  const T& of(std::string_view text, Make make) {
+    Slot& slot = slots_[Slots == 1 ? 0 : std::hash<std::string_view>()(text) % Slots];
+    if (!slot.made || slot.text != text) {
+      slot.made = false;
+      slot.value = make(text);
+      slot.text = text;
+      slot.made = true;
+    }
+    return slot.value;
+  }
+
+ private:
+  struct Slot {
+    std::string text;
+    T value{};
+    bool made = false;
+  };
+  std::array<Slot, Slots> slots_;
+};
+
 // The open file. Every failure is a StoreError with SQLite's own words.
 class SqliteStore::Database {
  public:
@@ -99,7 +125,8 @@ class SqliteStore::Database {
   void forEachRow(Take take) {
     const Statement select =
         prepare("SELECT path, attribute, type, value FROM rows ORDER BY path, attribute");
-    while (step(*select)) take(row(*select));
+    Known known;
+    while (step(*select)) take(row(*select, known));
   }
 
   // All of it or nothing.
@@ -172,11 +199,19 @@ class SqliteStore::Database {
     return result == SQLITE_ROW;
   }
 
-  Row row(sqlite3_stmt& statement) const {
-    Row row{
-        Statedb::Path(text(statement, 0)), Zel::Name(text(statement, 2)), Zel::Name(text(statement, 1)), {}};
+  struct Known {
+    Remembered<Statedb::Path, 1> path;
+    Remembered<Zel::Name, 1> type;
+    Remembered<Zel::Value, 64> value;
+  };
+
+  Row row(sqlite3_stmt& statement, Known& known) const {
+    Row row{known.path.of(text(statement, 0), [](auto text) { return Statedb::Path(text); }),
+            known.type.of(text(statement, 2), [](auto text) { return Zel::Name(text); }),
+            Zel::Name(text(statement, 1)),
+            {}};
     try {
-      row.value = parseJson(text(statement, 3));
+      row.value = known.value.of(text(statement, 3), &parseJson);
     } catch (const Zel::ValueError& error) {
       refuse(file_, "the value of '" + row.path.text() + "' " + row.attribute.stdString() +
                         " can't be read: " + error.what());

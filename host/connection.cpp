@@ -9,6 +9,10 @@ bool Lines::take(std::string_view bytes, const std::function<bool(std::string_vi
   for (std::size_t end; (end = bytes.find('\n')) != std::string_view::npos; bytes.remove_prefix(end + 1)) {
     oversized_ = begun_.size() + end > limit_;
     if (oversized_) return false;
+    if (begun_.empty()) {
+      if (!line(bytes.substr(0, end))) return false;
+      continue;
+    }
     begun_.append(bytes.substr(0, end));
     if (!line(std::exchange(begun_, {}))) return false;
   }

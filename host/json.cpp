@@ -37,7 +37,12 @@ class Reader {
   bool number_float(double value, const std::string&) { return add(value); }
   bool string(std::string& value) { return add(std::move(value)); }
   bool binary(Json::binary_t&) { return false; }
-  bool start_object(std::size_t) { return begin(Value::Fields{}); }
+  bool start_object(std::size_t) {
+    constexpr std::size_t kUsual = 4;  // so that hardly any fields are moved
+    Value::Fields fields;
+    fields.reserve(kUsual);
+    return begin(std::move(fields));
+  }
   bool key(std::string& name) {
     open_.back()->as<Value::Fields>()->emplace_back(std::move(name), Value());
     return true;
@@ -112,27 +117,28 @@ namespace {
 
 bool isPlain(char c) { return c >= ' ' && c < 0x7F && c != '"' && c != '\\'; }
 
-// Makes what stands from `start` on a JSON text. Hardly any holds more than plain letters.
-void quoteFrom(std::string& text, std::size_t start) {
-  if (std::all_of(text.begin() + static_cast<std::ptrdiff_t>(start), text.end(), &isPlain)) {
-    text.insert(start, 1, '"');
+// Ends the text that begins with the quote at `start`. Hardly any holds more than plain letters.
+void endQuoted(std::string& text, std::size_t start) {
+  if (std::all_of(text.begin() + static_cast<std::ptrdiff_t>(start) + 1, text.end(), &isPlain)) {
     text += '"';
     return;
   }
-  const std::string quoted = jsonText(Json(text.substr(start)));
+  const std::string quoted = jsonText(Json(text.substr(start + 1)));
   text.replace(start, std::string::npos, quoted);
 }
 
 void appendQuoted(std::string& text, std::string_view plain) {
   const std::size_t start = text.size();
+  text += '"';
   text += plain;
-  quoteFrom(text, start);
+  endQuoted(text, start);
 }
 
 void appendPath(std::string& text, Path path) {
   const std::size_t start = text.size();
+  text += '"';
   path.appendTo(text);
-  quoteFrom(text, start);
+  endQuoted(text, start);
 }
 
 struct Writer {

@@ -130,11 +130,26 @@ struct MemoryStore::State {
     return removed;
   }
 
-  // Whether anybody but `origin` is to hear of a change.
-  bool hears(const Change& change, const Feed* origin) const {
+  // Whether any subscription but those of `origin` is one that `wanted` says.
+  template <class Wanted>
+  bool hears(const Feed* origin, Wanted wanted) const {
     return std::ranges::any_of(subscriptions, [&](const Subscription& each) {
-      return each.feed != origin && concerns(change, each.path);
+      return each.feed != origin && wanted(each.path);
     });
+  }
+
+  // Fetches what a write of the changes from `at` on will look at, some of them ahead: the misses of a batch
+  // overlap instead of adding up.
+  void foresee(const Changes& changes, std::size_t at) const {
+    constexpr std::size_t kNear = 4;
+    constexpr std::size_t kFar = 8;
+    if (at + kFar < changes.size()) {
+      const Path path = changes[at + kFar].row.path;
+      path.prefetch();
+      if (path.id() < entries.size()) __builtin_prefetch(&entries[path.id()]);
+    }
+    if (at + kNear < changes.size())
+      if (const Entry* entry = find(changes[at + kNear].row.path)) __builtin_prefetch(entry->attributes.data());
   }
 
   Records under(Path path) const {
@@ -172,6 +187,10 @@ struct Writer {
   const Feed* const origin;
   Changes told{};
   Changes stored{};
+  // Changes mostly follow each other in one collection: what stands above the last, and whether anybody hears
+  // of what stands under that.
+  Path lastAbove{};
+  bool isHeard = false;
 
   void apply(const Change& change) {
     if (change.kind == Change::Kind::del)
@@ -205,7 +224,19 @@ struct Writer {
     tell(change);
   }
   void tell(const Change& change) {
-    if (state.hears(change, origin)) told.push_back(change);
+    if (hears(change)) told.push_back(change);
+  }
+
+  // Whether anybody but `origin` is to hear of a change.
+  bool hears(const Change& change) {
+    const Path path = change.row.path;
+    if (change.kind == Change::Kind::del || path.empty())
+      return state.hears(origin, [&](Path subscribed) { return concerns(change, subscribed); });
+    if (const Path above = path.parent(); above != lastAbove || above.empty()) {
+      lastAbove = above;
+      isHeard = state.hears(origin, [&](Path subscribed) { return above.isUnder(subscribed); });
+    }
+    return isHeard || state.hears(origin, [&](Path subscribed) { return path == subscribed; });
   }
 };
 
@@ -224,7 +255,10 @@ void MemoryStore::write(const Changes& changes, Durability durability, Feed* ori
   const std::size_t before = state_->undo.size();
   Writer<State> writer{*state_, durability, origin};
   try {
-    for (const Change& change : changes) writer.apply(change);
+    for (std::size_t i = 0; i < changes.size(); ++i) {
+      state_->foresee(changes, i);
+      writer.apply(changes[i]);
+    }
     if (!writer.stored.empty()) persist(writer.stored);
   } catch (...) {
     state_->undoTo(before);

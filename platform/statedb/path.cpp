@@ -162,6 +162,8 @@ bool Path::isUnder(Path above) const {
   return path == above;
 }
 
+void Path::prefetch() const { __builtin_prefetch(&table()[*this]); }
+
 std::string Path::text() const {
   std::string text;
   text.reserve(64);

@@ -48,6 +48,9 @@ class ZEL_API Path {
   // Whether it is `above` or stands under it.
   bool isUnder(Path above) const;
 
+  // Fetches what the functions above look at.
+  void prefetch() const;
+
   std::string text() const;
   void appendTo(std::string& text) const;
 

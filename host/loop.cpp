@@ -1,18 +1,24 @@
 #include "host/loop.h"
 
+#include <sys/timerfd.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <csignal>
 
+#include "platform/zel/assert.h"
 #include "platform/zel/clock.h"
 
 namespace Host {
 
 namespace {
 constexpr double kLongestSleep = 86400;  // seconds; the turn says anew how long it is
-}
+constexpr std::int64_t kMillisecond = 1'000'000;
+}  // namespace
 
-Loop::Loop() {
+Loop::Loop() : alarm_(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)) {
+  ZEL_REQUIRE(alarm_ >= 0, "timerfd_create: error " << errno);
   std::signal(SIGPIPE, SIG_IGN);
   uv_loop_init(&loop_);
   loop_.data = this;
@@ -21,16 +27,20 @@ Loop::Loop() {
   uv_check_start(check_.get(), [](uv_check_t* handle) {
     guard(handle->loop, [&] { static_cast<Loop*>(handle->loop->data)->turn(); });
   });
-  timer_.reset(new uv_timer_t);
-  uv_timer_init(&loop_, timer_.get());
+  onAlarm_.reset(new uv_poll_t);
+  uv_poll_init(&loop_, onAlarm_.get(), alarm_);
+  // The turn comes after every round anyway, and sets the alarm anew, which takes this one back.
+  uv_poll_start(onAlarm_.get(), UV_READABLE,
+                [](uv_poll_t* handle, int, int) { static_cast<Loop*>(handle->loop->data)->alarmAt_ = -1; });
 }
 
 Loop::~Loop() {
   check_.reset();
-  timer_.reset();
+  onAlarm_.reset();
   turn_ = nullptr;
   uv_run(&loop_, UV_RUN_DEFAULT);
   uv_loop_close(&loop_);
+  ::close(alarm_);
 }
 
 void Loop::run() {
@@ -63,21 +73,21 @@ void Loop::turn() {
   if (turn_ && !stopped_ && !error_) wakeAt(turn_());
 }
 
-// libuv counts whole milliseconds from a time of its own that lags behind: both are made up for, so that the
-// timer does not fire before the time has come.
+// An alarm of its own, because libuv's timers count in whole milliseconds from a time that lags behind: they
+// come up to two milliseconds late.
 void Loop::wakeAt(double time) {
-  if (time == Zel::Clock::kNever) {
-    uv_timer_stop(timer_.get());
-    return;
+  std::int64_t at = 0;  // never
+  if (time != Zel::Clock::kNever) {
+    const double latest = Zel::System::currentTime() + kLongestSleep;
+    at = static_cast<std::int64_t>(std::ceil(std::clamp(time, 0.0, latest) * 1e3)) * kMillisecond;
+    at = std::max(at, kMillisecond);
   }
-  const double delay = std::clamp(time - Zel::System::currentTime(), 0.0, kLongestSleep);
-  uv_update_time(&loop_);
-  const double due = std::ceil(static_cast<double>(uv_hrtime()) / 1e6 + delay * 1e3);
-  const auto milliseconds = delay > 0 ? static_cast<std::uint64_t>(due) - uv_now(&loop_) : 0;
-  const auto fire = [](uv_timer_t* handle) {
-    guard(handle->loop, [&] { static_cast<Loop*>(handle->loop->data)->turn(); });
-  };
-  uv_timer_start(timer_.get(), fire, milliseconds, 0);
+  if (at == alarmAt_) return;
+  alarmAt_ = at;
+  itimerspec alarm{};
+  alarm.it_value.tv_sec = at / (1000 * kMillisecond);
+  alarm.it_value.tv_nsec = at % (1000 * kMillisecond);
+  ::timerfd_settime(alarm_, TFD_TIMER_ABSTIME, &alarm, nullptr);
 }
 
 }  // namespace Host

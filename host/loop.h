@@ -3,6 +3,7 @@
 
 #include <uv.h>
 
+#include <cstdint>
 #include <exception>
 #include <functional>
 #include <memory>
@@ -36,7 +37,8 @@ class Loop {
 
   uv_loop_t* uv() { return &loop_; }
 
-  // Runs after every round of events and whenever the time that it returned has come, never before that.
+  // Runs after every round of events and within a millisecond after the time that it returned, never before
+  // that: what is due in one millisecond is done in one turn.
   void turnIs(Turn turn) { turn_ = std::move(turn); }
   // Until stop(). Throws what a callback or the turn threw.
   void run();
@@ -63,7 +65,9 @@ class Loop {
 
   uv_loop_t loop_{};
   UvHandle<uv_check_t> check_;
-  UvHandle<uv_timer_t> timer_;
+  const int alarm_;           // a timer of the kernel
+  std::int64_t alarmAt_ = 0;  // monotonic nanoseconds; 0: never; negative: it has gone off
+  UvHandle<uv_poll_t> onAlarm_;
   Turn turn_;
   std::exception_ptr error_;
   bool stopped_ = false;

@@ -52,8 +52,7 @@ Zel::Name typeOf(const Zel::Entity& entity) { return entity.fwkType().name(); }
 // Calls `function` for every stored row of the entity's type, its bases' first.
 template <class Function>
 void forEachStored(const Zel::TypeNode& type, Function&& function) {
-  for (Zel::AttributeIndex index = 0; index < type.endIndex(); ++index)
-    if (const Zel::AttributeInfo& row = type.attribute(index); row.stored) function(row);
+  for (const Zel::AttributeInfo* row : type.storedAttributes()) function(*row);
 }
 
 // Members of the entity's collections, each with its path under `path`.

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <deque>
+#include <span>
 #include <utility>
 
 #include "platform/statedb/store.h"
@@ -133,23 +134,19 @@ struct MemoryStore::State {
   // Whether any subscription but those of `origin` is one that `wanted` says.
   template <class Wanted>
   bool hears(const Feed* origin, Wanted wanted) const {
-    return std::ranges::any_of(subscriptions, [&](const Subscription& each) {
-      return each.feed != origin && wanted(each.path);
-    });
+    return std::ranges::any_of(
+        subscriptions, [&](const Subscription& each) { return each.feed != origin && wanted(each.path); });
   }
 
-  // Fetches what a write of the changes from `at` on will look at, some of them ahead: the misses of a batch
-  // overlap instead of adding up.
-  void foresee(const Changes& changes, std::size_t at) const {
-    constexpr std::size_t kNear = 4;
-    constexpr std::size_t kFar = 8;
-    if (at + kFar < changes.size()) {
-      const Path path = changes[at + kFar].row.path;
+  // Fetches what carrying out some changes will look at, so that their misses overlap instead of adding up.
+  void foresee(std::span<const Change> changes) const {
+    for (const Change& change : changes) {
+      const Path path = change.row.path;
       path.prefetch();
-      if (path.id() < entries.size()) __builtin_prefetch(&entries[path.id()]);
+      if (path.id() < entries.size()) __builtin_prefetch(&entries[path.id()], 1);
     }
-    if (at + kNear < changes.size())
-      if (const Entry* entry = find(changes[at + kNear].row.path)) __builtin_prefetch(entry->attributes.data());
+    for (const Change& change : changes)
+      if (const Entry* entry = find(change.row.path)) __builtin_prefetch(entry->attributes.data(), 1);
   }
 
   Records under(Path path) const {
@@ -255,8 +252,10 @@ void MemoryStore::write(const Changes& changes, Durability durability, Feed* ori
   const std::size_t before = state_->undo.size();
   Writer<State> writer{*state_, durability, origin};
   try {
+    constexpr std::size_t kAtOnce = 16;
     for (std::size_t i = 0; i < changes.size(); ++i) {
-      state_->foresee(changes, i);
+      if (i % kAtOnce == 0)
+        state_->foresee(std::span(changes).subspan(i, std::min(kAtOnce, changes.size() - i)));
       writer.apply(changes[i]);
     }
     if (!writer.stored.empty()) persist(writer.stored);

@@ -32,7 +32,12 @@ struct Hasher {
   }
 };
 
-bool isPlain(const Zel::AttributeInfo& row) { return row.stored && row.kind != Zel::Kind::collection; }
+// Calls `function` with every row of the type whose value a store holds.
+template <class Function>
+void forEachPlain(const Zel::TypeNode& type, Function&& function) {
+  for (const Zel::AttributeInfo* row : type.storedAttributes())
+    if (row->kind != Zel::Kind::collection) function(*row);
+}
 
 }  // namespace
 
@@ -47,14 +52,13 @@ PublishedEntity::PublishedEntity(Publisher& publisher, Path path, const Zel::Ptr
         watch(index, key, Zel::Ptr<const Zel::Entity>(row.member(*entity, key)));
 }
 
-void PublishedEntity::noteValues() { known_ = valuesHash(); }
+void PublishedEntity::noteValues() { known_ = told_ = valuesHash(); }
 
 std::size_t PublishedEntity::valuesHash() const {
-  const Zel::TypeNode& type = entity().fwkType();
   std::size_t seed = 0;
-  for (Zel::AttributeIndex index = 0; index < type.endIndex(); ++index)
-    if (const auto& row = type.attribute(index); isPlain(row))
-      seed = mix(seed, row.get(entity(), {}).visit(Hasher()));
+  forEachPlain(entity().fwkType(), [&](const Zel::AttributeInfo& row) {
+    seed = mix(seed, row.get(entity(), {}).visit(Hasher()));
+  });
   return seed;
 }
 
@@ -97,15 +101,13 @@ void PublishedEntity::put(Zel::Name attribute, Zel::Value value) {
 }
 
 void PublishedEntity::publishAll() {
-  const Zel::TypeNode& type = entity().fwkType();
   bool any = false;
-  for (Zel::AttributeIndex index = 0; index < type.endIndex(); ++index) {
-    const auto& row = type.attribute(index);
-    if (!isPlain(row)) continue;
+  forEachPlain(entity().fwkType(), [&](const Zel::AttributeInfo& row) {
     put(row.label, row.get(entity(), {}));
     any = true;
-  }
+  });
   if (!any) put({}, {});
+  told_ = valuesHash();
   if (!members_) return;
   for (const auto& [collection, members] : *members_)
     for (const auto& member : members) member->publishAll();
@@ -114,7 +116,11 @@ void PublishedEntity::publishAll() {
 void PublishedEntity::onRawAttribute(Zel::AttributeIndex index, Zel::Name key) {
   const Zel::AttributeInfo& row = entity().fwkType().attribute(index);
   if (row.member) return key.empty() ? membersChanged(index) : memberChanged(index, key);
-  if (isPlain(row) && valuesHash() != known_) put(row.label, row.get(entity(), {}));
+  if (!row.stored) return;
+  const std::size_t values = valuesHash();
+  if (values == known_ && told_ == known_) return;
+  told_ = values;
+  put(row.label, row.get(entity(), {}));
 }
 
 void PublishedEntity::memberChanged(Zel::AttributeIndex collection, Zel::Name key) {
@@ -148,7 +154,7 @@ void Publisher::add(PublishedEntity& source, Change change) {
 }
 
 Changes Publisher::take() {
-  for (const auto& source : std::exchange(sources_, {})) source->noteValues();
+  for (const auto& source : std::exchange(sources_, {})) source->noteTold();
   return std::exchange(changes_, {});
 }
 

@@ -25,6 +25,8 @@ class PublishedEntity : public Zel::Reactor<PublishedEntity, Zel::RawNotifiee> {
 
   // The store has told what the entity holds now: it need not be told.
   void noteValues();
+  // The store is taken to know what was put.
+  void noteTold() { known_ = told_; }
   // The same for a member that the store made or removed.
   void adopt(const Zel::AttributeInfo& collection, Zel::Name key, const Zel::Ptr<const Zel::Entity>& member);
   void forget(const Zel::AttributeInfo& collection, Zel::Name key);
@@ -47,6 +49,7 @@ class PublishedEntity : public Zel::Reactor<PublishedEntity, Zel::RawNotifiee> {
   Publisher& publisher_;
   const Path path_;
   std::size_t known_ = 0;  // a hash of the values that the store has
+  std::size_t told_ = 0;   // the same, once what was put is stored
   // Of each collection. Null for what has no members, as most have none.
   std::unique_ptr<std::map<Zel::AttributeIndex, Zel::PtrMap<PublishedEntity>>> members_;
 };

@@ -48,6 +48,13 @@ std::vector<AttributeInfo> labelled(std::vector<AttributeInfo> rows) {
   return rows;
 }
 
+std::vector<const AttributeInfo*> storedOf(const TypeNode* base, const std::vector<AttributeInfo>& rows) {
+  auto stored = base ? base->storedAttributes() : std::vector<const AttributeInfo*>();
+  for (const AttributeInfo& row : rows)
+    if (row.stored) stored.push_back(&row);
+  return stored;
+}
+
 }  // namespace
 
 TypeNode::TypeNode(const char* name, const TypeNode* base, std::vector<AttributeInfo> rows,
@@ -55,6 +62,7 @@ TypeNode::TypeNode(const char* name, const TypeNode* base, std::vector<Attribute
     : name_(name),
       base_(base),
       attributes_(labelled(std::move(rows))),
+      stored_(storedOf(base, attributes_)),
       firstIndex_(base ? base->endIndex() : 0),
       dispatch_(dispatchOperation),
       newEntityForDir_(newForDir) {

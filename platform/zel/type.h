@@ -62,6 +62,8 @@ class ZEL_API TypeNode {
   const std::vector<AttributeInfo>& attributes() const { return attributes_; }
   AttributeIndex firstIndex() const { return firstIndex_; }
   AttributeIndex endIndex() const { return firstIndex_ + static_cast<AttributeIndex>(attributes_.size()); }
+  // The rows that stores hold, the bases' first.
+  const std::vector<const AttributeInfo*>& storedAttributes() const { return stored_; }
   // The row at an index of this type or of a base. REQUIRES: index < endIndex().
   const AttributeInfo& attribute(AttributeIndex index) const;
   // The index of the published attribute of that name, the type's own rows before its base's; endIndex()
@@ -79,6 +81,7 @@ class ZEL_API TypeNode {
   const Name name_;
   const TypeNode* const base_;
   const std::vector<AttributeInfo> attributes_;
+  const std::vector<const AttributeInfo*> stored_;
   const AttributeIndex firstIndex_;
   const Dispatch dispatch_;
   const NewForDir newEntityForDir_;

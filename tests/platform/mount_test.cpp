@@ -59,6 +59,14 @@ struct Watcher : Zel::Reactor<Watcher, LedSystemConfigDir::NotifieeConst> {
   std::vector<std::string>& lines;
 };
 
+// Puts back what it hears of.
+struct Undoer : Zel::Reactor<Undoer, CorvelPinConfig::NotifieeConst> {
+  static constexpr const char* kTypeName = "Test::Undoer";
+  explicit Undoer(const Ptr<CorvelPinConfig>& theirs) : Reactor(theirs), pin(theirs) {}
+  void onValue() override { pin->valueIs(0); }
+  const Ptr<CorvelPinConfig> pin;
+};
+
 class Mounts : public testing::Test {
  protected:
   Mounts() {
@@ -212,6 +220,16 @@ TEST_F(Mounts, WhatIsWrittenIsPublishedOnceAPass) {
   at<CorvelPinConfig>(out + "/p3")->valueIs(0);
   settle();
   EXPECT_EQ(told.batches.back(), (Statedb::Changes{Change::put(out + "/p3", kPin, "value", 0)}));
+}
+
+TEST_F(Mounts, WhatChangesTwiceInOnePassIsPublishedAsItEnds) {
+  agent({{"out", "Zel::Dir", "wi"}});
+  const auto pin = Zel::dynamicPtrCast<CorvelPinConfig>(at<Zel::Dir>("out")->entryIs("p", kPin));
+  settle();
+  const auto undoer = Zel::allocate<Undoer>(pin);
+  pin->valueIs(1);
+  settle();
+  EXPECT_EQ(*store.read("out/p")[0]->find("value"), Value(0));
 }
 
 // A store that says all again after a lost connection.

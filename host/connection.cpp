@@ -99,10 +99,24 @@ void Connection::send(std::string_view line) {
 
 void Connection::flush() {
   if (closed()) return;
-  if (outgoing_.empty()) {
-    if (ending_ && waiting() == 0) close();
-    return;
-  }
+  if (!outgoing_.empty() && !writeAtOnce()) return close();
+  if (!outgoing_.empty()) return writeLater();
+  if (ending_ && waiting() == 0) close();
+}
+
+// Writes what the system takes at once, mostly all. Returns whether the connection still stands.
+bool Connection::writeAtOnce() {
+  auto* stream = reinterpret_cast<uv_stream_t*>(pipe_.get());
+  if (uv_stream_get_write_queue_size(stream) != 0) return true;
+  const uv_buf_t buffer = uv_buf_init(outgoing_.data(), static_cast<unsigned>(outgoing_.size()));
+  const int written = uv_try_write(stream, &buffer, 1);
+  if (written < 0) return written == UV_EAGAIN;
+  outgoing_.erase(0, static_cast<std::size_t>(written));
+  if (outgoing_.capacity() > kKeptCapacity) outgoing_.shrink_to_fit();
+  return true;
+}
+
+void Connection::writeLater() {
   auto write = std::make_unique<Write>();
   write->bytes = std::exchange(outgoing_, {});
   write->connection = weak_from_this();

@@ -67,6 +67,11 @@ class Connection : public std::enable_shared_from_this<Connection> {
  private:
   struct Write;
 
+  // Bytes of room for what is to be sent that a connection keeps.
+  static constexpr std::size_t kKeptCapacity = 64 << 10;
+
+  bool writeAtOnce();
+  void writeLater();
   void startReading();
   void onRead(ssize_t size, const char* bytes);
   void onWritten(bool failed);

@@ -32,25 +32,19 @@ constexpr std::array<Colour, 4> kColours{{
 
 void write(const Colour& colour, const Zel::Ptr<Config>& led, U32 value) {
   require(led, "led");
-  trace(9, __LINE__, colour.operation, colour.operation, " ", led->name());
+  trace(9, __LINE__, colour.operation,
+        [&](std::ostream& out) { out << colour.operation << ' ' << led->name(); });
   const auto& pins = (*led.*colour.pins)();
   for (auto at = pins.begin(); at != pins.end(); ++at) {
     const auto pin = *at;
     const U32 oldValue = pin->value();
     if (value == oldValue) continue;
     pin->valueIs(value);
-    trace(6, __LINE__, colour.operation, colour.tracePrefix, pin->name(), "  OldValue: ", oldValue,
-          " NewValue: ", pin->value());
+    trace(6, __LINE__, colour.operation, [&](std::ostream& out) {
+      out << colour.tracePrefix << pin->name() << "  OldValue: " << oldValue << " NewValue: " << pin->value();
+    });
   }
 }
-
-// Prints the entity that an LED's pin configuration refers to.
-struct Referred {
-  const Config* config;
-  friend std::ostream& operator<<(std::ostream& out, const Referred& referred) {
-    return out << (referred.config ? referred.config->systemConfig() : nullptr);
-  }
-};
 
 Zel::Name nameOf(const Zel::Entity* entity) { return entity ? entity->name() : Zel::Name(); }
 
@@ -102,7 +96,8 @@ Zel::Ptr<const Zel::Clock> GpioLedStateMachine::clockDel() {
 }
 
 void GpioLedStateMachine::handleInitialized() {
-  trace(6, __LINE__, "handleInitialized", "handleInitialized", " for ", name());
+  trace(6, __LINE__, "handleInitialized",
+        [&](std::ostream& out) { out << "handleInitialized for " << name(); });
   if (initialized_) return;
   flashingStateIs(false);
   clockIs(Zel::activityManager().clock());
@@ -114,7 +109,7 @@ void GpioLedStateMachine::handleInitialized() {
 
 void GpioLedStateMachine::handleHwLedConfig() {
   if (!initialized_) return;
-  trace(7, __LINE__, "handleHwLedConfig", "handleHwLedConfig", " ", name());
+  trace(7, __LINE__, "handleHwLedConfig", [&](std::ostream& out) { out << "handleHwLedConfig " << name(); });
   const LedConfig* led = watched(hwLedConfig_);
   if (!led) return;
   const LightSetting setting = led->lightSetting();
@@ -123,8 +118,10 @@ void GpioLedStateMachine::handleHwLedConfig() {
 
 void GpioLedStateMachine::handleLedSystemConfig(Zel::Name, const LightSetting& setting) {
   if (!initialized_) return;
-  trace(8, __LINE__, "handleLedSystemConfig", "handleLedSystemConfig", " ",
-        nameOf(corvelGpioLedConfig_.get()), " ", setting, "Config: ", Referred{corvelGpioLedConfig_.get()});
+  trace(8, __LINE__, "handleLedSystemConfig", [&](std::ostream& out) {
+    out << "handleLedSystemConfig " << nameOf(corvelGpioLedConfig_.get()) << ' ' << setting
+        << "Config: " << (corvelGpioLedConfig_ ? corvelGpioLedConfig_->systemConfig() : nullptr);
+  });
   if (setting.flashInterval == 0.0)
     showSteady(setting);
   else
@@ -159,13 +156,15 @@ bool GpioLedStateMachine::foresee(unsigned step) const {
 
 void GpioLedStateMachine::handleClockTimeout() {
   if (!initialized_) return;
-  trace(8, __LINE__, "handleClockTimeout", "handleClockTimeout", " for ", name());
+  trace(8, __LINE__, "handleClockTimeout",
+        [&](std::ostream& out) { out << "handleClockTimeout for " << name(); });
   flashingStateIs(!flashingState_);
   const LedConfig* led = watched(hwLedConfig_);
   require(led, "hwLedConfig_");
   const LightSetting setting = led->lightSetting();
   if (setting.flashInterval == 0.0) return wakeUpIs(Zel::Clock::kNever);
-  trace(8, __LINE__, "handleClockTimeout", "Led ", led->name(), " is now ", int{flashingState_});
+  trace(8, __LINE__, "handleClockTimeout",
+        [&](std::ostream& out) { out << "Led " << led->name() << " is now " << int{flashingState_}; });
   darken();
   if (flashingState_) light(setting);
   wakeUpIs(Zel::System::currentTime() + setting.flashInterval);

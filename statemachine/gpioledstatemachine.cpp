@@ -2,6 +2,7 @@
 
 #include <array>
 #include <limits>
+#include <utility>
 
 #include "platform/zel/activity.h"
 #include "statemachine/check.h"
@@ -12,6 +13,7 @@ namespace Pinlamp {
 namespace {
 
 using Config = Hardware::Gpio::CorvelGpioLedConfig;
+using Pin = Hardware::Gpio::CorvelPinConfig;
 
 struct Colour {
   const char* operation;
@@ -30,20 +32,37 @@ constexpr std::array<Colour, 4> kColours{{
     {"handleCorvelGpioOrange", "Corvel Orange Pin: ", &Config::gpioOrange, &::Led::LightSetting::orange},
 }};
 
-void write(const Colour& colour, const Zel::Ptr<Config>& led, U32 value) {
+void writePin(const Colour& colour, const Zel::Ptr<Pin>& pin, U32 value) {
+  const U32 oldValue = pin->value();
+  if (value == oldValue) return;
+  pin->valueIs(value);
+  trace(6, __LINE__, colour.operation, [&](std::ostream& out) {
+    out << colour.tracePrefix << pin->name() << "  OldValue: " << oldValue << " NewValue: " << pin->value();
+  });
+}
+
+// The colour is a template's parameter so that four colours cost no calls.
+template <std::size_t C>
+void write(const Zel::Ptr<Config>& led, U32 value) {
+  constexpr const Colour& colour = kColours[C];
   require(led, "led");
   trace(9, __LINE__, colour.operation,
         [&](std::ostream& out) { out << colour.operation << ' ' << led->name(); });
-  const auto& pins = (*led.*colour.pins)();
-  for (auto at = pins.begin(); at != pins.end(); ++at) {
-    const auto pin = *at;
-    const U32 oldValue = pin->value();
-    if (value == oldValue) continue;
-    pin->valueIs(value);
-    trace(6, __LINE__, colour.operation, [&](std::ostream& out) {
-      out << colour.tracePrefix << pin->name() << "  OldValue: " << oldValue << " NewValue: " << pin->value();
-    });
+  const auto& pins = ((*led).*colour.pins)();
+  if (Pin* const only = pins.only()) {  // as in most LEDs; mostly it has the value, and nothing is to be held
+    if (only->value() != value) writePin(colour, Zel::Ptr<Pin>(only), value);
+    return;
   }
+  for (const auto& pin : pins) writePin(colour, pin, value);
+}
+
+// Calls `function` with the number of each colour, a constant, in the order in which colours are written.
+template <class Function>
+void forEachColour(Function&& function) {
+  [&]<std::size_t... C>(std::index_sequence<C...>) {
+    (function(std::integral_constant<std::size_t, C>()), ...);
+  }
+  (std::make_index_sequence<kColours.size()>());
 }
 
 Zel::Name nameOf(const Zel::Entity* entity) { return entity ? entity->name() : Zel::Name(); }
@@ -144,13 +163,15 @@ bool GpioLedStateMachine::foresee(unsigned step) const {
     Zel::prefetch(hwLedConfig_.get());
     return true;
   }
-  if (step == 3) Zel::prefetch(watched(hwLedConfig_));
-  if (!corvelGpioLedConfig_) return false;
-  for (const Colour& colour : kColours)
-    if (const auto* pin = (*corvelGpioLedConfig_.*colour.pins)().only()) {
-      if (step == 3) Zel::prefetch(pin);
-      if (step == 4) pin->foreseeNotifiees();
-    }
+  const LedConfig* led = watched(hwLedConfig_);
+  if (step == 3) Zel::prefetch(led);
+  if (!corvelGpioLedConfig_ || !led) return false;
+  forEachColour([&](auto c) {
+    const Pin* pin = ((*corvelGpioLedConfig_).*kColours[c].pins)().only();
+    if (!pin) return;
+    if (step == 3) Zel::prefetch(pin);
+    if (step == 4 && (pin->value() != 0 || led->lightSetting().*kColours[c].lit)) pin->foreseeNotifiees();
+  });
   return true;
 }
 
@@ -176,25 +197,26 @@ void GpioLedStateMachine::wakeUpIs(double time) {
 }
 
 void GpioLedStateMachine::darken() {
-  for (const Colour& colour : kColours) write(colour, corvelGpioLedConfig_, 0);
+  forEachColour([&](auto c) { write<c>(corvelGpioLedConfig_, 0); });
 }
 
 void GpioLedStateMachine::light(const LightSetting& setting) {
-  for (const Colour& colour : kColours)
-    if (setting.*colour.lit) write(colour, corvelGpioLedConfig_, 1);
+  forEachColour([&](auto c) {
+    if (setting.*kColours[c].lit) write<c>(corvelGpioLedConfig_, 1);
+  });
 }
 
 void GpioLedStateMachine::handleCorvelGpioYellow(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value) {
-  write(kColours[kYellow], led, value);
+  write<kYellow>(led, value);
 }
 void GpioLedStateMachine::handleCorvelGpioGreen(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value) {
-  write(kColours[kGreen], led, value);
+  write<kGreen>(led, value);
 }
 void GpioLedStateMachine::handleCorvelGpioRed(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value) {
-  write(kColours[kRed], led, value);
+  write<kRed>(led, value);
 }
 void GpioLedStateMachine::handleCorvelGpioOrange(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value) {
-  write(kColours[kOrange], led, value);
+  write<kOrange>(led, value);
 }
 
 void GpioLedStateMachine::hasNotificationActiveIs(bool active) {

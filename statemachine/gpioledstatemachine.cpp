@@ -157,22 +157,31 @@ void GpioLedStateMachine::startFlashing(double interval) {
   if (clock_->timeMin() > std::numeric_limits<double>::max()) wakeUpIs(Zel::System::currentTime() + interval);
 }
 
+// Of each object only what is read: the pins' collections lie in a row, and of a pin that stays as it is only
+// the value is looked at.
 bool GpioLedStateMachine::foresee(unsigned step) const {
+  const Config* pins = corvelGpioLedConfig_.get();
   if (step == 2) {
-    Zel::prefetch(corvelGpioLedConfig_.get());
     Zel::prefetch(hwLedConfig_.get());
+    if (!pins) return false;
+    Zel::prefetch(&pins->gpioYellow());
+    Zel::prefetch(&pins->gpioOrange());
     return true;
   }
   const LedConfig* led = watched(hwLedConfig_);
-  if (step == 3) Zel::prefetch(led);
-  if (!corvelGpioLedConfig_ || !led) return false;
+  if (!pins || !led) return false;
+  if (step == 3) Zel::prefetch(&led->lightSetting());
   forEachColour([&](auto c) {
-    const Pin* pin = ((*corvelGpioLedConfig_).*kColours[c].pins)().only();
+    const Pin* pin = (pins->*kColours[c].pins)().only();
     if (!pin) return;
-    if (step == 3) Zel::prefetch(pin);
-    if (step == 4 && (pin->value() != 0 || led->lightSetting().*kColours[c].lit)) pin->foreseeNotifiees();
+    if (step == 3) {
+      pin->foreseeValue();
+    } else if (pin->value() != 0 || led->lightSetting().*kColours[c].lit) {
+      Zel::prefetch(pin);
+      pin->foreseeNotifiees();
+    }
   });
-  return true;
+  return step == 3;
 }
 
 void GpioLedStateMachine::handleClockTimeout() {

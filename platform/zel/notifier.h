@@ -91,7 +91,7 @@ template <class T>
 void prefetch(const T* object) {
   const char* const bytes = reinterpret_cast<const char*>(object);
   for (std::size_t at = 0; at < sizeof(T); at += 64) detail::fetch(bytes + at);
-  detail::fetch(bytes + sizeof(T) - 1);
+  if (sizeof(T) > 8) detail::fetch(bytes + sizeof(T) - 1);
 }
 
 // The base of every reactor: registration with one notifier, marks, and a place in the queue of the pending.

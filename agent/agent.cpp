@@ -51,7 +51,7 @@ Zel::Ptr<Zel::Entity> Agent::newEntityForDir(const Zel::Name& name, Zel::Dir*) {
 Agent::~Agent() { configReactorDel(); }
 
 void Agent::doInit() {
-  trace(3, 331, "doInit", "doInit");
+  trace(3, 331, "doInit", [](std::ostream& out) { out << "doInit"; });
   const Zel::Ptr<Statedb::Mounter> self(this);
   require(entityManager(), "entityManager");
   const auto group = entityManager()->getMountGroup(self);
@@ -62,7 +62,7 @@ void Agent::doInit() {
 
 void Agent::doMountsComplete(Statedb::MountStatus status,
                              const Zel::Ptr<Statedb::EntityManager>& entityManager) {
-  trace(3, 359, "doMountsComplete", "doMountsComplete");
+  trace(3, 359, "doMountsComplete", [](std::ostream& out) { out << "doMountsComplete"; });
   if (status != Statedb::mountSuccess_)
     Zel::assertionFailed("status == Statedb::mountSuccess_", "Pinlamp", 360,
                          "virtual void Pinlamp::Agent::doMountsComplete(Statedb::MountStatus, const Ptr&)");

@@ -8,24 +8,53 @@ namespace Bench {
 
 namespace {
 
-// One turn writes a pin that was picked at random: the loop is the same with the record and without.
+using Pin = Hardware::Gpio::CorvelPinConfig;
+
+class Watcher : public Zel::Reactor<Watcher, Pin::NotifieeConst> {
+ public:
+  static constexpr const char* kTypeName = "Bench::TraceWatcher";
+  using Reactor::Reactor;
+};
+
+// Pins, each with somebody who watches it as in life, picked at random.
+class Pins {
+ public:
+  Pins() {
+    for (std::size_t pin = 0; pin < kLeds; ++pin) pins_.push_back(Zel::allocate<Pin>(pinName(pin, 1)));
+    for (const auto& pin : pins_) watchers_.push_back(Zel::allocate<Watcher>(Zel::Ptr<const Pin>(pin)));
+    for (const std::uint32_t pin : shuffled(kLeds)) picked_.push_back(pins_[pin].get());
+  }
+  Pin* const* begin() const { return picked_.data(); }
+  Pin* const* end() const { return picked_.data() + picked_.size(); }
+
+ private:
+  std::vector<Zel::Ptr<Pin>> pins_;
+  std::vector<Zel::Ptr<Watcher>> watchers_;
+  std::vector<Pin*> picked_;
+};
+
+const Pins& allPins() {
+  static const Pins pins;
+  return pins;
+}
+
+// One turn writes a pin, as the state machine does where it traces: the loop is the same with the record and
+// without. Nothing is delivered.
 template <bool Traced>
 void turns(benchmark::State& state) {
-  static std::vector<Zel::Ptr<Hardware::Gpio::CorvelPinConfig>> pins = [] {
-    std::vector<Zel::Ptr<Hardware::Gpio::CorvelPinConfig>> made;
-    for (const std::uint32_t pin : shuffled(kLeds))
-      made.push_back(Zel::allocate<Hardware::Gpio::CorvelPinConfig>(pinName(pin, 1)));
-    return made;
-  }();
-  std::size_t next = 0;
+  const Pins& pins = allPins();
+  Pin* const* next = pins.begin();
+  Pin* const* const end = pins.end();
   for (auto _ : state) {
-    auto& pin = *pins[next];
+    Pin& pin = **next;
     const std::uint32_t oldValue = pin.value();
     pin.valueIs(oldValue ^ 1U);
     if constexpr (Traced)
-      Pinlamp::trace(6, __LINE__, "turns", "Corvel Green Pin: ", pin.name(), "  OldValue: ", oldValue,
-                     " NewValue: ", pin.value());
-    if (++next == pins.size()) next = 0;
+      Pinlamp::trace(6, __LINE__, "turns", [&](std::ostream& out) {
+        out << "Corvel Green Pin: " << pin.name() << "  OldValue: " << oldValue
+            << " NewValue: " << pin.value();
+      });
+    if (++next == end) next = pins.begin();
   }
   perItem(state, static_cast<std::size_t>(state.iterations()));
 }

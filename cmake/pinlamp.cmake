@@ -4,6 +4,8 @@ target_compile_options(pinlamp_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion $<$<BOOL:${PINLAMP_WERROR}>:-Werror>)
 # Plug-ins unload only where they hold no unique symbols.
 target_compile_options(pinlamp_options INTERFACE $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
+# The libraries call their own functions directly: nobody puts others in their place.
+target_compile_options(pinlamp_options INTERFACE -fno-semantic-interposition)
 target_include_directories(pinlamp_options INTERFACE ${PROJECT_SOURCE_DIR})
 if(PINLAMP_SANITIZE)
   # GCC 12 takes what the sanitizers insert into std::function for reads of uninitialised memory.

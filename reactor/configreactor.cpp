@@ -35,7 +35,8 @@ void createPins(const Colour& colour, const Mapping& mapping, Output& output, Ze
   for (const Zel::Name pin : (mapping.*colour.wanted)()) {
     pinDir.entryIs(pin, pinType);
     (output.*colour.add)(Zel::dynamicPtrCast<Pin>(pinDir.entityRef(pin)));
-    trace(6, colour.line, "createLedConfig", "created ", colour.name, " pin '", pin, "'");
+    trace(6, colour.line, "createLedConfig",
+          [&](std::ostream& out) { out << "created " << colour.name << " pin '" << pin << "'"; });
   }
 }
 
@@ -88,7 +89,7 @@ ConfigReactor::ZelGpioLedConfig::ZelGpioLedConfig(const Zel::Ptr<const GpioLedCo
 void ConfigReactor::ZelGpioLedConfig::createLedConfig() {
   const Zel::Ptr<const GpioLedConfig> mapping(notifier());
   const Zel::Ptr<ConfigReactor> reactor(owner());
-  trace(9, 246, "createLedConfig", "createLedConfig", " ", mapping->name());
+  trace(9, 246, "createLedConfig", [&](std::ostream& out) { out << "createLedConfig " << mapping->name(); });
   if (!mapping->ready()) return;
   require(reactor->corvelLedSystemConfig_, "corvelLedSystemConfig_");
   require(reactor->gpioPinConfigDir_, "gpioPinConfigDir_");
@@ -287,20 +288,21 @@ Hardware::Led::LedConfig* ConfigReactor::ledOf(Zel::Name name) const {
 }
 
 void ConfigReactor::createDriver(Zel::Name name) {
-  trace(9, 225, "createDriver", "createDriver", " ", name);
+  trace(9, 225, "createDriver", [&](std::ostream& out) { out << "createDriver " << name; });
   const Zel::Ptr output(outputOf(name));
   const Zel::Ptr<const LedConfig> led(ledOf(name));
   if (isReady(name) && output && led) {
-    trace(9, 234, "createDriver", "Creating Gpio Led SM for ", name);
+    trace(9, 234, "createDriver", [&](std::ostream& out) { out << "Creating Gpio Led SM for " << name; });
     gpioLedStateMachineIs(output, led);
   } else {
-    trace(9, 238, "createDriver", "Deleting Gpio Led SM for ", name);
+    trace(9, 238, "createDriver", [&](std::ostream& out) { out << "Deleting Gpio Led SM for " << name; });
     gpioLedStateMachineDel(name);
   }
 }
 
 void ConfigReactor::handleGpioConfigCleanup(Zel::Name name) {
-  trace(9, 302, "handleGpioConfigCleanup", "handleGpioConfigCleanup", " ", name);
+  trace(9, 302, "handleGpioConfigCleanup",
+        [&](std::ostream& out) { out << "handleGpioConfigCleanup " << name; });
   if (const Zel::Ptr output{outputOf(name)}) {
     for (const Colour& colour : kColours)
       for (const auto& pin : (*output.*colour.pins)()) gpioPinConfigDir_->entryDel(pin->name());

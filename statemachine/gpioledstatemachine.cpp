@@ -2,6 +2,7 @@
 
 #include <array>
 #include <limits>
+#include <utility>
 
 #include "platform/zel/activity.h"
 #include "statemachine/check.h"
@@ -12,6 +13,7 @@ namespace Pinlamp {
 namespace {
 
 using Config = Hardware::Gpio::CorvelGpioLedConfig;
+using Pin = Hardware::Gpio::CorvelPinConfig;
 
 struct Colour {
   const char* operation;
@@ -30,27 +32,38 @@ constexpr std::array<Colour, 4> kColours{{
     {"handleCorvelGpioOrange", "Corvel Orange Pin: ", &Config::gpioOrange, &::Led::LightSetting::orange},
 }};
 
-void write(const Colour& colour, const Zel::Ptr<Config>& led, U32 value) {
-  require(led, "led");
-  trace(9, __LINE__, colour.operation, colour.operation, " ", led->name());
-  const auto& pins = (*led.*colour.pins)();
-  for (auto at = pins.begin(); at != pins.end(); ++at) {
-    const auto pin = *at;
-    const U32 oldValue = pin->value();
-    if (value == oldValue) continue;
-    pin->valueIs(value);
-    trace(6, __LINE__, colour.operation, colour.tracePrefix, pin->name(), "  OldValue: ", oldValue,
-          " NewValue: ", pin->value());
-  }
+void writePin(const Colour& colour, const Zel::Ptr<Pin>& pin, U32 value) {
+  const U32 oldValue = pin->value();
+  if (value == oldValue) return;
+  pin->valueIs(value);
+  trace(6, __LINE__, colour.operation, [&](std::ostream& out) {
+    out << colour.tracePrefix << pin->name() << "  OldValue: " << oldValue << " NewValue: " << pin->value();
+  });
 }
 
-// Prints the entity that an LED's pin configuration refers to.
-struct Referred {
-  const Config* config;
-  friend std::ostream& operator<<(std::ostream& out, const Referred& referred) {
-    return out << (referred.config ? referred.config->systemConfig() : nullptr);
+// The colour is a template's parameter so that four colours cost no calls.
+template <std::size_t C>
+void write(const Zel::Ptr<Config>& led, U32 value) {
+  constexpr const Colour& colour = kColours[C];
+  require(led, "led");
+  trace(9, __LINE__, colour.operation,
+        [&](std::ostream& out) { out << colour.operation << ' ' << led->name(); });
+  const auto& pins = ((*led).*colour.pins)();
+  if (Pin* const only = pins.only()) {  // as in most LEDs; mostly it has the value, and nothing is to be held
+    if (only->value() != value) writePin(colour, Zel::Ptr<Pin>(only), value);
+    return;
   }
-};
+  for (const auto& pin : pins) writePin(colour, pin, value);
+}
+
+// Calls `function` with the number of each colour, a constant, in the order in which colours are written.
+template <class Function>
+void forEachColour(Function&& function) {
+  [&]<std::size_t... C>(std::index_sequence<C...>) {
+    (function(std::integral_constant<std::size_t, C>()), ...);
+  }
+  (std::make_index_sequence<kColours.size()>());
+}
 
 Zel::Name nameOf(const Zel::Entity* entity) { return entity ? entity->name() : Zel::Name(); }
 
@@ -102,7 +115,8 @@ Zel::Ptr<const Zel::Clock> GpioLedStateMachine::clockDel() {
 }
 
 void GpioLedStateMachine::handleInitialized() {
-  trace(6, __LINE__, "handleInitialized", "handleInitialized", " for ", name());
+  trace(6, __LINE__, "handleInitialized",
+        [&](std::ostream& out) { out << "handleInitialized for " << name(); });
   if (initialized_) return;
   flashingStateIs(false);
   clockIs(Zel::activityManager().clock());
@@ -114,7 +128,7 @@ void GpioLedStateMachine::handleInitialized() {
 
 void GpioLedStateMachine::handleHwLedConfig() {
   if (!initialized_) return;
-  trace(7, __LINE__, "handleHwLedConfig", "handleHwLedConfig", " ", name());
+  trace(7, __LINE__, "handleHwLedConfig", [&](std::ostream& out) { out << "handleHwLedConfig " << name(); });
   const LedConfig* led = watched(hwLedConfig_);
   if (!led) return;
   const LightSetting setting = led->lightSetting();
@@ -123,8 +137,10 @@ void GpioLedStateMachine::handleHwLedConfig() {
 
 void GpioLedStateMachine::handleLedSystemConfig(Zel::Name, const LightSetting& setting) {
   if (!initialized_) return;
-  trace(8, __LINE__, "handleLedSystemConfig", "handleLedSystemConfig", " ",
-        nameOf(corvelGpioLedConfig_.get()), " ", setting, "Config: ", Referred{corvelGpioLedConfig_.get()});
+  trace(8, __LINE__, "handleLedSystemConfig", [&](std::ostream& out) {
+    out << "handleLedSystemConfig " << nameOf(corvelGpioLedConfig_.get()) << ' ' << setting
+        << "Config: " << (corvelGpioLedConfig_ ? corvelGpioLedConfig_->systemConfig() : nullptr);
+  });
   if (setting.flashInterval == 0.0)
     showSteady(setting);
   else
@@ -141,31 +157,44 @@ void GpioLedStateMachine::startFlashing(double interval) {
   if (clock_->timeMin() > std::numeric_limits<double>::max()) wakeUpIs(Zel::System::currentTime() + interval);
 }
 
+// Of each object only what is read: the pins' collections lie in a row, and of a pin that stays as it is only
+// the value is looked at.
 bool GpioLedStateMachine::foresee(unsigned step) const {
+  const Config* pins = corvelGpioLedConfig_.get();
   if (step == 2) {
-    Zel::prefetch(corvelGpioLedConfig_.get());
     Zel::prefetch(hwLedConfig_.get());
+    if (!pins) return false;
+    Zel::prefetch(&pins->gpioYellow());
+    Zel::prefetch(&pins->gpioOrange());
     return true;
   }
-  if (step == 3) Zel::prefetch(watched(hwLedConfig_));
-  if (!corvelGpioLedConfig_) return false;
-  for (const Colour& colour : kColours)
-    if (const auto* pin = (*corvelGpioLedConfig_.*colour.pins)().only()) {
-      if (step == 3) Zel::prefetch(pin);
-      if (step == 4) pin->foreseeNotifiees();
+  const LedConfig* led = watched(hwLedConfig_);
+  if (!pins || !led) return false;
+  if (step == 3) Zel::prefetch(&led->lightSetting());
+  forEachColour([&](auto c) {
+    const Pin* pin = (pins->*kColours[c].pins)().only();
+    if (!pin) return;
+    if (step == 3) {
+      pin->foreseeValue();
+    } else if (pin->value() != 0 || led->lightSetting().*kColours[c].lit) {
+      Zel::prefetch(pin);
+      pin->foreseeNotifiees();
     }
-  return true;
+  });
+  return step == 3;
 }
 
 void GpioLedStateMachine::handleClockTimeout() {
   if (!initialized_) return;
-  trace(8, __LINE__, "handleClockTimeout", "handleClockTimeout", " for ", name());
+  trace(8, __LINE__, "handleClockTimeout",
+        [&](std::ostream& out) { out << "handleClockTimeout for " << name(); });
   flashingStateIs(!flashingState_);
   const LedConfig* led = watched(hwLedConfig_);
   require(led, "hwLedConfig_");
   const LightSetting setting = led->lightSetting();
   if (setting.flashInterval == 0.0) return wakeUpIs(Zel::Clock::kNever);
-  trace(8, __LINE__, "handleClockTimeout", "Led ", led->name(), " is now ", int{flashingState_});
+  trace(8, __LINE__, "handleClockTimeout",
+        [&](std::ostream& out) { out << "Led " << led->name() << " is now " << int{flashingState_}; });
   darken();
   if (flashingState_) light(setting);
   wakeUpIs(Zel::System::currentTime() + setting.flashInterval);
@@ -177,25 +206,26 @@ void GpioLedStateMachine::wakeUpIs(double time) {
 }
 
 void GpioLedStateMachine::darken() {
-  for (const Colour& colour : kColours) write(colour, corvelGpioLedConfig_, 0);
+  forEachColour([&](auto c) { write<c>(corvelGpioLedConfig_, 0); });
 }
 
 void GpioLedStateMachine::light(const LightSetting& setting) {
-  for (const Colour& colour : kColours)
-    if (setting.*colour.lit) write(colour, corvelGpioLedConfig_, 1);
+  forEachColour([&](auto c) {
+    if (setting.*kColours[c].lit) write<c>(corvelGpioLedConfig_, 1);
+  });
 }
 
 void GpioLedStateMachine::handleCorvelGpioYellow(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value) {
-  write(kColours[kYellow], led, value);
+  write<kYellow>(led, value);
 }
 void GpioLedStateMachine::handleCorvelGpioGreen(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value) {
-  write(kColours[kGreen], led, value);
+  write<kGreen>(led, value);
 }
 void GpioLedStateMachine::handleCorvelGpioRed(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value) {
-  write(kColours[kRed], led, value);
+  write<kRed>(led, value);
 }
 void GpioLedStateMachine::handleCorvelGpioOrange(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value) {
-  write(kColours[kOrange], led, value);
+  write<kOrange>(led, value);
 }
 
 void GpioLedStateMachine::hasNotificationActiveIs(bool active) {

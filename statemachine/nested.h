@@ -23,7 +23,9 @@ class Nested : public Zel::Reactor<Self, Base> {
  protected:
   template <class Notifier>
   Nested(const Zel::Ptr<const Notifier>& notifier, Owner& owner)
-      : Zel::Reactor<Self, Base>(notifier), owner_(&owner) {}
+      : Zel::Reactor<Self, Base>(notifier), owner_(&owner) {
+    if constexpr (requires { owner.foresee(1U); }) this->foreseesIs(true);
+  }
 
   // The first step fetches the owner, the others are the owner's.
   bool foresee(unsigned step) const override {

@@ -9,18 +9,13 @@ namespace Pinlamp {
 
 // The facility's handle; made when the library is loaded, so that using it takes no check.
 inline const Zel::TraceHandle kTraceHandle("Pinlamp", false);
-inline const Zel::TraceHandle& traceHandle() { return kTraceHandle; }
 
-// Writes one record, made of `parts`, where the level is on. While it is off nothing is formatted; so pass
-// parts that cost nothing to name. `function` is the plain name of the function that traces.
-template <class... Parts>
-inline void trace(Zel::TraceFacility::FacilityLevel level, int line, const char* function,
-                  const Parts&... parts) {
-  const Zel::TraceHandle& handle = traceHandle();
-  if (!handle.facility().enabled(level)) [[likely]]
-    return;
-  Zel::traceRecord(handle, level, "Pinlamp", line, function,
-                   [&](std::ostream& out) { (out << ... << parts); });
+// Writes one record where the level is on: `write` gets the stream, and does not run while it is off.
+// `function` is the plain name of the function that traces.
+template <class Write>
+[[gnu::always_inline]] inline void trace(Zel::TraceFacility::FacilityLevel level, int line,
+                                         const char* function, Write&& write) {
+  Zel::traceRecord(kTraceHandle, level, "Pinlamp", line, function, write);
 }
 
 }  // namespace Pinlamp

@@ -11,7 +11,6 @@ namespace Zel {
 
 namespace {
 constexpr int kRounds = 64;  // of notifications that cause notifications, in one pass
-constinit ActivityManager* current = nullptr;
 }  // namespace
 
 HandlerFault::HandlerFault(Name agent, std::string reactor, std::string text)
@@ -23,19 +22,20 @@ HandlerFault::~HandlerFault() = default;
 
 PassEnd::~PassEnd() = default;
 
+constinit ActivityManager* ActivityManager::current_ = nullptr;
 constinit Name ActivityManager::currentAgent_;
 
-ActivityManager::ActivityManager() : before_(std::exchange(current, this)), clock_(allocate<Clock>()) {}
+ActivityManager::ActivityManager() : before_(std::exchange(current_, this)), clock_(allocate<Clock>()) {}
 
 ActivityManager::~ActivityManager() {
   while (round_.linked()) round_.next()->leave();
   while (pending_.linked()) pending_.next()->leave();
-  if (current == this) current = before_;
+  if (current_ == this) current_ = before_;
 }
 
-ActivityManager& activityManager() {
-  if (!current) new ActivityManager;  // becomes the current one and stays it
-  return *current;
+ActivityManager& ActivityManager::makeCurrent() {
+  new ActivityManager;  // becomes the current one and stays it
+  return *current_;
 }
 
 double ActivityManager::step() {
@@ -59,10 +59,22 @@ void ActivityManager::runPosted() {
   for (const auto& task : tasks) task();
 }
 
+// Returns how many reactors these are at most.
+unsigned ActivityManager::foreseeSome() {
+  NotifieeBase::Foresight foresight;
+  unsigned seen = 0;
+  for (ListHook* hook = round_.next(); hook != &round_ && seen != foresight.kAtOnce;
+       hook = hook->next(), ++seen)
+    foresight.add(NotifieeBase::ofPending(*hook));
+  foresight.foresee();
+  return foresight.kAtOnce;
+}
+
 void ActivityManager::deliverRound() {
   round_.takeAllOf(pending_);
+  const bool foresees = (std::exchange(pendingFlags_, 0U) & NotifieeBase::kForesees) != 0;
   for (unsigned foreseen = 0; round_.linked(); --foreseen) {
-    if (foreseen == 0) foreseen = NotifieeBase::foreseeSome<NotifieeBase::ofPending>(round_);
+    if (foresees && foreseen == 0) foreseen = foreseeSome();
     auto& notifiee = NotifieeBase::ofPending(*round_.next());
     static_cast<PendingHook&>(notifiee).leave();
     if (!notifiee.mayHear()) {

@@ -73,6 +73,9 @@ class ZEL_API ActivityManager {
   std::uint64_t passes() const { return passes_; }
   std::uint64_t deliveries() const { return deliveries_; }  // reactors that were delivered to
 
+  // The process's current activity manager; one is made where there was none.
+  static ActivityManager& current() { return current_ ? *current_ : makeCurrent(); }
+
   // The agent at work, whose reactors are named after it in faults; empty where none is.
   static Name currentAgent() { return currentAgent_; }
 
@@ -91,10 +94,16 @@ class ZEL_API ActivityManager {
  private:
   friend class NotifieeBase;
 
-  void enqueue(PendingHook& notifiee) { notifiee.joinEndOf(pending_); }
+  static ActivityManager& makeCurrent();
+  void enqueue(NotifieeBase& notifiee) {
+    static_cast<PendingHook&>(notifiee).joinEndOf(pending_);
+    pendingFlags_ |= notifiee.flags(~0U);
+  }
   void runPosted();
+  unsigned foreseeSome();
   void deliverRound();
 
+  static constinit ActivityManager* current_;
   static constinit Name currentAgent_;
 
   ActivityManager* const before_;
@@ -103,12 +112,12 @@ class ZEL_API ActivityManager {
   ListHook round_;    // the part of it that is being delivered
   std::vector<std::function<void()>> posted_;
   std::vector<PassEnd*> ends_;
+  std::uint32_t pendingFlags_ = 0;  // that any of the pending had
   std::uint64_t passes_ = 0;
   std::uint64_t deliveries_ = 0;
 };
 
-// The process's current activity manager; one is made where there was none.
-ZEL_API ActivityManager& activityManager();
+inline ActivityManager& activityManager() { return ActivityManager::current(); }
 
 // Turns the exception that is being handled into a HandlerFault.
 [[noreturn]] ZEL_API void handlerFailed(const NotifieeBase& notifiee, const Notifier* watched);

@@ -1,8 +1,9 @@
-// The framework's allocator: objects of one size lie side by side, without a header between them.
+// The framework's allocator: objects lie side by side in the order in which they were made, without a header
+// between them.
 //
-// An appliance has many objects of a few sizes, and what an event costs is mostly the cache lines that it
-// touches. Memory that was given back serves the next object of its size; it stays with the process, and with
-// the thread that gave it back.
+// What an event costs is mostly the cache lines and the pages that it touches, and what is made together is
+// used together: a machine and its reactors. Memory that was given back serves the next object of its size;
+// it stays with the process, and with the thread that gave it back.
 #include <algorithm>
 #include <array>
 #include <cstddef>
@@ -19,21 +20,21 @@ constexpr std::size_t kLargest = 256;  // larger objects are left to the C++ lib
 constexpr std::size_t kFirstBlock = 2 * 1024;
 constexpr std::size_t kLastBlock = 64 * 1024;
 
-// The places of one size.
-class Places {
+class Pool {
  public:
-  void* take(std::size_t size) {
-    if (Free* place = free_) {
-      free_ = place->next;
+  void* take(std::size_t grains) {
+    if (Free* place = free_[grains]) {
+      free_[grains] = place->next;
       return place;
     }
+    const std::size_t size = grains * kGrain;
     if (left_ < size) newBlock();
     std::byte* place = fresh_;
     fresh_ += size;
     left_ -= size;
     return place;
   }
-  void giveBack(void* memory) { free_ = ::new (memory) Free{free_}; }
+  void giveBack(void* memory, std::size_t grains) { free_[grains] = ::new (memory) Free{free_[grains]}; }
 
  private:
   struct Free {
@@ -46,13 +47,13 @@ class Places {
     nextBlock_ = std::min(nextBlock_ * 2, kLastBlock);
   }
 
-  Free* free_ = nullptr;
+  std::array<Free*, kLargest / kGrain + 1> free_{};  // by size
   std::byte* fresh_ = nullptr;
   std::size_t left_ = 0;
   std::size_t nextBlock_ = kFirstBlock;
 };
 
-constinit thread_local std::array<Places, kLargest / kGrain + 1> places;
+constinit thread_local Pool pool;
 
 // A sanitizer is to see each object by itself.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -68,12 +69,12 @@ constexpr std::size_t grains(std::size_t size) { return (size + kGrain - 1) / kG
 
 void* fwkAllocate(std::size_t size) {
   if (!pooled(size)) return ::operator new(size);
-  return places[grains(size)].take(grains(size) * kGrain);
+  return pool.take(grains(size));
 }
 
 void fwkDeallocate(void* memory, std::size_t size) noexcept {
   if (!pooled(size)) return ::operator delete(memory, size);
-  places[grains(size)].giveBack(memory);
+  pool.giveBack(memory, grains(size));
 }
 
 }  // namespace Zel

@@ -27,7 +27,9 @@ const TypeNode& Clock::typeNode() {
   return type;
 }
 
-Clock::Clock() : now_(tick(System::currentTime())) {}
+Clock::Clock() : now_(tick(System::currentTime())), nodes_(kSlots) {
+  for (std::uint32_t slot = 0; slot < kSlots; ++slot) nodes_[slot].next = nodes_[slot].previous = slot;
+}
 Clock::~Clock() = default;
 
 // The slot of a time. Times before the first tick are as good as it, and so are those beyond what a tick can
@@ -37,20 +39,20 @@ std::int64_t Clock::tick(double time) {
   return static_cast<std::int64_t>(std::clamp(time * 1000.0, 0.0, kLast));
 }
 
-template <std::size_t N>
-void Clock::Wheel<N>::use(std::int64_t position) {
+template <std::uint32_t First, std::size_t N>
+void Clock::Wheel<First, N>::use(std::int64_t position) {
   const auto place = static_cast<std::size_t>(position) % N;
   used[place / 64] |= std::uint64_t{1} << (place % 64);
 }
 
-template <std::size_t N>
-void Clock::Wheel<N>::unuse(std::int64_t position) {
+template <std::uint32_t First, std::size_t N>
+void Clock::Wheel<First, N>::unuse(std::int64_t position) {
   const auto place = static_cast<std::size_t>(position) % N;
   used[place / 64] &= ~(std::uint64_t{1} << (place % 64));
 }
 
-template <std::size_t N>
-std::int64_t Clock::Wheel<N>::distance(std::int64_t position) const {
+template <std::uint32_t First, std::size_t N>
+std::int64_t Clock::Wheel<First, N>::distance(std::int64_t position) const {
   const auto start = static_cast<std::size_t>(position) % N;
   std::uint64_t word = used[start / 64] & (~std::uint64_t{0} << (start % 64));
   for (std::size_t words = 0; words <= N / 64; ++words) {
@@ -64,84 +66,140 @@ std::int64_t Clock::Wheel<N>::distance(std::int64_t position) const {
   return N;
 }
 
-template <std::size_t N>
-double Clock::Wheel<N>::earliest(std::int64_t position) {
+template <std::uint32_t First, std::size_t N>
+double Clock::Wheel<First, N>::earliest(std::int64_t position, const Clock& clock) {
   for (std::int64_t ahead = distance(position); ahead != N; ahead = distance(position)) {
-    Slot& next = slot(position + ahead);
-    if (next.members.linked()) return next.earliest;
+    const std::uint32_t next = slot(position + ahead);
+    if (clock.hasMembers(next)) return clock.nodes_[next].time;
     unuse(position + ahead);
   }
   return kNever;
 }
 
-void Clock::arm(NotifieeConst& notifiee) const {
-  const std::int64_t at = std::max(tick(notifiee.timeMin_), now_);
-  Slot* slot = &far_;
-  if (at - now_ < kFine) {
-    slot = &fine_.slot(at);
-    fine_.use(at);
-  } else if (at / kFine - now_ / kFine < kCoarse) {
-    slot = &coarse_.slot(at / kFine);
-    coarse_.use(at / kFine);
-  }
-  if (!slot->members.linked()) slot->earliest = kNever;
-  slot->earliest = std::min(slot->earliest, notifiee.timeMin_);
-  notifiee.registration().joinEndOf(slot->members);
+void Clock::joinEndOf(std::uint32_t slot, std::uint32_t node) const {
+  Node& head = nodes_[slot];
+  Node& joining = nodes_[node];
+  head.time = hasMembers(slot) ? std::min(head.time, joining.time) : joining.time;
+  joining.next = slot;
+  joining.previous = head.previous;
+  nodes_[head.previous].next = node;
+  head.previous = node;
 }
 
-void Clock::rearm(Slot& slot) const {
-  ListHook members;
-  members.takeAllOf(slot.members);
-  while (members.linked()) {
-    auto& notifiee = NotifieeConst::of(*members.next());
-    notifiee.registration().leave();
-    arm(notifiee);
+void Clock::leave(std::uint32_t node) const {
+  nodes_[nodes_[node].previous].next = nodes_[node].next;
+  nodes_[nodes_[node].next].previous = nodes_[node].previous;
+}
+
+// Puts a node into the slot of its time.
+void Clock::place(std::uint32_t node) const {
+  const std::int64_t at = std::max(tick(nodes_[node].time), now_);
+  std::uint32_t slot = kFarSlot;
+  if (at - now_ < kFine) {
+    slot = fine_.slot(at);
+    fine_.use(at);
+  } else if (at / kFine - now_ / kFine < kCoarse) {
+    slot = coarse_.slot(at / kFine);
+    coarse_.use(at / kFine);
   }
+  joinEndOf(slot, node);
+}
+
+// Puts each of a slot's members into the slot of its time, which may be this one again.
+void Clock::placeAllOf(std::uint32_t slot) const {
+  const std::uint32_t first = nodes_[slot].next;
+  nodes_[nodes_[slot].previous].next = slot;
+  nodes_[slot].next = nodes_[slot].previous = slot;
+  for (std::uint32_t node = first; node != slot;) {
+    const std::uint32_t next = nodes_[node].next;
+    place(node);
+    node = next;
+  }
+}
+
+// A node that was freed last is taken first: a reactor that is armed anew where it was woken gets its own.
+void Clock::arm(NotifieeConst& notifiee) const {
+  if (free_ == 0) {
+    free_ = static_cast<std::uint32_t>(nodes_.size());
+    nodes_.emplace_back();
+  }
+  const std::uint32_t node = free_;
+  free_ = nodes_[node].next;
+  nodes_[node].time = notifiee.timeMin_;
+  nodes_[node].notifiee = &notifiee;
+  notifiee.node_ = node;
+  place(node);
+}
+
+void Clock::disarm(NotifieeConst& notifiee) const {
+  const std::uint32_t node = std::exchange(notifiee.node_, 0U);
+  if (node == 0) return;
+  leave(node);
+  nodes_[node].next = std::exchange(free_, node);
 }
 
 // A new block of fine slots begins: what waited for it in the coarse wheel comes into them.
 void Clock::cascade() const {
   const std::int64_t block = now_ / kFine;
-  if (block % kCoarse == 0) rearm(far_);
+  if (block % kCoarse == 0) placeAllOf(kFarSlot);
   coarse_.unuse(block);
-  rearm(coarse_.slot(block));
+  placeAllOf(coarse_.slot(block));
 }
 
-// Puts what is due at `now` onto the list of the due.
+// Moves what is due at `now` to the due.
 void Clock::collect(double now) const {
   const std::int64_t target = std::max(tick(now), now_);
   while (now_ < target) {
-    due_.takeAllOf(fine_.slot(now_).members);
+    collectFrom(fine_.slot(now_), kNever);
     fine_.unuse(now_);
     const std::int64_t block = (now_ / kFine + 1) * kFine;
     now_ = std::min({target, block, now_ + 1 + fine_.distance(now_ + 1)});
     if (now_ == block) cascade();
   }
-  Slot& slot = fine_.slot(now_);
-  ListHook members;
-  members.takeAllOf(slot.members);
-  slot.earliest = kNever;
-  while (members.linked()) {
-    auto& notifiee = NotifieeConst::of(*members.next());
-    notifiee.registration().leave();
-    if (notifiee.timeMin_ <= now)
-      notifiee.registration().joinEndOf(due_);
-    else
-      arm(notifiee);
+  collectFrom(fine_.slot(now_), now);
+}
+
+void Clock::collectFrom(std::uint32_t slot, double now) const {
+  double earliest = kNever;
+  for (std::uint32_t node = nodes_[slot].next; node != slot;) {
+    const std::uint32_t next = nodes_[node].next;
+    if (nodes_[node].time <= now) {
+      leave(node);
+      joinEndOf(kDueSlot, node);
+    } else {
+      earliest = std::min(earliest, nodes_[node].time);
+    }
+    node = next;
   }
+  nodes_[slot].time = earliest;
 }
 
 void Clock::advance(double now) const {
   collect(now);
   // Only what is due now: a handler's new time is collected by the next call.
-  for (unsigned foreseen = 0; due_.linked(); --foreseen) {
-    if (foreseen == 0) foreseen = NotifieeConst::foreseeSome<NotifieeConst::ofRegistration>(due_);
-    wake(NotifieeConst::of(*due_.next()), now);
+  for (unsigned foreseen = 0; hasMembers(kDueSlot); --foreseen) {
+    if (foreseen == 0) {
+      foreseeSome();
+      foreseen = NotifieeConst::Foresight::kAtOnce;
+    }
+    wake(*nodes_[nodes_[kDueSlot].next].notifiee, now);
   }
 }
 
+// Has those of the due foresee that come first, and fetches those that come after them.
+void Clock::foreseeSome() const {
+  NotifieeConst::Foresight foresight;
+  std::uint32_t node = nodes_[kDueSlot].next;
+  for (unsigned i = 0; i < 2 * foresight.kAtOnce && node != kDueSlot; ++i, node = nodes_[node].next)
+    prefetch(nodes_[node].notifiee);
+  node = nodes_[kDueSlot].next;
+  for (unsigned i = 0; i < foresight.kAtOnce && node != kDueSlot; ++i, node = nodes_[node].next)
+    foresight.add(*nodes_[node].notifiee);
+  foresight.foresee();
+}
+
 void Clock::wake(NotifieeConst& notifiee, double now) const {
-  notifiee.registration().leave();
+  disarm(notifiee);
   notifiee.armed_ = false;
   if (!notifiee.mayHear()) return;
   ++expiries_;
@@ -151,9 +209,9 @@ void Clock::wake(NotifieeConst& notifiee, double now) const {
 }
 
 double Clock::nextWakeUp() const {
-  if (due_.linked()) return -kNever;
-  const double far = far_.members.linked() ? far_.earliest : kNever;
-  return std::min({fine_.earliest(now_), coarse_.earliest(now_ / kFine + 1), far});
+  if (hasMembers(kDueSlot)) return -kNever;
+  const double far = hasMembers(kFarSlot) ? nodes_[kFarSlot].time : kNever;
+  return std::min({fine_.earliest(now_, *this), coarse_.earliest(now_ / kFine + 1, *this), far});
 }
 
 double Clock::worstLateness(bool reset) const {
@@ -161,14 +219,18 @@ double Clock::worstLateness(bool reset) const {
 }
 
 void Clock::NotifieeConst::timeMinIs(const double& time) {
+  part();
   timeMin_ = std::isnan(time) ? kNever : time;
   armed_ = timeMin_ < kNever;
-  registration().leave();
   if (isRegisteredNotifiee()) join();
 }
 
 void Clock::NotifieeConst::join() {
   if (armed_ && notifier()) notifier()->arm(*this);
+}
+
+void Clock::NotifieeConst::part() {
+  if (notifier()) notifier()->disarm(*this);
 }
 
 }  // namespace Zel

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdint>
 #include <limits>
+#include <vector>
 
 #include "platform/zel/export.h"
 #include "platform/zel/notifier.h"
@@ -64,37 +65,54 @@ class ZEL_API Clock : public Typed<Clock, Notifier> {
   static constexpr std::int64_t kFine = 1024;   // slots of a millisecond
   static constexpr std::int64_t kCoarse = 256;  // slots of kFine milliseconds
 
-  struct Slot {
-    ListHook members;
-    double earliest = kNever;
+  static constexpr std::uint32_t kFarSlot = kFine + kCoarse;  // what lies beyond the wheels
+  static constexpr std::uint32_t kDueSlot = kFarSlot + 1;     // collected and not yet woken
+  static constexpr std::uint32_t kSlots = kDueSlot + 1;
+
+  // A reactor in the circular list of its slot, or the head of such a list. They lie beside the reactors, and
+  // those that were armed one after another mostly lie in a row, so going through a list costs little; the
+  // reactors themselves are far apart.
+  struct Node {
+    double time = kNever;  // of a head: not later than that of any member
+    NotifieeConst* notifiee = nullptr;
+    std::uint32_t next = 0;
+    std::uint32_t previous = 0;
   };
-  // Slots in a ring, and which of them may have members.
-  template <std::size_t N>
+  // N slots in a ring, and which of them may have members.
+  template <std::uint32_t First, std::size_t N>
   struct Wheel {
-    std::array<Slot, N> slots;
     std::array<std::uint64_t, N / 64> used{};
 
-    Slot& slot(std::int64_t position) { return slots[static_cast<std::size_t>(position) % N]; }
+    static std::uint32_t slot(std::int64_t position) {
+      return First + static_cast<std::uint32_t>(static_cast<std::size_t>(position) % N);
+    }
     void use(std::int64_t position);
     void unuse(std::int64_t position);
     // How far after `position` the next slot in use is, itself included; N where there is none.
     std::int64_t distance(std::int64_t position) const;
     // The earliest time in the first slot after `position` that has members.
-    double earliest(std::int64_t position);
+    double earliest(std::int64_t position, const Clock& clock);
   };
 
   static std::int64_t tick(double time);
+  bool hasMembers(std::uint32_t slot) const { return nodes_[slot].next != slot; }
+  void joinEndOf(std::uint32_t slot, std::uint32_t node) const;
+  void leave(std::uint32_t node) const;
+  void place(std::uint32_t node) const;
+  void placeAllOf(std::uint32_t slot) const;
   void arm(NotifieeConst& notifiee) const;
+  void disarm(NotifieeConst& notifiee) const;
   void collect(double now) const;
+  void collectFrom(std::uint32_t slot, double now) const;
   void cascade() const;
-  void rearm(Slot& slot) const;
+  void foreseeSome() const;
   void wake(NotifieeConst& notifiee, double now) const;
 
   mutable std::int64_t now_;  // ticks before this one have been collected
-  mutable Wheel<kFine> fine_;
-  mutable Wheel<kCoarse> coarse_;
-  mutable Slot far_;
-  mutable ListHook due_;  // collected and not yet woken
+  mutable Wheel<0, kFine> fine_;
+  mutable Wheel<kFine, kCoarse> coarse_;
+  mutable std::vector<Node> nodes_;  // the heads of the slots, then the others
+  mutable std::uint32_t free_ = 0;   // the first unused node, the others after it; 0: none
   mutable std::uint64_t expiries_ = 0;
   mutable double worstLateness_ = 0;
 };
@@ -122,16 +140,15 @@ class ZEL_API Clock::NotifieeConst : public NotifieeBase {
   void deliver() override {}
   void immediate(AttributeIndex) override { declineImmediate(); }
   void join() override;
+  void part() override;
+  ~NotifieeConst() override { NotifieeConst::part(); }
 
  private:
   friend class Clock;
 
-  static NotifieeConst& of(Zel::ListHook& registration) {
-    return static_cast<NotifieeConst&>(ofRegistration(registration));
-  }
-
   double timeMin_ = kNever;
-  bool armed_ = false;  // the time has not come yet
+  std::uint32_t node_ = 0;  // where it waits; 0: nowhere
+  bool armed_ = false;      // the time has not come yet
 };
 
 }  // namespace Zel

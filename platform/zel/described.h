@@ -312,11 +312,16 @@ class Described : public Typed<T, Base> {
   static Value dispatch(Notifier& object, Operation operation, AttributeIndex index, Arguments arguments,
                         bool& handled);
 
-  // Calls the handlers of `notifiee` for what is marked, while `mayHear` says so. For NotifieeOf.
+  // Calls the handlers of `notifiee` for what is marked; each after the first while `mayHear` says so. For
+  // NotifieeOf.
   template <class N, class MayHear>
   static void deliverWhole(N& notifiee, std::uint32_t marks, MayHear&& mayHear) {
+    bool goesOn = marks != 0;
     forEachRow([&]<class R>(AttributeIndex index, const R&) {
-      if ((marks >> index & 1U) != 0 && mayHear()) R::whole(notifiee);
+      if (!goesOn || (marks >> index & 1U) == 0) return;
+      R::whole(notifiee);
+      marks &= ~(1U << index);
+      goesOn = marks != 0 && mayHear();
     });
   }
   template <class N>
@@ -482,14 +487,20 @@ class NotifieeOf : public NotifieeBase {
   void deliver() override {
     auto& self = static_cast<typename X::NotifieeConst&>(*this);
     const std::uint32_t marks = this->takeMarks();
-    if (marks != 0) X::deliverWhole(self, marks, [this] { return this->mayHear(); });
+    X::deliverWhole(self, marks, [this] { return this->mayHear(); });
+    if (this->hasKeyMarks()) deliverKeys(self);
+  }
+  void immediate(AttributeIndex index) override {
+    X::deliverImmediate(static_cast<typename X::NotifieeConst&>(*this), index);
+  }
+
+ private:
+  template <class N>
+  void deliverKeys(N& self) {
     for (const KeyMark& mark : this->takeKeyMarks()) {
       if (!this->mayHear()) return;
       X::deliverKey(self, mark.index, mark.key);
     }
-  }
-  void immediate(AttributeIndex index) override {
-    X::deliverImmediate(static_cast<typename X::NotifieeConst&>(*this), index);
   }
 };
 

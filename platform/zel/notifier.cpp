@@ -1,5 +1,6 @@
 #include "platform/zel/notifier.h"
 
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -44,10 +45,19 @@ struct NotifieeBase::KeyMarks {
   }
 };
 
+// Kept beside the reactors: few have any.
+struct NotifieeBase::AllKeyMarks {
+  static std::unordered_map<const NotifieeBase*, KeyMarks>& get() {
+    static auto& instance = *new std::unordered_map<const NotifieeBase*, KeyMarks>;
+    return instance;
+  }
+};
+
 NotifieeBase::NotifieeBase() : agent_(ActivityManager::currentAgent()) {}
 
 NotifieeBase::~NotifieeBase() {
   RegistrationHook::leave();
+  dropMarks();
   if (notifier_) notifier_->deleteRef();
 }
 
@@ -84,36 +94,46 @@ void NotifieeBase::zelDoZombieReactors(bool zombie) {
   if (zombie) dropMarks();
 }
 
-void NotifieeBase::becomePending() { activityManager().enqueue(*this); }
-
-void NotifieeBase::markKey(AttributeIndex index, Name key) {
-  if (!hasNotificationActive() || zelIsZombie()) return;
-  if (!keys_) keys_ = std::make_unique<KeyMarks>();
-  keys_->add({index, key});
-  if (!PendingHook::linked()) becomePending();
+void NotifieeBase::mark(std::uint32_t attribute, ActivityManager& manager) {
+  if (!isAwake()) return;
+  marks_ |= attribute;
+  if (!PendingHook::linked()) manager.enqueue(*this);
 }
 
-std::vector<NotifieeBase::KeyMark> NotifieeBase::takeTheKeyMarks() {
-  const auto taken = std::move(keys_);
-  return std::move(taken->order);
+void NotifieeBase::markKey(AttributeIndex index, Name key) {
+  if (!isAwake()) return;
+  AllKeyMarks::get()[this].add({index, key});
+  flagIs(kKeysMarked, true);
+  if (!PendingHook::linked()) activityManager().enqueue(*this);
+}
+
+std::vector<NotifieeBase::KeyMark> NotifieeBase::takeKeyMarks() {
+  if (!hasKeyMarks()) return {};
+  flagIs(kKeysMarked, false);
+  return std::move(AllKeyMarks::get().extract(this).mapped().order);
 }
 
 void NotifieeBase::dropMarks() {
   PendingHook::leave();
   marks_ = 0;
-  keys_.reset();
+  if (!hasKeyMarks()) return;
+  flagIs(kKeysMarked, false);
+  AllKeyMarks::get().erase(this);
 }
 
 Notifier::~Notifier() { ZEL_ASSERT(!notifiees_.linked()); }
 
 void Notifier::announce(AttributeIndex index) {
-  bool immediate = false;
+  ActivityManager& manager = activityManager();
+  const std::uint32_t attribute = 1U << index;
+  std::uint32_t immediate = 0;
   for (ListHook* hook = notifiees_.next(); hook != &notifiees_; hook = hook->next()) {
     auto& notifiee = NotifieeBase::ofRegistration(*hook);
-    notifiee.mark(index);
-    immediate |= (notifiee.immediateMask_ >> index & 1U) != 0;
+    notifiee.mark(attribute, manager);
+    immediate |= notifiee.immediateMask_;
   }
-  if (immediate) runImmediate(index);
+  if ((immediate & attribute) != 0) [[unlikely]]
+    runImmediate(index);
 }
 
 // The hooks may do anything to any reactor, so those that want one are noted first, each with a reference.

@@ -18,8 +18,8 @@
 // Activity thread only.
 #pragma once
 
+#include <array>
 #include <cstdint>
-#include <memory>
 #include <utility>
 #include <vector>
 
@@ -30,6 +30,7 @@
 
 namespace Zel {
 
+class ActivityManager;
 class Notifier;
 
 // A place in a circular list that its owner leaves by itself; O(1), and no allocation.
@@ -77,12 +78,20 @@ struct Label {
 };
 }  // namespace detail
 
+namespace detail {
+// Fetches one line. The empty statement is an effect: a function that had none would be left out as useless.
+inline void fetch(const void* address) {
+  __builtin_prefetch(address, 1);
+  asm volatile("");
+}
+}  // namespace detail
+
 // Fetches an object into the cache; does nothing else, so the object need not even be there.
 template <class T>
 void prefetch(const T* object) {
   const char* const bytes = reinterpret_cast<const char*>(object);
-  for (std::size_t at = 0; at < sizeof(T); at += 64) __builtin_prefetch(bytes + at, 1);
-  __builtin_prefetch(bytes + sizeof(T) - 1, 1);
+  for (std::size_t at = 0; at < sizeof(T); at += 64) detail::fetch(bytes + at);
+  if (sizeof(T) > 8) detail::fetch(bytes + sizeof(T) - 1);
 }
 
 // The base of every reactor: registration with one notifier, marks, and a place in the queue of the pending.
@@ -126,31 +135,38 @@ class ZEL_API NotifieeBase : public PtrInterface,
   // Fetches into the cache what the handlers are about to read. The steps, from 1 to 4, go down one pointer
   // each: what a step reads, the one before has fetched. Returns whether there is more for the next step.
   // Called on several reactors, step by step, before they are delivered to in turn, so that their cache
-  // misses overlap instead of adding up.
+  // misses overlap instead of adding up; and only on those that said foreseesIs(true).
   virtual bool foresee(unsigned step) const {
     static_cast<void>(step);
     return false;
   }
-  // For those who deliver: the same for the first members of a list of reactors, found by `Of`. Returns how
-  // many these are at most.
-  template <NotifieeBase& Of(ListHook& hook)>
-  static unsigned foreseeSome(ListHook& list) {
-    constexpr unsigned kAtOnce = 16;
-    constexpr unsigned kSteps = 4;
-    std::uint32_t more = ~0U;  // bit n: the nth has something for the next step
-    for (unsigned step = 1; step <= kSteps && more != 0; ++step) {
-      std::uint32_t next = 0;
-      ListHook* hook = list.next();
-      for (unsigned i = 0; i < kAtOnce && hook != &list; ++i, hook = hook->next())
-        if ((more >> i & 1U) != 0 && Of(*hook).foresee(step)) next |= 1U << i;
-      more = next;
+  void foreseesIs(bool foresees) { flagIs(kForesees, foresees); }
+  // For those who deliver: the reactors that come next, to have them foresee together.
+  class Foresight {
+   public:
+    static constexpr unsigned kAtOnce = 16;
+
+    // REQUIRES: called kAtOnce times at most.
+    void add(const NotifieeBase& notifiee) {
+      if (notifiee.flag(kForesees)) some_[count_++] = &notifiee;
     }
-    return kAtOnce;
-  }
+    void foresee() {
+      for (unsigned step = 1; step <= kSteps && count_ != 0; ++step) {
+        const unsigned count = std::exchange(count_, 0U);
+        for (unsigned i = 0; i < count; ++i)
+          if (some_[i]->foresee(step)) some_[count_++] = some_[i];
+      }
+    }
+
+   private:
+    static constexpr unsigned kSteps = 4;
+
+    unsigned count_ = 0;
+    std::array<const NotifieeBase*, kAtOnce> some_;
+  };
   // Enters and leaves the place where the notifier finds this reactor.
   virtual void join();
   virtual void part() { RegistrationHook::leave(); }
-  RegistrationHook& registration() { return *this; }
   static NotifieeBase& ofRegistration(ListHook& hook) {
     return static_cast<NotifieeBase&>(static_cast<RegistrationHook&>(hook));
   }
@@ -166,27 +182,23 @@ class ZEL_API NotifieeBase : public PtrInterface,
     AttributeIndex index;
     Name key;
   };
-  std::vector<KeyMark> takeKeyMarks() { return keys_ ? takeTheKeyMarks() : std::vector<KeyMark>(); }
+  bool hasKeyMarks() const { return flag(kKeysMarked); }
+  std::vector<KeyMark> takeKeyMarks();
   // What the default body of an immediate hook calls: the attribute's hook is not called again.
   void declineImmediate() { flagIs(kImmediateDeclined, true); }
   void dropMarks();
 
  private:
   struct KeyMarks;
+  struct AllKeyMarks;
 
-  void becomePending();
-  std::vector<KeyMark> takeTheKeyMarks();
-  void mark(AttributeIndex index) {
-    if (!hasNotificationActive() || zelIsZombie()) return;
-    marks_ |= 1U << index;
-    if (!PendingHook::linked()) becomePending();
-  }
+  bool isAwake() const { return flags(kNotificationActive | kZombie) == kNotificationActive; }
+  inline void mark(std::uint32_t attribute, ActivityManager& manager);
   void markKey(AttributeIndex index, Name key);
 
   const Notifier* notifier_ = nullptr;  // counted
   std::uint32_t immediateMask_ = ~0U;   // attributes whose immediate hook may do something
   Name agent_;
-  std::unique_ptr<KeyMarks> keys_;
 };
 
 // An object that reactors can be registered on.
@@ -197,8 +209,8 @@ class ZEL_API Notifier : public PtrInterface, private detail::Label {
   // Fetches into the cache the reactor that is told first of a change.
   void foreseeNotifiees() const {
     const ListHook* first = notifiees_.next();
-    __builtin_prefetch(reinterpret_cast<const char*>(first) - sizeof(PtrInterface), 1);
-    __builtin_prefetch(reinterpret_cast<const char*>(first + 3), 1);
+    detail::fetch(reinterpret_cast<const char*>(first) - sizeof(PtrInterface));
+    detail::fetch(reinterpret_cast<const char*>(first + 3));
   }
 
   // Whether the object has left the collection that owned it. Its reactors hear nothing from then on.
@@ -231,8 +243,8 @@ class ZEL_API Notifier : public PtrInterface, private detail::Label {
 };
 
 inline bool NotifieeBase::mayHear() const {
-  return hasNotificationActive() && !zelIsZombie() && flag(kRegistered) && notifier_ &&
-         !notifier_->zelIsGone();
+  return flags(kNotificationActive | kZombie | kRegistered) == (kNotificationActive | kRegistered) &&
+         notifier_ && !notifier_->zelIsGone();
 }
 
 // A reactor to every attribute of any object.

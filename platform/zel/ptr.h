@@ -75,7 +75,7 @@ class ZEL_API PtrInterface {
   virtual ~PtrInterface();
   virtual void onZeroReferences();
 
-  // Flag bits beside the count. The last three belong to the classes named.
+  // Flag bits beside the count. Those from the third on belong to the classes named.
   enum Flag : std::uint32_t {
     kNotificationActive = 1U << 0,
     kZombie = 1U << 1,
@@ -83,10 +83,14 @@ class ZEL_API PtrInterface {
     kImmediateDeclined = 1U << 3,  // a notifiee whose immediate hook is the empty default
     kParentHeld = 1U << 4,         // an entity that holds a reference to its parent
     kGone = 1U << 5,               // an entity that has left the collection that owned it
+    kForesees = 1U << 6,           // a notifiee that has something to fetch before it is delivered to
+    kKeysMarked = 1U << 7,         // a notifiee that has marked keys
   };
-  static constexpr std::uint32_t kOneReference = 1U << 6;
+  static constexpr std::uint32_t kOneReference = 1U << 8;
 
-  bool flag(Flag bit) const { return (word_.load(std::memory_order_relaxed) & bit) != 0; }
+  bool flag(Flag bit) const { return flags(bit) != 0; }
+  // Several flags at once: those that are set among `bits`.
+  std::uint32_t flags(std::uint32_t bits) const { return word_.load(std::memory_order_relaxed) & bits; }
   void flagIs(Flag bit, bool on) const {
     if (flag(bit) != on) detail::addToWord(word_, on ? bit : 0U - bit);
   }

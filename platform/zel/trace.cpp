@@ -94,6 +94,13 @@ std::vector<TraceFacility*> TraceFacility::all() {
   return all;
 }
 
+// The lock also guards the lists of handles.
+void TraceFacility::maskIs(std::uint32_t mask) {
+  const std::lock_guard lock(facilities().mutex);
+  mask_.store(mask, std::memory_order_relaxed);
+  for (TraceHandle* handle : handles_) handle->mask_.store(mask, std::memory_order_relaxed);
+}
+
 void traceLevelsIs(std::string_view text) {
   const std::size_t slash = text.find('/');
   if (slash == std::string_view::npos || slash == 0)
@@ -120,13 +127,24 @@ std::string traceLevelsText(std::uint32_t mask) {
 void traceSinkIs(TraceSink newSink) { sink() = std::move(newSink); }
 
 TraceHandle::TraceHandle(const String& facility, bool immediateFlush)
-    : facility_(TraceFacility::named(facility.view())), immediateFlush_(immediateFlush) {}
+    : facility_(TraceFacility::named(facility.view())), immediateFlush_(immediateFlush) {
+  const std::lock_guard lock(facilities().mutex);
+  facility_.handles_.push_back(this);
+  mask_.store(facility_.mask(), std::memory_order_relaxed);
+}
+
+TraceHandle::~TraceHandle() {
+  const std::lock_guard lock(facilities().mutex);
+  std::erase(facility_.handles_, this);
+}
 
 TraceHelper* TraceHelper::createIfEnabled(const TraceHandle& handle, TraceFacility::FacilityLevel level,
                                           TraceHelperStorage& storage) {
-  if (!handle.facility().enabled(level)) return nullptr;
+  if (!handle.enabled(level)) return nullptr;
   return new (storage.bytes) TraceHelper(handle, level);
 }
+
+TraceHelper::~TraceHelper() = default;
 
 void TraceHelper::trace(const char* source, int line, const char* function) {
   std::string record = timeText() + ' ' + handle_.facility().name() + ' ' + std::to_string(level_) + ' ' +

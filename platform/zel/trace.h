@@ -23,6 +23,8 @@
 
 namespace Zel {
 
+class TraceHandle;
+
 // One facility's levels. One object a name, alive for the life of the process.
 class ZEL_API TraceFacility {
  public:
@@ -37,18 +39,18 @@ class ZEL_API TraceFacility {
   static std::vector<TraceFacility*> all();
 
   const std::string& name() const { return name_; }
-  bool enabled(FacilityLevel level) const {
-    return (mask_.load(std::memory_order_relaxed) >> level & 1U) != 0;
-  }
+  // Bit n: level n is on.
   std::uint32_t mask() const { return mask_.load(std::memory_order_relaxed); }
-  void maskIs(std::uint32_t mask) { mask_.store(mask, std::memory_order_relaxed); }
+  void maskIs(std::uint32_t mask);
 
  private:
   explicit TraceFacility(std::string_view name) : name_(name) {}
   friend struct TraceFacilities;
+  friend class TraceHandle;
 
   const std::string name_;
   std::atomic<std::uint32_t> mask_{0};
+  std::vector<TraceHandle*> handles_;  // these have a copy of the mask
 };
 
 // Sets levels from text: `FACILITY/LEVELS`, LEVELS being numbers and ranges joined by commas ("3,6-9"), "*"
@@ -62,17 +64,28 @@ ZEL_API std::string traceLevelsText(std::uint32_t mask);
 using TraceSink = std::function<void(std::string_view line)>;
 ZEL_API void traceSinkIs(TraceSink sink);
 
-// One handle a facility. `immediateFlush` asks for each record to be handed on at once by a sink that
-// collects; the sinks of this framework hand on every record at once anyway.
+// A library's handle of a facility. It has a copy of the facility's levels, so that asking whether one is on
+// takes one load; a handle that is a static object has all of them off until it is made. `immediateFlush`
+// asks for each record to be handed on at once by a sink that collects; the sinks of this framework hand on
+// every record at once anyway.
 class ZEL_API TraceHandle {
  public:
   TraceHandle(const String& facility, bool immediateFlush);
+  ~TraceHandle();
+  TraceHandle(const TraceHandle&) = delete;
+  TraceHandle& operator=(const TraceHandle&) = delete;
 
+  bool enabled(TraceFacility::FacilityLevel level) const {
+    return (mask_.load(std::memory_order_relaxed) >> level & 1U) != 0;
+  }
   const TraceFacility& facility() const { return facility_; }
   bool immediateFlush() const { return immediateFlush_; }
 
  private:
+  friend class TraceFacility;
+
   TraceFacility& facility_;
+  std::atomic<std::uint32_t> mask_{0};
   const bool immediateFlush_;
 };
 
@@ -85,6 +98,8 @@ class ZEL_API TraceHelper {
   // Null, and nothing is made, where the level is off.
   static TraceHelper* createIfEnabled(const TraceHandle& handle, TraceFacility::FacilityLevel level,
                                       TraceHelperStorage& storage);
+
+  ~TraceHelper();
 
   // The message goes here.
   std::ostream& stream() { return text_; }
@@ -123,10 +138,15 @@ class EnsureTraceHelperIsDestroyed {
   TraceHelper* const helper_;
 };
 
-// Writes one record where the level is on: `write` gets the stream. The common way to trace.
+// Writes one record where the level is on: `write` gets the stream. The common way to trace; what a record
+// says is not even looked up while its level is off. Always inline, so that only the load and the branch are
+// left on the way of the code that traces.
 template <class Write>
-void traceRecord(const TraceHandle& handle, TraceFacility::FacilityLevel level, const char* source, int line,
-                 const char* function, Write&& write) {
+[[gnu::always_inline]] inline void traceRecord(const TraceHandle& handle, TraceFacility::FacilityLevel level,
+                                               const char* source, int line, const char* function,
+                                               Write&& write) {
+  if (!handle.enabled(level)) [[likely]]
+    return;
   TraceHelperStorage storage;
   const EnsureTraceHelperIsDestroyed helper(TraceHelper::createIfEnabled(handle, level, storage));
   if (!helper) return;

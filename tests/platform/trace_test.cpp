@@ -1,6 +1,7 @@
 // The trace facility.
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <regex>
 
 #include "platform/zel/trace.h"
@@ -43,6 +44,19 @@ TEST_F(Trace, FormatsOnlyWhatIsEnabled) {
       lines[1],
       std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6} TraceTest 6 Source:263 aFunction: counted line)")))
       << lines[1];
+}
+
+TEST_F(Trace, EveryHandleFollowsItsFacilityFromTheStart) {
+  Zel::traceLevelsIs("TraceTest/2");
+  const Zel::TraceHandle first("TraceTest", false);
+  auto second = std::make_unique<Zel::TraceHandle>("TraceTest", true);
+  EXPECT_TRUE(first.enabled(2) && second->enabled(2));
+  Zel::traceLevelsIs("TraceTest/31");
+  EXPECT_TRUE(first.enabled(31) && second->enabled(31));
+  EXPECT_FALSE(first.enabled(2) || second->enabled(2));
+  second = nullptr;
+  Zel::traceLevelsIs("TraceTest/");
+  EXPECT_FALSE(first.enabled(31));
 }
 
 TEST_F(Trace, AHelperIsDisposedOfAlsoWhenStreamingThrows) {

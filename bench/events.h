@@ -23,6 +23,7 @@
 #include "bench/child.h"
 #include "bench/measure.h"
 #include "bench/table.h"
+#include "platform/zel/type.h"
 
 namespace Bench {
 
@@ -94,7 +95,7 @@ double eventMemory() {
   return inChild([] {
     const auto inUse = [] {
       const auto info = mallinfo2();
-      return static_cast<double>(info.uordblks + info.hblkhd);
+      return static_cast<double>(info.uordblks + info.hblkhd + Zel::fwkHugeBytes());
     };
     const double before = inUse();
     const auto* world = new World(kLeds, kPins);

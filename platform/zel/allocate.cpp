@@ -4,9 +4,13 @@
 // What an event costs is mostly the cache lines and the pages that it touches, and what is made together is
 // used together: a machine and its reactors. Memory that was given back serves the next object of its size;
 // it stays with the process, and with the thread that gave it back.
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <new>
 
 #include "platform/zel/type.h"
@@ -19,6 +23,12 @@ constexpr std::size_t kGrain = 8;
 constexpr std::size_t kLargest = 256;  // larger objects are left to the C++ library
 constexpr std::size_t kFirstBlock = 2 * 1024;
 constexpr std::size_t kLastBlock = 64 * 1024;
+// Who needs more than this has so many objects that finding their pages costs as much as their lines, and
+// gets huge pages, where the system has them. What the last of them leaves unused is little beside it.
+constexpr std::size_t kManyBytes = 2 << 20;
+constexpr std::size_t kHugePage = 2 << 20;
+
+constinit std::atomic<std::size_t> hugeBytes = 0;
 
 class Pool {
  public:
@@ -42,15 +52,32 @@ class Pool {
   };
 
   void newBlock() {
-    fresh_ = static_cast<std::byte*>(::operator new(nextBlock_));
-    left_ = nextBlock_;
-    nextBlock_ = std::min(nextBlock_ * 2, kLastBlock);
+    std::byte* const huge = taken_ < kManyBytes ? nullptr : newHugePage();
+    left_ = huge ? kHugePage : nextBlock_;
+    fresh_ = huge ? huge : static_cast<std::byte*>(::operator new(nextBlock_));
+    if (!huge) nextBlock_ = std::min(nextBlock_ * 2, kLastBlock);
+    taken_ += left_;
+  }
+
+  // Null where the system gives none.
+  static std::byte* newHugePage() {
+    constexpr int kProtection = PROT_READ | PROT_WRITE;
+    void* const mapped = ::mmap(nullptr, 2 * kHugePage, kProtection, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mapped == MAP_FAILED) return nullptr;
+    auto* const begin = static_cast<std::byte*>(mapped);
+    const std::size_t before = (kHugePage - reinterpret_cast<std::uintptr_t>(begin) % kHugePage) % kHugePage;
+    if (before != 0) ::munmap(begin, before);
+    ::munmap(begin + before + kHugePage, kHugePage - before);
+    static_cast<void>(::madvise(begin + before, kHugePage, MADV_HUGEPAGE));  // a wish that may be refused
+    hugeBytes.fetch_add(kHugePage, std::memory_order_relaxed);
+    return begin + before;
   }
 
   std::array<Free*, kLargest / kGrain + 1> free_{};  // by size
   std::byte* fresh_ = nullptr;
   std::size_t left_ = 0;
   std::size_t nextBlock_ = kFirstBlock;
+  std::size_t taken_ = 0;  // bytes of all blocks
 };
 
 constinit thread_local Pool pool;
@@ -66,6 +93,8 @@ constexpr bool pooled(std::size_t size) { return kPooled && size <= kLargest; }
 constexpr std::size_t grains(std::size_t size) { return (size + kGrain - 1) / kGrain; }
 
 }  // namespace
+
+std::size_t fwkHugeBytes() { return hugeBytes.load(std::memory_order_relaxed); }
 
 void* fwkAllocate(std::size_t size) {
   if (!pooled(size)) return ::operator new(size);

@@ -23,7 +23,7 @@ class Table {
   Table() {
     allPlaces_.push_back(std::make_unique<Places>(kChunk));
     places_ = allPlaces_.back().get();
-    append("");
+    append("", 0);
   }
 
   std::optional<std::uint32_t> find(std::string_view text) const {
@@ -39,13 +39,14 @@ class Table {
     const std::uint32_t id = size_.load(std::memory_order_relaxed);
     if (id == kChunks * kChunk) throwRangeException("the table of names is full");
     if (id >= places->count() / 4 * 3) places = &grow(*places);
-    append(text);
+    append(text, hash);
     places->put(id, hash);
     return id;
   }
 
   std::string_view text(std::uint32_t id) const {
-    return chunks_[id / kChunk].load(std::memory_order_acquire)[id % kChunk];
+    const Entry& found = entry(id);
+    return {found.text, found.size};
   }
   std::size_t size() const { return size_.load(std::memory_order_relaxed); }
 
@@ -54,62 +55,67 @@ class Table {
   static constexpr std::uint32_t kChunks = 16384;
   static constexpr std::size_t kBlock = 64 * 1024;
 
+  struct Entry {
+    const char* text;
+    std::uint32_t size;
+    std::uint32_t hash;
+  };
+  const Entry& entry(std::uint32_t id) const {
+    return chunks_[id / kChunk].load(std::memory_order_acquire)[id % kChunk];
+  }
+
   static std::uint32_t hashOf(std::string_view text) {
     return static_cast<std::uint32_t>(std::hash<std::string_view>()(text));
   }
 
-  // A hash table of ids. The hash beside an id spares looking at texts that are others.
+  // A hash table of ids. A part of the hash beside an id spares looking at most texts that are others.
   class Places {
    public:
     explicit Places(std::size_t count) : places_(count) {}
 
     std::size_t count() const { return places_.size(); }
     std::optional<std::uint32_t> find(const Table& table, std::string_view text, std::uint32_t hash) const {
-      for (std::size_t at = first(hash);; at = next(at)) {
-        const std::uint64_t place = places_[at].load(std::memory_order_acquire);
+      for (std::size_t at = hash;; ++at) {
+        const std::uint32_t place = this->at(at).load(std::memory_order_acquire);
         if (place == kFree) return std::nullopt;
-        const auto id = static_cast<std::uint32_t>(place);
-        if (place >> 32 == hash && table.text(id) == text) return id;
+        const std::uint32_t id = place & kIds;
+        if ((place & ~kIds) != (hash & ~kIds)) continue;
+        if (table.entry(id).hash == hash && table.text(id) == text) return id;
       }
     }
     void put(std::uint32_t id, std::uint32_t hash) const {
-      std::size_t at = first(hash);
-      while (places_[at].load(std::memory_order_relaxed) != kFree) at = next(at);
-      places_[at].store(std::uint64_t{hash} << 32 | id, std::memory_order_release);
-    }
-    void putAllInto(const Places& other) const {
-      for (const auto& place : places_)
-        if (const std::uint64_t held = place.load(std::memory_order_relaxed); held != kFree)
-          other.put(static_cast<std::uint32_t>(held), static_cast<std::uint32_t>(held >> 32));
+      std::size_t at = hash;
+      while (this->at(at).load(std::memory_order_relaxed) != kFree) ++at;
+      this->at(at).store((hash & ~kIds) | id, std::memory_order_release);
     }
 
    private:
-    static constexpr std::uint64_t kFree = 0;  // what the empty text would be, which is never looked up
+    static constexpr std::uint32_t kIds = kChunks * kChunk - 1;
+    static constexpr std::uint32_t kFree = 0;  // what the empty text would be, which is never looked up
 
-    std::size_t first(std::uint32_t hash) const { return hash & (places_.size() - 1); }
-    std::size_t next(std::size_t at) const { return (at + 1) & (places_.size() - 1); }
+    std::atomic<std::uint32_t>& at(std::size_t place) const { return places_[place & (places_.size() - 1)]; }
 
-    mutable std::vector<std::atomic<std::uint64_t>> places_;
+    mutable std::vector<std::atomic<std::uint32_t>> places_;
   };
 
   // Gives the text the next id.
-  void append(std::string_view text) {
+  void append(std::string_view text, std::uint32_t hash) {
     const std::uint32_t id = size_.load(std::memory_order_relaxed);
     auto& chunk = chunks_[id / kChunk];
-    if (!chunk.load(std::memory_order_relaxed))
-      chunk.store(new std::string_view[kChunk], std::memory_order_release);
-    chunk.load(std::memory_order_relaxed)[id % kChunk] = store(text);
+    if (!chunk.load(std::memory_order_relaxed)) chunk.store(new Entry[kChunk], std::memory_order_release);
+    const auto size = static_cast<std::uint32_t>(text.size());
+    chunk.load(std::memory_order_relaxed)[id % kChunk] = {store(text), size, hash};
     size_.store(id + 1, std::memory_order_release);
   }
 
   const Places& grow(const Places& places) {
     const Places& grown = *allPlaces_.emplace_back(std::make_unique<Places>(places.count() * 2));
-    places.putAllInto(grown);
+    for (std::uint32_t id = 1; id < size(); ++id) grown.put(id, entry(id).hash);
     places_.store(&grown, std::memory_order_release);
     return grown;
   }
 
-  std::string_view store(std::string_view text) {
+  const char* store(std::string_view text) {
     const std::size_t needed = text.size() + 1;
     if (needed > left_) {
       left_ = needed > kBlock ? needed : kBlock;
@@ -120,13 +126,13 @@ class Table {
     place[text.size()] = '\0';
     free_ += needed;
     left_ -= needed;
-    return {place, text.size()};
+    return place;
   }
 
   std::mutex mutex_;                                      // of whoever adds
   std::vector<std::unique_ptr<const Places>> allPlaces_;  // the last one is in use
   std::atomic<const Places*> places_{nullptr};
-  std::array<std::atomic<std::string_view*>, kChunks> chunks_{};
+  std::array<std::atomic<Entry*>, kChunks> chunks_{};
   std::atomic<std::uint32_t> size_{0};
   std::vector<std::unique_ptr<char[]>> blocks_;
   char* free_ = nullptr;

@@ -114,6 +114,8 @@ class ZEL_API TypeRegistration {
 // The framework's allocator; memory is aligned to 8 bytes. Any thread.
 ZEL_API void* fwkAllocate(std::size_t size);
 ZEL_API void fwkDeallocate(void* memory, std::size_t size) noexcept;
+// Bytes that the allocator has from the system itself, besides what it has from the C++ library.
+ZEL_API std::size_t fwkHugeBytes();
 
 // Makes a T: records the allocation, obtains memory, constructs T, turns its notifications on. Where
 // construction throws, the memory is given back, the deallocation recorded, and the exception goes on.

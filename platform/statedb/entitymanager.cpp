@@ -114,7 +114,8 @@ struct EntityManager::State : Zel::PassEnd {
       return found;
     }
     found.path = path;
-    if (last.parent && path.parent() == last.path && isThere(*last.parent)) {
+    const bool isBesideTheLast = last.parent && path.parent() == last.path && !path.component().empty();
+    if (isBesideTheLast && isThere(*last.parent)) {
       found.parent = last.parent;
       found.collection = last.collection;
       found.key = nameOf(path.component());
@@ -456,14 +457,13 @@ struct EntityManager::State : Zel::PassEnd {
   }
 
   void publish(Publisher& publisher) {
-    const Changes changes = publisher.take();
-    if (changes.empty()) return;
+    if (publisher.changes().empty()) return;
     try {
-      store.write(changes, Durability::derived, covering(publisher.path()));
-      publishedRows += changes.size();
+      store.write(publisher.changes(), Durability::derived, covering(publisher.path()));
+      publishedRows += publisher.changes().size();
+      publisher.clear();
     } catch (const StoreError& error) {
       say(publisher.path().text() + ": could not be published: " + error.what());
-      publisher.giveBack(changes);
     }
   }
 

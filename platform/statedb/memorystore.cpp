@@ -276,7 +276,7 @@ void MemoryStore::flush() {
     state_->told.clear();
     throw;
   }
-  state_->undo.clear();
+  clearKeeping(state_->undo);
   for (const Told& told : std::exchange(state_->told, {})) {
     const auto subscriptions = state_->subscriptions;
     for (const Subscription& each : subscriptions) {

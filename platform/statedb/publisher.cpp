@@ -153,9 +153,10 @@ void Publisher::add(PublishedEntity& source, Change change) {
   if (sources_.empty() || sources_.back() != &source) sources_.emplace_back(&source);
 }
 
-Changes Publisher::take() {
-  for (const auto& source : std::exchange(sources_, {})) source->noteTold();
-  return std::exchange(changes_, {});
+void Publisher::clear() {
+  for (const auto& source : sources_) source->noteTold();
+  clearKeeping(sources_);
+  clearKeeping(changes_);
 }
 
 PublishedEntity* Publisher::find(const Zel::Entity& entity) const {

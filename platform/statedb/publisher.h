@@ -54,7 +54,7 @@ class PublishedEntity : public Zel::Reactor<PublishedEntity, Zel::RawNotifiee> {
   std::unique_ptr<std::map<Zel::AttributeIndex, Zel::PtrMap<PublishedEntity>>> members_;
 };
 
-// What was written under one mount since it was taken.
+// What was written under one mount and is not stored yet.
 class Publisher {
  public:
   Publisher(const Zel::Ptr<const Zel::Entity>& entity, Path path);
@@ -64,10 +64,9 @@ class Publisher {
   PublishedEntity* find(const Zel::Entity& entity) const;
   // `source` is what it is a change of.
   void add(PublishedEntity& source, Change change);
-  // From here on the store is taken to know what the changes say.
-  Changes take();
-  // Puts changes that could not be stored before those that came since.
-  void giveBack(const Changes& changes) { changes_.insert(changes_.begin(), changes.begin(), changes.end()); }
+  const Changes& changes() const { return changes_; }
+  // The changes were stored.
+  void clear();
 
  private:
   const Path path_;

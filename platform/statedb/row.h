@@ -57,6 +57,17 @@ struct Change {
 };
 using Changes = std::vector<Change>;
 
+// Empties a list that is filled again and again. It keeps room for what one pass usually brings, not for a
+// whole start.
+template <class List>
+void clearKeeping(List& list) {
+  constexpr std::size_t kUsual = 1024;
+  if (list.capacity() > kUsual)
+    list = List();
+  else
+    list.clear();
+}
+
 // Whether a change touches anything at or under `path`.
 inline bool concerns(const Change& change, Path path) {
   return change.row.path.isUnder(path) || (change.kind == Change::Kind::del && path.isUnder(change.row.path));

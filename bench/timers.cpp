@@ -59,7 +59,7 @@ class Meter {
   std::uint64_t ticks_ = 0;
 };
 
-// Waits as the host does: in whole milliseconds, never too short.
+// Waits in whole milliseconds, never too short.
 void waitUntil(double time) {
   const double delay = std::ceil((time - now()) * 1e3);
   if (delay > 0) poll(nullptr, 0, static_cast<int>(std::min(delay, 1000.0)));

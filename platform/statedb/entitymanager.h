@@ -46,7 +46,7 @@ class ZEL_API EntityManager : public Zel::Reactor<EntityManager, Zel::PtrInterfa
     std::string mode;  // "wi" where anybody mounted it so
     bool complete = false;
   };
-  // In the order of mounting; a path that several agents mounted stands once.
+  // In the order of mounting; a path that several agents mounted stands once. Good until the next pass.
   const std::vector<MountInfo>& mounts() const;
 
   // For the host's end: forgets the groups that are not complete, so that nothing holds their mounters.

@@ -303,7 +303,9 @@ void ConfigReactor::createDriver(Zel::Name name) {
 void ConfigReactor::handleGpioConfigCleanup(Zel::Name name) {
   trace(9, 302, "handleGpioConfigCleanup",
         [&](std::ostream& out) { out << "handleGpioConfigCleanup " << name; });
+  require(corvelLedSystemConfig_, "corvelLedSystemConfig_");
   if (const Zel::Ptr output{outputOf(name)}) {
+    require(gpioPinConfigDir_, "gpioPinConfigDir_");
     for (const Colour& colour : kColours)
       for (const auto& pin : (*output.*colour.pins)()) gpioPinConfigDir_->entryDel(pin->name());
     corvelLedSystemConfig_->gpioLedsDel(name);

@@ -234,6 +234,10 @@ TEST_F(Configuration, RefusesWhatIsNoMappingOrNoPin) {
   pins->entryIs("A.g", "Zel::Dir");
   mappings->gpioLedsIs(mapping("A"));
   EXPECT_EQ(faultOfStep(), "null ValidPtr");
+
+  reactor = ConfigReactor::ConfigReactorIs(nullptr, leds, nullptr);
+  reactor->corvelLedSystemConfig()->gpioLedsIs("B")->gpioRedIs(Zel::allocate<Bench::CorvelPinConfig>("B.r"));
+  EXPECT_DEATH(reactor->handleGpioConfigCleanup("B"), "\"gpioPinConfigDir_\" failed");
 }
 
 TEST_F(Configuration, TheOutputDirectoryIsReplacedByName) {

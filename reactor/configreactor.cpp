@@ -64,17 +64,19 @@ void removeAll(const Members& members, Remove remove) {
 // --------------------------------------------------------------------
 
 void ConfigReactor::ZelGpioLedSystemConfigDir::onGpioLeds(Zel::Name name) {
-  if (notifier()) tellOwner(&ConfigReactor::dirEntryChanged, name);
+  const Zel::Ptr<ConfigReactor> reactor(owner());
+  if (notifier() && reactor) reactor->dirEntryChanged(Zel::Ptr(notifier()), name);
 }
 
 void ConfigReactor::ZelGpioLedSystemConfigDir::onGpioLedszelImmediate() {
-  if (notifier()) tellOwner(&ConfigReactor::resynchronise);
+  const Zel::Ptr<ConfigReactor> reactor(owner());
+  if (notifier() && reactor) reactor->resynchronise(Zel::Ptr(notifier()));
 }
 
 void ConfigReactor::ZelGpioLedSystemConfigDir::notifierIs(const Zel::Ptr<const Zel::PtrInterface>& dir) {
   const auto* before = notifier();
   Nested::notifierIs(dir);
-  if (notifier() && notifier() != before) tellOwner(&ConfigReactor::resynchronise);
+  if (notifier() != before) onGpioLedszelImmediate();
 }
 
 // One mapping's reactor
@@ -137,7 +139,7 @@ ConfigReactor::ConfigReactor(const Zel::Ptr<const GpioLedSystemConfigDir>& gpioL
   if (hwLedConfigDir) hwLedConfigDir_ = Zel::allocate<ZelHwLedConfigDir>(hwLedConfigDir, *this);
   gpioPinConfigDir_ = gpioPinConfigDir;
   handleInitialized();
-  if (gpioLedSystemConfigDir) resynchronise();
+  if (gpioLedSystemConfigDir) resynchronise(gpioLedSystemConfigDir);
 }
 
 ConfigReactor::~ConfigReactor() {
@@ -169,16 +171,15 @@ Zel::Ptr<const Hardware::Led::LedSystemConfigDir> ConfigReactor::hwLedConfigDirD
   return dir;
 }
 
-void ConfigReactor::resynchronise() {
-  const auto dir = gpioLedSystemConfigDir();
+void ConfigReactor::resynchronise(const Zel::Ptr<const GpioLedSystemConfigDir>& dir) {
   for (const auto& mapping : dir->gpioLeds()) gpioLedConfigIs(mapping);
   removeAll(gpioLedConfig_, [&](Zel::Name name) {
     if (!dir->gpioLeds().get(name)) gpioLedConfigDel(name);
   });
 }
 
-void ConfigReactor::dirEntryChanged(Zel::Name name) {
-  if (const auto mapping = gpioLedSystemConfigDir()->gpioLeds(name))
+void ConfigReactor::dirEntryChanged(const Zel::Ptr<const GpioLedSystemConfigDir>& dir, Zel::Name name) {
+  if (const auto mapping = dir->gpioLeds(name))
     gpioLedConfigIs(mapping);
   else
     gpioLedConfigDel(name);

@@ -41,7 +41,7 @@ class ConfigReactor : public Zel::Described<ConfigReactor, Zel::Notifier> {
 
     void onGpioLeds(Zel::Name name) override;
     void onGpioLedszelImmediate() override;
-    // Another directory is followed from here on; none removes nothing.
+    // Another directory is followed from here on, by a retired reactor as well; none removes nothing.
     void notifierIs(const Zel::Ptr<const Zel::PtrInterface>& dir) override;
   };
 
@@ -161,8 +161,8 @@ class ConfigReactor : public Zel::Described<ConfigReactor, Zel::Notifier> {
   virtual void gpioLedConfigNotify(Zel::Name) {}
 
  private:
-  void resynchronise();
-  void dirEntryChanged(Zel::Name name);
+  void resynchronise(const Zel::Ptr<const GpioLedSystemConfigDir>& dir);
+  void dirEntryChanged(const Zel::Ptr<const GpioLedSystemConfigDir>& dir, Zel::Name name);
   CorvelGpioLedConfig* outputOf(Zel::Name name) const;
   bool isReady(Zel::Name name) const;
   LedConfig* ledOf(Zel::Name name) const;

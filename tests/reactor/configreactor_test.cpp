@@ -171,8 +171,13 @@ TEST_F(Configuration, AWholesaleReplacementAddsBeforeItRemoves) {
   reactor->gpioLedSystemConfigDirIs(others);
   EXPECT_EQ(takeRecords()[0], kReads + "D");
   EXPECT_EQ(reactor->gpioLedConfig().size(), 1U);
-  EXPECT_EQ(reactor->gpioLedSystemConfigDirDel(), others);
-  EXPECT_EQ(reactor->gpioLedConfig().size(), 1U);
+  reactor->zelDoZombieReactors(true);
+  takeRecords();
+  reactor->gpioLedSystemConfigDirIs(mappings);
+  EXPECT_EQ(takeRecords()[0], kReads + "B") << "a retired reactor follows what it is pointed at as well";
+  EXPECT_EQ(reactor->gpioLedConfig().size(), 2U);
+  EXPECT_EQ(reactor->gpioLedSystemConfigDirDel(), mappings);
+  EXPECT_EQ(reactor->gpioLedConfig().size(), 2U);
 }
 
 TEST_F(Configuration, LedsThatShareAPinShareItsEntity) {

@@ -48,6 +48,26 @@ void createPins(const Colour& colour, const Mapping& mapping, Output& output, Ze
       " than the current value of " + Zel::valueToStrepOfRawPtr(current) + " not allowed");
 }
 
+// Keeps a name in a set until it ends, also by an exception.
+class Making {
+ public:
+  Making(Zel::NameSet& names, Zel::Name name) : names_(names), name_(name) { names_.insert(name_, false); }
+  ~Making() { end(); }
+  Making(const Making&) = delete;
+  Making& operator=(const Making&) = delete;
+
+  // Returns the value that the name had beside it.
+  bool end() {
+    const bool value = names_.value(name_);
+    names_.remove(name_);
+    return value;
+  }
+
+ private:
+  Zel::NameSet& names_;
+  const Zel::Name name_;
+};
+
 // Calls `remove` with the key of every member, which takes it out.
 template <class Members, class Remove>
 void removeAll(const Members& members, Remove remove) {
@@ -193,15 +213,27 @@ Zel::Ptr<ConfigReactor::ZelGpioLedConfig> ConfigReactor::gpioLedConfigIs(
   const Zel::Name name = gpioLedConfig->name();
   auto reactor = gpioLedConfig_.find(name);
   if (reactor && reactor->notifier() == gpioLedConfig.get()) return reactor;
-  if (reactor) {
+  if (reactor)
     reactor->notifierIs(gpioLedConfig);
-  } else {
-    reactor = Zel::allocate<ZelGpioLedConfig>(gpioLedConfig, *this);
-    gpioLedConfig_.insert(name, reactor);
-  }
+  else
+    reactor = newReactor(gpioLedConfig);
+  if (gpioLedConfig_.get(name) != reactor.get()) return reactor;  // a hook on a pin has removed it again
   reactor->zelDoZombieReactors(zelIsZombie());
   announceKey<&ConfigReactor::gpioLedConfig_>(name);
   gpioLedConfigNotify(name);
+  return reactor;
+}
+
+// A reactor reads its mapping while it is made. A hook on a pin that is written then may have made another
+// one for the same mapping, which is kept.
+Zel::Ptr<ConfigReactor::ZelGpioLedConfig> ConfigReactor::newReactor(
+    const Zel::Ptr<const GpioLedConfig>& gpioLedConfig) {
+  auto reactor = Zel::allocate<ZelGpioLedConfig>(gpioLedConfig, *this);
+  if (auto other = gpioLedConfig_.find(gpioLedConfig->name())) {
+    reactor->ownerDel();
+    return other;
+  }
+  gpioLedConfig_.insert(gpioLedConfig->name(), reactor);
   return reactor;
 }
 
@@ -231,12 +263,19 @@ Zel::Ptr<GpioLedStateMachine> ConfigReactor::gpioLedStateMachineIs(
       refuseReinstantiation("_hwLedConfig", hwLedConfig.get(), machine->hwLedConfig().get());
     return machine;
   }
+  if (making_.contains(name)) return nullptr;
+  Making making(making_, name);
   const auto machine = GpioLedStateMachine::GpioLedStateMachineIs(corvelGpioLedConfig, hwLedConfig);
+  addMachine(name, machine);
+  if (making.end()) createDriver(name);
+  return machine;
+}
+
+void ConfigReactor::addMachine(Zel::Name name, const Zel::Ptr<GpioLedStateMachine>& machine) {
   gpioLedStateMachine_.insert(name, machine);
   machine->hasNotificationActiveIs(true);
   announceKey<&ConfigReactor::gpioLedStateMachine_>(name);
   gpioLedStateMachineNotify(name);
-  return machine;
 }
 
 Zel::Ptr<GpioLedStateMachine> ConfigReactor::gpioLedStateMachineDel(Zel::Name name) {
@@ -289,6 +328,10 @@ Hardware::Led::LedConfig* ConfigReactor::ledOf(Zel::Name name) const {
 }
 
 void ConfigReactor::createDriver(Zel::Name name) {
+  if (making_.contains(name)) {
+    making_.insert(name, true);
+    return;
+  }
   trace(9, 225, "createDriver", [&](std::ostream& out) { out << "createDriver " << name; });
   const Zel::Ptr output(outputOf(name));
   const Zel::Ptr<const LedConfig> led(ledOf(name));

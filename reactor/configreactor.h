@@ -119,6 +119,10 @@ class ConfigReactor : public Zel::Described<ConfigReactor, Zel::Notifier> {
 
   // The state machines, by the names of their LEDs. The machine that is there is returned where it was made
   // from the same two, else NameInUseException is thrown. `Del` returns null where the name is unknown.
+  //
+  // A machine writes its pins while it is made. A hook on one of them that asks for the same machine
+  // meanwhile gets null; one that has createDriver decide on the LED has it decided as soon as the machine is
+  // there.
   const Zel::PtrMap<GpioLedStateMachine>& gpioLedStateMachine() const { return gpioLedStateMachine_; }
   Zel::Ptr<GpioLedStateMachine> gpioLedStateMachineIs(
       const Zel::Ptr<CorvelGpioLedConfig>& corvelGpioLedConfig, const Zel::Ptr<const LedConfig>& hwLedConfig);
@@ -163,6 +167,8 @@ class ConfigReactor : public Zel::Described<ConfigReactor, Zel::Notifier> {
  private:
   void resynchronise(const Zel::Ptr<const GpioLedSystemConfigDir>& dir);
   void dirEntryChanged(const Zel::Ptr<const GpioLedSystemConfigDir>& dir, Zel::Name name);
+  Zel::Ptr<ZelGpioLedConfig> newReactor(const Zel::Ptr<const GpioLedConfig>& gpioLedConfig);
+  void addMachine(Zel::Name name, const Zel::Ptr<GpioLedStateMachine>& machine);
   CorvelGpioLedConfig* outputOf(Zel::Name name) const;
   bool isReady(Zel::Name name) const;
   LedConfig* ledOf(Zel::Name name) const;
@@ -173,6 +179,8 @@ class ConfigReactor : public Zel::Described<ConfigReactor, Zel::Notifier> {
   Zel::PtrMap<GpioLedStateMachine> gpioLedStateMachine_;
   Zel::PtrMap<ZelGpioLedConfig> gpioLedConfig_;
   Zel::Ptr<CorvelGpioLedSystemConfigDir> corvelLedSystemConfig_;
+  // LEDs whose machine is being made; true beside those to decide on once more when it is there.
+  Zel::NameSet making_;
 };
 
 }  // namespace Pinlamp

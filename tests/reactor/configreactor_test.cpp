@@ -297,6 +297,40 @@ TEST_F(Configuration, LeavesNothingBehind) {
   EXPECT_EQ(ConfigReactor::typeNode().allocations().objects(), 0U);
 }
 
+TEST_F(Configuration, AHookOnAPinMayAskForTheLedWhoseMachineIsBeingMade) {
+  const std::function<void()> asks[] = {
+      [&] { reactor->createDriver("A"); },
+      [&] {
+        EXPECT_EQ(
+            reactor->gpioLedStateMachineIs(reactor->corvelLedSystemConfig()->gpioLeds("A"), leds->leds("A")),
+            nullptr);
+      },
+      [&] { reactor->gpioLedConfigIs(mappings->gpioLeds("A")); },
+      [&] { mappings->gpioLedsIs(std::vector{mappings->gpioLeds("A")}); },
+  };
+  start();
+  leds->ledsIs("A")->lightSettingIs(setting("red"));
+  for (const auto& ask : asks) {
+    spy(Zel::dynamicPtrCast<Bench::CorvelPinConfig>(pins->entryIs("A.r", "Hardware::Gpio::CorvelPinConfig")))
+        ->act = [&] {
+      if (!machine("A")) ask();
+    };
+    mappings->gpioLedsIs(mapping("A"));
+    step();
+    EXPECT_EQ(takeWrites(), Lines{"A.r=1"});
+    EXPECT_EQ(GpioLedStateMachine::typeNode().allocations().objects(), 1U);
+    EXPECT_NE(machine("A"), nullptr);
+    EXPECT_EQ(reactor->gpioLedConfig().size(), 1U);
+    mappings->gpioLedsDel("A");
+    step();
+  }
+  spy(Zel::dynamicPtrCast<Bench::CorvelPinConfig>(pins->entryIs("A.r", "Hardware::Gpio::CorvelPinConfig")))
+      ->act = [&] { reactor->handleGpioConfigCleanup("A"); };
+  mappings->gpioLedsIs(mapping("A"));
+  step();
+  EXPECT_EQ(machine("A"), nullptr) << "its pins went while it was made";
+}
+
 TEST_F(Configuration, AMachineMayBeDroppedByWhoHearsOfItsPins) {
   mappings->gpioLedsIs(mapping("A"));
   leds->ledsIs("A");

@@ -32,6 +32,7 @@ Zel::Name nameOf(Zel::Name component) {
 }
 
 Zel::Ptr<Zel::Entity> newMember(const Found& found, Zel::Name type) {
+  checkRow(type, {}, {});
   if (found.collection->direct)
     return static_cast<Zel::Dir&>(*found.parent).entryIs(found.key, Zel::String(type.view()));
   const Zel::Name wanted = found.collection->memberType().name();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <sstream>
 
+#include "platform/statedb/mount.h"
 #include "platform/zel/assert.h"
 #include "platform/zel/dir.h"
 #include "platform/zel/entity.h"
@@ -70,6 +71,8 @@ PathReader::Step PathReader::next(const Zel::TypeNode& type) {
 void checkRow(Zel::Name typeName, Zel::Name attribute, const Zel::Value& value) {
   const Zel::TypeNode* type = Zel::typeNode(typeName);
   if (!type) throw Zel::ValueError("type '" + typeName.stdString() + "' is unknown");
+  if (type->isA(Mounter::typeNode()))
+    throw Zel::ValueError("type " + typeName.stdString() + " is an agent's, which only a host makes");
   if (attribute.empty()) return;
   const Zel::AttributeInfo* row = type->find(attribute);
   if (!row || !row->stored || !row->check)

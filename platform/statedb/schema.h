@@ -40,7 +40,7 @@ class ZEL_API PathReader {
 };
 
 // Throws ValueError where an entity of that type can't hold the attribute with that value: the type is
-// unknown, the attribute is unknown or not stored, or the value is of the wrong kind. The text names the
+// unknown or an agent's, the attribute is unknown or not stored, or the value is of the wrong kind. The text names the
 // attribute and the reason, and what would be right; the path is the caller's to add. The empty attribute is
 // fine for every known type.
 ZEL_API void checkRow(Zel::Name type, Zel::Name attribute, const Zel::Value& value);

@@ -22,14 +22,14 @@ struct Options {
 class Host {
  public:
   // Opens the store, takes the socket, loads the agents and lets them declare their mounts. Throws StartError
-  // or StoreError.
+  // or StoreError, and HandlerFault where an agent throws.
   explicit Host(const Options& options);
   // Stops in order. The lights stay as they are.
   ~Host();
   Host(const Host&) = delete;
   Host& operator=(const Host&) = delete;
 
-  // Until SIGTERM or SIGINT. Throws what a handler threw, mostly as a HandlerFault.
+  // Until SIGTERM or SIGINT. Throws HandlerFault where an agent throws.
   void run();
   // After run() has thrown: leaves everything as it is but the socket's name, so that the process can end
   // without running code of a broken state.

@@ -71,6 +71,8 @@ void describe(CLI::App& app, CommandLine& line) {
 }
 
 // Every record is handed to the system at once, in one piece.
+      "Exit status: 0 stopped by a signal, 1 the start was refused, 2 a wrong command line, 70 an agent "
+      "threw.\n"
 void writeLine(int descriptor, std::string_view text) {
   std::string line(text);
   line += '\n';
@@ -102,10 +104,15 @@ void prepare(CommandLine& line) {
 void serve(Host::Host& host) {
   try {
     host.run();
+int failed(const std::exception& error, Exit status) {
+  std::cerr << "pinlampd: " << error.what() << std::endl;
+  return status;
+}
+
   } catch (const std::exception& error) {
-    std::cerr << "pinlampd: " << error.what() << std::endl;
+    const int status = failed(error, kFault);
     host.abandon();
-    std::_Exit(kFault);
+    std::_Exit(status);
   }
 }
 
@@ -116,9 +123,10 @@ int run(CommandLine& line) {
     serve(host);
     return kStopped;
   } catch (const std::exception& error) {
-    std::cerr << "pinlampd: " << error.what() << std::endl;
-    return kRefused;
+    return failed(error, kRefused);
   }
+  } catch (const Zel::HandlerFault& fault) {
+    return failed(fault, kFault);
 }
 
 }  // namespace

@@ -83,20 +83,6 @@ void* load(const std::string& library) {
   refuse(library, std::string("does not load: ") + ::dlerror() + looked);
 }
 
-// Runs a step of an agent's start; what it throws becomes a StartError.
-template <class Step>
-auto startStep(const std::string& library, Zel::Name agent, const char* what, Step&& step) {
-  const Zel::ActivityManager::AgentScope scope(agent);
-  const std::string where = "agent '" + agent.stdString() + "': " + what;
-  try {
-    return step();
-  } catch (const std::exception& error) {
-    refuse(library, where + " throws: " + error.what());
-  } catch (...) {
-    refuse(library, where + " throws something that is no std::exception");
-  }
-}
-
 }  // namespace
 
 AgentOption AgentOption::parse(const std::string& text) {
@@ -130,7 +116,7 @@ Plugin::Plugin(const AgentOption& option)
   const auto factory =
       reinterpret_cast<Factory>(::dlsym(handle_.get(), factorySymbol(option.nameSpace).c_str()));
   if (!factory) refuse(library_, "has no factory '" + wanted + "'; name its namespace: LIBRARY:NAMESPACE");
-  agent_ = startStep(library_, name_, "its factory", [&] { return factory(name_); });
+  agent_ = Zel::runForAgent(name_, "factory of '" + library_ + "'", [&] { return factory(name_); });
   if (!agent_) refuse(library_, "its factory '" + wanted + "' returned null");
 }
 
@@ -138,8 +124,8 @@ Plugin::~Plugin() = default;
 
 void Plugin::start(const Zel::Ptr<Statedb::EntityManager>& manager) {
   agent_->entityManagerIs(manager);
-  startStep(library_, name_, "doPreInit", [&] { agent_->doPreInit(); });
-  startStep(library_, name_, "doInit", [&] { agent_->doInit(); });
+  Zel::runForAgent(name_, "doPreInit", [&] { agent_->doPreInit(); });
+  Zel::runForAgent(name_, "doInit", [&] { agent_->doInit(); });
 }
 
 }  // namespace Host

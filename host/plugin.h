@@ -27,7 +27,7 @@ std::string factorySymbol(const std::string& nameSpace);
 class Plugin {
  public:
   // Loads the library and makes the agent. Throws StartError where the library is not there or does not load,
-  // has no such factory, or the factory throws or returns null.
+  // has no such factory, or the factory returns null; HandlerFault where the factory throws.
   explicit Plugin(const AgentOption& option);
   ~Plugin();
   Plugin(const Plugin&) = delete;
@@ -37,7 +37,7 @@ class Plugin {
   const std::string& library() const { return library_; }
   // Null once it was dropped.
   const Zel::Ptr<Warden::CAgent>& agent() const { return agent_; }
-  // Gives the agent its entity manager and lets it declare its mounts. Throws StartError where it throws.
+  // Gives the agent its entity manager and lets it declare its mounts. Throws HandlerFault where it throws.
   void start(const Zel::Ptr<Statedb::EntityManager>& manager);
   void dropAgent() { agent_ = nullptr; }
 

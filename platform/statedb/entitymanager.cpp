@@ -427,8 +427,9 @@ struct EntityManager::State : Zel::PassEnd {
     }
     const auto mounter = std::exchange(group.mounter_, nullptr);
     const auto manager = std::exchange(group.entityManager_, nullptr);
-    const Zel::ActivityManager::AgentScope scope(mounter->name());
-    mounter->doMountsComplete(group.failures_.empty() ? mountSuccess_ : mountFailure_, manager);
+    const MountStatus status = group.failures_.empty() ? mountSuccess_ : mountFailure_;
+    Zel::runForAgent(mounter->name(), "doMountsComplete",
+                     [&] { mounter->doMountsComplete(status, manager); });
   }
 
   void finish(const Mount& mount) {
@@ -441,7 +442,7 @@ struct EntityManager::State : Zel::PassEnd {
     const Zel::Name found = entity ? typeOf(*entity) : refused->second;
     if (found != asked)
       throw Zel::ValueError("found an entity of type " + found.stdString() + ", asked for " +
-                            asked.stdString());
+                            asked.stdString() + "; delete that entity from a host without this agent");
     std::ranges::find(mounts, path, &MountInfo::path)->complete = true;
     mounted[path] = entity;
     if (mount.mode() == "wi" &&

@@ -13,10 +13,11 @@ namespace {
 constexpr int kRounds = 64;  // of notifications that cause notifications, in one pass
 }  // namespace
 
-HandlerFault::HandlerFault(Name agent, std::string reactor, std::string text)
-    : Exception("agent '" + agent.stdString() + "', reactor " + reactor + ": " + text),
+HandlerFault::HandlerFault(Name agent, std::string place, std::string text, const std::string& suspected)
+    : Exception("agent '" + agent.stdString() + "', " + place + ": " + text +
+                (suspected.empty() ? "" : " (" + suspected + ")")),
       agent_(agent),
-      reactor_(std::move(reactor)),
+      place_(std::move(place)),
       text_(std::move(text)) {}
 HandlerFault::~HandlerFault() = default;
 
@@ -50,6 +51,10 @@ double ActivityManager::step() {
 double ActivityManager::nextWakeUp() const {
   if (!posted_.empty() || pending_.linked() || round_.linked()) return System::currentTime();
   return clock_ ? clock_->nextWakeUp() : Clock::kNever;
+}
+
+std::string ActivityManager::suspect() const {
+  return suspect_.pass == passes_ && suspect_.delivery == deliveries_ ? suspect_.text : "";
 }
 
 void ActivityManager::post(std::function<void()> task) { posted_.push_back(std::move(task)); }
@@ -95,14 +100,14 @@ namespace {
 // What the reactor is and what it watches, for a message.
 std::string describe(const NotifieeBase& notifiee, const Notifier* watched) {
   std::ostringstream text;
-  text << notifiee.fwkType().name();
+  text << "reactor " << notifiee.fwkType().name();
   if (const auto* entity = dynamic_cast<const Entity*>(watched)) text << " of " << *entity;
   return text.str();
 }
 
 }  // namespace
 
-void handlerFailed(const NotifieeBase& notifiee, const Notifier* watched) {
+void agentFailed(Name agent, const std::string& place) {
   std::string text = "an exception of no known type";
   try {
     throw;
@@ -110,7 +115,11 @@ void handlerFailed(const NotifieeBase& notifiee, const Notifier* watched) {
     text = error.what();
   } catch (...) {
   }
-  std::throw_with_nested(HandlerFault(notifiee.agent(), describe(notifiee, watched), text));
+  std::throw_with_nested(HandlerFault(agent, place, text, activityManager().suspect()));
+}
+
+void handlerFailed(const NotifieeBase& notifiee, const Notifier* watched) {
+  agentFailed(notifiee.agent(), describe(notifiee, watched));
 }
 
 }  // namespace Zel

@@ -16,20 +16,20 @@
 
 namespace Zel {
 
-// What step() throws where a handler threw; the handler's exception is nested in it.
+// Code of an agent threw: a handler, or a step of the agent's start. The exception itself is nested in this
+// one, whose text names the agent, the place, the exception's own text, and what was suspected (suspectIs).
 class ZEL_API HandlerFault : public Exception {
  public:
-  HandlerFault(Name agent, std::string reactor, std::string text);
+  HandlerFault(Name agent, std::string place, std::string text, const std::string& suspected = {});
   ~HandlerFault() override;
-  Name agent() const { return agent_; }  // empty where the reactor was made outside any agent
-  const std::string& reactor() const {
-    return reactor_;
-  }                                                  // the reactor's type and the object that it watches
-  const std::string& text() const { return text_; }  // the handler's own text
+  Name agent() const { return agent_; }  // empty where no agent was at work
+  // "reactor TYPE of OBJECT", or the step: "doInit".
+  const std::string& place() const { return place_; }
+  const std::string& text() const { return text_; }  // the exception's own
 
  private:
   Name agent_;
-  std::string reactor_;
+  std::string place_;
   std::string text_;
 };
 
@@ -69,6 +69,11 @@ class ZEL_API ActivityManager {
   // REQUIRES for the second: `end` is there. Neither is called from onPassEnd.
   void passEndIs(PassEnd& end);
   void passEndDel(PassEnd& end);
+
+  // Notes what would explain a fault of the code that runs now; its HandlerFault says so. Forgotten with the
+  // next delivery.
+  void suspectIs(std::string text) { suspect_ = {passes_, deliveries_, std::move(text)}; }
+  std::string suspect() const;
 
   std::uint64_t passes() const { return passes_; }
   std::uint64_t deliveries() const { return deliveries_; }  // reactors that were delivered to
@@ -115,11 +120,17 @@ class ZEL_API ActivityManager {
   std::uint32_t pendingFlags_ = 0;  // that any of the pending had
   std::uint64_t passes_ = 0;
   std::uint64_t deliveries_ = 0;
+  struct {
+    std::uint64_t pass = 0;
+    std::uint64_t delivery = 0;
+    std::string text;
+  } suspect_;
 };
 
 inline ActivityManager& activityManager() { return ActivityManager::current(); }
 
-// Turns the exception that is being handled into a HandlerFault.
+// Turn the exception that is being handled into a HandlerFault.
+[[noreturn]] ZEL_API void agentFailed(Name agent, const std::string& place);
 [[noreturn]] ZEL_API void handlerFailed(const NotifieeBase& notifiee, const Notifier* watched);
 
 // Calls `handler` on behalf of `notifiee`; what it throws becomes a HandlerFault. For those who deliver.
@@ -130,6 +141,17 @@ void runHandler(const NotifieeBase& notifiee, const Notifier* watched, Handler&&
     handler();
   } catch (...) {
     handlerFailed(notifiee, watched);
+  }
+}
+
+// The same for a step of an agent's start; `place` is its name.
+template <class Step>
+auto runForAgent(Name agent, const std::string& place, Step&& step) {
+  const ActivityManager::AgentScope scope(agent);
+  try {
+    return step();
+  } catch (...) {
+    agentFailed(agent, place);
   }
 }
 

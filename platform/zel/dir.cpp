@@ -1,5 +1,7 @@
 #include "platform/zel/dir.h"
 
+#include "platform/zel/activity.h"
+
 namespace Zel {
 
 const TypeNode& Dir::typeNode() {
@@ -9,8 +11,21 @@ const TypeNode& Dir::typeNode() {
 
 Dir::~Dir() { orphanChildren<&Dir::entries_>(); }
 
+namespace {
+
+void suspectType(const Entity& entity, const String& wanted) {
+  activityManager().suspectIs("'" + entity.path() + "' is there as a " + entity.fwkType().name().stdString() +
+                              ", wanted a " + wanted.stdString() +
+                              "; delete that entity, from a host without this agent if this one can't start");
+}
+
+}  // namespace
+
 Ptr<Entity> Dir::entryIs(Name name, String typeName) {
-  if (auto found = entityRef(name)) return found;
+  if (auto found = entityRef(name)) {
+    if (found->fwkType().name().view() != typeName.view()) suspectType(*found, typeName);
+    return found;
+  }
   const auto known = Name::existing(typeName.view());
   const TypeNode* type = known ? Zel::typeNode(*known) : nullptr;
   if (!type || !type->newEntityForDir())

@@ -29,8 +29,8 @@ class ZEL_API Dir : public Described<Dir, Entity> {
   // Null where there is none.
   Ptr<Entity> entityRef(Name name) const { return entries_.find(name); }
   // Creates an entry of a registered type and returns it. An entry that is there already is kept and
-  // returned, whatever its type. Throws RangeException where the type is unknown or is not made in
-  // directories.
+  // returned, whatever its type; one of another type is named by a fault that comes of it. Throws
+  // RangeException where the type is unknown or is not made in directories.
   Ptr<Entity> entryIs(Name name, String typeName);
   // Puts an entity that was made elsewhere under its own name; one of that name that was there leaves.
   void entryIs(const Ptr<Entity>& entity) { childIs<&Dir::entries_>(entity); }

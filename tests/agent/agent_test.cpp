@@ -75,6 +75,21 @@ TEST_F(AgentTest, MountsInOrderAndLightsWhatIsConfigured) {
   EXPECT_EQ(*pin[0]->find("value"), Value(1));
 }
 
+TEST_F(AgentTest, AnEntityThatKeepsItFromStartingIsNamed) {
+  store.write({Change::put("hardware/corvel/gpio/config/gpio7", "Zel::Dir", "", {})},
+              Statedb::Durability::stored);
+  try {
+    mount();
+    ADD_FAILURE();
+  } catch (const Zel::HandlerFault& fault) {
+    EXPECT_STREQ(
+        fault.what(),
+        "agent 'lamps', doMountsComplete: null ValidPtr ('hardware/corvel/gpio/config/gpio7' is there as a "
+        "Zel::Dir, wanted a Hardware::Gpio::CorvelPinConfig; delete that entity, from a host without this "
+        "agent if this one can't start)");
+  }
+}
+
 TEST_F(AgentTest, KeepsOneReactorForTheSameThreeDirectories) {
   EXPECT_EQ(agent->configReactorDel(), nullptr);
   mount();

@@ -6,6 +6,7 @@
 
 #include "folder.h"
 #include "host/starterror.h"
+#include "platform/zel/activity.h"
 
 namespace {
 
@@ -50,8 +51,6 @@ TEST(Plugin, WhatCantBeLoadedIsRefusedWithItsReason) {
       {folder.at("text.so"), "does not load"},
       {agents, "has no factory 'Pinlamp::agentFactory(Zel::Name)'"},
       {agents + ":Null", "returned null"},
-      {agents + ":Throwing:lamp", "agent 'lamp': its factory throws: no lamp oil"},
-      {agents + ":Odd::Inner", "no std::exception"},
   };
   for (const auto& [option, reason] : cases) {
     try {
@@ -59,6 +58,18 @@ TEST(Plugin, WhatCantBeLoadedIsRefusedWithItsReason) {
       ADD_FAILURE() << option << " was loaded";
     } catch (const StartError& error) {
       EXPECT_THAT(error.what(), HasSubstr(reason));
+    }
+  }
+}
+
+TEST(Plugin, AFactoryThatThrowsIsAFaultOfItsAgent) {
+  for (const auto& [option, text] : {std::pair{":Throwing:lamp", "no lamp oil"},
+                                     std::pair{":Odd::Inner:lamp", "an exception of no known type"}}) {
+    try {
+      const Plugin plugin(AgentOption::parse(std::string(TEST_AGENTS) + option));
+      ADD_FAILURE() << option << " was loaded";
+    } catch (const Zel::HandlerFault& fault) {
+      EXPECT_EQ(fault.what(), std::string("agent 'lamp', factory of '" TEST_AGENTS "': ") + text);
     }
   }
 }

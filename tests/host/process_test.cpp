@@ -108,12 +108,20 @@ TEST(Pinlampd, SaysWhenItIsReadyRefusesASecondOneAndStopsInOrder) {
   EXPECT_FALSE(std::filesystem::exists(socket));
 }
 
-TEST(Pinlampd, AHandlerThatThrowsEndsItWithTheNamesOfAgentAndReactor) {
-  const Folder folder;
-  Process process(folder, {"--socket", folder.at("socket"), "--agent", TEST_AGENTS ":Faulty:lamp"});
-  EXPECT_EQ(process.exitStatus(), 70);
-  EXPECT_THAT(process.errors(), HasSubstr("agent 'lamp', reactor Test::Alarm: the lamp fell over"));
-  EXPECT_FALSE(std::filesystem::exists(folder.at("socket")));
+TEST(Pinlampd, AnAgentThatThrowsEndsItWithTheNamesOfAgentAndPlace) {
+  const std::pair<const char*, const char*> cases[] = {
+      {TEST_AGENTS ":Faulty:lamp", "agent 'lamp', reactor Test::Alarm: the lamp fell over"},
+      {TEST_AGENTS ":Throwing:lamp", "agent 'lamp', factory of '" TEST_AGENTS "': no lamp oil"},
+      {TEST_AGENTS ":Unwilling:lamp", "agent 'lamp', doInit: not today"},
+      {TEST_AGENTS ":Late:lamp", "agent 'lamp', doMountsComplete: too late"},
+  };
+  for (const auto& [agent, text] : cases) {
+    const Folder folder;
+    Process process(folder, {"--socket", folder.at("socket"), "--agent", agent});
+    EXPECT_EQ(process.exitStatus(), 70) << agent;
+    EXPECT_THAT(process.errors(), HasSubstr(text));
+    EXPECT_FALSE(std::filesystem::exists(folder.at("socket")));
+  }
 }
 
 TEST(Pinlampd, AWrongCommandLineIsTwoAndARefusedStartIsOne) {

@@ -43,7 +43,27 @@ class Agent : public Zel::Described<Agent, Warden::CAgent> {
   const Zel::Ptr<Alarm> alarm_ = Zel::allocate<Alarm>(Zel::activityManager().clock());
 };
 
+struct UnwillingAgent : Agent {
+  explicit UnwillingAgent(Zel::Name name) : Agent(name, Zel::Clock::kNever) {}
+  void doInit() override { throw std::runtime_error("not today"); }
+};
+
+struct LateAgent : Agent {
+  explicit LateAgent(Zel::Name name) : Agent(name, Zel::Clock::kNever) {}
+  void doMountsComplete(Statedb::MountStatus, const Zel::Ptr<Statedb::EntityManager>&) override {
+    throw std::runtime_error("too late");
+  }
+};
+
 }  // namespace
+
+namespace Unwilling {
+ZEL_API Zel::Ptr<Warden::CAgent> agentFactory(Zel::Name name) { return Zel::allocate<UnwillingAgent>(name); }
+}  // namespace Unwilling
+
+namespace Late {
+ZEL_API Zel::Ptr<Warden::CAgent> agentFactory(Zel::Name name) { return Zel::allocate<LateAgent>(name); }
+}  // namespace Late
 
 namespace Plain {
 ZEL_API Zel::Ptr<Warden::CAgent> agentFactory(Zel::Name name) {

@@ -21,20 +21,27 @@ Json argumentOf(const std::string& text) {
 
 namespace {
 
-void printTree(std::ostream& out, const Json& node, const std::string& above, std::size_t depth) {
+// Returns whether the host left anything out.
+bool printTree(std::ostream& out, const Json& node, const std::string& above, std::size_t depth) {
   const std::string path = node.at("path");
   const std::string own = above.empty() ? path : path.substr(above.size() + 1);
   out << std::string(depth * 2, ' ') << own << "  " << bare(node.at("type"))
       << (node.contains("seen") ? "  (above)" : "") << '\n';
-  for (const Json& member : node.value("members", Json::array())) printTree(out, member, path, depth + 1);
+  const Json omitted = node.value("omitted", Json::object());
+  bool cut = !omitted.empty();
+  for (const Json& member : node.value("members", Json::array()))
+    cut |= printTree(out, member, path, depth + 1);
+  for (const auto& [attribute, count] : omitted.items())
+    out << std::string(depth * 2 + 2, ' ') << "and " << count << " more in " << attribute << '\n';
+  return cut;
 }
 
 void tree(Context& context, const std::string& path, bool json) {
   const Json node = callObject(context.client(), "tree", path);
   if (json)
     context.out << node.dump(2) << '\n';
-  else
-    printTree(context.out, node, "", 0);
+  else if (printTree(context.out, node, "", 0))
+    context.out << "The answer was cut; give the path of an object in the tree to see more of it.\n";
 }
 
 // What an attribute holds, where that is not an object or a collection.
@@ -123,7 +130,8 @@ void addGet(CLI::App& object, Context& context) {
 void addSet(CLI::App& object, Context& context) {
   const auto given = std::make_shared<Given>();
   CLI::App* command = addObjectCommand(
-      object, context, given, "set", "Sets an attribute, or makes a member of a collection",
+      object, context, given, "set",
+      "Sets an attribute, or makes a member of a collection, where the host allows it",
       "pinlampctl object set agent/configReactor/gpioLedStateMachine/Status/flashingState true");
   command->get_option("PATH")->required();
   command->add_option("VALUE", given->values, "JSON, a bare text, or the name or path of an object");
@@ -134,9 +142,9 @@ void addSet(CLI::App& object, Context& context) {
 
 void addDel(CLI::App& object, Context& context) {
   const auto given = std::make_shared<Given>();
-  CLI::App* command =
-      addObjectCommand(object, context, given, "del", "Removes an attribute or a member",
-                       "pinlampctl object del agent/configReactor/gpioLedStateMachine/Status");
+  CLI::App* command = addObjectCommand(
+      object, context, given, "del", "Removes an attribute or a member, where the host allows it",
+      "pinlampctl object del agent/configReactor/gpioLedStateMachine/Status");
   command->get_option("PATH")->required();
   command->callback([&context, given] {
     print(context, callObject(context.client(), "delete", given->path), given->json);
@@ -146,7 +154,7 @@ void addDel(CLI::App& object, Context& context) {
 void addCall(CLI::App& object, Context& context) {
   const auto given = std::make_shared<Given>();
   CLI::App* command = addObjectCommand(
-      object, context, given, "call", "Invokes a procedure of an object",
+      object, context, given, "call", "Invokes a procedure of an object, where the host allows it",
       "pinlampctl object call agent/configReactor/gpioLedStateMachine/Status handleCorvelGpioGreen Status 1");
   command->get_option("PATH")->required();
   context
@@ -162,8 +170,11 @@ void addCall(CLI::App& object, Context& context) {
 }  // namespace
 
 void addObjectCommands(CLI::App& app, Context& context) {
-  CLI::App* object = addCommand(app, "object", "Inspects and drives live objects of the host by name",
-                                "pinlampctl object tree");
+  CLI::App* object =
+      addCommand(app, "object",
+                 "Inspects live objects of the host by name, and drives them where it was started "
+                 "with --allow-object-writes",
+                 "pinlampctl object tree");
   object->require_subcommand(1);
   addTree(*object, context);
   addGet(*object, context);

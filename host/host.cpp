@@ -12,9 +12,11 @@ Host::Host(const Options& options)
     : store_(makeStore(options.store, loop_, [this](const std::string& text) { report(text); })),
       listener_(std::make_unique<Listener>(loop_, options.socket)),
       manager_(Zel::allocate<Statedb::EntityManager>(*store_)),
-      served_{.store = *store_,
-              .manager = *manager_,
-              .objects = {[this] { return roots(); }, [this] { return manager_->root(); }}} {
+      served_{
+          .store = *store_,
+          .manager = *manager_,
+          .objects = {[this] { return roots(); }, [this] { return manager_->root(); },
+                      options.allowObjectWrites ? Objects::Access::writable : Objects::Access::readOnly}} {
   manager_->reportIs([this](const std::string& text) { report(text); });
   try {
     loadAgents(options.agents);

@@ -17,6 +17,7 @@ struct Options {
   std::string store = "memory:";
   std::vector<AgentOption> agents;
   std::string socket = "/run/pinlamp/control.sock";
+  bool allowObjectWrites = false;  // whether clients of the socket may set, delete and invoke live objects
 };
 
 class Host {

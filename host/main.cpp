@@ -54,6 +54,10 @@ void describe(CLI::App& app, CommandLine& line) {
   app.add_option("--socket", line.host.socket, "the control socket")
       ->type_name("PATH")
       ->capture_default_str();
+  app.add_flag(
+      "--allow-object-writes", line.host.allowObjectWrites,
+      "let clients of the socket set, delete and invoke live objects, not only read them; for trials: "
+      "what an object's own operations do not survive ends the host");
   app.add_option("--trace", line.traces,
                  "trace levels to switch on: Pinlamp/3,6-9; may be given several times")
       ->type_name("FACILITY/LEVELS")
@@ -67,12 +71,12 @@ void describe(CLI::App& app, CommandLine& line) {
       ->capture_default_str();
   app.set_version_flag("--version", "pinlampd " PINLAMP_VERSION);
   app.footer(
+      "Exit status: 0 stopped by a signal, 1 the start was refused, 2 a wrong command line, 70 an agent "
+      "threw.\n"
       "Example: pinlampd --store sqlite:/var/lib/pinlamp/state.db --agent libpinlamp.so --trace Pinlamp/3,6");
 }
 
 // Every record is handed to the system at once, in one piece.
-      "Exit status: 0 stopped by a signal, 1 the start was refused, 2 a wrong command line, 70 an agent "
-      "threw.\n"
 void writeLine(int descriptor, std::string_view text) {
   std::string line(text);
   line += '\n';
@@ -100,15 +104,15 @@ void prepare(CommandLine& line) {
   Cell::cellIdIs(line.cell);
 }
 
-// A fault ends the process at once: nothing that it may have left half done runs on.
-void serve(Host::Host& host) {
-  try {
-    host.run();
 int failed(const std::exception& error, Exit status) {
   std::cerr << "pinlampd: " << error.what() << std::endl;
   return status;
 }
 
+// A fault ends the process at once: nothing that it may have left half done runs on.
+void serve(Host::Host& host) {
+  try {
+    host.run();
   } catch (const std::exception& error) {
     const int status = failed(error, kFault);
     host.abandon();
@@ -122,11 +126,11 @@ int run(CommandLine& line) {
     Host::Host host(line.host);
     serve(host);
     return kStopped;
+  } catch (const Zel::HandlerFault& fault) {
+    return failed(fault, kFault);
   } catch (const std::exception& error) {
     return failed(error, kRefused);
   }
-  } catch (const Zel::HandlerFault& fault) {
-    return failed(fault, kFault);
 }
 
 }  // namespace

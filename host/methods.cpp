@@ -285,6 +285,7 @@ std::string Methods::object(const Zel::Value& parameters, Watches&) const {
     throw Zel::ValueError("'operation': found \"" + name +
                           "\", wanted tree, list, get, set, delete, iterate or invoke");
   const std::string& path = textField(parameters, "path");
+  pathComponents(path);
   const auto arguments = argumentsField(parameters);
   const std::size_t depth = depthField(parameters);
   try {

@@ -1,9 +1,10 @@
 #include "host/object.h"
 
 #include <algorithm>
-#include <set>
-#include <sstream>
+#include <unordered_set>
 
+#include "platform/statedb/schema.h"
+#include "platform/warden/cagent.h"
 #include "platform/zel/entity.h"
 
 namespace Host {
@@ -17,134 +18,60 @@ using Zel::ValueError;
 
 namespace {
 
-std::vector<std::string> componentsOf(const std::string& path) {
-  std::vector<std::string> components;
-  std::stringstream stream(path);
-  for (std::string component; std::getline(stream, component, '/');) {
-    if (component.empty()) throw ValueError("'" + path + "' has an empty component");
-    components.push_back(component);
-  }
-  return components;
-}
-
-// Calls `function` for every published row of a type, its bases' first, less those of a base that the type
-// replaces.
-template <class Function>
-void forEachRow(const Zel::TypeNode& type, Function&& function) {
-  for (Zel::AttributeIndex index = 0; index < type.endIndex(); ++index)
-    if (const auto& row = type.attribute(index);
-        row.kind != Kind::reserved && type.indexOf(row.name) == index)
-      function(row);
-}
-
 // Whether a reference of an object leads to the entity that it stands under.
-bool leadsUp(const Zel::Notifier& object, const Zel::Notifier* target) {
-  const auto* entity = dynamic_cast<const Zel::Entity*>(&object);
-  return entity && entity->parent() && entity->parent() == target;
+bool leadsUp(const ObjectRef& at, const ObjectRef& target) {
+  const auto* entity = dynamic_cast<const Zel::Entity*>(at.object.get());
+  return entity && entity->parent() && entity->parent() == target.object.get();
 }
 
-const AttributeInfo* directRow(const Zel::TypeNode& type) {
-  const AttributeInfo* direct = nullptr;
-  forEachRow(type, [&](const AttributeInfo& row) {
-    if (row.direct) direct = &row;
-  });
-  return direct;
+// What a pointer leads to; null where it is null, or leads up.
+ObjectRef targetOf(const ObjectRef& at, const AttributeInfo& row) {
+  ObjectRef target = objectOf(row.get(notifierOf(at), {}));
+  return leadsUp(at, target) ? ObjectRef{} : target;
 }
 
-ObjectRef objectOf(const Value& value) {
-  const auto* object = value.as<Value::Object>();
-  if (!object) return {};
-  return {Zel::dynamicPtrCast<const Zel::Notifier>(object->pointer), object->isConst, nullptr, {}};
+[[noreturn]] void refuse(Operation operation, const std::string& on) {
+  Zel::throwOperationNotSupportedException("operation " + Zel::String(Zel::operationText(operation)) +
+                                           " is not supported on " + on);
 }
 
-ObjectRef memberOf(const ObjectRef& at, const AttributeInfo& row, Zel::Name key) {
-  const Value name = key.view();
-  ObjectRef member = objectOf(row.get(*at.object, {&name, 1}));
-  member.isConst |= at.isConst;
-  return member;
+Value perform(const ObjectRef& at, Operation operation, const Value::List& arguments) {
+  const Zel::AttributeIndex index = at.object->fwkType().indexOf(at.attribute->name);
+  return Zel::GenericIf::perform(const_cast<Zel::Notifier&>(notifierOf(at)), operation, index, arguments);
 }
 
-std::string textsOf(const Value& list) {
-  std::string texts;
-  for (const Value& each : *list.as<Value::List>())
-    texts += (texts.empty() ? "" : ", ") + *each.field("name")->as<std::string>();
-  return texts.empty() ? "nothing" : texts;
+// Throws unless what the path leads to is an attribute that has the operation.
+void expectSupported(const ObjectRef& at, Operation operation) {
+  if (!at.attribute) refuse(operation, "an object; name one of its attributes: " + candidatesText(at));
+  if (at.key && at.attribute->kind == Kind::collection) throwNoMember(at);
+  const std::string name = "'" + std::string(at.attribute->name) + "'";
+  if (at.key) refuse(operation, "one name of " + name + "; ask for " + name + " as a whole");
+  if (!Zel::allows(at.attribute->operations, operation)) perform(at, operation, {});  // throws
+  const bool reads = operation == Operation::get || operation == Operation::iterate;
+  if (at.isConst && !reads) throw ValueError("the object may be read only");
 }
 
-Value operationsOf(const AttributeInfo& row) {
-  Value::List texts;
-  for (const Operation one :
-       {Operation::get, Operation::set, Operation::del, Operation::iterate, Operation::invoke})
-    if (Zel::allows(row.operations, one)) texts.emplace_back(Zel::operationText(one));
-  return texts;
+// The truth value beside one name of a set. Throws ValueError where the set does not have the name.
+Value nameValue(const ObjectRef& at) {
+  const Value names = at.attribute->get(notifierOf(at), {});
+  if (const Value* value = names.field(*at.key)) return *value;
+  const auto* list = names.as<Value::List>();
+  if (!list || std::ranges::find(*list, Value(*at.key)) == list->end()) throwNoMember(at);
+  return true;
 }
 
-Value rowValue(const AttributeInfo& row) {
-  return Value::Fields{{"name", row.name},
-                       {"kind", Zel::kindText(row.kind)},
-                       {"type", row.type ? row.type() : std::string()},
-                       {"operations", operationsOf(row)}};
-}
-
-Value keyValue(Zel::Name key, const AttributeInfo& row) {
-  return Value::Fields{{"name", Zel::escapeComponent(key.view())},
-                       {"kind", "member"},
-                       {"type", row.type()},
-                       {"operations", Value::List{}}};
-}
-
-// What may follow an object or a collection in a path.
-Value nextComponents(const ObjectRef& at) {
-  Value::List list;
-  if (at.attribute) {
-    if (at.attribute->keys && !at.key)
-      for (const Zel::Name key : at.attribute->keys(*at.object)) list.push_back(keyValue(key, *at.attribute));
-    return list;
-  }
-  if (const AttributeInfo* direct = directRow(at.object->fwkType()))
-    for (const Zel::Name key : direct->keys(*at.object)) list.push_back(keyValue(key, *direct));
-  forEachRow(at.object->fwkType(), [&](const AttributeInfo& row) { list.push_back(rowValue(row)); });
-  return list;
-}
-
-ValueError noMember(const ObjectRef& at) {
-  return ValueError("'" + at.key->stdString() + "' is no member of '" + at.attribute->name + "'; there is " +
-                    textsOf(nextComponents({at.object, at.isConst, at.attribute, {}})));
-}
-
-// One component further. Throws ValueError where it leads nowhere.
-ObjectRef step(const ObjectRef& at, const std::string& component) {
-  if (at.attribute && at.attribute->kind == Kind::collection && !at.key) {
-    const Zel::Name key(Zel::unescapeComponent(component));
-    const ObjectRef member = memberOf(at, *at.attribute, key);
-    return member.object ? member : ObjectRef{at.object, at.isConst, at.attribute, key};
-  }
-  if (!at.attribute) {
-    const Zel::TypeNode& type = at.object->fwkType();
-    if (const AttributeInfo* direct = directRow(type)) {
-      const ObjectRef entry = memberOf(at, *direct, Zel::Name(Zel::unescapeComponent(component)));
-      if (entry.object) return entry;
-    }
-    if (const AttributeInfo* row = type.find(std::string_view(component)))
-      return {at.object, at.isConst, row, {}};
-  }
-  if (at.key) throw noMember(at);
-  throw ValueError("'" + component + "' leads nowhere; there is " + textsOf(nextComponents(at)));
-}
-
-// A pointer that a path goes on behind is followed.
-ObjectRef follow(const ObjectRef& at) {
-  if (!at.attribute || at.attribute->kind != Kind::pointer) return at;
-  ObjectRef object = objectOf(at.attribute->get(*at.object, {}));
-  if (!object.object) throw ValueError("'" + std::string(at.attribute->name) + "' is null");
-  object.isConst |= at.isConst;
-  return object;
+// Whether an agent's procedure is a step of its start, which its host takes once.
+bool isStartUp(const ObjectRef& at) {
+  const std::string_view name = at.attribute ? at.attribute->name : "";
+  return (name == "doInit" || name == "doMountsComplete") &&
+         at.object->fwkType().isA(Warden::CAgent::typeNode());
 }
 
 }  // namespace
 
-ObjectRef Objects::resolve(const std::string& path) const {
-  const auto components = componentsOf(path);
+ObjectRef Objects::resolve(const std::string& path) const { return resolve(pathComponents(path)); }
+
+ObjectRef Objects::resolve(const std::vector<std::string>& components) const {
   if (components.empty())
     throw ValueError("the path is empty; it starts at an agent (agent) or a mounted entity (hardware)");
   const auto roots = roots_();
@@ -159,61 +86,81 @@ ObjectRef Objects::resolve(const std::string& path) const {
   return at;
 }
 
-Value Objects::perform(const std::string& path, Operation operation, const Value::List& arguments) const {
-  const ObjectRef at = resolve(path);
-  if (!at.attribute)
-    throw ValueError("'" + path +
-                     "' is an object; name one of its attributes: " + textsOf(nextComponents(at)));
-  const bool reads = operation == Operation::get || operation == Operation::iterate;
-  if (at.isConst && !reads) throw ValueError("'" + path + "' may be read only");
-  const Zel::TypeNode& type = at.object->fwkType();
-  Value::List all = arguments;
-  if (at.key && operation == Operation::del) all.insert(all.begin(), Value(at.key->view()));
-  return Zel::GenericIf::perform(const_cast<Zel::Notifier&>(*at.object), operation,
-                                 type.indexOf(at.attribute->name), all);
+void Objects::expectWritable() const {
+  if (access_ != Access::writable)
+    throw ValueError(
+        "live objects may only be read; to set, delete or invoke them, start pinlampd with "
+        "--allow-object-writes");
 }
 
 Value Objects::get(const std::string& path) const {
   const ObjectRef at = resolve(path);
   if (!at.attribute) return Value::Object{at.object, at.isConst};
-  if (at.key) throw noMember(at);
-  return perform(path, Operation::get, {});
+  if (at.key && at.attribute->kind == Kind::names) return nameValue(at);
+  expectSupported(at, Operation::get);
+  return perform(at, Operation::get, {});
+}
+
+Value Objects::iterate(const std::string& path) const {
+  const ObjectRef at = resolve(path);
+  expectSupported(at, Operation::iterate);
+  return perform(at, Operation::iterate, {});
 }
 
 Value Objects::set(const std::string& path, const Value::List& arguments) const {
-  const ObjectRef at = resolve(path);
-  if (!at.attribute) return perform(path, Operation::set, arguments);
-  Value::List given = arguments;
-  if (at.key) given.insert(given.begin(), Value(at.key->view()));
-  const Zel::Parameter plain{at.attribute->name, at.attribute->type};
-  for (std::size_t i = at.key ? 1 : 0; i < given.size(); ++i)
-    given[i] =
-        coerce(path, i < at.attribute->parameters.size() ? at.attribute->parameters[i] : plain, given[i]);
-  return perform(path, Operation::set, given);
+  expectWritable();
+  ObjectRef at = resolve(path);
+  // A collection whose setter takes no objects makes a member of the key.
+  Value::List given;
+  if (at.key && at.attribute->kind == Kind::collection && at.attribute->parameters.empty())
+    given.emplace_back(*std::exchange(at.key, std::nullopt));
+  expectSupported(at, Operation::set);
+  std::ranges::move(coerced(path, *at.attribute, arguments), std::back_inserter(given));
+  return perform(at, Operation::set, given);
 }
 
 Value Objects::del(const std::string& path) const {
-  // A member that is there is found as an object: its collection and key are the last two components.
-  const std::size_t slash = path.rfind('/');
-  if (slash != std::string::npos) {
-    const ObjectRef above = follow(resolve(path.substr(0, slash)));
-    const Value key = Zel::unescapeComponent(path.substr(slash + 1));
-    if (above.attribute && above.attribute->kind == Kind::collection)
-      return perform(path.substr(0, slash), Operation::del, {key});
-    if (const AttributeInfo* direct = above.attribute ? nullptr : directRow(above.object->fwkType());
-        direct && memberOf(above, *direct, Zel::Name(*key.as<std::string>())).object)
-      return perform(path.substr(0, slash) + '/' + direct->name, Operation::del, {key});
+  expectWritable();
+  auto components = pathComponents(path);
+  ObjectRef at = resolve(components);
+  if (at.attribute || components.size() < 2) {
+    expectSupported(at, Operation::del);
+    return perform(at, Operation::del, {});
   }
-  return perform(path, Operation::del, {});
+  // A member leaves the collection that the path led through.
+  const Value key = Zel::unescapeComponent(components.back());
+  components.pop_back();
+  at = follow(resolve(components));
+  if (!at.attribute) at.attribute = directRow(at.object->fwkType());
+  expectSupported(at, Operation::del);
+  return perform(at, Operation::del, {key});
 }
 
 Value Objects::call(const std::string& path, const Value::List& arguments) const {
+  expectWritable();
   const ObjectRef at = resolve(path);
+  expectSupported(at, Operation::invoke);
+  if (isStartUp(at)) refuse(Operation::invoke, "'" + path + "': only the host starts an agent");
+  return perform(at, Operation::invoke, coerced(path, *at.attribute, arguments));
+}
+
+Value::List Objects::coerced(const std::string& path, const AttributeInfo& row,
+                             const Value::List& arguments) const {
   Value::List given = arguments;
-  if (at.attribute)
-    for (std::size_t i = 0; i < std::min(given.size(), at.attribute->parameters.size()); ++i)
-      given[i] = coerce(path, at.attribute->parameters[i], given[i]);
-  return perform(path, Operation::invoke, given);
+  if (row.direct) {  // the type of an entry
+    for (const Value& type : given)
+      if (const auto* text = type.as<std::string>())
+        Statedb::checkRow(Zel::Name::existing(*text).value_or(Zel::Name()), {}, {});
+    return given;
+  }
+  const Zel::Parameter plain{row.name, row.type};
+  for (std::size_t i = 0; i < given.size(); ++i)
+    given[i] = coerce(path, i < row.parameters.size() ? row.parameters[i] : plain, given[i]);
+  for (std::size_t i = 0; i < std::min(given.size(), row.parameters.size()); ++i)
+    if (given[i].isNull())
+      throw ValueError("argument " + std::to_string(i + 1) + " is null, wanted a " +
+                       row.parameters[i].type());
+  return given;
 }
 
 Value Objects::coerce(const std::string& path, const Zel::Parameter& parameter, const Value& given) const {
@@ -232,15 +179,16 @@ namespace {
 // Visits every object that can be reached from `at`, nearest first, each once, parents left out; `visit` says
 // whether to go on.
 template <class Visit>
-bool walk(const ObjectRef& at, std::set<const void*>& seen, Visit&& visit) {
+bool walk(const ObjectRef& at, std::unordered_set<const void*>& seen, Visit&& visit) {
   if (!at.object || !seen.insert(at.object.get()).second) return true;
   if (!visit(at)) return false;
   bool goOn = true;
   forEachRow(at.object->fwkType(), [&](const AttributeInfo& row) {
     if (!goOn) return;
-    if (row.kind == Kind::pointer) goOn = walk(objectOf(row.get(*at.object, {})), seen, visit);
+    if (row.kind == Kind::pointer) goOn = walk(targetOf(at, row), seen, visit);
     if (row.kind != Kind::collection) return;
-    for (const Zel::Name key : row.keys(*at.object)) goOn = goOn && walk(memberOf(at, row, key), seen, visit);
+    for (const Zel::Name key : row.keys(notifierOf(at)))
+      goOn = goOn && walk(memberOf(at, row, key), seen, visit);
   });
   return goOn;
 }
@@ -250,7 +198,7 @@ bool walk(const ObjectRef& at, std::set<const void*>& seen, Visit&& visit) {
 Ptr<const Zel::PtrInterface> Objects::named(const std::string& path, const Zel::TypeNode& type,
                                             const std::string& name) const {
   Ptr<const Zel::PtrInterface> found;
-  std::set<const void*> seen;
+  std::unordered_set<const void*> seen;
   walk(resolve(path.substr(0, path.find('/'))), seen, [&](const ObjectRef& at) {
     const auto* entity = dynamic_cast<const Zel::Entity*>(at.object.get());
     if (entity && entity->fwkType().isA(type) && entity->name().view() == name) found = at.object;
@@ -259,54 +207,117 @@ Ptr<const Zel::PtrInterface> Objects::named(const std::string& path, const Zel::
   return found;
 }
 
+namespace {
+
+Value operationsOf(const AttributeInfo& row) {
+  Value::List texts;
+  for (const Operation one :
+       {Operation::get, Operation::set, Operation::del, Operation::iterate, Operation::invoke})
+    if (Zel::allows(row.operations, one)) texts.emplace_back(Zel::operationText(one));
+  return texts;
+}
+
+Value componentValue(std::string name, const char* kind, std::string type, Value operations) {
+  return Value::Fields{{"name", std::move(name)},
+                       {"kind", kind},
+                       {"type", std::move(type)},
+                       {"operations", std::move(operations)}};
+}
+
+void addKeys(Value::List& list, const ObjectRef& at, const AttributeInfo& row) {
+  for (const Zel::Name key : row.keys(notifierOf(at)))
+    list.push_back(componentValue(Zel::escapeComponent(key.view()), "member", row.type(), Value::List{}));
+}
+
+// What may follow an object or a collection in a path.
+Value::List nextComponents(const ObjectRef& at) {
+  Value::List list;
+  if (at.key && at.attribute->kind == Kind::collection) throwNoMember(at);
+  if (at.attribute) {
+    if (at.attribute->keys && !at.key) addKeys(list, at, *at.attribute);
+    return list;
+  }
+  const Zel::TypeNode& type = at.object->fwkType();
+  if (const AttributeInfo* direct = directRow(type)) addKeys(list, at, *direct);
+  forEachRow(type, [&](const AttributeInfo& row) {
+    list.push_back(componentValue(row.name, Zel::kindText(row.kind), row.type ? row.type() : std::string(),
+                                  operationsOf(row)));
+  });
+  return list;
+}
+
+}  // namespace
+
 Value Objects::list(const std::string& path) const {
   if (!path.empty()) return nextComponents(follow(resolve(path)));
   Value::List list;
   for (const Root& root : roots_())
-    list.push_back(Value::Fields{{"name", root.name},
-                                 {"kind", "agent"},
-                                 {"type", root.object->fwkType().name().view()},
-                                 {"operations", Value::List{}}});
-  const Value entries = nextComponents({entityRoot_(), false, nullptr, {}});
-  for (const Value& entry : *entries.as<Value::List>())
-    if (*entry.field("kind") == Value("member")) list.push_back(entry);
+    list.push_back(
+        componentValue(root.name, "agent", root.object->fwkType().name().stdString(), Value::List{}));
+  const Ptr<Zel::Dir> entities = entityRoot_();
+  addKeys(list, {entities, false, nullptr, {}}, *directRow(entities->fwkType()));
   return list;
 }
 
 namespace {
 
-Value treeOf(const ObjectRef& at, const std::string& path, std::size_t depth, std::set<const void*>& seen) {
-  Value node = Value::Fields{{"path", path}, {"type", at.object->fwkType().name().view()}};
-  if (!seen.insert(at.object.get()).second) {
-    node.fieldIs("seen", true);  // listed where it was first met
+class Tree {
+ public:
+  Value of(const ObjectRef& at, const std::string& path, std::size_t depth) {
+    --left_;
+    Value node = Value::Fields{{"path", path}, {"type", at.object->fwkType().name().view()}};
+    if (!seen_.insert(at.object.get()).second)
+      node.fieldIs("seen", true);
+    else if (depth > 0)
+      addMembers(node, at, path, depth - 1);
     return node;
   }
-  Value::List members;
-  const auto add = [&](const ObjectRef& member, const std::string& component) {
-    if (member.object) members.push_back(treeOf(member, path + '/' + component, depth - 1, seen));
-  };
-  forEachRow(at.object->fwkType(), [&](const AttributeInfo& row) {
-    if (depth == 0) return;
-    if (row.kind == Kind::pointer) {
-      const ObjectRef target = objectOf(row.get(*at.object, {}));
-      if (!leadsUp(*at.object, target.object.get())) add(target, row.name);
-    }
-    if (row.kind != Kind::collection) return;
-    for (const Zel::Name key : row.keys(*at.object))
-      add(memberOf(at, row, key),
-          (row.direct ? "" : row.name + std::string("/")) + Zel::escapeComponent(key.view()));
-  });
-  if (!members.empty()) node.fieldIs("members", std::move(members));
-  return node;
-}
+
+ private:
+  void addMembers(Value& node, const ObjectRef& at, const std::string& path, std::size_t depth) {
+    Value::List members;
+    Value::Fields omitted;
+    forEachRow(at.object->fwkType(), [&](const AttributeInfo& row) {
+      std::size_t omits = 0;
+      if (row.kind == Kind::pointer) omits = addTarget(members, at, row, path, depth);
+      if (row.kind == Kind::collection) omits = addCollection(members, at, row, path, depth);
+      if (omits > 0) omitted.emplace_back(row.name, static_cast<std::int64_t>(omits));
+    });
+    if (!members.empty()) node.fieldIs("members", std::move(members));
+    if (!omitted.empty()) node.fieldIs("omitted", std::move(omitted));
+  }
+
+  // Both return how many objects were left out.
+  std::size_t addTarget(Value::List& members, const ObjectRef& at, const AttributeInfo& row,
+                        const std::string& path, std::size_t depth) {
+    const ObjectRef target = targetOf(at, row);
+    if (!target.object) return 0;
+    if (left_ == 0) return 1;
+    members.push_back(of(target, path + '/' + row.name, depth));
+    return 0;
+  }
+  std::size_t addCollection(Value::List& members, const ObjectRef& at, const AttributeInfo& row,
+                            const std::string& path, std::size_t depth) {
+    const std::string above = path + '/' + (row.direct ? "" : row.name + std::string("/"));
+    const auto keys = row.keys(notifierOf(at));
+    std::size_t done = 0;
+    for (; done < std::min(keys.size(), Objects::kTreeMembers) && left_ > 0; ++done)
+      members.push_back(
+          of(memberOf(at, row, keys[done]), above + Zel::escapeComponent(keys[done].view()), depth));
+    return keys.size() - done;
+  }
+
+  std::unordered_set<const void*> seen_;
+  std::size_t left_ = Objects::kTreeObjects;
+};
 
 }  // namespace
 
 Value Objects::tree(const std::string& path, std::size_t depth) const {
   const ObjectRef at = follow(resolve(path));
-  if (at.attribute) throw ValueError("'" + path + "' is no object");
-  std::set<const void*> seen;
-  return treeOf(at, path, depth, seen);
+  if (at.key && at.attribute->kind == Kind::collection) throwNoMember(at);
+  if (at.attribute) throw ValueError("'" + std::string(at.attribute->name) + "' is no object");
+  return Tree().of(at, path, depth);
 }
 
 Value Objects::describe(const Value& value) {

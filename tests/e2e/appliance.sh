@@ -148,6 +148,9 @@ refused "a second pinlampd on the store" 1 "state.db" pinlampd --store "sqlite:$
 is "nothing that was there is lost" '{"green": true}' \
   "$(pinlampctl get "$led" lightSetting --json | tr -d '\n ' | grep -o '"green":true' | sed 's/^/{/; s/$/}/; s/:/: /')"
 
+refused "a client that would drive an object" 1 "start pinlampd with --allow-object-writes" \
+  pinlampctl object call agent doInit
+
 # A restart ---------------------------------------------------------------------------------------------------------
 pinlampctl load "$source/examples/switch-1u.json" >/dev/null
 pinlampctl led set Status red

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/model/hardwaregpio.h"
+#include "platform/warden/cagent.h"
 #include "platform/zel/activity.h"
 
 namespace {
@@ -13,12 +14,21 @@ using Hardware::Gpio::CorvelPinConfig;
 using Zel::Ptr;
 using Zel::Value;
 
+class Watcher : public Zel::Reactor<Watcher, CorvelPinConfig::NotifieeConst> {
+ public:
+  static constexpr const char* kTypeName = "Test::Watcher";
+  using Reactor::Reactor;
+};
+
 // Something to drive: refers to LEDs, and hands one on.
 class Driver : public Zel::Described<Driver, Zel::Entity> {
  public:
   static constexpr auto attributes() {
-    return std::tuple{Zel::row::value<&Driver::system_>("system"), Zel::row::value<&Driver::seen_>("seen"),
-                      Zel::row::procedure<&Driver::write>("write", "led", "value")};
+    return std::tuple{
+        Zel::row::value<&Driver::system_>("system"), Zel::row::value<&Driver::seen_>("seen"),
+        Zel::row::procedure<&Driver::write>("write", "led", "value"),
+        Zel::row::keyed<&Driver::watchers_, &Driver::watchersIs, &Driver::watchersDel>("watchers"),
+        Zel::row::value<&Driver::dir_>("dir", Zel::row::kGet)};
   }
   static const Zel::TypeNode& typeNode() {
     static const Zel::TypeNode type = describe("Test::Driver");
@@ -30,9 +40,27 @@ class Driver : public Zel::Described<Driver, Zel::Entity> {
     for (const auto& pin : led->gpioRed()) pin->valueIs(value);
   }
 
+  Ptr<Watcher> watchersIs(const Ptr<CorvelPinConfig>& pin) {
+    watchers_.insert(pin->name(), Zel::allocate<Watcher>(pin));
+    return watchers_.find(pin->name());
+  }
+  Ptr<Watcher> watchersDel(Zel::Name name) { return watchers_.remove(name); }
+
+  Zel::PtrMap<Watcher> watchers_;
   Ptr<Hardware::Gpio::CorvelGpioLedSystemConfigDir> system_ =
       Zel::allocate<Hardware::Gpio::CorvelGpioLedSystemConfigDir>("ledSystem");
   Ptr<const CorvelPinConfig> seen_;
+  Ptr<Zel::Dir> dir_;
+};
+
+class TestAgent : public Zel::Described<TestAgent, Warden::CAgent> {
+ public:
+  static constexpr auto attributes() { return std::tuple{}; }
+  static const Zel::TypeNode& typeNode() {
+    static const Zel::TypeNode type = describe("Test::Agent");
+    return type;
+  }
+  explicit TestAgent(Zel::Name name) : Described(name) {}
 };
 
 class ObjectsTest : public testing::Test {
@@ -54,11 +82,14 @@ class ObjectsTest : public testing::Test {
   Ptr<CorvelGpioLedConfig> led = driver->system_->gpioLedsIs("A/1");
   Ptr<CorvelPinConfig> pin = Zel::allocate<CorvelPinConfig>("p");
   Ptr<Zel::Dir> dir = Zel::allocate<Zel::Dir>("");
-  const Zel::TypeRegistration types{&Driver::typeNode};
-  const Host::Objects objects{[this] {
-                                return std::vector<Host::Objects::Root>{{"driver", driver}};
-                              },
-                              [this] { return dir; }};
+  Host::Objects with(Host::Objects::Access access) {
+    return {[this] {
+              return std::vector<Host::Objects::Root>{{"driver", driver}};
+            },
+            [this] { return dir; }, access};
+  }
+  const Zel::TypeRegistration types{&Driver::typeNode, &TestAgent::typeNode};
+  const Host::Objects objects = with(Host::Objects::Access::writable);
 };
 
 TEST_F(ObjectsTest, PathsLeadThroughPointersCollectionsAndDirectories) {
@@ -73,6 +104,84 @@ TEST_F(ObjectsTest, PathsLeadThroughPointersCollectionsAndDirectories) {
   EXPECT_NE(driver->system_->gpioLeds("B"), nullptr);
   objects.del("d/p");
   EXPECT_EQ(pin->parent(), nullptr);
+  objects.set("d/entries/e", {"Zel::Dir"});
+  EXPECT_EQ(objects.get("d/e/name"), Value("e"));
+
+  driver->seen_ = pin;
+  objects.set("agent/watchers", {"p"});
+  EXPECT_EQ(objects.get("agent/watchers/p").as<Value::Object>()->pointer, driver->watchers_.find("p"));
+  EXPECT_EQ(*objects.tree("agent/watchers/p", 16).field("type"), Value("Test::Watcher"));
+  EXPECT_NE(objects.del("agent/watchers/p"), Value());
+
+  const auto mapping = Zel::allocate<Hardware::Gpio::GpioLedConfig>("m");
+  dir->entryIs(mapping);
+  mapping->gpioRedNameIs("a", true);
+  EXPECT_EQ(objects.get("m/gpioRedName/a"), Value(true));
+  mapping->gpioRedNameIs("a", false);
+  EXPECT_EQ(objects.get("m/gpioRedName/a"), Value(false));
+}
+
+TEST_F(ObjectsTest, WhatIsNotAskedForRightlyIsRefusedAndChangesNothing) {
+  using Operation = std::function<void(const Host::Objects&, const std::string&, const Value::List&)>;
+  const Operation get = [](auto& all, auto& path, auto&) { all.get(path); };
+  const Operation set = [](auto& all, auto& path, auto& given) { all.set(path, given); };
+  const Operation del = [](auto& all, auto& path, auto&) { all.del(path); };
+  const Operation call = [](auto& all, auto& path, auto& given) { all.call(path, given); };
+  const Operation iterate = [](auto& all, auto& path, auto&) { all.iterate(path); };
+  const Operation tree = [](auto& all, auto& path, auto&) { all.tree(path, 16); };
+  const Operation list = [](auto& all, auto& path, auto&) { all.list(path); };
+  std::string deep = "d";
+  for (int i = 0; i < 64; ++i) deep += "/d";
+  const struct {
+    const Operation& operation;
+    std::string path;
+    const char* says;
+    Value::List given{};
+  } cases[] = {
+      {get, "agent/sytem",
+       "'sytem' leads nowhere; there is name, parent, system, seen, write, watchers, dir"},
+      {get, "agent/system/gpioLeds/C/gpioRed", "'C' is no member of 'gpioLeds'; there is A%2F1"},
+      {get, "agent/seen/value", "'seen' is null"},
+      {get, "nothing", "'nothing' leads nowhere; there is d, lamp, m, name"},
+      {tree, "agent//system", "has an empty component"},
+      {tree, "agent/", "has an empty component"},
+      {list, "/agent", "has an empty component"},
+      {get, deep, "65 components; it may have 64"},
+      {get, std::string(4097, 'a'), "4097 bytes; it may have 4096"},
+      {get, "d/" + std::string(256, 'a'), "a name of 256 bytes; it may have 255"},
+      {iterate, "agent/system/gpioLeds/A%2F1", "operation iterate is not supported on an object"},
+      {iterate, "agent/system/gpioLeds/C", "'C' is no member"},
+      {list, "agent/system/gpioLeds/C", "'C' is no member"},
+      {iterate, "m/gpioRedName/a", "operation iterate is not supported on one name of 'gpioRedName'"},
+      {del, "m/gpioRedName/a", "operation delete is not supported on one name of 'gpioRedName'"},
+      {get, "m/gpioRedName/b", "'b' is no member of 'gpioRedName'; there is a"},
+      {call, "agent/seen", "operation invoke is not supported on 'seen'", {"x"}},
+      {call, "agent/system/gpioLeds/A%2F1", "operation invoke is not supported on an object"},
+      {del, "agent", "operation delete is not supported on an object"},
+      {del, "agent/system/gpioLeds/C", "'C' is no member"},
+      {set, "agent/watchers", "argument 1 is null, wanted a Hardware::Gpio::CorvelPinConfig", {Value()}},
+      {call, "agent/write", "argument 1 is null, wanted a Hardware::Gpio::CorvelGpioLedConfig", {Value(), 1}},
+      {set, "d/entries/x", "type Test::Agent is an agent's, which only a host makes", {"Test::Agent"}},
+      {call, "lamp/doInit", "only the host starts an agent"},
+      {call, "lamp/doMountsComplete", "only the host starts an agent", {"failure"}},
+  };
+  dir->entryIs(Zel::allocate<TestAgent>("lamp"));
+  const auto mapping = Zel::allocate<Hardware::Gpio::GpioLedConfig>("m");
+  dir->entryIs(mapping);
+  mapping->gpioRedNameIs("a", true);
+  const std::size_t names = Zel::Name::count();
+  for (const auto& [operation, path, says, given] : cases) {
+    const std::string text = error([&] { operation(objects, path, given); });
+    EXPECT_NE(text.find(says), std::string::npos) << path << ": " << text;
+  }
+  EXPECT_EQ(Zel::Name::count(), names);
+  for (const Operation& writes : {set, del, call})
+    EXPECT_NE(error([&] {
+                writes(with(Host::Objects::Access::readOnly), "d/p", {});
+              }).find("start pinlampd with --allow-object-writes"),
+              std::string::npos);
+  driver->seen_ = pin;
+  EXPECT_EQ(error([&] { objects.set("agent/seen/value", {1}); }), "the object may be read only");
 }
 
 TEST_F(ObjectsTest, ATextStandsForTheObjectOfItsNameOrPath) {
@@ -85,21 +194,6 @@ TEST_F(ObjectsTest, ATextStandsForTheObjectOfItsNameOrPath) {
   EXPECT_EQ(driver->seen_, pin);
 }
 
-TEST_F(ObjectsTest, WhatLeadsNowhereSaysWhatThereIs) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"agent/sytem", "'sytem' leads nowhere; there is name, parent, system, seen, write"},
-      {"agent/system/gpioLeds/C/gpioRed", "'C' is no member of 'gpioLeds'; there is A%2F1"},
-      {"agent/seen/value", "'seen' is null"},
-      {"nothing", "'nothing' leads nowhere; there is d"},
-      {"agent//system", "has an empty component"},
-  };
-  for (const auto& [path, says] : cases)
-    EXPECT_NE(error([&] { objects.get(path); }).find(says), std::string::npos)
-        << error([&] { objects.get(path); });
-  driver->seen_ = pin;
-  EXPECT_EQ(error([&] { objects.set("agent/seen/value", {1}); }), "'agent/seen/value' may be read only");
-}
-
 TEST_F(ObjectsTest, TheTreeHasEveryObjectOnceAndDoesNotClimb) {
   const Value tree = objects.tree("agent", 16);
   const Value& system = tree.field("members")->as<Value::List>()->at(0);
@@ -108,6 +202,35 @@ TEST_F(ObjectsTest, TheTreeHasEveryObjectOnceAndDoesNotClimb) {
   EXPECT_EQ(*shown.field("path"), Value("agent/system/gpioLeds/A%2F1"));
   EXPECT_EQ(shown.field("members")->as<Value::List>()->size(), 1U) << "the pin, and not the directory above";
   EXPECT_EQ(objects.tree("agent", 1).field("members")->as<Value::List>()->at(0).field("members"), nullptr);
+}
+
+TEST_F(ObjectsTest, LongAnswersAreCutAndSaySo) {
+  const auto size = [](const Value& list) { return list.as<Value::List>()->size(); };
+  for (int i = 0; i < 100; ++i) {
+    const auto inner = Zel::dynamicPtrCast<Zel::Dir>(dir->entryIs("inner" + std::to_string(i), "Zel::Dir"));
+    for (int j = 0; j < 200; ++j) inner->entryIs("e" + std::to_string(j), "Zel::Dir");
+  }
+  driver->dir_ = dir;
+  const Value one = objects.tree("inner1", 16);
+  EXPECT_EQ(size(*one.field("members")), Host::Objects::kTreeMembers);
+  EXPECT_EQ(*one.field("omitted"), Value(Value::Fields{{"entries", 200 - 128}}));
+
+  const std::string text = error([&] { objects.get("inner1/e777"); });
+  EXPECT_EQ(text.find("'e777' leads nowhere; there is e77, e7, e70, "), 0U) << text;
+  EXPECT_NE(text.find(" and 187 more"), std::string::npos) << text;
+
+  std::size_t listed = 0, omitted = 0;
+  const std::function<void(const Value&)> count = [&](const Value& node) {
+    ++listed;
+    if (const Value* left = node.field("omitted"))
+      for (const auto& [name, more] : *left->as<Value::Fields>())
+        omitted += static_cast<std::size_t>(*more.as<std::int64_t>());
+    if (const Value* members = node.field("members"))
+      for (const Value& member : *members->as<Value::List>()) count(member);
+  };
+  count(objects.tree("agent", 16));
+  EXPECT_EQ(listed, Host::Objects::kTreeObjects);
+  EXPECT_GT(omitted, 0U);
 }
 
 }  // namespace

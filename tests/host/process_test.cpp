@@ -124,6 +124,25 @@ TEST(Pinlampd, AnAgentThatThrowsEndsItWithTheNamesOfAgentAndPlace) {
   }
 }
 
+TEST(Pinlampd, LiveObjectsAreWrittenByClientsOnlyWhereItWasStartedSo) {
+  for (const bool allowed : {false, true}) {
+    const Folder folder;
+    NotifySocket notify(folder.at("notify"));
+    std::vector<std::string> arguments{"--socket", folder.at("socket"), "--agent", TEST_AGENTS ":Plain"};
+    if (allowed) arguments.push_back("--allow-object-writes");
+    Process process(folder, arguments, folder.at("notify"));
+    ASSERT_TRUE(notify.hears("READY=1", "WATCHDOG=1")) << process.errors();
+    Client client(folder.at("socket"));
+    client.send(
+        R"({"jsonrpc":"2.0","id":1,"method":"object","params":{"operation":"invoke","path":"agent/doInit"}})"
+        "\n");
+    std::optional<std::string> answer;
+    while (!answer && !client.ended()) answer = client.line();
+    EXPECT_THAT(answer.value_or("none"), HasSubstr(allowed ? "only the host starts an agent"
+                                                           : "start pinlampd with --allow-object-writes"));
+  }
+}
+
 TEST(Pinlampd, AWrongCommandLineIsTwoAndARefusedStartIsOne) {
   const Folder folder;
   const std::string socket = folder.at("socket");

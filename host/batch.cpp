@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "platform/zel/dir.h"
+
 namespace Host {
 
 using Statedb::Change;
@@ -10,16 +12,14 @@ using Zel::ValueError;
 
 namespace {
 
-using Mounts = std::vector<Statedb::EntityManager::MountInfo>;
-
 class BatchReader {
  public:
-  BatchReader(const Statedb::TypeAt& typeAt, const Mounts& mounts, bool lenient)
-      : types_(typeAt), mounts_(mounts), lenient_(lenient) {}
+  explicit BatchReader(const BatchContext& context) : context_(context), types_(context.typeAt) {}
 
   void add(const RequestedChange& change) {
     if (underFailed(change.path)) return;
     try {
+      checkAccess(change);
       if (change.kind == Change::Kind::put)
         put(change);
       else
@@ -38,6 +38,12 @@ class BatchReader {
     return std::ranges::any_of(failed_, [&](Path each) { return path.isUnder(each); });
   }
 
+  void checkAccess(const RequestedChange& change) const {
+    const bool removed = change.kind == Change::Kind::del;
+    const auto why = context_.announcements.refusal(context_.writer, change.path.text(), removed);
+    if (!why.empty()) throw ValueError(why);
+  }
+
   void put(const RequestedChange& change) {
     addMounts(change.path);
     const Zel::Name present = types_.typeAt(change.path);
@@ -46,12 +52,14 @@ class BatchReader {
     if (!present.empty() && type != present)
       throw ValueError("is there as a " + present.stdString() + "; delete it before putting a " +
                        type.stdString());
+    if (present.empty() && type != Zel::Dir::typeNode().name() && isOnTheWay(change.path))
+      throw ValueError("leads to what agents mount; put a Zel::Dir there");
     appendChanges(change, type, batch.changes);
     types_.put(change.path, type);
   }
 
   void del(const RequestedChange& change) {
-    if (lenient_ && types_.typeAt(change.path).empty()) return;
+    if (context_.lenient && types_.typeAt(change.path).empty()) return;
     appendChanges(change, {}, batch.changes);
     types_.del(change.path);
   }
@@ -64,8 +72,14 @@ class BatchReader {
     return type;
   }
 
+  // Whether something stands under a path that agents take for a directory until it has a row.
+  bool isOnTheWay(Path path) const {
+    const auto isUnder = [path](const auto& mount) { return mount.path != path && mount.path.isUnder(path); };
+    return std::ranges::any_of(context_.mounts, isUnder) || context_.announcements.leadsToFilled(path.text());
+  }
+
   void addMounts(Path path) {
-    for (const auto& mount : mounts_) {
+    for (const auto& mount : context_.mounts) {
       if (!path.isUnder(mount.path) || !types_.typeAt(mount.path).empty()) continue;
       batch.mounts.push_back(Change::put(mount.path, mount.type, {}, {}));
       batch.changes.push_back(batch.mounts.back());
@@ -73,9 +87,8 @@ class BatchReader {
     }
   }
 
+  const BatchContext& context_;
   Statedb::TypesAfter types_;
-  const Mounts& mounts_;
-  const bool lenient_;
   std::vector<Path> failed_;
 };
 
@@ -89,11 +102,10 @@ RequestedChange readChange(const Zel::Value& change, std::size_t position) {
 
 }  // namespace
 
-Batch readBatch(const Zel::Value::List& changes, const Statedb::TypeAt& typeAt, const Mounts& mounts,
-                bool lenient) {
-  BatchReader reader(typeAt, mounts, lenient);
+Batch readBatch(const Zel::Value::List& changes, const BatchContext& context) {
+  BatchReader reader(context);
   for (std::size_t i = 0; i < changes.size(); ++i) reader.add(readChange(changes[i], i));
-  std::ranges::move(Statedb::checkChanges(reader.batch.changes, typeAt),
+  std::ranges::move(Statedb::checkChanges(reader.batch.changes, context.typeAt),
                     std::back_inserter(reader.batch.errors));
   return std::move(reader.batch);
 }

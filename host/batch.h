@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "host/announce.h"
 #include "host/json.h"
 #include "platform/statedb/entitymanager.h"
 #include "platform/statedb/schema.h"
@@ -18,12 +19,21 @@ struct Batch {
   std::vector<std::string> errors;
 };
 
+// What a batch is checked against. All of it must outlive the call.
+struct BatchContext {
+  const Statedb::TypeAt& typeAt;  // tells what the store holds
+  const std::vector<Statedb::EntityManager::MountInfo>& mounts;
+  const Announcements& announcements;
+  const Announcements::Process& writer;
+  // Whether a del of what is not there is left out instead of refused; who publishes derived rows again after
+  // a lost connection can't know.
+  bool lenient = false;
+};
+
 // Types that were left out are filled in from what is there, from earlier steps, or from the collection that
-// the entity goes into. `typeAt` tells what the store holds. A mounted path gets a row of its own with the
-// first one under it, so that the store's rows say by themselves what stands there. Throws Zel::ValueError
-// where a change is not of the form of one. `lenient`: a del of what is not there is left out instead of
-// refused; who publishes derived rows again after a lost connection can't know.
-Batch readBatch(const Zel::Value::List& changes, const Statedb::TypeAt& typeAt,
-                const std::vector<Statedb::EntityManager::MountInfo>& mounts, bool lenient = false);
+// the entity goes into. A mounted path gets a row of its own with the first one under it, so that the store's
+// rows say by themselves what stands there. What another process fills is not the writer's to change. Throws
+// Zel::ValueError where a change is not of the form of one.
+Batch readBatch(const Zel::Value::List& changes, const BatchContext& context);
 
 }  // namespace Host

@@ -4,9 +4,9 @@
 
 namespace Host {
 
-Control::Peer::Peer(Statedb::Store& store, const std::shared_ptr<Connection>& theConnection)
+Control::Peer::Peer(Served& served, const std::shared_ptr<Connection>& theConnection)
     : connection(theConnection),
-      watches(store, [raw = theConnection.get()](const std::string& line) { raw->send(line); }) {}
+      caller(served, [raw = theConnection.get()](const std::string& line) { raw->send(line); }) {}
 
 Control::Control(Loop&, Listener& listener, Served& served) : served_(served), methods_(served) {
   listener.start([this](uv_stream_t* stream) { accept(stream); });
@@ -19,12 +19,13 @@ Control::~Control() {
 void Control::accept(uv_stream_t* listener) {
   const auto connection = Connection::accept(listener, *this);
   if (!connection) return;
-  peers_.emplace(connection.get(), std::make_unique<Peer>(served_.store, connection));
+  peers_.emplace(connection.get(), std::make_unique<Peer>(served_, connection));
   ++served_.clients;
 }
 
 void Control::onClosed(Connection& connection) {
   closed_.push_back(&connection);
+  peers_.at(&connection)->caller.process.withdraw();
   --served_.clients;
 }
 
@@ -48,7 +49,7 @@ std::string Control::carryOut(Peer& peer, const Request& request, bool& wrote) {
   const auto& method = Methods::find(request.method);
   if (method.does == Methods::Does::sees) commit();
   try {
-    std::string text = resultText(request.id, methods_.run(method, request.parameters, peer.watches));
+    std::string text = resultText(request.id, methods_.run(method, request.parameters, peer.caller));
     wrote = method.does == Methods::Does::writes;
     return text;
   } catch (const RpcError&) {

@@ -32,10 +32,10 @@ class Control final : private Connection::Owner {
 
  private:
   struct Peer {
-    Peer(Statedb::Store& store, const std::shared_ptr<Connection>& connection);
+    Peer(Served& served, const std::shared_ptr<Connection>& connection);
 
     const std::shared_ptr<Connection> connection;
-    Watches watches;
+    Caller caller;
     std::size_t taken = 0;  // bytes of requests in this round
   };
   // An answer that waits for the next commit.

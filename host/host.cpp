@@ -1,5 +1,7 @@
 #include "host/host.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <csignal>
 #include <iostream>
@@ -10,6 +12,7 @@ namespace Host {
 
 Host::Host(const Options& options)
     : store_(makeStore(options.store, loop_, [this](const std::string& text) { report(text); })),
+      remote_(dynamic_cast<UnixStore*>(store_.get())),
       listener_(std::make_unique<Listener>(loop_, options.socket)),
       manager_(Zel::allocate<Statedb::EntityManager>(*store_)),
       served_{
@@ -43,11 +46,24 @@ void Host::takeApart() {
 }
 
 void Host::loadAgents(const std::vector<AgentOption>& options) {
-  for (const AgentOption& option : options) {
-    plugins_.push_back(std::make_unique<Plugin>(option));
-    served_.agents.push_back({option.agentName, plugins_.back()->library()});
-  }
+  for (const AgentOption& option : options) plugins_.push_back(std::make_unique<Plugin>(option));
   for (const auto& plugin : plugins_) plugin->start(manager_);
+  announce();
+}
+
+void Host::announce() {
+  const auto filled = std::ranges::count(manager_->mounts(), "wi", &Statedb::EntityManager::MountInfo::mode);
+  if (std::exchange(announced_, filled) == filled) return;
+  Announcement own{.pid = ::getpid(), .socket = listener_->path()};
+  for (const auto& plugin : plugins_) own.agents.push_back({plugin->name().stdString(), plugin->library()});
+  for (const auto& mount : manager_->mounts())
+    if (mount.mode == "wi") own.publishes.push_back(mount.path.text());
+  if (remote_) remote_->announce(own);
+  try {
+    served_.self.announce(std::move(own));
+  } catch (const Zel::ValueError& error) {
+    report(std::string("own agents: ") + error.what());
+  }
 }
 
 std::vector<Objects::Root> Host::roots() const {
@@ -74,6 +90,7 @@ void Host::abandon() { listener_.reset(); }
 double Host::turn() {
   control_->commit();
   activity_.step();
+  announce();
   control_->commit();
   control_->send();
   sayWhenReady();

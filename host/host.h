@@ -9,6 +9,7 @@
 #include "host/loop.h"
 #include "host/plugin.h"
 #include "host/systemd.h"
+#include "host/unixstore.h"
 #include "platform/zel/activity.h"
 
 namespace Host {
@@ -40,6 +41,8 @@ class Host {
   // Ends the agents before their manager, and the manager before their libraries.
   void takeApart();
   void loadAgents(const std::vector<AgentOption>& options);
+  // Says which process this is, and what its agents fill, to whoever keeps the state.
+  void announce();
   std::vector<Objects::Root> roots() const;
   void report(const std::string& text);
   double turn();
@@ -52,6 +55,7 @@ class Host {
   Loop loop_;
   Zel::ActivityManager activity_;
   const std::unique_ptr<Statedb::Store> store_;
+  UnixStore* const remote_;  // the store, where another host keeps the state; else null
   std::unique_ptr<Listener> listener_;
   std::vector<std::unique_ptr<Plugin>> plugins_;  // their libraries outlive every entity
   Zel::Ptr<Statedb::EntityManager> manager_;
@@ -60,6 +64,7 @@ class Host {
   UvHandle<uv_timer_t> watchdog_;
   std::vector<UvHandle<uv_signal_t>> signals_;
   bool ready_ = false;
+  std::ptrdiff_t announced_ = -1;  // how many "wi" mounts there were; -1: not announced yet
 };
 
 }  // namespace Host

@@ -45,6 +45,7 @@ std::span<const Methods::Method> Methods::table() {
       {"write", Does::writes, {"changes", "durability"}, &Methods::write},
       {"watch", Does::sees, {"path", "own"}, &Methods::watch},
       {"unwatch", Does::nothing, {"watch"}, &Methods::unwatch},
+      {"announce", Does::nothing, {"pid", "socket", "agents", "publishes"}, &Methods::announce},
       {"types", Does::nothing, {}, &Methods::types},
       {"trace", Does::nothing, {"levels"}, &Methods::trace},
       {"status", Does::sees, {}, &Methods::status},
@@ -62,10 +63,10 @@ const Methods::Method& Methods::find(const std::string& name) {
   throw RpcError(RpcCode::noSuchMethod, "there is no method '" + name + "'; there are " + names);
 }
 
-std::string Methods::run(const Method& method, const Zel::Value& parameters, Watches& watches) const {
+std::string Methods::run(const Method& method, const Zel::Value& parameters, Caller& caller) const {
   try {
     expectFields(parameters, method.parameters);
-    return (this->*method.run)(parameters, watches);
+    return (this->*method.run)(parameters, caller);
   } catch (const Zel::ValueError& error) {
     throw RpcError(RpcCode::badParameter, std::string(method.name) + ": " + error.what());
   } catch (const Statedb::StoreError& error) {
@@ -73,7 +74,7 @@ std::string Methods::run(const Method& method, const Zel::Value& parameters, Wat
   }
 }
 
-std::string Methods::hello(const Zel::Value&, Watches&) const {
+std::string Methods::hello(const Zel::Value&, Caller&) const {
   return jsonText(Json{{"name", "pinlampd"},
                        {"version", PINLAMP_VERSION},
                        {"protocol", kProtocol},
@@ -87,36 +88,53 @@ std::string Methods::entitiesAt(const std::string& text) const {
   return entitiesText(served_.store.read(path ? *path : Statedb::Path(text)));
 }
 
-std::string Methods::read(const Zel::Value& parameters, Watches&) const {
+std::string Methods::read(const Zel::Value& parameters, Caller&) const {
   return "{\"entities\":" + entitiesAt(pathField(parameters)) + '}';
 }
 
-std::string Methods::write(const Zel::Value& parameters, Watches& watches) const {
+std::string Methods::write(const Zel::Value& parameters, Caller& caller) const {
   const Zel::Value::List& changes = listField(parameters, "changes");
   const auto durability = durabilityField(parameters);
   const bool derived = durability == Statedb::Durability::derived;
-  const Batch batch = readBatch(changes, typeAt_, served_.manager.mounts(), derived);
+  const auto batch = readBatch(changes, {.typeAt = typeAt_,
+                                         .mounts = served_.manager.mounts(),
+                                         .announcements = served_.announcements,
+                                         .writer = caller.process,
+                                         .lenient = derived});
   if (!batch.errors.empty()) throw refusedFor(batch.errors);
   // What is mounted is no derived value, whoever was the first to write under it.
   if (derived && !batch.mounts.empty())
-    served_.store.write(batch.mounts, Statedb::Durability::stored, watches.origin());
-  served_.store.write(batch.changes, durability, watches.origin());
+    served_.store.write(batch.mounts, Statedb::Durability::stored, caller.watches.origin());
+  served_.store.write(batch.changes, durability, caller.watches.origin());
   return "{\"written\":" + std::to_string(changes.size()) + '}';
 }
 
-std::string Methods::watch(const Zel::Value& parameters, Watches& watches) const {
+std::string Methods::watch(const Zel::Value& parameters, Caller& caller) const {
   const std::string& path = pathField(parameters);
   const std::string entities = entitiesAt(path);
-  const std::uint64_t id = watches.add(path, flagField(parameters, "own", true));
+  const std::uint64_t id = caller.watches.add(path, flagField(parameters, "own", true));
   return "{\"entities\":" + entities + ",\"watch\":" + std::to_string(id) + '}';
 }
 
-std::string Methods::unwatch(const Zel::Value& parameters, Watches& watches) const {
+std::string Methods::unwatch(const Zel::Value& parameters, Caller& caller) const {
   const Zel::Value* given = parameters.field("watch");
   if (!given) throw Zel::ValueError("'watch' is missing");
   const auto* id = given->as<std::int64_t>();
-  if (!id || !watches.del(static_cast<std::uint64_t>(*id)))
+  if (!id || !caller.watches.del(static_cast<std::uint64_t>(*id)))
     throw Zel::ValueError("'watch': this connection has no watch " + jsonText(*given));
+  return "{}";
+}
+
+// Where the rows are kept elsewhere, so are the announcements.
+std::string Methods::announce(const Zel::Value& parameters, Caller& caller) const {
+  Announcement announcement = Announcement::from(parameters);
+  if (!memory_)
+    throw refusedFor({"announce: the state database is " + served_.store.url() + "; announce there"});
+  try {
+    caller.process.announce(std::move(announcement));
+  } catch (const Zel::ValueError& error) {
+    throw refusedFor({std::string("announce: ") + error.what()});
+  }
   return "{}";
 }
 
@@ -195,13 +213,14 @@ Json activityJson() {
 }
 
 Json servedJson(const Served& served, std::size_t entities) {
-  Json agents = Json::array();
-  for (const auto& agent : served.agents)
-    agents.push_back({{"name", agent.name}, {"library", agent.library}});
+  Json processes = Json::array();
+  for (const auto* process : served.announcements.processes())
+    if (process != &served.self) processes.push_back(process->announcement().json());
   Json mounts = Json::array();
   for (const auto& mount : served.manager.mounts()) mounts.push_back(mountJson(mount));
   return {{"store", served.store.url()},
-          {"agents", std::move(agents)},
+          {"agents", served.self.announcement().json()["agents"]},
+          {"processes", std::move(processes)},
           {"mounts", std::move(mounts)},
           {"entities", entities},
           {"published", served.manager.published()},
@@ -213,13 +232,13 @@ Json servedJson(const Served& served, std::size_t entities) {
 
 }  // namespace
 
-std::string Methods::types(const Zel::Value&, Watches&) const {
+std::string Methods::types(const Zel::Value&, Caller&) const {
   Json types = Json::array();
   for (const Zel::TypeNode* type : Zel::typeNodes()) types.push_back(typeJson(*type));
   return jsonText(Json{{"types", std::move(types)}});
 }
 
-std::string Methods::trace(const Zel::Value& parameters, Watches&) const {
+std::string Methods::trace(const Zel::Value& parameters, Caller&) const {
   if (parameters.field("levels")) {
     try {
       Zel::traceLevelsIs(textField(parameters, "levels"));
@@ -233,7 +252,7 @@ std::string Methods::trace(const Zel::Value& parameters, Watches&) const {
   return jsonText(Json{{"facilities", std::move(facilities)}});
 }
 
-std::string Methods::status(const Zel::Value&, Watches&) const {
+std::string Methods::status(const Zel::Value&, Caller&) const {
   Json status = {{"version", PINLAMP_VERSION},
                  {"pid", ::getpid()},
                  {"names", Zel::Name::count()},
@@ -278,7 +297,7 @@ constexpr ObjectOperation kObjectOperations[] = {
 
 }  // namespace
 
-std::string Methods::object(const Zel::Value& parameters, Watches&) const {
+std::string Methods::object(const Zel::Value& parameters, Caller&) const {
   const std::string& name = textField(parameters, "operation");
   const auto operation = std::ranges::find(kObjectOperations, name, &ObjectOperation::name);
   if (operation == std::end(kObjectOperations))

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "host/announce.h"
 #include "host/json.h"
 #include "host/object.h"
 #include "host/watches.h"
@@ -19,18 +20,24 @@ namespace Host {
 
 // What the methods are about. Owned by the host.
 struct Served {
-  struct Agent {
-    std::string name;
-    std::string library;
-  };
-
   Statedb::Store& store;
   Statedb::EntityManager& manager;
   Objects objects{};
-  std::vector<Agent> agents{};
+  Announcements announcements{};
+  Announcements::Process self{announcements};
   std::string lastRefusal{};
   std::size_t clients = 0;
   double started = Zel::System::currentTime();
+};
+
+// One client of the control socket.
+struct Caller {
+  // Sends the notifications of its watches with `send`. `served` must outlive the caller.
+  Caller(Served& served, Watches::Send send)
+      : watches(served.store, std::move(send)), process(served.announcements) {}
+
+  Watches watches;
+  Announcements::Process process;
 };
 
 class Methods {
@@ -46,7 +53,7 @@ class Methods {
     Does does;
     std::initializer_list<std::string_view> parameters;
     // Returns the result as a JSON text.
-    std::string (Methods::*run)(const Zel::Value& parameters, Watches& watches) const;
+    std::string (Methods::*run)(const Zel::Value& parameters, Caller& caller) const;
   };
 
   // `served` must outlive the methods.
@@ -54,21 +61,22 @@ class Methods {
 
   // Throws RpcError where there is no method of that name.
   static const Method& find(const std::string& name);
-  // The result as a JSON text. `watches` are the caller's. Throws RpcError.
-  std::string run(const Method& method, const Zel::Value& parameters, Watches& watches) const;
+  // The result as a JSON text. Throws RpcError.
+  std::string run(const Method& method, const Zel::Value& parameters, Caller& caller) const;
 
  private:
   static std::span<const Method> table();
 
-  std::string hello(const Zel::Value& parameters, Watches& watches) const;
-  std::string read(const Zel::Value& parameters, Watches& watches) const;
-  std::string write(const Zel::Value& parameters, Watches& watches) const;
-  std::string watch(const Zel::Value& parameters, Watches& watches) const;
-  std::string unwatch(const Zel::Value& parameters, Watches& watches) const;
-  std::string types(const Zel::Value& parameters, Watches& watches) const;
-  std::string trace(const Zel::Value& parameters, Watches& watches) const;
-  std::string status(const Zel::Value& parameters, Watches& watches) const;
-  std::string object(const Zel::Value& parameters, Watches& watches) const;
+  std::string hello(const Zel::Value& parameters, Caller& caller) const;
+  std::string read(const Zel::Value& parameters, Caller& caller) const;
+  std::string write(const Zel::Value& parameters, Caller& caller) const;
+  std::string watch(const Zel::Value& parameters, Caller& caller) const;
+  std::string unwatch(const Zel::Value& parameters, Caller& caller) const;
+  std::string announce(const Zel::Value& parameters, Caller& caller) const;
+  std::string types(const Zel::Value& parameters, Caller& caller) const;
+  std::string trace(const Zel::Value& parameters, Caller& caller) const;
+  std::string status(const Zel::Value& parameters, Caller& caller) const;
+  std::string object(const Zel::Value& parameters, Caller& caller) const;
 
   std::string entitiesAt(const std::string& path) const;
 

@@ -78,6 +78,29 @@ void UnixStore::onConnected(UvHandle<uv_pipe_t> pipe, int status) {
     return retryLater();
   }
   connection_ = std::make_shared<Connection>(std::move(pipe), *this, kLongestLine);
+  if (announcement_.empty()) return onReached();
+  sendAnnouncement();
+}
+
+void UnixStore::announce(const Announcement& announcement) {
+  announcement_ = jsonText(announcement.json());
+  sendAnnouncement();
+}
+
+void UnixStore::sendAnnouncement() {
+  request("announce", announcement_, [this](const Zel::Value& reply) { onAnnounced(reply); });
+}
+
+void UnixStore::onAnnounced(const Zel::Value& reply) {
+  const Zel::Value* error = reply.field("error");
+  if (!error) return onReached();
+  if (!std::exchange(lost_, true))
+    report_("state database " + url() + ": " + textField(*error, "message") + "; trying until it is free");
+  connection_->close();
+}
+
+void UnixStore::onReached() {
+  if (std::exchange(reached_, true)) return;
   retryAfter_ = kFirstRetry;
   if (std::exchange(lost_, false)) report_("state database " + url() + ": reached");
   for (const auto& subscription : subscriptions_) watch(*subscription);
@@ -97,6 +120,7 @@ void UnixStore::retryLater() {
 void UnixStore::onClosed(Connection& connection) {
   if (connection_.get() != &connection) return;
   const auto gone = std::exchange(connection_, nullptr);
+  reached_ = false;
   if (!std::exchange(lost_, true))
     report_("state database " + url() + ": connection lost; the lights stay as they are");
   replies_.clear();
@@ -132,6 +156,7 @@ void UnixStore::unwatch(std::int64_t watch) {
 
 // The reply may come when the feed has gone or was subscribed anew: it is for this subscription only.
 void UnixStore::watch(Subscription& subscription) {
+  if (!reached_) return;
   request("watch", "{\"own\":false,\"path\":" + jsonText(Zel::Value(subscription.path.text())) + '}',
           [this, watched = &subscription](const Zel::Value& reply) {
             const auto still =
@@ -177,7 +202,7 @@ Statedb::Records UnixStore::read(Path) const {
 void UnixStore::flush() {
   for (const auto& [changes, origin] : std::exchange(toTell_, {})) tellOthers(changes, origin);
   if (const auto connection = connection_) connection->flush();  // closes it where the other side has ended
-  if (!connection_ || !own_.canSend()) return;
+  if (!reached_ || !own_.canSend()) return;
   const Changes changes = own_.send();
   if (changes.empty()) return own_.acknowledged();
   for (std::size_t from = 0; from < changes.size(); from += kChangesPerRequest) {

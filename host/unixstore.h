@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "host/announce.h"
 #include "host/connection.h"
 #include "host/json.h"
 #include "host/ownrows.h"
@@ -25,6 +26,11 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
   // refused.
   UnixStore(Loop& loop, std::string socket, std::function<void(const std::string& text)> report);
   ~UnixStore() override;
+
+  // Says to the other side which process this is and what it fills: now, and after every connect. Where the
+  // other side refuses that, for another process fills the same, it counts as not reached: this process waits
+  // until that one has gone, and takes over.
+  void announce(const Announcement& announcement);
 
   std::string url() const override { return "unix:" + socket_; }
   void subscribe(Statedb::Path path, Statedb::Feed& feed) override;
@@ -47,6 +53,9 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
 
   void connect();
   void onConnected(UvHandle<uv_pipe_t> pipe, int status);
+  void sendAnnouncement();
+  void onAnnounced(const Zel::Value& reply);
+  void onReached();
   void retryLater();
   // `parameters` are a JSON text.
   void request(const char* method, std::string_view parameters, OnReply onReply);
@@ -75,6 +84,8 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
   std::int64_t nextId_ = 0;
   std::uint64_t retryAfter_;  // milliseconds
   bool lost_ = false;         // and reported so
+  bool reached_ = false;      // connected, and the announcement was taken
+  std::string announcement_;  // a JSON text; empty: there is none
 };
 
 }  // namespace Host

@@ -7,6 +7,7 @@
 
 #include "platform/zel/assert.h"
 #include "platform/zel/entity.h"
+#include "platform/zel/value.h"
 
 namespace Statedb {
 
@@ -113,15 +114,31 @@ namespace {
 PathTable& table() { return PathTable::instance(); }
 }  // namespace
 
+void Path::check(std::string_view text) {
+  const auto refuse = [text](const std::string& why) {
+    throw Zel::ValueError("the path '" + Zel::excerpt(text) + "' " + why);
+  };
+  if (text.size() > kLongest) refuse("is longer than " + std::to_string(kLongest) + " bytes");
+  const auto slashes = static_cast<std::size_t>(std::ranges::count(text, '/'));
+  if (slashes >= kDeepest) refuse("has more than " + std::to_string(kDeepest) + " components");
+  for (std::size_t at = 0; at < text.size();) {
+    const std::size_t end = std::min(text.find('/', at), text.size());
+    Zel::Name::checkEscaped(text.substr(at, end - at));
+    at = end + 1;
+  }
+}
+
 Path::Path(std::string_view text) {
+  check(text);
   const auto step = [](Path parent, std::string_view component) {
-    return table().make(parent, Zel::Name(component));
+    return table().make(parent, Zel::Name::escaped(component));
   };
   *this = table().follow(text, step);
 }
 
 std::optional<Path> Path::existing(std::string_view text) {
   if (text.empty()) return Path();
+  if (text.size() > kLongest) return std::nullopt;
   const auto step = [](Path parent, std::string_view component) {
     const auto known = Zel::Name::existing(component);
     return known ? table().find(parent, *known) : Path();
@@ -173,10 +190,18 @@ std::string Path::text() const {
 
 void Path::appendTo(std::string& text) const {
   if (empty()) return;
-  const auto& node = table()[*this];
-  node.parent.appendTo(text);
-  if (!node.parent.empty()) text += '/';
-  text += node.component.view();
+  const PathTable& all = table();
+  std::size_t length = 0;
+  for (Path each = *this; !each.empty(); each = all[each].parent)
+    length += all[each].component.view().size() + 1;
+  std::size_t at = text.size() + length;
+  text.resize(at, '/');
+  for (Path each = *this; !each.empty(); each = all[each].parent) {
+    const std::string_view component = all[each].component.view();
+    at -= component.size() + 1;
+    component.copy(text.data() + at, component.size());
+  }
+  text.pop_back();
 }
 
 Path Path::firstChild() const {
@@ -187,6 +212,12 @@ Path Path::firstChild() const {
 Path Path::nextSibling() const {
   const auto& node = table()[*this];
   return table()[node.parent].lastChild == *this ? Path() : node.next;
+}
+
+Path Path::nextUnder(Path above) const {
+  Path next = firstChild();
+  for (Path each = *this; next.empty() && each != above; each = each.parent()) next = each.nextSibling();
+  return next;
 }
 
 bool readsBefore(Path a, Path b) {

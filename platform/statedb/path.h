@@ -21,11 +21,19 @@
 
 namespace Statedb {
 
-// Components joined by '/'. Any text is a path; whether its components are escaped as they should be, and
-// lead anywhere, is checked where rows are checked.
+// Components joined by '/'. Any text within the limits is a path; whether its components are escaped as they
+// should be, and lead anywhere, is checked where rows are checked.
 class ZEL_API Path {
  public:
+  static constexpr std::size_t kLongest = 4096;  // bytes
+  static constexpr std::size_t kDeepest = 64;    // components
+
+  // Throws ValueError where a text is no path: it is longer than kLongest, has more components than kDeepest,
+  // or one that is longer than a name.
+  static void check(std::string_view text);
+
   constexpr Path() = default;  // the empty path, which everything stands under
+  // Throw as check(); nothing is added to the table then.
   Path(const char* text) : Path(std::string_view(text)) {}
   Path(const std::string& text) : Path(std::string_view(text)) {}
   explicit Path(std::string_view text);
@@ -40,7 +48,8 @@ class ZEL_API Path {
   Path parent() const;
   // The last component as it is written, escaped. REQUIRES: !empty().
   Zel::Name component() const;
-  // The path one component longer; the second takes a name and escapes it.
+  // The path one component longer; the second takes a name and escapes it. Not limited: agents make as many
+  // entities as they want.
   Path child(Zel::Name component) const;
   Path childNamed(Zel::Name name) const;
   // How many components it has.
@@ -63,7 +72,7 @@ class ZEL_API Path {
   template <class Function>
   void forEachUnder(Function&& function) const {
     function(*this);
-    for (Path each = firstChild(); !each.empty(); each = each.nextSibling()) each.forEachUnder(function);
+    for (Path each = firstChild(); !each.empty(); each = each.nextUnder(*this)) function(each);
   }
 
   friend constexpr bool operator==(Path a, Path b) { return a.id_ == b.id_; }
@@ -74,7 +83,8 @@ class ZEL_API Path {
   friend struct PathTable;
 
   Path firstChild() const;
-  Path nextSibling() const;  // empty: there is none
+  Path nextSibling() const;          // empty: there is none
+  Path nextUnder(Path above) const;  // in a walk of what stands under `above`; empty: this is the last
 
   std::uint32_t id_ = 0;
 };

@@ -1,5 +1,6 @@
 #include "platform/zel/name.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstring>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "platform/zel/exception.h"
+#include "platform/zel/value.h"
 
 namespace Zel {
 
@@ -147,7 +149,34 @@ Table& table() {
 
 }  // namespace
 
-Name::Name(std::string_view text) : id_(text.empty() ? 0 : table().intern(text)) {}
+namespace {
+
+[[noreturn]] void throwTooLong(std::string_view text) {
+  throw ValueError("the name '" + excerpt(text) + "' is longer than " + std::to_string(Name::kLongest) +
+                   " bytes");
+}
+
+std::uint32_t idOf(std::string_view text) { return text.empty() ? 0 : table().intern(text); }
+
+}  // namespace
+
+Name::Name(std::string_view text) {
+  if (text.size() > kLongest) throwTooLong(text);
+  id_ = idOf(text);
+}
+
+void Name::checkEscaped(std::string_view text) {
+  if (text.size() <= kLongest) return;
+  const auto escapes = static_cast<std::size_t>(std::ranges::count(text, '%'));  // each a byte as three
+  if (text.size() > kLongest + 2 * std::min(escapes, kLongest)) throwTooLong(text);
+}
+
+Name Name::escaped(std::string_view text) {
+  checkEscaped(text);
+  Name name;
+  name.id_ = idOf(text);
+  return name;
+}
 
 std::optional<Name> Name::existing(std::string_view text) {
   if (text.empty()) return Name();

@@ -3,6 +3,7 @@
 // A Name is a number into one table of texts a process: four bytes, copied and compared as an integer, hashed
 // without touching the text. A text that was interned once stays in the table for the life of the process, so
 // code that looks up a text from outside (a socket, a command line) uses Name::existing, which adds nothing.
+// No name is longer than Name::kLongest: a longer text is refused before anything is interned.
 // Names may be made and read on any thread.
 #pragma once
 
@@ -22,12 +23,19 @@ namespace Zel {
 
 class ZEL_API Name {
  public:
+  static constexpr std::size_t kLongest = 255;  // bytes
+
   constexpr Name() = default;  // the empty name
+  // Throw ValueError where the text is longer than kLongest.
   Name(const char* text) : Name(std::string_view(text)) {}
   Name(const std::string& text) : Name(std::string_view(text)) {}
   Name(const String& text) : Name(text.view()) {}
   explicit Name(std::string_view text);
 
+  // A name as it is written in a path, where escaping makes it up to three times as long. Throws ValueError
+  // where the name itself is longer than kLongest.
+  static Name escaped(std::string_view text);
+  static void checkEscaped(std::string_view text);  // throws alike, and adds nothing
   // The name of a text that is in the table; nothing where the text was never interned.
   static std::optional<Name> existing(std::string_view text);
   // How many texts the table holds.

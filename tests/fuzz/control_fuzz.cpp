@@ -22,7 +22,10 @@ void takeRequest(std::string_view line) {
   request.read(line);
   Statedb::MemoryStore store;
   const auto typeAt = [&](Statedb::Path path) { return store.typeAt(path); };
-  const Host::Batch batch = Host::readBatch(Host::listField(request.parameters, "changes"), typeAt, {});
+  Host::Announcements announcements;
+  const Host::Announcements::Process writer(announcements);
+  const Host::Batch batch =
+      Host::readBatch(Host::listField(request.parameters, "changes"), {typeAt, {}, announcements, writer});
   if (!batch.errors.empty()) return;
   store.write(batch.changes, Statedb::Durability::stored);
   store.flush();

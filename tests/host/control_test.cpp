@@ -115,6 +115,11 @@ TEST_F(ControlTest, AFloodIsTakenInPortionsAndAnsweredWhole) {
 
 TEST_F(ControlTest, WhatIsNoRequestIsAnsweredAndTheConnectionGoesOn) {
   const Json wrongOp = {{{"op", "del"}, {"path", "a"}}, {{"op", "pu"}, {"path", "a"}}};
+  const auto announce = [](const Json& wrong) {
+    Json parameters = {{"pid", 1}, {"socket", ""}, {"agents", Json::array()}, {"publishes", Json::array()}};
+    parameters.update(wrong);
+    return request("announce", parameters);
+  };
   const std::tuple<std::string, int, const char*> cases[] = {
       {"{\"jsonrpc\":\n", -32700, "not JSON at byte"},
       {"\n", -32700, "not JSON"},
@@ -133,6 +138,10 @@ TEST_F(ControlTest, WhatIsNoRequestIsAnsweredAndTheConnectionGoesOn) {
       {request("write", {{"changes", wrongOp}}), -32602, "'changes'[1]: 'op': found \"pu\""},
       {request("unwatch", {{"watch", 3}}), -32602, "no watch 3"},
       {request("trace", {{"levels", "Pinlamp/32"}}), 1, "Pinlamp/32"},
+      {announce({{"pid", 0}}), -32602, "'pid': wanted"},
+      {announce({{"publishes", {""}}}), -32602, "'publishes': a path is empty"},
+      {announce({{"publishes", std::vector<std::string>(65, "a")}}), -32602, "more than 64 entries"},
+      {announce({{"socket", std::string(4097, 'x')}}), -32602, "longer than 4096 bytes"},
   };
   Client client(listener.path());
   for (const auto& [line, code, text] : cases) {
@@ -276,6 +285,51 @@ TEST_F(ControlTest, TheFirstEntityUnderAMountBringsARowForTheMountThatLivesOn) {
   EXPECT_EQ(store.typeAt(kLeds), "Hardware::Led::LedSystemConfigDir");
   EXPECT_EQ(store.stored, 1U) << "the mount's row alone";
   EXPECT_TRUE(manager->entityAt(led("A")));
+}
+
+TEST_F(ControlTest, WhatAProcessFillsIsItsAloneWhileItIsConnected) {
+  const std::string pins = "hardware/corvel/gpio/config";
+  const auto announcement = [](const Json& publishes) {
+    return Json{{"pid", 7},
+                {"socket", "/led"},
+                {"agents", {{{"name", "a"}, {"library", "l"}}}},
+                {"publishes", publishes}};
+  };
+  const auto put = [](const std::string& path, const char* type) {
+    return Json{{"op", "put"}, {"path", path}, {"type", type}};
+  };
+  const Json pin = put(pins + "/g", "Hardware::Gpio::CorvelPinConfig");
+  const auto del = [](const char* path) { return Json{{"op", "del"}, {"path", path}}; };
+  Client other(listener.path());
+  {
+    Client led(listener.path());
+    ASSERT_EQ(call(led, "announce", announcement({pins}))["result"], Json::object());
+    ASSERT_TRUE(write(led, {put("hardware", "Zel::Dir"), pin}).contains("result"));
+    const Json processes = call(other, "status")["result"]["processes"];
+    EXPECT_EQ(processes, Json::array({announcement({pins})}));
+
+    const std::pair<Json, const char*> refused[] = {
+        {put(pins + "/g", "Zel::Dir"),
+         "stands under 'hardware/corvel/gpio/config', which process 7 ('/led') fills"},
+        {put(pins, "Zel::Dir"), "stands under"},
+        {pin, "stands under"},
+        {del((pins + "/g").c_str()), "stands under"},
+        {del("hardware"), "holds 'hardware/corvel/gpio/config'"},
+        {put("hardware/corvel", "Hardware::Led::LedSystemConfigDir"), "put a Zel::Dir there"},
+    };
+    for (const auto& [change, why] : refused)
+      EXPECT_THAT(write(other, {change})["error"]["message"].get<std::string>(), HasSubstr(why)) << change;
+    for (const char* path :
+         {"hardware/corvel", "hardware/corvel/gpio/config", "hardware/corvel/gpio/config/g"})
+      EXPECT_THAT(call(other, "announce", announcement({"x", path}))["error"]["message"].get<std::string>(),
+                  HasSubstr("process 7"));
+    EXPECT_TRUE(write(other, {put("hardware/corvel/gpio/config2", "Zel::Dir")}).contains("result"));
+    EXPECT_TRUE(call(other, "announce", announcement({"x"})).contains("result")) << "nothing of it stayed";
+    EXPECT_TRUE(write(led, {del((pins + "/g").c_str())}).contains("result"));
+  }
+  ASSERT_TRUE(call(other, "hello").contains("result"));  // the end of the connection is seen by now
+  ASSERT_EQ(call(other, "status")["result"]["processes"].size(), 1U);
+  EXPECT_TRUE(write(other, {pin}).contains("result"));
 }
 
 TEST(Listener, TakesOverFromTheDeadAndRefusesTheLiving) {

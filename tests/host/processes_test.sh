@@ -31,7 +31,7 @@ wire s sim7 0
 pinlampctl map set Fan1 --green g --red r --ready
 pinlampctl map set Status --green s --ready
 pinlampctl led set Fan1 Status green
-host led --store "unix:$PINLAMP_SOCKET" --agent libpinlamp.so --trace 'Pinlamp/*' --trace-file "$run/trace"
+led_host
 gpio_host :PinlampSim
 await "pin values reach the state database" 101 pins g r s
 await "and from there the lines" "line 3 of gpiochip0 'sim0'" line g place
@@ -39,6 +39,24 @@ no_chip="no GPIO chip has the label or the name 'sim7' (there are gpiochip0 'sim
 await "a chip that is not there is told where a person looks" "$no_chip" line s error
 pinlampctl led set Fan1 red
 await "a setting goes all the way" 011 pins g r s
+
+# What agents fill -----------------------------------------------------------------------------------------------------
+pins=hardware/corvel/gpio/config
+load_dir() { echo "{\"$1\": {\"type\": \"Zel::Dir\"}}" | pinlampctl "${@:2}" load - 2>&1; }
+filled="which process $led_pid ('$run/led.sock') fills; nobody else writes there while it runs"
+for socket in "$PINLAMP_SOCKET" "$run/led.sock"; do
+  check "a row of another type under a writable mount is refused at $(basename "$socket")" \
+    "pinlampctl: standard input:1: $pins/g: stands under '$pins', $filled" "$(load_dir $pins/g --socket "$socket")"
+done
+host second --store "unix:$PINLAMP_SOCKET" --agent libpinlamp.so
+await "a second process that fills the same waits" 1 grep -c "process $led_pid .* trying until it is free" "$run/second.log"
+killed led
+pinlampctl led set Fan1 green
+await "and takes over when the first has gone" 101 pins g r s
+ended second >/dev/null
+led_host
+pinlampctl led set Fan1 red
+await "as any other" 011 pins g r s
 
 # The LED agent --------------------------------------------------------------------------------------------------------
 killed led

@@ -55,10 +55,12 @@ std::string valueText(Client& client, const std::string& path, const Json& attri
   return oneLine(value);
 }
 
-// Everything that an object publishes, with its values.
-void printObject(Context& context, const std::string& path) {
+// Everything that an object publishes, with its values; of one that publishes nothing its type.
+void printObject(Context& context, const std::string& path, const Json& type) {
   Table table;
-  for (const Json& attribute : callObject(context.client(), "list", path)) {
+  const Json attributes = callObject(context.client(), "list", path);
+  if (attributes.empty()) context.out << bare(type) << '\n';
+  for (const Json& attribute : attributes) {
     const std::string name = attribute.at("name");
     std::vector<std::string> operations;
     for (const Json& operation : attribute.at("operations")) operations.push_back(operation);
@@ -75,7 +77,7 @@ void get(Context& context, const std::string& path, bool json) {
   if (json)
     context.out << value.dump(2) << '\n';
   else if (isObject(value))
-    printObject(context, path);
+    printObject(context, path, value.at("type"));
   else if (value.is_array())
     for (const Json& each : value) context.out << bare(each) << '\n';
   else

@@ -176,35 +176,35 @@ Value Objects::coerce(const std::string& path, const Zel::Parameter& parameter, 
 
 namespace {
 
-// Visits every object that can be reached from `at`, nearest first, each once, parents left out; `visit` says
-// whether to go on.
-template <class Visit>
-bool walk(const ObjectRef& at, std::unordered_set<const void*>& seen, Visit&& visit) {
-  if (!at.object || !seen.insert(at.object.get()).second) return true;
-  if (!visit(at)) return false;
-  bool goOn = true;
-  forEachRow(at.object->fwkType(), [&](const AttributeInfo& row) {
-    if (!goOn) return;
-    if (row.kind == Kind::pointer) goOn = walk(targetOf(at, row), seen, visit);
-    if (row.kind != Kind::collection) return;
-    for (const Zel::Name key : row.keys(notifierOf(at)))
-      goOn = goOn && walk(memberOf(at, row, key), seen, visit);
-  });
-  return goOn;
-}
+// Looks for an entity by type and name behind pointers, and in collections under that name.
+class Search {
+ public:
+  Search(const Zel::TypeNode& type, Zel::Name name) : type_(type), name_(name) {}
+
+  Ptr<const Zel::PtrInterface> from(const ObjectRef& at) {
+    if (!at.object || !seen_.insert(at.object.get()).second) return nullptr;
+    const auto* entity = dynamic_cast<const Zel::Entity*>(at.object.get());
+    if (entity && entity->fwkType().isA(type_) && entity->name() == name_) return at.object;
+    Ptr<const Zel::PtrInterface> found;
+    forEachRow(at.object->fwkType(), [&](const AttributeInfo& row) {
+      if (!found && row.kind == Kind::pointer) found = from(targetOf(at, row));
+      if (!found && row.kind == Kind::collection) found = from(memberOf(at, row, name_));
+    });
+    return found;
+  }
+
+ private:
+  const Zel::TypeNode& type_;
+  const Zel::Name name_;
+  std::unordered_set<const void*> seen_;
+};
 
 }  // namespace
 
 Ptr<const Zel::PtrInterface> Objects::named(const std::string& path, const Zel::TypeNode& type,
                                             const std::string& name) const {
-  Ptr<const Zel::PtrInterface> found;
-  std::unordered_set<const void*> seen;
-  walk(resolve(path.substr(0, path.find('/'))), seen, [&](const ObjectRef& at) {
-    const auto* entity = dynamic_cast<const Zel::Entity*>(at.object.get());
-    if (entity && entity->fwkType().isA(type) && entity->name().view() == name) found = at.object;
-    return !found;
-  });
-  return found;
+  const auto known = Zel::Name::existing(name);
+  return known ? Search(type, *known).from(resolve(path.substr(0, path.find('/')))) : nullptr;
 }
 
 namespace {

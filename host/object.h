@@ -58,7 +58,7 @@ class Objects {
   // The keys of a collection or of a set of names.
   Zel::Value iterate(const std::string& path) const;
   // `path` names a procedure. A text given for an object is a path, or the name of an object of that type
-  // which can be reached from where the path started.
+  // that is found from where the path started: behind pointers, and in collections under that name.
   Zel::Value call(const std::string& path, const Zel::Value::List& arguments) const;
   // The components that may follow: {"name", "kind", "type", "operations"} each.
   Zel::Value list(const std::string& path) const;
@@ -66,8 +66,8 @@ class Objects {
   // the members where the object stands further above. Of one collection kTreeMembers are listed at most, and
   // kTreeObjects altogether; what an object has beyond that is counted in its "omitted", by attribute.
   Zel::Value tree(const std::string& path, std::size_t depth) const;
-  static constexpr std::size_t kTreeMembers = 128;
-  static constexpr std::size_t kTreeObjects = 2048;
+  static constexpr std::size_t kTreeMembers = 256;
+  static constexpr std::size_t kTreeObjects = 4096;
 
   // An object as a value that is no reference: {"object": PATH, "type": TYPE}; lists and fields are gone
   // through.

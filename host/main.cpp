@@ -54,10 +54,10 @@ void describe(CLI::App& app, CommandLine& line) {
   app.add_option("--socket", line.host.socket, "the control socket")
       ->type_name("PATH")
       ->capture_default_str();
-  app.add_flag(
-      "--allow-object-writes", line.host.allowObjectWrites,
-      "let clients of the socket set, delete and invoke live objects, not only read them; for trials: "
-      "what an object's own operations do not survive ends the host");
+  app.add_flag("--allow-object-writes", line.host.allowObjectWrites,
+               "let clients of the socket set, delete and invoke live objects, not only read them; for "
+               "trials, as a wrong "
+               "call can end the host");
   app.add_option("--trace", line.traces,
                  "trace levels to switch on: Pinlamp/3,6-9; may be given several times")
       ->type_name("FACILITY/LEVELS")

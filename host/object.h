@@ -5,12 +5,11 @@
 // A path starts at an agent ("agent" is the first one, any agent goes by its name too) or at a mounted entity
 // ("hardware/led/config/leds/Status"), and leads from object to object by attributes; behind a collection
 // stands a member's key. Entries of a directory stand under it without the collection's name. Names are
-// escaped as in entity paths. A path has at most kLongestPath bytes and kDeepestPath components, none of them
-// empty.
+// escaped as in entity paths, and the limits are the same. No component is empty.
 //
-// Clients read, and where the host allows it set, delete and invoke. What the objects' own operations do not
-// survive is kept from clients all the same: start-up operations of an agent, null where an operation takes
-// an object, agents as entries of directories.
+// Clients read, and where the host allows it set, delete and invoke. Refused in either case, because the
+// objects assert on it: start-up operations of an agent, null where an operation takes an object, and agents
+// as entries of directories.
 #pragma once
 
 #include <functional>

@@ -127,11 +127,14 @@ TEST_F(Mounts, AGroupFailsWithPathTypeFoundAndTypeAsked) {
   write({Change::put(kLeds, "Zel::Dir", "", {}), Change::put("x", "No::Such", "", {})});
   const auto made = agent({{kLeds, kLedDir, "r"}, {"x", "Zel::Dir", "r"}, {"y", "Gone::Type", "r"}});
   EXPECT_EQ(made->statuses, std::vector{Statedb::mountFailure_});
-  EXPECT_EQ(made->mountGroup->failures(),
-            (std::vector<std::string>{"mount of 'hardware/led/config': found an entity of type Zel::Dir, "
-                                      "asked for Hardware::Led::LedSystemConfigDir",
-                                      "mount of 'x': found an entity of type No::Such, asked for Zel::Dir",
-                                      "mount of 'y': the type asked for, Gone::Type, is unknown"}));
+  EXPECT_EQ(
+      made->mountGroup->failures(),
+      (std::vector<std::string>{
+          "mount of 'hardware/led/config': found an entity of type Zel::Dir, "
+          "asked for Hardware::Led::LedSystemConfigDir; delete that entity from a host without this agent",
+          "mount of 'x': found an entity of type No::Such, asked for Zel::Dir; delete that entity from a "
+          "host without this agent",
+          "mount of 'y': the type asked for, Gone::Type, is unknown"}));
   EXPECT_THROW(made->mountGroup->doMount({"z", "Zel::Dir", "r"}), Zel::RangeException) << "closed";
 }
 

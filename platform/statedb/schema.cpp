@@ -100,7 +100,6 @@ Zel::Name placeType(Path path, const TypesAfter& types) {
   const std::string text = path.text();
   for (PathReader reader(text);;) {
     const auto step = reader.next(*above);
-    if (step.key.size() > 255) throw Zel::ValueError("the name '" + step.key + "' is longer than 255 bytes");
     if (reader.done()) return step.memberType ? step.memberType->name() : Zel::Name();
     const Zel::Name found = types.typeAt(Path(step.path));
     if (found.empty() && step.memberType)

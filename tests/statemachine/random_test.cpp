@@ -97,11 +97,14 @@ class MachineRun : Bench::Test {
     if (operation < 3 && (on || steady())) {
       const auto clock = !on ? nullptr : other ? otherClock : manager.clock();
       EXPECT_EQ(!on && other ? machine->clockDel() : clockOfModel(), clockOfModel());
-      machine->clockIs(clock), model->clockIs(clock);
-    } else if ((operation == 3 || operation == 4) && (on || !wakes)) {
+      on || !other ? machine->clockIs(clock) : void();
+      model->clockIs(clock);
+    } else if (operation == 3 || operation == 4) {
       const auto led = on ? leds[other] : nullptr;
       EXPECT_EQ(!on && other ? machine->hwLedConfigDel() : model->led, model->led);
-      machine->hwLedConfigIs(led), model->ledIs(led);
+      on || !other ? machine->hwLedConfigIs(led) : void();
+      model->ledIs(led);
+      if (!led && wakes) machine->hwLedConfigIs(leds[other]), model->ledIs(leds[other]);
     } else if (operation == 5 || operation == 6) {
       machine->initializedIs(on), model->initialized = on;
     } else if (operation == 7) {

@@ -265,6 +265,8 @@ TEST_F(AgentTest, EveryChangeIsAnnouncedWithItsAttribute) {
   machine->clockDel();
   machine->hwLedConfigDel();
   EXPECT_EQ(changes(), (Lines{"hwLedConfig ", "clock ", "flashingState "}));
+  reactor->gpioLedConfigIs(agent->gpioLedSystemConfigDir()->gpioLeds("Fan1"));  // the one that is there
+  EXPECT_EQ(changes(), Lines{});
   reactor->gpioLedConfigDel("Fan1");
   reactor->corvelLedSystemConfigDel();
   reactor->hwLedConfigDirDel();

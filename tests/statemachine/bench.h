@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -64,11 +63,6 @@ class Test : public testing::Test {
   Lines takeWrites() { return std::exchange(writes, {}); }
   // "LEVEL Pinlamp:LINE FUNCTION: MESSAGE" each.
   Lines takeRecords() { return std::exchange(records, {}); }
-  // The same without source and line.
-  Lines takeMessages() {
-    for (auto& record : records) record = std::regex_replace(record, std::regex(" Pinlamp:\\d+"), "");
-    return takeRecords();
-  }
   Lines stepTo(double now) {
     time.nowIs(now);
     manager.step();

@@ -53,10 +53,10 @@ class Pool {
 
   void newBlock() {
     std::byte* const huge = taken_ < kManyBytes ? nullptr : newHugePage();
-    left_ = huge ? kHugePage : nextBlock_;
     fresh_ = huge ? huge : static_cast<std::byte*>(::operator new(nextBlock_));
-    if (!huge) nextBlock_ = std::min(nextBlock_ * 2, kLastBlock);
+    left_ = huge ? kHugePage : nextBlock_;  // counted once it is there
     taken_ += left_;
+    if (!huge) nextBlock_ = std::min(nextBlock_ * 2, kLastBlock);
   }
 
   // Null where the system gives none.

@@ -120,8 +120,8 @@ void Clock::placeAllOf(std::uint32_t slot) const {
 // A node that was freed last is taken first: a reactor that is armed anew where it was woken gets its own.
 void Clock::arm(NotifieeConst& notifiee) const {
   if (free_ == 0) {
-    free_ = static_cast<std::uint32_t>(nodes_.size());
     nodes_.emplace_back();
+    free_ = static_cast<std::uint32_t>(nodes_.size() - 1);
   }
   const std::uint32_t node = free_;
   free_ = nodes_[node].next;

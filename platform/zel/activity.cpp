@@ -82,13 +82,13 @@ void ActivityManager::deliverRound() {
     if (foresees && foreseen == 0) foreseen = foreseeSome();
     auto& notifiee = NotifieeBase::ofPending(*round_.next());
     static_cast<PendingHook&>(notifiee).leave();
-    if (!notifiee.mayHear()) {
+    if (!notifiee.mayBeNotified()) {
       notifiee.dropMarks();
       continue;
     }
     ++deliveries_;
     const Ptr<NotifieeBase> kept(&notifiee);
-    runHandler(notifiee, notifiee.notifierBase(), [&] { notifiee.deliver(); });
+    runHandler(notifiee, notifiee.notifierBase(), [&] { notifiee.deliver(round_); });
   }
 }
 

@@ -200,8 +200,8 @@ void Clock::foreseeSome() const {
 
 void Clock::wake(NotifieeConst& notifiee, double now) const {
   disarm(notifiee);
-  notifiee.armed_ = false;
-  if (!notifiee.mayHear()) return;
+  notifiee.armed_ = !notifiee.hasNotificationActive() && !notifiee.zelIsZombie();  // held until it is on
+  if (!notifiee.mayBeNotified()) return;
   ++expiries_;
   if (std::isfinite(notifiee.timeMin_)) worstLateness_ = std::max(worstLateness_, now - notifiee.timeMin_);
   const Ptr<NotifieeConst> kept(&notifiee);

@@ -137,7 +137,8 @@ class ZEL_API Clock::NotifieeConst : public NotifieeBase {
   bool accepts(const PtrInterface& notifier) const override {
     return dynamic_cast<const Clock*>(&notifier) != nullptr;
   }
-  void deliver() override {}
+  void handleMark(AttributeIndex) override {}
+  void handleKey(AttributeIndex, Name) override {}
   void immediate(AttributeIndex) override { declineImmediate(); }
   void join() override;
   void part() override;

@@ -230,7 +230,19 @@ void Clock::NotifieeConst::join() {
 }
 
 void Clock::NotifieeConst::part() {
-  if (notifier()) notifier()->disarm(*this);
+  if (!notifier()) return;
+  if (node_ == 0) armed_ = false;
+  notifier()->disarm(*this);
+}
+
+void Clock::NotifieeConst::hasNotificationActiveIs(bool active) {
+  NotifieeBase::hasNotificationActiveIs(active);
+  if (active && isHeld()) join();
+}
+
+void Clock::NotifieeConst::zelDoZombieReactors(bool zombie) {
+  NotifieeBase::zelDoZombieReactors(zombie);
+  if (zombie && isHeld()) armed_ = false;
 }
 
 }  // namespace Zel

@@ -2,12 +2,17 @@
 #include "platform/model/environment.h"
 #include "platform/model/hardwaregpio.h"
 #include "platform/model/hardwareled.h"
+#include "platform/warden/cagent.h"
+#include "platform/zel/clock.h"
 #include "platform/zel/dir.h"
 
 namespace {
 
 const Zel::TypeRegistration types{
+    &Zel::Entity::typeNode,
     &Zel::Dir::typeNode,
+    &Zel::Clock::typeNode,
+    &Warden::CAgent::typeNode,
     &Hardware::Led::LedSystemConfigDir::typeNode,
     &Hardware::Led::LedConfig::typeNode,
     &Hardware::Gpio::GpioLedSystemConfigDir::typeNode,

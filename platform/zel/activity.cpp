@@ -29,9 +29,11 @@ constinit Name ActivityManager::currentAgent_;
 ActivityManager::ActivityManager() : before_(std::exchange(current_, this)), clock_(allocate<Clock>()) {}
 
 ActivityManager::~ActivityManager() {
-  while (round_.linked()) round_.next()->leave();
-  while (pending_.linked()) pending_.next()->leave();
-  if (current_ == this) current_ = before_;
+  for (ListHook* const queue : {&round_, &pending_})
+    while (queue->linked()) NotifieeBase::ofPending(*queue->next()).dropMarks();
+  ActivityManager** link = &current_;
+  while (*link != this) link = &(*link)->before_;
+  *link = before_;
 }
 
 ActivityManager& ActivityManager::makeCurrent() {
@@ -39,12 +41,30 @@ ActivityManager& ActivityManager::makeCurrent() {
   return *current_;
 }
 
+namespace {
+
+// Sets a flag for its lifetime.
+class Setting {
+ public:
+  explicit Setting(bool& flag) : flag_(flag) { flag_ = true; }
+  ~Setting() { flag_ = false; }
+  Setting(const Setting&) = delete;
+  Setting& operator=(const Setting&) = delete;
+
+ private:
+  bool& flag_;
+};
+
+}  // namespace
+
 double ActivityManager::step() {
+  ZEL_REQUIRE(!stepping_, "in pass " << passes_);
+  const Setting stepping(stepping_);
   ++passes_;
   runPosted();
   if (clock_) clock_->advance(System::currentTime());
   for (int i = 0; i < kRounds && (pending_.linked() || round_.linked()); ++i) deliverRound();
-  for (std::size_t i = 0; i < ends_.size(); ++i) ends_[i]->onPassEnd();
+  runEnds();
   return nextWakeUp();
 }
 
@@ -60,8 +80,18 @@ std::string ActivityManager::suspect() const {
 void ActivityManager::post(std::function<void()> task) { posted_.push_back(std::move(task)); }
 
 void ActivityManager::runPosted() {
-  const auto tasks = std::exchange(posted_, {});
-  for (const auto& task : tasks) task();
+  for (std::size_t count = posted_.size(); count != 0; --count) {
+    const auto task = std::move(posted_.front());
+    posted_.pop_front();
+    task();
+  }
+}
+
+// Those that are there now: one that is added meanwhile runs from the next pass on.
+void ActivityManager::runEnds() {
+  for (std::size_t i = 0, count = ends_.size(); i < count; ++i)
+    if (ends_[i]) ends_[i]->onPassEnd();
+  std::erase(ends_, nullptr);
 }
 
 // Returns how many reactors these are at most.
@@ -82,18 +112,22 @@ void ActivityManager::deliverRound() {
     if (foresees && foreseen == 0) foreseen = foreseeSome();
     auto& notifiee = NotifieeBase::ofPending(*round_.next());
     static_cast<PendingHook&>(notifiee).leave();
-    if (!notifiee.mayHear()) {
+    if (!notifiee.mayBeNotified()) {
       notifiee.dropMarks();
       continue;
     }
     ++deliveries_;
     const Ptr<NotifieeBase> kept(&notifiee);
-    runHandler(notifiee, notifiee.notifierBase(), [&] { notifiee.deliver(); });
+    runHandler(notifiee, notifiee.notifierBase(), [&] { notifiee.deliver(round_); });
   }
 }
 
-void ActivityManager::passEndIs(PassEnd& end) { ends_.push_back(&end); }
-void ActivityManager::passEndDel(PassEnd& end) { ends_.erase(std::ranges::find(ends_, &end)); }
+void ActivityManager::passEndIs(PassEnd& end) {
+  if (std::ranges::find(ends_, &end) == ends_.end()) ends_.push_back(&end);
+}
+void ActivityManager::passEndDel(PassEnd& end) {
+  std::ranges::replace(ends_, &end, static_cast<PassEnd*>(nullptr));
+}
 
 namespace {
 

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <string>
 #include <vector>
@@ -45,8 +46,8 @@ class ZEL_API PassEnd {
 
 class ZEL_API ActivityManager {
  public:
-  // Becomes the process's current activity manager until it is destroyed, when the one before becomes it
-  // again.
+  // Becomes the process's current activity manager until it is destroyed, when the latest of those that there
+  // are becomes it. What is pending is dropped with it.
   ActivityManager();
   ~ActivityManager();
   ActivityManager(const ActivityManager&) = delete;
@@ -58,7 +59,8 @@ class ZEL_API ActivityManager {
 
   // One pass: what was posted, then the expiries that are due, then the notifications until none is left
   // (what still changes after a bounded number of rounds waits for the next pass), then the ends of pass.
-  // Returns nextWakeUp(). Throws HandlerFault; what was not delivered then stays pending.
+  // Returns nextWakeUp(). Throws HandlerFault, and whatever a task or an end of pass throws; what was not
+  // delivered or run then stays pending. REQUIRES: not called from a handler, a task or an end of pass.
   double step();
   // The time (seconds, as System::currentTime) at which step() has work again: not later than now where work
   // is waiting, positive infinity where there is none.
@@ -66,7 +68,8 @@ class ZEL_API ActivityManager {
 
   // Runs `task` in the next pass. Tasks run in the order of posting; one that a task posts runs a pass later.
   void post(std::function<void()> task);
-  // REQUIRES for the second: `end` is there. Neither is called from onPassEnd.
+  // Adds an end of pass, and removes it; one that is there already, or not there, is ignored. Ends may add
+  // and remove any.
   void passEndIs(PassEnd& end);
   void passEndDel(PassEnd& end);
 
@@ -84,7 +87,7 @@ class ZEL_API ActivityManager {
   // The agent at work, whose reactors are named after it in faults; empty where none is.
   static Name currentAgent() { return currentAgent_; }
 
-  // Says for its lifetime that `agent` is at work.
+  // Names the agent at work for its lifetime.
   class AgentScope {
    public:
     explicit AgentScope(Name agent) : before_(std::exchange(currentAgent_, agent)) {}
@@ -105,18 +108,20 @@ class ZEL_API ActivityManager {
     pendingFlags_ |= notifiee.flags(~0U);
   }
   void runPosted();
+  void runEnds();
   unsigned foreseeSome();
   void deliverRound();
 
   static constinit ActivityManager* current_;
   static constinit Name currentAgent_;
 
-  ActivityManager* const before_;
+  ActivityManager* before_;
   Ptr<const Clock> clock_;
   ListHook pending_;  // in the order in which they first became pending
   ListHook round_;    // the part of it that is being delivered
-  std::vector<std::function<void()>> posted_;
-  std::vector<PassEnd*> ends_;
+  std::deque<std::function<void()>> posted_;
+  std::vector<PassEnd*> ends_;  // null where one was removed
+  bool stepping_ = false;
   std::uint32_t pendingFlags_ = 0;  // that any of the pending had
   std::uint64_t passes_ = 0;
   std::uint64_t deliveries_ = 0;

@@ -53,10 +53,10 @@ class Pool {
 
   void newBlock() {
     std::byte* const huge = taken_ < kManyBytes ? nullptr : newHugePage();
-    left_ = huge ? kHugePage : nextBlock_;
     fresh_ = huge ? huge : static_cast<std::byte*>(::operator new(nextBlock_));
-    if (!huge) nextBlock_ = std::min(nextBlock_ * 2, kLastBlock);
+    left_ = huge ? kHugePage : nextBlock_;  // counted once it is there
     taken_ += left_;
+    if (!huge) nextBlock_ = std::min(nextBlock_ * 2, kLastBlock);
   }
 
   // Null where the system gives none.
@@ -82,8 +82,17 @@ class Pool {
 
 constinit thread_local Pool pool;
 
-// A sanitizer is to see each object by itself.
+// GCC says by a macro that it sanitizes, clang by a feature.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define ZEL_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(memory_sanitizer) || __has_feature(thread_sanitizer)
+#define ZEL_SANITIZED 1
+#endif
+#endif
+
+// A sanitizer must see each object by itself.
+#ifdef ZEL_SANITIZED
 constexpr bool kPooled = false;
 #else
 constexpr bool kPooled = true;

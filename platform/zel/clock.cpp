@@ -120,8 +120,8 @@ void Clock::placeAllOf(std::uint32_t slot) const {
 // A node that was freed last is taken first: a reactor that is armed anew where it was woken gets its own.
 void Clock::arm(NotifieeConst& notifiee) const {
   if (free_ == 0) {
-    free_ = static_cast<std::uint32_t>(nodes_.size());
     nodes_.emplace_back();
+    free_ = static_cast<std::uint32_t>(nodes_.size() - 1);
   }
   const std::uint32_t node = free_;
   free_ = nodes_[node].next;
@@ -200,8 +200,8 @@ void Clock::foreseeSome() const {
 
 void Clock::wake(NotifieeConst& notifiee, double now) const {
   disarm(notifiee);
-  notifiee.armed_ = false;
-  if (!notifiee.mayHear()) return;
+  notifiee.armed_ = !notifiee.hasNotificationActive() && !notifiee.zelIsZombie();  // held until it is on
+  if (!notifiee.mayBeNotified()) return;
   ++expiries_;
   if (std::isfinite(notifiee.timeMin_)) worstLateness_ = std::max(worstLateness_, now - notifiee.timeMin_);
   const Ptr<NotifieeConst> kept(&notifiee);
@@ -230,7 +230,19 @@ void Clock::NotifieeConst::join() {
 }
 
 void Clock::NotifieeConst::part() {
-  if (notifier()) notifier()->disarm(*this);
+  if (!notifier()) return;
+  if (node_ == 0) armed_ = false;
+  notifier()->disarm(*this);
+}
+
+void Clock::NotifieeConst::hasNotificationActiveIs(bool active) {
+  NotifieeBase::hasNotificationActiveIs(active);
+  if (active && isHeld()) join();
+}
+
+void Clock::NotifieeConst::zelDoZombieReactors(bool zombie) {
+  NotifieeBase::zelDoZombieReactors(zombie);
+  if (zombie && isHeld()) armed_ = false;
 }
 
 }  // namespace Zel

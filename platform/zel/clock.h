@@ -127,17 +127,25 @@ class ZEL_API Clock::NotifieeConst : public NotifieeBase {
   // The absolute time, in seconds, at which onTime is to run; it replaces the one before. Positive infinity
   // is never, and so is a time that is not a number. A time that has passed comes with the next pass. It
   // stays readable after it came.
+  //
+  // A time that comes while the notifications are off is kept: onTime runs, once, in the next pass after they
+  // were switched on. Unregistering, re-pointing and retiring drop it then; a time that has not come yet goes
+  // along to the next clock.
   void timeMinIs(const double& time);
   double timeMin() const { return timeMin_; }
 
   // Runs once for each time that was set and has come, while the reactor's notifications are on.
   virtual void onTime() {}
 
+  void hasNotificationActiveIs(bool active) override;
+  void zelDoZombieReactors(bool zombie) override;
+
  protected:
   bool accepts(const PtrInterface& notifier) const override {
     return dynamic_cast<const Clock*>(&notifier) != nullptr;
   }
-  void deliver() override {}
+  void handleMark(AttributeIndex) override {}
+  void handleKey(AttributeIndex, Name) override {}
   void immediate(AttributeIndex) override { declineImmediate(); }
   void join() override;
   void part() override;
@@ -146,9 +154,12 @@ class ZEL_API Clock::NotifieeConst : public NotifieeBase {
  private:
   friend class Clock;
 
+  // Whether the time came while the notifications were off.
+  bool isHeld() const { return armed_ && node_ == 0 && isRegisteredNotifiee() && notifier(); }
+
   double timeMin_ = kNever;
   std::uint32_t node_ = 0;  // where it waits; 0: nowhere
-  bool armed_ = false;      // the time has not come yet
+  bool armed_ = false;      // the time was not delivered yet
 };
 
 }  // namespace Zel

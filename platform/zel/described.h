@@ -312,29 +312,18 @@ class Described : public Typed<T, Base> {
   static Value dispatch(Notifier& object, Operation operation, AttributeIndex index, Arguments arguments,
                         bool& handled);
 
-  // Calls the handlers of `notifiee` for what is marked; each after the first while `mayHear` says so. For
-  // NotifieeOf.
-  template <class N, class MayHear>
-  static void deliverWhole(N& notifiee, std::uint32_t marks, MayHear&& mayHear) {
-    bool goesOn = marks != 0;
-    forEachRow([&]<class R>(AttributeIndex index, const R&) {
-      if (!goesOn || (marks >> index & 1U) == 0) return;
-      R::whole(notifiee);
-      marks &= ~(1U << index);
-      goesOn = marks != 0 && mayHear();
-    });
+  // Call a handler of `notifiee` for the attribute at `index`. For NotifieeOf.
+  template <class N>
+  static void handleMark(N& notifiee, AttributeIndex index) {
+    withRow(index, [&]<class R>(const R&) { R::whole(notifiee); });
   }
   template <class N>
-  static void deliverKey(N& notifiee, AttributeIndex wanted, Name key) {
-    forEachRow([&]<class R>(AttributeIndex index, const R&) {
-      if (index == wanted) R::key(notifiee, key);
-    });
+  static void handleKey(N& notifiee, AttributeIndex index, Name key) {
+    withRow(index, [&]<class R>(const R&) { R::key(notifiee, key); });
   }
   template <class N>
-  static void deliverImmediate(N& notifiee, AttributeIndex wanted) {
-    forEachRow([&]<class R>(AttributeIndex index, const R&) {
-      if (index == wanted) R::immediate(notifiee);
-    });
+  static void handleImmediate(N& notifiee, AttributeIndex index) {
+    withRow(index, [&]<class R>(const R&) { R::immediate(notifiee); });
   }
 
  protected:
@@ -463,10 +452,16 @@ class Described : public Typed<T, Base> {
     child.ownerIs(nullptr);
   }
 
+  // Calls `function` with the row at `index`, where it is one of this class's own.
   template <class Function>
-  static void forEachRow(Function&& function) {
-    AttributeIndex index = firstAttribute();
-    std::apply([&](const auto&... row) { (function(index++, row), ...); }, T::attributes());
+  static void withRow(AttributeIndex index, Function&& function) {
+    AttributeIndex at = firstAttribute();
+    const auto tries = [&](const auto& row) {
+      const bool found = at++ == index;
+      if (found) function(row);
+      return found;
+    };
+    std::apply([&](const auto&... row) { static_cast<void>((tries(row) || ...)); }, T::attributes());
   }
 };
 
@@ -484,24 +479,12 @@ class NotifieeOf : public NotifieeBase {
   bool accepts(const PtrInterface& notifier) const override {
     return dynamic_cast<const X*>(&notifier) != nullptr;
   }
-  void deliver() override {
-    auto& self = static_cast<typename X::NotifieeConst&>(*this);
-    const std::uint32_t marks = this->takeMarks();
-    X::deliverWhole(self, marks, [this] { return this->mayHear(); });
-    if (this->hasKeyMarks()) deliverKeys(self);
-  }
-  void immediate(AttributeIndex index) override {
-    X::deliverImmediate(static_cast<typename X::NotifieeConst&>(*this), index);
-  }
+  void handleMark(AttributeIndex index) override { X::handleMark(typed(), index); }
+  void handleKey(AttributeIndex index, Name key) override { X::handleKey(typed(), index, key); }
+  void immediate(AttributeIndex index) override { X::handleImmediate(typed(), index); }
 
  private:
-  template <class N>
-  void deliverKeys(N& self) {
-    for (const KeyMark& mark : this->takeKeyMarks()) {
-      if (!this->mayHear()) return;
-      X::deliverKey(self, mark.index, mark.key);
-    }
-  }
+  auto& typed() { return static_cast<typename X::NotifieeConst&>(*this); }
 };
 
 // How the rows do what they do

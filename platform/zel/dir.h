@@ -40,7 +40,6 @@ class ZEL_API Dir : public Described<Dir, Entity> {
 
  protected:
   ~Dir() override;
-  std::string memberPrefix(const Entity&) const override { return {}; }
 
  private:
   PtrMap<Entity> entries_;

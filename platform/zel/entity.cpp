@@ -29,11 +29,10 @@ void Entity::ownerIs(Entity* owner) {
   parent_ = owner;
 }
 
-std::string Entity::memberPrefix(const Entity& member) const {
-  for (const TypeNode* type = &fwkType(); type; type = type->base())
-    for (const AttributeInfo& row : type->attributes())
-      if (row.memberType && member.fwkType().isA(row.memberType())) return row.name;
-  return {};
+const char* Entity::collectionOf(const Entity& member) const {
+  for (const AttributeInfo* row : fwkType().storedAttributes())
+    if (row->member && row->member(*this, member.name()) == &member) return row->direct ? "" : row->name;
+  return "";
 }
 
 namespace {
@@ -75,7 +74,7 @@ void Entity::appendPath(std::string& path) const {
   };
   if (parent_) {
     parent_->appendPath(path);
-    if (const std::string collection = parent_->memberPrefix(*this); !collection.empty()) {
+    if (const char* const collection = parent_->collectionOf(*this); *collection) {
       separate();
       path += collection;
     }

@@ -36,10 +36,6 @@ class ZEL_API Entity : public Described<Entity, Notifier> {
   explicit Entity(Name name) : Described(name) {}
   ~Entity() override;
 
-  // The component before a member's name in its path: the name of the collection of this entity that holds
-  // it, empty for entries of directories and for what is only attached.
-  virtual std::string memberPrefix(const Entity& member) const;
-
  private:
   template <class, class>
   friend class Described;
@@ -48,6 +44,9 @@ class ZEL_API Entity : public Described<Entity, Notifier> {
   void ownerIs(Entity* owner);
 
   void appendPath(std::string& path) const;
+  // The component before a member's name in its path: the name of the collection of this entity that holds
+  // it. Empty for entries of directories and for what is only attached.
+  const char* collectionOf(const Entity& member) const;
 
   Entity* parent_ = nullptr;
 };

@@ -120,8 +120,9 @@ class Table {
   const char* store(std::string_view text) {
     const std::size_t needed = text.size() + 1;
     if (needed > left_) {
-      left_ = needed > kBlock ? needed : kBlock;
-      free_ = blocks_.emplace_back(new char[left_]).get();
+      const std::size_t size = std::max(needed, kBlock);
+      free_ = blocks_.emplace_back(std::make_unique_for_overwrite<char[]>(size)).get();
+      left_ = size;
     }
     char* place = free_;
     std::memcpy(place, text.data(), text.size());

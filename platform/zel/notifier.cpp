@@ -1,5 +1,7 @@
 #include "platform/zel/notifier.h"
 
+#include <algorithm>
+#include <span>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -18,31 +20,44 @@ void ListHook::takeAllOf(ListHook& other) {
   other.next_ = other.previous_ = &other;
 }
 
-// Keys in the order of marking; a set beside them once they are too many to scan.
-struct NotifieeBase::KeyMarks {
-  static constexpr std::size_t kScanned = 16;
+// Keys of collections in the order of marking; a hash index beside them once they are too many to scan.
+class NotifieeBase::KeyMarks {
+ public:
+  struct Mark {
+    AttributeIndex index;
+    Name key;
+    bool operator==(const Mark&) const = default;
+  };
 
-  std::vector<KeyMark> order;
-  std::unordered_set<std::uint64_t> seen;
-
-  static std::uint64_t code(const KeyMark& mark) { return (std::uint64_t{mark.index} << 32) | mark.key.id(); }
-
-  void add(const KeyMark& mark) {
-    if (contains(mark)) return;
-    order.push_back(mark);
-    if (order.size() == kScanned + 1)
-      for (const KeyMark& each : order) seen.insert(code(each));
-    else if (order.size() > kScanned)
-      seen.insert(code(mark));
+  bool empty() const { return left().empty(); }
+  bool contains(const Mark& mark) const {
+    return isIndexed() ? index_.contains(code(mark)) : std::ranges::find(left(), mark) != left().end();
   }
+  void add(const Mark& mark) {
+    if (contains(mark)) return;
+    order_.push_back(mark);
+    if (order_.size() == kScanned + 1)
+      for (const Mark& each : left()) index_.insert(code(each));
+    else if (isIndexed())
+      index_.insert(code(mark));
+  }
+  // REQUIRES: not empty.
+  Mark takeFirst() {
+    const Mark mark = order_[taken_++];
+    if (isIndexed()) index_.erase(code(mark));
+    return mark;
+  }
+  std::span<const Mark> left() const { return std::span(order_).subspan(taken_); }
 
  private:
-  bool contains(const KeyMark& mark) const {
-    if (order.size() > kScanned) return seen.contains(code(mark));
-    for (const KeyMark& each : order)
-      if (code(each) == code(mark)) return true;
-    return false;
-  }
+  static constexpr std::size_t kScanned = 16;
+
+  static std::uint64_t code(const Mark& mark) { return (std::uint64_t{mark.index} << 32) | mark.key.id(); }
+  bool isIndexed() const { return order_.size() > kScanned; }
+
+  std::vector<Mark> order_;
+  std::size_t taken_ = 0;
+  std::unordered_set<std::uint64_t> index_;  // of those that are left
 };
 
 // Kept beside the reactors: few have any.
@@ -52,6 +67,36 @@ struct NotifieeBase::AllKeyMarks {
     return instance;
   }
 };
+
+// What the turn of one reactor has still to deliver. On the stack of whoever delivers, and in a list of
+// those, where the reactor finds it while its flag kInTurn is set.
+struct NotifieeBase::Turn {
+  explicit Turn(NotifieeBase& whose) : notifiee(whose), outer(std::exchange(innermost, this)) {
+    ZEL_REQUIRE(!notifiee.flag(kInTurn), notifiee.fwkType().name());
+    notifiee.flagIs(kInTurn, true);
+  }
+  ~Turn() {
+    notifiee.flagIs(kInTurn, false);
+    innermost = outer;
+  }
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+
+  static Turn& of(const NotifieeBase& notifiee) {
+    Turn* turn = innermost;
+    while (&turn->notifiee != &notifiee) turn = turn->outer;
+    return *turn;
+  }
+
+  static constinit Turn* innermost;
+
+  NotifieeBase& notifiee;
+  Turn* const outer;
+  std::uint32_t marks = 0;
+  KeyMarks keys;
+};
+
+constinit NotifieeBase::Turn* NotifieeBase::Turn::innermost = nullptr;
 
 NotifieeBase::NotifieeBase() : agent_(ActivityManager::currentAgent()) {}
 
@@ -95,30 +140,63 @@ void NotifieeBase::zelDoZombieReactors(bool zombie) {
 }
 
 void NotifieeBase::mark(std::uint32_t attribute, ActivityManager& manager) {
-  if (!isAwake()) return;
+  if (flags(kNotificationActive | kZombie | kInTurn) != kNotificationActive) [[unlikely]]
+    if (!isAwake() || (Turn::of(*this).marks & attribute) != 0) return;
   marks_ |= attribute;
   if (!PendingHook::linked()) manager.enqueue(*this);
 }
 
 void NotifieeBase::markKey(AttributeIndex index, Name key) {
-  if (!isAwake()) return;
+  if (!isAwake() || (flag(kInTurn) && Turn::of(*this).keys.contains({index, key}))) return;
   AllKeyMarks::get()[this].add({index, key});
   flagIs(kKeysMarked, true);
   if (!PendingHook::linked()) activityManager().enqueue(*this);
 }
 
-std::vector<NotifieeBase::KeyMark> NotifieeBase::takeKeyMarks() {
-  if (!hasKeyMarks()) return {};
-  flagIs(kKeysMarked, false);
-  return std::move(AllKeyMarks::get().extract(this).mapped().order);
-}
-
 void NotifieeBase::dropMarks() {
   PendingHook::leave();
   marks_ = 0;
-  if (!hasKeyMarks()) return;
+  if (flag(kKeysMarked)) AllKeyMarks::get().erase(this);
   flagIs(kKeysMarked, false);
-  AllKeyMarks::get().erase(this);
+  if (!flag(kInTurn)) return;
+  Turn::of(*this).marks = 0;
+  Turn::of(*this).keys = {};
+}
+
+// One reference is the caller's: a reactor that nobody else holds any more counts as destroyed.
+void NotifieeBase::deliverSeveral(ListHook& queue) {
+  Turn turn(*this);
+  turn.marks = std::exchange(marks_, 0U);
+  if (flag(kKeysMarked)) turn.keys = std::move(AllKeyMarks::get().extract(this).mapped());
+  flagIs(kKeysMarked, false);
+  const auto goesOn = [this] { return mayBeNotified() && references() > 1; };
+  try {
+    while (turn.marks != 0 && goesOn()) {
+      const int index = std::countr_zero(turn.marks);
+      turn.marks &= turn.marks - 1;
+      handleMark(static_cast<AttributeIndex>(index));
+    }
+    while (!turn.keys.empty() && goesOn()) {
+      const auto [index, key] = turn.keys.takeFirst();
+      handleKey(index, key);
+    }
+  } catch (...) {
+    resume(turn, queue);
+    throw;
+  }
+}
+
+void NotifieeBase::resume(Turn& turn, ListHook& queue) {
+  if (turn.marks == 0 && turn.keys.empty()) return;
+  marks_ |= turn.marks;
+  if (!turn.keys.empty()) {
+    KeyMarks& pending = AllKeyMarks::get()[this];
+    for (const auto& later : pending.left()) turn.keys.add(later);
+    pending = std::move(turn.keys);
+    flagIs(kKeysMarked, true);
+  }
+  PendingHook::leave();
+  PendingHook::joinEndOf(*queue.next());  // before the first
 }
 
 Notifier::~Notifier() { ZEL_ASSERT(!notifiees_.linked()); }
@@ -146,7 +224,7 @@ void Notifier::runImmediate(AttributeIndex index) {
   }
   for (const auto& notifiee : wanting) {
     const bool destroyed = notifiee->references() == 1;  // but for the note of it here
-    if (destroyed || notifiee->notifier_ != this || !notifiee->mayHear()) continue;
+    if (destroyed || notifiee->notifier_ != this || !notifiee->mayBeNotified()) continue;
     notifiee->flagIs(NotifieeBase::kImmediateDeclined, false);
     notifiee->immediate(index);
     if (notifiee->flag(NotifieeBase::kImmediateDeclined)) notifiee->immediateMask_ &= ~(1U << index);
@@ -160,20 +238,6 @@ void Notifier::announceKey(AttributeIndex index, Name key) {
 
 bool RawNotifiee::accepts(const PtrInterface& notifier) const {
   return dynamic_cast<const Notifier*>(&notifier) != nullptr;
-}
-
-void RawNotifiee::deliver() {
-  const std::uint32_t marks = takeMarks();
-  const auto keys = takeKeyMarks();
-  for (AttributeIndex index = 0; index < 32; ++index) {
-    if ((marks >> index & 1U) == 0) continue;
-    if (!mayHear()) return;
-    onRawAttribute(index, Name());
-  }
-  for (const KeyMark& mark : keys) {
-    if (!mayHear()) return;
-    onRawAttribute(mark.index, mark.key);
-  }
 }
 
 }  // namespace Zel

@@ -1,14 +1,26 @@
 // Change notification: notifiers, the reactors registered on them, and the queue of reactors to be delivered
 // to.
 //
+//     struct Watcher : Reactor<Watcher, LedConfig::NotifieeConst> {
+//       static constexpr const char* kTypeName = "Example::Watcher";
+//       using Reactor::Reactor;
+//       void onLightSetting() override { show(notifier()->lightSetting()); }
+//     };
+//     const auto watcher = allocate<Watcher>(led);  // until the last pointer to it goes
+//
 // Delivery. A mutator that changes nothing is silent. One that changes a value stores it, marks the attribute
 // (or the collection's key) on every registered reactor whose notifications are on, and returns. Plain
 // handlers run later, from ActivityManager::step, in the order in which the reactors first became pending.
 // Changes of one attribute or one key that pile up before delivery are delivered once. Marking a plain
-// attribute allocates nothing. A reactor that has become a zombie, was switched off, unregistered or
-// re-pointed, or whose entity left the collection that owned it before its turn hears nothing. A handler may
-// detach or destroy any reactor, itself included, change the same entity again, or drop the last pointer to
-// it.
+// attribute allocates nothing.
+//
+// A reactor's turn delivers all that is marked when it comes: the attributes in the order of the table, then
+// the keys in the order of marking. What is marked during the turn comes in a later one, except what this one
+// has still to deliver. A reactor that has become a zombie, was switched off, unregistered or re-pointed, or
+// whose entity left the collection that owned it is not notified of what was marked before, even if that
+// happened in a handler of the same turn. A handler may detach or destroy any reactor, itself included,
+// change the same entity again, or drop the last pointer to it. After a handler that throws, the rest of the
+// turn stays pending and comes first in the next pass.
 //
 // Immediate hook. on<Attribute>zelImmediate() runs inside the mutation of a plain attribute, after the value
 // was stored and marked. For a collection it runs inside the mutation only where the collection changed as a
@@ -19,9 +31,9 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <cstdint>
 #include <utility>
-#include <vector>
 
 #include "platform/zel/attribute.h"
 #include "platform/zel/export.h"
@@ -108,7 +120,7 @@ class ZEL_API NotifieeBase : public PtrInterface,
   // not watch counts as null. What was pending for the old notifier is dropped. The same notifier again:
   // nothing.
   virtual void notifierIs(const Ptr<const PtrInterface>& notifier);
-  // Joins or leaves the notifier's list without letting go of the notifier. Leaving drops what was pending.
+  // Joins or leaves the notifier's list; the notifier is held meanwhile. Leaving drops what was pending.
   bool isRegisteredNotifiee() const { return flag(kRegistered); }
   virtual void isRegisteredNotifieeIs(bool registered);
 
@@ -128,9 +140,9 @@ class ZEL_API NotifieeBase : public PtrInterface,
   const Notifier* notifierBase() const { return notifier_; }
   // Whether a notifier may be watched by this class of reactors.
   virtual bool accepts(const PtrInterface& notifier) const = 0;
-  // Runs the handlers of everything that is marked, and nothing once mayHear() turned false.
-  virtual void deliver() = 0;
-  // Runs the immediate hook of one attribute.
+  // Runs the handler of a plain attribute or of a collection as a whole, of one key, or the immediate hook.
+  virtual void handleMark(AttributeIndex index) = 0;
+  virtual void handleKey(AttributeIndex index, Name key) = 0;
   virtual void immediate(AttributeIndex index) = 0;
   // Fetches into the cache what the handlers are about to read. The steps, from 1 to 4, go down one pointer
   // each: what a step reads, the one before has fetched. Returns whether there is more for the next step.
@@ -174,27 +186,30 @@ class ZEL_API NotifieeBase : public PtrInterface,
     return static_cast<NotifieeBase&>(static_cast<PendingHook&>(hook));
   }
 
-  inline bool mayHear() const;
-  // The marks of plain attributes and of collections as a whole: bit n for index n. Cleared by taking.
-  std::uint32_t takeMarks() { return std::exchange(marks_, 0U); }
-  // The marked keys, each with its collection's index, in the order of marking. Cleared by taking.
-  struct KeyMark {
-    AttributeIndex index;
-    Name key;
-  };
-  bool hasKeyMarks() const { return flag(kKeysMarked); }
-  std::vector<KeyMark> takeKeyMarks();
+  inline bool mayBeNotified() const;
   // What the default body of an immediate hook calls: the attribute's hook is not called again.
   void declineImmediate() { flagIs(kImmediateDeclined, true); }
-  void dropMarks();
 
  private:
-  struct KeyMarks;
+  class KeyMarks;
   struct AllKeyMarks;
+  struct Turn;
 
   bool isAwake() const { return flags(kNotificationActive | kZombie) == kNotificationActive; }
   inline void mark(std::uint32_t attribute, ActivityManager& manager);
   void markKey(AttributeIndex index, Name key);
+  void dropMarks();
+
+  // The reactor's turn: runs the handlers of everything that is marked. What a handler that throws leaves is
+  // put at the front of `queue`. REQUIRES: something is marked, and the caller holds a reference.
+  void deliver(ListHook& queue) {
+    const std::uint32_t marks = marks_;
+    if ((marks & (marks - 1)) != 0 || flag(kKeysMarked)) return deliverSeveral(queue);
+    marks_ = 0;
+    handleMark(static_cast<AttributeIndex>(std::countr_zero(marks)));
+  }
+  void deliverSeveral(ListHook& queue);
+  void resume(Turn& turn, ListHook& queue);
 
   const Notifier* notifier_ = nullptr;  // counted
   std::uint32_t immediateMask_ = ~0U;   // attributes whose immediate hook may do something
@@ -206,14 +221,14 @@ class ZEL_API Notifier : public PtrInterface, private detail::Label {
  public:
   bool hasNotifiees() const { return notifiees_.linked(); }
 
-  // Fetches into the cache the reactor that is told first of a change.
+  // Fetches into the cache the reactor that is notified first of a change.
   void foreseeNotifiees() const {
     const ListHook* first = notifiees_.next();
     detail::fetch(reinterpret_cast<const char*>(first) - sizeof(PtrInterface));
     detail::fetch(reinterpret_cast<const char*>(first + 3));
   }
 
-  // Whether the object has left the collection that owned it. Its reactors hear nothing from then on.
+  // Whether the object has left the collection that owned it. Its reactors are not notified from then on.
   bool zelIsGone() const { return flag(kGone); }
   void zelGoneIs(bool gone) { flagIs(kGone, gone); }
 
@@ -242,7 +257,7 @@ class ZEL_API Notifier : public PtrInterface, private detail::Label {
   mutable ListHook notifiees_;  // the head of the list of the registered, in the order of registration
 };
 
-inline bool NotifieeBase::mayHear() const {
+inline bool NotifieeBase::mayBeNotified() const {
   return flags(kNotificationActive | kZombie | kRegistered) == (kNotificationActive | kRegistered) &&
          notifier_ && !notifier_->zelIsGone();
 }
@@ -256,7 +271,8 @@ class ZEL_API RawNotifiee : public NotifieeBase {
 
  protected:
   bool accepts(const PtrInterface& notifier) const override;
-  void deliver() override;
+  void handleMark(AttributeIndex index) override { onRawAttribute(index, Name()); }
+  void handleKey(AttributeIndex index, Name key) override { onRawAttribute(index, key); }
   void immediate(AttributeIndex) override { declineImmediate(); }
 };
 

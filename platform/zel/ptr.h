@@ -75,16 +75,19 @@ class ZEL_API PtrInterface {
   virtual ~PtrInterface();
   virtual void onZeroReferences();
 
-  // Flag bits beside the count. Those from the third on belong to the classes named.
+  // Flag bits beside the count. No class is both a notifiee and a notifier, so these share bits.
   enum Flag : std::uint32_t {
     kNotificationActive = 1U << 0,
     kZombie = 1U << 1,
-    kRegistered = 1U << 2,         // a notifiee that is to be on its notifier's list
-    kImmediateDeclined = 1U << 3,  // a notifiee whose immediate hook is the empty default
-    kParentHeld = 1U << 4,         // an entity that holds a reference to its parent
-    kGone = 1U << 5,               // an entity that has left the collection that owned it
-    kForesees = 1U << 6,           // a notifiee that has something to fetch before it is delivered to
-    kKeysMarked = 1U << 7,         // a notifiee that has marked keys
+    // of notifiees
+    kRegistered = 1U << 2,         // is to be on its notifier's list
+    kImmediateDeclined = 1U << 3,  // its immediate hook is the empty default
+    kForesees = 1U << 4,           // has something to fetch before it is delivered to
+    kKeysMarked = 1U << 5,         // has marked keys
+    kInTurn = 1U << 6,             // several things are being delivered to it
+    // of notifiers
+    kParentHeld = 1U << 2,  // an entity that holds a reference to its parent
+    kGone = 1U << 3,        // has left the collection that owned it
   };
   static constexpr std::uint32_t kOneReference = 1U << 8;
 

@@ -96,25 +96,53 @@ TEST_F(ClockTest, AWokenReactorMayEndTheOthers) {
   EXPECT_EQ(c->woken, 1);
 }
 
-TEST_F(ClockTest, OneThatIsOffOrRetiredOrDetachedHearsNothing) {
-  const auto off = waker(101);
-  const auto zombie = waker(101);
-  const auto detached = waker(101);
-  const auto unregistered = waker(101);
-  off->hasNotificationActiveIs(false);
-  zombie->zelDoZombieReactors(true);
-  detached->notifierIs(nullptr);
-  unregistered->isRegisteredNotifieeIs(false);
-  stepAt(102);
-  EXPECT_EQ(off->woken + zombie->woken + detached->woken + unregistered->woken, 0);
-  off->hasNotificationActiveIs(true);
-  stepAt(103);
-  EXPECT_EQ(off->woken, 0) << "an expiry is delivered once";
-  unregistered->isRegisteredNotifieeIs(true);
-  detached->notifierIs(manager.clock());
-  stepAt(104);
-  EXPECT_EQ(detached->woken, 1) << "a time that has not come yet goes along to the next clock";
-  EXPECT_EQ(unregistered->woken, 1);
+// What is done to a reactor before its time comes, between that and switching it on again, and how often it
+// is woken then.
+TEST_F(ClockTest, ATimeThatComesWhileNobodyIsNotified) {
+  using Act = void (*)(Waker & waker, const Ptr<const Clock>& clock);
+  const Act nothing = [](Waker&, const Ptr<const Clock>&) {};
+  const Act off = [](Waker& waker, const Ptr<const Clock>&) { waker.hasNotificationActiveIs(false); };
+  const Act on = [](Waker& waker, const Ptr<const Clock>&) { waker.hasNotificationActiveIs(true); };
+  const Act retire = [](Waker& waker, const Ptr<const Clock>&) { waker.zelDoZombieReactors(true); };
+  const Act retireOff = [](Waker& waker, const Ptr<const Clock>&) {
+    waker.zelDoZombieReactors(true);
+    waker.hasNotificationActiveIs(false);
+  };
+  const Act revive = [](Waker& waker, const Ptr<const Clock>&) { waker.zelDoZombieReactors(false); };
+  const Act detach = [](Waker& waker, const Ptr<const Clock>&) { waker.notifierIs(nullptr); };
+  const Act attach = [](Waker& waker, const Ptr<const Clock>& clock) { waker.notifierIs(clock); };
+  const Act leave = [](Waker& waker, const Ptr<const Clock>&) { waker.isRegisteredNotifieeIs(false); };
+  const Act join = [](Waker& waker, const Ptr<const Clock>&) { waker.isRegisteredNotifieeIs(true); };
+  const Act never = [](Waker& waker, const Ptr<const Clock>&) { waker.timeMinIs(Clock::kNever); };
+  const struct {
+    const char* what;
+    Act before;
+    std::vector<Act> after;
+    int woken;
+  } cases[] = {
+      {"off: kept", off, {on}, 1},
+      {"off and on and off: kept", off, {on, off, on}, 1},
+      {"off, then another time", off, {never, on}, 0},
+      {"off, then retired: dropped", off, {retire, revive, on}, 0},
+      {"off, then re-pointed: dropped", off, {detach, attach, on}, 0},
+      {"off, then unregistered: dropped", off, {leave, join, on}, 0},
+      {"retired: dropped", retire, {revive}, 0},
+      {"retired and off: dropped", retireOff, {revive, on}, 0},
+      {"detached: goes along to the next clock", detach, {attach}, 1},
+      {"unregistered: goes along", leave, {join}, 1},
+      {"switched on before", nothing, {off, on}, 0},
+  };
+  double now = time.now();
+  for (const auto& [what, before, after, woken] : cases) {
+    const auto waker = this->waker(now + 1);
+    before(*waker, manager.clock());
+    stepAt(now += 2);
+    EXPECT_EQ(std::exchange(waker->woken, 0), before == nothing ? 1 : 0) << what;
+    EXPECT_EQ(manager.nextWakeUp(), Clock::kNever) << what;
+    for (const Act act : after) act(*waker, manager.clock());
+    for (int i = 0; i < 3; ++i) stepAt(now += 1);
+    EXPECT_EQ(waker->woken, woken) << what;
+  }
 }
 
 // Every reactor is woken in the first pass at or after its time; the pass never comes later than nextWakeUp
@@ -159,19 +187,6 @@ TEST_F(ClockTest, LatenessIsTheWorstOfTheWakeUps) {
   stepAt(101.5);
   EXPECT_DOUBLE_EQ(manager.clock()->worstLateness(true), 0.5);
   EXPECT_EQ(manager.clock()->worstLateness(), 0.0);
-}
-
-TEST_F(ClockTest, PostedTasksRunAPassEachInTheirOrder) {
-  std::vector<int> ran;
-  manager.post([&] {
-    ran.push_back(1);
-    manager.post([&] { ran.push_back(3); });
-  });
-  manager.post([&] { ran.push_back(2); });
-  EXPECT_LE(manager.step(), time.now());
-  EXPECT_EQ(ran, (std::vector{1, 2}));
-  manager.step();
-  EXPECT_EQ(ran, (std::vector{1, 2, 3}));
 }
 
 }  // namespace

@@ -87,6 +87,40 @@ TEST(GenericIf, CollectionsMakeFindAndRemoveMembers) {
   EXPECT_THROW(perform(*led, Operation::set, "gpioRed", Value::Object{led, false}), Zel::ValueError);
 }
 
+// A type with two collections of one member type.
+class Shelf : public Zel::Described<Shelf, Zel::Entity> {
+ public:
+  using Book = Hardware::Led::LedConfig;
+  class NotifieeConst : public Zel::NotifieeOf<Shelf> {};
+  static constexpr auto attributes() {
+    return std::tuple{
+        Zel::row::children<&Shelf::read_, NotifieeConst, nullptr, nullptr, nullptr>("read"),
+        Zel::row::children<&Shelf::unread_, NotifieeConst, nullptr, nullptr, nullptr>("unread")};
+  }
+  static const Zel::TypeNode& typeNode() {
+    static const Zel::TypeNode type = describe("Test::Shelf");
+    return type;
+  }
+  explicit Shelf(Zel::Name name) : Described(name) {}
+  Ptr<Book> readIs(Zel::Name name) { return childIs<&Shelf::read_>(name); }
+  Ptr<Book> unreadIs(Zel::Name name) { return childIs<&Shelf::unread_>(name); }
+
+ private:
+  Zel::PtrMap<Book> read_;
+  Zel::PtrMap<Book> unread_;
+};
+
+TEST(Entity, APathNamesTheCollectionThatHoldsTheEntity) {
+  const auto shelf = Zel::allocate<Shelf>("shelf");
+  const auto read = shelf->readIs("a");
+  const auto unread = shelf->unreadIs("a");
+  const auto loose = Zel::allocate<Shelf::Book>("a");
+  loose->parentIs(shelf);
+  EXPECT_EQ(read->path(), "shelf/read/a");
+  EXPECT_EQ(unread->path(), "shelf/unread/a");
+  EXPECT_EQ(loose->path(), "shelf/a");
+}
+
 TEST(GenericIf, AReplacedMemberLeavesItsPlaceInOneStep) {
   const auto dir = Zel::allocate<Hardware::Led::LedSystemConfigDir>("leds");
   const auto before = dir->ledsIs("A");

@@ -1,8 +1,11 @@
-// The notification contract, and those who try to break it.
+// Notification beyond what its model checks (notifymodel_test.cpp): silence, hooks, raw reactors, faults, and
+// the activity manager itself.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <functional>
+#include <optional>
 
 #include "platform/model/hardwaregpio.h"
 #include "platform/model/hardwareled.h"
@@ -24,25 +27,17 @@ Led::LightSetting setting(double interval) {
   return result;
 }
 
-// Logs what it hears, then does what its test wants.
+// Logs what it is notified of; throws at a change of the mode.
 class Spy : public Zel::Reactor<Spy, LedConfig::NotifieeConst> {
  public:
   static constexpr const char* kTypeName = "Test::Spy";
   Spy(const Ptr<const LedConfig>& led, std::string name, Lines& lines)
       : Reactor(led), name_(std::move(name)), lines_(lines) {}
 
-  void onLightSetting() override { hear("lightSetting"); }
-  void onTheme() override { hear("theme"); }
-  void onMode(Name mode) override { hear("mode " + mode.stdString()); }
-  void onMode() override { hear("modes"); }
-
-  std::function<void()> crime;
+  void onLightSetting() override { lines_.push_back(name_ + ": lightSetting"); }
+  void onCurrentMode() override { throw std::runtime_error("it broke"); }
 
  private:
-  void hear(const std::string& what) {
-    lines_.push_back(name_ + ": " + what);
-    if (const auto act = std::exchange(crime, nullptr)) act();
-  }
   const std::string name_;
   Lines& lines_;
 };
@@ -61,20 +56,6 @@ class Notification : public testing::Test {
   Ptr<LedConfig> led = Zel::allocate<LedConfig>("Status");
 };
 
-TEST_F(Notification, PilesUpAndComesLaterInTheOrderOfFirstMarking) {
-  const auto a = spy("a");
-  const auto b = spy("b");
-  b->isRegisteredNotifieeIs(false);
-  led->themeIs("blue");
-  b->isRegisteredNotifieeIs(true);
-  led->lightSettingIs(setting(1));
-  led->lightSettingIs(setting(2));
-  led->themeIs("red");
-  EXPECT_EQ(lines, Lines{});
-  EXPECT_EQ(step(), (Lines{"a: lightSetting", "a: theme", "b: lightSetting", "b: theme"}));
-  EXPECT_EQ(step(), Lines{});
-}
-
 TEST_F(Notification, AValueThatIsThereAlreadyIsSilent) {
   const auto a = spy("a");
   led->lightSettingIs(led->lightSetting());
@@ -84,89 +65,6 @@ TEST_F(Notification, AValueThatIsThereAlreadyIsSilent) {
   EXPECT_EQ(step(), Lines{"a: lightSetting"});
   led->lightSettingIs(setting(std::nan("")));
   EXPECT_EQ(step(), Lines{});
-}
-
-TEST_F(Notification, OneKeyIsAnnouncedByItselfAndTheWholeAsTheWhole) {
-  const auto a = spy("a");
-  led->modeIs("x", true);
-  led->modeIs("y", true);
-  led->modeIs("x", false);
-  EXPECT_EQ(step(), (Lines{"a: mode x", "a: mode y"}));
-  led->modeIs(Zel::NameSet{"z"});
-  EXPECT_EQ(step(), Lines{"a: modes"});
-  for (int i = 0; i < 100; ++i) led->modeIs("k" + std::to_string(i % 50), i < 50);
-  EXPECT_EQ(step().size(), 50U);
-}
-
-// Each saboteur is the first of three to hear of a change, or acts before any of them; `heard` is what the
-// others still hear.
-TEST_F(Notification, Saboteurs) {
-  Ptr<Spy> first;
-  Ptr<Spy> second;
-  Ptr<Spy> third;
-  const Ptr<LedConfig> another = Zel::allocate<LedConfig>("Another");
-  const Ptr<LedSystemConfigDir> dir = Zel::allocate<LedSystemConfigDir>("leds");
-  const struct {
-    const char* crime;
-    std::function<void()> act;
-    Lines heard;
-  } cases[] = {
-      {"removes itself", [&] { first = nullptr; }, {"2: lightSetting", "3: lightSetting"}},
-      {"removes another", [&] { second = nullptr; }, {"3: lightSetting"}},
-      {"removes all", [&] { first = second = third = nullptr; }, {}},
-      {"retires another", [&] { second->zelDoZombieReactors(true); }, {"3: lightSetting"}},
-      {"switches another off and on",
-       [&] {
-         second->hasNotificationActiveIs(false);
-         second->hasNotificationActiveIs(true);
-       },
-       {"3: lightSetting"}},
-      {"unregisters another", [&] { third->isRegisteredNotifieeIs(false); }, {"2: lightSetting"}},
-      {"re-points another", [&] { second->notifierIs(another); }, {"3: lightSetting"}},
-      {"points another at what it can't watch", [&] { second->notifierIs(dir); }, {"3: lightSetting"}},
-      {"changes the entity again",
-       [&] { led->lightSettingIs(setting(99)); },
-       {"2: lightSetting", "3: lightSetting", "1: lightSetting"}},
-      {"adds one",
-       [&] {
-         auto late = spy("late");
-         led->themeIs("late");
-         third = late;
-       },
-       {"2: lightSetting", "2: theme", "1: theme", "late: theme"}},
-      {"drops the last pointers",
-       [&] {
-         first = second = third = nullptr;
-         led = nullptr;
-       },
-       {}},
-      {"takes the entity out of its collection", [&] { dir->ledsDel("Status"); }, {}},
-  };
-  for (const auto& [crime, act, heard] : cases) {
-    led = dir->ledsIs(Name("Status"));
-    first = spy("1");
-    second = spy("2");
-    third = spy("3");
-    first->crime = act;
-    led->lightSettingIs(setting(led->lightSetting().flashInterval + 1));
-    Lines expected{"1: lightSetting"};
-    expected.insert(expected.end(), heard.begin(), heard.end());
-    EXPECT_EQ(step(), expected) << crime;
-    first = second = third = nullptr;
-    dir->ledsDelAll();
-    step();
-  }
-}
-
-TEST_F(Notification, ZombiesAreRevivedWithoutWhatTheyMissed) {
-  const auto a = spy("a");
-  led->themeIs("x");
-  a->zelDoZombieReactors(true);
-  led->lightSettingIs(setting(1));
-  a->zelDoZombieReactors(false);
-  EXPECT_EQ(step(), Lines{});
-  led->lightSettingIs(setting(2));
-  EXPECT_EQ(step(), Lines{"a: lightSetting"});
 }
 
 struct Restless : Zel::Reactor<Restless, LedConfig::NotifieeConst> {
@@ -263,9 +161,7 @@ TEST_F(Notification, ARawReactorHearsEveryAttributeByItsIndex) {
 TEST_F(Notification, AFaultNamesTheAgentTheReactorAndTheText) {
   const Zel::ActivityManager::AgentScope scope("Agent7");
   const auto a = spy("a");
-  const auto b = spy("b");
-  a->crime = [] { throw std::runtime_error("it broke"); };
-  led->lightSettingIs(setting(1));
+  led->currentModeIs("m");
   try {
     manager.step();
     FAIL();
@@ -273,8 +169,62 @@ TEST_F(Notification, AFaultNamesTheAgentTheReactorAndTheText) {
     EXPECT_STREQ(fault.what(),
                  "agent 'Agent7', reactor Test::Spy of <Hardware::Led::LedConfig Status>: it broke");
   }
-  lines.clear();
-  EXPECT_EQ(step(), Lines{"b: lightSetting"}) << "what was not delivered stays pending";
+}
+
+TEST(ActivityManager, TheLatestThatIsLeftIsTheCurrentOne) {
+  std::array<std::optional<Zel::ActivityManager>, 4> managers;
+  for (auto& manager : managers) manager.emplace();
+  const auto led = Zel::allocate<LedConfig>("Status");
+  Lines lines;
+  const auto spy = Zel::allocate<Spy>(led, "spy", lines);
+  led->lightSettingIs(setting(1));
+  for (const auto& [destroyed, current] : {std::pair{1, 3}, {3, 2}, {2, 0}}) {
+    managers[static_cast<std::size_t>(destroyed)].reset();
+    EXPECT_EQ(&Zel::ActivityManager::current(), &*managers[static_cast<std::size_t>(current)]);
+  }
+  led->currentModeIs("m");
+  EXPECT_THROW(managers[0]->step(), Zel::HandlerFault);
+  EXPECT_EQ(lines, Lines{}) << "what was pending went with its manager";
+}
+
+struct End : Zel::PassEnd {
+  void onPassEnd() override {
+    ++ran;
+    if (then) then();
+  }
+  int ran = 0;
+  std::function<void()> then;
+};
+
+TEST_F(Notification, EndsOfPassMayAddAndRemoveOneAnother) {
+  End a;
+  End b;
+  End c;
+  manager.passEndDel(a);  // not there
+  for (End* const end : {&a, &a, &b}) manager.passEndIs(*end);
+  a.then = [&] {
+    manager.passEndDel(a);
+    manager.passEndDel(b);
+    manager.passEndIs(c);
+  };
+  manager.step();
+  EXPECT_EQ(a.ran + b.ran + c.ran, 1);
+  manager.step();
+  EXPECT_EQ(a.ran + c.ran, 2);
+}
+
+TEST_F(Notification, PostedTasksRunAPassEachInTheirOrder) {
+  Lines ran;
+  manager.post([&] {
+    ran.push_back("1");
+    manager.post([&] { ran.push_back("3"); });
+    throw std::runtime_error("it broke");
+  });
+  manager.post([&] { ran.push_back("2"); });
+  EXPECT_THROW(manager.step(), std::runtime_error);
+  EXPECT_LE(manager.nextWakeUp(), time.now());
+  manager.step();
+  EXPECT_EQ(ran, (Lines{"1", "2", "3"}));
 }
 
 }  // namespace

@@ -124,7 +124,8 @@ TEST(TypeRegistry, TypesComeAndGoInTheOrderOfARegistration) {
     EXPECT_EQ(Zel::typeNode("Test::Thing"), &Thing::typeNode());
   }
   EXPECT_EQ(Zel::typeNode("Test::Thing"), nullptr);
-  EXPECT_EQ(Zel::typeNode("Zel::Dir"), &Zel::Dir::typeNode());
+  for (const char* own : {"Zel::Entity", "Zel::Dir", "Zel::Clock", "Warden::CAgent"})
+    EXPECT_NE(Zel::typeNode(own), nullptr) << own;
 }
 
 TEST(Dir, EntriesAreMadeByTypeNameAndKeepTheirIdentity) {

@@ -49,7 +49,7 @@ TEST(CheckChanges, SaysWhatIsWrongAndWhere) {
       {Change::put("hardware/led/", "Zel::Dir", "", {}), "has an empty component"},
       {Change::put("", "Zel::Dir", "", {}), "the path is empty"},
       {Change::put("a%2", "Zel::Dir", "", {}), "is no component of a path"},
-      {Change::put("agent", "Zel::Entity", "", {}), "type 'Zel::Entity' is unknown"},
+      {Change::put("agent", "Zel::Entity", "", {}), "type Zel::Entity is not made in directories"},
       {Change::del("hardware/fan"), "hardware/fan: there is no entity at this path"},
   };
   for (const auto& [change, says] : cases) {

@@ -1,0 +1,67 @@
+// Memory that runs out: what failed is not counted as there.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <new>
+
+#include "platform/zel/clock.h"
+#include "platform/zel/name.h"
+
+namespace {
+
+constinit thread_local bool exhausted = false;
+
+// Calls `take` until the memory runs out; from then on every call must fail until there is memory again.
+template <class Take>
+void expectToFail(const char* what, Take take) {
+  const auto fails = [&] {
+    try {
+      take();
+    } catch (const std::bad_alloc&) {
+      return true;
+    }
+    return false;
+  };
+  exhausted = true;
+  int calls = 0;
+  while (calls < 5000 && !fails()) ++calls;
+  const bool failsAgain = fails() && fails();
+  exhausted = false;
+  EXPECT_TRUE(failsAgain) << what << " after " << calls << " calls";
+  EXPECT_FALSE(fails()) << what;
+}
+
+}  // namespace
+
+[[gnu::noinline]] void* operator new(std::size_t size) {
+  void* const memory = exhausted ? nullptr : std::malloc(size);
+  return memory ? memory : throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+
+namespace {
+
+struct Waker : Zel::Reactor<Waker, Zel::Clock::NotifieeConst> {
+  static constexpr const char* kTypeName = "Test::MemoryWaker";
+  using Reactor::Reactor;
+};
+
+TEST(Memory, WhatFailedIsNotCounted) {
+  std::vector<void*> objects;
+  objects.reserve(6000);
+  expectToFail("objects", [&] { objects.push_back(Zel::fwkAllocate(256)); });
+  for (void* const object : objects) Zel::fwkDeallocate(object, 256);
+
+  std::string text(40'000, 'a');
+  expectToFail("names",
+               [&] { static_cast<void>(Zel::Name(text.replace(0, 1, 1, static_cast<char>(text[0] + 1)))); });
+
+  const auto clock = Zel::allocate<Zel::Clock>();
+  std::vector<Zel::Ptr<Waker>> wakers;
+  for (int i = 0; i < 6000; ++i) wakers.push_back(Zel::allocate<Waker>(clock));
+  auto next = wakers.begin();
+  expectToFail("wake-ups", [&] { (*next++)->timeMinIs(1e9); });
+}
+
+}  // namespace

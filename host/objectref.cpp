@@ -1,6 +1,7 @@
 #include "host/objectref.h"
 
 #include <algorithm>
+#include <span>
 
 #include "platform/statedb/path.h"
 #include "platform/zel/entity.h"

@@ -121,7 +121,7 @@ TEST_F(ObjectsTest, PathsLeadThroughPointersCollectionsAndDirectories) {
   EXPECT_EQ(objects.get("m/gpioRedName/a"), Value(false));
 }
 
-TEST_F(ObjectsTest, WhatIsNotAskedForRightlyIsRefusedAndChangesNothing) {
+TEST_F(ObjectsTest, RefusesWithTheReasonAndMakesNoName) {
   using Operation = std::function<void(const Host::Objects&, const std::string&, const Value::List&)>;
   const Operation get = [](auto& all, auto& path, auto&) { all.get(path); };
   const Operation set = [](auto& all, auto& path, auto& given) { all.set(path, given); };

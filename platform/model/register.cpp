@@ -2,12 +2,14 @@
 #include "platform/model/environment.h"
 #include "platform/model/hardwaregpio.h"
 #include "platform/model/hardwareled.h"
+#include "platform/statedb/mount.h"
 #include "platform/zel/dir.h"
 
 namespace {
 
 const Zel::TypeRegistration types{
     &Zel::Dir::typeNode,
+    &Statedb::Mounter::typeNode,
     &Hardware::Led::LedSystemConfigDir::typeNode,
     &Hardware::Led::LedConfig::typeNode,
     &Hardware::Gpio::GpioLedSystemConfigDir::typeNode,

@@ -68,7 +68,7 @@ void forEachMember(const Zel::Entity& entity, Path path, Function&& function) {
 }  // namespace
 
 // The entities, and everything that brings rows into them.
-struct EntityManager::State : Zel::PassEnd {
+struct EntityManager::State : Zel::PassEnd, std::enable_shared_from_this<State> {
   // What stands under one path of the store.
   struct Subscription : Feed {
     Subscription(State& owner, Path subscribedPath) : state(owner), path(subscribedPath) {}
@@ -103,7 +103,7 @@ struct EntityManager::State : Zel::PassEnd {
   }
   void refuse(const Row& row, const std::string& why) {
     ++refusals;
-    if (row.attribute.empty()) refusedTypes[row.path] = row.type;
+    if (row.attribute.empty()) refusedEntities[row.path] = {row.type, why};
     say(placeText(row) + ": " + why);
   }
 
@@ -232,6 +232,8 @@ struct EntityManager::State : Zel::PassEnd {
     try {
       if (change.kind == Change::Kind::del)
         remove(row.path);
+      else if (change.kind == Change::Kind::unset)
+        unset(row);
       else
         put(row);
     } catch (const std::exception& error) {
@@ -242,9 +244,17 @@ struct EntityManager::State : Zel::PassEnd {
   void put(const Row& row) {
     const auto entity = ensureOfType(row.path, row.type);
     if (row.attribute.empty())
-      refusedTypes.erase(row.path);
+      refusedEntities.erase(row.path);
     else
       set(*entity, row.type, row.attribute, row.value);
+    published(entity, row.path, [](PublishedEntity& publisher) { publisher.noteValues(); });
+  }
+
+  void unset(const Row& row) {
+    const auto entity = find(row.path).entity;
+    const Zel::AttributeInfo* attribute = entity ? entity->fwkType().find(row.attribute) : nullptr;
+    if (!attribute || !attribute->reset) return;
+    attribute->reset(*entity);
     published(entity, row.path, [](PublishedEntity& publisher) { publisher.noteValues(); });
   }
 
@@ -264,7 +274,7 @@ struct EntityManager::State : Zel::PassEnd {
 
   // Takes an entity out. One that is mounted, or that holds one that is, stays and is emptied instead.
   void remove(Path path) {
-    std::erase_if(refusedTypes, [&](const auto& refused) { return refused.first.isUnder(path); });
+    std::erase_if(refusedEntities, [&](const auto& refused) { return refused.first.isUnder(path); });
     const Found found = find(path);
     if (!found.entity) return;
     if (path.empty() || mountedAtOrUnder(path)) return clear(*found.entity, path);
@@ -306,7 +316,7 @@ struct EntityManager::State : Zel::PassEnd {
     std::string reason;
     try {
       entity = ensureOfType(record.path, record.type);
-      refusedTypes.erase(record.path);
+      refusedEntities.erase(record.path);
     } catch (const std::exception& error) {
       reason = error.what();
       refuse(there, reason);
@@ -390,16 +400,26 @@ struct EntityManager::State : Zel::PassEnd {
   void close(const Zel::Ptr<MountGroup>& group) {
     std::erase_if(open, [&](const auto& entry) { return entry.second == group; });
     closed.push_back(group);
-    Zel::activityManager().post([this, group] {
-      if (std::ranges::find(closed, group) == closed.end()) return;
-      noteMounts(*group);
-      subscribe(*group);
-      completeLater();
-    });
+    post([group](State& state) { state.mount(group); });
+  }
+
+  void mount(const Zel::Ptr<MountGroup>& group) {
+    if (std::ranges::find(closed, group) == closed.end()) return;
+    noteMounts(*group);
+    subscribe(*group);
+    completeLater();
   }
 
   void completeLater() {
-    Zel::activityManager().post([this] { complete(); });
+    post([](State& state) { state.complete(); });
+  }
+
+  // Runs `task` in the next pass, if the manager is still there.
+  template <class Task>
+  void post(Task task) {
+    Zel::activityManager().post([weak = weak_from_this(), task = std::move(task)] {
+      if (const auto state = weak.lock()) task(*state);
+    });
   }
 
   // Completes the groups whose rows have all arrived and been applied, in the order in which they were
@@ -432,22 +452,34 @@ struct EntityManager::State : Zel::PassEnd {
                      [&] { mounter->doMountsComplete(status, manager); });
   }
 
+  static constexpr const char* kRemedy = "; delete that entity from a host without this agent";
+
   void finish(const Mount& mount) {
     const Path path(mount.path().view());
     const Zel::Name asked(mount.typeName());
     if (!Zel::typeNode(asked))
       throw Zel::ValueError("the type asked for, " + asked.stdString() + ", is unknown");
-    const auto refused = refusedTypes.find(path);
-    const auto entity = refused == refusedTypes.end() ? ensure(path, asked) : nullptr;
-    const Zel::Name found = entity ? typeOf(*entity) : refused->second;
-    if (found != asked)
-      throw Zel::ValueError("found an entity of type " + found.stdString() + ", asked for " +
-                            asked.stdString() + "; delete that entity from a host without this agent");
+    checkRefused(path, asked);
+    const auto entity = ensure(path, asked);
+    if (typeOf(*entity) != asked)
+      throw Zel::ValueError("found an entity of type " + typeOf(*entity).stdString() + ", asked for " +
+                            asked.stdString() + kRemedy);
     std::ranges::find(mounts, path, &MountInfo::path)->complete = true;
     mounted[path] = entity;
     if (mount.mode() == "wi" &&
         std::ranges::none_of(publishers, [&](auto& each) { return each->path() == path; }))
       publishers.push_back(std::make_unique<Publisher>(entity, path));
+  }
+
+  // Throws where the entity at the path, or one above it, is in the store and could not be made here.
+  void checkRefused(Path path, Zel::Name asked) const {
+    for (Path each = path; !each.empty(); each = each.parent()) {
+      const auto refused = refusedEntities.find(each);
+      if (refused == refusedEntities.end()) continue;
+      throw Zel::ValueError("found an entity of type " + refused->second.type.stdString() +
+                            (each == path ? "" : " at '" + each.text() + "'") + " that can't be made (" +
+                            refused->second.why + "), asked for " + asked.stdString() + kRemedy);
+    }
   }
 
   // The end of a pass: what the agents wrote goes out, and what waited for deliveries goes on.
@@ -460,14 +492,32 @@ struct EntityManager::State : Zel::PassEnd {
 
   void publish(Publisher& publisher) {
     if (publisher.changes().empty()) return;
+    write(publisher.changes(), publisher.path());
+    publisher.clear();
+  }
+
+  // A batch that is refused is halved until what is wrong with it stands alone.
+  void write(const Changes& changes, Path mount) {
     try {
-      store.write(publisher.changes(), Durability::derived, covering(publisher.path()));
-      publishedRows += publisher.changes().size();
-      publisher.clear();
+      store.write(changes, Durability::derived, covering(mount));
+      publishedRows += changes.size();
     } catch (const StoreError& error) {
-      say(publisher.path().text() + ": could not be published: " + error.what());
+      if (changes.size() == 1) return refusePublished(changes.front().row, error.what());
+      const auto [first, second] = halves(changes);
+      write(first, mount);
+      write(second, mount);
     }
   }
+
+  void refusePublished(const Row& row, const std::string& why) {
+    ++refusals;
+    say(placeText(row) + ": could not be published: " + why);
+  }
+
+  struct Refused {
+    Zel::Name type;
+    std::string why;
+  };
 
   Store& store;
   const Zel::Ptr<Zel::Dir> root;
@@ -477,9 +527,9 @@ struct EntityManager::State : Zel::PassEnd {
   std::vector<Zel::Ptr<MountGroup>> closed;  // and not complete
   std::vector<std::unique_ptr<Subscription>> subscriptions;
   std::vector<std::unique_ptr<Publisher>> publishers;
-  std::deque<Change> queue;                          // told by the store, not applied yet
-  std::unordered_set<Path> gone;                     // paths whose removal waits to be delivered
-  std::unordered_map<Path, Zel::Name> refusedTypes;  // of entities that could not be made
+  std::deque<Change> queue;                           // told by the store, not applied yet
+  std::unordered_set<Path> gone;                      // paths whose removal waits to be delivered
+  std::unordered_map<Path, Refused> refusedEntities;  // that could not be made
   // Paths mostly follow each other in one collection: the one that the last of them led into.
   struct {
     Path path;  // of its members without their last component
@@ -491,8 +541,13 @@ struct EntityManager::State : Zel::PassEnd {
   std::uint64_t publishedRows = 0;
 };
 
-EntityManager::EntityManager(Store& store) : state_(std::make_unique<State>(store)) {}
+EntityManager::EntityManager(Store& store) : state_(std::make_shared<State>(store)) {}
 EntityManager::~EntityManager() = default;
+
+const Zel::TypeNode& EntityManager::typeNode() {
+  static const Zel::TypeNode type("Statedb::EntityManager", nullptr, {}, nullptr, nullptr);
+  return type;
+}
 
 Zel::Ptr<MountGroup> EntityManager::getMountGroup(const Zel::Ptr<Mounter>& mounter) {
   auto& group = state_->open[mounter.get()];

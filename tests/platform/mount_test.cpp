@@ -133,16 +133,19 @@ TEST_F(Mounts, AGroupFailsWithPathTypeFoundAndTypeAsked) {
                            {"y", "Gone::Type", "r"}});
   EXPECT_EQ(made->statuses, std::vector{Statedb::mountFailure_});
   const std::string unknown =
-      " that can't be made ('No::Such' is no type that a directory can hold), asked for Zel::Dir";
-  EXPECT_EQ(made->mountGroup->failures(),
-            (std::vector<std::string>{
-                "mount of 'hardware/led/config': found an entity of type Zel::Dir, "
-                "asked for Hardware::Led::LedSystemConfigDir",
-                "mount of 'x': found an entity of type No::Such" + unknown,
-                "mount of 'x/under': found an entity of type No::Such at 'x'" + unknown,
-                "mount of 'w': found an entity of type Statedb::Mounter that can't be made "
-                "('Statedb::Mounter' is no type that a directory can hold), asked for Statedb::Mounter",
-                "mount of 'y': the type asked for, Gone::Type, is unknown"}));
+      " that can't be made ('No::Such' is no type that a directory can hold), asked for Zel::Dir; delete "
+      "that entity from a host without this agent";
+  EXPECT_EQ(
+      made->mountGroup->failures(),
+      (std::vector<std::string>{
+          "mount of 'hardware/led/config': found an entity of type Zel::Dir, "
+          "asked for Hardware::Led::LedSystemConfigDir; delete that entity from a host without this agent",
+          "mount of 'x': found an entity of type No::Such" + unknown,
+          "mount of 'x/under': found an entity of type No::Such at 'x'" + unknown,
+          "mount of 'w': found an entity of type Statedb::Mounter that can't be made "
+          "('Statedb::Mounter' is no type that a directory can hold), asked for Statedb::Mounter; delete "
+          "that entity from a host without this agent",
+          "mount of 'y': the type asked for, Gone::Type, is unknown"}));
   EXPECT_THROW(made->mountGroup->doMount({"z", "Zel::Dir", "r"}), Zel::RangeException) << "closed";
 }
 

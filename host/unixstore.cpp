@@ -119,7 +119,10 @@ void UnixStore::retryLater() {
   retryAfter_ = std::min(retryAfter_ * 2, kLastRetry);
 }
 
-void UnixStore::retry() { connection_ ? sendParts() : connect(); }
+void UnixStore::retry() {
+  if (!connection_) return connect();
+  if (!parts_.empty()) sendParts();
+}
 
 void UnixStore::onClosed(Connection& connection) {
   if (connection_.get() != &connection) return;

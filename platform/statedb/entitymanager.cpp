@@ -6,6 +6,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "platform/statedb/entitytree.h"
 #include "platform/statedb/publisher.h"
 #include "platform/statedb/schema.h"
 #include "platform/zel/activity.h"
@@ -13,40 +14,6 @@
 namespace Statedb {
 
 namespace {
-
-// Where a path leads through the entities, as far as they go.
-struct Found {
-  // The last step that was read: from this entity, through this collection of it, to the member of this name.
-  Zel::Ptr<Zel::Entity> parent;
-  const Zel::AttributeInfo* collection = nullptr;
-  Zel::Name key;
-  Path path;                     // of the member
-  Zel::Ptr<Zel::Entity> entity;  // the member; null where there is none
-  bool whole = true;             // whether the path was read to its end
-};
-
-// The name that a component of a path stands for. Throws ValueError where it is wrongly escaped.
-Zel::Name nameOf(Zel::Name component) {
-  if (Zel::isComponent(component.view())) return component;
-  return Zel::Name(Zel::unescapeComponent(component.view()));
-}
-
-Zel::Ptr<Zel::Entity> newMember(const Found& found, Zel::Name type) {
-  checkRow(type, {}, {});
-  if (found.collection->direct)
-    return static_cast<Zel::Dir&>(*found.parent).entryIs(found.key, Zel::String(type.view()));
-  const Zel::Name wanted = found.collection->memberType().name();
-  if (wanted != type)
-    throw Zel::ValueError("found type " + type.stdString() + ", wanted " + wanted.stdString());
-  const Zel::Value key = found.key.view();
-  found.collection->set(*found.parent, {&key, 1});
-  return Zel::Ptr<Zel::Entity>(found.collection->member(*found.parent, found.key));
-}
-
-void removeMember(const Found& found) {
-  const Zel::Value key = found.key.view();
-  found.collection->del(*found.parent, {&key, 1});
-}
 
 Zel::Name typeOf(const Zel::Entity& entity) { return entity.fwkType().name(); }
 
@@ -90,9 +57,7 @@ struct EntityManager::State : Zel::PassEnd, std::enable_shared_from_this<State> 
     bool arrived = false;
   };
 
-  explicit State(Store& theStore) : store(theStore), root(Zel::allocate<Zel::Dir>(Zel::Name())) {
-    Zel::activityManager().passEndIs(*this);
-  }
+  explicit State(Store& theStore) : store(theStore) { Zel::activityManager().passEndIs(*this); }
   ~State() override {
     for (const auto& subscription : subscriptions) store.unsubscribe(*subscription);
     Zel::activityManager().passEndDel(*this);
@@ -107,69 +72,10 @@ struct EntityManager::State : Zel::PassEnd, std::enable_shared_from_this<State> 
     say(placeText(row) + ": " + why);
   }
 
-  // Follows a path. Throws ValueError where it is not one.
-  Found find(Path path) {
-    Found found;
-    if (path.empty()) {
-      found.entity = root;
-      return found;
-    }
-    found.path = path;
-    const bool isBesideTheLast = last.parent && path.parent() == last.path && !path.component().empty();
-    if (isBesideTheLast && isThere(*last.parent)) {
-      found.parent = last.parent;
-      found.collection = last.collection;
-      found.key = nameOf(path.component());
-      found.entity = Zel::Ptr<Zel::Entity>(found.collection->member(*found.parent, found.key));
-      return found;
-    }
-    follow(path.text(), found);
-    if (found.whole && found.parent) last = {path.parent(), found.parent, found.collection};
-    return found;
-  }
-
-  // The same by its text, from the root.
-  void follow(const std::string& text, Found& found) const {
-    found.entity = root;
-    for (PathReader reader(text); !reader.done();) {
-      found.parent = found.entity;
-      const auto step = reader.next(found.parent->fwkType());
-      found.collection = collectionOf(found.parent->fwkType(), step);
-      found.key = Zel::Name(step.key);
-      found.entity = Zel::Ptr<Zel::Entity>(found.collection->member(*found.parent, found.key));
-      found.whole = reader.done();
-      found.path = Path(step.path);
-      if (!found.entity) break;
-    }
-  }
-
-  // The row of the type that a step leads through.
-  static const Zel::AttributeInfo* collectionOf(const Zel::TypeNode& type, const PathReader::Step& step) {
-    for (Zel::AttributeIndex index = 0; index < type.endIndex(); ++index)
-      if (const auto& row = type.attribute(index); row.direct || row.name == step.collection) return &row;
-    return nullptr;
-  }
-
-  // Whether an entity still stands under the root.
-  bool isThere(const Zel::Entity& entity) const {
-    const Zel::Entity* each = &entity;
-    while (each && each != root.get() && !each->zelIsGone()) each = each->parent();
-    return each == root.get();
-  }
-
-  // The same for paths that need not be one.
-  Zel::Ptr<Zel::Entity> entityAt(Path path) {
-    try {
-      return find(path).entity;
-    } catch (const Zel::ValueError&) {
-      return nullptr;
-    }
-  }
-
   // The entity at a path, made where it was not there; directories on the way as well.
   Zel::Ptr<Zel::Entity> ensure(Path path, Zel::Name type) {
     for (;;) {
-      const Found found = find(path);
+      const Found found = tree.find(path);
       if (found.entity) return found.entity;
       if (!found.whole && !found.collection->direct)
         throw Zel::ValueError("there is no entity at '" + found.path.text() + "'");
@@ -251,7 +157,7 @@ struct EntityManager::State : Zel::PassEnd, std::enable_shared_from_this<State> 
   }
 
   void unset(const Row& row) {
-    const auto entity = find(row.path).entity;
+    const auto entity = tree.find(row.path).entity;
     const Zel::AttributeInfo* attribute = entity ? entity->fwkType().find(row.attribute) : nullptr;
     if (!attribute || !attribute->reset) return;
     attribute->reset(*entity);
@@ -275,7 +181,7 @@ struct EntityManager::State : Zel::PassEnd, std::enable_shared_from_this<State> 
   // Takes an entity out. One that is mounted, or that holds one that is, stays and is emptied instead.
   void remove(Path path) {
     std::erase_if(refusedEntities, [&](const auto& refused) { return refused.first.isUnder(path); });
-    const Found found = find(path);
+    const Found found = tree.find(path);
     if (!found.entity) return;
     if (path.empty() || mountedAtOrUnder(path)) return clear(*found.entity, path);
     published(found.parent, path,
@@ -295,7 +201,7 @@ struct EntityManager::State : Zel::PassEnd, std::enable_shared_from_this<State> 
   // nothing.
   void applySnapshot(Path path, const Records& records) {
     std::erase_if(queue, [&](const Change& change) { return change.row.path.isUnder(path); });
-    if (const auto top = entityAt(path)) {
+    if (const auto top = tree.entityAt(path)) {
       Present present;
       for (const Record* record : records) present.add(*record, path);
       removeAbsent(*top, path, present);
@@ -352,7 +258,7 @@ struct EntityManager::State : Zel::PassEnd, std::enable_shared_from_this<State> 
       if (row.reset && (!record || !record->find(row.label))) row.reset(entity);
     });
     forEachMember(entity, path, [&](Path each) {
-      const auto member = find(each).entity;
+      const auto member = tree.find(each).entity;
       if (member && present.records.contains(each))
         removeAbsent(*member, each, present);
       else if (member)
@@ -520,7 +426,7 @@ struct EntityManager::State : Zel::PassEnd, std::enable_shared_from_this<State> 
   };
 
   Store& store;
-  const Zel::Ptr<Zel::Dir> root;
+  EntityTree tree;
   std::vector<MountInfo> mounts;
   std::unordered_map<Path, Zel::Ptr<Zel::Entity>> mounted;
   std::map<const Mounter*, Zel::Ptr<MountGroup>> open;
@@ -530,12 +436,6 @@ struct EntityManager::State : Zel::PassEnd, std::enable_shared_from_this<State> 
   std::deque<Change> queue;                           // told by the store, not applied yet
   std::unordered_set<Path> gone;                      // paths whose removal waits to be delivered
   std::unordered_map<Path, Refused> refusedEntities;  // that could not be made
-  // Paths mostly follow each other in one collection: the one that the last of them led into.
-  struct {
-    Path path;  // of its members without their last component
-    Zel::Ptr<Zel::Entity> parent{};
-    const Zel::AttributeInfo* collection = nullptr;
-  } last;
   std::function<void(const std::string&)> report;
   std::uint64_t refusals = 0;
   std::uint64_t publishedRows = 0;
@@ -561,9 +461,9 @@ Zel::Ptr<Zel::Entity> EntityManager::getEntity(Zel::String path) const {
   return found == state_->mounted.end() ? nullptr : found->second;
 }
 
-Zel::Ptr<Zel::Entity> EntityManager::entityAt(Path path) const { return state_->entityAt(path); }
+Zel::Ptr<Zel::Entity> EntityManager::entityAt(Path path) const { return state_->tree.entityAt(path); }
 
-const Zel::Ptr<Zel::Dir>& EntityManager::root() const { return state_->root; }
+const Zel::Ptr<Zel::Dir>& EntityManager::root() const { return state_->tree.root(); }
 
 const std::vector<EntityManager::MountInfo>& EntityManager::mounts() const { return state_->mounts; }
 

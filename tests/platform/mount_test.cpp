@@ -133,7 +133,7 @@ TEST_F(Mounts, AGroupFailsWithPathTypeFoundAndTypeAsked) {
                            {"y", "Gone::Type", "r"}});
   EXPECT_EQ(made->statuses, std::vector{Statedb::mountFailure_});
   const std::string unknown =
-      " that can't be made ('No::Such' is no type that a directory can hold), asked for Zel::Dir; delete "
+      " that can't be made (type 'No::Such' is unknown), asked for Zel::Dir; delete "
       "that entity from a host without this agent";
   EXPECT_EQ(
       made->mountGroup->failures(),

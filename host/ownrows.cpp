@@ -21,10 +21,15 @@ bool OwnRows::Unknown::covers(Path path) const {
 }
 
 bool OwnRows::Unknown::touches(const Change& change) const {
-  const Path path = change.row.path;
-  if (covers(path)) return true;
-  if (change.kind != Change::Kind::del) return set.contains({path, change.row.attribute});
-  return std::ranges::any_of(set, [&](const auto& each) { return each.first.isUnder(path); });
+  return covers(change.row.path) || set.contains({change.row.path, change.row.attribute});
+}
+
+// Whether something that was made or set here, at or under the path, is not known there yet.
+bool OwnRows::anyUnknown(Path path) const {
+  const auto isMade = [&](const auto& each) {
+    return each.first.isUnder(path) && entities_.contains(each.first);
+  };
+  return std::ranges::any_of(unsent_.set, isMade) || std::ranges::any_of(underWay_.set, isMade);
 }
 
 void OwnRows::forget(Path path) {
@@ -136,6 +141,20 @@ Record merged(const Record& theirs, const Record& own) {
 
 }  // namespace
 
+// The record less the values that were unset here and not there yet.
+const Record* OwnRows::withoutUnset(const Record* record) {
+  const auto own = entities_.find(record->path);
+  const auto isUnset = [&](const Attribute& each) {
+    const std::pair place{record->path, each.name};
+    return (unsent_.set.contains(place) || underWay_.set.contains(place)) &&
+           (own == entities_.end() || !own->second.find(each.name));
+  };
+  if (std::ranges::none_of(record->attributes, isUnset)) return record;
+  Record less = *record;
+  std::erase_if(less.attributes, isUnset);
+  return &merged_.emplace_back(std::move(less));
+}
+
 Records OwnRows::over(const Records& snapshot, Path path) {
   Records records;
   merged_.clear();
@@ -147,7 +166,7 @@ Records OwnRows::over(const Records& snapshot, Path path) {
       both.insert(record->path);
       record = &merged_.emplace_back(merged(*record, own->second));
     }
-    records.push_back(record);
+    records.push_back(withoutUnset(record));
   }
   for (const auto& [own, entity] : entities_)
     if (own.isUnder(path) && !both.contains(own)) records.push_back(&entity);
@@ -158,11 +177,9 @@ Records OwnRows::over(const Records& snapshot, Path path) {
 // Returns whether the change stands against what will be overwritten from here.
 bool OwnRows::takeNote(const Change& change) {
   const Path path = change.row.path;
-  if (unsent_.touches(change) || underWay_.touches(change)) {
-    // Everything that stood there went; what is kept here must be sent again.
-    if (change.kind == Change::Kind::del) sendAgain(path);
-    return false;
-  }
+  if (unsent_.touches(change) || underWay_.touches(change)) return false;
+  // Everything that stood there went; what is kept here must be sent again.
+  if (change.kind == Change::Kind::del && anyUnknown(path)) return sendAgain(path), false;
   if (change.kind == Change::Kind::del) {
     forget(path);
   } else if (change.kind == Change::Kind::unset) {

@@ -59,6 +59,8 @@ class OwnRows {
 
   void put(const Statedb::Row& row, Unknown* note);
   void unset(Statedb::Path path, Zel::Name attribute);
+  const Statedb::Record* withoutUnset(const Statedb::Record* record);
+  bool anyUnknown(Statedb::Path path) const;
   bool takeNote(const Statedb::Change& change);
   void sendAgain(Statedb::Path path);
   // Forgets the entities at and under a path.

@@ -138,7 +138,8 @@ TEST(SqliteStore, AFileThatIsNotMadeWhollyIsMade) {
       {"the same, in the log",
        [](auto& folder, auto& file) {
          const std::string other = folder.at("other");
-         runSql(other, "PRAGMA journal_mode = WAL", [&](sqlite3* connection) {
+         runSql(other, kId);
+         runSql(other, "PRAGMA journal_mode = WAL; PRAGMA user_version = 0", [&](sqlite3* connection) {
            sqlite3_exec(connection, kId, nullptr, nullptr, nullptr);
            for (const char* suffix : {"", "-wal"}) std::filesystem::copy(other + suffix, file + suffix);
          });

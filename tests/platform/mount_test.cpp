@@ -143,7 +143,7 @@ TEST_F(Mounts, AGroupFailsWithPathTypeFoundAndTypeAsked) {
           "mount of 'x': found an entity of type No::Such" + unknown,
           "mount of 'x/under': found an entity of type No::Such at 'x'" + unknown,
           "mount of 'w': found an entity of type Statedb::Mounter that can't be made "
-          "('Statedb::Mounter' is no type that a directory can hold), asked for Statedb::Mounter; delete "
+          "(type Statedb::Mounter is an agent's, which only a host makes), asked for Statedb::Mounter; delete "
           "that entity from a host without this agent",
           "mount of 'y': the type asked for, Gone::Type, is unknown"}));
   EXPECT_THROW(made->mountGroup->doMount({"z", "Zel::Dir", "r"}), Zel::RangeException) << "closed";

@@ -80,16 +80,19 @@ TEST_F(UnixStoreTest, WhatTheOtherSideCantStoreNowIsSentAgain) {
 
 TEST_F(UnixStoreTest, FeedsSeeTheirPartOfADeleteAndWhatIsStoredUnderAWithdrawnValue) {
   Mirror part("out/p"), writer("out");
-  keeper.write({Change::put("out/p", kPin, "value", 5)}, Durability::stored);
+  keeper.write({Change::put("out", "Zel::Dir", {}, {}), Change::put("out/p", kPin, "value", 5)},
+               Durability::stored);
   remote.subscribe("out/p", part);
   remote.subscribe("out", writer);
   const Rows stored{{{"out/p", ""}, kPin}, {{"out/p", "value"}, 5}};
-  runUntil([&] { return writer.rows == stored; });
+  Rows all = stored;
+  all[{"out", ""}] = "Zel::Dir";
+  runUntil([&] { return writer.rows == all; });
   remote.write({Change::put("out/p", kPin, "value", 6)}, Durability::derived, &writer);
   runUntil([&] { return at("out/p") == Zel::Value(6) && part.rows.at({"out/p", "value"}) == Zel::Value(6); });
   writer.rows.clear();
   remote.write({Change::del("out")}, Durability::derived, &writer);
-  runUntil([&] { return writer.rows == stored && part.rows == stored; });
+  runUntil([&] { return writer.rows == all && part.rows == stored; });
   EXPECT_EQ(part.batches, 3);
 }
 

@@ -22,6 +22,8 @@ void Mirror::changesAre(const Json& changes) {
   for (const Json& change : changes) {
     if (change.at("op") == "del")
       del(change.at("path"));
+    else if (change.at("op") == "unset")
+      unset(change);
     else
       put(change);
   }
@@ -41,6 +43,11 @@ void Mirror::put(const Json& entity) {
   Entity& known = entities_[entity.at("path").get<std::string>()];
   if (const auto type = entity.find("type"); type != entity.end()) known.type = *type;
   if (const auto set = entity.find("attributes"); set != entity.end()) known.attributes.update(*set);
+}
+
+void Mirror::unset(const Json& change) {
+  const auto known = entities_.find(change.at("path").get<std::string>());
+  if (known != entities_.end()) known->second.attributes.erase(change.at("attribute").get<std::string>());
 }
 
 void Mirror::del(const std::string& path) {

@@ -63,6 +63,7 @@ class Mirror {
 
  private:
   void put(const Json& entity);
+  void unset(const Json& change);
   void del(const std::string& path);
 
   std::map<std::string, Entity> entities_;

@@ -18,6 +18,8 @@ struct Watching {
 
 std::string changeText(const Json& change) {
   std::string text = bare(change.at("op")) + ' ' + bare(change.at("path"));
+  if (const auto attribute = change.find("attribute"); attribute != change.end())
+    text += ' ' + bare(*attribute);
   const Json none = Json::object();
   const auto attributes = change.find("attributes");
   for (const auto& [name, value] : (attributes == change.end() ? none : *attributes).items())

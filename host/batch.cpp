@@ -23,7 +23,7 @@ class BatchReader {
       if (change.kind == Change::Kind::put)
         put(change);
       else
-        del(change);
+        remove(change);
     } catch (const ValueError& error) {
       failed_.push_back(change.path);
       batch.errors.push_back(change.path.text() + ": " + error.what());
@@ -58,10 +58,10 @@ class BatchReader {
     types_.put(change.path, type);
   }
 
-  void del(const RequestedChange& change) {
+  void remove(const RequestedChange& change) {
     if (context_.lenient && types_.typeAt(change.path).empty()) return;
     appendChanges(change, {}, batch.changes);
-    types_.del(change.path);
+    if (change.kind == Change::Kind::del) types_.del(change.path);
   }
 
   Zel::Name typeOf(const RequestedChange& change, Zel::Name present) const {

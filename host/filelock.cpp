@@ -13,13 +13,31 @@
 
 namespace Host {
 
-std::optional<FileLock> FileLock::tryTake(const std::string& path) {
-  const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY, 0640);
-  if (descriptor < 0) throw std::system_error(errno, std::generic_category());
-  FileLock lock(descriptor);
-  if (::flock(descriptor, LOCK_EX | LOCK_NB) == 0) return lock;
-  if (errno != EWOULDBLOCK) throw std::system_error(errno, std::generic_category());
-  return std::nullopt;
+namespace {
+
+bool isAt(int descriptor, const std::string& path) {
+  struct stat held {};
+  struct stat there {};
+  return ::fstat(descriptor, &held) == 0 && ::stat(path.c_str(), &there) == 0 &&
+         held.st_ino == there.st_ino && held.st_dev == there.st_dev;
+}
+
+}  // namespace
+
+// Another process may rename or remove the file between the opening and the locking.
+std::optional<FileLock> FileLock::tryTake(const std::string& path, Missing missing) {
+  const int make = missing == Missing::make ? O_CREAT : 0;
+  for (;;) {
+    const int descriptor = ::open(path.c_str(), O_RDWR | make | O_CLOEXEC | O_NOCTTY, 0640);
+    if (descriptor < 0) throw std::system_error(errno, std::generic_category());
+    FileLock lock(descriptor);
+    if (::flock(descriptor, LOCK_EX | LOCK_NB) == 0) {
+      if (isAt(descriptor, path)) return lock;
+      continue;
+    }
+    if (errno != EWOULDBLOCK) throw std::system_error(errno, std::generic_category());
+    return std::nullopt;
+  }
 }
 
 FileLock::FileLock(FileLock&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}

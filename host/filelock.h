@@ -9,9 +9,11 @@ namespace Host {
 // An advisory lock, gone with the process however it ends.
 class FileLock {
  public:
-  // Opens the file, making it where it is not there, and locks it. Nothing where another holds it. Throws
-  // std::system_error where the file can't be opened.
-  static std::optional<FileLock> tryTake(const std::string& path);
+  // Opens the file and locks it. Nothing where another holds it. Throws std::system_error where the file
+  // can't be opened. The lock is on the file that has the path once it is taken: one that is renamed takes it
+  // along.
+  enum class Missing { make, fail };
+  static std::optional<FileLock> tryTake(const std::string& path, Missing missing = Missing::make);
   FileLock(FileLock&& other) noexcept;
   FileLock& operator=(FileLock&&) = delete;
   ~FileLock();

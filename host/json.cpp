@@ -305,9 +305,15 @@ Place endOfEntity(Place first, Place last) {
   return end;
 }
 
-void appendDel(std::string& text, Path path) {
-  text += "{\"op\":\"del\",\"path\":";
-  appendPath(text, path);
+void appendRemoval(std::string& text, const Change& change) {
+  text += '{';
+  if (change.kind == Change::Kind::unset) {
+    text += "\"attribute\":";
+    appendQuoted(text, change.row.attribute.view());
+    text += ',';
+  }
+  text += change.kind == Change::Kind::unset ? "\"op\":\"unset\",\"path\":" : "\"op\":\"del\",\"path\":";
+  appendPath(text, change.row.path);
   text += '}';
 }
 
@@ -334,8 +340,8 @@ std::string changesText(const Changes& changes) {
   std::string text = "[";
   for (Place at = changes.begin(); at != changes.end();) {
     if (text.size() > 1) text += ',';
-    if (at->kind == Change::Kind::del) {
-      appendDel(text, at++->row.path);
+    if (at->kind != Change::Kind::put) {
+      appendRemoval(text, *at++);
       continue;
     }
     const Place end = endOfEntity(at, changes.end());
@@ -381,13 +387,21 @@ Changes changesFrom(const Value& list) {
 }
 
 RequestedChange requestedChange(const Value& value) {
-  expectFields(value, {"op", "path", "type", "attributes", "existing"});
+  expectFields(value, {"op", "path", "type", "attributes", "existing", "attribute"});
   const std::string& op = textField(value, "op", Needed::yes);
   if (op == "del") {
     expectFields(value, {"op", "path"});
     return {.kind = Change::Kind::del, .path = textField(value, "path", Needed::yes)};
   }
-  if (op != "put") throw ValueError("'op': found \"" + op + "\", wanted \"put\" or \"del\"");
+  if (op == "unset") {
+    expectFields(value, {"op", "path", "attribute"});
+    const std::string& attribute = textField(value, "attribute", Needed::yes);
+    if (attribute.empty()) throw ValueError("'attribute' is empty");
+    return {
+        .kind = Change::Kind::unset, .path = textField(value, "path", Needed::yes), .attribute = attribute};
+  }
+  if (op != "put") throw ValueError("'op': found \"" + op + "\", wanted \"put\", \"unset\" or \"del\"");
+  expectFields(value, {"op", "path", "type", "attributes", "existing"});
   return {.path = textField(value, "path", Needed::yes),
           .type = textField(value, "type"),
           .existing = flagField(value, "existing", false),
@@ -396,6 +410,8 @@ RequestedChange requestedChange(const Value& value) {
 
 void appendChanges(const RequestedChange& change, Zel::Name type, Changes& changes) {
   if (change.kind == Change::Kind::del) return changes.push_back(Change::del(change.path));
+  if (change.kind == Change::Kind::unset)
+    return changes.push_back(Change::unset(change.path, change.attribute));
   changes.push_back(Change::put(change.path, type, {}, {}));
   if (!change.attributes) return;
   for (const auto& [name, value] : *change.attributes)

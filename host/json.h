@@ -45,8 +45,8 @@ std::string entitiesText(const Statedb::Records& records);
 // The inverse, in the order of the list. Throws Zel::ValueError where an entity is not of that form.
 std::vector<Statedb::Record> entityRecords(const Zel::Value& entities);
 
-// Changes as a list of {"op": "put", …} and {"op": "del", …}; puts that follow each other on one entity stand
-// together.
+// Changes as a list of {"op": "put", …}, {"op": "unset", …} and {"op": "del", …}; puts that follow each other
+// on one entity stand together.
 std::string changesText(const Statedb::Changes& changes);
 // The inverse. Every put must say its type. Throws Zel::ValueError.
 Statedb::Changes changesFrom(const Zel::Value& changes);
@@ -55,13 +55,14 @@ Statedb::Changes changesFrom(const Zel::Value& changes);
 struct RequestedChange {
   Statedb::Change::Kind kind = Statedb::Change::Kind::put;
   Statedb::Path path{};
-  Zel::Name type{};  // empty where it was left out
+  Zel::Name type{};       // empty where it was left out
+  Zel::Name attribute{};  // of an unset
   bool existing = false;
   const Zel::Value::Fields* attributes = nullptr;  // of the value that was read; null: none
 };
 // Throws Zel::ValueError, which names the field that is missing, unknown or of the wrong kind.
 RequestedChange requestedChange(const Zel::Value& change);
-// Appends the rows of a put of that type, or the del.
+// Appends the rows of a put of that type, or the one step that it is.
 void appendChanges(const RequestedChange& change, Zel::Name type, Statedb::Changes& changes);
 
 }  // namespace Host

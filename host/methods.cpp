@@ -69,6 +69,8 @@ std::string Methods::run(const Method& method, const Zel::Value& parameters, Cal
     return (this->*method.run)(parameters, caller);
   } catch (const Zel::ValueError& error) {
     throw RpcError(RpcCode::badParameter, std::string(method.name) + ": " + error.what());
+  } catch (const Statedb::RefusedError& error) {
+    throw refusedFor({error.what()});
   } catch (const Statedb::StoreError& error) {
     throw RpcError(RpcCode::store, error.what());
   }

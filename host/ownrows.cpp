@@ -21,10 +21,15 @@ bool OwnRows::Unknown::covers(Path path) const {
 }
 
 bool OwnRows::Unknown::touches(const Change& change) const {
-  const Path path = change.row.path;
-  if (covers(path)) return true;
-  if (change.kind == Change::Kind::put) return set.contains({path, change.row.attribute});
-  return std::ranges::any_of(set, [&](const auto& each) { return each.first.isUnder(path); });
+  return covers(change.row.path) || set.contains({change.row.path, change.row.attribute});
+}
+
+// Whether something that was made or set here, at or under the path, is not known there yet.
+bool OwnRows::anyUnknown(Path path) const {
+  const auto isMade = [&](const auto& each) {
+    return each.first.isUnder(path) && entities_.contains(each.first);
+  };
+  return std::ranges::any_of(unsent_.set, isMade) || std::ranges::any_of(underWay_.set, isMade);
 }
 
 void OwnRows::forget(Path path) {
@@ -44,11 +49,22 @@ void OwnRows::put(const Row& row, Unknown* note) {
   if (note) note->set.insert({row.path, row.attribute});
 }
 
+void OwnRows::unset(Path path, Zel::Name attribute) {
+  const auto entity = entities_.find(path);
+  if (entity == entities_.end()) return;
+  std::erase_if(entity->second.attributes, [&](const Attribute& each) { return each.name == attribute; });
+}
+
 void OwnRows::write(const Changes& changes) {
   for (const Change& change : changes) {
     const Path path = change.row.path;
     if (change.kind == Change::Kind::put) {
       put(change.row, &unsent_);
+      continue;
+    }
+    if (change.kind == Change::Kind::unset) {
+      unset(path, change.row.attribute);
+      unsent_.set.insert({path, change.row.attribute});
       continue;
     }
     path.forEachUnder([this](Path each) {
@@ -77,9 +93,11 @@ Changes OwnRows::send() {
   for (const Path path : underWay_.removed) changes.push_back(Change::del(path));
   for (const auto& [path, attribute] : underWay_.set) {
     const auto entity = entities_.find(path);
-    if (entity == entities_.end()) continue;
-    const Zel::Value* value = entity->second.find(attribute);
-    changes.push_back(Change::put(path, entity->second.type, attribute, value ? *value : Zel::Value()));
+    const Zel::Value* value = entity == entities_.end() ? nullptr : entity->second.find(attribute);
+    if (!value && !attribute.empty())
+      changes.push_back(Change::unset(path, attribute));
+    else if (entity != entities_.end())
+      changes.push_back(Change::put(path, entity->second.type, attribute, value ? *value : Zel::Value()));
   }
   return changes;
 }
@@ -92,34 +110,98 @@ void OwnRows::acknowledged() {
 void OwnRows::lost() {
   // A removal that was under way is sent again; one of what was never there does no harm.
   unsent_.removed.merge(underWay_.removed);
+  unsent_.set.merge(underWay_.set);
   acknowledged();
+  sendAgain({});
+}
+
+void OwnRows::sendAgain(Path under) {
   for (const auto& [path, entity] : entities_) {
+    if (!path.isUnder(under)) continue;
     unsent_.set.insert({path, {}});
     for (const Attribute& each : entity.attributes) unsent_.set.insert({path, each.name});
   }
 }
 
-Records OwnRows::over(const Records& snapshot, Path path) const {
+namespace {
+
+// What the other side has with what was published here over it, attribute by attribute.
+Record merged(const Record& theirs, const Record& own) {
+  if (theirs.type != own.type) return own;
+  Record record = theirs;
+  for (const Attribute& each : own.attributes) {
+    const auto found = std::ranges::find(record.attributes, each.name, &Attribute::name);
+    if (found == record.attributes.end())
+      record.attributes.push_back(each);
+    else
+      *found = each;
+  }
+  return record;
+}
+
+}  // namespace
+
+// The record less the values that were unset here and not there yet.
+const Record* OwnRows::withoutUnset(const Record* record) {
+  const auto own = entities_.find(record->path);
+  const auto isUnset = [&](const Attribute& each) {
+    const std::pair place{record->path, each.name};
+    return (unsent_.set.contains(place) || underWay_.set.contains(place)) &&
+           (own == entities_.end() || !own->second.find(each.name));
+  };
+  if (std::ranges::none_of(record->attributes, isUnset)) return record;
+  Record less = *record;
+  std::erase_if(less.attributes, isUnset);
+  return &merged_.emplace_back(std::move(less));
+}
+
+Records OwnRows::over(const Records& snapshot, Path path) {
   Records records;
-  for (const Record* record : snapshot)
-    if (!isRemoved(record->path) && !entities_.contains(record->path)) records.push_back(record);
+  merged_.clear();
+  std::unordered_set<Path> both;
+  for (const Record* record : snapshot) {
+    if (isRemoved(record->path)) continue;
+    const auto own = entities_.find(record->path);
+    if (own != entities_.end()) {
+      both.insert(record->path);
+      record = &merged_.emplace_back(merged(*record, own->second));
+    }
+    records.push_back(withoutUnset(record));
+  }
   for (const auto& [own, entity] : entities_)
-    if (own.isUnder(path)) records.push_back(&entity);
+    if (own.isUnder(path) && !both.contains(own)) records.push_back(&entity);
   std::ranges::sort(records, &Statedb::readsBefore, &Record::path);
   return records;
 }
 
+// Returns whether the change stands against what will be overwritten from here.
+bool OwnRows::takeNote(const Change& change) {
+  const Path path = change.row.path;
+  if (unsent_.touches(change) || underWay_.touches(change)) return false;
+  // Everything that stood there went; what is kept here must be sent again.
+  if (change.kind == Change::Kind::del && anyUnknown(path)) return sendAgain(path), false;
+  if (change.kind == Change::Kind::del) {
+    forget(path);
+  } else if (change.kind == Change::Kind::unset) {
+    unset(path, change.row.attribute);
+  } else if (const auto own = entities_.find(path);
+             own != entities_.end() && own->second.find(change.row.attribute)) {
+    put(change.row, nullptr);
+  }
+  return true;
+}
+
 Changes OwnRows::told(const Changes& changes) {
   Changes heard;
-  for (const Change& change : changes) {
-    if (unsent_.touches(change) || underWay_.touches(change)) continue;
-    if (change.kind == Change::Kind::del)
-      forget(change.row.path);
-    else if (entities_.contains(change.row.path))
-      put(change.row, nullptr);
-    heard.push_back(change);
-  }
+  std::ranges::copy_if(changes, std::back_inserter(heard), [this](auto& each) { return takeNote(each); });
   return heard;
+}
+
+Changes OwnRows::revealed(const Changes& changes) const {
+  Changes seen;
+  std::ranges::copy_if(changes, std::back_inserter(seen),
+                       [this](auto& each) { return !unsent_.touches(each); });
+  return seen;
 }
 
 }  // namespace Host

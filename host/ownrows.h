@@ -4,6 +4,7 @@
 // State, not a log: however long the other side is away, what is kept is one value for each attribute.
 #pragma once
 
+#include <deque>
 #include <set>
 #include <unordered_map>
 #include <unordered_set>
@@ -35,14 +36,17 @@ class OwnRows {
 
   // A snapshot of the other side as it will be when it knows everything: with what was published here put
   // over it. Sorted as a person reads it; good until either changes.
-  Statedb::Records over(const Statedb::Records& snapshot, Statedb::Path path) const;
+  Statedb::Records over(const Statedb::Records& snapshot, Statedb::Path path);
   // What another process changed there, less what will be overwritten from here. What is left is taken note
   // of.
   Statedb::Changes told(const Statedb::Changes& changes);
+  // What is seen there since the other side carried out removals that are under way from here, less what will
+  // be overwritten.
+  Statedb::Changes revealed(const Statedb::Changes& changes) const;
 
  private:
   // Steps that the other side does not know: entities that were removed, and attributes (the empty one: that
-  // the entity is there) that were set.
+  // the entity is there) that were set, or unset where the entity has none of that name.
   struct Unknown {
     std::set<Statedb::Path> removed;
     std::set<std::pair<Statedb::Path, Zel::Name>> set;
@@ -54,6 +58,11 @@ class OwnRows {
   };
 
   void put(const Statedb::Row& row, Unknown* note);
+  void unset(Statedb::Path path, Zel::Name attribute);
+  const Statedb::Record* withoutUnset(const Statedb::Record* record);
+  bool anyUnknown(Statedb::Path path) const;
+  bool takeNote(const Statedb::Change& change);
+  void sendAgain(Statedb::Path path);
   // Forgets the entities at and under a path.
   void forget(Statedb::Path path);
   bool isRemoved(Statedb::Path path) const { return unsent_.covers(path) || underWay_.covers(path); }
@@ -61,6 +70,7 @@ class OwnRows {
   std::unordered_map<Statedb::Path, Statedb::Record> entities_;  // as they stand here
   Unknown unsent_;
   Unknown underWay_;
+  std::deque<Statedb::Record> merged_;  // what `over` made
   bool sending_ = false;
 };
 

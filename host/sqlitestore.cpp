@@ -1,16 +1,11 @@
 #include "host/sqlitestore.h"
 
 #include <sqlite3.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <array>
-#include <filesystem>
-#include <optional>
-#include <system_error>
 
-#include "host/filelock.h"
 #include "host/json.h"
+#include "host/statefile.h"
 
 namespace Host {
 
@@ -18,67 +13,6 @@ using Statedb::Change;
 using Statedb::Changes;
 using Statedb::Row;
 using Statedb::StoreError;
-
-namespace {
-
-constexpr std::uint32_t kApplicationId = 0x50694C61;  // "PiLa"
-constexpr std::uint32_t kVersion = 1;
-
-[[noreturn]] void refuse(const std::string& file, const std::string& why) {
-  throw StoreError("store file '" + file + "': " + why);
-}
-
-// What the header of an SQLite file says, read before SQLite touches the file.
-struct Header {
-  std::uint32_t applicationId;
-  std::uint32_t version;
-};
-
-std::uint32_t bigEndian(const unsigned char* bytes) {
-  return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 | std::uint32_t{bytes[2]} << 8 |
-         bytes[3];
-}
-
-// Nothing where the file is empty.
-std::optional<Header> readHeader(const std::string& file, int descriptor) {
-  std::array<unsigned char, 100> bytes{};
-  const ssize_t size = ::pread(descriptor, bytes.data(), bytes.size(), 0);
-  if (size < 0) refuse(file, "can't be read: " + std::generic_category().message(errno));
-  if (size == 0) return std::nullopt;
-  static constexpr std::string_view kMagic("SQLite format 3\0", 16);
-  const std::string_view start(reinterpret_cast<const char*>(bytes.data()), kMagic.size());
-  if (static_cast<std::size_t>(size) < bytes.size() || start != kMagic)
-    refuse(file, "is not a database; give the file of a pinlampd, or one that is not there yet");
-  return Header{bigEndian(&bytes[68]), bigEndian(&bytes[60])};
-}
-
-void checkHeader(const std::string& file, const Header& header) {
-  if (header.applicationId != kApplicationId)
-    refuse(
-        file,
-        "is the database of another application; give the file of a pinlampd, or one that is not there yet");
-  if (header.version > kVersion)
-    refuse(file, "has format version " + std::to_string(header.version) + ", newer than " +
-                     std::to_string(kVersion) +
-                     ", the newest that this pinlampd reads; run a newer pinlampd");
-}
-
-FileLock own(const std::string& file) {
-  const auto folder = std::filesystem::path(file).parent_path();
-  std::error_code ignored;
-  if (!folder.empty() && !std::filesystem::is_directory(folder, ignored))
-    refuse(file, "the folder '" + folder.string() + "' is not there; make it first");
-  if (std::filesystem::is_directory(file, ignored)) refuse(file, "is a folder; give a file");
-  try {
-    if (auto lock = FileLock::tryTake(file)) return std::move(*lock);
-  } catch (const std::system_error& error) {
-    refuse(file, "can't be opened: " + error.code().message());
-  }
-  refuse(file,
-         "is in use by another process" + FileLock::holderText(file) + "; one pinlampd owns it at a time");
-}
-
-}  // namespace
 
 // Makes a T of a text, or takes the one that the last equal text made: rows repeat their paths, types and
 // values, and making is what reading a large file costs.
@@ -109,15 +43,14 @@ class Remembered {
 // The open file. Every failure is a StoreError with SQLite's own words.
 class SqliteStore::Database {
  public:
-  explicit Database(const std::string& file) : file_(file), lock_(own(file)) {
-    const auto header = readHeader(file, lock_.descriptor());
-    if (header) checkHeader(file, *header);
-    open(!header);
+  explicit Database(const std::string& file) : file_(file), owned_(file) {
+    open();
     put_ = prepare(
         "INSERT INTO rows(path, attribute, type, value) VALUES(?1, ?2, ?3, ?4) ON CONFLICT(path, attribute) "
         "DO "
         "UPDATE SET type = excluded.type, value = excluded.value");
     del_ = prepare("DELETE FROM rows WHERE ?1 = '' OR path = ?1 OR (path > ?1 || '/' AND path < ?1 || '0')");
+    unset_ = prepare("DELETE FROM rows WHERE path = ?1 AND attribute = ?2");
   }
 
   // Calls `take` with every row, those of one entity together.
@@ -150,36 +83,29 @@ class SqliteStore::Database {
   };
   using Statement = std::unique_ptr<sqlite3_stmt, Close>;
 
-  void open(bool isNew) {
+  void open() {
     sqlite3* connection = nullptr;
     const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX;
-    const int result = sqlite3_open_v2(uriFree().c_str(), &connection, flags, nullptr);
+    const int result = sqlite3_open_v2(owned_.path().c_str(), &connection, flags, nullptr);
     connection_.reset(connection);
     check(result);
-    if (sqlite3_db_readonly(connection, "main") == 1) refuse(file_, "can't be written; it is read only");
+    if (sqlite3_db_readonly(connection, "main") == 1)
+      refuseStateFile(file_, "can't be written; it is read only");
     execute("PRAGMA locking_mode = EXCLUSIVE");
-    if (isNew) create();
+    if (isEmpty()) execute(stateFileSchema());
     execute("PRAGMA journal_mode = WAL");
     execute("PRAGMA synchronous = FULL");
   }
 
-  // A path that SQLite takes for a plain file, whatever it begins with.
-  std::string uriFree() const { return std::filesystem::absolute(file_).string(); }
-
-  void create() {
-    execute("BEGIN EXCLUSIVE");
-    execute("PRAGMA application_id = " + std::to_string(kApplicationId));
-    execute("PRAGMA user_version = " + std::to_string(kVersion));
-    execute(
-        "CREATE TABLE rows(path TEXT NOT NULL, attribute TEXT NOT NULL, type TEXT NOT NULL, value TEXT NOT "
-        "NULL, "
-        "PRIMARY KEY(path, attribute)) WITHOUT ROWID");
-    execute("COMMIT");
+  bool isEmpty() {
+    const Statement select = prepare("SELECT 1 FROM sqlite_master");
+    return !step(*select);
   }
 
   void write(const Change& change) {
     const Row& row = change.row;
     if (change.kind == Change::Kind::del) return run(*del_, {row.path.text()});
+    if (change.kind == Change::Kind::unset) return run(*unset_, {row.path.text(), row.attribute.view()});
     run(*put_, {row.path.text(), row.attribute.view(), row.type.view(), jsonText(row.value)});
   }
 
@@ -213,8 +139,8 @@ class SqliteStore::Database {
     try {
       row.value = known.value.of(text(statement, 3), &parseJson);
     } catch (const Zel::ValueError& error) {
-      refuse(file_, "the value of '" + row.path.text() + "' " + row.attribute.stdString() +
-                        " can't be read: " + error.what());
+      refuseStateFile(file_, "the value of '" + row.path.text() + "' " + row.attribute.stdString() +
+                                 " can't be read: " + error.what());
     }
     return row;
   }
@@ -236,15 +162,15 @@ class SqliteStore::Database {
   }
   void check(int result) const {
     if (result == SQLITE_OK) return;
-    refuse(file_, connection_ ? sqlite3_errmsg(connection_.get()) : sqlite3_errstr(result));
+    refuseStateFile(file_, connection_ ? sqlite3_errmsg(connection_.get()) : sqlite3_errstr(result));
   }
 
   const std::string file_;
-  // Before the connection: closing any descriptor of the file would drop SQLite's own locks on it.
-  const FileLock lock_;
+  const StateFile owned_;  // before the connection, which it must outlive
   std::unique_ptr<sqlite3, Close> connection_;
   Statement put_;
   Statement del_;
+  Statement unset_;
 };
 
 SqliteStore::SqliteStore(const std::string& file) : file_(file), database_(std::make_unique<Database>(file)) {
@@ -255,7 +181,13 @@ SqliteStore::~SqliteStore() = default;
 std::string SqliteStore::url() const { return "sqlite:" + file_; }
 
 void SqliteStore::persist(const Changes& changes) {
-  uncommitted_.insert(uncommitted_.end(), changes.begin(), changes.end());
+  const std::size_t before = uncommitted_.size();
+  try {
+    uncommitted_.insert(uncommitted_.end(), changes.begin(), changes.end());
+  } catch (...) {
+    uncommitted_.resize(before);
+    throw;
+  }
 }
 
 void SqliteStore::commit() {

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "host/rpc.h"
+#include "platform/statedb/schema.h"
 #include "platform/zel/value.h"
 
 namespace Host {
@@ -17,7 +18,8 @@ namespace {
 constexpr std::uint64_t kFirstRetry = 50;  // milliseconds
 constexpr std::uint64_t kLastRetry = 2000;
 constexpr std::size_t kLongestLine = std::size_t{1} << 30;  // a snapshot of everything is one line
-constexpr std::size_t kChangesPerRequest = 1000;  // well below the longest message that a host takes
+constexpr std::size_t kChangesPerRequest = 1000;
+constexpr std::size_t kLongestRequest = Lines::kLimit - 1000;  // bytes of its changes; a host takes no more
 
 const Zel::Value& needed(const Zel::Value& message, const char* name) {
   const Zel::Value* found = message.field(name);
@@ -111,10 +113,15 @@ void UnixStore::retryLater() {
   uv_timer_start(
       retry_.get(),
       [](uv_timer_t* timer) {
-        Loop::guard(timer->loop, [&] { static_cast<UnixStore*>(timer->data)->connect(); });
+        Loop::guard(timer->loop, [&] { static_cast<UnixStore*>(timer->data)->retry(); });
       },
       retryAfter_, 0);
   retryAfter_ = std::min(retryAfter_ * 2, kLastRetry);
+}
+
+void UnixStore::retry() {
+  if (!connection_) return connect();
+  if (!parts_.empty()) sendParts();
 }
 
 void UnixStore::onClosed(Connection& connection) {
@@ -124,6 +131,7 @@ void UnixStore::onClosed(Connection& connection) {
   if (!std::exchange(lost_, true))
     report_("state database " + url() + ": connection lost; the lights stay as they are");
   replies_.clear();
+  parts_.clear();
   for (const auto& subscription : subscriptions_) subscription->watch = -1;
   own_.lost();
   retryLater();
@@ -204,32 +212,61 @@ void UnixStore::flush() {
   if (const auto connection = connection_) connection->flush();  // closes it where the other side has ended
   if (!reached_ || !own_.canSend()) return;
   const Changes changes = own_.send();
-  if (changes.empty()) return own_.acknowledged();
   for (std::size_t from = 0; from < changes.size(); from += kChangesPerRequest) {
     const auto first = changes.begin() + static_cast<std::ptrdiff_t>(from);
     const std::size_t count = std::min(kChangesPerRequest, changes.size() - from);
-    const Changes part(first, first + static_cast<std::ptrdiff_t>(count));
-    const bool last = from + count == changes.size();
-    request("write", "{\"changes\":" + changesText(part) + ",\"durability\":\"derived\"}",
-            [this, last](const Zel::Value& reply) { onWritten(reply, last); });
+    parts_.emplace_back(first, first + static_cast<std::ptrdiff_t>(count));
   }
+  sendParts();
+}
+
+// One at a time, for a part that is refused is sent again in smaller ones before the next.
+void UnixStore::sendParts() {
+  while (!parts_.empty()) {
+    const std::string text = changesText(parts_.front());
+    if (text.size() <= kLongestRequest)
+      return request("write", "{\"changes\":" + text + ",\"durability\":\"derived\"}",
+                     [this](const Zel::Value& reply) { onWritten(reply); });
+    refusePart("is longer than " + std::to_string(kLongestRequest) + " bytes");
+  }
+  own_.acknowledged();
+  flush();
+}
+
+void UnixStore::onWritten(const Zel::Value& reply) {
+  const Zel::Value* error = reply.field("error");
+  const bool isPostponed = error && numberOf(*error, "code") == static_cast<int>(RpcCode::store);
+  if (isPostponed && !postponed_)
+    report_("state database " + url() + " can't store what was published: " + textField(*error, "message") +
+            "; trying until it can");
+  postponed_ = isPostponed;
+  if (isPostponed) return retryLater();
+  retryAfter_ = kFirstRetry;
+  if (error)
+    refusePart(textField(*error, "message"));
+  else
+    parts_.pop_front();
+  sendParts();
+}
+
+void UnixStore::refusePart(const std::string& why) {
+  const Changes part = std::move(parts_.front());
+  parts_.pop_front();
+  if (part.size() > 1) {
+    auto [first, second] = Statedb::halves(part);
+    parts_.push_front(std::move(second));
+    return parts_.push_front(std::move(first));
+  }
+  const Statedb::Row& row = part.front().row;
+  const std::string place = why.starts_with(row.path.text()) ? "" : placeText(row) + ": ";
+  report_("state database " + url() + " refused what was published: " + place + why);
 }
 
 void UnixStore::tellOthers(const Changes& changes, const Feed* origin) {
-  for (const auto& subscription : subscriptions_) {
-    Changes concerned;
-    std::ranges::copy_if(changes, std::back_inserter(concerned),
-                         [&](const Change& change) { return change.row.path.isUnder(subscription->path); });
-    if (subscription->feed != origin && !concerned.empty()) subscription->feed->onChanges(concerned);
-  }
-}
-
-void UnixStore::onWritten(const Zel::Value& reply, bool last) {
-  if (const Zel::Value* error = reply.field("error"))
-    report_("state database " + url() + " refused what was published: " + textField(*error, "message"));
-  if (!last) return;
-  own_.acknowledged();
-  flush();
+  for (const auto& subscription : subscriptions_)
+    if (subscription->feed != origin)
+      takePart(changes, subscription->path,
+               [&](const Changes& part) { subscription->feed->onChanges(part); });
 }
 
 void UnixStore::onLine(Connection& connection, std::string_view line) {
@@ -258,7 +295,8 @@ void UnixStore::onNotification(const Zel::Value& message) {
   if (!subscription) return;
   if (textField(message, "method") == "reset")
     return tellSnapshot(*subscription->feed, needed(parameters, "entities"));
-  const Changes changes = own_.told(changesFrom(needed(parameters, "changes")));
+  const Changes there = changesFrom(needed(parameters, "changes"));
+  const Changes changes = flagField(parameters, "revealed", false) ? own_.revealed(there) : own_.told(there);
   if (!changes.empty()) subscription->feed->onChanges(changes);
 }
 

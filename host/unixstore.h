@@ -5,6 +5,7 @@
 // published here and is not known there yet waits, one value an attribute, and is sent as soon as it can be.
 #pragma once
 
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -22,8 +23,8 @@ namespace Host {
 class UnixStore final : public Statedb::Store, public Connection::Owner {
  public:
   // Connects from the loop, and tries again as long as nobody listens: after 50 ms at first, then twice as
-  // long each time, up to 2 s. `report` hears once of every loss and every return, and of what the other side
-  // refused.
+  // long each time, up to 2 s. `report` hears once of every loss and every return, and of each row that the
+  // other side refused: a batch that it refuses is halved until what is wrong with it stands alone.
   UnixStore(Loop& loop, std::string socket, std::function<void(const std::string& text)> report);
   ~UnixStore() override;
 
@@ -57,6 +58,7 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
   void onAnnounced(const Zel::Value& reply);
   void onReached();
   void retryLater();
+  void retry();
   // `parameters` are a JSON text.
   void request(const char* method, std::string_view parameters, OnReply onReply);
   void watch(Subscription& subscription);
@@ -69,13 +71,17 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
   void onOversizedLine(Connection& connection) override;
   void onClosed(Connection& connection) override;
   void onNotification(const Zel::Value& message);
-  void onWritten(const Zel::Value& reply, bool last);
+  void sendParts();
+  void onWritten(const Zel::Value& reply);
+  void refusePart(const std::string& why);
 
   Loop& loop_;
   const std::string socket_;
   const std::function<void(const std::string&)> report_;
   std::vector<std::unique_ptr<Subscription>> subscriptions_;
   OwnRows own_;
+  std::deque<Statedb::Changes>
+      parts_;  // of what is under way: the first was sent, each waits for those before it
   std::vector<std::pair<Statedb::Changes, Statedb::Feed*>> toTell_;  // written here, for the feeds here
   std::shared_ptr<Connection> connection_;
   UvHandle<uv_timer_t> retry_;
@@ -86,6 +92,7 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
   bool lost_ = false;         // and reported so
   bool reached_ = false;      // connected, and the announcement was taken
   std::string announcement_;  // a JSON text; empty: there is none
+  bool postponed_ = false;    // the other side can't store anything now; reported as well
 };
 
 }  // namespace Host

@@ -49,22 +49,16 @@ void Watches::Group::onSnapshot(const Statedb::Records& records) {
   }
 }
 
-void Watches::Group::onChanges(const Changes& changes) {
-  for (const Watch& watch : watches_) {
-    const auto isItsOwn = [&](const Statedb::Change& change) { return concerns(change, watch.path); };
-    if (std::ranges::all_of(changes, isItsOwn)) {
-      tell(watch, changes);
-      continue;
-    }
-    Changes concerned;
-    std::ranges::copy_if(changes, std::back_inserter(concerned), isItsOwn);
-    if (!concerned.empty()) tell(watch, concerned);
-  }
-}
+void Watches::Group::onChanges(const Changes& changes) { tell(changes, ""); }
 
-void Watches::Group::tell(const Watch& watch, const Changes& changes) {
-  send_(notificationText(
-      "changed", "{\"changes\":" + changesText(changes) + ",\"watch\":" + std::to_string(watch.id) + '}'));
+void Watches::Group::onRevealed(const Changes& changes) { tell(changes, "\"revealed\":true,"); }
+
+void Watches::Group::tell(const Changes& changes, const char* more) {
+  for (const Watch& watch : watches_)
+    takePart(changes, watch.path, [&](const Changes& part) {
+      send_(notificationText("changed", "{\"changes\":" + changesText(part) + ',' + more +
+                                            "\"watch\":" + std::to_string(watch.id) + '}'));
+    });
 }
 
 }  // namespace Host

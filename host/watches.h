@@ -41,13 +41,15 @@ class Watches {
 
     void onSnapshot(const Statedb::Records& records) override;
     void onChanges(const Statedb::Changes& changes) override;
+    void onRevealed(const Statedb::Changes& changes) override;
 
    private:
     struct Watch {
       std::uint64_t id;
       Statedb::Path path;
     };
-    void tell(const Watch& watch, const Statedb::Changes& changes);
+    // `more`: further parameters of the notification, each with a comma behind it.
+    void tell(const Statedb::Changes& changes, const char* more);
 
     Statedb::Store& store_;
     const Send& send_;

@@ -3,7 +3,7 @@ install(TARGETS pinlamp-platform EXPORT pinlamp-targets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
 install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/pinlamp COMPONENT development
-  FILES_MATCHING PATTERN "*.h" PATTERN "publisher.h" EXCLUDE)
+  FILES_MATCHING PATTERN "*.h" PATTERN "publisher.h" EXCLUDE PATTERN "entitytree.h" EXCLUDE PATTERN "entrytable.h" EXCLUDE)
 install(EXPORT pinlamp-targets NAMESPACE Pinlamp:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/pinlamp
   COMPONENT development)
 

@@ -2,6 +2,7 @@
 #include "platform/model/environment.h"
 #include "platform/model/hardwaregpio.h"
 #include "platform/model/hardwareled.h"
+#include "platform/statedb/mount.h"
 #include "platform/warden/cagent.h"
 #include "platform/zel/clock.h"
 #include "platform/zel/dir.h"
@@ -12,6 +13,7 @@ const Zel::TypeRegistration types{
     &Zel::Entity::typeNode,
     &Zel::Dir::typeNode,
     &Zel::Clock::typeNode,
+    &Statedb::Mounter::typeNode,
     &Warden::CAgent::typeNode,
     &Hardware::Led::LedSystemConfigDir::typeNode,
     &Hardware::Led::LedConfig::typeNode,

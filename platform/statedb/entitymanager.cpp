@@ -6,6 +6,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "platform/statedb/entitytree.h"
 #include "platform/statedb/publisher.h"
 #include "platform/statedb/schema.h"
 #include "platform/zel/activity.h"
@@ -13,40 +14,6 @@
 namespace Statedb {
 
 namespace {
-
-// Where a path leads through the entities, as far as they go.
-struct Found {
-  // The last step that was read: from this entity, through this collection of it, to the member of this name.
-  Zel::Ptr<Zel::Entity> parent;
-  const Zel::AttributeInfo* collection = nullptr;
-  Zel::Name key;
-  Path path;                     // of the member
-  Zel::Ptr<Zel::Entity> entity;  // the member; null where there is none
-  bool whole = true;             // whether the path was read to its end
-};
-
-// The name that a component of a path stands for. Throws ValueError where it is wrongly escaped.
-Zel::Name nameOf(Zel::Name component) {
-  if (Zel::isComponent(component.view())) return component;
-  return Zel::Name(Zel::unescapeComponent(component.view()));
-}
-
-Zel::Ptr<Zel::Entity> newMember(const Found& found, Zel::Name type) {
-  checkRow(type, {}, {});
-  if (found.collection->direct)
-    return static_cast<Zel::Dir&>(*found.parent).entryIs(found.key, Zel::String(type.view()));
-  const Zel::Name wanted = found.collection->memberType().name();
-  if (wanted != type)
-    throw Zel::ValueError("found type " + type.stdString() + ", wanted " + wanted.stdString());
-  const Zel::Value key = found.key.view();
-  found.collection->set(*found.parent, {&key, 1});
-  return Zel::Ptr<Zel::Entity>(found.collection->member(*found.parent, found.key));
-}
-
-void removeMember(const Found& found) {
-  const Zel::Value key = found.key.view();
-  found.collection->del(*found.parent, {&key, 1});
-}
 
 Zel::Name typeOf(const Zel::Entity& entity) { return entity.fwkType().name(); }
 
@@ -68,7 +35,7 @@ void forEachMember(const Zel::Entity& entity, Path path, Function&& function) {
 }  // namespace
 
 // The entities, and everything that brings rows into them.
-struct EntityManager::State : Zel::PassEnd {
+struct EntityManager::State : Zel::PassEnd, std::enable_shared_from_this<State> {
   // What stands under one path of the store.
   struct Subscription : Feed {
     Subscription(State& owner, Path subscribedPath) : state(owner), path(subscribedPath) {}
@@ -90,9 +57,7 @@ struct EntityManager::State : Zel::PassEnd {
     bool arrived = false;
   };
 
-  explicit State(Store& theStore) : store(theStore), root(Zel::allocate<Zel::Dir>(Zel::Name())) {
-    Zel::activityManager().passEndIs(*this);
-  }
+  explicit State(Store& theStore) : store(theStore) { Zel::activityManager().passEndIs(*this); }
   ~State() override {
     for (const auto& subscription : subscriptions) store.unsubscribe(*subscription);
     Zel::activityManager().passEndDel(*this);
@@ -103,73 +68,14 @@ struct EntityManager::State : Zel::PassEnd {
   }
   void refuse(const Row& row, const std::string& why) {
     ++refusals;
-    if (row.attribute.empty()) refusedTypes[row.path] = row.type;
+    if (row.attribute.empty()) refusedEntities[row.path] = {row.type, why};
     say(placeText(row) + ": " + why);
-  }
-
-  // Follows a path. Throws ValueError where it is not one.
-  Found find(Path path) {
-    Found found;
-    if (path.empty()) {
-      found.entity = root;
-      return found;
-    }
-    found.path = path;
-    const bool isBesideTheLast = last.parent && path.parent() == last.path && !path.component().empty();
-    if (isBesideTheLast && isThere(*last.parent)) {
-      found.parent = last.parent;
-      found.collection = last.collection;
-      found.key = nameOf(path.component());
-      found.entity = Zel::Ptr<Zel::Entity>(found.collection->member(*found.parent, found.key));
-      return found;
-    }
-    follow(path.text(), found);
-    if (found.whole && found.parent) last = {path.parent(), found.parent, found.collection};
-    return found;
-  }
-
-  // The same by its text, from the root.
-  void follow(const std::string& text, Found& found) const {
-    found.entity = root;
-    for (PathReader reader(text); !reader.done();) {
-      found.parent = found.entity;
-      const auto step = reader.next(found.parent->fwkType());
-      found.collection = collectionOf(found.parent->fwkType(), step);
-      found.key = Zel::Name(step.key);
-      found.entity = Zel::Ptr<Zel::Entity>(found.collection->member(*found.parent, found.key));
-      found.whole = reader.done();
-      found.path = Path(step.path);
-      if (!found.entity) break;
-    }
-  }
-
-  // The row of the type that a step leads through.
-  static const Zel::AttributeInfo* collectionOf(const Zel::TypeNode& type, const PathReader::Step& step) {
-    for (Zel::AttributeIndex index = 0; index < type.endIndex(); ++index)
-      if (const auto& row = type.attribute(index); row.direct || row.name == step.collection) return &row;
-    return nullptr;
-  }
-
-  // Whether an entity still stands under the root.
-  bool isThere(const Zel::Entity& entity) const {
-    const Zel::Entity* each = &entity;
-    while (each && each != root.get() && !each->zelIsGone()) each = each->parent();
-    return each == root.get();
-  }
-
-  // The same for paths that need not be one.
-  Zel::Ptr<Zel::Entity> entityAt(Path path) {
-    try {
-      return find(path).entity;
-    } catch (const Zel::ValueError&) {
-      return nullptr;
-    }
   }
 
   // The entity at a path, made where it was not there; directories on the way as well.
   Zel::Ptr<Zel::Entity> ensure(Path path, Zel::Name type) {
     for (;;) {
-      const Found found = find(path);
+      const Found found = tree.find(path);
       if (found.entity) return found.entity;
       if (!found.whole && !found.collection->direct)
         throw Zel::ValueError("there is no entity at '" + found.path.text() + "'");
@@ -232,6 +138,8 @@ struct EntityManager::State : Zel::PassEnd {
     try {
       if (change.kind == Change::Kind::del)
         remove(row.path);
+      else if (change.kind == Change::Kind::unset)
+        unset(row);
       else
         put(row);
     } catch (const std::exception& error) {
@@ -242,9 +150,17 @@ struct EntityManager::State : Zel::PassEnd {
   void put(const Row& row) {
     const auto entity = ensureOfType(row.path, row.type);
     if (row.attribute.empty())
-      refusedTypes.erase(row.path);
+      refusedEntities.erase(row.path);
     else
       set(*entity, row.type, row.attribute, row.value);
+    published(entity, row.path, [](PublishedEntity& publisher) { publisher.noteValues(); });
+  }
+
+  void unset(const Row& row) {
+    const auto entity = tree.find(row.path).entity;
+    const Zel::AttributeInfo* attribute = entity ? entity->fwkType().find(row.attribute) : nullptr;
+    if (!attribute || !attribute->reset) return;
+    attribute->reset(*entity);
     published(entity, row.path, [](PublishedEntity& publisher) { publisher.noteValues(); });
   }
 
@@ -264,8 +180,8 @@ struct EntityManager::State : Zel::PassEnd {
 
   // Takes an entity out. One that is mounted, or that holds one that is, stays and is emptied instead.
   void remove(Path path) {
-    std::erase_if(refusedTypes, [&](const auto& refused) { return refused.first.isUnder(path); });
-    const Found found = find(path);
+    std::erase_if(refusedEntities, [&](const auto& refused) { return refused.first.isUnder(path); });
+    const Found found = tree.find(path);
     if (!found.entity) return;
     if (path.empty() || mountedAtOrUnder(path)) return clear(*found.entity, path);
     published(found.parent, path,
@@ -285,7 +201,7 @@ struct EntityManager::State : Zel::PassEnd {
   // nothing.
   void applySnapshot(Path path, const Records& records) {
     std::erase_if(queue, [&](const Change& change) { return change.row.path.isUnder(path); });
-    if (const auto top = entityAt(path)) {
+    if (const auto top = tree.entityAt(path)) {
       Present present;
       for (const Record* record : records) present.add(*record, path);
       removeAbsent(*top, path, present);
@@ -306,7 +222,7 @@ struct EntityManager::State : Zel::PassEnd {
     std::string reason;
     try {
       entity = ensureOfType(record.path, record.type);
-      refusedTypes.erase(record.path);
+      refusedEntities.erase(record.path);
     } catch (const std::exception& error) {
       reason = error.what();
       refuse(there, reason);
@@ -342,7 +258,7 @@ struct EntityManager::State : Zel::PassEnd {
       if (row.reset && (!record || !record->find(row.label))) row.reset(entity);
     });
     forEachMember(entity, path, [&](Path each) {
-      const auto member = find(each).entity;
+      const auto member = tree.find(each).entity;
       if (member && present.records.contains(each))
         removeAbsent(*member, each, present);
       else if (member)
@@ -390,16 +306,26 @@ struct EntityManager::State : Zel::PassEnd {
   void close(const Zel::Ptr<MountGroup>& group) {
     std::erase_if(open, [&](const auto& entry) { return entry.second == group; });
     closed.push_back(group);
-    Zel::activityManager().post([this, group] {
-      if (std::ranges::find(closed, group) == closed.end()) return;
-      noteMounts(*group);
-      subscribe(*group);
-      completeLater();
-    });
+    post([group](State& state) { state.mount(group); });
+  }
+
+  void mount(const Zel::Ptr<MountGroup>& group) {
+    if (std::ranges::find(closed, group) == closed.end()) return;
+    noteMounts(*group);
+    subscribe(*group);
+    completeLater();
   }
 
   void completeLater() {
-    Zel::activityManager().post([this] { complete(); });
+    post([](State& state) { state.complete(); });
+  }
+
+  // Runs `task` in the next pass, if the manager is still there.
+  template <class Task>
+  void post(Task task) {
+    Zel::activityManager().post([weak = weak_from_this(), task = std::move(task)] {
+      if (const auto state = weak.lock()) task(*state);
+    });
   }
 
   // Completes the groups whose rows have all arrived and been applied, in the order in which they were
@@ -432,22 +358,34 @@ struct EntityManager::State : Zel::PassEnd {
                      [&] { mounter->doMountsComplete(status, manager); });
   }
 
+  static constexpr const char* kRemedy = "; delete that entity from a host without this agent";
+
   void finish(const Mount& mount) {
     const Path path(mount.path().view());
     const Zel::Name asked(mount.typeName());
     if (!Zel::typeNode(asked))
       throw Zel::ValueError("the type asked for, " + asked.stdString() + ", is unknown");
-    const auto refused = refusedTypes.find(path);
-    const auto entity = refused == refusedTypes.end() ? ensure(path, asked) : nullptr;
-    const Zel::Name found = entity ? typeOf(*entity) : refused->second;
-    if (found != asked)
-      throw Zel::ValueError("found an entity of type " + found.stdString() + ", asked for " +
-                            asked.stdString() + "; delete that entity from a host without this agent");
+    checkRefused(path, asked);
+    const auto entity = ensure(path, asked);
+    if (typeOf(*entity) != asked)
+      throw Zel::ValueError("found an entity of type " + typeOf(*entity).stdString() + ", asked for " +
+                            asked.stdString() + kRemedy);
     std::ranges::find(mounts, path, &MountInfo::path)->complete = true;
     mounted[path] = entity;
     if (mount.mode() == "wi" &&
         std::ranges::none_of(publishers, [&](auto& each) { return each->path() == path; }))
       publishers.push_back(std::make_unique<Publisher>(entity, path));
+  }
+
+  // Throws where the entity at the path, or one above it, is in the store and could not be made here.
+  void checkRefused(Path path, Zel::Name asked) const {
+    for (Path each = path; !each.empty(); each = each.parent()) {
+      const auto refused = refusedEntities.find(each);
+      if (refused == refusedEntities.end()) continue;
+      throw Zel::ValueError("found an entity of type " + refused->second.type.stdString() +
+                            (each == path ? "" : " at '" + each.text() + "'") + " that can't be made (" +
+                            refused->second.why + "), asked for " + asked.stdString() + kRemedy);
+    }
   }
 
   // The end of a pass: what the agents wrote goes out, and what waited for deliveries goes on.
@@ -460,39 +398,56 @@ struct EntityManager::State : Zel::PassEnd {
 
   void publish(Publisher& publisher) {
     if (publisher.changes().empty()) return;
+    write(publisher.changes(), publisher.path());
+    publisher.clear();
+  }
+
+  // A batch that is refused is halved until what is wrong with it stands alone.
+  void write(const Changes& changes, Path mount) {
     try {
-      store.write(publisher.changes(), Durability::derived, covering(publisher.path()));
-      publishedRows += publisher.changes().size();
-      publisher.clear();
+      store.write(changes, Durability::derived, covering(mount));
+      publishedRows += changes.size();
     } catch (const StoreError& error) {
-      say(publisher.path().text() + ": could not be published: " + error.what());
+      if (changes.size() == 1) return refusePublished(changes.front().row, error.what());
+      const auto [first, second] = halves(changes);
+      write(first, mount);
+      write(second, mount);
     }
   }
 
+  void refusePublished(const Row& row, const std::string& why) {
+    ++refusals;
+    say(placeText(row) + ": could not be published: " + why);
+  }
+
+  struct Refused {
+    Zel::Name type;
+    std::string why;
+  };
+
   Store& store;
-  const Zel::Ptr<Zel::Dir> root;
+  EntityTree tree;
   std::vector<MountInfo> mounts;
   std::unordered_map<Path, Zel::Ptr<Zel::Entity>> mounted;
   std::map<const Mounter*, Zel::Ptr<MountGroup>> open;
   std::vector<Zel::Ptr<MountGroup>> closed;  // and not complete
   std::vector<std::unique_ptr<Subscription>> subscriptions;
   std::vector<std::unique_ptr<Publisher>> publishers;
-  std::deque<Change> queue;                          // told by the store, not applied yet
-  std::unordered_set<Path> gone;                     // paths whose removal waits to be delivered
-  std::unordered_map<Path, Zel::Name> refusedTypes;  // of entities that could not be made
-  // Paths mostly follow each other in one collection: the one that the last of them led into.
-  struct {
-    Path path;  // of its members without their last component
-    Zel::Ptr<Zel::Entity> parent{};
-    const Zel::AttributeInfo* collection = nullptr;
-  } last;
+  std::deque<Change> queue;                           // told by the store, not applied yet
+  std::unordered_set<Path> gone;                      // paths whose removal waits to be delivered
+  std::unordered_map<Path, Refused> refusedEntities;  // that could not be made
   std::function<void(const std::string&)> report;
   std::uint64_t refusals = 0;
   std::uint64_t publishedRows = 0;
 };
 
-EntityManager::EntityManager(Store& store) : state_(std::make_unique<State>(store)) {}
+EntityManager::EntityManager(Store& store) : state_(std::make_shared<State>(store)) {}
 EntityManager::~EntityManager() = default;
+
+const Zel::TypeNode& EntityManager::typeNode() {
+  static const Zel::TypeNode type("Statedb::EntityManager", nullptr, {}, nullptr, nullptr);
+  return type;
+}
 
 Zel::Ptr<MountGroup> EntityManager::getMountGroup(const Zel::Ptr<Mounter>& mounter) {
   auto& group = state_->open[mounter.get()];
@@ -506,9 +461,9 @@ Zel::Ptr<Zel::Entity> EntityManager::getEntity(Zel::String path) const {
   return found == state_->mounted.end() ? nullptr : found->second;
 }
 
-Zel::Ptr<Zel::Entity> EntityManager::entityAt(Path path) const { return state_->entityAt(path); }
+Zel::Ptr<Zel::Entity> EntityManager::entityAt(Path path) const { return state_->tree.entityAt(path); }
 
-const Zel::Ptr<Zel::Dir>& EntityManager::root() const { return state_->root; }
+const Zel::Ptr<Zel::Dir>& EntityManager::root() const { return state_->tree.root(); }
 
 const std::vector<EntityManager::MountInfo>& EntityManager::mounts() const { return state_->mounts; }
 

@@ -6,7 +6,7 @@
 // its last good value, and the rest goes on.
 //
 // Values under "wi" mounts that the agents write are published once a pass of the loop, as one batch of what
-// changed.
+// changed. Where the store refuses it, what it refuses is found, reported and left out.
 #pragma once
 
 #include <functional>
@@ -22,9 +22,9 @@
 namespace Statedb {
 
 // One a process, shared by the agents in it. Owned by the host, which makes it with Zel::allocate.
-class ZEL_API EntityManager : public Zel::Reactor<EntityManager, Zel::PtrInterface> {
+class ZEL_API EntityManager : public Zel::Typed<EntityManager, Zel::PtrInterface> {
  public:
-  static constexpr const char* kTypeName = "Statedb::EntityManager";
+  static const Zel::TypeNode& typeNode();
 
   // `store` must outlive the manager.
   explicit EntityManager(Store& store);
@@ -64,7 +64,7 @@ class ZEL_API EntityManager : public Zel::Reactor<EntityManager, Zel::PtrInterfa
 
   void close(const Zel::Ptr<MountGroup>& group);
 
-  std::unique_ptr<State> state_;
+  std::shared_ptr<State> state_;  // shared with nobody; posted tasks find out whether it is still there
 };
 
 }  // namespace Statedb

@@ -1,54 +1,28 @@
 #include <algorithm>
-#include <deque>
+#include <optional>
 #include <span>
 #include <utility>
 
+#include "platform/statedb/entrytable.h"
 #include "platform/statedb/store.h"
-#include "platform/zel/assert.h"
 
 namespace Statedb {
 
 StoreError::~StoreError() = default;
+RefusedError::~RefusedError() = default;
 Feed::~Feed() = default;
 Store::~Store() = default;
 
+void Feed::onRevealed(const Changes& changes) { onChanges(changes); }
+
 namespace {
 
-// An entity as it is kept; without a type where there is none.
-struct Entry : Record {
-  Durability durability = Durability::stored;
-};
-
-// Takes one change of an entry back; the last first.
-struct Undo {
-  enum class What : std::uint8_t { made, added, changed, removed };
-  What what;
-  std::uint32_t attribute = 0;  // changed: which
-  Entry* at;
-  Zel::Value before{};               // changed: the value
-  std::unique_ptr<Entry> removed{};  // removed: what it was
-
-  Undo(What theWhat, Entry& entry) : what(theWhat), at(&entry) {}
-  void apply() {
-    switch (what) {
-      case What::made:
-        *at = {};
-        break;
-      case What::added:
-        at->attributes.pop_back();
-        break;
-      case What::changed:
-        at->attributes[attribute].value = std::move(before);
-        break;
-      case What::removed:
-        *at = std::move(*removed);
-    }
-  }
-};
+using Places = std::vector<std::pair<Path, Zel::Name>>;
 
 struct Told {
-  Changes changes;
-  Feed* origin;
+  Changes changes{};   // for all feeds but `origin`
+  Places corrected{};  // for that one: attributes, or whole entities, that are not seen as it wrote them
+  Feed* origin = nullptr;
 };
 
 struct Subscription {
@@ -59,77 +33,9 @@ struct Subscription {
 }  // namespace
 
 struct MemoryStore::State {
-  std::deque<Entry> entries;  // at the number of their paths; they do not move
-  std::size_t count = 0;      // of those that are there
-  std::vector<Undo> undo;     // since the last flush
-  std::vector<Told> told;     // the same, of what the feeds are to hear
+  EntryTable entries;
+  std::vector<Told> told;  // since the last flush
   std::vector<Subscription> subscriptions;
-
-  // Null where there is none.
-  const Entry* find(Path path) const {
-    return path.id() < entries.size() && !entries[path.id()].type.empty() ? &entries[path.id()] : nullptr;
-  }
-  Entry* find(Path path) { return const_cast<Entry*>(std::as_const(*this).find(path)); }
-
-  Entry& insert(Path path, Zel::Name type, Durability durability) {
-    if (path.id() >= entries.size()) entries.resize(Path::count());
-    Entry& entry = entries[path.id()];
-    entry.path = path;
-    entry.type = type;
-    entry.durability = durability;
-    ++count;
-    return entry;
-  }
-
-  void undoTo(std::size_t size) {
-    for (; undo.size() > size; undo.pop_back()) {
-      if (undo.back().what == Undo::What::made) --count;
-      if (undo.back().what == Undo::What::removed) ++count;
-      undo.back().apply();
-    }
-  }
-
-  Entry& make(const Row& row, Durability durability) {
-    Entry& entry = insert(row.path, row.type, durability);
-    undo.emplace_back(Undo::What::made, entry);
-    return entry;
-  }
-
-  // Returns whether that changed anything.
-  bool set(Entry& entry, Zel::Name attribute, const Zel::Value& value) {
-    auto& attributes = entry.attributes;
-    const auto found = std::ranges::find(attributes, attribute, &Attribute::name);
-    if (found == attributes.end()) {
-      attributes.push_back({attribute, value});
-      const bool justMade = !undo.empty() && undo.back().what == Undo::What::made && undo.back().at == &entry;
-      if (!justMade) undo.emplace_back(Undo::What::added, entry);
-      return true;
-    }
-    if (found->value == value) return false;
-    auto& changed = undo.emplace_back(Undo::What::changed, entry);
-    changed.attribute = static_cast<std::uint32_t>(found - attributes.begin());
-    changed.before = std::exchange(found->value, value);
-    return true;
-  }
-
-  struct Removed {
-    bool any = false;
-    bool stored = false;  // whether a stored one was among them
-  };
-  // Takes out the entity at a path and all under it.
-  Removed remove(Path path) {
-    Removed removed;
-    path.forEachUnder([&](Path each) {
-      Entry* entry = find(each);
-      if (!entry) return;
-      removed.any = true;
-      removed.stored |= entry->durability == Durability::stored;
-      undo.emplace_back(Undo::What::removed, *entry).removed =
-          std::make_unique<Entry>(std::exchange(*entry, {}));
-      --count;
-    });
-    return removed;
-  }
 
   // Whether any subscription but those of `origin` is one that `wanted` says.
   template <class Wanted>
@@ -138,24 +44,8 @@ struct MemoryStore::State {
         subscriptions, [&](const Subscription& each) { return each.feed != origin && wanted(each.path); });
   }
 
-  // Fetches what carrying out some changes will look at, so that their misses overlap instead of adding up.
-  void foresee(std::span<const Change> changes) const {
-    for (const Change& change : changes) {
-      const Path path = change.row.path;
-      path.prefetch();
-      if (path.id() < entries.size()) __builtin_prefetch(&entries[path.id()], 1);
-    }
-    for (const Change& change : changes)
-      if (const Entry* entry = find(change.row.path)) __builtin_prefetch(entry->attributes.data(), 1);
-  }
-
-  Records under(Path path) const {
-    Records records;
-    if (path.empty()) records.reserve(count);
-    path.forEachUnder([&](Path each) {
-      if (const Entry* entry = find(each)) records.push_back(entry);
-    });
-    return records;
+  bool isSubscribed(const Feed& feed) const {
+    return std::ranges::find(subscriptions, &feed, &Subscription::feed) != subscriptions.end();
   }
 };
 
@@ -166,7 +56,7 @@ void MemoryStore::subscribe(Path path, Feed& feed) {
   flush();
   unsubscribe(feed);
   state_->subscriptions.push_back({&feed, path});
-  feed.onSnapshot(state_->under(path));
+  feed.onSnapshot(state_->entries.under(path));
 }
 
 void MemoryStore::unsubscribe(Feed& feed) {
@@ -175,49 +65,178 @@ void MemoryStore::unsubscribe(Feed& feed) {
 
 namespace {
 
+void appendRows(const Entry& entry, Changes& changes) {
+  changes.push_back(Change::put(entry.path, entry.type, {}, {}));
+  for (const Attribute& each : entry.attributes)
+    changes.push_back(Change::put(entry.path, entry.type, each.name, each.value));
+}
+
 // Carries one batch into the entries, and notes the steps that change anything: `told` for the feeds other
-// than `origin`, `stored` for what keeps rows elsewhere.
+// than `origin`, `corrected` for that one, `stored` for what keeps rows elsewhere.
 template <class State>
 struct Writer {
   State& state;
   const Durability durability;
-  const Feed* const origin;
+  Feed* const origin;
   Changes told{};
+  Places corrected{};
   Changes stored{};
+  EntryTable& entries = state.entries;
   // Changes mostly follow each other in one collection: what stands above the last, and whether anybody hears
   // of what stands under that.
   Path lastAbove{};
   bool isHeard = false;
 
-  void apply(const Change& change) {
-    if (change.kind == Change::Kind::del)
-      del(change);
-    else
-      put(change);
-  }
+  bool isStored() const { return durability == Durability::stored; }
 
-  void del(const Change& change) {
-    const auto removed = state.remove(change.row.path);
-    if (removed.any) tell(change);
-    if (removed.stored) stored.push_back(change);
+  void apply(const Change& change) {
+    if (change.kind == Change::Kind::put)
+      put(change);
+    else if (change.kind == Change::Kind::unset)
+      unset(change);
+    else if (isStored())
+      del(change.row.path);
+    else
+      withdraw(change.row.path);
   }
 
   void put(const Change& change) {
     const Row& row = change.row;
-    Entry* entry = state.find(row.path);
+    Entry* entry = entries.find(row.path);
     if (entry && entry->type != row.type) {
-      del(Change::del(row.path));
+      replace(*entry, row);
       entry = nullptr;
     }
     if (!entry) {
-      entry = &state.make(row, durability);
-      note(*entry, Change::put(row.path, row.type, {}, {}));
+      entry = &entries.make(row.path, row.type, durability);
+      note(Change::put(row.path, row.type, {}, {}));
+    } else if (isStored() && entry->durability == Durability::derived) {
+      entries.storedIs(*entry);
+      stored.push_back(Change::put(row.path, row.type, {}, {}));
     }
-    if (!row.attribute.empty() && state.set(*entry, row.attribute, row.value)) note(*entry, change);
+    if (!row.attribute.empty()) set(*entry, change);
   }
 
-  void note(const Entry& entry, const Change& change) {
-    if (durability == Durability::stored && entry.durability == Durability::stored) stored.push_back(change);
+  // The entity of another type goes. What is stored does not give way to a derived row.
+  void replace(const Entry& entry, const Row& row) {
+    if (!isStored() && anyStored(row.path))
+      throw RefusedError("'" + row.path.text() + "' is stored as a " + entry.type.stdString() +
+                         "; delete it before a " + row.type.stdString() + " is published there");
+    del(row.path);
+  }
+
+  bool anyStored(Path path) const {
+    return std::ranges::any_of(entries.under(path), [](const Record* each) {
+      return static_cast<const Entry*>(each)->durability == Durability::stored;
+    });
+  }
+
+  void set(Entry& entry, const Change& change) {
+    const Row& row = change.row;
+    Attribute* attribute = findIn(entry.attributes, row.attribute);
+    if (!attribute) {
+      entries.add(entry, {row.attribute, row.value, durability});
+      return note(change);
+    }
+    if (attribute->durability != durability)
+      return isStored() ? hide(entry, change) : cover(entry, *attribute, change);
+    if (attribute->value == row.value) return;
+    entries.change(entry, *attribute, row.value);
+    note(change);
+  }
+
+  // A stored value goes under a derived one.
+  void hide(Entry& entry, const Change& change) {
+    correct(entry.path, change.row.attribute);
+    const Zel::Value* before = entries.hidden(entry, change.row.attribute);
+    if (before && *before == change.row.value) return;
+    entries.hide(entry, change.row.attribute, change.row.value);
+    stored.push_back(change);
+  }
+
+  // The origin takes what it wrote for what is seen; it is told what is.
+  void correct(Path path, Zel::Name attribute) {
+    if (origin) corrected.emplace_back(path, attribute);
+  }
+
+  // A derived value goes over a stored one.
+  void cover(Entry& entry, Attribute& attribute, const Change& change) {
+    const bool isSeen = attribute.value != change.row.value;
+    entries.cover(entry, attribute, change.row.value);
+    if (isSeen) tell(change);
+  }
+
+  // Takes out the entity at a path and all under it.
+  void del(Path path) {
+    bool any = false, isKept = false;
+    path.forEachUnder([&](Path each) {
+      Entry* entry = entries.find(each);
+      if (!entry) return;
+      any = true;
+      isKept |= entry->durability == Durability::stored;
+      entries.remove(*entry);
+    });
+    if (any) tell(Change::del(path));
+    if (isKept) stored.push_back(Change::del(path));
+  }
+
+  // Takes out what is derived at and under a path. What is stored is seen again; for its origin it had gone.
+  void withdraw(Path path) {
+    std::optional<Path> gone;  // for the feeds as well, with all that stood under it
+    path.forEachUnder([&](Path each) {
+      Entry* entry = entries.find(each);
+      if (!entry) return;
+      const bool isGone = gone && each.isUnder(*gone);
+      if (entry->durability == Durability::stored) {
+        uncover(*entry, !isGone);
+        if (isGone) appendRows(*entry, told);
+        correct(each, {});
+        return;
+      }
+      entries.remove(*entry);
+      if (isGone) return;
+      gone = each;
+      tell(Change::del(each));
+    });
+  }
+
+  void uncover(Entry& entry, bool isTold) {
+    std::vector<Zel::Name> names;
+    for (const Attribute& each : entry.attributes)
+      if (each.durability == Durability::derived) names.push_back(each.name);
+    for (const Zel::Name name : names) uncover(entry, name, isTold);
+  }
+
+  // The derived value of an attribute goes; a stored one that it hid is seen again.
+  void uncover(Entry& entry, Zel::Name name, bool isTold) {
+    if (!entries.hidden(entry, name)) {
+      entries.remove(entry, name);
+      if (isTold) tell(Change::unset(entry.path, name));
+      return;
+    }
+    Attribute& attribute = *findIn(entry.attributes, name);
+    const Zel::Value before = attribute.value;
+    entries.uncover(entry, attribute);
+    if (isTold && attribute.value != before) tell(Change::put(entry.path, entry.type, name, attribute.value));
+  }
+
+  void unset(const Change& change) {
+    const Zel::Name name = change.row.attribute;
+    Entry* entry = entries.find(change.row.path);
+    const Attribute* attribute = entry ? findIn(entry->attributes, name) : nullptr;
+    if (!attribute) return;
+    const bool wasStored = attribute->durability == Durability::stored;
+    if (isStored()) {
+      if (wasStored || entries.hidden(*entry, name)) stored.push_back(change);
+      entries.remove(*entry, name);
+      return tell(change);
+    }
+    if (!wasStored) uncover(*entry, name, true);
+    correct(entry->path, name);
+  }
+
+  void note(const Change& change) {
+    if (isStored()) stored.push_back(change);
     tell(change);
   }
   void tell(const Change& change) {
@@ -237,73 +256,86 @@ struct Writer {
   }
 };
 
-// Tells a feed the part of a batch that concerns its path.
-void tell(Feed& feed, Path path, const Changes& changes) {
-  const auto isItsOwn = [&](const Change& change) { return concerns(change, path); };
-  if (std::ranges::all_of(changes, isItsOwn)) return feed.onChanges(changes);
-  Changes concerned;
-  std::ranges::copy_if(changes, std::back_inserter(concerned), isItsOwn);
-  if (!concerned.empty()) feed.onChanges(concerned);
+Changes asSeen(const EntryTable& entries, const Places& places) {
+  Changes changes;
+  for (const auto& [path, attribute] : places) {
+    const Entry* entry = entries.find(path);
+    if (entry && attribute.empty()) appendRows(*entry, changes);
+    const Zel::Value* value = entry ? entry->find(attribute) : nullptr;
+    if (value) changes.push_back(Change::put(path, entry->type, attribute, *value));
+  }
+  return changes;
+}
+
+// Tells a feed its part of a batch.
+void tell(const Told& told, const Subscription& to, const EntryTable& entries) {
+  if (to.feed == told.origin)
+    takePart(asSeen(entries, told.corrected), to.path,
+             [&](const Changes& part) { to.feed->onRevealed(part); });
+  else
+    takePart(told.changes, to.path, [&](const Changes& part) { to.feed->onChanges(part); });
 }
 
 }  // namespace
 
 void MemoryStore::write(const Changes& changes, Durability durability, Feed* origin) {
-  const std::size_t before = state_->undo.size();
+  EntryTable& entries = state_->entries;
+  const std::size_t before = entries.mark();
+  std::vector<Told>& told = state_->told;
+  const std::size_t toldBefore = told.size();
   Writer<State> writer{*state_, durability, origin};
   try {
     constexpr std::size_t kAtOnce = 16;
     for (std::size_t i = 0; i < changes.size(); ++i) {
       if (i % kAtOnce == 0)
-        state_->foresee(std::span(changes).subspan(i, std::min(kAtOnce, changes.size() - i)));
+        entries.prefetch(std::span(changes).subspan(i, std::min(kAtOnce, changes.size() - i)));
       writer.apply(changes[i]);
     }
+    if (!writer.told.empty() || !writer.corrected.empty())
+      told.push_back({std::move(writer.told), std::move(writer.corrected), origin});
     if (!writer.stored.empty()) persist(writer.stored);
   } catch (...) {
-    state_->undoTo(before);
+    told.resize(toldBefore);
+    entries.undoTo(before);
     throw;
   }
-  if (!writer.told.empty()) state_->told.push_back({std::move(writer.told), origin});
 }
 
 void MemoryStore::flush() {
-  if (state_->undo.empty()) return;
+  if (!state_->entries.anyChange() && state_->told.empty()) return;
   try {
     commit();
   } catch (...) {
     rollback();
-    state_->undoTo(0);
+    state_->entries.undoTo(0);
     state_->told.clear();
     throw;
   }
-  clearKeeping(state_->undo);
+  state_->entries.settle();
   for (const Told& told : std::exchange(state_->told, {})) {
     const auto subscriptions = state_->subscriptions;
-    for (const Subscription& each : subscriptions) {
-      const auto still = std::ranges::find(state_->subscriptions, each.feed, &Subscription::feed);
-      if (each.feed != told.origin && still != state_->subscriptions.end())
-        tell(*each.feed, each.path, told.changes);
-    }
+    for (const Subscription& each : subscriptions)
+      if (state_->isSubscribed(*each.feed)) tell(told, each, state_->entries);
   }
 }
 
 Records MemoryStore::read(Path path) const {
-  Records records = state_->under(path);
+  Records records = state_->entries.under(path);
   std::ranges::sort(records, &readsBefore, &Record::path);
   return records;
 }
 
 Zel::Name MemoryStore::typeAt(Path path) const {
-  const Entry* entry = state_->find(path);
+  const Entry* entry = state_->entries.find(path);
   return entry ? entry->type : Zel::Name();
 }
 
-std::size_t MemoryStore::entities() const { return state_->count; }
+std::size_t MemoryStore::entities() const { return state_->entries.count(); }
 
 void MemoryStore::restore(Row row) {
-  Entry* entry = state_->find(row.path);
-  if (!entry) entry = &state_->insert(row.path, row.type, Durability::stored);
-  if (!row.attribute.empty()) entry->attributes.push_back({row.attribute, std::move(row.value)});
+  Entry* entry = state_->entries.find(row.path);
+  if (!entry) entry = &state_->entries.insert(row.path, row.type, Durability::stored);
+  if (!row.attribute.empty()) entry->attributes.emplace_back(row.attribute, std::move(row.value));
 }
 
 }  // namespace Statedb

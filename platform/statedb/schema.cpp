@@ -68,17 +68,26 @@ PathReader::Step PathReader::next(const Zel::TypeNode& type) {
   return step;
 }
 
+namespace {
+
+// The attribute of that name that stores hold. Throws ValueError where there is none.
+const Zel::AttributeInfo& storedRow(const Zel::TypeNode& type, Zel::Name attribute) {
+  const Zel::AttributeInfo* row = type.find(attribute);
+  if (!row || !row->stored || !row->check)
+    throw Zel::ValueError("'" + attribute.stdString() + "' is no attribute that " + type.name().stdString() +
+                          " stores; it stores " + storedAttributesOf(type));
+  return *row;
+}
+
+}  // namespace
+
 void checkRow(Zel::Name typeName, Zel::Name attribute, const Zel::Value& value) {
   const Zel::TypeNode* type = Zel::typeNode(typeName);
   if (!type) throw Zel::ValueError("type '" + typeName.stdString() + "' is unknown");
   if (type->isA(Mounter::typeNode()))
     throw Zel::ValueError("type " + typeName.stdString() + " is an agent's, which only a host makes");
   if (attribute.empty()) return;
-  const Zel::AttributeInfo* row = type->find(attribute);
-  if (!row || !row->stored || !row->check)
-    throw Zel::ValueError("'" + attribute.stdString() + "' is no attribute that " + typeName.stdString() +
-                          " stores; it stores " + storedAttributesOf(*type));
-  row->check(value);
+  storedRow(*type, attribute).check(value);
 }
 
 Zel::Name TypesAfter::typeAt(Path path) const {
@@ -125,12 +134,21 @@ void checkPlace(const Row& row, const TypesAfter& types) {
     throw Zel::ValueError("type " + row.type.stdString() + " is not made in directories");
 }
 
+void checkUnset(const Row& row, const TypesAfter& types) {
+  const Zel::Name name = types.typeAt(row.path);
+  if (name.empty()) throw Zel::ValueError("there is no entity at this path");
+  const Zel::TypeNode* type = Zel::typeNode(name);
+  if (!type) throw Zel::ValueError("type '" + name.stdString() + "' is unknown");
+  storedRow(*type, row.attribute);
+}
+
 void checkChange(const Change& change, TypesAfter& types) {
   const Row& row = change.row;
   if (change.kind == Change::Kind::del) {
     if (types.typeAt(row.path).empty()) throw Zel::ValueError("there is no entity at this path");
     return types.del(row.path);
   }
+  if (change.kind == Change::Kind::unset) return checkUnset(row, types);
   checkRow(row.type, row.attribute, row.value);
   checkPlace(row, types);
   types.put(row.path, row.type);

@@ -69,9 +69,9 @@ class ZEL_API TypesAfter {
 ZEL_API Zel::Name placeType(Path path, const TypesAfter& types);
 
 // Checks a batch as it would be stored over what `typeAt` tells: every put must name an entity whose place
-// takes its type, and hold a value that fits; every del must meet something. Components of a path that
-// nothing is known of count as directories. Returns one text for each step that does not fit, "PATH: reason"
-// or "PATH ATTRIBUTE: reason", in the order of the batch; empty where all is well.
+// takes its type, and hold a value that fits; every del and unset must meet an entity. Components of a path
+// that nothing is known of count as directories. Returns one text for each step that does not fit, "PATH:
+// reason" or "PATH ATTRIBUTE: reason", in the order of the batch; empty where all is well.
 ZEL_API std::vector<std::string> checkChanges(const Changes& changes, const TypeAt& typeAt);
 
 // Where a member of a collection stands that belongs to the entity at `above`.

@@ -6,48 +6,33 @@
 #include <deque>
 #include <random>
 
-#include "platform/statedb/store.h"
+#include "tests/platform/storemodel.h"
 
 namespace {
 
 using Statedb::Change;
 using Statedb::Changes;
-using Statedb::Path;
+using Statedb::Durability;
 using Statedb::Record;
 using Statedb::Records;
-
-using Rows = std::map<std::pair<Path, Zel::Name>, Zel::Value>;
-
-Rows asRows(const Records& records) {
-  Rows rows;
-  for (const Record* record : records) {
-    rows[{record->path, {}}] = {};
-    for (const auto& each : record->attributes) rows[{record->path, each.name}] = each.value;
-  }
-  return rows;
-}
-
-void carryInto(Rows& rows, const Changes& changes) {
-  for (const Change& change : changes) {
-    const Path path = change.row.path;
-    if (change.kind == Change::Kind::del) {
-      std::erase_if(rows, [&](const auto& each) { return each.first.first.isUnder(path); });
-    } else {
-      rows.try_emplace({path, {}});
-      rows[{path, change.row.attribute}] = change.row.value;
-    }
-  }
-}
+using StoreModel::carryInto;
+using StoreModel::Rows;
+using StoreModel::rowsOf;
 
 // Two processes and the line between them, on which everything takes its time.
 struct Line : Statedb::Feed {
   Line() { connect(); }
 
   void onSnapshot(const Records& records) override {
-    toClient.push_back({true, false, {}, {}});
+    toClient.push_back({Message::Kind::snapshot, {}, {}});
     for (const Record* record : records) toClient.back().records.push_back(*record);
   }
-  void onChanges(const Changes& changes) override { toClient.push_back({false, false, {}, changes}); }
+  void onChanges(const Changes& changes) override {
+    toClient.push_back({Message::Kind::changes, {}, changes});
+  }
+  void onRevealed(const Changes& changes) override {
+    toClient.push_back({Message::Kind::revealed, {}, changes});
+  }
 
   void connect() { server->subscribe({}, *this); }
   void lose() {
@@ -72,10 +57,10 @@ struct Line : Statedb::Feed {
   void moveToServer() {
     if (own.canSend()) toServer.push_back(own.send());
     if (toServer.empty()) return;
-    server->write(toServer.front(), Statedb::Durability::derived, this);
+    server->write(toServer.front(), Durability::derived, this);
     server->flush();
     toServer.pop_front();
-    toClient.push_back({false, true, {}, {}});
+    toClient.push_back({Message::Kind::acknowledgement, {}, {}});
   }
   void moveToClient() {
     if (toClient.empty()) return;
@@ -83,17 +68,24 @@ struct Line : Statedb::Feed {
     toClient.pop_front();
     Records theirs;
     for (const Record& record : message.records) theirs.push_back(&record);
-    if (message.snapshot)
-      client = asRows(own.over(theirs, {}));
-    else if (message.acknowledges)
-      own.acknowledged();
-    else
-      carryInto(client, own.told(message.changes));
+    switch (message.kind) {
+      case Message::Kind::snapshot:
+        client = rowsOf(own.over(theirs, {}));
+        break;
+      case Message::Kind::acknowledgement:
+        own.acknowledged();
+        break;
+      case Message::Kind::changes:
+        carryInto(client, own.told(message.changes));
+        break;
+      case Message::Kind::revealed:
+        carryInto(client, own.revealed(message.changes));
+    }
   }
 
   struct Message {
-    bool snapshot;
-    bool acknowledges;
+    enum class Kind { snapshot, acknowledgement, changes, revealed };
+    Kind kind;
     std::vector<Record> records;
     Changes changes;
   };
@@ -112,7 +104,7 @@ TEST(OwnRows, BothSidesComeToTheSameRowsAndNothingPublishedIsLost) {
     for (int step = 0; step < 60; ++step) {
       const std::string path = pin();
       const int value = static_cast<int>(random() % 2);
-      switch (random() % 9) {
+      switch (random() % 12) {
         case 0:
           line.publish({Change::del(path)});
           break;
@@ -121,10 +113,10 @@ TEST(OwnRows, BothSidesComeToTheSameRowsAndNothingPublishedIsLost) {
           line.publish({Change::put(path, "Pin", "", {}), Change::put(path, "Pin", "value", value)});
           break;
         case 3:
-          line.server->write({Change::put(path, "Pin", "value", value)}, Statedb::Durability::derived);
+          line.server->write({Change::put(path, "Pin", "value", value)}, Durability::derived);
           break;
         case 4:
-          line.server->write({Change::put("out/x", "Pin", "value", value)}, Statedb::Durability::stored);
+          line.server->write({Change::put("out/x", "Pin", "value", value)}, Durability::stored);
           break;
         case 5:
           line.moveToServer();
@@ -134,6 +126,15 @@ TEST(OwnRows, BothSidesComeToTheSameRowsAndNothingPublishedIsLost) {
           break;
         case 7:
           if (random() % 5 == 0) line.lose();
+          break;
+        case 8:
+          line.publish({Change::unset(path, "value")});
+          break;
+        case 9:
+          line.server->write({Change::put(path, "Pin", "value", 3 + value)}, Durability::stored);
+          break;
+        case 10:
+          if (random() % 3 == 0) line.server->write({Change::del(path)}, Durability::stored);
           break;
         default:
           if (random() % 12 == 0) line.restartServer();
@@ -146,7 +147,7 @@ TEST(OwnRows, BothSidesComeToTheSameRowsAndNothingPublishedIsLost) {
       line.moveToServer();
       line.moveToClient();
     }
-    ASSERT_EQ(line.client, asRows(line.server->read(""))) << "round " << round;
+    ASSERT_EQ(line.client, rowsOf(line.server->read(""))) << "round " << round;
     ASSERT_EQ((line.client[{last, "value"}]), Zel::Value(7)) << "round " << round;
     ASSERT_FALSE(line.own.canSend());
   }
@@ -163,7 +164,8 @@ TEST(OwnRows, WhatAPredecessorPublishedIsSentAgainAsItStandsHere) {
   carryInto(rows, own.send());
   EXPECT_EQ(
       rows,
-      (Rows{{{"out/a", ""}, {}}, {{"out/a", "value"}, 1}, {{"out/b", ""}, {}}, {{"out/b", "value"}, 5}}));
+      (Rows{
+          {{"out/a", ""}, "Pin"}, {{"out/a", "value"}, 1}, {{"out/b", ""}, "Pin"}, {{"out/b", "value"}, 5}}));
 }
 
 }  // namespace

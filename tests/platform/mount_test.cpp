@@ -124,16 +124,27 @@ TEST_F(Mounts, NestedMountsShareTheirEntitiesAndWhatIsNotThereIsEmpty) {
 }
 
 TEST_F(Mounts, AGroupFailsWithPathTypeFoundAndTypeAsked) {
-  write({Change::put(kLeds, "Zel::Dir", "", {}), Change::put("x", "No::Such", "", {})});
-  const auto made = agent({{kLeds, kLedDir, "r"}, {"x", "Zel::Dir", "r"}, {"y", "Gone::Type", "r"}});
+  write({Change::put(kLeds, "Zel::Dir", "", {}), Change::put("x", "No::Such", "", {}),
+         Change::put("w", "Statedb::Mounter", "", {})});
+  const auto made = agent({{kLeds, kLedDir, "r"},
+                           {"x", "Zel::Dir", "r"},
+                           {"x/under", "Zel::Dir", "r"},
+                           {"w", "Statedb::Mounter", "wi"},
+                           {"y", "Gone::Type", "r"}});
   EXPECT_EQ(made->statuses, std::vector{Statedb::mountFailure_});
+  const std::string unknown =
+      " that can't be made (type 'No::Such' is unknown), asked for Zel::Dir; delete "
+      "that entity from a host without this agent";
   EXPECT_EQ(
       made->mountGroup->failures(),
       (std::vector<std::string>{
           "mount of 'hardware/led/config': found an entity of type Zel::Dir, "
           "asked for Hardware::Led::LedSystemConfigDir; delete that entity from a host without this agent",
-          "mount of 'x': found an entity of type No::Such, asked for Zel::Dir; delete that entity from a "
-          "host without this agent",
+          "mount of 'x': found an entity of type No::Such" + unknown,
+          "mount of 'x/under': found an entity of type No::Such at 'x'" + unknown,
+          "mount of 'w': found an entity of type Statedb::Mounter that can't be made "
+          "(type Statedb::Mounter is an agent's, which only a host makes), asked for Statedb::Mounter; delete "
+          "that entity from a host without this agent",
           "mount of 'y': the type asked for, Gone::Type, is unknown"}));
   EXPECT_THROW(made->mountGroup->doMount({"z", "Zel::Dir", "r"}), Zel::RangeException) << "closed";
 }
@@ -149,6 +160,22 @@ TEST_F(Mounts, ADeleteAndARecreationThatArriveTogetherAreTwoSteps) {
   EXPECT_EQ(lines, (std::vector<std::string>{"Status is gone", "Status is there"}));
   EXPECT_NE(at<LedConfig>(path), before);
   EXPECT_EQ(at<LedConfig>(path)->theme(), Zel::Name("b"));
+}
+
+TEST_F(Mounts, EachMountTakesItsPartOfADeleteAboveSeveral) {
+  const std::string maps = "hardware/gpio/config/led", led = std::string(kLeds) + "/leds/A",
+                    map = maps + "/gpioLeds/A";
+  agent({{kLeds, kLedDir, "r"}, {maps, "Hardware::Gpio::GpioLedSystemConfigDir", "r"}});
+  for (const char* theme : {"a", "b"}) {
+    write({Change::del("hardware"), Change::put(kLeds, kLedDir, "", {}),
+           Change::put(led, kLed, "theme", theme),
+           Change::put(maps, "Hardware::Gpio::GpioLedSystemConfigDir", "", {}),
+           Change::put(map, "Hardware::Gpio::GpioLedConfig", "ready", true)});
+    settle();
+    ASSERT_TRUE(at<LedConfig>(led) && at<Hardware::Gpio::GpioLedConfig>(map)) << theme;
+    EXPECT_EQ(at<LedConfig>(led)->theme(), Zel::Name(theme));
+    EXPECT_TRUE(at<Hardware::Gpio::GpioLedConfig>(map)->ready());
+  }
 }
 
 TEST_F(Mounts, AMountedEntityThatIsDeletedStaysAndIsEmptied) {
@@ -180,6 +207,79 @@ TEST_F(Mounts, ARowThatDoesNotFitIsRefusedAndTheRestGoesOn) {
       << reports[0];
   EXPECT_NE(reports[1].find(path + " colour: 'colour' is no attribute"), std::string::npos) << reports[1];
   EXPECT_EQ(manager->refusals(), 2U);
+}
+
+TEST_F(Mounts, WhatAPublisherTakesAwayShowsWhatIsStored) {
+  agent({{kLeds, kLedDir, "r"}});
+  const std::string path = std::string(kLeds) + "/leds/A";
+  write({Change::put(kLeds, kLedDir, "", {}), Change::put(path, kLed, "theme", "stored")});
+  const auto led = at<LedConfig>(path);
+  const auto derive = [&](const Statedb::Changes& changes) {
+    store.write(changes, Durability::derived);
+    settle();
+    return at<LedConfig>(path)->theme().stdString() + (led->lightSetting().green ? " green" : "");
+  };
+  const Statedb::Changes covers{Change::put(path, kLed, "theme", "over"),
+                                Change::put(path, kLed, "lightSetting", Value::Fields{{"green", true}})};
+  EXPECT_EQ(derive(covers), "over green");
+  write({Change::put(path, kLed, "theme", "under")});
+  EXPECT_EQ(derive({Change::unset(path, "lightSetting")}), "over");
+  EXPECT_EQ(derive({Change::unset(path, "theme")}), "under");
+  EXPECT_EQ(derive(covers), "over green");
+  EXPECT_EQ(derive({Change::del(path)}), "under");
+  EXPECT_EQ(at<LedConfig>(path), led) << "kept, not swapped";
+}
+
+// A store that takes no value 13.
+struct Picky : Statedb::MemoryStore {
+  void write(const Statedb::Changes& changes, Durability durability, Statedb::Feed* origin) override {
+    ++writes;
+    if (std::ranges::any_of(changes, [](const Change& change) { return change.row.value == Value(13); }))
+      throw Statedb::StoreError("13 is unlucky");
+    MemoryStore::write(changes, durability, origin);
+  }
+  int writes = 0;
+};
+
+TEST_F(Mounts, ARowThatIsNotTakenDoesNotHoldUpTheOthers) {
+  Picky picky;
+  manager->stop();
+  manager = Zel::allocate<Statedb::EntityManager>(picky);
+  manager->reportIs([this](const std::string& text) { reports.push_back(text); });
+  agent({{"out", "Zel::Dir", "wi"}});
+  const auto pin = [&](int i) { return at<CorvelPinConfig>("out/p" + std::to_string(i)); };
+  for (int i = 0; i < 40; ++i) {
+    at<Zel::Dir>("out")->entryIs("p" + std::to_string(i), kPin);
+    pin(i)->valueIs(static_cast<std::uint32_t>(i));
+  }
+  settle();
+  EXPECT_EQ(reports, std::vector<std::string>{"out/p13 value: could not be published: 13 is unlucky"});
+  EXPECT_EQ(manager->published(), 39U);
+  for (int i = 0; i < 40; ++i) {
+    const auto records = picky.read("out/p" + std::to_string(i));
+    EXPECT_EQ(records.empty() ? Value() : *records[0]->find("value"), i == 13 ? Value() : Value(i));
+  }
+  EXPECT_LT(picky.writes, 20);
+  pin(13)->valueIs(12);
+  settle();
+  EXPECT_EQ(*picky.read("out/p13").at(0)->find("value"), Value(12));
+  EXPECT_EQ(reports.size(), 1U) << "said once";
+}
+
+TEST_F(Mounts, AManagerThatGoesTakesItsTasksAlongAndIsCountedOnce) {
+  const auto count = [] { return Statedb::EntityManager::typeNode().allocations().objects(); };
+  const auto before = count();
+  auto other = Zel::allocate<Statedb::EntityManager>(store);
+  const auto made = Zel::allocate<TestAgent>("agent", std::vector<Statedb::Mount>{{kLeds, kLedDir, "r"}});
+  made->entityManagerIs(other);
+  made->doInit();
+  EXPECT_EQ(count(), before + 1);
+  other->stop();
+  other = nullptr;
+  made->entityManagerIs(nullptr);
+  EXPECT_EQ(count(), before);
+  settle();
+  EXPECT_TRUE(made->statuses.empty());
 }
 
 // What the agent writes is told once a pass, with the values at its end; what the store says is not told
@@ -215,7 +315,8 @@ TEST_F(Mounts, WhatIsWrittenIsPublishedOnceAPass) {
             (Statedb::Changes{Change::put(out + "/p%2F1", kPin, "value", 0), Change::del(out + "/p2")}));
 
   const auto published = manager->published();
-  write({Change::put(out + "/p%2F1", kPin, "value", 1), Change::put(out + "/p3", kPin, "value", 1)});
+  store.write({Change::put(out + "/p%2F1", kPin, "value", 1), Change::put(out + "/p3", kPin, "value", 1)},
+              Durability::derived);
   settle();
   EXPECT_EQ(pin->value(), 1U);
   EXPECT_EQ(at<CorvelPinConfig>(out + "/p3")->value(), 1U);

@@ -300,6 +300,10 @@ Zel::Name MemoryStore::typeAt(Path path) const {
 
 std::size_t MemoryStore::entities() const { return state_->count; }
 
+std::size_t MemoryStore::entities(Zel::Name type) const {
+  return static_cast<std::size_t>(std::ranges::count(state_->entries, type, &Entry::type));
+}
+
 void MemoryStore::restore(Row row) {
   Entry* entry = state_->find(row.path);
   if (!entry) entry = &state_->insert(row.path, row.type, Durability::stored);

@@ -20,6 +20,7 @@
 
 #include <array>
 #include <cstdint>
+#include <limits>
 #include <utility>
 #include <vector>
 
@@ -216,6 +217,10 @@ class ZEL_API Notifier : public PtrInterface, private detail::Label {
   // Whether the object has left the collection that owned it. Its reactors hear nothing from then on.
   bool zelIsGone() const { return flag(kGone); }
   void zelGoneIs(bool gone) { flagIs(kGone, gone); }
+
+  // When the object does something by itself next, in seconds as System::currentTime; positive infinity:
+  // never, as most. For tools that look at live objects.
+  virtual double wakeUp() const { return std::numeric_limits<double>::infinity(); }
 
  protected:
   // The name is for those that have one: entities.

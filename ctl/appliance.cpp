@@ -74,10 +74,7 @@ std::string Lamp::shownText() const {
   return lit() ? joined(colourNames(shows), "+") : "dark";
 }
 
-namespace {
-
-// A set of names is a list, or an object where names carry a value.
-std::vector<std::string> namesIn(const Json& attributes, const char* attribute) {
+std::vector<std::string> namesIn(const Json& attributes, const std::string& attribute) {
   std::vector<std::string> names;
   const auto set = attributes.find(attribute);
   if (set == attributes.end()) return names;
@@ -86,6 +83,8 @@ std::vector<std::string> namesIn(const Json& attributes, const char* attribute) 
   std::sort(names.begin(), names.end(), naturallyBefore);
   return names;
 }
+
+namespace {
 
 void readSetting(const Json& attributes, Lamp& lamp) {
   lamp.configured = true;
@@ -109,9 +108,9 @@ std::optional<unsigned> pinValue(const Mirror& mirror, const std::string& pin) {
   return entity->attributes.value("value", 0U);
 }
 
-void readPins(const Mirror& mirror, Lamp& lamp) {
+void readPins(const Mirror& mirror, const PerColour<std::vector<std::string>>& pins, Lamp& lamp) {
   for (std::size_t i = 0; i < kColours.size(); ++i)
-    for (const std::string& pin : lamp.pins[i]) {
+    for (const std::string& pin : pins[i]) {
       const auto value = pinValue(mirror, pin);
       lamp.driven = lamp.driven || value.has_value();
       lamp.shows[i] = lamp.shows[i] || value.value_or(0) != 0;
@@ -124,6 +123,14 @@ struct Naturally {
 
 }  // namespace
 
+void formerPinsAre(Lamp& lamp, const PerColour<std::vector<std::string>>& driven, const Mirror& mirror) {
+  for (std::size_t i = 0; i < kColours.size(); ++i)
+    std::ranges::copy_if(driven[i], std::back_inserter(lamp.formerPins[i]), [&](const std::string& pin) {
+      return std::ranges::find(lamp.pins[i], pin) == lamp.pins[i].end();
+    });
+  readPins(mirror, lamp.formerPins, lamp);
+}
+
 std::vector<Lamp> lampsOf(const Mirror& mirror) {
   std::map<std::string, Lamp, Naturally> lamps;
   for (const auto& [path, entity] : mirror.entities()) {
@@ -134,10 +141,23 @@ std::vector<Lamp> lampsOf(const Mirror& mirror) {
   std::vector<Lamp> sorted;
   for (auto& [name, lamp] : lamps) {
     lamp.name = name;
-    readPins(mirror, lamp);
+    readPins(mirror, lamp.pins, lamp);
     sorted.push_back(std::move(lamp));
   }
   return sorted;
+}
+
+namespace {
+std::set<std::string> allPinsOf(const Lamp& lamp) {
+  std::set<std::string> all;
+  for (const auto& ofColour : lamp.pins) all.insert(ofColour.begin(), ofColour.end());
+  return all;
+}
+}  // namespace
+
+bool sharesPin(const Lamp& a, const Lamp& b) {
+  const auto pins = allPinsOf(a);
+  return std::ranges::any_of(allPinsOf(b), [&](const std::string& pin) { return pins.contains(pin); });
 }
 
 std::set<std::string> namesOf(const std::vector<Lamp>& lamps) {

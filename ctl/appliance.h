@@ -21,6 +21,7 @@ inline constexpr char kMapDirType[] = "Hardware::Gpio::GpioLedSystemConfigDir";
 inline constexpr char kMapType[] = "Hardware::Gpio::GpioLedConfig";
 inline constexpr char kPinDir[] = "hardware/corvel/gpio/config";
 inline constexpr char kPinType[] = "Hardware::Gpio::CorvelPinConfig";
+inline constexpr char kWiringDir[] = "hardware/corvel/gpio/init";
 inline constexpr char kLineStatusDir[] = "hardware/corvel/gpio/status";
 inline constexpr char kLineStatusType[] = "Hardware::Gpio::GpioLineStatus";
 
@@ -31,14 +32,16 @@ std::string mapPath(const std::string& led);
 struct Colour {
   const char* name;          // also the field of a light setting
   const char* pinAttribute;  // the attribute of a mapping that names the pins
+  const char* drivenPins;    // the LED agent's collection of those that it drives
   char letter;
   std::array<unsigned char, 3> rgb;
   const char* sgr16;  // how a terminal of 16 colours is told
 };
-inline constexpr std::array<Colour, 4> kColours{{{"orange", "gpioOrangeName", 'O', {255, 135, 0}, "33"},
-                                                 {"green", "gpioGreenName", 'G', {0, 215, 75}, "92"},
-                                                 {"red", "gpioRedName", 'R', {255, 45, 45}, "91"},
-                                                 {"yellow", "gpioYellowName", 'Y', {255, 220, 30}, "93"}}};
+inline constexpr std::array<Colour, 4> kColours{
+    {{"orange", "gpioOrangeName", "gpioOrange", 'O', {255, 135, 0}, "33"},
+     {"green", "gpioGreenName", "gpioGreen", 'G', {0, 215, 75}, "92"},
+     {"red", "gpioRedName", "gpioRed", 'R', {255, 45, 45}, "91"},
+     {"yellow", "gpioYellowName", "gpioYellow", 'Y', {255, 220, 30}, "93"}}};
 template <class T>
 using PerColour = std::array<T, kColours.size()>;
 
@@ -69,6 +72,10 @@ class Mirror {
   std::map<std::string, Entity> entities_;
 };
 
+// A set of names among an entity's attributes, in natural order, whether it is an array or an object with
+// something for each name; none where it is not there.
+std::vector<std::string> namesIn(const Json& attributes, const std::string& attribute);
+
 // One LED; known by its light setting, its mapping or both.
 struct Lamp {
   std::string name;
@@ -81,6 +88,8 @@ struct Lamp {
   bool mapped = false;
   bool ready = false;
   PerColour<std::vector<std::string>> pins{};
+  // Pins that the LED agent drives on although the mapping no longer names them; see formerPinsAre.
+  PerColour<std::vector<std::string>> formerPins{};
 
   bool driven = false;      // at least one of its pins has a value
   PerColour<bool> shows{};  // whether a pin of the colour is on, right now
@@ -94,8 +103,13 @@ struct Lamp {
   std::string shownText() const;
 };
 
+// Adds the pins that `driven` names and the lamp's mapping does not, and what the lamp shows by them.
+void formerPinsAre(Lamp& lamp, const PerColour<std::vector<std::string>>& driven, const Mirror& mirror);
+
 // Every LED, in natural order of the names.
 std::vector<Lamp> lampsOf(const Mirror& mirror);
+// Whether both name a pin, for whatever colours.
+bool sharesPin(const Lamp& a, const Lamp& b);
 // The names of the LEDs.
 std::set<std::string> namesOf(const std::vector<Lamp>& lamps);
 // Every pin that has a value or that a mapping names; no value where it is not driven.

@@ -14,8 +14,6 @@ namespace Ctl {
 
 namespace {
 
-constexpr std::chrono::seconds kPatience{10};
-
 sockaddr_un addressOf(const std::string& path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
@@ -27,15 +25,16 @@ sockaddr_un addressOf(const std::string& path) {
   return address;
 }
 
-std::string unreachable(const std::string& path, int error) {
+ConnectionLost unreachable(const std::string& path, int error) {
   std::string why = std::strerror(error);
   if (error == ENOENT) why = "there is no such socket";
   if (error == ECONNREFUSED) why = "nobody listens there";
+  if (error == EAGAIN) why = "it takes no connections";
   const std::string remedy =
       error == EACCES
           ? "; join the group that owns the socket, or use sudo"
           : "; start the host with: pinlampd --store memory: --agent libpinlamp.so --socket " + path;
-  return "can't reach pinlampd at " + path + ": " + why + remedy;
+  return ConnectionLost("can't reach pinlampd at " + path + ": " + why, remedy);
 }
 
 Refusal refusalOf(const Json& error) {
@@ -47,14 +46,17 @@ Refusal refusalOf(const Json& error) {
 
 }  // namespace
 
-Client::Client(const std::string& socketPath) : socketPath_(socketPath) {
+Client::Client(const std::string& socketPath, std::chrono::seconds patience)
+    : socketPath_(socketPath), patience_(patience) {
   const sockaddr_un address = addressOf(socketPath);
   descriptor_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (descriptor_ < 0) throw Refusal(std::string("can't make a socket: ") + std::strerror(errno));
+  const timeval limit{patience.count(), 0};  // also for connecting
+  setsockopt(descriptor_, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
   if (connect(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return;
   const int error = errno;
   close(descriptor_);
-  throw ConnectionLost(unreachable(socketPath, error));
+  throw unreachable(socketPath, error);
 }
 
 Client::~Client() { close(descriptor_); }
@@ -67,6 +69,8 @@ void Client::send(const std::string& line) {
   for (std::size_t sent = 0; sent < line.size();) {
     const ssize_t count = ::send(descriptor_, line.data() + sent, line.size() - sent, MSG_NOSIGNAL);
     if (count < 0 && errno == EINTR) continue;
+    if (count < 0 && errno == EAGAIN)
+      lost("took no request within " + std::to_string(patience_.count()) + " s");
     if (count < 0) lost(std::string("went away: ") + std::strerror(errno));
     sent += static_cast<std::size_t>(count);
   }
@@ -76,7 +80,7 @@ void Client::waitReadable(std::chrono::steady_clock::time_point deadline) {
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
   pollfd entry{descriptor_, POLLIN, 0};
   const int ready = poll(&entry, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0)));
-  if (ready == 0) lost("gave no answer within " + std::to_string(kPatience.count()) + " s");
+  if (ready == 0) lost("gave no answer within " + std::to_string(patience_.count()) + " s");
 }
 
 void Client::receive() {
@@ -91,6 +95,7 @@ void Client::receive() {
     takeLine(buffer_.substr(0, end));
     buffer_.erase(0, end + 1);
   }
+  if (buffer_.size() > kLongestLine) lost("sent a message of more than 1 GiB");
 }
 
 void Client::takeLine(const std::string& line) {
@@ -107,7 +112,7 @@ Json Client::call(const std::string& method, Json parameters) {
     throw Refusal(method + ": the request has " + std::to_string(line.size()) +
                   " bytes; pinlampd takes at most " + std::to_string(kMessageLimit) + " in one; split it");
   send(line + '\n');
-  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  const auto deadline = std::chrono::steady_clock::now() + patience_;
   while (replies_.empty()) {
     waitReadable(deadline);
     receive();

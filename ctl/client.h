@@ -16,7 +16,13 @@ using Json = nlohmann::json;
 // There is no pinlampd to talk to, or there no longer is.
 class ConnectionLost : public Refusal {
  public:
-  using Refusal::Refusal;
+  // `remedy` is what a person may do about it; may be empty.
+  explicit ConnectionLost(const std::string& reason, const std::string& remedy = "")
+      : Refusal(reason + remedy), reason_(reason) {}
+  const std::string& reason() const { return reason_; }
+
+ private:
+  std::string reason_;
 };
 
 class Client {
@@ -24,15 +30,19 @@ class Client {
   // What the host takes in one message.
   static constexpr std::size_t kMessageLimit = 1 << 20;
 
+  // What is taken of the host in one message: one that goes on for ever must not fill the memory.
+  static constexpr std::size_t kLongestLine = std::size_t{1} << 30;
+
   // Throws ConnectionLost where nobody listens at `socketPath`; the text says how to start the host.
-  explicit Client(const std::string& socketPath);
+  // `patience` is how long the host may take for an answer, or to take a request.
+  explicit Client(const std::string& socketPath, std::chrono::seconds patience = std::chrono::seconds(10));
   ~Client();
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
 
   // Calls a method and returns its result. Notifications that arrive meanwhile are kept. Throws Refusal with
-  // the host's own lines where it refuses, ConnectionLost where it goes away or gives no answer within ten
-  // seconds.
+  // the host's own lines where it refuses, ConnectionLost where it goes away or its time for an answer is
+  // over.
   Json call(const std::string& method, Json parameters = Json::object());
 
   // The entity at a path and all under it, sorted by path.
@@ -58,6 +68,7 @@ class Client {
   [[noreturn]] void lost(const std::string& why) const;
 
   const std::string socketPath_;
+  const std::chrono::seconds patience_;
   int descriptor_ = -1;
   int lastId_ = 0;
   std::string buffer_;

@@ -4,6 +4,7 @@
 #include "ctl/complete.h"
 #include "ctl/context.h"
 #include "ctl/text.h"
+#include "platform/zel/printable.h"
 
 namespace Ctl {
 
@@ -35,7 +36,7 @@ std::string unknownCommand(const CLI::App& command, const std::vector<std::strin
 int usage(const CLI::App& app, std::ostream& err, const std::string& what) {
   const CLI::App& command = reached(app);
   const std::string unknown = unknownCommand(command, app.remaining(true));
-  err << "pinlampctl: " << (unknown.empty() ? what.substr(0, what.find('\n')) : unknown)
+  err << "pinlampctl: " << Zel::printable(unknown.empty() ? what.substr(0, what.find('\n')) : unknown)
       << "; see: " << commandText(command) << " --help\n";
   return kUsage;
 }
@@ -67,8 +68,8 @@ int runCommandLine(std::vector<std::string> arguments, std::ostream& out, std::o
   } catch (const Refusal& refusal) {
     err << "pinlampctl: " << refusal.what() << '\n';
   } catch (const Json::exception& error) {
-    err << "pinlampctl: pinlampd at " << context.socket << " sent what was not expected: " << error.what()
-        << '\n';
+    err << "pinlampctl: pinlampd at " << context.socket
+        << " sent what was not expected: " << Zel::printable(error.what()) << '\n';
   }
   return kRefused;
 }

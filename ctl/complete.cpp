@@ -7,6 +7,7 @@
 #include "ctl/appliance.h"
 #include "ctl/objects.h"
 #include "ctl/text.h"
+#include "platform/zel/printable.h"
 
 namespace Ctl {
 
@@ -204,7 +205,8 @@ int printCandidates(CLI::App& app, Context& context, const std::vector<std::stri
   if (!at.socket.empty()) context.socket = at.socket;
   const std::string begun = words.empty() ? "" : words.back();
   for (const std::string& name : candidates(context, at, begun))
-    if (name.starts_with(begun) || name == ":files") context.out << name << '\n';
+    if ((name.starts_with(begun) || name == ":files") && name == Zel::printable(name))
+      context.out << name << '\n';
   return 0;
 }
 

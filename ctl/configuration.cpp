@@ -129,9 +129,9 @@ Json Configuration::dels(const Json& entities) const {
 namespace {
 
 std::string entityText(const Json& entity) {
-  std::string text = R"({"type": )" + entity.at("type").dump();
+  std::string text = R"({"type": )" + jsonText(entity.at("type"));
   for (const auto& [attribute, value] : entity.at("attributes").items())
-    text += ", " + Json(attribute).dump() + ": " + oneLine(value);
+    text += ", " + jsonText(attribute) + ": " + oneLine(value);
   return text + '}';
 }
 
@@ -143,7 +143,7 @@ std::string configurationText(const Json& entities, bool all) {
     if (const std::string path = entity.at("path"); all || !isDerived(path)) lines[path] = entityText(entity);
   std::string text = "{";
   for (const auto& [path, line] : lines)
-    text += (text == "{" ? "\n  " : ",\n  ") + Json(path).dump() + ": " + line;
+    text += (text == "{" ? "\n  " : ",\n  ") + jsonText(path) + ": " + line;
   return text + "\n}\n";
 }
 

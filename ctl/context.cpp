@@ -1,5 +1,9 @@
 #include "ctl/context.h"
 
+#include <ostream>
+
+#include "platform/zel/printable.h"
+
 namespace Ctl {
 
 Client& Context::client() {
@@ -15,6 +19,10 @@ CLI::Option* Context::completes(CLI::Option* argument, Completes what) {
 Completes Context::completionOf(const CLI::Option* argument) const {
   const auto found = completions_.find(argument);
   return found == completions_.end() ? Completes::nothing : found->second;
+}
+
+void note(Context& context, const std::string& text) {
+  context.err << "note: " << Zel::printable(text) << '\n';
 }
 
 CLI::App* addCommand(CLI::App& above, const std::string& name, const std::string& does,

@@ -48,6 +48,9 @@ class Context {
   std::map<const CLI::Option*, Completes> completions_;
 };
 
+// Tells a person something beside the result.
+void note(Context& context, const std::string& text);
+
 // Adds a sub-command whose help ends with an example.
 CLI::App* addCommand(CLI::App& above, const std::string& name, const std::string& does,
                      const std::string& example);

@@ -51,9 +51,9 @@ void getAttribute(Context& context, const Json& entity, const std::string& attri
 }
 
 void printEntity(std::ostream& out, const Json& entity) {
-  out << entity.at("path").get<std::string>() << "  " << entity.at("type").get<std::string>() << '\n';
+  out << bare(entity.at("path")) << "  " << bare(entity.at("type")) << '\n';
   for (const auto& [name, value] : entity.at("attributes").items())
-    out << "  " << name << " = " << oneLine(value) << '\n';
+    out << "  " << bare(name) << " = " << oneLine(value) << '\n';
 }
 
 // What stands under `path`, by the next component: an entity with its type, or how many entities there are.
@@ -82,13 +82,13 @@ void get(Context& context, const std::string& path, const std::string& attribute
                   path);
   if (!attribute.empty()) return getAttribute(context, entities.front(), attribute, json);
   if (json) {
-    context.out << (here ? entities.front() : entities).dump(2) << '\n';
+    printJson(context.out, (here ? entities.front() : entities));
     return;
   }
   if (here)
     printEntity(context.out, entities.front());
   else
-    context.out << path << (path.empty() ? "" : "\n");
+    context.out << bare(path) << (path.empty() ? "" : "\n");
   printMembers(context.out, entities, path);
 }
 
@@ -116,13 +116,13 @@ void del(Context& context, const std::vector<std::string>& paths) {
 void types(Context& context, bool json) {
   const Json all = context.client().types();
   if (json) {
-    context.out << all.dump(2) << '\n';
+    printJson(context.out, all);
     return;
   }
   for (const Json& type : all) {
     const Json base = type.value("base", Json());
-    context.out << type.at("name").get<std::string>()
-                << (base.is_string() && base != "" ? " : " + base.get<std::string>() : "") << '\n';
+    context.out << bare(type.at("name")) << (base.is_string() && base != "" ? " : " + bare(base) : "")
+                << '\n';
     Table table;
     for (const Json& row : type.at("attributes"))
       table.add({" ", row.at("name"), bare(row.value("kind", Json(""))), bare(row.value("type", Json(""))),

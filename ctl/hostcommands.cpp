@@ -1,8 +1,10 @@
 #include <ostream>
+#include <utility>
 
 #include "ctl/appliance.h"
 #include "ctl/context.h"
 #include "ctl/output.h"
+#include "ctl/processes.h"
 #include "ctl/text.h"
 
 namespace Ctl {
@@ -14,7 +16,7 @@ void trace(Context& context, const std::string& levels, bool json) {
   if (!levels.empty()) parameters["levels"] = levels;
   const Json facilities = context.client().call("trace", std::move(parameters)).at("facilities");
   if (json) {
-    context.out << facilities.dump(2) << '\n';
+    printJson(context.out, facilities);
     return;
   }
   Table table;
@@ -66,16 +68,35 @@ Json readLines(Client& client) {
   }
 }
 
-// How many lines are driven, and what ails the others.
-void addLines(Table& table, const Json& lines) {
+// How many lines are driven, and what ails the others, as a line agent published it last: its rows stay when it
+// is killed.
+void addLines(Table& table, const Json& lines, const Json& status) {
   if (lines.empty()) return;
+  const bool known = isFilled(status, kLineStatusDir) != false;
   std::vector<std::vector<std::string>> ailing;
   for (const Json& line : lines)
     if (const Json& state = line.at("attributes"); !state.value("driven", false))
       ailing.push_back({"", lastName(line.at("path").get<std::string>()) + ": " + state.value("error", "")});
   table.add({"lines", std::to_string(lines.size() - ailing.size()) + " driven, " +
-                          std::to_string(ailing.size()) + " not"});
+                          std::to_string(ailing.size()) + " not" +
+                          (known ? "" : ", when a line agent ran last")});
   for (auto& row : ailing) table.add(std::move(row));
+}
+
+// What the agents in other processes do; a process that can't be asked is not hidden.
+std::string processText(const Json& process) {
+  const std::string who = process.at("pid").dump() + ' ' + agentsText(process.at("agents")) + ": ";
+  const std::string where = ", through --socket " + bare(process.at("socket"));
+  if (process.contains("error")) return who + "not counted here: " + bare(process.at("error"));
+  const Json& status = process.at("status");
+  return who + bare(status.at("machines")) + " machines, " + bare(status.at("published")) +
+         " values published" + where;
+}
+
+void addProcessRows(Table& table, const Json& status) {
+  std::string title = "processes";
+  for (const Json& process : status.value("processes", Json::array()))
+    table.add({std::exchange(title, ""), processText(process)});
 }
 
 void printStatus(std::ostream& out, const Json& status, const Json& lines) {
@@ -85,10 +106,11 @@ void printStatus(std::ostream& out, const Json& status, const Json& lines) {
                              durationText(status.at("uptime").get<double>())});
   table.add({"store", text("store")});
   table.add({"agents", agentsText(status.at("agents"))});
+  addProcessRows(table, status);
   table.add({"LEDs", text("leds") + " configured, " + text("mappings") + " mapped, " + text("machines") +
                          " machines"});
   table.add({"pins", text("pins") + ", " + text("published") + " values published"});
-  addLines(table, lines);
+  addLines(table, lines, status);
   table.add({"entities", text("entities") + ", " + text("names") + " names"});
   table.add({"loop", text("passes") + " passes, " + text("deliveries") + " deliveries, " + text("expiries") +
                          " ticks, worst lateness " +
@@ -102,11 +124,12 @@ void printStatus(std::ostream& out, const Json& status, const Json& lines) {
 
 void showStatus(Context& context, bool json) {
   Json status = context.client().call("status");
+  addProcesses(status);
   const Json lines = readLines(context.client());
   for (const Json& line : lines)
     status["lines"][lastName(line.at("path").get<std::string>())] = line.at("attributes");
   if (json)
-    context.out << status.dump(2) << '\n';
+    printJson(context.out, status);
   else
     printStatus(context.out, status, lines);
 }

@@ -4,6 +4,7 @@
 
 #include "ctl/appliance.h"
 #include "ctl/context.h"
+#include "ctl/ledagent.h"
 #include "ctl/ledwords.h"
 #include "ctl/output.h"
 #include "ctl/text.h"
@@ -12,26 +13,29 @@ namespace Ctl {
 
 namespace {
 
-Json pinsJson(const Lamp& lamp, const std::map<std::string, std::optional<unsigned>>& values) {
+using PinValues = std::map<std::string, std::optional<unsigned>>;
+
+Json pinsJson(const PerColour<std::vector<std::string>>& names, const PinValues& values) {
   Json pins = Json::object();
   for (std::size_t i = 0; i < kColours.size(); ++i)
-    for (const std::string& pin : lamp.pins[i]) {
+    for (const std::string& pin : names[i]) {
       const auto value = values.at(pin);
       pins[kColours[i].name][pin] = value ? Json(*value) : Json();
     }
   return pins;
 }
 
-Json lampJson(const Lamp& lamp, const std::map<std::string, std::optional<unsigned>>& values) {
+Json lampJson(const Lamp& lamp, const PinValues& values) {
   return {{"name", lamp.name},
           {"setting", lamp.configured ? lamp.setting : Json()},
           {"mapped", lamp.mapped},
           {"ready", lamp.ready},
           {"shows", lamp.driven ? Json(colourNames(lamp.shows)) : Json()},
-          {"pins", pinsJson(lamp, values)}};
+          {"pins", pinsJson(lamp.pins, values)},
+          {"formerPins", pinsJson(lamp.formerPins, values)}};
 }
 
-std::string pinsText(const Lamp& lamp, const std::map<std::string, std::optional<unsigned>>& values) {
+std::string pinsText(const Lamp& lamp, const PinValues& values) {
   if (!lamp.mapped) return "no mapping";
   std::vector<std::string> texts;
   for (std::size_t i = 0; i < kColours.size(); ++i)
@@ -40,6 +44,10 @@ std::string pinsText(const Lamp& lamp, const std::map<std::string, std::optional
       texts.push_back(std::string(kColours[i].name) + ':' + pin + '=' +
                       (value ? std::to_string(*value) : "-"));
     }
+  for (std::size_t i = 0; i < kColours.size(); ++i)
+    for (const std::string& pin : lamp.formerPins[i])
+      texts.push_back(std::string(kColours[i].name) + ':' + pin + '=' + std::to_string(*values.at(pin)) +
+                      "(no longer mapped)");
   return (lamp.ready ? "" : "not ready  ") + joined(texts, " ");
 }
 
@@ -50,20 +58,52 @@ std::vector<Lamp> selected(std::vector<Lamp> lamps, const std::vector<std::strin
   return lamps;
 }
 
+// The pins that are lit although no mapping names them.
+std::set<std::string> strayPins(const std::vector<Lamp>& lamps, const PinValues& values) {
+  std::set<std::string> stray;
+  for (const auto& [pin, value] : values)
+    if (value.value_or(0) != 0) stray.insert(pin);
+  for (const Lamp& lamp : lamps)
+    for (const auto& ofColour : lamp.pins)
+      for (const std::string& pin : ofColour) stray.erase(pin);
+  return stray;
+}
+
+// Asks the LED agent, LED by LED, which of them shows the stray pins, and takes out those that were found.
+void addStrayPins(Client& client, const Mirror& mirror, std::vector<Lamp>& lamps,
+                  std::set<std::string>& stray) {
+  const LedAgent agent(client, client.call("status"));
+  if (agent.runs() != true) return;
+  for (Lamp& lamp : lamps) {
+    if (stray.empty()) return;
+    const auto driven = lamp.mapped ? agent.pinsOf(lamp.name) : std::nullopt;
+    if (!driven) continue;
+    formerPinsAre(lamp, *driven, mirror);
+    for (const auto& ofColour : lamp.formerPins)
+      for (const std::string& pin : ofColour) stray.erase(pin);
+  }
+}
+
 void list(Context& context, const std::vector<std::string>& patterns, bool json) {
   const Mirror mirror = readAppliance(context.client());
   const auto values = pinsOf(mirror);
+  const auto known = lampsOf(mirror);
+  auto lamps = selected(known, patterns);
+  auto stray = strayPins(known, values);
+  if (!stray.empty()) addStrayPins(context.client(), mirror, lamps, stray);
   Json all = Json::array();
   Table table;
   table.add({"LED", "SETTING", "SHOWS", "PINS"});
-  for (const Lamp& lamp : selected(lampsOf(mirror), patterns)) {
+  for (const Lamp& lamp : lamps) {
     table.add({lamp.name, lamp.settingText(), lamp.shownText(), pinsText(lamp, values)});
     all.push_back(lampJson(lamp, values));
   }
   if (json)
-    context.out << all.dump(2) << '\n';
+    printJson(context.out, all);
   else
     table.print(context.out);
+  if (patterns.empty() && !stray.empty())
+    note(context, "lit, and no mapping names them: " + joined({stray.begin(), stray.end()}));
 }
 
 Json putLed(const std::string& led, Json setting) {
@@ -79,7 +119,7 @@ void noteMissingPins(Context& context, const std::vector<std::string>& names) {
   std::vector<std::string> lacking;
   for (const Lamp& lamp : selected(lampsOf(readAppliance(context.client())), names))
     if (lamp.mapped && lamp.lacksPin()) lacking.push_back(lamp.name);
-  if (!lacking.empty()) context.err << "note: no pin for a colour that is set: " << joined(lacking) << '\n';
+  if (!lacking.empty()) note(context, "no pin for a colour that is set: " + joined(lacking));
 }
 
 // Stores what `words` ask for over the LEDs' present settings; fields that are no business of colours stay.

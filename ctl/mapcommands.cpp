@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <ostream>
 
 #include "ctl/appliance.h"
@@ -15,6 +16,7 @@ struct MapArguments {
   PerColour<CLI::Option*> options{};
   bool ready = false;
   CLI::Option* readyOption = nullptr;
+  bool rewire = false;
 
   Json attributes() const;
 };
@@ -32,18 +34,63 @@ Json MapArguments::attributes() const {
   return attributes;
 }
 
-void set(Context& context, const MapArguments& given) {
-  context.client().write({{{"op", "put"}, {"path", kMapDir}, {"type", kMapDirType}},
-                          {{"op", "put"},
-                           {"path", mapPath(given.led)},
-                           {"type", kMapType},
-                           {"attributes", given.attributes()}}});
-}
-
 std::vector<Lamp> mappedLamps(Context& context) {
   auto lamps = lampsOf(readAppliance(context.client()));
   std::erase_if(lamps, [](const Lamp& lamp) { return !lamp.mapped; });
   return lamps;
+}
+
+// What the mapping has now; null where there is none.
+Json attributesNow(Client& client, const std::string& led) {
+  const Json entities = client.read(mapPath(led));
+  return entities.empty() ? Json() : entities.front().at("attributes");
+}
+
+bool namesOtherPins(const Json& before, const Json& after) {
+  return std::ranges::any_of(kColours, [&](const Colour& colour) {
+    return namesIn(before, colour.pinAttribute) != namesIn(after, colour.pinAttribute);
+  });
+}
+
+// A live LED keeps the pins of the time when its mapping became ready.
+void noteRewiring(Context& context, const std::string& led) {
+  note(context,
+       "the mapping of " + led +
+           " was ready: an LED that is driven keeps its pins until it is re-wired, which removes its "
+           "mapping and sets it again; see: pinlampctl map set " +
+           led + " --rewire");
+}
+
+// Pins go with the mapping that is removed, whoever else names them.
+void noteShared(Context& context, const std::string& led) {
+  const auto lamps = mappedLamps(context);
+  const auto own = std::ranges::find(lamps, led, &Lamp::name);
+  std::set<std::string> others;
+  for (const Lamp& lamp : lamps)
+    if (own != lamps.end() && lamp.name != led && sharesPin(lamp, *own)) others.insert(lamp.name);
+  if (!others.empty())
+    note(context, "pins of " + led + " are also named by LEDs that must be re-wired as well: " +
+                      joined({others.begin(), others.end()}));
+}
+
+// In one batch: agents see the mapping go, and then come again with what it had and what is given.
+void set(Context& context, const MapArguments& given) {
+  Client& client = context.client();
+  const Json before = attributesNow(client, given.led);
+  Json attributes = given.attributes();
+  Json after = before.is_null() ? Json::object() : before;
+  after.update(attributes);
+  const bool rewire = given.rewire && !before.is_null();
+  Json changes = Json::array({{{"op", "put"}, {"path", kMapDir}, {"type", kMapDirType}}});
+  if (rewire) changes.push_back({{"op", "del"}, {"path", mapPath(given.led)}});
+  changes.push_back({{"op", "put"},
+                     {"path", mapPath(given.led)},
+                     {"type", kMapType},
+                     {"attributes", rewire ? after : std::move(attributes)}});
+  client.write(std::move(changes));
+  if (rewire) return noteShared(context, given.led);
+  if (!before.is_null() && before.value("ready", false) && namesOtherPins(before, after))
+    noteRewiring(context, given.led);
 }
 
 void del(Context& context, const std::vector<std::string>& patterns) {
@@ -69,7 +116,7 @@ void list(Context& context, bool json) {
     table.add(std::move(row));
   }
   if (json)
-    context.out << all.dump(2) << '\n';
+    printJson(context.out, all);
   else
     table.print(context.out);
 }
@@ -90,6 +137,8 @@ void addSet(CLI::App& map, Context& context) {
   }
   given->readyOption = command->add_flag("--ready,!--no-ready", given->ready,
                                          "Whether the mapping is complete; nothing is driven before");
+  command->add_flag("--rewire", given->rewire,
+                    "Remove the mapping and set it again, in one step: pins of a live LED change only so");
   command->callback([&context, given] { set(context, *given); });
 }
 

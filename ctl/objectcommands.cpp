@@ -25,7 +25,7 @@ namespace {
 bool printTree(std::ostream& out, const Json& node, const std::string& above, std::size_t depth) {
   const std::string path = node.at("path");
   const std::string own = above.empty() ? path : path.substr(above.size() + 1);
-  out << std::string(depth * 2, ' ') << own << "  " << bare(node.at("type"))
+  out << std::string(depth * 2, ' ') << bare(own) << "  " << bare(node.at("type"))
       << (node.contains("seen") ? "  (above)" : "") << '\n';
   const Json omitted = node.value("omitted", Json::object());
   bool cut = !omitted.empty();
@@ -39,7 +39,7 @@ bool printTree(std::ostream& out, const Json& node, const std::string& above, st
 void tree(Context& context, const std::string& path, bool json) {
   const Json node = callObject(context.client(), "tree", path);
   if (json)
-    context.out << node.dump(2) << '\n';
+    printJson(context.out, node);
   else if (printTree(context.out, node, "", 0))
     context.out << "The answer was cut; give the path of an object in the tree to see more of it.\n";
 }
@@ -55,11 +55,12 @@ std::string valueText(Client& client, const std::string& path, const Json& attri
   return oneLine(value);
 }
 
-// Everything that an object publishes, with its values; of one that publishes nothing its type.
-void printObject(Context& context, const std::string& path, const Json& type) {
+// Everything that an object publishes, with its values, and when it does something by itself; of one that
+// publishes nothing its type.
+void printObject(Context& context, const std::string& path, const Json& object) {
   Table table;
   const Json attributes = callObject(context.client(), "list", path);
-  if (attributes.empty()) context.out << bare(type) << '\n';
+  if (attributes.empty()) context.out << bare(object.at("type")) << '\n';
   for (const Json& attribute : attributes) {
     const std::string name = attribute.at("name");
     std::vector<std::string> operations;
@@ -68,16 +69,18 @@ void printObject(Context& context, const std::string& path, const Json& type) {
                joined(operations, " ")});
   }
   table.print(context.out);
+  if (object.contains("wakesIn"))
+    context.out << "wakes in " << shortNumber(object.at("wakesIn").get<double>()) << " s\n";
 }
 
-bool isObject(const Json& value) { return value.is_object() && value.contains("type") && value.size() <= 2; }
+bool isObject(const Json& value) { return value.is_object() && value.contains("type"); }
 
 void get(Context& context, const std::string& path, bool json) {
   const Json value = callObject(context.client(), "get", path);
   if (json)
-    context.out << value.dump(2) << '\n';
+    printJson(context.out, value);
   else if (isObject(value))
-    printObject(context, path, value.at("type"));
+    printObject(context, path, value);
   else if (value.is_array())
     for (const Json& each : value) context.out << bare(each) << '\n';
   else
@@ -86,7 +89,7 @@ void get(Context& context, const std::string& path, bool json) {
 
 void print(Context& context, const Json& value, bool json) {
   if (json)
-    context.out << value.dump(2) << '\n';
+    printJson(context.out, value);
   else if (!value.is_null())
     context.out << oneLine(value) << '\n';
 }

@@ -6,6 +6,7 @@
 #include <regex>
 
 #include "ctl/text.h"
+#include "platform/zel/printable.h"
 
 namespace Ctl {
 
@@ -237,12 +238,14 @@ Cells portLines(const std::vector<PortBlock>& blocks, const Look& look, std::siz
   return lines;
 }
 
+std::string shownName(const Lamp& lamp) { return Zel::printable(lamp.name); }
+
 // LEDs with their names, in as many columns as fit.
 Cells otherLines(const std::vector<const Lamp*>& others, const Look& look, std::size_t width,
                  std::size_t rowsWanted) {
   if (others.empty()) return {};
   std::size_t cellWidth = 0;
-  for (const Lamp* lamp : others) cellWidth = std::max(cellWidth, lamp->name.size() + 4);
+  for (const Lamp* lamp : others) cellWidth = std::max(cellWidth, shownName(*lamp).size() + 4);
   const std::size_t fitting = std::max<std::size_t>(1, width / cellWidth);
   const std::size_t rows =
       std::max((others.size() + fitting - 1) / fitting, std::min(rowsWanted, others.size()));
@@ -251,7 +254,7 @@ Cells otherLines(const std::vector<const Lamp*>& others, const Look& look, std::
     Cell& line = lines[i % rows].padTo(i / rows * cellWidth);
     line += Cell(" ");
     line += lampCell(*others[i], look);
-    line += Cell(' ' + others[i]->name);
+    line += Cell(' ' + shownName(*others[i]));
   }
   return lines;
 }
@@ -311,7 +314,7 @@ std::vector<std::string> panelFrame(const std::vector<Lamp>& lamps, const std::s
 }
 
 std::string plainLine(const Lamp& lamp) {
-  std::string line = lamp.name;
+  std::string line = shownName(lamp);
   line.resize(std::max<std::size_t>(line.size() + 1, 16), ' ');
   line += lamp.shownText();
   line.resize(std::max<std::size_t>(line.size() + 1, 30), ' ');

@@ -11,7 +11,8 @@ namespace Ctl {
 // for each thing that is wrong. Ends the program with status 1.
 class Refusal : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
+  // The texts may quote what came from anywhere: it is made printable.
+  explicit Refusal(const std::string& line);
   explicit Refusal(const std::vector<std::string>& lines);
 };
 

@@ -9,10 +9,21 @@
 #include <utility>
 
 #include "ctl/refusal.h"
+#include "platform/zel/printable.h"
 
 namespace Ctl {
 
-Refusal::Refusal(const std::vector<std::string>& lines) : std::runtime_error(joined(lines, "\n")) {}
+namespace {
+
+std::string printableLines(std::vector<std::string> lines) {
+  for (std::string& line : lines) line = Zel::printable(line);
+  return joined(lines, "\n");
+}
+
+}  // namespace
+
+Refusal::Refusal(const std::string& line) : std::runtime_error(Zel::printable(line)) {}
+Refusal::Refusal(const std::vector<std::string>& lines) : std::runtime_error(printableLines(lines)) {}
 
 namespace {
 

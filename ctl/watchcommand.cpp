@@ -23,7 +23,7 @@ std::string changeText(const Json& change) {
   const Json none = Json::object();
   const auto attributes = change.find("attributes");
   for (const auto& [name, value] : (attributes == change.end() ? none : *attributes).items())
-    text += ' ' + name + '=' + oneLine(value);
+    text += ' ' + bare(name) + '=' + oneLine(value);
   return text;
 }
 

@@ -4,9 +4,11 @@
 
 #include <algorithm>
 #include <csignal>
+#include <filesystem>
 #include <iostream>
 
 #include "host/stores.h"
+#include "platform/zel/printable.h"
 
 namespace Host {
 
@@ -54,7 +56,7 @@ void Host::loadAgents(const std::vector<AgentOption>& options) {
 void Host::announce() {
   const auto filled = std::ranges::count(manager_->mounts(), "wi", &Statedb::EntityManager::MountInfo::mode);
   if (std::exchange(announced_, filled) == filled) return;
-  Announcement own{.pid = ::getpid(), .socket = listener_->path()};
+  Announcement own{.pid = ::getpid(), .socket = std::filesystem::absolute(listener_->path()).string()};
   for (const auto& plugin : plugins_) own.agents.push_back({plugin->name().stdString(), plugin->library()});
   for (const auto& mount : manager_->mounts())
     if (mount.mode == "wi") own.publishes.push_back(mount.path.text());
@@ -74,7 +76,7 @@ std::vector<Objects::Root> Host::roots() const {
 
 void Host::report(const std::string& text) {
   served_.lastRefusal = text;
-  std::cerr << "pinlampd: " << text << std::endl;
+  std::cerr << "pinlampd: " << Zel::printable(text) << std::endl;
 }
 
 void Host::run() {

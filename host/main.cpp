@@ -14,6 +14,7 @@
 #include "host/host.h"
 #include "host/starterror.h"
 #include "platform/cell/cell.h"
+#include "platform/zel/printable.h"
 #include "platform/zel/trace.h"
 
 namespace {
@@ -105,7 +106,7 @@ void prepare(CommandLine& line) {
 }
 
 int failed(const std::exception& error, Exit status) {
-  std::cerr << "pinlampd: " << error.what() << std::endl;
+  std::cerr << "pinlampd: " << Zel::printable(error.what()) << std::endl;
   return status;
 }
 

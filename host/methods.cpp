@@ -183,9 +183,8 @@ Json mountJson(const Statedb::EntityManager::MountInfo& mount) {
           {"complete", mount.complete}};
 }
 
-std::size_t objectsOf(const char* name) {
-  const auto known = Zel::Name::existing(name);
-  const Zel::TypeNode* type = known ? Zel::typeNode(*known) : nullptr;
+std::size_t objectsOf(Zel::Name name) {
+  const Zel::TypeNode* type = Zel::typeNode(name);
   return type ? type->allocations().objects() : 0;
 }
 
@@ -197,13 +196,24 @@ Json allocationsJson() {
   return types;
 }
 
-// What the counters of a type stand for, under which name of the status.
-constexpr std::pair<const char*, const char*> kCounted[] = {
-    {"leds", "Hardware::Led::LedConfig"},
-    {"mappings", "Hardware::Gpio::GpioLedConfig"},
-    {"machines", "Pinlamp::GpioLedStateMachine"},
-    {"pins", "Hardware::Gpio::CorvelPinConfig"},
+// What is counted of a type, under which name of the status.
+struct Counted {
+  const char* name;
+  const char* type;
+  bool entities;  // counted in the state database where it is kept here, whichever process has the objects
 };
+constexpr Counted kCounted[] = {
+    {"leds", "Hardware::Led::LedConfig", true},
+    {"mappings", "Hardware::Gpio::GpioLedConfig", true},
+    {"machines", "Pinlamp::GpioLedStateMachine", false},
+    {"pins", "Hardware::Gpio::CorvelPinConfig", true},
+};
+
+std::size_t countOf(const Counted& counted, const Statedb::MemoryStore* memory) {
+  const auto type = Zel::Name::existing(counted.type);
+  if (!type) return 0;
+  return counted.entities && memory ? memory->entities(*type) : objectsOf(*type);
+}
 
 Json activityJson() {
   const auto& activity = Zel::activityManager();
@@ -259,7 +269,7 @@ std::string Methods::status(const Zel::Value&, Caller&) const {
                  {"pid", ::getpid()},
                  {"names", Zel::Name::count()},
                  {"types", allocationsJson()}};
-  for (const auto& [name, type] : kCounted) status[name] = objectsOf(type);
+  for (const Counted& counted : kCounted) status[counted.name] = countOf(counted, memory_);
   status.update(activityJson());
   status.update(servedJson(served_, memory_ ? memory_->entities() : 0));
   return jsonText(status);

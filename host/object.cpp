@@ -5,6 +5,7 @@
 
 #include "platform/statedb/schema.h"
 #include "platform/warden/cagent.h"
+#include "platform/zel/clock.h"
 #include "platform/zel/entity.h"
 
 namespace Host {
@@ -339,6 +340,9 @@ Value Objects::describe(const Value& value) {
   Value result = Value::Fields{{"type", object->pointer->fwkType().name().view()}};
   if (const auto* entity = dynamic_cast<const Zel::Entity*>(object->pointer.get()))
     result.fieldIs("object", entity->path());
+  const auto* notifier = dynamic_cast<const Zel::Notifier*>(object->pointer.get());
+  if (const double wakeUp = notifier ? notifier->wakeUp() : Zel::Clock::kNever; wakeUp < Zel::Clock::kNever)
+    result.fieldIs("wakesIn", wakeUp - Zel::System::currentTime());
   return result;
 }
 

@@ -68,8 +68,8 @@ class Objects {
   static constexpr std::size_t kTreeMembers = 256;
   static constexpr std::size_t kTreeObjects = 4096;
 
-  // An object as a value that is no reference: {"object": PATH, "type": TYPE}; lists and fields are gone
-  // through.
+  // An object as a value that is no reference: {"object": PATH, "type": TYPE}, and "wakesIn" (seconds from
+  // now) where it will do something by itself; lists and fields are gone through.
   static Zel::Value describe(const Zel::Value& value);
 
  private:

@@ -61,7 +61,6 @@ class GpioLedStateMachine : public Zel::Described<GpioLedStateMachine, Zel::Noti
         Zel::row::value<&M::flashingState_>("flashingState"),
         Zel::row::value<&M::initialized_>("initialized"),
         Zel::row::procedure<&M::handleInitialized>("handleInitialized"),
-        Zel::row::accessor<&M::wakeUp>("wakeUp"),
     };
   }
   static const Zel::TypeNode& typeNode();
@@ -89,8 +88,8 @@ class GpioLedStateMachine : public Zel::Described<GpioLedStateMachine, Zel::Noti
   Zel::Ptr<const Zel::Clock> clock() const { return Zel::Ptr<const Zel::Clock>(watched(clock_)); }
   void clockIs(const Zel::Ptr<const Zel::Clock>& clock);
   Zel::Ptr<const Zel::Clock> clockDel();
-  // When the machine wakes up next, in seconds as System::currentTime; positive infinity: never.
-  double wakeUp() const { return clock_ ? clock_->timeMin() : Zel::Clock::kNever; }
+  // The next toggle.
+  double wakeUp() const override { return clock_ ? clock_->wakeUp() : Zel::Clock::kNever; }
 
   // The phase of flashing that the last wake-up showed: true is lit.
   bool flashingState() const { return flashingState_; }

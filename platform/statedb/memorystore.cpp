@@ -332,6 +332,10 @@ Zel::Name MemoryStore::typeAt(Path path) const {
 
 std::size_t MemoryStore::entities() const { return state_->entries.count(); }
 
+std::size_t MemoryStore::entities(Zel::Name type) const {
+  return static_cast<std::size_t>(std::ranges::count(state_->entries, type, &Entry::type));
+}
+
 void MemoryStore::restore(Row row) {
   Entry* entry = state_->entries.find(row.path);
   if (!entry) entry = &state_->entries.insert(row.path, row.type, Durability::stored);

@@ -108,6 +108,8 @@ class ZEL_API MemoryStore : public Store {
   // The type of the entity at a path; empty where there is none.
   Zel::Name typeAt(Path path) const;
   std::size_t entities() const;
+  // How many of them are of a type. Looks at every one.
+  std::size_t entities(Zel::Name type) const;
 
  protected:
   // Where the rows are kept as well: `persist` takes the stored part of a batch, `commit` makes all of them

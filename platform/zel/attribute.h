@@ -62,7 +62,8 @@ struct AttributeInfo {
   TypeText type = nullptr;            // of the value, of the object pointed to, of the members
   std::vector<Parameter> parameters;  // of a procedure, or of a set that takes more than one value
   // Whether the attribute is state that stores hold: a plain value, a set of names, or a collection of
-  // objects that live in it. References and computed values are not.
+  // objects that live in it. References and computed values are not, nor is anything of an object that is no
+  // entity.
   bool stored = false;
   // For a collection of objects that live in it: their type; null where they may be of any type.
   const TypeNode& (*memberType)() = nullptr;

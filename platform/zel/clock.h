@@ -133,6 +133,8 @@ class ZEL_API Clock::NotifieeConst : public NotifieeBase {
   // along to the next clock.
   void timeMinIs(const double& time);
   double timeMin() const { return timeMin_; }
+  // The same while it has not come yet; positive infinity from then on.
+  double wakeUp() const { return armed_ ? timeMin_ : kNever; }
 
   // Runs once for each time that was set and has come, while the reactor's notifications are on.
   virtual void onTime() {}

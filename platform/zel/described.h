@@ -305,6 +305,8 @@ class Described : public Typed<T, Base> {
     if constexpr (requires { Base::typeNode(); }) base = &Base::typeNode();
     std::vector<AttributeInfo> rows;
     std::apply([&](const auto&... row) { (rows.push_back(row.template info<T>()), ...); }, T::attributes());
+    if constexpr (!std::is_base_of_v<Entity, T>)
+      for (AttributeInfo& row : rows) row.stored = false;
     return TypeNode(name, base, std::move(rows), &dispatch, newEntityForDir);
   }
 

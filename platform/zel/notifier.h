@@ -33,6 +33,7 @@
 #include <array>
 #include <bit>
 #include <cstdint>
+#include <limits>
 #include <utility>
 
 #include "platform/zel/attribute.h"
@@ -231,6 +232,10 @@ class ZEL_API Notifier : public PtrInterface, private detail::Label {
   // Whether the object has left the collection that owned it. Its reactors are not notified from then on.
   bool zelIsGone() const { return flag(kGone); }
   void zelGoneIs(bool gone) { flagIs(kGone, gone); }
+
+  // When the object does something by itself next, in seconds as System::currentTime; positive infinity:
+  // never, as most. For tools that look at live objects.
+  virtual double wakeUp() const { return std::numeric_limits<double>::infinity(); }
 
  protected:
   // The name is for those that have one: entities.

@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 
+#include "platform/zel/printable.h"
 #include "platform/zel/value.h"
 
 namespace Zel {
@@ -149,9 +150,7 @@ TraceHelper::~TraceHelper() = default;
 void TraceHelper::trace(const char* source, int line, const char* function) {
   std::string record = timeText() + ' ' + handle_.facility().name() + ' ' + std::to_string(level_) + ' ' +
                        source + ':' + std::to_string(line) + ' ' + function + ": ";
-  const std::size_t head = record.size();
-  record += text_.view();
-  std::replace(record.begin() + static_cast<std::ptrdiff_t>(head), record.end(), '\n', ' ');
+  record += printable(text_.view());
   if (sink()) return sink()(record);
   record += '\n';
   std::fwrite(record.data(), 1, record.size(), stderr);

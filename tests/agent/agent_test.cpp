@@ -191,7 +191,7 @@ TEST_F(AgentTest, EveryRowOfTheTablesAllowsItsOperationsAndNoOthers) {
                    "handleCorvelGpioOrange procedure : invoke", "handleLedSystemConfig procedure : invoke",
                    "clock pointer Zel::Clock: get set", "handleClockTimeout procedure : invoke",
                    "flashingState value bool: get set", "initialized value bool: get set",
-                   "handleInitialized procedure : invoke", "wakeUp value double: get"}));
+                   "handleInitialized procedure : invoke"}));
   EXPECT_EQ(get(*machine, "hwLedConfig"), led);
   EXPECT_EQ(get(*machine, "name"), Value("Fan1"));
   tryAll(*machine, {{"invoke handleCorvelGpioYellow", write},

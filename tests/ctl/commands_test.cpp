@@ -109,6 +109,54 @@ TEST_F(Commands, AnEmptyDatabaseTakesAMappingAndThenALed) {
   EXPECT_TRUE(host.attributes(mapPath("X/1")).is_null());
 }
 
+TEST_F(Commands, RewiringRemovesAMappingAndSetsItAgain) {
+  ctl({"map", "set", "X", "--green", "g", "s", "--ready"});
+  ctl({"map", "set", "Y", "--red", "s", "--ready"});
+  EXPECT_EQ(ctl({"map", "set", "X", "--green", "s", "g"}).err, "") << "the same pins";
+  EXPECT_THAT(ctl({"map", "set", "X", "--red", "r"}).err, HasSubstr("map set X --rewire\n"));
+  Json written;
+  host.onWrite = [&](const Json& changes) { written = changes; };
+  EXPECT_THAT(ctl({"map", "set", "X", "--green", "g2", "s", "--rewire"}).err, HasSubstr("as well: Y\n"));
+  ASSERT_EQ(written.size(), 3U);
+  EXPECT_EQ(written[1], Json({{"op", "del"}, {"path", mapPath("X")}}));
+  EXPECT_EQ(written[2].at("attributes"),
+            Json({{"gpioGreenName", {"g2", "s"}}, {"gpioRedName", {"r"}}, {"ready", true}}));
+  EXPECT_EQ(ctl({"map", "set", "New", "--green", "n", "--rewire"}).status, 0);
+  EXPECT_EQ(written.size(), 2U) << "nothing to remove";
+}
+
+TEST_F(Commands, NamesFromOutsideDoNotReachTheTerminalRaw) {
+  const std::string evil =
+      "A\x1b[2J\n\xc2\x9b"
+      "31m\u202e";
+  host.put(ledPath(evil), kLedType, {{"lightSetting", {{"green", true}}}, {"theme", evil}});
+  host.put(mapPath(evil), kMapType, {{"gpioRedName", {evil}}, {"ready", true}});
+  host.refuse({"bad " + evil});
+  for (const std::vector<std::string>& words :
+       std::vector<std::vector<std::string>>{{"led", "set", evil, "green"},
+                                             {"led", "set", evil, "green"},
+                                             {"led", "list"},
+                                             {"led", "list", "--json"},
+                                             {"map", "list"},
+                                             {"map", "list", "--json"},
+                                             {"panel", "--once"},
+                                             {"get", "hardware/led/config/leds"},
+                                             {"get", ledPath(evil)},
+                                             {"get", ledPath(evil), "theme"},
+                                             {"dump"},
+                                             {"led", "set", "B" + evil, "red"},
+                                             {"del", "x" + evil},
+                                             {evil},
+                                             {"complete", "led", "set", ""}}) {
+    const Outcome outcome = ctl(words);
+    const std::string all = outcome.out + outcome.err;
+    EXPECT_EQ(all.find('\x1b'), all.npos) << testing::PrintToString(words);
+    EXPECT_EQ(all.find("\xc2\x9b"), all.npos) << testing::PrintToString(words);
+    EXPECT_EQ(all.find("\n\xc2"), all.npos);
+  }
+  EXPECT_EQ(Json::parse(ctl({"led", "list", "--json"}).out)[0].at("name"), evil) << "JSON reads back";
+}
+
 TEST_F(Commands, LedListShowsSettingsPinsAndWhatIsLit) {
   loadExample();
   pinIs("psu2_r", 1);

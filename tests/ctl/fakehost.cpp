@@ -84,6 +84,7 @@ Json FakeHost::answer(const std::string& method, const Json& parameters) {
     return Json::parse(R"({"result": {"types": [{"name": "Hardware::Led::LedConfig",
                            "attributes": [{"name": "lightSetting"}, {"name": "theme"}]}]}})");
   if (method == "trace") return {{"result", {{"facilities", {{"Pinlamp", parameters.value("levels", "")}}}}}};
+  if (answers) return {{"result", answers(method, parameters)}};
   return {{"error", {{"code", -32601}, {"message", "no method " + method}}}};
 }
 
@@ -99,6 +100,7 @@ Json FakeHost::write(const Json& changes) {
     const auto lines = std::exchange(refusal_, {});
     return {{"error", {{"code", 1}, {"message", lines.front()}, {"data", {{"errors", lines}}}}}};
   }
+  if (onWrite) onWrite(changes);
   for (const Json& change : changes) store(change);
   return {{"result", {{"written", changes.size()}}}};
 }

@@ -31,6 +31,9 @@ class FakeHost {
   void refuse(std::vector<std::string> lines);
   // Called with each method's name before it is answered; may put.
   std::function<void(const std::string& method)> onCall;
+  std::function<void(const Json& changes)> onWrite;
+  // The results of methods that it does not know.
+  std::function<Json(const std::string& method, const Json& parameters)> answers;
 
  private:
   void serve();

@@ -18,7 +18,8 @@ constexpr const char* kHead = R"(# Types, attributes and operations
 
 Generated from the attribute tables that the accessors, the stores and the generic interface share; a test keeps this page
 true. Every attribute has the index that reactors to any attribute hear, counted on from the base's. *Stored* attributes
-are rows in a state database; the others are found on live objects only.
+are what a state database keeps of an entity: a value or a set of names as a row, a collection as the entities under it. The
+others, and all attributes of objects that are no entities, are found on live objects only.
 )";
 
 std::string join(const std::vector<std::string>& texts, const char* separator) {

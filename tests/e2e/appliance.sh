@@ -33,6 +33,8 @@ await() {
   done
   fail "$what: expected '$expected', got '$found'"
 }
+# says WHAT PART WHOLE
+says() { if grep -qF -- "$2" <<<"$3"; then echo "ok: $1"; else fail "$1: '$2' is not in '$3'"; fi; }
 # refused WHAT STATUS TEXT COMMAND…: exits so, and says that on one line
 refused() {
   local what=$1 status=$2 text=$3 said rc=0
@@ -105,7 +107,8 @@ traces "each toggle is traced" "handleClockTimeout for Ethernet3/1
 Led Ethernet3/1 is now 0"
 pinlampctl led set Ethernet3/1 red
 is "steady at once" 0011 "$(pins y g r1 r2)"
-await "the next tick is the last" inf pinlampctl object get agent/configReactor/gpioLedStateMachine/Ethernet3%2F1/wakeUp
+ticks() { pinlampctl object get --json agent/configReactor/gpioLedStateMachine/Ethernet3%2F1 | grep -c wakesIn; }
+await "the next tick is the last" 0 ticks
 
 # Remap -------------------------------------------------------------------------------------------------------------
 pinlampctl map set Ethernet3/1 --green g g2 --ready
@@ -117,6 +120,15 @@ pinlampctl map set Ethernet3/1 --ready
 is "ready going true makes it" 0 "$(pins g2)"
 pinlampctl led set Ethernet3/1 green
 is "and it is lit with its colour" 11 "$(pins g g2)"
+
+pinlampctl map set Ethernet3/1 --green g2
+says "a pin that left the mapping is driven on, and shown" "green  green:g2=1 red:r1=0 red:r2=0 yellow:y=0 green:g=1(no longer mapped)" \
+  "$(pinlampctl led list Ethernet3/1)"
+says "and why says so" "green pin g left the mapping when that was ready" "$(pinlampctl why Ethernet3/1)"
+pinlampctl map set Ethernet3/1 --green g2 g3 --rewire
+is "re-wiring drives the pins of the mapping" 11 "$(pins g2 g3)"
+refused "and no other" 1 "no entity at" pinlampctl get hardware/corvel/gpio/config/g
+says "which is all there is to it" "because    it is set to green" "$(pinlampctl why Ethernet3/1)"
 
 # Removal -----------------------------------------------------------------------------------------------------------
 traced >/dev/null

@@ -34,6 +34,7 @@ class Driver : public Zel::Described<Driver, Zel::Entity> {
     static const Zel::TypeNode type = describe("Test::Driver");
     return type;
   }
+  double wakeUp() const override { return wakesAt; }
   using Described::Described;
   explicit Driver(Zel::Name name) : Described(name) {}
   void write(const Ptr<CorvelGpioLedConfig>& led, std::uint32_t value) {
@@ -51,6 +52,7 @@ class Driver : public Zel::Described<Driver, Zel::Entity> {
       Zel::allocate<Hardware::Gpio::CorvelGpioLedSystemConfigDir>("ledSystem");
   Ptr<const CorvelPinConfig> seen_;
   Ptr<Zel::Dir> dir_;
+  double wakesAt = Zel::Clock::kNever;
 };
 
 class TestAgent : public Zel::Described<TestAgent, Warden::CAgent> {
@@ -182,6 +184,13 @@ TEST_F(ObjectsTest, RefusesWithTheReasonAndMakesNoName) {
               std::string::npos);
   driver->seen_ = pin;
   EXPECT_EQ(error([&] { objects.set("agent/seen/value", {1}); }), "the object may be read only");
+}
+
+TEST_F(ObjectsTest, AnObjectSaysWhenItDoesSomethingByItself) {
+  const Zel::System::ManualTime time(10.0);
+  EXPECT_FALSE(Host::Objects::describe(objects.get("driver")).field("wakesIn"));
+  driver->wakesAt = 10.5;
+  EXPECT_EQ(*Host::Objects::describe(objects.get("driver")).field("wakesIn"), Value(0.5));
 }
 
 TEST_F(ObjectsTest, ATextStandsForTheObjectOfItsNameOrPath) {

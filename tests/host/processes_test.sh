@@ -58,10 +58,32 @@ led_host
 pinlampctl led set Fan1 red
 await "as any other" 011 pins g r s
 
+# What can be seen of it from the host that keeps the state ------------------------------------------------------------
+says() { grep -oF -- "$1" | head -n 1; } # PART, from standard input: the part, where it is there
+driven="2 configured, 2 mapped, 2 machines"
+check "status counts what the processes drive" "$driven" "$(pinlampctl status | says "$driven")"
+machine="machine    agent/configReactor/gpioLedStateMachine/Fan1, through --socket $run/led.sock"
+check "why finds the LED agent in its process" "$machine" "$(pinlampctl why Fan1 | says "$machine")"
+check "and says what is wrong with a line" "green pin s has a line that is not driven: $no_chip" \
+  "$(pinlampctl why Status | says "green pin s has a line that is not driven: $no_chip")"
+kill -STOP "$led_pid"
+hangs="gave no answer within 2 s"
+check "a process that hangs is said, not hidden" "$hangs" "$(pinlampctl status | says "$hangs")"
+kill -CONT "$led_pid"
+pinlampctl map set Fan1 --red r2
+check "a pin that joins a ready mapping is not driven" "red pin r2 joined the mapping" \
+  "$(pinlampctl why Fan1 | says "red pin r2 joined the mapping")"
+pinlampctl map set Fan1 --rewire
+await "until it is re-wired" 01 pins g r2
+pinlampctl map set Fan1 --red r --rewire
+await "as is one that joins again" 01 pins g r
+
 # The LED agent --------------------------------------------------------------------------------------------------------
 killed led
 check "the pin values outlive the LED agent" 011 "$(pins g r s)"
 check "and the line agent drives them on" true "$(line r driven)"
+check "which status says" "0 machines" "$(pinlampctl status | says "0 machines")"
+check "and why" "no LED agent runs" "$(pinlampctl why Fan1 | says "no LED agent runs")"
 hear
 led_host
 pinlampctl led set Fan1 green red

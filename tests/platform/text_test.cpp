@@ -7,6 +7,7 @@
 #include "platform/model/led.h"
 #include "platform/zel/entity.h"
 #include "platform/zel/exception.h"
+#include "platform/zel/printable.h"
 
 namespace {
 
@@ -45,6 +46,24 @@ TEST(String, SharesComparesAndJoins) {
   EXPECT_STREQ(Zel::String().charPtr(), "");
   EXPECT_EQ(Zel::format("Active%d of %s", 12, "x"), "Active12 of x");
   EXPECT_EQ(Zel::format("%s", ""), "");
+}
+
+TEST(Printable, ATerminalShowsATextAndActsOnNothingInIt) {
+  const std::pair<std::string_view, const char*> cases[] = {
+      {"Ethernet3/1", "Ethernet3/1"},
+      {"Grün ✓ 灯 \xf0\x9f\x92\xa1", "Grün ✓ 灯 \xf0\x9f\x92\xa1"},
+      {"a\x1b[2Jb\nc\td\x7f", R"(a\x1B[2Jb\x0Ac\x09d\x7F)"},
+      {{"a\0b", 3}, R"(a\x00b)"},
+      {"\xc2\x9b"
+       "31m",
+       R"(\x9B31m)"},                                       // CSI in one character
+      {"\x9b\xff\xe2\x82", R"(\x9B\xFF\xE2\x82)"},          // no UTF-8, the last because it is cut off
+      {"\xc0\x8a\xed\xa0\x80", R"(\xC0\x8A\xED\xA0\x80)"},  // an overlong line end, half a surrogate pair
+      {"a\u202egpj\u2028b", R"(a\u202Egpj\u2028b)"}};
+  for (const auto& [text, shown] : cases) {
+    EXPECT_EQ(Zel::printable(text), shown);
+    EXPECT_EQ(Zel::printable(shown), shown);
+  }
 }
 
 TEST(Path, EveryNameIsOneComponentAndComesBack) {

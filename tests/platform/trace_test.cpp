@@ -42,7 +42,8 @@ TEST_F(Trace, FormatsOnlyWhatIsEnabled) {
   ASSERT_EQ(lines.size(), 3U);
   EXPECT_TRUE(std::regex_match(
       lines[1],
-      std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6} TraceTest 6 Source:263 aFunction: counted line)")))
+      std::regex(
+          R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6} TraceTest 6 Source:263 aFunction: counted\\x0Aline)")))
       << lines[1];
 }
 

@@ -1,0 +1,56 @@
+#include "ctl/processes.h"
+
+#include <algorithm>
+
+namespace Ctl {
+
+namespace {
+
+Json announcedIn(const Json& status) { return status.value("processes", Json::array()); }
+
+}  // namespace
+
+std::vector<Process> processesOf(const Json& status) {
+  std::vector<Process> processes;
+  for (const Json& each : announcedIn(status))
+    processes.push_back({each.at("pid"), each.at("socket"), each.at("agents"), each.at("publishes")});
+  return processes;
+}
+
+std::optional<bool> isFilled(const Json& status, const std::string& path) {
+  for (const Json& mount : status.at("mounts"))
+    if (mount.at("path") == path && mount.at("mode") == "wi") return true;
+  if (!status.contains("processes")) return std::nullopt;
+  return std::ranges::any_of(processesOf(status), [&](const Process& process) {
+    return std::ranges::find(process.fills, path) != process.fills.end();
+  });
+}
+
+namespace {
+
+// The process's own status, or what it is that keeps it from answering.
+Json reportOf(const Json& process) {
+  try {
+    return {{"status", Client(process.at("socket"), kProcessPatience).call("status")}};
+  } catch (const ConnectionLost& lost) {
+    return {{"error", lost.reason()}};
+  } catch (const std::exception& error) {
+    return {{"error", error.what()}};
+  }
+}
+
+}  // namespace
+
+void addProcesses(Json& status) {
+  const auto processes = status.find("processes");
+  if (processes == status.end()) return;
+  for (Json& process : *processes) {
+    process.update(reportOf(process));
+    if (!process.contains("status")) continue;
+    for (const char* counted : {"machines", "published"})
+      status[counted] =
+          status.at(counted).get<std::uint64_t>() + process["status"].at(counted).get<std::uint64_t>();
+  }
+}
+
+}  // namespace Ctl

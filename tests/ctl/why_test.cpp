@@ -1,0 +1,167 @@
+#include "ctl/why.h"
+
+#include <gmock/gmock.h>
+
+#include <functional>
+
+#include "tests/ctl/fakehost.h"
+
+namespace Ctl {
+namespace {
+
+using testing::HasSubstr;
+
+enum : std::size_t { kOrange, kGreen, kRed, kYellow };
+
+PinFacts pin(std::size_t colour, const char* name, std::optional<unsigned> value) {
+  return {.colour = colour, .name = name, .mapped = true, .taken = true, .value = value};
+}
+
+// An LED that is set to green, and shows it.
+Reasons green() {
+  Reasons reasons;
+  reasons.lamp.name = "A";
+  reasons.lamp.configured = reasons.lamp.mapped = reasons.lamp.ready = reasons.lamp.driven = true;
+  reasons.lamp.wanted[kGreen] = reasons.lamp.shows[kGreen] = true;
+  reasons.agentRuns = reasons.pinsMade = reasons.driven = true;
+  reasons.lineAgentRuns = false;
+  reasons.pins = {pin(kGreen, "g", 1U), pin(kRed, "r", 0U)};
+  return reasons;
+}
+
+TEST(Why, SaysInOneLineWhatStandsInTheWay) {
+  const Json held{{"driven", false}, {"error", "line 3 of gpiochip0 is busy: held by 'x'"}};
+  const struct {
+    const char* says;
+    std::function<void(Reasons&)> make;
+  } cases[] = {
+      {"it is set to green", [](Reasons&) {}},
+      {"its setting has no colour", [](Reasons& r) { r.lamp.wanted[kGreen] = false, r.pins[0].value = 0; }},
+      {"it flashes green", [](Reasons& r) { r.lamp.flashInterval = 1, r.pins[0].value = 0; }},
+      {"no mapping names its pins", [](Reasons& r) { r.driven = r.lamp.mapped = false; }},
+      {"its mapping is not ready", [](Reasons& r) { r.driven = r.lamp.ready = false; }},
+      {"it is set to green", [](Reasons& r) { r.lamp.ready = false; }},  // driven on, as before
+      {"it has no setting", [](Reasons& r) { r.driven = r.lamp.configured = false; }},
+      {"no LED agent runs: its pins stay as they are", [](Reasons& r) { r.agentRuns = r.driven = false; }},
+      {"orange is set and has no pin", [](Reasons& r) { r.lamp.wanted[kOrange] = true; }},
+      {"green pin g2 joined the mapping when that was ready",
+       [](Reasons& r) { r.pins.push_back(pin(kGreen, "g2", {})), r.pins.back().taken = false; }},
+      {"green pin g went with the mapping of another LED", [](Reasons& r) { r.pins[0].value.reset(); }},
+      {"green pin g went with the mapping of another LED", [](Reasons& r) { r.pins[0].detached = true; }},
+      {"red pin r left the mapping when that was ready",
+       [](Reasons& r) { r.pins[1].mapped = false, r.pins[1].value = 1; }},
+      {"green pin g is also a pin of B and 1 more, which keeps it dark",
+       [](Reasons& r) {
+         r.pins[0].value = 0, r.pins[0].others = {"B", "C"};
+       }},
+      {"red pin r is also a pin of B, which lights it",
+       [](Reasons& r) { r.pins[1].value = 1, r.pins[1].others = {"B"}; }},
+      {"green pin g has no line: there is nothing at hardware/corvel/gpio/init/g",
+       [](Reasons& r) {
+         r.lineAgentRuns = r.pins[1].wired = true, r.pins[1].line = {{"driven", true}};
+       }},
+      {"green pin g has a line that is not driven: line 3 of gpiochip0 is busy: held by 'x'",
+       [&](Reasons& r) { r.lineAgentRuns.reset(), r.pins[0].line = held; }},
+      {"green pin g has a line that stays as it is: no line agent runs",
+       [](Reasons& r) {
+         r.pins[0].line = {{"driven", true}};
+       }},
+  };
+  for (const auto& [says, make] : cases) {
+    Reasons reasons = green();
+    make(reasons);
+    const auto texts = because(reasons);
+    EXPECT_EQ(texts.size(), texts.front().ends_with("re-wired") ? 2U : 1U) << says;
+    EXPECT_THAT(texts.front(), testing::StartsWith(says));
+  }
+}
+
+TEST(Why, ThePhaseIsThatOfATickThatIsDue) {
+  Reasons reasons = green();
+  reasons.machine.tickIn = 3599.4;
+  EXPECT_EQ(phaseText(reasons), std::nullopt) << "steady: the tick only ends flashing";
+  reasons.lamp.flashInterval = 1;
+  EXPECT_EQ(phaseText(reasons), "takes up the new interval at the next tick, in 3,599 s");
+  reasons.machine.tickIn = 0.49512;
+  EXPECT_EQ(phaseText(reasons), "lit, next tick in 0.495 s");
+  reasons.lamp.wanted = {false, false, true, false};
+  EXPECT_EQ(phaseText(reasons), "takes up the new colours at the next tick, in 0.495 s");
+  reasons.machine.tickIn.reset();
+  EXPECT_EQ(phaseText(reasons), std::nullopt);
+}
+
+// A process with an LED agent whose one machine, A's, ticks in 2 s.
+Json objectsOf(const std::string& operation, const std::string& path) {
+  if (operation == "list") return {{{"name", "led"}, {"kind", "agent"}, {"type", "Pinlamp::Agent"}}};
+  if (operation == "get" && path.ends_with("/A")) return {{"type", "…"}, {"wakesIn", 2.0}};
+  if (operation == "get") return true;
+  return path.ends_with("gpioGreen")     ? Json{"g", "old"}
+         : path.find("/A/") != path.npos ? Json::array()
+                                         : Json{"A"};
+}
+
+class WhyInProcesses : public testing::Test {
+ protected:
+  WhyInProcesses() {
+    host.put(ledPath("A"), kLedType, {{"lightSetting", {{"green", true}, {"flashInterval", 9.0}}}});
+    host.put(mapPath("A"), kMapType, {{"gpioGreenName", {"g"}}, {"ready", true}});
+    for (const char* name : {"g", "old"})
+      host.put(std::string(kPinDir) + '/' + name, kPinType, {{"value", 1}});
+    host.answers = [this](const std::string& method, const Json&) -> Json {
+      if (method == "object") return {{"value", Json::array()}};
+      return {{"version", "1"},
+              {"pid", 1},
+              {"uptime", 1.0},
+              {"store", "memory:"},
+              {"agents", Json::array()},
+              {"mounts", Json::array()},
+              {"leds", 1},
+              {"mappings", 1},
+              {"machines", 0},
+              {"pins", 2},
+              {"published", 0},
+              {"entities", 4},
+              {"names", 9},
+              {"passes", 1},
+              {"deliveries", 1},
+              {"expiries", 0},
+              {"worstLateness", 0.0},
+              {"clients", 1},
+              {"refusals", 0},
+              {"processes", processes()}};
+    };
+    process.answers = [](const std::string& method, const Json& parameters) -> Json {
+      if (method == "status") return {{"machines", 7}, {"published", 11}};
+      return {{"value", objectsOf(parameters.at("operation"), parameters.at("path"))}};
+    };
+  }
+  Json processes() const {
+    const Json agents = Json::array({{{"name", "led"}, {"library", "l.so"}}});
+    return {{{"pid", 8}, {"socket", "/no/such.sock"}, {"agents", agents}, {"publishes", Json::array()}},
+            {{"pid", 9}, {"socket", socket}, {"agents", agents}, {"publishes", {kPinDir}}}};
+  }
+
+  FakeHost host, process;
+  std::string socket = process.socket();
+};
+
+TEST_F(WhyInProcesses, TheLedAgentIsFoundWhereverItRuns) {
+  const std::string why = run(host, {"why", "A"}).out;
+  EXPECT_THAT(why, HasSubstr("agent/configReactor/gpioLedStateMachine/A, through --socket " + socket));
+  EXPECT_THAT(why, HasSubstr("next tick in 2 s"));
+  EXPECT_THAT(why, HasSubstr("green pin old left the mapping"));
+  EXPECT_THAT(run(host, {"led", "list"}).out, HasSubstr("green:g=1 green:old=1(no longer mapped)"));
+  const std::string status = run(host, {"status"}).out;
+  EXPECT_THAT(status, HasSubstr("1 configured, 1 mapped, 7 machines"));
+  EXPECT_THAT(status, HasSubstr("8 led (l.so): not counted here: can't reach pinlampd at /no/such.sock"));
+
+  socket = "/gone";
+  const Json unknown = Json::parse(run(host, {"why", "A", "--json"}).out);
+  EXPECT_EQ(unknown.at("facts").at("pins are made"), Json());
+  EXPECT_EQ(unknown.at("facts").at("LED is configured"), true);
+  EXPECT_THAT(run(host, {"why", "A"}).out, HasSubstr("not known: process 9 can't reach pinlampd at /gone"));
+  EXPECT_EQ(run(host, {"led", "list"}).err, "note: lit, and no mapping names them: old\n");
+}
+
+}  // namespace
+}  // namespace Ctl

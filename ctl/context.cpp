@@ -1,14 +1,43 @@
 #include "ctl/context.h"
 
+#include <algorithm>
+#include <chrono>
 #include <ostream>
+#include <thread>
 
 #include "platform/zel/printable.h"
 
 namespace Ctl {
 
+namespace {
+
+constexpr double kLongestWait = 3600;  // seconds
+constexpr std::chrono::milliseconds kRetry{20};
+
+bool isReady(Client& client) {
+  const Json status = client.call("status");
+  return std::ranges::all_of(status.at("mounts"),
+                             [](const Json& mount) { return mount.at("complete").get<bool>(); });
+}
+
+}  // namespace
+
 Client& Context::client() {
-  if (!client_) client_ = std::make_unique<Client>(socket);
+  if (!client_) client_ = connect();
   return *client_;
+}
+
+std::unique_ptr<Client> Context::connect() const {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(wait);
+  for (;; std::this_thread::sleep_for(kRetry)) {
+    const bool last = std::chrono::steady_clock::now() >= deadline;
+    try {
+      auto client = std::make_unique<Client>(socket);
+      if (last || isReady(*client)) return client;
+    } catch (const ConnectionLost&) {
+      if (last) throw;
+    }
+  }
 }
 
 CLI::Option* Context::completes(CLI::Option* argument, Completes what) {
@@ -44,6 +73,9 @@ void addAllCommands(CLI::App& app, Context& context) {
                  Completes::file)
       ->envname("PINLAMP_SOCKET")
       ->capture_default_str();
+  app.add_option("--wait", context.wait, "Wait for a pinlampd that is starting")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0.0, kLongestWait));
   app.set_version_flag("--version", "pinlampctl " PINLAMP_VERSION);
   app.require_subcommand(1);
   addLedCommands(app, context);

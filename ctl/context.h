@@ -32,7 +32,7 @@ class Context {
  public:
   Context(std::ostream& output, std::ostream& errors) : out(output), err(errors) {}
 
-  // The connection, made on first use.
+  // The connection, made on first use. Waits up to `wait` seconds for a host whose mounts are complete.
   Client& client();
 
   // Notes what an argument names; returns it.
@@ -42,8 +42,11 @@ class Context {
   std::ostream& out;
   std::ostream& err;
   std::string socket = "/run/pinlamp/control.sock";
+  double wait = 0;
 
  private:
+  std::unique_ptr<Client> connect() const;
+
   std::unique_ptr<Client> client_;
   std::map<const CLI::Option*, Completes> completions_;
 };

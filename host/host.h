@@ -8,6 +8,7 @@
 #include "host/control.h"
 #include "host/loop.h"
 #include "host/plugin.h"
+#include "host/services.h"
 #include "host/systemd.h"
 #include "host/unixstore.h"
 #include "platform/zel/activity.h"
@@ -54,6 +55,7 @@ class Host {
   const ServiceManager serviceManager_;
   Loop loop_;
   Zel::ActivityManager activity_;
+  Services services_;
   const std::unique_ptr<Statedb::Store> store_;
   UnixStore* const remote_;  // the store, where another host keeps the state; else null
   std::unique_ptr<Listener> listener_;

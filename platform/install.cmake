@@ -1,9 +1,17 @@
-# What someone else needs to write an agent: headers, the library, a CMake package and a pkg-config file.
+# For writing agents: headers, the library, a CMake package and a pkg-config file. The headers of the stores, and what
+# only a host uses, stay here; tests/install checks that platform/pinlamp.h reaches every header that is installed.
 install(TARGETS pinlamp-platform EXPORT pinlamp-targets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
 install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/pinlamp COMPONENT development
-  FILES_MATCHING PATTERN "*.h" PATTERN "publisher.h" EXCLUDE PATTERN "entitytree.h" EXCLUDE PATTERN "entrytable.h" EXCLUDE)
+  FILES_MATCHING PATTERN "*.h"
+  PATTERN "entitytree.h" EXCLUDE
+  PATTERN "entrytable.h" EXCLUDE
+  PATTERN "external.h" EXCLUDE
+  PATTERN "publisher.h" EXCLUDE
+  PATTERN "row.h" EXCLUDE
+  PATTERN "schema.h" EXCLUDE
+  PATTERN "store.h" EXCLUDE)
 install(EXPORT pinlamp-targets NAMESPACE Pinlamp:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/pinlamp
   COMPONENT development)
 

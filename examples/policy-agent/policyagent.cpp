@@ -4,16 +4,14 @@
 //   pinlampd --agent libpinlamp.so --agent ./libpolicy-agent.so:Policy …
 //
 // It follows "interface/status" and "environment/fan/status", directories of Policy::LinkStatus and
-// Policy::FanStatus, and writes the LEDs of the same names under "hardware/led/config". The lanes of a port
-// that is split ("Ethernet49/1", "Ethernet49/2") light one LED ("Ethernet49") where the port has no LED for
-// each lane.
+// Policy::FanStatus, and fills "hardware/led/config" with an LED for each of them that the appliance has,
+// which is one that "hardware/gpio/config/led" maps to pins. The lanes of a port that is split
+// ("Ethernet49/1", "Ethernet49/2") light one LED ("Ethernet49") where the port has no LED for each lane.
 #include <algorithm>
 #include <map>
 
 #include "facts.h"
-#include "platform/model/hardwareled.h"
-#include "platform/warden/cagent.h"
-#include "platform/zel/dir.h"
+#include "platform/pinlamp.h"
 #include "utils/lampwise.h"
 
 namespace Policy {
@@ -26,6 +24,7 @@ constexpr std::uint16_t kFan = 0x0002;
 
 constexpr const char* kLinks = "interface/status";
 constexpr const char* kFans = "environment/fan/status";
+constexpr const char* kMappings = "hardware/gpio/config/led";
 constexpr const char* kLeds = "hardware/led/config";
 
 Led::LightSetting inColor(const Zel::String& text) {
@@ -64,7 +63,7 @@ Led::LightSetting forFan(const FanStatus& fan) {
 
 class PolicyAgent;
 
-// Hears of one link or fan. Owned by the agent.
+// Follows one link or fan. Owned by the agent.
 class LinkReactor : public Zel::Reactor<LinkReactor, LinkStatus::NotifieeConst> {
  public:
   static constexpr const char* kTypeName = "Policy::LinkReactor";
@@ -89,12 +88,25 @@ class FanReactor : public Zel::Reactor<FanReactor, FanStatus::NotifieeConst> {
   PolicyAgent& agent_;
 };
 
-// Hears of links and fans that come and go.
+// Follows links and fans that come and go.
 class FactsReactor : public Zel::Reactor<FactsReactor, Zel::Dir::NotifieeConst> {
  public:
   static constexpr const char* kTypeName = "Policy::FactsReactor";
   FactsReactor(const Zel::Ptr<const Zel::Dir>& facts, PolicyAgent& agent) : Reactor(facts), agent_(agent) {}
   void onEntry(Zel::Name name) override;
+
+ private:
+  PolicyAgent& agent_;
+};
+
+// Follows which LEDs the appliance has.
+class MappingsReactor
+    : public Zel::Reactor<MappingsReactor, Hardware::Gpio::GpioLedSystemConfigDir::NotifieeConst> {
+ public:
+  static constexpr const char* kTypeName = "Policy::MappingsReactor";
+  MappingsReactor(const Zel::Ptr<const Hardware::Gpio::GpioLedSystemConfigDir>& mappings, PolicyAgent& agent)
+      : Reactor(mappings), agent_(agent) {}
+  void onGpioLeds(Zel::Name) override;
 
  private:
   PolicyAgent& agent_;
@@ -113,6 +125,7 @@ class PolicyAgent : public Zel::Described<PolicyAgent, Warden::CAgent> {
     const auto group = entityManager()->getMountGroup(Zel::Ptr<Statedb::Mounter>(this));
     group->doMount({kLinks, "Zel::Dir", "r"});
     group->doMount({kFans, "Zel::Dir", "r"});
+    group->doMount({kMappings, "Hardware::Gpio::GpioLedSystemConfigDir", "r"});
     group->doMount({kLeds, "Hardware::Led::LedSystemConfigDir", "wi"});
     group->doClose(false, "", 0.0);
   }
@@ -121,11 +134,17 @@ class PolicyAgent : public Zel::Described<PolicyAgent, Warden::CAgent> {
                         const Zel::Ptr<Statedb::EntityManager>& manager) override {
     if (status != Statedb::mountSuccess_) throw std::runtime_error("the policy agent's mounts failed");
     leds_ = Zel::dynamicPtrCast<Hardware::Led::LedSystemConfigDir>(manager->getEntity(kLeds));
-    for (const char* path : {kLinks, kFans}) {
-      const auto facts = Zel::dynamicPtrCast<Zel::Dir>(manager->getEntity(path));
-      directories_.push_back(Zel::allocate<FactsReactor>(facts, *this));
-      for (const auto& fact : facts->entries()) factIs(fact->name(), fact);
-    }
+    mappings_ = Zel::allocate<MappingsReactor>(
+        Zel::dynamicPtrCast<Hardware::Gpio::GpioLedSystemConfigDir>(manager->getEntity(kMappings)), *this);
+    for (const char* path : {kLinks, kFans})
+      facts_.push_back(
+          Zel::allocate<FactsReactor>(Zel::dynamicPtrCast<Zel::Dir>(manager->getEntity(path)), *this));
+    lightAll();
+  }
+
+  void lightAll() {
+    for (const auto& facts : facts_)
+      for (const auto& fact : facts->notifier()->entries()) factIs(fact->name(), fact);
   }
 
   // A fact came, went (null), or became another.
@@ -149,8 +168,9 @@ class PolicyAgent : public Zel::Described<PolicyAgent, Warden::CAgent> {
  private:
   // The LED of that name, or the one of the port that it is a lane of; null where the appliance has neither.
   Zel::Ptr<Hardware::Led::LedConfig> ledOf(Zel::Name name) const {
-    if (const auto led = leds_->leds(name)) return led;
-    return leds_->leds(Zel::Name(Lampwise::portSubString(name)));
+    for (const Zel::Name led : {name, Zel::Name(Lampwise::portSubString(name))})
+      if (mappings_->notifier()->gpioLeds(led)) return leds_->ledsIs(led);
+    return nullptr;
   }
   void set(Zel::Name name, const Led::LightSetting& setting) {
     if (const auto led = ledOf(name)) led->lightSettingIs(setting);
@@ -158,11 +178,13 @@ class PolicyAgent : public Zel::Described<PolicyAgent, Warden::CAgent> {
 
   Zel::Ptr<Hardware::Led::LedSystemConfigDir> leds_;
   std::map<Zel::Name, Zel::Ptr<Zel::NotifieeBase>> reactors_;
-  std::vector<Zel::Ptr<FactsReactor>> directories_;
+  Zel::Ptr<MappingsReactor> mappings_;
+  std::vector<Zel::Ptr<FactsReactor>> facts_;
 };
 
 void LinkReactor::light() { agent_.light(*notifier()); }
 void FanReactor::onOk() { agent_.light(*notifier()); }
+void MappingsReactor::onGpioLeds(Zel::Name) { agent_.lightAll(); }
 void FactsReactor::onEntry(Zel::Name name) { agent_.factIs(name, notifier()->entityRef(name)); }
 
 // What the host looks for.

@@ -9,6 +9,7 @@
 #include "platform/statedb/entitytree.h"
 #include "platform/statedb/publisher.h"
 #include "platform/statedb/schema.h"
+#include "platform/statedb/store.h"
 #include "platform/zel/activity.h"
 
 namespace Statedb {

@@ -15,11 +15,13 @@
 #include <vector>
 
 #include "platform/statedb/mount.h"
-#include "platform/statedb/store.h"
+#include "platform/statedb/path.h"
 #include "platform/zel/dir.h"
 #include "platform/zel/export.h"
 
 namespace Statedb {
+
+class Store;
 
 // One a process, shared by the agents in it. Owned by the host, which makes it with Zel::allocate.
 class ZEL_API EntityManager : public Zel::Typed<EntityManager, Zel::PtrInterface> {

@@ -6,6 +6,7 @@
 
 #include "platform/zel/assert.h"
 #include "platform/zel/entity.h"
+#include "platform/zel/external.h"
 
 namespace Zel {
 
@@ -26,7 +27,10 @@ PassEnd::~PassEnd() = default;
 constinit ActivityManager* ActivityManager::current_ = nullptr;
 constinit Name ActivityManager::currentAgent_;
 
-ActivityManager::ActivityManager() : before_(std::exchange(current_, this)), clock_(allocate<Clock>()) {}
+ActivityManager::ActivityManager()
+    : before_(std::exchange(current_, this)),
+      external_(std::make_unique<External>()),
+      clock_(allocate<Clock>()) {}
 
 ActivityManager::~ActivityManager() {
   for (ListHook* const queue : {&round_, &pending_})
@@ -61,6 +65,7 @@ double ActivityManager::step() {
   ZEL_REQUIRE(!stepping_, "in pass " << passes_);
   const Setting stepping(stepping_);
   ++passes_;
+  external_->run();
   runPosted();
   if (clock_) clock_->advance(System::currentTime());
   for (int i = 0; i < kRounds && (pending_.linked() || round_.linked()); ++i) deliverRound();
@@ -69,7 +74,8 @@ double ActivityManager::step() {
 }
 
 double ActivityManager::nextWakeUp() const {
-  if (!posted_.empty() || pending_.linked() || round_.linked()) return System::currentTime();
+  if (!posted_.empty() || pending_.linked() || round_.linked() || external_->waiting())
+    return System::currentTime();
   return clock_ ? clock_->nextWakeUp() : Clock::kNever;
 }
 

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,8 @@
 #include "platform/zel/notifier.h"
 
 namespace Zel {
+
+class External;
 
 // Code of an agent threw: a handler, or a step of the agent's start. The exception itself is nested in this
 // one, whose text names the agent, the place, the exception's own text, and what was suspected (suspectIs).
@@ -57,10 +60,11 @@ class ZEL_API ActivityManager {
   const Ptr<const Clock>& clock() const { return clock_; }
   void clockIs(const Ptr<const Clock>& clock) { clock_ = clock; }
 
-  // One pass: what was posted, then the expiries that are due, then the notifications until none is left
-  // (what still changes after a bounded number of rounds waits for the next pass), then the ends of pass.
-  // Returns nextWakeUp(). Throws HandlerFault, and whatever a task or an end of pass throws; what was not
-  // delivered or run then stays pending. REQUIRES: not called from a handler, a task or an end of pass.
+  // One pass: what came from outside (fdwatch.h, inbox.h) and what was posted, then the expiries that are
+  // due, then the notifications until none is left (what still changes after a bounded number of rounds waits
+  // for the next pass), then the ends of pass. Returns nextWakeUp(). Throws HandlerFault, and whatever a task
+  // or an end of pass throws; what was not delivered or run then stays pending. REQUIRES: not called from a
+  // handler, a task or an end of pass.
   double step();
   // The time (seconds, as System::currentTime) at which step() has work again: not later than now where work
   // is waiting, positive infinity where there is none.
@@ -77,6 +81,9 @@ class ZEL_API ActivityManager {
   // next delivery.
   void suspectIs(std::string text) { suspect_ = {passes_, deliveries_, std::move(text)}; }
   std::string suspect() const;
+
+  // For the host: where it offers its loop's services.
+  External& external() { return *external_; }
 
   std::uint64_t passes() const { return passes_; }
   std::uint64_t deliveries() const { return deliveries_; }  // reactors that were delivered to
@@ -116,6 +123,7 @@ class ZEL_API ActivityManager {
   static constinit Name currentAgent_;
 
   ActivityManager* before_;
+  const std::unique_ptr<External> external_;
   Ptr<const Clock> clock_;
   ListHook pending_;  // in the order in which they first became pending
   ListHook round_;    // the part of it that is being delivered

@@ -1,44 +1,13 @@
 #!/usr/bin/env bash
-# Installs the build tree BUILD under a new prefix, builds examples/policy-agent from a copy outside SOURCE against it,
-# and lights an LED through both agents in one real pinlampd.
-#   policyagent.sh BUILD SOURCE
+# Builds examples/policy-agent of SOURCE against the installed copy at PREFIX, in a folder under BUILDS, and lights an LED
+# through both agents in one real pinlampd.
+#   policyagent.sh PREFIX SOURCE BUILDS
 set -euo pipefail
-build=$1 source=$2
+prefix=$1 source=$2 builds=$3
+. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
-work=$(mktemp -d)
-daemon=
-cleanup() {
-  [ -z "$daemon" ] || { kill -TERM "$daemon" 2>/dev/null && wait "$daemon" || true; }
-  rm -rf "$work"
-}
-trap cleanup EXIT
-fail() { echo "FAILED: $*" >&2; [ ! -s "$work/log" ] || cat "$work/log" >&2; exit 1; }
-
-cmake --install "$build" --prefix "$work/prefix" >/dev/null
-cp -r "$source/examples/policy-agent" "$work/policy"
-cmake -S "$work/policy" -B "$work/policy/build" -DCMAKE_PREFIX_PATH="$work/prefix" -DCMAKE_BUILD_TYPE=Release >/dev/null
-cmake --build "$work/policy/build" >/dev/null
-if grep -rq "$source" "$work/policy/build/CMakeFiles"; then fail "the example was built from the source tree"; fi
-
-export LD_LIBRARY_PATH=$work/prefix/lib PINLAMP_SOCKET=$work/control.sock
-PATH=$work/prefix/bin:$PATH
-pinlampd --store memory: --socket "$PINLAMP_SOCKET" --agent "$work/prefix/lib/libpinlamp.so" \
-  --agent "$work/policy/build/libpolicy-agent.so:Policy" 2>"$work/log" &
-daemon=$!
-for _ in $(seq 200); do pinlampctl status >/dev/null 2>&1 && break; sleep 0.05; done
-
-# await WHAT EXPECTED COMMAND...: until the command prints it
-await() {
-  local what=$1 expected=$2 found=
-  shift 2
-  for _ in $(seq 200); do
-    found=$("$@" 2>&1) || true
-    [ "$found" != "$expected" ] || return 0
-    sleep 0.05
-  done
-  fail "$what: expected $expected, got $found"
-}
-pin() { pinlampctl get "hardware/corvel/gpio/config/$1" value; }
+plugin=$(built policy-agent "$source/examples/policy-agent/.")/libpolicy-agent.so
+start --agent "$plugin:Policy"
 
 pinlampctl load "$source/tests/install/facts.json" >/dev/null
 await "a link that is up lights green" 1 pin g49
@@ -51,7 +20,5 @@ await "a link that comes up turns green" 1 pin g4
 await "and loses its fault colour" 0 pin r4
 pinlampctl del interface/status/Ethernet49%2F2
 await "a lane that goes darkens its port's LED" 0 pin g49
-kill -TERM "$daemon"
-wait "$daemon" || fail "pinlampd ended with $?"
-daemon=
+stop
 echo "the policy agent, built from an installed copy, lights LEDs through the LED agent"

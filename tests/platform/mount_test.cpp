@@ -7,6 +7,7 @@
 #include "platform/model/hardwaregpio.h"
 #include "platform/model/hardwareled.h"
 #include "platform/statedb/entitymanager.h"
+#include "platform/statedb/store.h"
 #include "platform/warden/cagent.h"
 #include "platform/zel/activity.h"
 

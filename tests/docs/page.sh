@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# Runs the shell examples of PAGE as a reader pastes them: all of them into one fresh shell, in an empty folder, with the
+# programs in BIN in its path. Their output must be what the page shows, times, process numbers and sizes
+# of disks aside.
+#   page.sh BIN PAGE
+# A block is indented by four blanks and begins with a "$ COMMAND" line; the lines after it are the command's output.
+# A fenced block with a file's name after its language ("```cpp agent.cpp") goes into that file, one after another.
+set -euo pipefail
+bin=$(realpath "$1") page=$(realpath "$2")
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+mkdir "$work/folder"
+cd "$work/folder"
+
+awk '/^```[a-z]+ [^ ]+$/ { file = $2; next } /^```/ { file = "" } file { print > file }' "$page"
+
+# The examples: blocks of which the first line is a command.
+awk '
+  /^    / && !before { inside = /^    \$ / }
+  { before = /^    / }
+  before && inside { print substr($0, 5) }
+' "$page" >"$work/expected"
+[ -s "$work/expected" ] || { echo "$page has no examples"; exit 1; }
+
+# Each command is written into the output before its own. Job control is for %1.
+{
+  echo 'set -m'
+  sed -n 's/^\$ //p' "$work/expected" | while IFS= read -r command; do
+    printf 'printf "%%s\\n" %q\n%s\n' "\$ $command" "$command"
+  done
+  echo 'for job in $(jobs -p); do kill -TERM $job; wait $job || echo "a program in the background ended with $?"; done'
+} >"$work/session"
+
+# The notice of a job that was killed is the shell's, not the command's.
+env -i HOME="$work/folder" PATH="$bin:/usr/bin:/bin" LANG=C.UTF-8 ${LD_LIBRARY_PATH:+LD_LIBRARY_PATH="$LD_LIBRARY_PATH"} \
+  ${CMAKE_PREFIX_PATH:+CMAKE_PREFIX_PATH="$CMAKE_PREFIX_PATH"} \
+  timeout 120 bash --norc "$work/session" >"$work/printed" 2>&1 </dev/null || echo "the shell ended with $?" >>"$work/printed"
+sed -i "/^[^ ]*session: line [0-9]*: *[0-9]* Killed/d" "$work/printed"
+
+masked() {
+  sed -E -e 's/[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:.]+/TIME/g' -e 's/\b(pid|process) [0-9]+/\1 N/g' \
+    -e 's/\bin [0-9.]+ (m?s)\b/in N \1/g' -e 's/(freeBytes = )[0-9.e+]+/\1N/' -e "s|$work/folder|FOLDER|g" "$1"
+}
+diff -u --label "$page" <(masked "$work/expected") --label printed <(masked "$work/printed")

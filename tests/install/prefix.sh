@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# Installs the build tree BUILD at PREFIX, and checks what an agent's author gets there: the headers that
+# platform/pinlamp.h reaches, no others, and only classes that exist in platform/forward.h.
+#   prefix.sh BUILD PREFIX
+set -euo pipefail
+build=$1 prefix=$2
+fail() { echo "FAILED: $*" >&2; exit 1; }
+
+rm -rf "$prefix"
+cmake --install "$build" --prefix "$prefix" >/dev/null
+cd "$prefix/include/pinlamp"
+
+compile() { "${CXX:-g++}" -std=c++20 -Wall -Wextra -Wpedantic -Werror -I. "$@"; }
+reached=$(printf '#include "platform/pinlamp.h"\n#include "platform/forward.h"\n#include "utils/lampwise.h"\n' |
+  compile -x c++ - -MM -MF - -MT x | tr -d '\\' | tr ' ' '\n' | grep '\.h$' | sed 's|^\./||' | sort)
+installed=$(find . -name '*.h' | sed 's|^\./||' | sort)
+[ "$reached" = "$installed" ] ||
+  fail "installed headers that platform/pinlamp.h does not reach (<), reached ones that are not installed (>):
+$(diff <(echo "$installed") <(echo "$reached"))"
+
+# A name that is declared and never defined is a mistake in forward.h.
+awk '
+  /^namespace/ { space = $2 }
+  /^(class|struct) .*;/ && !template { sub(/;/, "", $2); print "static_assert(sizeof(" space "::" $2 ") > 0);" }
+  { template = /^template/ }
+' platform/forward.h |
+  { printf '#include "platform/forward.h"\n#include "platform/pinlamp.h"\n'; cat; } | compile -x c++ - -fsyntax-only

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <filesystem>
 #include <iostream>
 
 #include "host/stores.h"
@@ -11,7 +12,8 @@
 namespace Host {
 
 Host::Host(const Options& options)
-    : store_(makeStore(options.store, loop_, [this](const std::string& text) { report(text); })),
+    : store_(makeStore(options.store, loop_,
+                       [this](const std::string& text) { activity_.post([this, text] { report(text); }); })),
       remote_(dynamic_cast<UnixStore*>(store_.get())),
       listener_(std::make_unique<Listener>(loop_, options.socket)),
       manager_(Zel::allocate<Statedb::EntityManager>(*store_)),
@@ -54,7 +56,7 @@ void Host::loadAgents(const std::vector<AgentOption>& options) {
 void Host::announce() {
   const auto filled = std::ranges::count(manager_->mounts(), "wi", &Statedb::EntityManager::MountInfo::mode);
   if (std::exchange(announced_, filled) == filled) return;
-  Announcement own{.pid = ::getpid(), .socket = listener_->path()};
+  Announcement own{.pid = ::getpid(), .socket = std::filesystem::absolute(listener_->path()).string()};
   for (const auto& plugin : plugins_) own.agents.push_back({plugin->name().stdString(), plugin->library()});
   for (const auto& mount : manager_->mounts())
     if (mount.mode == "wi") own.publishes.push_back(mount.path.text());

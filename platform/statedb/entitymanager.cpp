@@ -123,24 +123,37 @@ struct EntityManager::State : Zel::PassEnd {
       found.entity = Zel::Ptr<Zel::Entity>(found.collection->member(*found.parent, found.key));
       return found;
     }
-    follow(path.text(), found);
+    follow(path, found, [](const Found&) { return nullptr; });
     if (found.whole && found.parent) last = {path.parent(), found.parent, found.collection};
     return found;
   }
 
-  // The same by its text, from the root.
-  void follow(const std::string& text, Found& found) const {
+  // The same from the root, in one walk. Asks `missing` for each entity that is not there; ends where that
+  // gives none.
+  template <class Missing>
+  void follow(Path path, Found& found, Missing missing) const {
+    const std::vector<Path> paths = downTo(path);
+    const std::string text = path.text();
+    std::size_t depth = 0;
     found.entity = root;
-    for (PathReader reader(text); !reader.done();) {
+    for (PathReader reader(text); found.entity && !reader.done();) {
       found.parent = found.entity;
       const auto step = reader.next(found.parent->fwkType());
+      depth += step.collection.empty() ? 1 : 2;
       found.collection = collectionOf(found.parent->fwkType(), step);
       found.key = Zel::Name(step.key);
       found.entity = Zel::Ptr<Zel::Entity>(found.collection->member(*found.parent, found.key));
       found.whole = reader.done();
-      found.path = Path(step.path);
-      if (!found.entity) break;
+      found.path = paths[depth - 1];
+      if (!found.entity) found.entity = missing(found);
     }
+  }
+
+  // What stands above a path, from the outermost, and the path itself.
+  static std::vector<Path> downTo(Path path) {
+    std::vector<Path> paths(path.depth());
+    for (auto each = paths.rbegin(); each != paths.rend(); ++each, path = path.parent()) *each = path;
+    return paths;
   }
 
   // The row of the type that a step leads through.
@@ -168,16 +181,19 @@ struct EntityManager::State : Zel::PassEnd {
 
   // The entity at a path, made where it was not there; directories on the way as well.
   Zel::Ptr<Zel::Entity> ensure(Path path, Zel::Name type) {
-    for (;;) {
-      const Found found = find(path);
-      if (found.entity) return found.entity;
-      if (!found.whole && !found.collection->direct)
-        throw Zel::ValueError("there is no entity at '" + found.path.text() + "'");
-      const auto made = newMember(found, found.whole ? type : typeOnTheWay(found.path));
-      published(found.parent, found.path,
-                [&](PublishedEntity& above) { above.adopt(*found.collection, found.key, made); });
-      if (found.whole) return made;
-    }
+    Found found = find(path);
+    if (found.entity) return found.entity;
+    if (found.whole) return make(found, type);
+    follow(path, found, [&](const Found& at) { return make(at, at.whole ? type : typeOnTheWay(at.path)); });
+    return found.entity;
+  }
+
+  Zel::Ptr<Zel::Entity> make(const Found& at, Zel::Name type) {
+    if (!at.whole && !at.collection->direct)
+      throw Zel::ValueError("there is no entity at '" + at.path.text() + "'");
+    const auto made = newMember(at, type);
+    published(at.parent, at.path, [&](PublishedEntity& above) { above.adopt(*at.collection, at.key, made); });
+    return made;
   }
 
   // What stands above an entity without a row of its own: what is mounted there, else a directory.

@@ -149,8 +149,7 @@ Value::List Objects::coerced(const std::string& path, const AttributeInfo& row,
   Value::List given = arguments;
   if (row.direct) {  // the type of an entry
     for (const Value& type : given)
-      if (const auto* text = type.as<std::string>())
-        Statedb::checkRow(Zel::Name::existing(*text).value_or(Zel::Name()), {}, {});
+      if (const auto* text = type.as<std::string>()) Statedb::typeNamed(*text);
     return given;
   }
   const Zel::Parameter plain{row.name, row.type};

@@ -5,7 +5,7 @@
 // A path starts at an agent ("agent" is the first one, any agent goes by its name too) or at a mounted entity
 // ("hardware/led/config/leds/Status"), and leads from object to object by attributes; behind a collection
 // stands a member's key. Entries of a directory stand under it without the collection's name. Names are
-// escaped as in entity paths. A path has at most kLongestPath bytes and kDeepestPath components, none of them
+// escaped as in entity paths. A path is within the limits of Statedb::Path, and none of its components is
 // empty.
 //
 // Clients read, and where the host allows it set, delete and invoke. What the objects' own operations do not

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "platform/statedb/path.h"
 #include "platform/zel/entity.h"
 
 namespace Host {
@@ -12,9 +13,7 @@ using Zel::Value;
 using Zel::ValueError;
 
 std::vector<std::string> pathComponents(std::string_view path) {
-  if (path.size() > kLongestPath)
-    throw ValueError("the path has " + std::to_string(path.size()) + " bytes; it may have " +
-                     std::to_string(kLongestPath));
+  Statedb::Path::check(path);
   std::vector<std::string> components;
   for (std::size_t at = 0; at <= path.size() && !path.empty();) {
     const std::size_t end = std::min(path.find('/', at), path.size());
@@ -24,9 +23,6 @@ std::vector<std::string> pathComponents(std::string_view path) {
     components.emplace_back(path.substr(at, end - at));
     at = end + 1;
   }
-  if (components.size() > kDeepestPath)
-    throw ValueError("the path has " + std::to_string(components.size()) + " components; it may have " +
-                     std::to_string(kDeepestPath));
   return components;
 }
 
@@ -59,22 +55,13 @@ ObjectRef memberOf(const ObjectRef& at, const AttributeInfo& row, const std::str
 
 namespace {
 
-std::string keyOf(const std::string& component) {
-  constexpr std::size_t kLongestName = 255;
-  std::string key = Zel::unescapeComponent(component);
-  if (key.size() > kLongestName)
-    throw ValueError("'" + component + "' stands for a name of " + std::to_string(key.size()) +
-                     " bytes; it may have " + std::to_string(kLongestName));
-  return key;
-}
-
 [[noreturn]] void leadsNowhere(const ObjectRef& at, const std::string& component) {
   throw ValueError("'" + component + "' leads nowhere; there is " + candidatesText(at, component));
 }
 
 ObjectRef stepIntoAttribute(const ObjectRef& at, const std::string& component) {
   if (!at.attribute->keys) leadsNowhere(at, component);
-  std::string key = keyOf(component);
+  std::string key = Zel::unescapeComponent(component);
   if (at.attribute->kind == Kind::collection)
     if (ObjectRef member = memberOf(at, *at.attribute, key); member.object) return member;
   return {at.object, at.isConst, at.attribute, std::move(key)};
@@ -87,7 +74,8 @@ ObjectRef step(const ObjectRef& at, const std::string& component) {
   if (at.attribute) return stepIntoAttribute(at, component);
   const Zel::TypeNode& type = at.object->fwkType();
   if (const AttributeInfo* direct = directRow(type))
-    if (ObjectRef entry = memberOf(at, *direct, keyOf(component)); entry.object) return entry;
+    if (ObjectRef entry = memberOf(at, *direct, Zel::unescapeComponent(component)); entry.object)
+      return entry;
   if (const AttributeInfo* row = type.find(std::string_view(component)))
     return {at.object, at.isConst, row, {}};
   leadsNowhere(at, component);

@@ -13,7 +13,8 @@ using Statedb::Record;
 Watches::Watches(Statedb::Store& store, Send send)
     : send_(std::move(send)), all_(store, send_), others_(store, send_) {}
 
-std::uint64_t Watches::add(Path path, bool own) {
+std::optional<std::uint64_t> Watches::add(const std::string& path, bool own) {
+  if (all_.count() + others_.count() >= kMost) return std::nullopt;
   (own ? all_ : others_).add(++last_, path);
   return last_;
 }
@@ -22,14 +23,20 @@ bool Watches::del(std::uint64_t id) { return all_.del(id) || others_.del(id); }
 
 Watches::Group::~Group() { store_.unsubscribe(*this); }
 
-void Watches::Group::add(std::uint64_t id, Path path) {
+void Watches::Group::add(std::uint64_t id, const std::string& path) {
   if (watches_.empty()) {
     // The snapshot that comes at once is nothing new; the watch's own answer holds its part of it.
     subscribing_ = true;
     store_.subscribe({}, *this);
     subscribing_ = false;
   }
-  watches_.push_back({id, path});
+  watches_.push_back({id, path, Path::existing(path)});
+}
+
+void Watches::Group::findPaths() {
+  if (std::exchange(paths_, Path::count()) == Path::count()) return;
+  for (Watch& watch : watches_)
+    if (!watch.path) watch.path = Path::existing(watch.text);
 }
 
 bool Watches::Group::del(std::uint64_t id) {
@@ -40,18 +47,22 @@ bool Watches::Group::del(std::uint64_t id) {
 
 void Watches::Group::onSnapshot(const Statedb::Records& records) {
   if (subscribing_) return;
+  findPaths();
   for (const Watch& watch : watches_) {
     Statedb::Records under;
-    std::ranges::copy_if(records, std::back_inserter(under),
-                         [&](const Record* record) { return record->path.isUnder(watch.path); });
+    std::ranges::copy_if(records, std::back_inserter(under), [&](const Record* record) {
+      return watch.path && record->path.isUnder(*watch.path);
+    });
     send_(notificationText(
         "reset", "{\"entities\":" + entitiesText(under) + ",\"watch\":" + std::to_string(watch.id) + '}'));
   }
 }
 
 void Watches::Group::onChanges(const Changes& changes) {
+  findPaths();
   for (const Watch& watch : watches_) {
-    const auto isItsOwn = [&](const Statedb::Change& change) { return concerns(change, watch.path); };
+    if (!watch.path) continue;
+    const auto isItsOwn = [&](const Statedb::Change& change) { return concerns(change, *watch.path); };
     if (std::ranges::all_of(changes, isItsOwn)) {
       tell(watch, changes);
       continue;

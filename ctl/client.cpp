@@ -131,6 +131,16 @@ Json Client::read(const std::string& path) {
 
 void Client::write(Json changes) { call("write", {{"changes", std::move(changes)}}); }
 
+std::vector<std::string> Client::filled() {
+  const Json status = call("status");
+  std::vector<std::string> paths;
+  for (const Json& mount : status.at("mounts"))
+    if (mount.at("mode") == "wi") paths.push_back(mount.at("path"));
+  for (const Json& process : status.at("processes"))
+    for (const Json& path : process.at("publishes")) paths.push_back(path);
+  return paths;
+}
+
 Json Client::types() { return call("types").at("types"); }
 
 std::vector<std::string> Client::attributesOf(const std::string& typeName) {

@@ -49,6 +49,8 @@ class Client {
   Json read(const std::string& path);
   // All of the changes, or none.
   void write(Json changes);
+  // The paths that agents fill, of this host or of others: nobody else writes at or under them.
+  std::vector<std::string> filled();
   // The types of entities that the host knows.
   Json types();
   // The names of a type's attributes; none for an unknown type.

@@ -32,10 +32,11 @@ std::vector<std::string> linesOf(const std::string& text) {
 
 void load(Context& context, const std::string& file, bool replace) {
   const Configuration configuration(file == "-" ? "standard input" : file, contentsOf(file));
-  Json changes = replace ? configuration.dels(context.client().read("")) : Json::array();
+  Client& client = context.client();
+  Json changes = replace ? configuration.dels(client.read(""), client.filled()) : Json::array();
   for (Json& put : configuration.puts()) changes.push_back(std::move(put));
   try {
-    context.client().write(std::move(changes));
+    client.write(std::move(changes));
   } catch (const ConnectionLost&) {
     throw;
   } catch (const Refusal& refusal) {
@@ -50,7 +51,7 @@ void dump(Context& context, const std::string& path, bool all) {
   const Json entities = context.client().read(path);
   if (entities.empty() && !path.empty())
     throw Refusal("there is nothing at '" + path + "'; see: pinlampctl get");
-  context.out << configurationText(entities, all);
+  context.out << (all ? wholeText(entities) : configurationText(entities, context.client().filled()));
 }
 
 void addLoad(CLI::App& app, Context& context) {
@@ -81,7 +82,7 @@ void addDump(CLI::App& app, Context& context) {
                                  "pinlampctl dump hardware/led/config > leds.json");
   context.completes(command->add_option("PATH", given->path, "Only what stands at and under this path"),
                     Completes::path);
-  command->add_flag("--all", given->all, "Also the pin values that agents derive");
+  command->add_flag("--all", given->all, "Also what agents fill: pin values, states of lines");
   command->callback([&context, given] { dump(context, given->path, given->all); });
 }
 

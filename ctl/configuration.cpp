@@ -100,7 +100,15 @@ Json Configuration::puts() const {
 
 namespace {
 
-bool isDerived(const std::string& path) { return isUnder(path, kPinDir); }
+// Whether agents say what stands at a path, those that are not running now included.
+bool isDerived(const std::string& path, const std::vector<std::string>& filled) {
+  return isUnder(path, kPinDir) || isUnder(path, kLineStatusDir) ||
+         std::ranges::any_of(filled, [&](const std::string& each) { return isUnder(path, each); });
+}
+
+bool leadsTo(const std::string& path, const std::vector<std::string>& filled) {
+  return std::ranges::any_of(filled, [&](const std::string& each) { return isUnder(each, path); });
+}
 
 // Whether the host's entity has a type or an attribute that the wanted one does not, so that storing over it
 // would not do.
@@ -113,13 +121,13 @@ bool mustGo(const Json& found, const Json* wanted) {
 
 }  // namespace
 
-Json Configuration::dels(const Json& entities) const {
+Json Configuration::dels(const Json& entities, const std::vector<std::string>& filled) const {
   Json changes = Json::array();
   for (const Json& found : entities) {
     const std::string path = found.at("path");
     const auto wanted = entities_.find(path);
     const bool goesWithLast = !changes.empty() && isUnder(path, changes.back().at("path").get<std::string>());
-    if (!isDerived(path) && !goesWithLast &&
+    if (!isDerived(path, filled) && !leadsTo(path, filled) && !goesWithLast &&
         mustGo(found, wanted == entities_.end() ? nullptr : &wanted->second))
       changes.push_back({{"op", "del"}, {"path", path}});
   }
@@ -137,14 +145,20 @@ std::string entityText(const Json& entity) {
 
 }  // namespace
 
-std::string configurationText(const Json& entities, bool all) {
+std::string wholeText(const Json& entities) {
   std::map<std::string, std::string> lines;
-  for (const Json& entity : entities)
-    if (const std::string path = entity.at("path"); all || !isDerived(path)) lines[path] = entityText(entity);
+  for (const Json& entity : entities) lines[entity.at("path")] = entityText(entity);
   std::string text = "{";
   for (const auto& [path, line] : lines)
     text += (text == "{" ? "\n  " : ",\n  ") + jsonText(path) + ": " + line;
   return text + "\n}\n";
+}
+
+std::string configurationText(const Json& entities, const std::vector<std::string>& filled) {
+  Json kept = Json::array();
+  for (const Json& entity : entities)
+    if (!isDerived(entity.at("path"), filled)) kept.push_back(entity);
+  return wholeText(kept);
 }
 
 }  // namespace Ctl

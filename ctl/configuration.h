@@ -18,8 +18,9 @@ class Configuration {
   // The changes that store everything, an entity before what stands under it.
   Json puts() const;
   // The changes that remove what is in `entities` (as read from the host) but not here, so that after them
-  // and puts() the host has this configuration and nothing else.
-  Json dels(const Json& entities) const;
+  // and puts() the host has this configuration and nothing else, but for what agents fill at and under the
+  // paths in `filled`.
+  Json dels(const Json& entities, const std::vector<std::string>& filled) const;
 
   std::size_t size() const { return entities_.size(); }
   // The host's complaint, which begins with a path, with the place in the file in front.
@@ -34,7 +35,10 @@ class Configuration {
   std::map<std::string, Json> entities_;  // by path: all attributes, and "type"
 };
 
-// The file's text for entities as the host sends them; derived pins are left out unless `all`.
-std::string configurationText(const Json& entities, bool all);
+// The file's text for entities as the host sends them. What agents derive is left out: pins, states of lines,
+// and what stands at and under the paths in `filled`.
+std::string configurationText(const Json& entities, const std::vector<std::string>& filled);
+// The same with all of it.
+std::string wholeText(const Json& entities);
 
 }  // namespace Ctl

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "platform/statedb/path.h"
 #include "platform/statedb/schema.h"
 #include "platform/zel/dir.h"
 
@@ -13,13 +12,6 @@ using Zel::Value;
 using Zel::ValueError;
 
 namespace {
-
-const std::string& boundedText(const Value& value, const char* name, std::size_t limit) {
-  const std::string& text = textField(value, name, Needed::yes);
-  if (text.size() > limit)
-    throw ValueError("'" + std::string(name) + "' is longer than " + std::to_string(limit) + " bytes");
-  return text;
-}
 
 const Value::List& boundedList(const Value& value, const char* name, std::size_t limit) {
   const Value::List& list = listField(value, name);
@@ -51,11 +43,12 @@ std::string textOf(const Announcement& announcement) {
 }  // namespace
 
 Announcement Announcement::from(const Value& parameters) {
-  Announcement read{.pid = pidField(parameters), .socket = boundedText(parameters, "socket", kLongestFile)};
+  Announcement read{.pid = pidField(parameters),
+                    .socket = boundedText(parameters, "socket", kLongestFile, Needed::yes)};
   for (const Value& agent : boundedList(parameters, "agents", kMostAgents)) {
     expectFields(agent, {"name", "library"});
-    read.agents.push_back(
-        {boundedText(agent, "name", Zel::Name::kLongest), boundedText(agent, "library", kLongestFile)});
+    read.agents.push_back({boundedText(agent, "name", Zel::Name::kLongest, Needed::yes),
+                           boundedText(agent, "library", kLongestFile, Needed::yes)});
   }
   for (const Value& path : boundedList(parameters, "publishes", kMostPaths))
     read.publishes.push_back(publishedPath(path));
@@ -86,11 +79,8 @@ void Announcements::Process::withdraw() {
 
 Announcements::Paths::const_iterator Announcements::filledAbove(const Process& writer,
                                                                 std::string_view path) const {
-  for (std::size_t end = 0; end < path.size() && !paths_.empty(); ++end) {
-    end = std::min(path.find('/', end), path.size());
-    const auto found = paths_.find(path.substr(0, end));
-    if (found != paths_.end() && found->second != &writer) return found;
-  }
+  for (; !path.empty() && !paths_.empty(); path = Statedb::textAbove(path))
+    if (const auto found = paths_.find(path); found != paths_.end() && found->second != &writer) return found;
   return paths_.end();
 }
 

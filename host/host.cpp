@@ -14,7 +14,8 @@ namespace Host {
 
 Host::Host(const Options& options)
     : services_(loop_, activity_.external()),
-      store_(makeStore(options.store, loop_, [this](const std::string& text) { report(text); })),
+      store_(makeStore(options.store, loop_,
+                       [this](const std::string& text) { activity_.post([this, text] { report(text); }); })),
       remote_(dynamic_cast<UnixStore*>(store_.get())),
       listener_(std::make_unique<Listener>(loop_, options.socket)),
       manager_(Zel::allocate<Statedb::EntityManager>(*store_)),

@@ -94,7 +94,7 @@ class Reader {
       if (!names.insert(name).second) throwTwice(name);
   }
   [[noreturn]] static void throwTwice(const std::string& name) {
-    throw ValueError("the name '" + name + "' stands twice among the same fields");
+    throw ValueError("the name '" + Zel::excerpt(name) + "' stands twice among the same fields");
   }
 
   std::vector<Value*> open_;  // lists and fields that have not ended, each in the one before
@@ -205,7 +205,7 @@ namespace {
   throw ValueError(what + "found " + found.kindText() + ", wanted " + wanted);
 }
 
-std::string inQuotes(std::string_view name) { return "'" + std::string(name) + "'"; }
+std::string inQuotes(std::string_view name) { return "'" + Zel::excerpt(name) + "'"; }
 
 // The field of that name; null where it is left out and may be.
 const Value* fieldOf(const Value& value, const char* name, Needed needed) {
@@ -244,6 +244,13 @@ const std::string& textField(const Value& value, const char* name, Needed needed
   const auto* text = field->as<std::string>();
   if (!text) throwWrongKind(inQuotes(name) + ": ", *field, "a text");
   return *text;
+}
+
+const std::string& boundedText(const Value& value, const char* name, std::size_t longest, Needed needed) {
+  const std::string& text = textField(value, name, needed);
+  if (text.size() > longest)
+    throw ValueError(inQuotes(name) + " is longer than " + std::to_string(longest) + " bytes");
+  return text;
 }
 
 bool flagField(const Value& value, const char* name, bool otherwise) {
@@ -381,7 +388,7 @@ Changes changesFrom(const Value& list) {
   for (const Value& each : listOf("'changes': ", list)) {
     const RequestedChange change = requestedChange(each);
     if (change.kind == Change::Kind::put && change.type.empty()) throw ValueError("'type' is missing");
-    appendChanges(change, change.type, changes);
+    appendChanges(change, Zel::Name(change.type), changes);
   }
   return changes;
 }
@@ -400,8 +407,8 @@ RequestedChange requestedChange(const Value& value) {
     return {
         .kind = Change::Kind::unset, .path = textField(value, "path", Needed::yes), .attribute = attribute};
   }
-  if (op != "put") throw ValueError("'op': found \"" + op + "\", wanted \"put\", \"unset\" or \"del\"");
-  expectFields(value, {"op", "path", "type", "attributes", "existing"});
+  if (op != "put")
+    throw ValueError("'op': found \"" + Zel::excerpt(op) + "\", wanted \"put\", \"unset\" or \"del\"");
   return {.path = textField(value, "path", Needed::yes),
           .type = textField(value, "type"),
           .existing = flagField(value, "existing", false),
@@ -409,13 +416,14 @@ RequestedChange requestedChange(const Value& value) {
 }
 
 void appendChanges(const RequestedChange& change, Zel::Name type, Changes& changes) {
-  if (change.kind == Change::Kind::del) return changes.push_back(Change::del(change.path));
+  const Path path(change.path);
+  if (change.kind == Change::Kind::del) return changes.push_back(Change::del(path));
   if (change.kind == Change::Kind::unset)
-    return changes.push_back(Change::unset(change.path, change.attribute));
-  changes.push_back(Change::put(change.path, type, {}, {}));
+    return changes.push_back(Change::unset(path, Zel::Name(change.attribute)));
+  changes.push_back(Change::put(path, type, {}, {}));
   if (!change.attributes) return;
   for (const auto& [name, value] : *change.attributes)
-    changes.push_back(Change::put(change.path, type, name, value));
+    changes.push_back(Change::put(path, type, name, value));
 }
 
 }  // namespace Host

@@ -37,6 +37,9 @@ void expectFields(const Zel::Value& value, std::initializer_list<std::string_vie
 // Whether the text must be there; where it need not, the empty text stands for it.
 enum class Needed { yes, no };
 const std::string& textField(const Zel::Value& value, const char* name, Needed needed = Needed::no);
+// A text of at most `longest` bytes.
+const std::string& boundedText(const Zel::Value& value, const char* name, std::size_t longest,
+                               Needed needed = Needed::no);
 bool flagField(const Zel::Value& value, const char* name, bool otherwise);
 const Zel::Value::List& listField(const Zel::Value& value, const char* name);
 
@@ -51,18 +54,20 @@ std::string changesText(const Statedb::Changes& changes);
 // The inverse. Every put must say its type. Throws Zel::ValueError.
 Statedb::Changes changesFrom(const Zel::Value& changes);
 
-// One step that a client asks for, read but not yet checked against anything.
+// One step that a client asks for, read but not yet checked against anything. Points into the value that was
+// read: nothing is interned before it is taken.
 struct RequestedChange {
   Statedb::Change::Kind kind = Statedb::Change::Kind::put;
-  Statedb::Path path{};
-  Zel::Name type{};       // empty where it was left out
-  Zel::Name attribute{};  // of an unset
+  std::string_view path{};
+  std::string_view type{};       // empty where it was left out
+  std::string_view attribute{};  // of an unset
   bool existing = false;
   const Zel::Value::Fields* attributes = nullptr;  // of the value that was read; null: none
 };
 // Throws Zel::ValueError, which names the field that is missing, unknown or of the wrong kind.
 RequestedChange requestedChange(const Zel::Value& change);
-// Appends the rows of a put of that type, or the one step that it is.
+// Appends the rows of a put of that type, or the one step that it is. Throws Zel::ValueError where the path
+// or a name is beyond its limit.
 void appendChanges(const RequestedChange& change, Zel::Name type, Statedb::Changes& changes);
 
 }  // namespace Host

@@ -19,6 +19,7 @@ constexpr int kProtocol = 1;
 // A parameter that is a path, or empty for everything.
 const std::string& pathField(const Zel::Value& parameters) {
   const std::string& path = textField(parameters, "path");
+  Statedb::Path::check(path);
   for (Statedb::PathReader reader(path); !reader.done();) reader.next(Zel::Dir::typeNode());
   return path;
 }
@@ -27,7 +28,8 @@ Statedb::Durability durabilityField(const Zel::Value& parameters) {
   const std::string& text = textField(parameters, "durability");
   if (text.empty() || text == "stored") return Statedb::Durability::stored;
   if (text == "derived") return Statedb::Durability::derived;
-  throw Zel::ValueError("'durability': found \"" + text + "\", wanted \"stored\" or \"derived\"");
+  throw Zel::ValueError("'durability': found \"" + Zel::excerpt(text) +
+                        "\", wanted \"stored\" or \"derived\"");
 }
 
 }  // namespace
@@ -36,7 +38,10 @@ Methods::Methods(Served& served)
     : served_(served),
       memory_(dynamic_cast<const Statedb::MemoryStore*>(&served.store)),
       // Where the rows are kept elsewhere, so are the checks.
-      typeAt_([this](Statedb::Path path) { return memory_ ? memory_->typeAt(path) : Zel::Name(); }) {}
+      typeAt_([this](std::string_view path) {
+        const auto known = memory_ ? Statedb::Path::existing(path) : std::nullopt;
+        return known ? memory_->typeAt(*known) : Zel::Name();
+      }) {}
 
 std::span<const Methods::Method> Methods::table() {
   static const Method methods[] = {
@@ -60,7 +65,8 @@ const Methods::Method& Methods::find(const std::string& name) {
     if (method.name == name) return method;
     names += (names.empty() ? "" : ", ") + std::string(method.name);
   }
-  throw RpcError(RpcCode::noSuchMethod, "there is no method '" + name + "'; there are " + names);
+  throw RpcError(RpcCode::noSuchMethod,
+                 "there is no method '" + Zel::excerpt(name) + "'; there are " + names);
 }
 
 std::string Methods::run(const Method& method, const Zel::Value& parameters, Caller& caller) const {
@@ -85,9 +91,15 @@ std::string Methods::hello(const Zel::Value&, Caller&) const {
 
 // Everything under a path, which need not ever have been one.
 std::string Methods::entitiesAt(const std::string& text) const {
+  expectMemory("read");
   const auto path = Statedb::Path::existing(text);
-  if (!path && memory_) return "[]";
-  return entitiesText(served_.store.read(path ? *path : Statedb::Path(text)));
+  return path ? entitiesText(served_.store.read(*path)) : "[]";
+}
+
+void Methods::expectMemory(const char* method) const {
+  if (!memory_)
+    throw Statedb::StoreError(std::string(method) + ": the state is kept at " + served_.store.url() +
+                              "; ask there");
 }
 
 std::string Methods::read(const Zel::Value& parameters, Caller&) const {
@@ -98,6 +110,7 @@ std::string Methods::write(const Zel::Value& parameters, Caller& caller) const {
   const Zel::Value::List& changes = listField(parameters, "changes");
   const auto durability = durabilityField(parameters);
   const bool derived = durability == Statedb::Durability::derived;
+  if (!derived) expectMemory("write");
   const auto batch = readBatch(changes, {.typeAt = typeAt_,
                                          .mounts = served_.manager.mounts(),
                                          .announcements = served_.announcements,
@@ -114,8 +127,11 @@ std::string Methods::write(const Zel::Value& parameters, Caller& caller) const {
 std::string Methods::watch(const Zel::Value& parameters, Caller& caller) const {
   const std::string& path = pathField(parameters);
   const std::string entities = entitiesAt(path);
-  const std::uint64_t id = caller.watches.add(path, flagField(parameters, "own", true));
-  return "{\"entities\":" + entities + ",\"watch\":" + std::to_string(id) + '}';
+  const auto id = caller.watches.add(path, flagField(parameters, "own", true));
+  if (!id)
+    throw refusedFor({"watch: this connection has " + std::to_string(Watches::kMost) +
+                      " watches, the most that one may have; unwatch some first"});
+  return "{\"entities\":" + entities + ",\"watch\":" + std::to_string(*id) + '}';
 }
 
 std::string Methods::unwatch(const Zel::Value& parameters, Caller& caller) const {
@@ -123,15 +139,13 @@ std::string Methods::unwatch(const Zel::Value& parameters, Caller& caller) const
   if (!given) throw Zel::ValueError("'watch' is missing");
   const auto* id = given->as<std::int64_t>();
   if (!id || !caller.watches.del(static_cast<std::uint64_t>(*id)))
-    throw Zel::ValueError("'watch': this connection has no watch " + jsonText(*given));
+    throw Zel::ValueError("'watch': this connection has no watch " + Zel::excerpt(jsonText(*given)));
   return "{}";
 }
 
-// Where the rows are kept elsewhere, so are the announcements.
 std::string Methods::announce(const Zel::Value& parameters, Caller& caller) const {
+  expectMemory("announce");
   Announcement announcement = Announcement::from(parameters);
-  if (!memory_)
-    throw refusedFor({"announce: the state database is " + served_.store.url() + "; announce there"});
   try {
     caller.process.announce(std::move(announcement));
   } catch (const Zel::ValueError& error) {
@@ -250,10 +264,28 @@ std::string Methods::types(const Zel::Value&, Caller&) const {
   return jsonText(Json{{"types", std::move(types)}});
 }
 
+namespace {
+
+// A client sets levels of the facilities that there are; it makes none.
+void setTraceLevels(const std::string& text) {
+  const std::string facility = text.substr(0, text.find('/'));
+  std::string names;
+  for (const Zel::TraceFacility* each : Zel::TraceFacility::all())
+    names += (names.empty() ? "" : ", ") + each->name();
+  if (facility != text && !facility.empty() && !Zel::TraceFacility::existing(facility))
+    throw Zel::ValueError("there is no facility '" + facility + "'; there is " +
+                          (names.empty() ? "none" : names));
+  Zel::traceLevelsIs(text);
+}
+
+}  // namespace
+
 std::string Methods::trace(const Zel::Value& parameters, Caller&) const {
   if (parameters.field("levels")) {
+    constexpr std::size_t kLongest = 255;
+    const std::string& levels = boundedText(parameters, "levels", kLongest);
     try {
-      Zel::traceLevelsIs(textField(parameters, "levels"));
+      setTraceLevels(levels);
     } catch (const Zel::ValueError& error) {
       throw refusedFor({std::string("trace: ") + error.what()});
     }
@@ -313,7 +345,7 @@ std::string Methods::object(const Zel::Value& parameters, Caller&) const {
   const std::string& name = textField(parameters, "operation");
   const auto operation = std::ranges::find(kObjectOperations, name, &ObjectOperation::name);
   if (operation == std::end(kObjectOperations))
-    throw Zel::ValueError("'operation': found \"" + name +
+    throw Zel::ValueError("'operation': found \"" + Zel::excerpt(name) +
                           "\", wanted tree, list, get, set, delete, iterate or invoke");
   const std::string& path = textField(parameters, "path");
   pathComponents(path);

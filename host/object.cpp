@@ -68,15 +68,6 @@ bool isStartUp(const ObjectRef& at) {
          at.object->fwkType().isA(Warden::CAgent::typeNode());
 }
 
-// Throws ValueError where no entry of that type may be made.
-void checkEntryType(const Value& type) {
-  const auto* text = type.as<std::string>();
-  if (!text) return;
-  const auto known = Zel::Name::existing(*text);
-  if (!known) throw ValueError("type '" + Zel::excerpt(*text) + "' is unknown");
-  Statedb::checkRow(*known, {}, {});
-}
-
 }  // namespace
 
 ObjectRef Objects::resolve(const std::string& path) const { return resolve(pathComponents(path)); }
@@ -157,8 +148,9 @@ Value Objects::call(const std::string& path, const Value::List& arguments) const
 Value::List Objects::coerced(const std::string& path, const AttributeInfo& row,
                              const Value::List& arguments) const {
   Value::List given = arguments;
-  if (row.direct) {
-    for (const Value& type : given) checkEntryType(type);
+  if (row.direct) {  // the type of an entry
+    for (const Value& type : given)
+      if (const auto* text = type.as<std::string>()) Statedb::typeNamed(*text);
     return given;
   }
   const Zel::Parameter plain{row.name, row.type};

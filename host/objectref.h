@@ -22,8 +22,8 @@ struct ObjectRef {
   std::optional<std::string> key;
 };
 
-// The components of a path. Throws ValueError where the text is beyond the limits of Statedb::Path, or has an
-// empty component (two slashes in a row, or one at either end).
+// The components of a path. Throws ValueError where the text is beyond the limits of paths, or has an empty
+// component (two slashes in a row, or one at either end).
 std::vector<std::string> pathComponents(std::string_view path);
 
 // One component further. Throws ValueError where it leads nowhere; the text has the candidates.

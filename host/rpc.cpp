@@ -57,8 +57,10 @@ std::string resultText(const Zel::Value& id, std::string_view result) {
 }
 
 std::string errorText(const Zel::Value& id, const RpcError& error) {
-  Json what = {{"code", static_cast<int>(error.code())}, {"message", error.what()}};
-  if (!error.errors().empty()) what["data"] = {{"errors", error.errors()}};
+  Json what = {{"code", static_cast<int>(error.code())},
+               {"message", Zel::excerpt(error.what(), kLongestError)}};
+  for (const std::string& each : error.errors())
+    what["data"]["errors"].push_back(Zel::excerpt(each, kLongestError));
   return "{\"error\":" + jsonText(what) + ",\"id\":" + jsonText(id) + ",\"jsonrpc\":\"2.0\"}";
 }
 

@@ -19,6 +19,9 @@ enum class RpcCode {
   store = 2,    // the store could not take it; nothing was changed
 };
 
+// Bytes of one line of an error; what quotes more than that is cut.
+inline constexpr std::size_t kLongestError = 8192;
+
 class RpcError : public std::runtime_error {
  public:
   // `errors` are all the lines of a refusal.

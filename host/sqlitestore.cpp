@@ -53,13 +53,23 @@ class SqliteStore::Database {
     unset_ = prepare("DELETE FROM rows WHERE path = ?1 AND attribute = ?2");
   }
 
-  // Calls `take` with every row, those of one entity together.
+  // Calls `take` with every row, those of one entity together. Rows whose path or names are beyond the limits
+  // are left where they are: `report` gets the first few, and how many there are.
   template <class Take>
-  void forEachRow(Take take) {
+  void forEachRow(Take take, const Report& report) {
     const Statement select =
         prepare("SELECT path, attribute, type, value FROM rows ORDER BY path, attribute");
     Known known;
-    while (step(*select)) take(row(*select, known));
+    std::size_t leftOut = 0;
+    while (step(*select)) {
+      try {
+        take(row(*select, known));
+      } catch (const Zel::ValueError& error) {
+        constexpr std::size_t kReported = 10;
+        if (++leftOut <= kReported) report("store file '" + file_ + "': a row is left out: " + error.what());
+      }
+    }
+    if (leftOut > 0) report("store file '" + file_ + "': rows left out: " + std::to_string(leftOut));
   }
 
   // All of it or nothing.
@@ -173,8 +183,9 @@ class SqliteStore::Database {
   Statement unset_;
 };
 
-SqliteStore::SqliteStore(const std::string& file) : file_(file), database_(std::make_unique<Database>(file)) {
-  database_->forEachRow([this](Row row) { restore(std::move(row)); });
+SqliteStore::SqliteStore(const std::string& file, const Report& report)
+    : file_(file), database_(std::make_unique<Database>(file)) {
+  database_->forEachRow([this](Row row) { restore(std::move(row)); }, report);
 }
 SqliteStore::~SqliteStore() = default;
 

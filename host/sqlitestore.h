@@ -4,6 +4,7 @@
 // docs/state-database.md describes its format.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -13,10 +14,14 @@ namespace Host {
 
 class SqliteStore : public Statedb::MemoryStore {
  public:
-  // Opens the file, making it where it is not there, and reads its rows. Throws StoreError where its folder
-  // is missing, another process owns it, or it is not a database of this application and version; a file that
-  // is refused is left as it was.
-  explicit SqliteStore(const std::string& file);
+  using Report = std::function<void(const std::string& text)>;
+
+  // Opens the file, making it where it is not there, and reads its rows. Rows whose paths or names are beyond
+  // the limits stay in the file, and are only reported. Throws StoreError where its folder is missing,
+  // another process owns it, or it is not a database of this application and version; a file that is refused
+  // is left as it was.
+  explicit SqliteStore(
+      const std::string& file, const Report& report = [](const std::string&) {});
   ~SqliteStore() override;
 
   std::string url() const override;

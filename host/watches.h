@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,14 +15,17 @@ namespace Host {
 // Sends a notification for every batch that touches a watched path.
 class Watches {
  public:
+  static constexpr std::size_t kMost = 256;  // of one client
+
   using Send = std::function<void(const std::string& line)>;
 
   // `store` must outlive the watches.
   Watches(Statedb::Store& store, Send send);
 
-  // Watches a path, without the client's own writes where `own` is false. Returns the watch's number, which
-  // is not used again.
-  std::uint64_t add(Statedb::Path path, bool own);
+  // Watches a path, without the client's own writes where `own` is false. The path need not ever have been
+  // made, and is not made by this. Returns the watch's number, which is not used again; nothing where the
+  // client has kMost already.
+  std::optional<std::uint64_t> add(const std::string& path, bool own);
   // Returns whether there was such a watch.
   bool del(std::uint64_t id);
 
@@ -36,7 +40,8 @@ class Watches {
     Group(Statedb::Store& store, const Send& send) : store_(store), send_(send) {}
     ~Group() override;
 
-    void add(std::uint64_t id, Statedb::Path path);
+    std::size_t count() const { return watches_.size(); }
+    void add(std::uint64_t id, const std::string& path);
     bool del(std::uint64_t id);
 
     void onSnapshot(const Statedb::Records& records) override;
@@ -46,8 +51,11 @@ class Watches {
    private:
     struct Watch {
       std::uint64_t id;
-      Statedb::Path path;
+      std::string text;
+      std::optional<Statedb::Path> path;  // of the text, once it was made
     };
+    // Looks up the paths that were not made before.
+    void findPaths();
     // `more`: further parameters of the notification, each with a comma behind it.
     void tell(const Statedb::Changes& changes, const char* more);
 
@@ -55,6 +63,7 @@ class Watches {
     const Send& send_;
     std::vector<Watch> watches_;
     bool subscribing_ = false;
+    std::size_t paths_ = 0;  // that there were when they were last looked up
   };
 
   const Send send_;

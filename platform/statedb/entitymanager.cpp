@@ -75,16 +75,17 @@ struct EntityManager::State : Zel::PassEnd, std::enable_shared_from_this<State> 
 
   // The entity at a path, made where it was not there; directories on the way as well.
   Zel::Ptr<Zel::Entity> ensure(Path path, Zel::Name type) {
-    for (;;) {
-      const Found found = tree.find(path);
-      if (found.entity) return found.entity;
-      if (!found.whole && !found.collection->direct)
-        throw Zel::ValueError("there is no entity at '" + found.path.text() + "'");
-      const auto made = newMember(found, found.whole ? type : typeOnTheWay(found.path));
-      published(found.parent, found.path,
-                [&](PublishedEntity& above) { above.adopt(*found.collection, found.key, made); });
-      if (found.whole) return made;
-    }
+    return tree
+        .findOrMake(path, [&](const Found& at) { return make(at, at.whole ? type : typeOnTheWay(at.path)); })
+        .entity;
+  }
+
+  Zel::Ptr<Zel::Entity> make(const Found& at, Zel::Name type) {
+    if (!at.whole && !at.collection->direct)
+      throw Zel::ValueError("there is no entity at '" + at.path.text() + "'");
+    const auto made = newMember(at, type);
+    published(at.parent, at.path, [&](PublishedEntity& above) { above.adopt(*at.collection, at.key, made); });
+    return made;
   }
 
   // What stands above an entity without a row of its own: what is mounted there, else a directory.

@@ -1,5 +1,8 @@
 #include "platform/statedb/entitytree.h"
 
+#include <string>
+#include <vector>
+
 namespace Statedb {
 
 namespace {
@@ -15,6 +18,13 @@ const Zel::AttributeInfo* collectionOf(const Zel::TypeNode& type, const PathRead
   for (Zel::AttributeIndex index = 0; index < type.endIndex(); ++index)
     if (const auto& row = type.attribute(index); row.direct || row.name == step.collection) return &row;
   return nullptr;
+}
+
+// What stands above a path, from the outermost, and the path itself.
+std::vector<Path> downTo(Path path) {
+  std::vector<Path> paths(path.depth());
+  for (auto each = paths.rbegin(); each != paths.rend(); ++each, path = path.parent()) *each = path;
+  return paths;
 }
 
 }  // namespace
@@ -51,23 +61,37 @@ Found EntityTree::find(Path path) {
     found.entity = Zel::Ptr<Zel::Entity>(found.collection->member(*found.parent, found.key));
     return found;
   }
-  follow(path.text(), found);
+  follow(path, found, {});
   if (found.whole && found.parent) last_ = {path.parent(), found.parent, found.collection};
   return found;
 }
 
-// The same by its text, from the root.
-void EntityTree::follow(const std::string& text, Found& found) const {
+Found EntityTree::findOrMake(Path path, const Make& make) {
+  Found found = find(path);
+  if (found.entity) return found;
+  if (found.whole)
+    found.entity = make(found);
+  else
+    follow(path, found, make);
+  return found;
+}
+
+// From the root.
+void EntityTree::follow(Path path, Found& found, const Make& make) const {
+  const std::vector<Path> paths = downTo(path);
+  const std::string text = path.text();
+  std::size_t depth = 0;
   found.entity = root_;
-  for (PathReader reader(text); !reader.done();) {
+  for (PathReader reader(text); found.entity && !reader.done();) {
     found.parent = found.entity;
     const auto step = reader.next(found.parent->fwkType());
+    depth += step.collection.empty() ? 1 : 2;
     found.collection = collectionOf(found.parent->fwkType(), step);
     found.key = Zel::Name(step.key);
     found.entity = Zel::Ptr<Zel::Entity>(found.collection->member(*found.parent, found.key));
     found.whole = reader.done();
-    found.path = Path(step.path);
-    if (!found.entity) break;
+    found.path = paths[depth - 1];
+    if (!found.entity && make) found.entity = make(found);
   }
 }
 

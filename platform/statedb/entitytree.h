@@ -1,7 +1,7 @@
 // The entities of the mounted paths, found by their paths. Internal to the entity manager.
 #pragma once
 
-#include <string>
+#include <functional>
 
 #include "platform/statedb/path.h"
 #include "platform/statedb/schema.h"
@@ -31,14 +31,19 @@ class EntityTree {
 
   // The directory at the root of all paths.
   const Zel::Ptr<Zel::Dir>& root() const { return root_; }
+  // Makes the entity that was not there; null where it makes none.
+  using Make = std::function<Zel::Ptr<Zel::Entity>(const Found& at)>;
+
   // Follows a path. Throws ValueError where it is not one.
   Found find(Path path);
+  // The same in one walk, making what is missing on it; ends where `make` makes none. Throws what `make` does.
+  Found findOrMake(Path path, const Make& make);
   // Null where there is no entity, or the path is not one.
   Zel::Ptr<Zel::Entity> entityAt(Path path);
 
  private:
   bool isThere(const Zel::Entity& entity) const;
-  void follow(const std::string& text, Found& found) const;
+  void follow(Path path, Found& found, const Make& make) const;
 
   const Zel::Ptr<Zel::Dir> root_;
   // Paths mostly follow each other in one collection: the one that the last of them led into.

@@ -11,6 +11,10 @@ Attribute* findIn(Attributes& attributes, Zel::Name name) {
   return found == attributes.end() ? nullptr : &*found;
 }
 
+std::size_t EntryTable::count(Zel::Name type) const {
+  return static_cast<std::size_t>(std::ranges::count(entries_, type, &Entry::type));
+}
+
 Records EntryTable::under(Path path) const {
   Records records;
   if (path.empty()) records.reserve(count_);

@@ -333,7 +333,7 @@ Zel::Name MemoryStore::typeAt(Path path) const {
 std::size_t MemoryStore::entities() const { return state_->entries.count(); }
 
 std::size_t MemoryStore::entities(Zel::Name type) const {
-  return static_cast<std::size_t>(std::ranges::count(state_->entries, type, &Entry::type));
+  return state_->entries.count(type);
 }
 
 void MemoryStore::restore(Row row) {

@@ -29,6 +29,7 @@ void MountGroup::doMount(const Mount& mount) {
     Zel::throwRangeException(("mount of '" + mount.path().stdString() + "': mode '" +
                               mount.mode().stdString() + "' is neither \"r\" nor \"wi\"")
                                  .c_str());
+  Path::check(mount.path().view());
   mounts_.push_back(mount);
 }
 

@@ -59,7 +59,8 @@ class ZEL_API MountGroup : public Zel::Reactor<MountGroup, Zel::PtrInterface> {
   MountGroup(const Zel::Ptr<EntityManager>& entityManager, const Zel::Ptr<Mounter>& mounter);
   ~MountGroup() override;
 
-  // Adds a request. Throws RangeException where the mode is neither "r" nor "wi", or the group is closed.
+  // Adds a request. Throws RangeException where the mode is neither "r" nor "wi", or the group is closed, and
+  // ValueError where the path is beyond the limits of paths.
   void doMount(const Mount& mount);
   // Closes the group and starts mounting. The arguments have no meaning here. The manager keeps the group and
   // the mounter until completion is reported. Throws RangeException where the group is closed already.

@@ -119,8 +119,9 @@ void Path::check(std::string_view text) {
     throw Zel::ValueError("the path '" + Zel::excerpt(text) + "' " + why);
   };
   if (text.size() > kLongest) refuse("is longer than " + std::to_string(kLongest) + " bytes");
-  const auto slashes = static_cast<std::size_t>(std::ranges::count(text, '/'));
-  if (slashes >= kDeepest) refuse("has more than " + std::to_string(kDeepest) + " components");
+  if (text.size() < kDeepest) return;  // as most: too short for either of what follows
+  if (static_cast<std::size_t>(std::ranges::count(text, '/')) >= kDeepest)
+    refuse("has more than " + std::to_string(kDeepest) + " components");
   for (std::size_t at = 0; at < text.size();) {
     const std::size_t end = std::min(text.find('/', at), text.size());
     Zel::Name::checkEscaped(text.substr(at, end - at));

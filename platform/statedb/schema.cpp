@@ -1,7 +1,6 @@
 #include "platform/statedb/schema.h"
 
 #include <algorithm>
-#include <sstream>
 
 #include "platform/statedb/mount.h"
 #include "platform/zel/assert.h"
@@ -70,107 +69,79 @@ PathReader::Step PathReader::next(const Zel::TypeNode& type) {
 
 namespace {
 
-// The attribute of that name that stores hold. Throws ValueError where there is none.
-const Zel::AttributeInfo& storedRow(const Zel::TypeNode& type, Zel::Name attribute) {
+const Zel::TypeNode& expectStorable(const Zel::TypeNode* type, std::string_view name) {
+  if (!type) throw Zel::ValueError("type '" + Zel::excerpt(name) + "' is unknown");
+  if (type->isA(Mounter::typeNode()))
+    throw Zel::ValueError("type " + std::string(name) + " is an agent's, which only a host makes");
+  return *type;
+}
+
+}  // namespace
+
+const Zel::TypeNode& typeNamed(std::string_view name) {
+  const auto known = Zel::Name::existing(name);
+  return expectStorable(known ? Zel::typeNode(*known) : nullptr, name);
+}
+
+const Zel::AttributeInfo& storedAttribute(const Zel::TypeNode& type, std::string_view attribute) {
   const Zel::AttributeInfo* row = type.find(attribute);
   if (!row || !row->stored || !row->check)
-    throw Zel::ValueError("'" + attribute.stdString() + "' is no attribute that " + type.name().stdString() +
-                          " stores; it stores " + storedAttributesOf(type));
+    throw Zel::ValueError("'" + Zel::excerpt(attribute) + "' is no attribute that " +
+                          type.name().stdString() + " stores; it stores " + storedAttributesOf(type));
   return *row;
 }
 
-}  // namespace
+const Zel::AttributeInfo& checkAttribute(const Zel::TypeNode& type, std::string_view attribute,
+                                         const Zel::Value& value) {
+  const Zel::AttributeInfo& row = storedAttribute(type, attribute);
+  row.check(value);
+  return row;
+}
 
 void checkRow(Zel::Name typeName, Zel::Name attribute, const Zel::Value& value) {
-  const Zel::TypeNode* type = Zel::typeNode(typeName);
-  if (!type) throw Zel::ValueError("type '" + typeName.stdString() + "' is unknown");
-  if (type->isA(Mounter::typeNode()))
-    throw Zel::ValueError("type " + typeName.stdString() + " is an agent's, which only a host makes");
-  if (attribute.empty()) return;
-  storedRow(*type, attribute).check(value);
+  const Zel::TypeNode& type = expectStorable(Zel::typeNode(typeName), typeName.view());
+  if (!attribute.empty()) checkAttribute(type, attribute.view(), value);
 }
 
-Zel::Name TypesAfter::typeAt(Path path) const {
-  if (const auto found = types_.find(path); found != types_.end()) return found->second;
-  for (const Path gone : gone_)
-    if (path.isUnder(gone)) return {};
-  return below_(path);
+std::string_view textAbove(std::string_view path) {
+  const std::size_t slash = path.rfind('/');
+  return slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
 }
 
-void TypesAfter::del(Path path) {
-  for (auto& [known, type] : types_)
-    if (known.isUnder(path)) type = {};
-  gone_.push_back(path);
+Zel::Name TypesAfter::typeAt(std::string_view path) const {
+  const auto put = puts_.find(path);
+  const std::size_t step = put == puts_.end() ? 0 : put->second.step;
+  if (lastDel(path) > step) return {};
+  return put == puts_.end() ? below_(path) : put->second.type;
 }
 
-Zel::Name placeType(Path path, const TypesAfter& types) {
-  const Zel::TypeNode* above = &Zel::Dir::typeNode();
+std::size_t TypesAfter::lastDel(std::string_view path) const {
+  std::size_t last = 0;
+  for (; !dels_.empty() && !path.empty(); path = textAbove(path))
+    if (const auto del = dels_.find(path); del != dels_.end()) last = std::max(last, del->second);
+  return last;
+}
+
+Zel::Name placeType(std::string_view path, const TypesAfter& types) {
   if (path.empty()) throw Zel::ValueError("the path is empty");
-  const std::string text = path.text();
-  for (PathReader reader(text);;) {
+  const Zel::TypeNode* above = &Zel::Dir::typeNode();
+  for (PathReader reader(path);;) {
     const auto step = reader.next(*above);
     if (reader.done()) return step.memberType ? step.memberType->name() : Zel::Name();
-    const Zel::Name found = types.typeAt(Path(step.path));
+    const Zel::Name found = types.typeAt(step.path);
     if (found.empty() && step.memberType)
       throw Zel::ValueError("there is no entity at '" + std::string(step.path) + "'");
-    above = found.empty() ? &Zel::Dir::typeNode() : Zel::typeNode(found);
-    if (!above)
-      throw Zel::ValueError("the type " + found.stdString() + " of '" + std::string(step.path) +
-                            "' is unknown");
+    above = found.empty() ? &Zel::Dir::typeNode() : &typeNamed(found.view());
   }
 }
 
-namespace {
-
-// Checks that the type of a put may stand at the end of its path. What stands there already stands rightly.
-void checkPlace(const Row& row, const TypesAfter& types) {
-  if (types.typeAt(row.path) == row.type) return;
-  const Zel::Name wanted = placeType(row.path, types);
-  if (!wanted.empty() && wanted != row.type)
-    throw Zel::ValueError("found type " + row.type.stdString() + ", wanted " + wanted.stdString() +
+void checkPlace(std::string_view path, const Zel::TypeNode& type, const TypesAfter& types) {
+  const Zel::Name wanted = placeType(path, types);
+  if (!wanted.empty() && wanted != type.name())
+    throw Zel::ValueError("found type " + type.name().stdString() + ", wanted " + wanted.stdString() +
                           " at this place");
-  const Zel::TypeNode* type = Zel::typeNode(row.type);
-  if (wanted.empty() && type && !type->newEntityForDir())
-    throw Zel::ValueError("type " + row.type.stdString() + " is not made in directories");
-}
-
-void checkUnset(const Row& row, const TypesAfter& types) {
-  const Zel::Name name = types.typeAt(row.path);
-  if (name.empty()) throw Zel::ValueError("there is no entity at this path");
-  const Zel::TypeNode* type = Zel::typeNode(name);
-  if (!type) throw Zel::ValueError("type '" + name.stdString() + "' is unknown");
-  storedRow(*type, row.attribute);
-}
-
-void checkChange(const Change& change, TypesAfter& types) {
-  const Row& row = change.row;
-  if (change.kind == Change::Kind::del) {
-    if (types.typeAt(row.path).empty()) throw Zel::ValueError("there is no entity at this path");
-    return types.del(row.path);
-  }
-  if (change.kind == Change::Kind::unset) return checkUnset(row, types);
-  checkRow(row.type, row.attribute, row.value);
-  checkPlace(row, types);
-  types.put(row.path, row.type);
-}
-
-}  // namespace
-
-std::vector<std::string> checkChanges(const Changes& changes, const TypeAt& typeAt) {
-  std::vector<std::string> errors;
-  std::vector<Path> notMade;  // what goes wrong at and under an entity that can't be made says nothing new
-  TypesAfter types(typeAt);
-  for (const Change& change : changes) {
-    const Row& row = change.row;
-    if (std::ranges::any_of(notMade, [&](Path path) { return row.path.isUnder(path); })) continue;
-    try {
-      checkChange(change, types);
-    } catch (const Zel::ValueError& error) {
-      if (row.attribute.empty() && change.kind == Change::Kind::put) notMade.push_back(row.path);
-      errors.push_back(placeText(row) + ": " + error.what());
-    }
-  }
-  return errors;
+  if (wanted.empty() && !type.newEntityForDir())
+    throw Zel::ValueError("type " + type.name().stdString() + " is not made in directories");
 }
 
 Path memberPath(Path above, const Zel::AttributeInfo& collection, Zel::Name member) {

@@ -39,40 +39,54 @@ class ZEL_API PathReader {
   std::size_t at_ = 0;
 };
 
-// Throws ValueError where an entity of that type can't hold the attribute with that value: the type is
-// unknown or an agent's, the attribute is unknown or not stored, or the value is of the wrong kind. The text names the
-// attribute and the reason, and what would be right; the path is the caller's to add. The empty attribute is
-// fine for every known type.
+// The type of that name. Throws ValueError where it is unknown, or an agent's.
+ZEL_API const Zel::TypeNode& typeNamed(std::string_view name);
+// The attribute of that name; the second, where an entity of the type can hold it with that value. Throw
+// ValueError where it is unknown or not stored, or the value is of the wrong kind. The text names the
+// attribute and the reason, and what would be right; the path is the caller's to add.
+ZEL_API const Zel::AttributeInfo& storedAttribute(const Zel::TypeNode& type, std::string_view attribute);
+ZEL_API const Zel::AttributeInfo& checkAttribute(const Zel::TypeNode& type, std::string_view attribute,
+                                                 const Zel::Value& value);
+// Both for a row. The empty attribute is fine for every type.
 ZEL_API void checkRow(Zel::Name type, Zel::Name attribute, const Zel::Value& value);
 
-// The type of the entity at a path; empty where there is none.
-using TypeAt = std::function<Zel::Name(Path path)>;
+// The path above, as a text; empty above a single component.
+ZEL_API std::string_view textAbove(std::string_view path);
 
-// What would stand where once some steps were stored over what `below` tells.
+// The type of the entity at a path; empty where there is none. A path is a text here, for what is refused
+// must not be interned.
+using TypeAt = std::function<Zel::Name(std::string_view path)>;
+
+// What would stand where once some steps were stored over what `below` tells. The texts of its paths must
+// outlive it.
 class ZEL_API TypesAfter {
  public:
   // `below` must outlive the object.
   explicit TypesAfter(const TypeAt& below) : below_(below) {}
 
-  Zel::Name typeAt(Path path) const;
-  void put(Path path, Zel::Name type) { types_[path] = type; }
-  void del(Path path);
+  Zel::Name typeAt(std::string_view path) const;
+  void put(std::string_view path, Zel::Name type) { puts_[path] = {type, ++steps_}; }
+  void del(std::string_view path) { dels_[path] = ++steps_; }
 
  private:
+  struct Put {
+    Zel::Name type;
+    std::size_t step = 0;
+  };
+  // The last step that removed the entity at a path or one above it; 0: none did.
+  std::size_t lastDel(std::string_view path) const;
+
   const TypeAt& below_;
-  std::unordered_map<Path, Zel::Name> types_;
-  std::vector<Path> gone_;
+  std::unordered_map<std::string_view, Put> puts_;
+  std::unordered_map<std::string_view, std::size_t> dels_;
+  std::size_t steps_ = 0;
 };
 
 // The type that the place at `path` takes; empty where it takes any. Throws ValueError where the path leads
-// nowhere.
-ZEL_API Zel::Name placeType(Path path, const TypesAfter& types);
-
-// Checks a batch as it would be stored over what `typeAt` tells: every put must name an entity whose place
-// takes its type, and hold a value that fits; every del and unset must meet an entity. Components of a path
-// that nothing is known of count as directories. Returns one text for each step that does not fit, "PATH:
-// reason" or "PATH ATTRIBUTE: reason", in the order of the batch; empty where all is well.
-ZEL_API std::vector<std::string> checkChanges(const Changes& changes, const TypeAt& typeAt);
+// nowhere. Components of a path that nothing is known of count as directories.
+ZEL_API Zel::Name placeType(std::string_view path, const TypesAfter& types);
+// Throws ValueError where no entity of that type may be made at `path`.
+ZEL_API void checkPlace(std::string_view path, const Zel::TypeNode& type, const TypesAfter& types);
 
 // Where a member of a collection stands that belongs to the entity at `above`.
 ZEL_API Path memberPath(Path above, const Zel::AttributeInfo& collection, Zel::Name member);

@@ -555,7 +555,7 @@ AttributeInfo ValueRow<Member, On, Immediate>::info() const {
   };
   info.stored = !pointer;
   info.reset = [](Notifier& object) { RowAccess::set<Member>(static_cast<T&>(object), M{}); };
-  info.check = [](const Value& value) { static_cast<void>(ValueTraits<M>::fromValue(value)); };
+  info.check = [](const Value& value) { checkValue<M>(value); };
   return info;
 }
 
@@ -572,7 +572,7 @@ AttributeInfo NamesRow<Member, N, OnKey, Immediate, On>::info() const {
   info.keys = &memberKeys<T, Member>;
   info.stored = true;
   info.reset = [](Notifier& object) { RowAccess::namesAre<Member>(static_cast<T&>(object), NameSet{}); };
-  info.check = [](const Value& value) { static_cast<void>(ValueTraits<NameSet>::fromValue(value)); };
+  info.check = [](const Value& value) { checkValue<NameSet>(value); };
   return info;
 }
 

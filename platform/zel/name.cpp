@@ -162,8 +162,12 @@ std::uint32_t idOf(std::string_view text) { return text.empty() ? 0 : table().in
 }  // namespace
 
 Name::Name(std::string_view text) {
-  if (text.size() > kLongest) throwTooLong(text);
+  check(text);
   id_ = idOf(text);
+}
+
+void Name::check(std::string_view text) {
+  if (text.size() > kLongest) throwTooLong(text);
 }
 
 void Name::checkEscaped(std::string_view text) {

@@ -35,7 +35,9 @@ class ZEL_API Name {
   // A name as it is written in a path, where escaping makes it up to three times as long. Throws ValueError
   // where the name itself is longer than kLongest.
   static Name escaped(std::string_view text);
-  static void checkEscaped(std::string_view text);  // throws alike, and adds nothing
+  // Throw alike, and add nothing.
+  static void check(std::string_view text);
+  static void checkEscaped(std::string_view text);
   // The name of a text that is in the table; nothing where the text was never interned.
   static std::optional<Name> existing(std::string_view text);
   // How many texts the table holds.

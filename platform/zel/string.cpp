@@ -71,11 +71,10 @@ String String::join(std::string_view a, std::string_view b) {
 
 std::ostream& operator<<(std::ostream& out, const String& text) { return out << text.view(); }
 
-std::string excerpt(std::string_view text) {
-  constexpr std::size_t kWhole = 255;
-  if (text.size() <= kWhole) return std::string(text);
-  std::size_t end = kWhole;
-  while (end > kWhole - 4 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80) --end;
+std::string excerpt(std::string_view text, std::size_t longest) {
+  if (text.size() <= longest) return std::string(text);
+  std::size_t end = longest;
+  while (end > 0 && longest - end < 3 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80) --end;
   return std::string(text.substr(0, end)) + "... (" + std::to_string(text.size()) + " bytes)";
 }
 

@@ -51,9 +51,9 @@ class ZEL_API String {
 
 ZEL_API std::ostream& operator<<(std::ostream& out, const String& text);
 
-// A text from outside as a message quotes it: whole up to 255 bytes, else its beginning and how long it is.
-// Characters of UTF-8 stay whole.
-ZEL_API std::string excerpt(std::string_view text);
+// A text from outside as a message quotes it: whole up to `longest` bytes, else its beginning and how long it
+// is. Characters of UTF-8 stay whole.
+ZEL_API std::string excerpt(std::string_view text, std::size_t longest = 255);
 
 // As printf. Throws std::bad_alloc, and RangeException where the C library refuses the format.
 [[gnu::format(printf, 1, 2)]] ZEL_API String format(const char* text, ...);

@@ -6,12 +6,13 @@ namespace Zel {
 
 void throwWrongKind(const Value& found, const char* wanted) {
   std::ostringstream text;
-  text << "found " << found.kindText() << " (" << found << "), wanted " << wanted;
-  throw ValueError(text.str());
+  text << found;
+  throw ValueError(std::string("found ") + found.kindText() + " (" + excerpt(text.str()) + "), wanted " +
+                   wanted);
 }
 
 void throwUnknownField(const std::string& found, const std::string& known) {
-  throw ValueError("unknown field '" + found + "'; the fields are " + known);
+  throw ValueError("unknown field '" + excerpt(found) + "'; the fields are " + known);
 }
 
 void throwInField(const char* field, const std::string& text) { throw ValueError(field + (": " + text)); }
@@ -44,20 +45,34 @@ Value ValueTraits<NameSet>::toValue(const NameSet& names) {
   return fields;
 }
 
-NameSet ValueTraits<NameSet>::fromValue(const Value& value) {
-  NameSet names;
+namespace {
+
+// Calls `take` with each name of a set and what stands beside it.
+template <class Take>
+void forEachName(const Value& value, Take take) {
   const auto add = [&](const std::string& text, bool beside) {
     if (text.empty()) throwWrongKind(value, "names that are not empty");
-    names.insert(Name(text), beside);
+    take(text, beside);
   };
   if (const auto* fields = value.as<Value::Fields>()) {
     for (const auto& [name, beside] : *fields)
       add(name, detail::expect<bool>(beside, "true or false beside a name"));
-    return names;
+    return;
   }
   for (const Value& name : detail::expect<Value::List>(value, "a list of names"))
     add(detail::expect<std::string>(name, "a name"), true);
+}
+
+}  // namespace
+
+NameSet ValueTraits<NameSet>::fromValue(const Value& value) {
+  NameSet names;
+  forEachName(value, [&](const std::string& text, bool beside) { names.insert(Name(text), beside); });
   return names;
+}
+
+void ValueTraits<NameSet>::check(const Value& value) {
+  forEachName(value, [](const std::string& text, bool) { Name::check(text); });
 }
 
 }  // namespace Zel

@@ -25,6 +25,16 @@ namespace Zel {
 template <class T>
 struct ValueTraits;
 
+// Throws what `fromValue` would. What is only checked leaves no names behind: traits whose values hold names
+// have a `check(const Value&)` besides.
+template <class T>
+void checkValue(const Value& value) {
+  if constexpr (requires { ValueTraits<T>::check(value); })
+    ValueTraits<T>::check(value);
+  else
+    static_cast<void>(ValueTraits<T>::fromValue(value));
+}
+
 // Throws the ValueError of a value of the wrong kind.
 [[noreturn]] ZEL_API void throwWrongKind(const Value& found, const char* wanted);
 
@@ -81,6 +91,7 @@ struct ValueTraits<Name> {
   static std::string typeName() { return "Zel::Name"; }
   static Value toValue(Name value) { return value.view(); }
   static Name fromValue(const Value& value) { return Name(detail::expect<std::string>(value, "a name")); }
+  static void check(const Value& value) { Name::check(detail::expect<std::string>(value, "a name")); }
 };
 // A list of names; names whose value is false are written as fields instead.
 template <>
@@ -88,6 +99,7 @@ struct ZEL_API ValueTraits<NameSet> {
   static std::string typeName() { return "set of Zel::Name"; }
   static Value toValue(const NameSet& names);
   static NameSet fromValue(const Value& value);
+  static void check(const Value& value);
 };
 template <class T>
 struct ValueTraits<Ptr<T>> {

@@ -42,16 +42,18 @@ TEST(Configuration, WhatIsDumpedLoadsAsItWas) {
   const Json entities = Json::parse(R"([
     {"path": "a", "type": "Zel::Dir", "attributes": {}},
     {"path": "a/x%2F1", "type": "T", "attributes": {"set": ["p", "q"], "empty": [], "n": 0.25, "text": "ä \"b\"\n"}}])");
-  const std::string text = configurationText(entities, false);
+  const std::string text = configurationText(entities, {});
   EXPECT_EQ(asRead(Configuration("f", text).puts()), entities);
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 4) << "one entity a line";
 }
 
-TEST(Configuration, DerivedPinsAreDumpedOnlyWhenAskedFor) {
-  const Json pin = {
-      {{"path", std::string(kPinDir) + "/p"}, {"type", kPinType}, {"attributes", {{"value", 1}}}}};
-  EXPECT_EQ(configurationText(pin, false), "{\n}\n");
-  EXPECT_THAT(configurationText(pin, true), HasSubstr("\"value\": 1"));
+TEST(Configuration, WhatAgentsFillIsDumpedOnlyWhenAskedFor) {
+  const auto at = [](const std::string& path) {
+    return Json{{"path", path}, {"type", kPinType}, {"attributes", {{"value", 1}}}};
+  };
+  const Json filled = {at(std::string(kPinDir) + "/p"), at(std::string(kLineStatusDir) + "/p"), at("led/a/b")};
+  EXPECT_EQ(configurationText(filled, {"led/a"}), "{\n}\n");
+  EXPECT_THAT(wholeText(filled), HasSubstr("\"value\": 1"));
 }
 
 TEST(Configuration, ReplacingRemovesTheLeastThatMustGo) {
@@ -60,14 +62,17 @@ TEST(Configuration, ReplacingRemovesTheLeastThatMustGo) {
                                       "a/less": {"type": "T"}})");
   const Json found = Json::parse(R"([
     {"path": "a", "type": "D", "attributes": {}},
+    {"path": "a/filled", "type": "D", "attributes": {}},
+    {"path": "a/filled/p", "type": "D", "attributes": {}},
     {"path": "a/gone", "type": "D", "attributes": {}},
     {"path": "a/gone/under", "type": "T", "attributes": {}},
     {"path": "a/kept", "type": "T", "attributes": {"v": 1}},
     {"path": "a/less", "type": "T", "attributes": {"v": 1}},
     {"path": "a/other", "type": "T", "attributes": {}},
+    {"path": "above", "type": "D", "attributes": {}},
     {"path": "hardware/corvel/gpio/config/p", "type": "P", "attributes": {}}])");
   std::vector<std::string> gone;
-  for (const Json& change : wanted.dels(found)) gone.push_back(change.at("path"));
+  for (const Json& change : wanted.dels(found, {"a/filled", "above/filled"})) gone.push_back(change.at("path"));
   EXPECT_THAT(gone, testing::ElementsAre("a/gone", "a/less", "a/other"));
 }
 

@@ -80,6 +80,8 @@ Json FakeHost::answer(const std::string& method, const Json& parameters) {
     watches_.push_back(parameters.value("path", ""));
     return {{"result", {{"watch", watches_.size()}, {"entities", read(watches_.back())}}}};
   }
+  if (method == "status")
+    return {{"result", {{"mounts", Json::array()}, {"processes", Json::array()}}}};
   if (method == "types")
     return Json::parse(R"({"result": {"types": [{"name": "Hardware::Led::LedConfig",
                            "attributes": [{"name": "lightSetting"}, {"name": "theme"}]}]}})");

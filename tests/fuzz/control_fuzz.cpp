@@ -21,7 +21,10 @@ void takeRequest(std::string_view line) {
   Host::Request request;
   request.read(line);
   Statedb::MemoryStore store;
-  const auto typeAt = [&](Statedb::Path path) { return store.typeAt(path); };
+  const auto typeAt = [&](std::string_view path) {
+    const auto known = Statedb::Path::existing(path);
+    return known ? store.typeAt(*known) : Zel::Name();
+  };
   Host::Announcements announcements;
   const Host::Announcements::Process writer(announcements);
   const Host::Batch batch =

@@ -10,6 +10,7 @@
 #include "host/plugin.h"
 #include "host/starterror.h"
 #include "platform/zel/activity.h"
+#include "platform/zel/trace.h"
 
 namespace {
 
@@ -115,6 +116,7 @@ TEST_F(ControlTest, AFloodIsTakenInPortionsAndAnsweredWhole) {
 
 TEST_F(ControlTest, WhatIsNoRequestIsAnsweredAndTheConnectionGoesOn) {
   const Json wrongOp = {{{"op", "del"}, {"path", "a"}}, {{"op", "pu"}, {"path", "a"}}};
+  Zel::TraceFacility::named("Pinlamp");
   const auto announce = [](const Json& wrong) {
     Json parameters = {{"pid", 1}, {"socket", ""}, {"agents", Json::array()}, {"publishes", Json::array()}};
     parameters.update(wrong);
@@ -137,6 +139,11 @@ TEST_F(ControlTest, WhatIsNoRequestIsAnsweredAndTheConnectionGoesOn) {
       {request("write"), -32602, "'changes' is missing"},
       {request("write", {{"changes", wrongOp}}), -32602, "'changes'[1]: 'op': found \"pu\""},
       {request("unwatch", {{"watch", 3}}), -32602, "no watch 3"},
+      {request("read", {{"path", std::string(300000, '/')}}), -32602, "is longer than 4096 bytes"},
+      {request("watch", {{"path", std::string(300000, 'x')}}), -32602, "(300000 bytes)"},
+      {request(std::string(300000, 'm').c_str()), -32601, "(300000 bytes)'; there are hello"},
+      {request("hello", {{std::string(300000, 'p'), 1}}), -32602, "(300000 bytes)' is unknown"},
+      {request("trace", {{"levels", "F123/"}}), 1, "there is no facility 'F123'; there is Pinlamp"},
       {request("trace", {{"levels", "Pinlamp/32"}}), 1, "Pinlamp/32"},
       {announce({{"pid", 0}}), -32602, "'pid': wanted"},
       {announce({{"publishes", {""}}}), -32602, "'publishes': a path is empty"},
@@ -149,6 +156,7 @@ TEST_F(ControlTest, WhatIsNoRequestIsAnsweredAndTheConnectionGoesOn) {
     const Json reply = next(client);
     EXPECT_EQ(reply["error"]["code"], code) << line.substr(0, 80);
     EXPECT_THAT(reply["error"]["message"].get<std::string>(), HasSubstr(text));
+    EXPECT_LT(reply.dump().size(), 1000U);
   }
   EXPECT_EQ(call(client, "hello")["result"]["protocol"], 1);
 }
@@ -246,6 +254,84 @@ TEST_F(ControlTest, ABatchIsWrittenWholeOrEveryErrorIsListed) {
   EXPECT_TRUE(store.read("").empty());
   EXPECT_EQ(write(client, {changes[0], changes[1]})["result"]["written"], 2);
   EXPECT_EQ(store.typeAt(led("Ethernet3%2F1")), "Hardware::Led::LedConfig");
+}
+
+// A client may look for what it likes, and may be refused what it likes.
+TEST_F(ControlTest, RequestsThatChangeNothingLeaveNoNamesBehind) {
+  Client client(listener.path());
+  ASSERT_TRUE(write(client, {putDir(), putLed("A", kRed)}).contains("result"));
+  int last = 0;
+  const auto fresh = [&] { return "fresh" + std::to_string(++last); };
+  const auto freshPath = [&] { return fresh() + '/' + fresh(); };
+  const auto put = [&](const std::string& path, const std::string& type, const Json& attributes) {
+    return Json{{"op", "put"}, {"path", path}, {"type", type}, {"attributes", attributes}};
+  };
+  const auto object = [&](const char* operation) {
+    return Json{{"operation", operation}, {"path", freshPath()}, {"arguments", {fresh()}}};
+  };
+  const auto changes = [](const Json& change) { return Json{{"changes", {change}}}; };
+  const Json pins = {{"gpioRedName", {fresh(), fresh()}}, {"ready", 7}};
+  const std::pair<const char*, Json> requests[] = {
+      {"read", {{"path", freshPath()}}},
+      {"watch", {{"path", freshPath()}}},
+      {"unwatch", {{"watch", fresh()}}},
+      {"trace", {{"levels", fresh() + "/3"}}},
+      {"trace", {{"levels", fresh() + "/"}}},
+      {"announce",
+       {{"pid", 1},
+        {"socket", fresh()},
+        {"publishes", {freshPath()}},
+        {"agents", {{{"name", fresh()}, {"library", fresh()}}}}}},
+      {"hello", {{fresh(), 1}}},
+      {"hello", Json::object()},
+      {"status", Json::object()},
+      {"types", Json::object()},
+      {"object", object("get")},
+      {"object", object("list")},
+      {"object", object("tree")},
+      {"object", object("iterate")},
+      {"object", object("set")},
+      {"object", object("delete")},
+      {"object", object("invoke")},
+      {"object", object("lift")},
+      {"object", {{"operation", "get"}, {"path", led(fresh().c_str())}}},
+      {"write", changes(put(freshPath(), fresh(), Json::object()))},
+      {"write", changes(put(freshPath(), "Hardware::Gpio::GpioLedConfig", pins))},
+      {"write", changes(put(led("A") + '/' + freshPath(), "Zel::Dir", Json::object()))},
+      {"write", changes(put(led("A"), "Hardware::Led::LedConfig", {{fresh(), 1}}))},
+      {"write", changes({{"op", "del"}, {"path", freshPath()}})},
+      {"write", {{"changes", {{{"op", "del"}, {"path", freshPath()}}}}, {"durability", "derived"}}},
+      {"write", {{"changes", {{{"op", fresh()}}}}, {"durability", fresh()}}},
+      {"fresh method", {{"path", freshPath()}}},
+  };
+  for (int round = 0; round < 2; ++round) {  // what the first makes for good belongs to the host
+    for (const auto& [method, parameters] : requests) {
+      const std::size_t names = Zel::Name::count();
+      const std::size_t paths = Statedb::Path::count();
+      const std::size_t facilities = Zel::TraceFacility::all().size();
+      call(client, method, parameters);
+      EXPECT_EQ(Zel::Name::count(), names) << method << ' ' << parameters;
+      EXPECT_EQ(Statedb::Path::count(), paths) << method << ' ' << parameters;
+      EXPECT_EQ(Zel::TraceFacility::all().size(), facilities) << method << ' ' << parameters;
+    }
+  }
+}
+
+TEST_F(ControlTest, APathIsWatchedBeforeItIsMade) {
+  Client watcher(listener.path());
+  Client writer(listener.path());
+  const Json watch = call(watcher, "watch", {{"path", "yet/to/come"}})["result"];
+  EXPECT_EQ(watch["entities"], Json::array());
+  const Json change = {
+      {"op", "put"}, {"path", "yet/to/come/x"}, {"type", "Zel::Dir"}, {"attributes", Json::object()}};
+  const Json beside = {{"op", "put"}, {"path", "yet/to/go"}, {"type", "Zel::Dir"}};
+  ASSERT_TRUE(write(writer, {beside, change}).contains("result"));
+  EXPECT_EQ(next(watcher)["params"], (Json{{"watch", watch["watch"]}, {"changes", {change}}}));
+  for (std::size_t i = 1; i < Host::Watches::kMost; ++i)
+    ASSERT_TRUE(call(watcher, "watch", {{"path", "yet"}, {"own", i % 2 == 0}}).contains("result"));
+  EXPECT_THAT(call(watcher, "watch")["error"]["message"].get<std::string>(), HasSubstr("has 256 watches"));
+  ASSERT_TRUE(call(watcher, "unwatch", {{"watch", 1}}).contains("result"));
+  EXPECT_TRUE(call(watcher, "watch").contains("result"));
 }
 
 TEST_F(ControlTest, WatchersHearOfTheirPathAndNotOfThemselvesUnlessTheyWant) {

@@ -170,6 +170,22 @@ TEST(SqliteStore, AFileThatIsNotMadeWhollyIsMade) {
   EXPECT_EQ(filesIn(folder), std::vector<std::string>{"db-wal"});
 }
 
+TEST(SqliteStore, RowsBeyondTheLimitsAreLeftOutAndReported) {
+  const Folder folder;
+  { SqliteStore(folder.at("db")).write({Change::put("kept", "T", "", {})}, Durability::stored); }
+  runSql(folder.at("db"),
+         "PRAGMA journal_mode = DELETE; INSERT INTO rows VALUES('kept', '', 'T', 'null');"
+         "INSERT INTO rows VALUES('deep' || replace(hex(zeroblob(50000)), '00', '/d'), '', 'T', 'null');"
+         "INSERT INTO rows VALUES('kept/' || hex(zeroblob(200)), '', 'T', 'null');"
+         "INSERT INTO rows VALUES('kept', hex(zeroblob(200)), 'T', '1');");
+  std::string reported;
+  const SqliteStore store(folder.at("db"), [&](const std::string& text) { reported += text + '\n'; });
+  EXPECT_EQ(rowsOf(store).size(), 1U);
+  EXPECT_THAT(reported, HasSubstr("a row is left out: the path 'deep/d/d"));
+  EXPECT_THAT(reported, HasSubstr("a row is left out: the name '0000"));
+  EXPECT_THAT(reported, HasSubstr("rows left out: 3"));
+}
+
 TEST(SqliteStore, HasOneOwnerAtATime) {
   const Folder folder;
   Host::Loop loop;

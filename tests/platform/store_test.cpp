@@ -1,4 +1,5 @@
 // The store in memory, and paths.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -58,6 +59,52 @@ TEST(Path, IsItsTextAndATree) {
   for (int i = 0; i < 5000; ++i) Path("many/" + std::to_string(i));
   for (int i = 0; i < 5000; ++i)
     ASSERT_EQ(Path::existing("many/" + std::to_string(i))->component(), Zel::Name(std::to_string(i)));
+}
+
+TEST(Path, HasLimitsThatKeepTheTablesAsTheyAre) {
+  const auto deep = [](int components) {
+    std::string text = "limit";
+    for (int i = 1; i < components; ++i) text += "/limit";
+    return text;
+  };
+  const std::string name(255, 'n');
+  std::string escaped;
+  for (int i = 0; i < 255; ++i) escaped += "%2F";
+  for (const std::string& text : {deep(64), "limit/" + name, "limit/" + escaped})
+    EXPECT_EQ(Path(text).text(), text);
+  const std::pair<std::string, const char*> refused[] = {
+      {deep(65), "has more than 64 components"},
+      {deep(150000), "is longer than 4096 bytes"},
+      {"limit/" + name + "o", "is longer than 255 bytes"},
+      {"limit/" + escaped + "o/x", "is longer than 255 bytes"},
+      {"limit/new" + std::string(5000, 'x'), "is longer than 4096 bytes"},
+  };
+  const std::size_t paths = Path::count();
+  const std::size_t names = Zel::Name::count();
+  for (const auto& [text, why] : refused) {
+    try {
+      const Path path(text);
+      ADD_FAILURE() << why;
+    } catch (const Zel::ValueError& error) {
+      EXPECT_THAT(error.what(), testing::HasSubstr(why));
+      EXPECT_LT(std::string_view(error.what()).size(), 400U);
+    }
+    EXPECT_FALSE(Path::existing(text));
+  }
+  EXPECT_THROW(Zel::Name(name + "o"), Zel::ValueError);
+  EXPECT_EQ(Path::count(), paths);
+  EXPECT_EQ(Zel::Name::count(), names);
+}
+
+// What agents make is not limited, so nothing may recurse by depth.
+TEST(Path, MayBeAsDeepAsAgentsMakeIt) {
+  const Path top("deep");
+  Path bottom = top;
+  for (int i = 0; i < 200000; ++i) bottom = bottom.child("d");
+  EXPECT_EQ(bottom.text().size(), 4U + 2 * 200000);
+  int count = 0;
+  top.forEachUnder([&](Path) { ++count; });
+  EXPECT_EQ(count, 200001);
 }
 
 TEST(MemoryStore, WhatChangesNothingIsToldToNobody) {

@@ -1,0 +1,132 @@
+// What clients may write: checked by texts, and interned only where all of it is taken.
+#include "host/batch.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <map>
+
+namespace {
+
+using Host::Json;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+const std::string kLeds = "hardware/led/config/leds/";
+const std::map<std::string, std::string, std::less<>> kThere = {
+    {"hardware", "Zel::Dir"},
+    {"hardware/led/config", "Hardware::Led::LedSystemConfigDir"},
+    {kLeds + "Status", "Hardware::Led::LedConfig"},
+};
+
+Host::Batch batchOf(const Json& changes) {
+  const auto typeAt = [](std::string_view path) {
+    const auto found = kThere.find(path);
+    return found == kThere.end() ? Zel::Name() : Zel::Name(found->second);
+  };
+  Host::Announcements announcements;
+  const Host::Announcements::Process writer(announcements);
+  const Zel::Value list = Host::parseJson(changes.dump());
+  return Host::readBatch(*list.as<Zel::Value::List>(), {typeAt, {}, announcements, writer});
+}
+
+Json put(const std::string& path, const char* type = nullptr, const Json& attributes = nullptr) {
+  Json change = {{"op", "put"}, {"path", path}};
+  if (type) change["type"] = type;
+  if (!attributes.is_null()) change["attributes"] = attributes;
+  return change;
+}
+Json del(const std::string& path) { return {{"op", "del"}, {"path", path}}; }
+
+std::string repeated(const char* text, int times) {
+  std::string all;
+  for (int i = 0; i < times; ++i) all += text;
+  return all;
+}
+
+TEST(Batch, WhatIsWrongIsSaidWithItsPlaceAndLeavesNothingBehind) {
+  const std::string longName(256, 'n');
+  const struct {
+    Json change;
+    std::string says;
+  } cases[] = {
+      {put(kLeds + "Status", nullptr, {{"colour", "red"}}),
+       kLeds + "Status colour: 'colour' is no attribute that Hardware::Led::LedConfig stores; it stores "
+               "lightSetting,"},
+      {put(kLeds + "Status", nullptr, {{"name", "x"}}), "Status name: 'name' is no attribute that"},
+      {put(kLeds + "New", nullptr, {{"lightSetting", {{"flashInterval", -1}}}}),
+       "lightSetting: flashInterval: found a whole number (-1), wanted seconds"},
+      {put(kLeds + "Status", "Hardware::Led::Lamp"), "type 'Hardware::Led::Lamp' is unknown"},
+      {put(kLeds + "Status", "Zel::Dir"), "is there as a Hardware::Led::LedConfig; delete it"},
+      {put(kLeds + "New", "Zel::Dir"), "found type Zel::Dir, wanted Hardware::Led::LedConfig"},
+      {put("hardware/led/config/lamps/Status", "Hardware::Led::LedConfig"),
+       "'lamps' is no collection of Hardware::Led::LedSystemConfigDir; it has leds"},
+      {put("hardware/led/config/leds", "Hardware::Led::LedConfig"),
+       "'leds' is a collection; a member's name must follow it"},
+      {put(kLeds + "None/modes/x"), "there is no entity at 'hardware/led/config/leds/None'"},
+      {put("hardware//led", "Zel::Dir"), "has an empty component"},
+      {put("hardware/led/", "Zel::Dir"), "has an empty component"},
+      {put("", "Zel::Dir"), "the path is empty"},
+      {put("a%2", "Zel::Dir"), "is no component of a path"},
+      {put("agent", "Zel::Entity"), "type Zel::Entity is not made in directories"},
+      {put("never/made"), "'type' is missing, and nothing is there that would tell it"},
+      {put("long/" + longName, "Zel::Dir"), "is longer than 255 bytes"},
+      {put("map", "Hardware::Gpio::GpioLedConfig", {{"gpioRedName", {"fine", longName}}}),
+       "is longer than 255 bytes"},
+      {put("deep" + repeated("/d", 64), "Zel::Dir"), "has more than 64 components"},
+      {del("deep" + repeated("/d", 150000)), "is longer than 4096 bytes"},
+      {put(kLeds + "Status", nullptr, {{std::string(5000, 'a'), 1}}), "aaa... (5000 bytes)' is no attribute"},
+      {del("hardware/fan"), "hardware/fan: there is no entity at this path"},
+  };
+  batchOf(Json::array({cases[0].change}));  // types get their names when they are first asked for
+  const std::size_t names = Zel::Name::count();
+  const std::size_t paths = Statedb::Path::count();
+  for (const auto& [change, says] : cases) {
+    const auto errors = batchOf({put("x/new", "Zel::Dir"), change}).errors;
+    ASSERT_EQ(errors.size(), 1U) << change.dump().substr(0, 200);
+    EXPECT_THAT(errors.front(), HasSubstr(says));
+    EXPECT_LT(errors.front().size(), 8192U);
+  }
+  EXPECT_EQ(Zel::Name::count(), names);
+  EXPECT_EQ(Statedb::Path::count(), paths);
+}
+
+TEST(Batch, WhatIsRightBecomesRows) {
+  const auto batch = batchOf({put(kLeds + "Ethernet3%2F1", nullptr, {{"lightSetting", {{"green", true}}}}),
+                              put("a/new/place", "Zel::Dir"), del(kLeds + "Status"), del("a/new/place"),
+                              put("deep" + repeated("/d", 63), "Zel::Dir")});
+  EXPECT_THAT(batch.errors, ElementsAre());
+  ASSERT_EQ(batch.changes.size(), 6U);
+  EXPECT_EQ(batch.changes[1].row.attribute, "lightSetting");
+  EXPECT_EQ(batch.changes[3].row.path, Statedb::Path(kLeds + "Status"));
+}
+
+TEST(Batch, IsCheckedAsItWouldStand) {
+  const char* mapping = "Hardware::Gpio::GpioLedConfig";
+  const auto batch = batchOf({put("map", "Hardware::Gpio::GpioLedSystemConfigDir"),
+                              put("map/gpioLeds/A", mapping, {{"ready", 1}}),
+                              put("map/gpioLeds/B", mapping, {{"ready", true}}), del("hardware"),
+                              del(kLeds + "Status"), put("hardware", "Zel::Dir"), del("hardware"), del("map"),
+                              del("map/gpioLeds/B"), put("map", "Zel::Dir")});
+  EXPECT_THAT(batch.errors,
+              ElementsAre("map/gpioLeds/A ready: found a whole number (1), wanted true or false",
+                          kLeds + "Status: there is no entity at this path",
+                          "map/gpioLeds/B: there is no entity at this path"));
+}
+
+// Wrong steps by the thousand cost no more than right ones, and a bounded answer.
+TEST(Batch, ManyStepsAreCheckedInOneWalkEach) {
+  Json changes = Json::array();
+  for (int i = 0; i < 5000; ++i) {
+    changes.push_back(put("many/" + std::to_string(i), "Zel::Dir"));
+    changes.push_back(del("many/" + std::to_string(i)));
+  }
+  EXPECT_EQ(batchOf(changes).changes.size(), 10000U);
+  for (Json& change : changes) change = del("none" + change["path"].get<std::string>());
+  const auto errors = batchOf(changes).errors;
+  EXPECT_EQ(errors.size(), Host::Batch::kMostErrors + 1);
+  EXPECT_THAT(errors.back(), StartsWith("more steps are wrong"));
+}
+
+}  // namespace

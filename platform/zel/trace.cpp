@@ -144,14 +144,35 @@ TraceHelper* TraceHelper::createIfEnabled(const TraceHandle& handle, TraceFacili
   return new (storage.bytes) TraceHelper(handle, level);
 }
 
+namespace {
+
+// One line, and nothing that a terminal would obey: a line end becomes a blank, any other control character
+// (those above 0x7f too, which UTF-8 writes as C2 80 to C2 9F) its number.
+std::string printable(std::string_view text) {
+  std::string result;
+  result.reserve(text.size());
+  bool afterC2 = false;
+  for (const char each : text) {
+    const auto byte = static_cast<unsigned char>(each);
+    const bool control = byte < 0x20 || byte == 0x7f || (afterC2 && byte >= 0x80 && byte < 0xa0);
+    if (each == '\n')
+      result += ' ';
+    else if (control)
+      result += format("\\x%02x", unsigned{byte}).view();
+    else
+      result += each;
+    afterC2 = byte == 0xc2;
+  }
+  return result;
+}
+
+}  // namespace
+
 TraceHelper::~TraceHelper() = default;
 
 void TraceHelper::trace(const char* source, int line, const char* function) {
   std::string record = timeText() + ' ' + handle_.facility().name() + ' ' + std::to_string(level_) + ' ' +
-                       source + ':' + std::to_string(line) + ' ' + function + ": ";
-  const std::size_t head = record.size();
-  record += text_.view();
-  std::replace(record.begin() + static_cast<std::ptrdiff_t>(head), record.end(), '\n', ' ');
+                       source + ':' + std::to_string(line) + ' ' + function + ": " + printable(text_.view());
   if (sink()) return sink()(record);
   record += '\n';
   std::fwrite(record.data(), 1, record.size(), stderr);

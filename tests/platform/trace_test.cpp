@@ -32,7 +32,7 @@ TEST_F(Trace, FormatsOnlyWhatIsEnabled) {
   int printed = 0;
   const auto record = [&](unsigned level) {
     Zel::traceRecord(handle, level, "Source", 263, "aFunction",
-                     [&](std::ostream& out) { out << Counted{printed} << "\nline"; });
+                     [&](std::ostream& out) { out << Counted{printed} << "\nline \x1b[2J\xc2\x9b\xc3\xa4"; });
   };
   record(6);
   EXPECT_EQ(printed, 0);
@@ -42,8 +42,10 @@ TEST_F(Trace, FormatsOnlyWhatIsEnabled) {
   ASSERT_EQ(lines.size(), 3U);
   EXPECT_TRUE(std::regex_match(
       lines[1],
-      std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6} TraceTest 6 Source:263 aFunction: counted line)")))
+      std::regex(
+          R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6} TraceTest 6 Source:263 aFunction: counted line.*)")))
       << lines[1];
+  EXPECT_TRUE(lines[1].ends_with("counted line \\x1b[2J\xc2\\x9b\xc3\xa4")) << lines[1];
 }
 
 TEST_F(Trace, EveryHandleFollowsItsFacilityFromTheStart) {
@@ -66,6 +68,7 @@ TEST_F(Trace, AHelperIsDisposedOfAlsoWhenStreamingThrows) {
   EXPECT_THROW(Zel::traceRecord(handle, 1, "S", 1, "f", fail), std::runtime_error);
   EXPECT_TRUE(lines.empty());
   Zel::TraceHelperStorage storage;
+  EXPECT_EQ(Zel::TraceHelper::createIfEnabled(handle, 32, storage), nullptr) << "there is no such level";
   Zel::traceLevelsIs("TraceTest/");
   EXPECT_EQ(Zel::TraceHelper::createIfEnabled(handle, 1, storage), nullptr);
 }

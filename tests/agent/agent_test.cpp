@@ -130,7 +130,7 @@ TEST_F(AgentTest, AMissingOrMistypedDirectoryIsNull) {
 TEST_F(AgentTest, AFailedMountStopsTheProcess) {
   EXPECT_DEATH(agent->doMountsComplete(Statedb::mountFailure_, database),
                "Pinlamp:360: virtual void Pinlamp::Agent::doMountsComplete\\(Statedb::MountStatus, const "
-               "Ptr&\\): Assertion \"status == Statedb::mountSuccess_\" failed");
+               "Ptr&\\): Assertion `status == Statedb::mountSuccess_' failed");
 }
 
 TEST_F(AgentTest, IsMadeInDirectoriesByName) {

@@ -10,6 +10,7 @@
 #include "host/plugin.h"
 #include "host/systemd.h"
 #include "host/unixstore.h"
+#include "host/wakeups.h"
 #include "platform/zel/activity.h"
 
 namespace Host {
@@ -54,6 +55,7 @@ class Host {
   const ServiceManager serviceManager_;
   Loop loop_;
   Zel::ActivityManager activity_;
+  WakeUps wakeUps_;
   const std::unique_ptr<Statedb::Store> store_;
   UnixStore* const remote_;  // the store, where another host keeps the state; else null
   std::unique_ptr<Listener> listener_;

@@ -1,4 +1,6 @@
-// The agent's types come and go with its library.
+// The agent's types come and go with its library, which also sees to the standard streams.
+#include <ios>
+
 #include "agent/agent.h"
 
 namespace {
@@ -8,5 +10,7 @@ const Zel::TypeRegistration types{
     &Pinlamp::Agent::typeNode,
     &Pinlamp::GpioLedStateMachine::typeNode,
 };
+
+const std::ios_base::Init standardStreams;
 
 }  // namespace

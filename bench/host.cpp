@@ -1,4 +1,4 @@
-// The running host: what flashing costs it and how late it is, and how long it takes to start.
+// The running host: what flashing costs it and how long the phases are, and how long it takes to start.
 #include <uv.h>
 
 #include <algorithm>
@@ -15,30 +15,34 @@ namespace Bench {
 
 namespace {
 
-constexpr std::size_t kWatched = 64;  // LEDs whose lateness is taken
+constexpr std::size_t kWatched = 64;  // LEDs whose phases are timed among many
+constexpr std::size_t kFlashing = 8;  // LEDs that flash where there are no others
+constexpr double kLeastTime = 0.5;    // seconds of timing one interval
 
 double window() { return quick() ? 2 : 4; }
 
 void sleepFor(double seconds) { std::this_thread::sleep_for(std::chrono::duration<double>(seconds)); }
 
-// Times between two ticks of one LED, less the interval: how late the second was.
-class Lateness {
+// Times between two ticks of one LED, less the interval: how much longer than it the phase was.
+class Phases {
  public:
-  explicit Lateness(double begin) : begin_(begin) {}
+  explicit Phases(double begin, double interval = kFlashInterval) : begin_(begin), interval_(interval) {}
   void tick(std::size_t led) {
     const double time = now();
     double& last = last_[led];
-    if (last > begin_) late_.push_back(time - last - kFlashInterval);
+    if (last > begin_) longer_.push_back(time - last - interval_);
     last = time;
   }
+  double median() { return quantile(longer_, 0.5); }
   std::vector<Figure> figures(double cost) {
-    return {{"", cost}, {"late p50", quantile(late_, 0.5)}, {"late p99", quantile(late_, 0.99)}};
+    return {{"", cost}, {"+ p50", quantile(longer_, 0.5)}, {"+ p99", quantile(longer_, 0.99)}};
   }
 
  private:
   const double begin_;
+  const double interval_;
   std::map<std::size_t, double> last_;
-  std::vector<double> late_;
+  std::vector<double> longer_;
 };
 
 // Has all LEDs flash, their phases spread over one interval.
@@ -57,27 +61,40 @@ void flashAll(const RunningHost& host, std::size_t leds) {
   }
 }
 
-// First the processor time, with nobody watching; then the lateness, as a client sees it.
+// Watches a pin of so many LEDs, evenly picked.
+class Watching {
+ public:
+  Watching(const RunningHost& host, std::size_t leds, std::size_t watched) : client_(host.socket()) {
+    for (std::size_t i = 0; i < watched; ++i)
+      watches_[client_.call("watch", {{"path", pinPath(i * leds / watched, 1)}})["watch"]] = i;
+  }
+  void time(Phases& phases, double seconds) {
+    for (const double end = now() + seconds; now() < end;) {
+      const Json message = Json::parse(client_.readLine());
+      phases.tick(watches_.at(message["params"]["watch"]));
+    }
+  }
+
+ private:
+  Client client_;
+  std::map<Json, std::size_t> watches_;
+};
+
+// First the processor time, with nobody watching; then the phases, as a client sees them.
 std::vector<Figure> runHost(std::size_t leds) {
   RunningHost host("memory:");
   host.fill(leds);
   flashAll(host, leds);
-  sleepFor(2 * kFlashInterval);
+  sleepFor(10 * kFlashInterval);  // until wake-ups that are close to each other have come together
   const double before = host.process().processorTime();
   const double start = now();
   sleepFor(window());
   const double cost = (host.process().processorTime() - before) / (now() - start);
 
-  Client client(host.socket());
-  std::map<Json, std::size_t> watches;
-  for (std::size_t i = 0; i < kWatched; ++i)
-    watches[client.call("watch", {{"path", pinPath(i * leds / kWatched, 1)}})["watch"]] = i;
-  Lateness lateness(now());
-  for (const double end = now() + window(); now() < end;) {
-    const Json message = Json::parse(client.readLine());
-    lateness.tick(watches.at(message["params"]["watch"]));
-  }
-  return lateness.figures(cost);
+  Watching watching(host, leds, kWatched);
+  Phases phases(now());
+  watching.time(phases, window());
+  return phases.figures(cost);
 }
 
 // One timer an LED, which does nothing else.
@@ -85,21 +102,21 @@ std::vector<Figure> runLibuv(std::size_t leds) {
   struct Timer {
     uv_timer_t timer;
     std::size_t led;
-    Lateness* lateness;
+    Phases* phases;
   };
   uv_loop_t loop;
   uv_loop_init(&loop);
   const double begin = now() + 2 * kFlashInterval;
-  Lateness lateness(begin);
+  Phases phases(begin);
   std::vector<std::unique_ptr<Timer>> timers;
   for (std::size_t i = 0; i < leds; ++i) {
     const bool watched = i % (leds / kWatched) == 0;
-    timers.push_back(std::make_unique<Timer>(Timer{{}, i, watched ? &lateness : nullptr}));
+    timers.push_back(std::make_unique<Timer>(Timer{{}, i, watched ? &phases : nullptr}));
     uv_timer_init(&loop, &timers.back()->timer);
     timers.back()->timer.data = timers.back().get();
     const auto handler = [](uv_timer_t* handle) {
       const auto& self = *static_cast<Timer*>(handle->data);
-      if (self.lateness) self.lateness->tick(self.led);
+      if (self.phases) self.phases->tick(self.led);
     };
     uv_timer_start(&timers.back()->timer, handler, 500 + i * 500 / leds, 500);
   }
@@ -111,7 +128,64 @@ std::vector<Figure> runLibuv(std::size_t leds) {
   for (auto& each : timers) uv_close(reinterpret_cast<uv_handle_t*>(&each->timer), nullptr);
   uv_run(&loop, UV_RUN_DEFAULT);
   uv_loop_close(&loop);
-  return lateness.figures(cost);
+  return phases.figures(cost);
+}
+
+constexpr std::pair<const char*, double> kIntervals[] = {
+    {"1 s", 1.0}, {"500 ms", 0.5}, {"50 ms", 0.05}, {"5 ms", 0.005}, {"1 ms", 0.001}};
+
+double timeOf(double interval) { return std::max(2.5 * interval, kLeastTime); }
+
+// A few LEDs, their phases spread over one interval, in a host that has no others.
+std::vector<Figure> timeHost() {
+  std::vector<Figure> figures;
+  for (const auto& [name, interval] : kIntervals) {
+    RunningHost host("memory:");
+    host.fill(kFlashing);
+    Client client(host.socket());
+    Led::LightSetting setting = steady(1);
+    setting.flashInterval = interval;
+    for (std::size_t led = 0; led < kFlashing; ++led) {
+      client.send(setRequest(led, setting));
+      client.readLine();
+      sleepFor(interval / kFlashing);
+    }
+    Watching watching(host, kFlashing, kFlashing);
+    Phases phases(now(), interval);
+    watching.time(phases, timeOf(interval));
+    figures.push_back({name, phases.median()});
+  }
+  return figures;
+}
+
+// One timer, started again by its handler.
+std::vector<Figure> timeLibuv() {
+  struct Timer {
+    uv_timer_t timer;
+    std::uint64_t milliseconds;
+    Phases phases;
+
+    static void tick(uv_timer_t* handle) {
+      auto& self = *static_cast<Timer*>(handle->data);
+      self.phases.tick(0);
+      uv_timer_start(handle, &tick, self.milliseconds, 0);
+    }
+  };
+  std::vector<Figure> figures;
+  for (const auto& [name, interval] : kIntervals) {
+    uv_loop_t loop;
+    uv_loop_init(&loop);
+    Timer timer{{}, static_cast<std::uint64_t>(interval * 1e3), Phases(now(), interval)};
+    uv_timer_init(&loop, &timer.timer);
+    timer.timer.data = &timer;
+    Timer::tick(&timer.timer);
+    for (const double end = now() + timeOf(interval); now() < end;) uv_run(&loop, UV_RUN_ONCE);
+    uv_close(reinterpret_cast<uv_handle_t*>(&timer.timer), nullptr);
+    uv_run(&loop, UV_RUN_DEFAULT);
+    uv_loop_close(&loop);
+    figures.push_back({name, timer.phases.median()});
+  }
+  return figures;
 }
 
 // A folder with a SQLite file of so many LEDs; made once.
@@ -164,6 +238,8 @@ void addHost() {
     addOnce(row + "/pinlampd", [=] { return runHost(leds); });
     addOnce(row + "/libuv", [=] { return runLibuv(leds); });
   }
+  addOnce("phase/pinlampd", &timeHost);
+  addOnce("phase/libuv", &timeLibuv);
   addStart(1'000, "1,000");
   addStart(10'000, nullptr);
   if (!quick()) addStart(100'000, "100,000");

@@ -98,7 +98,7 @@ double Host::turn() {
   control_->commit();
   control_->send();
   sayWhenReady();
-  return activity_.nextWakeUp();
+  return wakeUps_.next(activity_);
 }
 
 void Host::sayWhenReady() {

@@ -11,6 +11,7 @@
 #include "host/services.h"
 #include "host/systemd.h"
 #include "host/unixstore.h"
+#include "host/wakeups.h"
 #include "platform/zel/activity.h"
 
 namespace Host {
@@ -56,6 +57,7 @@ class Host {
   Loop loop_;
   Zel::ActivityManager activity_;
   Services services_;
+  WakeUps wakeUps_;
   const std::unique_ptr<Statedb::Store> store_;
   UnixStore* const remote_;  // the store, where another host keeps the state; else null
   std::unique_ptr<Listener> listener_;

@@ -13,8 +13,8 @@
 namespace Host {
 
 namespace {
-constexpr double kLongestSleep = 86400;  // seconds; the turn says anew how long it is
-constexpr std::int64_t kMillisecond = 1'000'000;
+constexpr double kLongestSleep = 86400;          // seconds; the turn says anew how long it is
+constexpr std::int64_t kSecond = 1'000'000'000;  // nanoseconds
 }  // namespace
 
 Loop::Loop() : alarm_(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)) {
@@ -74,19 +74,18 @@ void Loop::turn() {
 }
 
 // An alarm of its own, because libuv's timers count in whole milliseconds from a time that lags behind: they
-// come up to two milliseconds late.
+// come up to two milliseconds late. The kernel's come at the nanosecond, and not later by a timer slack.
 void Loop::wakeAt(double time) {
   std::int64_t at = 0;  // never
   if (time != Zel::Clock::kNever) {
     const double latest = Zel::System::currentTime() + kLongestSleep;
-    at = static_cast<std::int64_t>(std::ceil(std::clamp(time, 0.0, latest) * 1e3)) * kMillisecond;
-    at = std::max(at, kMillisecond);
+    at = std::max(static_cast<std::int64_t>(std::ceil(std::clamp(time, 0.0, latest) * 1e9)), std::int64_t{1});
   }
   if (at == alarmAt_) return;
   alarmAt_ = at;
   itimerspec alarm{};
-  alarm.it_value.tv_sec = at / (1000 * kMillisecond);
-  alarm.it_value.tv_nsec = at % (1000 * kMillisecond);
+  alarm.it_value.tv_sec = at / kSecond;
+  alarm.it_value.tv_nsec = at % kSecond;
   ::timerfd_settime(alarm_, TFD_TIMER_ABSTIME, &alarm, nullptr);
 }
 

@@ -37,8 +37,7 @@ class Loop {
 
   uv_loop_t* uv() { return &loop_; }
 
-  // Runs after every round of events and within a millisecond after the time that it returned, never before
-  // that: what is due in one millisecond is done in one turn.
+  // Runs after every round of events, and at the time that it returned, never before that.
   void turnIs(Turn turn) { turn_ = std::move(turn); }
   // Until stop(). Throws what a callback or the turn threw.
   void run();

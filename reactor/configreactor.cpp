@@ -127,7 +127,9 @@ void ConfigReactor::ZelGpioLedConfig::onReady() {
 void ConfigReactor::ZelGpioLedConfig::notifierIs(const Zel::Ptr<const Zel::PtrInterface>& gpioLedConfig) {
   const auto* before = notifier();
   Nested::notifierIs(gpioLedConfig);
-  if (notifier() && notifier() != before) onReady();
+  if (notifier() == before) return;
+  if (notifier()) onReady();
+  isRegisteredNotifieeIs(true);
 }
 
 void ConfigReactor::ZelGpioLedConfig::zelDoZombieReactors(bool zombie) {

@@ -88,8 +88,8 @@ GpioLedStateMachine::GpioLedStateMachine(const Zel::Ptr<CorvelGpioLedConfig>& co
 
 GpioLedStateMachine::~GpioLedStateMachine() {
   GpioLedStateMachine::zelDoZombieReactors(true);
-  letGo(hwLedConfig_);
-  letGo(clock_);
+  if (hwLedConfig_) hwLedConfig_->ownerDel();
+  if (clock_) clock_->ownerDel();
 }
 
 Zel::Name GpioLedStateMachine::name() const { return nameOf(watched(hwLedConfig_)); }

@@ -1,6 +1,7 @@
 #include "utils/lampwise.h"
 
 #include <cmath>
+#include <ios>
 #include <regex>
 #include <sstream>
 #include <string_view>
@@ -10,6 +11,8 @@
 namespace Lampwise {
 
 namespace {
+
+const std::ios_base::Init standardStreams;  // before the streams of toString
 
 constexpr std::uint16_t kActive = 0x0400;
 constexpr std::uint16_t kActiveHere = 0x0010;
@@ -47,11 +50,14 @@ Zel::String portSubString(Zel::Name name) {
   return Zel::String(name.view().substr(0, name.view().rfind('/')));
 }
 
+// The rest of the line is not left to the expression: std::regex recurses for every character of it.
 Zel::String shortenLinkMode(Zel::String linkMode) {
-  const std::regex pattern("linkMode(?:Forced)?(.*)");
-  const std::string text = linkMode.stdString();
-  std::smatch match;
-  return std::regex_search(text, match, pattern) ? Zel::String(match[1].str()) : Zel::String();
+  const std::regex prefix("linkMode(?:Forced)?");
+  const std::string_view text = linkMode.view();
+  std::cmatch match;
+  if (!std::regex_search(text.data(), text.data() + text.size(), match, prefix)) return {};
+  const std::string_view rest = text.substr(static_cast<std::size_t>(match.position() + match.length()));
+  return Zel::String(rest.substr(0, rest.find_first_of("\n\r")));
 }
 
 double roundVal(double value, int places) {

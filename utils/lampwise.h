@@ -32,7 +32,9 @@ ZEL_API Zel::String portSubString(Zel::Name name);
 ZEL_API Zel::String shortenLinkMode(Zel::String linkMode);
 
 // The value rounded to that many decimal places, halves away from zero; a negative count rounds to tens,
-// hundreds and so on. Infinities and values that are not numbers stay what they are.
+// hundreds and so on. Infinities and values that are not numbers stay what they are, for counts from -323 to
+// 308: beyond those the power of ten is zero or infinite, and the result is not a number. A value that is too
+// large for its count becomes infinite.
 ZEL_API double roundVal(double value, int places);
 
 // Whether the text is exactly that of one of the eight colours.

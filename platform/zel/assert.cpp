@@ -1,16 +1,16 @@
 #include "platform/zel/assert.h"
 
-#include <cstdio>
-#include <cstdlib>
+#undef NDEBUG  // else the C library does not declare what its own assertions end in
+#include <cassert>
+#include <string>
 
 namespace Zel {
 
 void assertionFailed(const char* expression, const char* source, int line, const char* function,
                      const char* detail) {
-  std::fprintf(stderr, "%s:%d: %s: Assertion \"%s\" failed.%s%s\n", source, line, function, expression,
-               *detail ? " " : "", detail);
-  std::fflush(stderr);
-  std::abort();
+  std::string text = expression;
+  if (*detail) text.append(", with ").append(detail);
+  __assert_fail(text.c_str(), source, static_cast<unsigned>(line), function);
 }
 
 }  // namespace Zel

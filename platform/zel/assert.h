@@ -7,8 +7,9 @@
 
 namespace Zel {
 
-// Writes `SOURCE:LINE: FUNCTION: Assertion "EXPRESSION" failed.` (then `detail`, where there is any) to the
-// standard error stream and aborts the process. The texts are printed as they are given.
+// Fails as the C library's own assertions do: writes "PROGRAM: SOURCE:LINE: FUNCTION: Assertion `EXPRESSION'
+// failed." to the standard error stream and aborts the process. The texts are printed as they are given;
+// `detail`, where there is any, follows the expression.
 [[noreturn]] ZEL_API void assertionFailed(const char* expression, const char* source, int line,
                                           const char* function, const char* detail = "");
 

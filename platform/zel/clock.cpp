@@ -76,14 +76,15 @@ double Clock::Wheel<First, N>::earliest(std::int64_t position, const Clock& cloc
   return kNever;
 }
 
-void Clock::joinEndOf(std::uint32_t slot, std::uint32_t node) const {
+// Joins the list of a slot before `next`, a member or the head, which is also the end.
+void Clock::join(std::uint32_t slot, std::uint32_t next, std::uint32_t node) const {
   Node& head = nodes_[slot];
   Node& joining = nodes_[node];
   head.time = hasMembers(slot) ? std::min(head.time, joining.time) : joining.time;
-  joining.next = slot;
-  joining.previous = head.previous;
-  nodes_[head.previous].next = node;
-  head.previous = node;
+  joining.next = next;
+  joining.previous = nodes_[next].previous;
+  nodes_[joining.previous].next = node;
+  nodes_[next].previous = node;
 }
 
 void Clock::leave(std::uint32_t node) const {
@@ -91,29 +92,28 @@ void Clock::leave(std::uint32_t node) const {
   nodes_[nodes_[node].next].previous = nodes_[node].previous;
 }
 
-// Puts a node into the slot of its time.
-void Clock::place(std::uint32_t node) const {
-  const std::int64_t at = std::max(tick(nodes_[node].time), now_);
-  std::uint32_t slot = kFarSlot;
+// The slot of a time, marked as used.
+std::uint32_t Clock::slotOf(double time) const {
+  const std::int64_t at = std::max(tick(time), now_);
   if (at - now_ < kFine) {
-    slot = fine_.slot(at);
     fine_.use(at);
-  } else if (at / kFine - now_ / kFine < kCoarse) {
-    slot = coarse_.slot(at / kFine);
-    coarse_.use(at / kFine);
+    return fine_.slot(at);
   }
-  joinEndOf(slot, node);
+  if (at / kFine - now_ / kFine >= kCoarse) return kFarSlot;
+  coarse_.use(at / kFine);
+  return coarse_.slot(at / kFine);
 }
 
-// Puts each of a slot's members into the slot of its time, which may be this one again.
+// Puts each of a slot's members into the slot of its time, which may be this one again. They come before the
+// members that are there: those did not have to wait in a coarser slot, so they were armed later.
 void Clock::placeAllOf(std::uint32_t slot) const {
-  const std::uint32_t first = nodes_[slot].next;
-  nodes_[nodes_[slot].previous].next = slot;
+  std::uint32_t node = nodes_[slot].previous;
   nodes_[slot].next = nodes_[slot].previous = slot;
-  for (std::uint32_t node = first; node != slot;) {
-    const std::uint32_t next = nodes_[node].next;
-    place(node);
-    node = next;
+  while (node != slot) {
+    const std::uint32_t previous = nodes_[node].previous;
+    const std::uint32_t place = slotOf(nodes_[node].time);
+    join(place, nodes_[place].next, node);
+    node = previous;
   }
 }
 
@@ -128,7 +128,8 @@ void Clock::arm(NotifieeConst& notifiee) const {
   nodes_[node].time = notifiee.timeMin_;
   nodes_[node].notifiee = &notifiee;
   notifiee.node_ = node;
-  place(node);
+  const std::uint32_t slot = slotOf(notifiee.timeMin_);
+  join(slot, slot, node);
 }
 
 void Clock::disarm(NotifieeConst& notifiee) const {
@@ -138,12 +139,13 @@ void Clock::disarm(NotifieeConst& notifiee) const {
   nodes_[node].next = std::exchange(free_, node);
 }
 
-// A new block of fine slots begins: what waited for it in the coarse wheel comes into them.
+// A new block of fine slots begins: what waited for it in the coarse wheel comes into them, and before that
+// what waited still further away.
 void Clock::cascade() const {
   const std::int64_t block = now_ / kFine;
-  if (block % kCoarse == 0) placeAllOf(kFarSlot);
   coarse_.unuse(block);
   placeAllOf(coarse_.slot(block));
+  if (block % kCoarse == 0) placeAllOf(kFarSlot);
 }
 
 // Moves what is due at `now` to the due.
@@ -165,7 +167,7 @@ void Clock::collectFrom(std::uint32_t slot, double now) const {
     const std::uint32_t next = nodes_[node].next;
     if (nodes_[node].time <= now) {
       leave(node);
-      joinEndOf(kDueSlot, node);
+      join(kDueSlot, kDueSlot, node);
     } else {
       earliest = std::min(earliest, nodes_[node].time);
     }
@@ -212,6 +214,21 @@ double Clock::nextWakeUp() const {
   if (hasMembers(kDueSlot)) return -kNever;
   const double far = hasMembers(kFarSlot) ? nodes_[kFarSlot].time : kNever;
   return std::min({fine_.earliest(now_, *this), coarse_.earliest(now_ / kFine + 1, *this), far});
+}
+
+Clock::Around Clock::around(double time, double reach) const {
+  Around found{-kNever, kNever};
+  const std::int64_t last = std::min(tick(time + reach), now_ + kFine - 1);
+  for (std::int64_t at = std::max(tick(time - reach), now_); at <= last; ++at)
+    for (std::uint32_t node = nodes_[fine_.slot(at)].next; node != fine_.slot(at); node = nodes_[node].next) {
+      const double each = nodes_[node].time;
+      if (std::abs(each - time) > reach) continue;
+      if (each <= time)
+        found.before = std::max(found.before, each);
+      else
+        found.after = std::min(found.after, each);
+    }
+  return found;
 }
 
 double Clock::worstLateness(bool reset) const {

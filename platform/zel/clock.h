@@ -39,7 +39,7 @@ class ZEL_API System {
 //
 // Wake-up times stand in a wheel of one-millisecond slots, so arming, re-arming and disarming cost the same
 // however many reactors there are. A reactor is never woken before its time. Expiries of one pass come in the
-// order of their slots; within one slot in the order of arming.
+// order of their milliseconds; within one millisecond in the order of arming.
 class ZEL_API Clock : public Typed<Clock, Notifier> {
  public:
   static constexpr double kNever = std::numeric_limits<double>::infinity();
@@ -56,6 +56,13 @@ class ZEL_API Clock : public Typed<Clock, Notifier> {
   // The earliest wake-up time; not later than that where a reactor was disarmed since. Positive infinity:
   // none.
   double nextWakeUp() const;
+  // The wake-up times next to `time`: the latest that is not later, and the earliest that is later. Negative
+  // and positive infinity where there is none within `reach` seconds, or none that is due within a second.
+  struct Around {
+    double before;
+    double after;
+  };
+  Around around(double time, double reach) const;
 
   std::uint64_t expiries() const { return expiries_; }
   // By how many seconds the latest of the wake-ups came after its time. Reset by reading where `reset`.
@@ -96,9 +103,9 @@ class ZEL_API Clock : public Typed<Clock, Notifier> {
 
   static std::int64_t tick(double time);
   bool hasMembers(std::uint32_t slot) const { return nodes_[slot].next != slot; }
-  void joinEndOf(std::uint32_t slot, std::uint32_t node) const;
+  void join(std::uint32_t slot, std::uint32_t next, std::uint32_t node) const;
   void leave(std::uint32_t node) const;
-  void place(std::uint32_t node) const;
+  std::uint32_t slotOf(double time) const;
   void placeAllOf(std::uint32_t slot) const;
   void arm(NotifieeConst& notifiee) const;
   void disarm(NotifieeConst& notifiee) const;

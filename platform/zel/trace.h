@@ -1,7 +1,8 @@
 // The trace facility.
 //
-// A record costs nothing but a load and a branch while its level is off: nothing is formatted. Levels are
-// small integers, 0 to 31, set for each facility by name, also before the facility's first handle exists.
+// Nothing is formatted while a record's level is off: it costs a load and a branch, and as much again where
+// the handle is made on first use. Levels are small integers, 0 to 31, set for each facility by name, also
+// before the facility's first handle exists.
 //
 //     TraceHelperStorage storage;
 //     EnsureTraceHelperIsDestroyed helper(TraceHelper::createIfEnabled(handle, 6, storage));
@@ -65,9 +66,8 @@ using TraceSink = std::function<void(std::string_view line)>;
 ZEL_API void traceSinkIs(TraceSink sink);
 
 // A library's handle of a facility. It has a copy of the facility's levels, so that asking whether one is on
-// takes one load; a handle that is a static object has all of them off until it is made. `immediateFlush`
-// asks for each record to be handed on at once by a sink that collects; the sinks of this framework hand on
-// every record at once anyway.
+// takes one load. `immediateFlush` asks for each record to be handed on at once by a sink that collects; the
+// sinks of this framework hand on every record at once anyway.
 class ZEL_API TraceHandle {
  public:
   TraceHandle(const String& facility, bool immediateFlush);
@@ -75,8 +75,9 @@ class ZEL_API TraceHandle {
   TraceHandle(const TraceHandle&) = delete;
   TraceHandle& operator=(const TraceHandle&) = delete;
 
+  // False for a level that does not exist.
   bool enabled(TraceFacility::FacilityLevel level) const {
-    return (mask_.load(std::memory_order_relaxed) >> level & 1U) != 0;
+    return level < TraceFacility::kLevels && (mask_.load(std::memory_order_relaxed) >> level & 1U) != 0;
   }
   const TraceFacility& facility() const { return facility_; }
   bool immediateFlush() const { return immediateFlush_; }
@@ -104,7 +105,7 @@ class ZEL_API TraceHelper {
   // The message goes here.
   std::ostream& stream() { return text_; }
   // Emits `TIME FACILITY LEVEL SOURCE:LINE FUNCTION: MESSAGE` as one line, TIME being UTC with microseconds.
-  // Line ends within the message are written as blanks.
+  // Line ends within the message are written as blanks, other control characters as their numbers.
   void trace(const char* source, int line, const char* function);
 
  private:
@@ -139,8 +140,8 @@ class EnsureTraceHelperIsDestroyed {
 };
 
 // Writes one record where the level is on: `write` gets the stream. The common way to trace; what a record
-// says is not even looked up while its level is off. Always inline, so that only the load and the branch are
-// left on the way of the code that traces.
+// says is not even looked up while its level is off. Always inline, so that only loads and branches are left
+// on the way of the code that traces.
 template <class Write>
 [[gnu::always_inline]] inline void traceRecord(const TraceHandle& handle, TraceFacility::FacilityLevel level,
                                                const char* source, int line, const char* function,

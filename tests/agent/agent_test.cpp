@@ -4,6 +4,7 @@
 #include <map>
 
 #include "agent/factory.h"
+#include "platform/statedb/store.h"
 #include "platform/zel/generic.h"
 #include "tests/statemachine/bench.h"
 
@@ -130,7 +131,7 @@ TEST_F(AgentTest, AMissingOrMistypedDirectoryIsNull) {
 TEST_F(AgentTest, AFailedMountStopsTheProcess) {
   EXPECT_DEATH(agent->doMountsComplete(Statedb::mountFailure_, database),
                "Pinlamp:360: virtual void Pinlamp::Agent::doMountsComplete\\(Statedb::MountStatus, const "
-               "Ptr&\\): Assertion \"status == Statedb::mountSuccess_\" failed");
+               "Ptr&\\): Assertion `status == Statedb::mountSuccess_' failed");
 }
 
 TEST_F(AgentTest, IsMadeInDirectoriesByName) {

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "platform/warden/cagent.h"
+#include "platform/zel/trace.h"
 #include "platform/zel/type.h"
 
 namespace {
@@ -25,6 +26,7 @@ TEST(Plugin, ItsTypesComeAndGoWithTheLibrary) {
     auto agent = factory("lamps");
     EXPECT_EQ(agent->name(), Zel::Name("lamps"));
     EXPECT_EQ(agent->fwkType().name(), Zel::Name("Pinlamp::Agent"));
+    EXPECT_EQ(Zel::TraceFacility::existing("Pinlamp"), nullptr) << "its handle is made by the first record";
     agent = nullptr;
     EXPECT_EQ(Zel::typeNode("Pinlamp::Agent")->allocations().objects(), 0U);
     dlclose(library);

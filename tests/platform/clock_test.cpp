@@ -181,6 +181,23 @@ TEST_F(ClockTest, FollowsAReferenceUnderRandomOperations) {
   }
 }
 
+// From near and far, so that all levels of the wheel meet in one millisecond.
+TEST_F(ClockTest, ExpiriesOfOneMillisecondComeInTheOrderOfArming) {
+  for (const double due : {600.0, 524.2885 + 262.144, 524.2885 + 3 * 262.144}) {
+    std::vector<std::size_t> woken, all;
+    std::vector<Ptr<Waker>> wakers;
+    for (const double ahead : {900.0, 500.0, 262.2, 262.0, 200.0, 100.0, 1.5, 1.1, 1.0, 0.5, 0.0}) {
+      stepAt(std::max(time.now(), due - ahead));
+      const std::size_t i = wakers.size();
+      wakers.push_back(waker(due + 0.0009 - 1e-5 * static_cast<double>(i)));
+      wakers.back()->then = [&, i] { woken.push_back(i); };
+      all.push_back(i);
+    }
+    stepAt(due + 0.001);
+    EXPECT_EQ(woken, all) << due;
+  }
+}
+
 TEST_F(ClockTest, LatenessIsTheWorstOfTheWakeUps) {
   const auto a = waker(101.0);
   const auto b = waker(101.25);

@@ -32,7 +32,7 @@ TEST_F(Trace, FormatsOnlyWhatIsEnabled) {
   int printed = 0;
   const auto record = [&](unsigned level) {
     Zel::traceRecord(handle, level, "Source", 263, "aFunction",
-                     [&](std::ostream& out) { out << Counted{printed} << "\nline"; });
+                     [&](std::ostream& out) { out << Counted{printed} << "\nline \x1b[2J\xc2\x9b\xc3\xa4"; });
   };
   record(6);
   EXPECT_EQ(printed, 0);
@@ -43,8 +43,9 @@ TEST_F(Trace, FormatsOnlyWhatIsEnabled) {
   EXPECT_TRUE(std::regex_match(
       lines[1],
       std::regex(
-          R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6} TraceTest 6 Source:263 aFunction: counted\\x0Aline)")))
+          R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6} TraceTest 6 Source:263 aFunction: counted\\x0Aline .*)")))
       << lines[1];
+  EXPECT_TRUE(lines[1].ends_with("counted\\x0Aline \\x1B[2J\\x9B\xc3\xa4")) << lines[1];
 }
 
 TEST_F(Trace, EveryHandleFollowsItsFacilityFromTheStart) {
@@ -67,6 +68,7 @@ TEST_F(Trace, AHelperIsDisposedOfAlsoWhenStreamingThrows) {
   EXPECT_THROW(Zel::traceRecord(handle, 1, "S", 1, "f", fail), std::runtime_error);
   EXPECT_TRUE(lines.empty());
   Zel::TraceHelperStorage storage;
+  EXPECT_EQ(Zel::TraceHelper::createIfEnabled(handle, 32, storage), nullptr) << "there is no such level";
   Zel::traceLevelsIs("TraceTest/");
   EXPECT_EQ(Zel::TraceHelper::createIfEnabled(handle, 1, storage), nullptr);
 }

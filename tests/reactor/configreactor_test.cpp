@@ -89,7 +89,7 @@ TEST_F(Configuration, RefusesWhatIsNoMappingOrNoPin) {
 
   reactor = ConfigReactor::ConfigReactorIs(nullptr, leds, nullptr);
   reactor->corvelLedSystemConfig()->gpioLedsIs("B")->gpioRedIs(Zel::allocate<Bench::CorvelPinConfig>("B.r"));
-  EXPECT_DEATH(reactor->handleGpioConfigCleanup("B"), "\"gpioPinConfigDir_\" failed");
+  EXPECT_DEATH(reactor->handleGpioConfigCleanup("B"), "`gpioPinConfigDir_' failed");
 }
 
 TEST_F(Configuration, AHookOnAPinMayAskForTheLedWhoseMachineIsBeingMade) {

@@ -96,14 +96,14 @@ TEST_F(StateMachineDeathTest, StopsWithoutPinsToFlashOrAClockToFlashBy) {
   pins = nullptr;
   start(setting("red"));
   EXPECT_EQ(set(setting("red", 1.0)), Lines{});
-  EXPECT_DEATH(stepTo(11.0), "Pinlamp:[0-9]+: .*write.*Assertion \"led\" failed");
+  EXPECT_DEATH(stepTo(11.0), "Pinlamp:[0-9]+: .*write.*Assertion `led' failed");
   machine->clockIs(nullptr);
   EXPECT_DEATH(machine->handleLedSystemConfig("Fan1", setting("red", 1.0)),
-               "Pinlamp:[0-9]+: .*Assertion \"clock_\" failed");
+               "Pinlamp:[0-9]+: .*Assertion `clock_' failed");
   machine->hwLedConfigDel();
-  EXPECT_DEATH(machine->handleClockTimeout(), "Assertion \"hwLedConfig_\" failed");
+  EXPECT_DEATH(machine->handleClockTimeout(), "Assertion `hwLedConfig_' failed");
   manager.clockIs(nullptr);
-  EXPECT_DEATH(start(setting("")), "Assertion \"clock_\" failed");
+  EXPECT_DEATH(start(setting("")), "Assertion `clock_' failed");
 }
 
 }  // namespace

@@ -39,8 +39,11 @@ TEST(Lampwise, PortSubStringAndShortenLinkModeCutNames) {
                     {"xlinkModeUnknown", "Unknown"},
                     {"linkmodeAutoneg", ""},
                     {"a\nlinkMode40g\nfull", "40g"},
-                    {"linkModeForcedAlinkModeForcedB", "AlinkModeForcedB"}};
+                    {"linkModeForcedAlinkModeForcedB", "AlinkModeForcedB"},
+                    {"linkModeForce\rd", "Force"}};
   for (const auto& [mode, cut] : modes) EXPECT_EQ(Lampwise::shortenLinkMode(mode), cut) << mode;
+  const std::string much(1'000'000, 'x');
+  EXPECT_EQ(Lampwise::shortenLinkMode(much + "linkMode" + much), Zel::String(much));
 }
 
 TEST(Lampwise, RoundValRoundsHalvesAwayFromZero) {

@@ -5,12 +5,11 @@
 // A path starts at an agent ("agent" is the first one, any agent goes by its name too) or at a mounted entity
 // ("hardware/led/config/leds/Status"), and leads from object to object by attributes; behind a collection
 // stands a member's key. Entries of a directory stand under it without the collection's name. Names are
-// escaped as in entity paths. A path is within the limits of Statedb::Path, and none of its components is
-// empty.
+// escaped as in entity paths, and the limits are the same. No component is empty.
 //
-// Clients read, and where the host allows it set, delete and invoke. What the objects' own operations do not
-// survive is kept from clients all the same: start-up operations of an agent, null where an operation takes
-// an object, agents as entries of directories.
+// Clients read, and where the host allows it set, delete and invoke. Refused in either case, because the
+// objects assert on it: start-up operations of an agent, null where an operation takes an object, and agents
+// as entries of directories.
 #pragma once
 
 #include <functional>
@@ -58,7 +57,7 @@ class Objects {
   // The keys of a collection or of a set of names.
   Zel::Value iterate(const std::string& path) const;
   // `path` names a procedure. A text given for an object is a path, or the name of an object of that type
-  // which can be reached from where the path started.
+  // that is found from where the path started: behind pointers, and in collections under that name.
   Zel::Value call(const std::string& path, const Zel::Value::List& arguments) const;
   // The components that may follow: {"name", "kind", "type", "operations"} each.
   Zel::Value list(const std::string& path) const;
@@ -66,8 +65,8 @@ class Objects {
   // the members where the object stands further above. Of one collection kTreeMembers are listed at most, and
   // kTreeObjects altogether; what an object has beyond that is counted in its "omitted", by attribute.
   Zel::Value tree(const std::string& path, std::size_t depth) const;
-  static constexpr std::size_t kTreeMembers = 128;
-  static constexpr std::size_t kTreeObjects = 2048;
+  static constexpr std::size_t kTreeMembers = 256;
+  static constexpr std::size_t kTreeObjects = 4096;
 
   // An object as a value that is no reference: {"object": PATH, "type": TYPE}, and "wakesIn" (seconds from
   // now) where it will do something by itself; lists and fields are gone through.

@@ -8,6 +8,7 @@ install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}
   PATTERN "entitytree.h" EXCLUDE
   PATTERN "entrytable.h" EXCLUDE
   PATTERN "external.h" EXCLUDE
+  PATTERN "printable.h" EXCLUDE
   PATTERN "publisher.h" EXCLUDE
   PATTERN "row.h" EXCLUDE
   PATTERN "schema.h" EXCLUDE

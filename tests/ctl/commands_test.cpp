@@ -245,7 +245,7 @@ TEST_F(Commands, WhatIsRefusedSaysWhatWouldBeRight) {
       {{"dump", "nothing"}, 1, "nothing at 'nothing'"},
       {{"map", "del", "Nope"}, 1, "no LED is named 'Nope'"},
       {{"watch", "--for", "-1"}, 2, "--for -1"},
-      {{"object", "list"}, 1, "no method object"},
+      {{"object", "get", "agent"}, 1, "no method object"},
       {{"led", "lst"}, 2, "no command 'lst'; nearest: list"},
       {{"get", "a", "b", "c"}, 2, "c; see: pinlampctl get --help"}};
   for (const Case& each : cases) {

@@ -80,13 +80,13 @@ Json FakeHost::answer(const std::string& method, const Json& parameters) {
     watches_.push_back(parameters.value("path", ""));
     return {{"result", {{"watch", watches_.size()}, {"entities", read(watches_.back())}}}};
   }
-  if (method == "status")
-    return {{"result", {{"mounts", Json::array()}, {"processes", Json::array()}}}};
   if (method == "types")
     return Json::parse(R"({"result": {"types": [{"name": "Hardware::Led::LedConfig",
                            "attributes": [{"name": "lightSetting"}, {"name": "theme"}]}]}})");
   if (method == "trace") return {{"result", {{"facilities", {{"Pinlamp", parameters.value("levels", "")}}}}}};
   if (answers) return {{"result", answers(method, parameters)}};
+  if (method == "status")
+    return {{"result", {{"mounts", Json::array()}, {"processes", Json::array()}}}};
   return {{"error", {{"code", -32601}, {"message", "no method " + method}}}};
 }
 

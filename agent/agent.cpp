@@ -1,9 +1,9 @@
 #include "agent/agent.h"
 
 #include "agent/factory.h"
-#include "platform/zel/assert.h"
-#include "statemachine/check.h"
-#include "statemachine/trace.h"
+#include "common/check.h"
+#include "common/trace.h"
+#include "platform/zel/core/assert.h"
 
 namespace Pinlamp {
 

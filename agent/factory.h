@@ -1,9 +1,9 @@
 // The entry point of the agent's plug-in.
 #pragma once
 
-#include "platform/zel/export.h"
-#include "platform/zel/name.h"
-#include "platform/zel/ptr.h"
+#include "platform/zel/core/export.h"
+#include "platform/zel/core/name.h"
+#include "platform/zel/core/ptr.h"
 
 namespace Pinlamp {
 

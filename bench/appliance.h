@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/zel/activity.h"
+#include "platform/zel/notify/activity.h"
 #include "reactor/configreactor.h"
 
 namespace Bench {

@@ -23,7 +23,7 @@
 #include "bench/child.h"
 #include "bench/measure.h"
 #include "bench/table.h"
-#include "platform/zel/type.h"
+#include "platform/zel/object/type.h"
 
 namespace Bench {
 

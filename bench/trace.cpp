@@ -1,5 +1,5 @@
 // What a trace record costs while its level is off.
-#include "statemachine/trace.h"
+#include "common/trace.h"
 
 #include "bench/appliance.h"
 #include "bench/measure.h"

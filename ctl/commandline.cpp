@@ -4,7 +4,7 @@
 #include "ctl/complete.h"
 #include "ctl/context.h"
 #include "ctl/text.h"
-#include "platform/zel/printable.h"
+#include "platform/zel/core/printable.h"
 
 namespace Ctl {
 

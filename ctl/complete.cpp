@@ -7,7 +7,7 @@
 #include "ctl/appliance.h"
 #include "ctl/objects.h"
 #include "ctl/text.h"
-#include "platform/zel/printable.h"
+#include "platform/zel/core/printable.h"
 
 namespace Ctl {
 

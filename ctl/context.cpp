@@ -5,7 +5,7 @@
 #include <ostream>
 #include <thread>
 
-#include "platform/zel/printable.h"
+#include "platform/zel/core/printable.h"
 
 namespace Ctl {
 

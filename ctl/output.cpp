@@ -7,7 +7,7 @@
 #include <ostream>
 
 #include "ctl/text.h"
-#include "platform/zel/printable.h"
+#include "platform/zel/core/printable.h"
 
 namespace Ctl {
 

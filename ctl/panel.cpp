@@ -6,7 +6,7 @@
 #include <regex>
 
 #include "ctl/text.h"
-#include "platform/zel/printable.h"
+#include "platform/zel/core/printable.h"
 
 namespace Ctl {
 

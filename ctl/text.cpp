@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "ctl/refusal.h"
-#include "platform/zel/printable.h"
+#include "platform/zel/core/printable.h"
 
 namespace Ctl {
 

@@ -2,8 +2,8 @@
 
 #include <stdexcept>
 
-#include "platform/zel/dir.h"
-#include "platform/zel/trace.h"
+#include "platform/zel/core/trace.h"
+#include "platform/zel/entity/dir.h"
 
 namespace Pinlamp {
 

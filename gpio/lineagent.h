@@ -13,7 +13,7 @@
 #include "gpio/linedriver.h"
 #include "platform/model/hardwaregpio.h"
 #include "platform/warden/cagent.h"
-#include "platform/zel/activity.h"
+#include "platform/zel/notify/activity.h"
 
 namespace Pinlamp {
 

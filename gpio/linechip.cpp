@@ -6,7 +6,7 @@
 #include <set>
 #include <system_error>
 
-#include "platform/zel/assert.h"
+#include "platform/zel/core/assert.h"
 
 namespace Gpio {
 

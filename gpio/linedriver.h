@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "gpio/linechip.h"
-#include "platform/zel/name.h"
+#include "platform/zel/core/name.h"
 
 namespace Gpio {
 

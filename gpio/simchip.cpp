@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <system_error>
 
-#include "platform/zel/assert.h"
+#include "platform/zel/core/assert.h"
 
 namespace Gpio {
 

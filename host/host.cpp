@@ -7,8 +7,8 @@
 #include <filesystem>
 #include <iostream>
 
-#include "host/stores.h"
-#include "platform/zel/printable.h"
+#include "host/store/stores.h"
+#include "platform/zel/core/printable.h"
 
 namespace Host {
 

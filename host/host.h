@@ -5,14 +5,14 @@
 #include <string>
 #include <vector>
 
-#include "host/control.h"
-#include "host/loop.h"
+#include "host/control/control.h"
+#include "host/io/loop.h"
+#include "host/io/services.h"
+#include "host/io/wakeups.h"
 #include "host/plugin.h"
-#include "host/services.h"
+#include "host/store/unixstore.h"
 #include "host/systemd.h"
-#include "host/unixstore.h"
-#include "host/wakeups.h"
-#include "platform/zel/activity.h"
+#include "platform/zel/notify/activity.h"
 
 namespace Host {
 

@@ -12,10 +12,10 @@
 #include <system_error>
 
 #include "host/host.h"
-#include "host/starterror.h"
+#include "host/io/starterror.h"
 #include "platform/cell/cell.h"
-#include "platform/zel/printable.h"
-#include "platform/zel/trace.h"
+#include "platform/zel/core/printable.h"
+#include "platform/zel/core/trace.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <optional>
 #include <vector>
 
-#include "host/starterror.h"
-#include "platform/zel/activity.h"
+#include "host/io/starterror.h"
+#include "platform/zel/notify/activity.h"
 
 namespace Host {
 

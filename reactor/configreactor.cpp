@@ -2,8 +2,8 @@
 
 #include <array>
 
-#include "statemachine/check.h"
-#include "statemachine/trace.h"
+#include "common/check.h"
+#include "common/trace.h"
 
 namespace Pinlamp {
 

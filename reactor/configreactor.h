@@ -4,12 +4,12 @@
 // Activity thread only.
 #pragma once
 
+#include "common/nested.h"
 #include "platform/model/hardwaregpio.h"
 #include "platform/model/hardwareled.h"
-#include "platform/zel/described.h"
-#include "platform/zel/dir.h"
+#include "platform/zel/entity/described.h"
+#include "platform/zel/entity/dir.h"
 #include "statemachine/gpioledstatemachine.h"
-#include "statemachine/nested.h"
 
 namespace Pinlamp {
 

@@ -4,9 +4,9 @@
 #include <limits>
 #include <utility>
 
-#include "platform/zel/activity.h"
-#include "statemachine/check.h"
-#include "statemachine/trace.h"
+#include "common/check.h"
+#include "common/trace.h"
+#include "platform/zel/notify/activity.h"
 
 namespace Pinlamp {
 

@@ -5,11 +5,11 @@
 
 #include <cstdint>
 
+#include "common/nested.h"
 #include "platform/model/hardwaregpio.h"
 #include "platform/model/hardwareled.h"
-#include "platform/zel/clock.h"
-#include "platform/zel/described.h"
-#include "statemachine/nested.h"
+#include "platform/zel/entity/described.h"
+#include "platform/zel/notify/clock.h"
 
 namespace Pinlamp {
 

@@ -7,9 +7,9 @@
 #include <cstdint>
 
 #include "platform/model/led.h"
-#include "platform/zel/export.h"
-#include "platform/zel/name.h"
-#include "platform/zel/string.h"
+#include "platform/zel/core/export.h"
+#include "platform/zel/core/name.h"
+#include "platform/zel/core/string.h"
 
 namespace Lampwise {
 

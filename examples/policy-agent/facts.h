@@ -1,7 +1,7 @@
 // The facts that the policy agent lights LEDs by. Whoever knows them publishes them in the state database.
 #pragma once
 
-#include "platform/zel/entity.h"
+#include "platform/zel/entity/entity.h"
 
 namespace Policy {
 

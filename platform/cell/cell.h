@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "platform/zel/export.h"
+#include "platform/zel/core/export.h"
 
 namespace Cell {
 

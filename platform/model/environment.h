@@ -1,7 +1,7 @@
 // The cooling configuration. LED agents mount it beside the LEDs; nothing in this library reads it.
 #pragma once
 
-#include "platform/zel/entity.h"
+#include "platform/zel/entity/entity.h"
 
 namespace Environment::Cooling {
 

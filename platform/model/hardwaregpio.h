@@ -3,8 +3,8 @@
 
 #include <cstdint>
 
-#include "platform/zel/dir.h"
-#include "platform/zel/entity.h"
+#include "platform/zel/entity/dir.h"
+#include "platform/zel/entity/entity.h"
 
 namespace Hardware::Gpio {
 

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "platform/model/led.h"
-#include "platform/zel/entity.h"
+#include "platform/zel/entity/entity.h"
 
 namespace Hardware::Led {
 

@@ -5,8 +5,8 @@
 #include <iosfwd>
 #include <tuple>
 
-#include "platform/zel/export.h"
-#include "platform/zel/valuetraits.h"
+#include "platform/zel/core/export.h"
+#include "platform/zel/object/valuetraits.h"
 
 namespace Led {
 

@@ -1,9 +1,9 @@
 // The base class of agents.
 #pragma once
 
-#include "platform/statedb/entitymanager.h"
-#include "platform/statedb/mount.h"
-#include "platform/zel/export.h"
+#include "platform/statedb/mount/entitymanager.h"
+#include "platform/statedb/mount/mount.h"
+#include "platform/zel/core/export.h"
 
 namespace Warden {
 

@@ -4,8 +4,8 @@
 #include <map>
 
 #include "agent/factory.h"
-#include "platform/statedb/store.h"
-#include "platform/zel/generic.h"
+#include "platform/statedb/store/store.h"
+#include "platform/zel/entity/generic.h"
 #include "tests/statemachine/bench.h"
 
 namespace {

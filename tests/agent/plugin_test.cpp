@@ -9,8 +9,8 @@
 #include <string>
 
 #include "platform/warden/cagent.h"
-#include "platform/zel/trace.h"
-#include "platform/zel/type.h"
+#include "platform/zel/core/trace.h"
+#include "platform/zel/object/type.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <sstream>
 
 #include "platform/warden/cagent.h"
-#include "platform/zel/type.h"
+#include "platform/zel/object/type.h"
 
 namespace {
 

@@ -5,11 +5,11 @@
 #include <cstdint>
 #include <string_view>
 
-#include "host/batch.h"
-#include "host/connection.h"
-#include "host/rpc.h"
-#include "platform/statedb/store.h"
-#include "platform/zel/trace.h"
+#include "host/control/batch.h"
+#include "host/io/connection.h"
+#include "host/rpc/rpc.h"
+#include "platform/statedb/store/store.h"
+#include "platform/zel/core/trace.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // What clients may write: checked by texts, and interned only where all of it is taken.
-#include "host/batch.h"
+#include "host/control/batch.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 // The control socket: a real server and raw clients, on one thread.
-#include "host/control.h"
+#include "host/control/control.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -7,10 +7,10 @@
 
 #include "client.h"
 #include "folder.h"
+#include "host/io/starterror.h"
 #include "host/plugin.h"
-#include "host/starterror.h"
-#include "platform/zel/activity.h"
-#include "platform/zel/trace.h"
+#include "platform/zel/core/trace.h"
+#include "platform/zel/notify/activity.h"
 
 namespace {
 

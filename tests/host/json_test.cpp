@@ -1,5 +1,5 @@
 // Values between the framework, the socket and the store file.
-#include "host/json.h"
+#include "host/rpc/json.h"
 
 #include <gtest/gtest.h>
 

@@ -1,11 +1,11 @@
 // The loop: when the host is woken.
-#include "host/loop.h"
+#include "host/io/loop.h"
 
 #include <gtest/gtest.h>
 
 #include <stdexcept>
 
-#include "platform/zel/clock.h"
+#include "platform/zel/notify/clock.h"
 
 namespace {
 

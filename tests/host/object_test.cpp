@@ -1,11 +1,11 @@
 // Live objects by path.
-#include "host/object.h"
+#include "host/control/object.h"
 
 #include <gtest/gtest.h>
 
 #include "platform/model/hardwaregpio.h"
 #include "platform/warden/cagent.h"
-#include "platform/zel/activity.h"
+#include "platform/zel/notify/activity.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // What a process publishes into a state database elsewhere, under random writes, delays, losses and restarts.
-#include "host/ownrows.h"
+#include "host/store/ownrows.h"
 
 #include <gtest/gtest.h>
 

@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 
 #include "folder.h"
-#include "host/starterror.h"
-#include "platform/zel/activity.h"
+#include "host/io/starterror.h"
+#include "platform/zel/notify/activity.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // Descriptors and tasks of other threads, on the real loop.
-#include "host/services.h"
+#include "host/io/services.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -12,8 +12,8 @@
 #include <thread>
 
 #include "folder.h"
-#include "platform/zel/activity.h"
-#include "platform/zel/inbox.h"
+#include "platform/zel/notify/activity.h"
+#include "platform/zel/notify/inbox.h"
 
 namespace {
 

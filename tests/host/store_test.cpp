@@ -10,8 +10,8 @@
 #include <functional>
 
 #include "folder.h"
-#include "host/sqlitestore.h"
-#include "host/stores.h"
+#include "host/store/sqlitestore.h"
+#include "host/store/stores.h"
 #include "tests/platform/storemodel.h"
 
 namespace {

@@ -1,5 +1,5 @@
 // The state database of another host: a real one on the same loop.
-#include "host/unixstore.h"
+#include "host/store/unixstore.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -7,8 +7,8 @@
 #include <chrono>
 
 #include "folder.h"
-#include "host/control.h"
-#include "platform/zel/activity.h"
+#include "host/control/control.h"
+#include "platform/zel/notify/activity.h"
 #include "tests/platform/storemodel.h"
 
 namespace {

@@ -1,5 +1,5 @@
 // When the host wakes for LEDs that flash. Each computes its next time from the one at which it was woken.
-#include "host/wakeups.h"
+#include "host/io/wakeups.h"
 
 #include <gtest/gtest.h>
 

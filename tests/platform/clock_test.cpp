@@ -6,7 +6,7 @@
 #include <map>
 #include <random>
 
-#include "platform/zel/activity.h"
+#include "platform/zel/notify/activity.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // The ways into the activity thread from outside: watched descriptors and tasks of other threads.
-#include "platform/zel/external.h"
+#include "platform/zel/notify/external.h"
 
 #include <gtest/gtest.h>
 
@@ -9,8 +9,8 @@
 #include <system_error>
 #include <thread>
 
-#include "platform/zel/activity.h"
-#include "platform/zel/inbox.h"
+#include "platform/zel/notify/activity.h"
+#include "platform/zel/notify/inbox.h"
 
 namespace {
 

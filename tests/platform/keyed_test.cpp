@@ -5,8 +5,8 @@
 #include <random>
 #include <set>
 
-#include "platform/zel/dir.h"
-#include "platform/zel/keyed.h"
+#include "platform/zel/core/keyed.h"
+#include "platform/zel/entity/dir.h"
 
 namespace {
 

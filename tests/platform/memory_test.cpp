@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <new>
 
-#include "platform/zel/clock.h"
-#include "platform/zel/name.h"
+#include "platform/zel/core/name.h"
+#include "platform/zel/notify/clock.h"
 
 namespace {
 

@@ -6,10 +6,10 @@
 
 #include "platform/model/hardwaregpio.h"
 #include "platform/model/hardwareled.h"
-#include "platform/statedb/entitymanager.h"
-#include "platform/statedb/store.h"
+#include "platform/statedb/mount/entitymanager.h"
+#include "platform/statedb/store/store.h"
 #include "platform/warden/cagent.h"
-#include "platform/zel/activity.h"
+#include "platform/zel/notify/activity.h"
 
 namespace {
 
@@ -144,7 +144,8 @@ TEST_F(Mounts, AGroupFailsWithPathTypeFoundAndTypeAsked) {
           "mount of 'x': found an entity of type No::Such" + unknown,
           "mount of 'x/under': found an entity of type No::Such at 'x'" + unknown,
           "mount of 'w': found an entity of type Statedb::Mounter that can't be made "
-          "(type Statedb::Mounter is an agent's, which only a host makes), asked for Statedb::Mounter; delete "
+          "(type Statedb::Mounter is an agent's, which only a host makes), asked for Statedb::Mounter; "
+          "delete "
           "that entity from a host without this agent",
           "mount of 'y': the type asked for, Gone::Type, is unknown"}));
   EXPECT_THROW(made->mountGroup->doMount({"z", "Zel::Dir", "r"}), Zel::RangeException) << "closed";

@@ -9,7 +9,7 @@
 
 #include "platform/model/hardwaregpio.h"
 #include "platform/model/hardwareled.h"
-#include "platform/zel/activity.h"
+#include "platform/zel/notify/activity.h"
 
 namespace {
 

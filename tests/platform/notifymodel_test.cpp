@@ -8,7 +8,7 @@
 #include <random>
 
 #include "platform/model/hardwareled.h"
-#include "platform/zel/activity.h"
+#include "platform/zel/notify/activity.h"
 
 namespace {
 

@@ -3,8 +3,8 @@
 
 #include <thread>
 
-#include "platform/zel/dir.h"
-#include "platform/zel/exception.h"
+#include "platform/zel/core/exception.h"
+#include "platform/zel/entity/dir.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "platform/statedb/store.h"
+#include "platform/statedb/store/store.h"
 #include "storemodel.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include <random>
 #include <string>
 
-#include "platform/statedb/store.h"
+#include "platform/statedb/store/store.h"
 
 namespace StoreModel {
 

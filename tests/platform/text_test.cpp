@@ -5,9 +5,9 @@
 #include <sstream>
 
 #include "platform/model/led.h"
-#include "platform/zel/entity.h"
-#include "platform/zel/exception.h"
-#include "platform/zel/printable.h"
+#include "platform/zel/core/exception.h"
+#include "platform/zel/core/printable.h"
+#include "platform/zel/entity/entity.h"
 
 namespace {
 

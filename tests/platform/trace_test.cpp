@@ -4,8 +4,8 @@
 #include <memory>
 #include <regex>
 
-#include "platform/zel/trace.h"
-#include "platform/zel/value.h"
+#include "platform/zel/core/trace.h"
+#include "platform/zel/object/value.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 
 #include "platform/model/hardwaregpio.h"
 #include "platform/model/hardwareled.h"
-#include "platform/zel/activity.h"
-#include "platform/zel/trace.h"
+#include "platform/zel/core/trace.h"
+#include "platform/zel/notify/activity.h"
 
 namespace Bench {
 

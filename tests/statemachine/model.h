@@ -10,7 +10,7 @@
 #include <random>
 #include <sstream>
 
-#include "platform/zel/clock.h"
+#include "platform/zel/notify/clock.h"
 #include "tests/statemachine/bench.h"
 
 namespace Model {

@@ -2,7 +2,7 @@
 #include <stdexcept>
 
 #include "platform/warden/cagent.h"
-#include "platform/zel/activity.h"
+#include "platform/zel/notify/activity.h"
 
 namespace Null {
 ZEL_API Zel::Ptr<Warden::CAgent> agentFactory(Zel::Name) { return nullptr; }

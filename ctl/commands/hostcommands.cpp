@@ -1,0 +1,166 @@
+#include <ostream>
+#include <utility>
+
+#include "ctl/appliance.h"
+#include "ctl/context.h"
+#include "ctl/output.h"
+#include "ctl/processes.h"
+#include "ctl/text.h"
+
+namespace Ctl {
+
+namespace {
+
+void trace(Context& context, const std::string& levels, bool json) {
+  Json parameters = Json::object();
+  if (!levels.empty()) parameters["levels"] = levels;
+  const Json facilities = context.client().call("trace", std::move(parameters)).at("facilities");
+  if (json) {
+    printJson(context.out, facilities);
+    return;
+  }
+  Table table;
+  for (const auto& [facility, on] : facilities.items()) table.add({facility, on == "" ? "-" : bare(on)});
+  table.print(context.out);
+}
+
+std::string durationText(double seconds) {
+  const auto whole = static_cast<long>(seconds);
+  const long parts[] = {whole / 86400, whole / 3600 % 24, whole / 60 % 60, whole % 60};
+  char text[64];
+  std::snprintf(text, sizeof text, "%ld d %02ld:%02ld:%02ld", parts[0], parts[1], parts[2], parts[3]);
+  return text;
+}
+
+std::string agentsText(const Json& agents) {
+  std::vector<std::string> texts;
+  for (const Json& agent : agents)
+    texts.push_back(bare(agent.at("name")) + " (" + bare(agent.at("library")) + ")");
+  return texts.empty() ? "none" : joined(texts);
+}
+
+void printMounts(std::ostream& out, const Json& mounts) {
+  Table table;
+  for (const Json& mount : mounts)
+    table.add({" ", bare(mount.at("path")), bare(mount.at("type")), bare(mount.at("mode")),
+               mount.at("complete").get<bool>() ? "complete" : "waiting"});
+  table.print(out);
+}
+
+std::string refusalsText(const Json& status) {
+  const std::string count = status.at("refusals").dump();
+  const std::string last = bare(status.value("lastRefusal", Json("")));
+  return last.empty() || last == "null" ? count : count + ", last: " + last;
+}
+
+// The entities that say how each pin's GPIO line fares. A host whose state database is kept elsewhere has
+// none.
+Json readLines(Client& client) {
+  try {
+    Json lines = client.read(kLineStatusDir);
+    std::erase_if(lines.get_ref<Json::array_t&>(),
+                  [](const Json& line) { return line.at("type") != kLineStatusType; });
+    return lines;
+  } catch (const ConnectionLost&) {
+    throw;
+  } catch (const Refusal&) {
+    return Json::array();
+  }
+}
+
+// How many lines are driven, and what ails the others, as a line agent published it last: its rows stay when
+// it is killed.
+void addLines(Table& table, const Json& lines, const Json& status) {
+  if (lines.empty()) return;
+  const bool known = isFilled(status, kLineStatusDir) != false;
+  std::vector<std::vector<std::string>> ailing;
+  for (const Json& line : lines)
+    if (const Json& state = line.at("attributes"); !state.value("driven", false))
+      ailing.push_back({"", lastName(line.at("path").get<std::string>()) + ": " + state.value("error", "")});
+  table.add({"lines", std::to_string(lines.size() - ailing.size()) + " driven, " +
+                          std::to_string(ailing.size()) + " not" +
+                          (known ? "" : ", when a line agent ran last")});
+  for (auto& row : ailing) table.add(std::move(row));
+}
+
+// What the agents in other processes do; a process that can't be asked is not hidden.
+std::string processText(const Json& process) {
+  const std::string who = process.at("pid").dump() + ' ' + agentsText(process.at("agents")) + ": ";
+  const std::string where = ", through --socket " + bare(process.at("socket"));
+  if (process.contains("error")) return who + "not counted here: " + bare(process.at("error"));
+  const Json& status = process.at("status");
+  return who + bare(status.at("machines")) + " machines, " + bare(status.at("published")) +
+         " values published" + where;
+}
+
+void addProcessRows(Table& table, const Json& status) {
+  std::string title = "processes";
+  for (const Json& process : status.value("processes", Json::array()))
+    table.add({std::exchange(title, ""), processText(process)});
+}
+
+void printStatus(std::ostream& out, const Json& status, const Json& lines) {
+  const auto text = [&](const char* name) { return bare(status.at(name)); };
+  Table table;
+  table.add({"pinlampd", text("version") + ", process " + text("pid") + ", up " +
+                             durationText(status.at("uptime").get<double>())});
+  table.add({"store", text("store")});
+  table.add({"agents", agentsText(status.at("agents"))});
+  addProcessRows(table, status);
+  table.add({"LEDs", text("leds") + " configured, " + text("mappings") + " mapped, " + text("machines") +
+                         " machines"});
+  table.add({"pins", text("pins") + ", " + text("published") + " values published"});
+  addLines(table, lines, status);
+  table.add({"entities", text("entities") + ", " + text("names") + " names"});
+  table.add({"loop", text("passes") + " passes, " + text("deliveries") + " deliveries, " + text("expiries") +
+                         " ticks, worst lateness " +
+                         shortNumber(status.at("worstLateness").get<double>() * 1000) + " ms"});
+  table.add({"clients", text("clients")});
+  table.add({"refusals", refusalsText(status)});
+  table.print(out);
+  out << "mounts\n";
+  printMounts(out, status.at("mounts"));
+}
+
+void showStatus(Context& context, bool json) {
+  Json status = context.client().call("status");
+  addProcesses(status);
+  const Json lines = readLines(context.client());
+  for (const Json& line : lines)
+    status["lines"][lastName(line.at("path").get<std::string>())] = line.at("attributes");
+  if (json)
+    printJson(context.out, status);
+  else
+    printStatus(context.out, status, lines);
+}
+
+void addTrace(CLI::App& app, Context& context) {
+  struct Arguments {
+    std::string levels;
+    bool json = false;
+  };
+  const auto given = std::make_shared<Arguments>();
+  CLI::App* command = addCommand(app, "trace", "Shows or sets the trace levels of the running host",
+                                 "pinlampctl trace Pinlamp/3,6-9");
+  context.completes(command->add_option("FACILITY/LEVELS", given->levels,
+                                        "Numbers and ranges; '*' for all, nothing for none"),
+                    Completes::facility);
+  addJsonFlag(*command, given->json);
+  command->callback([&context, given] { trace(context, given->levels, given->json); });
+}
+
+void addStatus(CLI::App& app, Context& context) {
+  const auto json = std::make_shared<bool>(false);
+  CLI::App* command = addCommand(app, "status", "Tells how the host is doing", "pinlampctl status");
+  addJsonFlag(*command, *json);
+  command->callback([&context, json] { showStatus(context, *json); });
+}
+
+}  // namespace
+
+void addHostCommands(CLI::App& app, Context& context) {
+  addTrace(app, context);
+  addStatus(app, context);
+}
+
+}  // namespace Ctl

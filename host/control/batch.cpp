@@ -1,0 +1,172 @@
+#include "host/control/batch.h"
+
+#include <algorithm>
+#include <unordered_set>
+
+#include "platform/zel/entity/dir.h"
+
+namespace Host {
+
+using Statedb::Change;
+using Zel::ValueError;
+
+namespace {
+
+bool isStrictlyUnder(std::string_view path, std::string_view above) {
+  return path.size() > above.size() && path.starts_with(above) && path[above.size()] == '/';
+}
+
+// Checks the steps one after another, by their texts. What was checked becomes rows only where all of it is
+// fine, so that a batch that is refused interns nothing.
+class BatchReader {
+ public:
+  explicit BatchReader(const BatchContext& context) : context_(context), types_(context.typeAt) {
+    for (const auto& mount : context.mounts) mounts_.push_back(mount.path.text());
+  }
+
+  void add(const RequestedChange& change) {
+    if (errors_.size() > Batch::kMostErrors || isUnderFailed(change.path)) return;
+    try {
+      Statedb::Path::check(change.path);
+      checkAccess(change);
+      if (change.kind == Change::Kind::put)
+        put(change);
+      else
+        remove(change);
+    } catch (const ValueError& error) {
+      failed_.insert(change.path);
+      refuse(Zel::excerpt(change.path, Statedb::Path::kLongest), error);
+    }
+  }
+
+  Batch batch() {
+    Batch batch;
+    batch.errors = std::move(errors_);
+    if (!batch.errors.empty()) return batch;
+    for (const auto& [change, type, isMount] : taken_) {
+      const std::size_t before = batch.changes.size();
+      appendChanges(change, type, batch.changes);
+      if (isMount) batch.mounts.push_back(batch.changes[before]);
+    }
+    return batch;
+  }
+
+ private:
+  struct Taken {
+    RequestedChange change;
+    Zel::Name type;
+    bool isMount = false;
+  };
+
+  void refuse(const std::string& place, const ValueError& error) {
+    if (errors_.size() < Batch::kMostErrors)
+      errors_.push_back(place + ": " + error.what());
+    else if (errors_.size() == Batch::kMostErrors)
+      errors_.push_back("more steps are wrong; what follows was not checked");
+  }
+
+  // What goes wrong under an entity that could not be made says nothing new.
+  bool isUnderFailed(std::string_view path) const {
+    for (; !failed_.empty() && !path.empty(); path = Statedb::textAbove(path))
+      if (failed_.contains(path)) return true;
+    return false;
+  }
+
+  void checkAccess(const RequestedChange& change) const {
+    const bool removed = change.kind == Change::Kind::del;
+    const auto why = context_.announcements.refusal(context_.writer, change.path, removed);
+    if (!why.empty()) throw ValueError(why);
+  }
+
+  void put(const RequestedChange& change) {
+    addMounts(change.path);
+    const Zel::Name present = types_.typeAt(change.path);
+    if (change.existing && present.empty()) throw ValueError("there is no entity at this path");
+    const Zel::TypeNode& type = typeOf(change, present);
+    if (present.empty())
+      checkNew(change.path, type);
+    else if (type.name() != present)
+      throw ValueError("is there as a " + present.stdString() + "; delete it before putting a " +
+                       type.name().stdString());
+    checkAttributes(change, type);
+    taken_.push_back({change, type.name()});
+    types_.put(change.path, type.name());
+  }
+
+  void remove(const RequestedChange& change) {
+    const Zel::Name present = types_.typeAt(change.path);
+    if (present.empty()) {
+      if (context_.lenient) return;
+      throw ValueError("there is no entity at this path");
+    }
+    if (change.kind == Change::Kind::unset)
+      Statedb::storedAttribute(Statedb::typeNamed(present.view()), change.attribute);
+    taken_.push_back({change, {}});
+    if (change.kind == Change::Kind::del) types_.del(change.path);
+  }
+
+  const Zel::TypeNode& typeOf(const RequestedChange& change, Zel::Name present) const {
+    if (!change.type.empty()) return Statedb::typeNamed(change.type);
+    const Zel::Name type = present.empty() ? Statedb::placeType(change.path, types_) : present;
+    if (type.empty()) throw ValueError("'type' is missing, and nothing is there that would tell it");
+    return Statedb::typeNamed(type.view());
+  }
+
+  void checkNew(std::string_view path, const Zel::TypeNode& type) const {
+    Statedb::checkPlace(path, type, types_);
+    if (&type != &Zel::Dir::typeNode() && isOnTheWay(path))
+      throw ValueError("leads to what agents mount; put a Zel::Dir there");
+  }
+
+  // Whether something stands under a path that agents take for a directory until it has a row.
+  bool isOnTheWay(std::string_view path) const {
+    const auto isUnder = [path](const std::string& mount) { return isStrictlyUnder(mount, path); };
+    return std::ranges::any_of(mounts_, isUnder) || context_.announcements.leadsToFilled(path);
+  }
+
+  void checkAttributes(const RequestedChange& change, const Zel::TypeNode& type) {
+    if (!change.attributes) return;
+    for (const auto& [name, value] : *change.attributes) {
+      try {
+        Statedb::checkAttribute(type, name, value);
+      } catch (const ValueError& error) {
+        refuse(std::string(change.path) + ' ' + Zel::excerpt(name), error);
+      }
+    }
+  }
+
+  void addMounts(std::string_view path) {
+    for (std::size_t i = 0; i < mounts_.size(); ++i) {
+      const std::string_view mount = mounts_[i];
+      if (path != mount && !isStrictlyUnder(path, mount)) continue;
+      if (!types_.typeAt(mount).empty()) continue;
+      taken_.push_back({{.path = mount}, context_.mounts[i].type, true});
+      types_.put(mount, context_.mounts[i].type);
+    }
+  }
+
+  const BatchContext& context_;
+  Statedb::TypesAfter types_;
+  std::vector<std::string> mounts_;  // the paths of the context's
+  std::unordered_set<std::string_view> failed_;
+  std::vector<Taken> taken_;
+  std::vector<std::string> errors_;
+};
+
+RequestedChange readChange(const Zel::Value& change, std::size_t position) {
+  try {
+    return requestedChange(change);
+  } catch (const ValueError& error) {
+    throw ValueError("'changes'[" + std::to_string(position) + "]: " + error.what());
+  }
+}
+
+}  // namespace
+
+Batch readBatch(const Zel::Value::List& changes, const BatchContext& context) {
+  BatchReader reader(context);
+  for (std::size_t i = 0; i < changes.size(); ++i) reader.add(readChange(changes[i], i));
+  return reader.batch();
+}
+
+}  // namespace Host

@@ -1,0 +1,108 @@
+#include "host/control/control.h"
+
+#include "platform/zel/notify/activity.h"
+
+namespace Host {
+
+Control::Peer::Peer(Served& served, const std::shared_ptr<Connection>& theConnection)
+    : connection(theConnection),
+      caller(served, [raw = theConnection.get()](const std::string& line) { raw->send(line); }) {}
+
+Control::Control(Loop&, Listener& listener, Served& served) : served_(served), methods_(served) {
+  listener.start([this](uv_stream_t* stream) { accept(stream); });
+}
+
+Control::~Control() {
+  for (auto& [connection, peer] : peers_) peer->connection->close();
+}
+
+void Control::accept(uv_stream_t* listener) {
+  const auto connection = Connection::accept(listener, *this);
+  if (!connection) return;
+  peers_.emplace(connection.get(), std::make_unique<Peer>(served_, connection));
+  ++served_.clients;
+}
+
+void Control::onClosed(Connection& connection) {
+  closed_.push_back(&connection);
+  peers_.at(&connection)->caller.process.withdraw();
+  --served_.clients;
+}
+
+void Control::onLine(Connection& connection, std::string_view line) {
+  Peer& peer = *peers_.at(&connection);
+  Request request;
+  bool wrote = false;
+  std::string text;
+  try {
+    request.read(line);
+    text = carryOut(peer, request, wrote);
+  } catch (const RpcError& error) {
+    text = errorText(request.id, error);
+  }
+  if ((peer.taken += line.size()) > kTakenLimit) connection.pause();
+  if (!request.answered) text.clear();
+  answer({peer.connection, std::move(request.id), wrote, std::move(text)});
+}
+
+std::string Control::carryOut(Peer& peer, const Request& request, bool& wrote) {
+  const auto& method = Methods::find(request.method);
+  if (method.does == Methods::Does::sees) commit();
+  try {
+    std::string text = resultText(request.id, methods_.run(method, request.parameters, peer.caller));
+    wrote = method.does == Methods::Does::writes;
+    return text;
+  } catch (const RpcError&) {
+    throw;
+  } catch (const Zel::HandlerFault&) {
+    throw;
+  } catch (const std::exception& error) {
+    throw RpcError(RpcCode::internal, request.method + ": " + error.what());
+  }
+}
+
+void Control::onOversizedLine(Connection& connection) {
+  const RpcError error(RpcCode::parse, "a message is longer than " + std::to_string(Lines::kLimit) +
+                                           " bytes; send less at a time");
+  answer({peers_.at(&connection)->connection, {}, false, errorText({}, error)});
+}
+
+// Answers go in the order of the requests, so none overtakes one that waits for the commit.
+void Control::answer(Answer answer) {
+  if (answers_.empty() && !answer.wrote) {
+    if (!answer.text.empty()) answer.connection->send(answer.text);
+    return;
+  }
+  waiting_ += answer.text.size();
+  answers_.push_back(std::move(answer));
+  if (waiting_ > kWaitingLimit) commit();
+}
+
+void Control::commit() {
+  try {
+    served_.store.flush();
+  } catch (const Statedb::StoreError& error) {
+    const RpcError failure(RpcCode::store, error.what());
+    return release(&failure);
+  }
+  release(nullptr);
+}
+
+void Control::release(const RpcError* failure) {
+  waiting_ = 0;
+  for (const Answer& answer : std::exchange(answers_, {})) {
+    if (answer.text.empty()) continue;
+    answer.connection->send(failure && answer.wrote ? errorText(answer.id, *failure) : answer.text);
+  }
+}
+
+void Control::send() {
+  for (auto& [connection, peer] : peers_) {
+    peer->taken = 0;
+    peer->connection->resume();
+    peer->connection->flush();
+  }
+  for (const Connection* connection : std::exchange(closed_, {})) peers_.erase(connection);
+}
+
+}  // namespace Host

@@ -1,0 +1,364 @@
+#include "host/control/methods.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "host/control/batch.h"
+#include "host/rpc/rpc.h"
+#include "platform/zel/core/trace.h"
+#include "platform/zel/entity/dir.h"
+#include "platform/zel/notify/activity.h"
+
+namespace Host {
+
+namespace {
+
+constexpr int kProtocol = 1;
+
+// A parameter that is a path, or empty for everything.
+const std::string& pathField(const Zel::Value& parameters) {
+  const std::string& path = textField(parameters, "path");
+  Statedb::Path::check(path);
+  for (Statedb::PathReader reader(path); !reader.done();) reader.next(Zel::Dir::typeNode());
+  return path;
+}
+
+Statedb::Durability durabilityField(const Zel::Value& parameters) {
+  const std::string& text = textField(parameters, "durability");
+  if (text.empty() || text == "stored") return Statedb::Durability::stored;
+  if (text == "derived") return Statedb::Durability::derived;
+  throw Zel::ValueError("'durability': found \"" + Zel::excerpt(text) +
+                        "\", wanted \"stored\" or \"derived\"");
+}
+
+}  // namespace
+
+Methods::Methods(Served& served)
+    : served_(served),
+      memory_(dynamic_cast<const Statedb::MemoryStore*>(&served.store)),
+      // Where the rows are kept elsewhere, so are the checks.
+      typeAt_([this](std::string_view path) {
+        const auto known = memory_ ? Statedb::Path::existing(path) : std::nullopt;
+        return known ? memory_->typeAt(*known) : Zel::Name();
+      }) {}
+
+std::span<const Methods::Method> Methods::table() {
+  static const Method methods[] = {
+      {"hello", Does::nothing, {}, &Methods::hello},
+      {"read", Does::sees, {"path"}, &Methods::read},
+      {"write", Does::writes, {"changes", "durability"}, &Methods::write},
+      {"watch", Does::sees, {"path", "own"}, &Methods::watch},
+      {"unwatch", Does::nothing, {"watch"}, &Methods::unwatch},
+      {"announce", Does::nothing, {"pid", "socket", "agents", "publishes"}, &Methods::announce},
+      {"types", Does::nothing, {}, &Methods::types},
+      {"trace", Does::nothing, {"levels"}, &Methods::trace},
+      {"status", Does::sees, {}, &Methods::status},
+      {"object", Does::sees, {"operation", "path", "arguments", "depth"}, &Methods::object},
+  };
+  return methods;
+}
+
+const Methods::Method& Methods::find(const std::string& name) {
+  std::string names;
+  for (const Method& method : table()) {
+    if (method.name == name) return method;
+    names += (names.empty() ? "" : ", ") + std::string(method.name);
+  }
+  throw RpcError(RpcCode::noSuchMethod,
+                 "there is no method '" + Zel::excerpt(name) + "'; there are " + names);
+}
+
+std::string Methods::run(const Method& method, const Zel::Value& parameters, Caller& caller) const {
+  try {
+    expectFields(parameters, method.parameters);
+    return (this->*method.run)(parameters, caller);
+  } catch (const Zel::ValueError& error) {
+    throw RpcError(RpcCode::badParameter, std::string(method.name) + ": " + error.what());
+  } catch (const Statedb::RefusedError& error) {
+    throw refusedFor({error.what()});
+  } catch (const Statedb::StoreError& error) {
+    throw RpcError(RpcCode::store, error.what());
+  }
+}
+
+std::string Methods::hello(const Zel::Value&, Caller&) const {
+  return jsonText(Json{{"name", "pinlampd"},
+                       {"version", PINLAMP_VERSION},
+                       {"protocol", kProtocol},
+                       {"store", served_.store.url()}});
+}
+
+// Everything under a path, which need not ever have been one.
+std::string Methods::entitiesAt(const std::string& text) const {
+  expectMemory("read");
+  const auto path = Statedb::Path::existing(text);
+  return path ? entitiesText(served_.store.read(*path)) : "[]";
+}
+
+void Methods::expectMemory(const char* method) const {
+  if (!memory_)
+    throw Statedb::StoreError(std::string(method) + ": the state is kept at " + served_.store.url() +
+                              "; ask there");
+}
+
+std::string Methods::read(const Zel::Value& parameters, Caller&) const {
+  return "{\"entities\":" + entitiesAt(pathField(parameters)) + '}';
+}
+
+std::string Methods::write(const Zel::Value& parameters, Caller& caller) const {
+  const Zel::Value::List& changes = listField(parameters, "changes");
+  const auto durability = durabilityField(parameters);
+  const bool derived = durability == Statedb::Durability::derived;
+  if (!derived) expectMemory("write");
+  const auto batch = readBatch(changes, {.typeAt = typeAt_,
+                                         .mounts = served_.manager.mounts(),
+                                         .announcements = served_.announcements,
+                                         .writer = caller.process,
+                                         .lenient = derived});
+  if (!batch.errors.empty()) throw refusedFor(batch.errors);
+  // What is mounted is no derived value, whoever was the first to write under it.
+  if (derived && !batch.mounts.empty())
+    served_.store.write(batch.mounts, Statedb::Durability::stored, caller.watches.origin());
+  served_.store.write(batch.changes, durability, caller.watches.origin());
+  return "{\"written\":" + std::to_string(changes.size()) + '}';
+}
+
+std::string Methods::watch(const Zel::Value& parameters, Caller& caller) const {
+  const std::string& path = pathField(parameters);
+  const std::string entities = entitiesAt(path);
+  const auto id = caller.watches.add(path, flagField(parameters, "own", true));
+  if (!id)
+    throw refusedFor({"watch: this connection has " + std::to_string(Watches::kMost) +
+                      " watches, the most that one may have; unwatch some first"});
+  return "{\"entities\":" + entities + ",\"watch\":" + std::to_string(*id) + '}';
+}
+
+std::string Methods::unwatch(const Zel::Value& parameters, Caller& caller) const {
+  const Zel::Value* given = parameters.field("watch");
+  if (!given) throw Zel::ValueError("'watch' is missing");
+  const auto* id = given->as<std::int64_t>();
+  if (!id || !caller.watches.del(static_cast<std::uint64_t>(*id)))
+    throw Zel::ValueError("'watch': this connection has no watch " + Zel::excerpt(jsonText(*given)));
+  return "{}";
+}
+
+std::string Methods::announce(const Zel::Value& parameters, Caller& caller) const {
+  expectMemory("announce");
+  Announcement announcement = Announcement::from(parameters);
+  try {
+    caller.process.announce(std::move(announcement));
+  } catch (const Zel::ValueError& error) {
+    throw refusedFor({std::string("announce: ") + error.what()});
+  }
+  return "{}";
+}
+
+namespace {
+
+Json operationsJson(Zel::Operations operations) {
+  Json texts = Json::array();
+  using enum Zel::Operation;
+  for (const auto operation : {get, set, del, iterate, invoke})
+    if (Zel::allows(operations, operation)) texts.push_back(Zel::operationText(operation));
+  return texts;
+}
+
+std::string typeText(Zel::TypeText type) { return type ? type() : std::string(); }
+
+Json attributeJson(const Zel::AttributeInfo& row, Zel::AttributeIndex index) {
+  Json parameters = Json::array();
+  for (const auto& parameter : row.parameters)
+    parameters.push_back({{"name", parameter.name}, {"type", typeText(parameter.type)}});
+  return {{"name", row.name},
+          {"index", index},
+          {"kind", Zel::kindText(row.kind)},
+          {"type", typeText(row.type)},
+          {"operations", operationsJson(row.operations)},
+          {"stored", row.stored},
+          {"parameters", std::move(parameters)},
+          {"member", row.memberType ? Json(row.memberType().name().stdString()) : Json()}};
+}
+
+Json typeJson(const Zel::TypeNode& type) {
+  Json attributes = Json::array();
+  for (auto index = type.firstIndex(); index < type.endIndex(); ++index)
+    if (type.attribute(index).kind != Zel::Kind::reserved)
+      attributes.push_back(attributeJson(type.attribute(index), index));
+  return {{"name", type.name().stdString()},
+          {"base", type.base() ? Json(type.base()->name().stdString()) : Json()},
+          {"attributes", std::move(attributes)}};
+}
+
+Json mountJson(const Statedb::EntityManager::MountInfo& mount) {
+  return {{"path", mount.path.text()},
+          {"type", mount.type.stdString()},
+          {"mode", mount.mode},
+          {"complete", mount.complete}};
+}
+
+std::size_t objectsOf(Zel::Name name) {
+  const Zel::TypeNode* type = Zel::typeNode(name);
+  return type ? type->allocations().objects() : 0;
+}
+
+Json allocationsJson() {
+  Json types = Json::object();
+  for (const Zel::TypeNode* type : Zel::typeNodes())
+    if (const auto& allocations = type->allocations(); allocations.total() > 0)
+      types[type->name().stdString()] = {{"objects", allocations.objects()}, {"bytes", allocations.bytes()}};
+  return types;
+}
+
+// What is counted of a type, under which name of the status.
+struct Counted {
+  const char* name;
+  const char* type;
+  bool entities;  // counted in the state database where it is kept here, whichever process has the objects
+};
+constexpr Counted kCounted[] = {
+    {"leds", "Hardware::Led::LedConfig", true},
+    {"mappings", "Hardware::Gpio::GpioLedConfig", true},
+    {"machines", "Pinlamp::GpioLedStateMachine", false},
+    {"pins", "Hardware::Gpio::CorvelPinConfig", true},
+};
+
+std::size_t countOf(const Counted& counted, const Statedb::MemoryStore* memory) {
+  const auto type = Zel::Name::existing(counted.type);
+  if (!type) return 0;
+  return counted.entities && memory ? memory->entities(*type) : objectsOf(*type);
+}
+
+Json activityJson() {
+  const auto& activity = Zel::activityManager();
+  return {{"passes", activity.passes()},
+          {"deliveries", activity.deliveries()},
+          {"expiries", activity.clock()->expiries()},
+          {"worstLateness", activity.clock()->worstLateness()},
+          {"now", Zel::System::currentTime()}};
+}
+
+Json servedJson(const Served& served, std::size_t entities) {
+  Json processes = Json::array();
+  for (const auto* process : served.announcements.processes())
+    if (process != &served.self) processes.push_back(process->announcement().json());
+  Json mounts = Json::array();
+  for (const auto& mount : served.manager.mounts()) mounts.push_back(mountJson(mount));
+  return {{"store", served.store.url()},
+          {"agents", served.self.announcement().json()["agents"]},
+          {"processes", std::move(processes)},
+          {"mounts", std::move(mounts)},
+          {"entities", entities},
+          {"published", served.manager.published()},
+          {"refusals", served.manager.refusals()},
+          {"lastRefusal", served.lastRefusal},
+          {"clients", served.clients},
+          {"uptime", Zel::System::currentTime() - served.started}};
+}
+
+}  // namespace
+
+std::string Methods::types(const Zel::Value&, Caller&) const {
+  Json types = Json::array();
+  for (const Zel::TypeNode* type : Zel::typeNodes()) types.push_back(typeJson(*type));
+  return jsonText(Json{{"types", std::move(types)}});
+}
+
+namespace {
+
+// A client sets levels of the facilities that there are; it makes none.
+void setTraceLevels(const std::string& text) {
+  const std::string facility = text.substr(0, text.find('/'));
+  std::string names;
+  for (const Zel::TraceFacility* each : Zel::TraceFacility::all())
+    names += (names.empty() ? "" : ", ") + each->name();
+  if (facility != text && !facility.empty() && !Zel::TraceFacility::existing(facility))
+    throw Zel::ValueError("there is no facility '" + facility + "'; there is " +
+                          (names.empty() ? "none" : names));
+  Zel::traceLevelsIs(text);
+}
+
+}  // namespace
+
+std::string Methods::trace(const Zel::Value& parameters, Caller&) const {
+  if (parameters.field("levels")) {
+    constexpr std::size_t kLongest = 255;
+    const std::string& levels = boundedText(parameters, "levels", kLongest);
+    try {
+      setTraceLevels(levels);
+    } catch (const Zel::ValueError& error) {
+      throw refusedFor({std::string("trace: ") + error.what()});
+    }
+  }
+  Json facilities = Json::object();
+  for (const Zel::TraceFacility* facility : Zel::TraceFacility::all())
+    facilities[facility->name()] = Zel::traceLevelsText(facility->mask());
+  return jsonText(Json{{"facilities", std::move(facilities)}});
+}
+
+std::string Methods::status(const Zel::Value&, Caller&) const {
+  Json status = {{"version", PINLAMP_VERSION},
+                 {"pid", ::getpid()},
+                 {"names", Zel::Name::count()},
+                 {"types", allocationsJson()}};
+  for (const Counted& counted : kCounted) status[counted.name] = countOf(counted, memory_);
+  status.update(activityJson());
+  status.update(servedJson(served_, memory_ ? memory_->entities() : 0));
+  return jsonText(status);
+}
+
+namespace {
+
+Zel::Value::List argumentsField(const Zel::Value& parameters) {
+  return parameters.field("arguments") ? listField(parameters, "arguments") : Zel::Value::List();
+}
+
+std::size_t depthField(const Zel::Value& parameters) {
+  constexpr std::size_t kDepth = 16;
+  const Zel::Value* given = parameters.field("depth");
+  if (!given) return kDepth;
+  const auto* depth = given->as<std::int64_t>();
+  if (!depth || *depth < 0) throw Zel::ValueError("'depth': wanted a whole number");
+  return std::min(static_cast<std::size_t>(*depth), kDepth);
+}
+
+// What the generic interface does for each operation's name.
+struct ObjectOperation {
+  const char* name;
+  Zel::Value (*run)(const Objects& objects, const std::string& path, const Zel::Value::List& arguments,
+                    std::size_t depth);
+};
+constexpr ObjectOperation kObjectOperations[] = {
+    {"tree", [](auto& objects, auto& path, auto&, auto depth) { return objects.tree(path, depth); }},
+    {"list", [](auto& objects, auto& path, auto&, auto) { return objects.list(path); }},
+    {"get", [](auto& objects, auto& path, auto&, auto) { return objects.get(path); }},
+    {"set", [](auto& objects, auto& path, auto& arguments, auto) { return objects.set(path, arguments); }},
+    {"delete", [](auto& objects, auto& path, auto&, auto) { return objects.del(path); }},
+    {"iterate", [](auto& objects, auto& path, auto&, auto) { return objects.iterate(path); }},
+    {"invoke",
+     [](auto& objects, auto& path, auto& arguments, auto) { return objects.call(path, arguments); }},
+};
+
+}  // namespace
+
+std::string Methods::object(const Zel::Value& parameters, Caller&) const {
+  const std::string& name = textField(parameters, "operation");
+  const auto operation = std::ranges::find(kObjectOperations, name, &ObjectOperation::name);
+  if (operation == std::end(kObjectOperations))
+    throw Zel::ValueError("'operation': found \"" + Zel::excerpt(name) +
+                          "\", wanted tree, list, get, set, delete, iterate or invoke");
+  const std::string& path = textField(parameters, "path");
+  pathComponents(path);
+  const auto arguments = argumentsField(parameters);
+  const std::size_t depth = depthField(parameters);
+  try {
+    const auto value = Objects::describe(operation->run(served_.objects, path, arguments, depth));
+    return "{\"value\":" + jsonText(value) + '}';
+  } catch (const Zel::ValueError& error) {
+    throw refusedFor({path + ": " + error.what()});
+  } catch (const Zel::Exception& error) {
+    throw refusedFor({path + ": " + error.what()});
+  }
+}
+
+}  // namespace Host

@@ -1,0 +1,90 @@
+// The methods of the control socket: docs/control-socket.md.
+#pragma once
+
+#include <initializer_list>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/control/object.h"
+#include "host/control/watches.h"
+#include "host/rpc/announce.h"
+#include "host/rpc/json.h"
+#include "platform/statedb/mount/entitymanager.h"
+#include "platform/statedb/store/schema.h"
+#include "platform/statedb/store/store.h"
+#include "platform/zel/notify/clock.h"
+
+namespace Host {
+
+// What the methods are about. Owned by the host.
+struct Served {
+  Statedb::Store& store;
+  Statedb::EntityManager& manager;
+  Objects objects{};
+  Announcements announcements{};
+  Announcements::Process self{announcements};
+  std::string lastRefusal{};
+  std::size_t clients = 0;
+  double started = Zel::System::currentTime();
+};
+
+// One client of the control socket.
+struct Caller {
+  // Sends the notifications of its watches with `send`. `served` must outlive the caller.
+  Caller(Served& served, Watches::Send send)
+      : watches(served.store, std::move(send)), process(served.announcements) {}
+
+  Watches watches;
+  Announcements::Process process;
+};
+
+class Methods {
+ public:
+  // What a method does besides returning its result.
+  enum class Does {
+    nothing,
+    sees,    // looks at rows: everything that was written before must be durable
+    writes,  // its result counts once what it wrote is durable
+  };
+  struct Method {
+    const char* name;
+    Does does;
+    std::initializer_list<std::string_view> parameters;
+    // Returns the result as a JSON text.
+    std::string (Methods::*run)(const Zel::Value& parameters, Caller& caller) const;
+  };
+
+  // `served` must outlive the methods.
+  explicit Methods(Served& served);
+
+  // Throws RpcError where there is no method of that name.
+  static const Method& find(const std::string& name);
+  // The result as a JSON text. Throws RpcError.
+  std::string run(const Method& method, const Zel::Value& parameters, Caller& caller) const;
+
+ private:
+  static std::span<const Method> table();
+
+  std::string hello(const Zel::Value& parameters, Caller& caller) const;
+  std::string read(const Zel::Value& parameters, Caller& caller) const;
+  std::string write(const Zel::Value& parameters, Caller& caller) const;
+  std::string watch(const Zel::Value& parameters, Caller& caller) const;
+  std::string unwatch(const Zel::Value& parameters, Caller& caller) const;
+  std::string announce(const Zel::Value& parameters, Caller& caller) const;
+  std::string types(const Zel::Value& parameters, Caller& caller) const;
+  std::string trace(const Zel::Value& parameters, Caller& caller) const;
+  std::string status(const Zel::Value& parameters, Caller& caller) const;
+  std::string object(const Zel::Value& parameters, Caller& caller) const;
+
+  std::string entitiesAt(const std::string& path) const;
+  // Throws StoreError where the state is kept by another host.
+  void expectMemory(const char* method) const;
+
+  Served& served_;
+  const Statedb::MemoryStore* const memory_;  // the store, where it keeps its rows here
+  const Statedb::TypeAt typeAt_;
+};
+
+}  // namespace Host

@@ -1,0 +1,142 @@
+#include "host/control/objectref.h"
+
+#include <algorithm>
+#include <span>
+
+#include "platform/statedb/store/path.h"
+#include "platform/zel/entity/entity.h"
+
+namespace Host {
+
+using Zel::AttributeInfo;
+using Zel::Kind;
+using Zel::Value;
+using Zel::ValueError;
+
+std::vector<std::string> pathComponents(std::string_view path) {
+  Statedb::Path::check(path);
+  std::vector<std::string> components;
+  for (std::size_t at = 0; at <= path.size() && !path.empty();) {
+    const std::size_t end = std::min(path.find('/', at), path.size());
+    if (end == at)
+      throw ValueError("'" + std::string(path) +
+                       "' has an empty component; a path is NAME/NAME without a slash at either end");
+    components.emplace_back(path.substr(at, end - at));
+    at = end + 1;
+  }
+  return components;
+}
+
+const Zel::Notifier& notifierOf(const ObjectRef& at) { return static_cast<const Zel::Notifier&>(*at.object); }
+
+const AttributeInfo* directRow(const Zel::TypeNode& type) {
+  const AttributeInfo* direct = nullptr;
+  forEachRow(type, [&](const AttributeInfo& row) {
+    if (row.direct) direct = &row;
+  });
+  return direct;
+}
+
+ObjectRef objectOf(const Value& value) {
+  const auto* object = value.as<Value::Object>();
+  return object ? ObjectRef{object->pointer, object->isConst, nullptr, {}} : ObjectRef{};
+}
+
+ObjectRef memberOf(const ObjectRef& at, const AttributeInfo& row, Zel::Name key) {
+  const Value name = key.view();
+  ObjectRef member = objectOf(row.get(notifierOf(at), {&name, 1}));
+  member.isConst |= at.isConst;
+  return member;
+}
+
+ObjectRef memberOf(const ObjectRef& at, const AttributeInfo& row, const std::string& key) {
+  const auto name = Zel::Name::existing(key);
+  return name ? memberOf(at, row, *name) : ObjectRef{};
+}
+
+namespace {
+
+[[noreturn]] void leadsNowhere(const ObjectRef& at, const std::string& component) {
+  throw ValueError("'" + component + "' leads nowhere; there is " + candidatesText(at, component));
+}
+
+ObjectRef stepIntoAttribute(const ObjectRef& at, const std::string& component) {
+  if (!at.attribute->keys) leadsNowhere(at, component);
+  std::string key = Zel::unescapeComponent(component);
+  if (at.attribute->kind == Kind::collection)
+    if (ObjectRef member = memberOf(at, *at.attribute, key); member.object) return member;
+  return {at.object, at.isConst, at.attribute, std::move(key)};
+}
+
+}  // namespace
+
+ObjectRef step(const ObjectRef& at, const std::string& component) {
+  if (at.key) throwNoMember(at);
+  if (at.attribute) return stepIntoAttribute(at, component);
+  const Zel::TypeNode& type = at.object->fwkType();
+  if (const AttributeInfo* direct = directRow(type))
+    if (ObjectRef entry = memberOf(at, *direct, Zel::unescapeComponent(component)); entry.object)
+      return entry;
+  if (const AttributeInfo* row = type.find(std::string_view(component)))
+    return {at.object, at.isConst, row, {}};
+  leadsNowhere(at, component);
+}
+
+ObjectRef follow(const ObjectRef& at) {
+  if (!at.attribute || at.attribute->kind != Kind::pointer) return at;
+  ObjectRef object = objectOf(at.attribute->get(notifierOf(at), {}));
+  if (!object.object) throw ValueError("'" + std::string(at.attribute->name) + "' is null");
+  object.isConst |= at.isConst;
+  return object;
+}
+
+namespace {
+
+void addKeys(std::vector<std::string_view>& names, const ObjectRef& at, const AttributeInfo& row) {
+  for (const Zel::Name key : row.keys(notifierOf(at))) names.push_back(key.view());
+}
+
+std::vector<std::string_view> candidates(const ObjectRef& at) {
+  std::vector<std::string_view> names;
+  if (at.attribute) {
+    if (at.attribute->keys) addKeys(names, at, *at.attribute);
+    return names;
+  }
+  const Zel::TypeNode& type = at.object->fwkType();
+  if (const AttributeInfo* direct = directRow(type)) addKeys(names, at, *direct);
+  forEachRow(type, [&](const AttributeInfo& row) { names.emplace_back(row.name); });
+  return names;
+}
+
+std::size_t commonPrefix(std::string_view a, std::string_view b) {
+  return static_cast<std::size_t>(std::ranges::mismatch(a, b).in1 - a.begin());
+}
+
+// Puts those that begin like `wanted` at the front of many names.
+void nearestFirst(std::vector<std::string_view>& names, std::string_view wanted) {
+  std::ranges::partial_sort(names, names.begin() + kCandidates, [&](std::string_view a, std::string_view b) {
+    const auto inA = commonPrefix(a, wanted), inB = commonPrefix(b, wanted);
+    return inA != inB ? inA > inB : a < b;
+  });
+}
+
+}  // namespace
+
+std::string candidatesText(const ObjectRef& at, std::string_view wanted) {
+  auto names = candidates(at);
+  const std::size_t more = names.size() - std::min(names.size(), kCandidates);
+  if (more > 0) nearestFirst(names, wanted);
+  std::string text;
+  for (const std::string_view name : std::span(names).first(names.size() - more))
+    text += (text.empty() ? "" : ", ") + Zel::escapeComponent(name);
+  if (more > 0) text += " and " + std::to_string(more) + " more";
+  return text.empty() ? "nothing" : text;
+}
+
+void throwNoMember(const ObjectRef& at) {
+  const ObjectRef collection{at.object, at.isConst, at.attribute, {}};
+  throw ValueError("'" + *at.key + "' is no member of '" + at.attribute->name + "'; there is " +
+                   candidatesText(collection, *at.key));
+}
+
+}  // namespace Host

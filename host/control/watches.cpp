@@ -1,0 +1,76 @@
+#include "host/control/watches.h"
+
+#include <algorithm>
+
+#include "host/rpc/rpc.h"
+
+namespace Host {
+
+using Statedb::Changes;
+using Statedb::Path;
+using Statedb::Record;
+
+Watches::Watches(Statedb::Store& store, Send send)
+    : send_(std::move(send)), all_(store, send_), others_(store, send_) {}
+
+std::optional<std::uint64_t> Watches::add(const std::string& path, bool own) {
+  if (all_.count() + others_.count() >= kMost) return std::nullopt;
+  (own ? all_ : others_).add(++last_, path);
+  return last_;
+}
+
+bool Watches::del(std::uint64_t id) { return all_.del(id) || others_.del(id); }
+
+Watches::Group::~Group() { store_.unsubscribe(*this); }
+
+void Watches::Group::add(std::uint64_t id, const std::string& path) {
+  if (watches_.empty()) {
+    // The snapshot that comes at once is nothing new; the watch's own answer holds its part of it.
+    subscribing_ = true;
+    store_.subscribe({}, *this);
+    subscribing_ = false;
+  }
+  watches_.push_back({id, path, Path::existing(path)});
+}
+
+void Watches::Group::findPaths() {
+  if (std::exchange(paths_, Path::count()) == Path::count()) return;
+  for (Watch& watch : watches_)
+    if (!watch.path) watch.path = Path::existing(watch.text);
+}
+
+bool Watches::Group::del(std::uint64_t id) {
+  const bool found = std::erase_if(watches_, [&](const Watch& watch) { return watch.id == id; }) != 0;
+  if (watches_.empty()) store_.unsubscribe(*this);
+  return found;
+}
+
+void Watches::Group::onSnapshot(const Statedb::Records& records) {
+  if (subscribing_) return;
+  findPaths();
+  for (const Watch& watch : watches_) {
+    Statedb::Records under;
+    std::ranges::copy_if(records, std::back_inserter(under), [&](const Record* record) {
+      return watch.path && record->path.isUnder(*watch.path);
+    });
+    send_(notificationText(
+        "reset", "{\"entities\":" + entitiesText(under) + ",\"watch\":" + std::to_string(watch.id) + '}'));
+  }
+}
+
+void Watches::Group::onChanges(const Changes& changes) { tell(changes, ""); }
+
+void Watches::Group::onRevealed(const Changes& changes) { tell(changes, "\"revealed\":true,"); }
+
+void Watches::Group::tell(const Changes& changes, const char* more) {
+  findPaths();
+  for (const Watch& watch : watches_) {
+    if (!watch.path) continue;
+    takePart(changes, *watch.path, [&](const Changes& part) {
+      send_(notificationText("changed", "{\"changes\":" + changesText(part) + ',' + more +
+                                            "\"watch\":" + std::to_string(watch.id) + '}'));
+    });
+  }
+}
+
+}  // namespace Host

@@ -1,0 +1,75 @@
+// What one client watches.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/statedb/store/store.h"
+
+namespace Host {
+
+// Sends a notification for every batch that touches a watched path.
+class Watches {
+ public:
+  static constexpr std::size_t kMost = 256;  // of one client
+
+  using Send = std::function<void(const std::string& line)>;
+
+  // `store` must outlive the watches.
+  Watches(Statedb::Store& store, Send send);
+
+  // Watches a path, without the client's own writes where `own` is false. The path need not ever have been
+  // made, and is not made by this. Returns the watch's number, which is not used again; nothing where the
+  // client has kMost already.
+  std::optional<std::uint64_t> add(const std::string& path, bool own);
+  // Returns whether there was such a watch.
+  bool del(std::uint64_t id);
+
+  // What to give as the origin of the client's own writes.
+  Statedb::Feed* origin() { return &others_; }
+
+ private:
+  // The watches that hear of the same writes: a store leaves out one feed a write, so they share it. Is
+  // subscribed to everything while it has any.
+  class Group : public Statedb::Feed {
+   public:
+    Group(Statedb::Store& store, const Send& send) : store_(store), send_(send) {}
+    ~Group() override;
+
+    std::size_t count() const { return watches_.size(); }
+    void add(std::uint64_t id, const std::string& path);
+    bool del(std::uint64_t id);
+
+    void onSnapshot(const Statedb::Records& records) override;
+    void onChanges(const Statedb::Changes& changes) override;
+    void onRevealed(const Statedb::Changes& changes) override;
+
+   private:
+    struct Watch {
+      std::uint64_t id;
+      std::string text;
+      std::optional<Statedb::Path> path;  // of the text, once it was made
+    };
+    // Looks up the paths that were not made before.
+    void findPaths();
+    // `more`: further parameters of the notification, each with a comma behind it.
+    void tell(const Statedb::Changes& changes, const char* more);
+
+    Statedb::Store& store_;
+    const Send& send_;
+    std::vector<Watch> watches_;
+    bool subscribing_ = false;
+    std::size_t paths_ = 0;  // that there were when they were last looked up
+  };
+
+  const Send send_;
+  Group all_;
+  Group others_;  // deaf to the client's own writes
+  std::uint64_t last_ = 0;
+};
+
+}  // namespace Host

@@ -1,0 +1,148 @@
+#include "host/io/connection.h"
+
+#include <array>
+#include <utility>
+
+namespace Host {
+
+bool Lines::take(std::string_view bytes, const std::function<bool(std::string_view)>& line) {
+  for (std::size_t end; (end = bytes.find('\n')) != std::string_view::npos; bytes.remove_prefix(end + 1)) {
+    oversized_ = begun_.size() + end > limit_;
+    if (oversized_) return false;
+    if (begun_.empty()) {
+      if (!line(bytes.substr(0, end))) return false;
+      continue;
+    }
+    begun_.append(bytes.substr(0, end));
+    if (!line(std::exchange(begun_, {}))) return false;
+  }
+  begun_.append(bytes);
+  oversized_ = begun_.size() > limit_;
+  return !oversized_;
+}
+
+// One write under way; outlives its connection where that is closed first.
+struct Connection::Write {
+  uv_write_t request{};
+  std::string bytes;
+  std::weak_ptr<Connection> connection;
+
+  static void done(uv_write_t* request, int status) {
+    const std::unique_ptr<Write> write(static_cast<Write*>(request->data));
+    if (const auto connection = write->connection.lock())
+      Loop::guard(request->handle->loop, [&] { connection->onWritten(status < 0); });
+  }
+};
+
+std::shared_ptr<Connection> Connection::accept(uv_stream_t* listener, Owner& owner) {
+  UvHandle<uv_pipe_t> pipe(new uv_pipe_t);
+  uv_pipe_init(listener->loop, pipe.get(), 0);
+  if (uv_accept(listener, reinterpret_cast<uv_stream_t*>(pipe.get())) != 0) return nullptr;
+  return std::make_shared<Connection>(std::move(pipe), owner);
+}
+
+Connection::Connection(UvHandle<uv_pipe_t> pipe, Owner& owner, std::size_t lineLimit)
+    : pipe_(std::move(pipe)), owner_(owner), lines_(lineLimit) {
+  pipe_->data = this;
+  startReading();
+}
+
+void Connection::startReading() {
+  const auto allocate = [](uv_handle_t*, std::size_t, uv_buf_t* buffer) {
+    static std::array<char, 1 << 16> bytes;
+    *buffer = uv_buf_init(bytes.data(), bytes.size());
+  };
+  const auto read = [](uv_stream_t* stream, ssize_t size, const uv_buf_t* buffer) {
+    Loop::guard(stream->loop, [&] { static_cast<Connection*>(stream->data)->onRead(size, buffer->base); });
+  };
+  uv_read_start(reinterpret_cast<uv_stream_t*>(pipe_.get()), allocate, read);
+}
+
+Connection::~Connection() = default;
+
+void Connection::onRead(ssize_t size, const char* bytes) {
+  const auto self = shared_from_this();
+  if (size == 0) return;
+  if (size == UV_EOF) return end();
+  if (size < 0) return close();
+  const auto line = [this](std::string_view text) {
+    owner_.onLine(*this, text);
+    return !closed() && !ending_;
+  };
+  lines_.take({bytes, static_cast<std::size_t>(size)}, line);
+  if (!lines_.oversized() || closed()) return;
+  owner_.onOversizedLine(*this);
+  end();
+}
+
+void Connection::pause() {
+  if (closed() || ending_ || paused_) return;
+  paused_ = true;
+  uv_read_stop(reinterpret_cast<uv_stream_t*>(pipe_.get()));
+}
+
+void Connection::resume() {
+  if (!std::exchange(paused_, false) || closed() || ending_) return;
+  startReading();
+}
+
+std::size_t Connection::waiting() const {
+  return outgoing_.size() + uv_stream_get_write_queue_size(reinterpret_cast<uv_stream_t*>(pipe_.get()));
+}
+
+void Connection::send(std::string_view line) {
+  if (closed()) return;
+  if (waiting() > kWaitingLimit) return close();
+  outgoing_.append(line);
+  outgoing_ += '\n';
+}
+
+void Connection::flush() {
+  if (closed()) return;
+  if (!outgoing_.empty() && !writeAtOnce()) return close();
+  if (!outgoing_.empty()) return writeLater();
+  if (ending_ && waiting() == 0) close();
+}
+
+// Writes what the system takes at once, mostly all. Returns whether the connection still stands.
+bool Connection::writeAtOnce() {
+  auto* stream = reinterpret_cast<uv_stream_t*>(pipe_.get());
+  if (uv_stream_get_write_queue_size(stream) != 0) return true;
+  const uv_buf_t buffer = uv_buf_init(outgoing_.data(), static_cast<unsigned>(outgoing_.size()));
+  const int written = uv_try_write(stream, &buffer, 1);
+  if (written < 0) return written == UV_EAGAIN;
+  outgoing_.erase(0, static_cast<std::size_t>(written));
+  if (outgoing_.capacity() > kKeptCapacity) outgoing_.shrink_to_fit();
+  return true;
+}
+
+void Connection::writeLater() {
+  auto write = std::make_unique<Write>();
+  write->bytes = std::exchange(outgoing_, {});
+  write->connection = weak_from_this();
+  write->request.data = write.get();
+  const uv_buf_t buffer = uv_buf_init(write->bytes.data(), static_cast<unsigned>(write->bytes.size()));
+  auto* stream = reinterpret_cast<uv_stream_t*>(pipe_.get());
+  if (uv_write(&write->request, stream, &buffer, 1, &Write::done) != 0) return close();
+  static_cast<void>(write.release());
+}
+
+void Connection::onWritten(bool failed) {
+  if (closed()) return;
+  if (failed || (ending_ && waiting() == 0)) close();
+}
+
+void Connection::end() {
+  if (closed()) return;
+  ending_ = true;
+  uv_read_stop(reinterpret_cast<uv_stream_t*>(pipe_.get()));
+}
+
+void Connection::close() {
+  if (closed()) return;
+  pipe_.reset();
+  outgoing_ = {};
+  owner_.onClosed(*this);
+}
+
+}  // namespace Host

@@ -1,0 +1,114 @@
+#include "host/rpc/announce.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/statedb/store/schema.h"
+#include "platform/zel/entity/dir.h"
+
+namespace Host {
+
+using Zel::Value;
+using Zel::ValueError;
+
+namespace {
+
+const Value::List& boundedList(const Value& value, const char* name, std::size_t limit) {
+  const Value::List& list = listField(value, name);
+  if (list.size() > limit)
+    throw ValueError("'" + std::string(name) + "' has more than " + std::to_string(limit) + " entries");
+  return list;
+}
+
+std::int64_t pidField(const Value& value) {
+  const Value* field = value.field("pid");
+  const auto* pid = field ? field->as<std::int64_t>() : nullptr;
+  if (!pid || *pid <= 0 || *pid > INT32_MAX) throw ValueError("'pid': wanted the number of a process");
+  return *pid;
+}
+
+std::string publishedPath(const Value& value) {
+  const auto* path = value.as<std::string>();
+  if (!path) throw ValueError("'publishes': found " + std::string(value.kindText()) + ", wanted a path");
+  if (path->empty()) throw ValueError("'publishes': a path is empty; nobody fills the whole database");
+  Statedb::Path::check(*path);
+  for (Statedb::PathReader reader(*path); !reader.done();) reader.next(Zel::Dir::typeNode());
+  return *path;
+}
+
+std::string textOf(const Announcement& announcement) {
+  return "process " + std::to_string(announcement.pid) + " ('" + announcement.socket + "')";
+}
+
+}  // namespace
+
+Announcement Announcement::from(const Value& parameters) {
+  Announcement read{.pid = pidField(parameters),
+                    .socket = boundedText(parameters, "socket", kLongestFile, Needed::yes)};
+  for (const Value& agent : boundedList(parameters, "agents", kMostAgents)) {
+    expectFields(agent, {"name", "library"});
+    read.agents.push_back({boundedText(agent, "name", Zel::Name::kLongest, Needed::yes),
+                           boundedText(agent, "library", kLongestFile, Needed::yes)});
+  }
+  for (const Value& path : boundedList(parameters, "publishes", kMostPaths))
+    read.publishes.push_back(publishedPath(path));
+  return read;
+}
+
+Json Announcement::json() const {
+  Json listed = Json::array();
+  for (const Agent& agent : agents) listed.push_back({{"name", agent.name}, {"library", agent.library}});
+  return {{"pid", pid}, {"socket", socket}, {"agents", std::move(listed)}, {"publishes", publishes}};
+}
+
+void Announcements::Process::announce(Announcement announcement) {
+  for (const std::string& path : announcement.publishes)
+    if (const std::string why = all_.refusal(*this, path, true); !why.empty())
+      throw ValueError("'publishes': '" + path + "' " + why);
+  withdraw();
+  announcement_ = std::move(announcement);
+  for (const std::string& path : announcement_.publishes) all_.paths_.emplace(path, this);
+  all_.processes_.push_back(this);
+}
+
+void Announcements::Process::withdraw() {
+  for (const std::string& path : announcement_.publishes) all_.paths_.erase(path);
+  std::erase(all_.processes_, this);
+  announcement_ = {};
+}
+
+Announcements::Paths::const_iterator Announcements::filledAbove(const Process& writer,
+                                                                std::string_view path) const {
+  for (; !path.empty() && !paths_.empty(); path = Statedb::textAbove(path))
+    if (const auto found = paths_.find(path); found != paths_.end() && found->second != &writer) return found;
+  return paths_.end();
+}
+
+Announcements::Paths::const_iterator Announcements::filledUnder(const Process& writer,
+                                                                std::string_view path) const {
+  const std::string start = path.empty() ? std::string() : std::string(path) + '/';
+  auto each = paths_.lower_bound(start);
+  for (; each != paths_.end() && each->first.starts_with(start); ++each)
+    if (each->second != &writer) return each;
+  return paths_.end();
+}
+
+std::string Announcements::refusal(const Process& writer, std::string_view path, bool removed) const {
+  if (const auto above = filledAbove(writer, path); above != paths_.end())
+    return "stands under '" + above->first + "', which " + textOf(above->second->announcement()) +
+           " fills; nobody else writes there while it runs";
+  if (!removed) return {};
+  const auto under = filledUnder(writer, path);
+  return under == paths_.end()
+             ? std::string()
+             : "holds '" + under->first + "', which " + textOf(under->second->announcement()) +
+                   " fills; nobody else deletes that while it runs";
+}
+
+bool Announcements::leadsToFilled(std::string_view path) const {
+  const std::string start = std::string(path) + '/';
+  const auto found = paths_.lower_bound(start);
+  return found != paths_.end() && found->first.starts_with(start);
+}
+
+}  // namespace Host

@@ -1,0 +1,86 @@
+// Which process fills which part of the state database.
+//
+// An agent answers alone for what stands under its "wi" mounts. A process announces those paths to the host
+// that keeps the state, which then refuses what anybody else writes there:
+//
+//     Announcements announcements;
+//     Announcements::Process led(announcements);
+//     led.announce({.pid = 7, .socket = "/run/pinlamp/led.sock", .publishes =
+//     {"hardware/corvel/gpio/config"}}); announcements.refusal(client, "hardware/corvel/gpio/config/gpio17",
+//     false);  // names process 7 led.withdraw();  // as at the end of its connection
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/rpc/json.h"
+
+namespace Host {
+
+// What a process says of itself. Its paths are texts: what is only announced is not interned.
+struct Announcement {
+  struct Agent {
+    std::string name;
+    std::string library;
+  };
+  static constexpr std::size_t kMostAgents = 64;
+  static constexpr std::size_t kMostPaths = 64;
+  static constexpr std::size_t kLongestFile = 4096;  // bytes of a library's or a socket's path
+
+  std::int64_t pid = 0;
+  std::string socket{};
+  std::vector<Agent> agents{};
+  std::vector<std::string> publishes{};  // the paths of its "wi" mounts
+
+  // From {"pid", "socket", "agents": [{"name", "library"}], "publishes"}. Throws Zel::ValueError where one is
+  // missing, beyond its limit, or no path to an entity.
+  static Announcement from(const Zel::Value& parameters);
+  Json json() const;
+};
+
+// All announcements that stand. Outlives the processes in it.
+class Announcements {
+ public:
+  // One that may announce: the host itself, or a client as long as it is connected.
+  class Process {
+   public:
+    explicit Process(Announcements& all) : all_(all) {}
+    ~Process() { withdraw(); }
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+
+    // In the place of what it announced before. Throws Zel::ValueError, and changes nothing, where another
+    // process fills one of the paths, something above it or something under it.
+    void announce(Announcement announcement);
+    void withdraw();
+    const Announcement& announcement() const { return announcement_; }
+
+   private:
+    Announcements& all_;
+    Announcement announcement_;
+  };
+
+  // Why `writer` may not change what stands at a path (and under it, where it is `removed`); empty where it
+  // may.
+  std::string refusal(const Process& writer, std::string_view path, bool removed) const;
+  // Whether something is filled that stands under `path`, by whomever.
+  bool leadsToFilled(std::string_view path) const;
+
+  // In the order of announcing.
+  const std::vector<const Process*>& processes() const { return processes_; }
+
+ private:
+  using Paths = std::map<std::string, const Process*, std::less<>>;
+
+  // What another process than `writer` fills at or above a path, or under it; end() where none does.
+  Paths::const_iterator filledAbove(const Process& writer, std::string_view path) const;
+  Paths::const_iterator filledUnder(const Process& writer, std::string_view path) const;
+
+  Paths paths_;
+  std::vector<const Process*> processes_;
+};
+
+}  // namespace Host

@@ -1,0 +1,429 @@
+#include "host/rpc/json.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <unordered_set>
+
+#include "platform/zel/entity/entity.h"
+#include "platform/zel/object/type.h"
+
+namespace Host {
+
+using Statedb::Attribute;
+using Statedb::Change;
+using Statedb::Changes;
+using Statedb::Path;
+using Statedb::Record;
+using Zel::Value;
+using Zel::ValueError;
+
+// Reading
+// ----------------------------------------------------------------------------------------------------
+
+namespace {
+
+// Builds a value from what the library's parser meets.
+class Reader {
+ public:
+  Value result;
+
+  bool null() { return add({}); }
+  bool boolean(bool value) { return add(value); }
+  bool number_integer(std::int64_t value) { return add(value); }
+  bool number_unsigned(std::uint64_t value) {
+    return value <= INT64_MAX ? add(static_cast<std::int64_t>(value)) : add(static_cast<double>(value));
+  }
+  bool number_float(double value, const std::string&) { return add(value); }
+  bool string(std::string& value) { return add(std::move(value)); }
+  bool binary(Json::binary_t&) { return false; }
+  bool start_object(std::size_t) {
+    constexpr std::size_t kUsual = 4;  // so that hardly any fields are moved
+    Value::Fields fields;
+    fields.reserve(kUsual);
+    return begin(std::move(fields));
+  }
+  bool key(std::string& name) {
+    open_.back()->as<Value::Fields>()->emplace_back(std::move(name), Value());
+    return true;
+  }
+  bool end_object() {
+    checkNames(*open_.back()->as<Value::Fields>());
+    return end();
+  }
+  bool start_array(std::size_t) { return begin(Value::List{}); }
+  bool end_array() { return end(); }
+  bool parse_error(std::size_t position, const std::string&, const Json::exception& error) {
+    constexpr int kOutOfRange = 406;  // of a number
+    if (error.id == kOutOfRange) throw ValueError("not JSON: a number is out of range");
+    throw ValueError("not JSON at byte " + std::to_string(position));
+  }
+
+ private:
+  bool begin(Value value) {
+    if (open_.size() == kJsonDepth)
+      throw ValueError("nested deeper than " + std::to_string(kJsonDepth) + " levels");
+    open_.push_back(&place(std::move(value)));
+    return true;
+  }
+  bool end() {
+    open_.pop_back();
+    return true;
+  }
+  bool add(Value value) {
+    place(std::move(value));
+    return true;
+  }
+  // Puts a value where the text stands.
+  Value& place(Value value) {
+    if (open_.empty()) return result = std::move(value);
+    if (auto* list = open_.back()->as<Value::List>()) return list->emplace_back(std::move(value));
+    return open_.back()->as<Value::Fields>()->back().second = std::move(value);
+  }
+
+  static void checkNames(const Value::Fields& fields) {
+    constexpr std::size_t kFew = 16;
+    if (fields.size() <= kFew) {
+      for (auto each = fields.begin(); each != fields.end(); ++each)
+        if (std::find_if(fields.begin(), each, [&](auto& one) { return one.first == each->first; }) != each)
+          throwTwice(each->first);
+      return;
+    }
+    std::unordered_set<std::string_view> names;
+    for (const auto& [name, value] : fields)
+      if (!names.insert(name).second) throwTwice(name);
+  }
+  [[noreturn]] static void throwTwice(const std::string& name) {
+    throw ValueError("the name '" + Zel::excerpt(name) + "' stands twice among the same fields");
+  }
+
+  std::vector<Value*> open_;  // lists and fields that have not ended, each in the one before
+};
+
+}  // namespace
+
+Value parseJson(std::string_view text) {
+  Reader reader;
+  Json::sax_parse(text, &reader);
+  return std::move(reader.result);
+}
+
+// Writing
+// ----------------------------------------------------------------------------------------------------
+
+std::string jsonText(const Json& json) { return json.dump(-1, ' ', false, Json::error_handler_t::replace); }
+
+namespace {
+
+bool isPlain(char c) { return c >= ' ' && c < 0x7F && c != '"' && c != '\\'; }
+
+// Ends the text that begins with the quote at `start`. Hardly any holds more than plain letters.
+void endQuoted(std::string& text, std::size_t start) {
+  if (std::all_of(text.begin() + static_cast<std::ptrdiff_t>(start) + 1, text.end(), &isPlain)) {
+    text += '"';
+    return;
+  }
+  const std::string quoted = jsonText(Json(text.substr(start + 1)));
+  text.replace(start, std::string::npos, quoted);
+}
+
+void appendQuoted(std::string& text, std::string_view plain) {
+  const std::size_t start = text.size();
+  text += '"';
+  text += plain;
+  endQuoted(text, start);
+}
+
+void appendPath(std::string& text, Path path) {
+  const std::size_t start = text.size();
+  text += '"';
+  path.appendTo(text);
+  endQuoted(text, start);
+}
+
+struct Writer {
+  std::string& text;
+
+  void operator()(std::monostate) const { text += "null"; }
+  void operator()(bool value) const { text += value ? "true" : "false"; }
+  void operator()(std::int64_t value) const {
+    char digits[24];
+    const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+    text.append(digits, end);
+  }
+  void operator()(double value) const {
+    if (std::isnan(value))
+      text += "\"nan\"";
+    else if (std::isinf(value))
+      text += value > 0 ? "\"inf\"" : "\"-inf\"";
+    else
+      text += jsonText(Json(value));
+  }
+  void operator()(const std::string& value) const { appendQuoted(text, value); }
+  void operator()(const Value::List& list) const {
+    text += '[';
+    for (const Value& value : list) {
+      if (&value != &list.front()) text += ',';
+      appendJson(text, value);
+    }
+    text += ']';
+  }
+  void operator()(const Value::Fields& fields) const {
+    text += '{';
+    for (const auto& field : fields) {
+      if (&field != &fields.front()) text += ',';
+      appendQuoted(text, field.first);
+      text += ':';
+      appendJson(text, field.second);
+    }
+    text += '}';
+  }
+  void operator()(const Value::Object& object) const {
+    if (!object.pointer) return (*this)(std::monostate());
+    const auto* entity = dynamic_cast<const Zel::Entity*>(object.pointer.get());
+    (*this)(Value::Fields{{"object", entity ? Value(entity->path()) : Value()},
+                          {"type", object.pointer->fwkType().name().view()}});
+  }
+};
+
+}  // namespace
+
+void appendJson(std::string& text, const Value& value) { value.visit(Writer{text}); }
+
+std::string jsonText(const Value& value) {
+  std::string text;
+  appendJson(text, value);
+  return text;
+}
+
+// Fields
+// -----------------------------------------------------------------------------------------------------
+
+namespace {
+
+[[noreturn]] void throwWrongKind(const std::string& what, const Value& found, const char* wanted) {
+  throw ValueError(what + "found " + found.kindText() + ", wanted " + wanted);
+}
+
+std::string inQuotes(std::string_view name) { return "'" + Zel::excerpt(name) + "'"; }
+
+// The field of that name; null where it is left out and may be.
+const Value* fieldOf(const Value& value, const char* name, Needed needed) {
+  const Value* found = value.field(name);
+  if (!found && needed == Needed::yes) throw ValueError(inQuotes(name) + " is missing");
+  return found;
+}
+
+const Value::Fields& fieldsOf(const std::string& what, const Value& value) {
+  const auto* fields = value.as<Value::Fields>();
+  if (!fields) throwWrongKind(what, value, "fields by name");
+  return *fields;
+}
+
+const Value::List& listOf(const std::string& what, const Value& value) {
+  const auto* list = value.as<Value::List>();
+  if (!list) throwWrongKind(what, value, "a list");
+  return *list;
+}
+
+}  // namespace
+
+void expectFields(const Value& value, std::initializer_list<std::string_view> known) {
+  for (const auto& [name, each] : fieldsOf("", value)) {
+    if (std::ranges::find(known, std::string_view(name)) != known.end()) continue;
+    std::string names;
+    for (const std::string_view one : known) names += (names.empty() ? "" : ", ") + std::string(one);
+    throw ValueError(inQuotes(name) + " is unknown; known: " + (names.empty() ? "none" : names));
+  }
+}
+
+const std::string& textField(const Value& value, const char* name, Needed needed) {
+  static const std::string kEmpty;
+  const Value* field = fieldOf(value, name, needed);
+  if (!field) return kEmpty;
+  const auto* text = field->as<std::string>();
+  if (!text) throwWrongKind(inQuotes(name) + ": ", *field, "a text");
+  return *text;
+}
+
+const std::string& boundedText(const Value& value, const char* name, std::size_t longest, Needed needed) {
+  const std::string& text = textField(value, name, needed);
+  if (text.size() > longest)
+    throw ValueError(inQuotes(name) + " is longer than " + std::to_string(longest) + " bytes");
+  return text;
+}
+
+bool flagField(const Value& value, const char* name, bool otherwise) {
+  const Value* field = fieldOf(value, name, Needed::no);
+  if (!field) return otherwise;
+  const auto* flag = field->as<bool>();
+  if (!flag) throwWrongKind(inQuotes(name) + ": ", *field, "true or false");
+  return *flag;
+}
+
+const Value::List& listField(const Value& value, const char* name) {
+  return listOf(inQuotes(name) + ": ", *fieldOf(value, name, Needed::yes));
+}
+
+// Entities and changes
+// ---------------------------------------------------------------------------------------
+
+namespace {
+
+// Appends one entity: its attributes, then the rest.
+class EntityWriter {
+ public:
+  explicit EntityWriter(std::string& text) : text_(text) { text_ += "{\"attributes\":{"; }
+
+  void add(Zel::Name attribute, const Value& value) {
+    if (attribute.empty()) return;
+    if (any_) text_ += ',';
+    any_ = true;
+    appendQuoted(text_, attribute.view());
+    text_ += ':';
+    appendJson(text_, value);
+  }
+  void end(const char* more, Path path, Zel::Name type) {
+    text_ += '}';
+    text_ += more;
+    text_ += ",\"path\":";
+    appendPath(text_, path);
+    text_ += ",\"type\":";
+    appendQuoted(text_, type.view());
+    text_ += '}';
+  }
+
+ private:
+  std::string& text_;
+  bool any_ = false;
+};
+
+using Place = Changes::const_iterator;
+
+// The end of the puts from `first` on that belong to one entity and set no attribute twice.
+Place endOfEntity(Place first, Place last) {
+  Place end = first;
+  const auto goesOn = [&](const Change& change) {
+    return change.kind == Change::Kind::put && change.row.path == first->row.path &&
+           change.row.type == first->row.type &&
+           std::none_of(first, end, [&](auto& each) { return each.row.attribute == change.row.attribute; });
+  };
+  while (end != last && goesOn(*end)) ++end;
+  return end;
+}
+
+void appendRemoval(std::string& text, const Change& change) {
+  text += '{';
+  if (change.kind == Change::Kind::unset) {
+    text += "\"attribute\":";
+    appendQuoted(text, change.row.attribute.view());
+    text += ',';
+  }
+  text += change.kind == Change::Kind::unset ? "\"op\":\"unset\",\"path\":" : "\"op\":\"del\",\"path\":";
+  appendPath(text, change.row.path);
+  text += '}';
+}
+
+void appendPuts(std::string& text, Place first, Place last) {
+  EntityWriter entity(text);
+  for (Place each = first; each != last; ++each) entity.add(each->row.attribute, each->row.value);
+  entity.end(",\"op\":\"put\"", first->row.path, first->row.type);
+}
+
+}  // namespace
+
+std::string entitiesText(const Statedb::Records& records) {
+  std::string text = "[";
+  for (const Record* record : records) {
+    if (text.size() > 1) text += ',';
+    EntityWriter entity(text);
+    for (const Attribute& each : record->attributes) entity.add(each.name, each.value);
+    entity.end("", record->path, record->type);
+  }
+  return text + ']';
+}
+
+std::string changesText(const Changes& changes) {
+  std::string text = "[";
+  for (Place at = changes.begin(); at != changes.end();) {
+    if (text.size() > 1) text += ',';
+    if (at->kind != Change::Kind::put) {
+      appendRemoval(text, *at++);
+      continue;
+    }
+    const Place end = endOfEntity(at, changes.end());
+    appendPuts(text, at, end);
+    at = end;
+  }
+  return text + ']';
+}
+
+namespace {
+
+const Value::Fields* attributesField(const Value& value) {
+  const Value* field = fieldOf(value, "attributes", Needed::no);
+  if (!field) return nullptr;
+  const auto& attributes = fieldsOf("'attributes': ", *field);
+  for (const auto& [name, each] : attributes)
+    if (name.empty()) throw ValueError("'attributes': the name of an attribute is empty");
+  return &attributes;
+}
+
+}  // namespace
+
+std::vector<Record> entityRecords(const Value& entities) {
+  std::vector<Record> records;
+  for (const Value& entity : listOf("'entities': ", entities)) {
+    expectFields(entity, {"path", "type", "attributes"});
+    Record& record = records.emplace_back(Record{
+        textField(entity, "path", Needed::yes), Zel::Name(textField(entity, "type", Needed::yes)), {}});
+    if (const auto* attributes = attributesField(entity))
+      for (const auto& [name, value] : *attributes) record.attributes.push_back({name, value});
+  }
+  return records;
+}
+
+Changes changesFrom(const Value& list) {
+  Changes changes;
+  for (const Value& each : listOf("'changes': ", list)) {
+    const RequestedChange change = requestedChange(each);
+    if (change.kind == Change::Kind::put && change.type.empty()) throw ValueError("'type' is missing");
+    appendChanges(change, Zel::Name(change.type), changes);
+  }
+  return changes;
+}
+
+RequestedChange requestedChange(const Value& value) {
+  expectFields(value, {"op", "path", "type", "attributes", "existing", "attribute"});
+  const std::string& op = textField(value, "op", Needed::yes);
+  if (op == "del") {
+    expectFields(value, {"op", "path"});
+    return {.kind = Change::Kind::del, .path = textField(value, "path", Needed::yes)};
+  }
+  if (op == "unset") {
+    expectFields(value, {"op", "path", "attribute"});
+    const std::string& attribute = textField(value, "attribute", Needed::yes);
+    if (attribute.empty()) throw ValueError("'attribute' is empty");
+    return {
+        .kind = Change::Kind::unset, .path = textField(value, "path", Needed::yes), .attribute = attribute};
+  }
+  if (op != "put")
+    throw ValueError("'op': found \"" + Zel::excerpt(op) + "\", wanted \"put\", \"unset\" or \"del\"");
+  return {.path = textField(value, "path", Needed::yes),
+          .type = textField(value, "type"),
+          .existing = flagField(value, "existing", false),
+          .attributes = attributesField(value)};
+}
+
+void appendChanges(const RequestedChange& change, Zel::Name type, Changes& changes) {
+  const Path path(change.path);
+  if (change.kind == Change::Kind::del) return changes.push_back(Change::del(path));
+  if (change.kind == Change::Kind::unset)
+    return changes.push_back(Change::unset(path, Zel::Name(change.attribute)));
+  changes.push_back(Change::put(path, type, {}, {}));
+  if (!change.attributes) return;
+  for (const auto& [name, value] : *change.attributes)
+    changes.push_back(Change::put(path, type, name, value));
+}
+
+}  // namespace Host

@@ -1,0 +1,207 @@
+#include "host/store/ownrows.h"
+
+#include <algorithm>
+
+namespace Host {
+
+using Statedb::Attribute;
+using Statedb::Change;
+using Statedb::Changes;
+using Statedb::Path;
+using Statedb::Record;
+using Statedb::Records;
+using Statedb::Row;
+
+bool OwnRows::Unknown::covers(Path path) const {
+  if (removed.empty()) return false;
+  for (;; path = path.parent()) {
+    if (removed.contains(path)) return true;
+    if (path.empty()) return false;
+  }
+}
+
+bool OwnRows::Unknown::touches(const Change& change) const {
+  return covers(change.row.path) || set.contains({change.row.path, change.row.attribute});
+}
+
+// Whether something that was made or set here, at or under the path, is not known there yet.
+bool OwnRows::anyUnknown(Path path) const {
+  const auto isMade = [&](const auto& each) {
+    return each.first.isUnder(path) && entities_.contains(each.first);
+  };
+  return std::ranges::any_of(unsent_.set, isMade) || std::ranges::any_of(underWay_.set, isMade);
+}
+
+void OwnRows::forget(Path path) {
+  path.forEachUnder([this](Path each) { entities_.erase(each); });
+}
+
+void OwnRows::put(const Row& row, Unknown* note) {
+  const auto [place, added] = entities_.try_emplace(row.path, Record{row.path, row.type, {}});
+  if (added && note) note->set.insert({row.path, {}});
+  if (row.attribute.empty()) return;
+  auto& attributes = place->second.attributes;
+  const auto found = std::ranges::find(attributes, row.attribute, &Attribute::name);
+  if (found == attributes.end())
+    attributes.push_back({row.attribute, row.value});
+  else
+    found->value = row.value;
+  if (note) note->set.insert({row.path, row.attribute});
+}
+
+void OwnRows::unset(Path path, Zel::Name attribute) {
+  const auto entity = entities_.find(path);
+  if (entity == entities_.end()) return;
+  std::erase_if(entity->second.attributes, [&](const Attribute& each) { return each.name == attribute; });
+}
+
+void OwnRows::write(const Changes& changes) {
+  for (const Change& change : changes) {
+    const Path path = change.row.path;
+    if (change.kind == Change::Kind::put) {
+      put(change.row, &unsent_);
+      continue;
+    }
+    if (change.kind == Change::Kind::unset) {
+      unset(path, change.row.attribute);
+      unsent_.set.insert({path, change.row.attribute});
+      continue;
+    }
+    path.forEachUnder([this](Path each) {
+      if (entities_.erase(each) == 0) return;
+      const auto first = unsent_.set.lower_bound({each, {}});
+      unsent_.set.erase(
+          first, std::find_if(first, unsent_.set.end(), [&](const auto& set) { return set.first != each; }));
+    });
+    unsent_.removed.insert(path);
+  }
+}
+
+void OwnRows::adopt(const Record& record) {
+  if (isRemoved(record.path)) return;
+  const auto held = entities_.find(record.path);
+  const Record* own = held == entities_.end() ? nullptr : &held->second;
+  if (!own) put({record.path, record.type, {}, {}}, nullptr);
+  for (const Attribute& each : record.attributes)
+    if (!own || !own->find(each.name)) put({record.path, record.type, each.name, each.value}, nullptr);
+}
+
+Changes OwnRows::send() {
+  underWay_ = std::exchange(unsent_, {});
+  sending_ = true;
+  Changes changes;
+  for (const Path path : underWay_.removed) changes.push_back(Change::del(path));
+  for (const auto& [path, attribute] : underWay_.set) {
+    const auto entity = entities_.find(path);
+    const Zel::Value* value = entity == entities_.end() ? nullptr : entity->second.find(attribute);
+    if (!value && !attribute.empty())
+      changes.push_back(Change::unset(path, attribute));
+    else if (entity != entities_.end())
+      changes.push_back(Change::put(path, entity->second.type, attribute, value ? *value : Zel::Value()));
+  }
+  return changes;
+}
+
+void OwnRows::acknowledged() {
+  underWay_ = {};
+  sending_ = false;
+}
+
+void OwnRows::lost() {
+  // A removal that was under way is sent again; one of what was never there does no harm.
+  unsent_.removed.merge(underWay_.removed);
+  unsent_.set.merge(underWay_.set);
+  acknowledged();
+  sendAgain({});
+}
+
+void OwnRows::sendAgain(Path under) {
+  for (const auto& [path, entity] : entities_) {
+    if (!path.isUnder(under)) continue;
+    unsent_.set.insert({path, {}});
+    for (const Attribute& each : entity.attributes) unsent_.set.insert({path, each.name});
+  }
+}
+
+namespace {
+
+// What the other side has with what was published here over it, attribute by attribute.
+Record merged(const Record& theirs, const Record& own) {
+  if (theirs.type != own.type) return own;
+  Record record = theirs;
+  for (const Attribute& each : own.attributes) {
+    const auto found = std::ranges::find(record.attributes, each.name, &Attribute::name);
+    if (found == record.attributes.end())
+      record.attributes.push_back(each);
+    else
+      *found = each;
+  }
+  return record;
+}
+
+}  // namespace
+
+// The record less the values that were unset here and not there yet.
+const Record* OwnRows::withoutUnset(const Record* record) {
+  const auto own = entities_.find(record->path);
+  const auto isUnset = [&](const Attribute& each) {
+    const std::pair place{record->path, each.name};
+    return (unsent_.set.contains(place) || underWay_.set.contains(place)) &&
+           (own == entities_.end() || !own->second.find(each.name));
+  };
+  if (std::ranges::none_of(record->attributes, isUnset)) return record;
+  Record less = *record;
+  std::erase_if(less.attributes, isUnset);
+  return &merged_.emplace_back(std::move(less));
+}
+
+Records OwnRows::over(const Records& snapshot, Path path) {
+  Records records;
+  merged_.clear();
+  std::unordered_set<Path> both;
+  for (const Record* record : snapshot) {
+    if (isRemoved(record->path)) continue;
+    const auto own = entities_.find(record->path);
+    if (own != entities_.end()) {
+      both.insert(record->path);
+      record = &merged_.emplace_back(merged(*record, own->second));
+    }
+    records.push_back(withoutUnset(record));
+  }
+  for (const auto& [own, entity] : entities_)
+    if (own.isUnder(path) && !both.contains(own)) records.push_back(&entity);
+  std::ranges::sort(records, &Statedb::readsBefore, &Record::path);
+  return records;
+}
+
+// Returns whether the change stands against what will be overwritten from here.
+bool OwnRows::takeNote(const Change& change) {
+  const Path path = change.row.path;
+  if (unsent_.touches(change) || underWay_.touches(change)) return false;
+  // Everything that stood there went; what is kept here must be sent again.
+  if (change.kind == Change::Kind::del && anyUnknown(path)) return sendAgain(path), false;
+  if (change.kind == Change::Kind::del) {
+    forget(path);
+  } else if (change.kind == Change::Kind::unset) {
+    unset(path, change.row.attribute);
+  } else if (const auto own = entities_.find(path);
+             own != entities_.end() && own->second.find(change.row.attribute)) {
+    put(change.row, nullptr);
+  }
+  return true;
+}
+
+Changes OwnRows::told(const Changes& changes) {
+  Changes heard;
+  std::ranges::copy_if(changes, std::back_inserter(heard), [this](auto& each) { return takeNote(each); });
+  return heard;
+}
+
+Changes OwnRows::revealed(const Changes& changes) const {
+  Changes seen;
+  std::ranges::copy_if(changes, std::back_inserter(seen),
+                       [this](auto& each) { return !unsent_.touches(each); });
+  return seen;
+}
+
+}  // namespace Host

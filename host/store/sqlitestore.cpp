@@ -1,0 +1,212 @@
+#include "host/store/sqlitestore.h"
+
+#include <sqlite3.h>
+
+#include <array>
+
+#include "host/rpc/json.h"
+#include "host/store/statefile.h"
+
+namespace Host {
+
+using Statedb::Change;
+using Statedb::Changes;
+using Statedb::Row;
+using Statedb::StoreError;
+
+// Makes a T of a text, or takes the one that the last equal text made: rows repeat their paths, types and
+// values, and making is what reading a large file costs.
+template <class T, std::size_t Slots>
+class Remembered {
+ public:
+  template <class Make>
+  const T& of(std::string_view text, Make make) {
+    Slot& slot = slots_[Slots == 1 ? 0 : std::hash<std::string_view>()(text) % Slots];
+    if (!slot.made || slot.text != text) {
+      slot.made = false;
+      slot.value = make(text);
+      slot.text = text;
+      slot.made = true;
+    }
+    return slot.value;
+  }
+
+ private:
+  struct Slot {
+    std::string text;
+    T value{};
+    bool made = false;
+  };
+  std::array<Slot, Slots> slots_;
+};
+
+// The open file. Every failure is a StoreError with SQLite's own words.
+class SqliteStore::Database {
+ public:
+  explicit Database(const std::string& file) : file_(file), owned_(file) {
+    open();
+    put_ = prepare(
+        "INSERT INTO rows(path, attribute, type, value) VALUES(?1, ?2, ?3, ?4) ON CONFLICT(path, attribute) "
+        "DO "
+        "UPDATE SET type = excluded.type, value = excluded.value");
+    del_ = prepare("DELETE FROM rows WHERE ?1 = '' OR path = ?1 OR (path > ?1 || '/' AND path < ?1 || '0')");
+    unset_ = prepare("DELETE FROM rows WHERE path = ?1 AND attribute = ?2");
+  }
+
+  // Calls `take` with every row, those of one entity together. Rows whose path or names are beyond the limits
+  // are left where they are: `report` gets the first few, and how many there are.
+  template <class Take>
+  void forEachRow(Take take, const Report& report) {
+    const Statement select =
+        prepare("SELECT path, attribute, type, value FROM rows ORDER BY path, attribute");
+    Known known;
+    std::size_t leftOut = 0;
+    while (step(*select)) {
+      try {
+        take(row(*select, known));
+      } catch (const Zel::ValueError& error) {
+        constexpr std::size_t kReported = 10;
+        if (++leftOut <= kReported) report("store file '" + file_ + "': a row is left out: " + error.what());
+      }
+    }
+    if (leftOut > 0) report("store file '" + file_ + "': rows left out: " + std::to_string(leftOut));
+  }
+
+  // All of it or nothing.
+  void write(const Changes& changes) {
+    execute("BEGIN IMMEDIATE");
+    try {
+      for (const Change& change : changes) write(change);
+      execute("COMMIT");
+    } catch (const StoreError&) {
+      // Some errors end the transaction by themselves.
+      if (sqlite3_get_autocommit(connection_.get()) == 0)
+        sqlite3_exec(connection_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+      throw;
+    }
+  }
+
+ private:
+  struct Close {
+    void operator()(sqlite3* connection) const { sqlite3_close_v2(connection); }
+    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+  };
+  using Statement = std::unique_ptr<sqlite3_stmt, Close>;
+
+  void open() {
+    sqlite3* connection = nullptr;
+    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX;
+    const int result = sqlite3_open_v2(owned_.path().c_str(), &connection, flags, nullptr);
+    connection_.reset(connection);
+    check(result);
+    if (sqlite3_db_readonly(connection, "main") == 1)
+      refuseStateFile(file_, "can't be written; it is read only");
+    execute("PRAGMA locking_mode = EXCLUSIVE");
+    if (isEmpty()) execute(stateFileSchema());
+    execute("PRAGMA journal_mode = WAL");
+    execute("PRAGMA synchronous = FULL");
+  }
+
+  bool isEmpty() {
+    const Statement select = prepare("SELECT 1 FROM sqlite_master");
+    return !step(*select);
+  }
+
+  void write(const Change& change) {
+    const Row& row = change.row;
+    if (change.kind == Change::Kind::del) return run(*del_, {row.path.text()});
+    if (change.kind == Change::Kind::unset) return run(*unset_, {row.path.text(), row.attribute.view()});
+    run(*put_, {row.path.text(), row.attribute.view(), row.type.view(), jsonText(row.value)});
+  }
+
+  void run(sqlite3_stmt& statement, std::initializer_list<std::string_view> texts) {
+    int position = 0;
+    for (const std::string_view text : texts)
+      check(sqlite3_bind_text(&statement, ++position, text.data(), static_cast<int>(text.size()),
+                              SQLITE_TRANSIENT));
+    const int result = sqlite3_step(&statement);
+    sqlite3_reset(&statement);
+    if (result != SQLITE_DONE) check(result);
+  }
+
+  bool step(sqlite3_stmt& statement) {
+    const int result = sqlite3_step(&statement);
+    if (result != SQLITE_ROW && result != SQLITE_DONE) check(result);
+    return result == SQLITE_ROW;
+  }
+
+  struct Known {
+    Remembered<Statedb::Path, 1> path;
+    Remembered<Zel::Name, 1> type;
+    Remembered<Zel::Value, 64> value;
+  };
+
+  Row row(sqlite3_stmt& statement, Known& known) const {
+    Row row{known.path.of(text(statement, 0), [](auto text) { return Statedb::Path(text); }),
+            known.type.of(text(statement, 2), [](auto text) { return Zel::Name(text); }),
+            Zel::Name(text(statement, 1)),
+            {}};
+    try {
+      row.value = known.value.of(text(statement, 3), &parseJson);
+    } catch (const Zel::ValueError& error) {
+      refuseStateFile(file_, "the value of '" + row.path.text() + "' " + row.attribute.stdString() +
+                                 " can't be read: " + error.what());
+    }
+    return row;
+  }
+
+  // Good until the next step.
+  static std::string_view text(sqlite3_stmt& statement, int column) {
+    const auto* bytes = sqlite3_column_text(&statement, column);
+    const auto size = static_cast<std::size_t>(sqlite3_column_bytes(&statement, column));
+    return bytes ? std::string_view(reinterpret_cast<const char*>(bytes), size) : std::string_view();
+  }
+
+  Statement prepare(const char* sql) {
+    sqlite3_stmt* statement = nullptr;
+    check(sqlite3_prepare_v2(connection_.get(), sql, -1, &statement, nullptr));
+    return Statement(statement);
+  }
+  void execute(const std::string& sql) {
+    check(sqlite3_exec(connection_.get(), sql.c_str(), nullptr, nullptr, nullptr));
+  }
+  void check(int result) const {
+    if (result == SQLITE_OK) return;
+    refuseStateFile(file_, connection_ ? sqlite3_errmsg(connection_.get()) : sqlite3_errstr(result));
+  }
+
+  const std::string file_;
+  const StateFile owned_;  // before the connection, which it must outlive
+  std::unique_ptr<sqlite3, Close> connection_;
+  Statement put_;
+  Statement del_;
+  Statement unset_;
+};
+
+SqliteStore::SqliteStore(const std::string& file, const Report& report)
+    : file_(file), database_(std::make_unique<Database>(file)) {
+  database_->forEachRow([this](Row row) { restore(std::move(row)); }, report);
+}
+SqliteStore::~SqliteStore() = default;
+
+std::string SqliteStore::url() const { return "sqlite:" + file_; }
+
+void SqliteStore::persist(const Changes& changes) {
+  const std::size_t before = uncommitted_.size();
+  try {
+    uncommitted_.insert(uncommitted_.end(), changes.begin(), changes.end());
+  } catch (...) {
+    uncommitted_.resize(before);
+    throw;
+  }
+}
+
+void SqliteStore::commit() {
+  if (uncommitted_.empty()) return;
+  database_->write(uncommitted_);
+  uncommitted_.clear();
+}
+
+void SqliteStore::rollback() { uncommitted_.clear(); }
+
+}  // namespace Host

@@ -1,0 +1,52 @@
+#include "host/store/stores.h"
+
+#include "host/store/sqlitestore.h"
+#include "host/store/unixstore.h"
+
+namespace Host {
+
+namespace {
+
+using Statedb::Store;
+using Statedb::StoreError;
+using Report = std::function<void(const std::string&)>;
+
+std::unique_ptr<Store> makeMemory(const std::string& rest, Loop&, const Report&) {
+  if (!rest.empty()) throw StoreError("store 'memory:" + rest + "': nothing follows \"memory:\"");
+  return std::make_unique<Statedb::MemoryStore>();
+}
+
+std::unique_ptr<Store> makeSqlite(const std::string& file, Loop&, const Report& report) {
+  if (file.empty()) throw StoreError("store 'sqlite:': the file is missing; write sqlite:FILE");
+  return std::make_unique<SqliteStore>(file, report);
+}
+
+std::unique_ptr<Store> makeUnix(const std::string& socket, Loop& loop, const Report& report) {
+  if (socket.empty()) throw StoreError("store 'unix:': the socket is missing; write unix:SOCKET");
+  return std::make_unique<UnixStore>(loop, socket, report);
+}
+
+struct Scheme {
+  const char* prefix;
+  const char* usage;
+  std::unique_ptr<Store> (*make)(const std::string& rest, Loop& loop, const Report& report);
+};
+constexpr Scheme kSchemes[] = {
+    {"memory:", "memory:", makeMemory},
+    {"sqlite:", "sqlite:FILE", makeSqlite},
+    {"unix:", "unix:SOCKET", makeUnix},
+};
+
+}  // namespace
+
+std::unique_ptr<Store> makeStore(const std::string& url, Loop& loop, Report report) {
+  std::string known;
+  for (const Scheme& scheme : kSchemes) {
+    if (url.starts_with(scheme.prefix))
+      return scheme.make(url.substr(std::string_view(scheme.prefix).size()), loop, report);
+    known += (known.empty() ? "" : ", ") + std::string(scheme.usage);
+  }
+  throw StoreError("store '" + url + "': of no known kind; known: " + known);
+}
+
+}  // namespace Host

@@ -1,0 +1,303 @@
+#include "host/store/unixstore.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "host/rpc/rpc.h"
+#include "platform/statedb/store/schema.h"
+#include "platform/zel/object/value.h"
+
+namespace Host {
+
+using Statedb::Change;
+using Statedb::Changes;
+using Statedb::Feed;
+using Statedb::Path;
+
+namespace {
+constexpr std::uint64_t kFirstRetry = 50;  // milliseconds
+constexpr std::uint64_t kLastRetry = 2000;
+constexpr std::size_t kLongestLine = std::size_t{1} << 30;  // a snapshot of everything is one line
+constexpr std::size_t kChangesPerRequest = 1000;
+constexpr std::size_t kLongestRequest = Lines::kLimit - 1000;  // bytes of its changes; a host takes no more
+
+const Zel::Value& needed(const Zel::Value& message, const char* name) {
+  const Zel::Value* found = message.field(name);
+  if (!found) throw Zel::ValueError("'" + std::string(name) + "' is missing");
+  return *found;
+}
+
+std::int64_t numberOf(const Zel::Value& message, const char* name) {
+  const auto* number = needed(message, name).as<std::int64_t>();
+  if (!number) throw Zel::ValueError("'" + std::string(name) + "' is no whole number");
+  return *number;
+}
+}  // namespace
+
+// One attempt to connect; outlives the store where that goes away first.
+struct UnixStore::Connecting {
+  uv_connect_t request{};
+  UvHandle<uv_pipe_t> pipe;
+  UnixStore* store = nullptr;
+  std::shared_ptr<Connecting> self;  // until libuv is done with the request
+};
+
+UnixStore::UnixStore(Loop& loop, std::string socket, std::function<void(const std::string&)> report)
+    : loop_(loop), socket_(std::move(socket)), report_(std::move(report)), retryAfter_(kFirstRetry) {
+  retry_.reset(new uv_timer_t);
+  uv_timer_init(loop_.uv(), retry_.get());
+  retry_->data = this;
+  connect();
+}
+
+UnixStore::~UnixStore() {
+  if (connecting_) connecting_->store = nullptr;
+  if (connecting_) connecting_->pipe.reset();
+  if (const auto connection = std::exchange(connection_, nullptr)) connection->close();
+}
+
+void UnixStore::connect() {
+  connecting_ = std::make_shared<Connecting>();
+  connecting_->self = connecting_;
+  connecting_->store = this;
+  connecting_->request.data = connecting_.get();
+  connecting_->pipe.reset(new uv_pipe_t);
+  uv_pipe_init(loop_.uv(), connecting_->pipe.get(), 0);
+  uv_pipe_connect(
+      &connecting_->request, connecting_->pipe.get(), socket_.c_str(), [](uv_connect_t* request, int status) {
+        const auto attempt = std::move(static_cast<Connecting*>(request->data)->self);
+        UnixStore* store = attempt->store;
+        if (!store) return;
+        Loop::guard(store->loop_.uv(), [&] { store->onConnected(std::move(attempt->pipe), status); });
+      });
+}
+
+void UnixStore::onConnected(UvHandle<uv_pipe_t> pipe, int status) {
+  connecting_ = nullptr;
+  if (status < 0) {
+    if (!std::exchange(lost_, true))
+      report_("state database " + url() + ": " + uv_strerror(status) + "; trying until a host listens there");
+    return retryLater();
+  }
+  connection_ = std::make_shared<Connection>(std::move(pipe), *this, kLongestLine);
+  if (announcement_.empty()) return onReached();
+  sendAnnouncement();
+}
+
+void UnixStore::announce(const Announcement& announcement) {
+  announcement_ = jsonText(announcement.json());
+  sendAnnouncement();
+}
+
+void UnixStore::sendAnnouncement() {
+  request("announce", announcement_, [this](const Zel::Value& reply) { onAnnounced(reply); });
+}
+
+void UnixStore::onAnnounced(const Zel::Value& reply) {
+  const Zel::Value* error = reply.field("error");
+  if (!error) return onReached();
+  if (!std::exchange(lost_, true))
+    report_("state database " + url() + ": " + textField(*error, "message") + "; trying until it is free");
+  connection_->close();
+}
+
+void UnixStore::onReached() {
+  if (std::exchange(reached_, true)) return;
+  retryAfter_ = kFirstRetry;
+  if (std::exchange(lost_, false)) report_("state database " + url() + ": reached");
+  for (const auto& subscription : subscriptions_) watch(*subscription);
+  flush();
+}
+
+void UnixStore::retryLater() {
+  uv_timer_start(
+      retry_.get(),
+      [](uv_timer_t* timer) {
+        Loop::guard(timer->loop, [&] { static_cast<UnixStore*>(timer->data)->retry(); });
+      },
+      retryAfter_, 0);
+  retryAfter_ = std::min(retryAfter_ * 2, kLastRetry);
+}
+
+void UnixStore::retry() {
+  if (!connection_) return connect();
+  if (!parts_.empty()) sendParts();
+}
+
+void UnixStore::onClosed(Connection& connection) {
+  if (connection_.get() != &connection) return;
+  const auto gone = std::exchange(connection_, nullptr);
+  reached_ = false;
+  if (!std::exchange(lost_, true))
+    report_("state database " + url() + ": connection lost; the lights stay as they are");
+  replies_.clear();
+  parts_.clear();
+  for (const auto& subscription : subscriptions_) subscription->watch = -1;
+  own_.lost();
+  retryLater();
+}
+
+void UnixStore::request(const char* method, std::string_view parameters, OnReply onReply) {
+  if (!connection_) return;
+  const std::int64_t id = nextId_++;
+  replies_[id] = std::move(onReply);
+  connection_->send(requestText(id, method, parameters));
+  if (connection_) connection_->flush();
+}
+
+void UnixStore::subscribe(Path path, Feed& feed) {
+  unsubscribe(feed);
+  subscriptions_.push_back(std::make_unique<Subscription>(Subscription{path, &feed}));
+  watch(*subscriptions_.back());
+}
+
+void UnixStore::unsubscribe(Feed& feed) {
+  const auto found = std::ranges::find(subscriptions_, &feed, [](const auto& each) { return each->feed; });
+  if (found == subscriptions_.end()) return;
+  if ((*found)->watch >= 0) unwatch((*found)->watch);
+  subscriptions_.erase(found);
+}
+
+void UnixStore::unwatch(std::int64_t watch) {
+  request("unwatch", "{\"watch\":" + std::to_string(watch) + '}', [](const Zel::Value&) {});
+}
+
+// The reply may come when the feed has gone or was subscribed anew: it is for this subscription only.
+void UnixStore::watch(Subscription& subscription) {
+  if (!reached_) return;
+  request("watch", "{\"own\":false,\"path\":" + jsonText(Zel::Value(subscription.path.text())) + '}',
+          [this, watched = &subscription](const Zel::Value& reply) {
+            const auto still =
+                std::ranges::find(subscriptions_, watched, [](const auto& each) { return each.get(); });
+            if (const Zel::Value* error = reply.field("error"))
+              return report_("state database " + url() + ": " + textField(*error, "message"));
+            const Zel::Value& result = needed(reply, "result");
+            const std::int64_t number = numberOf(result, "watch");
+            if (still == subscriptions_.end()) return unwatch(number);
+            watched->watch = number;
+            tellSnapshot(*watched->feed, needed(result, "entities"));
+          });
+}
+
+void UnixStore::tellSnapshot(Feed& feed, const Zel::Value& entities) {
+  const auto found = std::ranges::find(subscriptions_, &feed, [](const auto& each) { return each->feed; });
+  if (found == subscriptions_.end()) return;
+  const auto records = entityRecords(entities);
+  Statedb::Records theirs;
+  for (const Statedb::Record& record : records) {
+    if (feed.publishes(record.path)) own_.adopt(record);
+    theirs.push_back(&record);
+  }
+  feed.onSnapshot(own_.over(theirs, (*found)->path));
+}
+
+UnixStore::Subscription* UnixStore::find(std::int64_t watch) {
+  const auto found = std::ranges::find(subscriptions_, watch, [](const auto& each) { return each->watch; });
+  return found == subscriptions_.end() ? nullptr : found->get();
+}
+
+void UnixStore::write(const Changes& changes, Statedb::Durability durability, Feed* origin) {
+  if (durability == Statedb::Durability::stored)
+    throw Statedb::StoreError("the state database is kept by the host at '" + socket_ + "'; write there");
+  own_.write(changes);
+  toTell_.emplace_back(changes, origin);
+}
+
+Statedb::Records UnixStore::read(Path) const {
+  throw Statedb::StoreError("the state database is kept by the host at '" + socket_ + "'; read it there");
+}
+
+void UnixStore::flush() {
+  for (const auto& [changes, origin] : std::exchange(toTell_, {})) tellOthers(changes, origin);
+  if (const auto connection = connection_) connection->flush();  // closes it where the other side has ended
+  if (!reached_ || !own_.canSend()) return;
+  const Changes changes = own_.send();
+  for (std::size_t from = 0; from < changes.size(); from += kChangesPerRequest) {
+    const auto first = changes.begin() + static_cast<std::ptrdiff_t>(from);
+    const std::size_t count = std::min(kChangesPerRequest, changes.size() - from);
+    parts_.emplace_back(first, first + static_cast<std::ptrdiff_t>(count));
+  }
+  sendParts();
+}
+
+// One at a time, for a part that is refused is sent again in smaller ones before the next.
+void UnixStore::sendParts() {
+  while (!parts_.empty()) {
+    const std::string text = changesText(parts_.front());
+    if (text.size() <= kLongestRequest)
+      return request("write", "{\"changes\":" + text + ",\"durability\":\"derived\"}",
+                     [this](const Zel::Value& reply) { onWritten(reply); });
+    refusePart("is longer than " + std::to_string(kLongestRequest) + " bytes");
+  }
+  own_.acknowledged();
+  flush();
+}
+
+void UnixStore::onWritten(const Zel::Value& reply) {
+  const Zel::Value* error = reply.field("error");
+  const bool isPostponed = error && numberOf(*error, "code") == static_cast<int>(RpcCode::store);
+  if (isPostponed && !postponed_)
+    report_("state database " + url() + " can't store what was published: " + textField(*error, "message") +
+            "; trying until it can");
+  postponed_ = isPostponed;
+  if (isPostponed) return retryLater();
+  retryAfter_ = kFirstRetry;
+  if (error)
+    refusePart(textField(*error, "message"));
+  else
+    parts_.pop_front();
+  sendParts();
+}
+
+void UnixStore::refusePart(const std::string& why) {
+  const Changes part = std::move(parts_.front());
+  parts_.pop_front();
+  if (part.size() > 1) {
+    auto [first, second] = Statedb::halves(part);
+    parts_.push_front(std::move(second));
+    return parts_.push_front(std::move(first));
+  }
+  const Statedb::Row& row = part.front().row;
+  const std::string place = why.starts_with(row.path.text()) ? "" : placeText(row) + ": ";
+  report_("state database " + url() + " refused what was published: " + place + why);
+}
+
+void UnixStore::tellOthers(const Changes& changes, const Feed* origin) {
+  for (const auto& subscription : subscriptions_)
+    if (subscription->feed != origin)
+      takePart(changes, subscription->path,
+               [&](const Changes& part) { subscription->feed->onChanges(part); });
+}
+
+void UnixStore::onLine(Connection& connection, std::string_view line) {
+  try {
+    const Zel::Value message = parseJson(line);
+    if (message.field("method")) return onNotification(message);
+    const auto found = replies_.find(numberOf(message, "id"));
+    if (found == replies_.end()) return;
+    const OnReply onReply = std::move(found->second);
+    replies_.erase(found);
+    onReply(message);
+  } catch (const Zel::ValueError& error) {
+    report_("state database " + url() + ": a message that can't be read: " + std::string(error.what()));
+    connection.close();
+  }
+}
+
+void UnixStore::onOversizedLine(Connection& connection) {
+  report_("state database " + url() + ": a message that is too long");
+  connection.close();
+}
+
+void UnixStore::onNotification(const Zel::Value& message) {
+  const Zel::Value& parameters = needed(message, "params");
+  Subscription* subscription = find(numberOf(parameters, "watch"));
+  if (!subscription) return;
+  if (textField(message, "method") == "reset")
+    return tellSnapshot(*subscription->feed, needed(parameters, "entities"));
+  const Changes there = changesFrom(needed(parameters, "changes"));
+  const Changes changes = flagField(parameters, "revealed", false) ? own_.revealed(there) : own_.told(there);
+  if (!changes.empty()) subscription->feed->onChanges(changes);
+}
+
+}  // namespace Host

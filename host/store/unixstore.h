@@ -1,0 +1,98 @@
+// The state database of another host on this machine, through its control socket.
+//
+// Reached, lost and reached again without the agents noticing more than what changed meanwhile: entities
+// stay, and when the connection is back everything is read anew and only differences are told. What was
+// published here and is not known there yet waits, one value an attribute, and is sent as soon as it can be.
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/io/connection.h"
+#include "host/rpc/announce.h"
+#include "host/rpc/json.h"
+#include "host/store/ownrows.h"
+#include "platform/statedb/store/store.h"
+
+namespace Host {
+
+class UnixStore final : public Statedb::Store, public Connection::Owner {
+ public:
+  // Connects from the loop, and tries again as long as nobody listens: after 50 ms at first, then twice as
+  // long each time, up to 2 s. `report` hears once of every loss and every return, and of each row that the
+  // other side refused: a batch that it refuses is halved until what is wrong with it stands alone.
+  UnixStore(Loop& loop, std::string socket, std::function<void(const std::string& text)> report);
+  ~UnixStore() override;
+
+  // Says to the other side which process this is and what it fills: now, and after every connect. Where the
+  // other side refuses that, for another process fills the same, it counts as not reached: this process waits
+  // until that one has gone, and takes over.
+  void announce(const Announcement& announcement);
+
+  std::string url() const override { return "unix:" + socket_; }
+  void subscribe(Statedb::Path path, Statedb::Feed& feed) override;
+  void unsubscribe(Statedb::Feed& feed) override;
+  // What is written here is derived for the other side: it belongs to whoever keeps publishing it. The
+  // durability is the other side's to grant, so `stored` is refused.
+  void write(const Statedb::Changes& changes, Statedb::Durability durability, Statedb::Feed* origin) override;
+  void flush() override;
+  // Keeps no rows on this side: throws StoreError.
+  Statedb::Records read(Statedb::Path path) const override;
+
+ private:
+  struct Subscription {
+    Statedb::Path path;
+    Statedb::Feed* feed;
+    std::int64_t watch = -1;  // the other side's number for it; -1: not confirmed
+  };
+  using OnReply = std::function<void(const Zel::Value& reply)>;
+  struct Connecting;
+
+  void connect();
+  void onConnected(UvHandle<uv_pipe_t> pipe, int status);
+  void sendAnnouncement();
+  void onAnnounced(const Zel::Value& reply);
+  void onReached();
+  void retryLater();
+  void retry();
+  // `parameters` are a JSON text.
+  void request(const char* method, std::string_view parameters, OnReply onReply);
+  void watch(Subscription& subscription);
+  void unwatch(std::int64_t watch);
+  void tellSnapshot(Statedb::Feed& feed, const Zel::Value& entities);
+  void tellOthers(const Statedb::Changes& changes, const Statedb::Feed* origin);
+  Subscription* find(std::int64_t watch);
+
+  void onLine(Connection& connection, std::string_view line) override;
+  void onOversizedLine(Connection& connection) override;
+  void onClosed(Connection& connection) override;
+  void onNotification(const Zel::Value& message);
+  void sendParts();
+  void onWritten(const Zel::Value& reply);
+  void refusePart(const std::string& why);
+
+  Loop& loop_;
+  const std::string socket_;
+  const std::function<void(const std::string&)> report_;
+  std::vector<std::unique_ptr<Subscription>> subscriptions_;
+  OwnRows own_;
+  std::deque<Statedb::Changes>
+      parts_;  // of what is under way: the first was sent, each waits for those before it
+  std::vector<std::pair<Statedb::Changes, Statedb::Feed*>> toTell_;  // written here, for the feeds here
+  std::shared_ptr<Connection> connection_;
+  UvHandle<uv_timer_t> retry_;
+  std::shared_ptr<Connecting> connecting_;
+  std::map<std::int64_t, OnReply> replies_;
+  std::int64_t nextId_ = 0;
+  std::uint64_t retryAfter_;  // milliseconds
+  bool lost_ = false;         // and reported so
+  bool reached_ = false;      // connected, and the announcement was taken
+  std::string announcement_;  // a JSON text; empty: there is none
+  bool postponed_ = false;    // the other side can't store anything now; reported as well
+};
+
+}  // namespace Host

@@ -1,0 +1,58 @@
+// The entities of the mounted paths, found by their paths. Internal to the entity manager.
+#pragma once
+
+#include <functional>
+
+#include "platform/statedb/store/path.h"
+#include "platform/statedb/store/schema.h"
+#include "platform/zel/entity/dir.h"
+#include "platform/zel/entity/entity.h"
+
+namespace Statedb {
+
+// Where a path leads through the entities, as far as they go.
+struct Found {
+  // The last step that was read: from this entity, through this collection of it, to the member of this name.
+  Zel::Ptr<Zel::Entity> parent;
+  const Zel::AttributeInfo* collection = nullptr;
+  Zel::Name key;
+  Path path;                     // of the member
+  Zel::Ptr<Zel::Entity> entity;  // the member; null where there is none
+  bool whole = true;             // whether the path was read to its end
+};
+
+// Makes the member that was not there. Throws where the collection takes no entity of that type.
+Zel::Ptr<Zel::Entity> newMember(const Found& found, Zel::Name type);
+void removeMember(const Found& found);
+
+class EntityTree {
+ public:
+  EntityTree() : root_(Zel::allocate<Zel::Dir>(Zel::Name())) {}
+
+  // The directory at the root of all paths.
+  const Zel::Ptr<Zel::Dir>& root() const { return root_; }
+  // Makes the entity that was not there; null where it makes none.
+  using Make = std::function<Zel::Ptr<Zel::Entity>(const Found& at)>;
+
+  // Follows a path. Throws ValueError where it is not one.
+  Found find(Path path);
+  // The same in one walk, making what is missing on it; ends where `make` makes none. Throws what `make`
+  // does.
+  Found findOrMake(Path path, const Make& make);
+  // Null where there is no entity, or the path is not one.
+  Zel::Ptr<Zel::Entity> entityAt(Path path);
+
+ private:
+  bool isThere(const Zel::Entity& entity) const;
+  void follow(Path path, Found& found, const Make& make) const;
+
+  const Zel::Ptr<Zel::Dir> root_;
+  // Paths mostly follow each other in one collection: the one that the last of them led into.
+  struct {
+    Path path;  // of its members without their last component
+    Zel::Ptr<Zel::Entity> parent{};
+    const Zel::AttributeInfo* collection = nullptr;
+  } last_;
+};
+
+}  // namespace Statedb

@@ -1,0 +1,92 @@
+// Mounts: which paths of the state database an agent wants as entities in its process.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "platform/zel/core/export.h"
+#include "platform/zel/entity/entity.h"
+
+namespace Statedb {
+
+class EntityManager;
+
+// The result of a mount group.
+enum class MountStatus : std::uint8_t { success, failure };
+inline constexpr MountStatus mountSuccess_ = MountStatus::success;
+inline constexpr MountStatus mountFailure_ = MountStatus::failure;
+ZEL_API std::ostream& operator<<(std::ostream& out, MountStatus status);
+
+// One mount request. The mode is "r" (read only) or "wi" (a directory that the agent may write into: what it
+// writes is published).
+class ZEL_API Mount {
+ public:
+  Mount(const Zel::String& path, const Zel::String& typeName, const Zel::String& mode)
+      : path_(path), typeName_(typeName), mode_(mode) {}
+  const Zel::String& path() const { return path_; }
+  const Zel::String& typeName() const { return typeName_; }
+  const Zel::String& mode() const { return mode_; }
+
+ private:
+  Zel::String path_;
+  Zel::String typeName_;
+  Zel::String mode_;
+};
+
+// The base of an object that owns a mount group.
+class ZEL_API Mounter : public Zel::Described<Mounter, Zel::Entity> {
+ public:
+  static constexpr auto attributes() { return std::tuple{}; }
+  static const Zel::TypeNode& typeNode();
+
+  // A mounter keeps the name that it was made with; a backup's word on it changes nothing.
+  virtual void nameIsFromBackup(Zel::Name name);
+  virtual Zel::Name name() const { return Entity::name(); }
+
+  // Called once, in a later pass than the close of the group, when all mounts are there or one has failed.
+  virtual void doMountsComplete(MountStatus status, const Zel::Ptr<EntityManager>& entityManager) = 0;
+
+ protected:
+  explicit Mounter(Zel::Name name) : Described(name) {}
+};
+
+// A set of mounts that are completed together.
+class ZEL_API MountGroup : public Zel::Reactor<MountGroup, Zel::PtrInterface> {
+ public:
+  static constexpr const char* kTypeName = "Statedb::MountGroup";
+
+  MountGroup(const Zel::Ptr<EntityManager>& entityManager, const Zel::Ptr<Mounter>& mounter);
+  ~MountGroup() override;
+
+  // Adds a request. Throws RangeException where the mode is neither "r" nor "wi", or the group is closed, and
+  // ValueError where the path is beyond the limits of paths.
+  void doMount(const Mount& mount);
+  // Closes the group and starts mounting. The arguments have no meaning here. The manager keeps the group and
+  // the mounter until completion is reported. Throws RangeException where the group is closed already.
+  void doClose(bool flag, const Zel::String& text, const double& time);
+
+  const std::vector<Mount>& mounts() const { return mounts_; }
+  bool closed() const { return closed_; }
+  // Why the group failed: one line for each mount that did, naming path, type found and type asked. Empty
+  // otherwise.
+  const std::vector<std::string>& failures() const { return failures_; }
+
+ private:
+  friend class EntityManager;
+
+  Zel::Ptr<EntityManager> entityManager_;  // until the group is complete
+  Zel::Ptr<Mounter> mounter_;              // until the group is complete
+  std::vector<Mount> mounts_;
+  std::vector<std::string> failures_;
+  bool closed_ = false;
+};
+
+}  // namespace Statedb
+
+template <>
+struct ZEL_API Zel::ValueTraits<Statedb::MountStatus> {
+  static std::string typeName() { return "Statedb::MountStatus"; }
+  static Value toValue(Statedb::MountStatus status);
+  static Statedb::MountStatus fromValue(const Value& value);  // "success" or "failure"
+};

@@ -1,0 +1,343 @@
+#include <algorithm>
+#include <optional>
+#include <span>
+#include <utility>
+
+#include "platform/statedb/store/entrytable.h"
+#include "platform/statedb/store/store.h"
+
+namespace Statedb {
+
+StoreError::~StoreError() = default;
+RefusedError::~RefusedError() = default;
+Feed::~Feed() = default;
+Store::~Store() = default;
+
+void Feed::onRevealed(const Changes& changes) { onChanges(changes); }
+
+namespace {
+
+using Places = std::vector<std::pair<Path, Zel::Name>>;
+
+struct Told {
+  Changes changes{};   // for all feeds but `origin`
+  Places corrected{};  // for that one: attributes, or whole entities, that are not seen as it wrote them
+  Feed* origin = nullptr;
+};
+
+struct Subscription {
+  Feed* feed;
+  Path path;
+};
+
+}  // namespace
+
+struct MemoryStore::State {
+  EntryTable entries;
+  std::vector<Told> told;  // since the last flush
+  std::vector<Subscription> subscriptions;
+
+  // Whether any subscription but those of `origin` is one that `wanted` says.
+  template <class Wanted>
+  bool hears(const Feed* origin, Wanted wanted) const {
+    return std::ranges::any_of(
+        subscriptions, [&](const Subscription& each) { return each.feed != origin && wanted(each.path); });
+  }
+
+  bool isSubscribed(const Feed& feed) const {
+    return std::ranges::find(subscriptions, &feed, &Subscription::feed) != subscriptions.end();
+  }
+};
+
+MemoryStore::MemoryStore() : state_(std::make_unique<State>()) {}
+MemoryStore::~MemoryStore() = default;
+
+void MemoryStore::subscribe(Path path, Feed& feed) {
+  flush();
+  unsubscribe(feed);
+  state_->subscriptions.push_back({&feed, path});
+  feed.onSnapshot(state_->entries.under(path));
+}
+
+void MemoryStore::unsubscribe(Feed& feed) {
+  std::erase_if(state_->subscriptions, [&](const Subscription& each) { return each.feed == &feed; });
+}
+
+namespace {
+
+void appendRows(const Entry& entry, Changes& changes) {
+  changes.push_back(Change::put(entry.path, entry.type, {}, {}));
+  for (const Attribute& each : entry.attributes)
+    changes.push_back(Change::put(entry.path, entry.type, each.name, each.value));
+}
+
+// Carries one batch into the entries, and notes the steps that change anything: `told` for the feeds other
+// than `origin`, `corrected` for that one, `stored` for what keeps rows elsewhere.
+template <class State>
+struct Writer {
+  State& state;
+  const Durability durability;
+  Feed* const origin;
+  Changes told{};
+  Places corrected{};
+  Changes stored{};
+  EntryTable& entries = state.entries;
+  // Changes mostly follow each other in one collection: what stands above the last, and whether anybody hears
+  // of what stands under that.
+  Path lastAbove{};
+  bool isHeard = false;
+
+  bool isStored() const { return durability == Durability::stored; }
+
+  void apply(const Change& change) {
+    if (change.kind == Change::Kind::put)
+      put(change);
+    else if (change.kind == Change::Kind::unset)
+      unset(change);
+    else if (isStored())
+      del(change.row.path);
+    else
+      withdraw(change.row.path);
+  }
+
+  void put(const Change& change) {
+    const Row& row = change.row;
+    Entry* entry = entries.find(row.path);
+    if (entry && entry->type != row.type) {
+      replace(*entry, row);
+      entry = nullptr;
+    }
+    if (!entry) {
+      entry = &entries.make(row.path, row.type, durability);
+      note(Change::put(row.path, row.type, {}, {}));
+    } else if (isStored() && entry->durability == Durability::derived) {
+      entries.storedIs(*entry);
+      stored.push_back(Change::put(row.path, row.type, {}, {}));
+    }
+    if (!row.attribute.empty()) set(*entry, change);
+  }
+
+  // The entity of another type goes. What is stored does not give way to a derived row.
+  void replace(const Entry& entry, const Row& row) {
+    if (!isStored() && anyStored(row.path))
+      throw RefusedError("'" + row.path.text() + "' is stored as a " + entry.type.stdString() +
+                         "; delete it before a " + row.type.stdString() + " is published there");
+    del(row.path);
+  }
+
+  bool anyStored(Path path) const {
+    return std::ranges::any_of(entries.under(path), [](const Record* each) {
+      return static_cast<const Entry*>(each)->durability == Durability::stored;
+    });
+  }
+
+  void set(Entry& entry, const Change& change) {
+    const Row& row = change.row;
+    Attribute* attribute = findIn(entry.attributes, row.attribute);
+    if (!attribute) {
+      entries.add(entry, {row.attribute, row.value, durability});
+      return note(change);
+    }
+    if (attribute->durability != durability)
+      return isStored() ? hide(entry, change) : cover(entry, *attribute, change);
+    if (attribute->value == row.value) return;
+    entries.change(entry, *attribute, row.value);
+    note(change);
+  }
+
+  // A stored value goes under a derived one.
+  void hide(Entry& entry, const Change& change) {
+    correct(entry.path, change.row.attribute);
+    const Zel::Value* before = entries.hidden(entry, change.row.attribute);
+    if (before && *before == change.row.value) return;
+    entries.hide(entry, change.row.attribute, change.row.value);
+    stored.push_back(change);
+  }
+
+  // The origin takes what it wrote for what is seen; it is told what is.
+  void correct(Path path, Zel::Name attribute) {
+    if (origin) corrected.emplace_back(path, attribute);
+  }
+
+  // A derived value goes over a stored one.
+  void cover(Entry& entry, Attribute& attribute, const Change& change) {
+    const bool isSeen = attribute.value != change.row.value;
+    entries.cover(entry, attribute, change.row.value);
+    if (isSeen) tell(change);
+  }
+
+  // Takes out the entity at a path and all under it.
+  void del(Path path) {
+    bool any = false, isKept = false;
+    path.forEachUnder([&](Path each) {
+      Entry* entry = entries.find(each);
+      if (!entry) return;
+      any = true;
+      isKept |= entry->durability == Durability::stored;
+      entries.remove(*entry);
+    });
+    if (any) tell(Change::del(path));
+    if (isKept) stored.push_back(Change::del(path));
+  }
+
+  // Takes out what is derived at and under a path. What is stored is seen again; for its origin it had gone.
+  void withdraw(Path path) {
+    std::optional<Path> gone;  // for the feeds as well, with all that stood under it
+    path.forEachUnder([&](Path each) {
+      Entry* entry = entries.find(each);
+      if (!entry) return;
+      const bool isGone = gone && each.isUnder(*gone);
+      if (entry->durability == Durability::stored) {
+        uncover(*entry, !isGone);
+        if (isGone) appendRows(*entry, told);
+        correct(each, {});
+        return;
+      }
+      entries.remove(*entry);
+      if (isGone) return;
+      gone = each;
+      tell(Change::del(each));
+    });
+  }
+
+  void uncover(Entry& entry, bool isTold) {
+    std::vector<Zel::Name> names;
+    for (const Attribute& each : entry.attributes)
+      if (each.durability == Durability::derived) names.push_back(each.name);
+    for (const Zel::Name name : names) uncover(entry, name, isTold);
+  }
+
+  // The derived value of an attribute goes; a stored one that it hid is seen again.
+  void uncover(Entry& entry, Zel::Name name, bool isTold) {
+    if (!entries.hidden(entry, name)) {
+      entries.remove(entry, name);
+      if (isTold) tell(Change::unset(entry.path, name));
+      return;
+    }
+    Attribute& attribute = *findIn(entry.attributes, name);
+    const Zel::Value before = attribute.value;
+    entries.uncover(entry, attribute);
+    if (isTold && attribute.value != before) tell(Change::put(entry.path, entry.type, name, attribute.value));
+  }
+
+  void unset(const Change& change) {
+    const Zel::Name name = change.row.attribute;
+    Entry* entry = entries.find(change.row.path);
+    const Attribute* attribute = entry ? findIn(entry->attributes, name) : nullptr;
+    if (!attribute) return;
+    const bool wasStored = attribute->durability == Durability::stored;
+    if (isStored()) {
+      if (wasStored || entries.hidden(*entry, name)) stored.push_back(change);
+      entries.remove(*entry, name);
+      return tell(change);
+    }
+    if (!wasStored) uncover(*entry, name, true);
+    correct(entry->path, name);
+  }
+
+  void note(const Change& change) {
+    if (isStored()) stored.push_back(change);
+    tell(change);
+  }
+  void tell(const Change& change) {
+    if (hears(change)) told.push_back(change);
+  }
+
+  // Whether anybody but `origin` is to hear of a change.
+  bool hears(const Change& change) {
+    const Path path = change.row.path;
+    if (change.kind == Change::Kind::del || path.empty())
+      return state.hears(origin, [&](Path subscribed) { return concerns(change, subscribed); });
+    if (const Path above = path.parent(); above != lastAbove || above.empty()) {
+      lastAbove = above;
+      isHeard = state.hears(origin, [&](Path subscribed) { return above.isUnder(subscribed); });
+    }
+    return isHeard || state.hears(origin, [&](Path subscribed) { return path == subscribed; });
+  }
+};
+
+Changes asSeen(const EntryTable& entries, const Places& places) {
+  Changes changes;
+  for (const auto& [path, attribute] : places) {
+    const Entry* entry = entries.find(path);
+    if (entry && attribute.empty()) appendRows(*entry, changes);
+    const Zel::Value* value = entry ? entry->find(attribute) : nullptr;
+    if (value) changes.push_back(Change::put(path, entry->type, attribute, *value));
+  }
+  return changes;
+}
+
+// Tells a feed its part of a batch.
+void tell(const Told& told, const Subscription& to, const EntryTable& entries) {
+  if (to.feed == told.origin)
+    takePart(asSeen(entries, told.corrected), to.path,
+             [&](const Changes& part) { to.feed->onRevealed(part); });
+  else
+    takePart(told.changes, to.path, [&](const Changes& part) { to.feed->onChanges(part); });
+}
+
+}  // namespace
+
+void MemoryStore::write(const Changes& changes, Durability durability, Feed* origin) {
+  EntryTable& entries = state_->entries;
+  const std::size_t before = entries.mark();
+  std::vector<Told>& told = state_->told;
+  const std::size_t toldBefore = told.size();
+  Writer<State> writer{*state_, durability, origin};
+  try {
+    constexpr std::size_t kAtOnce = 16;
+    for (std::size_t i = 0; i < changes.size(); ++i) {
+      if (i % kAtOnce == 0)
+        entries.prefetch(std::span(changes).subspan(i, std::min(kAtOnce, changes.size() - i)));
+      writer.apply(changes[i]);
+    }
+    if (!writer.told.empty() || !writer.corrected.empty())
+      told.push_back({std::move(writer.told), std::move(writer.corrected), origin});
+    if (!writer.stored.empty()) persist(writer.stored);
+  } catch (...) {
+    told.resize(toldBefore);
+    entries.undoTo(before);
+    throw;
+  }
+}
+
+void MemoryStore::flush() {
+  if (!state_->entries.anyChange() && state_->told.empty()) return;
+  try {
+    commit();
+  } catch (...) {
+    rollback();
+    state_->entries.undoTo(0);
+    state_->told.clear();
+    throw;
+  }
+  state_->entries.settle();
+  for (const Told& told : std::exchange(state_->told, {})) {
+    const auto subscriptions = state_->subscriptions;
+    for (const Subscription& each : subscriptions)
+      if (state_->isSubscribed(*each.feed)) tell(told, each, state_->entries);
+  }
+}
+
+Records MemoryStore::read(Path path) const {
+  Records records = state_->entries.under(path);
+  std::ranges::sort(records, &readsBefore, &Record::path);
+  return records;
+}
+
+Zel::Name MemoryStore::typeAt(Path path) const {
+  const Entry* entry = state_->entries.find(path);
+  return entry ? entry->type : Zel::Name();
+}
+
+std::size_t MemoryStore::entities() const { return state_->entries.count(); }
+
+std::size_t MemoryStore::entities(Zel::Name type) const { return state_->entries.count(type); }
+
+void MemoryStore::restore(Row row) {
+  Entry* entry = state_->entries.find(row.path);
+  if (!entry) entry = &state_->entries.insert(row.path, row.type, Durability::stored);
+  if (!row.attribute.empty()) entry->attributes.emplace_back(row.attribute, std::move(row.value));
+}
+
+}  // namespace Statedb

@@ -1,0 +1,240 @@
+#include "platform/statedb/store/path.h"
+
+#include <algorithm>
+#include <ostream>
+#include <utility>
+#include <vector>
+
+#include "platform/zel/core/assert.h"
+#include "platform/zel/entity/entity.h"
+#include "platform/zel/object/value.h"
+
+namespace Statedb {
+
+// The tree of all paths. A path's number is its node's position.
+struct PathTable {
+  struct Node {
+    Zel::Name component;
+    Path parent;
+    Path lastChild;
+    Path next;  // the path beside it; the last one's is the first
+    std::uint32_t depth = 0;
+  };
+
+  std::vector<Node> nodes = std::vector<Node>(1);
+  // A hash table of children; the empty path: free. The hash spares looking at nodes that are others.
+  struct Place {
+    Path path;
+    std::uint32_t hash = 0;
+  };
+  std::vector<Place> places = std::vector<Place>(1024);
+  // Texts that are looked up mostly stand beside the one before: what was before its last '/'.
+  std::string lastParentText;
+  Path lastParent;
+
+  static PathTable& instance() {
+    static PathTable& table = *new PathTable;  // never destroyed, as names
+    return table;
+  }
+
+  const Node& operator[](Path path) const { return nodes[path.id_]; }
+
+  // Paths whose last components were made one after another, as names, lie beside each other.
+  static std::uint32_t hashOf(Path parent, Zel::Name component) {
+    const std::uint64_t key = std::uint64_t{parent.id_} << 32 | component.id() >> 4;
+    return static_cast<std::uint32_t>(key * 0x9E3779B97F4A7C15U >> 32 & ~std::uint64_t{15}) |
+           (component.id() & 15U);
+  }
+
+  // Where a child stands, or is to stand.
+  Place& place(Path parent, Zel::Name component, std::uint32_t hash) {
+    std::size_t at = hash & (places.size() - 1);
+    const auto isWanted = [&](const Place& place) {
+      if (place.hash != hash) return false;
+      const Node& node = (*this)[place.path];
+      return node.parent == parent && node.component == component;
+    };
+    while (!places[at].path.empty() && !isWanted(places[at])) at = (at + 1) & (places.size() - 1);
+    return places[at];
+  }
+
+  // Empty where there is none.
+  Path find(Path parent, Zel::Name component) {
+    return place(parent, component, hashOf(parent, component)).path;
+  }
+
+  Path make(Path parent, Zel::Name component) {
+    if (nodes.size() >= places.size() / 4 * 3) grow();
+    const std::uint32_t hash = hashOf(parent, component);
+    Place& place = this->place(parent, component, hash);
+    if (!place.path.empty()) return place.path;
+    Path made;
+    made.id_ = static_cast<std::uint32_t>(nodes.size());
+    place = {made, hash};
+    nodes.push_back({component, parent, {}, made, nodes[parent.id_].depth + 1});
+    Path& last = nodes[parent.id_].lastChild;
+    if (!last.empty()) nodes[made.id_].next = std::exchange(nodes[last.id_].next, made);
+    last = made;
+    return made;
+  }
+
+  void grow() {
+    const auto old = std::exchange(places, std::vector<Place>(places.size() * 2));
+    for (const Place& place : old) {
+      if (place.path.empty()) continue;
+      std::size_t at = place.hash & (places.size() - 1);
+      while (!places[at].path.empty()) at = (at + 1) & (places.size() - 1);
+      places[at] = place;
+    }
+  }
+
+  // Follows a text from component to component, by `step`, which returns the empty path where it ends.
+  template <class Step>
+  Path follow(std::string_view text, Step step) {
+    if (text.empty()) return {};
+    const std::size_t slash = text.rfind('/');
+    if (slash == std::string_view::npos) return step(Path(), text);
+    const std::string_view above = text.substr(0, slash);
+    if (above != lastParentText || lastParent.empty()) {
+      Path parent;
+      for (std::size_t at = 0; at <= above.size();) {
+        const std::size_t end = std::min(above.find('/', at), above.size());
+        parent = step(parent, above.substr(at, end - at));
+        if (parent.empty()) return {};
+        at = end + 1;
+      }
+      lastParentText = above;
+      lastParent = parent;
+    }
+    return step(lastParent, text.substr(slash + 1));
+  }
+};
+
+namespace {
+PathTable& table() { return PathTable::instance(); }
+}  // namespace
+
+void Path::check(std::string_view text) {
+  const auto refuse = [text](const std::string& why) {
+    throw Zel::ValueError("the path '" + Zel::excerpt(text) + "' " + why);
+  };
+  if (text.size() > kLongest) refuse("is longer than " + std::to_string(kLongest) + " bytes");
+  if (text.size() < kDeepest) return;  // as most: too short for either of what follows
+  if (static_cast<std::size_t>(std::ranges::count(text, '/')) >= kDeepest)
+    refuse("has more than " + std::to_string(kDeepest) + " components");
+  for (std::size_t at = 0; at < text.size();) {
+    const std::size_t end = std::min(text.find('/', at), text.size());
+    Zel::Name::checkEscaped(text.substr(at, end - at));
+    at = end + 1;
+  }
+}
+
+Path::Path(std::string_view text) {
+  check(text);
+  const auto step = [](Path parent, std::string_view component) {
+    return table().make(parent, Zel::Name::escaped(component));
+  };
+  *this = table().follow(text, step);
+}
+
+std::optional<Path> Path::existing(std::string_view text) {
+  if (text.empty()) return Path();
+  if (text.size() > kLongest) return std::nullopt;
+  const auto step = [](Path parent, std::string_view component) {
+    const auto known = Zel::Name::existing(component);
+    return known ? table().find(parent, *known) : Path();
+  };
+  const Path found = table().follow(text, step);
+  if (found.empty()) return std::nullopt;
+  return found;
+}
+
+std::size_t Path::count() { return table().nodes.size(); }
+
+Path Path::parent() const {
+  ZEL_REQUIRE(!empty(), id_);
+  return table()[*this].parent;
+}
+
+Zel::Name Path::component() const {
+  ZEL_REQUIRE(!empty(), id_);
+  return table()[*this].component;
+}
+
+Path Path::child(Zel::Name component) const { return table().make(*this, component); }
+
+Path Path::childNamed(Zel::Name name) const {
+  const std::string_view text = name.view();
+  if (Zel::isComponent(text)) return child(name);
+  return child(Zel::Name(Zel::escapeComponent(text)));
+}
+
+unsigned Path::depth() const { return table()[*this].depth; }
+
+bool Path::isUnder(Path above) const {
+  if (above.empty()) return true;
+  const PathTable& all = table();
+  const std::uint32_t depth = all[above].depth;
+  Path path = *this;
+  while (all[path].depth > depth) path = all[path].parent;
+  return path == above;
+}
+
+void Path::prefetch() const { __builtin_prefetch(&table()[*this]); }
+
+std::string Path::text() const {
+  std::string text;
+  text.reserve(64);
+  appendTo(text);
+  return text;
+}
+
+void Path::appendTo(std::string& text) const {
+  if (empty()) return;
+  const PathTable& all = table();
+  std::size_t length = 0;
+  for (Path each = *this; !each.empty(); each = all[each].parent)
+    length += all[each].component.view().size() + 1;
+  std::size_t at = text.size() + length;
+  text.resize(at, '/');
+  for (Path each = *this; !each.empty(); each = all[each].parent) {
+    const std::string_view component = all[each].component.view();
+    at -= component.size() + 1;
+    component.copy(text.data() + at, component.size());
+  }
+  text.pop_back();
+}
+
+Path Path::firstChild() const {
+  const Path last = table()[*this].lastChild;
+  return last.empty() ? last : table()[last].next;
+}
+
+Path Path::nextSibling() const {
+  const auto& node = table()[*this];
+  return table()[node.parent].lastChild == *this ? Path() : node.next;
+}
+
+Path Path::nextUnder(Path above) const {
+  Path next = firstChild();
+  for (Path each = *this; next.empty() && each != above; each = each.parent()) next = each.nextSibling();
+  return next;
+}
+
+bool readsBefore(Path a, Path b) {
+  if (a == b) return false;
+  const unsigned depth = std::min(a.depth(), b.depth());
+  const bool above = a.depth() < b.depth();
+  while (a.depth() > depth) a = a.parent();
+  while (b.depth() > depth) b = b.parent();
+  if (a == b) return above;
+  while (a.parent() != b.parent()) {
+    a = a.parent();
+    b = b.parent();
+  }
+  return a.component() < b.component();
+}
+
+std::ostream& operator<<(std::ostream& out, Path path) { return out << path.text(); }
+
+}  // namespace Statedb

@@ -1,0 +1,111 @@
+// The rows of a state database.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "platform/statedb/store/path.h"
+#include "platform/zel/core/name.h"
+#include "platform/zel/object/value.h"
+
+namespace Statedb {
+
+// One attribute of one entity. The row whose attribute is empty says that the entity is there (its value is
+// null); every entity has one.
+struct Row {
+  Path path;
+  Zel::Name type;
+  Zel::Name attribute;
+  Zel::Value value;
+  bool operator==(const Row&) const = default;
+};
+
+// How long a value is to live: as long as the store, or as long as the process that keeps it (derived values,
+// which are never written to disk).
+enum class Durability : std::uint8_t { stored, derived };
+
+struct Attribute {
+  Attribute(Zel::Name theName, Zel::Value theValue, Durability theDurability = Durability::stored)
+      : name(theName), durability(theDurability), value(std::move(theValue)) {}
+
+  Zel::Name name;
+  Durability durability;
+  Zel::Value value;
+  bool operator==(const Attribute&) const = default;
+};
+
+// All rows of one entity.
+struct Record {
+  Path path;
+  Zel::Name type;
+  std::vector<Attribute> attributes;  // in the order in which they were first set
+
+  // Null where the attribute was never set.
+  const Zel::Value* find(Zel::Name attribute) const {
+    for (const Attribute& each : attributes)
+      if (each.name == attribute) return &each.value;
+    return nullptr;
+  }
+  bool operator==(const Record&) const = default;
+};
+// Records where they are kept: good until what keeps them changes.
+using Records = std::vector<const Record*>;
+
+// One step of a batch.
+struct Change {
+  enum class Kind : std::uint8_t { put, del, unset };
+  Kind kind = Kind::put;
+  // put: the row to store. del: `path` alone counts; the entity and everything under it goes. unset: `path`
+  // and `attribute` count; the attribute has no value any more.
+  Row row;
+  bool operator==(const Change&) const = default;
+
+  static Change put(Path path, Zel::Name type, Zel::Name attribute, Zel::Value value) {
+    return {Kind::put, {path, type, attribute, std::move(value)}};
+  }
+  static Change del(Path path) { return {Kind::del, {path, {}, {}, {}}}; }
+  static Change unset(Path path, Zel::Name attribute) { return {Kind::unset, {path, {}, attribute, {}}}; }
+};
+using Changes = std::vector<Change>;
+
+// Empties a list that is filled again and again. It keeps room for what one pass usually brings, not for a
+// whole start.
+template <class List>
+void clearKeeping(List& list) {
+  constexpr std::size_t kUsual = 1024;
+  if (list.capacity() > kUsual)
+    list = List();
+  else
+    list.clear();
+}
+
+// Whether a change touches anything at or under `path`.
+inline bool concerns(const Change& change, Path path) {
+  return change.row.path.isUnder(path) || (change.kind == Change::Kind::del && path.isUnder(change.row.path));
+}
+
+// Calls `take` with the part of a batch that concerns `path`, if there is any. A del of something above
+// becomes one of the path itself, so that feeds of several paths can each carry out their part.
+template <class Take>
+void takePart(const Changes& changes, Path path, Take&& take) {
+  const auto isWithin = [&](const Change& change) { return change.row.path.isUnder(path); };
+  if (changes.empty()) return;
+  if (std::all_of(changes.begin(), changes.end(), isWithin)) return take(changes);
+  Changes part;
+  for (const Change& change : changes)
+    if (isWithin(change))
+      part.push_back(change);
+    else if (concerns(change, path))
+      part.push_back(Change::del(path));
+  if (!part.empty()) take(std::as_const(part));
+}
+
+// A batch of at least two as two, to be carried out one after the other.
+inline std::pair<Changes, Changes> halves(const Changes& changes) {
+  const auto middle = changes.begin() + static_cast<std::ptrdiff_t>(changes.size() / 2);
+  return {{changes.begin(), middle}, {middle, changes.end()}};
+}
+
+}  // namespace Statedb

@@ -1,0 +1,161 @@
+#include "platform/statedb/store/schema.h"
+
+#include <algorithm>
+
+#include "platform/zel/core/assert.h"
+#include "platform/zel/entity/dir.h"
+#include "platform/zel/entity/entity.h"
+
+namespace Statedb {
+
+namespace {
+
+std::string collectionsOf(const Zel::TypeNode& type) {
+  std::string names;
+  for (const Zel::TypeNode* each = &type; each; each = each->base())
+    for (const Zel::AttributeInfo& row : each->attributes())
+      if (row.memberType) names += (names.empty() ? "" : ", ") + std::string(row.name);
+  return names;
+}
+
+std::string storedAttributesOf(const Zel::TypeNode& type) {
+  std::string names;
+  for (const Zel::TypeNode* each = &type; each; each = each->base())
+    for (const Zel::AttributeInfo& row : each->attributes())
+      if (row.stored && row.check) names += (names.empty() ? "" : ", ") + std::string(row.name);
+  return names.empty() ? "none" : names;
+}
+
+// An object of a type holds its entries by name alone where one of its collections is direct.
+bool isDirectory(const Zel::TypeNode& type) {
+  for (const Zel::TypeNode* each = &type; each; each = each->base())
+    for (const Zel::AttributeInfo& row : each->attributes())
+      if (row.direct) return true;
+  return false;
+}
+
+}  // namespace
+
+std::string_view PathReader::component() {
+  const std::size_t end = std::min(path_.find('/', at_), path_.size());
+  const std::string_view text = path_.substr(at_, end - at_);
+  if (text.empty() || end + 1 == path_.size())
+    throw Zel::ValueError("'" + std::string(path_) +
+                          "' has an empty component; a path is NAME/NAME without a slash at either end");
+  at_ = end + 1;
+  return text;
+}
+
+PathReader::Step PathReader::next(const Zel::TypeNode& type) {
+  ZEL_REQUIRE(!done(), path_);
+  Step step;
+  if (!isDirectory(type)) {
+    step.collection = component();
+    const Zel::AttributeInfo* row = type.find(std::string_view(step.collection));
+    if (!row || !row->memberType) {
+      const std::string has = collectionsOf(type);
+      throw Zel::ValueError("'" + step.collection + "' is no collection of " + type.name().stdString() +
+                            (has.empty() ? ", which has none" : "; it has " + has));
+    }
+    if (done())
+      throw Zel::ValueError("'" + step.collection + "' is a collection; a member's name must follow it");
+    step.memberType = &row->memberType();
+  }
+  step.key = Zel::unescapeComponent(component());
+  step.path = path_.substr(0, at_ - 1);
+  return step;
+}
+
+namespace {
+
+// Agents are mounters.
+bool isAgents(const Zel::TypeNode& type) {
+  static const Zel::Name mounters("Statedb::Mounter");
+  const Zel::TypeNode* mounter = Zel::typeNode(mounters);
+  return mounter && type.isA(*mounter);
+}
+
+const Zel::TypeNode& expectStorable(const Zel::TypeNode* type, std::string_view name) {
+  if (!type) throw Zel::ValueError("type '" + Zel::excerpt(name) + "' is unknown");
+  if (isAgents(*type))
+    throw Zel::ValueError("type " + std::string(name) + " is an agent's, which only a host makes");
+  return *type;
+}
+
+}  // namespace
+
+const Zel::TypeNode& typeNamed(std::string_view name) {
+  const auto known = Zel::Name::existing(name);
+  return expectStorable(known ? Zel::typeNode(*known) : nullptr, name);
+}
+
+const Zel::AttributeInfo& storedAttribute(const Zel::TypeNode& type, std::string_view attribute) {
+  const Zel::AttributeInfo* row = type.find(attribute);
+  if (!row || !row->stored || !row->check)
+    throw Zel::ValueError("'" + Zel::excerpt(attribute) + "' is no attribute that " +
+                          type.name().stdString() + " stores; it stores " + storedAttributesOf(type));
+  return *row;
+}
+
+const Zel::AttributeInfo& checkAttribute(const Zel::TypeNode& type, std::string_view attribute,
+                                         const Zel::Value& value) {
+  const Zel::AttributeInfo& row = storedAttribute(type, attribute);
+  row.check(value);
+  return row;
+}
+
+void checkRow(Zel::Name typeName, Zel::Name attribute, const Zel::Value& value) {
+  const Zel::TypeNode& type = expectStorable(Zel::typeNode(typeName), typeName.view());
+  if (!attribute.empty()) checkAttribute(type, attribute.view(), value);
+}
+
+std::string_view textAbove(std::string_view path) {
+  const std::size_t slash = path.rfind('/');
+  return slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
+}
+
+Zel::Name TypesAfter::typeAt(std::string_view path) const {
+  const auto put = puts_.find(path);
+  const std::size_t step = put == puts_.end() ? 0 : put->second.step;
+  if (lastDel(path) > step) return {};
+  return put == puts_.end() ? below_(path) : put->second.type;
+}
+
+std::size_t TypesAfter::lastDel(std::string_view path) const {
+  std::size_t last = 0;
+  for (; !dels_.empty() && !path.empty(); path = textAbove(path))
+    if (const auto del = dels_.find(path); del != dels_.end()) last = std::max(last, del->second);
+  return last;
+}
+
+Zel::Name placeType(std::string_view path, const TypesAfter& types) {
+  if (path.empty()) throw Zel::ValueError("the path is empty");
+  const Zel::TypeNode* above = &Zel::Dir::typeNode();
+  for (PathReader reader(path);;) {
+    const auto step = reader.next(*above);
+    if (reader.done()) return step.memberType ? step.memberType->name() : Zel::Name();
+    const Zel::Name found = types.typeAt(step.path);
+    if (found.empty() && step.memberType)
+      throw Zel::ValueError("there is no entity at '" + std::string(step.path) + "'");
+    above = found.empty() ? &Zel::Dir::typeNode() : &typeNamed(found.view());
+  }
+}
+
+void checkPlace(std::string_view path, const Zel::TypeNode& type, const TypesAfter& types) {
+  const Zel::Name wanted = placeType(path, types);
+  if (!wanted.empty() && wanted != type.name())
+    throw Zel::ValueError("found type " + type.name().stdString() + ", wanted " + wanted.stdString() +
+                          " at this place");
+  if (wanted.empty() && !type.newEntityForDir())
+    throw Zel::ValueError("type " + type.name().stdString() + " is not made in directories");
+}
+
+Path memberPath(Path above, const Zel::AttributeInfo& collection, Zel::Name member) {
+  return (collection.direct ? above : above.child(collection.label)).childNamed(member);
+}
+
+std::string placeText(const Row& row) {
+  return row.path.text() + (row.attribute.empty() ? "" : " " + row.attribute.stdString());
+}
+
+}  // namespace Statedb

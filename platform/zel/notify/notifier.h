@@ -1,0 +1,287 @@
+// Change notification: notifiers, the reactors registered on them, and the queue of reactors to be delivered
+// to.
+//
+//     struct Watcher : Reactor<Watcher, LedConfig::NotifieeConst> {
+//       static constexpr const char* kTypeName = "Example::Watcher";
+//       using Reactor::Reactor;
+//       void onLightSetting() override { show(notifier()->lightSetting()); }
+//     };
+//     const auto watcher = allocate<Watcher>(led);  // until the last pointer to it goes
+//
+// Delivery. A mutator that changes nothing is silent. One that changes a value stores it, marks the attribute
+// (or the collection's key) on every registered reactor whose notifications are on, and returns. Plain
+// handlers run later, from ActivityManager::step, in the order in which the reactors first became pending.
+// Changes of one attribute or one key that pile up before delivery are delivered once. Marking a plain
+// attribute allocates nothing.
+//
+// A reactor's turn delivers all that is marked when it comes: the attributes in the order of the table, then
+// the keys in the order of marking. What is marked during the turn comes in a later one, except what this one
+// has still to deliver. A reactor that has become a zombie, was switched off, unregistered or re-pointed, or
+// whose entity left the collection that owned it is not notified of what was marked before, even if that
+// happened in a handler of the same turn. A handler may detach or destroy any reactor, itself included,
+// change the same entity again, or drop the last pointer to it. After a handler that throws, the rest of the
+// turn stays pending and comes first in the next pass.
+//
+// Immediate hook. on<Attribute>zelImmediate() runs inside the mutation of a plain attribute, after the value
+// was stored and marked. For a collection it runs inside the mutation only where the collection changed as a
+// whole (emptied or replaced); the plain on<Attribute>() without a key follows by the ordinary delivery, and
+// no key is announced. A change of one key is announced by on<Attribute>(key) alone.
+//
+// Activity thread only.
+#pragma once
+
+#include <array>
+#include <bit>
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <utility>
+
+#include "platform/zel/core/export.h"
+#include "platform/zel/core/name.h"
+#include "platform/zel/core/ptr.h"
+#include "platform/zel/object/attribute.h"
+
+namespace Zel {
+
+class ActivityManager;
+class Notifier;
+
+// A place in a circular list that its owner leaves by itself; O(1), and no allocation.
+class ZEL_API ListHook {
+ public:
+  ListHook() = default;
+  ListHook(const ListHook&) = delete;
+  ListHook& operator=(const ListHook&) = delete;
+  ~ListHook() { leave(); }
+
+  bool linked() const { return next_ != this; }
+  void leave() {
+    previous_->next_ = next_;
+    next_->previous_ = previous_;
+    next_ = previous_ = this;
+  }
+  // Joins the list at its end. REQUIRES: not linked.
+  void joinEndOf(ListHook& list) {
+    previous_ = list.previous_;
+    next_ = &list;
+    previous_->next_ = this;
+    list.previous_ = this;
+  }
+  // Moves all members of `other` to the end of this list.
+  void takeAllOf(ListHook& other);
+  ListHook* next() const { return next_; }
+
+ private:
+  ListHook* next_ = this;
+  ListHook* previous_ = this;
+};
+
+// The two lists that a reactor can be on at once.
+class RegistrationHook : public ListHook {};  // its notifier's
+class PendingHook : public ListHook {};       // the activity manager's queue
+
+namespace detail {
+// Base classes of one word each, so that the word lies in what would be a hole behind the header of a counted
+// object: an event costs as much as the cache lines that it touches.
+struct Marks {
+  std::uint32_t marks_ = 0;
+};
+struct Label {
+  const Name name_;
+};
+}  // namespace detail
+
+namespace detail {
+// Fetches one line. The empty statement is an effect: a function that had none would be left out as useless.
+inline void fetch(const void* address) {
+  __builtin_prefetch(address, 1);
+  asm volatile("");
+}
+}  // namespace detail
+
+// Fetches an object into the cache; does nothing else, so the object need not even be there.
+template <class T>
+void prefetch(const T* object) {
+  const char* const bytes = reinterpret_cast<const char*>(object);
+  for (std::size_t at = 0; at < sizeof(T); at += 64) detail::fetch(bytes + at);
+  if (sizeof(T) > 8) detail::fetch(bytes + sizeof(T) - 1);
+}
+
+// The base of every reactor: registration with one notifier, marks, and a place in the queue of the pending.
+//
+// It holds a counted reference to its notifier. Its owner holds the reactor.
+class ZEL_API NotifieeBase : public PtrInterface,
+                             private detail::Marks,
+                             private RegistrationHook,
+                             private PendingHook {
+ public:
+  ~NotifieeBase() override;
+
+  // Attaches to `notifier` and registers with it; null detaches. A notifier of a type that this reactor does
+  // not watch counts as null. What was pending for the old notifier is dropped. The same notifier again:
+  // nothing.
+  virtual void notifierIs(const Ptr<const PtrInterface>& notifier);
+  // Joins or leaves the notifier's list; the notifier is held meanwhile. Leaving drops what was pending.
+  bool isRegisteredNotifiee() const { return flag(kRegistered); }
+  virtual void isRegisteredNotifieeIs(bool registered);
+
+  // Switching off, and retiring, drop what was pending.
+  void hasNotificationActiveIs(bool active) override;
+  void zelDoZombieReactors(bool zombie) override;
+
+  // The agent on whose behalf the reactor was made, for messages; empty where no agent was at work.
+  Name agent() const { return agent_; }
+
+ protected:
+  friend class ActivityManager;
+  friend class Notifier;
+
+  NotifieeBase();
+
+  const Notifier* notifierBase() const { return notifier_; }
+  // Whether a notifier may be watched by this class of reactors.
+  virtual bool accepts(const PtrInterface& notifier) const = 0;
+  // Runs the handler of a plain attribute or of a collection as a whole, of one key, or the immediate hook.
+  virtual void handleMark(AttributeIndex index) = 0;
+  virtual void handleKey(AttributeIndex index, Name key) = 0;
+  virtual void immediate(AttributeIndex index) = 0;
+  // Fetches into the cache what the handlers are about to read. The steps, from 1 to 4, go down one pointer
+  // each: what a step reads, the one before has fetched. Returns whether there is more for the next step.
+  // Called on several reactors, step by step, before they are delivered to in turn, so that their cache
+  // misses overlap instead of adding up; and only on those that said foreseesIs(true).
+  virtual bool foresee(unsigned step) const {
+    static_cast<void>(step);
+    return false;
+  }
+  void foreseesIs(bool foresees) { flagIs(kForesees, foresees); }
+  // For those who deliver: the reactors that come next, to have them foresee together.
+  class Foresight {
+   public:
+    static constexpr unsigned kAtOnce = 16;
+
+    // REQUIRES: called kAtOnce times at most.
+    void add(const NotifieeBase& notifiee) {
+      if (notifiee.flag(kForesees)) some_[count_++] = &notifiee;
+    }
+    void foresee() {
+      for (unsigned step = 1; step <= kSteps && count_ != 0; ++step) {
+        const unsigned count = std::exchange(count_, 0U);
+        for (unsigned i = 0; i < count; ++i)
+          if (some_[i]->foresee(step)) some_[count_++] = some_[i];
+      }
+    }
+
+   private:
+    static constexpr unsigned kSteps = 4;
+
+    unsigned count_ = 0;
+    std::array<const NotifieeBase*, kAtOnce> some_;
+  };
+  // Enters and leaves the place where the notifier finds this reactor.
+  virtual void join();
+  virtual void part() { RegistrationHook::leave(); }
+  static NotifieeBase& ofRegistration(ListHook& hook) {
+    return static_cast<NotifieeBase&>(static_cast<RegistrationHook&>(hook));
+  }
+  static NotifieeBase& ofPending(ListHook& hook) {
+    return static_cast<NotifieeBase&>(static_cast<PendingHook&>(hook));
+  }
+
+  inline bool mayBeNotified() const;
+  // What the default body of an immediate hook calls: the attribute's hook is not called again.
+  void declineImmediate() { flagIs(kImmediateDeclined, true); }
+
+ private:
+  class KeyMarks;
+  struct AllKeyMarks;
+  struct Turn;
+
+  bool isAwake() const { return flags(kNotificationActive | kZombie) == kNotificationActive; }
+  inline void mark(std::uint32_t attribute, ActivityManager& manager);
+  void markKey(AttributeIndex index, Name key);
+  void dropMarks();
+
+  // The reactor's turn: runs the handlers of everything that is marked. What a handler that throws leaves is
+  // put at the front of `queue`. REQUIRES: something is marked, and the caller holds a reference.
+  void deliver(ListHook& queue) {
+    const std::uint32_t marks = marks_;
+    if ((marks & (marks - 1)) != 0 || flag(kKeysMarked)) return deliverSeveral(queue);
+    marks_ = 0;
+    handleMark(static_cast<AttributeIndex>(std::countr_zero(marks)));
+  }
+  void deliverSeveral(ListHook& queue);
+  void resume(Turn& turn, ListHook& queue);
+
+  const Notifier* notifier_ = nullptr;  // counted
+  std::uint32_t immediateMask_ = ~0U;   // attributes whose immediate hook may do something
+  Name agent_;
+};
+
+// An object that reactors can be registered on.
+class ZEL_API Notifier : public PtrInterface, private detail::Label {
+ public:
+  bool hasNotifiees() const { return notifiees_.linked(); }
+
+  // Fetches into the cache the reactor that is notified first of a change.
+  void foreseeNotifiees() const {
+    const ListHook* first = notifiees_.next();
+    detail::fetch(reinterpret_cast<const char*>(first) - sizeof(PtrInterface));
+    detail::fetch(reinterpret_cast<const char*>(first + 3));
+  }
+
+  // Whether the object has left the collection that owned it. Its reactors are not notified from then on.
+  bool zelIsGone() const { return flag(kGone); }
+  void zelGoneIs(bool gone) { flagIs(kGone, gone); }
+
+  // Where the object stands among entities; empty for what is no entity.
+  virtual std::string path() const { return {}; }
+  // When the object does something by itself next, in seconds as System::currentTime; positive infinity:
+  // never, as most. For tools that look at live objects.
+  virtual double wakeUp() const { return std::numeric_limits<double>::infinity(); }
+
+ protected:
+  // The name is for those that have one: entities.
+  explicit Notifier(Name name = Name()) : Label{name} {}
+  ~Notifier() override;
+  Name label() const { return name_; }
+
+  // Announce that a plain attribute (or a collection as a whole), or one key of a collection changed.
+  void attributeChanged(AttributeIndex index) {
+    if (notifiees_.linked()) announce(index);
+  }
+  void keyChanged(AttributeIndex index, Name key) {
+    if (notifiees_.linked()) announceKey(index, key);
+  }
+
+ private:
+  friend class NotifieeBase;
+
+  void announce(AttributeIndex index);
+  void announceKey(AttributeIndex index, Name key);
+
+  void runImmediate(AttributeIndex index);
+
+  mutable ListHook notifiees_;  // the head of the list of the registered, in the order of registration
+};
+
+inline bool NotifieeBase::mayBeNotified() const {
+  return flags(kNotificationActive | kZombie | kRegistered) == (kNotificationActive | kRegistered) &&
+         notifier_ && !notifier_->zelIsGone();
+}
+
+// A reactor to every attribute of any object.
+class ZEL_API RawNotifiee : public NotifieeBase {
+ public:
+  // `index` identifies the attribute in the table of the object's type. `key` is the member's key where one
+  // key of a collection changed, and empty otherwise.
+  virtual void onRawAttribute(AttributeIndex index, Name key) = 0;
+
+ protected:
+  bool accepts(const PtrInterface& notifier) const override;
+  void handleMark(AttributeIndex index) override { onRawAttribute(index, Name()); }
+  void handleKey(AttributeIndex index, Name key) override { onRawAttribute(index, key); }
+  void immediate(AttributeIndex) override { declineImmediate(); }
+};
+
+}  // namespace Zel

@@ -1,0 +1,118 @@
+// The framework's allocator: objects lie side by side in the order in which they were made, without a header
+// between them.
+//
+// What an event costs is mostly the cache lines and the pages that it touches, and what is made together is
+// used together: a machine and its reactors. Memory that was given back serves the next object of its size;
+// it stays with the process, and with the thread that gave it back.
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <new>
+
+#include "platform/zel/object/type.h"
+
+namespace Zel {
+
+namespace {
+
+constexpr std::size_t kGrain = 8;
+constexpr std::size_t kLargest = 256;  // larger objects are left to the C++ library
+constexpr std::size_t kFirstBlock = 2 * 1024;
+constexpr std::size_t kLastBlock = 64 * 1024;
+// Who needs more than this has so many objects that finding their pages costs as much as their lines, and
+// gets huge pages, where the system has them. What the last of them leaves unused is little beside it.
+constexpr std::size_t kManyBytes = 2 << 20;
+constexpr std::size_t kHugePage = 2 << 20;
+
+constinit std::atomic<std::size_t> hugeBytes = 0;
+
+class Pool {
+ public:
+  void* take(std::size_t grains) {
+    if (Free* place = free_[grains]) {
+      free_[grains] = place->next;
+      return place;
+    }
+    const std::size_t size = grains * kGrain;
+    if (left_ < size) newBlock();
+    std::byte* place = fresh_;
+    fresh_ += size;
+    left_ -= size;
+    return place;
+  }
+  void giveBack(void* memory, std::size_t grains) { free_[grains] = ::new (memory) Free{free_[grains]}; }
+
+ private:
+  struct Free {
+    Free* next;
+  };
+
+  void newBlock() {
+    std::byte* const huge = taken_ < kManyBytes ? nullptr : newHugePage();
+    fresh_ = huge ? huge : static_cast<std::byte*>(::operator new(nextBlock_));
+    left_ = huge ? kHugePage : nextBlock_;  // counted once it is there
+    taken_ += left_;
+    if (!huge) nextBlock_ = std::min(nextBlock_ * 2, kLastBlock);
+  }
+
+  // Null where the system gives none.
+  static std::byte* newHugePage() {
+    constexpr int kProtection = PROT_READ | PROT_WRITE;
+    void* const mapped = ::mmap(nullptr, 2 * kHugePage, kProtection, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mapped == MAP_FAILED) return nullptr;
+    auto* const begin = static_cast<std::byte*>(mapped);
+    const std::size_t before = (kHugePage - reinterpret_cast<std::uintptr_t>(begin) % kHugePage) % kHugePage;
+    if (before != 0) ::munmap(begin, before);
+    ::munmap(begin + before + kHugePage, kHugePage - before);
+    static_cast<void>(::madvise(begin + before, kHugePage, MADV_HUGEPAGE));  // a wish that may be refused
+    hugeBytes.fetch_add(kHugePage, std::memory_order_relaxed);
+    return begin + before;
+  }
+
+  std::array<Free*, kLargest / kGrain + 1> free_{};  // by size
+  std::byte* fresh_ = nullptr;
+  std::size_t left_ = 0;
+  std::size_t nextBlock_ = kFirstBlock;
+  std::size_t taken_ = 0;  // bytes of all blocks
+};
+
+constinit thread_local Pool pool;
+
+// GCC says by a macro that it sanitizes, clang by a feature.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define ZEL_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(memory_sanitizer) || __has_feature(thread_sanitizer)
+#define ZEL_SANITIZED 1
+#endif
+#endif
+
+// A sanitizer must see each object by itself.
+#ifdef ZEL_SANITIZED
+constexpr bool kPooled = false;
+#else
+constexpr bool kPooled = true;
+#endif
+
+constexpr bool pooled(std::size_t size) { return kPooled && size <= kLargest; }
+constexpr std::size_t grains(std::size_t size) { return (size + kGrain - 1) / kGrain; }
+
+}  // namespace
+
+std::size_t fwkHugeBytes() { return hugeBytes.load(std::memory_order_relaxed); }
+
+void* fwkAllocate(std::size_t size) {
+  if (!pooled(size)) return ::operator new(size);
+  return pool.take(grains(size));
+}
+
+void fwkDeallocate(void* memory, std::size_t size) noexcept {
+  if (!pooled(size)) return ::operator delete(memory, size);
+  pool.giveBack(memory, grains(size));
+}
+
+}  // namespace Zel

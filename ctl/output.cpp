@@ -11,21 +11,35 @@
 
 namespace Ctl {
 
+namespace {
+
+std::size_t bytesOf(unsigned char lead) { return lead < 0xc0 ? 1 : lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4; }
+
+constexpr unsigned kLeadBits[] = {0x7f, 0x1f, 0x0f, 0x07};  // of a character of so many bytes, less one
+
+// What has a \u of four digits: every character that is not shown as it is.
+std::string escapedCode(std::string_view character) {
+  unsigned code = static_cast<unsigned char>(character[0]) & kLeadBits[character.size() - 1];
+  for (const char next : character.substr(1)) code = code << 6 | (static_cast<unsigned char>(next) & 0x3fU);
+  char text[12];
+  std::snprintf(text, sizeof text, "\\u%04x", code);
+  return text;
+}
+
+bool isShownAsItIs(std::string_view character) {
+  return (character[0] >= 0x20 && character[0] < 0x7f) || character == "\n" ||
+         Zel::printable(character) == character;
+}
+
+}  // namespace
+
 std::string jsonText(const Json& value, int indent) {
   std::string text;
   const std::string dumped = value.dump(indent);
-  for (std::size_t at = 0; at < dumped.size(); ++at) {
-    const auto byte = static_cast<unsigned char>(dumped[at]);
-    const auto next = static_cast<unsigned char>(at + 1 < dumped.size() ? dumped[at + 1] : 0);
-    const bool above = byte == 0xc2 && next >= 0x80 && next < 0xa0;
-    if (byte != 0x7f && !above) {
-      text += dumped[at];
-      continue;
-    }
-    char escape[8];
-    std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(above ? next : byte));
-    text += escape;
-    at += above ? 1 : 0;
+  for (std::string_view rest = dumped; !rest.empty();) {
+    const std::string_view character = rest.substr(0, bytesOf(static_cast<unsigned char>(rest[0])));
+    text += isShownAsItIs(character) ? std::string(character) : escapedCode(character);
+    rest.remove_prefix(character.size());
   }
   return text;
 }

@@ -9,8 +9,8 @@
 
 namespace Ctl {
 
-// JSON in which every control character is escaped, DEL and those above it included, which JSON itself would
-// leave as they are.
+// JSON in which everything that Zel::printable would write out is escaped: also what JSON itself would leave
+// as it is, DEL, the control characters above it, and marks that change the direction of what follows.
 std::string jsonText(const Json& value, int indent = -1);
 // The same over several lines, for --json.
 void printJson(std::ostream& out, const Json& value);

@@ -60,7 +60,8 @@ void addWatchCommand(CLI::App& app, Context& context) {
   context.completes(command->add_option("PATH", given->path, "Only what stands at and under this path"),
                     Completes::path);
   addJsonFlag(*command, given->json);
-  command->add_option("--count", given->count, "End after so many changes")->check(CLI::PositiveNumber);
+  command->add_option("--count", given->count, "End after so many changes")
+      ->check(CLI::Range(1, 1'000'000'000));
   command->add_option("--for", given->seconds, "End after so many seconds");
   command->callback([&context, given] { watch(context, *given); });
 }

@@ -6,7 +6,8 @@ namespace Host {
 
 Control::Peer::Peer(Served& served, const std::shared_ptr<Connection>& theConnection)
     : connection(theConnection),
-      caller(served, [raw = theConnection.get()](const std::string& line) { raw->send(line); }) {}
+      caller(served, theConnection->peerPid(),
+             [raw = theConnection.get()](const std::string& line) { raw->send(line); }) {}
 
 Control::Control(Loop&, Listener& listener, Served& served) : served_(served), methods_(served) {
   listener.start([this](uv_stream_t* stream) { accept(stream); });

@@ -146,6 +146,7 @@ std::string Methods::unwatch(const Zel::Value& parameters, Caller& caller) const
 std::string Methods::announce(const Zel::Value& parameters, Caller& caller) const {
   expectMemory("announce");
   Announcement announcement = Announcement::from(parameters);
+  if (caller.pid != 0) announcement.pid = caller.pid;  // so that whoever keeps others from writing is found
   try {
     caller.process.announce(std::move(announcement));
   } catch (const Zel::ValueError& error) {

@@ -1,6 +1,7 @@
 // The methods of the control socket: docs/control-socket.md.
 #pragma once
 
+#include <cstdint>
 #include <initializer_list>
 #include <span>
 #include <string>
@@ -33,9 +34,10 @@ struct Served {
 // One client of the control socket.
 struct Caller {
   // Sends the notifications of its watches with `send`. `served` must outlive the caller.
-  Caller(Served& served, Watches::Send send)
-      : watches(served.store, std::move(send)), process(served.announcements) {}
+  Caller(Served& served, std::int64_t thePid, Watches::Send send)
+      : pid(thePid), watches(served.store, std::move(send)), process(served.announcements) {}
 
+  const std::int64_t pid;  // 0: not known
   Watches watches;
   Announcements::Process process;
 };

@@ -1,5 +1,7 @@
 #include "host/io/connection.h"
 
+#include <sys/socket.h>
+
 #include <array>
 #include <utility>
 
@@ -45,6 +47,14 @@ Connection::Connection(UvHandle<uv_pipe_t> pipe, Owner& owner, std::size_t lineL
     : pipe_(std::move(pipe)), owner_(owner), lines_(lineLimit) {
   pipe_->data = this;
   startReading();
+}
+
+std::int64_t Connection::peerPid() const {
+  uv_os_fd_t descriptor;
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  if (closed() || uv_fileno(reinterpret_cast<uv_handle_t*>(pipe_.get()), &descriptor) != 0) return 0;
+  return ::getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
 }
 
 void Connection::startReading() {

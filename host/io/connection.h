@@ -1,6 +1,7 @@
 // One client of the control socket: lines in, lines out.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -53,6 +54,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
   ~Connection();
 
   bool closed() const { return !pipe_; }
+  // The process that connected, as the kernel knows it; 0 where it is not known here.
+  std::int64_t peerPid() const;
   // Puts a line, given without its end, behind those that wait; flush() hands them on. Does nothing once the
   // connection is closed.
   void send(std::string_view line);

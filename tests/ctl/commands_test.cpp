@@ -152,6 +152,7 @@ TEST_F(Commands, NamesFromOutsideDoNotReachTheTerminalRaw) {
     const std::string all = outcome.out + outcome.err;
     EXPECT_EQ(all.find('\x1b'), all.npos) << testing::PrintToString(words);
     EXPECT_EQ(all.find("\xc2\x9b"), all.npos) << testing::PrintToString(words);
+    EXPECT_EQ(all.find("\u202e"), all.npos) << testing::PrintToString(words);
     EXPECT_EQ(all.find("\n\xc2"), all.npos);
   }
   EXPECT_EQ(Json::parse(ctl({"led", "list", "--json"}).out)[0].at("name"), evil) << "JSON reads back";

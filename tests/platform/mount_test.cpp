@@ -266,6 +266,8 @@ TEST_F(Mounts, ARowThatIsNotTakenDoesNotHoldUpTheOthers) {
   settle();
   EXPECT_EQ(*picky.read("out/p13").at(0)->find("value"), Value(12));
   EXPECT_EQ(reports.size(), 1U) << "said once";
+  manager->stop();
+  manager = Zel::allocate<Statedb::EntityManager>(store);  // no manager outlives its store
 }
 
 TEST_F(Mounts, AManagerThatGoesTakesItsTasksAlongAndIsCountedOnce) {

@@ -105,7 +105,7 @@ class ZEL_API TraceHelper {
   // The message goes here.
   std::ostream& stream() { return text_; }
   // Emits `TIME FACILITY LEVEL SOURCE:LINE FUNCTION: MESSAGE` as one line, TIME being UTC with microseconds.
-  // Line ends within the message are written as blanks, other control characters as their numbers.
+  // The message is made printable: a line end or another control character in it is written as \xXX.
   void trace(const char* source, int line, const char* function);
 
  private:

@@ -4,8 +4,9 @@
 #include <map>
 #include <random>
 
-#include "platform/model/hardwaregpio.h"
-#include "platform/model/hardwareled.h"
+#include "platform/model/corvelpinconfig.h"
+#include "platform/model/gpioledconfig.h"
+#include "platform/model/ledsystemconfigdir.h"
 #include "platform/statedb/mount/entitymanager.h"
 #include "platform/statedb/store/store.h"
 #include "platform/warden/cagent.h"

@@ -18,6 +18,7 @@
 #include "platform/model/led.h"
 #include "platform/model/ledconfig.h"
 #include "platform/model/ledsystemconfigdir.h"
+#include "platform/model/paths.h"
 #include "platform/statedb/mount/entitymanager.h"
 #include "platform/statedb/mount/mount.h"
 #include "platform/warden/cagent.h"

@@ -3,6 +3,7 @@
 #include "agent/factory.h"
 #include "common/check.h"
 #include "common/trace.h"
+#include "platform/model/paths.h"
 #include "platform/zel/core/assert.h"
 
 namespace Pinlamp {
@@ -15,21 +16,17 @@ struct MountRequest {
   const char* mode;
 };
 
-constexpr const char* kMappingPath = "hardware/gpio/config/led";
-constexpr const char* kLedPath = "hardware/led/config";
-constexpr const char* kPinPath = "hardware/corvel/gpio/config";
-
 // In the order in which they are declared. The agent fetches three of them; it starts only once all are
 // there.
 constexpr MountRequest kMounts[] = {
-    {kMappingPath, "Hardware::Gpio::GpioLedSystemConfigDir", "r"},
-    {kLedPath, "Hardware::Led::LedSystemConfigDir", "r"},
-    {"hardware/led/configInit", "Hardware::Led::LedSystemConfigDir", "r"},
-    {"hardware/fanController/config", "Zel::Dir", "r"},
-    {"environment/cooling/config", "Environment::Cooling::Config", "r"},
-    {"hardware/corvel/gpio/init", "Zel::Dir", "r"},
-    {"hardware/gpio/config", "Zel::Dir", "r"},
-    {kPinPath, "Zel::Dir", "wi"},
+    {Paths::kMappings, "Hardware::Gpio::GpioLedSystemConfigDir", "r"},
+    {Paths::kLeds, "Hardware::Led::LedSystemConfigDir", "r"},
+    {Paths::kInitialLeds, "Hardware::Led::LedSystemConfigDir", "r"},
+    {Paths::kFans, "Zel::Dir", "r"},
+    {Paths::kCooling, "Environment::Cooling::Config", "r"},
+    {Paths::kWirings, "Zel::Dir", "r"},
+    {Paths::kGpio, "Zel::Dir", "r"},
+    {Paths::kPins, "Zel::Dir", "wi"},
 };
 
 template <class T>
@@ -67,11 +64,11 @@ void Agent::doMountsComplete(Statedb::MountStatus status,
     Zel::assertionFailed("status == Statedb::mountSuccess_", "Pinlamp", 360,
                          "virtual void Pinlamp::Agent::doMountsComplete(Statedb::MountStatus, const Ptr&)");
   require(entityManager, "entityManager");
-  set<&Agent::gpioLedSystemConfigDir_>(
-      Zel::Ptr<const GpioLedSystemConfigDir>(fetch<GpioLedSystemConfigDir>(*entityManager, kMappingPath)));
+  set<&Agent::gpioLedSystemConfigDir_>(Zel::Ptr<const GpioLedSystemConfigDir>(
+      fetch<GpioLedSystemConfigDir>(*entityManager, Paths::kMappings)));
   set<&Agent::hwLedConfigDir_>(
-      Zel::Ptr<const LedSystemConfigDir>(fetch<LedSystemConfigDir>(*entityManager, kLedPath)));
-  set<&Agent::gpioPinConfigDir_>(fetch<Zel::Dir>(*entityManager, kPinPath));
+      Zel::Ptr<const LedSystemConfigDir>(fetch<LedSystemConfigDir>(*entityManager, Paths::kLeds)));
+  set<&Agent::gpioPinConfigDir_>(fetch<Zel::Dir>(*entityManager, Paths::kPins));
   configReactorIs(gpioLedSystemConfigDir_, hwLedConfigDir_, gpioPinConfigDir_);
 }
 

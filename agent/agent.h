@@ -17,12 +17,13 @@ class Agent : public Zel::Described<Agent, Warden::CAgent> {
 
   static constexpr auto attributes() {
     return std::tuple{
-        Zel::row::procedure<&Agent::mountsComplete>("doMountsComplete", "status"),
-        Zel::row::procedure<&Agent::doInit>("doInit"),
-        Zel::row::value<&Agent::gpioPinConfigDir_>("gpioPinConfigDir", Zel::row::kGet),
-        Zel::row::value<&Agent::gpioLedSystemConfigDir_>("gpioLedSystemConfigDir", Zel::row::kGet),
-        Zel::row::value<&Agent::hwLedConfigDir_>("hwLedConfigDir", Zel::row::kGet),
-        Zel::row::accessor<&Agent::configReactor, &Agent::configReactorIs, &Agent::configReactorDel>(
+        Zel::attribute::procedure<&Agent::mountsComplete>("doMountsComplete", "status"),
+        Zel::attribute::procedure<&Agent::doInit>("doInit"),
+        Zel::attribute::value<&Agent::gpioPinConfigDir_>("gpioPinConfigDir", Zel::attribute::kGet),
+        Zel::attribute::value<&Agent::gpioLedSystemConfigDir_>("gpioLedSystemConfigDir",
+                                                               Zel::attribute::kGet),
+        Zel::attribute::value<&Agent::hwLedConfigDir_>("hwLedConfigDir", Zel::attribute::kGet),
+        Zel::attribute::accessor<&Agent::configReactor, &Agent::configReactorIs, &Agent::configReactorDel>(
             "configReactor"),
     };
   }

@@ -110,7 +110,7 @@ std::string setRequest(std::size_t led, const Led::LightSetting& setting) {
 }
 
 std::string pinPath(std::size_t led, std::size_t color) {
-  return std::string(kPinsPath) + '/' + pinName(led, color);
+  return std::string(Paths::kPins) + '/' + pinName(led, color);
 }
 
 RunningHost::RunningHost(const std::string& store)

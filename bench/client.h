@@ -7,6 +7,7 @@
 
 #include "bench/child.h"
 #include "platform/model/led.h"
+#include "platform/model/paths.h"
 
 namespace Bench {
 
@@ -35,9 +36,8 @@ class Client {
 
 // The line that sets an LED.
 std::string setRequest(std::size_t led, const Led::LightSetting& setting);
-// The path of a pin, and of all pins.
+// The path of a pin.
 std::string pinPath(std::size_t led, std::size_t color);
-inline constexpr const char* kPinsPath = "hardware/corvel/gpio/config";
 
 class RunningHost {
  public:

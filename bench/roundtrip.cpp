@@ -58,7 +58,7 @@ std::vector<Figure> hostTrips(const std::string& store) {
   Running& running = Bench::running(store);
   Client writer(running.host.socket());
   Client watcher(running.host.socket());
-  watcher.call("watch", {{"path", kPinsPath}});
+  watcher.call("watch", {{"path", Paths::kPins}});
   std::vector<std::string> requests;
   for (std::size_t i = 0; i < trips(); ++i, ++running.events)
     requests.push_back(setRequest(running.events % kLeds, nextSetting(running.events)));
@@ -96,7 +96,7 @@ double pipelined(const std::string& store) {
 
   Client writer(running.host.socket());
   Client watcher(running.host.socket());
-  watcher.call("watch", {{"path", kPinsPath}});
+  watcher.call("watch", {{"path", Paths::kPins}});
   const double start = now();
   auto watching = std::async(std::launch::async, [&] {
     const std::string sentinel = ledName(kLeds) + '-';

@@ -6,9 +6,11 @@
 
 namespace Ctl {
 
-std::string ledPath(const std::string& led) { return std::string(kLedDir) + "/leds/" + escapeComponent(led); }
+std::string ledPath(const std::string& led) {
+  return std::string(Paths::kLeds) + "/leds/" + escapeComponent(led);
+}
 std::string mapPath(const std::string& led) {
-  return std::string(kMapDir) + "/gpioLeds/" + escapeComponent(led);
+  return std::string(Paths::kMappings) + "/gpioLeds/" + escapeComponent(led);
 }
 
 std::vector<std::string> colourNames(const PerColour<bool>& colours) {
@@ -103,7 +105,7 @@ void readMapping(const Json& attributes, Lamp& lamp) {
 }
 
 std::optional<unsigned> pinValue(const Mirror& mirror, const std::string& pin) {
-  const auto* entity = mirror.find(std::string(kPinDir) + '/' + escapeComponent(pin));
+  const auto* entity = mirror.find(std::string(Paths::kPins) + '/' + escapeComponent(pin));
   if (!entity || entity->type != kPinType) return std::nullopt;
   return entity->attributes.value("value", 0U);
 }
@@ -172,13 +174,13 @@ std::map<std::string, std::optional<unsigned>> pinsOf(const Mirror& mirror) {
     for (const auto& ofColour : lamp.pins)
       for (const std::string& pin : ofColour) pins.emplace(pin, std::nullopt);
   for (const auto& [path, entity] : mirror.entities())
-    if (entity.type == kPinType && parentPath(path) == kPinDir)
+    if (entity.type == kPinType && parentPath(path) == Paths::kPins)
       pins[lastName(path)] = entity.attributes.value("value", 0U);
   return pins;
 }
 
 namespace {
-constexpr const char* kPaths[] = {kLedDir, kMapDir, kPinDir};
+constexpr const char* kPaths[] = {Paths::kLeds, Paths::kMappings, Paths::kPins};
 }
 
 Mirror readAppliance(Client& client) {

@@ -10,19 +10,15 @@
 #include <vector>
 
 #include "ctl/client.h"
+#include "platform/model/paths.h"
 
 namespace Ctl {
 
-inline constexpr char kLedDir[] = "hardware/led/config";
 inline constexpr char kLedDirType[] = "Hardware::Led::LedSystemConfigDir";
 inline constexpr char kLedType[] = "Hardware::Led::LedConfig";
-inline constexpr char kMapDir[] = "hardware/gpio/config/led";
 inline constexpr char kMapDirType[] = "Hardware::Gpio::GpioLedSystemConfigDir";
 inline constexpr char kMapType[] = "Hardware::Gpio::GpioLedConfig";
-inline constexpr char kPinDir[] = "hardware/corvel/gpio/config";
 inline constexpr char kPinType[] = "Hardware::Gpio::CorvelPinConfig";
-inline constexpr char kWiringDir[] = "hardware/corvel/gpio/init";
-inline constexpr char kLineStatusDir[] = "hardware/corvel/gpio/status";
 inline constexpr char kLineStatusType[] = "Hardware::Gpio::GpioLineStatus";
 
 std::string ledPath(const std::string& led);

@@ -102,7 +102,7 @@ namespace {
 
 // Whether agents say what stands at a path, those that are not running now included.
 bool isDerived(const std::string& path, const std::vector<std::string>& filled) {
-  return isUnder(path, kPinDir) || isUnder(path, kLineStatusDir) ||
+  return isUnder(path, Paths::kPins) || isUnder(path, Paths::kLineStatus) ||
          std::ranges::any_of(filled, [&](const std::string& each) { return isUnder(path, each); });
 }
 

@@ -45,10 +45,10 @@ Json attributesAt(Client& client, const std::string& path) {
 PinFacts factsOf(Client& client, std::size_t colour, const std::string& name) {
   PinFacts pin{.colour = colour, .name = name};
   const std::string component = '/' + escapeComponent(name);
-  if (const Json made = attributesAt(client, kPinDir + component); !made.is_null())
+  if (const Json made = attributesAt(client, Paths::kPins + component); !made.is_null())
     pin.value = made.value("value", 0U);
-  pin.wired = !attributesAt(client, kWiringDir + component).is_null();
-  pin.line = attributesAt(client, kLineStatusDir + component);
+  pin.wired = !attributesAt(client, Paths::kWirings + component).is_null();
+  pin.line = attributesAt(client, Paths::kLineStatus + component);
   return pin;
 }
 
@@ -107,7 +107,7 @@ Reasons reasonsFor(Client& client, const std::string& led) {
                   .agentRuns = agent.runs(),
                   .agentError = agent.error(),
                   .agentSocket = agent.socket(),
-                  .lineAgentRuns = isFilled(status, kLineStatusDir)};
+                  .lineAgentRuns = isFilled(status, Paths::kLineStatus)};
   if (agent.runs() == false) reasons.pinsMade = reasons.driven = false;
   const Driven driven = agent.runs() == true ? askAgent(agent, reasons) : std::nullopt;
   if (driven) formerPinsAre(reasons.lamp, *driven, mirror);
@@ -226,9 +226,9 @@ std::string lineText(const PinFacts& pin, Known lineAgentRuns) {
   if (lineAgentRuns == false && (pin.wired || !pin.line.is_null()))
     return "a line that stays as it is: no line agent runs";
   if (!pin.wired && pin.line.is_null())
-    return lineAgentRuns == true
-               ? std::string("no line: there is nothing at ") + kWiringDir + '/' + escapeComponent(pin.name)
-               : "";
+    return lineAgentRuns == true ? std::string("no line: there is nothing at ") + Paths::kWirings + '/' +
+                                       escapeComponent(pin.name)
+                                 : "";
   if (pin.line.is_null()) return "a line that is not driven yet";
   const std::string error = pin.line.value("error", "");
   const std::string place = pin.line.value("place", "");

@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 
+#include "platform/model/paths.h"
 #include "platform/zel/core/trace.h"
 #include "platform/zel/entity/dir.h"
 
@@ -12,10 +13,6 @@ namespace {
 using Hardware::Gpio::CorvelPinConfig;
 using Hardware::Gpio::GpioLineInit;
 using Hardware::Gpio::GpioLineStatus;
-
-constexpr const char* kPins = "hardware/corvel/gpio/config";
-constexpr const char* kWirings = "hardware/corvel/gpio/init";
-constexpr const char* kStatus = "hardware/corvel/gpio/status";
 
 // Troubles are always told; the facility adds what goes well.
 constexpr unsigned kTrouble = 0;
@@ -112,18 +109,18 @@ void LineAgent::doInit() {
   if (Zel::TraceFacility& facility = Zel::TraceFacility::named("PinlampGpio"); facility.mask() == 0)
     facility.maskIs(1U << kTrouble);
   const auto group = entityManager()->getMountGroup(Zel::Ptr<Statedb::Mounter>(this));
-  group->doMount({kWirings, "Zel::Dir", "r"});
-  group->doMount({kPins, "Zel::Dir", "r"});
-  group->doMount({kStatus, "Zel::Dir", "wi"});
+  group->doMount({Paths::kWirings, "Zel::Dir", "r"});
+  group->doMount({Paths::kPins, "Zel::Dir", "r"});
+  group->doMount({Paths::kLineStatus, "Zel::Dir", "wi"});
   group->doClose(false, "", 0.0);
 }
 
 void LineAgent::doMountsComplete(Statedb::MountStatus status,
                                  const Zel::Ptr<Statedb::EntityManager>& manager) {
   if (status != Statedb::mountSuccess_) throw std::runtime_error("the line agent's mounts failed");
-  const auto wirings = Zel::dynamicPtrCast<Zel::Dir>(manager->getEntity(kWirings));
-  const auto pins = Zel::dynamicPtrCast<Zel::Dir>(manager->getEntity(kPins));
-  statusDir_ = Zel::dynamicPtrCast<Zel::Dir>(manager->getEntity(kStatus));
+  const auto wirings = Zel::dynamicPtrCast<Zel::Dir>(manager->getEntity(Paths::kWirings));
+  const auto pins = Zel::dynamicPtrCast<Zel::Dir>(manager->getEntity(Paths::kPins));
+  statusDir_ = Zel::dynamicPtrCast<Zel::Dir>(manager->getEntity(Paths::kLineStatus));
   for (const auto& stale : statusDir_->entries()) statusDir_->entryDel(stale->name());
   wirings_ = Zel::allocate<WiringsReactor>(wirings, *this);
   pins_ = Zel::allocate<PinsReactor>(pins, *this);

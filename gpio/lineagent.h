@@ -11,7 +11,9 @@
 #include <memory>
 
 #include "gpio/linedriver.h"
-#include "platform/model/hardwaregpio.h"
+#include "platform/model/corvelpinconfig.h"
+#include "platform/model/gpiolineinit.h"
+#include "platform/model/gpiolinestatus.h"
 #include "platform/warden/cagent.h"
 #include "platform/zel/notify/activity.h"
 

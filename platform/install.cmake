@@ -8,11 +8,16 @@ install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}
   PATTERN "entitytree.h" EXCLUDE
   PATTERN "entrytable.h" EXCLUDE
   PATTERN "external.h" EXCLUDE
+  PATTERN "mounts.h" EXCLUDE
+  PATTERN "mounttable.h" EXCLUDE
   PATTERN "printable.h" EXCLUDE
   PATTERN "publisher.h" EXCLUDE
+  PATTERN "refusals.h" EXCLUDE
   PATTERN "row.h" EXCLUDE
+  PATTERN "rowapplier.h" EXCLUDE
   PATTERN "schema.h" EXCLUDE
-  PATTERN "store.h" EXCLUDE)
+  PATTERN "store.h" EXCLUDE
+  PATTERN "subscriptions.h" EXCLUDE)
 install(EXPORT pinlamp-targets NAMESPACE Pinlamp:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/pinlamp
   COMPONENT development)
 

@@ -5,8 +5,9 @@
 #pragma once
 
 #include "common/nested.h"
-#include "platform/model/hardwaregpio.h"
-#include "platform/model/hardwareled.h"
+#include "platform/model/corvelgpioledsystemconfigdir.h"
+#include "platform/model/gpioledsystemconfigdir.h"
+#include "platform/model/ledsystemconfigdir.h"
 #include "platform/zel/entity/described.h"
 #include "platform/zel/entity/dir.h"
 #include "statemachine/gpioledstatemachine.h"
@@ -76,19 +77,19 @@ class ConfigReactor : public Zel::Described<ConfigReactor, Zel::Notifier> {
   static constexpr auto attributes() {
     using R = ConfigReactor;
     return std::tuple{
-        Zel::row::accessor<&R::gpioLedSystemConfigDir>("gpioLedSystemConfigDir"),
-        Zel::row::accessor<&R::hwLedConfigDir>("hwLedConfigDir"),
-        Zel::row::value<&R::gpioPinConfigDir_>("gpioPinConfigDir", Zel::row::kGet),
-        Zel::row::keyed<&R::gpioLedStateMachine_, &R::gpioLedStateMachineIs, &R::gpioLedStateMachineDel>(
-            "gpioLedStateMachine"),
-        Zel::row::procedure<&R::handleGpioConfigCleanup>("handleGpioConfigCleanup", "name"),
-        Zel::row::keyed<&R::gpioLedConfig_, &R::gpioLedConfigIs, &R::gpioLedConfigDel>("gpioLedConfig"),
-        Zel::row::reserved(),
-        Zel::row::procedure<&R::createDriver>("createDriver", "name"),
-        Zel::row::reserved(),
-        Zel::row::accessor<&R::corvelLedSystemConfig, &R::corvelLedSystemConfigIs,
-                           &R::corvelLedSystemConfigDel>("corvelLedSystemConfig"),
-        Zel::row::procedure<&R::handleInitialized>("handleInitialized"),
+        Zel::attribute::accessor<&R::gpioLedSystemConfigDir>("gpioLedSystemConfigDir"),
+        Zel::attribute::accessor<&R::hwLedConfigDir>("hwLedConfigDir"),
+        Zel::attribute::value<&R::gpioPinConfigDir_>("gpioPinConfigDir", Zel::attribute::kGet),
+        Zel::attribute::keyed<&R::gpioLedStateMachine_, &R::gpioLedStateMachineIs,
+                              &R::gpioLedStateMachineDel>("gpioLedStateMachine"),
+        Zel::attribute::procedure<&R::handleGpioConfigCleanup>("handleGpioConfigCleanup", "name"),
+        Zel::attribute::keyed<&R::gpioLedConfig_, &R::gpioLedConfigIs, &R::gpioLedConfigDel>("gpioLedConfig"),
+        Zel::attribute::reserved(),
+        Zel::attribute::procedure<&R::createDriver>("createDriver", "name"),
+        Zel::attribute::reserved(),
+        Zel::attribute::accessor<&R::corvelLedSystemConfig, &R::corvelLedSystemConfigIs,
+                                 &R::corvelLedSystemConfigDel>("corvelLedSystemConfig"),
+        Zel::attribute::procedure<&R::handleInitialized>("handleInitialized"),
     };
   }
   static const Zel::TypeNode& typeNode();

@@ -6,8 +6,8 @@
 #include <cstdint>
 
 #include "common/nested.h"
-#include "platform/model/hardwaregpio.h"
-#include "platform/model/hardwareled.h"
+#include "platform/model/corvelgpioledconfig.h"
+#include "platform/model/ledconfig.h"
 #include "platform/zel/entity/described.h"
 #include "platform/zel/notify/clock.h"
 
@@ -47,20 +47,21 @@ class GpioLedStateMachine : public Zel::Described<GpioLedStateMachine, Zel::Noti
   static constexpr auto attributes() {
     using M = GpioLedStateMachine;
     return std::tuple{
-        Zel::row::value<&M::corvelGpioLedConfig_>("corvelGpioLedConfig", Zel::row::kGet),
-        Zel::row::accessor<&M::hwLedConfig>("hwLedConfig"),
-        Zel::row::accessor<&M::name>("name"),
-        Zel::row::procedure<&M::handleHwLedConfig>("handleHwLedConfig"),
-        Zel::row::procedure<&M::handleCorvelGpioYellow>("handleCorvelGpioYellow", "led", "value"),
-        Zel::row::procedure<&M::handleCorvelGpioGreen>("handleCorvelGpioGreen", "led", "value"),
-        Zel::row::procedure<&M::handleCorvelGpioRed>("handleCorvelGpioRed", "led", "value"),
-        Zel::row::procedure<&M::handleCorvelGpioOrange>("handleCorvelGpioOrange", "led", "value"),
-        Zel::row::procedure<&M::handleLedSystemConfig>("handleLedSystemConfig", "ledSystemConfig", "setting"),
-        Zel::row::accessor<&M::clock, &M::clockIs>("clock"),
-        Zel::row::procedure<&M::handleClockTimeout>("handleClockTimeout"),
-        Zel::row::value<&M::flashingState_>("flashingState"),
-        Zel::row::value<&M::initialized_>("initialized"),
-        Zel::row::procedure<&M::handleInitialized>("handleInitialized"),
+        Zel::attribute::value<&M::corvelGpioLedConfig_>("corvelGpioLedConfig", Zel::attribute::kGet),
+        Zel::attribute::accessor<&M::hwLedConfig>("hwLedConfig"),
+        Zel::attribute::accessor<&M::name>("name"),
+        Zel::attribute::procedure<&M::handleHwLedConfig>("handleHwLedConfig"),
+        Zel::attribute::procedure<&M::handleCorvelGpioYellow>("handleCorvelGpioYellow", "led", "value"),
+        Zel::attribute::procedure<&M::handleCorvelGpioGreen>("handleCorvelGpioGreen", "led", "value"),
+        Zel::attribute::procedure<&M::handleCorvelGpioRed>("handleCorvelGpioRed", "led", "value"),
+        Zel::attribute::procedure<&M::handleCorvelGpioOrange>("handleCorvelGpioOrange", "led", "value"),
+        Zel::attribute::procedure<&M::handleLedSystemConfig>("handleLedSystemConfig", "ledSystemConfig",
+                                                             "setting"),
+        Zel::attribute::accessor<&M::clock, &M::clockIs>("clock"),
+        Zel::attribute::procedure<&M::handleClockTimeout>("handleClockTimeout"),
+        Zel::attribute::value<&M::flashingState_>("flashingState"),
+        Zel::attribute::value<&M::initialized_>("initialized"),
+        Zel::attribute::procedure<&M::handleInitialized>("handleInitialized"),
     };
   }
   static const Zel::TypeNode& typeNode();

@@ -57,7 +57,7 @@ std::string refusalsText(const Json& status) {
 // none.
 Json readLines(Client& client) {
   try {
-    Json lines = client.read(kLineStatusDir);
+    Json lines = client.read(Paths::kLineStatus);
     std::erase_if(lines.get_ref<Json::array_t&>(),
                   [](const Json& line) { return line.at("type") != kLineStatusType; });
     return lines;
@@ -72,7 +72,7 @@ Json readLines(Client& client) {
 // it is killed.
 void addLines(Table& table, const Json& lines, const Json& status) {
   if (lines.empty()) return;
-  const bool known = isFilled(status, kLineStatusDir) != false;
+  const bool known = isFilled(status, Paths::kLineStatus) != false;
   std::vector<std::vector<std::string>> ailing;
   for (const Json& line : lines)
     if (const Json& state = line.at("attributes"); !state.value("driven", false))

@@ -127,7 +127,7 @@ void set(Context& context, const LedWords& words, std::optional<double> flash) {
   Client& client = context.client();
   const std::vector<Lamp> lamps = lampsOf(readAppliance(client));
   const auto names = expandLedWords(words, namesOf(lamps));
-  Json changes = Json::array({{{"op", "put"}, {"path", kLedDir}, {"type", kLedDirType}}});
+  Json changes = Json::array({{{"op", "put"}, {"path", Paths::kLeds}, {"type", kLedDirType}}});
   for (const Lamp& lamp : lamps)
     if (std::count(names.begin(), names.end(), lamp.name))
       changes.push_back(putLed(lamp.name, lightSetting(lamp.setting, words.colours, flash)));

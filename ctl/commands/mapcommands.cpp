@@ -81,7 +81,7 @@ void set(Context& context, const MapArguments& given) {
   Json after = before.is_null() ? Json::object() : before;
   after.update(attributes);
   const bool rewire = given.rewire && !before.is_null();
-  Json changes = Json::array({{{"op", "put"}, {"path", kMapDir}, {"type", kMapDirType}}});
+  Json changes = Json::array({{{"op", "put"}, {"path", Paths::kMappings}, {"type", kMapDirType}}});
   if (rewire) changes.push_back({{"op", "del"}, {"path", mapPath(given.led)}});
   changes.push_back({{"op", "put"},
                      {"path", mapPath(given.led)},

@@ -8,8 +8,6 @@ namespace Follow {
 using LedDir = Hardware::Led::LedSystemConfigDir;
 using Hardware::Led::LedConfig;
 
-constexpr const char* kLeds = "hardware/led/config";
-
 void log(const Led::LightSetting& setting) {
   static const Zel::TraceHandle trace("Follow", false);
   Zel::traceRecord(trace, 1, "Follow", __LINE__, __func__, [&](std::ostream& out) { out << setting; });
@@ -42,11 +40,11 @@ struct Agent : Zel::Described<Agent, Warden::CAgent> {
   using Described::Described;
   void doInit() override {
     const auto group = entityManager()->getMountGroup(Zel::Ptr<Statedb::Mounter>(this));
-    group->doMount({kLeds, "Hardware::Led::LedSystemConfigDir", "r"});
+    group->doMount({Paths::kLeds, "Hardware::Led::LedSystemConfigDir", "r"});
     group->doClose(false, "", 0.0);
   }
   void doMountsComplete(Statedb::MountStatus, const Zel::Ptr<Statedb::EntityManager>& manager) override {
-    reactor = Zel::allocate<DirReactor>(Zel::dynamicPtrCast<LedDir>(manager->getEntity(kLeds)));
+    reactor = Zel::allocate<DirReactor>(Zel::dynamicPtrCast<LedDir>(manager->getEntity(Paths::kLeds)));
   }
   Zel::Ptr<DirReactor> reactor;
 };

@@ -6,8 +6,6 @@
 
 namespace LightAnLed {
 
-constexpr const char* kLeds = "hardware/led/config";
-
 class Agent : public Zel::Described<Agent, Warden::CAgent> {
  public:
   static constexpr auto attributes() { return std::tuple{}; }
@@ -20,14 +18,15 @@ class Agent : public Zel::Described<Agent, Warden::CAgent> {
   // "wi": the agent writes there, and what it writes is published.
   void doInit() override {
     const auto group = entityManager()->getMountGroup(Zel::Ptr<Statedb::Mounter>(this));
-    group->doMount({kLeds, "Hardware::Led::LedSystemConfigDir", "wi"});
+    group->doMount({Paths::kLeds, "Hardware::Led::LedSystemConfigDir", "wi"});
     group->doClose(false, "", 0.0);
   }
 
   void doMountsComplete(Statedb::MountStatus status,
                         const Zel::Ptr<Statedb::EntityManager>& manager) override {
     if (status != Statedb::mountSuccess_) throw std::runtime_error("the LEDs can't be mounted");
-    const auto leds = Zel::dynamicPtrCast<Hardware::Led::LedSystemConfigDir>(manager->getEntity(kLeds));
+    const auto leds =
+        Zel::dynamicPtrCast<Hardware::Led::LedSystemConfigDir>(manager->getEntity(Paths::kLeds));
     Led::LightSetting setting;
     setting.green = true;
     leds->ledsIs("Status")->lightSettingIs(setting);

@@ -19,10 +19,10 @@ class LinkStatus : public Zel::Described<LinkStatus, Zel::Entity> {
 
   static constexpr auto attributes() {
     using N = NotifieeConst;
-    return std::tuple{Zel::row::value<&LinkStatus::linkMode_, &N::onLinkMode>("linkMode"),
-                      Zel::row::value<&LinkStatus::up_, &N::onUp>("up"),
-                      Zel::row::value<&LinkStatus::utilisation_, &N::onUtilisation>("utilisation"),
-                      Zel::row::value<&LinkStatus::faultColor_, &N::onFaultColor>("faultColor")};
+    return std::tuple{Zel::attribute::value<&LinkStatus::linkMode_, &N::onLinkMode>("linkMode"),
+                      Zel::attribute::value<&LinkStatus::up_, &N::onUp>("up"),
+                      Zel::attribute::value<&LinkStatus::utilisation_, &N::onUtilisation>("utilisation"),
+                      Zel::attribute::value<&LinkStatus::faultColor_, &N::onFaultColor>("faultColor")};
   }
   static const Zel::TypeNode& typeNode();
 
@@ -54,7 +54,7 @@ class FanStatus : public Zel::Described<FanStatus, Zel::Entity> {
   };
 
   static constexpr auto attributes() {
-    return std::tuple{Zel::row::value<&FanStatus::ok_, &NotifieeConst::onOk>("ok")};
+    return std::tuple{Zel::attribute::value<&FanStatus::ok_, &NotifieeConst::onOk>("ok")};
   }
   static const Zel::TypeNode& typeNode();
 

@@ -24,8 +24,6 @@ constexpr std::uint16_t kFan = 0x0002;
 
 constexpr const char* kLinks = "interface/status";
 constexpr const char* kFans = "environment/fan/status";
-constexpr const char* kMappings = "hardware/gpio/config/led";
-constexpr const char* kLeds = "hardware/led/config";
 
 Led::LightSetting inColor(const Zel::String& text) {
   Led::LightSetting setting;
@@ -125,17 +123,18 @@ class PolicyAgent : public Zel::Described<PolicyAgent, Warden::CAgent> {
     const auto group = entityManager()->getMountGroup(Zel::Ptr<Statedb::Mounter>(this));
     group->doMount({kLinks, "Zel::Dir", "r"});
     group->doMount({kFans, "Zel::Dir", "r"});
-    group->doMount({kMappings, "Hardware::Gpio::GpioLedSystemConfigDir", "r"});
-    group->doMount({kLeds, "Hardware::Led::LedSystemConfigDir", "wi"});
+    group->doMount({Paths::kMappings, "Hardware::Gpio::GpioLedSystemConfigDir", "r"});
+    group->doMount({Paths::kLeds, "Hardware::Led::LedSystemConfigDir", "wi"});
     group->doClose(false, "", 0.0);
   }
 
   void doMountsComplete(Statedb::MountStatus status,
                         const Zel::Ptr<Statedb::EntityManager>& manager) override {
     if (status != Statedb::mountSuccess_) throw std::runtime_error("the policy agent's mounts failed");
-    leds_ = Zel::dynamicPtrCast<Hardware::Led::LedSystemConfigDir>(manager->getEntity(kLeds));
+    leds_ = Zel::dynamicPtrCast<Hardware::Led::LedSystemConfigDir>(manager->getEntity(Paths::kLeds));
     mappings_ = Zel::allocate<MappingsReactor>(
-        Zel::dynamicPtrCast<Hardware::Gpio::GpioLedSystemConfigDir>(manager->getEntity(kMappings)), *this);
+        Zel::dynamicPtrCast<Hardware::Gpio::GpioLedSystemConfigDir>(manager->getEntity(Paths::kMappings)),
+        *this);
     for (const char* path : {kLinks, kFans})
       facts_.push_back(
           Zel::allocate<FactsReactor>(Zel::dynamicPtrCast<Zel::Dir>(manager->getEntity(path)), *this));

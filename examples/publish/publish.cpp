@@ -8,7 +8,9 @@ namespace Publish {
 
 class Uptime : public Zel::Described<Uptime, Zel::Entity> {
  public:
-  static constexpr auto attributes() { return std::tuple{Zel::row::value<&Uptime::seconds_>("seconds")}; }
+  static constexpr auto attributes() {
+    return std::tuple{Zel::attribute::value<&Uptime::seconds_>("seconds")};
+  }
   static const Zel::TypeNode& typeNode() {
     static const Zel::TypeNode type = describe("Publish::Uptime", &Zel::newEntity<Uptime>);
     return type;

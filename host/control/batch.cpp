@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <unordered_set>
 
+#include "host/rpc/changes.h"
 #include "platform/zel/entity/dir.h"
 
 namespace Host {

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "host/control/batch.h"
+#include "host/rpc/changes.h"
 #include "host/rpc/rpc.h"
 #include "platform/zel/core/trace.h"
 #include "platform/zel/entity/dir.h"
@@ -167,18 +168,18 @@ Json operationsJson(Zel::Operations operations) {
 
 std::string typeText(Zel::TypeText type) { return type ? type() : std::string(); }
 
-Json attributeJson(const Zel::AttributeInfo& row, Zel::AttributeIndex index) {
+Json attributeJson(const Zel::AttributeInfo& attribute, Zel::AttributeIndex index) {
   Json parameters = Json::array();
-  for (const auto& parameter : row.parameters)
+  for (const auto& parameter : attribute.parameters)
     parameters.push_back({{"name", parameter.name}, {"type", typeText(parameter.type)}});
-  return {{"name", row.name},
+  return {{"name", attribute.name},
           {"index", index},
-          {"kind", Zel::kindText(row.kind)},
-          {"type", typeText(row.type)},
-          {"operations", operationsJson(row.operations)},
-          {"stored", row.stored},
+          {"kind", Zel::kindText(attribute.kind)},
+          {"type", typeText(attribute.type)},
+          {"operations", operationsJson(attribute.operations)},
+          {"stored", attribute.stored},
           {"parameters", std::move(parameters)},
-          {"member", row.memberType ? Json(row.memberType().name().stdString()) : Json()}};
+          {"member", attribute.memberType ? Json(attribute.memberType().name().stdString()) : Json()}};
 }
 
 Json typeJson(const Zel::TypeNode& type) {

@@ -26,8 +26,8 @@ bool leadsUp(const ObjectRef& at, const ObjectRef& target) {
 }
 
 // What a pointer leads to; null where it is null, or leads up.
-ObjectRef targetOf(const ObjectRef& at, const AttributeInfo& row) {
-  ObjectRef target = objectOf(row.get(notifierOf(at), {}));
+ObjectRef targetOf(const ObjectRef& at, const AttributeInfo& attribute) {
+  ObjectRef target = objectOf(attribute.get(notifierOf(at), {}));
   return leadsUp(at, target) ? ObjectRef{} : target;
 }
 
@@ -145,21 +145,21 @@ Value Objects::call(const std::string& path, const Value::List& arguments) const
   return perform(at, Operation::invoke, coerced(path, *at.attribute, arguments));
 }
 
-Value::List Objects::coerced(const std::string& path, const AttributeInfo& row,
+Value::List Objects::coerced(const std::string& path, const AttributeInfo& attribute,
                              const Value::List& arguments) const {
   Value::List given = arguments;
-  if (row.direct) {  // the type of an entry
+  if (attribute.direct) {  // the type of an entry
     for (const Value& type : given)
       if (const auto* text = type.as<std::string>()) Statedb::typeNamed(*text);
     return given;
   }
-  const Zel::Parameter plain{row.name, row.type};
+  const Zel::Parameter plain{attribute.name, attribute.type};
   for (std::size_t i = 0; i < given.size(); ++i)
-    given[i] = coerce(path, i < row.parameters.size() ? row.parameters[i] : plain, given[i]);
-  for (std::size_t i = 0; i < std::min(given.size(), row.parameters.size()); ++i)
+    given[i] = coerce(path, i < attribute.parameters.size() ? attribute.parameters[i] : plain, given[i]);
+  for (std::size_t i = 0; i < std::min(given.size(), attribute.parameters.size()); ++i)
     if (given[i].isNull())
       throw ValueError("argument " + std::to_string(i + 1) + " is null, wanted a " +
-                       row.parameters[i].type());
+                       attribute.parameters[i].type());
   return given;
 }
 
@@ -186,9 +186,9 @@ class Search {
     const auto* entity = dynamic_cast<const Zel::Entity*>(at.object.get());
     if (entity && entity->fwkType().isA(type_) && entity->name() == name_) return at.object;
     Ptr<const Zel::PtrInterface> found;
-    forEachRow(at.object->fwkType(), [&](const AttributeInfo& row) {
-      if (!found && row.kind == Kind::pointer) found = from(targetOf(at, row));
-      if (!found && row.kind == Kind::collection) found = from(memberOf(at, row, name_));
+    forEachAttribute(at.object->fwkType(), [&](const AttributeInfo& attribute) {
+      if (!found && attribute.kind == Kind::pointer) found = from(targetOf(at, attribute));
+      if (!found && attribute.kind == Kind::collection) found = from(memberOf(at, attribute, name_));
     });
     return found;
   }
@@ -209,11 +209,11 @@ Ptr<const Zel::PtrInterface> Objects::named(const std::string& path, const Zel::
 
 namespace {
 
-Value operationsOf(const AttributeInfo& row) {
+Value operationsOf(const AttributeInfo& attribute) {
   Value::List texts;
   for (const Operation one :
        {Operation::get, Operation::set, Operation::del, Operation::iterate, Operation::invoke})
-    if (Zel::allows(row.operations, one)) texts.emplace_back(Zel::operationText(one));
+    if (Zel::allows(attribute.operations, one)) texts.emplace_back(Zel::operationText(one));
   return texts;
 }
 
@@ -224,9 +224,10 @@ Value componentValue(std::string name, const char* kind, std::string type, Value
                        {"operations", std::move(operations)}};
 }
 
-void addKeys(Value::List& list, const ObjectRef& at, const AttributeInfo& row) {
-  for (const Zel::Name key : row.keys(notifierOf(at)))
-    list.push_back(componentValue(Zel::escapeComponent(key.view()), "member", row.type(), Value::List{}));
+void addKeys(Value::List& list, const ObjectRef& at, const AttributeInfo& attribute) {
+  for (const Zel::Name key : attribute.keys(notifierOf(at)))
+    list.push_back(
+        componentValue(Zel::escapeComponent(key.view()), "member", attribute.type(), Value::List{}));
 }
 
 // What may follow an object or a collection in a path.
@@ -239,9 +240,10 @@ Value::List nextComponents(const ObjectRef& at) {
   }
   const Zel::TypeNode& type = at.object->fwkType();
   if (const AttributeInfo* direct = directRow(type)) addKeys(list, at, *direct);
-  forEachRow(type, [&](const AttributeInfo& row) {
-    list.push_back(componentValue(row.name, Zel::kindText(row.kind), row.type ? row.type() : std::string(),
-                                  operationsOf(row)));
+  forEachAttribute(type, [&](const AttributeInfo& attribute) {
+    list.push_back(componentValue(attribute.name, Zel::kindText(attribute.kind),
+                                  attribute.type ? attribute.type() : std::string(),
+                                  operationsOf(attribute)));
   });
   return list;
 }
@@ -277,33 +279,33 @@ class Tree {
   void addMembers(Value& node, const ObjectRef& at, const std::string& path, std::size_t depth) {
     Value::List members;
     Value::Fields omitted;
-    forEachRow(at.object->fwkType(), [&](const AttributeInfo& row) {
+    forEachAttribute(at.object->fwkType(), [&](const AttributeInfo& attribute) {
       std::size_t omits = 0;
-      if (row.kind == Kind::pointer) omits = addTarget(members, at, row, path, depth);
-      if (row.kind == Kind::collection) omits = addCollection(members, at, row, path, depth);
-      if (omits > 0) omitted.emplace_back(row.name, static_cast<std::int64_t>(omits));
+      if (attribute.kind == Kind::pointer) omits = addTarget(members, at, attribute, path, depth);
+      if (attribute.kind == Kind::collection) omits = addCollection(members, at, attribute, path, depth);
+      if (omits > 0) omitted.emplace_back(attribute.name, static_cast<std::int64_t>(omits));
     });
     if (!members.empty()) node.fieldIs("members", std::move(members));
     if (!omitted.empty()) node.fieldIs("omitted", std::move(omitted));
   }
 
   // Both return how many objects were left out.
-  std::size_t addTarget(Value::List& members, const ObjectRef& at, const AttributeInfo& row,
+  std::size_t addTarget(Value::List& members, const ObjectRef& at, const AttributeInfo& attribute,
                         const std::string& path, std::size_t depth) {
-    const ObjectRef target = targetOf(at, row);
+    const ObjectRef target = targetOf(at, attribute);
     if (!target.object) return 0;
     if (left_ == 0) return 1;
-    members.push_back(of(target, path + '/' + row.name, depth));
+    members.push_back(of(target, path + '/' + attribute.name, depth));
     return 0;
   }
-  std::size_t addCollection(Value::List& members, const ObjectRef& at, const AttributeInfo& row,
+  std::size_t addCollection(Value::List& members, const ObjectRef& at, const AttributeInfo& attribute,
                             const std::string& path, std::size_t depth) {
-    const std::string above = path + '/' + (row.direct ? "" : row.name + std::string("/"));
-    const auto keys = row.keys(notifierOf(at));
+    const std::string above = path + '/' + (attribute.direct ? "" : attribute.name + std::string("/"));
+    const auto keys = attribute.keys(notifierOf(at));
     std::size_t done = 0;
     for (; done < std::min(keys.size(), Objects::kTreeMembers) && left_ > 0; ++done)
       members.push_back(
-          of(memberOf(at, row, keys[done]), above + Zel::escapeComponent(keys[done].view()), depth));
+          of(memberOf(at, attribute, keys[done]), above + Zel::escapeComponent(keys[done].view()), depth));
     return keys.size() - done;
   }
 

@@ -75,7 +75,7 @@ class Objects {
  private:
   ObjectRef resolve(const std::vector<std::string>& components) const;
   void expectWritable() const;
-  Zel::Value::List coerced(const std::string& path, const Zel::AttributeInfo& row,
+  Zel::Value::List coerced(const std::string& path, const Zel::AttributeInfo& attribute,
                            const Zel::Value::List& arguments) const;
   Zel::Value coerce(const std::string& path, const Zel::Parameter& parameter, const Zel::Value& given) const;
   Zel::Ptr<const Zel::PtrInterface> named(const std::string& path, const Zel::TypeNode& type,

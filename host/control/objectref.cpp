@@ -31,8 +31,8 @@ const Zel::Notifier& notifierOf(const ObjectRef& at) { return static_cast<const 
 
 const AttributeInfo* directRow(const Zel::TypeNode& type) {
   const AttributeInfo* direct = nullptr;
-  forEachRow(type, [&](const AttributeInfo& row) {
-    if (row.direct) direct = &row;
+  forEachAttribute(type, [&](const AttributeInfo& attribute) {
+    if (attribute.direct) direct = &attribute;
   });
   return direct;
 }
@@ -42,16 +42,16 @@ ObjectRef objectOf(const Value& value) {
   return object ? ObjectRef{object->pointer, object->isConst, nullptr, {}} : ObjectRef{};
 }
 
-ObjectRef memberOf(const ObjectRef& at, const AttributeInfo& row, Zel::Name key) {
+ObjectRef memberOf(const ObjectRef& at, const AttributeInfo& attribute, Zel::Name key) {
   const Value name = key.view();
-  ObjectRef member = objectOf(row.get(notifierOf(at), {&name, 1}));
+  ObjectRef member = objectOf(attribute.get(notifierOf(at), {&name, 1}));
   member.isConst |= at.isConst;
   return member;
 }
 
-ObjectRef memberOf(const ObjectRef& at, const AttributeInfo& row, const std::string& key) {
+ObjectRef memberOf(const ObjectRef& at, const AttributeInfo& attribute, const std::string& key) {
   const auto name = Zel::Name::existing(key);
-  return name ? memberOf(at, row, *name) : ObjectRef{};
+  return name ? memberOf(at, attribute, *name) : ObjectRef{};
 }
 
 namespace {
@@ -77,8 +77,8 @@ ObjectRef step(const ObjectRef& at, const std::string& component) {
   if (const AttributeInfo* direct = directRow(type))
     if (ObjectRef entry = memberOf(at, *direct, Zel::unescapeComponent(component)); entry.object)
       return entry;
-  if (const AttributeInfo* row = type.find(std::string_view(component)))
-    return {at.object, at.isConst, row, {}};
+  if (const AttributeInfo* attribute = type.find(std::string_view(component)))
+    return {at.object, at.isConst, attribute, {}};
   leadsNowhere(at, component);
 }
 
@@ -92,8 +92,8 @@ ObjectRef follow(const ObjectRef& at) {
 
 namespace {
 
-void addKeys(std::vector<std::string_view>& names, const ObjectRef& at, const AttributeInfo& row) {
-  for (const Zel::Name key : row.keys(notifierOf(at))) names.push_back(key.view());
+void addKeys(std::vector<std::string_view>& names, const ObjectRef& at, const AttributeInfo& attribute) {
+  for (const Zel::Name key : attribute.keys(notifierOf(at))) names.push_back(key.view());
 }
 
 std::vector<std::string_view> candidates(const ObjectRef& at) {
@@ -104,7 +104,7 @@ std::vector<std::string_view> candidates(const ObjectRef& at) {
   }
   const Zel::TypeNode& type = at.object->fwkType();
   if (const AttributeInfo* direct = directRow(type)) addKeys(names, at, *direct);
-  forEachRow(type, [&](const AttributeInfo& row) { names.emplace_back(row.name); });
+  forEachAttribute(type, [&](const AttributeInfo& attribute) { names.emplace_back(attribute.name); });
   return names;
 }
 

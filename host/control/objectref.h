@@ -39,22 +39,22 @@ std::string candidatesText(const ObjectRef& at, std::string_view wanted = {});
 
 // The object that a value refers to; null where it is no reference.
 ObjectRef objectOf(const Zel::Value& value);
-ObjectRef memberOf(const ObjectRef& at, const Zel::AttributeInfo& row, Zel::Name key);
+ObjectRef memberOf(const ObjectRef& at, const Zel::AttributeInfo& attribute, Zel::Name key);
 // The same for a text, which need not be a name.
-ObjectRef memberOf(const ObjectRef& at, const Zel::AttributeInfo& row, const std::string& key);
+ObjectRef memberOf(const ObjectRef& at, const Zel::AttributeInfo& attribute, const std::string& key);
 // What the object's published attributes are read from. REQUIRES: its type has attributes.
 const Zel::Notifier& notifierOf(const ObjectRef& at);
 // The collection whose members stand directly under the object; null where there is none.
 const Zel::AttributeInfo* directRow(const Zel::TypeNode& type);
 
-// Calls `function` for every published row of a type, its bases' first, less those of a base that the type
-// replaces.
+// Calls `function` for every published attribute of a type, its bases' first, less those of a base that the
+// type replaces.
 template <class Function>
-void forEachRow(const Zel::TypeNode& type, Function&& function) {
+void forEachAttribute(const Zel::TypeNode& type, Function&& function) {
   for (Zel::AttributeIndex index = 0; index < type.endIndex(); ++index)
-    if (const auto& row = type.attribute(index);
-        row.kind != Zel::Kind::reserved && type.find(row.label) == &row)
-      function(row);
+    if (const auto& attribute = type.attribute(index);
+        attribute.kind != Zel::Kind::reserved && type.find(attribute.label) == &attribute)
+      function(attribute);
 }
 
 }  // namespace Host

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "host/rpc/changes.h"
 #include "host/rpc/rpc.h"
 
 namespace Host {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/rpc/changes.h"
 #include "host/rpc/rpc.h"
 #include "platform/statedb/store/schema.h"
 #include "platform/zel/object/value.h"

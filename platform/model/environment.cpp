@@ -1,4 +1,4 @@
-#include "platform/model/environment.h"
+#include "platform/model/coolingconfig.h"
 
 namespace Environment::Cooling {
 

@@ -1,4 +1,10 @@
-#include "platform/model/hardwaregpio.h"
+#include "platform/model/corvelgpioledconfig.h"
+#include "platform/model/corvelgpioledsystemconfigdir.h"
+#include "platform/model/corvelpinconfig.h"
+#include "platform/model/gpioledconfig.h"
+#include "platform/model/gpioledsystemconfigdir.h"
+#include "platform/model/gpiolineinit.h"
+#include "platform/model/gpiolinestatus.h"
 
 namespace Hardware::Gpio {
 

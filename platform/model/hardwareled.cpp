@@ -1,4 +1,4 @@
-#include "platform/model/hardwareled.h"
+#include "platform/model/ledsystemconfigdir.h"
 
 namespace Hardware::Led {
 

@@ -15,12 +15,12 @@ class ZEL_API CAgent : public Zel::Described<CAgent, Statedb::Mounter> {
  public:
   static constexpr auto attributes() {
     return std::tuple{
-        Zel::row::procedure<static_cast<void (CAgent::*)(Statedb::MountStatus)>(&CAgent::mountsComplete)>(
-            "doMountsComplete", "status"),
-        Zel::row::procedure<&CAgent::doInit>("doInit"),
-        Zel::row::accessor<&CAgent::agentPingResponderEnabled>("agentPingResponderEnabled"),
-        Zel::row::accessor<&CAgent::agentSyncConfigEnabled>("agentSyncConfigEnabled"),
-        Zel::row::value<&CAgent::stage_>("stage", Zel::row::kGet),
+        Zel::attribute::procedure<static_cast<void (CAgent::*)(Statedb::MountStatus)>(
+            &CAgent::mountsComplete)>("doMountsComplete", "status"),
+        Zel::attribute::procedure<&CAgent::doInit>("doInit"),
+        Zel::attribute::accessor<&CAgent::agentPingResponderEnabled>("agentPingResponderEnabled"),
+        Zel::attribute::accessor<&CAgent::agentSyncConfigEnabled>("agentSyncConfigEnabled"),
+        Zel::attribute::value<&CAgent::stage_>("stage", Zel::attribute::kGet),
     };
   }
   static const Zel::TypeNode& typeNode();

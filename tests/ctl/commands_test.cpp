@@ -28,7 +28,7 @@ class Commands : public testing::Test {
   void loadExample() { ASSERT_EQ(ctl({"load", kExample}).status, 0); }
   Json setting(const std::string& led) { return host.attributes(ledPath(led)).value("lightSetting", Json()); }
   void pinIs(const std::string& pin, unsigned value) {
-    host.put(std::string(kPinDir) + '/' + pin, kPinType, {{"value", value}});
+    host.put(std::string(Paths::kPins) + '/' + pin, kPinType, {{"value", value}});
   }
   FakeHost host;
 };
@@ -101,7 +101,7 @@ TEST_F(Commands, AnEmptyDatabaseTakesAMappingAndThenALed) {
   EXPECT_EQ(host.attributes(mapPath("X/1")),
             Json({{"gpioGreenName", {"g1", "g2"}}, {"gpioRedName", {"r"}}, {"ready", true}}));
   EXPECT_EQ(setting("X/1"), Json({{"green", true}}));
-  EXPECT_TRUE(host.attributes(kLedDir).is_object() && host.attributes(kMapDir).is_object());
+  EXPECT_TRUE(host.attributes(Paths::kLeds).is_object() && host.attributes(Paths::kMappings).is_object());
   ctl({"map", "set", "X/1", "--red", "", "--no-ready"});
   EXPECT_EQ(host.attributes(mapPath("X/1")),
             Json({{"gpioGreenName", {"g1", "g2"}}, {"gpioRedName", Json::array()}, {"ready", false}}));
@@ -198,7 +198,7 @@ TEST_F(Commands, WatchPrintsSoManyChanges) {
       for (unsigned value = 0; value < 3; ++value) pinIs("p", value);
     });
   };
-  const Outcome watched = ctl({"watch", kPinDir, "--json", "--count", "2"});
+  const Outcome watched = ctl({"watch", Paths::kPins, "--json", "--count", "2"});
   writer.join();
   EXPECT_EQ(watched.status, 0);
   EXPECT_EQ(std::count(watched.out.begin(), watched.out.end(), '\n'), 2);

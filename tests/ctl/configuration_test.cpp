@@ -51,7 +51,8 @@ TEST(Configuration, WhatAgentsFillIsDumpedOnlyWhenAskedFor) {
   const auto at = [](const std::string& path) {
     return Json{{"path", path}, {"type", kPinType}, {"attributes", {{"value", 1}}}};
   };
-  const Json filled = {at(std::string(kPinDir) + "/p"), at(std::string(kLineStatusDir) + "/p"), at("led/a/b")};
+  const Json filled = {at(std::string(Paths::kPins) + "/p"), at(std::string(Paths::kLineStatus) + "/p"),
+                       at("led/a/b")};
   EXPECT_EQ(configurationText(filled, {"led/a"}), "{\n}\n");
   EXPECT_THAT(wholeText(filled), HasSubstr("\"value\": 1"));
 }
@@ -72,7 +73,8 @@ TEST(Configuration, ReplacingRemovesTheLeastThatMustGo) {
     {"path": "above", "type": "D", "attributes": {}},
     {"path": "hardware/corvel/gpio/config/p", "type": "P", "attributes": {}}])");
   std::vector<std::string> gone;
-  for (const Json& change : wanted.dels(found, {"a/filled", "above/filled"})) gone.push_back(change.at("path"));
+  for (const Json& change : wanted.dels(found, {"a/filled", "above/filled"}))
+    gone.push_back(change.at("path"));
   EXPECT_THAT(gone, testing::ElementsAre("a/gone", "a/less", "a/other"));
 }
 

@@ -58,7 +58,7 @@ class PanelInATerminal : public testing::Test {
   }
 
   void pinIs(const std::string& pin, unsigned value) {
-    host.put(std::string(kPinDir) + '/' + pin, kPinType, {{"value", value}});
+    host.put(std::string(Paths::kPins) + '/' + pin, kPinType, {{"value", value}});
   }
 
   FakeHost host;

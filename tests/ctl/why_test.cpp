@@ -106,7 +106,7 @@ class WhyInProcesses : public testing::Test {
     host.put(ledPath("A"), kLedType, {{"lightSetting", {{"green", true}, {"flashInterval", 9.0}}}});
     host.put(mapPath("A"), kMapType, {{"gpioGreenName", {"g"}}, {"ready", true}});
     for (const char* name : {"g", "old"})
-      host.put(std::string(kPinDir) + '/' + name, kPinType, {{"value", 1}});
+      host.put(std::string(Paths::kPins) + '/' + name, kPinType, {{"value", 1}});
     host.answers = [this](const std::string& method, const Json&) -> Json {
       if (method == "object") return {{"value", Json::array()}};
       return {{"version", "1"},
@@ -138,7 +138,7 @@ class WhyInProcesses : public testing::Test {
   Json processes() const {
     const Json agents = Json::array({{{"name", "led"}, {"library", "l.so"}}});
     return {{{"pid", 8}, {"socket", "/no/such.sock"}, {"agents", agents}, {"publishes", Json::array()}},
-            {{"pid", 9}, {"socket", socket}, {"agents", agents}, {"publishes", {kPinDir}}}};
+            {{"pid", 9}, {"socket", socket}, {"agents", agents}, {"publishes", {Paths::kPins}}}};
   }
 
   FakeHost host, process;

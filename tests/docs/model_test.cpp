@@ -28,22 +28,22 @@ std::string join(const std::vector<std::string>& texts, const char* separator) {
   return joined;
 }
 
-std::string typeText(const AttributeInfo& row) {
-  if (row.kind == Zel::Kind::procedure) {
+std::string typeText(const AttributeInfo& attribute) {
+  if (attribute.kind == Zel::Kind::procedure) {
     std::vector<std::string> parameters;
-    for (const auto& parameter : row.parameters)
+    for (const auto& parameter : attribute.parameters)
       parameters.push_back((*parameter.name ? parameter.name + std::string(": ") : "") + parameter.type());
     return "(" + join(parameters, ", ") + ")";
   }
-  return row.type ? row.type() : "";
+  return attribute.type ? attribute.type() : "";
 }
 
-std::string operationsText(const AttributeInfo& row) {
+std::string operationsText(const AttributeInfo& attribute) {
   using Zel::Operation;
   std::vector<std::string> texts;
   for (const Operation one :
        {Operation::get, Operation::set, Operation::del, Operation::iterate, Operation::invoke})
-    if (Zel::allows(row.operations, one)) texts.emplace_back(Zel::operationText(one));
+    if (Zel::allows(attribute.operations, one)) texts.emplace_back(Zel::operationText(one));
   return join(texts, ", ");
 }
 
@@ -56,12 +56,13 @@ void print(std::ostream& out, const TypeNode& type) {
   }
   out << "| index | attribute | kind | type | operations | stored |\n|---|---|---|---|---|---|\n";
   Zel::AttributeIndex index = type.firstIndex();
-  for (const AttributeInfo& row : type.attributes()) {
-    if (row.kind == Zel::Kind::reserved)
+  for (const AttributeInfo& attribute : type.attributes()) {
+    if (attribute.kind == Zel::Kind::reserved)
       out << "| " << index << " | | reserved | | | |\n";
     else
-      out << "| " << index << " | `" << row.name << "` | " << Zel::kindText(row.kind) << " | "
-          << typeText(row) << " | " << operationsText(row) << " | " << (row.stored ? "yes" : "") << " |\n";
+      out << "| " << index << " | `" << attribute.name << "` | " << Zel::kindText(attribute.kind) << " | "
+          << typeText(attribute) << " | " << operationsText(attribute) << " | "
+          << (attribute.stored ? "yes" : "") << " |\n";
     ++index;
   }
 }

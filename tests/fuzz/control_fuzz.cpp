@@ -7,6 +7,7 @@
 
 #include "host/control/batch.h"
 #include "host/io/connection.h"
+#include "host/rpc/changes.h"
 #include "host/rpc/rpc.h"
 #include "platform/statedb/store/store.h"
 #include "platform/zel/core/trace.h"

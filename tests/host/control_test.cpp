@@ -10,6 +10,7 @@
 #include "folder.h"
 #include "host/io/starterror.h"
 #include "host/plugin.h"
+#include "platform/model/paths.h"
 #include "platform/zel/core/trace.h"
 #include "platform/zel/notify/activity.h"
 
@@ -21,7 +22,6 @@ using Statedb::StoreError;
 
 using ::testing::HasSubstr;
 
-constexpr const char* kLeds = "hardware/led/config";
 const Json kRed = {{"red", true}};
 
 // Counts its commits and what is stored, and fails commits while it is told to.
@@ -73,12 +73,12 @@ class ControlTest : public ::testing::Test {
   static Json putLed(const char* name, const Json& setting) {
     return {{"op", "put"}, {"path", led(name)}, {"attributes", {{"lightSetting", setting}}}};
   }
-  static std::string led(const char* name) { return std::string(kLeds) + "/leds/" + name; }
+  static std::string led(const char* name) { return std::string(Paths::kLeds) + "/leds/" + name; }
   Json write(Client& client, const std::vector<Json>& changes) {
     return call(client, "write", {{"changes", changes}});
   }
   static Json putDir() {
-    return {{"op", "put"}, {"path", kLeds}, {"type", "Hardware::Led::LedSystemConfigDir"}};
+    return {{"op", "put"}, {"path", Paths::kLeds}, {"type", "Hardware::Led::LedSystemConfigDir"}};
   }
 
   const Folder folder;
@@ -232,7 +232,7 @@ TEST_F(ControlTest, AReadSeesWhatIsDurableAndNeverWhatIsUndone) {
   store.fails = false;
   send(client, request("write", {{"changes", {putDir()}}}) + request("read"));
   EXPECT_EQ(next(client)["result"]["written"], 1);
-  EXPECT_EQ(next(client)["result"]["entities"][0]["path"], kLeds);
+  EXPECT_EQ(next(client)["result"]["entities"][0]["path"], Paths::kLeds);
 }
 
 TEST_F(ControlTest, ABatchIsWrittenWholeOrEveryErrorIsListed) {
@@ -244,14 +244,14 @@ TEST_F(ControlTest, ABatchIsWrittenWholeOrEveryErrorIsListed) {
                                      {{"op", "put"}, {"path", led("C")}, {"existing", true}},
                                      {{"op", "put"}, {"path", "hardware/x"}},
                                      {{"op", "put"}, {"path", "hardware/x/y/z"}, {"type", "Zel::Dir"}},
-                                     {{"op", "put"}, {"path", kLeds}, {"type", "Zel::Dir"}},
+                                     {{"op", "put"}, {"path", Paths::kLeds}, {"type", "Zel::Dir"}},
                                      {{"op", "del"}, {"path", "nowhere"}}};
   const Json refused = write(client, changes)["error"];
   EXPECT_EQ(refused["code"], 1);
   std::vector<std::string> places = refused["data"]["errors"];
   for (std::string& place : places) place.resize(place.find(':'));
   EXPECT_THAT(places, ::testing::UnorderedElementsAre(led("A") + " lightSetting", led("B") + " lightSetting",
-                                                      led("C"), "hardware/x", kLeds, "nowhere"));
+                                                      led("C"), "hardware/x", Paths::kLeds, "nowhere"));
   EXPECT_TRUE(store.read("").empty());
   EXPECT_EQ(write(client, {changes[0], changes[1]})["result"]["written"], 2);
   EXPECT_EQ(store.typeAt(led("Ethernet3%2F1")), "Hardware::Led::LedConfig");
@@ -351,7 +351,7 @@ TEST_F(ControlTest, WatchersHearOfTheirPathAndNotOfThemselvesUnlessTheyWant) {
   EXPECT_EQ(heard["method"], "changed");
   EXPECT_EQ(heard["params"], (Json{{"watch", own["watch"]}, {"changes", {change}}}));
 
-  const Json removed = {{{"op", "del"}, {"path", kLeds}}};
+  const Json removed = {{{"op", "del"}, {"path", Paths::kLeds}}};
   send(watcher, request("write", {{"changes", removed}}));
   EXPECT_EQ(next(writer)["params"]["changes"], removed);
   const Json removedHere = {{{"op", "del"}, {"path", led("B")}}};
@@ -370,7 +370,7 @@ TEST_F(ControlTest, TheFirstEntityUnderAMountBringsARowForTheMountThatLivesOn) {
   Client client(listener.path());
   const Json derived = {{"changes", {putLed("A", kRed)}}, {"durability", "derived"}};
   ASSERT_TRUE(call(client, "write", derived).contains("result"));
-  EXPECT_EQ(store.typeAt(kLeds), "Hardware::Led::LedSystemConfigDir");
+  EXPECT_EQ(store.typeAt(Paths::kLeds), "Hardware::Led::LedSystemConfigDir");
   EXPECT_EQ(store.stored, 1U) << "the mount's row alone";
   EXPECT_TRUE(manager->entityAt(led("A")));
 }

@@ -5,6 +5,8 @@
 
 #include <limits>
 
+#include "host/rpc/changes.h"
+
 namespace {
 
 using Statedb::Change;

@@ -3,7 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/model/hardwaregpio.h"
+#include "platform/model/corvelgpioledsystemconfigdir.h"
+#include "platform/model/gpioledconfig.h"
 #include "platform/warden/cagent.h"
 #include "platform/zel/notify/activity.h"
 
@@ -25,10 +26,10 @@ class Driver : public Zel::Described<Driver, Zel::Entity> {
  public:
   static constexpr auto attributes() {
     return std::tuple{
-        Zel::row::value<&Driver::system_>("system"), Zel::row::value<&Driver::seen_>("seen"),
-        Zel::row::procedure<&Driver::write>("write", "led", "value"),
-        Zel::row::keyed<&Driver::watchers_, &Driver::watchersIs, &Driver::watchersDel>("watchers"),
-        Zel::row::value<&Driver::dir_>("dir", Zel::row::kGet)};
+        Zel::attribute::value<&Driver::system_>("system"), Zel::attribute::value<&Driver::seen_>("seen"),
+        Zel::attribute::procedure<&Driver::write>("write", "led", "value"),
+        Zel::attribute::keyed<&Driver::watchers_, &Driver::watchersIs, &Driver::watchersDel>("watchers"),
+        Zel::attribute::value<&Driver::dir_>("dir", Zel::attribute::kGet)};
   }
   static const Zel::TypeNode& typeNode() {
     static const Zel::TypeNode type = describe("Test::Driver");

@@ -12,7 +12,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Each folder and those that it stands on directly; what these stand on may be included as well.
+// Each folder, or single header, and those that it stands on directly; what these stand on may be included as
+// well.
 const std::map<std::string, std::vector<std::string>> kBelow{
     {"platform/zel/core", {}},
     {"platform/zel/object", {"platform/zel/core"}},
@@ -23,7 +24,8 @@ const std::map<std::string, std::vector<std::string>> kBelow{
     {"platform/statedb/mount", {"platform/statedb/store"}},
     {"platform/warden", {"platform/statedb/mount"}},
     {"platform/cell", {"platform/zel/core"}},
-    {"platform/model", {"platform/zel/entity"}},
+    {"platform/model/paths.h", {}},  // names alone, for clients that know no entity
+    {"platform/model", {"platform/zel/entity", "platform/model/paths.h"}},
     {"platform", {"platform/zel", "platform/warden", "platform/model", "platform/cell"}},
     {"common", {"platform/zel/notify"}},
     {"statemachine", {"common", "platform/model"}},
@@ -36,7 +38,7 @@ const std::map<std::string, std::vector<std::string>> kBelow{
     {"host/store", {"host/rpc"}},
     {"host/control", {"host/rpc", "platform/warden"}},
     {"host", {"host/store", "host/control", "platform/cell"}},
-    {"ctl", {"platform/zel/core"}},
+    {"ctl", {"platform/zel/core", "platform/model/paths.h"}},
     {"ctl/commands", {"ctl"}},
 };
 

@@ -1,8 +1,9 @@
 // The generic interface over the tables of the model.
 #include <gtest/gtest.h>
 
-#include "platform/model/hardwaregpio.h"
-#include "platform/model/hardwareled.h"
+#include "platform/model/corvelgpioledconfig.h"
+#include "platform/model/gpioledsystemconfigdir.h"
+#include "platform/model/ledsystemconfigdir.h"
 #include "platform/zel/notify/activity.h"
 
 namespace {
@@ -94,8 +95,8 @@ class Shelf : public Zel::Described<Shelf, Zel::Entity> {
   class NotifieeConst : public Zel::NotifieeOf<Shelf> {};
   static constexpr auto attributes() {
     return std::tuple{
-        Zel::row::children<&Shelf::read_, NotifieeConst, nullptr, nullptr, nullptr>("read"),
-        Zel::row::children<&Shelf::unread_, NotifieeConst, nullptr, nullptr, nullptr>("unread")};
+        Zel::attribute::children<&Shelf::read_, NotifieeConst, nullptr, nullptr, nullptr>("read"),
+        Zel::attribute::children<&Shelf::unread_, NotifieeConst, nullptr, nullptr, nullptr>("unread")};
   }
   static const Zel::TypeNode& typeNode() {
     static const Zel::TypeNode type = describe("Test::Shelf");

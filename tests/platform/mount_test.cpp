@@ -4,8 +4,10 @@
 #include <map>
 #include <random>
 
-#include "platform/model/hardwaregpio.h"
-#include "platform/model/hardwareled.h"
+#include "platform/model/corvelpinconfig.h"
+#include "platform/model/gpioledconfig.h"
+#include "platform/model/ledsystemconfigdir.h"
+#include "platform/model/paths.h"
 #include "platform/statedb/mount/entitymanager.h"
 #include "platform/statedb/store/store.h"
 #include "platform/warden/cagent.h"
@@ -21,7 +23,6 @@ using Statedb::Durability;
 using Zel::Ptr;
 using Zel::Value;
 
-constexpr const char* kLeds = "hardware/led/config";
 constexpr const char* kLedDir = "Hardware::Led::LedSystemConfigDir";
 constexpr const char* kLed = "Hardware::Led::LedConfig";
 constexpr const char* kPin = "Hardware::Gpio::CorvelPinConfig";
@@ -112,22 +113,22 @@ TEST_F(Mounts, NestedMountsShareTheirEntitiesAndWhatIsNotThereIsEmpty) {
   write({Change::put("hardware/gpio/config/led", "Hardware::Gpio::GpioLedSystemConfigDir", "", {})});
   write({Change::put("hardware/gpio/config/led/gpioLeds/A", "Hardware::Gpio::GpioLedConfig", "ready", true)});
   const auto made = agent({{"hardware/gpio/config/led", "Hardware::Gpio::GpioLedSystemConfigDir", "r"},
-                           {kLeds, kLedDir, "r"},
+                           {Paths::kLeds, kLedDir, "r"},
                            {"hardware/gpio/config", "Zel::Dir", "r"}});
   EXPECT_EQ(made->statuses, std::vector{Statedb::mountSuccess_});
   const auto outer = Zel::dynamicPtrCast<Zel::Dir>(manager->getEntity("hardware/gpio/config"));
   ASSERT_TRUE(outer);
   EXPECT_EQ(outer->entityRef("led"), manager->getEntity("hardware/gpio/config/led"));
   EXPECT_TRUE(at<Hardware::Gpio::GpioLedConfig>("hardware/gpio/config/led/gpioLeds/A")->ready());
-  EXPECT_TRUE(Zel::dynamicPtrCast<LedSystemConfigDir>(manager->getEntity(kLeds))->leds().empty());
+  EXPECT_TRUE(Zel::dynamicPtrCast<LedSystemConfigDir>(manager->getEntity(Paths::kLeds))->leds().empty());
   EXPECT_FALSE(manager->getEntity("hardware/gpio")) << "on the way, but not mounted";
   EXPECT_FALSE(manager->getEntity("hardware/gpio/config/led/gpioLeds/A"));
 }
 
 TEST_F(Mounts, AGroupFailsWithPathTypeFoundAndTypeAsked) {
-  write({Change::put(kLeds, "Zel::Dir", "", {}), Change::put("x", "No::Such", "", {}),
+  write({Change::put(Paths::kLeds, "Zel::Dir", "", {}), Change::put("x", "No::Such", "", {}),
          Change::put("w", "Statedb::Mounter", "", {})});
-  const auto made = agent({{kLeds, kLedDir, "r"},
+  const auto made = agent({{Paths::kLeds, kLedDir, "r"},
                            {"x", "Zel::Dir", "r"},
                            {"x/under", "Zel::Dir", "r"},
                            {"w", "Statedb::Mounter", "wi"},
@@ -152,10 +153,10 @@ TEST_F(Mounts, AGroupFailsWithPathTypeFoundAndTypeAsked) {
 }
 
 TEST_F(Mounts, ADeleteAndARecreationThatArriveTogetherAreTwoSteps) {
-  agent({{kLeds, kLedDir, "r"}});
-  const std::string path = std::string(kLeds) + "/leds/Status";
-  write({Change::put(kLeds, kLedDir, "", {}), Change::put(path, kLed, "theme", "a")});
-  const auto watcher = Zel::allocate<Watcher>(at<LedSystemConfigDir>(kLeds), lines);
+  agent({{Paths::kLeds, kLedDir, "r"}});
+  const std::string path = std::string(Paths::kLeds) + "/leds/Status";
+  write({Change::put(Paths::kLeds, kLedDir, "", {}), Change::put(path, kLed, "theme", "a")});
+  const auto watcher = Zel::allocate<Watcher>(at<LedSystemConfigDir>(Paths::kLeds), lines);
   const auto before = at<LedConfig>(path);
   write({Change::del(path), Change::put(path, kLed, "", {}), Change::put(path, kLed, "theme", "b")});
   settle();
@@ -165,11 +166,11 @@ TEST_F(Mounts, ADeleteAndARecreationThatArriveTogetherAreTwoSteps) {
 }
 
 TEST_F(Mounts, EachMountTakesItsPartOfADeleteAboveSeveral) {
-  const std::string maps = "hardware/gpio/config/led", led = std::string(kLeds) + "/leds/A",
+  const std::string maps = "hardware/gpio/config/led", led = std::string(Paths::kLeds) + "/leds/A",
                     map = maps + "/gpioLeds/A";
-  agent({{kLeds, kLedDir, "r"}, {maps, "Hardware::Gpio::GpioLedSystemConfigDir", "r"}});
+  agent({{Paths::kLeds, kLedDir, "r"}, {maps, "Hardware::Gpio::GpioLedSystemConfigDir", "r"}});
   for (const char* theme : {"a", "b"}) {
-    write({Change::del("hardware"), Change::put(kLeds, kLedDir, "", {}),
+    write({Change::del("hardware"), Change::put(Paths::kLeds, kLedDir, "", {}),
            Change::put(led, kLed, "theme", theme),
            Change::put(maps, "Hardware::Gpio::GpioLedSystemConfigDir", "", {}),
            Change::put(map, "Hardware::Gpio::GpioLedConfig", "ready", true)});
@@ -181,23 +182,23 @@ TEST_F(Mounts, EachMountTakesItsPartOfADeleteAboveSeveral) {
 }
 
 TEST_F(Mounts, AMountedEntityThatIsDeletedStaysAndIsEmptied) {
-  agent({{kLeds, kLedDir, "r"}});
-  write({Change::put(kLeds, kLedDir, "palette", "warm"),
-         Change::put(std::string(kLeds) + "/leds/A", kLed, "", {})});
-  const auto dir = at<LedSystemConfigDir>(kLeds);
+  agent({{Paths::kLeds, kLedDir, "r"}});
+  write({Change::put(Paths::kLeds, kLedDir, "palette", "warm"),
+         Change::put(std::string(Paths::kLeds) + "/leds/A", kLed, "", {})});
+  const auto dir = at<LedSystemConfigDir>(Paths::kLeds);
   const auto watcher = Zel::allocate<Watcher>(dir, lines);
   write({Change::del("hardware")});
   settle();
-  EXPECT_EQ(at<LedSystemConfigDir>(kLeds), dir);
+  EXPECT_EQ(at<LedSystemConfigDir>(Paths::kLeds), dir);
   EXPECT_TRUE(dir->leds().empty());
   EXPECT_TRUE(dir->palette().empty());
   EXPECT_EQ(lines, std::vector<std::string>{"A is gone"}) << "each by its key";
 }
 
 TEST_F(Mounts, ARowThatDoesNotFitIsRefusedAndTheRestGoesOn) {
-  agent({{kLeds, kLedDir, "r"}});
-  const std::string path = std::string(kLeds) + "/leds/A";
-  write({Change::put(kLeds, kLedDir, "", {}),
+  agent({{Paths::kLeds, kLedDir, "r"}});
+  const std::string path = std::string(Paths::kLeds) + "/leds/A";
+  write({Change::put(Paths::kLeds, kLedDir, "", {}),
          Change::put(path, kLed, "lightSetting", Value::Fields{{"green", true}})});
   write({Change::put(path, kLed, "lightSetting", Value::Fields{{"flashInterval", -1}}),
          Change::put(path, kLed, "colour", "red"), Change::put(path, kLed, "theme", "t")});
@@ -212,9 +213,9 @@ TEST_F(Mounts, ARowThatDoesNotFitIsRefusedAndTheRestGoesOn) {
 }
 
 TEST_F(Mounts, WhatAPublisherTakesAwayShowsWhatIsStored) {
-  agent({{kLeds, kLedDir, "r"}});
-  const std::string path = std::string(kLeds) + "/leds/A";
-  write({Change::put(kLeds, kLedDir, "", {}), Change::put(path, kLed, "theme", "stored")});
+  agent({{Paths::kLeds, kLedDir, "r"}});
+  const std::string path = std::string(Paths::kLeds) + "/leds/A";
+  write({Change::put(Paths::kLeds, kLedDir, "", {}), Change::put(path, kLed, "theme", "stored")});
   const auto led = at<LedConfig>(path);
   const auto derive = [&](const Statedb::Changes& changes) {
     store.write(changes, Durability::derived);
@@ -274,7 +275,8 @@ TEST_F(Mounts, AManagerThatGoesTakesItsTasksAlongAndIsCountedOnce) {
   const auto count = [] { return Statedb::EntityManager::typeNode().allocations().objects(); };
   const auto before = count();
   auto other = Zel::allocate<Statedb::EntityManager>(store);
-  const auto made = Zel::allocate<TestAgent>("agent", std::vector<Statedb::Mount>{{kLeds, kLedDir, "r"}});
+  const auto made =
+      Zel::allocate<TestAgent>("agent", std::vector<Statedb::Mount>{{Paths::kLeds, kLedDir, "r"}});
   made->entityManagerIs(other);
   made->doInit();
   EXPECT_EQ(count(), before + 1);
@@ -356,16 +358,17 @@ struct Reconnecting : Statedb::MemoryStore {
 TEST_F(Mounts, AfterALostConnectionOnlyDifferencesAreApplied) {
   Reconnecting remote;
   const auto other = Zel::allocate<Statedb::EntityManager>(remote);
-  const auto path = [](int i) { return std::string(kLeds) + "/leds/L" + std::to_string(i); };
+  const auto path = [](int i) { return std::string(Paths::kLeds) + "/leds/L" + std::to_string(i); };
   std::mt19937 random(5);
   std::map<std::string, std::string> reference;
-  const auto made = Zel::allocate<TestAgent>("agent", std::vector<Statedb::Mount>{{kLeds, kLedDir, "r"}});
+  const auto made =
+      Zel::allocate<TestAgent>("agent", std::vector<Statedb::Mount>{{Paths::kLeds, kLedDir, "r"}});
   made->entityManagerIs(other);
   made->doInit();
   settle();
-  const auto dir = Zel::dynamicPtrCast<LedSystemConfigDir>(other->getEntity(kLeds));
+  const auto dir = Zel::dynamicPtrCast<LedSystemConfigDir>(other->getEntity(Paths::kLeds));
   const auto watcher = Zel::allocate<Watcher>(dir, lines);
-  remote.write({Change::put(kLeds, kLedDir, "", {})}, Durability::stored);
+  remote.write({Change::put(Paths::kLeds, kLedDir, "", {})}, Durability::stored);
   for (int round = 0; round < 60; ++round) {
     for (int i = 0; i < 6; ++i) {
       const std::string led = path(static_cast<int>(random() % 12));

@@ -7,8 +7,8 @@
 #include <functional>
 #include <optional>
 
-#include "platform/model/hardwaregpio.h"
-#include "platform/model/hardwareled.h"
+#include "platform/model/gpioledsystemconfigdir.h"
+#include "platform/model/ledsystemconfigdir.h"
 #include "platform/zel/notify/activity.h"
 
 namespace {
@@ -142,8 +142,8 @@ struct Raw : Zel::Reactor<Raw, Zel::RawNotifiee> {
   static constexpr const char* kTypeName = "Test::Raw";
   Raw(const Ptr<const Zel::PtrInterface>& watched, Lines& log) : lines(log) { notifierIs(watched); }
   void onRawAttribute(Zel::AttributeIndex index, Name key) override {
-    const auto& row = static_cast<const Zel::Notifier*>(notifierBase())->fwkType().attribute(index);
-    lines.push_back(row.name + std::string(key.empty() ? "" : " ") + key.stdString());
+    const auto& attribute = static_cast<const Zel::Notifier*>(notifierBase())->fwkType().attribute(index);
+    lines.push_back(attribute.name + std::string(key.empty() ? "" : " ") + key.stdString());
   }
   Lines& lines;
 };

@@ -7,7 +7,7 @@
 #include <deque>
 #include <random>
 
-#include "platform/model/hardwareled.h"
+#include "platform/model/ledsystemconfigdir.h"
 #include "platform/zel/notify/activity.h"
 
 namespace {

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/model/hardwaregpio.h"
-#include "platform/model/hardwareled.h"
+#include "platform/model/corvelgpioledsystemconfigdir.h"
+#include "platform/model/ledconfig.h"
 #include "platform/zel/core/trace.h"
 #include "platform/zel/notify/activity.h"
 

@@ -1,12 +1,17 @@
-// The local copy of the state database: the entities of the mounted paths, kept in step with a store.
+// The local copy of the state database: the entities of the mounted paths, kept equal to a store's rows.
 //
-// Changes that a store tells are applied to the entities that are there. A live entity is never swapped for a
-// new one of the same name in one step: where a delete and a re-creation arrive together, the second waits
-// until the first was delivered. A row that does not fit its entity is refused and reported, the entity keeps
-// its last good value, and the rest goes on.
+//     void doInit() override {
+//       const auto group = entityManager()->getMountGroup(Zel::Ptr<Statedb::Mounter>(this));
+//       group->doMount({"hardware/led/config", "Hardware::Led::LedSystemConfigDir", "r"});
+//       group->doClose(false, "", 0.0);  // doMountsComplete(status, manager) follows in a later pass
+//     }
 //
-// Values under "wi" mounts that the agents write are published once a pass of the loop, as one batch of what
-// changed. Where the store refuses it, what it refuses is found, reported and left out.
+// The store's changes are applied to the entities. A live entity is never replaced by another of its name in
+// one step: if a delete and a re-creation arrive together, the second waits until reactors were notified of
+// the first. A row that does not fit its entity is refused and logged; the entity keeps its last good value.
+//
+// What the agents write under "wi" mounts is published once a pass of the loop, as one batch. If the store
+// refuses the batch, the rows at fault are found, logged and left out.
 #pragma once
 
 #include <functional>
@@ -21,6 +26,7 @@
 
 namespace Statedb {
 
+class Mounts;
 class Store;
 
 // One a process, shared by the agents in it. Owned by the host, which makes it with Zel::allocate.
@@ -32,41 +38,40 @@ class ZEL_API EntityManager : public Zel::Typed<EntityManager, Zel::PtrInterface
   explicit EntityManager(Store& store);
   ~EntityManager() override;
 
-  // The group of that mounter: made where it has none that is open.
+  // The open group of that mounter, made if it has none.
   Zel::Ptr<MountGroup> getMountGroup(const Zel::Ptr<Mounter>& mounter);
-  // The entity mounted at that path; null where nothing is mounted at exactly that path.
+  // The entity mounted at exactly that path; null if there is none.
   Zel::Ptr<Zel::Entity> getEntity(Zel::String path) const;
 
   // The directory at the root of all paths.
   const Zel::Ptr<Zel::Dir>& root() const;
-  // For tools: the entity at a path; null where there is none or the path is not one.
+  // For tools: the entity at a path; null if there is none or the path is not valid.
   Zel::Ptr<Zel::Entity> entityAt(Path path) const;
 
   struct MountInfo {
     Path path;
     Zel::Name type;
-    std::string mode;  // "wi" where anybody mounted it so
+    std::string mode;  // "wi" if any agent mounted it so
     bool complete = false;
   };
-  // In the order of mounting; a path that several agents mounted stands once. Good until the next pass.
+  // In the order of mounting; a path that several agents mounted is there once. Valid until the next pass.
   const std::vector<MountInfo>& mounts() const;
 
-  // For the host's end: forgets the groups that are not complete, so that nothing holds their mounters.
+  // For the host's shutdown: drops the groups that are not complete, and with them their mounters.
   void stop();
 
-  // Hears of every row that was refused ("PATH ATTRIBUTE: reason") and of every group that failed.
+  // Called with every row that is refused ("PATH ATTRIBUTE: reason") and every mount that fails.
   void reportIs(std::function<void(const std::string& text)> report);
   std::uint64_t refusals() const;
-  // Rows that were published so far.
+  // Rows published so far.
   std::uint64_t published() const;
 
  private:
   friend class MountGroup;
-  struct State;
 
   void close(const Zel::Ptr<MountGroup>& group);
 
-  std::shared_ptr<State> state_;  // shared with nobody; posted tasks find out whether it is still there
+  std::shared_ptr<Mounts> mounts_;  // the tasks that it posts have weak pointers to it
 };
 
 }  // namespace Statedb

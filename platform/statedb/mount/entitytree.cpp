@@ -13,10 +13,11 @@ Zel::Name nameOf(Zel::Name component) {
   return Zel::Name(Zel::unescapeComponent(component.view()));
 }
 
-// The row of the type that a step leads through.
+// The attribute of the type that a step leads through.
 const Zel::AttributeInfo* collectionOf(const Zel::TypeNode& type, const PathReader::Step& step) {
   for (Zel::AttributeIndex index = 0; index < type.endIndex(); ++index)
-    if (const auto& row = type.attribute(index); row.direct || row.name == step.collection) return &row;
+    if (const auto& attribute = type.attribute(index); attribute.direct || attribute.name == step.collection)
+      return &attribute;
   return nullptr;
 }
 

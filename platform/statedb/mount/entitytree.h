@@ -1,4 +1,4 @@
-// The entities of the mounted paths, found by their paths. Internal to the entity manager.
+// The entities of the mounted paths, by path. Internal to the entity manager.
 #pragma once
 
 #include <functional>
@@ -21,7 +21,7 @@ struct Found {
   bool whole = true;             // whether the path was read to its end
 };
 
-// Makes the member that was not there. Throws where the collection takes no entity of that type.
+// Makes the member that is missing. Throws ValueError if the collection takes no entity of that type.
 Zel::Ptr<Zel::Entity> newMember(const Found& found, Zel::Name type);
 void removeMember(const Found& found);
 
@@ -31,15 +31,14 @@ class EntityTree {
 
   // The directory at the root of all paths.
   const Zel::Ptr<Zel::Dir>& root() const { return root_; }
-  // Makes the entity that was not there; null where it makes none.
+  // Makes the entity that is missing, or returns null.
   using Make = std::function<Zel::Ptr<Zel::Entity>(const Found& at)>;
 
-  // Follows a path. Throws ValueError where it is not one.
+  // Follows a path. Throws ValueError if it is not valid.
   Found find(Path path);
-  // The same in one walk, making what is missing on it; ends where `make` makes none. Throws what `make`
-  // does.
+  // The same, making what is missing on the way; ends where `make` returns null. Throws what `make` throws.
   Found findOrMake(Path path, const Make& make);
-  // Null where there is no entity, or the path is not one.
+  // Null if there is no entity, or the path is not valid.
   Zel::Ptr<Zel::Entity> entityAt(Path path);
 
  private:
@@ -47,7 +46,7 @@ class EntityTree {
   void follow(Path path, Found& found, const Make& make) const;
 
   const Zel::Ptr<Zel::Dir> root_;
-  // Paths mostly follow each other in one collection: the one that the last of them led into.
+  // Memo: successive paths mostly lead into one collection.
   struct {
     Path path;  // of its members without their last component
     Zel::Ptr<Zel::Entity> parent{};

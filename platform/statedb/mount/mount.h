@@ -73,7 +73,7 @@ class ZEL_API MountGroup : public Zel::Reactor<MountGroup, Zel::PtrInterface> {
   const std::vector<std::string>& failures() const { return failures_; }
 
  private:
-  friend class EntityManager;
+  friend class Mounts;
 
   Zel::Ptr<EntityManager> entityManager_;  // until the group is complete
   Zel::Ptr<Mounter> mounter_;              // until the group is complete

@@ -1,5 +1,6 @@
 #include "platform/statedb/mount/publisher.h"
 
+#include <algorithm>
 #include <set>
 
 namespace Statedb {
@@ -32,11 +33,11 @@ struct Hasher {
   }
 };
 
-// Calls `function` with every row of the type whose value a store holds.
+// Calls `function` with every attribute of the type whose value a store holds.
 template <class Function>
 void forEachPlain(const Zel::TypeNode& type, Function&& function) {
-  for (const Zel::AttributeInfo* row : type.storedAttributes())
-    if (row->kind != Zel::Kind::collection) function(*row);
+  for (const Zel::AttributeInfo* attribute : type.storedAttributes())
+    if (attribute->kind != Zel::Kind::collection) function(*attribute);
 }
 
 }  // namespace
@@ -47,25 +48,25 @@ PublishedEntity::PublishedEntity(Publisher& publisher, Path path, const Zel::Ptr
   noteValues();
   const Zel::TypeNode& type = entity->fwkType();
   for (Zel::AttributeIndex index = 0; index < type.endIndex(); ++index)
-    if (const auto& row = type.attribute(index); row.member)
-      for (const Zel::Name key : row.keys(*entity))
-        watch(index, key, Zel::Ptr<const Zel::Entity>(row.member(*entity, key)));
+    if (const auto& attribute = type.attribute(index); attribute.member)
+      for (const Zel::Name key : attribute.keys(*entity))
+        watch(index, key, Zel::Ptr<const Zel::Entity>(attribute.member(*entity, key)));
 }
 
 void PublishedEntity::noteValues() { known_ = told_ = valuesHash(); }
 
 std::size_t PublishedEntity::valuesHash() const {
   std::size_t seed = 0;
-  forEachPlain(entity().fwkType(), [&](const Zel::AttributeInfo& row) {
-    seed = mix(seed, row.get(entity(), {}).visit(Hasher()));
+  forEachPlain(entity().fwkType(), [&](const Zel::AttributeInfo& attribute) {
+    seed = mix(seed, attribute.get(entity(), {}).visit(Hasher()));
   });
   return seed;
 }
 
-Zel::AttributeIndex PublishedEntity::indexOf(const Zel::AttributeInfo& row) const {
+Zel::AttributeIndex PublishedEntity::indexOf(const Zel::AttributeInfo& attribute) const {
   const Zel::TypeNode& type = entity().fwkType();
   Zel::AttributeIndex index = 0;
-  while (&type.attribute(index) != &row) ++index;
+  while (&type.attribute(index) != &attribute) ++index;
   return index;
 }
 
@@ -102,8 +103,8 @@ void PublishedEntity::put(Zel::Name attribute, Zel::Value value) {
 
 void PublishedEntity::publishAll() {
   bool any = false;
-  forEachPlain(entity().fwkType(), [&](const Zel::AttributeInfo& row) {
-    put(row.label, row.get(entity(), {}));
+  forEachPlain(entity().fwkType(), [&](const Zel::AttributeInfo& attribute) {
+    put(attribute.label, attribute.get(entity(), {}));
     any = true;
   });
   if (!any) put({}, {});
@@ -114,22 +115,22 @@ void PublishedEntity::publishAll() {
 }
 
 void PublishedEntity::onRawAttribute(Zel::AttributeIndex index, Zel::Name key) {
-  const Zel::AttributeInfo& row = entity().fwkType().attribute(index);
-  if (row.member) return key.empty() ? membersChanged(index) : memberChanged(index, key);
-  if (!row.stored) return;
+  const Zel::AttributeInfo& attribute = entity().fwkType().attribute(index);
+  if (attribute.member) return key.empty() ? membersChanged(index) : memberChanged(index, key);
+  if (!attribute.stored) return;
   const std::size_t values = valuesHash();
   if (values == known_ && told_ == known_) return;
   told_ = values;
-  put(row.label, row.get(entity(), {}));
+  put(attribute.label, attribute.get(entity(), {}));
 }
 
 void PublishedEntity::memberChanged(Zel::AttributeIndex collection, Zel::Name key) {
-  const auto& row = entity().fwkType().attribute(collection);
-  const Zel::Ptr<const Zel::Entity> member(row.member(entity(), key));
+  const auto& attribute = entity().fwkType().attribute(collection);
+  const Zel::Ptr<const Zel::Entity> member(attribute.member(entity(), key));
   PublishedEntity* watched = child(collection, key);
   if (watched && member == &watched->entity()) return;
   if (watched) {
-    publisher_.add(*this, Change::del(memberPath(path_, row, key)));
+    publisher_.add(*this, Change::del(memberPath(path_, attribute, key)));
     unwatch(collection, key);
   }
   if (!member) return;
@@ -169,6 +170,33 @@ PublishedEntity* Publisher::find(const Zel::Entity& entity) const {
     if (PublishedEntity* found = above->child(index, entity.name()); found && &found->entity() == &entity)
       return found;
   return nullptr;
+}
+
+void Publishers::add(const Zel::Ptr<const Zel::Entity>& entity, Path path) {
+  if (std::ranges::none_of(publishers_, [&](const auto& each) { return each->path() == path; }))
+    publishers_.push_back(std::make_unique<Publisher>(entity, path));
+}
+
+void Publishers::write(const OriginOf& originOf) {
+  for (const auto& publisher : publishers_) {
+    if (publisher->changes().empty()) continue;
+    write(publisher->changes(), originOf(publisher->path()));
+    publisher->clear();
+  }
+}
+
+// Halves a batch that is refused until the row at fault stands alone.
+void Publishers::write(const Changes& changes, Feed* origin) {
+  try {
+    store_.write(changes, Durability::derived, origin);
+    rows_ += changes.size();
+  } catch (const StoreError& error) {
+    if (changes.size() == 1)
+      return refusals_.add(changes.front().row, std::string("could not be published: ") + error.what());
+    const auto [first, second] = halves(changes);
+    write(first, origin);
+    write(second, origin);
+  }
 }
 
 }  // namespace Statedb

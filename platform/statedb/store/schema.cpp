@@ -13,24 +13,25 @@ namespace {
 std::string collectionsOf(const Zel::TypeNode& type) {
   std::string names;
   for (const Zel::TypeNode* each = &type; each; each = each->base())
-    for (const Zel::AttributeInfo& row : each->attributes())
-      if (row.memberType) names += (names.empty() ? "" : ", ") + std::string(row.name);
+    for (const Zel::AttributeInfo& attribute : each->attributes())
+      if (attribute.memberType) names += (names.empty() ? "" : ", ") + std::string(attribute.name);
   return names;
 }
 
 std::string storedAttributesOf(const Zel::TypeNode& type) {
   std::string names;
   for (const Zel::TypeNode* each = &type; each; each = each->base())
-    for (const Zel::AttributeInfo& row : each->attributes())
-      if (row.stored && row.check) names += (names.empty() ? "" : ", ") + std::string(row.name);
+    for (const Zel::AttributeInfo& attribute : each->attributes())
+      if (attribute.stored && attribute.check)
+        names += (names.empty() ? "" : ", ") + std::string(attribute.name);
   return names.empty() ? "none" : names;
 }
 
 // An object of a type holds its entries by name alone where one of its collections is direct.
 bool isDirectory(const Zel::TypeNode& type) {
   for (const Zel::TypeNode* each = &type; each; each = each->base())
-    for (const Zel::AttributeInfo& row : each->attributes())
-      if (row.direct) return true;
+    for (const Zel::AttributeInfo& attribute : each->attributes())
+      if (attribute.direct) return true;
   return false;
 }
 
@@ -51,15 +52,15 @@ PathReader::Step PathReader::next(const Zel::TypeNode& type) {
   Step step;
   if (!isDirectory(type)) {
     step.collection = component();
-    const Zel::AttributeInfo* row = type.find(std::string_view(step.collection));
-    if (!row || !row->memberType) {
+    const Zel::AttributeInfo* attribute = type.find(std::string_view(step.collection));
+    if (!attribute || !attribute->memberType) {
       const std::string has = collectionsOf(type);
       throw Zel::ValueError("'" + step.collection + "' is no collection of " + type.name().stdString() +
                             (has.empty() ? ", which has none" : "; it has " + has));
     }
     if (done())
       throw Zel::ValueError("'" + step.collection + "' is a collection; a member's name must follow it");
-    step.memberType = &row->memberType();
+    step.memberType = &attribute->memberType();
   }
   step.key = Zel::unescapeComponent(component());
   step.path = path_.substr(0, at_ - 1);
@@ -90,18 +91,18 @@ const Zel::TypeNode& typeNamed(std::string_view name) {
 }
 
 const Zel::AttributeInfo& storedAttribute(const Zel::TypeNode& type, std::string_view attribute) {
-  const Zel::AttributeInfo* row = type.find(attribute);
-  if (!row || !row->stored || !row->check)
+  const Zel::AttributeInfo* found = type.find(attribute);
+  if (!found || !found->stored || !found->check)
     throw Zel::ValueError("'" + Zel::excerpt(attribute) + "' is no attribute that " +
                           type.name().stdString() + " stores; it stores " + storedAttributesOf(type));
-  return *row;
+  return *found;
 }
 
 const Zel::AttributeInfo& checkAttribute(const Zel::TypeNode& type, std::string_view attribute,
                                          const Zel::Value& value) {
-  const Zel::AttributeInfo& row = storedAttribute(type, attribute);
-  row.check(value);
-  return row;
+  const Zel::AttributeInfo& found = storedAttribute(type, attribute);
+  found.check(value);
+  return found;
 }
 
 void checkRow(Zel::Name typeName, Zel::Name attribute, const Zel::Value& value) {

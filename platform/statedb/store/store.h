@@ -1,7 +1,13 @@
-// A store: the state database itself, or the way to it.
+// A store: the state database itself, or a connection to it.
 //
-// Activity thread only. Feeds are called on it, never from within write(), from within flush() or when the
-// host lets the store work.
+//     MemoryStore store;
+//     store.subscribe("hardware/led", feed);  // gets a snapshot, then the changes of each flush
+//     store.write({Change::put(path, "Hardware::Led::LedConfig", "theme", "night")}, Durability::stored);
+//     store.flush();
+//     for (const Record* record : store.read("hardware/led")) print(record->path);
+//
+// Activity thread only. Feeds are called from flush(), or when the host lets the store work; never from
+// write().
 #pragma once
 
 #include <memory>
@@ -14,36 +20,33 @@
 
 namespace Statedb {
 
-// A store that could not do what it was asked; nothing was changed. The text says what, where and why.
+// The store failed and changed nothing. The text says what, where and why.
 class ZEL_API StoreError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
   ~StoreError() override;
 };
 
-// A batch that the store can't take now or later, as it is.
+// The store refuses this batch, and would again.
 class ZEL_API RefusedError : public StoreError {
  public:
   using StoreError::StoreError;
   ~RefusedError() override;
 };
 
-// Hears what stands under one path, and every change of it from then on.
+// A subscriber to one path: gets what stands under it, and every change from then on.
 class ZEL_API Feed {
  public:
-  // Everything under the path that was subscribed to: once after subscribing, and again whenever the store
-  // cannot tell what changed in between (a connection was lost). An entity comes before those under it. The
-  // store does not change meanwhile.
+  // Everything under the path: once after subscribing, and again when changes may have been missed (a
+  // connection was lost). An entity comes before those under it. The store does not change during the call.
   virtual void onSnapshot(const Records& records) = 0;
-  // The part of a batch that changed what is seen under the path. A del of something above the path arrives
-  // as one of the path itself.
+  // The changes of a batch that are visible under the path. A del above the path arrives as a del of the
+  // path.
   virtual void onChanges(const Changes& changes) = 0;
-  // What is seen where it is not what a batch that this feed is the origin of wrote: a derived value over a
-  // stored one that it put, a stored one where it took the derived one away. Is a batch of changes unless
-  // overridden.
+  // The visible values where they differ from what a batch of this feed's own wrote: a derived value over a
+  // stored one that it put, a stored one under a derived one that it removed. Calls onChanges by default.
   virtual void onRevealed(const Changes& changes);
-  // Whether this process publishes what stands at the path: it answers for such rows, whoever made them
-  // first.
+  // Whether this process publishes at the path. It then owns the rows there, whoever wrote them first.
   virtual bool publishes(Path) const { return false; }
 
  protected:
@@ -51,9 +54,9 @@ class ZEL_API Feed {
   virtual ~Feed();
 };
 
-// The state database keeps stored and derived values of one entity side by side, attribute by attribute. The
-// derived value is seen where there is one, by read() and by the feeds; the stored one is kept under it, and
-// seen again when the derived one goes.
+// The state database keeps a stored and a derived value of each attribute of an entity. read() and the feeds
+// see the derived value where there is one; the stored one is kept under it and shows again when the derived
+// one goes.
 //
 //   step    stored                                       derived
 //   put     the value is kept; unseen under a derived    is seen in place of a stored value
@@ -61,38 +64,38 @@ class ZEL_API Feed {
 //   del     the entity goes, and all under it, with      derived values and entities of which nothing is
 //           the derived values                           stored go, at the path and under it
 //
-// An entity of which anything was put as stored is stored itself.
+// An entity with any stored value is stored itself.
 class ZEL_API Store {
  public:
   virtual ~Store();
   Store(const Store&) = delete;
   Store& operator=(const Store&) = delete;
 
-  // Where the store is, as the command line says it ("sqlite:/var/lib/pinlamp/state.db").
+  // The URL as on the command line ("sqlite:/var/lib/pinlamp/state.db").
   virtual std::string url() const = 0;
 
-  // `feed` hears of everything under `path` until it is unsubscribed; a snapshot comes first, either at once
-  // or as soon as the store is reached. A feed may be subscribed under one path only.
+  // `feed` gets a snapshot, at once or as soon as the store is reached, then the changes until it
+  // unsubscribes. A feed can be subscribed under one path only.
   virtual void subscribe(Path path, Feed& feed) = 0;
   virtual void unsubscribe(Feed& feed) = 0;
 
-  // Takes a batch: all of it or nothing. It can be read back at once; it is durable, and told to the feeds
-  // other than `origin`, by the next flush(). A put for a path whose entity has another type replaces the
-  // entity, but RefusedError is thrown where a derived put would replace anything stored. Throws StoreError.
+  // Takes a batch, all of it or nothing. read() sees it at once; the next flush() makes it durable and
+  // notifies the feeds other than `origin`. A put with another type replaces the entity at its path. Throws
+  // RefusedError if a derived put would replace anything stored, and StoreError.
   virtual void write(const Changes& changes, Durability durability, Feed* origin = nullptr) = 0;
-  // Makes everything that was written durable in one step, then tells the feeds. Throws StoreError where it
-  // cannot be made durable: then everything since the last flush is undone, and no feed hears of it.
+  // Makes everything written so far durable in one step, then notifies the feeds. Throws StoreError if that
+  // fails: everything since the last flush is undone, and no feed is notified.
   virtual void flush() = 0;
 
-  // Everything under a path as it is seen, sorted as a person reads it, good until the next write. Stores
-  // that keep no rows on this side throw StoreError.
+  // Everything visible under a path, sorted as a person reads it, valid until the next write. A store without
+  // rows on this side throws StoreError.
   virtual Records read(Path path) const = 0;
 
  protected:
   Store() = default;
 };
 
-// Keeps its rows in memory. The ground of the stores that keep them elsewhere as well.
+// Keeps its rows in memory. The base of stores that keep them elsewhere as well.
 class ZEL_API MemoryStore : public Store {
  public:
   MemoryStore();
@@ -108,17 +111,17 @@ class ZEL_API MemoryStore : public Store {
   // The type of the entity at a path; empty where there is none.
   Zel::Name typeAt(Path path) const;
   std::size_t entities() const;
-  // How many of them are of a type. Looks at every one.
+  // Entities of one type. Linear.
   std::size_t entities(Zel::Name type) const;
 
  protected:
-  // Where the rows are kept as well: `persist` takes the stored part of a batch, `commit` makes all of them
-  // durable at once, `rollback` forgets them. They throw StoreError; a `persist` that does leaves nothing of
-  // its batch behind.
+  // For stores that keep rows elsewhere: `persist` takes the stored part of a batch, `commit` makes all of
+  // them durable at once, `rollback` drops them. They throw StoreError; a `persist` that throws keeps nothing
+  // of its batch.
   virtual void persist(const Changes&) {}
   virtual void commit() {}
   virtual void rollback() {}
-  // For the start: takes a row that is durable already. REQUIRES: no row of that path and attribute is there.
+  // For the start: takes a row that is durable already. REQUIRES: there is no row of that path and attribute.
   void restore(Row row);
 
  private:

@@ -1,11 +1,16 @@
 // Keyed collections: hash maps from Zel::Name.
 //
-// A collection of one member, as most are, holds it in itself and has no memory of its own. More lie densely
-// in the order in which they came; a few are scanned, many have a hash index.
+//     PtrMap<LedConfig> leds;
+//     leds.insert("Status", allocate<LedConfig>("Status"));
+//     if (const auto led = leds.find("Status")) led->themeIs("night");
+//     for (const auto& led : leds) leds.remove(led->name());  // allowed during the walk
+//     NameSet pins{"gpio17", "gpio27"};
 //
-// A walk tolerates every change of the collection while it runs, its destruction included: a member that was
-// removed is skipped, and a member that was added during the walk may or may not be met. The order carries no
-// meaning for callers.
+// A collection of one member, the usual case, holds it inline and allocates nothing. More members stand in a
+// dense array in the order of insertion: a few are scanned, many have a hash index.
+//
+// A walk tolerates every change of the collection, its destruction included: it skips removed members, and
+// may or may not meet added ones. The order carries no meaning for callers.
 #pragma once
 
 #include <cstddef>
@@ -24,8 +29,8 @@ namespace detail {
 
 struct Block;
 
-// The collection without its types: a word for each name. What a word means, and what must happen when it
-// goes, is the typed collection's to know.
+// The untyped collection: a word for each name. The typed collection knows what a word means and how to
+// release it.
 class ZEL_API KeyTable {
  public:
   struct Entry {
@@ -40,7 +45,7 @@ class ZEL_API KeyTable {
   KeyTable& operator=(const KeyTable&) = delete;
   ~KeyTable() { clear(); }
 
-  // Walks go on in the table that has their members then.
+  // Walks follow their members into the other table.
   void swap(KeyTable& other) noexcept;
   std::size_t size() const { return only_.live ? 1 : only_.word == 0 ? 0 : sizeOfBlock(); }
 
@@ -54,7 +59,7 @@ class ZEL_API KeyTable {
   void insert(Name key, std::uintptr_t word);
   // Takes a member out. Returns whether there was one, and its word in `word`.
   bool remove(Name key, std::uintptr_t* word);
-  // Leaves every walk without members and the table empty. The words are simply forgotten.
+  // Empties the table and ends every walk. The words are forgotten, not released.
   void clear() {
     if (only_.live || only_.word != 0) forgetAll();
   }

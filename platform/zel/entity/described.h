@@ -1,6 +1,6 @@
-// Attributes are declared once: a class's table of rows says name, kind, type, operations and handlers, and
-// the delivery of notifications, the generic interface and the reading and writing of stored values follow
-// from it.
+// Attributes are declared once: a class's table has a descriptor for each, with name, kind, type, operations
+// and handlers. The delivery of notifications, the generic interface and the reading and writing of stored
+// values follow from it.
 //
 //     class LedConfig : public Described<LedConfig, Entity> {
 //      public:
@@ -11,268 +11,34 @@
 //         virtual void onLightSettingzelImmediate() { declineImmediate(); }
 //       };
 //       static constexpr auto attributes() {
-//         return std::tuple{row::value<&LedConfig::lightSetting_, &NotifieeConst::onLightSetting,
-//                                      &NotifieeConst::onLightSettingzelImmediate>("lightSetting")};
+//         return std::tuple{attribute::value<&LedConfig::lightSetting_, &NotifieeConst::onLightSetting,
+//                                            &NotifieeConst::onLightSettingzelImmediate>("lightSetting")};
 //       }
 //       const Led::LightSetting& lightSetting() const { return lightSetting_; }
 //       void lightSettingIs(const Led::LightSetting& v) { set<&LedConfig::lightSetting_>(v); }
 //
-// The mutators (set, childIs, announce…) take the member, or the function, that a row names; one that no row
-// names does not compile. An object pays nothing for its table.
+// The mutators (set, childIs, announce…) take the member, or the function, that a descriptor names; one that
+// no descriptor names does not compile. An object pays nothing for its table.
 #pragma once
 
-#include <array>
-#include <initializer_list>
 #include <string>
 #include <tuple>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
-#include "platform/zel/core/assert.h"
 #include "platform/zel/core/exception.h"
 #include "platform/zel/core/keyed.h"
+#include "platform/zel/entity/declarations.h"
 #include "platform/zel/entity/generic.h"
+#include "platform/zel/entity/operations.h"
 #include "platform/zel/notify/notifier.h"
-#include "platform/zel/object/attribute.h"
 #include "platform/zel/object/type.h"
-#include "platform/zel/object/valuetraits.h"
 
 namespace Zel {
 
-namespace detail {
-
-template <auto>
-struct Constant {};
-
-// Whether `What` is one of the things that a row names.
-template <auto What, auto... Named>
-inline constexpr bool names = (std::is_same_v<Constant<What>, Constant<Named>> || ...);
-
-ZEL_API const Value& argument(Arguments arguments, std::size_t index);
-ZEL_API void expectArguments(Arguments arguments, std::size_t count);
-ZEL_API Value nameList(const std::vector<Name>& names);
-
-template <class T>
-using Plain = std::remove_cvref_t<T>;
-
-template <class R>
-Value wrap(R&& result) {
-  return ValueTraits<Plain<R>>::toValue(result);
-}
-
-// What a member pointer points to, and what a member function takes.
-template <class T>
-struct MemberOf;
-template <class C, class M>
-struct MemberOf<M C::*> {
-  using type = M;
-};
-template <class R, class C, class... A>
-struct MemberOf<R (C::*)(A...)> {
-  static std::vector<Parameter> parameters(std::initializer_list<const char*> named) {
-    std::vector<Parameter> result;
-    [[maybe_unused]] auto name = named.begin();
-    (result.push_back({name != named.end() && *name ? *name++ : "", &ValueTraits<Plain<A>>::typeName}), ...);
-    return result;
-  }
-  static Value call(C& object, R (C::*function)(A...), Arguments arguments) {
-    expectArguments(arguments, sizeof...(A));
-    return call(object, function, arguments, std::index_sequence_for<A...>());
-  }
-
- private:
-  template <std::size_t... I>
-  static Value call(C& object, R (C::*function)(A...), [[maybe_unused]] Arguments arguments,
-                    std::index_sequence<I...>) {
-    std::tuple<Plain<A>...> values{ValueTraits<Plain<A>>::fromValue(argument(arguments, I))...};
-    if constexpr (std::is_void_v<R>) {
-      (object.*function)(std::get<I>(values)...);
-      return {};
-    } else {
-      return wrap((object.*function)(std::get<I>(values)...));
-    }
-  }
-};
-
-template <class T, auto Function>
-Value callMember(Notifier& object, Arguments arguments) {
-  return MemberOf<decltype(Function)>::call(static_cast<T&>(object), Function, arguments);
-}
-
-// What every row has: which things it names, and no handlers.
-struct Row {
-  const char* name;
-  Operations operations;
-
-  template <auto>
-  static constexpr bool has = false;
-  template <class N>
-  static void whole(N&) {}
-  template <class N>
-  static void key(N&, Name) {}
-  template <class N>
-  static void immediate(N&) {}
-
-  AttributeInfo start(Kind kind, TypeText type) const {
-    AttributeInfo info;
-    info.name = name;
-    info.kind = kind;
-    info.operations = operations;
-    info.type = type;
-    return info;
-  }
-  bool may(Operation operation) const { return allows(operations, operation); }
-};
-
-template <auto Member, auto On, auto Immediate>
-struct ValueRow : Row {
-  using M = typename MemberOf<decltype(Member)>::type;
-
-  template <auto What>
-  static constexpr bool has = names<What, Member>;
-  template <class N>
-  static void whole([[maybe_unused]] N& notifiee) {
-    if constexpr (!std::is_null_pointer_v<decltype(On)>) (notifiee.*On)();
-  }
-  template <class N>
-  static void immediate([[maybe_unused]] N& notifiee) {
-    if constexpr (!std::is_null_pointer_v<decltype(Immediate)>) (notifiee.*Immediate)();
-  }
-
-  template <class T>
-  AttributeInfo info() const;
-};
-
-template <auto Member, class NotifieeClass, void (NotifieeClass::*OnKey)(Name),
-          void (NotifieeClass::*Immediate)(), void (NotifieeClass::*On)()>
-struct CollectionRow : Row {
-  using M = typename MemberOf<decltype(Member)>::type;
-
-  template <auto What>
-  static constexpr bool has = names<What, Member>;
-  template <class N>
-  static void whole(N& notifiee) {
-    if constexpr (On != nullptr) (notifiee.*On)();
-  }
-  template <class N>
-  static void key(N& notifiee, Name name) {
-    if constexpr (OnKey != nullptr) (notifiee.*OnKey)(name);
-  }
-  template <class N>
-  static void immediate(N& notifiee) {
-    if constexpr (Immediate != nullptr) (notifiee.*Immediate)();
-  }
-};
-
-// A set of names.
-template <auto Member, class N, void (N::*OnKey)(Name), void (N::*Immediate)(), void (N::*On)()>
-struct NamesRow : CollectionRow<Member, N, OnKey, Immediate, On> {
-  template <class T>
-  AttributeInfo info() const;
-};
-
-// Objects that live in the collection (`Owned`), or that it only refers to.
-template <bool Owned, auto Member, class N, void (N::*OnKey)(Name), void (N::*Immediate)(), void (N::*On)()>
-struct MembersRow : CollectionRow<Member, N, OnKey, Immediate, On> {
-  template <class T>
-  AttributeInfo info() const;
-};
-
-// An attribute that is reached through functions. `Set` and `Del` may be null.
-template <auto Get, auto Set, auto Del>
-struct AccessorRow : Row {
-  template <auto What>
-  static constexpr bool has = names<What, Get, Set, Del>;
-  template <class T>
-  AttributeInfo info() const;
-};
-
-// A collection whose members are made and removed by functions of the class.
-template <auto Member, auto Is, auto Del>
-struct KeyedRow : Row {
-  template <auto What>
-  static constexpr bool has = names<What, Member, Is, Del>;
-  template <class T>
-  AttributeInfo info() const;
-};
-
-template <class R, class C, class... A>
-struct MemberOf<R (C::*)(A...) const> {
-  using result = Plain<R>;
-};
-
-template <auto Function>
-struct ProcedureRow : Row {
-  std::array<const char*, 4> parameters;
-  template <class T>
-  AttributeInfo info() const;
-};
-
-struct ReservedRow : Row {
-  template <class T>
-  AttributeInfo info() const {
-    return start(Kind::reserved, nullptr);
-  }
-};
-
-// Lets the rows reach a class's protected mutators.
-struct RowAccess;
-
-}  // namespace detail
-
-// The rows
-// ---------------------------------------------------------------------------------------------------
-
-namespace row {
-
-inline constexpr Operations kGet = only(Operation::get);
-inline constexpr Operations kGetSet = Operation::get | Operation::set;
-inline constexpr Operations kGetSetDelete = kGetSet | Operation::del;
-inline constexpr Operations kCollection = kGetSetDelete | Operation::iterate;
-
-// A plain member: a value, or a pointer to an object.
-template <auto Member, auto On = nullptr, auto Immediate = nullptr>
-constexpr detail::ValueRow<Member, On, Immediate> value(const char* name, Operations operations = kGetSet) {
-  return {{name, operations}};
-}
-template <auto Member, class N, void (N::*OnKey)(Name), void (N::*Immediate)(), void (N::*On)()>
-constexpr detail::NamesRow<Member, N, OnKey, Immediate, On> nameSet(const char* name) {
-  return {{{name, kGetSet | Operation::iterate}}};
-}
-template <auto Member, class N, void (N::*OnKey)(Name), void (N::*Immediate)(), void (N::*On)()>
-constexpr detail::MembersRow<true, Member, N, OnKey, Immediate, On> children(const char* name) {
-  return {{{name, kCollection}}};
-}
-template <auto Member, class N, void (N::*OnKey)(Name), void (N::*Immediate)(), void (N::*On)()>
-constexpr detail::MembersRow<false, Member, N, OnKey, Immediate, On> references(const char* name) {
-  return {{{name, kCollection}}};
-}
-template <auto Get, auto Set = nullptr, auto Del = nullptr>
-constexpr detail::AccessorRow<Get, Set, Del> accessor(const char* name) {
-  Operations operations = kGet;
-  if (!std::is_null_pointer_v<decltype(Set)>) operations = operations | only(Operation::set);
-  if (!std::is_null_pointer_v<decltype(Del)>) operations = operations | only(Operation::del);
-  return {{name, operations}};
-}
-template <auto Member, auto Is, auto Del>
-constexpr detail::KeyedRow<Member, Is, Del> keyed(const char* name) {
-  return {{name, kCollection}};
-}
-template <auto Function, class... Names>
-constexpr detail::ProcedureRow<Function> procedure(const char* name, Names... parameters) {
-  return {{name, only(Operation::invoke)}, {parameters...}};
-}
-// A position in the table that has no published entry.
-constexpr detail::ReservedRow reserved() { return {{"", 0}}; }
-
-}  // namespace row
-
-// Described
-// --------------------------------------------------------------------------------------------------
-
 // The base of a class with a table. T has `static constexpr auto attributes()`, `static const TypeNode&
-// typeNode()` and, where it is watched by typed reactors, a nested class NotifieeConst.
+// typeNode()` and, where typed reactors watch it, a nested class NotifieeConst.
 template <class T, class Base>
 class Described : public Typed<T, Base> {
  public:
@@ -287,49 +53,55 @@ class Described : public Typed<T, Base> {
   static constexpr AttributeIndex endAttribute() {
     return firstAttribute() + static_cast<AttributeIndex>(std::tuple_size_v<decltype(T::attributes())>);
   }
-  // The index of the attribute whose row names `What`.
+  // The index of the attribute whose descriptor names `What`.
   template <auto What>
   static constexpr AttributeIndex indexOf() {
-    constexpr auto found = []<class... Rows>(const std::tuple<Rows...>&) {
+    constexpr auto found = []<class... Declared>(const std::tuple<Declared...>&) {
       AttributeIndex index = 0;
-      const bool any = ((Rows::template has<What> || (++index, false)) || ...);
-      return any ? index : AttributeIndex{sizeof...(Rows)};
+      const bool any = ((Declared::template has<What> || (++index, false)) || ...);
+      return any ? index : AttributeIndex{sizeof...(Declared)};
     }(T::attributes());
-    static_assert(firstAttribute() + found < endAttribute(), "no row of the class's table names this");
+    static_assert(firstAttribute() + found < endAttribute(), "no attribute of the class's table names this");
     return firstAttribute() + found;
   }
 
-  // The descriptor, for typeNode() to keep. `newEntityForDir` is null for types that no directory makes.
+  // The type's descriptor, for typeNode() to keep. `newEntityForDir` is null for types that no directory
+  // makes.
   static TypeNode describe(const char* name, TypeNode::NewForDir newEntityForDir = nullptr) {
     const TypeNode* base = nullptr;
     if constexpr (requires { Base::typeNode(); }) base = &Base::typeNode();
-    std::vector<AttributeInfo> rows;
-    std::apply([&](const auto&... row) { (rows.push_back(row.template info<T>()), ...); }, T::attributes());
+    std::vector<AttributeInfo> infos;
+    std::apply([&](const auto&... each) { (infos.push_back(each.template info<T>()), ...); },
+               T::attributes());
     if constexpr (!std::is_base_of_v<Entity, T>)
-      for (AttributeInfo& row : rows) row.stored = false;
-    return TypeNode(name, base, std::move(rows), &dispatch, newEntityForDir);
+      for (AttributeInfo& info : infos) info.stored = false;
+    return TypeNode(name, base, std::move(infos), &dispatch, newEntityForDir);
   }
 
   // Performs one generic operation on an attribute of this class's own range.
   static Value dispatch(Notifier& object, Operation operation, AttributeIndex index, Arguments arguments,
-                        bool& handled);
+                        bool& handled) {
+    handled = index >= firstAttribute() && index < endAttribute();
+    if (!handled) return {};
+    return perform(T::typeNode(), T::typeNode().attribute(index), object, operation, arguments);
+  }
 
   // Call a handler of `notifiee` for the attribute at `index`. For NotifieeOf.
   template <class N>
   static void handleMark(N& notifiee, AttributeIndex index) {
-    withRow(index, [&]<class R>(const R&) { R::whole(notifiee); });
+    withAttribute(index, [&]<class A>(const A&) { A::whole(notifiee); });
   }
   template <class N>
   static void handleKey(N& notifiee, AttributeIndex index, Name key) {
-    withRow(index, [&]<class R>(const R&) { R::key(notifiee, key); });
+    withAttribute(index, [&]<class A>(const A&) { A::key(notifiee, key); });
   }
   template <class N>
   static void handleImmediate(N& notifiee, AttributeIndex index) {
-    withRow(index, [&]<class R>(const R&) { R::immediate(notifiee); });
+    withAttribute(index, [&]<class A>(const A&) { A::immediate(notifiee); });
   }
 
  protected:
-  friend struct detail::RowAccess;
+  friend struct detail::MutatorAccess;
 
   // A plain member: stores and announces a value that differs.
   template <auto Member, class V>
@@ -379,7 +151,7 @@ class Described : public Typed<T, Base> {
     announceKey<Member>(name);
     return child;
   }
-  // An object made elsewhere, under its own name; it takes the place of another one of that name in one step.
+  // An object made elsewhere, under its own name; it replaces another of that name in one step.
   template <auto Member, class Child>
   void childIs(const Ptr<Child>& child) {
     if (!child) throwRangeException("null ValidPtr");
@@ -415,7 +187,7 @@ class Described : public Typed<T, Base> {
   void childDelAll() {
     childrenAre<Member>(std::vector<decltype((static_cast<T&>(*this).*Member).find(Name()))>{});
   }
-  // For the destructor of a class with children: they outlive it without a parent where somebody holds them.
+  // For the destructor of a class with children: those that something still holds live on without a parent.
   template <auto Member>
   void orphanChildren() {
     for (const auto& child : static_cast<T&>(*this).*Member) disown(*child);
@@ -454,16 +226,16 @@ class Described : public Typed<T, Base> {
     child.ownerIs(nullptr);
   }
 
-  // Calls `function` with the row at `index`, where it is one of this class's own.
+  // Calls `function` with the descriptor at `index` if the attribute is one of this class's own.
   template <class Function>
-  static void withRow(AttributeIndex index, Function&& function) {
+  static void withAttribute(AttributeIndex index, Function&& function) {
     AttributeIndex at = firstAttribute();
-    const auto tries = [&](const auto& row) {
+    const auto tries = [&](const auto& attribute) {
       const bool found = at++ == index;
-      if (found) function(row);
+      if (found) function(attribute);
       return found;
     };
-    std::apply([&](const auto&... row) { static_cast<void>((tries(row) || ...)); }, T::attributes());
+    std::apply([&](const auto&... each) { static_cast<void>((tries(each) || ...)); }, T::attributes());
   }
 };
 
@@ -474,7 +246,7 @@ class NotifieeOf : public NotifieeBase {
   NotifieeOf() = default;
   explicit NotifieeOf(const Ptr<const X>& notifier) { NotifieeOf::notifierIs(notifier); }
 
-  // The object that is watched; null where there is none. This reactor holds a reference to it.
+  // The watched object, null if there is none. The reactor holds a reference to it.
   const X* notifier() const { return static_cast<const X*>(this->notifierBase()); }
 
  protected:
@@ -488,187 +260,5 @@ class NotifieeOf : public NotifieeBase {
  private:
   auto& typed() { return static_cast<typename X::NotifieeConst&>(*this); }
 };
-
-// How the rows do what they do
-// --------------------------------------------------------------------------------
-
-namespace detail {
-
-struct RowAccess {
-  template <auto Member, class T, class V>
-  static void set(T& object, const V& value) {
-    object.template set<Member>(value);
-  }
-  template <auto Member, class T>
-  static void namesAre(T& object, const NameSet& names) {
-    object.template namesAre<Member>(names);
-  }
-  template <auto Member, class T>
-  static Value childIs(T& object, Name name) {
-    return wrap(object.template childIs<Member>(name));
-  }
-  template <auto Member, class T>
-  static Value childDel(T& object, Name name) {
-    return wrap(object.template childDel<Member>(name));
-  }
-  template <auto Member, class T, class M>
-  static void referenceIs(T& object, const Ptr<M>& member) {
-    object.template referenceIs<Member>(member);
-  }
-  template <auto Member, class T>
-  static Value referenceDel(T& object, Name name) {
-    return wrap(object.template referenceDel<Member>(name));
-  }
-};
-
-template <class T, auto Member>
-const auto& memberOf(const Notifier& object) {
-  return static_cast<const T&>(object).*Member;
-}
-
-// One member of a keyed collection, or with no key the list of the keys.
-template <class T, auto Member>
-std::vector<Name> memberKeys(const Notifier& object) {
-  const auto& members = memberOf<T, Member>(object);
-  std::vector<Name> keys;
-  keys.reserve(members.size());
-  for (auto at = members.begin(); at != members.end(); ++at) keys.push_back(at.key());
-  return keys;
-}
-template <class T, auto Member>
-Value memberGet(const Notifier& object, Arguments arguments) {
-  if (arguments.empty()) return nameList(memberKeys<T, Member>(object));
-  return wrap(memberOf<T, Member>(object).find(ValueTraits<Name>::fromValue(argument(arguments, 0))));
-}
-
-template <auto Member, auto On, auto Immediate>
-template <class T>
-AttributeInfo ValueRow<Member, On, Immediate>::info() const {
-  constexpr bool pointer = requires { typename M::element_type; };
-  AttributeInfo info = start(pointer ? Kind::pointer : Kind::value, &ValueTraits<M>::typeName);
-  info.get = [](const Notifier& object, Arguments) { return wrap(memberOf<T, Member>(object)); };
-  if (!may(Operation::set)) return info;
-  info.set = [](Notifier& object, Arguments arguments) {
-    expectArguments(arguments, 1);
-    RowAccess::set<Member>(static_cast<T&>(object), ValueTraits<M>::fromValue(arguments[0]));
-    return Value();
-  };
-  info.stored = !pointer;
-  info.reset = [](Notifier& object) { RowAccess::set<Member>(static_cast<T&>(object), M{}); };
-  info.check = [](const Value& value) { checkValue<M>(value); };
-  return info;
-}
-
-template <auto Member, class N, void (N::*OnKey)(Name), void (N::*Immediate)(), void (N::*On)()>
-template <class T>
-AttributeInfo NamesRow<Member, N, OnKey, Immediate, On>::info() const {
-  AttributeInfo info = this->start(Kind::names, &ValueTraits<NameSet>::typeName);
-  info.get = [](const Notifier& object, Arguments) { return wrap(memberOf<T, Member>(object)); };
-  info.set = [](Notifier& object, Arguments arguments) {
-    expectArguments(arguments, 1);
-    RowAccess::namesAre<Member>(static_cast<T&>(object), ValueTraits<NameSet>::fromValue(arguments[0]));
-    return Value();
-  };
-  info.keys = &memberKeys<T, Member>;
-  info.stored = true;
-  info.reset = [](Notifier& object) { RowAccess::namesAre<Member>(static_cast<T&>(object), NameSet{}); };
-  info.check = [](const Value& value) { checkValue<NameSet>(value); };
-  return info;
-}
-
-template <bool Owned, auto Member, class N, void (N::*OnKey)(Name), void (N::*Immediate)(), void (N::*On)()>
-template <class T>
-AttributeInfo MembersRow<Owned, Member, N, OnKey, Immediate, On>::info() const {
-  using Element = typename MemberOf<decltype(Member)>::type::member_type;
-  AttributeInfo info = this->start(Kind::collection, &ValueTraits<Ptr<Element>>::typeName);
-  info.get = &memberGet<T, Member>;
-  info.keys = &memberKeys<T, Member>;
-  if constexpr (Owned) {
-    info.stored = true;
-    info.member = [](const Notifier& object, Name key) -> Entity* {
-      return memberOf<T, Member>(object).get(key);
-    };
-    if constexpr (std::is_same_v<Element, Entity>) {  // entries of any type: the caller says which
-      info.direct = true;
-      info.set = [](Notifier& object, Arguments arguments) {
-        expectArguments(arguments, 2);
-        return wrap(static_cast<T&>(object).entryIs(ValueTraits<Name>::fromValue(arguments[0]),
-                                                    ValueTraits<String>::fromValue(arguments[1])));
-      };
-    } else {
-      info.memberType = &Element::typeNode;
-      info.set = [](Notifier& object, Arguments arguments) {
-        expectArguments(arguments, 1);
-        return RowAccess::childIs<Member>(static_cast<T&>(object),
-                                          ValueTraits<Name>::fromValue(arguments[0]));
-      };
-    }
-    info.del = [](Notifier& object, Arguments arguments) {
-      expectArguments(arguments, 1);
-      return RowAccess::childDel<Member>(static_cast<T&>(object), ValueTraits<Name>::fromValue(arguments[0]));
-    };
-  } else {
-    info.set = [](Notifier& object, Arguments arguments) {
-      expectArguments(arguments, 1);
-      RowAccess::referenceIs<Member>(static_cast<T&>(object),
-                                     ValueTraits<Ptr<Element>>::fromValue(arguments[0]));
-      return Value();
-    };
-    info.del = [](Notifier& object, Arguments arguments) {
-      expectArguments(arguments, 1);
-      return RowAccess::referenceDel<Member>(static_cast<T&>(object),
-                                             ValueTraits<Name>::fromValue(arguments[0]));
-    };
-  }
-  return info;
-}
-
-template <auto Get, auto Set, auto Del>
-template <class T>
-AttributeInfo AccessorRow<Get, Set, Del>::info() const {
-  using R = typename MemberOf<decltype(Get)>::result;
-  constexpr bool pointer = requires { typename R::element_type; };
-  AttributeInfo info = start(pointer ? Kind::pointer : Kind::value, &ValueTraits<R>::typeName);
-  info.get = [](const Notifier& object, Arguments) { return wrap((static_cast<const T&>(object).*Get)()); };
-  if constexpr (!std::is_null_pointer_v<decltype(Set)>) {
-    info.set = &callMember<T, Set>;
-    info.parameters = MemberOf<decltype(Set)>::parameters({});
-  }
-  if constexpr (!std::is_null_pointer_v<decltype(Del)>) info.del = &callMember<T, Del>;
-  return info;
-}
-
-template <auto Member, auto Is, auto Del>
-template <class T>
-AttributeInfo KeyedRow<Member, Is, Del>::info() const {
-  using Element = typename MemberOf<decltype(Member)>::type::member_type;
-  AttributeInfo info = start(Kind::collection, &ValueTraits<Ptr<Element>>::typeName);
-  info.get = &memberGet<T, Member>;
-  info.keys = &memberKeys<T, Member>;
-  info.set = &callMember<T, Is>;
-  info.del = &callMember<T, Del>;
-  info.parameters = MemberOf<decltype(Is)>::parameters({});
-  return info;
-}
-
-template <auto Function>
-template <class T>
-AttributeInfo ProcedureRow<Function>::info() const {
-  AttributeInfo info = start(Kind::procedure, nullptr);
-  info.invoke = &callMember<T, Function>;
-  info.parameters =
-      MemberOf<decltype(Function)>::parameters({parameters[0], parameters[1], parameters[2], parameters[3]});
-  return info;
-}
-
-}  // namespace detail
-
-template <class T, class Base>
-Value Described<T, Base>::dispatch(Notifier& object, Operation operation, AttributeIndex index,
-                                   Arguments arguments, bool& handled) {
-  handled = index >= firstAttribute() && index < endAttribute();
-  if (!handled) return {};
-  return perform(T::typeNode(), T::typeNode().attribute(index), object, operation, arguments);
-}
 
 }  // namespace Zel

@@ -18,7 +18,7 @@ class ZEL_API Dir : public Described<Dir, Entity> {
   static constexpr auto attributes() {
     using N = NotifieeConst;
     return std::tuple{
-        row::children<&Dir::entries_, N, &N::onEntry, &N::onEntryzelImmediate, &N::onEntry>("entries")};
+        attribute::children<&Dir::entries_, N, &N::onEntry, &N::onEntryzelImmediate, &N::onEntry>("entries")};
   }
   static const TypeNode& typeNode();
 

@@ -30,8 +30,9 @@ void Entity::ownerIs(Entity* owner) {
 }
 
 const char* Entity::collectionOf(const Entity& member) const {
-  for (const AttributeInfo* row : fwkType().storedAttributes())
-    if (row->member && row->member(*this, member.name()) == &member) return row->direct ? "" : row->name;
+  for (const AttributeInfo* attribute : fwkType().storedAttributes())
+    if (attribute->member && attribute->member(*this, member.name()) == &member)
+      return attribute->direct ? "" : attribute->name;
   return "";
 }
 

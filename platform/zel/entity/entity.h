@@ -14,7 +14,8 @@ namespace Zel {
 class ZEL_API Entity : public Described<Entity, Notifier> {
  public:
   static constexpr auto attributes() {
-    return std::tuple{row::accessor<&Entity::name>("name"), row::accessor<&Entity::parentEntity>("parent")};
+    return std::tuple{attribute::accessor<&Entity::name>("name"),
+                      attribute::accessor<&Entity::parentEntity>("parent")};
   }
   static const TypeNode& typeNode();
 

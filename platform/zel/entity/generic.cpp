@@ -19,26 +19,26 @@ std::string operationTexts(Operations operations) {
 
 }  // namespace
 
-Value perform(const TypeNode& type, const AttributeInfo& row, Notifier& object, Operation operation,
+Value perform(const TypeNode& type, const AttributeInfo& attribute, Notifier& object, Operation operation,
               Arguments arguments) {
-  if (row.kind == Kind::reserved) return {};
-  if (!allows(row.operations, operation))
-    throwOperationNotSupportedException(
-        String("operation " + std::string(operationText(operation)) + " is not supported on '" + row.name +
-               "' of " + type.name().stdString() + "; it allows " + operationTexts(row.operations)));
+  if (attribute.kind == Kind::reserved) return {};
+  if (!allows(attribute.operations, operation))
+    throwOperationNotSupportedException(String(
+        "operation " + std::string(operationText(operation)) + " is not supported on '" + attribute.name +
+        "' of " + type.name().stdString() + "; it allows " + operationTexts(attribute.operations)));
   switch (operation) {
     case Operation::get:
-      return row.get(object, arguments);
+      return attribute.get(object, arguments);
     case Operation::set:
-      return row.set(object, arguments);
+      return attribute.set(object, arguments);
     case Operation::del:
-      return row.del(object, arguments);
+      return attribute.del(object, arguments);
     case Operation::invoke:
-      return row.invoke(object, arguments);
+      return attribute.invoke(object, arguments);
     case Operation::iterate:
       break;
   }
-  return detail::nameList(row.keys(object));
+  return detail::nameList(attribute.keys(object));
 }
 
 Value GenericIf::perform(Notifier& object, Operation operation, AttributeIndex index, Arguments arguments) {
@@ -62,8 +62,8 @@ Value GenericIf::perform(Notifier& object, Operation operation, std::string_view
         "'" + std::string(attribute) + "' is no attribute of " + type.name().stdString() + "; it has";
     const char* separator = " ";
     for (AttributeIndex i = 0; i < type.endIndex(); ++i)
-      if (const auto& row = type.attribute(i); row.kind != Kind::reserved)
-        text += std::exchange(separator, ", ") + std::string(row.name);
+      if (const auto& each = type.attribute(i); each.kind != Kind::reserved)
+        text += std::exchange(separator, ", ") + std::string(each.name);
     throwRangeException(text.c_str());
   }
   return perform(object, operation, index, arguments);

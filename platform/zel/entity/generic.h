@@ -24,8 +24,8 @@ class ZEL_API GenericIf {
                        Arguments arguments = {});
 };
 
-// One row's share of it; for dispatch operations.
-ZEL_API Value perform(const TypeNode& type, const AttributeInfo& row, Notifier& object, Operation operation,
-                      Arguments arguments);
+// The same for one attribute, for dispatch operations.
+ZEL_API Value perform(const TypeNode& type, const AttributeInfo& attribute, Notifier& object,
+                      Operation operation, Arguments arguments);
 
 }  // namespace Zel

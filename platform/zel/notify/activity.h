@@ -1,6 +1,11 @@
 // The activity manager: the loop that delivers notifications and clock expiries, as an object that can be
 // stepped.
 //
+//     ActivityManager manager;  // the process's current one while it lives
+//     manager.post([] { start(); });
+//     for (double next = manager.step(); running; next = manager.step())
+//       poll(descriptors, next - System::currentTime());
+//
 // The host waits on its file descriptors around step(); nothing here blocks. Activity thread only.
 #pragma once
 

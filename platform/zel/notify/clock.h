@@ -1,4 +1,12 @@
 // Time, and the clock that wakes reactors.
+//
+//     struct Blinker : Reactor<Blinker, Clock::NotifieeConst> {
+//       static constexpr const char* kTypeName = "Example::Blinker";
+//       using Reactor::Reactor;
+//       void onTime() override { timeMinIs(timeMin() + 0.5); }
+//     };
+//     const auto blinker = allocate<Blinker>(activityManager().clock());
+//     blinker->timeMinIs(System::currentTime());
 #pragma once
 
 #include <array>

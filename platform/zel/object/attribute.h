@@ -1,5 +1,6 @@
-// What the framework knows of an attribute: the row of a type's table that the generic interface, the stores
-// and the documentation read. Rows are made by the declarations in described.h; nobody writes one by hand.
+// The attribute descriptor: what the generic interface, the stores and the documentation know of an
+// attribute. Made from a class's declarations (platform/zel/entity/declarations.h); nobody writes one by
+// hand.
 #pragma once
 
 #include <cstdint>

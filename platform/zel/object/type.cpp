@@ -43,25 +43,27 @@ void AllocTrackTypeInfo::trackDeallocation(const TypeNode& type, std::size_t siz
 
 namespace {
 
-std::vector<AttributeInfo> labelled(std::vector<AttributeInfo> rows) {
-  for (AttributeInfo& row : rows) row.label = row.kind == Kind::reserved ? Name() : Name(row.name);
-  return rows;
+std::vector<AttributeInfo> labelled(std::vector<AttributeInfo> attributes) {
+  for (AttributeInfo& attribute : attributes)
+    attribute.label = attribute.kind == Kind::reserved ? Name() : Name(attribute.name);
+  return attributes;
 }
 
-std::vector<const AttributeInfo*> storedOf(const TypeNode* base, const std::vector<AttributeInfo>& rows) {
+std::vector<const AttributeInfo*> storedOf(const TypeNode* base,
+                                           const std::vector<AttributeInfo>& attributes) {
   auto stored = base ? base->storedAttributes() : std::vector<const AttributeInfo*>();
-  for (const AttributeInfo& row : rows)
-    if (row.stored) stored.push_back(&row);
+  for (const AttributeInfo& attribute : attributes)
+    if (attribute.stored) stored.push_back(&attribute);
   return stored;
 }
 
 }  // namespace
 
-TypeNode::TypeNode(const char* name, const TypeNode* base, std::vector<AttributeInfo> rows,
+TypeNode::TypeNode(const char* name, const TypeNode* base, std::vector<AttributeInfo> attributes,
                    Dispatch dispatchOperation, NewForDir newForDir)
     : name_(name),
       base_(base),
-      attributes_(labelled(std::move(rows))),
+      attributes_(labelled(std::move(attributes))),
       stored_(storedOf(base, attributes_)),
       firstIndex_(base ? base->endIndex() : 0),
       dispatch_(dispatchOperation),
@@ -77,8 +79,9 @@ const AttributeInfo& TypeNode::attribute(AttributeIndex index) const {
 }
 
 AttributeIndex TypeNode::indexOf(std::string_view name) const {
-  const auto found = std::ranges::find_if(
-      attributes_, [&](const AttributeInfo& row) { return row.kind != Kind::reserved && row.name == name; });
+  const auto found = std::ranges::find_if(attributes_, [&](const AttributeInfo& attribute) {
+    return attribute.kind != Kind::reserved && attribute.name == name;
+  });
   if (found != attributes_.end())
     return firstIndex_ + static_cast<AttributeIndex>(found - attributes_.begin());
   const AttributeIndex inherited = base_ ? base_->indexOf(name) : 0;

@@ -44,7 +44,7 @@ class ZEL_API TypeNode {
   using Dispatch = Value (*)(Notifier& object, Operation operation, AttributeIndex index, Arguments arguments,
                              bool& handled);
 
-  TypeNode(const char* name, const TypeNode* base, std::vector<AttributeInfo> rows,
+  TypeNode(const char* name, const TypeNode* base, std::vector<AttributeInfo> attributes,
            Dispatch dispatchOperation, NewForDir newForDir);
   TypeNode(const TypeNode&) = delete;
   TypeNode& operator=(const TypeNode&) = delete;
@@ -58,18 +58,18 @@ class ZEL_API TypeNode {
   NewForDir newEntityForDir() const { return newEntityForDir_; }
   Dispatch dispatch() const { return dispatch_; }
 
-  // The type's own rows; the first has index firstIndex().
+  // The type's own attributes; the first has index firstIndex().
   const std::vector<AttributeInfo>& attributes() const { return attributes_; }
   AttributeIndex firstIndex() const { return firstIndex_; }
   AttributeIndex endIndex() const { return firstIndex_ + static_cast<AttributeIndex>(attributes_.size()); }
-  // The rows that stores hold, the bases' first.
+  // The attributes that stores hold, the bases' first.
   const std::vector<const AttributeInfo*>& storedAttributes() const { return stored_; }
-  // The row at an index of this type or of a base. REQUIRES: index < endIndex().
+  // The attribute at an index of this type or of a base. REQUIRES: index < endIndex().
   const AttributeInfo& attribute(AttributeIndex index) const;
-  // The index of the published attribute of that name, the type's own rows before its base's; endIndex()
+  // The index of the published attribute of that name, the type's own before its base's; endIndex()
   // where there is none.
   AttributeIndex indexOf(std::string_view name) const;
-  // The row of that name; null where there is none. The second touches no text.
+  // The attribute of that name; null where there is none. The second compares no text.
   const AttributeInfo* find(std::string_view name) const;
   const AttributeInfo* find(Name name) const;
 

@@ -17,7 +17,7 @@ class ZEL_API Config : public Zel::Described<Config, Zel::Entity> {
   static constexpr auto attributes() {
     using N = NotifieeConst;
     return std::tuple{
-        Zel::row::value<&Config::pollInterval_, &N::onPollInterval, &N::onPollIntervalzelImmediate>(
+        Zel::attribute::value<&Config::pollInterval_, &N::onPollInterval, &N::onPollIntervalzelImmediate>(
             "pollInterval")};
   }
   static const Zel::TypeNode& typeNode();

@@ -1,0 +1,20 @@
+// Where the entities of the LED model stand in the state database.
+#pragma once
+
+namespace Paths {
+
+// The LEDs' settings: Hardware::Led::LedSystemConfigDir.
+inline constexpr char kLeds[] = "hardware/led/config";
+inline constexpr char kInitialLeds[] = "hardware/led/configInit";
+// The mapping from LEDs to pins: Hardware::Gpio::GpioLedSystemConfigDir. Above it a directory.
+inline constexpr char kMappings[] = "hardware/gpio/config/led";
+inline constexpr char kGpio[] = "hardware/gpio/config";
+// Directories by the pins' names: Hardware::Gpio::CorvelPinConfig, GpioLineInit and GpioLineStatus.
+inline constexpr char kPins[] = "hardware/corvel/gpio/config";
+inline constexpr char kWirings[] = "hardware/corvel/gpio/init";
+inline constexpr char kLineStatus[] = "hardware/corvel/gpio/status";
+// Mounted by LED agents beside the LEDs.
+inline constexpr char kFans[] = "hardware/fanController/config";
+inline constexpr char kCooling[] = "environment/cooling/config";  // Environment::Cooling::Config
+
+}  // namespace Paths

@@ -1,0 +1,227 @@
+#include "platform/statedb/mount/rowapplier.h"
+
+#include "platform/statedb/store/schema.h"
+
+namespace Statedb {
+
+namespace {
+
+Zel::Name typeOf(const Zel::Entity& entity) { return entity.fwkType().name(); }
+
+// Calls `function` for each member of the entity's collections with its path.
+template <class Function>
+void forEachMember(const Zel::Entity& entity, Path path, Function&& function) {
+  for (const Zel::AttributeInfo* attribute : entity.fwkType().storedAttributes()) {
+    if (attribute->kind != Zel::Kind::collection) continue;
+    for (const Zel::Name key : attribute->keys(entity)) function(memberPath(path, *attribute, key));
+  }
+}
+
+void set(Zel::Entity& entity, Zel::Name type, Zel::Name attribute, const Zel::Value& value) {
+  const Zel::AttributeInfo* found = entity.fwkType().find(attribute);
+  if (!found || !found->stored || !found->set || !found->check) return checkRow(type, attribute, value);
+  found->set(entity, {&value, 1});
+}
+
+// Adds the record, and the paths between it and the top.
+void addPresent(std::unordered_map<Path, const Record*>& present, const Record& record, Path top) {
+  present[record.path] = &record;
+  for (Path above = record.path; above != top;) {
+    above = above.parent();
+    if (!present.try_emplace(above).second) break;
+  }
+}
+
+}  // namespace
+
+void RowApplier::apply(const Changes& changes) {
+  for (const Change& change : changes) {
+    if (isWaiting() || mustWait(change))
+      queue_.push_back(change);
+    else
+      apply(change);
+  }
+}
+
+void RowApplier::removalsDelivered() {
+  removed_.clear();
+  applyWaiting();
+}
+
+// Whether the entity at `path`, or one above it, was removed in this pass.
+bool RowApplier::waitsForDelivery(Path path) const {
+  if (removed_.empty()) return false;
+  for (; !path.empty(); path = path.parent())
+    if (removed_.contains(path)) return true;
+  return false;
+}
+
+bool RowApplier::mustWait(const Change& change) const {
+  return change.kind == Change::Kind::put && waitsForDelivery(change.row.path);
+}
+
+void RowApplier::applyWaiting() {
+  for (; isWaiting() && !mustWait(queue_.front()); queue_.pop_front()) apply(queue_.front());
+}
+
+void RowApplier::apply(const Change& change) {
+  const Row& row = change.row;
+  try {
+    if (change.kind == Change::Kind::del)
+      remove(row.path);
+    else if (change.kind == Change::Kind::unset)
+      unset(row);
+    else
+      put(row);
+  } catch (const std::exception& error) {
+    refuse(row, error.what());
+  }
+}
+
+void RowApplier::refuse(const Row& row, const std::string& why) {
+  if (row.attribute.empty()) refusedEntities_[row.path] = {row.path, row.type, why};
+  refusals_.add(row, why);
+}
+
+const RowApplier::Refused* RowApplier::refusedAtOrAbove(Path path) const {
+  for (; !path.empty(); path = path.parent())
+    if (const auto found = refusedEntities_.find(path); found != refusedEntities_.end())
+      return &found->second;
+  return nullptr;
+}
+
+void RowApplier::put(const Row& row) {
+  const auto entity = ensureOfType(row.path, row.type);
+  if (row.attribute.empty())
+    refusedEntities_.erase(row.path);
+  else
+    set(*entity, row.type, row.attribute, row.value);
+  noteValues(entity, row.path);
+}
+
+void RowApplier::unset(const Row& row) {
+  const auto entity = tree_.find(row.path).entity;
+  const Zel::AttributeInfo* attribute = entity ? entity->fwkType().find(row.attribute) : nullptr;
+  if (!attribute || !attribute->reset) return;
+  attribute->reset(*entity);
+  noteValues(entity, row.path);
+}
+
+void RowApplier::noteValues(const Zel::Ptr<Zel::Entity>& entity, Path path) {
+  publishers_.with(entity, path, [](PublishedEntity& published) { published.noteValues(); });
+}
+
+// Entities
+// ----------------------------------------------------------------------------------------------------
+
+Zel::Ptr<Zel::Entity> RowApplier::ensure(Path path, Zel::Name type) {
+  return tree_
+      .findOrMake(path, [&](const Found& at) { return make(at, at.whole ? type : typeOnTheWay(at.path)); })
+      .entity;
+}
+
+Zel::Ptr<Zel::Entity> RowApplier::ensureOfType(Path path, Zel::Name type) {
+  auto entity = ensure(path, type);
+  if (typeOf(*entity) != type)
+    throw Zel::ValueError("found type " + type.stdString() + ", the entity is a " +
+                          typeOf(*entity).stdString());
+  return entity;
+}
+
+Zel::Ptr<Zel::Entity> RowApplier::make(const Found& at, Zel::Name type) {
+  if (!at.whole && !at.collection->direct)
+    throw Zel::ValueError("there is no entity at '" + at.path.text() + "'");
+  const auto made = newMember(at, type);
+  publishers_.with(at.parent, at.path,
+                   [&](PublishedEntity& above) { above.adopt(*at.collection, at.key, made); });
+  return made;
+}
+
+// The type of an entity that has no row but stands above one: the mounted type, or a directory.
+Zel::Name RowApplier::typeOnTheWay(Path path) const {
+  const Zel::Name mounted = mounts_.typeAt(path);
+  return mounted.empty() ? Zel::Dir::typeNode().name() : mounted;
+}
+
+// Removes an entity. A mounted one, or one above a mount, stays and is emptied.
+void RowApplier::remove(Path path) {
+  std::erase_if(refusedEntities_, [&](const auto& refused) { return refused.first.isUnder(path); });
+  const Found found = tree_.find(path);
+  if (!found.entity) return;
+  if (path.empty() || mounts_.isAtOrUnder(path)) return clear(*found.entity, path);
+  publishers_.with(found.parent, path,
+                   [&](PublishedEntity& above) { above.forget(*found.collection, found.key); });
+  removeMember(found);
+  removed_.insert(path);
+}
+
+void RowApplier::clear(Zel::Entity& entity, Path path) {
+  forEachMember(entity, path, [&](Path member) { remove(member); });
+  for (const Zel::AttributeInfo* attribute : entity.fwkType().storedAttributes())
+    if (attribute->reset) attribute->reset(entity);
+}
+
+// Snapshots
+// ----------------------------------------------------------------------------------------------------
+
+void RowApplier::applySnapshot(Path path, const Records& records) {
+  std::erase_if(queue_, [&](const Change& change) { return change.row.path.isUnder(path); });
+  if (const auto top = tree_.entityAt(path)) {
+    Present present;
+    for (const Record* record : records) addPresent(present, *record, path);
+    removeAbsent(*top, path, present);
+  }
+  for (const Record* record : records) put(*record);
+  applyWaiting();
+}
+
+void RowApplier::removeAbsent(Zel::Entity& entity, Path path, const Present& present) {
+  const auto found = present.find(path);
+  const Record* record = found == present.end() ? nullptr : found->second;
+  for (const Zel::AttributeInfo* attribute : entity.fwkType().storedAttributes())
+    if (attribute->reset && (!record || !record->find(attribute->label))) attribute->reset(entity);
+  forEachMember(entity, path, [&](Path each) {
+    const auto member = tree_.find(each).entity;
+    if (member && present.contains(each))
+      removeAbsent(*member, each, present);
+    else if (member)
+      remove(each);
+  });
+}
+
+void RowApplier::put(const Record& record) {
+  if (isWaiting() || waitsForDelivery(record.path)) return putLater(record);
+  Zel::Ptr<Zel::Entity> entity;
+  try {
+    entity = ensureOfType(record.path, record.type);
+  } catch (const std::exception& error) {
+    return refuseAll(record, error.what());
+  }
+  refusedEntities_.erase(record.path);
+  putAttributes(record, *entity);
+  noteValues(entity, record.path);
+}
+
+void RowApplier::putLater(const Record& record) {
+  queue_.push_back(Change::put(record.path, record.type, {}, {}));
+  for (const Attribute& each : record.attributes)
+    queue_.push_back(Change::put(record.path, record.type, each.name, each.value));
+}
+
+void RowApplier::putAttributes(const Record& record, Zel::Entity& entity) {
+  for (const Attribute& each : record.attributes) {
+    try {
+      set(entity, record.type, each.name, each.value);
+    } catch (const std::exception& error) {
+      refuse({record.path, record.type, each.name, each.value}, error.what());
+    }
+  }
+}
+
+void RowApplier::refuseAll(const Record& record, const std::string& why) {
+  refuse({record.path, record.type, {}, {}}, why);
+  for (const Attribute& each : record.attributes)
+    refuse({record.path, record.type, each.name, each.value}, why);
+}
+
+}  // namespace Statedb

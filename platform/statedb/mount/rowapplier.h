@@ -1,0 +1,78 @@
+// Applies a store's rows to the entities. Internal to the entity manager.
+#pragma once
+
+#include <deque>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "platform/statedb/mount/entitytree.h"
+#include "platform/statedb/mount/mounttable.h"
+#include "platform/statedb/mount/publisher.h"
+#include "platform/statedb/mount/refusals.h"
+#include "platform/statedb/store/row.h"
+
+namespace Statedb {
+
+// A row that does not fit is refused and logged, and the rest goes on. A put under a path that was removed in
+// this pass waits until reactors were notified of the removal; the changes after it wait as well, so that
+// their order is kept.
+class RowApplier {
+ public:
+  RowApplier(EntityTree& tree, const MountTable& mounts, Publishers& publishers, Refusals& refusals)
+      : tree_(tree), mounts_(mounts), publishers_(publishers), refusals_(refusals) {}
+
+  void apply(const Changes& changes);
+  // Makes everything under `path` equal to the records: removes what they lack first, leaves equal values
+  // alone.
+  void applySnapshot(Path path, const Records& records);
+
+  // The removals of this pass were delivered: applies the changes that waited for them.
+  void removalsDelivered();
+  bool isWaiting() const { return !queue_.empty(); }
+
+  // The entity at a path, made if it is missing, as are those above it. Throws ValueError.
+  Zel::Ptr<Zel::Entity> ensure(Path path, Zel::Name type);
+
+  // An entity that is in the store and could not be made here.
+  struct Refused {
+    Path path;
+    Zel::Name type;
+    std::string why;
+  };
+  // The innermost one at the path or above it; null if there is none.
+  const Refused* refusedAtOrAbove(Path path) const;
+
+ private:
+  // The records of a snapshot by path, and null for each path above one.
+  using Present = std::unordered_map<Path, const Record*>;
+
+  bool waitsForDelivery(Path path) const;
+  bool mustWait(const Change& change) const;
+  void applyWaiting();
+  void apply(const Change& change);
+  void put(const Row& row);
+  void put(const Record& record);
+  void putLater(const Record& record);
+  void putAttributes(const Record& record, Zel::Entity& entity);
+  void refuse(const Row& row, const std::string& why);
+  void refuseAll(const Record& record, const std::string& why);
+  void unset(const Row& row);
+  void remove(Path path);
+  void clear(Zel::Entity& entity, Path path);
+  void removeAbsent(Zel::Entity& entity, Path path, const Present& present);
+  Zel::Ptr<Zel::Entity> make(const Found& at, Zel::Name type);
+  Zel::Name typeOnTheWay(Path path) const;
+  Zel::Ptr<Zel::Entity> ensureOfType(Path path, Zel::Name type);
+  void noteValues(const Zel::Ptr<Zel::Entity>& entity, Path path);
+
+  EntityTree& tree_;
+  const MountTable& mounts_;
+  Publishers& publishers_;
+  Refusals& refusals_;
+  std::deque<Change> queue_;          // that wait
+  std::unordered_set<Path> removed_;  // in this pass
+  std::unordered_map<Path, Refused> refusedEntities_;
+};
+
+}  // namespace Statedb

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "ctl/appliance.h"
+#include "tests/support.h"
 
 namespace Ctl {
 namespace {
@@ -10,12 +11,7 @@ namespace {
 using testing::HasSubstr;
 
 std::string refusalOf(const std::string& text) {
-  try {
-    const Configuration configuration("f.json", text);
-  } catch (const Refusal& refusal) {
-    return refusal.what();
-  }
-  return "accepted";
+  return Support::errorOf<Refusal>([&] { return Configuration("f.json", text).puts(); });
 }
 
 TEST(Configuration, BadFilesAreRefusedWithThePlace) {
@@ -51,7 +47,8 @@ TEST(Configuration, WhatAgentsFillIsDumpedOnlyWhenAskedFor) {
   const auto at = [](const std::string& path) {
     return Json{{"path", path}, {"type", kPinType}, {"attributes", {{"value", 1}}}};
   };
-  const Json filled = {at(std::string(kPinDir) + "/p"), at(std::string(kLineStatusDir) + "/p"), at("led/a/b")};
+  const Json filled = {at(std::string(kPinDir) + "/p"), at(std::string(kLineStatusDir) + "/p"),
+                       at("led/a/b")};
   EXPECT_EQ(configurationText(filled, {"led/a"}), "{\n}\n");
   EXPECT_THAT(wholeText(filled), HasSubstr("\"value\": 1"));
 }
@@ -72,7 +69,8 @@ TEST(Configuration, ReplacingRemovesTheLeastThatMustGo) {
     {"path": "above", "type": "D", "attributes": {}},
     {"path": "hardware/corvel/gpio/config/p", "type": "P", "attributes": {}}])");
   std::vector<std::string> gone;
-  for (const Json& change : wanted.dels(found, {"a/filled", "above/filled"})) gone.push_back(change.at("path"));
+  for (const Json& change : wanted.dels(found, {"a/filled", "above/filled"}))
+    gone.push_back(change.at("path"));
   EXPECT_THAT(gone, testing::ElementsAre("a/gone", "a/less", "a/other"));
 }
 

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "ctl/appliance.h"
+#include "tests/support.h"
 
 namespace Ctl {
 namespace {
@@ -10,12 +11,7 @@ namespace {
 using testing::HasSubstr;
 
 std::string refusalOf(const std::string& text) {
-  try {
-    const Configuration configuration("f.json", text);
-  } catch (const Refusal& refusal) {
-    return refusal.what();
-  }
-  return "accepted";
+  return Support::errorOf<Refusal>([&] { return Configuration("f.json", text).puts(); });
 }
 
 TEST(Configuration, BadFilesAreRefusedWithThePlace) {

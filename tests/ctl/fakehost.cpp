@@ -1,25 +1,14 @@
 #include "tests/ctl/fakehost.h"
 
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <cstring>
-#include <filesystem>
 #include <sstream>
 
 #include "ctl/context.h"
 #include "ctl/text.h"
+#include "tests/host/client.h"
 
 namespace Ctl {
 
 namespace {
-
-std::string newFolder() {
-  std::string name = "/tmp/pinlampctl-test-XXXXXX";
-  if (!mkdtemp(name.data())) throw std::runtime_error("mkdtemp");
-  return name;
-}
 
 void sendLine(int connection, const Json& message) {
   const std::string line = message.dump() + '\n';
@@ -28,12 +17,10 @@ void sendLine(int connection, const Json& message) {
 
 }  // namespace
 
-FakeHost::FakeHost() : folder_(newFolder()), socket_(folder_ + "/control.sock") {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, socket_.c_str(), sizeof address.sun_path - 1);
+FakeHost::FakeHost() {
+  const sockaddr_un address = addressOf(socket_);
   listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+  if (bind(listener_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
       listen(listener_, 4) != 0)
     throw std::runtime_error("can't listen at " + socket_);
   thread_ = std::thread([this] { serve(); });
@@ -43,7 +30,6 @@ FakeHost::~FakeHost() {
   shutdown(listener_, SHUT_RDWR);
   thread_.join();
   close(listener_);
-  std::filesystem::remove_all(folder_);
 }
 
 void FakeHost::serve() {
@@ -85,8 +71,7 @@ Json FakeHost::answer(const std::string& method, const Json& parameters) {
                            "attributes": [{"name": "lightSetting"}, {"name": "theme"}]}]}})");
   if (method == "trace") return {{"result", {{"facilities", {{"Pinlamp", parameters.value("levels", "")}}}}}};
   if (answers) return {{"result", answers(method, parameters)}};
-  if (method == "status")
-    return {{"result", {{"mounts", Json::array()}, {"processes", Json::array()}}}};
+  if (method == "status") return {{"result", {{"mounts", Json::array()}, {"processes", Json::array()}}}};
   return {{"error", {{"code", -32601}, {"message", "no method " + method}}}};
 }
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "ctl/client.h"
+#include "tests/host/folder.h"
 
 namespace Ctl {
 
@@ -43,8 +44,8 @@ class FakeHost {
   Json write(const Json& changes);
   void store(const Json& change);
 
-  const std::string folder_;
-  const std::string socket_;
+  const Folder folder_;
+  const std::string socket_ = folder_.at("control.sock");
   int listener_ = -1;
   mutable std::recursive_mutex lock_;  // everything below
   std::map<std::string, Json> entities_;

@@ -9,7 +9,6 @@
 namespace Ctl {
 namespace {
 
-using testing::ElementsAre;
 using testing::HasSubstr;
 
 Lamp lamp(const std::string& name, const PerColour<bool>& shows = {}) {
@@ -29,12 +28,8 @@ std::vector<Lamp> lampsNamed(const std::vector<std::string>& names) {
 }
 
 TEST(PanelLayout, ToldFromTheNames) {
-  struct Case {
-    std::vector<std::string> names;
-    std::vector<std::string> blocks;  // TITLE: NUMBER.LANE …
-    std::size_t others;
-  };
-  const Case cases[] = {
+  // Names, blocks as TITLE: NUMBER.LANE …, and how many others.
+  const std::tuple<std::vector<std::string>, std::vector<std::string>, std::size_t> cases[] = {
       {{"Ethernet1", "Ethernet2", "Ethernet3", "Ethernet49/1", "Status"}, {"Ethernet: 1.0 2.0 3.0 49.1"}, 1},
       {{"Ethernet1/1", "Ethernet1/2", "Ethernet2/1", "Ethernet2/2"}, {"Ethernet: 1.1 1.2 2.1 2.2"}, 0},
       {{"Ethernet3/1", "Ethernet3/9", "Ethernet4/1", "Ethernet4/2"},
@@ -44,8 +39,8 @@ TEST(PanelLayout, ToldFromTheNames) {
        {"Ethernet3/: 1.1 1.2 2.1", "Ethernet10/: 1.1"},
        0},
       {{"Fan1", "Fan2", "Status", "5", "Ethernet1/"}, {}, 5}};
-  for (const Case& each : cases) {
-    const auto lamps = lampsNamed(each.names);
+  for (const auto& [names, expected, others] : cases) {
+    const auto lamps = lampsNamed(names);
     const PanelLayout layout = panelLayout(lamps);
     std::vector<std::string> blocks;
     for (const PortBlock& block : layout.blocks) {
@@ -53,8 +48,8 @@ TEST(PanelLayout, ToldFromTheNames) {
       for (const Port& port : block.ports)
         blocks.back() += ' ' + std::to_string(port.number) + '.' + std::to_string(port.lane);
     }
-    EXPECT_EQ(blocks, each.blocks);
-    EXPECT_EQ(layout.others.size(), each.others) << each.names.front();
+    EXPECT_EQ(blocks, expected);
+    EXPECT_EQ(layout.others.size(), others) << names.front();
   }
 }
 
@@ -64,8 +59,9 @@ TEST(PanelFrame, OddPortsStandAboveEvenOnesAndTheRestBeside) {
   lamps[4].shows = kGreenRed;
   lamps[5].driven = false;
   const auto frame = panelFrame(lamps, "title", {}, {80, 24});
-  EXPECT_THAT(frame, ElementsAre(" title", "", " 1 3       - Status", " . G   ", " . .  *", " 2 4 10", "",
-                                 HasSubstr("6 LEDs: 2 lit now, 0 flashing, 1 not driven")));
+  EXPECT_THAT(frame,
+              testing::ElementsAre(" title", "", " 1 3       - Status", " . G   ", " . .  *", " 2 4 10", "",
+                                   HasSubstr("6 LEDs: 2 lit now, 0 flashing, 1 not driven")));
 }
 
 TEST(PanelFrame, StaysWithinTheScreenHoweverSmall) {

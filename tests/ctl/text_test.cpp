@@ -6,8 +6,6 @@ namespace Ctl {
 namespace {
 
 using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
 
 TEST(Components, EscapeAndReadBack) {
   const std::pair<const char*, const char*> cases[] = {
@@ -42,8 +40,8 @@ TEST(Nearest, FindsTyposAndNothingElse) {
   EXPECT_THAT(nearest("statsu", known), ElementsAre("Status"));
   EXPECT_THAT(nearest("PowrSuply1", known), ElementsAre("PowerSupply1"));
   EXPECT_THAT(nearest("fan3", known), ElementsAre("Fan1", "Fan2"));
-  EXPECT_THAT(nearest("Locator", known), IsEmpty());
-  EXPECT_THAT(hint("Locator", known), HasSubstr("known: Fan1"));
+  EXPECT_THAT(nearest("Locator", known), testing::IsEmpty());
+  EXPECT_THAT(hint("Locator", known), testing::HasSubstr("known: Fan1"));
   EXPECT_EQ(hint("Locator", {}), "; there are none");
 }
 

@@ -1,28 +1,21 @@
 #include "ctl/vcd.h"
 
 #include <gmock/gmock.h>
-#include <unistd.h>
 
-#include <filesystem>
 #include <sstream>
 
 #include "ctl/refusal.h"
+#include "tests/host/folder.h"
 
 namespace Ctl {
 namespace {
 
 using std::chrono::microseconds;
 
-class VcdFile : public testing::Test {
- protected:
-  ~VcdFile() override { std::filesystem::remove(path); }
-  std::string contents() const {
-    std::ifstream in(path);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
-  const std::string path = testing::TempDir() + "pins-" + std::to_string(getpid()) + ".vcd";
+struct VcdFile : testing::Test {
+  std::string contents() const { return contentOf(path); }
+  const Folder folder;
+  const std::string path = folder.at("pins.vcd");
 };
 
 TEST_F(VcdFile, HoldsDeclarationsChangesAndAnEnd) {

@@ -31,10 +31,7 @@ Reasons green() {
 
 TEST(Why, SaysInOneLineWhatStandsInTheWay) {
   const Json held{{"driven", false}, {"error", "line 3 of gpiochip0 is busy: held by 'x'"}};
-  const struct {
-    const char* says;
-    std::function<void(Reasons&)> make;
-  } cases[] = {
+  const std::pair<const char*, std::function<void(Reasons&)>> cases[] = {
       {"it is set to green", [](Reasons&) {}},
       {"its setting has no colour", [](Reasons& r) { r.lamp.wanted[kGreen] = false, r.pins[0].value = 0; }},
       {"it flashes green", [](Reasons& r) { r.lamp.flashInterval = 1, r.pins[0].value = 0; }},
@@ -109,26 +106,12 @@ class WhyInProcesses : public testing::Test {
       host.put(std::string(Paths::kPins) + '/' + name, kPinType, {{"value", 1}});
     host.answers = [this](const std::string& method, const Json&) -> Json {
       if (method == "object") return {{"value", Json::array()}};
-      return {{"version", "1"},
-              {"pid", 1},
-              {"uptime", 1.0},
-              {"store", "memory:"},
-              {"agents", Json::array()},
-              {"mounts", Json::array()},
-              {"leds", 1},
-              {"mappings", 1},
-              {"machines", 0},
-              {"pins", 2},
-              {"published", 0},
-              {"entities", 4},
-              {"names", 9},
-              {"passes", 1},
-              {"deliveries", 1},
-              {"expiries", 0},
-              {"worstLateness", 0.0},
-              {"clients", 1},
-              {"refusals", 0},
-              {"processes", processes()}};
+      Json status = Json::parse(R"({"version": "1", "pid": 1, "uptime": 1.0, "store": "memory:", "agents": [],
+          "mounts": [], "leds": 1, "mappings": 1, "machines": 0, "pins": 2, "published": 0, "entities": 4,
+          "names": 9, "passes": 1, "deliveries": 1, "expiries": 0, "worstLateness": 0.0, "clients": 1,
+          "refusals": 0})");
+      status["processes"] = processes();
+      return status;
     };
     process.answers = [](const std::string& method, const Json& parameters) -> Json {
       if (method == "status") return {{"machines", 7}, {"published", 11}};

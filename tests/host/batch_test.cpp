@@ -10,8 +10,6 @@ namespace {
 
 using Host::Json;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::StartsWith;
 
 const std::string kLeds = "hardware/led/config/leds/";
 const std::map<std::string, std::string, std::less<>> kThere = {
@@ -47,10 +45,7 @@ std::string repeated(const char* text, int times) {
 
 TEST(Batch, WhatIsWrongIsSaidWithItsPlaceAndLeavesNothingBehind) {
   const std::string longName(256, 'n');
-  const struct {
-    Json change;
-    std::string says;
-  } cases[] = {
+  const std::pair<Json, std::string> cases[] = {
       {put(kLeds + "Status", nullptr, {{"colour", "red"}}),
        kLeds + "Status colour: 'colour' is no attribute that Hardware::Led::LedConfig stores; it stores "
                "lightSetting,"},
@@ -79,13 +74,13 @@ TEST(Batch, WhatIsWrongIsSaidWithItsPlaceAndLeavesNothingBehind) {
       {put(kLeds + "Status", nullptr, {{std::string(5000, 'a'), 1}}), "aaa... (5000 bytes)' is no attribute"},
       {del("hardware/fan"), "hardware/fan: there is no entity at this path"},
   };
-  batchOf(Json::array({cases[0].change}));  // types get their names when they are first asked for
+  batchOf(Json::array({cases[0].first}));  // types get their names when they are first asked for
   const std::size_t names = Zel::Name::count();
   const std::size_t paths = Statedb::Path::count();
   for (const auto& [change, says] : cases) {
     const auto errors = batchOf({put("x/new", "Zel::Dir"), change}).errors;
     ASSERT_EQ(errors.size(), 1U) << change.dump().substr(0, 200);
-    EXPECT_THAT(errors.front(), HasSubstr(says));
+    EXPECT_THAT(errors.front(), ::testing::HasSubstr(says));
     EXPECT_LT(errors.front().size(), 8192U);
   }
   EXPECT_EQ(Zel::Name::count(), names);
@@ -126,7 +121,7 @@ TEST(Batch, ManyStepsAreCheckedInOneWalkEach) {
   for (Json& change : changes) change = del("none" + change["path"].get<std::string>());
   const auto errors = batchOf(changes).errors;
   EXPECT_EQ(errors.size(), Host::Batch::kMostErrors + 1);
-  EXPECT_THAT(errors.back(), StartsWith("more steps are wrong"));
+  EXPECT_THAT(errors.back(), ::testing::StartsWith("more steps are wrong"));
 }
 
 }  // namespace

@@ -10,12 +10,17 @@
 #include <optional>
 #include <string>
 
+inline sockaddr_un addressOf(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  return address;
+}
+
 class Client {
  public:
   explicit Client(const std::string& path) : descriptor_(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    const sockaddr_un address = addressOf(path);
     connected_ = ::connect(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
   }
   ~Client() { ::close(descriptor_); }

@@ -7,16 +7,17 @@
 #include "platform/model/gpioledconfig.h"
 #include "platform/warden/cagent.h"
 #include "platform/zel/notify/activity.h"
+#include "tests/support.h"
 
 namespace {
 
 using Hardware::Gpio::CorvelGpioLedConfig;
 using Hardware::Gpio::CorvelPinConfig;
+using Support::errorOf;
 using Zel::Ptr;
 using Zel::Value;
 
-class Watcher : public Zel::Reactor<Watcher, CorvelPinConfig::NotifieeConst> {
- public:
+struct Watcher : Zel::Reactor<Watcher, CorvelPinConfig::NotifieeConst> {
   static constexpr const char* kTypeName = "Test::Watcher";
   using Reactor::Reactor;
 };
@@ -56,14 +57,9 @@ class Driver : public Zel::Described<Driver, Zel::Entity> {
   double wakesAt = Zel::Clock::kNever;
 };
 
-class TestAgent : public Zel::Described<TestAgent, Warden::CAgent> {
- public:
-  static constexpr auto attributes() { return std::tuple{}; }
-  static const Zel::TypeNode& typeNode() {
-    static const Zel::TypeNode type = describe("Test::Agent");
-    return type;
-  }
-  explicit TestAgent(Zel::Name name) : Described(name) {}
+struct TestAgent : Support::Plain<TestAgent, Warden::CAgent> {
+  static constexpr const char* kName = "Test::Agent";
+  explicit TestAgent(Zel::Name name) : Plain(name) {}
 };
 
 class ObjectsTest : public testing::Test {
@@ -72,15 +68,6 @@ class ObjectsTest : public testing::Test {
     led->gpioRedIs(pin);
     Zel::dynamicPtrCast<Zel::Dir>(dir->entryIs("d", "Zel::Dir"))->entryIs(pin);
   }
-  std::string error(const std::function<void()>& call) {
-    try {
-      call();
-    } catch (const std::exception& refused) {
-      return refused.what();
-    }
-    return "no error";
-  }
-
   Ptr<Driver> driver = Zel::allocate<Driver>("driver");
   Ptr<CorvelGpioLedConfig> led = driver->system_->gpioLedsIs("A/1");
   Ptr<CorvelPinConfig> pin = Zel::allocate<CorvelPinConfig>("p");
@@ -174,17 +161,16 @@ TEST_F(ObjectsTest, RefusesWithTheReasonAndMakesNoName) {
   mapping->gpioRedNameIs("a", true);
   const std::size_t names = Zel::Name::count();
   for (const auto& [operation, path, says, given] : cases) {
-    const std::string text = error([&] { operation(objects, path, given); });
+    const std::string text = errorOf([&] { operation(objects, path, given); });
     EXPECT_NE(text.find(says), std::string::npos) << path << ": " << text;
   }
   EXPECT_EQ(Zel::Name::count(), names);
   for (const Operation& writes : {set, del, call})
-    EXPECT_NE(error([&] {
-                writes(with(Host::Objects::Access::readOnly), "d/p", {});
-              }).find("start pinlampd with --allow-object-writes"),
-              std::string::npos);
+    EXPECT_EQ(errorOf([&] { writes(with(Host::Objects::Access::readOnly), "d/p", {}); }),
+              "live objects may only be read; to set, delete or invoke them, start pinlampd with "
+              "--allow-object-writes");
   driver->seen_ = pin;
-  EXPECT_EQ(error([&] { objects.set("agent/seen/value", {1}); }), "the object may be read only");
+  EXPECT_EQ(errorOf([&] { objects.set("agent/seen/value", {1}); }), "the object may be read only");
 }
 
 TEST_F(ObjectsTest, AnObjectSaysWhenItDoesSomethingByItself) {
@@ -225,7 +211,7 @@ TEST_F(ObjectsTest, LongAnswersAreCutAndSaySo) {
   EXPECT_EQ(size(*one.field("members")), Host::Objects::kTreeMembers);
   EXPECT_EQ(*one.field("omitted"), Value(Value::Fields{{"entries", 300 - 256}}));
 
-  const std::string text = error([&] { objects.get("inner1/e777"); });
+  const std::string text = errorOf([&] { objects.get("inner1/e777"); });
   EXPECT_EQ(text.find("'e777' leads nowhere; there is e77, e7, e70, "), 0U) << text;
   EXPECT_NE(text.find(" and 287 more"), std::string::npos) << text;
 

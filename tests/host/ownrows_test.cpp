@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <deque>
+#include <functional>
 #include <random>
 
 #include "tests/platform/storemodel.h"
@@ -21,34 +22,32 @@ using StoreModel::rowsOf;
 
 // Two processes and the line between them, on which everything takes its time.
 struct Line : Statedb::Feed {
-  Line() { connect(); }
+  Line() { server->subscribe({}, *this); }
 
   void onSnapshot(const Records& records) override {
-    toClient.push_back({Message::Kind::snapshot, {}, {}});
-    for (const Record* record : records) toClient.back().records.push_back(*record);
+    std::vector<Record> copies;
+    for (const Record* record : records) copies.push_back(*record);
+    toClient.push_back([this, copies] {
+      Records theirs;
+      for (const Record& record : copies) theirs.push_back(&record);
+      client = rowsOf(own.over(theirs, {}));
+    });
   }
   void onChanges(const Changes& changes) override {
-    toClient.push_back({Message::Kind::changes, {}, changes});
+    toClient.push_back([this, changes] { carryInto(client, own.told(changes)); });
   }
   void onRevealed(const Changes& changes) override {
-    toClient.push_back({Message::Kind::revealed, {}, changes});
+    toClient.push_back([this, changes] { carryInto(client, own.revealed(changes)); });
   }
 
-  void connect() { server->subscribe({}, *this); }
-  void lose() {
+  // Where the keeper is started again, what was derived is gone.
+  void lose(bool restarts) {
     server->unsubscribe(*this);
+    if (restarts) server = std::make_unique<Statedb::MemoryStore>();
     toClient.clear();
     toServer.clear();
     own.lost();
-    connect();
-  }
-  // The keeper is started again: what was derived is gone.
-  void restartServer() {
-    server = std::make_unique<Statedb::MemoryStore>();
-    toClient.clear();
-    toServer.clear();
-    own.lost();
-    connect();
+    server->subscribe({}, *this);
   }
   void publish(const Changes& changes) {
     own.write(changes);
@@ -60,40 +59,19 @@ struct Line : Statedb::Feed {
     server->write(toServer.front(), Durability::derived, this);
     server->flush();
     toServer.pop_front();
-    toClient.push_back({Message::Kind::acknowledgement, {}, {}});
+    toClient.push_back([this] { own.acknowledged(); });
   }
   void moveToClient() {
     if (toClient.empty()) return;
-    const Message message = toClient.front();
+    toClient.front()();
     toClient.pop_front();
-    Records theirs;
-    for (const Record& record : message.records) theirs.push_back(&record);
-    switch (message.kind) {
-      case Message::Kind::snapshot:
-        client = rowsOf(own.over(theirs, {}));
-        break;
-      case Message::Kind::acknowledgement:
-        own.acknowledged();
-        break;
-      case Message::Kind::changes:
-        carryInto(client, own.told(message.changes));
-        break;
-      case Message::Kind::revealed:
-        carryInto(client, own.revealed(message.changes));
-    }
   }
 
-  struct Message {
-    enum class Kind { snapshot, acknowledgement, changes, revealed };
-    Kind kind;
-    std::vector<Record> records;
-    Changes changes;
-  };
   std::unique_ptr<Statedb::MemoryStore> server = std::make_unique<Statedb::MemoryStore>();
   Host::OwnRows own;
   Rows client;
   std::deque<Changes> toServer;
-  std::deque<Message> toClient;
+  std::deque<std::function<void()>> toClient;
 };
 
 TEST(OwnRows, BothSidesComeToTheSameRowsAndNothingPublishedIsLost) {
@@ -104,41 +82,29 @@ TEST(OwnRows, BothSidesComeToTheSameRowsAndNothingPublishedIsLost) {
     for (int step = 0; step < 60; ++step) {
       const std::string path = pin();
       const int value = static_cast<int>(random() % 2);
-      switch (random() % 12) {
-        case 0:
-          line.publish({Change::del(path)});
-          break;
-        case 1:
-        case 2:
-          line.publish({Change::put(path, "Pin", "", {}), Change::put(path, "Pin", "value", value)});
-          break;
-        case 3:
-          line.server->write({Change::put(path, "Pin", "value", value)}, Durability::derived);
-          break;
-        case 4:
-          line.server->write({Change::put("out/x", "Pin", "value", value)}, Durability::stored);
-          break;
-        case 5:
-          line.moveToServer();
-          break;
-        case 6:
-          line.moveToClient();
-          break;
-        case 7:
-          if (random() % 5 == 0) line.lose();
-          break;
-        case 8:
-          line.publish({Change::unset(path, "value")});
-          break;
-        case 9:
-          line.server->write({Change::put(path, "Pin", "value", 3 + value)}, Durability::stored);
-          break;
-        case 10:
-          if (random() % 3 == 0) line.server->write({Change::del(path)}, Durability::stored);
-          break;
-        default:
-          if (random() % 12 == 0) line.restartServer();
-      }
+      const auto put = [&](int held) { return Change::put(path, "Pin", "value", held); };
+      const auto write = [&](const Change& change, Durability durability) {
+        line.server->write({change}, durability);
+      };
+      const std::function<void()> operations[] = {
+          [&] { line.publish({Change::del(path)}); },
+          [&] {
+            line.publish({Change::put(path, "Pin", "", {}), put(value)});
+          },
+          [&] {
+            line.publish({Change::put(path, "Pin", "", {}), put(value)});
+          },
+          [&] { line.publish({Change::unset(path, "value")}); },
+          [&] { write(put(value), Durability::derived); },
+          [&] { write(put(3 + value), Durability::stored); },
+          [&] { write(Change::put("out/x", "Pin", "value", value), Durability::stored); },
+          [&] { random() % 3 == 0 ? write(Change::del(path), Durability::stored) : void(); },
+          [&] { line.moveToServer(); },
+          [&] { line.moveToClient(); },
+          [&] { random() % 5 == 0 ? line.lose(false) : void(); },
+          [&] { random() % 12 == 0 ? line.lose(true) : void(); },
+      };
+      operations[random() % std::size(operations)]();
       line.server->flush();
     }
     const std::string last = pin();

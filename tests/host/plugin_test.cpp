@@ -7,21 +7,16 @@
 #include "folder.h"
 #include "host/io/starterror.h"
 #include "platform/zel/notify/activity.h"
+#include "tests/support.h"
 
 namespace {
 
 using Host::AgentOption;
 using Host::Plugin;
 using Host::StartError;
-using ::testing::HasSubstr;
 
 TEST(AgentOption, FillsInWhatIsLeftOut) {
-  struct {
-    const char* text;
-    const char* library;
-    const char* nameSpace;
-    const char* name;
-  } const cases[] = {
+  const std::array<const char*, 4> cases[] = {
       {"libpinlamp.so", "libpinlamp.so", "Pinlamp", "pinlamp"},
       {"/a/b/libx-1.so.0.2", "/a/b/libx-1.so.0.2", "Pinlamp", "x-1"},
       {"./l.so:Foo", "./l.so", "Foo", "l"},
@@ -42,10 +37,7 @@ TEST(Plugin, WhatCantBeLoadedIsRefusedWithItsReason) {
   const Folder folder;
   contentIs(folder.at("text.so"), "no library");
   const std::string agents = TEST_AGENTS;
-  const struct {
-    std::string option;
-    const char* reason;
-  } cases[] = {
+  const std::pair<std::string, const char*> cases[] = {
       {folder.at("absent.so"), "there is no such file"},
       {"absent-from-everywhere.so", "and the system's path"},
       {folder.at("text.so"), "does not load"},
@@ -53,24 +45,17 @@ TEST(Plugin, WhatCantBeLoadedIsRefusedWithItsReason) {
       {agents + ":Null", "returned null"},
   };
   for (const auto& [option, reason] : cases) {
-    try {
-      const Plugin plugin(AgentOption::parse(option));
-      ADD_FAILURE() << option << " was loaded";
-    } catch (const StartError& error) {
-      EXPECT_THAT(error.what(), HasSubstr(reason));
-    }
+    EXPECT_THAT(Support::errorOf<StartError>([&] { return Plugin(AgentOption::parse(option)).agent(); }),
+                ::testing::HasSubstr(reason));
   }
 }
 
 TEST(Plugin, AFactoryThatThrowsIsAFaultOfItsAgent) {
   for (const auto& [option, text] : {std::pair{":Throwing:lamp", "no lamp oil"},
                                      std::pair{":Odd::Inner:lamp", "an exception of no known type"}}) {
-    try {
-      const Plugin plugin(AgentOption::parse(std::string(TEST_AGENTS) + option));
-      ADD_FAILURE() << option << " was loaded";
-    } catch (const Zel::HandlerFault& fault) {
-      EXPECT_EQ(fault.what(), std::string("agent 'lamp', factory of '" TEST_AGENTS "': ") + text);
-    }
+    EXPECT_EQ(Support::errorOf<Zel::HandlerFault>(
+                  [&] { return Plugin(AgentOption::parse(std::string(TEST_AGENTS) + option)).agent(); }),
+              std::string("agent 'lamp', factory of '" TEST_AGENTS "': ") + text);
   }
 }
 

@@ -56,9 +56,7 @@ class NotifySocket {
  public:
   explicit NotifySocket(const std::string& path)
       : descriptor_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    const sockaddr_un address = addressOf(path);
     EXPECT_EQ(::bind(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   }
   ~NotifySocket() { ::close(descriptor_); }

@@ -13,12 +13,12 @@
 #include "host/store/sqlitestore.h"
 #include "host/store/stores.h"
 #include "tests/platform/storemodel.h"
+#include "tests/support.h"
 
 namespace {
 
 using Host::SqliteStore;
 using Statedb::Change;
-using Statedb::Changes;
 using Statedb::Durability;
 using Statedb::StoreError;
 using ::testing::HasSubstr;
@@ -75,14 +75,9 @@ TEST(SqliteStore, AFullDiskUndoesTheBatchAndTheStoreGoesOn) {
   EXPECT_EQ(rowsOf(SqliteStore(folder.at("db")).read("")).at({"a", "x"}), Value(2));
 }
 
-// Why the file is not opened; empty where it is.
+// Why the file is not opened; "none" where it is.
 std::string refusal(const std::string& file) {
-  try {
-    const SqliteStore store(file);
-  } catch (const StoreError& error) {
-    return error.what();
-  }
-  return {};
+  return Support::errorOf<StoreError>([&] { return SqliteStore(file).entities(); });
 }
 
 void runSql(const std::string& file, const char* sql, const std::function<void(sqlite3*)>& then = {}) {

@@ -14,11 +14,8 @@
 namespace {
 
 using Statedb::Change;
-using Statedb::Changes;
 using Statedb::Durability;
-using StoreModel::Mirror;
 using StoreModel::Rows;
-using StoreModel::rowsOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
@@ -60,7 +57,7 @@ class UnixStoreTest : public ::testing::Test {
 };
 
 TEST_F(UnixStoreTest, WhatTheOtherSideRefusesIsNamedAndTheRestArrives) {
-  Changes changes;
+  Statedb::Changes changes;
   for (int i = 0; i < 3000; ++i)
     changes.push_back(Change::put("out/p" + std::to_string(i), kPin, "value", i));
   changes.push_back(Change::put("out/p7", kPin, "colour", "red"));
@@ -83,7 +80,7 @@ TEST_F(UnixStoreTest, WhatTheOtherSideCantStoreNowIsSentAgain) {
 }
 
 TEST_F(UnixStoreTest, FeedsSeeTheirPartOfADeleteAndWhatIsStoredUnderAWithdrawnValue) {
-  Mirror part("out/p"), writer("out");
+  StoreModel::Mirror part("out/p"), writer("out");
   keeper.write({Change::put("out", "Zel::Dir", {}, {}), Change::put("out/p", kPin, "value", 5)},
                Durability::stored);
   remote.subscribe("out/p", part);

@@ -5,7 +5,7 @@
 #include <new>
 
 #include "platform/zel/core/name.h"
-#include "platform/zel/notify/clock.h"
+#include "tests/support.h"
 
 namespace {
 
@@ -47,11 +47,6 @@ void expectToFail(const char* what, Take take) {
 
 namespace {
 
-struct Waker : Zel::Reactor<Waker, Zel::Clock::NotifieeConst> {
-  static constexpr const char* kTypeName = "Test::MemoryWaker";
-  using Reactor::Reactor;
-};
-
 TEST(Memory, WhatFailedIsNotCounted) {
   std::vector<void*> objects;
   objects.reserve(6000);
@@ -68,8 +63,8 @@ TEST(Memory, WhatFailedIsNotCounted) {
   });
 
   const auto clock = Zel::allocate<Zel::Clock>();
-  std::vector<Zel::Ptr<Waker>> wakers;
-  for (int i = 0; i < 6000; ++i) wakers.push_back(Zel::allocate<Waker>(clock));
+  std::vector<Zel::Ptr<Support::Waker>> wakers;
+  for (int i = 0; i < 6000; ++i) wakers.push_back(Zel::allocate<Support::Waker>(clock));
   auto next = wakers.begin();
   expectToFail("wake-ups", [&] { (*next++)->timeMinIs(1e9); });
 }

@@ -12,6 +12,7 @@
 #include "platform/statedb/store/store.h"
 #include "platform/warden/cagent.h"
 #include "platform/zel/notify/activity.h"
+#include "tests/support.h"
 
 namespace {
 
@@ -20,6 +21,7 @@ using Hardware::Led::LedConfig;
 using Hardware::Led::LedSystemConfigDir;
 using Statedb::Change;
 using Statedb::Durability;
+using Support::Lines;
 using Zel::Ptr;
 using Zel::Value;
 
@@ -27,46 +29,19 @@ constexpr const char* kLedDir = "Hardware::Led::LedSystemConfigDir";
 constexpr const char* kLed = "Hardware::Led::LedConfig";
 constexpr const char* kPin = "Hardware::Gpio::CorvelPinConfig";
 
-class TestAgent : public Zel::Described<TestAgent, Warden::CAgent> {
- public:
-  static constexpr auto attributes() { return std::tuple{}; }
-  static const Zel::TypeNode& typeNode() {
-    static const Zel::TypeNode type = describe("Test::Agent");
-    return type;
-  }
-  TestAgent(Zel::Name name, std::vector<Statedb::Mount> mounts)
-      : Described(name), mounts_(std::move(mounts)) {}
+struct TestAgent : Support::Plain<TestAgent, Warden::CAgent> {
+  static constexpr const char* kName = "Test::Agent";
+  TestAgent(Zel::Name name, std::vector<Statedb::Mount> mounts) : Plain(name), mounts_(std::move(mounts)) {}
   void doInit() override {
-    const auto group = entityManager()->getMountGroup(Ptr<Statedb::Mounter>(this));
-    for (const auto& mount : mounts_) group->doMount(mount);
-    group->doClose(false, "", 0.0);
-    mountGroup = group;
+    mountGroup = entityManager()->getMountGroup(Ptr<Statedb::Mounter>(this));
+    for (const auto& mount : mounts_) mountGroup->doMount(mount);
+    mountGroup->doClose(false, "", 0.0);
   }
   void handleMountStatus(Statedb::MountStatus status) override { statuses.push_back(status); }
 
   Ptr<Statedb::MountGroup> mountGroup;
   std::vector<Statedb::MountStatus> statuses;
-
- private:
   const std::vector<Statedb::Mount> mounts_;
-};
-
-struct Watcher : Zel::Reactor<Watcher, LedSystemConfigDir::NotifieeConst> {
-  static constexpr const char* kTypeName = "Test::Watcher";
-  Watcher(const Ptr<const LedSystemConfigDir>& dir, std::vector<std::string>& log)
-      : Reactor(dir), lines(log) {}
-  void onLeds(Zel::Name name) override {
-    lines.push_back(name.stdString() + (notifier()->leds().get(name) ? " is there" : " is gone"));
-  }
-  std::vector<std::string>& lines;
-};
-
-// Puts back what it hears of.
-struct Undoer : Zel::Reactor<Undoer, CorvelPinConfig::NotifieeConst> {
-  static constexpr const char* kTypeName = "Test::Undoer";
-  explicit Undoer(const Ptr<CorvelPinConfig>& theirs) : Reactor(theirs), pin(theirs) {}
-  void onValue() override { pin->valueIs(0); }
-  const Ptr<CorvelPinConfig> pin;
 };
 
 class Mounts : public testing::Test {
@@ -76,13 +51,24 @@ class Mounts : public testing::Test {
   }
   ~Mounts() override { manager->stop(); }
 
-  Ptr<TestAgent> agent(std::vector<Statedb::Mount> mounts) {
+  Ptr<TestAgent> agentOf(const Ptr<Statedb::EntityManager>& its, std::vector<Statedb::Mount> mounts) {
     auto made = Zel::allocate<TestAgent>("agent", std::move(mounts));
-    made->entityManagerIs(manager);
+    made->entityManagerIs(its);
     made->doInit();
     EXPECT_TRUE(made->statuses.empty()) << "completion is reported later";
+    return made;
+  }
+  Ptr<TestAgent> agent(std::vector<Statedb::Mount> mounts) {
+    auto made = agentOf(manager, std::move(mounts));
     settle();
     return made;
+  }
+  // Logs which LEDs come and go.
+  Ptr<Support::Watcher> watcher(const Ptr<LedSystemConfigDir>& dir) {
+    return Zel::allocate<Support::Watcher>(dir, [this, &leds = dir->leds()](auto& attribute, Zel::Name name) {
+      if (attribute == "leds")
+        lines.push_back(name.stdString() + (leds.get(name) ? " is there" : " is gone"));
+    });
   }
   void settle() {
     for (int i = 0; i < 10; ++i) {
@@ -104,8 +90,7 @@ class Mounts : public testing::Test {
   Zel::ActivityManager activity;
   Statedb::MemoryStore store;
   Ptr<Statedb::EntityManager> manager = Zel::allocate<Statedb::EntityManager>(store);
-  std::vector<std::string> reports;
-  std::vector<std::string> lines;
+  Lines reports, lines;
 };
 
 TEST_F(Mounts, NestedMountsShareTheirEntitiesAndWhatIsNotThereIsEmpty) {
@@ -139,16 +124,15 @@ TEST_F(Mounts, AGroupFailsWithPathTypeFoundAndTypeAsked) {
       "that entity from a host without this agent";
   EXPECT_EQ(
       made->mountGroup->failures(),
-      (std::vector<std::string>{
-          "mount of 'hardware/led/config': found an entity of type Zel::Dir, "
-          "asked for Hardware::Led::LedSystemConfigDir; delete that entity from a host without this agent",
-          "mount of 'x': found an entity of type No::Such" + unknown,
-          "mount of 'x/under': found an entity of type No::Such at 'x'" + unknown,
-          "mount of 'w': found an entity of type Statedb::Mounter that can't be made "
-          "(type Statedb::Mounter is an agent's, which only a host makes), asked for Statedb::Mounter; "
-          "delete "
-          "that entity from a host without this agent",
-          "mount of 'y': the type asked for, Gone::Type, is unknown"}));
+      (Lines{"mount of 'hardware/led/config': found an entity of type Zel::Dir, "
+             "asked for Hardware::Led::LedSystemConfigDir; delete that entity from a host without this agent",
+             "mount of 'x': found an entity of type No::Such" + unknown,
+             "mount of 'x/under': found an entity of type No::Such at 'x'" + unknown,
+             "mount of 'w': found an entity of type Statedb::Mounter that can't be made "
+             "(type Statedb::Mounter is an agent's, which only a host makes), asked for Statedb::Mounter; "
+             "delete "
+             "that entity from a host without this agent",
+             "mount of 'y': the type asked for, Gone::Type, is unknown"}));
   EXPECT_THROW(made->mountGroup->doMount({"z", "Zel::Dir", "r"}), Zel::RangeException) << "closed";
 }
 
@@ -156,11 +140,11 @@ TEST_F(Mounts, ADeleteAndARecreationThatArriveTogetherAreTwoSteps) {
   agent({{Paths::kLeds, kLedDir, "r"}});
   const std::string path = std::string(Paths::kLeds) + "/leds/Status";
   write({Change::put(Paths::kLeds, kLedDir, "", {}), Change::put(path, kLed, "theme", "a")});
-  const auto watcher = Zel::allocate<Watcher>(at<LedSystemConfigDir>(Paths::kLeds), lines);
+  const auto log = watcher(at<LedSystemConfigDir>(Paths::kLeds));
   const auto before = at<LedConfig>(path);
   write({Change::del(path), Change::put(path, kLed, "", {}), Change::put(path, kLed, "theme", "b")});
   settle();
-  EXPECT_EQ(lines, (std::vector<std::string>{"Status is gone", "Status is there"}));
+  EXPECT_EQ(lines, (Lines{"Status is gone", "Status is there"}));
   EXPECT_NE(at<LedConfig>(path), before);
   EXPECT_EQ(at<LedConfig>(path)->theme(), Zel::Name("b"));
 }
@@ -186,13 +170,13 @@ TEST_F(Mounts, AMountedEntityThatIsDeletedStaysAndIsEmptied) {
   write({Change::put(Paths::kLeds, kLedDir, "palette", "warm"),
          Change::put(std::string(Paths::kLeds) + "/leds/A", kLed, "", {})});
   const auto dir = at<LedSystemConfigDir>(Paths::kLeds);
-  const auto watcher = Zel::allocate<Watcher>(dir, lines);
+  const auto log = watcher(dir);
   write({Change::del("hardware")});
   settle();
   EXPECT_EQ(at<LedSystemConfigDir>(Paths::kLeds), dir);
   EXPECT_TRUE(dir->leds().empty());
   EXPECT_TRUE(dir->palette().empty());
-  EXPECT_EQ(lines, std::vector<std::string>{"A is gone"}) << "each by its key";
+  EXPECT_EQ(lines, Lines{"A is gone"}) << "each by its key";
 }
 
 TEST_F(Mounts, ARowThatDoesNotFitIsRefusedAndTheRestGoesOn) {
@@ -250,22 +234,23 @@ TEST_F(Mounts, ARowThatIsNotTakenDoesNotHoldUpTheOthers) {
   manager = Zel::allocate<Statedb::EntityManager>(picky);
   manager->reportIs([this](const std::string& text) { reports.push_back(text); });
   agent({{"out", "Zel::Dir", "wi"}});
-  const auto pin = [&](int i) { return at<CorvelPinConfig>("out/p" + std::to_string(i)); };
+  const auto path = [](int i) { return "out/p" + std::to_string(i); };
+  const auto value = [&](int i) {
+    const auto records = picky.read(path(i));
+    return records.empty() ? Value() : *records[0]->find("value");
+  };
   for (int i = 0; i < 40; ++i) {
     at<Zel::Dir>("out")->entryIs("p" + std::to_string(i), kPin);
-    pin(i)->valueIs(static_cast<std::uint32_t>(i));
+    at<CorvelPinConfig>(path(i))->valueIs(static_cast<std::uint32_t>(i));
   }
   settle();
-  EXPECT_EQ(reports, std::vector<std::string>{"out/p13 value: could not be published: 13 is unlucky"});
+  EXPECT_EQ(reports, Lines{"out/p13 value: could not be published: 13 is unlucky"});
   EXPECT_EQ(manager->published(), 39U);
-  for (int i = 0; i < 40; ++i) {
-    const auto records = picky.read("out/p" + std::to_string(i));
-    EXPECT_EQ(records.empty() ? Value() : *records[0]->find("value"), i == 13 ? Value() : Value(i));
-  }
+  for (int i = 0; i < 40; ++i) EXPECT_EQ(value(i), i == 13 ? Value() : Value(i));
   EXPECT_LT(picky.writes, 20);
-  pin(13)->valueIs(12);
+  at<CorvelPinConfig>(path(13))->valueIs(12);
   settle();
-  EXPECT_EQ(*picky.read("out/p13").at(0)->find("value"), Value(12));
+  EXPECT_EQ(value(13), Value(12));
   EXPECT_EQ(reports.size(), 1U) << "said once";
   manager->stop();
   manager = Zel::allocate<Statedb::EntityManager>(store);  // no manager outlives its store
@@ -275,10 +260,7 @@ TEST_F(Mounts, AManagerThatGoesTakesItsTasksAlongAndIsCountedOnce) {
   const auto count = [] { return Statedb::EntityManager::typeNode().allocations().objects(); };
   const auto before = count();
   auto other = Zel::allocate<Statedb::EntityManager>(store);
-  const auto made =
-      Zel::allocate<TestAgent>("agent", std::vector<Statedb::Mount>{{Paths::kLeds, kLedDir, "r"}});
-  made->entityManagerIs(other);
-  made->doInit();
+  const auto made = agentOf(other, {{Paths::kLeds, kLedDir, "r"}});
   EXPECT_EQ(count(), before + 1);
   other->stop();
   other = nullptr;
@@ -336,7 +318,7 @@ TEST_F(Mounts, WhatChangesTwiceInOnePassIsPublishedAsItEnds) {
   agent({{"out", "Zel::Dir", "wi"}});
   const auto pin = Zel::dynamicPtrCast<CorvelPinConfig>(at<Zel::Dir>("out")->entryIs("p", kPin));
   settle();
-  const auto undoer = Zel::allocate<Undoer>(pin);
+  const auto undoer = Zel::allocate<Support::Watcher>(pin, [&](auto&, auto) { pin->valueIs(0); });
   pin->valueIs(1);
   settle();
   EXPECT_EQ(*store.read("out/p")[0]->find("value"), Value(0));
@@ -361,44 +343,38 @@ TEST_F(Mounts, AfterALostConnectionOnlyDifferencesAreApplied) {
   const auto path = [](int i) { return std::string(Paths::kLeds) + "/leds/L" + std::to_string(i); };
   std::mt19937 random(5);
   std::map<std::string, std::string> reference;
-  const auto made =
-      Zel::allocate<TestAgent>("agent", std::vector<Statedb::Mount>{{Paths::kLeds, kLedDir, "r"}});
-  made->entityManagerIs(other);
-  made->doInit();
+  const auto made = agentOf(other, {{Paths::kLeds, kLedDir, "r"}});
   settle();
   const auto dir = Zel::dynamicPtrCast<LedSystemConfigDir>(other->getEntity(Paths::kLeds));
-  const auto watcher = Zel::allocate<Watcher>(dir, lines);
+  const auto log = watcher(dir);
   remote.write({Change::put(Paths::kLeds, kLedDir, "", {})}, Durability::stored);
   for (int round = 0; round < 60; ++round) {
     for (int i = 0; i < 6; ++i) {
       const std::string led = path(static_cast<int>(random() % 12));
-      if (random() % 3 == 0) {
-        remote.write({Change::del(led)}, Durability::stored);
-        reference.erase(led);
-      } else {
-        const std::string theme = random() % 3 ? "t" + std::to_string(random() % 3) : "";
-        remote.write({Change::del(led), Change::put(led, kLed, "", {})}, Durability::stored);
-        if (!theme.empty()) remote.write({Change::put(led, kLed, "theme", theme)}, Durability::stored);
-        reference[led] = theme;
+      Statedb::Changes changes{Change::del(led)};
+      reference.erase(led);
+      if (random() % 3 != 0) {
+        const std::string theme = reference[led] = random() % 3 ? "t" + std::to_string(random() % 3) : "";
+        changes.push_back(Change::put(led, kLed, "", {}));
+        if (!theme.empty()) changes.push_back(Change::put(led, kLed, "theme", theme));
       }
+      remote.write(changes, Durability::stored);
     }
     std::map<Zel::Name, Ptr<LedConfig>> before;
     for (const auto& led : dir->leds()) before[led->name()] = led;
     remote.reconnect();
     settle();
     std::map<std::string, std::string> found;
-    std::size_t changed = 0;
+    std::size_t kept = 0;
     for (const auto& led : dir->leds()) {
       found[led->path()] = led->theme().stdString();
-      changed += before.contains(led->name()) ? 0 : 1;
+      if (!before.contains(led->name())) continue;
+      EXPECT_EQ(before[led->name()], led) << "kept, not swapped";
+      ++kept;
     }
     ASSERT_EQ(found, reference) << "round " << round;
-    for (const auto& [name, led] : before)
-      if (dir->leds(name))
-        EXPECT_EQ(dir->leds(name), led) << "kept, not swapped";
-      else
-        ++changed;
-    EXPECT_EQ(std::exchange(lines, {}).size(), changed) << "only what came or went is announced";
+    EXPECT_EQ(std::exchange(lines, {}).size(), before.size() + found.size() - 2 * kept)
+        << "only what came or went is announced";
   }
   other->stop();
 }

@@ -5,29 +5,22 @@
 
 #include "platform/zel/core/exception.h"
 #include "platform/zel/entity/dir.h"
+#include "tests/support.h"
 
 namespace {
 
 using Zel::Ptr;
 
-struct Log {
-  std::vector<std::string> lines;
-};
-
-class Thing : public Zel::Described<Thing, Zel::Entity> {
+class Thing : public Support::Plain<Thing, Zel::Entity> {
  public:
-  static constexpr auto attributes() { return std::tuple{}; }
-  static const Zel::TypeNode& typeNode() {
-    static const Zel::TypeNode type = describe("Test::Thing");
-    return type;
-  }
-  explicit Thing(Zel::Name name, Log* log = nullptr, bool fails = false) : Described(name), log_(log) {
+  static constexpr const char* kName = "Test::Thing";
+  explicit Thing(Zel::Name name, Support::Lines* log = nullptr, bool fails = false) : Plain(name), log_(log) {
     const Ptr<Thing> self(this);  // a constructor may hand out pointers to itself
     if (fails) throw std::runtime_error("no thing");
   }
   void hasNotificationActiveIs(bool active) override {
-    if (log_) log_->lines.push_back(active ? "on" : "off");
-    Described::hasNotificationActiveIs(active);
+    if (log_) log_->push_back(active ? "on" : "off");
+    Plain::hasNotificationActiveIs(active);
   }
 
   Ptr<Thing> other;
@@ -35,15 +28,15 @@ class Thing : public Zel::Described<Thing, Zel::Entity> {
  protected:
   ~Thing() override {
     const Ptr<Thing> self(this);  // nor does one made while it ends end it twice
-    if (log_) log_->lines.push_back("gone");
+    if (log_) log_->push_back("gone");
   }
 
  private:
-  Log* log_;
+  Support::Lines* log_;
 };
 
 TEST(Ptr, TheLastReferenceEndsTheObjectAndOnlyTheLast) {
-  Log log;
+  Support::Lines log;
   auto a = Zel::allocate<Thing>("a", &log);
   EXPECT_EQ(a->references(), 1U);
   EXPECT_TRUE(a->hasNotificationActive());
@@ -53,9 +46,9 @@ TEST(Ptr, TheLastReferenceEndsTheObjectAndOnlyTheLast) {
   a = Ptr<Thing>(a.get());
   EXPECT_EQ(a->references(), 2U);
   a = nullptr;
-  EXPECT_EQ(log.lines, (std::vector<std::string>{"on"}));
+  EXPECT_EQ(log, (Support::Lines{"on"}));
   b = nullptr;
-  EXPECT_EQ(log.lines, (std::vector<std::string>{"on", "gone"}));
+  EXPECT_EQ(log, (Support::Lines{"on", "gone"}));
 }
 
 // What the dropped object destroys must find the pointer changed already.

@@ -9,30 +9,21 @@
 
 namespace {
 
-class Trace : public testing::Test {
- protected:
+struct Trace : testing::Test {
   Trace() {
     Zel::traceSinkIs([this](std::string_view line) { lines.emplace_back(line); });
   }
   ~Trace() override { Zel::traceSinkIs(nullptr); }
-
   std::vector<std::string> lines;
 };
-
-struct Counted {
-  int& printed;
-};
-std::ostream& operator<<(std::ostream& out, const Counted& counted) {
-  ++counted.printed;
-  return out << "counted";
-}
 
 TEST_F(Trace, FormatsOnlyWhatIsEnabled) {
   const Zel::TraceHandle handle("TraceTest", false);
   int printed = 0;
   const auto record = [&](unsigned level) {
-    Zel::traceRecord(handle, level, "Source", 263, "aFunction",
-                     [&](std::ostream& out) { out << Counted{printed} << "\nline \x1b[2J\xc2\x9b\xc3\xa4"; });
+    Zel::traceRecord(handle, level, "Source", 263, "aFunction", [&](std::ostream& out) {
+      out << "counted" << ++printed << "\nline \x1b[2J\xc2\x9b\xc3\xa4";
+    });
   };
   record(6);
   EXPECT_EQ(printed, 0);
@@ -43,9 +34,9 @@ TEST_F(Trace, FormatsOnlyWhatIsEnabled) {
   EXPECT_TRUE(std::regex_match(
       lines[1],
       std::regex(
-          R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6} TraceTest 6 Source:263 aFunction: counted\\x0Aline .*)")))
+          R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6} TraceTest 6 Source:263 aFunction: counted2\\x0Aline .*)")))
       << lines[1];
-  EXPECT_TRUE(lines[1].ends_with("counted\\x0Aline \\x1B[2J\\x9B\xc3\xa4")) << lines[1];
+  EXPECT_TRUE(lines[1].ends_with("counted2\\x0Aline \\x1B[2J\\x9B\xc3\xa4")) << lines[1];
 }
 
 TEST_F(Trace, EveryHandleFollowsItsFacilityFromTheStart) {

@@ -27,12 +27,7 @@ class Configuration : public Bench::Test {
   Ptr<ConfigReactor> start() { return reactor = ConfigReactor::ConfigReactorIs(mappings, leds, pins); }
   Ptr<GpioLedStateMachine> machine(const char* name) { return reactor->gpioLedStateMachine().find(name); }
   std::string faultOfStep() {
-    try {
-      manager.step();
-    } catch (const Zel::HandlerFault& fault) {
-      return fault.text();
-    }
-    return "none";
+    return Support::errorOf<Zel::HandlerFault>([this] { return manager.step(); });
   }
 
   Ptr<Hardware::Gpio::GpioLedSystemConfigDir> mappings =
@@ -49,43 +44,31 @@ TEST_F(Configuration, AnLedThatIsSwappedInOneStepIsRefused) {
   const auto first = machine("A");
   const auto swapped = Zel::allocate<Hardware::Led::LedConfig>("A");
   leds->ledsIs(swapped);
-  const std::string texts[] = {Zel::valueToStrepOfRawPtr(swapped.get()).stdString(),
-                               Zel::valueToStrepOfRawPtr(old.get()).stdString()};
-  EXPECT_EQ(faultOfStep(),
-            "Reinstantiating the pointer interface where constructor parameter attribute _hwLedConfig has a "
-            "different "
-            "value of " +
-                texts[0] + " than the current value of " + texts[1] + " not allowed");
+  EXPECT_TRUE(faultOfStep().ends_with(
+      "Reinstantiating the pointer interface where constructor parameter attribute _hwLedConfig has a "
+      "different value of " +
+      Zel::valueToStrepOfRawPtr(swapped.get()).stdString() + " than the current value of " +
+      Zel::valueToStrepOfRawPtr(old.get()).stdString() + " not allowed"));
   EXPECT_EQ(machine("A"), first);
   leds->ledsDel("A");
   manager.step();
   leds->ledsIs(swapped);
   manager.step();
-  EXPECT_NE(machine("A"), nullptr);
-  EXPECT_NE(machine("A"), first);
-  EXPECT_THROW(
-      try { reactor->gpioLedStateMachineIs(nullptr, swapped); } catch (const Zel::NameInUseException& error) {
-        EXPECT_NE(std::string(error.what())
-                      .find("attribute _corvelGpioLedConfig has a different value of null than"),
-                  std::string::npos);
-        throw;
-      },
-      Zel::NameInUseException);
+  EXPECT_TRUE(machine("A") && machine("A") != first);
+  EXPECT_NE(Support::errorOf<Zel::NameInUseException>([&] {
+              return reactor->gpioLedStateMachineIs(nullptr, swapped);
+            }).find("attribute _corvelGpioLedConfig has a different value of null than"),
+            std::string::npos);
 }
 
 TEST_F(Configuration, RefusesWhatIsNoMappingOrNoPin) {
   start();
-  try {
-    reactor->gpioLedConfigIs(nullptr);
-    ADD_FAILURE();
-  } catch (const Zel::RangeException& error) {
-    EXPECT_STREQ(error.what(),
-                 "null _gpioLedConfig parameter to mutator for Pinlamp::ConfigReactor::gpioLedConfig "
-                 "not allowed\"");
-  }
+  EXPECT_EQ(Support::errorOf<Zel::RangeException>([this] { return reactor->gpioLedConfigIs(nullptr); }),
+            "null _gpioLedConfig parameter to mutator for Pinlamp::ConfigReactor::gpioLedConfig "
+            "not allowed\"");
   pins->entryIs("A.g", "Zel::Dir");
   mappings->gpioLedsIs(mapping("A"));
-  EXPECT_EQ(faultOfStep(), "null ValidPtr");
+  EXPECT_NE(faultOfStep().find(": null ValidPtr ("), std::string::npos);
 
   reactor = ConfigReactor::ConfigReactorIs(nullptr, leds, nullptr);
   reactor->corvelLedSystemConfig()->gpioLedsIs("B")->gpioRedIs(Zel::allocate<Bench::CorvelPinConfig>("B.r"));

@@ -1,4 +1,5 @@
-// Random operations on the configuration reactor, its input and its pins, and on a model of it.
+// Random operations on the configuration reactor, its input and its pins, and on a model of it. The LEDs stay
+// dark: what a machine does with its pins is compared in tests/statemachine.
 #include <map>
 
 #include "reactor/configreactor.h"
@@ -10,59 +11,43 @@ using Bench::Lines;
 using Hardware::Gpio::GpioLedConfig;
 using Hardware::Gpio::GpioLedSystemConfigDir;
 using Hardware::Led::LedSystemConfigDir;
+using Model::kColours;
 using Pinlamp::ConfigReactor;
 using Zel::Ptr;
 using Text = std::string;
 
-using Output = Hardware::Gpio::CorvelGpioLedConfig;
-
-struct Colour {
-  Text name;
-  const Zel::NameSet& (GpioLedConfig::*get)() const;
-  void (GpioLedConfig::*set)(const Zel::NameSet&);
-  const Output::Pins& (Output::*pins)() const;
-};
-const std::array<Colour, 4> kColours{{
-    {"yellow", &GpioLedConfig::gpioYellowName, &GpioLedConfig::gpioYellowNameIs, &Output::gpioYellow},
-    {"green", &GpioLedConfig::gpioGreenName, &GpioLedConfig::gpioGreenNameIs, &Output::gpioGreen},
-    {"red", &GpioLedConfig::gpioRedName, &GpioLedConfig::gpioRedNameIs, &Output::gpioRed},
-    {"orange", &GpioLedConfig::gpioOrangeName, &GpioLedConfig::gpioOrangeNameIs, &Output::gpioOrange},
-}};
+using Pin = std::pair<Text, int>;  // and a number that no other pin of that name has
+using Output = std::array<std::vector<Pin>, 4>;
 
 struct ReactorModel {
   struct Mapped {
     Text name;
     Ptr<GpioLedConfig> mapping;
-    Model::Watcher watcher;
+    Ptr<Support::Watcher> watcher;
+  };
+  struct Machine {
+    Ptr<const Bench::LedConfig> led;
+    bool active = true;
   };
 
-  ReactorModel(Model::Queue& its, Lines& records, const Zel::Entity* directory)
-      : queue(its), log(records), pinDir(directory) {}
+  ReactorModel(Lines& records) : log(records) {}
 
   void mappingsAre(const Ptr<GpioLedSystemConfigDir>& dir) {
     if (std::exchange(mappings, dir) == dir) return;
-    if (!dir) return mappingsWatcher.reset();
-    if (!mappingsWatcher)
-      mappingsWatcher = std::make_unique<Model::Watcher>(queue, nullptr, [this](const Text& name) {
-        if (const auto mapping = mappings->gpioLeds(name))
-          mappingIs(mapping);
-        else
-          mappingDel(name);
-      });
-    mappingsWatcher->watch(dir);
-    resynchronise();
+    Model::watch(mappingsWatcher, dir, [this](const Text&, Zel::Name name) {
+      if (const auto mapping = mappings->gpioLeds(name))
+        mappingIs(mapping);
+      else if (!name.empty())
+        mappingDel(name.stdString());
+    });
+    if (dir) resynchronise();
   }
   void ledsAre(const Ptr<LedSystemConfigDir>& dir) {
-    if (std::exchange(leds, dir) == dir) return;
-    if (!dir) return ledsWatcher.reset();
-    if (!ledsWatcher)
-      ledsWatcher =
-          std::make_unique<Model::Watcher>(queue, nullptr, [this](const Text& name) { createDriver(name); });
-    ledsWatcher->watch(dir);
+    leds = dir;
+    Model::watch(ledsWatcher, dir, [this](const Text&, Zel::Name name) { createDriver(name.stdString()); });
   }
   void mappingsReplaced() {
-    queue.changed(mappings.get(), "", false);
-    if (mappingsWatcher->hears()) resynchronise();
+    if (mappingsWatcher->hasNotificationActive() && !mappingsWatcher->zelIsZombie()) resynchronise();
   }
   void resynchronise() {
     for (const auto& mapping : mappings->gpioLeds()) mappingIs(mapping);
@@ -77,20 +62,17 @@ struct ReactorModel {
   }
   void mappingIs(const Ptr<GpioLedConfig>& mapping) {
     const Text name = mapping->name().stdString();
-    if (Mapped* there = find(name)) {
-      if (std::exchange(there->mapping, mapping) == mapping) return;
-      there->watcher.watch(mapping);
-      if (!there->watcher.zombie) createLedConfig(*mapping);
-      return retire(*there, zombie);
-    }
-    std::unique_ptr<Mapped> made(new Mapped{name, mapping, Model::Watcher(queue, nullptr)});
-    made->watcher.on = [this, &it = *made] { createLedConfig(*it.mapping); };
-    made->watcher.watch(mapping);
-    createLedConfig(*mapping);
-    mapped.push_back(std::move(made));
-    retire(*mapped.back(), zombie);
+    Mapped* there = find(name);
+    if (there && there->mapping == mapping) return;
+    if (!there) there = mapped.emplace_back(new Mapped{name, nullptr, nullptr}).get();
+    there->mapping = mapping;
+    Model::watch(there->watcher, mapping, [this, there](const Text& attribute, Zel::Name) {
+      if (attribute == "ready") createLedConfig(*there->mapping);
+    });
+    if (!there->watcher->zelIsZombie()) createLedConfig(*mapping);
+    retire(*there, zombie);
   }
-  Ptr<GpioLedConfig> mappingDel(const Text& name) {
+  Ptr<GpioLedConfig> mappingDel(Text name) {
     const auto at = std::ranges::find(mapped, find(name), &std::unique_ptr<Mapped>::get);
     if (at == mapped.end()) return nullptr;
     const auto removed = std::move(*at);
@@ -99,120 +81,112 @@ struct ReactorModel {
     return removed->mapping;
   }
   void retire(Mapped& each, bool retired) {
-    if (each.watcher.zombie == retired) return;
-    each.watcher.activeIs(!retired);
+    if (each.watcher->zelIsZombie() == retired) return;
+    each.watcher->hasNotificationActiveIs(!retired);
     cleanUp(each.name);
-    each.watcher.zombieIs(retired);
+    each.watcher->zelDoZombieReactors(retired);
   }
   void createLedConfig(const GpioLedConfig& mapping) {
     const Text name = mapping.name().stdString();
-    say(9, 246, "createLedConfig", "createLedConfig " + name);
+    say(246, "createLedConfig", "createLedConfig " + name);
     if (!mapping.ready()) return;
-    auto& output = outputs[name];
-    if (!output) output = std::make_shared<Model::Output>(name, system);
+    Output& output = outputs[name];
     for (std::size_t colour = 0; colour < 4; ++colour)
-      for (const Zel::Name pinName : (mapping.*kColours[colour].get)()) {
-        auto& pin = pins[pinName.stdString()];
-        if (!pin) {
-          pin = std::make_shared<Model::Pin>(pinName.stdString());
-          queue.changed(pinDir, pin->name);
+      for (const Zel::Name pinName : (mapping.*kColours[colour].names)()) {
+        const Pin pin = pinIs(pinName.stdString());
+        if (std::ranges::count(output[colour], pin) == 0) {
+          std::erase_if(output[colour], [&](const Pin& other) { return other.first == pin.first; });
+          output[colour].push_back(pin);
         }
-        output->add(colour, pin);
-        say(6, 263 + 10 * static_cast<int>(colour), "createLedConfig",
-            "created " + kColours[colour].name + " pin '" + pin->name + "'");
+        say(263 + 10 * static_cast<int>(colour), "createLedConfig",
+            "created " + Text(kColours[colour].plain) + " pin '" + pin.first + "'", 6);
       }
     createDriver(name);
   }
   void createDriver(const Text& name) {
-    say(9, 225, "createDriver", "createDriver " + name);
+    say(225, "createDriver", "createDriver " + name);
     const auto mapping = mappings->gpioLeds(name);
     if (!mapping || !mapping->ready() || !outputs.contains(name) || !leds->leds(name)) {
-      say(9, 238, "createDriver", "Deleting Gpio Led SM for " + name);
+      say(238, "createDriver", "Deleting Gpio Led SM for " + name);
       machines.erase(name);
     } else {
-      say(9, 234, "createDriver", "Creating Gpio Led SM for " + name);
+      say(234, "createDriver", "Creating Gpio Led SM for " + name);
       machineIs(name);
     }
   }
   void machineIs(const Text& name) {
-    auto& machine = machines[name];
     const auto led = leds->leds(name);
-    if (!machine) machine = std::make_unique<Model::Machine>(queue, log, outputs[name], led);
-    ASSERT_TRUE(machine->output == outputs[name] && machine->led == led) << "this operation is not legal";
+    const auto [machine, isNew] = machines.try_emplace(name, Machine{led});
+    ASSERT_EQ(machine->second.led, led) << "this operation is not legal";
+    if (!isNew) return;
+    log.push_back("6 handleInitialized: handleInitialized for " + name);
+    for (const Model::Colour& colour : kColours) {
+      const Text operation = Text("handleCorvelGpio") + colour.text;
+      log.push_back("9 " + operation + ": " + operation + " " + name);
+    }
   }
   void cleanUp(const Text& name) {
-    say(9, 302, "handleGpioConfigCleanup", "handleGpioConfigCleanup " + name);
-    if (outputs.contains(name))
-      for (const auto& ofColour : outputs[name]->pins)
-        for (const auto& pin : ofColour) pinDel(pin->name);
-    outputs.erase(name);
+    say(302, "handleGpioConfigCleanup", "handleGpioConfigCleanup " + name);
+    if (const auto output = outputs.extract(name))
+      for (const auto& ofColour : output.mapped())
+        for (const Pin& pin : ofColour) pinDel(pin.first);
     createDriver(name);
   }
-  void pinDel(const Text name) {
-    if (pins.erase(name) != 0) queue.changed(pinDir, name);
+  Pin pinIs(const Text& name) {
+    const auto [pin, isNew] = pins.try_emplace(name, ++lastPin);
+    if (isNew) pinChanged(name);
+    return *pin;
+  }
+  void pinDel(const Text& name) {
+    if (pins.erase(name) != 0) pinChanged(name);
+  }
+  void pinChanged(const Text& name) {
+    if (std::ranges::count(changedPins, name) == 0) changedPins.push_back(name);
+  }
+  bool isThere(const Pin& pin) const {
+    const auto found = pins.find(pin.first);
+    return found != pins.end() && *found == std::pair<const Text, int>(pin);
   }
   void activeIs(bool on) {
     if (std::exchange(active, on) == on) return;
-    for (auto* each : {mappingsWatcher.get(), ledsWatcher.get()})
-      if (each) each->activeIs(on);
-    for (const auto& [name, machine] : machines) machine->activeIs(on);
-    for (const auto& each : mapped) each->watcher.activeIs(on);
+    for (const auto& each : {mappingsWatcher, ledsWatcher})
+      if (each) each->hasNotificationActiveIs(on);
+    for (auto& [name, machine] : machines) machine.active = on;
+    for (const auto& each : mapped) each->watcher->hasNotificationActiveIs(on);
   }
   void zombieIs(bool retired) {
     if (zombie == retired) return;
-    for (auto* each : {mappingsWatcher.get(), ledsWatcher.get()})
-      if (each) each->zombieIs(retired);
+    for (const auto& each : {mappingsWatcher, ledsWatcher})
+      if (each) each->zelDoZombieReactors(retired);
     for (const auto& each : mapped) retire(*each, retired);
     zombie = retired;
   }
   void end() {
     zombieIs(true);
-    machines.clear(), mapped.clear(), mappingsWatcher.reset(), ledsWatcher.reset();
+    mapped.clear(), mappingsWatcher = ledsWatcher = nullptr;
   }
-  // What is due comes in the order of time; LEDs never have the same times.
-  void advance(double now) {
-    std::vector<Model::Machine*> due;
-    for (const auto& [name, machine] : machines)
-      if (machine->isDue(now)) due.push_back(machine.get());
-    std::ranges::sort(due, {}, &Model::Machine::wakeUp);
-    for (auto* machine : due) machine->advance(Zel::activityManager().clock().get(), now);
-  }
-  void say(int level, int line, const Text& function, const Text& text) {
+  void say(int line, const Text& function, const Text& text, int level = 9) {
     log.push_back(std::to_string(level) + " Pinlamp:" + std::to_string(line) + " " + function + ": " + text);
   }
 
-  Model::Queue& queue;
   Lines& log;
-  const Zel::Entity* pinDir;
   Text system = "ledSystem";
   Ptr<GpioLedSystemConfigDir> mappings;
   Ptr<LedSystemConfigDir> leds;
-  std::unique_ptr<Model::Watcher> mappingsWatcher, ledsWatcher;
+  Ptr<Support::Watcher> mappingsWatcher, ledsWatcher;
   std::vector<std::unique_ptr<Mapped>> mapped;  // in the order in which they came
-  std::map<Text, std::shared_ptr<Model::Output>> outputs;
-  std::map<Text, std::shared_ptr<Model::Pin>> pins;  // in their directory
-  std::map<Text, std::unique_ptr<Model::Machine>> machines;
+  std::map<Text, Output> outputs;
+  std::map<Text, int> pins;  // in their directory
+  int lastPin = 0;
+  Lines changedPins;  // that the directory's reactors were not notified of yet
+  std::map<Text, Machine> machines;
   bool active = true, zombie = false;
-};
-
-// Logs which pins come and go.
-class PinDirSpy : public Zel::Reactor<PinDirSpy, Zel::Dir::NotifieeConst> {
- public:
-  static constexpr const char* kTypeName = "Test::PinDirSpy";
-  PinDirSpy(const Ptr<const Zel::Dir>& dir, Lines& log) : Reactor(dir), log_(log) {}
-  void onEntry(Zel::Name pin) override {
-    log_.push_back((notifier()->entityRef(pin) ? "+" : "-") + pin.stdString());
-  }
-
- private:
-  Lines& log_;
 };
 
 class ReactorRun : public Bench::Test {
  public:
   explicit ReactorRun(unsigned seed) : dice(seed) {
-    Zel::traceLevelsIs("Pinlamp/*");
-    modelSpy.watch(pins);
+    Zel::traceLevelsIs("Pinlamp/6,9");
     for (int i = 0; i < 30; ++i) input();
     reactor = ConfigReactor::ConfigReactorIs(maps[0], ledDirs[0], pins);
     model.ledsAre(ledDirs[0]);
@@ -227,61 +201,44 @@ class ReactorRun : public Bench::Test {
 
   void TestBody() override {}
 
+  Text pinName() { return "p" + std::to_string(dice.below(7)); }
   Zel::NameSet pinNames() {
     Zel::NameSet names;
-    for (unsigned i = dice.below(3); i > 0; --i) names.insert("p" + std::to_string(dice.below(7)));
+    for (unsigned i = dice.below(3); i > 0; --i) names.insert(pinName());
     return names;
   }
   Ptr<GpioLedConfig> newMapping(const Text& name) {
     const auto mapping = Zel::allocate<GpioLedConfig>(name);
-    for (const auto& colour : kColours) ((*mapping).*colour.set)(pinNames());
+    for (const auto& colour : kColours) ((*mapping).*colour.namesAre)(pinNames());
     mapping->readyIs(dice.chance(60));
     return mapping;
   }
 
   // What other agents do.
   void input() {
-    const auto operation = dice.below(8), colour = dice.below(4);
-    const Text name = dice.among(kNames), pin = "p" + std::to_string(dice.below(7));
+    const auto operation = dice.below(7);
+    const Text name = dice.among(kNames), pin = pinName();
+    const auto& colour = dice.among(kColours);
     const auto& dir = maps[dice.chance(15)];
     const auto& leds = ledDirs[dice.chance(15)];
-    const auto led = leds->leds(name);
     const auto* watched = dice.chance(50) ? model.find(name) : nullptr;  // it may have left the directory
     const auto mapping = watched ? watched->mapping : dir->gpioLeds(name);
-    dice.note("input", operation, name, pin, colour, dir->name(), leds->name(), watched != nullptr);
+    dice.note("input", operation, name, pin, colour.plain, dir->name(), leds->name(), watched != nullptr);
     if (operation == 0 && (!mapping || dice.chance(50))) {
       dir->gpioLedsIs(newMapping(name));
-      queue.changed(dir.get(), name);
-    } else if (operation == 1 && dice.chance(50) && dir->gpioLedsDel(name)) {
-      queue.changed(dir.get(), name);
+    } else if (operation == 1 && dice.chance(50)) {
+      dir->gpioLedsDel(name);
     } else if (operation == 2 && mapping) {
       mapping->readyIs(!mapping->ready());
-      queue.changed(mapping.get());
     } else if (operation == 3 && mapping) {
-      const auto names = pinNames();
-      if (((*mapping).*kColours[colour].get)() == names) return;
-      ((*mapping).*kColours[colour].set)(names);
-      queue.changed(mapping.get(), "", false);
+      ((*mapping).*colour.namesAre)(pinNames());
     } else if (operation == 4 && !(leds == model.leds && model.machines.contains(name))) {
-      if (!led) queue.changed(leds.get(), name);  // never while the machine of another of that name is there
-      lightSettingIs(*leds->ledsIs(name), name);
-    } else if (operation == 5 && dice.chance(40) && leds->ledsDel(name)) {
-      queue.changed(leds.get(), name);
-    } else if (operation == 6 && led) {
-      lightSettingIs(*led, name);
-    } else if (operation == 7 && model.pins.contains(pin)) {
-      if (dice.chance(20)) return static_cast<void>(pins->entryDel(pin)), model.pinDel(pin);
-      Zel::dynamicPtrCast<Bench::CorvelPinConfig>(pins->entityRef(pin))->valueIs(colour);
-      model.pins[pin]->value = colour;
+      leds->ledsIs(name);  // never while the machine of another of that name is there
+    } else if (operation == 5 && dice.chance(40)) {
+      leds->ledsDel(name);
+    } else if (operation == 6 && dice.chance(20)) {
+      pins->entryDel(pin), model.pinDel(pin);
     }
-  }
-  // Every LED has its own fractions of a quarter of a second, so no two wake up at once.
-  void lightSettingIs(Bench::LedConfig& led, const Text& name) {
-    const auto light =
-        dice.setting(dice.chance(40) ? dice.below(4) * 0.25 + (name[0] - 'A' + 1) * 0.03 : 0.0);
-    if (led.lightSetting() == light) return;
-    led.lightSettingIs(light);
-    queue.changed(&led);
   }
 
   void call() {
@@ -320,10 +277,10 @@ class ReactorRun : public Bench::Test {
     const bool on = dice.chance(60);
     dice.note("rarely", operation, other, on);
     if (operation == 0) {
-      reactor->gpioLedStateMachineDelAll(), model.machines.clear();
+      machinesDel();
       if (on) return;
       reactor->gpioLedConfigDelAll();
-      while (!model.mapped.empty()) model.mappingDel(Text(model.mapped.front()->name));
+      while (!model.mapped.empty()) model.mappingDel(model.mapped.front()->name);
     } else if (operation == 1) {
       const auto& dir = *maps[other];
       std::vector<Ptr<GpioLedConfig>> mappings;
@@ -341,8 +298,7 @@ class ReactorRun : public Bench::Test {
       EXPECT_EQ(on ? reactor->hwLedConfigDirDel() : model.leds, model.leds);
       if (on) model.ledsAre(nullptr);
       reactor->hwLedConfigDirIs(ledDirs[other]), model.ledsAre(ledDirs[other]);
-      // The machines of the other directory's LEDs, which are others, go before anything asks for them.
-      reactor->gpioLedStateMachineDelAll(), model.machines.clear();
+      machinesDel();  // those of the other directory's LEDs, before anything asks for them
     } else if (operation == 4) {
       replaceOutput(on, other ? "ledSystem" : "others");
     } else if (operation < 8) {
@@ -351,6 +307,7 @@ class ReactorRun : public Bench::Test {
       reactor->zelDoZombieReactors(on), model.zombieIs(on);
     }
   }
+  void machinesDel() { reactor->gpioLedStateMachineDelAll(), model.machines.clear(); }
   void replaceOutput(bool del, const Text& name) {
     const auto before = reactor->corvelLedSystemConfig();
     before->parentIs(pins);
@@ -361,54 +318,47 @@ class ReactorRun : public Bench::Test {
     before->parentIs(nullptr);
     if (after == before) return;
     model.system = name, model.outputs.clear();
-    reactor->gpioLedStateMachineDelAll(), model.machines.clear();  // they have pins of the old directory
+    machinesDel();  // they have pins of the old directory
   }
 
   void pass() {
-    if (dice.chance(50)) time.advance(dice.below(5) * 0.25);
-    dice.note("pass", time.now());
-    for (const auto& [name, machine] : model.machines)
-      if (machine->misses(time.now())) reactor->hasNotificationActiveIs(true), model.activeIs(true);
+    dice.note("pass");
     manager.step();
-    model.advance(time.now());
-    queue.deliver();
     ASSERT_EQ(Model::joined(takeRecords()), Model::joined(std::exchange(expected, {}))) << dice.report();
-    std::map<Text, std::uint32_t> values, valuesOfModel;
-    for (const auto& pin : pins->entries())
-      values[pin->name().stdString()] = Zel::dynamicPtrCast<Bench::CorvelPinConfig>(pin)->value();
-    for (const auto& [name, pin] : model.pins) valuesOfModel[name] = pin->value;
-    ASSERT_EQ(values, valuesOfModel) << dice.report();
+    ASSERT_EQ(pins->entries().size(), model.pins.size()) << dice.report();
+    ASSERT_EQ(model.changedPins, Lines{}) << dice.report();
     if (!reactor) return;
-    for (const char* name : kNames) ASSERT_EQ(state(name), stateOfModel(name)) << dice.report();
+    ASSERT_EQ(reactor->hasNotificationActive(), model.active) << dice.report();
+    ASSERT_EQ(reactor->zelIsZombie(), model.zombie) << dice.report();
+    for (const char* name : kNames) compareLed(name);
   }
-  // What there is of one LED.
-  Text state(const Text& name) const {
-    std::ostringstream text;
-    text << reactor->hasNotificationActive() << reactor->zelIsZombie();
-    if (const auto mapped = reactor->gpioLedConfig().find(name))
-      text << " mapped " << mapped->notifier() << mapped->hasNotificationActive() << mapped->zelIsZombie();
-    if (const auto machine = reactor->gpioLedStateMachine().find(name))
-      text << " driven " << machine->hwLedConfig().get() << machine->hasNotificationActive()
-           << machine->flashingState();
+  void compareLed(const Text& name) {
+    const auto mapped = reactor->gpioLedConfig().find(name);
+    const auto* itsMapped = model.find(name);
+    ASSERT_EQ(mapped ? mapped->notifier() : nullptr, itsMapped ? itsMapped->mapping.get() : nullptr)
+        << dice.report();
+    if (mapped) {
+      ASSERT_EQ(mapped->hasNotificationActive(), itsMapped->watcher->hasNotificationActive())
+          << dice.report();
+      ASSERT_EQ(mapped->zelIsZombie(), itsMapped->watcher->zelIsZombie()) << dice.report();
+    }
+    const auto machine = reactor->gpioLedStateMachine().find(name);
+    const auto itsMachine = model.machines.find(name);
+    ASSERT_EQ(machine != nullptr, itsMachine != model.machines.end()) << dice.report();
+    if (machine) {
+      ASSERT_EQ(machine->hwLedConfig(), itsMachine->second.led) << dice.report();
+      ASSERT_EQ(machine->hasNotificationActive(), itsMachine->second.active) << dice.report();
+    }
     const auto output = reactor->corvelLedSystemConfig()->gpioLeds(name);
-    for (std::size_t colour = 0; output && colour < 4; ++colour)
+    ASSERT_EQ(output != nullptr, model.outputs.contains(name)) << dice.report();
+    for (std::size_t colour = 0; output && colour < 4; ++colour) {
+      std::vector<std::pair<Text, bool>> found, expectedPins;  // and whether it is the one in the directory
       for (const auto& pin : ((*output).*kColours[colour].pins)())
-        text << ' ' << colour << pin->name() << '=' << pin->value();
-    return text.str() + (output ? " configured" : "");
-  }
-  Text stateOfModel(const Text& name) const {
-    std::ostringstream text;
-    text << model.active << model.zombie;
-    if (const auto* mapped = model.find(name))
-      text << " mapped " << mapped->mapping.get() << mapped->watcher.active << mapped->watcher.zombie;
-    if (const auto machine = model.machines.find(name); machine != model.machines.end())
-      text << " driven " << machine->second->led.get() << machine->second->active
-           << machine->second->flashing;
-    const auto output = model.outputs.find(name);
-    for (std::size_t colour = 0; output != model.outputs.end() && colour < 4; ++colour)
-      for (const auto& pin : output->second->pins[colour])
-        text << ' ' << colour << pin->name << '=' << pin->value;
-    return text.str() + (output != model.outputs.end() ? " configured" : "");
+        found.emplace_back(pin->name().stdString(), pins->entityRef(pin->name()) == pin);
+      for (const Pin& pin : model.outputs[name][colour])
+        expectedPins.emplace_back(pin.first, model.isThere(pin));
+      ASSERT_EQ(found, expectedPins) << dice.report();
+    }
   }
 
   void end() {
@@ -426,18 +376,17 @@ class ReactorRun : public Bench::Test {
   }
 
   Model::Dice dice;
-  Model::Queue queue;
   Lines expected;
   const Ptr<Zel::Dir> pins = Zel::allocate<Zel::Dir>("pins");
-  const Ptr<PinDirSpy> spy = Zel::allocate<PinDirSpy>(pins, records);
-  Model::Watcher modelSpy{queue, nullptr, [this](const Text& pin) {
-                            expected.push_back((model.pins.contains(pin) ? "+" : "-") + pin);
-                          }};
   const Ptr<GpioLedSystemConfigDir> maps[2] = {Zel::allocate<GpioLedSystemConfigDir>("m0"),
                                                Zel::allocate<GpioLedSystemConfigDir>("m1")};
   const Ptr<LedSystemConfigDir> ledDirs[2] = {Zel::allocate<LedSystemConfigDir>("l0"),
                                               Zel::allocate<LedSystemConfigDir>("l1")};
-  ReactorModel model{queue, expected, pins.get()};
+  ReactorModel model{expected};
+  const Ptr<Support::Watcher> spy = Zel::allocate<Support::Watcher>(pins, [this](const Text&, Zel::Name pin) {
+    EXPECT_EQ(model.changedPins.empty() ? "none" : model.changedPins[0], pin.stdString()) << dice.report();
+    std::erase(model.changedPins, pin.stdString());
+  });
   Ptr<ConfigReactor> reactor;
 };
 

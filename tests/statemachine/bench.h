@@ -3,23 +3,20 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
-#include <string>
-#include <vector>
-
 #include "platform/model/corvelgpioledsystemconfigdir.h"
 #include "platform/model/ledconfig.h"
 #include "platform/zel/core/trace.h"
 #include "platform/zel/notify/activity.h"
+#include "tests/support.h"
 
 namespace Bench {
 
 using Hardware::Gpio::CorvelGpioLedSystemConfigDir;
 using Hardware::Gpio::CorvelPinConfig;
 using Hardware::Led::LedConfig;
+using Support::Lines;
 using Zel::Name;
 using Zel::Ptr;
-using Lines = std::vector<std::string>;
 
 // "green red" and seconds; "" is dark.
 inline Led::LightSetting setting(std::string_view colours, double interval = 0.0) {

@@ -1,16 +1,17 @@
 // What an LED's machine does, told a second time in plain structures, for tests that perform random
-// operations on both and compare.
+// operations on both and compare. The model's reactors are real ones: each stands right behind the one that
+// it mirrors, so both are notified of the same changes in the same order. Notification and the clock have
+// models of their own, in tests/platform.
 #pragma once
 
 #include <algorithm>
 #include <array>
-#include <cmath>
-#include <deque>
 #include <memory>
 #include <random>
 #include <sstream>
 
 #include "platform/zel/notify/clock.h"
+#include "statemachine/gpioledstatemachine.h"
 #include "tests/statemachine/bench.h"
 
 namespace Model {
@@ -18,9 +19,31 @@ namespace Model {
 using Bench::LedConfig;
 using Bench::Lines;
 using Bench::Ptr;
+using Hardware::Gpio::CorvelGpioLedConfig;
+using Hardware::Gpio::GpioLedConfig;
 using Led::LightSetting;
+using Pinlamp::GpioLedStateMachine;
 constexpr double kNever = std::numeric_limits<double>::infinity();
-constexpr std::array kColours{"Yellow", "Green", "Red", "Orange"};
+
+// What differs between the colours, in the order in which machine and reactor go through them.
+struct Colour {
+  const char *text, *plain;
+  bool LightSetting::*lit;
+  const Zel::NameSet& (GpioLedConfig::*names)() const;
+  void (GpioLedConfig::*namesAre)(const Zel::NameSet&);
+  const CorvelGpioLedConfig::Pins& (CorvelGpioLedConfig::*pins)() const;
+  void (CorvelGpioLedConfig::*pinIs)(const Ptr<Bench::CorvelPinConfig>&);
+  void (GpioLedStateMachine::*write)(const Ptr<CorvelGpioLedConfig>&, Pinlamp::U32);
+};
+// clang-format off
+#define COLOUR(Text, plain)                                                                           \
+  {#Text, #plain, &LightSetting::plain, &GpioLedConfig::gpio##Text##Name,                             \
+   &GpioLedConfig::gpio##Text##NameIs, &CorvelGpioLedConfig::gpio##Text,                              \
+   &CorvelGpioLedConfig::gpio##Text##Is, &GpioLedStateMachine::handleCorvelGpio##Text}
+// clang-format on
+inline const std::array<Colour, 4> kColours{
+    {COLOUR(Yellow, yellow), COLOUR(Green, green), COLOUR(Red, red), COLOUR(Orange, orange)}};
+#undef COLOUR
 
 struct Pin {
   std::string name;
@@ -39,88 +62,37 @@ struct Output {
   }
 };
 
-struct Queue;
-
-// A reactor: what it watches, whether it is notified, and what is marked on it.
-struct Watcher {
-  Watcher(Queue& its, std::function<void()> onChange, std::function<void(std::string)> onKeyChange = {});
-  ~Watcher();
-  void watch(const Ptr<const Zel::Notifier>& notifier) { drop(), watched = notifier; }
-  void activeIs(bool notified) { active = notified, notified ? void() : drop(); }
-  void zombieIs(bool retired) { zombie = retired, retired ? drop() : void(); }
-  bool hears() const { return active && !zombie && watched && !watched->zelIsGone(); }
-  void drop();
-
-  Queue& queue;
-  std::function<void()> on;
-  std::function<void(std::string)> onKey;
-  Ptr<const Zel::Notifier> watched;
-  bool active = true, zombie = false, marked = false;
-  Lines keys;
-};
-
-// The reactors, and those among them that are pending, in the order in which they became it.
-struct Queue {
-  // `key` is empty where a plain attribute changed; `handled` where its handler does something.
-  void changed(const Zel::Notifier* notifier, const std::string& key = "", bool handled = true) {
-    for (Watcher* each : all) {
-      if (each->watched.get() != notifier || !each->active || each->zombie) continue;
-      if (key.empty())
-        each->marked |= handled;
-      else if (std::ranges::count(each->keys, key) == 0)
-        each->keys.push_back(key);
-      if (std::ranges::count(pending, each) == 0) pending.push_back(each);
-    }
-  }
-  void deliver() {
-    while (!pending.empty()) {
-      Watcher& next = *pending.front();
-      if (!next.hears()) {
-        next.drop();
-        continue;
-      }
-      pending.pop_front();
-      const Lines keys = std::exchange(next.keys, {});
-      if (std::exchange(next.marked, false) && next.on) next.on();
-      for (const auto& key : keys)
-        if (next.onKey) next.onKey(key);
-    }
-  }
-
-  std::vector<Watcher*> all;
-  std::deque<Watcher*> pending;
-};
-
-inline Watcher::Watcher(Queue& its, std::function<void()> onChange,
-                        std::function<void(std::string)> onKeyChange)
-    : queue(its), on(std::move(onChange)), onKey(std::move(onKeyChange)) {
-  queue.all.push_back(this);
+// Points a reactor at another notifier, as the agent does: one that is there is kept.
+template <class Reactor, class Notifier, class Call>
+void watch(Ptr<Reactor>& slot, const Ptr<Notifier>& notifier, const Call& call) {
+  if (!notifier)
+    slot = nullptr;
+  else if (!slot)
+    slot = Zel::allocate<Reactor>(notifier, call);
+  else
+    slot->notifierIs(notifier);
 }
-inline Watcher::~Watcher() { drop(), std::erase(queue.all, this); }
-inline void Watcher::drop() { std::erase(queue.pending, this), marked = false, keys.clear(); }
 
 struct Machine {
-  Machine(Queue& its, Lines& records, const std::shared_ptr<Output>& pins,
-          const Ptr<const LedConfig>& watched)
-      : queue(its), log(records), output(pins) {
+  Machine(Lines& records, const std::shared_ptr<Output>& pins, const Ptr<const LedConfig>& watched)
+      : log(records), output(pins) {
     ledIs(watched);
     initialize();
   }
 
   void ledIs(const Ptr<const LedConfig>& watched) {
-    watch(ledReactor, watched, [this] { applyLed(); });
+    watch(ledReactor, watched, [this](const std::string&, Zel::Name) { applyLed(); });
     led = watched;
   }
   void clockIs(const Ptr<const Zel::Clock>& clock) {
-    if (!clockReactor || !clock) disarm();
-    watch(clockReactor, clock, {});
+    watch(clockReactor, clock, [this] { tick(); });
   }
   void initialize() {
     say(6, "handleInitialized", "handleInitialized for " + name());
     if (initialized) return;
     flashing = false;
     clockIs(Zel::activityManager().clock());
-    disarm();
+    clockReactor->timeMinIs(kNever);
     initialized = true;
     applyLed();
   }
@@ -136,7 +108,7 @@ struct Machine {
          << (output ? "Hardware::Gpio::CorvelGpioLedSystemConfigDir " + output->system : "null") << '>';
     say(8, "handleLedSystemConfig", text.str());
     if (setting.flashInterval != 0.0)
-      isArmed() ? void() : armIn(setting.flashInterval);
+      clockReactor->timeMin() < kNever ? void() : armIn(setting.flashInterval);
     else if (output)
       show(setting, true);
   }
@@ -145,13 +117,13 @@ struct Machine {
     say(8, "handleClockTimeout", "handleClockTimeout for " + name());
     flashing = !flashing;
     const LightSetting setting = led->lightSetting();
-    if (setting.flashInterval == 0.0) return disarm();
+    if (setting.flashInterval == 0.0) return clockReactor->timeMinIs(kNever);
     say(8, "handleClockTimeout", "Led " + name() + " is now " + (flashing ? "1" : "0"));
     show(setting, flashing);
     armIn(setting.flashInterval);
   }
   void write(std::size_t colour, std::uint32_t value, Output& pins) {
-    const std::string text = kColours[colour], operation = "handleCorvelGpio" + text;
+    const std::string text = kColours[colour].text, operation = "handleCorvelGpio" + text;
     say(9, operation, operation + " " + pins.name);
     for (const auto& pin : pins.pins[colour]) {
       const auto old = std::exchange(pin->value, value);
@@ -161,59 +133,39 @@ struct Machine {
                 " NewValue: " + std::to_string(value));
     }
   }
-  // One pass of a clock.
-  void advance(const Zel::Notifier* clock, double now) {
-    if (!isDue(now) || clockReactor->watched.get() != clock) return;
-    expiring = false;
-    if (clockReactor->hears()) tick();
-  }
   void activeIs(bool on) {
     if (std::exchange(active, on) == on) return;
-    for (auto* each : {ledReactor.get(), clockReactor.get()})
-      if (each) each->activeIs(on);
+    if (ledReactor) ledReactor->hasNotificationActiveIs(on);
+    if (clockReactor) clockReactor->hasNotificationActiveIs(on);
   }
-  void zombieIs(bool retired) {
-    if (std::exchange(zombie, retired) == retired) return;
-    for (auto* each : {ledReactor.get(), clockReactor.get()})
-      if (each) each->zombieIs(retired);
+  void retire() {
+    if (std::exchange(retired, true)) return;
+    if (ledReactor) ledReactor->zelDoZombieReactors(true);
+    if (clockReactor) clockReactor->zelDoZombieReactors(true);
   }
   std::string name() const { return led ? led->name().stdString() : ""; }
-  bool isArmed() const { return wakeUp <= std::numeric_limits<double>::max(); }
-  bool isDue(double now) const { return expiring && wakeUp <= now; }
-  // Whether a wake-up would come that is not delivered, though it could be later.
-  bool misses(double now) const { return isDue(now) && !clockReactor->active && !clockReactor->zombie; }
+  // When it will tick; also where its time came while notifications were off, and waits until they are on.
+  double nextTick() const {
+    return clockReactor && !clockReactor->zelIsZombie() ? clockReactor->wakeUp() : kNever;
+  }
 
-  Queue& queue;
   Lines& log;
   std::shared_ptr<Output> output;
   Ptr<const LedConfig> led;
-  std::unique_ptr<Watcher> ledReactor, clockReactor;
-  bool flashing = false, initialized = false, active = true, zombie = false;
-  double wakeUp = kNever;
-  bool expiring = false;  // the wake-up is still to come
+  Ptr<Support::Watcher> ledReactor;
+  Ptr<Support::Waker> clockReactor;
+  bool flashing = false, initialized = false, active = true, retired = false;
 
  private:
-  void watch(std::unique_ptr<Watcher>& slot, const Ptr<const Zel::Notifier>& notifier,
-             const std::function<void()>& on) {
-    if (!notifier) return slot.reset();
-    if (!slot) slot = std::make_unique<Watcher>(queue, on);
-    if (slot->watched != notifier) slot->watch(notifier);
-  }
   void say(int level, const std::string& function, const std::string& text) {
     log.push_back(std::to_string(level) + " " + function + ": " + text);
   }
   void show(const LightSetting& setting, bool lit) {
     for (std::size_t colour = 0; colour < 4; ++colour) write(colour, 0, *output);
-    const std::array set{setting.yellow, setting.green, setting.red, setting.orange};
     for (std::size_t colour = 0; colour < 4; ++colour)
-      if (lit && set[colour]) write(colour, 1, *output);
+      if (lit && setting.*kColours[colour].lit) write(colour, 1, *output);
   }
-  void disarm() { wakeUp = kNever, expiring = false; }
-  void armIn(double interval) {
-    wakeUp = Zel::System::currentTime() + interval;
-    if (std::isnan(wakeUp)) wakeUp = kNever;
-    expiring = wakeUp < kNever;
-  }
+  void armIn(double interval) { clockReactor->timeMinIs(Zel::System::currentTime() + interval); }
 };
 
 // A random number generator with the operations of the run so far, for the message of a mismatch.
@@ -227,7 +179,7 @@ struct Dice {
   }
   LightSetting setting(double interval) {
     LightSetting result;
-    for (bool* colour : {&result.orange, &result.green, &result.red, &result.yellow}) *colour = chance(40);
+    for (const Colour& colour : kColours) result.*colour.lit = chance(40);
     result.flashInterval = interval;
     return result;
   }

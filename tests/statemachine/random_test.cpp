@@ -1,23 +1,12 @@
 // Random operations on a machine and on its model.
-#include "statemachine/gpioledstatemachine.h"
 #include "tests/statemachine/model.h"
 
 namespace {
 
-using Bench::Lines;
-using Hardware::Gpio::CorvelGpioLedConfig;
 using Pinlamp::GpioLedStateMachine;
 using Zel::Ptr;
 
-using Add = void (CorvelGpioLedConfig::*)(const Ptr<Bench::CorvelPinConfig>&);
-using Write = void (GpioLedStateMachine::*)(const Ptr<CorvelGpioLedConfig>&, Pinlamp::U32);
-constexpr struct {
-  Add add;
-  Write write;
-} kColours[] = {{&CorvelGpioLedConfig::gpioYellowIs, &GpioLedStateMachine::handleCorvelGpioYellow},
-                {&CorvelGpioLedConfig::gpioGreenIs, &GpioLedStateMachine::handleCorvelGpioGreen},
-                {&CorvelGpioLedConfig::gpioRedIs, &GpioLedStateMachine::handleCorvelGpioRed},
-                {&CorvelGpioLedConfig::gpioOrangeIs, &GpioLedStateMachine::handleCorvelGpioOrange}};
+using Model::kColours;
 
 class MachineRun : Bench::Test {
  public:
@@ -32,12 +21,12 @@ class MachineRun : Bench::Test {
     for (const auto& led : leds) led->lightSettingIs(setting(!bare));
     const auto led = dice.chance(90) ? leds[0] : nullptr;
     machine = GpioLedStateMachine::GpioLedStateMachineIs(bare ? nullptr : output, led);
-    model = std::make_unique<Model::Machine>(queue, expected, bare ? nullptr : modelOutput, led);
+    model = std::make_unique<Model::Machine>(expected, bare ? nullptr : modelOutput, led);
     for (int i = 0; i < 400 && !HasFailure(); ++i)
       dice.chance(55) ? perform() : dice.chance(50) ? performRarely() : pass();
     machine->hasNotificationActiveIs(false), model->activeIs(false);
     time.advance(100.0);
-    pass(false);
+    pass();
     machine = nullptr, model = nullptr;
     pass();
   }
@@ -56,7 +45,7 @@ class MachineRun : Bench::Test {
   }
   void addPin(unsigned pin, unsigned colour) {
     dice.note("add", pin, "to", colour);
-    (*output.*kColours[colour].add)(pins[pin]), modelOutput->add(colour, modelPins[pin]);
+    (*output.*kColours[colour].pinIs)(pins[pin]), modelOutput->add(colour, modelPins[pin]);
   }
   void perform() {
     const auto operation = dice.below(10), pin = dice.below(7), value = dice.below(3), colour = dice.below(4);
@@ -74,13 +63,13 @@ class MachineRun : Bench::Test {
       const auto& led = dice.among(leds);
       const auto light = setting(mayFlash());
       dice.note("setting", led->name(), light);
-      if (!(led->lightSetting() == light)) queue.changed(led.get());
       led->lightSettingIs(light);
     }
   }
   // To the wake-up itself, to just before it, or anywhere.
   void advance() {
-    const double places[] = {model->wakeUp, std::nextafter(model->wakeUp, 0.0), time.now() + 1e-4,
+    const double wakeUp = model->clockReactor ? model->clockReactor->timeMin() : Model::kNever;
+    const double places[] = {wakeUp, std::nextafter(wakeUp, 0.0), time.now() + 1e-4,
                              time.now() + dice.below(8) * 0.25, time.now() + 50.0};
     const double next = dice.among(places);
     if (!(next > time.now()) || next > 1e9) return;
@@ -93,7 +82,7 @@ class MachineRun : Bench::Test {
     const auto operation = dice.below(14);
     const bool on = dice.chance(70), other = dice.chance(50);
     dice.note("rarely", operation, on, other);
-    const bool wakes = model->expiring && !model->clockReactor->zombie;  // and then reads the LED
+    const bool ticks = model->nextTick() < Model::kNever;  // and then reads the LED
     if (operation < 3 && (on || steady())) {
       const auto clock = !on ? nullptr : other ? otherClock : manager.clock();
       EXPECT_EQ(!on && other ? machine->clockDel() : clockOfModel(), clockOfModel());
@@ -104,7 +93,7 @@ class MachineRun : Bench::Test {
       EXPECT_EQ(!on && other ? machine->hwLedConfigDel() : model->led, model->led);
       on || !other ? machine->hwLedConfigIs(led) : void();
       model->ledIs(led);
-      if (!led && wakes) machine->hwLedConfigIs(leds[other]), model->ledIs(leds[other]);
+      if (!led && ticks) machine->hwLedConfigIs(leds[other]), model->ledIs(leds[other]);
     } else if (operation == 5 || operation == 6) {
       machine->initializedIs(on), model->initialized = on;
     } else if (operation == 7) {
@@ -121,24 +110,18 @@ class MachineRun : Bench::Test {
     } else if (operation == 12) {
       machine->hasNotificationActiveIs(on), model->activeIs(on);
     } else if (operation == 13 && dice.chance(10)) {
-      machine->zelDoZombieReactors(true), model->zombieIs(true);
+      machine->zelDoZombieReactors(true), model->retire();
     }
   }
   Ptr<const Zel::Clock> clockOfModel() const {
     if (!model->clockReactor) return nullptr;
-    return model->clockReactor->watched.get() == otherClock.get() ? otherClock : manager.clock();
+    return Ptr<const Zel::Clock>(model->clockReactor->notifier());
   }
 
-  // A wake-up that comes while notifications are off is out of the model's sight: they are `revived` before.
-  void pass(bool revived = true) {
+  void pass() {
     dice.note("pass");
-    if (revived && model && model->misses(time.now()))
-      machine->hasNotificationActiveIs(true), model->activeIs(true);
     manager.step();
-    if (model) model->advance(manager.clock().get(), time.now());
-    queue.deliver();
     otherClock->advance(time.now());
-    if (model) model->advance(otherClock.get(), time.now());
     ASSERT_EQ(Model::joined(takeRecords()), Model::joined(std::exchange(expected, {}))) << dice.report();
     for (std::size_t i = 0; i < pins.size(); ++i)
       ASSERT_EQ(pins[i]->value(), modelPins[i]->value) << i << dice.report();
@@ -151,11 +134,10 @@ class MachineRun : Bench::Test {
   }
 
   Model::Dice dice;
-  Model::Queue queue;
-  Lines expected;
+  Bench::Lines expected;
   Ptr<Bench::CorvelGpioLedSystemConfigDir> system =
       Zel::allocate<Bench::CorvelGpioLedSystemConfigDir>("ledSystem");
-  Ptr<CorvelGpioLedConfig> output = system->gpioLedsIs("L");
+  Ptr<Hardware::Gpio::CorvelGpioLedConfig> output = system->gpioLedsIs("L");
   std::shared_ptr<Model::Output> modelOutput = std::make_shared<Model::Output>("L", "ledSystem");
   std::vector<Ptr<Bench::CorvelPinConfig>> pins;
   std::vector<std::shared_ptr<Model::Pin>> modelPins;

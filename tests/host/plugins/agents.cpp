@@ -3,6 +3,7 @@
 
 #include "platform/warden/cagent.h"
 #include "platform/zel/notify/activity.h"
+#include "tests/support.h"
 
 namespace Null {
 ZEL_API Zel::Ptr<Warden::CAgent> agentFactory(Zel::Name) { return nullptr; }
@@ -25,31 +26,26 @@ struct Alarm : Zel::Reactor<Alarm, Zel::Clock::NotifieeConst> {
 };
 
 // Mounts a directory of LEDs; its alarm, where it is set, throws at once.
-class Agent : public Zel::Described<Agent, Warden::CAgent> {
- public:
-  static constexpr auto attributes() { return std::tuple{}; }
-  static const Zel::TypeNode& typeNode() {
-    static const Zel::TypeNode type = describe("Test::Agent");
-    return type;
+struct Agent : Support::Plain<Agent, Warden::CAgent> {
+  static constexpr const char* kName = "Test::Agent";
+  explicit Agent(Zel::Name name, double alarm = Zel::Clock::kNever) : Plain(name) {
+    alarm_->timeMinIs(alarm);
   }
-  Agent(Zel::Name name, double alarm) : Described(name) { alarm_->timeMinIs(alarm); }
   void doInit() override {
     const auto group = entityManager()->getMountGroup(Zel::Ptr<Statedb::Mounter>(this));
     group->doMount(Statedb::Mount("hardware/led/config", "Hardware::Led::LedSystemConfigDir", "r"));
     group->doClose(false, "", 0.0);
   }
-
- private:
   const Zel::Ptr<Alarm> alarm_ = Zel::allocate<Alarm>(Zel::activityManager().clock());
 };
 
 struct UnwillingAgent : Agent {
-  explicit UnwillingAgent(Zel::Name name) : Agent(name, Zel::Clock::kNever) {}
+  using Agent::Agent;
   void doInit() override { throw std::runtime_error("not today"); }
 };
 
 struct LateAgent : Agent {
-  explicit LateAgent(Zel::Name name) : Agent(name, Zel::Clock::kNever) {}
+  using Agent::Agent;
   void doMountsComplete(Statedb::MountStatus, const Zel::Ptr<Statedb::EntityManager>&) override {
     throw std::runtime_error("too late");
   }
@@ -66,9 +62,7 @@ ZEL_API Zel::Ptr<Warden::CAgent> agentFactory(Zel::Name name) { return Zel::allo
 }  // namespace Late
 
 namespace Plain {
-ZEL_API Zel::Ptr<Warden::CAgent> agentFactory(Zel::Name name) {
-  return Zel::allocate<Agent>(name, Zel::Clock::kNever);
-}
+ZEL_API Zel::Ptr<Warden::CAgent> agentFactory(Zel::Name name) { return Zel::allocate<Agent>(name); }
 }  // namespace Plain
 
 namespace Faulty {

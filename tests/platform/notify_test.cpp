@@ -8,6 +8,7 @@
 
 #include "platform/model/gpioledsystemconfigdir.h"
 #include "platform/model/ledsystemconfigdir.h"
+#include "platform/zel/entity/dir.h"
 #include "platform/zel/notify/activity.h"
 #include "tests/support.h"
 

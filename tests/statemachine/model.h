@@ -10,6 +10,7 @@
 #include <random>
 #include <sstream>
 
+#include "platform/model/gpioledconfig.h"
 #include "platform/zel/notify/clock.h"
 #include "statemachine/gpioledstatemachine.h"
 #include "tests/statemachine/bench.h"

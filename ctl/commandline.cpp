@@ -1,3 +1,6 @@
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
 #include <algorithm>
 #include <ostream>
 
@@ -12,6 +15,36 @@ namespace {
 
 constexpr int kRefused = 1;
 constexpr int kUsage = 2;
+constexpr double kLongestWait = 3600;  // seconds
+
+void addCommands(Command& all, Context& context) {
+  addLedCommands(all, context);
+  addPanelCommand(all, context);
+  addMapCommands(all, context);
+  addConfigCommands(all, context);
+  addEntityCommands(all, context);
+  addWatchCommand(all, context);
+  addRecordCommand(all, context);
+  addHostCommands(all, context);
+  addObjectCommands(all, context);
+  addWhyCommand(all, context);
+}
+
+void describe(CLI::App& app, Completions& completions, Context& context) {
+  app.name("pinlampctl");
+  app.description("Sees and sets the LEDs of an appliance, through pinlampd.");
+  app.footer("Example: pinlampctl led set Ethernet3/1 green --flash 0.5");
+  Command all(app, completions);
+  all.argument("--socket", context.socket, "The control socket of pinlampd")
+      .completes(Completes::file)
+      .fromEnvironment("PINLAMP_SOCKET");
+  all.argument("--wait", context.wait, "Wait for a pinlampd that is starting")
+      .valueName("SECONDS")
+      .within(0, kLongestWait);
+  app.set_version_flag("--version", "pinlampctl " PINLAMP_VERSION);
+  app.require_subcommand(1);
+  addCommands(all, context);
+}
 
 // The innermost command that was reached.
 const CLI::App& reached(const CLI::App& app) {
@@ -60,10 +93,11 @@ int parseAndRun(CLI::App& app, std::vector<std::string> arguments, std::ostream&
 int runCommandLine(std::vector<std::string> arguments, std::ostream& out, std::ostream& err) {
   Context context(out, err);
   CLI::App app;
-  addAllCommands(app, context);
+  Completions completions;
+  describe(app, completions, context);
   try {
     if (!arguments.empty() && arguments.front() == "complete")
-      return printCandidates(app, context, {arguments.begin() + 1, arguments.end()});
+      return printCandidates(app, completions, context, {arguments.begin() + 1, arguments.end()});
     return parseAndRun(app, std::move(arguments), out, err);
   } catch (const Refusal& refusal) {
     err << "pinlampctl: " << refusal.what() << '\n';

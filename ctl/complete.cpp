@@ -1,5 +1,6 @@
 #include "ctl/complete.h"
 
+#include <CLI/App.hpp>
 #include <algorithm>
 #include <functional>
 #include <ostream>
@@ -18,6 +19,7 @@ using Names = std::set<std::string>;
 // Where the cursor is in the command line.
 struct Position {
   const CLI::App* command = nullptr;
+  const Completions* completions = nullptr;
   const CLI::Option* valueOf = nullptr;    // the option whose value stands there
   std::vector<std::string> positionals{};  // given so far to `command`
   std::string socket{};                    // as given; empty: none
@@ -110,7 +112,7 @@ Names typeNames(Client& client) {
   return names;
 }
 
-Names attributesAt(Client& client, const std::string& path) {
+Names attributeNames(Client& client, const std::string& path) {
   const Json entities = client.read(path);
   if (entities.empty() || entities.front().at("path") != path) return {};
   const auto names = client.attributesOf(entities.front().at("type"));
@@ -155,7 +157,7 @@ Names fromHost(Client& client, Completes what, const Position& at, const std::st
     case Completes::path:
       return pathsFrom(client, begun);
     case Completes::attribute:
-      return attributesAt(client, at.positionals.empty() ? "" : at.positionals.front());
+      return attributeNames(client, at.positionals.empty() ? "" : at.positionals.front());
     case Completes::facility:
       return facilityNames(client);
     case Completes::object:
@@ -174,8 +176,9 @@ Names fromHost(Client& client, Completes what, const Position& at, const std::st
 // What the argument at the cursor may be. A host that can't be asked is no error here: nobody reads one.
 Names argumentNames(Context& context, const Position& at, const CLI::Option* argument,
                     const std::string& begun) {
-  const Completes what = context.completionOf(argument);
-  if (what == Completes::nothing) return {};
+  const auto known = at.completions->find(argument);
+  if (known == at.completions->end()) return {};
+  const Completes what = known->second;
   if (what == Completes::file) return {":files"};
   const bool colours = what == Completes::ledThenColour && !at.positionals.empty();
   Names names = colours ? colourWords() : Names();
@@ -198,8 +201,9 @@ Names candidates(Context& context, const Position& at, const std::string& begun)
 
 }  // namespace
 
-int printCandidates(CLI::App& app, Context& context, const std::vector<std::string>& words) {
-  Position at{&app};
+int printCandidates(const CLI::App& app, const Completions& completions, Context& context,
+                    const std::vector<std::string>& words) {
+  Position at{&app, &completions};
   for (std::size_t i = 0; i + 1 < words.size(); ++i) takeWord(at, words[i]);
   if (const char* socket = std::getenv("PINLAMP_SOCKET")) context.socket = socket;
   if (!at.socket.empty()) context.socket = at.socket;

@@ -1,7 +1,6 @@
 // What may stand where a person presses the tabulator.
 #pragma once
 
-#include <iosfwd>
 #include <string>
 #include <vector>
 
@@ -13,6 +12,7 @@ namespace Ctl {
 // cursor, without the program's name. A candidate that ends in '/' may go on. Where files are meant it prints
 // the one line
 // ":files". Names that only the host knows are left out while there is none. Returns the exit status.
-int printCandidates(CLI::App& app, Context& context, const std::vector<std::string>& words);
+int printCandidates(const CLI::App& app, const Completions& completions, Context& context,
+                    const std::vector<std::string>& words);
 
 }  // namespace Ctl

@@ -54,41 +54,38 @@ void dump(Context& context, const std::string& path, bool all) {
   context.out << (all ? wholeText(entities) : configurationText(entities, context.client().filled()));
 }
 
-void addLoad(CLI::App& app, Context& context) {
+void addLoad(Command& app, Context& context) {
   struct Arguments {
     std::string file;
     bool replace = false;
   };
   const auto given = std::make_shared<Arguments>();
-  CLI::App* command = addCommand(
-      app, "load", "Brings a whole configuration in: all of it, or nothing where anything is wrong",
-      "pinlampctl load examples/switch-1u.json");
-  context
-      .completes(
-          command->add_option("FILE", given->file, "The file, as dump writes it; - for standard input"),
-          Completes::file)
-      ->required();
-  command->add_flag("--replace", given->replace, "Remove what the file does not have");
-  command->callback([&context, given] { load(context, given->file, given->replace); });
+  Command command =
+      app.add("load", "Brings a whole configuration in: all of it, or nothing where anything is wrong",
+              "pinlampctl load examples/switch-1u.json");
+  command.argument("FILE", given->file, "The file, as dump writes it; - for standard input")
+      .completes(Completes::file)
+      .required();
+  command.flag("--replace", given->replace, "Remove what the file does not have");
+  command.runs([&context, given] { load(context, given->file, given->replace); });
 }
 
-void addDump(CLI::App& app, Context& context) {
+void addDump(Command& app, Context& context) {
   struct Arguments {
     std::string path;
     bool all = false;
   };
   const auto given = std::make_shared<Arguments>();
-  CLI::App* command = addCommand(app, "dump", "Writes the configuration out, sorted, one entity a line",
-                                 "pinlampctl dump hardware/led/config > leds.json");
-  context.completes(command->add_option("PATH", given->path, "Only what stands at and under this path"),
-                    Completes::path);
-  command->add_flag("--all", given->all, "Also what agents fill: pin values, states of lines");
-  command->callback([&context, given] { dump(context, given->path, given->all); });
+  Command command = app.add("dump", "Writes the configuration out, sorted, one entity a line",
+                            "pinlampctl dump hardware/led/config > leds.json");
+  command.argument("PATH", given->path, "Only what stands at and under this path").completes(Completes::path);
+  command.flag("--all", given->all, "Also what agents fill: pin values, states of lines");
+  command.runs([&context, given] { dump(context, given->path, given->all); });
 }
 
 }  // namespace
 
-void addConfigCommands(CLI::App& app, Context& context) {
+void addConfigCommands(Command& app, Context& context) {
   addLoad(app, context);
   addDump(app, context);
 }

@@ -74,7 +74,7 @@ void printMembers(std::ostream& out, const Json& entities, const std::string& pa
   table.print(out);
 }
 
-void get(Context& context, const std::string& path, const std::string& attribute, bool json) {
+void getEntity(Context& context, const std::string& path, const std::string& attribute, bool json) {
   const Json entities = readSome(context.client(), path);
   const bool here = startsAt(entities, path);
   if (!attribute.empty() && !here)
@@ -92,8 +92,8 @@ void get(Context& context, const std::string& path, const std::string& attribute
   printMembers(context.out, entities, path);
 }
 
-void set(Context& context, const std::string& path, const std::string& attribute, const std::string& value,
-         const std::string& type) {
+void setAttribute(Context& context, const std::string& path, const std::string& attribute,
+                  const std::string& value, const std::string& type) {
   Json change{{"op", "put"}, {"path", path}, {"attributes", {{attribute, argumentOf(value)}}}};
   if (type.empty()) {
     readSome(context.client(), path);
@@ -104,7 +104,7 @@ void set(Context& context, const std::string& path, const std::string& attribute
   context.client().write(Json::array({change}));
 }
 
-void del(Context& context, const std::vector<std::string>& paths) {
+void deleteEntities(Context& context, const std::vector<std::string>& paths) {
   Json changes = Json::array();
   for (const std::string& path : paths) {
     readSome(context.client(), path);
@@ -113,7 +113,7 @@ void del(Context& context, const std::vector<std::string>& paths) {
   context.client().write(std::move(changes));
 }
 
-void types(Context& context, bool json) {
+void listTypes(Context& context, bool json) {
   const Json all = context.client().types();
   if (json) {
     printJson(context.out, all);
@@ -131,66 +131,60 @@ void types(Context& context, bool json) {
   }
 }
 
-void addGet(CLI::App& app, Context& context) {
+void addEntityGet(Command& app, Context& context) {
   struct Arguments {
     std::string path;
     std::string attribute;
     bool json = false;
   };
   const auto given = std::make_shared<Arguments>();
-  CLI::App* command = addCommand(app, "get", "Shows an entity, its attributes and what stands under it",
-                                 "pinlampctl get hardware/led/config/leds/Ethernet3%2F1 lightSetting");
-  context.completes(
-      command->add_option("PATH", given->path, "A '/' within a name is written %2F (default: all)"),
-      Completes::path);
-  context.completes(command->add_option("ATTRIBUTE", given->attribute, "Only this attribute's value"),
-                    Completes::attribute);
-  addJsonFlag(*command, given->json);
-  command->callback([&context, given] { get(context, given->path, given->attribute, given->json); });
+  Command command = app.add("get", "Shows an entity, its attributes and what stands under it",
+                            "pinlampctl get hardware/led/config/leds/Ethernet3%2F1 lightSetting");
+  command.argument("PATH", given->path, "A '/' within a name is written %2F (default: all)")
+      .completes(Completes::path);
+  command.argument("ATTRIBUTE", given->attribute, "Only this attribute's value")
+      .completes(Completes::attribute);
+  command.jsonFlag(given->json);
+  command.runs([&context, given] { getEntity(context, given->path, given->attribute, given->json); });
 }
 
-void addSet(CLI::App& app, Context& context) {
+void addEntitySet(Command& app, Context& context) {
   struct Arguments {
     std::string path, attribute, value, type;
   };
   const auto given = std::make_shared<Arguments>();
-  CLI::App* command =
-      addCommand(app, "set", "Sets an attribute of an entity",
-                 "pinlampctl set hardware/led/config/leds/Status lightSetting '{\"red\": true}'");
-  context.completes(command->add_option("PATH", given->path, "The entity"), Completes::path)->required();
-  context
-      .completes(command->add_option("ATTRIBUTE", given->attribute, "The attribute"), Completes::attribute)
-      ->required();
-  command->add_option("VALUE", given->value, "JSON, or a bare text")->required();
-  context.completes(command->add_option("--type", given->type, "Make the entity where it is not there"),
-                    Completes::type);
-  command->callback(
-      [&context, given] { set(context, given->path, given->attribute, given->value, given->type); });
+  Command command = app.add("set", "Sets an attribute of an entity",
+                            "pinlampctl set hardware/led/config/leds/Status lightSetting '{\"red\": true}'");
+  command.argument("PATH", given->path, "The entity").completes(Completes::path).required();
+  command.argument("ATTRIBUTE", given->attribute, "The attribute").completes(Completes::attribute).required();
+  command.argument("VALUE", given->value, "JSON, or a bare text").required();
+  command.argument("--type", given->type, "Make the entity where it is not there").completes(Completes::type);
+  command.runs(
+      [&context, given] { setAttribute(context, given->path, given->attribute, given->value, given->type); });
 }
 
-void addDel(CLI::App& app, Context& context) {
+void addEntityDel(Command& app, Context& context) {
   const auto paths = std::make_shared<std::vector<std::string>>();
-  CLI::App* command = addCommand(app, "del", "Removes entities and everything under them",
-                                 "pinlampctl del hardware/led/config/leds/Beacon");
-  context.completes(command->add_option("PATH", *paths, "The entities"), Completes::path)->required();
-  command->callback([&context, paths] { del(context, *paths); });
+  Command command = app.add("del", "Removes entities and everything under them",
+                            "pinlampctl del hardware/led/config/leds/Beacon");
+  command.argument("PATH", *paths, "The entities").completes(Completes::path).required();
+  command.runs([&context, paths] { deleteEntities(context, *paths); });
 }
 
-void addTypes(CLI::App& app, Context& context) {
+void addTypesCommand(Command& app, Context& context) {
   const auto json = std::make_shared<bool>(false);
-  CLI::App* command =
-      addCommand(app, "types", "Lists the types of entities and their attributes", "pinlampctl types");
-  addJsonFlag(*command, *json);
-  command->callback([&context, json] { types(context, *json); });
+  Command command = app.add("types", "Lists the types of entities and their attributes", "pinlampctl types");
+  command.jsonFlag(*json);
+  command.runs([&context, json] { listTypes(context, *json); });
 }
 
 }  // namespace
 
-void addEntityCommands(CLI::App& app, Context& context) {
-  addGet(app, context);
-  addSet(app, context);
-  addDel(app, context);
-  addTypes(app, context);
+void addEntityCommands(Command& app, Context& context) {
+  addEntityGet(app, context);
+  addEntitySet(app, context);
+  addEntityDel(app, context);
+  addTypesCommand(app, context);
 }
 
 }  // namespace Ctl

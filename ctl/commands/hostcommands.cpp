@@ -134,31 +134,30 @@ void showStatus(Context& context, bool json) {
     printStatus(context.out, status, lines);
 }
 
-void addTrace(CLI::App& app, Context& context) {
+void addTrace(Command& app, Context& context) {
   struct Arguments {
     std::string levels;
     bool json = false;
   };
   const auto given = std::make_shared<Arguments>();
-  CLI::App* command = addCommand(app, "trace", "Shows or sets the trace levels of the running host",
-                                 "pinlampctl trace Pinlamp/3,6-9");
-  context.completes(command->add_option("FACILITY/LEVELS", given->levels,
-                                        "Numbers and ranges; '*' for all, nothing for none"),
-                    Completes::facility);
-  addJsonFlag(*command, given->json);
-  command->callback([&context, given] { trace(context, given->levels, given->json); });
+  Command command = app.add("trace", "Shows or sets the trace levels of the running host",
+                            "pinlampctl trace Pinlamp/3,6-9");
+  command.argument("FACILITY/LEVELS", given->levels, "Numbers and ranges; '*' for all, nothing for none")
+      .completes(Completes::facility);
+  command.jsonFlag(given->json);
+  command.runs([&context, given] { trace(context, given->levels, given->json); });
 }
 
-void addStatus(CLI::App& app, Context& context) {
+void addStatus(Command& app, Context& context) {
   const auto json = std::make_shared<bool>(false);
-  CLI::App* command = addCommand(app, "status", "Tells how the host is doing", "pinlampctl status");
-  addJsonFlag(*command, *json);
-  command->callback([&context, json] { showStatus(context, *json); });
+  Command command = app.add("status", "Tells how the host is doing", "pinlampctl status");
+  command.jsonFlag(*json);
+  command.runs([&context, json] { showStatus(context, *json); });
 }
 
 }  // namespace
 
-void addHostCommands(CLI::App& app, Context& context) {
+void addHostCommands(Command& app, Context& context) {
   addTrace(app, context);
   addStatus(app, context);
 }

@@ -84,7 +84,7 @@ void addStrayPins(Client& client, const Mirror& mirror, std::vector<Lamp>& lamps
   }
 }
 
-void list(Context& context, const std::vector<std::string>& patterns, bool json) {
+void listLeds(Context& context, const std::vector<std::string>& patterns, bool json) {
   const Mirror mirror = readAppliance(context.client());
   const auto values = pinsOf(mirror);
   const auto known = lampsOf(mirror);
@@ -123,7 +123,7 @@ void noteMissingPins(Context& context, const std::vector<std::string>& names) {
 }
 
 // Stores what `words` ask for over the LEDs' present settings; fields that are no business of colours stay.
-void set(Context& context, const LedWords& words, std::optional<double> flash) {
+void setLeds(Context& context, const LedWords& words, std::optional<double> flash) {
   Client& client = context.client();
   const std::vector<Lamp> lamps = lampsOf(readAppliance(client));
   const auto names = expandLedWords(words, namesOf(lamps));
@@ -135,57 +135,53 @@ void set(Context& context, const LedWords& words, std::optional<double> flash) {
   noteMissingPins(context, names);
 }
 
-void addList(CLI::App& led, Context& context) {
+void addLedList(Command& led, Context& context) {
   struct Arguments {
     std::vector<std::string> patterns;
     bool json = false;
   };
   const auto given = std::make_shared<Arguments>();
-  CLI::App* command =
-      addCommand(led, "list", "Lists LEDs: what each should show, what it shows, its pins and their values",
-                 "pinlampctl led list 'Ethernet4*'");
-  context.completes(command->add_option("NAME", given->patterns, "Names or patterns (default: all)"),
-                    Completes::led);
-  addJsonFlag(*command, given->json);
-  command->callback([&context, given] { list(context, given->patterns, given->json); });
+  Command command =
+      led.add("list", "Lists LEDs: what each should show, what it shows, its pins and their values",
+              "pinlampctl led list 'Ethernet4*'");
+  command.argument("NAME", given->patterns, "Names or patterns (default: all)").completes(Completes::led);
+  command.jsonFlag(given->json);
+  command.runs([&context, given] { listLeds(context, given->patterns, given->json); });
 }
 
-void addSet(CLI::App& led, Context& context) {
+void addLedSet(Command& led, Context& context) {
   struct Arguments {
     std::vector<std::string> words;
     double flash = 0.0;
   };
   const auto given = std::make_shared<Arguments>();
-  CLI::App* command = addCommand(led, "set", "Lights LEDs: the names or patterns first, then the colours",
-                                 "pinlampctl led set Status 'Ethernet3*' green --flash 0.5");
-  context
-      .completes(
-          command->add_option("NAME... COLOUR", given->words, "LEDs; then orange, green, red, yellow or off"),
-          Completes::ledThenColour)
-      ->required();
-  CLI::Option* flash =
-      command->add_option("--flash", given->flash, "Seconds between two toggles; 0 for steady");
-  command->callback([&context, given, flash] {
-    const auto interval = flash->count() == 0 ? std::nullopt : std::optional(given->flash);
-    set(context, splitLedWords(given->words, interval), interval);
+  Command command = led.add("set", "Lights LEDs: the names or patterns first, then the colours",
+                            "pinlampctl led set Status 'Ethernet3*' green --flash 0.5");
+  command.argument("NAME... COLOUR", given->words, "LEDs; then orange, green, red, yellow or off")
+      .completes(Completes::ledThenColour)
+      .required();
+  const Argument flash =
+      command.argument("--flash", given->flash, "Seconds between two toggles; 0 for steady");
+  command.runs([&context, given, flash] {
+    const auto interval = flash.given() ? std::optional(given->flash) : std::nullopt;
+    setLeds(context, splitLedWords(given->words, interval), interval);
   });
 }
 
-void addOff(CLI::App& led, Context& context) {
+void addLedOff(Command& led, Context& context) {
   const auto names = std::make_shared<std::vector<std::string>>();
-  CLI::App* command = addCommand(led, "off", "Turns LEDs off", "pinlampctl led off 'Ethernet*'");
-  context.completes(command->add_option("NAME", *names, "Names or patterns"), Completes::led)->required();
-  command->callback([&context, names] { set(context, {*names, {"off"}}, std::nullopt); });
+  Command command = led.add("off", "Turns LEDs off", "pinlampctl led off 'Ethernet*'");
+  command.argument("NAME", *names, "Names or patterns").completes(Completes::led).required();
+  command.runs([&context, names] { setLeds(context, {*names, {"off"}}, std::nullopt); });
 }
 
 }  // namespace
 
-void addLedCommands(CLI::App& app, Context& context) {
-  CLI::App* led = addCommand(app, "led", "Sees and sets LEDs", "pinlampctl led list");
-  led->require_subcommand(1);
-  addList(*led, context);
-  addSet(*led, context);
-  addOff(*led, context);
+void addLedCommands(Command& app, Context& context) {
+  Command led = app.addGroup("led", "Sees and sets LEDs", "pinlampctl led list");
+  addLedList(led, context);
+  addLedSet(led, context);
+  addLedOff(led, context);
 }
 
 }  // namespace Ctl

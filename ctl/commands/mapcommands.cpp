@@ -13,9 +13,9 @@ namespace {
 struct MapArguments {
   std::string led;
   PerColour<std::vector<std::string>> pins;
-  PerColour<CLI::Option*> options{};
+  PerColour<Argument> options{};
   bool ready = false;
-  CLI::Option* readyOption = nullptr;
+  Argument readyOption;
   bool rewire = false;
 
   Json attributes() const;
@@ -29,8 +29,8 @@ Json pinSet(const std::vector<std::string>& pins) {
 Json MapArguments::attributes() const {
   Json attributes = Json::object();
   for (std::size_t i = 0; i < kColours.size(); ++i)
-    if (options[i]->count() != 0) attributes[kColours[i].pinAttribute] = pinSet(pins[i]);
-  if (readyOption->count() != 0) attributes["ready"] = ready;
+    if (options[i].given()) attributes[kColours[i].pinAttribute] = pinSet(pins[i]);
+  if (readyOption.given()) attributes["ready"] = ready;
   return attributes;
 }
 
@@ -74,7 +74,7 @@ void noteShared(Context& context, const std::string& led) {
 }
 
 // In one batch: agents see the mapping go, and then come again with what it had and what is given.
-void set(Context& context, const MapArguments& given) {
+void setMapping(Context& context, const MapArguments& given) {
   Client& client = context.client();
   const Json before = attributesNow(client, given.led);
   Json attributes = given.attributes();
@@ -93,14 +93,14 @@ void set(Context& context, const MapArguments& given) {
     noteRewiring(context, given.led);
 }
 
-void del(Context& context, const std::vector<std::string>& patterns) {
+void deleteMappings(Context& context, const std::vector<std::string>& patterns) {
   Json changes = Json::array();
   for (const std::string& led : expandNames(patterns, namesOf(mappedLamps(context))))
     changes.push_back({{"op", "del"}, {"path", mapPath(led)}});
   context.client().write(std::move(changes));
 }
 
-void list(Context& context, bool json) {
+void listMappings(Context& context, bool json) {
   Json all = Json::object();
   Table table;
   std::vector<std::string> header{"LED", "READY"};
@@ -121,50 +121,47 @@ void list(Context& context, bool json) {
     table.print(context.out);
 }
 
-void addSet(CLI::App& map, Context& context) {
+void addMapSet(Command& map, Context& context) {
   const auto given = std::make_shared<MapArguments>();
-  CLI::App* command =
-      addCommand(map, "set", "Says which pins light an LED; colours that are not given keep theirs",
-                 "pinlampctl map set Status --green status_g --red status_r --ready");
-  context
-      .completes(command->add_option("NAME", given->led, "The LED; made where there is none"), Completes::led)
-      ->required();
+  Command command = map.add("set", "Says which pins light an LED; colours that are not given keep theirs",
+                            "pinlampctl map set Status --green status_g --red status_r --ready");
+  command.argument("NAME", given->led, "The LED; made where there is none")
+      .completes(Completes::led)
+      .required();
   for (std::size_t i = 0; i < kColours.size(); ++i) {
     const std::string name = kColours[i].name;
-    given->options[i] =
-        command->add_option("--" + name, given->pins[i], "The " + name + " pins; '' for none");
-    context.completes(given->options[i], Completes::pin);
+    given->options[i] = command.argument("--" + name, given->pins[i], "The " + name + " pins; '' for none");
+    given->options[i].completes(Completes::pin);
   }
-  given->readyOption = command->add_flag("--ready,!--no-ready", given->ready,
-                                         "Whether the mapping is complete; nothing is driven before");
-  command->add_flag("--rewire", given->rewire,
-                    "Remove the mapping and set it again, in one step: pins of a live LED change only so");
-  command->callback([&context, given] { set(context, *given); });
+  given->readyOption = command.flag("--ready,!--no-ready", given->ready,
+                                    "Whether the mapping is complete; nothing is driven before");
+  command.flag("--rewire", given->rewire,
+               "Remove the mapping and set it again, in one step: pins of a live LED change only so");
+  command.runs([&context, given] { setMapping(context, *given); });
 }
 
-void addDel(CLI::App& map, Context& context) {
+void addMapDel(Command& map, Context& context) {
   const auto names = std::make_shared<std::vector<std::string>>();
-  CLI::App* command =
-      addCommand(map, "del", "Removes LEDs' mappings, and with them their pins", "pinlampctl map del Beacon");
-  context.completes(command->add_option("NAME", *names, "Names or patterns"), Completes::led)->required();
-  command->callback([&context, names] { del(context, *names); });
+  Command command =
+      map.add("del", "Removes LEDs' mappings, and with them their pins", "pinlampctl map del Beacon");
+  command.argument("NAME", *names, "Names or patterns").completes(Completes::led).required();
+  command.runs([&context, names] { deleteMappings(context, *names); });
 }
 
-void addList(CLI::App& map, Context& context) {
+void addMapList(Command& map, Context& context) {
   const auto json = std::make_shared<bool>(false);
-  CLI::App* command = addCommand(map, "list", "Lists which pins light which LED", "pinlampctl map list");
-  addJsonFlag(*command, *json);
-  command->callback([&context, json] { list(context, *json); });
+  Command command = map.add("list", "Lists which pins light which LED", "pinlampctl map list");
+  command.jsonFlag(*json);
+  command.runs([&context, json] { listMappings(context, *json); });
 }
 
 }  // namespace
 
-void addMapCommands(CLI::App& app, Context& context) {
-  CLI::App* map = addCommand(app, "map", "Says which pins light which LED", "pinlampctl map list");
-  map->require_subcommand(1);
-  addSet(*map, context);
-  addDel(*map, context);
-  addList(*map, context);
+void addMapCommands(Command& app, Context& context) {
+  Command map = app.addGroup("map", "Says which pins light which LED", "pinlampctl map list");
+  addMapSet(map, context);
+  addMapDel(map, context);
+  addMapList(map, context);
 }
 
 }  // namespace Ctl

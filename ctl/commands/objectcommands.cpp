@@ -36,7 +36,7 @@ bool printTree(std::ostream& out, const Json& node, const std::string& above, st
   return cut;
 }
 
-void tree(Context& context, const std::string& path, bool json) {
+void showTree(Context& context, const std::string& path, bool json) {
   const Json node = callObject(context.client(), "tree", path);
   if (json)
     printJson(context.out, node);
@@ -45,7 +45,7 @@ void tree(Context& context, const std::string& path, bool json) {
 }
 
 // What an attribute holds, where that is not an object or a collection.
-std::string valueText(Client& client, const std::string& path, const Json& attribute) {
+std::string objectText(Client& client, const std::string& path, const Json& attribute) {
   const std::string kind = attribute.at("kind");
   if (kind == "collection" || kind == "names")
     return std::to_string(callObject(client, "iterate", path).size()) + " of " + bare(attribute.at("type"));
@@ -65,7 +65,7 @@ void printObject(Context& context, const std::string& path, const Json& object) 
     const std::string name = attribute.at("name");
     std::vector<std::string> operations;
     for (const Json& operation : attribute.at("operations")) operations.push_back(operation);
-    table.add({name, bare(attribute.at("kind")), valueText(context.client(), path + '/' + name, attribute),
+    table.add({name, bare(attribute.at("kind")), objectText(context.client(), path + '/' + name, attribute),
                joined(operations, " ")});
   }
   table.print(context.out);
@@ -75,7 +75,7 @@ void printObject(Context& context, const std::string& path, const Json& object) 
 
 bool isObject(const Json& value) { return value.is_object() && value.contains("type"); }
 
-void get(Context& context, const std::string& path, bool json) {
+void getObject(Context& context, const std::string& path, bool json) {
   const Json value = callObject(context.client(), "get", path);
   if (json)
     printJson(context.out, value);
@@ -87,7 +87,7 @@ void get(Context& context, const std::string& path, bool json) {
     context.out << bare(value) << '\n';
 }
 
-void print(Context& context, const Json& value, bool json) {
+void printResult(Context& context, const Json& value, bool json) {
   if (json)
     printJson(context.out, value);
   else if (!value.is_null())
@@ -107,85 +107,82 @@ struct Given {
   bool json = false;
 };
 
-CLI::App* addObjectCommand(CLI::App& object, Context& context, const std::shared_ptr<Given>& given,
-                           const char* name, const char* does, const char* example) {
-  CLI::App* command = addCommand(object, name, does, example);
-  context.completes(command->add_option("PATH", given->path, "The object or attribute"), Completes::object);
-  addJsonFlag(*command, given->json);
+// The path must be given unless it has a value already.
+Command addObjectCommand(Command& object, const std::shared_ptr<Given>& given, const char* name,
+                         const char* does, const char* example) {
+  Command command = object.add(name, does, example);
+  command.argument("PATH", given->path, "The object or attribute")
+      .completes(Completes::object)
+      .required(given->path.empty());
+  command.jsonFlag(given->json);
   return command;
 }
 
-void addTree(CLI::App& object, Context& context) {
+void addObjectTree(Command& object, Context& context) {
   const auto given = std::make_shared<Given>();
   given->path = "agent";
-  addObjectCommand(object, context, given, "tree", "Lists what lives under an object, with its types",
+  addObjectCommand(object, given, "tree", "Lists what lives under an object, with its types",
                    "pinlampctl object tree agent/configReactor")
-      ->callback([&context, given] { tree(context, given->path, given->json); });
+      .runs([&context, given] { showTree(context, given->path, given->json); });
 }
 
-void addGet(CLI::App& object, Context& context) {
+void addObjectGet(Command& object, Context& context) {
   const auto given = std::make_shared<Given>();
-  CLI::App* command = addObjectCommand(
-      object, context, given, "get", "Prints an attribute, or everything that an object publishes",
-      "pinlampctl object get agent/configReactor/gpioLedStateMachine/Status/flashingState");
-  command->get_option("PATH")->required();
-  command->callback([&context, given] { get(context, given->path, given->json); });
+  Command command =
+      addObjectCommand(object, given, "get", "Prints an attribute, or everything that an object publishes",
+                       "pinlampctl object get agent/configReactor/gpioLedStateMachine/Status/flashingState");
+  command.runs([&context, given] { getObject(context, given->path, given->json); });
 }
 
-void addSet(CLI::App& object, Context& context) {
+void addObjectSet(Command& object, Context& context) {
   const auto given = std::make_shared<Given>();
-  CLI::App* command = addObjectCommand(
-      object, context, given, "set",
-      "Sets an attribute, or makes a member of a collection, where the host allows it",
+  Command command = addObjectCommand(
+      object, given, "set", "Sets an attribute, or makes a member of a collection, where the host allows it",
       "pinlampctl object set agent/configReactor/gpioLedStateMachine/Status/flashingState true");
-  command->get_option("PATH")->required();
-  command->add_option("VALUE", given->values, "JSON, a bare text, or the name or path of an object");
-  command->callback([&context, given] {
-    print(context, callObject(context.client(), "set", given->path, argumentsOf(given->values)), given->json);
+  command.argument("VALUE", given->values, "JSON, a bare text, or the name or path of an object");
+  command.runs([&context, given] {
+    printResult(context, callObject(context.client(), "set", given->path, argumentsOf(given->values)),
+                given->json);
   });
 }
 
-void addDel(CLI::App& object, Context& context) {
+void addObjectDel(Command& object, Context& context) {
   const auto given = std::make_shared<Given>();
-  CLI::App* command = addObjectCommand(
-      object, context, given, "del", "Removes an attribute or a member, where the host allows it",
-      "pinlampctl object del agent/configReactor/gpioLedStateMachine/Status");
-  command->get_option("PATH")->required();
-  command->callback([&context, given] {
-    print(context, callObject(context.client(), "delete", given->path), given->json);
+  Command command =
+      addObjectCommand(object, given, "del", "Removes an attribute or a member, where the host allows it",
+                       "pinlampctl object del agent/configReactor/gpioLedStateMachine/Status");
+  command.runs([&context, given] {
+    printResult(context, callObject(context.client(), "delete", given->path), given->json);
   });
 }
 
-void addCall(CLI::App& object, Context& context) {
+void addObjectCall(Command& object, Context& context) {
   const auto given = std::make_shared<Given>();
-  CLI::App* command = addObjectCommand(
-      object, context, given, "call", "Invokes a procedure of an object, where the host allows it",
+  Command command = addObjectCommand(
+      object, given, "call", "Invokes a procedure of an object, where the host allows it",
       "pinlampctl object call agent/configReactor/gpioLedStateMachine/Status handleCorvelGpioGreen Status 1");
-  command->get_option("PATH")->required();
-  context
-      .completes(command->add_option("PROCEDURE", given->procedure, "The procedure"), Completes::procedure)
-      ->required();
-  command->add_option("ARGUMENT", given->values, "JSON, a bare text, or the name or path of an object");
-  command->callback([&context, given] {
+  command.argument("PROCEDURE", given->procedure, "The procedure").completes(Completes::procedure).required();
+  command.argument("ARGUMENT", given->values, "JSON, a bare text, or the name or path of an object");
+  command.runs([&context, given] {
     const std::string path = given->path + '/' + given->procedure;
-    print(context, callObject(context.client(), "invoke", path, argumentsOf(given->values)), given->json);
+    printResult(context, callObject(context.client(), "invoke", path, argumentsOf(given->values)),
+                given->json);
   });
 }
 
 }  // namespace
 
-void addObjectCommands(CLI::App& app, Context& context) {
-  CLI::App* object =
-      addCommand(app, "object",
-                 "Inspects live objects of the host by name, and drives them where it was started "
-                 "with --allow-object-writes",
-                 "pinlampctl object tree");
-  object->require_subcommand(1);
-  addTree(*object, context);
-  addGet(*object, context);
-  addSet(*object, context);
-  addDel(*object, context);
-  addCall(*object, context);
+void addObjectCommands(Command& app, Context& context) {
+  Command object =
+      app.addGroup("object",
+                   "Inspects live objects of the host by name, and drives them where it was started "
+                   "with --allow-object-writes",
+                   "pinlampctl object tree");
+  addObjectTree(object, context);
+  addObjectGet(object, context);
+  addObjectSet(object, context);
+  addObjectDel(object, context);
+  addObjectCall(object, context);
 }
 
 }  // namespace Ctl

@@ -150,14 +150,14 @@ void panel(Context& context, const PanelArguments& given) {
 
 }  // namespace
 
-void addPanelCommand(CLI::App& app, Context& context) {
+void addPanelCommand(Command& app, Context& context) {
   const auto given = std::make_shared<PanelArguments>();
-  CLI::App* command =
-      addCommand(app, "panel", "Shows the front panel, live; q leaves it. Without a terminal: plain lines",
-                 "pinlampctl panel --for 10");
-  command->add_flag("--once", given->once, "Print plain lines, once");
-  command->add_option("--for", given->seconds, "Leave after so many seconds");
-  command->callback([&context, given] { panel(context, *given); });
+  Command command =
+      app.add("panel", "Shows the front panel, live; q leaves it. Without a terminal: plain lines",
+              "pinlampctl panel --for 10");
+  command.flag("--once", given->once, "Print plain lines, once");
+  command.argument("--for", given->seconds, "Leave after so many seconds");
+  command.runs([&context, given] { panel(context, *given); });
 }
 
 }  // namespace Ctl

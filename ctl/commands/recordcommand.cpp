@@ -76,16 +76,15 @@ void record(Context& context, const Recording& given) {
 
 }  // namespace
 
-void addRecordCommand(CLI::App& app, Context& context) {
+void addRecordCommand(Command& app, Context& context) {
   const auto given = std::make_shared<Recording>();
-  CLI::App* command = addCommand(app, "record", "Records the pin values as a waveform (VCD), until Ctrl-C",
-                                 "pinlampctl record pins.vcd --for 10");
-  context
-      .completes(command->add_option("FILE", given->file, "The file; one that is there is replaced"),
-                 Completes::file)
-      ->required();
-  command->add_option("--for", given->seconds, "End after so many seconds");
-  command->callback([&context, given] { record(context, *given); });
+  Command command = app.add("record", "Records the pin values as a waveform (VCD), until Ctrl-C",
+                            "pinlampctl record pins.vcd --for 10");
+  command.argument("FILE", given->file, "The file; one that is there is replaced")
+      .completes(Completes::file)
+      .required();
+  command.argument("--for", given->seconds, "End after so many seconds");
+  command.runs([&context, given] { record(context, *given); });
 }
 
 }  // namespace Ctl

@@ -28,7 +28,7 @@ std::string changeText(const Json& change) {
 }
 
 // Prints the changes of one notification; returns false once enough are printed.
-bool print(std::ostream& out, const Json& notification, Watching& watching) {
+bool printChanges(std::ostream& out, const Json& notification, Watching& watching) {
   const Json& parameters = notification.at("params");
   Json changes = parameters.value("changes", Json::array());
   if (notification.at("method") == "reset")
@@ -47,23 +47,22 @@ void watch(Context& context, Watching watching) {
   client.call("watch", watching.path.empty() ? Json::object() : Json{{"path", watching.path}});
   while (true) {
     const Event event = events.next(&client, deadline);
-    if (event.kind != Event::Kind::notification || !print(context.out, event.notification, watching)) return;
+    if (event.kind != Event::Kind::notification || !printChanges(context.out, event.notification, watching))
+      return;
   }
 }
 
 }  // namespace
 
-void addWatchCommand(CLI::App& app, Context& context) {
+void addWatchCommand(Command& app, Context& context) {
   const auto given = std::make_shared<Watching>();
-  CLI::App* command = addCommand(app, "watch", "Prints every change as it happens, until Ctrl-C",
-                                 "pinlampctl watch hardware/corvel/gpio/config --for 10");
-  context.completes(command->add_option("PATH", given->path, "Only what stands at and under this path"),
-                    Completes::path);
-  addJsonFlag(*command, given->json);
-  command->add_option("--count", given->count, "End after so many changes")
-      ->check(CLI::Range(1, 1'000'000'000));
-  command->add_option("--for", given->seconds, "End after so many seconds");
-  command->callback([&context, given] { watch(context, *given); });
+  Command command = app.add("watch", "Prints every change as it happens, until Ctrl-C",
+                            "pinlampctl watch hardware/corvel/gpio/config --for 10");
+  command.argument("PATH", given->path, "Only what stands at and under this path").completes(Completes::path);
+  command.jsonFlag(given->json);
+  command.argument("--count", given->count, "End after so many changes").positive();
+  command.argument("--for", given->seconds, "End after so many seconds");
+  command.runs([&context, given] { watch(context, *given); });
 }
 
 }  // namespace Ctl

@@ -87,17 +87,16 @@ Json asJson(const Reasons& reasons) {
 
 }  // namespace
 
-void addWhyCommand(CLI::App& app, Context& context) {
+void addWhyCommand(Command& app, Context& context) {
   struct Given {
     std::string led;
     bool json = false;
   };
   const auto given = std::make_shared<Given>();
-  CLI::App* command =
-      addCommand(app, "why", "Tells where an LED's state comes from", "pinlampctl why Ethernet3/1");
-  context.completes(command->add_option("LED", given->led, "Its name"), Completes::led)->required();
-  addJsonFlag(*command, given->json);
-  command->callback([&context, given] {
+  Command command = app.add("why", "Tells where an LED's state comes from", "pinlampctl why Ethernet3/1");
+  command.argument("LED", given->led, "Its name").completes(Completes::led).required();
+  command.jsonFlag(given->json);
+  command.runs([&context, given] {
     const Reasons reasons = reasonsFor(context.client(), given->led);
     if (given->json)
       printJson(context.out, asJson(reasons));

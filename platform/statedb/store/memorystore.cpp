@@ -19,6 +19,8 @@ namespace {
 
 using Places = std::vector<std::pair<Path, Zel::Name>>;
 
+}  // namespace
+
 struct Told {
   Changes changes{};   // for all feeds but `origin`
   Places corrected{};  // for that one: attributes, or whole entities, that are not seen as it wrote them
@@ -29,8 +31,6 @@ struct Subscription {
   Feed* feed;
   Path path;
 };
-
-}  // namespace
 
 struct MemoryStore::State {
   EntryTable entries;

@@ -1,0 +1,101 @@
+// A command's arguments and what it does. Commands know the library that reads the command line only through
+// this header, so that they compile quickly.
+//
+//   struct Given {
+//     std::string path;
+//     bool json = false;
+//   };
+//   const auto given = std::make_shared<Given>();
+//   Command command = above.add("get", "Shows an entity", "pinlampctl get hardware/led/config");
+//   command.argument("PATH", given->path, "The entity").completes(Completes::path).required();
+//   command.runs([&context, given] { get(context, given->path); });
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace CLI {
+class App;
+class Option;
+}  // namespace CLI
+
+namespace Ctl {
+
+// What an argument names, so that it can be completed.
+enum class Completes {
+  nothing,
+  led,
+  ledThenColour,
+  pin,
+  path,
+  attribute,
+  facility,
+  type,
+  file,
+  object,
+  procedure
+};
+using Completions = std::map<const CLI::Option*, Completes>;
+
+// A positional argument, an option or a flag. A copy stands for the same one.
+class Argument {
+ public:
+  Argument() = default;
+  Argument(CLI::Option* option, Completions* completions) : option_(option), completions_(completions) {}
+
+  Argument& required(bool needed = true);
+  Argument& completes(Completes what);
+  // Refuses numbers that are not above 0.
+  Argument& positive();
+  // Refuses numbers beyond these.
+  Argument& within(double least, double most);
+  // What the help text calls the value.
+  Argument& valueName(const std::string& name);
+  // Takes the value from the environment where the command line has none; help shows the default.
+  Argument& fromEnvironment(const std::string& variable);
+
+  // Whether the command line had it; once it is parsed.
+  bool given() const;
+
+ private:
+  CLI::Option* option_ = nullptr;
+  Completions* completions_ = nullptr;
+};
+
+// A command, or pinlampctl itself. A copy stands for the same one.
+class Command {
+ public:
+  Command(CLI::App& app, Completions& completions) : app_(&app), completions_(&completions) {}
+
+  // Adds a command under this one; its help ends with the example.
+  Command add(const std::string& name, const std::string& does, const std::string& example);
+  // The same for a command that does nothing without one of those under it.
+  Command addGroup(const std::string& name, const std::string& does, const std::string& example);
+
+  // Adds an argument: an option where the name begins with "--", else a positional one. The value is stored
+  // in `into`, which must live until the command has run; what is not given keeps its value.
+  Argument argument(const std::string& name, std::string& into, const std::string& help);
+  Argument argument(const std::string& name, std::vector<std::string>& into, const std::string& help);
+  Argument argument(const std::string& name, double& into, const std::string& help);
+  Argument argument(const std::string& name, std::optional<double>& into, const std::string& help);
+  Argument argument(const std::string& name, std::size_t& into, const std::string& help);
+  Argument flag(const std::string& name, bool& into, const std::string& help);
+  // Adds `--json`.
+  void jsonFlag(bool& json);
+
+  // Is called when the command was given and its arguments are read.
+  void runs(std::function<void()> action);
+
+ private:
+  template <class T>
+  Argument option(const std::string& name, T& into, const std::string& help);
+
+  CLI::App* app_;
+  Completions* completions_;
+};
+
+}  // namespace Ctl

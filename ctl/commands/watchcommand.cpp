@@ -60,7 +60,7 @@ void addWatchCommand(Command& app, Context& context) {
                             "pinlampctl watch hardware/corvel/gpio/config --for 10");
   command.argument("PATH", given->path, "Only what stands at and under this path").completes(Completes::path);
   command.jsonFlag(given->json);
-  command.argument("--count", given->count, "End after so many changes").positive();
+  command.argument("--count", given->count, "End after so many changes").within(1, 1'000'000'000);
   command.argument("--for", given->seconds, "End after so many seconds");
   command.runs([&context, given] { watch(context, *given); });
 }

@@ -20,7 +20,7 @@ namespace fs = std::filesystem;
 // That makes the call fine although the factory's own type names the agent's class.
 using Factory = Zel::Ptr<Warden::CAgent> (*)(Zel::Name);
 
-[[noreturn]] void refuse(const std::string& library, const std::string& why) {
+[[noreturn]] void refuseAgent(const std::string& library, const std::string& why) {
   throw StartError("agent library '" + library + "': " + why);
 }
 
@@ -73,14 +73,14 @@ std::string located(const std::string& library) {
 void* load(const std::string& library) {
   std::error_code ignored;
   const bool bare = library.find('/') == std::string::npos;
-  if (!bare && !fs::exists(library, ignored)) refuse(library, "there is no such file");
+  if (!bare && !fs::exists(library, ignored)) refuseAgent(library, "there is no such file");
   if (void* handle = ::dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL)) return handle;
   const std::string looked = bare ? " (looked in '" +
                                         (programFolder() / "../lib").lexically_normal().string() + "', '" +
                                         programFolder().string() +
                                         "' and the system's path; a file elsewhere is given with its folder)"
                                   : "";
-  refuse(library, std::string("does not load: ") + ::dlerror() + looked);
+  refuseAgent(library, std::string("does not load: ") + ::dlerror() + looked);
 }
 
 }  // namespace
@@ -115,9 +115,10 @@ Plugin::Plugin(const AgentOption& option)
   const std::string wanted = option.nameSpace + "::agentFactory(Zel::Name)";
   const auto factory =
       reinterpret_cast<Factory>(::dlsym(handle_.get(), factorySymbol(option.nameSpace).c_str()));
-  if (!factory) refuse(library_, "has no factory '" + wanted + "'; name its namespace: LIBRARY:NAMESPACE");
+  if (!factory)
+    refuseAgent(library_, "has no factory '" + wanted + "'; name its namespace: LIBRARY:NAMESPACE");
   agent_ = Zel::runForAgent(name_, "factory of '" + library_ + "'", [&] { return factory(name_); });
-  if (!agent_) refuse(library_, "its factory '" + wanted + "' returned null");
+  if (!agent_) refuseAgent(library_, "its factory '" + wanted + "' returned null");
 }
 
 Plugin::~Plugin() = default;

@@ -30,7 +30,7 @@ class Client {
   // What the host takes in one message.
   static constexpr std::size_t kMessageLimit = 1 << 20;
 
-  // What is taken of the host in one message: one that goes on for ever must not fill the memory.
+  // Longest message taken from the host, so that an endless one cannot fill the memory.
   static constexpr std::size_t kLongestLine = std::size_t{1} << 30;
 
   // Throws ConnectionLost where nobody listens at `socketPath`; the text says how to start the host.

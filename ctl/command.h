@@ -25,7 +25,7 @@ class Option;
 
 namespace Ctl {
 
-// What an argument names, so that it can be completed.
+// The kind of thing an argument names, for shell completion.
 enum class Completes {
   nothing,
   led,
@@ -53,7 +53,7 @@ class Argument {
   Argument& positive();
   // Refuses numbers beyond these.
   Argument& within(double least, double most);
-  // What the help text calls the value.
+  // Names the value in the help text.
   Argument& valueName(const std::string& name);
   // Takes the value from the environment where the command line has none; help shows the default.
   Argument& fromEnvironment(const std::string& variable);

@@ -1,4 +1,4 @@
-// What may stand where a person presses the tabulator.
+// Shell completion.
 #pragma once
 
 #include <string>

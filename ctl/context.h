@@ -1,4 +1,4 @@
-// What every command works with, and the commands there are.
+// The state that all commands share, and the list of commands.
 #pragma once
 
 #include <iosfwd>

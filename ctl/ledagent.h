@@ -32,7 +32,7 @@ class LedAgent {
   // took it along when it went.
   bool isDetached(const std::string& led, std::size_t colour, const std::string& pin) const;
 
-  // What it has to show an LED's setting.
+  // The state machine of one LED.
   struct Machine {
     std::string path;
     bool initialized = false;

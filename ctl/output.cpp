@@ -17,7 +17,7 @@ std::size_t bytesOf(unsigned char lead) { return lead < 0xc0 ? 1 : lead < 0xe0 ?
 
 constexpr unsigned kLeadBits[] = {0x7f, 0x1f, 0x0f, 0x07};  // of a character of so many bytes, less one
 
-// What has a \u of four digits: every character that is not shown as it is.
+// Characters that are escaped as \u and four digits.
 std::string escapedCode(std::string_view character) {
   unsigned code = static_cast<unsigned char>(character[0]) & kLeadBits[character.size() - 1];
   for (const char next : character.substr(1)) code = code << 6 | (static_cast<unsigned char>(next) & 0x3fU);

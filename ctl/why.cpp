@@ -141,7 +141,7 @@ std::string namesOf(const std::vector<std::string>& others) {
   return others.front() + (others.size() > 1 ? " and " + std::to_string(others.size() - 1) + " more" : "");
 }
 
-// What is wrong with a pin, but for its line; empty where nothing is.
+// Describes a fault of the pin itself, not of its line; empty if there is none.
 std::string troubleOf(const Reasons& reasons, const PinFacts& pin) {
   const bool wanted = reasons.lamp.wanted[pin.colour];
   if (pin.taken == false)

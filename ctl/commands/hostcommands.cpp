@@ -83,7 +83,7 @@ void addLines(Table& table, const Json& lines, const Json& status) {
   for (auto& row : ailing) table.add(std::move(row));
 }
 
-// What the agents in other processes do; a process that can't be asked is not hidden.
+// Adds the agents of other processes; lists a process that does not answer, with the reason.
 std::string processText(const Json& process) {
   const std::string who = process.at("pid").dump() + ' ' + agentsText(process.at("agents")) + ": ";
   const std::string where = ", through --socket " + bare(process.at("socket"));

@@ -40,7 +40,7 @@ std::vector<Lamp> mappedLamps(Context& context) {
   return lamps;
 }
 
-// What the mapping has now; null where there is none.
+// The current mapping; null if there is none.
 Json attributesNow(Client& client, const std::string& led) {
   const Json entities = client.read(mapPath(led));
   return entities.empty() ? Json() : entities.front().at("attributes");

@@ -44,7 +44,7 @@ void showTree(Context& context, const std::string& path, bool json) {
     context.out << "The answer was cut; give the path of an object in the tree to see more of it.\n";
 }
 
-// What an attribute holds, where that is not an object or a collection.
+// The value of an attribute that is neither an object nor a collection.
 std::string objectText(Client& client, const std::string& path, const Json& attribute) {
   const std::string kind = attribute.at("kind");
   if (kind == "collection" || kind == "names")

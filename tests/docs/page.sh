@@ -30,13 +30,13 @@ awk '
     printf 'printf "%%s\\n" %q\n%s\n' "\$ $command" "$command"
   done
   echo 'for job in $(jobs -p); do kill -TERM $job; wait $job || echo "a program in the background ended with $?"; done'
-} >"$work/session"
+} >"$work/pasted"
 
 # The notice of a job that was killed is the shell's, not the command's.
 env -i HOME="$work/folder" PATH="$bin:/usr/bin:/bin" LANG=C.UTF-8 ${LD_LIBRARY_PATH:+LD_LIBRARY_PATH="$LD_LIBRARY_PATH"} \
   ${CMAKE_PREFIX_PATH:+CMAKE_PREFIX_PATH="$CMAKE_PREFIX_PATH"} \
-  timeout 120 bash --norc "$work/session" >"$work/printed" 2>&1 </dev/null || echo "the shell ended with $?" >>"$work/printed"
-sed -i "/^[^ ]*session: line [0-9]*: *[0-9]* Killed/d" "$work/printed"
+  timeout 120 bash --norc "$work/pasted" >"$work/printed" 2>&1 </dev/null || echo "the shell ended with $?" >>"$work/printed"
+sed -i "/^[^ ]*pasted: line [0-9]*: *[0-9]* Killed/d" "$work/printed"
 
 masked() {
   sed -E -e 's/[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:.]+/TIME/g' -e 's/\b(pid|process) [0-9]+/\1 N/g' \

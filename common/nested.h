@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "platform/zel/core/ptr.h"
-#include "platform/zel/notify/notifier.h"
+#include "platform/zel/notify/lookahead.h"
 #include "platform/zel/object/type.h"
 
 namespace Pinlamp {
@@ -23,14 +23,12 @@ class Nested : public Zel::Reactor<Self, Base> {
  protected:
   template <class Notifier>
   Nested(const Zel::Ptr<const Notifier>& notifier, Owner& owner)
-      : Zel::Reactor<Self, Base>(notifier), owner_(&owner) {
-    if constexpr (requires { owner.foresee(1U); }) this->foreseesIs(true);
-  }
+      : Zel::Reactor<Self, Base>(notifier), owner_(&owner) {}
 
-  // The first step fetches the owner, the others are the owner's.
-  bool foresee(unsigned step) const override {
-    if constexpr (requires { owner_->foresee(step); }) {
-      if (step > 1) return owner_ && owner_->foresee(step);
+  // The first step prefetches the owner, the others are those of a lookahead() beside it.
+  bool lookaheadStep(unsigned step) const override {
+    if constexpr (requires { lookahead(*owner_, step); }) {
+      if (step > 1) return owner_ && lookahead(*owner_, step);
       Zel::prefetch(owner_);
       return true;
     } else {

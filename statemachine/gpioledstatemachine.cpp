@@ -1,12 +1,12 @@
 #include "statemachine/gpioledstatemachine.h"
 
-#include <array>
 #include <limits>
 #include <utility>
 
 #include "common/check.h"
 #include "common/trace.h"
 #include "platform/zel/notify/activity.h"
+#include "statemachine/colours.h"
 
 namespace Pinlamp {
 
@@ -15,54 +15,24 @@ namespace {
 using Config = Hardware::Gpio::CorvelGpioLedConfig;
 using Pin = Hardware::Gpio::CorvelPinConfig;
 
-struct Colour {
-  const char* operation;
-  const char* tracePrefix;
-  const Config::Pins& (Config::*pins)() const;
-  bool ::Led::LightSetting::*lit;
-};
-
+// The four colours' operations, by their places among the colours.
 enum : std::size_t { kYellow, kGreen, kRed, kOrange };
-
-// In the order in which colours are written.
-constexpr std::array<Colour, 4> kColours{{
-    {"handleCorvelGpioYellow", "Corvel Yellow Pin: ", &Config::gpioYellow, &::Led::LightSetting::yellow},
-    {"handleCorvelGpioGreen", "Corvel Green Pin: ", &Config::gpioGreen, &::Led::LightSetting::green},
-    {"handleCorvelGpioRed", "Corvel Red Pin: ", &Config::gpioRed, &::Led::LightSetting::red},
-    {"handleCorvelGpioOrange", "Corvel Orange Pin: ", &Config::gpioOrange, &::Led::LightSetting::orange},
-}};
 
 void writePin(const Colour& colour, const Zel::Ptr<Pin>& pin, U32 value) {
   const U32 oldValue = pin->value();
-  if (value == oldValue) return;
   pin->valueIs(value);
   trace(6, __LINE__, colour.operation, [&](std::ostream& out) {
     out << colour.tracePrefix << pin->name() << "  OldValue: " << oldValue << " NewValue: " << pin->value();
   });
 }
 
-// The colour is a template's parameter so that four colours cost no calls.
-template <std::size_t C>
-void write(const Zel::Ptr<Config>& led, U32 value) {
-  constexpr const Colour& colour = kColours[C];
+void write(const Colour& colour, const Zel::Ptr<Config>& led, U32 value) {
   require(led, "led");
   trace(9, __LINE__, colour.operation,
         [&](std::ostream& out) { out << colour.operation << ' ' << led->name(); });
-  const auto& pins = ((*led).*colour.pins)();
-  if (Pin* const only = pins.only()) {  // as in most LEDs; mostly it has the value, and nothing is to be held
-    if (only->value() != value) writePin(colour, Zel::Ptr<Pin>(only), value);
-    return;
-  }
-  for (const auto& pin : pins) writePin(colour, pin, value);
-}
-
-// Calls `function` with the number of each colour, a constant, in the order in which colours are written.
-template <class Function>
-void forEachColour(Function&& function) {
-  [&]<std::size_t... C>(std::index_sequence<C...>) {
-    (function(std::integral_constant<std::size_t, C>()), ...);
-  }
-  (std::make_index_sequence<kColours.size()>());
+  ((*led).*colour.pins)().forEach([&](Pin& pin) {
+    if (pin.value() != value) writePin(colour, Zel::Ptr<Pin>(&pin), value);
+  });
 }
 
 Zel::Name nameOf(const Zel::Entity* entity) { return entity ? entity->name() : Zel::Name(); }
@@ -157,33 +127,6 @@ void GpioLedStateMachine::startFlashing(double interval) {
   if (clock_->timeMin() > std::numeric_limits<double>::max()) wakeUpIs(Zel::System::currentTime() + interval);
 }
 
-// Of each object only what is read: the pins' collections lie in a row, and of a pin that stays as it is only
-// the value is looked at.
-bool GpioLedStateMachine::foresee(unsigned step) const {
-  const Config* pins = corvelGpioLedConfig_.get();
-  if (step == 2) {
-    Zel::prefetch(hwLedConfig_.get());
-    if (!pins) return false;
-    Zel::prefetch(&pins->gpioYellow());
-    Zel::prefetch(&pins->gpioOrange());
-    return true;
-  }
-  const LedConfig* led = watched(hwLedConfig_);
-  if (!pins || !led) return false;
-  if (step == 3) Zel::prefetch(&led->lightSetting());
-  forEachColour([&](auto c) {
-    const Pin* pin = (pins->*kColours[c].pins)().only();
-    if (!pin) return;
-    if (step == 3) {
-      pin->foreseeValue();
-    } else if (pin->value() != 0 || led->lightSetting().*kColours[c].lit) {
-      Zel::prefetch(pin);
-      pin->foreseeNotifiees();
-    }
-  });
-  return step == 3;
-}
-
 void GpioLedStateMachine::handleClockTimeout() {
   if (!initialized_) return;
   trace(8, __LINE__, "handleClockTimeout",
@@ -206,26 +149,25 @@ void GpioLedStateMachine::wakeUpIs(double time) {
 }
 
 void GpioLedStateMachine::darken() {
-  forEachColour([&](auto c) { write<c>(corvelGpioLedConfig_, 0); });
+  for (const Colour& colour : kColours) write(colour, corvelGpioLedConfig_, 0);
 }
 
 void GpioLedStateMachine::light(const LightSetting& setting) {
-  forEachColour([&](auto c) {
-    if (setting.*kColours[c].lit) write<c>(corvelGpioLedConfig_, 1);
-  });
+  for (const Colour& colour : kColours)
+    if (setting.*colour.lit) write(colour, corvelGpioLedConfig_, 1);
 }
 
 void GpioLedStateMachine::handleCorvelGpioYellow(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value) {
-  write<kYellow>(led, value);
+  write(kColours[kYellow], led, value);
 }
 void GpioLedStateMachine::handleCorvelGpioGreen(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value) {
-  write<kGreen>(led, value);
+  write(kColours[kGreen], led, value);
 }
 void GpioLedStateMachine::handleCorvelGpioRed(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value) {
-  write<kRed>(led, value);
+  write(kColours[kRed], led, value);
 }
 void GpioLedStateMachine::handleCorvelGpioOrange(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value) {
-  write<kOrange>(led, value);
+  write(kColours[kOrange], led, value);
 }
 
 void GpioLedStateMachine::hasNotificationActiveIs(bool active) {

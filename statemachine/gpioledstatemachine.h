@@ -106,8 +106,6 @@ class GpioLedStateMachine : public Zel::Described<GpioLedStateMachine, Zel::Noti
   void handleHwLedConfig();
   // Applies any setting. The name only says whose it is.
   void handleLedSystemConfig(Zel::Name ledSystemConfig, const LightSetting& setting);
-  // Fetches what is read and written to show a setting, as NotifieeBase::foresee.
-  bool foresee(unsigned step) const;
   // One toggle.
   void handleClockTimeout();
 
@@ -124,6 +122,8 @@ class GpioLedStateMachine : public Zel::Described<GpioLedStateMachine, Zel::Noti
   ~GpioLedStateMachine() override;
 
  private:
+  friend bool lookahead(const GpioLedStateMachine& machine, unsigned step);
+
   void showSteady(const LightSetting& setting);
   void startFlashing(double interval);
   void wakeUpIs(double time);

@@ -29,9 +29,6 @@ class ZEL_API CorvelPinConfig : public Zel::Described<CorvelPinConfig, Zel::Enti
   std::uint32_t value() const { return value_; }
   void valueIs(std::uint32_t value) { set<&CorvelPinConfig::value_>(value); }
 
-  // Fetches the value into the cache.
-  void foreseeValue() const { Zel::prefetch(&value_); }
-
  private:
   std::uint32_t value_ = 0;
 };

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "platform/zel/core/assert.h"
+#include "platform/zel/notify/lookahead.h"
 
 namespace Statedb {
 
@@ -28,10 +29,10 @@ void EntryTable::prefetch(std::span<const Change> changes) const {
   for (const Change& change : changes) {
     const Path path = change.row.path;
     path.prefetch();
-    if (path.id() < entries_.size()) __builtin_prefetch(&entries_[path.id()], 1);
+    if (path.id() < entries_.size()) Zel::prefetch(&entries_[path.id()]);
   }
   for (const Change& change : changes)
-    if (const Entry* entry = find(change.row.path)) __builtin_prefetch(entry->attributes.data(), 1);
+    if (const Entry* entry = find(change.row.path)) Zel::prefetch(entry->attributes.data());
 }
 
 // Makes sure that noting a change can't fail once the change was made.

@@ -57,7 +57,7 @@ class ZEL_API Path {
   // Whether it is `above` or stands under it.
   bool isUnder(Path above) const;
 
-  // Fetches what the functions above look at.
+  // Prefetches what the functions above read.
   void prefetch() const;
 
   std::string text() const;

@@ -53,8 +53,12 @@ class ZEL_API KeyTable {
     if (only_.live) return only_.key == key ? &only_ : nullptr;
     return only_.word == 0 ? nullptr : findInBlock(key);
   }
-  // The member of a table of one; null for any other.
-  const Entry* only() const { return only_.live ? &only_ : nullptr; }
+  // Calls `function` with the word of every member.
+  template <class Function>
+  void forEach(Function&& function) const {
+    if (only_.live) return function(only_.word);  // no cursor: nothing is read after the call
+    for (Cursor cursor(*this); const Entry* entry = cursor.current(); cursor.advance()) function(entry->word);
+  }
   // Adds a member. REQUIRES: the key is not there.
   void insert(Name key, std::uintptr_t word);
   // Takes a member out. Returns whether there was one, and its word in `word`.
@@ -234,10 +238,11 @@ class PtrMap {
     const auto* entry = table_.find(key);
     return entry ? object(entry->word) : nullptr;
   }
-  // The member of a collection that has one; null for any other.
-  T* only() const {
-    const auto* entry = table_.only();
-    return entry ? object(entry->word) : nullptr;
+  // Calls `function` with every member, as a walk does but without counting references: one that may remove
+  // the member takes a pointer first.
+  template <class Function>
+  void forEach(Function&& function) const {
+    table_.forEach([&](std::uintptr_t word) { function(*object(word)); });
   }
   // REQUIRES: the key is not there and the member is not null.
   void insert(Name key, Ptr<T> member) {

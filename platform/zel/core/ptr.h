@@ -75,26 +75,16 @@ class ZEL_API PtrInterface {
   virtual ~PtrInterface();
   virtual void onZeroReferences();
 
-  // Flag bits beside the count. No class is both a notifiee and a notifier, so these share bits.
-  enum Flag : std::uint32_t {
-    kNotificationActive = 1U << 0,
-    kZombie = 1U << 1,
-    // of notifiees
-    kRegistered = 1U << 2,         // is to be on its notifier's list
-    kImmediateDeclined = 1U << 3,  // its immediate hook is the empty default
-    kForesees = 1U << 4,           // has something to fetch before it is delivered to
-    kKeysMarked = 1U << 5,         // has marked keys
-    kInTurn = 1U << 6,             // several things are being delivered to it
-    // of notifiers
-    kParentHeld = 1U << 2,  // an entity that holds a reference to its parent
-    kGone = 1U << 3,        // has left the collection that owned it
-  };
+  // Flag bits beside the count; a class declares its own from the first that its base leaves free.
+  static constexpr std::uint32_t kNotificationActive = 1U << 0;
+  static constexpr std::uint32_t kZombie = 1U << 1;
+  static constexpr std::uint32_t kFirstFreeFlag = 1U << 2;
   static constexpr std::uint32_t kOneReference = 1U << 8;
 
-  bool flag(Flag bit) const { return flags(bit) != 0; }
+  bool flag(std::uint32_t bit) const { return flags(bit) != 0; }
   // Several flags at once: those that are set among `bits`.
   std::uint32_t flags(std::uint32_t bits) const { return word_.load(std::memory_order_relaxed) & bits; }
-  void flagIs(Flag bit, bool on) const {
+  void flagIs(std::uint32_t bit, bool on) const {
     if (flag(bit) != on) detail::addToWord(word_, on ? bit : 0U - bit);
   }
 

@@ -19,7 +19,7 @@ class ZEL_API Entity : public Described<Entity, Notifier> {
   }
   static const TypeNode& typeNode();
 
-  Name name() const { return label(); }
+  Name name() const { return name_; }
 
   // The entity above; null where there is none. An entity that lives in a collection does not count a
   // reference to its parent.
@@ -34,7 +34,7 @@ class ZEL_API Entity : public Described<Entity, Notifier> {
   std::string path() const override;
 
  protected:
-  explicit Entity(Name name) : Described(name) {}
+  explicit Entity(Name name) : name_(name) {}
   ~Entity() override;
 
  private:
@@ -49,7 +49,11 @@ class ZEL_API Entity : public Described<Entity, Notifier> {
   // it. Empty for entries of directories and for what is only attached.
   const char* collectionOf(const Entity& member) const;
 
+  // An entity that holds a reference to its parent.
+  static constexpr std::uint32_t kParentHeld = kFirstFreeNotifierFlag;
+
   Entity* parent_ = nullptr;
+  const Name name_;  // last: a derived class's first word goes into the tail padding after it
 };
 
 // Makes an entity by name, as a type's newEntityForDir.

@@ -6,6 +6,7 @@
 
 #include "platform/zel/core/assert.h"
 #include "platform/zel/notify/external.h"
+#include "platform/zel/notify/lookahead.h"
 
 namespace Zel {
 
@@ -99,22 +100,19 @@ void ActivityManager::runEnds() {
   std::erase(ends_, nullptr);
 }
 
-// Returns how many reactors these are at most.
-unsigned ActivityManager::foreseeSome() {
-  NotifieeBase::Foresight foresight;
-  unsigned seen = 0;
-  for (ListHook* hook = round_.next(); hook != &round_ && seen != foresight.kAtOnce;
-       hook = hook->next(), ++seen)
-    foresight.add(NotifieeBase::ofPending(*hook));
-  foresight.foresee();
-  return foresight.kAtOnce;
+// Returns after how many deliveries to do so again: many where none of the next reactors had use for it.
+unsigned ActivityManager::lookAhead() {
+  Lookahead next;
+  ListHook* hook = round_.next();
+  for (unsigned i = 0; i < Lookahead::kAtOnce && hook != &round_; ++i, hook = hook->next())
+    next.add(NotifieeBase::ofPending(*hook));
+  return next.run() ? Lookahead::kAtOnce : 16 * Lookahead::kAtOnce;
 }
 
 void ActivityManager::deliverRound() {
   round_.takeAllOf(pending_);
-  const bool foresees = (std::exchange(pendingFlags_, 0U) & NotifieeBase::kForesees) != 0;
-  for (unsigned foreseen = 0; round_.linked(); --foreseen) {
-    if (foresees && foreseen == 0) foreseen = foreseeSome();
+  for (unsigned ahead = 0; round_.linked(); --ahead) {
+    if (ahead == 0) ahead = lookAhead();
     auto& notifiee = NotifieeBase::ofPending(*round_.next());
     static_cast<PendingHook&>(notifiee).leave();
     if (!notifiee.mayBeNotified()) {

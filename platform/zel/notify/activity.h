@@ -115,13 +115,10 @@ class ZEL_API ActivityManager {
   friend class NotifieeBase;
 
   static ActivityManager& makeCurrent();
-  void enqueue(NotifieeBase& notifiee) {
-    static_cast<PendingHook&>(notifiee).joinEndOf(pending_);
-    pendingFlags_ |= notifiee.flags(~0U);
-  }
+  void enqueue(NotifieeBase& notifiee) { static_cast<PendingHook&>(notifiee).joinEndOf(pending_); }
   void runPosted();
   void runEnds();
-  unsigned foreseeSome();
+  unsigned lookAhead();
   void deliverRound();
 
   static constinit ActivityManager* current_;
@@ -135,7 +132,6 @@ class ZEL_API ActivityManager {
   std::deque<std::function<void()>> posted_;
   std::vector<PassEnd*> ends_;  // null where one was removed
   bool stepping_ = false;
-  std::uint32_t pendingFlags_ = 0;  // that any of the pending had
   std::uint64_t passes_ = 0;
   std::uint64_t deliveries_ = 0;
   struct {

@@ -6,6 +6,7 @@
 
 #include "platform/zel/core/assert.h"
 #include "platform/zel/notify/activity.h"
+#include "platform/zel/notify/lookahead.h"
 
 namespace Zel {
 
@@ -49,25 +50,25 @@ Clock::NotifieeConst& Clock::notifiee(TimerWheel::Timer timer) const {
 void Clock::advance(double now) const {
   wheel_.collect(now);
   // A time that a handler sets is collected by the next call.
-  for (unsigned foreseen = 0; wheel_.firstDue() != TimerWheel::kNone; --foreseen) {
-    if (foreseen == 0) {
-      foreseeSome();
-      foreseen = NotifieeConst::Foresight::kAtOnce;
+  for (unsigned ahead = 0; wheel_.firstDue() != TimerWheel::kNone; --ahead) {
+    if (ahead == 0) {
+      lookAhead();
+      ahead = Lookahead::kAtOnce;
     }
     wake(notifiee(wheel_.firstDue()), now);
   }
 }
 
-// Has those of the due foresee that come first, and fetches those that come after them.
-void Clock::foreseeSome() const {
-  NotifieeConst::Foresight foresight;
+// For the next of the due; the reactors that come after them are prefetched.
+void Clock::lookAhead() const {
   TimerWheel::Timer due = wheel_.firstDue();
-  for (unsigned i = 0; i < 2 * foresight.kAtOnce && due != TimerWheel::kNone; ++i, due = wheel_.nextDue(due))
+  for (unsigned i = 0; i < 2 * Lookahead::kAtOnce && due != TimerWheel::kNone; ++i, due = wheel_.nextDue(due))
     prefetch(&notifiee(due));
+  Lookahead next;
   due = wheel_.firstDue();
-  for (unsigned i = 0; i < foresight.kAtOnce && due != TimerWheel::kNone; ++i, due = wheel_.nextDue(due))
-    foresight.add(notifiee(due));
-  foresight.foresee();
+  for (unsigned i = 0; i < Lookahead::kAtOnce && due != TimerWheel::kNone; ++i, due = wheel_.nextDue(due))
+    next.add(notifiee(due));
+  next.run();
 }
 
 void Clock::wake(NotifieeConst& notifiee, double now) const {

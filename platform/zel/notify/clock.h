@@ -73,7 +73,7 @@ class ZEL_API Clock : public Typed<Clock, Notifier> {
   void arm(NotifieeConst& notifiee) const;
   void disarm(NotifieeConst& notifiee) const;
   NotifieeConst& notifiee(TimerWheel::Timer timer) const;
-  void foreseeSome() const;
+  void lookAhead() const;
   void wake(NotifieeConst& notifiee, double now) const;
 
   mutable TimerWheel wheel_;

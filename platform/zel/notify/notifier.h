@@ -30,7 +30,6 @@
 // Activity thread only.
 #pragma once
 
-#include <array>
 #include <bit>
 #include <cstdint>
 #include <limits>
@@ -82,31 +81,12 @@ class RegistrationHook : public ListHook {};  // its notifier's
 class PendingHook : public ListHook {};       // the activity manager's queue
 
 namespace detail {
-// Base classes of one word each, so that the word lies in what would be a hole behind the header of a counted
-// object: an event costs as much as the cache lines that it touches.
+// Tail padding: as the first base after PtrInterface the word lies in the padding behind the header's count,
+// where a member, which comes after all bases, would not. It makes a reactor fill one cache line.
 struct Marks {
   std::uint32_t marks_ = 0;
 };
-struct Label {
-  const Name name_;
-};
 }  // namespace detail
-
-namespace detail {
-// Fetches one line. The empty statement is an effect: a function that had none would be left out as useless.
-inline void fetch(const void* address) {
-  __builtin_prefetch(address, 1);
-  asm volatile("");
-}
-}  // namespace detail
-
-// Fetches an object into the cache; does nothing else, so the object need not even be there.
-template <class T>
-void prefetch(const T* object) {
-  const char* const bytes = reinterpret_cast<const char*>(object);
-  for (std::size_t at = 0; at < sizeof(T); at += 64) detail::fetch(bytes + at);
-  if (sizeof(T) > 8) detail::fetch(bytes + sizeof(T) - 1);
-}
 
 // The base of every reactor: registration with one notifier, marks, and a place in the queue of the pending.
 //
@@ -135,6 +115,7 @@ class ZEL_API NotifieeBase : public PtrInterface,
 
  protected:
   friend class ActivityManager;
+  friend class Lookahead;
   friend class Notifier;
 
   NotifieeBase();
@@ -146,38 +127,12 @@ class ZEL_API NotifieeBase : public PtrInterface,
   virtual void handleMark(AttributeIndex index) = 0;
   virtual void handleKey(AttributeIndex index, Name key) = 0;
   virtual void immediate(AttributeIndex index) = 0;
-  // Fetches into the cache what the handlers are about to read. The steps, from 1 to 4, go down one pointer
-  // each: what a step reads, the one before has fetched. Returns whether there is more for the next step.
-  // Called on several reactors, step by step, before they are delivered to in turn, so that their cache
-  // misses overlap instead of adding up; and only on those that said foreseesIs(true).
-  virtual bool foresee(unsigned step) const {
+  // Prefetches what the handlers read, one pointer deeper each step from 1 on. Returns whether there is a
+  // next step. Called before some deliveries (lookahead.h), never for correctness.
+  virtual bool lookaheadStep(unsigned step) const {
     static_cast<void>(step);
     return false;
   }
-  void foreseesIs(bool foresees) { flagIs(kForesees, foresees); }
-  // For those who deliver: the reactors that come next, to have them foresee together.
-  class Foresight {
-   public:
-    static constexpr unsigned kAtOnce = 16;
-
-    // REQUIRES: called kAtOnce times at most.
-    void add(const NotifieeBase& notifiee) {
-      if (notifiee.flag(kForesees)) some_[count_++] = &notifiee;
-    }
-    void foresee() {
-      for (unsigned step = 1; step <= kSteps && count_ != 0; ++step) {
-        const unsigned count = std::exchange(count_, 0U);
-        for (unsigned i = 0; i < count; ++i)
-          if (some_[i]->foresee(step)) some_[count_++] = some_[i];
-      }
-    }
-
-   private:
-    static constexpr unsigned kSteps = 4;
-
-    unsigned count_ = 0;
-    std::array<const NotifieeBase*, kAtOnce> some_;
-  };
   // Enters and leaves the place where the notifier finds this reactor.
   virtual void join();
   virtual void part() { RegistrationHook::leave(); }
@@ -193,6 +148,12 @@ class ZEL_API NotifieeBase : public PtrInterface,
   void declineImmediate() { flagIs(kImmediateDeclined, true); }
 
  private:
+  // Flag bits beside the reference count.
+  static constexpr std::uint32_t kRegistered = kFirstFreeFlag;           // is to be on its notifier's list
+  static constexpr std::uint32_t kImmediateDeclined = kRegistered << 1;  // its immediate hook is the default
+  static constexpr std::uint32_t kKeysMarked = kRegistered << 2;
+  static constexpr std::uint32_t kInTurn = kRegistered << 3;  // several things are being delivered to it
+
   class KeyMarks;
   struct AllKeyMarks;
   struct Turn;
@@ -219,16 +180,9 @@ class ZEL_API NotifieeBase : public PtrInterface,
 };
 
 // An object that reactors can be registered on.
-class ZEL_API Notifier : public PtrInterface, private detail::Label {
+class ZEL_API Notifier : public PtrInterface {
  public:
   bool hasNotifiees() const { return notifiees_.linked(); }
-
-  // Fetches into the cache the reactor that is notified first of a change.
-  void foreseeNotifiees() const {
-    const ListHook* first = notifiees_.next();
-    detail::fetch(reinterpret_cast<const char*>(first) - sizeof(PtrInterface));
-    detail::fetch(reinterpret_cast<const char*>(first + 3));
-  }
 
   // Whether the object has left the collection that owned it. Its reactors are not notified from then on.
   bool zelIsGone() const { return flag(kGone); }
@@ -241,10 +195,12 @@ class ZEL_API Notifier : public PtrInterface, private detail::Label {
   virtual double wakeUp() const { return std::numeric_limits<double>::infinity(); }
 
  protected:
-  // The name is for those that have one: entities.
-  explicit Notifier(Name name = Name()) : Label{name} {}
+  // Flag bits beside the reference count.
+  static constexpr std::uint32_t kGone = kFirstFreeFlag;  // has left the collection that owned it
+  static constexpr std::uint32_t kFirstFreeNotifierFlag = kGone << 1;
+
+  Notifier() = default;
   ~Notifier() override;
-  Name label() const { return name_; }
 
   // Announce that a plain attribute (or a collection as a whole), or one key of a collection changed.
   void attributeChanged(AttributeIndex index) {
@@ -255,6 +211,7 @@ class ZEL_API Notifier : public PtrInterface, private detail::Label {
   }
 
  private:
+  friend class Lookahead;
   friend class NotifieeBase;
 
   void announce(AttributeIndex index);

@@ -1,0 +1,69 @@
+// Prefetching: overlaps the cache misses of handlers that run one after another.
+//
+//     bool lookahead(const Machine& machine, unsigned step) {  // beside Machine, found by argument-dependent
+//     look-up
+//       if (step == 2) Zel::prefetch(machine.led());
+//       return step == 2;
+//     }
+//
+// Not installed: an agent needs none of it.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <utility>
+
+#include "platform/zel/notify/notifier.h"
+
+namespace Zel {
+
+namespace detail {
+// Prefetches one cache line. The empty asm keeps GCC from dropping calls of a function without effects.
+inline void prefetchLine(const void* address) {
+  __builtin_prefetch(address, 1);
+  asm volatile("");
+}
+}  // namespace detail
+
+// Prefetches. The pointer is never dereferenced and may dangle.
+template <class T>
+void prefetch(const T* object) {
+  const char* const bytes = reinterpret_cast<const char*>(object);
+  for (std::size_t at = 0; at < sizeof(T); at += 64) detail::prefetchLine(bytes + at);
+  if (sizeof(T) > 8) detail::prefetchLine(bytes + sizeof(T) - 1);
+}
+
+// The reactors that are delivered to next. Their lookahead() runs step by step across all of them, so that
+// their misses are in flight together: a step follows one pointer, which the step before has prefetched.
+class Lookahead {
+ public:
+  static constexpr unsigned kAtOnce = 16;
+
+  // Prefetches the first subscriber of an object that is about to change.
+  static void prefetchSubscriber(const Notifier& notifier) {
+    const ListHook* const first = notifier.notifiees_.next();
+    detail::prefetchLine(reinterpret_cast<const char*>(first) - sizeof(PtrInterface));
+    detail::prefetchLine(reinterpret_cast<const char*>(first + 3));
+  }
+
+  // REQUIRES: called kAtOnce times at most.
+  void add(const NotifieeBase& notifiee) { some_[count_++] = &notifiee; }
+  // Returns whether any of them had something to prefetch.
+  bool run() {
+    unsigned step = 1;
+    for (; step <= kSteps && count_ != 0; ++step) {
+      const unsigned count = std::exchange(count_, 0U);
+      for (unsigned i = 0; i < count; ++i)
+        if (some_[i]->lookaheadStep(step)) some_[count_++] = some_[i];
+    }
+    return step > 2;
+  }
+
+ private:
+  static constexpr unsigned kSteps = 4;
+
+  unsigned count_ = 0;
+  std::array<const NotifieeBase*, kAtOnce> some_;
+};
+
+}  // namespace Zel

@@ -6,6 +6,7 @@
 
 #include "host/rpc/json.h"
 #include "host/store/statefile.h"
+#include "platform/zel/core/lastseen.h"
 
 namespace Host {
 
@@ -14,31 +15,17 @@ using Statedb::Changes;
 using Statedb::Row;
 using Statedb::StoreError;
 
-// Makes a T of a text, or takes the one that the last equal text made: rows repeat their paths, types and
-// values, and making is what reading a large file costs.
-template <class T, std::size_t Slots>
-class Remembered {
- public:
-  template <class Make>
-  const T& of(std::string_view text, Make make) {
-    Slot& slot = slots_[Slots == 1 ? 0 : std::hash<std::string_view>()(text) % Slots];
-    if (!slot.made || slot.text != text) {
-      slot.made = false;
-      slot.value = make(text);
-      slot.text = text;
-      slot.made = true;
-    }
-    return slot.value;
-  }
+namespace {
 
- private:
-  struct Slot {
-    std::string text;
-    T value{};
-    bool made = false;
-  };
-  std::array<Slot, Slots> slots_;
-};
+// The value of an equal text, or a new one: rows repeat paths, types and values, and parsing dominates the
+// time to read a large file.
+template <class T, class Make>
+const T& remembered(Zel::LastSeen<std::string, T>& last, std::string_view text, Make make) {
+  const T* known = last.find(text);
+  return known ? *known : last.keep(text, make(text));
+}
+
+}  // namespace
 
 // The open file. Every failure is a StoreError with SQLite's own words.
 class SqliteStore::Database {
@@ -136,18 +123,21 @@ class SqliteStore::Database {
   }
 
   struct Known {
-    Remembered<Statedb::Path, 1> path;
-    Remembered<Zel::Name, 1> type;
-    Remembered<Zel::Value, 64> value;
+    Zel::LastSeen<std::string, Statedb::Path> path;
+    Zel::LastSeen<std::string, Zel::Name> type;
+    std::array<Zel::LastSeen<std::string, Zel::Value>, 64> values;  // direct-mapped by the hash
+
+    auto& value(std::string_view text) { return values[std::hash<std::string_view>()(text) % values.size()]; }
   };
 
   Row row(sqlite3_stmt& statement, Known& known) const {
-    Row row{known.path.of(text(statement, 0), [](auto text) { return Statedb::Path(text); }),
-            known.type.of(text(statement, 2), [](auto text) { return Zel::Name(text); }),
+    Row row{remembered(known.path, text(statement, 0), [](auto text) { return Statedb::Path(text); }),
+            remembered(known.type, text(statement, 2), [](auto text) { return Zel::Name(text); }),
             Zel::Name(text(statement, 1)),
             {}};
     try {
-      row.value = known.value.of(text(statement, 3), &parseJson);
+      const auto value = text(statement, 3);
+      row.value = remembered(known.value(value), value, &parseJson);
     } catch (const Zel::ValueError& error) {
       refuseStateFile(file_, "the value of '" + row.path.text() + "' " + row.attribute.stdString() +
                                  " can't be read: " + error.what());

@@ -54,16 +54,16 @@ Found EntityTree::find(Path path) {
     return found;
   }
   found.path = path;
-  const bool isBesideTheLast = last_.parent && path.parent() == last_.path && !path.component().empty();
-  if (isBesideTheLast && isThere(*last_.parent)) {
-    found.parent = last_.parent;
-    found.collection = last_.collection;
+  const Collection* known = path.component().empty() ? nullptr : lastCollection_.find(path.parent());
+  if (known && isThere(*known->parent)) {
+    found.parent = known->parent;
+    found.collection = known->info;
     found.key = nameOf(path.component());
     found.entity = Zel::Ptr<Zel::Entity>(found.collection->member(*found.parent, found.key));
     return found;
   }
   follow(path, found, {});
-  if (found.whole && found.parent) last_ = {path.parent(), found.parent, found.collection};
+  if (found.whole && found.parent) lastCollection_.keep(path.parent(), {found.parent, found.collection});
   return found;
 }
 

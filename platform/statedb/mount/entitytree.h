@@ -5,6 +5,7 @@
 
 #include "platform/statedb/store/path.h"
 #include "platform/statedb/store/schema.h"
+#include "platform/zel/core/lastseen.h"
 #include "platform/zel/entity/dir.h"
 #include "platform/zel/entity/entity.h"
 
@@ -46,12 +47,12 @@ class EntityTree {
   void follow(Path path, Found& found, const Make& make) const;
 
   const Zel::Ptr<Zel::Dir> root_;
-  // Memo: successive paths mostly lead into one collection.
-  struct {
-    Path path;  // of its members without their last component
+  struct Collection {
     Zel::Ptr<Zel::Entity> parent{};
-    const Zel::AttributeInfo* collection = nullptr;
-  } last_;
+    const Zel::AttributeInfo* info = nullptr;
+  };
+  // By the path of its members without their last component: the next path is mostly in the same one.
+  Zel::LastSeen<Path, Collection> lastCollection_;
 };
 
 }  // namespace Statedb

@@ -6,7 +6,9 @@
 #include <vector>
 
 #include "platform/zel/core/assert.h"
+#include "platform/zel/core/lastseen.h"
 #include "platform/zel/entity/entity.h"
+#include "platform/zel/notify/lookahead.h"
 #include "platform/zel/object/value.h"
 
 namespace Statedb {
@@ -28,9 +30,8 @@ struct PathTable {
     std::uint32_t hash = 0;
   };
   std::vector<Place> places = std::vector<Place>(1024);
-  // Texts that are looked up mostly stand beside the one before: what was before its last '/'.
-  std::string lastParentText;
-  Path lastParent;
+  // By what is before a text's last '/': the next text mostly has the same parent.
+  Zel::LastSeen<std::string, Path> lastParent;
 
   static PathTable& instance() {
     static PathTable& table = *new PathTable;  // never destroyed, as names
@@ -95,18 +96,25 @@ struct PathTable {
     const std::size_t slash = text.rfind('/');
     if (slash == std::string_view::npos) return step(Path(), text);
     const std::string_view above = text.substr(0, slash);
-    if (above != lastParentText || lastParent.empty()) {
-      Path parent;
-      for (std::size_t at = 0; at <= above.size();) {
-        const std::size_t end = std::min(above.find('/', at), above.size());
-        parent = step(parent, above.substr(at, end - at));
-        if (parent.empty()) return {};
-        at = end + 1;
-      }
-      lastParentText = above;
-      lastParent = parent;
+    const Path* parent = lastParent.find(above);
+    if (!parent) {
+      const Path found = followAll(above, step);
+      if (found.empty()) return {};
+      parent = &lastParent.keep(above, found);
     }
-    return step(lastParent, text.substr(slash + 1));
+    return step(*parent, text.substr(slash + 1));
+  }
+
+  template <class Step>
+  static Path followAll(std::string_view text, Step step) {
+    Path path;
+    for (std::size_t at = 0; at <= text.size();) {
+      const std::size_t end = std::min(text.find('/', at), text.size());
+      path = step(path, text.substr(at, end - at));
+      if (path.empty()) return {};
+      at = end + 1;
+    }
+    return path;
   }
 };
 
@@ -180,7 +188,7 @@ bool Path::isUnder(Path above) const {
   return path == above;
 }
 
-void Path::prefetch() const { __builtin_prefetch(&table()[*this]); }
+void Path::prefetch() const { Zel::prefetch(&table()[*this]); }
 
 std::string Path::text() const {
   std::string text;

@@ -14,17 +14,18 @@ constexpr std::uint32_t kFirst = 2;    // entries that a new block has room for
 constexpr std::uint32_t kScanned = 8;  // up to this many entries are scanned; more have an index
 }  // namespace
 
-// Entries keep their positions while a walk is on: they are only moved together when `walks` is 0.
+// A removed entry stays as a tombstone. Tombstones go when the entries are compacted, which waits until no
+// walk is on: a walk keeps a position.
 struct Block {
   using Entry = KeyTable::Entry;
 
   std::uint32_t walks = 0;
   std::uint32_t live = 0;
-  std::uint32_t used = 0;  // live entries and stale ones
+  std::uint32_t used = 0;  // live entries and tombstones
   std::uint32_t capacity = kFirst;
-  bool orphan = false;             // the table has let go; the last walk frees the block
+  bool orphan = false;             // the table is gone; the last walk frees the block
   std::uint8_t indexShift = 0;     // the index has 2^(32 - indexShift) places
-  std::uint32_t* index = nullptr;  // position + 1 of the entries, stale ones too; 0 is a free place
+  std::uint32_t* index = nullptr;  // open addressing: position + 1 of an entry; 0: free
   Entry* entries = new Entry[kFirst];
 
   ~Block() {
@@ -73,7 +74,7 @@ struct Block {
 
   void makeRoom() { resize(walks == 0 && live <= used / 2 ? capacity : capacity * 2); }
 
-  // Moves the entries to a new place for `size`; stale ones go, unless a walk needs their positions.
+  // Reallocates to `size` entries, and compacts them unless a walk is on.
   void resize(std::uint32_t size) {
     Entry* moved = new Entry[size];
     std::uint32_t count = 0;

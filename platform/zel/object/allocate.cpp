@@ -1,9 +1,9 @@
-// The framework's allocator: objects lie side by side in the order in which they were made, without a header
-// between them.
+// The framework's allocator: a bump allocator with a LIFO free list for each size, and no header before an
+// object.
 //
-// What an event costs is mostly the cache lines and the pages that it touches, and what is made together is
-// used together: a machine and its reactors. Memory that was given back serves the next object of its size;
-// it stays with the process, and with the thread that gave it back.
+// Objects that are made together are used together (a machine and its reactors), so they share cache lines
+// and pages. Freed memory serves the next object of its size; it stays with the process, and with the thread
+// that freed it.
 #include <sys/mman.h>
 
 #include <algorithm>
@@ -23,8 +23,7 @@ constexpr std::size_t kGrain = 8;
 constexpr std::size_t kLargest = 256;  // larger objects are left to the C++ library
 constexpr std::size_t kFirstBlock = 2 * 1024;
 constexpr std::size_t kLastBlock = 64 * 1024;
-// Who needs more than this has so many objects that finding their pages costs as much as their lines, and
-// gets huge pages, where the system has them. What the last of them leaves unused is little beside it.
+// Beyond this size TLB misses dominate: use huge pages, where the system has them.
 constexpr std::size_t kManyBytes = 2 << 20;
 constexpr std::size_t kHugePage = 2 << 20;
 

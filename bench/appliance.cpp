@@ -14,7 +14,7 @@ struct Color {
   void (GpioLedConfig::*want)(Zel::Name, bool);
   const CorvelGpioLedConfig::Pins& (CorvelGpioLedConfig::*pins)() const;
 };
-constexpr Color kColors[kPins] = {
+constexpr Color kColours[kPins] = {
     {"yellow", &GpioLedConfig::gpioYellowNameIs, &CorvelGpioLedConfig::gpioYellow},
     {"green", &GpioLedConfig::gpioGreenNameIs, &CorvelGpioLedConfig::gpioGreen},
     {"red", &GpioLedConfig::gpioRedNameIs, &CorvelGpioLedConfig::gpioRed},
@@ -23,8 +23,8 @@ constexpr Color kColors[kPins] = {
 }  // namespace
 
 std::string ledName(std::size_t number) { return "Ethernet" + std::to_string(number); }
-std::string pinName(std::size_t number, std::size_t color) {
-  return ledName(number) + '-' + kColors[color].name;
+std::string pinName(std::size_t number, std::size_t colour) {
+  return ledName(number) + '-' + kColours[colour].name;
 }
 
 Appliance::Appliance(std::size_t leds)
@@ -49,8 +49,8 @@ void Appliance::add(std::size_t number) {
   if (number >= leds_.size()) leds_.resize(number + 1);
   leds_[number] = ledDir_->ledsIs(name).get();
   const auto mapping = mappingDir_->gpioLedsIs(name);
-  for (std::size_t color = 0; color < kPins; ++color)
-    ((*mapping).*kColors[color].want)(pinName(number, color), true);
+  for (std::size_t colour = 0; colour < kPins; ++colour)
+    ((*mapping).*kColours[colour].want)(pinName(number, colour), true);
   mapping->readyIs(true);
 }
 
@@ -60,9 +60,9 @@ void Appliance::remove(std::size_t number) {
   ledDir_->ledsDel(name);
 }
 
-const CorvelGpioLedConfig::Pins& Appliance::pins(std::size_t number, std::size_t color) const {
+const CorvelGpioLedConfig::Pins& Appliance::pins(std::size_t number, std::size_t colour) const {
   const auto* output = reactor_->corvelLedSystemConfig()->gpioLeds().get(ledName(number));
-  return (output->*kColors[color].pins)();
+  return (output->*kColours[colour].pins)();
 }
 
 }  // namespace Bench

@@ -21,7 +21,7 @@ class Appliance {
   std::size_t size() const { return leds_.size(); }
   Hardware::Led::LedConfig& led(std::size_t number) { return *leds_[number]; }
   // By name, as the pins, the LED and its mapping of one number are.
-  const Zel::PtrMap<Hardware::Gpio::CorvelPinConfig>& pins(std::size_t number, std::size_t color) const;
+  const Zel::PtrMap<Hardware::Gpio::CorvelPinConfig>& pins(std::size_t number, std::size_t colour) const;
   std::size_t machines() const { return reactor_->gpioLedStateMachine().size(); }
 
   // Adds LED, mapping and pins of that number, or takes the LED and the mapping away. The agent's part comes
@@ -39,6 +39,6 @@ class Appliance {
 
 // "Ethernet17", "Ethernet17-green".
 std::string ledName(std::size_t number);
-std::string pinName(std::size_t number, std::size_t color);
+std::string pinName(std::size_t number, std::size_t colour);
 
 }  // namespace Bench

@@ -39,7 +39,7 @@ Json mappingPut(std::size_t led) {
   static constexpr const char* kNames[kPins] = {"gpioYellowName", "gpioGreenName", "gpioRedName",
                                                 "gpioOrangeName"};
   Json attributes = {{"ready", true}};
-  for (std::size_t color = 0; color < kPins; ++color) attributes[kNames[color]] = {pinName(led, color)};
+  for (std::size_t colour = 0; colour < kPins; ++colour) attributes[kNames[colour]] = {pinName(led, colour)};
   return {{"op", "put"},
           {"path", "hardware/gpio/config/led/gpioLeds/" + ledName(led)},
           {"attributes", attributes}};
@@ -109,8 +109,8 @@ std::string setRequest(std::size_t led, const Led::LightSetting& setting) {
   return R"({"jsonrpc":"2.0","id":1,"method":"write","params":{"changes":[)" + ledPut(led, setting) + "]}}\n";
 }
 
-std::string pinPath(std::size_t led, std::size_t color) {
-  return std::string(Paths::kPins) + '/' + pinName(led, color);
+std::string pinPath(std::size_t led, std::size_t colour) {
+  return std::string(Paths::kPins) + '/' + pinName(led, colour);
 }
 
 RunningHost::RunningHost(const std::string& store)

@@ -37,7 +37,7 @@ class Client {
 // The line that sets an LED.
 std::string setRequest(std::size_t led, const Led::LightSetting& setting);
 // The path of a pin.
-std::string pinPath(std::size_t led, std::size_t color);
+std::string pinPath(std::size_t led, std::size_t colour);
 
 class RunningHost {
  public:

@@ -60,8 +60,8 @@ class Agent {
       return;
     }
     leds_.push_back(&appliance_.led(number));
-    for (std::size_t color = 0; color < pins_; ++color)
-      for (const auto& pin : appliance_.pins(number, color))
+    for (std::size_t colour = 0; colour < pins_; ++colour)
+      for (const auto& pin : appliance_.pins(number, colour))
         watchers_.push_back(Zel::allocate<PinWatcher>(Zel::Ptr<const PinConfig>(pin), told_));
   }
 
@@ -81,7 +81,7 @@ class BareLoop {
     PinPool<std::uint32_t> pool(leds * pins);
     for (std::size_t i = 0; i < leds; ++i) {
       leds_.push_back(std::make_unique<BareLed>());
-      for (std::size_t color = 0; color < pins; ++color) leds_.back()->pins[color] = pool.take();
+      for (std::size_t colour = 0; colour < pins; ++colour) leds_.back()->pins[colour] = pool.take();
     }
   }
   void set(std::size_t number, const Led::LightSetting& setting) {
@@ -89,9 +89,9 @@ class BareLoop {
     if (led.setting == setting) return;
     led.setting = setting;
     if (pins_ == 0) ++told_;
-    for (std::size_t color = 0; color < pins_; ++color) write(*led.pins[color], 0);
-    for (std::size_t color = 0; color < pins_; ++color)
-      if (lights(setting, color)) write(*led.pins[color], 1);
+    for (std::size_t colour = 0; colour < pins_; ++colour) write(*led.pins[colour], 0);
+    for (std::size_t colour = 0; colour < pins_; ++colour)
+      if (lights(setting, colour)) write(*led.pins[colour], 1);
   }
   void pass() {}
   std::uint64_t told() const { return told_; }
@@ -122,9 +122,9 @@ class HandQueue {
     for (std::size_t i = 0; i < leds; ++i) {
       leds_.push_back(std::make_unique<HandLed>());
       leds_.back()->handler = pins == 0 ? &HandQueue::countLed : &HandQueue::showLed;
-      for (std::size_t color = 0; color < pins; ++color) {
-        leds_.back()->pins[color] = pool.take();
-        leds_.back()->pins[color]->handler = &HandQueue::countPin;
+      for (std::size_t colour = 0; colour < pins; ++colour) {
+        leds_.back()->pins[colour] = pool.take();
+        leds_.back()->pins[colour]->handler = &HandQueue::countPin;
       }
     }
   }
@@ -173,8 +173,8 @@ class HandQueue {
   static void showLed(HandQueue& self, Subscription& subscription) {
     auto& led = static_cast<HandLed&>(subscription);
     for (const auto& pin : led.pins) self.write(*pin, 0);
-    for (std::size_t color = 0; color < kPins; ++color)
-      if (lights(led.setting, color)) self.write(*led.pins[color], 1);
+    for (std::size_t colour = 0; colour < kPins; ++colour)
+      if (lights(led.setting, colour)) self.write(*led.pins[colour], 1);
   }
   static void countLed(HandQueue& self, Subscription& subscription) {
     benchmark::DoNotOptimize(static_cast<HandLed&>(subscription).setting.green);
@@ -280,8 +280,8 @@ class Immediate {
         ++world.told_;
       }
       for (const auto& pin : pins) pin->write(0);
-      for (std::size_t color = 0; color < pins.size(); ++color)
-        if (lights(led.setting, color)) pins[color]->write(1);
+      for (std::size_t colour = 0; colour < pins.size(); ++colour)
+        if (lights(led.setting, colour)) pins[colour]->write(1);
     }
     Immediate& world;
     SignalLed& led;

@@ -34,20 +34,20 @@ std::vector<std::uint32_t> shuffled(std::size_t count) {
   return order;
 }
 
-const Led::LightSetting& steady(std::size_t color) {
+const Led::LightSetting& steady(std::size_t colour) {
   static const std::array<Led::LightSetting, kPins> settings = [] {
     std::array<Led::LightSetting, kPins> made;
     made[0].yellow = made[1].green = made[2].red = made[3].orange = true;
     return made;
   }();
-  return settings[color];
+  return settings[colour];
 }
 
-bool lights(const Led::LightSetting& setting, std::size_t color) {
-  static constexpr bool Led::LightSetting::*kColors[] = {&Led::LightSetting::yellow,
-                                                         &Led::LightSetting::green, &Led::LightSetting::red,
-                                                         &Led::LightSetting::orange};
-  return setting.*kColors[color];
+bool lights(const Led::LightSetting& setting, std::size_t colour) {
+  static constexpr bool Led::LightSetting::*kColours[] = {&Led::LightSetting::yellow,
+                                                          &Led::LightSetting::green, &Led::LightSetting::red,
+                                                          &Led::LightSetting::orange};
+  return setting.*kColours[colour];
 }
 
 double quantile(std::vector<double>& samples, double share) {

@@ -34,8 +34,8 @@ double now();
 // The numbers from 0 to count - 1 in an order without a pattern; the same in every process.
 std::vector<std::uint32_t> shuffled(std::size_t count);
 // Steady, with one colour lit: yellow, green, red, orange for 0 to 3.
-const Led::LightSetting& steady(std::size_t color);
-bool lights(const Led::LightSetting& setting, std::size_t color);
+const Led::LightSetting& steady(std::size_t colour);
+bool lights(const Led::LightSetting& setting, std::size_t colour);
 
 // The value below which `share` (0 to 1) of the samples lie; sorts them. REQUIRES: there are samples.
 double quantile(std::vector<double>& samples, double share);

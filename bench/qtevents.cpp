@@ -28,8 +28,8 @@ void QtMachine::onSetting() {
     ++told_;
   }
   for (const auto& pin : pins_) pin->write(0);
-  for (std::size_t color = 0; color < pins_.size(); ++color)
-    if (lights(led_.setting(), color)) pins_[color]->write(1);
+  for (std::size_t colour = 0; colour < pins_.size(); ++colour)
+    if (lights(led_.setting(), colour)) pins_[colour]->write(1);
 }
 
 namespace {

@@ -186,8 +186,8 @@ class Bus {
     const auto object = sdbus::createObject(*connection, kPath);
     object->registerMethod("Set")
         .onInterface(kName)
-        .implementedAs([&](std::uint32_t led, std::uint32_t color) {
-          object->emitSignal("Value").onInterface(kName).withArguments(led, color);
+        .implementedAs([&](std::uint32_t led, std::uint32_t colour) {
+          object->emitSignal("Value").onInterface(kName).withArguments(led, colour);
         })
         .withNoReply();
     object->registerSignal("Value").onInterface(kName).withParameters<std::uint32_t, std::uint32_t>();

@@ -29,17 +29,17 @@ Host::Host(const Options& options)
     loadAgents(options.agents);
     control_ = std::make_unique<Control>(loop_, *listener_, served_);
   } catch (...) {
-    takeApart();
+    shutDown();
     throw;
   }
 }
 
 Host::~Host() {
   serviceManager_.tell("STOPPING=1");
-  takeApart();
+  shutDown();
 }
 
-void Host::takeApart() {
+void Host::shutDown() {
   signals_.clear();
   watchdog_.reset();
   control_.reset();
@@ -122,10 +122,10 @@ void Host::feedWatchdog() {
   watchdog_.reset(new uv_timer_t);
   uv_timer_init(loop_.uv(), watchdog_.get());
   watchdog_->data = this;
-  const auto feed = [](uv_timer_t* timer) {
+  const auto ping = [](uv_timer_t* timer) {
     static_cast<Host*>(timer->data)->serviceManager_.tell("WATCHDOG=1");
   };
-  uv_timer_start(watchdog_.get(), feed, *interval, *interval);
+  uv_timer_start(watchdog_.get(), ping, *interval, *interval);
 }
 
 }  // namespace Host

@@ -41,7 +41,7 @@ class Host {
 
  private:
   // Ends the agents before their manager, and the manager before their libraries.
-  void takeApart();
+  void shutDown();
   void loadAgents(const std::vector<AgentOption>& options);
   // Says which process this is, and what its agents fill, to whoever keeps the state.
   void announce();

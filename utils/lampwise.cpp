@@ -73,8 +73,8 @@ Zel::String toString(T value) {
 template ZEL_API Zel::String toString<Led::Color>(Led::Color value);
 
 bool isColorValid(Zel::String text) {
-  for (unsigned color = 0; color < Led::kColors; ++color)
-    if (toString(static_cast<Led::Color>(color)) == text) return true;
+  for (unsigned colour = 0; colour < Led::kColourCount; ++colour)
+    if (toString(static_cast<Led::Color>(colour)) == text) return true;
   return false;
 }
 

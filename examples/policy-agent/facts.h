@@ -14,7 +14,7 @@ class LinkStatus : public Zel::Described<LinkStatus, Zel::Entity> {
     virtual void onLinkMode() {}
     virtual void onUp() {}
     virtual void onUtilisation() {}
-    virtual void onFaultColor() {}
+    virtual void onFaultColour() {}
   };
 
   static constexpr auto attributes() {
@@ -22,7 +22,7 @@ class LinkStatus : public Zel::Described<LinkStatus, Zel::Entity> {
     return std::tuple{Zel::attribute::value<&LinkStatus::linkMode_, &N::onLinkMode>("linkMode"),
                       Zel::attribute::value<&LinkStatus::up_, &N::onUp>("up"),
                       Zel::attribute::value<&LinkStatus::utilisation_, &N::onUtilisation>("utilisation"),
-                      Zel::attribute::value<&LinkStatus::faultColor_, &N::onFaultColor>("faultColor")};
+                      Zel::attribute::value<&LinkStatus::faultColour_, &N::onFaultColour>("faultColour")};
   }
   static const Zel::TypeNode& typeNode();
 
@@ -35,11 +35,11 @@ class LinkStatus : public Zel::Described<LinkStatus, Zel::Entity> {
   double utilisation() const { return utilisation_; }
   // The colour of an LED of a link that is down; a text that names no colour, the empty one too, leaves it
   // dark.
-  const Zel::String& faultColor() const { return faultColor_; }
+  const Zel::String& faultColour() const { return faultColour_; }
 
  private:
   Zel::String linkMode_;
-  Zel::String faultColor_;
+  Zel::String faultColour_;
   double utilisation_ = 0.0;
   bool up_ = false;
 };

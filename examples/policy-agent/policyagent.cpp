@@ -25,7 +25,7 @@ constexpr std::uint16_t kFan = 0x0002;
 constexpr const char* kLinks = "interface/status";
 constexpr const char* kFans = "environment/fan/status";
 
-Led::LightSetting inColor(const Zel::String& text) {
+Led::LightSetting inColour(const Zel::String& text) {
   Led::LightSetting setting;
   if (!Lampwise::isColorValid(text)) return setting;
   setting.green = text == Lampwise::toString<Led::Color>(Led::Color::green);
@@ -38,7 +38,7 @@ Led::LightSetting inColor(const Zel::String& text) {
 // A link that is up is green, yellow where its speed was forced to a megabit mode, and flashes the faster the
 // more it carries; one that is down has its fault colour.
 Led::LightSetting forLink(const LinkStatus& link) {
-  if (!link.up()) return inColor(link.faultColor());
+  if (!link.up()) return inColour(link.faultColour());
   const std::string mode = Lampwise::shortenLinkMode(link.linkMode()).stdString();
   Led::LightSetting setting;
   setting.yellow = mode.find('m') != std::string::npos;
@@ -69,7 +69,7 @@ class LinkReactor : public Zel::Reactor<LinkReactor, LinkStatus::NotifieeConst> 
   void onLinkMode() override { light(); }
   void onUp() override { light(); }
   void onUtilisation() override { light(); }
-  void onFaultColor() override { light(); }
+  void onFaultColour() override { light(); }
 
  private:
   void light();

@@ -28,9 +28,9 @@ const std::string& pathField(const Zel::Value& parameters) {
 Statedb::Durability durabilityField(const Zel::Value& parameters) {
   const std::string& text = textField(parameters, "durability");
   if (text.empty() || text == "stored") return Statedb::Durability::stored;
-  if (text == "derived") return Statedb::Durability::derived;
+  if (text == "volatile") return Statedb::Durability::volatile_;
   throw Zel::ValueError("'durability': found \"" + Zel::excerpt(text) +
-                        "\", wanted \"stored\" or \"derived\"");
+                        "\", wanted \"stored\" or \"volatile\"");
 }
 
 }  // namespace
@@ -110,16 +110,16 @@ std::string Methods::read(const Zel::Value& parameters, Caller&) const {
 std::string Methods::write(const Zel::Value& parameters, Caller& caller) const {
   const Zel::Value::List& changes = listField(parameters, "changes");
   const auto durability = durabilityField(parameters);
-  const bool derived = durability == Statedb::Durability::derived;
-  if (!derived) expectMemory("write");
+  const bool isVolatile = durability == Statedb::Durability::volatile_;
+  if (!isVolatile) expectMemory("write");
   const auto batch = readBatch(changes, {.typeAt = typeAt_,
                                          .mounts = served_.manager.mounts(),
                                          .announcements = served_.announcements,
                                          .writer = caller.process,
-                                         .lenient = derived});
+                                         .lenient = isVolatile});
   if (!batch.errors.empty()) throw refusedFor(batch.errors);
-  // What is mounted is no derived value, whoever was the first to write under it.
-  if (derived && !batch.mounts.empty())
+  // What is mounted is no volatile value, whoever was the first to write under it.
+  if (isVolatile && !batch.mounts.empty())
     served_.store.write(batch.mounts, Statedb::Durability::stored, caller.watches.origin());
   served_.store.write(batch.changes, durability, caller.watches.origin());
   return "{\"written\":" + std::to_string(changes.size()) + '}';

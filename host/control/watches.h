@@ -30,12 +30,12 @@ class Watches {
   bool del(std::uint64_t id);
 
   // What to give as the origin of the client's own writes.
-  Statedb::Feed* origin() { return &others_; }
+  Statedb::Subscriber* origin() { return &others_; }
 
  private:
-  // The watches that hear of the same writes: a store leaves out one feed a write, so they share it. Is
+  // The watches that hear of the same writes: a store leaves out one subscriber a write, so they share it. Is
   // subscribed to everything while it has any.
-  class Group : public Statedb::Feed {
+  class Group : public Statedb::Subscriber {
    public:
     Group(Statedb::Store& store, const Send& send) : store_(store), send_(send) {}
     ~Group() override;

@@ -12,8 +12,8 @@ namespace Host {
 
 using Statedb::Change;
 using Statedb::Changes;
-using Statedb::Feed;
 using Statedb::Path;
+using Statedb::Subscriber;
 
 namespace {
 constexpr std::uint64_t kFirstRetry = 50;  // milliseconds
@@ -146,14 +146,15 @@ void UnixStore::request(const char* method, std::string_view parameters, OnReply
   if (connection_) connection_->flush();
 }
 
-void UnixStore::subscribe(Path path, Feed& feed) {
-  unsubscribe(feed);
-  subscriptions_.push_back(std::make_unique<Subscription>(Subscription{path, &feed}));
+void UnixStore::subscribe(Path path, Subscriber& subscriber) {
+  unsubscribe(subscriber);
+  subscriptions_.push_back(std::make_unique<Subscription>(Subscription{path, &subscriber}));
   watch(*subscriptions_.back());
 }
 
-void UnixStore::unsubscribe(Feed& feed) {
-  const auto found = std::ranges::find(subscriptions_, &feed, [](const auto& each) { return each->feed; });
+void UnixStore::unsubscribe(Subscriber& subscriber) {
+  const auto found =
+      std::ranges::find(subscriptions_, &subscriber, [](const auto& each) { return each->subscriber; });
   if (found == subscriptions_.end()) return;
   if ((*found)->watch >= 0) unwatch((*found)->watch);
   subscriptions_.erase(found);
@@ -163,7 +164,7 @@ void UnixStore::unwatch(std::int64_t watch) {
   request("unwatch", "{\"watch\":" + std::to_string(watch) + '}', [](const Zel::Value&) {});
 }
 
-// The reply may come when the feed has gone or was subscribed anew: it is for this subscription only.
+// The reply may come when the subscriber has gone or was subscribed anew: it is for this subscription only.
 void UnixStore::watch(Subscription& subscription) {
   if (!reached_) return;
   request("watch", "{\"own\":false,\"path\":" + jsonText(Zel::Value(subscription.path.text())) + '}',
@@ -176,20 +177,21 @@ void UnixStore::watch(Subscription& subscription) {
             const std::int64_t number = numberOf(result, "watch");
             if (still == subscriptions_.end()) return unwatch(number);
             watched->watch = number;
-            tellSnapshot(*watched->feed, needed(result, "entities"));
+            tellSnapshot(*watched->subscriber, needed(result, "entities"));
           });
 }
 
-void UnixStore::tellSnapshot(Feed& feed, const Zel::Value& entities) {
-  const auto found = std::ranges::find(subscriptions_, &feed, [](const auto& each) { return each->feed; });
+void UnixStore::tellSnapshot(Subscriber& subscriber, const Zel::Value& entities) {
+  const auto found =
+      std::ranges::find(subscriptions_, &subscriber, [](const auto& each) { return each->subscriber; });
   if (found == subscriptions_.end()) return;
   const auto records = entityRecords(entities);
   Statedb::Records theirs;
   for (const Statedb::Record& record : records) {
-    if (feed.publishes(record.path)) own_.adopt(record);
+    if (subscriber.publishes(record.path)) own_.adopt(record);
     theirs.push_back(&record);
   }
-  feed.onSnapshot(own_.over(theirs, (*found)->path));
+  subscriber.onSnapshot(own_.over(theirs, (*found)->path));
 }
 
 UnixStore::Subscription* UnixStore::find(std::int64_t watch) {
@@ -197,7 +199,7 @@ UnixStore::Subscription* UnixStore::find(std::int64_t watch) {
   return found == subscriptions_.end() ? nullptr : found->get();
 }
 
-void UnixStore::write(const Changes& changes, Statedb::Durability durability, Feed* origin) {
+void UnixStore::write(const Changes& changes, Statedb::Durability durability, Subscriber* origin) {
   if (durability == Statedb::Durability::stored)
     throw Statedb::StoreError("the state database is kept by the host at '" + socket_ + "'; write there");
   own_.write(changes);
@@ -226,7 +228,7 @@ void UnixStore::sendParts() {
   while (!parts_.empty()) {
     const std::string text = changesText(parts_.front());
     if (text.size() <= kLongestRequest)
-      return request("write", "{\"changes\":" + text + ",\"durability\":\"derived\"}",
+      return request("write", "{\"changes\":" + text + ",\"durability\":\"volatile\"}",
                      [this](const Zel::Value& reply) { onWritten(reply); });
     refusePart("is longer than " + std::to_string(kLongestRequest) + " bytes");
   }
@@ -263,11 +265,11 @@ void UnixStore::refusePart(const std::string& why) {
   report_("state database " + url() + " refused what was published: " + place + why);
 }
 
-void UnixStore::tellOthers(const Changes& changes, const Feed* origin) {
+void UnixStore::tellOthers(const Changes& changes, const Subscriber* origin) {
   for (const auto& subscription : subscriptions_)
-    if (subscription->feed != origin)
+    if (subscription->subscriber != origin)
       takePart(changes, subscription->path,
-               [&](const Changes& part) { subscription->feed->onChanges(part); });
+               [&](const Changes& part) { subscription->subscriber->onChanges(part); });
 }
 
 void UnixStore::onLine(Connection& connection, std::string_view line) {
@@ -295,10 +297,10 @@ void UnixStore::onNotification(const Zel::Value& message) {
   Subscription* subscription = find(numberOf(parameters, "watch"));
   if (!subscription) return;
   if (textField(message, "method") == "reset")
-    return tellSnapshot(*subscription->feed, needed(parameters, "entities"));
+    return tellSnapshot(*subscription->subscriber, needed(parameters, "entities"));
   const Changes there = changesFrom(needed(parameters, "changes"));
   const Changes changes = flagField(parameters, "revealed", false) ? own_.revealed(there) : own_.told(there);
-  if (!changes.empty()) subscription->feed->onChanges(changes);
+  if (!changes.empty()) subscription->subscriber->onChanges(changes);
 }
 
 }  // namespace Host

@@ -34,11 +34,12 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
   void announce(const Announcement& announcement);
 
   std::string url() const override { return "unix:" + socket_; }
-  void subscribe(Statedb::Path path, Statedb::Feed& feed) override;
-  void unsubscribe(Statedb::Feed& feed) override;
-  // What is written here is derived for the other side: it belongs to whoever keeps publishing it. The
+  void subscribe(Statedb::Path path, Statedb::Subscriber& subscriber) override;
+  void unsubscribe(Statedb::Subscriber& subscriber) override;
+  // What is written here is volatile for the other side: it belongs to whoever keeps publishing it. The
   // durability is the other side's to grant, so `stored` is refused.
-  void write(const Statedb::Changes& changes, Statedb::Durability durability, Statedb::Feed* origin) override;
+  void write(const Statedb::Changes& changes, Statedb::Durability durability,
+             Statedb::Subscriber* origin) override;
   void flush() override;
   // Keeps no rows on this side: throws StoreError.
   Statedb::Records read(Statedb::Path path) const override;
@@ -46,7 +47,7 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
  private:
   struct Subscription {
     Statedb::Path path;
-    Statedb::Feed* feed;
+    Statedb::Subscriber* subscriber;
     std::int64_t watch = -1;  // the other side's number for it; -1: not confirmed
   };
   using OnReply = std::function<void(const Zel::Value& reply)>;
@@ -63,8 +64,8 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
   void request(const char* method, std::string_view parameters, OnReply onReply);
   void watch(Subscription& subscription);
   void unwatch(std::int64_t watch);
-  void tellSnapshot(Statedb::Feed& feed, const Zel::Value& entities);
-  void tellOthers(const Statedb::Changes& changes, const Statedb::Feed* origin);
+  void tellSnapshot(Statedb::Subscriber& subscriber, const Zel::Value& entities);
+  void tellOthers(const Statedb::Changes& changes, const Statedb::Subscriber* origin);
   Subscription* find(std::int64_t watch);
 
   void onLine(Connection& connection, std::string_view line) override;
@@ -82,7 +83,8 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
   OwnRows own_;
   std::deque<Statedb::Changes>
       parts_;  // of what is under way: the first was sent, each waits for those before it
-  std::vector<std::pair<Statedb::Changes, Statedb::Feed*>> toTell_;  // written here, for the feeds here
+  std::vector<std::pair<Statedb::Changes, Statedb::Subscriber*>>
+      toTell_;  // written here, for the subscribers here
   std::shared_ptr<Connection> connection_;
   UvHandle<uv_timer_t> retry_;
   std::shared_ptr<Connecting> connecting_;

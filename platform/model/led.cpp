@@ -7,8 +7,8 @@
 namespace Led {
 
 namespace {
-constexpr const char* kColorTexts[kColors] = {"off",    "green", "red",   "yellow",
-                                              "orange", "blue",  "white", "purple"};
+constexpr const char* kColourTexts[kColourCount] = {"off",    "green", "red",   "yellow",
+                                                    "orange", "blue",  "white", "purple"};
 }
 
 bool operator==(const LightSetting& a, const LightSetting& b) {
@@ -43,9 +43,9 @@ std::ostream& operator<<(std::ostream& out, const LightSetting& setting) {
   return out << '}';
 }
 
-std::ostream& operator<<(std::ostream& out, const Color& color) {
-  const auto number = static_cast<unsigned>(color);
-  return number < kColors ? out << kColorTexts[number] : out << number;
+std::ostream& operator<<(std::ostream& out, const Color& colour) {
+  const auto number = static_cast<unsigned>(colour);
+  return number < kColourCount ? out << kColourTexts[number] : out << number;
 }
 
 }  // namespace Led

@@ -43,7 +43,7 @@ struct ZEL_API LightSetting {
 ZEL_API std::ostream& operator<<(std::ostream& out, const LightSetting& setting);
 
 enum class Color : std::uint8_t { off, green, red, yellow, orange, blue, white, purple };
-inline constexpr unsigned kColors = 8;
+inline constexpr unsigned kColourCount = 8;
 
 // The enumerator's name; the number of a value outside the eight.
 ZEL_API std::ostream& operator<<(std::ostream& out, const Color& color);

@@ -285,7 +285,7 @@ TEST_F(ControlTest, RequestsThatChangeNothingLeaveNoNamesBehind) {
       {"write", put(led("A") + '/' + freshPath(), "Zel::Dir")},
       {"write", put(led("A"), "Hardware::Led::LedConfig", {{fresh(), 1}})},
       {"write", {{"changes", del()}}},
-      {"write", {{"changes", del()}, {"durability", "derived"}}},
+      {"write", {{"changes", del()}, {"durability", "volatile"}}},
       {"write", {{"changes", {{{"op", fresh()}}}}, {"durability", fresh()}}},
       {"fresh method", {{"path", freshPath()}}},
   };
@@ -354,8 +354,8 @@ TEST_F(ControlTest, TheFirstEntityUnderAMountBringsARowForTheMountThatLivesOn) {
   plugin.start(manager);
   for (int pass = 0; pass < 3; ++pass) activity.step();
   Client client(listener.path());
-  const Json derived = {{"changes", {putLed("A", kRed)}}, {"durability", "derived"}};
-  ASSERT_TRUE(call(client, "write", derived).contains("result"));
+  const Json ofProcess = {{"changes", {putLed("A", kRed)}}, {"durability", "volatile"}};
+  ASSERT_TRUE(call(client, "write", ofProcess).contains("result"));
   EXPECT_EQ(store.typeAt(Paths::kLeds), "Hardware::Led::LedSystemConfigDir");
   EXPECT_EQ(store.stored, 1U) << "the mount's row alone";
   EXPECT_TRUE(manager->entityAt(led("A")));

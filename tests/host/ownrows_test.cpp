@@ -21,7 +21,7 @@ using StoreModel::Rows;
 using StoreModel::rowsOf;
 
 // Two processes and the line between them, on which everything takes its time.
-struct Line : Statedb::Feed {
+struct Line : Statedb::Subscriber {
   Line() { server->subscribe({}, *this); }
 
   void onSnapshot(const Records& records) override {
@@ -40,7 +40,7 @@ struct Line : Statedb::Feed {
     toClient.push_back([this, changes] { carryInto(client, own.revealed(changes)); });
   }
 
-  // Where the keeper is started again, what was derived is gone.
+  // Where the keeper is started again, what was volatile is gone.
   void lose(bool restarts) {
     server->unsubscribe(*this);
     if (restarts) server = std::make_unique<Statedb::MemoryStore>();
@@ -56,7 +56,7 @@ struct Line : Statedb::Feed {
   void moveToServer() {
     if (own.canSend()) toServer.push_back(own.send());
     if (toServer.empty()) return;
-    server->write(toServer.front(), Durability::derived, this);
+    server->write(toServer.front(), Durability::volatile_, this);
     server->flush();
     toServer.pop_front();
     toClient.push_back([this] { own.acknowledged(); });
@@ -95,7 +95,7 @@ TEST(OwnRows, BothSidesComeToTheSameRowsAndNothingPublishedIsLost) {
             line.publish({Change::put(path, "Pin", "", {}), put(value)});
           },
           [&] { line.publish({Change::unset(path, "value")}); },
-          [&] { write(put(value), Durability::derived); },
+          [&] { write(put(value), Durability::volatile_); },
           [&] { write(put(3 + value), Durability::stored); },
           [&] { write(Change::put("out/x", "Pin", "value", value), Durability::stored); },
           [&] { random() % 3 == 0 ? write(Change::del(path), Durability::stored) : void(); },

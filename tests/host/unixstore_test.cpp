@@ -62,7 +62,7 @@ TEST_F(UnixStoreTest, WhatTheOtherSideRefusesIsNamedAndTheRestArrives) {
     changes.push_back(Change::put("out/p" + std::to_string(i), kPin, "value", i));
   changes.push_back(Change::put("out/p7", kPin, "colour", "red"));
   changes.push_back(Change::put("out/p9", kPin, "value", std::string(2'000'000, 'x')));
-  remote.write(changes, Durability::derived, nullptr);
+  remote.write(changes, Durability::volatile_, nullptr);
   runUntil([&] { return at("out/p2999") == Zel::Value(2999); });
   EXPECT_EQ(keeper.entities(), 3000U);
   EXPECT_THAT(reports,
@@ -72,7 +72,7 @@ TEST_F(UnixStoreTest, WhatTheOtherSideRefusesIsNamedAndTheRestArrives) {
 
 TEST_F(UnixStoreTest, WhatTheOtherSideCantStoreNowIsSentAgain) {
   keeper.failsToCommit = true;
-  remote.write({Change::put("out/p", kPin, "value", 1)}, Durability::derived, nullptr);
+  remote.write({Change::put("out/p", kPin, "value", 1)}, Durability::volatile_, nullptr);
   runUntil([&] { return !reports.empty(); });
   keeper.failsToCommit = false;
   runUntil([&] { return at("out/p") == Zel::Value(1); });
@@ -89,10 +89,10 @@ TEST_F(UnixStoreTest, FeedsSeeTheirPartOfADeleteAndWhatIsStoredUnderAWithdrawnVa
   Rows all = stored;
   all[{"out", ""}] = "Zel::Dir";
   runUntil([&] { return writer.rows == all; });
-  remote.write({Change::put("out/p", kPin, "value", 6)}, Durability::derived, &writer);
+  remote.write({Change::put("out/p", kPin, "value", 6)}, Durability::volatile_, &writer);
   runUntil([&] { return at("out/p") == Zel::Value(6) && part.rows.at({"out/p", "value"}) == Zel::Value(6); });
   writer.rows.clear();
-  remote.write({Change::del("out")}, Durability::derived, &writer);
+  remote.write({Change::del("out")}, Durability::volatile_, &writer);
   runUntil([&] { return writer.rows == all && part.rows == stored; });
   EXPECT_EQ(part.batches, 3);
 }

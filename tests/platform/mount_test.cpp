@@ -202,7 +202,7 @@ TEST_F(Mounts, WhatAPublisherTakesAwayShowsWhatIsStored) {
   write({Change::put(Paths::kLeds, kLedDir, "", {}), Change::put(path, kLed, "theme", "stored")});
   const auto led = at<LedConfig>(path);
   const auto derive = [&](const Statedb::Changes& changes) {
-    store.write(changes, Durability::derived);
+    store.write(changes, Durability::volatile_);
     settle();
     return at<LedConfig>(path)->theme().stdString() + (led->lightSetting().green ? " green" : "");
   };
@@ -219,7 +219,7 @@ TEST_F(Mounts, WhatAPublisherTakesAwayShowsWhatIsStored) {
 
 // A store that takes no value 13.
 struct Picky : Statedb::MemoryStore {
-  void write(const Statedb::Changes& changes, Durability durability, Statedb::Feed* origin) override {
+  void write(const Statedb::Changes& changes, Durability durability, Statedb::Subscriber* origin) override {
     ++writes;
     if (std::ranges::any_of(changes, [](const Change& change) { return change.row.value == Value(13); }))
       throw Statedb::StoreError("13 is unlucky");
@@ -273,7 +273,7 @@ TEST_F(Mounts, AManagerThatGoesTakesItsTasksAlongAndIsCountedOnce) {
 // What the agent writes is told once a pass, with the values at its end; what the store says is not told
 // back.
 TEST_F(Mounts, WhatIsWrittenIsPublishedOnceAPass) {
-  struct Batches : Statedb::Feed {
+  struct Batches : Statedb::Subscriber {
     void onSnapshot(const Statedb::Records&) override {}
     void onChanges(const Statedb::Changes& changes) override { batches.push_back(changes); }
     std::vector<Statedb::Changes> batches;
@@ -304,7 +304,7 @@ TEST_F(Mounts, WhatIsWrittenIsPublishedOnceAPass) {
 
   const auto published = manager->published();
   store.write({Change::put(out + "/p%2F1", kPin, "value", 1), Change::put(out + "/p3", kPin, "value", 1)},
-              Durability::derived);
+              Durability::volatile_);
   settle();
   EXPECT_EQ(pin->value(), 1U);
   EXPECT_EQ(at<CorvelPinConfig>(out + "/p3")->value(), 1U);
@@ -326,14 +326,14 @@ TEST_F(Mounts, WhatChangesTwiceInOnePassIsPublishedAsItEnds) {
 
 // A store that says all again after a lost connection.
 struct Reconnecting : Statedb::MemoryStore {
-  void subscribe(Statedb::Path path, Statedb::Feed& feed) override {
-    feed_ = &feed;
+  void subscribe(Statedb::Path path, Statedb::Subscriber& subscriber) override {
+    feed_ = &subscriber;
     path_ = path;
-    feed.onSnapshot(read(path));
+    subscriber.onSnapshot(read(path));
   }
-  void unsubscribe(Statedb::Feed&) override {}
+  void unsubscribe(Statedb::Subscriber&) override {}
   void reconnect() { feed_->onSnapshot(read(path_)); }
-  Statedb::Feed* feed_ = nullptr;
+  Statedb::Subscriber* feed_ = nullptr;
   Statedb::Path path_;
 };
 

@@ -113,13 +113,13 @@ TEST(MemoryStore, WhatChangesNothingIsToldToNobody) {
   EXPECT_EQ(mirror.batches, 1);
   EXPECT_EQ(store.persisted, 2U) << "that it is there, and the attribute";
   store.write({Change::put("a", "T", "x", 1), Change::del("b"), Change::unset("a", "y")}, Durability::stored);
-  store.write({Change::put("a", "T", "x", 1)}, Durability::derived);
+  store.write({Change::put("a", "T", "x", 1)}, Durability::volatile_);
   store.flush();
   EXPECT_EQ(mirror.batches, 1);
   EXPECT_EQ(store.persisted, 2U);
   store.write({Change::put("a", "T", "x", 2)}, Durability::stored);
   store.flush();
-  EXPECT_EQ(mirror.batches, 1) << "unseen under the derived value";
+  EXPECT_EQ(mirror.batches, 1) << "unseen under the volatile value";
   EXPECT_EQ(store.persisted, 3U);
 }
 

@@ -60,7 +60,7 @@ struct Model {
     std::string type;
     bool isStored = false;
     std::map<std::string, Value> stored{};
-    std::map<std::string, Value> derived{};
+    std::map<std::string, Value> overlay{};
   };
   std::map<std::string, Entity> entities;
 
@@ -72,7 +72,7 @@ struct Model {
     if (change.kind == Change::Kind::del) return stored ? del(path) : withdraw(path);
     if (change.kind == Change::Kind::unset) {
       if (found == entities.end()) return true;
-      found->second.derived.erase(attribute);
+      found->second.overlay.erase(attribute);
       if (stored) found->second.stored.erase(attribute);
       return true;
     }
@@ -82,7 +82,7 @@ struct Model {
     }
     Entity& entity = entities.try_emplace(path, Entity{change.row.type.stdString()}).first->second;
     entity.isStored |= stored;
-    if (!attribute.empty()) (stored ? entity.stored : entity.derived)[attribute] = change.row.value;
+    if (!attribute.empty()) (stored ? entity.stored : entity.overlay)[attribute] = change.row.value;
     return true;
   }
   bool del(const std::string& path) {
@@ -91,7 +91,7 @@ struct Model {
   }
   bool withdraw(const std::string& path) {
     for (auto& [each, entity] : entities)
-      if (isUnder(each, path)) entity.derived.clear();
+      if (isUnder(each, path)) entity.overlay.clear();
     std::erase_if(entities, [&](auto& each) { return isUnder(each.first, path) && !each.second.isStored; });
     return true;
   }
@@ -107,14 +107,14 @@ struct Model {
       if (!isUnder(path, above)) continue;
       rows[{path, ""}] = entity.type;
       for (const auto& [name, value] : entity.stored) rows[{path, name}] = value;
-      for (const auto& [name, value] : entity.derived) rows[{path, name}] = value;
+      for (const auto& [name, value] : entity.overlay) rows[{path, name}] = value;
     }
     return rows;
   }
 };
 
-// Keeps what a feed says.
-struct Mirror : Statedb::Feed {
+// Keeps what a subscriber says.
+struct Mirror : Statedb::Subscriber {
   explicit Mirror(std::string thePath) : path(std::move(thePath)) {}
   void onSnapshot(const Records& records) override { rows = rowsOf(records); }
   void onChanges(const Changes& changes) override {
@@ -185,8 +185,8 @@ void compare(unsigned seed, int steps, Open open) {
     SCOPED_TRACE("step " + std::to_string(step));
     Changes changes;
     for (auto count = random() % 4; changes.size() <= count;) changes.push_back(change());
-    const auto durability = pick(Durability::stored, Durability::derived);
-    Statedb::Feed* const from = oneIn(3) ? &origin : nullptr;
+    const auto durability = pick(Durability::stored, Durability::volatile_);
+    Statedb::Subscriber* const from = oneIn(3) ? &origin : nullptr;
     if (from) flush(false);
     Model after = model;
     bool taken = true;

@@ -56,7 +56,7 @@ TEST(Lampwise, RoundValRoundsHalvesAwayFromZero) {
 }
 
 TEST(Lampwise, AColorIsValidExactlyAsItPrints) {
-  for (unsigned color = 0; color < Led::kColors; ++color)
+  for (unsigned color = 0; color < Led::kColourCount; ++color)
     EXPECT_TRUE(Lampwise::isColorValid(Lampwise::toString(static_cast<Led::Color>(color)))) << color;
   EXPECT_EQ(Lampwise::toString(Led::Color::green), Zel::String("green"));
   for (const char* text : {"", "Green", "green ", "gree", "8"})

@@ -108,7 +108,7 @@ void Mounts::checkRefused(Path path, Zel::Name asked) const {
 }
 
 void Mounts::onPassEnd() {
-  publishers_.write([this](Path path) { return subscriptions_.feedOf(path); });
+  publishers_.write([this](Path path) { return subscriptions_.subscriberOf(path); });
   applier_.removalsDelivered();
   if (!closed_.empty() && !applier_.isWaiting()) complete();
 }

@@ -186,9 +186,9 @@ void Publishers::write(const OriginOf& originOf) {
 }
 
 // Halves a batch that is refused until the row at fault stands alone.
-void Publishers::write(const Changes& changes, Feed* origin) {
+void Publishers::write(const Changes& changes, Subscriber* origin) {
   try {
-    store_.write(changes, Durability::derived, origin);
+    store_.write(changes, Durability::volatile_, origin);
     rows_ += changes.size();
   } catch (const StoreError& error) {
     if (changes.size() == 1)

@@ -96,15 +96,15 @@ class Publishers {
       if (const auto found = publisher->find(*entity)) function(*found);
     }
   }
-  // Writes what has changed to the store, one batch a mount. `originOf` is the feed at a mount's path, which
-  // is not notified of the batch.
-  using OriginOf = std::function<Feed*(Path)>;
+  // Writes what has changed to the store, one batch a mount. `originOf` is the subscriber at a mount's path,
+  // which is not notified of the batch.
+  using OriginOf = std::function<Subscriber*(Path)>;
   void write(const OriginOf& originOf);
   // Written so far.
   std::uint64_t rows() const { return rows_; }
 
  private:
-  void write(const Changes& changes, Feed* origin);
+  void write(const Changes& changes, Subscriber* origin);
 
   Store& store_;
   Refusals& refusals_;

@@ -5,7 +5,7 @@
 
 namespace Statedb {
 
-class Subscriptions::Subscription : public Feed {
+class Subscriptions::Subscription : public Subscriber {
  public:
   Subscription(Subscriptions& owner, Path path) : path_(path), owner_(owner) {}
 
@@ -40,7 +40,7 @@ Subscriptions::Subscription* Subscriptions::covering(Path path) const {
   return nullptr;
 }
 
-Feed* Subscriptions::feedOf(Path path) const { return covering(path); }
+Subscriber* Subscriptions::subscriberOf(Path path) const { return covering(path); }
 
 bool Subscriptions::haveArrived(Path path) const {
   const Subscription* subscription = covering(path);

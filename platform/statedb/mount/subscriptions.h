@@ -23,8 +23,8 @@ class Subscriptions {
 
   // Subscribes to the paths of the mounts, as far as they are not covered.
   void add(const std::vector<Mount>& mounts);
-  // The feed that covers a path; null if none does.
-  Feed* feedOf(Path path) const;
+  // The subscriber that covers a path; null if none does.
+  Subscriber* subscriberOf(Path path) const;
   // Whether the rows under the path have arrived.
   bool haveArrived(Path path) const;
 

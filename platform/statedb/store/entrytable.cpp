@@ -129,7 +129,7 @@ void EntryTable::hide(Entry& entry, Zel::Name attribute, const Zel::Value& value
 void EntryTable::cover(Entry& entry, Attribute& attribute, const Zel::Value& value) {
   hide(entry, attribute.name, attribute.value);
   attribute.value = value;
-  attribute.durability = Durability::derived;
+  attribute.durability = Durability::volatile_;
 }
 
 void EntryTable::uncover(Entry& entry, Attribute& attribute) {

@@ -1,6 +1,6 @@
 // The entities that a store keeps in memory, and the way back to how they were. Internal to MemoryStore.
 //
-// An entity's attributes are those that are seen. Where a derived value hides a stored one, the stored one
+// An entity's attributes are those that are seen. Where a volatile value hides a stored one, the stored one
 // lies in a table of its own: few entities have any.
 #pragma once
 
@@ -17,7 +17,7 @@ namespace Statedb {
 
 // An entity as it is kept; without a type where there is none.
 struct Entry : Record {
-  Durability durability = Durability::stored;  // derived: nothing of it is stored
+  Durability durability = Durability::stored;  // volatile: nothing of it is stored
 };
 
 using Attributes = std::vector<Attribute>;
@@ -52,11 +52,11 @@ class EntryTable {
   void change(Entry& entry, Attribute& attribute, const Zel::Value& value);
   // Takes the attribute away, with what it hides.
   void remove(Entry& entry, Zel::Name attribute);
-  // The stored value that a derived one hides; null where there is none.
+  // The stored value that a volatile one hides; null where there is none.
   const Zel::Value* hidden(const Entry& entry, Zel::Name attribute) const;
-  // A stored value goes under a derived one.
+  // A stored value goes under a volatile one.
   void hide(Entry& entry, Zel::Name attribute, const Zel::Value& value);
-  // The stored value of an attribute becomes hidden by a derived one.
+  // The stored value of an attribute becomes hidden by a volatile one.
   void cover(Entry& entry, Attribute& attribute, const Zel::Value& value);
   // A hidden value is seen again. REQUIRES: there is one.
   void uncover(Entry& entry, Attribute& attribute);

@@ -10,10 +10,10 @@ namespace Statedb {
 
 StoreError::~StoreError() = default;
 RefusedError::~RefusedError() = default;
-Feed::~Feed() = default;
+Subscriber::~Subscriber() = default;
 Store::~Store() = default;
 
-void Feed::onRevealed(const Changes& changes) { onChanges(changes); }
+void Subscriber::onRevealed(const Changes& changes) { onChanges(changes); }
 
 namespace {
 
@@ -22,13 +22,13 @@ using Places = std::vector<std::pair<Path, Zel::Name>>;
 }  // namespace
 
 struct Told {
-  Changes changes{};   // for all feeds but `origin`
+  Changes changes{};   // for all subscribers but `origin`
   Places corrected{};  // for that one: attributes, or whole entities, that are not seen as it wrote them
-  Feed* origin = nullptr;
+  Subscriber* origin = nullptr;
 };
 
 struct Subscription {
-  Feed* feed;
+  Subscriber* subscriber;
   Path path;
 };
 
@@ -39,28 +39,30 @@ struct MemoryStore::State {
 
   // Whether any subscription but those of `origin` is one that `wanted` says.
   template <class Wanted>
-  bool hears(const Feed* origin, Wanted wanted) const {
-    return std::ranges::any_of(
-        subscriptions, [&](const Subscription& each) { return each.feed != origin && wanted(each.path); });
+  bool hears(const Subscriber* origin, Wanted wanted) const {
+    return std::ranges::any_of(subscriptions, [&](const Subscription& each) {
+      return each.subscriber != origin && wanted(each.path);
+    });
   }
 
-  bool isSubscribed(const Feed& feed) const {
-    return std::ranges::find(subscriptions, &feed, &Subscription::feed) != subscriptions.end();
+  bool isSubscribed(const Subscriber& subscriber) const {
+    return std::ranges::find(subscriptions, &subscriber, &Subscription::subscriber) != subscriptions.end();
   }
 };
 
 MemoryStore::MemoryStore() : state_(std::make_unique<State>()) {}
 MemoryStore::~MemoryStore() = default;
 
-void MemoryStore::subscribe(Path path, Feed& feed) {
+void MemoryStore::subscribe(Path path, Subscriber& subscriber) {
   flush();
-  unsubscribe(feed);
-  state_->subscriptions.push_back({&feed, path});
-  feed.onSnapshot(state_->entries.under(path));
+  unsubscribe(subscriber);
+  state_->subscriptions.push_back({&subscriber, path});
+  subscriber.onSnapshot(state_->entries.under(path));
 }
 
-void MemoryStore::unsubscribe(Feed& feed) {
-  std::erase_if(state_->subscriptions, [&](const Subscription& each) { return each.feed == &feed; });
+void MemoryStore::unsubscribe(Subscriber& subscriber) {
+  std::erase_if(state_->subscriptions,
+                [&](const Subscription& each) { return each.subscriber == &subscriber; });
 }
 
 namespace {
@@ -71,13 +73,13 @@ void appendRows(const Entry& entry, Changes& changes) {
     changes.push_back(Change::put(entry.path, entry.type, each.name, each.value));
 }
 
-// Carries one batch into the entries, and notes the steps that change anything: `told` for the feeds other
-// than `origin`, `corrected` for that one, `stored` for what keeps rows elsewhere.
+// Carries one batch into the entries, and notes the steps that change anything: `told` for the subscribers
+// other than `origin`, `corrected` for that one, `stored` for what keeps rows elsewhere.
 template <class State>
 struct Writer {
   State& state;
   const Durability durability;
-  Feed* const origin;
+  Subscriber* const origin;
   Changes told{};
   Places corrected{};
   Changes stored{};
@@ -110,14 +112,14 @@ struct Writer {
     if (!entry) {
       entry = &entries.make(row.path, row.type, durability);
       note(Change::put(row.path, row.type, {}, {}));
-    } else if (isStored() && entry->durability == Durability::derived) {
+    } else if (isStored() && entry->durability == Durability::volatile_) {
       entries.storedIs(*entry);
       stored.push_back(Change::put(row.path, row.type, {}, {}));
     }
     if (!row.attribute.empty()) set(*entry, change);
   }
 
-  // The entity of another type goes. What is stored does not give way to a derived row.
+  // The entity of another type goes. What is stored does not give way to a volatile row.
   void replace(const Entry& entry, const Row& row) {
     if (!isStored() && anyStored(row.path))
       throw RefusedError("'" + row.path.text() + "' is stored as a " + entry.type.stdString() +
@@ -145,7 +147,7 @@ struct Writer {
     note(change);
   }
 
-  // A stored value goes under a derived one.
+  // A stored value goes under a volatile one.
   void hide(Entry& entry, const Change& change) {
     correct(entry.path, change.row.attribute);
     const Zel::Value* before = entries.hidden(entry, change.row.attribute);
@@ -159,7 +161,7 @@ struct Writer {
     if (origin) corrected.emplace_back(path, attribute);
   }
 
-  // A derived value goes over a stored one.
+  // A volatile value goes over a stored one.
   void cover(Entry& entry, Attribute& attribute, const Change& change) {
     const bool isSeen = attribute.value != change.row.value;
     entries.cover(entry, attribute, change.row.value);
@@ -180,9 +182,9 @@ struct Writer {
     if (isKept) stored.push_back(Change::del(path));
   }
 
-  // Takes out what is derived at and under a path. What is stored is seen again; for its origin it had gone.
+  // Takes out what is volatile at and under a path. What is stored is seen again; for its origin it had gone.
   void withdraw(Path path) {
-    std::optional<Path> gone;  // for the feeds as well, with all that stood under it
+    std::optional<Path> gone;  // for the subscribers as well, with all that stood under it
     path.forEachUnder([&](Path each) {
       Entry* entry = entries.find(each);
       if (!entry) return;
@@ -203,11 +205,11 @@ struct Writer {
   void uncover(Entry& entry, bool isTold) {
     std::vector<Zel::Name> names;
     for (const Attribute& each : entry.attributes)
-      if (each.durability == Durability::derived) names.push_back(each.name);
+      if (each.durability == Durability::volatile_) names.push_back(each.name);
     for (const Zel::Name name : names) uncover(entry, name, isTold);
   }
 
-  // The derived value of an attribute goes; a stored one that it hid is seen again.
+  // The volatile value of an attribute goes; a stored one that it hid is seen again.
   void uncover(Entry& entry, Zel::Name name, bool isTold) {
     if (!entries.hidden(entry, name)) {
       entries.remove(entry, name);
@@ -267,18 +269,18 @@ Changes asSeen(const EntryTable& entries, const Places& places) {
   return changes;
 }
 
-// Tells a feed its part of a batch.
+// Tells a subscriber its part of a batch.
 void tell(const Told& told, const Subscription& to, const EntryTable& entries) {
-  if (to.feed == told.origin)
+  if (to.subscriber == told.origin)
     takePart(asSeen(entries, told.corrected), to.path,
-             [&](const Changes& part) { to.feed->onRevealed(part); });
+             [&](const Changes& part) { to.subscriber->onRevealed(part); });
   else
-    takePart(told.changes, to.path, [&](const Changes& part) { to.feed->onChanges(part); });
+    takePart(told.changes, to.path, [&](const Changes& part) { to.subscriber->onChanges(part); });
 }
 
 }  // namespace
 
-void MemoryStore::write(const Changes& changes, Durability durability, Feed* origin) {
+void MemoryStore::write(const Changes& changes, Durability durability, Subscriber* origin) {
   EntryTable& entries = state_->entries;
   const std::size_t before = entries.mark();
   std::vector<Told>& told = state_->told;
@@ -315,7 +317,7 @@ void MemoryStore::flush() {
   for (const Told& told : std::exchange(state_->told, {})) {
     const auto subscriptions = state_->subscriptions;
     for (const Subscription& each : subscriptions)
-      if (state_->isSubscribed(*each.feed)) tell(told, each, state_->entries);
+      if (state_->isSubscribed(*each.subscriber)) tell(told, each, state_->entries);
   }
 }
 

@@ -22,9 +22,9 @@ struct Row {
   bool operator==(const Row&) const = default;
 };
 
-// How long a value is to live: as long as the store, or as long as the process that keeps it (derived values,
-// which are never written to disk).
-enum class Durability : std::uint8_t { stored, derived };
+// How long a value is to live: as long as the store, or as long as the process that keeps it (volatile
+// values, which are never written to disk).
+enum class Durability : std::uint8_t { stored, volatile_ };
 
 struct Attribute {
   Attribute(Zel::Name theName, Zel::Value theValue, Durability theDurability = Durability::stored)
@@ -87,7 +87,7 @@ inline bool concerns(const Change& change, Path path) {
 }
 
 // Calls `take` with the part of a batch that concerns `path`, if there is any. A del of something above
-// becomes one of the path itself, so that feeds of several paths can each carry out their part.
+// becomes one of the path itself, so that subscribers of several paths can each carry out their part.
 template <class Take>
 void takePart(const Changes& changes, Path path, Take&& take) {
   const auto isWithin = [&](const Change& change) { return change.row.path.isUnder(path); };

@@ -1,7 +1,7 @@
 // A store: the state database itself, or a connection to it.
 //
 //     MemoryStore store;
-//     store.subscribe("hardware/led", feed);  // gets a snapshot, then the changes of each flush
+//     store.subscribe("hardware/led", subscriber);  // gets a snapshot, then the changes of each flush
 //     store.write({Change::put(path, "Hardware::Led::LedConfig", "theme", "night")}, Durability::stored);
 //     store.flush();
 //     for (const Record* record : store.read("hardware/led")) print(record->path);
@@ -35,7 +35,7 @@ class ZEL_API RefusedError : public StoreError {
 };
 
 // A subscriber to one path: gets what stands under it, and every change from then on.
-class ZEL_API Feed {
+class ZEL_API Subscriber {
  public:
   // Everything under the path: once after subscribing, and again when changes may have been missed (a
   // connection was lost). An entity comes before those under it. The store does not change during the call.
@@ -43,26 +43,27 @@ class ZEL_API Feed {
   // The changes of a batch that are visible under the path. A del above the path arrives as a del of the
   // path.
   virtual void onChanges(const Changes& changes) = 0;
-  // The visible values where they differ from what a batch of this feed's own wrote: a derived value over a
-  // stored one that it put, a stored one under a derived one that it removed. Calls onChanges by default.
+  // The visible values where they differ from what a batch of this subscriber's own wrote: a volatile value
+  // over a stored one that it put, a stored one under a volatile one that it removed. Calls onChanges by
+  // default.
   virtual void onRevealed(const Changes& changes);
   // Whether this process publishes at the path. It then owns the rows there, whoever wrote them first.
   virtual bool publishes(Path) const { return false; }
 
  protected:
-  Feed() = default;
-  virtual ~Feed();
+  Subscriber() = default;
+  virtual ~Subscriber();
 };
 
-// The state database keeps a stored and a derived value of each attribute of an entity. read() and the feeds
-// see the derived value where there is one; the stored one is kept under it and shows again when the derived
-// one goes.
+// The state database keeps a stored and a volatile value of each attribute of an entity. read() and the
+// subscribers see the volatile value where there is one; the stored one is kept under it and shows again when
+// the volatile one goes.
 //
-//   step    stored                                       derived
-//   put     the value is kept; unseen under a derived    is seen in place of a stored value
-//   unset   the attribute loses both values              the derived value goes
-//   del     the entity goes, and all under it, with      derived values and entities of which nothing is
-//           the derived values                           stored go, at the path and under it
+//   step    stored                                       volatile
+//   put     the value is kept; unseen under a volatile    is seen in place of a stored value
+//   unset   the attribute loses both values              the volatile value goes
+//   del     the entity goes, and all under it, with      volatile values and entities of which nothing is
+//           the volatile values                           stored go, at the path and under it
 //
 // An entity with any stored value is stored itself.
 class ZEL_API Store {
@@ -74,17 +75,17 @@ class ZEL_API Store {
   // The URL as on the command line ("sqlite:/var/lib/pinlamp/state.db").
   virtual std::string url() const = 0;
 
-  // `feed` gets a snapshot, at once or as soon as the store is reached, then the changes until it
-  // unsubscribes. A feed can be subscribed under one path only.
-  virtual void subscribe(Path path, Feed& feed) = 0;
-  virtual void unsubscribe(Feed& feed) = 0;
+  // `subscriber` gets a snapshot, at once or as soon as the store is reached, then the changes until it
+  // unsubscribes. A subscriber can be subscribed under one path only.
+  virtual void subscribe(Path path, Subscriber& subscriber) = 0;
+  virtual void unsubscribe(Subscriber& subscriber) = 0;
 
   // Takes a batch, all of it or nothing. read() sees it at once; the next flush() makes it durable and
-  // notifies the feeds other than `origin`. A put with another type replaces the entity at its path. Throws
-  // RefusedError if a derived put would replace anything stored, and StoreError.
-  virtual void write(const Changes& changes, Durability durability, Feed* origin = nullptr) = 0;
-  // Makes everything written so far durable in one step, then notifies the feeds. Throws StoreError if that
-  // fails: everything since the last flush is undone, and no feed is notified.
+  // notifies the subscribers other than `origin`. A put with another type replaces the entity at its path.
+  // Throws RefusedError if a volatile put would replace anything stored, and StoreError.
+  virtual void write(const Changes& changes, Durability durability, Subscriber* origin = nullptr) = 0;
+  // Makes everything written so far durable in one step, then notifies the subscribers. Throws StoreError if
+  // that fails: everything since the last flush is undone, and no subscriber is notified.
   virtual void flush() = 0;
 
   // Everything visible under a path, sorted as a person reads it, valid until the next write. A store without
@@ -102,9 +103,9 @@ class ZEL_API MemoryStore : public Store {
   ~MemoryStore() override;
 
   std::string url() const override { return "memory:"; }
-  void subscribe(Path path, Feed& feed) override;
-  void unsubscribe(Feed& feed) override;
-  void write(const Changes& changes, Durability durability, Feed* origin = nullptr) override;
+  void subscribe(Path path, Subscriber& subscriber) override;
+  void unsubscribe(Subscriber& subscriber) override;
+  void write(const Changes& changes, Durability durability, Subscriber* origin = nullptr) override;
   void flush() override;
   Records read(Path path) const override;
 

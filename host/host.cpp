@@ -35,7 +35,7 @@ Host::Host(const Options& options)
 }
 
 Host::~Host() {
-  serviceManager_.tell("STOPPING=1");
+  serviceManager_.notify("STOPPING=1");
   shutDown();
 }
 
@@ -83,7 +83,7 @@ void Host::report(const std::string& text) {
 
 void Host::run() {
   for (const int signal : {SIGTERM, SIGINT}) signals_.push_back(stopOn(signal));
-  feedWatchdog();
+  pingWatchdog();
   loop_.turnIs([this] { return turn(); });
   loop_.run();
 }
@@ -104,7 +104,7 @@ double Host::turn() {
 void Host::sayWhenReady() {
   if (ready_) return;
   ready_ = std::ranges::all_of(manager_->mounts(), &Statedb::EntityManager::MountInfo::complete);
-  if (ready_) serviceManager_.tell("READY=1");
+  if (ready_) serviceManager_.notify("READY=1");
 }
 
 UvHandle<uv_signal_t> Host::stopOn(int signal) {
@@ -116,14 +116,14 @@ UvHandle<uv_signal_t> Host::stopOn(int signal) {
   return handle;
 }
 
-void Host::feedWatchdog() {
+void Host::pingWatchdog() {
   const auto interval = serviceManager_.watchdogInterval();
   if (!interval) return;
   watchdog_.reset(new uv_timer_t);
   uv_timer_init(loop_.uv(), watchdog_.get());
   watchdog_->data = this;
   const auto ping = [](uv_timer_t* timer) {
-    static_cast<Host*>(timer->data)->serviceManager_.tell("WATCHDOG=1");
+    static_cast<Host*>(timer->data)->serviceManager_.notifyWatchdog();
   };
   uv_timer_start(watchdog_.get(), ping, *interval, *interval);
 }

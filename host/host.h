@@ -50,7 +50,7 @@ class Host {
   double turn();
   void sayWhenReady();
   UvHandle<uv_signal_t> stopOn(int signal);
-  void feedWatchdog();
+  void pingWatchdog();
 
   // In the order in which they are needed: destroyed from the last to the first.
   const ServiceManager serviceManager_;

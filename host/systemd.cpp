@@ -1,6 +1,7 @@
 #include "host/systemd.h"
 
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -18,7 +19,7 @@ std::string environment(const char* name) {
   return value ? value : "";
 }
 
-// Half of the time within which the watchdog must hear of us.
+// Half of the watchdog's timeout, in ms.
 std::optional<std::uint64_t> halfOfWatchdog() {
   const std::string pid = environment("WATCHDOG_PID");
   if (!pid.empty() && pid != std::to_string(::getpid())) return std::nullopt;
@@ -31,7 +32,11 @@ std::optional<std::uint64_t> halfOfWatchdog() {
 
 ServiceManager::ServiceManager() : socket_(environment("NOTIFY_SOCKET")), watchdog_(halfOfWatchdog()) {}
 
-void ServiceManager::tell(const std::string& state) const {
+void ServiceManager::notify(const std::string& state) const { send(state, 0); }
+
+void ServiceManager::notifyWatchdog() const { send("WATCHDOG=1", MSG_DONTWAIT); }
+
+void ServiceManager::send(const std::string& state, int flags) const {
   sockaddr_un address{};
   if (socket_.empty() || socket_.size() >= sizeof address.sun_path) return;
   address.sun_family = AF_UNIX;
@@ -39,10 +44,12 @@ void ServiceManager::tell(const std::string& state) const {
   // An abstract name is written with an '@' in place of its leading NUL.
   if (address.sun_path[0] == '@') address.sun_path[0] = '\0';
   const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + socket_.size());
-  const int descriptor = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  const int descriptor = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (descriptor < 0) return;
-  ::sendto(descriptor, state.data(), state.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address),
-           size);
+  const timeval oneSecond{1, 0};
+  ::setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &oneSecond, sizeof oneSecond);
+  ::sendto(descriptor, state.data(), state.size(), MSG_NOSIGNAL | flags,
+           reinterpret_cast<const sockaddr*>(&address), size);
   ::close(descriptor);
 }
 

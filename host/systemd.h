@@ -1,4 +1,4 @@
-// What the host tells the service manager that started it, where one did.
+// Notifies the service manager that started this process, if one did.
 #pragma once
 
 #include <cstdint>
@@ -12,12 +12,17 @@ class ServiceManager {
   // From NOTIFY_SOCKET, WATCHDOG_USEC and WATCHDOG_PID.
   ServiceManager();
 
-  // Sends one state ("READY=1"); does nothing where nobody listens.
-  void tell(const std::string& state) const;
-  // How often, in milliseconds, it must hear "WATCHDOG=1" for being content; nothing where it does not watch.
+  // Sends one state ("READY=1"); does nothing without a service manager. Waits up to a second for room in
+  // the manager's queue: a lost READY=1 or STOPPING=1 is never repeated.
+  void notify(const std::string& state) const;
+  // Sends "WATCHDOG=1", or drops it where the manager's queue is full: the next one is due soon.
+  void notifyWatchdog() const;
+  // Watchdog interval in ms; nullopt when off.
   std::optional<std::uint64_t> watchdogInterval() const { return watchdog_; }
 
  private:
+  void send(const std::string& state, int flags) const;
+
   std::string socket_;
   std::optional<std::uint64_t> watchdog_;
 };

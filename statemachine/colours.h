@@ -3,7 +3,7 @@
 
 #include <array>
 
-#include "platform/model/hardwaregpio.h"
+#include "platform/model/corvelgpioledconfig.h"
 #include "platform/model/led.h"
 
 namespace Pinlamp {

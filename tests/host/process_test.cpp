@@ -63,6 +63,18 @@ class NotifySocket {
   NotifySocket(const NotifySocket&) = delete;
   NotifySocket& operator=(const NotifySocket&) = delete;
 
+  // Fills the queue, as a manager does that is busy.
+  void fill(const std::string& state) const {
+    const int sender = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    sockaddr_un address{};
+    socklen_t size = sizeof address;
+    ::getsockname(descriptor_, reinterpret_cast<sockaddr*>(&address), &size);
+    while (::sendto(sender, state.data(), state.size(), 0, reinterpret_cast<const sockaddr*>(&address),
+                    size) > 0) {
+    }
+    ::close(sender);
+  }
+
   // Whether it is told `state` before it is told anything but `meanwhile`.
   bool hears(const std::string& state, const std::string& meanwhile) {
     for (;;) {
@@ -100,6 +112,7 @@ TEST(Pinlampd, SaysWhenItIsReadyRefusesASecondOneAndStopsInOrder) {
 
   first.signal(SIGHUP);
   EXPECT_TRUE(Client(socket).connected());
+  notify.fill("WATCHDOG=1");
   first.signal(SIGTERM);
   EXPECT_TRUE(notify.hears("STOPPING=1", "WATCHDOG=1"));
   EXPECT_EQ(first.exitStatus(), 0);

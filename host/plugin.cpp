@@ -15,16 +15,16 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Every agent class derives from Warden::CAgent by single inheritance, so a pointer to it is one to its
-// CAgent; and a Ptr<T>, having a destructor, is returned in memory that the caller provides whatever T is.
-// That makes the call fine although the factory's own type names the agent's class.
+// A factory is declared to return a Ptr to its own agent class. Calling it as this type works: agent classes
+// derive from Warden::CAgent by single inheritance, at offset 0, and a Ptr has a destructor, so the ABI
+// returns every Ptr<T> in memory that the caller provides.
 using Factory = Zel::Ptr<Warden::CAgent> (*)(Zel::Name);
 
 [[noreturn]] void refuseAgent(const std::string& library, const std::string& why) {
   throw StartError("agent library '" + library + "': " + why);
 }
 
-// The namespaces of a qualified name; nothing where it is not one.
+// The components of a qualified name; nullopt if it is malformed.
 std::optional<std::vector<std::string>> components(const std::string& name) {
   std::vector<std::string> parts(1);
   for (std::size_t i = 0; i < name.size(); ++i) {
@@ -49,7 +49,7 @@ std::string baseName(const std::string& library) {
   return name.starts_with("lib") ? name.substr(3) : name;
 }
 
-// The position of the next colon that stands alone.
+// The position of the next single colon.
 std::size_t separator(const std::string& text, std::size_t from) {
   for (std::size_t at = text.find(':', from); at != std::string::npos; at = text.find(':', at + 2))
     if (at + 1 == text.size() || text[at + 1] != ':') return at;
@@ -61,7 +61,7 @@ fs::path programFolder() {
   return fs::read_symlink("/proc/self/exe", ignored).parent_path();
 }
 
-// Where a library is taken from: a bare name may stand beside the program.
+// The path to load: a bare name may be that of a library beside the program.
 std::string located(const std::string& library) {
   if (library.find('/') != std::string::npos) return library;
   std::error_code ignored;
@@ -75,11 +75,10 @@ void* load(const std::string& library) {
   const bool bare = library.find('/') == std::string::npos;
   if (!bare && !fs::exists(library, ignored)) refuseAgent(library, "there is no such file");
   if (void* handle = ::dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL)) return handle;
-  const std::string looked = bare ? " (looked in '" +
-                                        (programFolder() / "../lib").lexically_normal().string() + "', '" +
-                                        programFolder().string() +
-                                        "' and the system's path; a file elsewhere is given with its folder)"
-                                  : "";
+  const std::string looked =
+      bare ? " (looked in '" + (programFolder() / "../lib").lexically_normal().string() + "', '" +
+                 programFolder().string() + "' and the library path; give the path of a library elsewhere)"
+           : "";
   refuseAgent(library, std::string("does not load: ") + ::dlerror() + looked);
 }
 
@@ -96,7 +95,8 @@ AgentOption AgentOption::parse(const std::string& text) {
   const std::size_t second = separator(text, first + 1);
   if (second != first + 1) option.nameSpace = text.substr(first + 1, second - first - 1);
   if (!components(option.nameSpace))
-    throw StartError("agent '" + text + "': '" + option.nameSpace + "' is no namespace, such as Pinlamp");
+    throw StartError("agent '" + text + "': '" + option.nameSpace +
+                     "' is not a namespace; an example is Pinlamp");
   if (second != std::string::npos) option.agentName = text.substr(second + 1);
   return option;
 }

@@ -8,26 +8,26 @@
 
 namespace Host {
 
-// Which agent to make, from which library, by the factory of which namespace.
+// An agent to load.
 struct AgentOption {
-  std::string library;  // a path, or a bare name to look for beside the program and in the system's path
+  std::string library;  // a path, or a bare name to search beside the program and in the library path
   std::string nameSpace = "Pinlamp";
   std::string agentName;
 
-  // From `LIBRARY[:NAMESPACE[:AGENTNAME]]`. The namespace may be nested; the agent's name defaults to the
-  // library's, without folder, "lib" and what follows ".so". Throws StartError.
+  // Parses `LIBRARY[:NAMESPACE[:AGENTNAME]]`. The namespace may be nested; the agent's name defaults to the
+  // library's file name without "lib" and from ".so" on. Throws StartError.
   static AgentOption parse(const std::string& text);
 };
 
-// The symbol of `NAMESPACE::agentFactory(Zel::Name)`.
+// The mangled name of `NAMESPACE::agentFactory(Zel::Name)`.
 std::string factorySymbol(const std::string& nameSpace);
 
-// One agent and its library, which stays loaded as long as the plug-in lives. Destroy the agent, and every
-// entity of its types, first.
+// An agent and its library, which the destructor unloads. Drop the agent, and every entity of its types,
+// first.
 class Plugin {
  public:
-  // Loads the library and makes the agent. Throws StartError where the library is not there or does not load,
-  // has no such factory, or the factory returns null; HandlerFault where the factory throws.
+  // Loads the library and calls its factory. Throws StartError if the library is missing, does not load or
+  // has no such factory, or the factory returns null; HandlerFault if the factory throws.
   explicit Plugin(const AgentOption& option);
   ~Plugin();
   Plugin(const Plugin&) = delete;
@@ -35,9 +35,10 @@ class Plugin {
 
   Zel::Name name() const { return name_; }
   const std::string& library() const { return library_; }
-  // Null once it was dropped.
+  // Null after dropAgent().
   const Zel::Ptr<Warden::CAgent>& agent() const { return agent_; }
-  // Gives the agent its entity manager and lets it declare its mounts. Throws HandlerFault where it throws.
+  // Sets the agent's entity manager and runs its doPreInit and doInit, which declare its mounts. Throws
+  // HandlerFault if they throw.
   void start(const Zel::Ptr<Statedb::EntityManager>& manager);
   void dropAgent() { agent_ = nullptr; }
 

@@ -37,7 +37,7 @@ void Control::onLine(Connection& connection, std::string_view line) {
   std::string text;
   try {
     request.read(line);
-    text = carryOut(peer, request, wrote);
+    text = execute(peer, request, wrote);
   } catch (const RpcError& error) {
     text = errorText(request.id, error);
   }
@@ -46,7 +46,7 @@ void Control::onLine(Connection& connection, std::string_view line) {
   answer({peer.connection, std::move(request.id), wrote, std::move(text)});
 }
 
-std::string Control::carryOut(Peer& peer, const Request& request, bool& wrote) {
+std::string Control::execute(Peer& peer, const Request& request, bool& wrote) {
   const auto& method = Methods::find(request.method);
   if (method.does == Methods::Does::sees) commit();
   try {
@@ -68,7 +68,7 @@ void Control::onOversizedLine(Connection& connection) {
   answer({peers_.at(&connection)->connection, {}, false, errorText({}, error)});
 }
 
-// Answers go in the order of the requests, so none overtakes one that waits for the commit.
+// Answers keep the order of the requests: once one waits for the commit, all later ones do.
 void Control::answer(Answer answer) {
   if (answers_.empty() && !answer.wrote) {
     if (!answer.text.empty()) answer.connection->send(answer.text);

@@ -1,7 +1,7 @@
 // The control socket's server.
 //
-// Requests that arrive in one round of the loop are carried out as they come; the host then calls commit(),
-// which makes what they wrote durable in one step and lets the answers go.
+// Executes requests as they arrive. Once per loop round the host calls commit(), which makes their writes
+// durable in one step and releases the answers that waited for it.
 #pragma once
 
 #include <map>
@@ -18,16 +18,17 @@ namespace Host {
 
 class Control final : private Connection::Owner {
  public:
-  // Listens on the socket at once. All three must outlive the server.
+  // Starts listening. All three arguments must outlive the server.
   Control(Loop& loop, Listener& listener, Served& served);
   ~Control();
   Control(const Control&) = delete;
   Control& operator=(const Control&) = delete;
 
-  // Makes everything that was written durable, whoever wrote it. Where the store can't, the requests that
-  // wrote are answered with its error.
+  // Commits all pending writes, whoever made them. If the store fails, its error answers the requests that
+  // wrote.
   void commit();
-  // Hands what waits for the clients to the system, as far as it takes it.
+  // Ends the round: writes the clients' queued output as far as their sockets accept it, resumes paused
+  // clients, and frees closed ones.
   void send();
 
  private:
@@ -38,17 +39,17 @@ class Control final : private Connection::Owner {
     Caller caller;
     std::size_t taken = 0;  // bytes of requests in this round
   };
-  // An answer that waits for the next commit.
+  // An answer held back until the next commit.
   struct Answer {
     std::shared_ptr<Connection> connection;
     Zel::Value id;
     bool wrote;
-    std::string text;  // empty where the client wants none
+    std::string text;  // empty: the request was a notification
   };
-  // Bytes of requests that one client may have carried out in a round: what they cause reaches the others
-  // before more.
+  // Bytes of requests executed per client and round. A client beyond it is paused until send(), so that a
+  // flood of requests doesn't delay the other clients' output.
   static constexpr std::size_t kTakenLimit = 256 << 10;
-  // Bytes of answers that may wait for the end of the round.
+  // Bytes of held-back answers beyond which answer() commits early.
   static constexpr std::size_t kWaitingLimit = 1 << 20;
 
   void accept(uv_stream_t* listener);
@@ -56,15 +57,15 @@ class Control final : private Connection::Owner {
   void onOversizedLine(Connection& connection) override;
   void onClosed(Connection& connection) override;
 
-  // The answer's text. Commits first where the method needs to see what is durable.
-  std::string carryOut(Peer& peer, const Request& request, bool& wrote);
+  // Returns the answer's text. Commits first if the method reads rows.
+  std::string execute(Peer& peer, const Request& request, bool& wrote);
   void answer(Answer answer);
   void release(const RpcError* failure);
 
   Served& served_;
   const Methods methods_;
   std::map<const Connection*, std::unique_ptr<Peer>> peers_;
-  std::vector<const Connection*> closed_;  // their peers end with the round
+  std::vector<const Connection*> closed_;  // freed at the end of the round
   std::vector<Answer> answers_;
   std::size_t waiting_ = 0;  // bytes of `answers_`
 };

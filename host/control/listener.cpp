@@ -33,18 +33,18 @@ sockaddr_un addressOf(const std::string& path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.empty() || path.size() >= sizeof address.sun_path)
-    refuse(path, "the path has " + std::to_string(path.size()) + " bytes; a socket's has 1 to " +
+    refuse(path, "the path has " + std::to_string(path.size()) + " bytes; a socket's path has 1 to " +
                      std::to_string(sizeof address.sun_path - 1));
   std::memcpy(address.sun_path, path.data(), path.size());
   return address;
 }
 
-FileLock own(const std::string& path) {
+FileLock lockFor(const std::string& path) {
   addressOf(path);
   const auto folder = std::filesystem::path(path).parent_path();
   std::error_code ignored;
   if (!folder.empty() && !std::filesystem::is_directory(folder, ignored))
-    refuse(path, "the folder '" + folder.string() + "' is not there; make it first");
+    refuse(path, "the folder '" + folder.string() + "' does not exist; create it first");
   const std::string lockFile = path + ".lock";
   try {
     if (auto lock = FileLock::tryTake(lockFile)) return std::move(*lock);
@@ -60,7 +60,7 @@ int newSocket(const std::string& path) {
   return descriptor;
 }
 
-bool somebodyListens(const std::string& path) {
+bool isListening(const std::string& path) {
   const sockaddr_un address = addressOf(path);
   const int descriptor = newSocket(path);
   const int result = ::connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address);
@@ -69,20 +69,18 @@ bool somebodyListens(const std::string& path) {
   return !refused;
 }
 
-// Removes the socket that a dead process left behind.
-void clearPlace(const std::string& path) {
+void removeStaleSocket(const std::string& path) {
   struct stat status {};
   if (::lstat(path.c_str(), &status) != 0) return;
-  if (!S_ISSOCK(status.st_mode))
-    refuse(path, "something that is no socket stands there; remove it or give another path");
-  if (somebodyListens(path)) refuseLive(path, "");
+  if (!S_ISSOCK(status.st_mode)) refuse(path, "exists and is not a socket; remove it or give another path");
+  if (isListening(path)) refuseLive(path, "");
   ::unlink(path.c_str());
 }
 
 }  // namespace
 
-Listener::Listener(Loop& loop, const std::string& path) : path_(path), lock_(own(path)) {
-  clearPlace(path);
+Listener::Listener(Loop& loop, const std::string& path) : path_(path), lock_(lockFor(path)) {
+  removeStaleSocket(path);
   const int descriptor = bound();
   pipe_.reset(new uv_pipe_t);
   uv_pipe_init(loop.uv(), pipe_.get(), 0);

@@ -1,4 +1,4 @@
-// The control socket's place in the file system.
+// The listening control socket and its path.
 #pragma once
 
 #include <functional>
@@ -10,19 +10,19 @@
 
 namespace Host {
 
-// Listens on a Unix socket of mode 0660 while it lives, then takes the socket away. The socket of a process
-// that has died is taken over; PATH.lock says who owns it.
+// Owns a Unix socket of mode 0660, and unlinks it on destruction. Replaces the stale socket of a process that
+// died: the holder of the lock on PATH.lock owns the socket.
 class Listener {
  public:
-  // Throws StartError where the path is too long, its folder is missing, something else stands there, or
-  // another process listens there.
+  // Throws StartError if the path is too long, its folder is missing, the path is not a socket, or another
+  // process listens on it.
   Listener(Loop& loop, const std::string& path);
   ~Listener();
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
 
   const std::string& path() const { return path_; }
-  // Calls `accept` for every client that connects.
+  // Listens, and calls `accept` for every client that connects.
   void start(std::function<void(uv_stream_t*)> accept);
 
  private:

@@ -132,7 +132,7 @@ Value Objects::del(const std::string& path) const {
   const Value key = Zel::unescapeComponent(components.back());
   components.pop_back();
   at = follow(resolve(components));
-  if (!at.attribute) at.attribute = directRow(at.object->fwkType());
+  if (!at.attribute) at.attribute = directCollection(at.object->fwkType());
   expectSupported(at, Operation::del);
   return perform(at, Operation::del, {key});
 }
@@ -239,7 +239,7 @@ Value::List nextComponents(const ObjectRef& at) {
     return list;
   }
   const Zel::TypeNode& type = at.object->fwkType();
-  if (const AttributeInfo* direct = directRow(type)) addKeys(list, at, *direct);
+  if (const AttributeInfo* direct = directCollection(type)) addKeys(list, at, *direct);
   forEachAttribute(type, [&](const AttributeInfo& attribute) {
     list.push_back(componentValue(attribute.name, Zel::kindText(attribute.kind),
                                   attribute.type ? attribute.type() : std::string(),
@@ -257,7 +257,7 @@ Value Objects::list(const std::string& path) const {
     list.push_back(
         componentValue(root.name, "agent", root.object->fwkType().name().stdString(), Value::List{}));
   const Ptr<Zel::Dir> entities = entityRoot_();
-  addKeys(list, {entities, false, nullptr, {}}, *directRow(entities->fwkType()));
+  addKeys(list, {entities, false, nullptr, {}}, *directCollection(entities->fwkType()));
   return list;
 }
 

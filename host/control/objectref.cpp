@@ -20,7 +20,7 @@ std::vector<std::string> pathComponents(std::string_view path) {
     const std::size_t end = std::min(path.find('/', at), path.size());
     if (end == at)
       throw ValueError("'" + std::string(path) +
-                       "' has an empty component; a path is NAME/NAME without a slash at either end");
+                       "' has an empty component; a path is NAME/NAME, without a leading or trailing slash");
     components.emplace_back(path.substr(at, end - at));
     at = end + 1;
   }
@@ -29,7 +29,7 @@ std::vector<std::string> pathComponents(std::string_view path) {
 
 const Zel::Notifier& notifierOf(const ObjectRef& at) { return static_cast<const Zel::Notifier&>(*at.object); }
 
-const AttributeInfo* directRow(const Zel::TypeNode& type) {
+const AttributeInfo* directCollection(const Zel::TypeNode& type) {
   const AttributeInfo* direct = nullptr;
   forEachAttribute(type, [&](const AttributeInfo& attribute) {
     if (attribute.direct) direct = &attribute;
@@ -56,12 +56,12 @@ ObjectRef memberOf(const ObjectRef& at, const AttributeInfo& attribute, const st
 
 namespace {
 
-[[noreturn]] void leadsNowhere(const ObjectRef& at, const std::string& component) {
-  throw ValueError("'" + component + "' leads nowhere; there is " + candidatesText(at, component));
+[[noreturn]] void throwUnknown(const ObjectRef& at, const std::string& component) {
+  throw ValueError("there is no '" + component + "'; known: " + candidatesText(at, component));
 }
 
 ObjectRef stepIntoAttribute(const ObjectRef& at, const std::string& component) {
-  if (!at.attribute->keys) leadsNowhere(at, component);
+  if (!at.attribute->keys) throwUnknown(at, component);
   std::string key = Zel::unescapeComponent(component);
   if (at.attribute->kind == Kind::collection)
     if (ObjectRef member = memberOf(at, *at.attribute, key); member.object) return member;
@@ -74,12 +74,12 @@ ObjectRef step(const ObjectRef& at, const std::string& component) {
   if (at.key) throwNoMember(at);
   if (at.attribute) return stepIntoAttribute(at, component);
   const Zel::TypeNode& type = at.object->fwkType();
-  if (const AttributeInfo* direct = directRow(type))
+  if (const AttributeInfo* direct = directCollection(type))
     if (ObjectRef entry = memberOf(at, *direct, Zel::unescapeComponent(component)); entry.object)
       return entry;
   if (const AttributeInfo* attribute = type.find(std::string_view(component)))
     return {at.object, at.isConst, attribute, {}};
-  leadsNowhere(at, component);
+  throwUnknown(at, component);
 }
 
 ObjectRef follow(const ObjectRef& at) {
@@ -103,7 +103,7 @@ std::vector<std::string_view> candidates(const ObjectRef& at) {
     return names;
   }
   const Zel::TypeNode& type = at.object->fwkType();
-  if (const AttributeInfo* direct = directRow(type)) addKeys(names, at, *direct);
+  if (const AttributeInfo* direct = directCollection(type)) addKeys(names, at, *direct);
   forEachAttribute(type, [&](const AttributeInfo& attribute) { names.emplace_back(attribute.name); });
   return names;
 }
@@ -112,7 +112,8 @@ std::size_t commonPrefix(std::string_view a, std::string_view b) {
   return static_cast<std::size_t>(std::ranges::mismatch(a, b).in1 - a.begin());
 }
 
-// Puts those that begin like `wanted` at the front of many names.
+// Sorts the kCandidates names with the longest prefix in common with `wanted` to the front. REQUIRES: there
+// are more.
 void nearestFirst(std::vector<std::string_view>& names, std::string_view wanted) {
   std::ranges::partial_sort(names, names.begin() + kCandidates, [&](std::string_view a, std::string_view b) {
     const auto inA = commonPrefix(a, wanted), inB = commonPrefix(b, wanted);
@@ -130,13 +131,13 @@ std::string candidatesText(const ObjectRef& at, std::string_view wanted) {
   for (const std::string_view name : std::span(names).first(names.size() - more))
     text += (text.empty() ? "" : ", ") + Zel::escapeComponent(name);
   if (more > 0) text += " and " + std::to_string(more) + " more";
-  return text.empty() ? "nothing" : text;
+  return text.empty() ? "none" : text;
 }
 
 void throwNoMember(const ObjectRef& at) {
   const ObjectRef collection{at.object, at.isConst, at.attribute, {}};
-  throw ValueError("'" + *at.key + "' is no member of '" + at.attribute->name + "'; there is " +
-                   candidatesText(collection, *at.key));
+  throw ValueError("'" + *at.key + "' is not a member of '" + at.attribute->name +
+                   "'; known: " + candidatesText(collection, *at.key));
 }
 
 }  // namespace Host

@@ -1,5 +1,4 @@
-// How a path leads from object to object: host/control/object.h says what such a path is. Nothing here makes
-// a name of a text that comes from a path.
+// Resolves object paths (host/control/object.h) component by component. Interns no text from a path.
 #pragma once
 
 #include <optional>
@@ -13,42 +12,43 @@
 
 namespace Host {
 
-// What a path leads to: an object, an attribute of one, or a place within an attribute: a member of a
-// collection that is not there (a key to set under), or one name of a set of names (there or not).
+// The target of a path: an object, one of its attributes, or a key of an attribute: a collection key without
+// a member (to set under), or a name of a set of names, present or absent.
 struct ObjectRef {
-  Zel::Ptr<const Zel::PtrInterface> object;       // null: the path leads nowhere
-  bool isConst = false;                           // the object may be read only
+  Zel::Ptr<const Zel::PtrInterface> object;       // null: no such target
+  bool isConst = false;                           // the object is read-only
   const Zel::AttributeInfo* attribute = nullptr;  // null: the object itself
   std::optional<std::string> key;
 };
 
-// The components of a path. Throws ValueError where the text is beyond the limits of paths, or has an empty
-// component (two slashes in a row, or one at either end).
+// Splits a path. Throws ValueError if it exceeds the limits of paths, or has an empty component (a leading,
+// trailing or double slash).
 std::vector<std::string> pathComponents(std::string_view path);
 
-// One component further. Throws ValueError where it leads nowhere; the text has the candidates.
+// Resolves one more component. Throws ValueError, with the candidates, if it names nothing.
 ObjectRef step(const ObjectRef& at, const std::string& component);
-// The object behind a pointer; everything else as it is. Throws ValueError where the pointer is null.
+// Dereferences a pointer; returns anything else as it is. Throws ValueError if the pointer is null.
 ObjectRef follow(const ObjectRef& at);
 
-// What may follow in a path, for a message: the nearest to `wanted`, kCandidates at most, and how many more.
+// The valid next components, for a message: at most kCandidates, nearest to `wanted` first, and how many more
+// there are.
 inline constexpr std::size_t kCandidates = 16;
 std::string candidatesText(const ObjectRef& at, std::string_view wanted = {});
-// Throws ValueError: the collection has no member of the key. REQUIRES: at.key.
+// Throws ValueError: the attribute has no member `at.key`. REQUIRES: at.key.
 [[noreturn]] void throwNoMember(const ObjectRef& at);
 
-// The object that a value refers to; null where it is no reference.
+// The object that a value references; null if it is not a reference.
 ObjectRef objectOf(const Zel::Value& value);
 ObjectRef memberOf(const ObjectRef& at, const Zel::AttributeInfo& attribute, Zel::Name key);
-// The same for a text, which need not be a name.
+// The same for a key that need not be interned.
 ObjectRef memberOf(const ObjectRef& at, const Zel::AttributeInfo& attribute, const std::string& key);
-// What the object's published attributes are read from. REQUIRES: its type has attributes.
+// The object as a notifier, to read its attributes. REQUIRES: its type has attributes.
 const Zel::Notifier& notifierOf(const ObjectRef& at);
-// The collection whose members stand directly under the object; null where there is none.
-const Zel::AttributeInfo* directRow(const Zel::TypeNode& type);
+// The collection whose keys follow the object's path directly, without the attribute's name; null if none.
+const Zel::AttributeInfo* directCollection(const Zel::TypeNode& type);
 
-// Calls `function` for every published attribute of a type, its bases' first, less those of a base that the
-// type replaces.
+// Calls `function` for every published attribute of a type, its bases' first, except those of a base that the
+// type redeclares.
 template <class Function>
 void forEachAttribute(const Zel::TypeNode& type, Function&& function) {
   for (Zel::AttributeIndex index = 0; index < type.endIndex(); ++index)

@@ -9,21 +9,21 @@ namespace Host {
 
 bool Lines::take(std::string_view bytes, const std::function<bool(std::string_view)>& line) {
   for (std::size_t end; (end = bytes.find('\n')) != std::string_view::npos; bytes.remove_prefix(end + 1)) {
-    oversized_ = begun_.size() + end > limit_;
+    oversized_ = partial_.size() + end > limit_;
     if (oversized_) return false;
-    if (begun_.empty()) {
+    if (partial_.empty()) {
       if (!line(bytes.substr(0, end))) return false;
       continue;
     }
-    begun_.append(bytes.substr(0, end));
-    if (!line(std::exchange(begun_, {}))) return false;
+    partial_.append(bytes.substr(0, end));
+    if (!line(std::exchange(partial_, {}))) return false;
   }
-  begun_.append(bytes);
-  oversized_ = begun_.size() > limit_;
+  partial_.append(bytes);
+  oversized_ = partial_.size() > limit_;
   return !oversized_;
 }
 
-// One write under way; outlives its connection where that is closed first.
+// A write in flight. Outlives its connection if that is closed first.
 struct Connection::Write {
   uv_write_t request{};
   std::string bytes;
@@ -114,7 +114,7 @@ void Connection::flush() {
   if (ending_ && waiting() == 0) close();
 }
 
-// Writes what the system takes at once, mostly all. Returns whether the connection still stands.
+// Writes what the socket accepts without blocking, usually everything. Returns false on an error.
 bool Connection::writeAtOnce() {
   auto* stream = reinterpret_cast<uv_stream_t*>(pipe_.get());
   if (uv_stream_get_write_queue_size(stream) != 0) return true;

@@ -1,4 +1,4 @@
-// One client of the control socket: lines in, lines out.
+// A connection that sends and receives lines over a Unix socket.
 #pragma once
 
 #include <cstdint>
@@ -11,66 +11,65 @@
 
 namespace Host {
 
-// Cuts what arrives into lines, however it is divided.
+// Splits a byte stream into lines.
 class Lines {
  public:
-  static constexpr std::size_t kLimit = 1 << 20;  // bytes of one line, without its end
+  static constexpr std::size_t kLimit = 1 << 20;  // bytes of one line, without its newline
 
   explicit Lines(std::size_t limit = kLimit) : limit_(limit) {}
 
-  // Calls `line` for each line that is complete. Returns false, and takes nothing more, where a line is
-  // longer than the limit or `line` returned false.
+  // Calls `line` for each complete line. Returns false and drops the rest if a line exceeds the limit or
+  // `line` returns false.
   bool take(std::string_view bytes, const std::function<bool(std::string_view)>& line);
-  // Whether the last thing that stopped take() was a line beyond the limit.
+  // Whether a line over the limit stopped the last take().
   bool oversized() const { return oversized_; }
 
  private:
   const std::size_t limit_;
-  std::string begun_;
+  std::string partial_;
   bool oversized_ = false;
 };
 
-// Never blocks: what can't be written at once waits, and a client for which too much waits is cut off.
+// Never blocks: unsent output is queued, and a peer with too much queued output is disconnected.
 class Connection : public std::enable_shared_from_this<Connection> {
  public:
-  // Bytes that may wait for a client when the next message for it comes.
+  // Bytes of queued output beyond which the next send() closes the connection.
   static constexpr std::size_t kWaitingLimit = 8 << 20;
 
   class Owner {
    public:
     virtual void onLine(Connection& connection, std::string_view line) = 0;
     virtual void onOversizedLine(Connection& connection) = 0;
-    // The connection is closed; nothing of it is called any more.
+    // The connection is closed. This is its last call.
     virtual void onClosed(Connection& connection) = 0;
 
    protected:
     ~Owner() = default;
   };
 
-  // Accepts the next client of `listener`; nothing where it went away again. `owner` must outlive it.
+  // Accepts the next client of `listener`; null if it has gone already. `owner` must outlive the connection.
   static std::shared_ptr<Connection> accept(uv_stream_t* listener, Owner& owner);
-  // Over a pipe that is connected. Who trusts the other side may take longer lines of it.
+  // Uses a connected pipe. Raise `lineLimit` only for a trusted peer.
   Connection(UvHandle<uv_pipe_t> pipe, Owner& owner, std::size_t lineLimit = Lines::kLimit);
   ~Connection();
 
   bool closed() const { return !pipe_; }
-  // The process that connected, as the kernel knows it; 0 where it is not known here.
+  // The process id of the peer, from the kernel; 0 if unknown.
   std::int64_t peerPid() const;
-  // Puts a line, given without its end, behind those that wait; flush() hands them on. Does nothing once the
-  // connection is closed.
+  // Queues a line, given without its newline, for flush(). Does nothing once the connection is closed.
   void send(std::string_view line);
   void flush();
-  // Takes nothing more than what has arrived, until resume().
+  // Stops reading from the socket until resume(). Lines that were read already are still delivered.
   void pause();
   void resume();
-  // Reads nothing more, and closes once everything was sent.
+  // Stops reading, and closes once all output is sent.
   void end();
   void close();
 
  private:
   struct Write;
 
-  // Bytes of room for what is to be sent that a connection keeps.
+  // Bytes of output buffer that a connection keeps between writes.
   static constexpr std::size_t kKeptCapacity = 64 << 10;
 
   bool writeAtOnce();

@@ -24,7 +24,7 @@ bool isAt(int descriptor, const std::string& path) {
 
 }  // namespace
 
-// Another process may rename or remove the file between the opening and the locking.
+// Retries if another process renames or removes the file between open and flock.
 std::optional<FileLock> FileLock::tryTake(const std::string& path, Missing missing) {
   const int make = missing == Missing::make ? O_CREAT : 0;
   for (;;) {

@@ -1,4 +1,4 @@
-// Sole ownership of a file for as long as a process lives.
+// Exclusive ownership of a file.
 #pragma once
 
 #include <optional>
@@ -6,12 +6,11 @@
 
 namespace Host {
 
-// An advisory lock, gone with the process however it ends.
+// An advisory lock (flock). The kernel releases it when the process ends, however that happens.
 class FileLock {
  public:
-  // Opens the file and locks it. Nothing where another holds it. Throws std::system_error where the file
-  // can't be opened. The lock is on the file that has the path once it is taken: one that is renamed takes it
-  // along.
+  // Opens and locks the file; nullopt if another process holds the lock. Throws std::system_error if the file
+  // can't be opened. The locked file is the one at `path` on return; renaming it keeps the lock.
   enum class Missing { make, fail };
   static std::optional<FileLock> tryTake(const std::string& path, Missing missing = Missing::make);
   FileLock(FileLock&& other) noexcept;
@@ -20,7 +19,7 @@ class FileLock {
 
   int descriptor() const { return descriptor_; }
 
-  // " (pid N)" for the process that holds the lock on the file; empty where it can't be told.
+  // " (pid N)" of the process that holds the lock on the file; empty if unknown.
   static std::string holderText(const std::string& path);
 
  private:

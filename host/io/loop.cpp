@@ -13,7 +13,7 @@
 namespace Host {
 
 namespace {
-constexpr double kLongestSleep = 86400;          // seconds; the turn says anew how long it is
+constexpr double kLongestSleep = 86400;          // seconds; the next turn extends it
 constexpr std::int64_t kSecond = 1'000'000'000;  // nanoseconds
 }  // namespace
 
@@ -29,7 +29,7 @@ Loop::Loop() : alarm_(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEX
   });
   onAlarm_.reset(new uv_poll_t);
   uv_poll_init(&loop_, onAlarm_.get(), alarm_);
-  // The turn comes after every round anyway, and sets the alarm anew, which takes this one back.
+  // Nothing to read: the turn that follows sets the timerfd again, which clears its expiration.
   uv_poll_start(onAlarm_.get(), UV_READABLE,
                 [](uv_poll_t* handle, int, int) { static_cast<Loop*>(handle->loop->data)->alarmAt_ = -1; });
 }
@@ -73,8 +73,8 @@ void Loop::turn() {
   if (turn_ && !stopped_ && !error_) wakeAt(turn_());
 }
 
-// An alarm of its own, because libuv's timers count in whole milliseconds from a time that lags behind: they
-// come up to two milliseconds late. The kernel's come at the nanosecond, and not later by a timer slack.
+// A timerfd, because libuv's timers fire up to 2 ms late: they count whole milliseconds from a cached time. A
+// timerfd has nanosecond resolution and no timer slack.
 void Loop::wakeAt(double time) {
   std::int64_t at = 0;  // never
   if (time != Zel::Clock::kNever) {

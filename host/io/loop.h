@@ -1,4 +1,4 @@
-// The event loop: libuv's, with a turn of the host after every round of events.
+// libuv's event loop, with a turn of the host after every round of events.
 #pragma once
 
 #include <uv.h>
@@ -10,7 +10,7 @@
 
 namespace Host {
 
-// Closes a libuv handle, which frees it once libuv has let go of it. No callback of the handle but that one
+// Deleter: closes a libuv handle, and frees it in libuv's close callback. No other callback of the handle
 // runs afterwards.
 struct CloseHandle {
   template <class T>
@@ -22,30 +22,29 @@ struct CloseHandle {
 template <class T>
 using UvHandle = std::unique_ptr<T, CloseHandle>;
 
-// A process that has one ignores SIGPIPE: a client that went away is an error of the write, no more.
+// Ignores SIGPIPE for the whole process, so that a write to a closed connection fails with EPIPE instead.
 class Loop {
  public:
-  // Does what is to be done now, and returns the time of the next wake-up as ActivityManager::nextWakeUp
-  // does.
+  // Does the pending work, and returns the time of the next wake-up as ActivityManager::nextWakeUp does.
   using Turn = std::function<double()>;
 
   Loop();
-  // REQUIRES: every handle on the loop but its own is closed, or will be by then.
+  // REQUIRES: every handle on the loop but its own is closed or closing.
   ~Loop();
   Loop(const Loop&) = delete;
   Loop& operator=(const Loop&) = delete;
 
   uv_loop_t* uv() { return &loop_; }
 
-  // Runs after every round of events, and at the time that it returned, never before that.
+  // `turn` runs after every round of events. The loop wakes for it at the time that it returned, never early.
   void turnIs(Turn turn) { turn_ = std::move(turn); }
-  // Until stop(). Throws what a callback or the turn threw.
+  // Runs until stop(). Rethrows what a callback or the turn throws.
   void run();
-  // The same for one round that waits for nothing. Returns whether the loop goes on.
+  // Runs one round without waiting. Returns false after stop().
   bool runOnce();
   void stop();
 
-  // Calls `function` from within a libuv callback: what it throws leaves run() instead of passing through C.
+  // Runs the body of a libuv callback. run() rethrows its exceptions: they can't unwind through C.
   template <class Function>
   static void guard(uv_loop_t* loop, Function&& function) {
     auto& self = *static_cast<Loop*>(loop->data);
@@ -64,8 +63,8 @@ class Loop {
 
   uv_loop_t loop_{};
   UvHandle<uv_check_t> check_;
-  const int alarm_;           // a timer of the kernel
-  std::int64_t alarmAt_ = 0;  // monotonic nanoseconds; 0: never; negative: it has gone off
+  const int alarm_;           // timerfd
+  std::int64_t alarmAt_ = 0;  // monotonic nanoseconds; 0: never; negative: expired
   UvHandle<uv_poll_t> onAlarm_;
   Turn turn_;
   std::exception_ptr error_;

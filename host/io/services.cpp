@@ -19,8 +19,8 @@ void checked(int code, int fd) {
                             "file descriptor " + std::to_string(fd) + " can't be watched");
 }
 
-// A duplicate, because libuv keeps its handles by descriptor: an agent that closes its own too early would
-// otherwise leave a handle on whatever gets that number next.
+// Duplicates an agent's descriptor. libuv indexes handles by descriptor, so without the duplicate an agent
+// that closes its own too early would leave the handle on the next file that gets that number.
 class Duplicate {
  public:
   explicit Duplicate(int fd) : fd_(::fcntl(fd, F_DUPFD_CLOEXEC, 0)) { checked(fd_ < 0 ? errno : 0, fd); }
@@ -54,7 +54,7 @@ class Poll final : public Zel::FdPoll {
       uv_poll_start(handle_.get(), wanted, &Poll::onReady);
   }
 
-  // libuv stops polling where the file has an error; the agent may clear it by reading or writing.
+  // libuv stops polling on an error. Restarts it: the agent may clear the error by reading or writing.
   static void onReady(uv_poll_t* handle, int status, int events) {
     auto& self = *static_cast<Poll*>(handle->data);
     if (status < 0) self.start(self.watch_.events());
@@ -82,7 +82,7 @@ std::unique_ptr<Zel::FdPoll> Services::poll(Zel::FdWatch& watch) {
   return std::make_unique<Poll>(loop_, watch);
 }
 
-// The loop takes its turn after every round, so waking it is enough.
+// A turn follows every round, so waking the loop is enough.
 void Services::wake() { uv_async_send(async_.get()); }
 
 }  // namespace Host

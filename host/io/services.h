@@ -1,4 +1,4 @@
-// The services of the event loop for agents: polled descriptors, and a wake-up for tasks of other threads.
+// What the event loop offers agents: polled descriptors, and a wake-up for tasks posted by other threads.
 #pragma once
 
 #include "host/io/loop.h"
@@ -6,7 +6,7 @@
 
 namespace Host {
 
-// Serves an activity manager as long as it lives. REQUIRES: the loop's turn calls step().
+// The host of `external` for as long as it lives. REQUIRES: the loop's turn calls ActivityManager::step().
 class Services final : public Zel::HostServices {
  public:
   // `external` must outlive the services.

@@ -1,11 +1,11 @@
-// Why the host does not start.
+// Errors that keep the host from starting.
 #pragma once
 
 #include <stdexcept>
 
 namespace Host {
 
-// One line that says what, where, why, and what would be right.
+// The message is one line: what, where, why, and what would be right.
 class StartError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;

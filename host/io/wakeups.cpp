@@ -5,8 +5,8 @@
 namespace Host {
 
 namespace {
-constexpr double kNear = 1e-3;      // seconds between wake-ups that are brought together
-constexpr double kFrequent = 4e-3;  // seconds between wake-ups that are worth it
+constexpr double kNear = 1e-3;      // seconds; wake-ups closer than this are merged
+constexpr double kFrequent = 4e-3;  // seconds; only where they follow their predecessor within this
 }  // namespace
 
 double WakeUps::next(const Zel::ActivityManager& activity) {

@@ -1,4 +1,4 @@
-// When the host has itself woken for what is due on a clock.
+// When the host wakes for expiries of a clock.
 #pragma once
 
 #include "platform/zel/notify/activity.h"
@@ -6,25 +6,25 @@
 
 namespace Host {
 
-// Mostly at the time itself. A wake-up costs ten times what one reactor's expiry does, so expiries that
-// follow each other closely share one: it comes with the last of those that are due within kSlack of the
-// first. Where wake-ups are frequent, one that has a nearer neighbour after it than before it is put off by
-// kSlack, each time that it comes round, until the two are one. Reactors that compute their next time from
-// that of the wake-up, as flashing LEDs do, stay together from then on, and none is put off any more.
+// Coalesces wake-ups. A rare one comes exactly when its expiry is due. But a wake-up costs ten times as much
+// as an expiry, so expiries due within kSlack of the first share one, at the time of the last. And where
+// wake-ups are frequent, one that is closer to its successor than to its predecessor is delayed by kSlack,
+// every time round, until the two merge. Reactors that compute their next time from the wake-up, as flashing
+// LEDs do, then stay merged, without further delay.
 //
 //     loop.turnIs([&] { activity.step(); return wakeUps.next(activity); });
 class WakeUps {
  public:
-  // Nothing is woken before its time, or later than so many seconds after it.
+  // The most that a wake-up is delayed, in seconds. None is early.
   static constexpr double kSlack = 100e-6;
 
-  // The time at which `activity` is to have its next pass. Called after every one.
+  // The time of the next pass of `activity`. Call it after every pass.
   double next(const Zel::ActivityManager& activity);
 
  private:
   double shared(double due, const Zel::Clock& clock) const;
 
-  double last_ = -Zel::Clock::kNever;  // the wake-up before
+  double last_ = -Zel::Clock::kNever;  // the previous wake-up
   double next_ = Zel::Clock::kNever;
 };
 

@@ -425,13 +425,13 @@ TEST(Listener, TakesOverFromTheDeadAndRefusesTheLiving) {
     std::filesystem::rename(path, folder.at("left behind"));
   }
   std::filesystem::rename(folder.at("left behind"), path);
-  EXPECT_EQ(refusal(path), "none") << "nobody listens there any more";
+  EXPECT_EQ(refusal(path), "none") << "the socket is stale";
 
   contentIs(folder.at("letter"), "dear");
-  EXPECT_THAT(refusal(folder.at("letter")), HasSubstr("no socket stands there"));
+  EXPECT_THAT(refusal(folder.at("letter")), HasSubstr("exists and is not a socket"));
   EXPECT_EQ(contentOf(folder.at("letter")), "dear");
-  EXPECT_THAT(refusal(folder.at("no/folder")), HasSubstr("is not there"));
-  EXPECT_THAT(refusal(folder.at(std::string(200, 'x'))), HasSubstr("a socket's has 1 to 107"));
+  EXPECT_THAT(refusal(folder.at("no/folder")), HasSubstr("does not exist"));
+  EXPECT_THAT(refusal(folder.at(std::string(200, 'x'))), HasSubstr("a socket's path has 1 to 107"));
 }
 
 }  // namespace

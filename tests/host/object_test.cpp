@@ -128,11 +128,10 @@ TEST_F(ObjectsTest, RefusesWithTheReasonAndMakesNoName) {
     const char* says;
     Value::List given{};
   } cases[] = {
-      {get, "agent/sytem",
-       "'sytem' leads nowhere; there is name, parent, system, seen, write, watchers, dir"},
-      {get, "agent/system/gpioLeds/C/gpioRed", "'C' is no member of 'gpioLeds'; there is A%2F1"},
+      {get, "agent/sytem", "there is no 'sytem'; known: name, parent, system, seen, write, watchers, dir"},
+      {get, "agent/system/gpioLeds/C/gpioRed", "'C' is not a member of 'gpioLeds'; known: A%2F1"},
       {get, "agent/seen/value", "'seen' is null"},
-      {get, "nothing", "'nothing' leads nowhere; there is d, lamp, m, name"},
+      {get, "nothing", "there is no 'nothing'; known: d, lamp, m, name"},
       {tree, "agent//system", "has an empty component"},
       {tree, "agent/", "has an empty component"},
       {list, "/agent", "has an empty component"},
@@ -140,15 +139,15 @@ TEST_F(ObjectsTest, RefusesWithTheReasonAndMakesNoName) {
       {get, std::string(4097, 'a'), "is longer than 4096 bytes"},
       {get, "d/" + std::string(256, 'a'), "is longer than 255 bytes"},
       {iterate, "agent/system/gpioLeds/A%2F1", "operation iterate is not supported on an object"},
-      {iterate, "agent/system/gpioLeds/C", "'C' is no member"},
-      {list, "agent/system/gpioLeds/C", "'C' is no member"},
+      {iterate, "agent/system/gpioLeds/C", "'C' is not a member"},
+      {list, "agent/system/gpioLeds/C", "'C' is not a member"},
       {iterate, "m/gpioRedName/a", "operation iterate is not supported on one name of 'gpioRedName'"},
       {del, "m/gpioRedName/a", "operation delete is not supported on one name of 'gpioRedName'"},
-      {get, "m/gpioRedName/b", "'b' is no member of 'gpioRedName'; there is a"},
+      {get, "m/gpioRedName/b", "'b' is not a member of 'gpioRedName'; known: a"},
       {call, "agent/seen", "operation invoke is not supported on 'seen'", {"x"}},
       {call, "agent/system/gpioLeds/A%2F1", "operation invoke is not supported on an object"},
       {del, "agent", "operation delete is not supported on an object"},
-      {del, "agent/system/gpioLeds/C", "'C' is no member"},
+      {del, "agent/system/gpioLeds/C", "'C' is not a member"},
       {set, "agent/watchers", "argument 1 is null, wanted a Hardware::Gpio::CorvelPinConfig", {Value()}},
       {call, "agent/write", "argument 1 is null, wanted a Hardware::Gpio::CorvelGpioLedConfig", {Value(), 1}},
       {set, "d/entries/x", "type Test::Agent is an agent's, which only a host makes", {"Test::Agent"}},
@@ -212,7 +211,7 @@ TEST_F(ObjectsTest, LongAnswersAreCutAndSaySo) {
   EXPECT_EQ(*one.field("omitted"), Value(Value::Fields{{"entries", 300 - 256}}));
 
   const std::string text = errorOf([&] { objects.get("inner1/e777"); });
-  EXPECT_EQ(text.find("'e777' leads nowhere; there is e77, e7, e70, "), 0U) << text;
+  EXPECT_EQ(text.find("there is no 'e777'; known: e77, e7, e70, "), 0U) << text;
   EXPECT_NE(text.find(" and 287 more"), std::string::npos) << text;
 
   std::size_t listed = 0, omitted = 0;

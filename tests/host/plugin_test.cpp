@@ -39,7 +39,7 @@ TEST(Plugin, WhatCantBeLoadedIsRefusedWithItsReason) {
   const std::string agents = TEST_AGENTS;
   const std::pair<std::string, const char*> cases[] = {
       {folder.at("absent.so"), "there is no such file"},
-      {"absent-from-everywhere.so", "and the system's path"},
+      {"absent-from-everywhere.so", "and the library path"},
       {folder.at("text.so"), "does not load"},
       {agents, "has no factory 'Pinlamp::agentFactory(Zel::Name)'"},
       {agents + ":Null", "returned null"},

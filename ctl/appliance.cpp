@@ -207,7 +207,7 @@ void LiveAppliance::take(const Json& notification) {
 
 namespace {
 
-// A name that is known means itself, whatever characters it has.
+// A known name is taken literally even if it has wildcard characters.
 std::set<std::string> expandName(const std::string& pattern, const std::set<std::string>& known) {
   if (known.contains(pattern)) return {pattern};
   std::set<std::string> names;

@@ -1,5 +1,4 @@
-// The appliance's LEDs as the state database has them: what each should show, which pins it has, and what
-// they are.
+// The LEDs of an appliance as the state database has them: settings, mappings, pins and pin values.
 #pragma once
 
 #include <array>
@@ -44,7 +43,7 @@ using PerColour = std::array<T, kColours.size()>;
 // The names of the colours that are set, in the table's order.
 std::vector<std::string> colourNames(const PerColour<bool>& colours);
 
-// The entities under some paths, kept up to date from what the host tells.
+// A copy of the entities under some paths, updated from the host's notifications.
 class Mirror {
  public:
   struct Entity {
@@ -53,11 +52,11 @@ class Mirror {
   };
 
   void changesAre(const Json& changes);
-  // Replaces what stands under `above`.
+  // Replaces everything at and under `above`.
   void entitiesAre(const std::string& above, const Json& entities);
 
   const std::map<std::string, Entity>& entities() const { return entities_; }
-  // Null where there is none.
+  // Null if there is no such entity.
   const Entity* find(const std::string& path) const;
 
  private:
@@ -68,11 +67,11 @@ class Mirror {
   std::map<std::string, Entity> entities_;
 };
 
-// A set of names among an entity's attributes, in natural order, whether it is an array or an object with
-// something for each name; none where it is not there.
+// The names in an attribute that is a set of names, in natural order; empty if the attribute is missing. The
+// set may be an array of names or an object with a member for each.
 std::vector<std::string> namesIn(const Json& attributes, const std::string& attribute);
 
-// One LED; known by its light setting, its mapping or both.
+// An LED that has a light setting, a mapping or both.
 struct Lamp {
   std::string name;
 
@@ -84,14 +83,14 @@ struct Lamp {
   bool mapped = false;
   bool ready = false;
   PerColour<std::vector<std::string>> pins{};
-  // Pins that the LED agent drives on although the mapping no longer names them; see formerPinsAre.
+  // Pins that the LED agent still drives but that left the mapping; see formerPinsAre.
   PerColour<std::vector<std::string>> formerPins{};
 
   bool driven = false;      // at least one of its pins has a value
-  PerColour<bool> shows{};  // whether a pin of the colour is on, right now
+  PerColour<bool> shows{};  // a pin of the colour is on right now
 
   bool lit() const;
-  // A colour is wanted for which there is no pin.
+  // Whether a colour is set that has no pin.
   bool lacksPin() const;
   // "green+red, flash 0.5 s", "off", or "-" without a setting.
   std::string settingText() const;
@@ -99,22 +98,21 @@ struct Lamp {
   std::string shownText() const;
 };
 
-// Adds the pins that `driven` names and the lamp's mapping does not, and what the lamp shows by them.
+// Adds the pins in `driven` that the lamp's mapping lacks, and what the lamp shows with them.
 void formerPinsAre(Lamp& lamp, const PerColour<std::vector<std::string>>& driven, const Mirror& mirror);
 
 // Every LED, in natural order of the names.
 std::vector<Lamp> lampsOf(const Mirror& mirror);
-// Whether both name a pin, for whatever colours.
+// Whether the mappings have a pin in common, whatever its colours.
 bool sharesPin(const Lamp& a, const Lamp& b);
-// The names of the LEDs.
 std::set<std::string> namesOf(const std::vector<Lamp>& lamps);
-// Every pin that has a value or that a mapping names; no value where it is not driven.
+// Every pin that has a value or is in a mapping; nullopt if it is not driven.
 std::map<std::string, std::optional<unsigned>> pinsOf(const Mirror& mirror);
 
-// What the host has now of everything that LEDs are made of.
+// Reads settings, mappings and pins.
 Mirror readAppliance(Client& client);
 
-// The same, followed from now on.
+// The same, kept up to date.
 class LiveAppliance {
  public:
   explicit LiveAppliance(Client& client);
@@ -124,11 +122,11 @@ class LiveAppliance {
 
  private:
   Mirror mirror_;
-  std::map<Json, std::string> paths_;  // by the watch's id
+  std::map<Json, std::string> paths_;  // by watch id
 };
 
-// The LEDs that names and patterns mean, each once. Throws Refusal, with the nearest names, where one means
-// none.
+// Expands names and patterns to LED names, without duplicates. Throws Refusal, with the nearest names, if one
+// of them matches nothing.
 std::vector<std::string> expandNames(const std::vector<std::string>& patterns,
                                      const std::set<std::string>& known);
 

@@ -18,9 +18,8 @@ sockaddr_un addressOf(const std::string& path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.empty() || path.size() >= sizeof address.sun_path)
-    throw UsageError("--socket: '" + path + "' can't be the path of a socket; it has " +
-                     std::to_string(path.size()) + " bytes, 1 to " +
-                     std::to_string(sizeof address.sun_path - 1) + " are possible");
+    throw UsageError("--socket '" + path + "': the path has " + std::to_string(path.size()) +
+                     " bytes; a socket's path has 1 to " + std::to_string(sizeof address.sun_path - 1));
   std::memcpy(address.sun_path, path.data(), path.size());
   return address;
 }
@@ -28,8 +27,8 @@ sockaddr_un addressOf(const std::string& path) {
 ConnectionLost unreachable(const std::string& path, int error) {
   std::string why = std::strerror(error);
   if (error == ENOENT) why = "there is no such socket";
-  if (error == ECONNREFUSED) why = "nobody listens there";
-  if (error == EAGAIN) why = "it takes no connections";
+  if (error == ECONNREFUSED) why = "no process listens on it";
+  if (error == EAGAIN) why = "it accepts no connections";
   const std::string remedy =
       error == EACCES
           ? "; join the group that owns the socket, or use sudo"
@@ -46,12 +45,12 @@ Refusal refusalOf(const Json& error) {
 
 }  // namespace
 
-Client::Client(const std::string& socketPath, std::chrono::seconds patience)
-    : socketPath_(socketPath), patience_(patience) {
+Client::Client(const std::string& socketPath, std::chrono::seconds timeout)
+    : socketPath_(socketPath), timeout_(timeout) {
   const sockaddr_un address = addressOf(socketPath);
   descriptor_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (descriptor_ < 0) throw Refusal(std::string("can't make a socket: ") + std::strerror(errno));
-  const timeval limit{patience.count(), 0};  // also for connecting
+  const timeval limit{timeout.count(), 0};  // also for connecting
   setsockopt(descriptor_, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
   if (connect(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return;
   const int error = errno;
@@ -70,8 +69,8 @@ void Client::send(const std::string& line) {
     const ssize_t count = ::send(descriptor_, line.data() + sent, line.size() - sent, MSG_NOSIGNAL);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0 && errno == EAGAIN)
-      lost("took no request within " + std::to_string(patience_.count()) + " s");
-    if (count < 0) lost(std::string("went away: ") + std::strerror(errno));
+      lost("accepted no request within " + std::to_string(timeout_.count()) + " s");
+    if (count < 0) lost(std::string("dropped the connection: ") + std::strerror(errno));
     sent += static_cast<std::size_t>(count);
   }
 }
@@ -80,14 +79,14 @@ void Client::waitReadable(std::chrono::steady_clock::time_point deadline) {
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
   pollfd entry{descriptor_, POLLIN, 0};
   const int ready = poll(&entry, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0)));
-  if (ready == 0) lost("gave no answer within " + std::to_string(patience_.count()) + " s");
+  if (ready == 0) lost("did not answer within " + std::to_string(timeout_.count()) + " s");
 }
 
 void Client::receive() {
   char chunk[65536];
   const ssize_t count = recv(descriptor_, chunk, sizeof chunk, 0);
   if (count < 0 && errno == EINTR) return;
-  if (count < 0) lost(std::string("went away: ") + std::strerror(errno));
+  if (count < 0) lost(std::string("dropped the connection: ") + std::strerror(errno));
   if (count == 0) lost("closed the connection");
   std::size_t begin = buffer_.size();
   buffer_.append(chunk, static_cast<std::size_t>(count));
@@ -100,7 +99,7 @@ void Client::receive() {
 
 void Client::takeLine(const std::string& line) {
   Json message = Json::parse(line, nullptr, false);
-  if (!message.is_object()) lost("sent what is not a message: " + line.substr(0, 60));
+  if (!message.is_object()) lost("sent an invalid message: " + line.substr(0, 60));
   (message.contains("method") ? notifications_ : replies_).push_back(std::move(message));
 }
 
@@ -110,9 +109,9 @@ Json Client::call(const std::string& method, Json parameters) {
       Json{{"jsonrpc", "2.0"}, {"id", id}, {"method", method}, {"params", std::move(parameters)}}.dump();
   if (line.size() > kMessageLimit)
     throw Refusal(method + ": the request has " + std::to_string(line.size()) +
-                  " bytes; pinlampd takes at most " + std::to_string(kMessageLimit) + " in one; split it");
+                  " bytes; pinlampd accepts at most " + std::to_string(kMessageLimit) + " in one; split it");
   send(line + '\n');
-  const auto deadline = std::chrono::steady_clock::now() + patience_;
+  const auto deadline = std::chrono::steady_clock::now() + timeout_;
   while (replies_.empty()) {
     waitReadable(deadline);
     receive();

@@ -1,4 +1,4 @@
-// The connection to pinlampd: JSON-RPC 2.0 over its control socket, one message a line.
+// The connection to pinlampd: JSON-RPC 2.0 over its control socket, one message per line.
 #pragma once
 
 #include <chrono>
@@ -13,10 +13,10 @@ namespace Ctl {
 
 using Json = nlohmann::json;
 
-// There is no pinlampd to talk to, or there no longer is.
+// pinlampd can't be reached, or the connection broke.
 class ConnectionLost : public Refusal {
  public:
-  // `remedy` is what a person may do about it; may be empty.
+  // `remedy` is advice for the user, appended to the reason; may be empty.
   explicit ConnectionLost(const std::string& reason, const std::string& remedy = "")
       : Refusal(reason + remedy), reason_(reason) {}
   const std::string& reason() const { return reason_; }
@@ -27,40 +27,39 @@ class ConnectionLost : public Refusal {
 
 class Client {
  public:
-  // What the host takes in one message.
+  // Bytes that the host accepts in one message.
   static constexpr std::size_t kMessageLimit = 1 << 20;
 
-  // Longest message taken from the host, so that an endless one cannot fill the memory.
+  // Bytes accepted in one message from the host; bounds memory.
   static constexpr std::size_t kLongestLine = std::size_t{1} << 30;
 
-  // Throws ConnectionLost where nobody listens at `socketPath`; the text says how to start the host.
-  // `patience` is how long the host may take for an answer, or to take a request.
-  explicit Client(const std::string& socketPath, std::chrono::seconds patience = std::chrono::seconds(10));
+  // Throws ConnectionLost, with the command that starts the host, if no process listens on `socketPath`.
+  // `timeout` limits the time for accepting a request and for answering it.
+  explicit Client(const std::string& socketPath, std::chrono::seconds timeout = std::chrono::seconds(10));
   ~Client();
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
 
-  // Calls a method and returns its result. Notifications that arrive meanwhile are kept. Throws Refusal with
-  // the host's own lines where it refuses, ConnectionLost where it goes away or its time for an answer is
-  // over.
+  // Calls a method and returns its result. Queues notifications that arrive meanwhile. Throws Refusal with
+  // the host's error lines, ConnectionLost if the connection breaks or the call times out.
   Json call(const std::string& method, Json parameters = Json::object());
 
   // The entity at a path and all under it, sorted by path.
   Json read(const std::string& path);
-  // All of the changes, or none.
+  // Applies all of the changes, or none.
   void write(Json changes);
-  // The paths that agents fill, of this host or of others: nobody else writes at or under them.
+  // The paths that agents of this or another host fill. Writes at and under them by others are refused.
   std::vector<std::string> filled();
   // The types of entities that the host knows.
   Json types();
-  // The names of a type's attributes; none for an unknown type.
+  // The names of a type's attributes; empty for an unknown type.
   std::vector<std::string> attributesOf(const std::string& typeName);
 
-  // The oldest notification that has not been taken; none where none has arrived.
+  // Removes and returns the oldest queued notification; nullopt if there is none.
   std::optional<Json> notification();
-  // Takes in what has arrived. REQUIRES: the descriptor is readable, or this blocks.
+  // Reads what has arrived. Blocks unless the descriptor is readable.
   void receive();
-  // To wait on.
+  // For poll().
   int descriptor() const { return descriptor_; }
 
  private:
@@ -70,7 +69,7 @@ class Client {
   [[noreturn]] void lost(const std::string& why) const;
 
   const std::string socketPath_;
-  const std::chrono::seconds patience_;
+  const std::chrono::seconds timeout_;
   int descriptor_ = -1;
   int lastId_ = 0;
   std::string buffer_;

@@ -14,11 +14,6 @@ Argument& Argument::completes(Completes what) {
   return *this;
 }
 
-Argument& Argument::positive() {
-  option_->check(CLI::PositiveNumber);
-  return *this;
-}
-
 Argument& Argument::within(double least, double most) {
   option_->check(CLI::Range(least, most));
   return *this;
@@ -36,15 +31,16 @@ Argument& Argument::fromEnvironment(const std::string& variable) {
 
 bool Argument::given() const { return option_->count() != 0; }
 
-Command Command::add(const std::string& name, const std::string& does, const std::string& example) {
-  CLI::App* command = app_->add_subcommand(name, does);
+Command Command::add(const std::string& name, const std::string& description, const std::string& example) {
+  CLI::App* command = app_->add_subcommand(name, description);
   command->footer("Example: " + example);
   command->fallthrough();
   return {*command, *completions_};
 }
 
-Command Command::addGroup(const std::string& name, const std::string& does, const std::string& example) {
-  Command group = add(name, does, example);
+Command Command::addGroup(const std::string& name, const std::string& description,
+                          const std::string& example) {
+  Command group = add(name, description, example);
   group.app_->require_subcommand(1);
   return group;
 }

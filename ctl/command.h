@@ -1,12 +1,11 @@
-// A command's arguments and what it does. Commands know the library that reads the command line only through
-// this header, so that they compile quickly.
+// Commands and their arguments. Hides the command-line library, so that commands compile quickly.
 //
 //   struct Given {
 //     std::string path;
 //     bool json = false;
 //   };
 //   const auto given = std::make_shared<Given>();
-//   Command command = above.add("get", "Shows an entity", "pinlampctl get hardware/led/config");
+//   Command command = parent.add("get", "Shows an entity", "pinlampctl get hardware/led/config");
 //   command.argument("PATH", given->path, "The entity").completes(Completes::path).required();
 //   command.runs([&context, given] { get(context, given->path); });
 #pragma once
@@ -25,7 +24,7 @@ class Option;
 
 namespace Ctl {
 
-// The kind of thing an argument names, for shell completion.
+// What an argument names, for shell completion.
 enum class Completes {
   nothing,
   led,
@@ -41,7 +40,7 @@ enum class Completes {
 };
 using Completions = std::map<const CLI::Option*, Completes>;
 
-// A positional argument, an option or a flag. A copy stands for the same one.
+// A positional argument, an option or a flag. Copies refer to the same one.
 class Argument {
  public:
   Argument() = default;
@@ -49,16 +48,14 @@ class Argument {
 
   Argument& required(bool needed = true);
   Argument& completes(Completes what);
-  // Refuses numbers that are not above 0.
-  Argument& positive();
-  // Refuses numbers beyond these.
+  // Accepts only numbers from `least` to `most`.
   Argument& within(double least, double most);
   // Names the value in the help text.
   Argument& valueName(const std::string& name);
-  // Takes the value from the environment where the command line has none; help shows the default.
+  // Takes the value from an environment variable if the command line has none. Help shows the default.
   Argument& fromEnvironment(const std::string& variable);
 
-  // Whether the command line had it; once it is parsed.
+  // Whether the command line had it. Valid once that is parsed.
   bool given() const;
 
  private:
@@ -66,18 +63,18 @@ class Argument {
   Completions* completions_ = nullptr;
 };
 
-// A command, or pinlampctl itself. A copy stands for the same one.
+// A command, or pinlampctl itself. Copies refer to the same one.
 class Command {
  public:
   Command(CLI::App& app, Completions& completions) : app_(&app), completions_(&completions) {}
 
-  // Adds a command under this one; its help ends with the example.
-  Command add(const std::string& name, const std::string& does, const std::string& example);
-  // The same for a command that does nothing without one of those under it.
-  Command addGroup(const std::string& name, const std::string& does, const std::string& example);
+  // Adds a subcommand; its help ends with the example.
+  Command add(const std::string& name, const std::string& description, const std::string& example);
+  // Adds a command that requires one of its subcommands.
+  Command addGroup(const std::string& name, const std::string& description, const std::string& example);
 
-  // Adds an argument: an option where the name begins with "--", else a positional one. The value is stored
-  // in `into`, which must live until the command has run; what is not given keeps its value.
+  // Adds an option if the name begins with "--", else a positional argument. The value is stored in `into`,
+  // which must live until the command has run, and keeps its value if the argument is not given.
   Argument argument(const std::string& name, std::string& into, const std::string& help);
   Argument argument(const std::string& name, std::vector<std::string>& into, const std::string& help);
   Argument argument(const std::string& name, double& into, const std::string& help);
@@ -87,7 +84,7 @@ class Command {
   // Adds `--json`.
   void jsonFlag(bool& json);
 
-  // Is called when the command was given and its arguments are read.
+  // Calls `action` once the command was given and its arguments are parsed.
   void runs(std::function<void()> action);
 
  private:

@@ -32,13 +32,13 @@ void addCommands(Command& all, Context& context) {
 
 void describe(CLI::App& app, Completions& completions, Context& context) {
   app.name("pinlampctl");
-  app.description("Sees and sets the LEDs of an appliance, through pinlampd.");
+  app.description("Shows and sets the LEDs of an appliance through pinlampd.");
   app.footer("Example: pinlampctl led set Ethernet3/1 green --flash 0.5");
   Command all(app, completions);
   all.argument("--socket", context.socket, "The control socket of pinlampd")
       .completes(Completes::file)
       .fromEnvironment("PINLAMP_SOCKET");
-  all.argument("--wait", context.wait, "Wait for a pinlampd that is starting")
+  all.argument("--wait", context.wait, "How long to wait for pinlampd to be ready")
       .valueName("SECONDS")
       .within(0, kLongestWait);
   app.set_version_flag("--version", "pinlampctl " PINLAMP_VERSION);
@@ -46,18 +46,18 @@ void describe(CLI::App& app, Completions& completions, Context& context) {
   addCommands(all, context);
 }
 
-// The innermost command that was reached.
+// The innermost command on the command line.
 const CLI::App& reached(const CLI::App& app) {
   const auto chosen = app.get_subcommands();
   return chosen.empty() ? app : reached(*chosen.front());
 }
 
-// As a person types it.
+// The command as the user types it.
 std::string commandText(const CLI::App& command) {
   return (command.get_parent() ? commandText(*command.get_parent()) + ' ' : "") + command.get_name();
 }
 
-// What is wrong where a command stands that there is none of; empty where that is not the trouble.
+// The error for an unknown command; empty if the command is known.
 std::string unknownCommand(const CLI::App& command, const std::vector<std::string>& left) {
   std::set<std::string> known;
   for (const CLI::App* each : command.get_subcommands([](const CLI::App*) { return true; }))
@@ -103,7 +103,7 @@ int runCommandLine(std::vector<std::string> arguments, std::ostream& out, std::o
     err << "pinlampctl: " << refusal.what() << '\n';
   } catch (const Json::exception& error) {
     err << "pinlampctl: pinlampd at " << context.socket
-        << " sent what was not expected: " << Zel::printable(error.what()) << '\n';
+        << " sent an unexpected message: " << Zel::printable(error.what()) << '\n';
   }
   return kRefused;
 }

@@ -16,11 +16,11 @@ namespace {
 
 using Names = std::set<std::string>;
 
-// Where the cursor is in the command line.
+// The cursor's position in the command line.
 struct Position {
   const CLI::App* command = nullptr;
   const Completions* completions = nullptr;
-  const CLI::Option* valueOf = nullptr;    // the option whose value stands there
+  const CLI::Option* valueOf = nullptr;    // the option whose value comes next
   std::vector<std::string> positionals{};  // given so far to `command`
   std::string socket{};                    // as given; empty: none
 };
@@ -58,7 +58,7 @@ void takeWord(Position& at, const std::string& word) {
   }
 }
 
-// The positional argument that the next word would be; the last one goes on where it takes many.
+// The positional argument that the next word fills; null if none. The last one repeats if it takes many.
 const CLI::Option* nextPositional(const Position& at) {
   std::vector<const CLI::Option*> positionals;
   for (const CLI::Option* option : at.command->get_options())
@@ -95,7 +95,7 @@ Names pinNames(Client& client) {
   return names;
 }
 
-// The paths' next component after `begun`, with a '/' where more follows.
+// The paths that begin with `begun`, cut after their next component; with a '/' if they have more.
 Names pathsFrom(Client& client, const std::string& begun) {
   Names names;
   for (const Json& entity : client.read("")) {
@@ -119,7 +119,7 @@ Names attributeNames(Client& client, const std::string& path) {
   return {names.begin(), names.end()};
 }
 
-// An object's path goes on by its next component; a '/' follows where more may.
+// The object paths that complete the last component of `begun`; with a '/' if they may have more.
 Names objectsFrom(Client& client, const std::string& begun) {
   const std::size_t slash = begun.rfind('/');
   const std::string above = slash == std::string::npos ? "" : begun.substr(0, slash);
@@ -173,7 +173,8 @@ Names fromHost(Client& client, Completes what, const Position& at, const std::st
   return {};
 }
 
-// What the argument at the cursor may be. A host that can't be asked is no error here: nobody reads one.
+// The candidates for the argument at the cursor. Ignores an unreachable host: the shell would not show an
+// error.
 Names argumentNames(Context& context, const Position& at, const CLI::Option* argument,
                     const std::string& begun) {
   const auto known = at.completions->find(argument);

@@ -23,21 +23,21 @@ std::string positionAt(const std::string& text, std::size_t offset) {
   return std::to_string(lineAt(text, offset)) + ':' + std::to_string(column + 1);
 }
 
-// What a parser's message says after its own idea of the place.
+// A parser's message without its own position.
 std::string reasonOf(const std::string& message) {
   const auto column = message.find("column ");
   const auto reason = message.find(": ", column == std::string::npos ? 0 : column);
   return reason == std::string::npos ? message : message.substr(reason + 2);
 }
 
-// Parses JSON, and notes keys that stand twice in one object.
+// Parses JSON, and adds an error for each duplicate key.
 Json parsed(const std::string& file, const std::string& text, std::vector<std::string>& errors) {
   std::vector<std::set<std::string>> keys;
   const auto watchKeys = [&](int, Json::parse_event_t event, Json& value) {
     if (event == Json::parse_event_t::object_start) keys.emplace_back();
     if (event == Json::parse_event_t::object_end) keys.pop_back();
     if (event == Json::parse_event_t::key && !keys.back().insert(value.get<std::string>()).second)
-      errors.push_back(file + ": the key " + value.dump() + " stands twice in one object; keep one");
+      errors.push_back(file + ": duplicate key " + value.dump() + " in an object; keep one");
     return true;
   };
   try {
@@ -56,7 +56,7 @@ Configuration::Configuration(std::string file, std::string text)
   const Json whole = parsed(file_, text_, errors);
   if (!whole.is_object())
     throw Refusal(file_ + ":1: found " + whole.type_name() +
-                  R"( where {PATH: {"type": TYPE, ATTRIBUTE: VALUE}} is right)");
+                  R"(, wanted {PATH: {"type": TYPE, ATTRIBUTE: VALUE}})");
   for (const auto& [path, entity] : whole.items()) {
     check(path, entity, errors);
     entities_[path] = entity;
@@ -66,25 +66,25 @@ Configuration::Configuration(std::string file, std::string text)
 
 void Configuration::check(const std::string& path, const Json& entity,
                           std::vector<std::string>& errors) const {
-  const std::string place = placeOf(path) + ": " + path;
+  const std::string position = positionOf(path) + ": " + path;
   if (!entity.is_object())
-    errors.push_back(place + ": found " + entity.type_name() +
-                     R"( where {"type": TYPE, ATTRIBUTE: VALUE} is right)");
+    errors.push_back(position + ": found " + entity.type_name() +
+                     R"(, wanted {"type": TYPE, ATTRIBUTE: VALUE})");
   else if (const auto type = entity.find("type"); type == entity.end() || !type->is_string())
-    errors.push_back(place + R"(: "type" is missing or no text; it is the entity's type, such as ")" +
+    errors.push_back(position + R"(: "type" is missing or not a string; it is the entity's type, such as ")" +
                      kLedType + '"');
 }
 
-std::string Configuration::placeOf(const std::string& key) const {
+std::string Configuration::positionOf(const std::string& key) const {
   const std::size_t at = text_.find(Json(key).dump());
   return at == std::string::npos ? file_ : file_ + ':' + std::to_string(lineAt(text_, at));
 }
 
-std::string Configuration::located(const std::string& complaint) const {
-  const std::string* place = nullptr;
+std::string Configuration::located(const std::string& error) const {
+  const std::string* longest = nullptr;
   for (const auto& [path, entity] : entities_)
-    if (complaint.starts_with(path) && (!place || path.size() > place->size())) place = &path;
-  return (place ? placeOf(*place) : file_) + ": " + complaint;
+    if (error.starts_with(path) && (!longest || path.size() > longest->size())) longest = &path;
+  return (longest ? positionOf(*longest) : file_) + ": " + error;
 }
 
 Json Configuration::puts() const {
@@ -100,8 +100,8 @@ Json Configuration::puts() const {
 
 namespace {
 
-// Whether agents say what stands at a path, those that are not running now included.
-bool isDerived(const std::string& path, const std::vector<std::string>& filled) {
+// Whether agents, running or not, fill the path.
+bool isFilled(const std::string& path, const std::vector<std::string>& filled) {
   return isUnder(path, Paths::kPins) || isUnder(path, Paths::kLineStatus) ||
          std::ranges::any_of(filled, [&](const std::string& each) { return isUnder(path, each); });
 }
@@ -110,8 +110,8 @@ bool leadsTo(const std::string& path, const std::vector<std::string>& filled) {
   return std::ranges::any_of(filled, [&](const std::string& each) { return isUnder(each, path); });
 }
 
-// Whether the host's entity has a type or an attribute that the wanted one does not, so that storing over it
-// would not do.
+// Whether the host's entity must be deleted first: its type differs, or it has an attribute that the wanted
+// one lacks.
 bool mustGo(const Json& found, const Json* wanted) {
   if (!wanted || found.at("type") != wanted->at("type")) return true;
   for (const auto& [attribute, value] : found.at("attributes").items())
@@ -127,7 +127,7 @@ Json Configuration::dels(const Json& entities, const std::vector<std::string>& f
     const std::string path = found.at("path");
     const auto wanted = entities_.find(path);
     const bool goesWithLast = !changes.empty() && isUnder(path, changes.back().at("path").get<std::string>());
-    if (!isDerived(path, filled) && !leadsTo(path, filled) && !goesWithLast &&
+    if (!isFilled(path, filled) && !leadsTo(path, filled) && !goesWithLast &&
         mustGo(found, wanted == entities_.end() ? nullptr : &wanted->second))
       changes.push_back({{"op", "del"}, {"path", path}});
   }
@@ -157,7 +157,7 @@ std::string wholeText(const Json& entities) {
 std::string configurationText(const Json& entities, const std::vector<std::string>& filled) {
   Json kept = Json::array();
   for (const Json& entity : entities)
-    if (!isDerived(entity.at("path"), filled)) kept.push_back(entity);
+    if (!isFilled(entity.at("path"), filled)) kept.push_back(entity);
   return wholeText(kept);
 }
 

@@ -1,4 +1,4 @@
-// The configuration file: {PATH: {"type": TYPE, ATTRIBUTE: VALUE, …}, …}, one entity a line when written.
+// The configuration file: {PATH: {"type": TYPE, ATTRIBUTE: VALUE, …}, …}, written with one entity per line.
 #pragma once
 
 #include <map>
@@ -11,34 +11,34 @@ namespace Ctl {
 
 class Configuration {
  public:
-  // Reads a file's text; `file` is what errors call it. Throws Refusal with everything that is wrong, one
-  // thing a line, each with its place: FILE:LINE: …, or FILE:LINE:COLUMN: … for text that is no JSON.
+  // Parses a file's text; `file` names it in errors. Throws Refusal with all errors, one per line:
+  // FILE:LINE: …, or FILE:LINE:COLUMN: … for a JSON syntax error.
   Configuration(std::string file, std::string text);
 
-  // The changes that store everything, an entity before what stands under it.
+  // The changes that store every entity, each before those under it.
   Json puts() const;
-  // The changes that remove what is in `entities` (as read from the host) but not here, so that after them
-  // and puts() the host has this configuration and nothing else, but for what agents fill at and under the
-  // paths in `filled`.
+  // The changes that remove what `entities` (as read from the host) has and this configuration lacks. After
+  // them and puts() the host has exactly this configuration, except at and under the paths in `filled`, which
+  // agents fill.
   Json dels(const Json& entities, const std::vector<std::string>& filled) const;
 
   std::size_t size() const { return entities_.size(); }
-  // The host's complaint, which begins with a path, with the place in the file in front.
-  std::string located(const std::string& complaint) const;
+  // Prefixes an error of the host, which begins with a path, with the path's position in the file.
+  std::string located(const std::string& error) const;
 
  private:
   void check(const std::string& path, const Json& entity, std::vector<std::string>& errors) const;
-  std::string placeOf(const std::string& key) const;
+  std::string positionOf(const std::string& key) const;
 
   const std::string file_;
   const std::string text_;
   std::map<std::string, Json> entities_;  // by path: all attributes, and "type"
 };
 
-// The file's text for entities as the host sends them. What agents derive is left out: pins, states of lines,
-// and what stands at and under the paths in `filled`.
+// The file's text for entities as read from the host, without those that agents fill: pins, line status, and
+// everything at and under the paths in `filled`.
 std::string configurationText(const Json& entities, const std::vector<std::string>& filled);
-// The same with all of it.
+// The file's text for all of the entities.
 std::string wholeText(const Json& entities);
 
 }  // namespace Ctl

@@ -15,7 +15,7 @@ class Context {
  public:
   Context(std::ostream& output, std::ostream& errors) : out(output), err(errors) {}
 
-  // The connection, made on first use. Waits up to `wait` seconds for a host whose mounts are complete.
+  // The connection, opened on first use. Waits up to `wait` seconds for a host whose mounts are complete.
   Client& client();
 
   std::ostream& out;
@@ -29,10 +29,10 @@ class Context {
   std::unique_ptr<Client> client_;
 };
 
-// Tells a person something beside the result.
+// Prints a remark on the error stream.
 void note(Context& context, const std::string& text);
 
-// Each adds one group of commands.
+// Each adds the commands of one file.
 void addConfigCommands(Command& above, Context& context);  // load, dump
 void addLedCommands(Command& above, Context& context);     // led …
 void addMapCommands(Command& above, Context& context);     // map …

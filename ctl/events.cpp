@@ -15,7 +15,7 @@ Instant afterSeconds(std::optional<double> seconds) {
   if (!seconds) return kNever;
   constexpr double kMost = 1e9;
   if (!(*seconds >= 0.0 && *seconds <= kMost))
-    throw UsageError("--for " + shortNumber(*seconds) + ": a number of seconds from 0 to 1e9 is right");
+    throw UsageError("--for " + shortNumber(*seconds) + ": wanted seconds from 0 to 1e9");
   const std::chrono::duration<double> span(*seconds);
   return std::chrono::steady_clock::now() +
          std::chrono::duration_cast<std::chrono::steady_clock::duration>(span);
@@ -36,8 +36,8 @@ Events::~Events() {
 
 namespace {
 
-// Milliseconds that poll should wait at most, rounded up; -1 for ever.
-int patience(Instant deadline) {
+// The timeout for poll() in milliseconds, rounded up; -1: infinite.
+int pollTimeout(Instant deadline) {
   if (deadline == kNever) return -1;
   const auto now = std::chrono::steady_clock::now();
   if (deadline <= now) return 0;
@@ -60,7 +60,7 @@ Event Events::next(Client* client, Instant deadline) {
         return {Event::Kind::notification, std::move(*notification), 0};
     pollfd entries[] = {
         {signals_, POLLIN, 0}, {keys_, POLLIN, 0}, {client ? client->descriptor() : -1, POLLIN, 0}};
-    const int ready = poll(entries, std::size(entries), patience(deadline));
+    const int ready = poll(entries, std::size(entries), pollTimeout(deadline));
     if (ready == 0) return {};
     if (entries[0].revents) return signalFrom(signals_);
     char key = 0;

@@ -1,4 +1,4 @@
-// Waiting for whatever happens first: the host tells something, a signal, a key, or a time.
+// Waits for the first of: a notification of the host, a signal, a key, a deadline.
 #pragma once
 
 #include <signal.h>
@@ -14,8 +14,7 @@ namespace Ctl {
 using Instant = std::chrono::steady_clock::time_point;
 inline constexpr Instant kNever = Instant::max();
 
-// `seconds` from now; never where none are given. Throws UsageError where the number is negative or none at
-// all.
+// `seconds` from now; kNever if not given. Throws UsageError if the number is negative, above 1e9 or NaN.
 Instant afterSeconds(std::optional<double> seconds);
 
 struct Event {
@@ -25,7 +24,7 @@ struct Event {
   int number = 0;  // of the signal; the character of the key
 };
 
-// While it lives, the signals that it was made for arrive as events and do nothing else.
+// Blocks the given signals while it lives, and delivers them as events.
 class Events {
  public:
   explicit Events(std::initializer_list<int> signals);
@@ -33,11 +32,11 @@ class Events {
   Events(const Events&) = delete;
   Events& operator=(const Events&) = delete;
 
-  // Keys are read from this descriptor from now on; -1 for none.
+  // Reads keys from this descriptor; -1: none.
   void keysFrom(int descriptor) { keys_ = descriptor; }
 
-  // The next event; of kind deadline once that has passed and nothing else is waiting. Null for no client.
-  // Throws ConnectionLost.
+  // Waits for the next event: Kind::deadline once that has passed and nothing is pending. `client` may be
+  // null. Throws ConnectionLost.
   Event next(Client* client, Instant deadline);
 
  private:

@@ -22,7 +22,7 @@ LedAgent::LedAgent(Client& host, const Json& status) {
   }
   for (const Process& process : processesOf(status)) {
     try {
-      own_ = std::make_unique<Client>(process.socket, kProcessPatience);
+      own_ = std::make_unique<Client>(process.socket, kProcessTimeout);
       socket_ = process.socket;
       if (findIn(*own_)) return;
     } catch (const ConnectionLost& lost) {
@@ -31,10 +31,10 @@ LedAgent::LedAgent(Client& host, const Json& status) {
       error_ = refusal.what();
     }
   }
-  if (!status.contains("processes")) error_ = "the host doesn't tell which processes run agents";
+  if (!status.contains("processes")) error_ = "the host does not list the processes that run agents";
 }
 
-// The first agent of a process goes by "agent" as well.
+// "agent" is an alias of a process's first agent.
 bool LedAgent::findIn(Client& client) {
   const Json objects = callObject(client, "list", "");
   bool first = true;

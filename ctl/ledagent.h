@@ -12,32 +12,33 @@ namespace Ctl {
 
 class LedAgent {
  public:
-  // Looks among the agents of `host`, which keeps the state and must outlive this, and then in the processes
-  // that announced themselves in its `status`.
+  // Searches the agents of `host`, which keeps the state and must outlive this, then the processes announced
+  // in its `status`.
   LedAgent(Client& host, const Json& status);
 
-  // Whether it runs; not known where a process that may have it can't be asked.
+  // nullopt if a process that may run it does not answer.
   std::optional<bool> runs() const;
-  // Why that is not known; one line.
+  // Why runs() is unknown; one line.
   const std::string& error() const { return error_; }
-  // Its path among the objects of its process, and that process's socket; empty for the host's.
+  // Its object path in its process, and that process's control socket; empty: the host's own.
   const std::string& path() const { return path_; }
   const std::string& socket() const { return socket_; }
 
-  // The pins that it drives for an LED, by colour: those of its mapping when that became ready. Nothing where
-  // it has made none. These throw Refusal where it can't be asked. REQUIRES: runs() is true.
+  // The following throw Refusal if the agent does not answer. REQUIRES: runs() is true.
+
+  // The pins that it drives for an LED, by colour: those of the mapping when it became ready. nullopt if it
+  // has created none.
   std::optional<PerColour<std::vector<std::string>>> pinsOf(const std::string& led) const;
 
-  // Whether one of these pins is no longer what the state database has under its name: another LED's mapping
-  // took it along when it went.
+  // Whether one of these pins is gone from the state database: it was removed with another LED's mapping.
   bool isDetached(const std::string& led, std::size_t colour, const std::string& pin) const;
 
   // The state machine of one LED.
   struct Machine {
     std::string path;
     bool initialized = false;
-    bool lit = false;              // the phase of flashing that its last tick showed
-    std::optional<double> tickIn;  // seconds; nothing: no tick is due
+    bool lit = false;              // the flash phase of its last tick
+    std::optional<double> tickIn;  // seconds; nullopt: no tick is pending
   };
   std::optional<Machine> machineOf(const std::string& led) const;
 
@@ -47,7 +48,7 @@ class LedAgent {
   std::string pinsPath(const std::string& led, std::size_t colour) const;
   bool hasMember(const std::string& collection, const std::string& name) const;
 
-  Client* client_ = nullptr;  // of the process that has it; null: none was found
+  Client* client_ = nullptr;  // of its process; null: not found
   std::unique_ptr<Client> own_;
   std::string path_;
   std::string socket_;

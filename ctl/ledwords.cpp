@@ -25,7 +25,7 @@ void checkTogether(const LedWords& words, std::optional<double> flash) {
   if (words.colours.empty() && !flash)
     throw UsageError("led set: no colour is given; colours are " + colourList());
   const bool off = std::count(words.colours.begin(), words.colours.end(), "off") != 0;
-  if (off && words.colours.size() > 1) throw UsageError("led set: 'off' stands alone, without other colours");
+  if (off && words.colours.size() > 1) throw UsageError("led set: 'off' can't be combined with colours");
   if (off && flash.value_or(0.0) != 0.0)
     throw UsageError("led set: an LED that is off can't flash; leave out --flash");
 }

@@ -1,4 +1,4 @@
-// What people write after `led set`: names, then colours.
+// The arguments of `led set`: names, then colours.
 #pragma once
 
 #include <optional>
@@ -12,22 +12,21 @@ namespace Ctl {
 
 struct LedWords {
   std::vector<std::string> names;
-  std::vector<std::string> colours;  // of the colour table, or "off" alone; none to keep those that are set
+  std::vector<std::string> colours;  // of the colour table, or only "off"; empty: keep those that are set
 };
 
 // "orange, green, red, yellow or off".
 std::string colourList();
 // Splits the words at the first colour after the first name, and checks them and the flash interval. Throws
-// UsageError where neither a colour nor an interval is given or they contradict each other, Refusal for an
-// unknown colour or an impossible interval.
+// UsageError if neither a colour nor an interval is given or they contradict each other, Refusal for an
+// unknown colour or an invalid interval.
 LedWords splitLedWords(const std::vector<std::string>& words, std::optional<double> flash);
 
-// The LEDs that the names mean. Throws Refusal; a name after the first may have been meant as a colour, so
-// that the text lists these too.
+// Expands the names to those of LEDs. Throws Refusal; a name after the first may be a mistyped colour, so the
+// message lists the colours too.
 std::vector<std::string> expandLedWords(const LedWords& words, const std::set<std::string>& known);
 
-// A light setting like `before` with other colours (where any are given) and another interval: steady where
-// only colours are given.
+// `before` with the given colours, if any, and interval; steady if only colours are given.
 Json lightSetting(Json before, const std::vector<std::string>& colours, std::optional<double> flash);
 
 }  // namespace Ctl

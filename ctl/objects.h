@@ -10,7 +10,7 @@ namespace Ctl {
 // Performs `operation` (tree, list, get, set, delete, iterate, invoke) at a path. Throws Refusal.
 Json callObject(Client& client, const std::string& operation, const std::string& path,
                 Json arguments = Json::array());
-// What a person typed for a value: JSON, or the text itself where it is none.
+// A value from the command line: JSON, or a string if it is not valid JSON.
 Json argumentOf(const std::string& text);
 
 }  // namespace Ctl

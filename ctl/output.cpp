@@ -15,9 +15,10 @@ namespace {
 
 std::size_t bytesOf(unsigned char lead) { return lead < 0xc0 ? 1 : lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4; }
 
-constexpr unsigned kLeadBits[] = {0x7f, 0x1f, 0x0f, 0x07};  // of a character of so many bytes, less one
+// Payload bits of the lead byte, by length of the UTF-8 sequence less one.
+constexpr unsigned kLeadBits[] = {0x7f, 0x1f, 0x0f, 0x07};
 
-// Characters that are escaped as \u and four digits.
+// A character as \uXXXX.
 std::string escapedCode(std::string_view character) {
   unsigned code = static_cast<unsigned char>(character[0]) & kLeadBits[character.size() - 1];
   for (const char next : character.substr(1)) code = code << 6 | (static_cast<unsigned char>(next) & 0x3fU);
@@ -26,7 +27,7 @@ std::string escapedCode(std::string_view character) {
   return text;
 }
 
-bool isShownAsItIs(std::string_view character) {
+bool isPlain(std::string_view character) {
   return (character[0] >= 0x20 && character[0] < 0x7f) || character == "\n" ||
          Zel::printable(character) == character;
 }
@@ -38,7 +39,7 @@ std::string jsonText(const Json& value, int indent) {
   const std::string dumped = value.dump(indent);
   for (std::string_view rest = dumped; !rest.empty();) {
     const std::string_view character = rest.substr(0, bytesOf(static_cast<unsigned char>(rest[0])));
-    text += isShownAsItIs(character) ? std::string(character) : escapedCode(character);
+    text += isPlain(character) ? std::string(character) : escapedCode(character);
     rest.remove_prefix(character.size());
   }
   return text;

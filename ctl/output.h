@@ -1,4 +1,4 @@
-// How things are printed.
+// Output formats.
 #pragma once
 
 #include <iosfwd>
@@ -9,19 +9,19 @@
 
 namespace Ctl {
 
-// JSON in which everything that Zel::printable would write out is escaped: also what JSON itself would leave
-// as it is, DEL, the control characters above it, and marks that change the direction of what follows.
+// JSON with all characters escaped that Zel::printable escapes: more than JSON requires, namely DEL, C1
+// control characters and bidirectional marks.
 std::string jsonText(const Json& value, int indent = -1);
-// The same over several lines, for --json.
+// Prints the same, indented, for --json.
 void printJson(std::ostream& out, const Json& value);
-// JSON on one line, with a blank after ':' and ','.
+// JSON on one line, with a space after ':' and ','.
 std::string oneLine(const Json& value);
-// A text bare and printable, anything else as JSON.
+// A string without quotes, made printable; anything else as JSON.
 std::string bare(const Json& value);
-// The time of day now, UTC, as trace records have it: 2026-11-21T10:00:00.123456.
+// The current time, UTC, in the format of trace records: 2026-11-21T10:00:00.123456.
 std::string timeStamp();
 
-// Rows of texts, made printable, and printed with their columns aligned.
+// Aligned columns of cells, which are made printable.
 class Table {
  public:
   void add(std::vector<std::string> row);

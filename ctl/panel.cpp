@@ -36,7 +36,7 @@ struct PortName {
   std::vector<unsigned> numbers;
 };
 
-// No numbers where the name is not a port's.
+// `numbers` is empty if the name is not a port's.
 PortName portName(const std::string& name) {
   static const std::regex form("([A-Za-z][A-Za-z_-]*)([0-9]{1,4})(/[0-9]{1,4})?(/[0-9]{1,4})?");
   std::smatch match;
@@ -92,7 +92,7 @@ PanelLayout panelLayout(const std::vector<Lamp>& lamps) {
 
 namespace {
 
-// Text whose width on the screen is known, whatever escape sequences it holds.
+// Text and its width on the screen, which escape sequences don't add to.
 struct Cell {
   std::string text;
   std::size_t width = 0;
@@ -121,7 +121,7 @@ std::array<int, 3> mixed(const PerColour<bool>& shows) {
   return rgb;
 }
 
-// The only colour that shows; null where several do, or none.
+// The colour that is shown; null if none is, or several are.
 const Colour* onlyColour(const PerColour<bool>& shows) {
   const auto first = std::find(shows.begin(), shows.end(), true);
   if (std::count(shows.begin(), shows.end(), true) != 1) return nullptr;
@@ -163,7 +163,7 @@ Cell lampCell(const Lamp& lamp, const Look& look) {
   return Cell(std::string(1, only ? only->letter : '*'));
 }
 
-// The lanes of one port, side by side.
+// Two ports, one above the other; the lanes of each are side by side.
 struct Column {
   std::vector<const Lamp*> above, below;
   unsigned numberAbove = 0, numberBelow = 0;
@@ -174,13 +174,13 @@ std::vector<Column> columnsOf(const PortBlock& block) {
   const bool fromZero =
       std::any_of(block.ports.begin(), block.ports.end(), [](const Port& port) { return port.number == 0; });
   for (const Port& port : block.ports) {
-    const unsigned place = port.number - (fromZero ? 0 : 1);
-    Column& column = columns[place / 2];
-    (place % 2 == 0 ? column.above : column.below).push_back(port.lamp);
-    (place % 2 == 0 ? column.numberAbove : column.numberBelow) = port.number;
+    const unsigned index = port.number - (fromZero ? 0 : 1);
+    Column& column = columns[index / 2];
+    (index % 2 == 0 ? column.above : column.below).push_back(port.lamp);
+    (index % 2 == 0 ? column.numberAbove : column.numberBelow) = port.number;
   }
   std::vector<Column> sorted;
-  for (auto& [place, column] : columns) sorted.push_back(std::move(column));
+  for (auto& [index, column] : columns) sorted.push_back(std::move(column));
   return sorted;
 }
 
@@ -199,7 +199,7 @@ Cell lampsCell(const std::vector<const Lamp*>& lamps, const Look& look) {
   return cell;
 }
 
-// Right-aligned, as port numbers are read.
+// Appends a cell, right-aligned in `width` columns.
 void append(Cell& line, const Cell& cell, std::size_t width) {
   line.padTo(line.width + width - std::min(width, cell.width));
   line += cell;
@@ -214,7 +214,7 @@ void appendColumn(Cells& band, const Column& column, const Look& look) {
   append(band[3], numberCell(column.below, column.numberBelow, look), width);
 }
 
-// A block's lines; columns that don't fit beside each other go into further bands below.
+// A block's lines. Columns beyond the width wrap into further bands below.
 Cells blockLines(const PortBlock& block, const Look& look, std::size_t width) {
   Cells lines;
   Cells band(4);
@@ -297,7 +297,7 @@ std::string summary(const std::vector<Lamp>& lamps) {
   return text;
 }
 
-// At most `width` columns of a text of one byte a column.
+// The first `width` columns of ASCII text.
 std::string cut(const std::string& ascii, std::size_t width) { return ascii.substr(0, width); }
 
 }  // namespace

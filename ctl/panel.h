@@ -8,7 +8,7 @@
 
 namespace Ctl {
 
-// How a terminal can show things.
+// What a terminal can display.
 struct Look {
   enum class Colours { none, ansi16, ansi256, truecolor };
   Colours colours = Colours::none;
@@ -18,14 +18,14 @@ struct Look {
 // From the environment: NO_COLOR, COLORTERM, TERM, and the locale.
 Look lookOf(const char* (*variable)(const char* name));
 
-// A port's place among the others.
+// The LED of a port, or of one of its lanes.
 struct Port {
   const Lamp* lamp = nullptr;
   unsigned number = 0;
   unsigned lane = 0;
 };
 
-// Ports that stand together: one chassis, or one slot of it.
+// Adjacent ports: those of a chassis, or of one slot.
 struct PortBlock {
   std::string title;
   std::vector<Port> ports;  // by number, then lane
@@ -36,9 +36,9 @@ struct PanelLayout {
   std::vector<const Lamp*> others;
 };
 
-// Sorts LEDs into port blocks and others. Ports are names of one word and numbers, such as Ethernet7,
-// Ethernet3/1 or Ethernet4/12/1, that at least four LEDs share; the last number is the lane of a port with at
-// most eight lanes, else the port of a slot. `lamps` must outlive the layout.
+// Sorts LEDs into port blocks and others, by name: a port's is a word and numbers, such as Ethernet7,
+// Ethernet3/1 or Ethernet4/12/1, and at least four LEDs share the word. The last number is a lane where ports
+// have at most eight, else a port within a slot. `lamps` must outlive the layout.
 PanelLayout panelLayout(const std::vector<Lamp>& lamps);
 
 struct PanelSize {
@@ -46,8 +46,7 @@ struct PanelSize {
   std::size_t rows = 24;
 };
 
-// One frame, a line each, with the escape sequences of `look`; no line is wider than the size. `title` stands
-// in the first line.
+// The lines of one frame, with the escape sequences of `look`, no larger than `size`. The first is the title.
 std::vector<std::string> panelFrame(const std::vector<Lamp>& lamps, const std::string& title,
                                     const Look& look, const PanelSize& size);
 

@@ -28,10 +28,10 @@ std::optional<bool> isFilled(const Json& status, const std::string& path) {
 
 namespace {
 
-// The process's own status, or what it is that keeps it from answering.
+// The process's own status, or why it does not answer.
 Json reportOf(const Json& process) {
   try {
-    return {{"status", Client(process.at("socket"), kProcessPatience).call("status")}};
+    return {{"status", Client(process.at("socket"), kProcessTimeout).call("status")}};
   } catch (const ConnectionLost& lost) {
     return {{"error", lost.reason()}};
   } catch (const std::exception& error) {

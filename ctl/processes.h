@@ -16,19 +16,19 @@ struct Process {
   std::int64_t pid = 0;
   std::string socket;              // its control socket
   Json agents = Json::array();     // {"name", "library"} each
-  std::vector<std::string> fills;  // paths that only its agents write under
+  std::vector<std::string> fills;  // paths that only its agents write at and under
 };
 
-// How long a process may take for an answer: a person waits, and it may hang.
-inline constexpr std::chrono::seconds kProcessPatience{2};
+// The timeout of calls to another process, which may hang while the user waits.
+inline constexpr std::chrono::seconds kProcessTimeout{2};
 
 // From the answer to `status` of the host that keeps the state.
 std::vector<Process> processesOf(const Json& status);
-// Whether an agent runs that fills what stands at `path`; not known where the host doesn't know either.
+// Whether a running agent fills `path`; nullopt if the host doesn't list its processes.
 std::optional<bool> isFilled(const Json& status, const std::string& path);
 
-// Adds to a host's status what the agents in other processes do: their machines and published values to the
-// host's own, and each process's own status, or why it has none ("error"), to its entry in "processes".
+// Adds the status of other processes to the host's: their machines and published values to its counts, and
+// each process's own status, or why it has none ("error"), to its entry in "processes".
 void addProcesses(Json& status);
 
 }  // namespace Ctl

@@ -1,4 +1,4 @@
-// How commands fail.
+// The errors of commands.
 #pragma once
 
 #include <stdexcept>
@@ -7,16 +7,16 @@
 
 namespace Ctl {
 
-// A command can't do as told. The text says what, where, why and what would be right: one line, or one line
-// for each thing that is wrong. Ends the program with status 1.
+// A command failed. The message says what, where, why and what would be right, one line for each error. Exit
+// status 1.
 class Refusal : public std::runtime_error {
  public:
-  // The texts may quote what came from anywhere: it is made printable.
+  // Makes the lines printable, as they may quote input.
   explicit Refusal(const std::string& line);
   explicit Refusal(const std::vector<std::string>& lines);
 };
 
-// A command line that makes no sense, whatever the host knows. Ends the program with status 2.
+// The command line is invalid, whatever the host's state. Exit status 2.
 class UsageError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;

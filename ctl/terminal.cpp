@@ -9,12 +9,12 @@
 namespace Ctl {
 
 namespace {
-// The alternate screen, without a cursor and without wrapping; and back.
+// Enters and leaves the alternate screen, without cursor and line wrapping.
 constexpr char kEnter[] = "\x1b[?1049h\x1b[?25l\x1b[?7l\x1b[2J";
 constexpr char kLeave[] = "\x1b[?7h\x1b[?25h\x1b[?1049l";
 constexpr char kHome[] = "\x1b[H";
 constexpr char kEraseLine[] =
-    "\x1b[2K";  // before the text: after a full line it would take the last character
+    "\x1b[2K";  // before the text: after a full line it would erase the last character
 constexpr char kEraseBelow[] = "\x1b[J";
 }  // namespace
 

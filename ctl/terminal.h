@@ -1,4 +1,4 @@
-// The terminal while a command has all of it.
+// Full-screen mode of the terminal.
 #pragma once
 
 #include <termios.h>
@@ -10,8 +10,8 @@
 
 namespace Ctl {
 
-// Takes the screen and the keyboard over while it lives, and gives both back as they were. Line input and
-// echo are off; Ctrl-C and Ctrl-Z still make signals.
+// Switches to the alternate screen, with line editing and echo off, and restores both on destruction. Ctrl-C
+// and Ctrl-Z still raise signals.
 class Terminal {
  public:
   Terminal() { enter(); }
@@ -21,7 +21,7 @@ class Terminal {
 
   PanelSize size() const;
   void draw(const std::vector<std::string>& lines);
-  // Stops the process as Ctrl-Z does, with the terminal given back meanwhile.
+  // Stops the process as Ctrl-Z does, with the terminal restored meanwhile.
   void suspend();
 
  private:
@@ -30,7 +30,7 @@ class Terminal {
   static void write(const std::string& text);
 
   termios before_{};
-  bool keyboard_ = false;  // whether `before_` must be put back
+  bool keyboard_ = false;  // whether `before_` must be restored
 };
 
 }  // namespace Ctl

@@ -102,7 +102,7 @@ bool matches(const std::string& pattern, const std::string& name) {
 
 namespace {
 
-// Takes the leading number, or one character, off a name: the unit that names are compared by.
+// Removes and returns the leading number or character of a name: the unit of comparison.
 std::string_view unitOf(std::string_view& name) {
   std::size_t length = 0;
   while (length < name.size() && isDigit(name[length])) ++length;
@@ -130,7 +130,7 @@ bool naturallyBefore(std::string_view a, std::string_view b) {
 
 namespace {
 
-// How many characters must be inserted, removed or replaced to turn one text into the other, case aside.
+// Levenshtein distance, ignoring case.
 std::size_t distance(std::string_view a, std::string_view b) {
   std::vector<std::size_t> row(b.size() + 1);
   std::iota(row.begin(), row.end(), 0U);

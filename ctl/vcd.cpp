@@ -13,7 +13,7 @@ namespace Ctl {
 
 namespace {
 
-// The shortest code of printable characters for the wire of that number.
+// The shortest identifier code of printable characters for a wire's number.
 std::string codeOf(std::size_t number) {
   constexpr std::size_t kFirst = '!';
   constexpr std::size_t kCodes = '~' - kFirst + 1;
@@ -23,7 +23,7 @@ std::string codeOf(std::size_t number) {
   return code;
 }
 
-// Blanks end a name, and brackets mean bits.
+// In VCD, spaces end a name and brackets select bits.
 std::string wireName(const std::string& pin) {
   std::string name = pin;
   for (char& c : name)
@@ -66,7 +66,7 @@ void VcdWriter::flush() {
   checkWritten();
 }
 
-// The new file is complete before it takes the place of the old one.
+// Writes a new file and renames it over the old one.
 void VcdWriter::rewrite() {
   std::ifstream old(file_, std::ios::binary);
   old.seekg(bodyAt_);
@@ -84,7 +84,7 @@ void VcdWriter::rewrite() {
 void VcdWriter::checkWritten() const {
   if (!out_)
     throw Refusal("can't write '" + file_ + "': " + std::strerror(errno) +
-                  "; what stands in it is complete up to here");
+                  "; the file is complete up to here");
 }
 
 void VcdWriter::finish(Time time) {

@@ -11,8 +11,8 @@
 
 namespace Ctl {
 
-// Writes one file, in which a pin is a wire: 1 for any value but 0, x while it is not driven. What has been
-// flushed is a complete file at any time. Throws Refusal where the file can't be written.
+// Writes one file, in which a pin is a wire: 1 for any value but 0, x while it is not driven. The file is
+// valid after every flush(). Throws Refusal if it can't be written.
 class VcdWriter {
  public:
   using Time = std::chrono::microseconds;  // since the recording began; never decreasing
@@ -20,8 +20,8 @@ class VcdWriter {
   // `date` goes into the header, for people.
   VcdWriter(std::string file, std::string date);
 
-  // A pin that was not known before is declared; once anything was flushed that means that the file is
-  // written anew with a longer header. A value that the pin already has is not written.
+  // Declares the pin if it is new; after the first flush, that rewrites the file with a longer header. Skips
+  // a value that the pin already has.
   void valueIs(Time time, const std::string& pin, std::optional<unsigned> value);
   void flush();
   // Ends the file at `time`, so that the last values have a length.
@@ -46,7 +46,7 @@ class VcdWriter {
   std::map<std::string, Wire> wires_;  // by pin
   std::string body_;                   // not yet in the file
   std::ofstream out_;
-  std::streamoff bodyAt_ = 0;  // where the body begins in the file; 0: no header yet
+  std::streamoff bodyAt_ = 0;  // offset of the body in the file; 0: no header yet
   bool complete_ = false;      // the header declares every wire
   Time time_{-1};
   std::size_t changes_ = 0;

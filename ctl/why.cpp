@@ -36,7 +36,7 @@ std::vector<std::string> othersWith(const std::string& pin, const std::string& l
   return others;
 }
 
-// The attributes of the entity at a path; null where there is none.
+// The attributes of the entity at a path; null if there is none.
 Json attributesAt(Client& client, const std::string& path) {
   const Json entities = client.read(path);
   return !entities.empty() && entities[0].at("path") == path ? entities[0].at("attributes") : Json();
@@ -52,7 +52,7 @@ PinFacts factsOf(Client& client, std::size_t colour, const std::string& name) {
   return pin;
 }
 
-// The LED may have changed since its pins were asked for: then nothing is known of this one.
+// False also if the pin is gone because the LED changed since its pins were read.
 bool isDetached(const LedAgent& agent, const std::string& led, std::size_t colour, const std::string& pin) {
   try {
     return agent.isDetached(led, colour, pin);
@@ -78,7 +78,7 @@ void addPins(Client& client, const LedAgent& agent, const Driven& driven, const 
       }
 }
 
-// What only the LED agent knows. Returns the pins that it drives.
+// Adds what only the LED agent knows. Returns the pins that it drives.
 Driven askAgent(const LedAgent& agent, Reasons& reasons) {
   const std::string& led = reasons.lamp.name;
   try {
@@ -120,8 +120,8 @@ namespace {
 // Judging
 // ---------------------------------------------------------------------------------------------------------
 
-// A tick is due that has not yet been told of the present setting: it was armed for a longer interval, or the
-// LED still shows a colour that is no longer set.
+// The pending tick predates the setting: it was armed for a longer interval, or the LED still shows a colour
+// that is no longer set.
 bool intervalIsNew(const Reasons& reasons) {
   return reasons.machine.tickIn && *reasons.machine.tickIn > reasons.lamp.flashInterval;
 }
@@ -144,12 +144,11 @@ std::string namesOf(const std::vector<std::string>& others) {
 // Describes a fault of the pin itself, not of its line; empty if there is none.
 std::string troubleOf(const Reasons& reasons, const PinFacts& pin) {
   const bool wanted = reasons.lamp.wanted[pin.colour];
-  if (pin.taken == false)
-    return "joined the mapping when that was ready and is not driven until it is re-wired";
+  if (pin.taken == false) return "was added to a ready mapping and is not driven until it is re-wired";
   if (pin.taken == true && (pin.detached || !pin.value))
-    return "went with the mapping of another LED and is not driven until it is re-wired";
+    return "was removed with the mapping of another LED and is not driven until it is re-wired";
   if (!pin.mapped && (wanted || pin.value != 0U))
-    return "left the mapping when that was ready and is driven until it is re-wired";
+    return "was removed from a ready mapping and is driven until it is re-wired";
   if (pin.value == 0U && !pin.others.empty() && shouldBeLit(reasons, pin))
     return "is also a pin of " + namesOf(pin.others) + ", which keeps it dark";
   if (pin.value.value_or(0) != 0 && !wanted && !pin.others.empty())
@@ -177,10 +176,10 @@ std::vector<std::string> troublesOfPins(const Reasons& reasons) {
   return texts;
 }
 
-// Why nothing drives the LED; empty where something does, or may.
+// Why nothing drives the LED; empty if something does, or may.
 std::string undriven(const Reasons& reasons) {
   if (reasons.driven == true) return {};
-  if (!reasons.lamp.mapped) return "no mapping names its pins";
+  if (!reasons.lamp.mapped) return "it has no mapping";
   if (!reasons.lamp.ready) return "its mapping is not ready";
   if (!reasons.lamp.configured) return "it has no setting";
   if (reasons.agentRuns == false) return "no LED agent runs: its pins stay as they are";
@@ -195,7 +194,7 @@ std::string asItIsSet(const Reasons& reasons) {
   return "it flashes " + joined(colours, "+");
 }
 
-// "0.5", "3,599": seconds as a person reads them.
+// Seconds as "0.5" or "3,599".
 std::string secondsText(double seconds) {
   if (seconds < 1000 || seconds >= 1e15) return shortNumber(std::round(seconds * 1000) / 1000);
   std::string digits = std::to_string(static_cast<long long>(seconds));

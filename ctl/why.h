@@ -1,4 +1,4 @@
-// Where an LED's state comes from: what is asked for, what it takes to show it, and what stands in the way.
+// Explains an LED's state: its setting, what it takes to show it, and what prevents that.
 #pragma once
 
 #include <optional>
@@ -10,47 +10,47 @@
 
 namespace Ctl {
 
-// Something that is so, is not so, or can't be known from here.
+// True, false or unknown.
 using Known = std::optional<bool>;
 // "yes", "no" or "not known".
 const char* text(Known fact);
 
 struct PinFacts {
-  std::size_t colour = 0;  // its place in kColours
+  std::size_t colour = 0;  // index in kColours
   std::string name;
-  bool mapped = false;                // the mapping names it
+  bool mapped = false;                // is in the mapping
   Known taken{};                      // the LED agent drives it for this LED
-  bool detached = false;              // but not under its name any more
-  std::optional<unsigned> value{};    // nothing: no such pin has been made
-  std::vector<std::string> others{};  // the other LEDs whose mappings name it
-  bool wired = false;                 // a GPIO line is given for it
-  Json line{};                        // how that fares; null where nothing says
+  bool detached = false;              // but it is gone from the state database
+  std::optional<unsigned> value{};    // nullopt: there is no such pin
+  std::vector<std::string> others{};  // other LEDs that have it in their mappings
+  bool wired = false;                 // a GPIO line is configured for it
+  Json line{};                        // the line's status; null if there is none
 };
 
 struct Reasons {
   Lamp lamp;
   Known agentRuns{};          // the LED agent
-  std::string agentError{};   // why that is not known
+  std::string agentError{};   // why `agentRuns` is unknown
   std::string agentSocket{};  // of the process that it runs in; empty for the host's own
   Known lineAgentRuns{};
   Known pinsMade{};
-  Known driven{};  // there is a machine
+  Known driven{};  // it has a machine
   LedAgent::Machine machine{};
   std::vector<PinFacts> pins{};
 
-  // What must hold for the LED to be driven, in words.
+  // The conditions for the LED to be driven.
   std::vector<std::pair<const char*, Known>> facts() const;
   bool flashes() const { return lamp.configured && lamp.flashInterval != 0.0; }
 };
 
-// Throws Refusal where there is no such LED.
+// Throws Refusal if there is no such LED.
 Reasons reasonsFor(Client& client, const std::string& led);
 
-// Why the LED shows what it shows: what stands in the way, or what it is set to.
+// Why the LED shows what it shows: what prevents its setting, or else the setting.
 std::vector<std::string> because(const Reasons& reasons);
-// The phase of flashing and the next tick; nothing unless the LED flashes and a tick is due.
+// The flash phase and the next tick; nullopt unless the LED flashes and a tick is pending.
 std::optional<std::string> phaseText(const Reasons& reasons);
-// How a pin's line fares; empty where no lines are in use.
+// The status of a pin's line; empty if no lines are in use.
 std::string lineText(const PinFacts& pin, Known lineAgentRuns);
 
 }  // namespace Ctl

@@ -60,13 +60,12 @@ void addLoad(Command& app, Context& context) {
     bool replace = false;
   };
   const auto given = std::make_shared<Arguments>();
-  Command command =
-      app.add("load", "Brings a whole configuration in: all of it, or nothing where anything is wrong",
-              "pinlampctl load examples/switch-1u.json");
+  Command command = app.add("load", "Loads a configuration file, all or nothing",
+                            "pinlampctl load examples/switch-1u.json");
   command.argument("FILE", given->file, "The file, as dump writes it; - for standard input")
       .completes(Completes::file)
       .required();
-  command.flag("--replace", given->replace, "Remove what the file does not have");
+  command.flag("--replace", given->replace, "Delete entities that are not in the file");
   command.runs([&context, given] { load(context, given->file, given->replace); });
 }
 
@@ -76,10 +75,10 @@ void addDump(Command& app, Context& context) {
     bool all = false;
   };
   const auto given = std::make_shared<Arguments>();
-  Command command = app.add("dump", "Writes the configuration out, sorted, one entity a line",
+  Command command = app.add("dump", "Prints the configuration, sorted, one entity per line",
                             "pinlampctl dump hardware/led/config > leds.json");
-  command.argument("PATH", given->path, "Only what stands at and under this path").completes(Completes::path);
-  command.flag("--all", given->all, "Also what agents fill: pin values, states of lines");
+  command.argument("PATH", given->path, "Only entities at and under this path").completes(Completes::path);
+  command.flag("--all", given->all, "Include what agents fill: pin values, line status");
   command.runs([&context, given] { dump(context, given->path, given->all); });
 }
 

@@ -11,8 +11,7 @@ namespace Ctl {
 
 namespace {
 
-// What may have been meant by a path that nothing stands at: looks under the nearest path above that has
-// something.
+// Suggestions for a path without an entity: the nearest names under its nearest ancestor that has any.
 std::string pathHint(Client& client, const std::string& path) {
   const std::string above = parentPath(path);
   const std::size_t from = above.empty() ? 0 : above.size() + 1;
@@ -24,7 +23,7 @@ std::string pathHint(Client& client, const std::string& path) {
   return hint(path.substr(from), known) + (above.empty() ? "" : ", under " + above);
 }
 
-// The entity at `path` and all under it. Throws Refusal where there is nothing.
+// The entity at `path` and all under it. Throws Refusal if there are none.
 Json readSome(Client& client, const std::string& path) {
   Json entities = client.read(path);
   if (entities.empty() && !path.empty())
@@ -56,7 +55,7 @@ void printEntity(std::ostream& out, const Json& entity) {
     out << "  " << bare(name) << " = " << oneLine(value) << '\n';
 }
 
-// What stands under `path`, by the next component: an entity with its type, or how many entities there are.
+// Prints what is under `path` by its next component: an entity with its type, or a number of entities.
 void printMembers(std::ostream& out, const Json& entities, const std::string& path) {
   const std::size_t from = path.empty() ? 0 : path.size() + 1;
   std::map<std::string, std::size_t> below;
@@ -78,8 +77,7 @@ void getEntity(Context& context, const std::string& path, const std::string& att
   const Json entities = readSome(context.client(), path);
   const bool here = startsAt(entities, path);
   if (!attribute.empty() && !here)
-    throw Refusal("there is no entity at '" + path + "', though some stand under it; see: pinlampctl get " +
-                  path);
+    throw Refusal("there is no entity at '" + path + "', only under it; see: pinlampctl get " + path);
   if (!attribute.empty()) return getAttribute(context, entities.front(), attribute, json);
   if (json) {
     printJson(context.out, (here ? entities.front() : entities));
@@ -124,9 +122,9 @@ void listTypes(Context& context, bool json) {
     context.out << bare(type.at("name")) << (base.is_string() && base != "" ? " : " + bare(base) : "")
                 << '\n';
     Table table;
-    for (const Json& row : type.at("attributes"))
-      table.add({" ", row.at("name"), bare(row.value("kind", Json(""))), bare(row.value("type", Json(""))),
-                 row.value("stored", false) ? "stored" : ""});
+    for (const Json& attribute : type.at("attributes"))
+      table.add({" ", attribute.at("name"), bare(attribute.value("kind", Json(""))),
+                 bare(attribute.value("type", Json(""))), attribute.value("stored", false) ? "stored" : ""});
     table.print(context.out);
   }
 }
@@ -138,9 +136,9 @@ void addEntityGet(Command& app, Context& context) {
     bool json = false;
   };
   const auto given = std::make_shared<Arguments>();
-  Command command = app.add("get", "Shows an entity, its attributes and what stands under it",
+  Command command = app.add("get", "Shows an entity, its attributes and what is under it",
                             "pinlampctl get hardware/led/config/leds/Ethernet3%2F1 lightSetting");
-  command.argument("PATH", given->path, "A '/' within a name is written %2F (default: all)")
+  command.argument("PATH", given->path, "The entity, a '/' in its name written as %2F (default: all)")
       .completes(Completes::path);
   command.argument("ATTRIBUTE", given->attribute, "Only this attribute's value")
       .completes(Completes::attribute);
@@ -157,15 +155,16 @@ void addEntitySet(Command& app, Context& context) {
                             "pinlampctl set hardware/led/config/leds/Status lightSetting '{\"red\": true}'");
   command.argument("PATH", given->path, "The entity").completes(Completes::path).required();
   command.argument("ATTRIBUTE", given->attribute, "The attribute").completes(Completes::attribute).required();
-  command.argument("VALUE", given->value, "JSON, or a bare text").required();
-  command.argument("--type", given->type, "Make the entity where it is not there").completes(Completes::type);
+  command.argument("VALUE", given->value, "JSON, or a bare string").required();
+  command.argument("--type", given->type, "Create the entity, of this type, if it does not exist")
+      .completes(Completes::type);
   command.runs(
       [&context, given] { setAttribute(context, given->path, given->attribute, given->value, given->type); });
 }
 
 void addEntityDel(Command& app, Context& context) {
   const auto paths = std::make_shared<std::vector<std::string>>();
-  Command command = app.add("del", "Removes entities and everything under them",
+  Command command = app.add("del", "Deletes entities and everything under them",
                             "pinlampctl del hardware/led/config/leds/Beacon");
   command.argument("PATH", *paths, "The entities").completes(Completes::path).required();
   command.runs([&context, paths] { deleteEntities(context, *paths); });
@@ -173,7 +172,7 @@ void addEntityDel(Command& app, Context& context) {
 
 void addTypesCommand(Command& app, Context& context) {
   const auto json = std::make_shared<bool>(false);
-  Command command = app.add("types", "Lists the types of entities and their attributes", "pinlampctl types");
+  Command command = app.add("types", "Lists the entity types and their attributes", "pinlampctl types");
   command.jsonFlag(*json);
   command.runs([&context, json] { listTypes(context, *json); });
 }

@@ -142,7 +142,7 @@ void addTrace(Command& app, Context& context) {
   const auto given = std::make_shared<Arguments>();
   Command command = app.add("trace", "Shows or sets the trace levels of the running host",
                             "pinlampctl trace Pinlamp/3,6-9");
-  command.argument("FACILITY/LEVELS", given->levels, "Numbers and ranges; '*' for all, nothing for none")
+  command.argument("FACILITY/LEVELS", given->levels, "Numbers and ranges; '*' for all, empty for none")
       .completes(Completes::facility);
   command.jsonFlag(given->json);
   command.runs([&context, given] { trace(context, given->levels, given->json); });
@@ -150,7 +150,7 @@ void addTrace(Command& app, Context& context) {
 
 void addStatus(Command& app, Context& context) {
   const auto json = std::make_shared<bool>(false);
-  Command command = app.add("status", "Tells how the host is doing", "pinlampctl status");
+  Command command = app.add("status", "Shows the state of the host and its agents", "pinlampctl status");
   command.jsonFlag(*json);
   command.runs([&context, json] { showStatus(context, *json); });
 }

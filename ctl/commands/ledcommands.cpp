@@ -58,7 +58,7 @@ std::vector<Lamp> selected(std::vector<Lamp> lamps, const std::vector<std::strin
   return lamps;
 }
 
-// The pins that are lit although no mapping names them.
+// The lit pins that are in no mapping.
 std::set<std::string> strayPins(const std::vector<Lamp>& lamps, const PinValues& values) {
   std::set<std::string> stray;
   for (const auto& [pin, value] : values)
@@ -69,7 +69,7 @@ std::set<std::string> strayPins(const std::vector<Lamp>& lamps, const PinValues&
   return stray;
 }
 
-// Asks the LED agent, LED by LED, which of them shows the stray pins, and takes out those that were found.
+// Asks the LED agent which LEDs the stray pins belong to, adds them there, and removes those from `stray`.
 void addStrayPins(Client& client, const Mirror& mirror, std::vector<Lamp>& lamps,
                   std::set<std::string>& stray) {
   const LedAgent agent(client, client.call("status"));
@@ -103,7 +103,7 @@ void listLeds(Context& context, const std::vector<std::string>& patterns, bool j
   else
     table.print(context.out);
   if (patterns.empty() && !stray.empty())
-    note(context, "lit, and no mapping names them: " + joined({stray.begin(), stray.end()}));
+    note(context, "lit, but in no mapping: " + joined({stray.begin(), stray.end()}));
 }
 
 Json putLed(const std::string& led, Json setting) {
@@ -113,8 +113,7 @@ Json putLed(const std::string& led, Json setting) {
           {"attributes", {{"lightSetting", std::move(setting)}}}};
 }
 
-// Says which LEDs can't show what they are set to: not wrong, for not every LED has every colour, but seldom
-// meant.
+// Notes LEDs that are set to a colour without a pin: valid, but rarely intended.
 void noteMissingPins(Context& context, const std::vector<std::string>& names) {
   std::vector<std::string> lacking;
   for (const Lamp& lamp : selected(lampsOf(readAppliance(context.client())), names))
@@ -122,7 +121,7 @@ void noteMissingPins(Context& context, const std::vector<std::string>& names) {
   if (!lacking.empty()) note(context, "no pin for a colour that is set: " + joined(lacking));
 }
 
-// Stores what `words` ask for over the LEDs' present settings; fields that are no business of colours stay.
+// Applies `words` to the LEDs' settings. Other members of the settings, such as brightness, stay.
 void setLeds(Context& context, const LedWords& words, std::optional<double> flash) {
   Client& client = context.client();
   const std::vector<Lamp> lamps = lampsOf(readAppliance(client));
@@ -141,9 +140,8 @@ void addLedList(Command& led, Context& context) {
     bool json = false;
   };
   const auto given = std::make_shared<Arguments>();
-  Command command =
-      led.add("list", "Lists LEDs: what each should show, what it shows, its pins and their values",
-              "pinlampctl led list 'Ethernet4*'");
+  Command command = led.add("list", "Lists LEDs: their settings, what they show, their pins and values",
+                            "pinlampctl led list 'Ethernet4*'");
   command.argument("NAME", given->patterns, "Names or patterns (default: all)").completes(Completes::led);
   command.jsonFlag(given->json);
   command.runs([&context, given] { listLeds(context, given->patterns, given->json); });
@@ -155,7 +153,7 @@ void addLedSet(Command& led, Context& context) {
     double flash = 0.0;
   };
   const auto given = std::make_shared<Arguments>();
-  Command command = led.add("set", "Lights LEDs: the names or patterns first, then the colours",
+  Command command = led.add("set", "Sets LEDs: names or patterns, then colours",
                             "pinlampctl led set Status 'Ethernet3*' green --flash 0.5");
   command.argument("NAME... COLOUR", given->words, "LEDs; then orange, green, red, yellow or off")
       .completes(Completes::ledThenColour)
@@ -178,7 +176,7 @@ void addLedOff(Command& led, Context& context) {
 }  // namespace
 
 void addLedCommands(Command& app, Context& context) {
-  Command led = app.addGroup("led", "Sees and sets LEDs", "pinlampctl led list");
+  Command led = app.addGroup("led", "Shows and sets LEDs", "pinlampctl led list");
   addLedList(led, context);
   addLedSet(led, context);
   addLedOff(led, context);

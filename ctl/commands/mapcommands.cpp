@@ -52,16 +52,16 @@ bool namesOtherPins(const Json& before, const Json& after) {
   });
 }
 
-// A live LED keeps the pins of the time when its mapping became ready.
+// A driven LED keeps the pins that its mapping had when it became ready.
 void noteRewiring(Context& context, const std::string& led) {
   note(context,
        "the mapping of " + led +
-           " was ready: an LED that is driven keeps its pins until it is re-wired, which removes its "
-           "mapping and sets it again; see: pinlampctl map set " +
+           " was ready: a driven LED keeps its pins until it is re-wired, which deletes its mapping and "
+           "creates it again; see: pinlampctl map set " +
            led + " --rewire");
 }
 
-// Pins go with the mapping that is removed, whoever else names them.
+// Deleting a mapping deletes its pins, even those that are also in other mappings.
 void noteShared(Context& context, const std::string& led) {
   const auto lamps = mappedLamps(context);
   const auto own = std::ranges::find(lamps, led, &Lamp::name);
@@ -69,11 +69,12 @@ void noteShared(Context& context, const std::string& led) {
   for (const Lamp& lamp : lamps)
     if (own != lamps.end() && lamp.name != led && sharesPin(lamp, *own)) others.insert(lamp.name);
   if (!others.empty())
-    note(context, "pins of " + led + " are also named by LEDs that must be re-wired as well: " +
-                      joined({others.begin(), others.end()}));
+    note(context, "LEDs that share pins with " + led +
+                      " must be re-wired as well: " + joined({others.begin(), others.end()}));
 }
 
-// In one batch: agents see the mapping go, and then come again with what it had and what is given.
+// In one batch: for --rewire, agents see the mapping deleted, then created with its old and the given
+// attributes.
 void setMapping(Context& context, const MapArguments& given) {
   Client& client = context.client();
   const Json before = attributesNow(client, given.led);
@@ -123,9 +124,9 @@ void listMappings(Context& context, bool json) {
 
 void addMapSet(Command& map, Context& context) {
   const auto given = std::make_shared<MapArguments>();
-  Command command = map.add("set", "Says which pins light an LED; colours that are not given keep theirs",
+  Command command = map.add("set", "Maps pins to an LED; colours that are not given keep theirs",
                             "pinlampctl map set Status --green status_g --red status_r --ready");
-  command.argument("NAME", given->led, "The LED; made where there is none")
+  command.argument("NAME", given->led, "The LED; its mapping is created if there is none")
       .completes(Completes::led)
       .required();
   for (std::size_t i = 0; i < kColours.size(); ++i) {
@@ -134,23 +135,24 @@ void addMapSet(Command& map, Context& context) {
     given->options[i].completes(Completes::pin);
   }
   given->readyOption = command.flag("--ready,!--no-ready", given->ready,
-                                    "Whether the mapping is complete; nothing is driven before");
-  command.flag("--rewire", given->rewire,
-               "Remove the mapping and set it again, in one step: pins of a live LED change only so");
+                                    "Whether the mapping is complete; nothing is driven before that");
+  command.flag(
+      "--rewire", given->rewire,
+      "Delete the mapping and create it again, in one step: only this changes the pins of a driven LED");
   command.runs([&context, given] { setMapping(context, *given); });
 }
 
 void addMapDel(Command& map, Context& context) {
   const auto names = std::make_shared<std::vector<std::string>>();
   Command command =
-      map.add("del", "Removes LEDs' mappings, and with them their pins", "pinlampctl map del Beacon");
+      map.add("del", "Deletes the mappings of LEDs, and their pins", "pinlampctl map del Beacon");
   command.argument("NAME", *names, "Names or patterns").completes(Completes::led).required();
   command.runs([&context, names] { deleteMappings(context, *names); });
 }
 
 void addMapList(Command& map, Context& context) {
   const auto json = std::make_shared<bool>(false);
-  Command command = map.add("list", "Lists which pins light which LED", "pinlampctl map list");
+  Command command = map.add("list", "Lists the pins of each LED", "pinlampctl map list");
   command.jsonFlag(*json);
   command.runs([&context, json] { listMappings(context, *json); });
 }
@@ -158,7 +160,7 @@ void addMapList(Command& map, Context& context) {
 }  // namespace
 
 void addMapCommands(Command& app, Context& context) {
-  Command map = app.addGroup("map", "Says which pins light which LED", "pinlampctl map list");
+  Command map = app.addGroup("map", "Shows and sets which pins an LED has", "pinlampctl map list");
   addMapSet(map, context);
   addMapDel(map, context);
   addMapList(map, context);

@@ -21,7 +21,7 @@ Json argumentOf(const std::string& text) {
 
 namespace {
 
-// Returns whether the host left anything out.
+// Returns whether the host omitted anything.
 bool printTree(std::ostream& out, const Json& node, const std::string& above, std::size_t depth) {
   const std::string path = node.at("path");
   const std::string own = above.empty() ? path : path.substr(above.size() + 1);
@@ -41,7 +41,7 @@ void showTree(Context& context, const std::string& path, bool json) {
   if (json)
     printJson(context.out, node);
   else if (printTree(context.out, node, "", 0))
-    context.out << "The answer was cut; give the path of an object in the tree to see more of it.\n";
+    context.out << "The answer was truncated; give the path of an object in the tree to see more of it.\n";
 }
 
 // The value of an attribute that is neither an object nor a collection.
@@ -55,8 +55,8 @@ std::string objectText(Client& client, const std::string& path, const Json& attr
   return oneLine(value);
 }
 
-// Everything that an object publishes, with its values, and when it does something by itself; of one that
-// publishes nothing its type.
+// Prints an object's attributes with their values, and its next wake-up; only its type if it has no
+// attributes.
 void printObject(Context& context, const std::string& path, const Json& object) {
   Table table;
   const Json attributes = callObject(context.client(), "list", path);
@@ -107,10 +107,10 @@ struct Given {
   bool json = false;
 };
 
-// The path must be given unless it has a value already.
+// PATH is required unless `given->path` has a default.
 Command addObjectCommand(Command& object, const std::shared_ptr<Given>& given, const char* name,
-                         const char* does, const char* example) {
-  Command command = object.add(name, does, example);
+                         const char* description, const char* example) {
+  Command command = object.add(name, description, example);
   command.argument("PATH", given->path, "The object or attribute")
       .completes(Completes::object)
       .required(given->path.empty());
@@ -121,7 +121,7 @@ Command addObjectCommand(Command& object, const std::shared_ptr<Given>& given, c
 void addObjectTree(Command& object, Context& context) {
   const auto given = std::make_shared<Given>();
   given->path = "agent";
-  addObjectCommand(object, given, "tree", "Lists what lives under an object, with its types",
+  addObjectCommand(object, given, "tree", "Lists the objects under an object, with their types",
                    "pinlampctl object tree agent/configReactor")
       .runs([&context, given] { showTree(context, given->path, given->json); });
 }
@@ -129,7 +129,7 @@ void addObjectTree(Command& object, Context& context) {
 void addObjectGet(Command& object, Context& context) {
   const auto given = std::make_shared<Given>();
   Command command =
-      addObjectCommand(object, given, "get", "Prints an attribute, or everything that an object publishes",
+      addObjectCommand(object, given, "get", "Prints an attribute, or all attributes of an object",
                        "pinlampctl object get agent/configReactor/gpioLedStateMachine/Status/flashingState");
   command.runs([&context, given] { getObject(context, given->path, given->json); });
 }
@@ -137,9 +137,9 @@ void addObjectGet(Command& object, Context& context) {
 void addObjectSet(Command& object, Context& context) {
   const auto given = std::make_shared<Given>();
   Command command = addObjectCommand(
-      object, given, "set", "Sets an attribute, or makes a member of a collection, where the host allows it",
+      object, given, "set", "Sets an attribute, or creates a member of a collection, if the host allows it",
       "pinlampctl object set agent/configReactor/gpioLedStateMachine/Status/flashingState true");
-  command.argument("VALUE", given->values, "JSON, a bare text, or the name or path of an object");
+  command.argument("VALUE", given->values, "JSON, a bare string, or the name or path of an object");
   command.runs([&context, given] {
     printResult(context, callObject(context.client(), "set", given->path, argumentsOf(given->values)),
                 given->json);
@@ -149,7 +149,7 @@ void addObjectSet(Command& object, Context& context) {
 void addObjectDel(Command& object, Context& context) {
   const auto given = std::make_shared<Given>();
   Command command =
-      addObjectCommand(object, given, "del", "Removes an attribute or a member, where the host allows it",
+      addObjectCommand(object, given, "del", "Deletes an attribute or a member, if the host allows it",
                        "pinlampctl object del agent/configReactor/gpioLedStateMachine/Status");
   command.runs([&context, given] {
     printResult(context, callObject(context.client(), "delete", given->path), given->json);
@@ -159,10 +159,10 @@ void addObjectDel(Command& object, Context& context) {
 void addObjectCall(Command& object, Context& context) {
   const auto given = std::make_shared<Given>();
   Command command = addObjectCommand(
-      object, given, "call", "Invokes a procedure of an object, where the host allows it",
+      object, given, "call", "Invokes a procedure of an object, if the host allows it",
       "pinlampctl object call agent/configReactor/gpioLedStateMachine/Status handleCorvelGpioGreen Status 1");
   command.argument("PROCEDURE", given->procedure, "The procedure").completes(Completes::procedure).required();
-  command.argument("ARGUMENT", given->values, "JSON, a bare text, or the name or path of an object");
+  command.argument("ARGUMENT", given->values, "JSON, a bare string, or the name or path of an object");
   command.runs([&context, given] {
     const std::string path = given->path + '/' + given->procedure;
     printResult(context, callObject(context.client(), "invoke", path, argumentsOf(given->values)),
@@ -175,8 +175,8 @@ void addObjectCall(Command& object, Context& context) {
 void addObjectCommands(Command& app, Context& context) {
   Command object =
       app.addGroup("object",
-                   "Inspects live objects of the host by name, and drives them where it was started "
-                   "with --allow-object-writes",
+                   "Inspects live objects of the host by name, and changes them if it was started with "
+                   "--allow-object-writes",
                    "pinlampctl object tree");
   addObjectTree(object, context);
   addObjectGet(object, context);

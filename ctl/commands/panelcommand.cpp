@@ -23,7 +23,7 @@ void printOnce(Context& context) {
   for (const Lamp& lamp : lampsOf(readAppliance(context.client()))) context.out << plainLine(lamp) << '\n';
 }
 
-// Prints the lines that are not as they were printed last.
+// Prints the lines that changed.
 void printChanged(std::ostream& out, const std::vector<Lamp>& lamps,
                   std::map<std::string, std::string>& printed) {
   for (const Lamp& lamp : lamps) {
@@ -45,7 +45,7 @@ void printUntil(Context& context, Instant deadline) {
   }
 }
 
-// The live panel. A host that goes away is waited for; the last known state stays on the screen meanwhile.
+// The live panel. Reconnects to a host that went away; the last known state stays on the screen meanwhile.
 class LivePanel {
  public:
   LivePanel(std::string socket, Instant deadline)
@@ -84,18 +84,17 @@ class LivePanel {
   }
 
   void lose(const ConnectionLost& lost) {
-    trouble_ = std::string(lost.what()) + "; waiting for it";
+    trouble_ = std::string(lost.what()) + "; reconnecting";
     client_.reset();
     drawn_ = false;
   }
 
   std::vector<std::string> frame(const PanelSize& size) const {
-    const std::string title =
-        trouble_.empty() ? "Front panel, through " + socket_ + "  (q leaves)" : trouble_;
+    const std::string title = trouble_.empty() ? "Front panel, through " + socket_ + "  (q quits)" : trouble_;
     return panelFrame(lampsOf(appliance_->mirror()), title, look_, size);
   }
 
-  // Waits; while there is no host it tries to reach one every so often.
+  // Waits for an event. Without a connection, tries to reconnect every kRetry.
   Event nextEvent(Events& events) {
     try {
       const auto retryAt = std::chrono::steady_clock::now() + kRetry;
@@ -109,7 +108,7 @@ class LivePanel {
     }
   }
 
-  // Takes one event that is there already, so that changes that come together are drawn together.
+  // Takes one pending event, so that a burst of changes is drawn once.
   bool pending(Events& events, Terminal& terminal) {
     try {
       const Event event = events.next(client_.get(), Instant::min());
@@ -153,10 +152,10 @@ void panel(Context& context, const PanelArguments& given) {
 void addPanelCommand(Command& app, Context& context) {
   const auto given = std::make_shared<PanelArguments>();
   Command command =
-      app.add("panel", "Shows the front panel, live; q leaves it. Without a terminal: plain lines",
+      app.add("panel", "Shows the front panel, live; q quits. Without a terminal: prints plain lines",
               "pinlampctl panel --for 10");
   command.flag("--once", given->once, "Print plain lines, once");
-  command.argument("--for", given->seconds, "Leave after so many seconds");
+  command.argument("--for", given->seconds, "Quit after this many seconds");
   command.runs([&context, given] { panel(context, *given); });
 }
 

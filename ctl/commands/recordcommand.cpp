@@ -20,7 +20,7 @@ class Recorder {
  public:
   explicit Recorder(const std::string& file) : writer_(file, timeStamp()) {}
 
-  // Writes the values as they are now; pins that are no longer there stop being driven.
+  // Writes the current values. Pins that were removed become undriven.
   void take(const Mirror& mirror) {
     const auto now = elapsed();
     auto gone = std::exchange(known_, {});
@@ -50,8 +50,7 @@ class Recorder {
   const Instant start_ = std::chrono::steady_clock::now();
 };
 
-// Follows the pins until the time is over, a signal comes or the host goes; throws ConnectionLost for the
-// last.
+// Records the pins until the deadline or a signal. Throws ConnectionLost.
 void follow(Client& client, Instant deadline, Recorder& recorder) {
   Events events{SIGINT, SIGTERM, SIGHUP};
   LiveAppliance appliance(client);
@@ -80,10 +79,10 @@ void addRecordCommand(Command& app, Context& context) {
   const auto given = std::make_shared<Recording>();
   Command command = app.add("record", "Records the pin values as a waveform (VCD), until Ctrl-C",
                             "pinlampctl record pins.vcd --for 10");
-  command.argument("FILE", given->file, "The file; one that is there is replaced")
+  command.argument("FILE", given->file, "The file; overwritten if it exists")
       .completes(Completes::file)
       .required();
-  command.argument("--for", given->seconds, "End after so many seconds");
+  command.argument("--for", given->seconds, "Stop after this many seconds");
   command.runs([&context, given] { record(context, *given); });
 }
 

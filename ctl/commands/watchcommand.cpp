@@ -27,7 +27,7 @@ std::string changeText(const Json& change) {
   return text;
 }
 
-// Prints the changes of one notification; returns false once enough are printed.
+// Prints the changes of one notification. Returns false once `watching.count` are printed.
 bool printChanges(std::ostream& out, const Json& notification, Watching& watching) {
   const Json& parameters = notification.at("params");
   Json changes = parameters.value("changes", Json::array());
@@ -58,10 +58,10 @@ void addWatchCommand(Command& app, Context& context) {
   const auto given = std::make_shared<Watching>();
   Command command = app.add("watch", "Prints every change as it happens, until Ctrl-C",
                             "pinlampctl watch hardware/corvel/gpio/config --for 10");
-  command.argument("PATH", given->path, "Only what stands at and under this path").completes(Completes::path);
+  command.argument("PATH", given->path, "Only entities at and under this path").completes(Completes::path);
   command.jsonFlag(given->json);
-  command.argument("--count", given->count, "End after so many changes").within(1, 1'000'000'000);
-  command.argument("--for", given->seconds, "End after so many seconds");
+  command.argument("--count", given->count, "Stop after this many changes").within(1, 1'000'000'000);
+  command.argument("--for", given->seconds, "Stop after this many seconds");
   command.runs([&context, given] { watch(context, *given); });
 }
 

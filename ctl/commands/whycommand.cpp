@@ -1,4 +1,4 @@
-// why: where an LED's state comes from, on one screen.
+// why: explains an LED's state on one screen.
 #include <ostream>
 
 #include "ctl/context.h"
@@ -93,8 +93,8 @@ void addWhyCommand(Command& app, Context& context) {
     bool json = false;
   };
   const auto given = std::make_shared<Given>();
-  Command command = app.add("why", "Tells where an LED's state comes from", "pinlampctl why Ethernet3/1");
-  command.argument("LED", given->led, "Its name").completes(Completes::led).required();
+  Command command = app.add("why", "Explains an LED's state", "pinlampctl why Ethernet3/1");
+  command.argument("LED", given->led, "The LED's name").completes(Completes::led).required();
   command.jsonFlag(given->json);
   command.runs([&context, given] {
     const Reasons reasons = reasonsFor(context.client(), given->led);

@@ -25,21 +25,21 @@ class Commands : public testing::Test {
   FakeHost host;
 };
 
-TEST_F(Commands, TheExampleComesBackAsItWasLoaded) {
+TEST_F(Commands, DumpReproducesTheLoadedFile) {
   loadExample();
   pinIs("sys_r", 1);
   EXPECT_TRUE(ctl({"dump"}).out == contentOf(kExample));
   EXPECT_THAT(ctl({"dump", "--all"}).out, HasSubstr("config/sys_r"));
 }
 
-TEST_F(Commands, ReplacingLeavesOnlyWhatTheFileHas) {
+TEST_F(Commands, LoadReplaceDeletesEverythingElse) {
   loadExample();
   host.put("hardware/led/config/leds/Old", kLedType, Json::object());
   EXPECT_EQ(ctl({"load", "--replace", kExample}).status, 0);
   EXPECT_TRUE(ctl({"dump"}).out == contentOf(kExample));
 }
 
-TEST_F(Commands, ARefusedLoadNamesEveryPlace) {
+TEST_F(Commands, RefusedLoadNamesTheLineOfEveryError) {
   host.refuse({ledPath("Status") + " lightSetting: bad", ledPath("Fan1") + ": worse"});
   const Outcome refused = ctl({"load", kExample});
   EXPECT_EQ(refused.status, 1);
@@ -49,7 +49,7 @@ TEST_F(Commands, ARefusedLoadNamesEveryPlace) {
   EXPECT_EQ(host.size(), 0U);
 }
 
-TEST_F(Commands, LedSetLightsNamesAndPatterns) {
+TEST_F(Commands, LedSetTakesNamesAndPatterns) {
   loadExample();
   EXPECT_EQ(ctl({"led", "set", "Status", "Ethernet3*", "red", "green", "--flash", "0.5"}).status, 0);
   const Json expected{{"red", true}, {"green", true}, {"flashInterval", 0.5}};
@@ -57,7 +57,7 @@ TEST_F(Commands, LedSetLightsNamesAndPatterns) {
   EXPECT_EQ(setting("Ethernet4/1"), Json({{"green", true}}));
 }
 
-TEST_F(Commands, LedSetKeepsWhatItIsNotAskedFor) {
+TEST_F(Commands, LedSetKeepsOtherMembers) {
   host.put(ledPath("A"), kLedType,
            {{"lightSetting", {{"red", true}, {"brightness", 40}, {"flashInterval", 2.0}}}});
   ctl({"led", "set", "A", "--flash", "1"});
@@ -68,7 +68,7 @@ TEST_F(Commands, LedSetKeepsWhatItIsNotAskedFor) {
   EXPECT_EQ(setting("A"), Json({{"brightness", 40}}));
 }
 
-TEST_F(Commands, AnEmptyDatabaseTakesAMappingAndThenALed) {
+TEST_F(Commands, MapAndLedSetWorkOnAnEmptyDatabase) {
   EXPECT_EQ(ctl({"map", "set", "X/1", "--green", "g1", "g2", "--red", "r", "--ready"}).status, 0);
   EXPECT_EQ(ctl({"led", "set", "X/1", "green"}).status, 0);
   EXPECT_EQ(host.attributes(mapPath("X/1")),
@@ -82,7 +82,7 @@ TEST_F(Commands, AnEmptyDatabaseTakesAMappingAndThenALed) {
   EXPECT_TRUE(host.attributes(mapPath("X/1")).is_null());
 }
 
-TEST_F(Commands, RewiringRemovesAMappingAndSetsItAgain) {
+TEST_F(Commands, RewireDeletesAndRecreatesTheMapping) {
   ctl({"map", "set", "X", "--green", "g", "s", "--ready"});
   ctl({"map", "set", "Y", "--red", "s", "--ready"});
   EXPECT_EQ(ctl({"map", "set", "X", "--green", "s", "g"}).err, "") << "the same pins";
@@ -98,7 +98,7 @@ TEST_F(Commands, RewiringRemovesAMappingAndSetsItAgain) {
   EXPECT_EQ(written.size(), 2U) << "nothing to remove";
 }
 
-TEST_F(Commands, NamesFromOutsideDoNotReachTheTerminalRaw) {
+TEST_F(Commands, OutputEscapesControlCharacters) {
   const std::string evil =
       "A\x1b[2J\n\xc2\x9b"
       "31m\u202e";
@@ -131,7 +131,7 @@ TEST_F(Commands, NamesFromOutsideDoNotReachTheTerminalRaw) {
   EXPECT_EQ(Json::parse(ctl({"led", "list", "--json"}).out)[0].at("name"), evil) << "JSON reads back";
 }
 
-TEST_F(Commands, LedListShowsSettingsPinsAndWhatIsLit) {
+TEST_F(Commands, LedListShowsSettingsPinsAndLitColours) {
   loadExample();
   pinIs("psu2_r", 1);
   pinIs("psu2_g", 0);
@@ -141,7 +141,7 @@ TEST_F(Commands, LedListShowsSettingsPinsAndWhatIsLit) {
   EXPECT_THAT(ctl({"panel", "--once"}).out, HasSubstr("PowerSupply2    red           red\n"));
 }
 
-TEST_F(Commands, GetShowsAnEntityAnAttributeOrWhatStandsUnder) {
+TEST_F(Commands, GetShowsAnEntityAnAttributeOrChildren) {
   loadExample();
   EXPECT_THAT(ctl({"get", "hardware/led/config"}).out,
               StartsWith("hardware/led/config  Hardware::Led::LedSystemConfigDir\n  palette = \"default\"\n  "
@@ -151,7 +151,7 @@ TEST_F(Commands, GetShowsAnEntityAnAttributeOrWhatStandsUnder) {
   EXPECT_THAT(ctl({"get", "hardware"}).out, HasSubstr("\n   gpio/  59 below\n   led/   59 below\n"));
 }
 
-TEST_F(Commands, SetTakesJsonOrABareText) {
+TEST_F(Commands, SetTakesJsonOrABareString) {
   loadExample();
   for (const auto& [text, value] : {std::pair<const char*, Json>{"{\"red\": true}", {{"red", true}}},
                                     {"dark side", "dark side"},
@@ -163,7 +163,7 @@ TEST_F(Commands, SetTakesJsonOrABareText) {
   EXPECT_TRUE(host.attributes(ledPath("Fan1")).is_null());
 }
 
-TEST_F(Commands, WatchPrintsSoManyChanges) {
+TEST_F(Commands, WatchStopsAfterCount) {
   std::thread writer;
   host.onCall = [&](const std::string& method) {
     if (method != "watch") return;
@@ -178,7 +178,7 @@ TEST_F(Commands, WatchPrintsSoManyChanges) {
   EXPECT_THAT(watched.out, HasSubstr("\"path\": \"hardware/corvel/gpio/config/p\""));
 }
 
-TEST_F(Commands, RecordWritesThePinsAsTheyAre) {
+TEST_F(Commands, RecordBeginsWithTheCurrentValues) {
   loadExample();
   pinIs("psu2_r", 1);
   const Folder folder;
@@ -189,7 +189,7 @@ TEST_F(Commands, RecordWritesThePinsAsTheyAre) {
   EXPECT_THAT(text, testing::ContainsRegex("\n1[^\n]+\n"));
 }
 
-TEST_F(Commands, WhatIsRefusedSaysWhatWouldBeRight) {
+TEST_F(Commands, ErrorsSayWhatWouldBeRight) {
   loadExample();
   const std::tuple<std::vector<std::string>, int, const char*> cases[] = {
       {{"led", "set", "Statsu", "green"}, 1, "no LED is named 'Statsu'; nearest: Status"},
@@ -204,7 +204,7 @@ TEST_F(Commands, WhatIsRefusedSaysWhatWouldBeRight) {
        "--flash -1: the interval must be seconds, finite and not negative"},
       {{"led", "set", "Status", "red", "--flash", "inf"}, 1, "--flash inf"},
       {{"led", "set", "Status"}, 2, "no colour is given"},
-      {{"led", "set", "Status", "off", "red"}, 2, "'off' stands alone"},
+      {{"led", "set", "Status", "off", "red"}, 2, "'off' can't be combined"},
       {{"led", "set", "Status", "off", "--flash", "1"}, 2, "can't flash"},
       {{"get", "hardware/led/config/leds/Statu"}, 1, "nearest: Status, under hardware/led/config/leds"},
       {{"get", ledPath("Fan1"), "theme"}, 1, "never set"},
@@ -217,16 +217,16 @@ TEST_F(Commands, WhatIsRefusedSaysWhatWouldBeRight) {
       {{"object", "get", "agent"}, 1, "no method object"},
       {{"led", "lst"}, 2, "no command 'lst'; nearest: list"},
       {{"get", "a", "b", "c"}, 2, "c; see: pinlampctl get --help"}};
-  for (const auto& [arguments, status, says] : cases) {
+  for (const auto& [arguments, status, text] : cases) {
     const Outcome refused = ctl(arguments);
     EXPECT_EQ(refused.status, status) << testing::PrintToString(arguments);
-    EXPECT_THAT(refused.err, testing::AllOf(StartsWith("pinlampctl: "), HasSubstr(says)));
+    EXPECT_THAT(refused.err, testing::AllOf(StartsWith("pinlampctl: "), HasSubstr(text)));
     EXPECT_EQ(std::count(refused.err.begin(), refused.err.end(), '\n'), 1) << refused.err;
     EXPECT_EQ(refused.out, "");
   }
 }
 
-TEST(WithoutAHost, TheErrorSaysHowToStartIt) {
+TEST(WithoutHost, ErrorSaysHowToStartIt) {
   const Outcome refused = run({"--socket", "/tmp/no.sock", "status"});
   EXPECT_EQ(refused.status, 1);
   EXPECT_THAT(refused.err, testing::AllOf(HasSubstr("/tmp/no.sock: there is no such socket"),

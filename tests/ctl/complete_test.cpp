@@ -7,7 +7,7 @@
 namespace Ctl {
 namespace {
 
-TEST(Completion, OffersWhatMayComeNext) {
+TEST(Completion, OffersValidContinuations) {
   FakeHost host;
   run(host, {"load", PINLAMP_SOURCE_DIR "/examples/switch-1u.json"});
   const std::pair<std::vector<std::string>, const char*> cases[] = {
@@ -34,7 +34,7 @@ TEST(Completion, OffersWhatMayComeNext) {
   }
 }
 
-TEST(Completion, WithoutAHostOffersWhatItKnowsItself) {
+TEST(Completion, WorksWithoutAHost) {
   const Outcome offered = run({"complete", "--socket", "/nowhere", "led", "set", "Status", ""});
   EXPECT_EQ(offered.out, "green\noff\norange\nred\nyellow\n");
   EXPECT_EQ(offered.err, "");

@@ -14,16 +14,16 @@ std::string refusalOf(const std::string& text) {
   return Support::errorOf<Refusal>([&] { return Configuration("f.json", text).puts(); });
 }
 
-TEST(Configuration, BadFilesAreRefusedWithThePlace) {
+TEST(Configuration, ErrorsNameThePosition) {
   const std::pair<const char*, const char*> cases[] = {
       {"", "f.json:1:1: "},
       {"{\n  \"a\": {,}\n}", "f.json:2:9: syntax error"},
       {"{\"a\": {\"type\": \"T\"}", "f.json:1:20: "},
-      {"[]", "f.json:1: found array where {PATH: "},
-      {"{\n\"a\": 1}", "f.json:2: a: found number where "},
+      {"[]", "f.json:1: found array, wanted {PATH: "},
+      {"{\n\"a\": 1}", "f.json:2: a: found number, wanted {"},
       {"{\n\n\"a\": {\"value\": 1}}", "f.json:3: a: \"type\" is missing"},
-      {"{\"a\": {\"type\": 5}}", "f.json:1: a: \"type\" is missing or no text"},
-      {"{\"a\": {\"type\": \"T\"}, \"a\": {\"type\": \"U\"}}", "f.json: the key \"a\" stands twice"}};
+      {"{\"a\": {\"type\": 5}}", "f.json:1: a: \"type\" is missing or not a string"},
+      {"{\"a\": {\"type\": \"T\"}, \"a\": {\"type\": \"U\"}}", "f.json: duplicate key \"a\""}};
   for (const auto& [text, expected] : cases) EXPECT_THAT(refusalOf(text), HasSubstr(expected)) << text;
   EXPECT_EQ(refusalOf("{\"a\": 1, \"b\": {}, \"c\": {\"type\": \"T\"}}").find("c:"), std::string::npos);
 }
@@ -34,7 +34,7 @@ Json asRead(const Json& puts) {
   return entities;
 }
 
-TEST(Configuration, WhatIsDumpedLoadsAsItWas) {
+TEST(Configuration, DumpLoadsUnchanged) {
   const Json entities = Json::parse(R"([
     {"path": "a", "type": "Zel::Dir", "attributes": {}},
     {"path": "a/x%2F1", "type": "T", "attributes": {"set": ["p", "q"], "empty": [], "n": 0.25, "text": "ä \"b\"\n"}}])");
@@ -43,7 +43,7 @@ TEST(Configuration, WhatIsDumpedLoadsAsItWas) {
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 4) << "one entity a line";
 }
 
-TEST(Configuration, WhatAgentsFillIsDumpedOnlyWhenAskedFor) {
+TEST(Configuration, DumpOmitsWhatAgentsFillUnlessAsked) {
   const auto at = [](const std::string& path) {
     return Json{{"path", path}, {"type", kPinType}, {"attributes", {{"value", 1}}}};
   };
@@ -53,7 +53,7 @@ TEST(Configuration, WhatAgentsFillIsDumpedOnlyWhenAskedFor) {
   EXPECT_THAT(wholeText(filled), HasSubstr("\"value\": 1"));
 }
 
-TEST(Configuration, ReplacingRemovesTheLeastThatMustGo) {
+TEST(Configuration, ReplaceDeletesNoMoreThanItMust) {
   const Configuration wanted(
       "f", R"({"a": {"type": "D"}, "a/kept": {"type": "T", "v": 2}, "a/other": {"type": "U"},
                                       "a/less": {"type": "T"}})");
@@ -74,7 +74,7 @@ TEST(Configuration, ReplacingRemovesTheLeastThatMustGo) {
   EXPECT_THAT(gone, testing::ElementsAre("a/gone", "a/less", "a/other"));
 }
 
-TEST(Configuration, TheHostsComplaintsGetTheirLine) {
+TEST(Configuration, HostErrorsGetTheirLine) {
   const Configuration configuration("f.json", "{\n\"a\": {\"type\": \"D\"},\n\"a/b\": {\"type\": \"T\"}}");
   EXPECT_EQ(configuration.located("a/b value: too big"), "f.json:3: a/b value: too big");
   EXPECT_EQ(configuration.located("what?"), "f.json: what?");

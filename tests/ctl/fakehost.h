@@ -23,17 +23,17 @@ class FakeHost {
 
   const std::string& socket() const { return socket_; }
 
-  // Stores an entity and tells whoever watches.
+  // Stores an entity and notifies its watchers.
   void put(const std::string& path, const std::string& type, const Json& attributes);
-  // An entity's attributes; null where there is none.
+  // An entity's attributes; null if there is none.
   Json attributes(const std::string& path) const;
   std::size_t size() const;
-  // The next write is refused with these lines.
+  // Refuses the next write with these lines.
   void refuse(std::vector<std::string> lines);
   // Called with each method's name before it is answered; may put.
   std::function<void(const std::string& method)> onCall;
   std::function<void(const Json& changes)> onWrite;
-  // The results of methods that it does not know.
+  // Returns the results of methods that it does not implement.
   std::function<Json(const std::string& method, const Json& parameters)> answers;
 
  private:
@@ -55,7 +55,7 @@ class FakeHost {
   std::thread thread_;
 };
 
-// What one run of pinlampctl came to.
+// The outcome of one run of pinlampctl.
 struct Outcome {
   int status = 0;
   std::string out;

@@ -27,8 +27,8 @@ std::vector<Lamp> lampsNamed(const std::vector<std::string>& names) {
   return lamps;
 }
 
-TEST(PanelLayout, ToldFromTheNames) {
-  // Names, blocks as TITLE: NUMBER.LANE …, and how many others.
+TEST(PanelLayout, DerivedFromTheNames) {
+  // Names, blocks as TITLE: NUMBER.LANE …, and the number of other LEDs.
   const std::tuple<std::vector<std::string>, std::vector<std::string>, std::size_t> cases[] = {
       {{"Ethernet1", "Ethernet2", "Ethernet3", "Ethernet49/1", "Status"}, {"Ethernet: 1.0 2.0 3.0 49.1"}, 1},
       {{"Ethernet1/1", "Ethernet1/2", "Ethernet2/1", "Ethernet2/2"}, {"Ethernet: 1.1 1.2 2.1 2.2"}, 0},
@@ -53,7 +53,7 @@ TEST(PanelLayout, ToldFromTheNames) {
   }
 }
 
-TEST(PanelFrame, OddPortsStandAboveEvenOnesAndTheRestBeside) {
+TEST(PanelFrame, OddPortsAreAboveEvenOnesAndOtherLedsBeside) {
   auto lamps = lampsNamed({"Ethernet1", "Ethernet2", "Ethernet3", "Ethernet4", "Ethernet10", "Status"});
   lamps[2].shows = kGreen;
   lamps[4].shows = kGreenRed;
@@ -64,7 +64,7 @@ TEST(PanelFrame, OddPortsStandAboveEvenOnesAndTheRestBeside) {
                                    HasSubstr("6 LEDs: 2 lit now, 0 flashing, 1 not driven")));
 }
 
-TEST(PanelFrame, StaysWithinTheScreenHoweverSmall) {
+TEST(PanelFrame, FitsAScreenOfAnySize) {
   std::vector<Lamp> lamps = lampsNamed({"Status", "AVeryLongNameOfAnLedThatIsInTheWay"});
   for (int i = 1; i <= 52; ++i) lamps.push_back(lamp("Ethernet" + std::to_string(i) + "/1", kGreen));
   const std::regex escape("\x1b\\[[0-9;]*m");
@@ -76,7 +76,7 @@ TEST(PanelFrame, StaysWithinTheScreenHoweverSmall) {
     }
 }
 
-TEST(PanelFrame, TellsColoursAsTheTerminalCan) {
+TEST(PanelFrame, UsesTheColoursOfTheTerminal) {
   const std::pair<Look::Colours, const char*> cases[] = {{Look::Colours::truecolor, "\x1b[38;2;255;215;75m●"},
                                                          {Look::Colours::ansi256, "\x1b[38;5;221m●"},
                                                          {Look::Colours::ansi16, "\x1b[97m●"},

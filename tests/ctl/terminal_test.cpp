@@ -1,4 +1,4 @@
-// The live panel in a terminal of its own.
+// The live panel on a pseudo-terminal.
 #include <gmock/gmock.h>
 #include <poll.h>
 #include <pty.h>
@@ -35,7 +35,7 @@ class PanelInATerminal : public testing::Test {
     _exit(127);
   }
 
-  // Whether `text` appears on the screen within some seconds; what came before it is forgotten.
+  // Whether `text` is written to the screen within 5 s. Drops the output up to it.
   bool appears(const std::string& text) {
     char chunk[4096];
     for (std::size_t at; (at = seen.find(text)) == std::string::npos;) {
@@ -80,14 +80,14 @@ TEST_F(PanelInATerminal, FollowsThePinsUntilQ) {
   EXPECT_TRUE(ends());
 }
 
-TEST_F(PanelInATerminal, IsDrawnAnewForAnotherSize) {
+TEST_F(PanelInATerminal, IsRedrawnForAnotherSize) {
   ASSERT_TRUE(appears("1 LEDs: 0 lit now, 0 flashing"));
   const winsize narrow{8, 10, 0, 0};
   ioctl(terminal, TIOCSWINSZ, &narrow);
   EXPECT_TRUE(appears(" 1 LEDs: 0\x1b"));
 }
 
-TEST_F(PanelInATerminal, GivesTheTerminalBackOnASignal) {
+TEST_F(PanelInATerminal, RestoresTheTerminalOnASignal) {
   ASSERT_TRUE(appears("0 lit now"));
   kill(child, SIGTERM);
   EXPECT_TRUE(ends());

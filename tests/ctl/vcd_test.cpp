@@ -32,7 +32,7 @@ TEST_F(VcdFile, HoldsDeclarationsChangesAndAnEnd) {
   EXPECT_EQ(writer.changes(), 3U);
 }
 
-TEST_F(VcdFile, IsCompleteAfterEveryFlushAndTakesLatePinsIn) {
+TEST_F(VcdFile, IsValidAfterEveryFlushWithLatePinsToo) {
   VcdWriter writer(path, "today");
   writer.valueIs(microseconds(1), "early", 1U);
   writer.flush();
@@ -45,7 +45,7 @@ TEST_F(VcdFile, IsCompleteAfterEveryFlushAndTakesLatePinsIn) {
   EXPECT_THAT(contents(), testing::EndsWith("$enddefinitions $end\n#1\n1!\n#2\n0\"\n0!\n"));
 }
 
-TEST_F(VcdFile, GivesEveryPinACodeOfItsOwn) {
+TEST_F(VcdFile, GivesEveryPinAUniqueCode) {
   VcdWriter writer(path, "today");
   for (int i = 0; i < 9000; ++i) writer.valueIs(microseconds(0), "pin" + std::to_string(i), 1U);
   writer.flush();
@@ -56,7 +56,9 @@ TEST_F(VcdFile, GivesEveryPinACodeOfItsOwn) {
   EXPECT_EQ(codes.size(), 9000U);
 }
 
-TEST(VcdWriter, SaysWhyAFileCantBeWritten) { EXPECT_THROW(VcdWriter("/nowhere/at/all.vcd", ""), Refusal); }
+TEST(VcdWriter, RefusesAFileThatCantBeWritten) {
+  EXPECT_THROW(VcdWriter("/nowhere/at/all.vcd", ""), Refusal);
+}
 
 }  // namespace
 }  // namespace Ctl

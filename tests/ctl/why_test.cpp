@@ -17,7 +17,7 @@ PinFacts pin(std::size_t colour, const char* name, std::optional<unsigned> value
   return {.colour = colour, .name = name, .mapped = true, .taken = true, .value = value};
 }
 
-// An LED that is set to green, and shows it.
+// An LED that is set to green and shows it.
 Reasons green() {
   Reasons reasons;
   reasons.lamp.name = "A";
@@ -29,23 +29,25 @@ Reasons green() {
   return reasons;
 }
 
-TEST(Why, SaysInOneLineWhatStandsInTheWay) {
+TEST(Why, NamesTheObstacleInOneLine) {
   const Json held{{"driven", false}, {"error", "line 3 of gpiochip0 is busy: held by 'x'"}};
   const std::pair<const char*, std::function<void(Reasons&)>> cases[] = {
       {"it is set to green", [](Reasons&) {}},
       {"its setting has no colour", [](Reasons& r) { r.lamp.wanted[kGreen] = false, r.pins[0].value = 0; }},
       {"it flashes green", [](Reasons& r) { r.lamp.flashInterval = 1, r.pins[0].value = 0; }},
-      {"no mapping names its pins", [](Reasons& r) { r.driven = r.lamp.mapped = false; }},
+      {"it has no mapping", [](Reasons& r) { r.driven = r.lamp.mapped = false; }},
       {"its mapping is not ready", [](Reasons& r) { r.driven = r.lamp.ready = false; }},
       {"it is set to green", [](Reasons& r) { r.lamp.ready = false; }},  // driven on, as before
       {"it has no setting", [](Reasons& r) { r.driven = r.lamp.configured = false; }},
       {"no LED agent runs: its pins stay as they are", [](Reasons& r) { r.agentRuns = r.driven = false; }},
       {"orange is set and has no pin", [](Reasons& r) { r.lamp.wanted[kOrange] = true; }},
-      {"green pin g2 joined the mapping when that was ready",
+      {"green pin g2 was added to a ready mapping",
        [](Reasons& r) { r.pins.push_back(pin(kGreen, "g2", {})), r.pins.back().taken = false; }},
-      {"green pin g went with the mapping of another LED", [](Reasons& r) { r.pins[0].value.reset(); }},
-      {"green pin g went with the mapping of another LED", [](Reasons& r) { r.pins[0].detached = true; }},
-      {"red pin r left the mapping when that was ready",
+      {"green pin g was removed with the mapping of another LED",
+       [](Reasons& r) { r.pins[0].value.reset(); }},
+      {"green pin g was removed with the mapping of another LED",
+       [](Reasons& r) { r.pins[0].detached = true; }},
+      {"red pin r was removed from a ready mapping",
        [](Reasons& r) { r.pins[1].mapped = false, r.pins[1].value = 1; }},
       {"green pin g is also a pin of B and 1 more, which keeps it dark",
        [](Reasons& r) {
@@ -64,16 +66,16 @@ TEST(Why, SaysInOneLineWhatStandsInTheWay) {
          r.pins[0].line = {{"driven", true}};
        }},
   };
-  for (const auto& [says, make] : cases) {
+  for (const auto& [text, make] : cases) {
     Reasons reasons = green();
     make(reasons);
     const auto texts = because(reasons);
-    EXPECT_EQ(texts.size(), texts.front().ends_with("re-wired") ? 2U : 1U) << says;
-    EXPECT_THAT(texts.front(), testing::StartsWith(says));
+    EXPECT_EQ(texts.size(), texts.front().ends_with("re-wired") ? 2U : 1U) << text;
+    EXPECT_THAT(texts.front(), testing::StartsWith(text));
   }
 }
 
-TEST(Why, ThePhaseIsThatOfATickThatIsDue) {
+TEST(Why, PhaseIsThatOfThePendingTick) {
   Reasons reasons = green();
   reasons.machine.tickIn = 3599.4;
   EXPECT_EQ(phaseText(reasons), std::nullopt) << "steady: the tick only ends flashing";
@@ -128,11 +130,11 @@ class WhyInProcesses : public testing::Test {
   std::string socket = process.socket();
 };
 
-TEST_F(WhyInProcesses, TheLedAgentIsFoundWhereverItRuns) {
+TEST_F(WhyInProcesses, TheLedAgentIsFoundInAnyProcess) {
   const std::string why = run(host, {"why", "A"}).out;
   EXPECT_THAT(why, HasSubstr("agent/configReactor/gpioLedStateMachine/A, through --socket " + socket));
   EXPECT_THAT(why, HasSubstr("next tick in 2 s"));
-  EXPECT_THAT(why, HasSubstr("green pin old left the mapping"));
+  EXPECT_THAT(why, HasSubstr("green pin old was removed from a ready mapping"));
   EXPECT_THAT(run(host, {"led", "list"}).out, HasSubstr("green:g=1 green:old=1(no longer mapped)"));
   const std::string status = run(host, {"status"}).out;
   EXPECT_THAT(status, HasSubstr("1 configured, 1 mapped, 7 machines"));
@@ -143,7 +145,7 @@ TEST_F(WhyInProcesses, TheLedAgentIsFoundWhereverItRuns) {
   EXPECT_EQ(unknown.at("facts").at("pins are made"), Json());
   EXPECT_EQ(unknown.at("facts").at("LED is configured"), true);
   EXPECT_THAT(run(host, {"why", "A"}).out, HasSubstr("not known: process 9 can't reach pinlampd at /gone"));
-  EXPECT_EQ(run(host, {"led", "list"}).err, "note: lit, and no mapping names them: old\n");
+  EXPECT_EQ(run(host, {"led", "list"}).err, "note: lit, but in no mapping: old\n");
 }
 
 }  // namespace

@@ -30,13 +30,13 @@ class Client {
   bool connected() const { return connected_; }
   bool ended() const { return ended_; }
 
-  // Sends as much as the system takes; returns how many bytes that was.
+  // Sends as much as the socket accepts; returns the number of bytes.
   std::size_t send(std::string_view bytes) {
     const ssize_t sent = ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
     if (sent < 0 && errno != EAGAIN) ended_ = true;
     return sent < 0 ? 0 : static_cast<std::size_t>(sent);
   }
-  // A line that has arrived; nothing where none has yet.
+  // A line that has arrived; nullopt if none has yet.
   std::optional<std::string> line() {
     char bytes[65536];
     const ssize_t size = ::recv(descriptor_, bytes, sizeof bytes, 0);

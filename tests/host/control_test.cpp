@@ -22,7 +22,7 @@ using ::testing::HasSubstr;
 
 const Json kRed = {{"red", true}};
 
-// Counts its commits and what is stored, and fails commits while it is told to.
+// Counts its commits and the stored changes, and fails commits while `fails` is set.
 struct TestStore : Statedb::MemoryStore {
   int commits = 0;
   std::size_t stored = 0;
@@ -46,7 +46,7 @@ class ControlTest : public ::testing::Test {
   }
   ~ControlTest() override { control.reset(); }
 
-  // The next message for the client; null where the connection has ended without one.
+  // The next message for the client; null if the connection has ended without one.
   Json next(Client& client) {
     for (int rounds = 0; rounds < 100000; ++rounds) {
       if (const auto line = client.line()) return Json::parse(*line);
@@ -89,7 +89,7 @@ class ControlTest : public ::testing::Test {
   std::unique_ptr<Host::Control> control = std::make_unique<Host::Control>(loop, listener, served);
 };
 
-TEST_F(ControlTest, RequestsArriveHoweverTheyAreDivided) {
+TEST_F(ControlTest, RequestsMayArriveInFragmentsOfAnySize) {
   std::string bytes;
   for (int id = 0; id < 20; ++id) bytes += request(id % 2 == 0 ? "read" : "hello", Json::object(), id);
   for (const std::size_t size : {std::size_t{1}, std::size_t{7}, std::size_t{64}, bytes.size()}) {
@@ -100,7 +100,7 @@ TEST_F(ControlTest, RequestsArriveHoweverTheyAreDivided) {
   }
 }
 
-TEST_F(ControlTest, AFloodIsTakenInPortionsAndAnsweredWhole) {
+TEST_F(ControlTest, AFloodIsProcessedInPortionsAndFullyAnswered) {
   Client client(listener.path());
   std::string flood;
   for (int id = 0; id < 12000; ++id) flood += request("hello", Json::object(), id);
@@ -113,7 +113,7 @@ TEST_F(ControlTest, AFloodIsTakenInPortionsAndAnsweredWhole) {
   EXPECT_EQ(answered, 12000);
 }
 
-TEST_F(ControlTest, WhatIsNoRequestIsAnsweredAndTheConnectionGoesOn) {
+TEST_F(ControlTest, InvalidRequestsAreAnsweredAndTheConnectionStays) {
   const Json wrongOp = {{{"op", "del"}, {"path", "a"}}, {{"op", "pu"}, {"path", "a"}}};
   Zel::TraceFacility::named("Pinlamp");
   const auto announce = [](const Json& wrong) {
@@ -160,7 +160,7 @@ TEST_F(ControlTest, WhatIsNoRequestIsAnsweredAndTheConnectionGoesOn) {
   EXPECT_EQ(call(client, "hello")["result"]["protocol"], 1);
 }
 
-TEST_F(ControlTest, AMessageBeyondTheLimitEndsItsConnectionOnly) {
+TEST_F(ControlTest, AnOversizedMessageClosesOnlyItsConnection) {
   Client other(listener.path());
   Client client(listener.path());
   std::string longest = request("hello");
@@ -173,19 +173,19 @@ TEST_F(ControlTest, AMessageBeyondTheLimitEndsItsConnectionOnly) {
   EXPECT_TRUE(call(other, "hello").contains("result"));
 }
 
-TEST_F(ControlTest, AClientThatNeverReadsIsCutOffAndHoldsNobodyUp) {
+TEST_F(ControlTest, AClientThatNeverReadsIsDisconnectedAndDelaysNoOther) {
   Client other(listener.path());
-  Client deaf(listener.path());
+  Client silent(listener.path());
   ASSERT_EQ(call(other, "status")["result"]["clients"], 2);
-  for (int i = 0; i < 100000 && !deaf.ended(); ++i) {
-    send(deaf, request("types"));
+  for (int i = 0; i < 100000 && !silent.ended(); ++i) {
+    send(silent, request("types"));
     EXPECT_TRUE(call(other, "hello").contains("result"));
   }
-  EXPECT_TRUE(deaf.ended());
+  EXPECT_TRUE(silent.ended());
   EXPECT_EQ(call(other, "status")["result"]["clients"], 1);
 }
 
-TEST_F(ControlTest, ClientsThatHangUpInTheMiddleLeaveNothingBehind) {
+TEST_F(ControlTest, DisconnectingDuringARequestLeavesNothingBehind) {
   {
     Client client(listener.path());
     send(client,
@@ -213,13 +213,13 @@ TEST_F(ControlTest, WritesOfOneRoundShareACommitAndFailTogether) {
     for (Client* client : {&a, &a, &b})
       EXPECT_EQ(next(*client).value("error", Json{{"message", ""}})["message"],
                 fails ? "the disk is full" : "");
-    EXPECT_TRUE(next(a).contains("result")) << "what wrote nothing is answered as ever";
+    EXPECT_TRUE(next(a).contains("result")) << "a request that wrote nothing succeeds";
     EXPECT_EQ(store.commits, 1);
     EXPECT_EQ(store.read("") == before, fails);
   }
 }
 
-TEST_F(ControlTest, AReadSeesWhatIsDurableAndNeverWhatIsUndone) {
+TEST_F(ControlTest, AReadSeesDurableWritesOnly) {
   Client client(listener.path());
   store.fails = true;
   send(client, request("write", {{"changes", {putDir()}}}) + request("read"));
@@ -231,7 +231,7 @@ TEST_F(ControlTest, AReadSeesWhatIsDurableAndNeverWhatIsUndone) {
   EXPECT_EQ(next(client)["result"]["entities"][0]["path"], Paths::kLeds);
 }
 
-TEST_F(ControlTest, ABatchIsWrittenWholeOrEveryErrorIsListed) {
+TEST_F(ControlTest, ABatchIsWrittenWhollyOrAllItsErrorsAreListed) {
   Client client(listener.path());
   const std::vector<Json> changes = {putDir(),
                                      putLed("Ethernet3%2F1", kRed),
@@ -248,8 +248,8 @@ TEST_F(ControlTest, ABatchIsWrittenWholeOrEveryErrorIsListed) {
   EXPECT_EQ(store.typeAt(led("Ethernet3%2F1")), "Hardware::Led::LedConfig");
 }
 
-// A client may look for what it likes, and may be refused what it likes.
-TEST_F(ControlTest, RequestsThatChangeNothingLeaveNoNamesBehind) {
+// Look-ups and refused requests of clients must not grow the name tables.
+TEST_F(ControlTest, RequestsThatChangeNothingInternNothing) {
   Client client(listener.path());
   ASSERT_TRUE(write(client, {putDir(), putLed("A", kRed)}).contains("result"));
   int last = 0;
@@ -291,7 +291,7 @@ TEST_F(ControlTest, RequestsThatChangeNothingLeaveNoNamesBehind) {
   };
   for (const char* operation : {"get", "list", "tree", "iterate", "set", "delete", "invoke", "lift"})
     requests.emplace_back("object", object(operation));
-  for (int round = 0; round < 2; ++round) {  // what the first makes for good belongs to the host
+  for (int round = 0; round < 2; ++round) {
     for (const auto& [method, parameters] : requests) {
       const std::size_t names = Zel::Name::count();
       const std::size_t paths = Statedb::Path::count();
@@ -304,7 +304,7 @@ TEST_F(ControlTest, RequestsThatChangeNothingLeaveNoNamesBehind) {
   }
 }
 
-TEST_F(ControlTest, APathIsWatchedBeforeItIsMade) {
+TEST_F(ControlTest, APathCanBeWatchedBeforeItExists) {
   Client watcher(listener.path());
   Client writer(listener.path());
   const Json watch = call(watcher, "watch", {{"path", "yet/to/come"}})["result"];
@@ -321,7 +321,7 @@ TEST_F(ControlTest, APathIsWatchedBeforeItIsMade) {
   EXPECT_TRUE(call(watcher, "watch").contains("result"));
 }
 
-TEST_F(ControlTest, WatchersHearOfTheirPathAndNotOfThemselvesUnlessTheyWant) {
+TEST_F(ControlTest, WatchesReportTheirPathAndOwnWritesOnlyOnRequest) {
   Client writer(listener.path());
   Client watcher(listener.path());
   ASSERT_TRUE(write(writer, {putDir()}).contains("result"));
@@ -333,9 +333,9 @@ TEST_F(ControlTest, WatchersHearOfTheirPathAndNotOfThemselvesUnlessTheyWant) {
   ASSERT_EQ(write(writer, {putLed("B", kRed)})["result"]["written"], 1);
   Json change = putLed("B", kRed);
   change["type"] = "Hardware::Led::LedConfig";
-  const Json heard = next(watcher);
-  EXPECT_EQ(heard["method"], "changed");
-  EXPECT_EQ(heard["params"], (Json{{"watch", own["watch"]}, {"changes", {change}}}));
+  const Json notification = next(watcher);
+  EXPECT_EQ(notification["method"], "changed");
+  EXPECT_EQ(notification["params"], (Json{{"watch", own["watch"]}, {"changes", {change}}}));
 
   const Json removed = {{{"op", "del"}, {"path", Paths::kLeds}}};
   send(watcher, request("write", {{"changes", removed}}));
@@ -349,7 +349,7 @@ TEST_F(ControlTest, WatchersHearOfTheirPathAndNotOfThemselvesUnlessTheyWant) {
   EXPECT_TRUE(call(watcher, "hello").contains("result")) << "and no notification before it";
 }
 
-TEST_F(ControlTest, TheFirstEntityUnderAMountBringsARowForTheMountThatLivesOn) {
+TEST_F(ControlTest, TheFirstEntityUnderAMountStoresARowForTheMount) {
   Host::Plugin plugin(Host::AgentOption::parse(TEST_AGENTS ":Plain"));
   plugin.start(manager);
   for (int pass = 0; pass < 3; ++pass) activity.step();
@@ -361,7 +361,7 @@ TEST_F(ControlTest, TheFirstEntityUnderAMountBringsARowForTheMountThatLivesOn) {
   EXPECT_TRUE(manager->entityAt(led("A")));
 }
 
-TEST_F(ControlTest, WhatAProcessFillsIsItsAloneWhileItIsConnected) {
+TEST_F(ControlTest, AProcessOwnsThePathsItFillsWhileConnected) {
   const std::string self = std::to_string(::getpid());
   const std::string pins = "hardware/corvel/gpio/config";
   const auto announcement = [](const Json& publishes) {
@@ -383,7 +383,7 @@ TEST_F(ControlTest, WhatAProcessFillsIsItsAloneWhileItIsConnected) {
     const Json processes = call(other, "status")["result"]["processes"];
     Json listed = announcement({pins});
     listed["pid"] = ::getpid();
-    EXPECT_EQ(processes, Json::array({listed})) << "the connection's process, whatever it calls itself";
+    EXPECT_EQ(processes, Json::array({listed})) << "the pid is the kernel's, not the announced one";
 
     const std::pair<Json, std::string> refused[] = {
         {put(pins + "/g", "Zel::Dir"),
@@ -400,15 +400,16 @@ TEST_F(ControlTest, WhatAProcessFillsIsItsAloneWhileItIsConnected) {
          {"hardware/corvel", "hardware/corvel/gpio/config", "hardware/corvel/gpio/config/g"})
       EXPECT_THAT(refusal(call(other, "announce", announcement({"x", path}))), HasSubstr("process " + self));
     EXPECT_TRUE(write(other, {put("hardware/corvel/gpio/config2", "Zel::Dir")}).contains("result"));
-    EXPECT_TRUE(call(other, "announce", announcement({"x"})).contains("result")) << "nothing of it stayed";
+    EXPECT_TRUE(call(other, "announce", announcement({"x"})).contains("result"))
+        << "a refused announcement has no effect";
     EXPECT_TRUE(write(led, {del((pins + "/g").c_str())}).contains("result"));
   }
-  ASSERT_TRUE(call(other, "hello").contains("result"));  // the end of the connection is seen by now
+  ASSERT_TRUE(call(other, "hello").contains("result"));  // by now the loop has seen the connection end
   ASSERT_EQ(call(other, "status")["result"]["processes"].size(), 1U);
   EXPECT_TRUE(write(other, {pin}).contains("result"));
 }
 
-TEST(Listener, TakesOverFromTheDeadAndRefusesTheLiving) {
+TEST(Listener, ReplacesAStaleSocketAndRefusesALiveOne) {
   const Folder folder;
   const std::string path = folder.at("socket");
   Host::Loop loop;

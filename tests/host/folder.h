@@ -1,4 +1,4 @@
-// A folder of a test's own.
+// A temporary folder.
 #pragma once
 
 #include <cstdlib>

@@ -1,4 +1,4 @@
-// The loop: when the host is woken.
+// When the loop wakes.
 #include "host/io/loop.h"
 
 #include <gtest/gtest.h>
@@ -9,7 +9,7 @@
 
 namespace {
 
-TEST(Loop, WakesAtTheTimeNotBeforeAndNotOverAndOver) {
+TEST(Loop, WakesOnceAndNotBeforeTheTime) {
   Host::Loop loop;
   const double due = Zel::System::currentTime() + 0.0123;
   int turns = 0;
@@ -22,7 +22,7 @@ TEST(Loop, WakesAtTheTimeNotBeforeAndNotOverAndOver) {
   EXPECT_EQ(turns, 2);
 }
 
-TEST(Loop, WhatATurnThrowsLeavesTheLoop) {
+TEST(Loop, RethrowsTheExceptionOfATurn) {
   Host::Loop loop;
   loop.turnIs([]() -> double { throw std::logic_error("oops"); });
   EXPECT_THROW(loop.run(), std::logic_error);

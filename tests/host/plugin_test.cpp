@@ -1,4 +1,4 @@
-// Agents from libraries that are as they should be, and that are not.
+// Loading agents from valid and invalid libraries.
 #include "host/plugin.h"
 
 #include <gmock/gmock.h>
@@ -15,7 +15,7 @@ using Host::AgentOption;
 using Host::Plugin;
 using Host::StartError;
 
-TEST(AgentOption, FillsInWhatIsLeftOut) {
+TEST(AgentOption, OmittedPartsHaveDefaults) {
   const std::array<const char*, 4> cases[] = {
       {"libpinlamp.so", "libpinlamp.so", "Pinlamp", "pinlamp"},
       {"/a/b/libx-1.so.0.2", "/a/b/libx-1.so.0.2", "Pinlamp", "x-1"},
@@ -33,7 +33,7 @@ TEST(AgentOption, FillsInWhatIsLeftOut) {
     EXPECT_THROW(AgentOption::parse(text), StartError) << text;
 }
 
-TEST(Plugin, WhatCantBeLoadedIsRefusedWithItsReason) {
+TEST(Plugin, InvalidLibrariesAreRefusedWithTheReason) {
   const Folder folder;
   contentIs(folder.at("text.so"), "no library");
   const std::string agents = TEST_AGENTS;
@@ -50,7 +50,7 @@ TEST(Plugin, WhatCantBeLoadedIsRefusedWithItsReason) {
   }
 }
 
-TEST(Plugin, AFactoryThatThrowsIsAFaultOfItsAgent) {
+TEST(Plugin, AThrowingFactoryIsAFaultOfItsAgent) {
   for (const auto& [option, text] : {std::pair{":Throwing:lamp", "no lamp oil"},
                                      std::pair{":Odd::Inner:lamp", "an exception of no known type"}}) {
     EXPECT_EQ(Support::errorOf<Zel::HandlerFault>(
@@ -59,7 +59,7 @@ TEST(Plugin, AFactoryThatThrowsIsAFaultOfItsAgent) {
   }
 }
 
-TEST(Plugin, TheAgentHasItsNameAndGoesBeforeItsLibrary) {
+TEST(Plugin, TheAgentHasItsNameAndEndsBeforeItsLibrary) {
   const Plugin plugin(AgentOption::parse(TEST_AGENTS ":Plain:front panel"));
   EXPECT_EQ(plugin.agent()->name(), Zel::Name("front panel"));
   EXPECT_EQ(plugin.agent()->fwkType().name(), Zel::Name("Test::Agent"));

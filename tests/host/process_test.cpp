@@ -15,7 +15,7 @@ namespace {
 
 using ::testing::HasSubstr;
 
-// A process, killed at the end where it still runs. Its standard error stream goes into a file.
+// A process, killed by the destructor if it still runs. Its standard error goes to a file.
 class Process {
  public:
   Process(const Folder& folder, std::vector<std::string> arguments, const std::string& notify = {})
@@ -38,7 +38,7 @@ class Process {
   Process& operator=(const Process&) = delete;
 
   void signal(int number) const { ::kill(process_, number); }
-  // Waits for the end; -1 where it did not exit by itself.
+  // Waits for it to end; -1 if a signal killed it.
   int exitStatus() {
     int status = 0;
     ::waitpid(std::exchange(process_, -1), &status, 0);
@@ -51,7 +51,7 @@ class Process {
   pid_t process_;
 };
 
-// What a service manager is told.
+// The notification socket of a service manager.
 class NotifySocket {
  public:
   explicit NotifySocket(const std::string& path)
@@ -63,7 +63,7 @@ class NotifySocket {
   NotifySocket(const NotifySocket&) = delete;
   NotifySocket& operator=(const NotifySocket&) = delete;
 
-  // Fills the queue, as a manager does that is busy.
+  // Fills the queue, as if the manager were busy.
   void fill(const std::string& state) const {
     const int sender = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     sockaddr_un address{};
@@ -75,15 +75,16 @@ class NotifySocket {
     ::close(sender);
   }
 
-  // Whether it is told `state` before it is told anything but `meanwhile`.
-  bool hears(const std::string& state, const std::string& meanwhile) {
+  // Whether `state` arrives before any message but `meanwhile`.
+  bool receives(const std::string& state, const std::string& meanwhile) {
     for (;;) {
       pollfd waiting{descriptor_, POLLIN, 0};
       if (::poll(&waiting, 1, 10000) != 1) return false;
       char bytes[128];
-      const std::string told(bytes, static_cast<std::size_t>(::recv(descriptor_, bytes, sizeof bytes, 0)));
-      if (told == state) return true;
-      if (told != meanwhile) return false;
+      const auto size = static_cast<std::size_t>(::recv(descriptor_, bytes, sizeof bytes, 0));
+      const std::string message(bytes, size);
+      if (message == state) return true;
+      if (message != meanwhile) return false;
     }
   }
 
@@ -91,15 +92,15 @@ class NotifySocket {
   const int descriptor_;
 };
 
-TEST(Pinlampd, SaysWhenItIsReadyRefusesASecondOneAndStopsInOrder) {
+TEST(Pinlampd, NotifiesReadinessRefusesASecondInstanceAndStopsInOrder) {
   const Folder folder;
   NotifySocket notify(folder.at("notify"));
   const std::string socket = folder.at("socket");
   const std::string store = "sqlite:" + folder.at("db");
   Process first(folder, {"--store", store, "--socket", socket, "--agent", TEST_AGENTS ":Plain"},
                 folder.at("notify"));
-  ASSERT_TRUE(notify.hears("READY=1", "WATCHDOG=1")) << first.errors();
-  EXPECT_TRUE(notify.hears("WATCHDOG=1", ""));
+  ASSERT_TRUE(notify.receives("READY=1", "WATCHDOG=1")) << first.errors();
+  EXPECT_TRUE(notify.receives("WATCHDOG=1", ""));
   EXPECT_TRUE(Client(socket).connected());
 
   const Folder others;
@@ -114,12 +115,12 @@ TEST(Pinlampd, SaysWhenItIsReadyRefusesASecondOneAndStopsInOrder) {
   EXPECT_TRUE(Client(socket).connected());
   notify.fill("WATCHDOG=1");
   first.signal(SIGTERM);
-  EXPECT_TRUE(notify.hears("STOPPING=1", "WATCHDOG=1"));
+  EXPECT_TRUE(notify.receives("STOPPING=1", "WATCHDOG=1"));
   EXPECT_EQ(first.exitStatus(), 0);
   EXPECT_FALSE(std::filesystem::exists(socket));
 }
 
-TEST(Pinlampd, AnAgentThatThrowsEndsItWithTheNamesOfAgentAndPlace) {
+TEST(Pinlampd, AThrowingAgentEndsItWithTheAgentAndHandlerNamed) {
   const std::pair<const char*, const char*> cases[] = {
       {TEST_AGENTS ":Faulty:lamp", "agent 'lamp', reactor Test::Alarm: the lamp fell over"},
       {TEST_AGENTS ":Throwing:lamp", "agent 'lamp', factory of '" TEST_AGENTS "': no lamp oil"},
@@ -135,14 +136,14 @@ TEST(Pinlampd, AnAgentThatThrowsEndsItWithTheNamesOfAgentAndPlace) {
   }
 }
 
-TEST(Pinlampd, LiveObjectsAreWrittenByClientsOnlyWhereItWasStartedSo) {
+TEST(Pinlampd, ClientsWriteLiveObjectsOnlyIfAllowed) {
   for (const bool allowed : {false, true}) {
     const Folder folder;
     NotifySocket notify(folder.at("notify"));
     std::vector<std::string> arguments{"--socket", folder.at("socket"), "--agent", TEST_AGENTS ":Plain"};
     if (allowed) arguments.push_back("--allow-object-writes");
     Process process(folder, arguments, folder.at("notify"));
-    ASSERT_TRUE(notify.hears("READY=1", "WATCHDOG=1")) << process.errors();
+    ASSERT_TRUE(notify.receives("READY=1", "WATCHDOG=1")) << process.errors();
     Client client(folder.at("socket"));
     client.send(
         R"({"jsonrpc":"2.0","id":1,"method":"object","params":{"operation":"invoke","path":"agent/doInit"}})"
@@ -154,7 +155,7 @@ TEST(Pinlampd, LiveObjectsAreWrittenByClientsOnlyWhereItWasStartedSo) {
   }
 }
 
-TEST(Pinlampd, AWrongCommandLineIsTwoAndARefusedStartIsOne) {
+TEST(Pinlampd, ExitsWith2OnAWrongCommandLineAnd1OnARefusedStart) {
   const Folder folder;
   const std::string socket = folder.at("socket");
   const std::pair<std::vector<std::string>, int> cases[] = {

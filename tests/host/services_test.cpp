@@ -47,25 +47,25 @@ class Services : public testing::Test {
   Zel::ActivityManager activity;
   Host::Services services{loop, activity.external()};
   std::array<int, 2> ends;
-  std::latch asleep{1};  // the first turn is over, and knew of nothing to do
+  std::latch asleep{1};  // reached after the first turn, which has nothing to do
 };
 
-TEST_F(Services, BothWakeALoopThatSleeps) {
+TEST_F(Services, DescriptorsAndTasksWakeASleepingLoop) {
   const Zel::Inbox inbox;
-  std::string heard;
+  std::string log;
   const FdWatch watch(ends[0], FdWatch::kReadable, [&](unsigned) {
-    heard += read(ends[0]);
+    log += read(ends[0]);
     loop.stop();
   });
   std::jthread thread([&, sender = inbox.sender()] {
     asleep.wait();
     sender.post([&] {
-      heard += "task ";
+      log += "task ";
       EXPECT_EQ(::write(ends[1], "bytes", 5), 5);
     });
   });
   loop.run();
-  EXPECT_EQ(heard, "task bytes");
+  EXPECT_EQ(log, "task bytes");
 }
 
 TEST_F(Services, WatchesOfOneDescriptorAreIndependent) {
@@ -84,7 +84,7 @@ TEST_F(Services, WatchesOfOneDescriptorAreIndependent) {
 }
 
 // Without a duplicate, the second watch of the same number would not be polled.
-TEST_F(Services, ADescriptorClosedTooEarlyHarmsNobodyElse) {
+TEST_F(Services, ADescriptorClosedTooEarlyLeavesOtherWatchesWorking) {
   std::optional<FdWatch> late(std::in_place, ends[0], FdWatch::kReadable, [](unsigned) {});
   const int number = ends[0];
   ::close(ends[0]);
@@ -99,7 +99,7 @@ TEST_F(Services, ADescriptorClosedTooEarlyHarmsNobodyElse) {
   EXPECT_GT(reads, 1);
 }
 
-TEST_F(Services, AnErrorOfTheFileIsReportedForAsLongAsItIsThere) {
+TEST_F(Services, AnErrorOfTheFileIsReportedWhileItLasts) {
   int writes = 0;
   const FdWatch watch(ends[1], FdWatch::kWritable, [&](unsigned) { ++writes; });
   ::close(std::exchange(ends[0], -1));
@@ -107,7 +107,7 @@ TEST_F(Services, AnErrorOfTheFileIsReportedForAsLongAsItIsThere) {
   EXPECT_GT(writes, 1);
 }
 
-TEST_F(Services, WhatCantBePolledIsRefused) {
+TEST_F(Services, AFileThatCantBePolledIsRefused) {
   const Folder folder;
   contentIs(folder.at("file"), "text");
   const int file = ::open(folder.at("file").c_str(), O_RDONLY | O_CLOEXEC);

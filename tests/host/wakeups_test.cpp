@@ -1,4 +1,4 @@
-// When the host wakes for LEDs that flash. Each computes its next time from the one at which it was woken.
+// When the host wakes for flashing LEDs. Each computes its next time from its wake-up.
 #include "host/io/wakeups.h"
 
 #include <gtest/gtest.h>
@@ -37,7 +37,7 @@ class WakeUps : public testing::Test {
     flashers.push_back(Zel::allocate<Flasher>(manager.clock(), time));
     flashers.back()->timeMinIs(first);
   }
-  // Returns how often the host was woken in so many intervals.
+  // Returns the number of wake-ups in so many intervals.
   int run(int intervals) {
     int wakes = 0;
     for (const double end = time.now() + intervals * kInterval; time.now() < end; ++wakes) {
@@ -60,7 +60,7 @@ class WakeUps : public testing::Test {
   std::vector<Ptr<Flasher>> flashers;
 };
 
-TEST_F(WakeUps, AreAtTheTimeItselfAndRareOnesKeepTheirDistance) {
+TEST_F(WakeUps, RareOnesAreExactAndStayApart) {
   EXPECT_EQ(wakeUps.next(manager), Zel::Clock::kNever);
   add(100.01);
   add(100.0107);
@@ -71,14 +71,14 @@ TEST_F(WakeUps, AreAtTheTimeItselfAndRareOnesKeepTheirDistance) {
   EXPECT_NEAR(std::remainder(apart, kInterval + kLatency + kCost), 0.0007, 1e-9);
 }
 
-TEST_F(WakeUps, FrequentOnesComeTogetherAndNoneIsLaterThanTheSlack) {
+TEST_F(WakeUps, FrequentOnesMergeWithinTheSlack) {
   std::mt19937 random(5);
   for (int i = 0; i < 300; ++i) add(100.1 + kInterval * std::uniform_real_distribution<>()(random));
   const int atFirst = run(2);
   run(40);
   EXPECT_LE(takeLatest(), Host::WakeUps::kSlack + kLatency + 10e-6);
   EXPECT_LT(run(2), atFirst / 2);
-  EXPECT_LT(takeLatest(), kLatency + 10e-6) << "together, they are woken at their times again";
+  EXPECT_LT(takeLatest(), kLatency + 10e-6) << "once merged, they are exact again";
 }
 
 }  // namespace

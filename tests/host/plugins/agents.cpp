@@ -25,7 +25,7 @@ struct Alarm : Zel::Reactor<Alarm, Zel::Clock::NotifieeConst> {
   void onTime() override { throw std::runtime_error("the lamp fell over"); }
 };
 
-// Mounts a directory of LEDs; its alarm, where it is set, throws at once.
+// Mounts a directory of LEDs. Its alarm throws when it expires.
 struct Agent : Support::Plain<Agent, Warden::CAgent> {
   static constexpr const char* kName = "Test::Agent";
   explicit Agent(Zel::Name name, double alarm = Zel::Clock::kNever) : Plain(name) {

@@ -33,17 +33,17 @@ await() {
   done
   fail "$what: expected '$expected', got '$found'"
 }
-# says WHAT PART WHOLE
-says() { if grep -qF -- "$2" <<<"$3"; then echo "ok: $1"; else fail "$1: '$2' is not in '$3'"; fi; }
-# refused WHAT STATUS TEXT COMMAND…: exits so, and says that on one line
+# contains WHAT PART WHOLE
+contains() { if grep -qF -- "$2" <<<"$3"; then echo "ok: $1"; else fail "$1: '$2' is not in '$3'"; fi; }
+# refused WHAT STATUS TEXT COMMAND…: exits with STATUS and one line of errors that contains TEXT
 refused() {
-  local what=$1 status=$2 text=$3 said rc=0
+  local what=$1 status=$2 text=$3 error rc=0
   shift 3
-  said=$("$@" 2>&1 >/dev/null) || rc=$?
-  if [ "$rc" = "$status" ] && grep -qF -- "$text" <<<"$said" && [ "$(wc -l <<<"$said")" = 1 ]; then
+  error=$("$@" 2>&1 >/dev/null) || rc=$?
+  if [ "$rc" = "$status" ] && grep -qF -- "$text" <<<"$error" && [ "$(wc -l <<<"$error")" = 1 ]; then
     echo "ok: $what"
   else
-    fail "$what: expected exit $status with '$text', got exit $rc with '$said'"
+    fail "$what: expected exit $status with '$text', got exit $rc with '$error'"
   fi
 }
 start() {
@@ -55,14 +55,14 @@ start() {
   exit 1
 }
 pins() { for pin in "$@"; do pinlampctl get "hardware/corvel/gpio/config/$pin" value; done | tr -d '\n'; }
-# The messages traced since the last call, without their heads.
+# The messages traced since the last call, without their prefixes.
 traced() {
   local from
   from=$(cat "$work/traced" 2>/dev/null || echo 0)
   wc -l <"$work/trace" >"$work/traced"
   tail -n "+$((from + 1))" "$work/trace" | sed 's/^[^ ]* Pinlamp [0-9]* [^ ]* [^ ]*: //'
 }
-# traces WHAT TEXT: since the last look, the lines of TEXT were traced one after another
+# traces WHAT TEXT: the lines of TEXT were traced one after another since the last call
 traces() {
   local found
   found=$(traced)
@@ -72,7 +72,7 @@ traces() {
 start
 # Steady ------------------------------------------------------------------------------------------------------------
 pinlampctl map set Ethernet3/1 --yellow y --green g --red r1 r2 --ready
-traces "a mapping without an LED makes pins and no machine" \
+traces "a mapping without an LED creates pins and no machine" \
   "createLedConfig Ethernet3/1
 created yellow pin 'y'
 created green pin 'g'
@@ -82,7 +82,7 @@ createDriver Ethernet3/1
 Deleting Gpio Led SM for Ethernet3/1"
 pinlampctl led set Ethernet3/1 green
 is "steady green" 0100 "$(pins y g r1 r2)"
-traces "the machine is made once the LED is there" "Creating Gpio Led SM for Ethernet3/1
+traces "the machine is created with the LED" "Creating Gpio Led SM for Ethernet3/1
 handleInitialized for Ethernet3/1
 handleHwLedConfig Ethernet3/1"
 pinlampctl led set Ethernet3/1 green red
@@ -108,27 +108,27 @@ Led Ethernet3/1 is now 0"
 pinlampctl led set Ethernet3/1 red
 is "steady at once" 0011 "$(pins y g r1 r2)"
 ticks() { pinlampctl object get --json agent/configReactor/gpioLedStateMachine/Ethernet3%2F1 | grep -c wakesIn; }
-await "the next tick is the last" 0 ticks
+await "and the pending tick is the last" 0 ticks
 
 # Remap -------------------------------------------------------------------------------------------------------------
 pinlampctl map set Ethernet3/1 --green g g2 --ready
-is "a pin that joins while the mapping stays is not made yet" "" "$(pinlampctl get hardware/corvel/gpio/config/g2 value 2>/dev/null || true)"
+is "a pin that is added to a ready mapping is not created yet" "" "$(pinlampctl get hardware/corvel/gpio/config/g2 value 2>/dev/null || true)"
 traced >/dev/null
 pinlampctl map set Ethernet3/1 --no-ready
 is "ready going false changes nothing" "createLedConfig Ethernet3/1" "$(traced)"
 pinlampctl map set Ethernet3/1 --ready
-is "ready going true makes it" 0 "$(pins g2)"
+is "ready going true creates it" 0 "$(pins g2)"
 pinlampctl led set Ethernet3/1 green
 is "and it is lit with its colour" 11 "$(pins g g2)"
 
 pinlampctl map set Ethernet3/1 --green g2
-says "a pin that left the mapping is driven on, and shown" "green  green:g2=1 red:r1=0 red:r2=0 yellow:y=0 green:g=1(no longer mapped)" \
+contains "a pin that was removed from the mapping is still driven, and shown" "green  green:g2=1 red:r1=0 red:r2=0 yellow:y=0 green:g=1(no longer mapped)" \
   "$(pinlampctl led list Ethernet3/1)"
-says "and why says so" "green pin g left the mapping when that was ready" "$(pinlampctl why Ethernet3/1)"
+contains "and why reports it" "green pin g was removed from a ready mapping" "$(pinlampctl why Ethernet3/1)"
 pinlampctl map set Ethernet3/1 --green g2 g3 --rewire
 is "re-wiring drives the pins of the mapping" 11 "$(pins g2 g3)"
 refused "and no other" 1 "no entity at" pinlampctl get hardware/corvel/gpio/config/g
-says "which is all there is to it" "because    it is set to green" "$(pinlampctl why Ethernet3/1)"
+contains "and leaves no obstacle" "because    it is set to green" "$(pinlampctl why Ethernet3/1)"
 
 # Removal -----------------------------------------------------------------------------------------------------------
 traced >/dev/null
@@ -139,7 +139,7 @@ createDriver Ethernet3/1
 Deleting Gpio Led SM for Ethernet3/1"
 pinlampctl map set Never --green n1
 pinlampctl map del Never
-traces "one that was never ready ends as well" "createLedConfig Never
+traces "so is one that was never ready" "createLedConfig Never
 handleGpioConfigCleanup Never
 createDriver Never
 Deleting Gpio Led SM for Never"
@@ -160,7 +160,7 @@ refused "a second pinlampd on the store" 1 "state.db" pinlampd --store "sqlite:$
 is "nothing that was there is lost" '{"green": true}' \
   "$(pinlampctl get "$led" lightSetting --json | tr -d '\n ' | grep -o '"green":true' | sed 's/^/{/; s/$/}/; s/:/: /')"
 
-refused "a client that would drive an object" 1 "start pinlampd with --allow-object-writes" \
+refused "a client that invokes an object's procedure" 1 "start pinlampd with --allow-object-writes" \
   pinlampctl object call agent doInit
 
 # A restart ---------------------------------------------------------------------------------------------------------

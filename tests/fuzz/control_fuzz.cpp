@@ -1,6 +1,6 @@
-// Everything that a client may send, up to the store: lines, requests, changes, rows. What is refused must be
-// refused by an exception of the kind that the control socket answers with, and what is taken must be told
-// and read back.
+// Fuzzes the path of a client's bytes to the store: lines, requests, changes, rows. Bad input must throw an
+// exception that the control socket turns into an error; rows that were stored must survive a round trip
+// through JSON.
 #include <algorithm>
 #include <cstdint>
 #include <string_view>

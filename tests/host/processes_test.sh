@@ -9,14 +9,14 @@ guest=$(dirname "${BASH_SOURCE[0]}")/../vm/guest/gpiovm
 trap 'kill -KILL $(jobs -p) 2>/dev/null; wait 2>/dev/null; rm -rf "$run"' EXIT
 
 mark() { pinlampctl set hardware/mark value "$1" --type Hardware::Gpio::CorvelPinConfig; }
-# Notes what a watcher hears under "hardware" from here to heard_all.
-hear() {
+# Records the changes under "hardware" from here to recorded.
+record() {
   : >"$run/watched"
   pinlampctl watch hardware >>"$run/watched" & watcher=$!
   local n=1
   until grep -q mark "$run/watched" || [ $((n += 1)) -gt 500 ]; do mark $n; done
 }
-heard_all() {
+recorded() {
   mark 0
   for _ in $(seq 500); do ! grep -q "mark value=0" "$run/watched" || break; sleep 0.02; done
   kill $watcher; wait $watcher 2>/dev/null
@@ -36,7 +36,7 @@ gpio_host :PinlampSim
 await "pin values reach the state database" 101 pins g r s
 await "and from there the lines" "line 3 of gpiochip0 'sim0'" line g place
 no_chip="no GPIO chip has the label or the name 'sim7' (there are gpiochip0 'sim0', gpiochip1 'sim1', gpiochip2 'sim2')"
-await "a chip that is not there is told where a person looks" "$no_chip" line s error
+await "a missing chip is reported in the line's status" "$no_chip" line s error
 pinlampctl led set Fan1 red
 await "a setting goes all the way" 011 pins g r s
 
@@ -47,51 +47,51 @@ check "a row of another type under a writable mount is refused" \
   "pinlampctl: standard input:1: $pins/g: stands under '$pins', which process $led_pid ('$run/led.sock') fills; nobody else writes there while it runs" \
   "$(echo "$dir_for_a_pin" | pinlampctl load - 2>&1)"
 host second --store "unix:$PINLAMP_SOCKET" --agent libpinlamp.so
-await "a second process that fills the same waits" 1 grep -c "process $led_pid .* trying until it is free" "$run/second.log"
+await "a second process that fills the same path waits" 1 grep -c "process $led_pid .* trying until it is free" "$run/second.log"
 killed led
 pinlampctl led set Fan1 green
 await "and takes over when the first has gone" 101 pins g r s
 ended second >/dev/null
 led_host
 pinlampctl led set Fan1 red
-await "as any other" 011 pins g r s
+await "as does the first, restarted" 011 pins g r s
 
-# What can be seen of it from the host that keeps the state ------------------------------------------------------------
-says() { grep -oF -- "$1" | head -n 1; } # PART, from standard input: the part, where it is there
+# What the host that keeps the state reports ---------------------------------------------------------------------------
+part() { grep -oF -- "$1" | head -n 1; } # TEXT: prints it if standard input contains it
 driven="2 configured, 2 mapped, 2 machines"
-check "status counts what the processes drive" "$driven" "$(pinlampctl status | says "$driven")"
+check "status counts what the processes drive" "$driven" "$(pinlampctl status | part "$driven")"
 machine="machine    agent/configReactor/gpioLedStateMachine/Fan1, through --socket $run/led.sock"
-check "why finds the LED agent in its process" "$machine" "$(pinlampctl why Fan1 | says "$machine")"
-check "and says what is wrong with a line" "green pin s has a line that is not driven: $no_chip" \
-  "$(pinlampctl why Status | says "green pin s has a line that is not driven: $no_chip")"
+check "why finds the LED agent in its process" "$machine" "$(pinlampctl why Fan1 | part "$machine")"
+check "and reports a line's error" "green pin s has a line that is not driven: $no_chip" \
+  "$(pinlampctl why Status | part "green pin s has a line that is not driven: $no_chip")"
 kill -STOP "$led_pid"
-hangs="gave no answer within 2 s"
-check "a process that hangs is said, not hidden" "$hangs" "$(pinlampctl status | says "$hangs")"
+hangs="did not answer within 2 s"
+check "status reports a process that hangs" "$hangs" "$(pinlampctl status | part "$hangs")"
 kill -CONT "$led_pid"
 pinlampctl map set Fan1 --red r2
-check "a pin that joins a ready mapping is not driven" "red pin r2 joined the mapping" \
-  "$(pinlampctl why Fan1 | says "red pin r2 joined the mapping")"
+check "a pin that is added to a ready mapping is not driven" "red pin r2 was added to a ready mapping" \
+  "$(pinlampctl why Fan1 | part "red pin r2 was added to a ready mapping")"
 pinlampctl map set Fan1 --rewire
 await "until it is re-wired" 01 pins g r2
 pinlampctl map set Fan1 --red r --rewire
-await "as is one that joins again" 01 pins g r
+await "a pin that is added again, too" 01 pins g r
 
 # The LED agent --------------------------------------------------------------------------------------------------------
 killed led
 check "the pin values outlive the LED agent" 011 "$(pins g r s)"
-check "and the line agent drives them on" true "$(line r driven)"
-check "which status says" "0 machines" "$(pinlampctl status | says "0 machines")"
-check "and why" "no LED agent runs" "$(pinlampctl why Fan1 | says "no LED agent runs")"
-hear
+check "and the line agent still drives them" true "$(line r driven)"
+check "status reports it" "0 machines" "$(pinlampctl status | part "0 machines")"
+check "and why does" "no LED agent runs" "$(pinlampctl why Fan1 | part "no LED agent runs")"
+record
 led_host
 pinlampctl led set Fan1 green red
 await "its successor takes over" 111 pins g r s
-check "and publishes nothing that was there already" "put led/config/leds/Fan1 lightSetting={\"green\": true, \"red\": true}
-put config/g value=1" "$(heard_all | sed 's|hardware/||')"
+check "and publishes only what changed" "put led/config/leds/Fan1 lightSetting={\"green\": true, \"red\": true}
+put config/g value=1" "$(recorded | sed 's|hardware/||')"
 killed led
 pinlampctl led set Fan1 off
 host led --store "unix:$PINLAMP_SOCKET" --agent libpinlamp.so --trace 'Pinlamp/*' --trace-file "$run/trace"
-await "what was set while it was away is done" 001 pins g r s
+await "a setting made while it was away takes effect" 001 pins g r s
 
 # The state database ---------------------------------------------------------------------------------------------------
 before=$(handled)
@@ -102,17 +102,17 @@ check "settings are on the disk, pin values are not" "no entity at" \
   "$(pinlampctl --socket "$run/away.sock" get hardware/corvel/gpio/config/s 2>&1 | grep -o 'no entity at')"
 ended away >/dev/null
 state_host
-await "agents come back by themselves, hear what was set meanwhile, and publish all values again" 011 pins g r s
-await "and how the lines fare" true line r driven
-await "also the one that can't be driven" "$no_chip" line s error
-check "an LED whose setting is as before hears nothing" "$before" "$(handled)"
-check "the loss and the return are said once each" 2 "$(grep -c "state database unix:" "$run/gpio.log")"
-hear
+await "agents reconnect, receive what was set meanwhile, and publish all values again" 011 pins g r s
+await "and the status of the lines" true line r driven
+await "errors included" "$no_chip" line s error
+check "an LED with an unchanged setting is not notified" "$before" "$(handled)"
+check "the loss and the return are logged once each" 2 "$(grep -c "state database unix:" "$run/gpio.log")"
+record
 pinlampctl led set Fan1 green
 await "and go on as before" 101 pins g r s
-check "telling only what changes" "put led/config/leds/Fan1 lightSetting={\"green\": true}
+check "publishing only what changes" "put led/config/leds/Fan1 lightSetting={\"green\": true}
 put config/r value=0
-put config/g value=1" "$(heard_all | sed 's|hardware/||' | sort -r)"
+put config/g value=1" "$(recorded | sed 's|hardware/||' | sort -r)"
 ended gpio led state >"$run/statuses"
 check "all end in order" "0 0 0" "$(xargs <"$run/statuses")"
 finish

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds the one-task examples of SOURCE against the installed copy at PREFIX, in folders under BUILDS, and runs them
-# together in one pinlampd. With a COMPILER, that builds them.
+# together in one pinlampd. COMPILER: instead of the default one.
 #   examples.sh PREFIX SOURCE BUILDS [COMPILER]
 set -euo pipefail
 prefix=$1 source=$2 builds=$3 compiler=${4:-}
@@ -12,7 +12,7 @@ fi
 
 for example in light-an-led follow publish; do
   lines=$(cat "$source/examples/$example/"*.cpp | wc -l)
-  [ "$lines" -lt 60 ] || fail "$example has $lines lines; it is to be read in a minute"
+  [ "$lines" -lt 60 ] || fail "$example has $lines lines; the limit is 59"
   built "$example" "$source/examples/$example/." >/dev/null
 done
 start --agent "$builds/light-an-led/build/liblight-an-led.so:LightAnLed" \
@@ -21,10 +21,10 @@ start --agent "$builds/light-an-led/build/liblight-an-led.so:LightAnLed" \
 
 pinlampctl map set Status --green gpio17 --red gpio27 --ready >/dev/null
 await "the LED is lit" 1 pin gpio17
-await "in its colour alone" 0 pin gpio27
+await "in its colour only" 0 pin gpio27
 await "the follower logs the setting" 1 grep -c 'Follow 1 .*: {green}' "$work/trace"
 await "the published entity has its type" Publish::Uptime \
   sh -c 'pinlampctl get example/uptime --json | sed -n "s/.*\"type\": *\"\([^\"]*\)\".*/\1/p"'
 await "and its attribute counts" 1 sh -c 'pinlampctl get example/uptime seconds | grep -c "^[1-9]"'
 stop
-echo "the examples do what they say"
+echo "the examples work"

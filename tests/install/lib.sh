@@ -1,5 +1,4 @@
-# For the scripts beside: a pinlampd of the installed copy at $prefix, and waiting for what it does. Sets $work, an empty
-# folder that goes at the end.
+# Sourced by the scripts in this folder: runs pinlampd of the installed copy at $prefix. Sets $work, a temporary folder.
 export LD_LIBRARY_PATH=$prefix/lib CMAKE_PREFIX_PATH=$prefix
 PATH=$prefix/bin:$PATH
 
@@ -13,8 +12,8 @@ cleanup() {
 trap cleanup EXIT
 fail() { echo "FAILED: $*" >&2; [ ! -s "$work/log" ] || cat "$work/log" >&2; exit 1; }
 
-# built NAME SOURCE...: builds an agent's project from a copy of its files in the folder NAME, which stays between runs so
-# that ccache knows it, and prints the build folder
+# built NAME SOURCE...: builds an agent's project from a copy of its files, and prints the build folder. The copy is always
+# in the folder NAME, so that ccache hits.
 built() {
   local folder=$builds/$1
   shift

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs the build tree BUILD at PREFIX, and checks what an agent's author gets there: the headers that
-# platform/pinlamp.h reaches, no others, and only classes that exist in platform/forward.h.
+# Installs the build tree BUILD at PREFIX, and checks the installed headers: exactly those that
+# platform/pinlamp.h includes, and platform/forward.h declares only classes that exist.
 #   prefix.sh BUILD PREFIX
 set -euo pipefail
 build=$1 prefix=$2
@@ -18,7 +18,7 @@ installed=$(find . -name '*.h' | sed 's|^\./||' | sort)
   fail "installed headers that platform/pinlamp.h does not reach (<), reached ones that are not installed (>):
 $(diff <(echo "$installed") <(echo "$reached"))"
 
-# A name that is declared and never defined is a mistake in forward.h.
+# forward.h must not declare a class that is never defined.
 awk '
   /^namespace/ { space = $2 }
   /^(class|struct) .*;/ && !template { sub(/;/, "", $2); print "static_assert(sizeof(" space "::" $2 ") > 0);" }

@@ -1,4 +1,4 @@
-// A folder includes headers of its own and of the folders below it, and no others.
+// A file includes headers of its own folder and of the folders below that, and no others.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -12,8 +12,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Each folder, or single header, and those that it stands on directly; what these stand on may be included as
-// well.
+// Each module (a folder or a single header) and those directly below it. Being below is transitive.
 const std::map<std::string, std::vector<std::string>> kBelow{
     {"platform/zel/core", {}},
     {"platform/zel/object", {"platform/zel/core"}},
@@ -42,7 +41,7 @@ const std::map<std::string, std::vector<std::string>> kBelow{
     {"ctl/commands", {"ctl"}},
 };
 
-// The entry that a file belongs to, its folder's or that of one above; empty where there is none.
+// The module that a file belongs to: its own, or that of the nearest folder; empty if there is none.
 std::string moduleOf(std::string path) {
   while (!path.empty() && !kBelow.contains(path)) path = fs::path(path).parent_path().string();
   return path;
@@ -73,7 +72,7 @@ std::vector<fs::path> sources() {
   return files;
 }
 
-TEST(Layers, AFileIncludesHeadersOfItsOwnFolderAndOfThoseBelow) {
+TEST(Layers, AFileIncludesHeadersOfItsOwnFolderAndOfThoseBelowOnly) {
   std::size_t seen = 0;
   for (const fs::path& file : sources()) {
     const std::string name = fs::relative(file, PINLAMP_SOURCE_DIR).string();
@@ -87,7 +86,7 @@ TEST(Layers, AFileIncludesHeadersOfItsOwnFolderAndOfThoseBelow) {
           << name << " includes " << include << ", which is not below " << module;
     }
   }
-  EXPECT_GT(seen, 400U) << "the sources were found";
+  EXPECT_GT(seen, 400U) << "the sources were not found";
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 # Sourced by the tests that run in the virtual machine.
 vm=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 
-# Ends the test as skipped, and says why, where there is no machine to be had. PINLAMP_VM: `required` installs what is
+# Skips the test, printing why, if no virtual machine is available. PINLAMP_VM: `required` installs what is
 # missing and makes its absence a failure; `off` always skips.
 machine_or_skip() {
   case ${PINLAMP_VM:-} in
@@ -11,7 +11,7 @@ machine_or_skip() {
   esac
 }
 
-# A folder that is copied into the machine, in $tree, with files put into its /usr/bin.
+# Sets $tree to a folder, to be copied into the machine, with the files in its /usr/bin.
 tree_with() { # FILE...
   tree=$(mktemp -d "${TMPDIR:-/tmp}/pinlamp-vm.XXXXXX")
   trap 'rm -rf "$tree"' EXIT

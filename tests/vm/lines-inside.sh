@@ -3,13 +3,13 @@
 . /gpiovm/check.sh
 mkfifo /tmp/in /tmp/out
 
-# One driver runs beside this script: start it, tell it a command, read its answer.
+# One linesdriver runs in the background: start it, send it a command, read its answer.
 start() { # ARGUMENTS OF linesdriver
   linesdriver "$@" </tmp/in >/tmp/out 2>&1 & driver=$!
   exec 9>/tmp/in 8</tmp/out
   read -r answer <&8
 }
-tell() { echo "$@" >&9; read -r answer <&8; }
+send() { echo "$@" >&9; read -r answer <&8; }
 ended() { exec 9>&- 8<&-; wait $driver 2>/dev/null; }
 killed() { kill -9 $driver; ended; }
 end() { echo end >&9; ended; }
@@ -17,10 +17,10 @@ refusal() { linesdriver "$@" </dev/null; }
 
 start lamps 10110010 sim8 0 1 2 3 4 5 6 7
 check "lines show their first values" "ok 10110010" "$answer $(gpio-levels sim8)"
-tell set 01001101
+send set 01001101
 check "a set reaches every line" "ok 01001101" "$answer $(gpio-levels sim8)"
 trace-on
-tell set 01010101; tell set 01010101; tell set 01100101
+send set 01010101; send set 01010101; send set 01100101
 writes=$(trace-off)
 check "a line that stays lit has no edge" "1 1" "$(echo "$writes" | trace-writes sim8 1)"
 check "two sets that change something are two writes of all lines" \
@@ -32,13 +32,13 @@ end
 gpio-keep 1
 start lamps 0000 sim8 7 6:low 1 0:low
 check "active-low lines are dark when high, whatever their order" "ok 10" "$answer $(gpio-levels sim8 | cut -c1-2)"
-tell set 1111
+send set 1111
 check "and lit when low" "01 01" "$(gpio-levels sim8 | cut -c1-2) $(gpio-levels sim8 | cut -c7-8)"
 end
 
 start lamps 1111 sim8 0 1:off 2:low 3:low:off
-tell release
-check "released lines are kept or darkened as wired" "ok 1001" "$answer $(gpio-levels sim8 | cut -c1-4)"
+send release
+check "released lines are kept or darkened as configured" "ok 1001" "$answer $(gpio-levels sim8 | cut -c1-4)"
 end
 
 start lamps 1010 sim8 0 1 2 3
@@ -47,18 +47,18 @@ killed
 check "a killed process leaves the levels to the chip, which keeps them" 1010 "$(gpio-levels sim8 | cut -c1-4)"
 start lamps 1010 sim8 0 1 2 3
 writes=$(trace-off)
-check "its successor takes the lines over without an edge" "0=1 1=0 2=1 3=0" "$(echo "$writes" | trace-writes sim8)"
+check "its successor takes over the lines without an edge" "0=1 1=0 2=1 3=0" "$(echo "$writes" | trace-writes sim8)"
 gpio-keep 0
 killed
-check "or lets them fall" 0000 "$(gpio-levels sim8 | cut -c1-4)"
+check "or resets them to their pull" 0000 "$(gpio-levels sim8 | cut -c1-4)"
 
-check "a chip that is not there yet" "no GPIO chip has the label or the name 'late' (there are gpiochip0 'sim8')" "$(refusal lamps 1 late LAMP)"
+check "a missing chip" "no GPIO chip has the label or the name 'late' (there are gpiochip0 'sim8')" "$(refusal lamps 1 late LAMP)"
 gpio-add late 4 2=LAMP 3=TWICE
 start lamps 1 late LAMP
-check "is found by its label, and its line by name, once it is" "ok 0010" "$answer $(gpio-levels late)"
+check "is found by its label, and its line by name, once it appears" "ok 0010" "$answer $(gpio-levels late)"
 gpio-remove late
-tell set 0
-check "a chip that goes away under a request" "line 2 of gpiochip1 'late' cannot be set: No such device" "$answer"
+send set 0
+check "a chip removed under a request" "line 2 of gpiochip1 'late' cannot be set: No such device" "$answer"
 end
 gpio-add late 4 2=LAMP 3=TWICE
 start lamps 1 late LAMP

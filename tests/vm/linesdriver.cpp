@@ -1,8 +1,7 @@
-// Holds lines for lines.sh: takes them as wired, then does what it is told, one command a line on its
-// standard input.
+// Holds GPIO lines for lines.sh: requests them, then executes commands from standard input, one per line.
 //   linesdriver CONSUMER FIRST CHIP LINE[:low][:off]...
-//     FIRST         what the lines show at first, a digit a line
-//   commands: set VALUES, release, end. Each is answered with "ok" or with the error.
+//     FIRST         the lines' first values, a digit for each
+//   Commands: set VALUES, release, end. The answer to each is "ok" or the error.
 #include <iostream>
 #include <sstream>
 
@@ -40,7 +39,7 @@ bool answer(Action&& action) {
   }
 }
 
-void obey(Gpio::LineRequest& request) {
+void execute(Gpio::LineRequest& request) {
   for (std::string command, values; std::cin >> command && command != "end";) {
     if (command == "set") {
       std::cin >> values;
@@ -67,6 +66,6 @@ int main(int count, char** words) {
     for (std::size_t i = 4; i < args.size(); ++i) lines.push_back(lineOf(survey, args[3], args[i]));
     request = provider.request(lines, valuesOf(args[2]));
   });
-  if (taken) obey(*request);
+  if (taken) execute(*request);
   return taken ? 0 : 3;
 }

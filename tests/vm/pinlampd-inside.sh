@@ -1,10 +1,10 @@
 #!/bin/sh
-# LEDs that are set with pinlampctl, read back from the kernel; runs inside the virtual machine (see pinlampd.sh).
+# Sets LEDs with pinlampctl and reads the lines back from the kernel; runs inside the virtual machine (see pinlampd.sh).
 . /gpiovm/check.sh
 . /gpiovm/hosts.sh
 whole_host() { host state --store "sqlite:$run/state.db" --agent libpinlamp.so --agent libpinlamp-gpio.so; }
 set_led() { pinlampctl led set "$@"; }
-# The levels that were written to a line of a chip since trace-on, each once.
+# The distinct levels written to a line of a chip since trace-on.
 written() { echo "$writes" | trace-writes "$1" "$2" | tr ' ' '\n' | sort -u | xargs; }
 edges() { trace-writes front 1 </sys/kernel/tracing/trace | wc -w; }
 at_least() { [ "$("$2")" -ge "$1" ] && echo yes; }
@@ -41,7 +41,7 @@ read -r answer <&8
 
 whole_host
 pinlampctl load "$run/board.json" >/dev/null
-await "an LED that is off is dark on every line, active-low ones too" 0010 gpio-levels front
+await "an LED that is off is dark on every line, active-low lines included" 0010 gpio-levels front
 while read -r colours levels; do
   set_led Fan1 $(echo "$colours" | tr + ' ')
   await "$colours shows on its line" "$levels" gpio-levels front
@@ -64,7 +64,7 @@ set_led Fan1 green --flash 0.2
 await "flashing writes level after level" yes at_least 9 edges
 writes=$(trace-off)
 check "lit and dark in turn" "1 0 1 0 1 0 1 0" "$(echo "$writes" | trace-writes front 1 | sed 's/^\(1 \)*1 0/1 0/' | cut -d' ' -f1-8)"
-check "about as often as its interval says" yes "$(echo "$writes" | awk '
+check "at about its interval" yes "$(echo "$writes" | awk '
   { for (i = 1; i < NF; i++) if ($i ~ /^[0-9]+\.[0-9]+:$/ && (n == 0 || $i + 0 > last + 0.02)) { last = $i + 0; if (!n++) first = last } }
   END { mean = (last - first) / (n - 1); print (mean > 0.15 && mean < 0.4) ? "yes" : mean }')"
 
@@ -76,7 +76,7 @@ killed state
 check "a killed host leaves the levels to the chip, which keeps them" 0100 "$(gpio-levels front)"
 rm "$run/state.log"
 whole_host
-await "the next one takes the lines over" true line g driven
+await "the next one takes over the lines" true line g driven
 writes=$(trace-off)
 check "without an edge" "0 1 0 0" "$(written front 0) $(written front 1) $(written front 2) $(written front 3)"
 
@@ -85,12 +85,12 @@ busy="line 2 of gpiochip1 'rear' is busy: held by 'other'"
 set_led Shared green
 await "a busy line names its consumer" "$busy" line shared error
 check "in the trace, once" 1 "$(grep -c "$busy" "$run/state.log")"
-check "and in the way of no other line" "true false 111" "$(line kept driven) $(line shared driven) $(gpio-levels rear | cut -c1-3)"
+check "and does not affect other lines" "true false 111" "$(line kept driven) $(line shared driven) $(gpio-levels rear | cut -c1-3)"
 echo end >&9
 wait $other
 await "it is driven once it is free" true line shared driven
 absent="no line is named 'LAMP'"
-check "a chip that is not there yet is waited for" "$absent" "$(line late error | cut -c1-${#absent})"
+check "a missing chip is reported" "$absent" "$(line late error | cut -c1-${#absent})"
 gpio-add late 4 2=LAMP
 await "and driven when it appears" 0010 gpio-levels late
 gpio-remove late
@@ -100,10 +100,10 @@ set_led Late green
 gpio-add late 4 2=LAMP
 await "and driven again when it comes back" 0010 gpio-levels late
 
-# An end in order --------------------------------------------------------------------------------------------------------
+# Shutdown ---------------------------------------------------------------------------------------------------------------
 ended state >"$run/statuses"
 check "SIGTERM ends in order" 0 "$(cat "$run/statuses")"
-check "lines are kept, or darkened where they are to be" "0100 101" "$(gpio-levels front) $(gpio-levels rear | cut -c1-3)"
+check "lines are kept or darkened as configured" "0100 101" "$(gpio-levels front) $(gpio-levels rear | cut -c1-3)"
 
 # Three processes --------------------------------------------------------------------------------------------------------
 state_host; led_host; gpio_host
@@ -125,18 +125,18 @@ check "without the state database every line stays as it is" "0100 001" "$(gpio-
 state_host
 await "its successor has lost nothing" 11 pins g shared
 set_led Rear green
-await "and settings go all the way again" 111 sh -c 'gpio-levels rear | cut -c1-3'
+await "and settings reach the lines again" 111 sh -c 'gpio-levels rear | cut -c1-3'
 writes=$(trace-off)
 check "no steady LED blinked" "" "$(echo "$writes" | trace-writes front 1 | tr -d '1 ')$(echo "$writes" | trace-writes front 2 | tr -d '0 ')"
 trace-on
 killed gpio
 gpio_host
-await "a killed line agent's successor takes the lines over" true line g driven
+await "a killed line agent's successor takes over the lines" true line g driven
 writes=$(trace-off)
 check "without an edge" "0 1 0 0" "$(written front 0) $(written front 1) $(written front 2) $(written front 3)"
 gpio-keep 0
 ended gpio led state >"$run/statuses"
 check "all end in order" "0 0 0" "$(xargs <"$run/statuses")"
-check "a chip that keeps nothing lets the lines fall to their pull" "0000 0000" "$(gpio-levels front) $(gpio-levels rear)"
+check "a chip that keeps no levels resets the lines to their pull" "0000 0000" "$(gpio-levels front) $(gpio-levels rear)"
 [ "$failed" = 0 ] || tail -n 40 "$run"/*.log
 finish

@@ -14,12 +14,12 @@
 #     -s CPUS  -m MiB  (default 1, 512)
 #     -v             kernel messages on the console
 #   run.sh prepare   only fills the cache
-#   run.sh check     says whether a run is possible, installing nothing; exit 0 where it is
+#   run.sh check     checks whether a run is possible, installing nothing; exit 0 if it is
 #   GPIOVM_CACHE     the cache folder (default: cache/ beside this script)
 #
 # The first run fetches about 210 MB of Debian packages and needs root for it, later ones need neither.
 # Exit: COMMAND's code; 124 time-out; 125 the machine ended without a result; 2 usage; 3 the cache cannot be filled.
-# What COMMAND finds inside stands in guest/bin.
+# guest/bin has the commands available to COMMAND.
 set -euo pipefail
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 cache=${GPIOVM_CACHE:-$here/cache}
@@ -46,7 +46,7 @@ install_packages() { # PACKAGE...
   apt-get install -y --no-install-recommends "${need[@]}"
 }
 
-# An uncompressed kernel spares the emulated processor the unpacking.
+# Uncompressed, because the emulated processor is slow at unpacking.
 unpack_kernel() { # VMLINUZ TO
   local at
   at=$(LC_ALL=C grep -obUaP '\xfd7zXZ\x00' "$1" | head -n1 | cut -d: -f1)
@@ -70,8 +70,8 @@ obj-m := gpio-sim-oot.o
 gpio-sim-oot-y := gpio-sim.o irq_sim.o
 CFLAGS_irq_sim.o := -include $(src)/oot-compat.h
 H
-  # gpio-sim puts a line back to its pull when it is released; most register chips keep the level.
-  # keep_on_release=1 selects the second.
+  # gpio-sim resets a released line to its pull; most register chips keep the level.
+  # keep_on_release=1 selects that.
   sed -i -e '/^static void gpio_sim_free(/i static bool keep_on_release;\nmodule_param(keep_on_release, bool, 0644);\n' \
     -e '/^static void gpio_sim_free(/,/^}/ s/^\tmutex_lock(&chip->lock);/\tif (keep_on_release)\n\t\treturn;\n&/' gpio-sim.c
   grep -q 'if (keep_on_release)' gpio-sim.c
@@ -117,7 +117,7 @@ prepare() {
   exec 8>"$cache/.lock"; flock 8
   if ! ready; then
     rm -f "$cache/ready"
-    # A shell of its own, for a function that is tested for success runs without -e.
+    # A subshell, because -e is ignored in a function whose status is tested.
     set +e; (set -e; fill_cache) >"$cache/prepare.log" 2>&1 </dev/null; local code=$?; set -e
     [ $code = 0 ] || { tail -n 20 "$cache/prepare.log" >&2; die 3 "the cache cannot be filled; see $cache/prepare.log"; }
   fi
@@ -132,8 +132,8 @@ check() {
 
 # ---- the run
 
-# The libraries that the programs of a tree need: the system's where ldd finds them, the others in a folder of the
-# machine that LD_LIBRARY_PATH names, for where they stand here may lie under a file system that the machine mounts.
+# Copies the libraries that the programs of a tree need: the system libraries to the same path, the others to a folder
+# in LD_LIBRARY_PATH, because their own path may be under a file system that the machine mounts.
 add_libraries() { # TREE TO
   local file lib to
   while IFS= read -r -d '' file; do

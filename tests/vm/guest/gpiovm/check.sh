@@ -1,11 +1,11 @@
-# Sourced by the scripts that test inside the machine, and by those that need no machine for the same.
+# Sourced by test scripts inside the virtual machine and outside.
 failed=0
 
 check() { # TITLE EXPECTED ACTUAL
   if [ "$2" = "$3" ]; then echo "ok   $1"; else echo "FAIL $1: expected '$2', got '$3'"; failed=$((failed + 1)); fi
 }
 
-# Until the command prints what is expected, or 20 s long.
+# Repeats the command until it prints what is expected, for at most 20 s.
 await() { # TITLE EXPECTED COMMAND...
   title=$1 expected=$2 tries=400 found=
   shift 2

@@ -1,5 +1,5 @@
 # Sourced after check.sh by the scripts that run pinlampd. Hosts have names: $run/NAME.sock is the control socket of one,
-# $run/NAME.log what it says. ctl talks to the host that keeps the state database, which is called `state`.
+# $run/NAME.log its log. pinlampctl talks to the host `state`, which keeps the state database.
 run=$(mktemp -d)
 PINLAMP_SOCKET=$run/state.sock
 export PINLAMP_SOCKET

@@ -9,12 +9,12 @@ using Hardware::Gpio::GpioLedConfig;
 
 namespace {
 
-struct Color {
+struct Colour {
   const char* name;
   void (GpioLedConfig::*want)(Zel::Name, bool);
   const CorvelGpioLedConfig::Pins& (CorvelGpioLedConfig::*pins)() const;
 };
-constexpr Color kColours[kPins] = {
+constexpr Colour kColours[kPins] = {
     {"yellow", &GpioLedConfig::gpioYellowNameIs, &CorvelGpioLedConfig::gpioYellow},
     {"green", &GpioLedConfig::gpioGreenNameIs, &CorvelGpioLedConfig::gpioGreen},
     {"red", &GpioLedConfig::gpioRedNameIs, &CorvelGpioLedConfig::gpioRed},

@@ -1,6 +1,6 @@
 // An appliance in this process: the directories, the real configuration reactor, and a state machine for each
-// LED, on the activity manager that is current when it is made. The pins are there first, in an order that
-// has nothing to do with the LEDs, as after a restart.
+// LED, on the activity manager that is current at construction. The pins are created first, in an order
+// unrelated to the LEDs', as after a restart.
 #pragma once
 
 #include <string>
@@ -20,12 +20,12 @@ class Appliance {
 
   std::size_t size() const { return leds_.size(); }
   Hardware::Led::LedConfig& led(std::size_t number) { return *leds_[number]; }
-  // By name, as the pins, the LED and its mapping of one number are.
+  // The pins of one colour, by name.
   const Zel::PtrMap<Hardware::Gpio::CorvelPinConfig>& pins(std::size_t number, std::size_t colour) const;
   std::size_t machines() const { return reactor_->gpioLedStateMachine().size(); }
 
-  // Adds LED, mapping and pins of that number, or takes the LED and the mapping away. The agent's part comes
-  // with the next pass.
+  // Adds the LED, mapping and pins of that number; removes the LED and the mapping. The agent follows in the
+  // next pass.
   void add(std::size_t number);
   void remove(std::size_t number);
 

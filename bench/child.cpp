@@ -49,10 +49,10 @@ double inChild(const std::function<double()>& measure) {
     if (write(ends[1], &measured, sizeof measured) != sizeof measured) _exit(1);
   });
   close(ends[1]);
-  const bool told = read(ends[0], &result, sizeof result) == sizeof result;
+  const bool complete = read(ends[0], &result, sizeof result) == sizeof result;
   close(ends[0]);
   waitpid(pid, nullptr, 0);
-  if (!told) throw std::runtime_error("the measuring process ended without a result");
+  if (!complete) throw std::runtime_error("the measuring process ended without a result");
   return result;
 }
 
@@ -89,7 +89,7 @@ std::string buildFolder() {
   return std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path().string();
 }
 
-// Beside the program, for /tmp is often no disk.
+// Beside the program, as /tmp is often a tmpfs.
 TemporaryFolder::TemporaryFolder() {
   std::string made = buildFolder() + "/run-XXXXXX";
   if (!mkdtemp(made.data())) fail("mkdtemp " + made);

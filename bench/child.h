@@ -9,13 +9,13 @@
 
 namespace Bench {
 
-// Runs `measure` in a child process and returns its number. Throws std::runtime_error where the child failed.
+// Runs `measure` in a child process and returns its result. Throws std::runtime_error if the child fails.
 double inChild(const std::function<double()>& measure);
 
-// A program, or a function, that runs in a process of its own and is killed with this object.
+// A child process that runs a program or a function. The destructor kills it.
 class Child {
  public:
-  // Both streams of the program go to `log`. Throws std::runtime_error where it cannot be started.
+  // Appends the program's output and errors to `log`. Throws std::runtime_error if it cannot be forked.
   Child(const std::vector<std::string>& command, const std::string& log);
   explicit Child(const std::function<void()>& run);
   ~Child();
@@ -25,9 +25,9 @@ class Child {
   bool running() const;
   // Seconds of processor time that it has used so far.
   double processorTime() const;
-  // Asks it to end, and waits until it did.
+  // Sends SIGTERM and waits until it ends.
   void stop();
-  // Waits until it ended by itself.
+  // Waits until it ends by itself.
   void wait();
 
  private:
@@ -36,10 +36,10 @@ class Child {
   pid_t pid_;
 };
 
-// Where this program was built: programs are in its bin, libraries in its lib.
+// The build folder: programs are in its bin, libraries in its lib.
 std::string buildFolder();
 
-// A folder on disk that is removed with everything in it.
+// A folder on disk, removed with its contents by the destructor.
 class TemporaryFolder {
  public:
   TemporaryFolder();

@@ -17,7 +17,7 @@ namespace Bench {
 
 namespace {
 
-constexpr double kPatience = 300;  // seconds for anything that a host is asked to do
+constexpr double kTimeout = 300;  // seconds for anything that a host is asked to do
 
 void nap() { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
 
@@ -135,13 +135,13 @@ void RunningHost::fill(std::size_t leds) {
 }
 
 void RunningHost::waitUntilDriven(std::size_t leds) {
-  for (const double end = now() + kPatience; now() < end; nap()) {
+  for (const double end = now() + kTimeout; now() < end; nap()) {
     if (!process_.running()) throw std::runtime_error("pinlampd has ended; see its log");
     try {
       Client client(socket());
       while (client.call("status", Json::object())["machines"] != leds) nap();
       return;
-    } catch (const std::runtime_error&) {  // it does not listen yet
+    } catch (const std::runtime_error&) {  // not listening yet
     }
   }
   throw std::runtime_error("pinlampd has not driven all LEDs in time");

@@ -1,4 +1,4 @@
-// A pinlampd of its own, and clients of its control socket.
+// A pinlampd process, and clients of its control socket.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -13,7 +13,7 @@ namespace Bench {
 
 using Json = nlohmann::json;
 
-// One connection; blocks. Throws std::runtime_error where it ends.
+// A blocking connection. Throws std::runtime_error if it breaks.
 class Client {
  public:
   explicit Client(const std::string& socket);
@@ -21,7 +21,7 @@ class Client {
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
 
-  // `text` ends in a newline, and may be many lines.
+  // `text` is one or more lines, each with its newline.
   void send(std::string_view text);
   // Without its newline; valid until the next call.
   std::string_view readLine();
@@ -31,22 +31,21 @@ class Client {
  private:
   int socket_;
   std::string buffer_;
-  std::size_t read_ = 0;  // of the buffer
+  std::size_t read_ = 0;  // bytes of `buffer_` that were consumed
 };
 
-// The line that sets an LED.
+// The request line that sets an LED.
 std::string setRequest(std::size_t led, const Led::LightSetting& setting);
-// The path of a pin.
 std::string pinPath(std::size_t led, std::size_t colour);
 
 class RunningHost {
  public:
   // Starts pinlampd with the agent. `store` is "memory:", or "sqlite:" for a file in the host's own folder.
   explicit RunningHost(const std::string& store);
-  // On the file of a host that was stopped.
+  // Uses the file of a host that was stopped.
   RunningHost(const TemporaryFolder& folder, const std::string& store);
 
-  // Adds so many LEDs, steady, with their mappings, and waits until all are driven.
+  // Adds steady LEDs with their mappings, and waits until all are driven.
   void fill(std::size_t leds);
   void waitUntilDriven(std::size_t leds);
   void stop() { process_.stop(); }

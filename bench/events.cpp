@@ -1,4 +1,4 @@
-// The contestants of the light-setting event: the agent, what is written by hand, and two signal libraries.
+// The contestants of the light-setting event: the agent, two hand-written programs, and two signal libraries.
 #include "bench/events.h"
 
 #include <sigc++/sigc++.h>
@@ -13,7 +13,7 @@ namespace Bench {
 
 namespace {
 
-// The agent as it is in life: the real reactor and state machines over the entities of its mounts.
+// The agent as in production: the real reactor and state machines over the entities of its mounts.
 class Agent {
  public:
   Agent(std::size_t leds, std::size_t pins) : pins_(pins), appliance_(pins == 0 ? 0 : leds) {
@@ -21,7 +21,7 @@ class Agent {
   }
   void set(std::size_t led, const Led::LightSetting& setting) { leds_[led]->lightSettingIs(setting); }
   void pass() { Zel::activityManager().step(); }
-  std::uint64_t told() const { return told_; }
+  std::uint64_t notified() const { return notified_; }
 
  private:
   using LedConfig = Hardware::Led::LedConfig;
@@ -30,43 +30,45 @@ class Agent {
   class LedWatcher : public Zel::Reactor<LedWatcher, LedConfig::NotifieeConst> {
    public:
     static constexpr const char* kTypeName = "Bench::LedWatcher";
-    LedWatcher(const Zel::Ptr<const LedConfig>& led, std::uint64_t& told) : Reactor(led), told_(told) {}
+    LedWatcher(const Zel::Ptr<const LedConfig>& led, std::uint64_t& notified)
+        : Reactor(led), notified_(notified) {}
     void onLightSetting() override {
       benchmark::DoNotOptimize(notifier()->lightSetting().green);
-      ++told_;
+      ++notified_;
     }
 
    private:
-    std::uint64_t& told_;
+    std::uint64_t& notified_;
   };
 
   class PinWatcher : public Zel::Reactor<PinWatcher, PinConfig::NotifieeConst> {
    public:
     static constexpr const char* kTypeName = "Bench::PinWatcher";
-    PinWatcher(const Zel::Ptr<const PinConfig>& pin, std::uint64_t& told) : Reactor(pin), told_(told) {}
+    PinWatcher(const Zel::Ptr<const PinConfig>& pin, std::uint64_t& notified)
+        : Reactor(pin), notified_(notified) {}
     void onValue() override {
       benchmark::DoNotOptimize(notifier()->value());
-      ++told_;
+      ++notified_;
     }
 
    private:
-    std::uint64_t& told_;
+    std::uint64_t& notified_;
   };
 
   void watch(std::size_t number) {
     if (pins_ == 0) {
       leds_.push_back(ledDir_->ledsIs(ledName(number)).get());
-      watchers_.push_back(Zel::allocate<LedWatcher>(Zel::Ptr<const LedConfig>(leds_.back()), told_));
+      watchers_.push_back(Zel::allocate<LedWatcher>(Zel::Ptr<const LedConfig>(leds_.back()), notified_));
       return;
     }
     leds_.push_back(&appliance_.led(number));
     for (std::size_t colour = 0; colour < pins_; ++colour)
       for (const auto& pin : appliance_.pins(number, colour))
-        watchers_.push_back(Zel::allocate<PinWatcher>(Zel::Ptr<const PinConfig>(pin), told_));
+        watchers_.push_back(Zel::allocate<PinWatcher>(Zel::Ptr<const PinConfig>(pin), notified_));
   }
 
   const std::size_t pins_;
-  std::uint64_t told_ = 0;
+  std::uint64_t notified_ = 0;
   Zel::Ptr<Hardware::Led::LedSystemConfigDir> ledDir_ =
       Zel::allocate<Hardware::Led::LedSystemConfigDir>("config");
   Appliance appliance_;
@@ -74,7 +76,7 @@ class Agent {
   std::vector<Zel::Ptr<Zel::NotifieeBase>> watchers_;
 };
 
-// The floor: nobody is told; what changed is counted where it changes.
+// The floor: no notification; changes are counted where they happen.
 class BareLoop {
  public:
   BareLoop(std::size_t leds, std::size_t pins) : pins_(pins) {
@@ -88,13 +90,13 @@ class BareLoop {
     BareLed& led = *leds_[number];
     if (led.setting == setting) return;
     led.setting = setting;
-    if (pins_ == 0) ++told_;
+    if (pins_ == 0) ++notified_;
     for (std::size_t colour = 0; colour < pins_; ++colour) write(*led.pins[colour], 0);
     for (std::size_t colour = 0; colour < pins_; ++colour)
       if (lights(setting, colour)) write(*led.pins[colour], 1);
   }
   void pass() {}
-  std::uint64_t told() const { return told_; }
+  std::uint64_t notified() const { return notified_; }
 
  private:
   struct BareLed {
@@ -105,16 +107,16 @@ class BareLoop {
   void write(std::uint32_t& pin, std::uint32_t value) {
     if (pin == value) return;
     pin = value;
-    ++told_;
+    ++notified_;
   }
 
   const std::size_t pins_;
   std::vector<std::unique_ptr<BareLed>> leds_;
-  std::uint64_t told_ = 0;
+  std::uint64_t notified_ = 0;
 };
 
-// What one would write by hand for this job and no other: each LED and each pin has room for one subscription
-// in itself, and a subscription that was told is linked into one queue until its turn comes.
+// Written by hand for this job only: each LED and each pin embeds one subscription, and a notified
+// subscription is linked into one queue until its turn comes.
 class HandQueue {
  public:
   HandQueue(std::size_t leds, std::size_t pins) : pins_(pins) {
@@ -142,7 +144,7 @@ class HandQueue {
       first->handler(*this, *first);
     }
   }
-  std::uint64_t told() const { return told_; }
+  std::uint64_t notified() const { return notified_; }
 
  private:
   struct Subscription {
@@ -178,18 +180,18 @@ class HandQueue {
   }
   static void countLed(HandQueue& self, Subscription& subscription) {
     benchmark::DoNotOptimize(static_cast<HandLed&>(subscription).setting.green);
-    ++self.told_;
+    ++self.notified_;
   }
   static void countPin(HandQueue& self, Subscription& subscription) {
     benchmark::DoNotOptimize(static_cast<HandPin&>(subscription).value);
-    ++self.told_;
+    ++self.notified_;
   }
 
   const std::size_t pins_;
   std::vector<std::unique_ptr<HandLed>> leds_;
   Subscription* first_ = nullptr;
   Subscription** last_ = &first_;
-  std::uint64_t told_ = 0;
+  std::uint64_t notified_ = 0;
 };
 
 struct Sigc {
@@ -220,7 +222,7 @@ struct Signals2 {
   struct Base {};
 };
 
-// LEDs, machines, pins and watchers, joined by the signals of a library that calls its slots at once.
+// LEDs, machines, pins and watchers, connected by the signals of a library that calls its slots immediately.
 template <class Library>
 class Immediate {
  public:
@@ -238,7 +240,7 @@ class Immediate {
     Library::emit(led.changed);
   }
   void pass() {}
-  std::uint64_t told() const { return told_; }
+  std::uint64_t notified() const { return notified_; }
 
  private:
   struct SignalLed {
@@ -261,7 +263,7 @@ class Immediate {
     }
     void onValue(std::uint32_t value) {
       benchmark::DoNotOptimize(value);
-      ++world.told_;
+      ++world.notified_;
     }
     Immediate& world;
   };
@@ -277,7 +279,7 @@ class Immediate {
     void onSetting() {
       if (pins.empty()) {
         benchmark::DoNotOptimize(led.setting.green);
-        ++world.told_;
+        ++world.notified_;
       }
       for (const auto& pin : pins) pin->write(0);
       for (std::size_t colour = 0; colour < pins.size(); ++colour)
@@ -291,7 +293,7 @@ class Immediate {
 
   std::vector<std::unique_ptr<SignalLed>> leds_;
   std::vector<std::unique_ptr<Machine>> machines_;
-  std::uint64_t told_ = 0;
+  std::uint64_t notified_ = 0;
 };
 
 }  // namespace

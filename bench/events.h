@@ -1,19 +1,21 @@
-// The light-setting event, given to any contestant.
+// The light-setting event, as work for any contestant.
 //
 // A contestant is a class World:
 //
-//     World(std::size_t leds, std::size_t pins)     `pins` is 4, or 0 where only the LED's own handler is
-//     told void set(std::size_t led, const Led::LightSetting&)
-//         Stores the setting; where it differs, has the LED's handler told. The handler reads the setting,
-//         writes 0 to each of the LED's pins and 1 to those of the colours that are set; a pin whose value
-//         changed has the one handler that watches it told.
-//     void pass()                                   delivers what was deferred, until nothing is
-//     std::uint64_t told() const
-//         How many handlers were called so far: those of pins, or where there are none those of LEDs.
+//     World(std::size_t leds, std::size_t pins)
+//         `pins` is 4 per LED, or 0 to measure the notification of the LED's own handler alone.
+//     void set(std::size_t led, const Led::LightSetting&)
+//         Stores the setting and, if it changed, notifies the LED's handler. The handler reads the setting,
+//         writes 0 to each of the LED's pins and 1 to those of the colours that are set. A pin whose value
+//         changed notifies the one handler that watches it.
+//     void pass()
+//         Delivers all deferred notifications.
+//     std::uint64_t notified() const
+//         The number of handler calls so far: of pins, or without pins of LEDs.
 //
-// Pins are made first, in an order that has nothing to do with the LEDs: PinPool. Every LED is picked once in
-// a random order, then all again in the same order; each time it lights another colour than before, so two of
-// its pins change. A contestant that tells another number of handlers is disqualified.
+// Pins are created first, in an order unrelated to the LEDs' (PinPool). Events pick all LEDs in a random
+// order, then again in the same order; each lights another colour than before, so two of the LED's pins
+// change. A contestant with the wrong number of handler calls is disqualified.
 #pragma once
 
 #include <malloc.h>
@@ -27,7 +29,7 @@
 
 namespace Bench {
 
-// Hands out the pins of LEDs, made at once and picked at random.
+// Creates all pins at once and hands them out in random order.
 template <class Pin>
 class PinPool {
  public:
@@ -45,20 +47,20 @@ class PinPool {
 template <class World>
 class EventWork {
  public:
-  explicit EventWork(std::size_t pins) : world_(kLeds, pins), toldByEvent_(pins == 0 ? 1 : 2) {
+  explicit EventWork(std::size_t pins) : world_(kLeds, pins), perEvent_(pins == 0 ? 1 : 2) {
     events(kLeds, 1);  // lights a first colour
   }
 
   void run(benchmark::State& state, std::size_t batch, const std::string& name) {
-    const std::uint64_t before = world_.told();
+    const std::uint64_t before = world_.notified();
     std::size_t count = 0;
     for (auto _ : state) {
       events(batch, batch);
       count += batch;
     }
-    if (const std::uint64_t told = world_.told() - before; told != count * toldByEvent_)
+    if (const std::uint64_t notified = world_.notified() - before; notified != count * perEvent_)
       results().fail(name,
-                     std::to_string(told) + " handlers were told of " + std::to_string(count) + " events");
+                     std::to_string(notified) + " handlers called for " + std::to_string(count) + " events");
     perItem(state, count);
   }
 
@@ -76,20 +78,20 @@ class EventWork {
 
   const std::vector<std::uint32_t> order_ = shuffled(kLeds);
   World world_;
-  const std::uint64_t toldByEvent_;
+  const std::uint64_t perEvent_;
   std::size_t next_ = 0;
   std::size_t round_ = 0;
 };
 
-// One appliance a contestant; it stays until the end.
+// One world per contestant, never destroyed.
 template <class World, std::size_t Pins>
 EventWork<World>& eventWork() {
   static auto& work = *new EventWork<World>(Pins);
   return work;
 }
 
-// Heap bytes of a world, for each LED; taken in a process of its own. REQUIRES: this process has made no
-// world yet, whose memory the child's would go into; so call it while contestants are registered.
+// Heap bytes of a world per LED, measured in a child process. REQUIRES: this process has created no world
+// yet, as the child would reuse its memory; so call it while registering contestants.
 template <class World>
 double eventMemory() {
   return inChild([] {

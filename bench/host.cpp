@@ -1,4 +1,4 @@
-// The running host: what flashing costs it and how long the phases are, and how long it takes to start.
+// The running host: processor time and phase length while flashing, and start-up time.
 #include <uv.h>
 
 #include <algorithm>
@@ -15,15 +15,15 @@ namespace Bench {
 
 namespace {
 
-constexpr std::size_t kWatched = 64;  // LEDs whose phases are timed among many
-constexpr std::size_t kFlashing = 8;  // LEDs that flash where there are no others
-constexpr double kLeastTime = 0.5;    // seconds of timing one interval
+constexpr std::size_t kWatched = 64;  // LEDs, of many, whose phases are timed
+constexpr std::size_t kFlashing = 8;  // LEDs of a host in which all phases are timed
+constexpr double kLeastTime = 0.5;    // seconds for timing one interval
 
 double window() { return quick() ? 2 : 4; }
 
 void sleepFor(double seconds) { std::this_thread::sleep_for(std::chrono::duration<double>(seconds)); }
 
-// Times between two ticks of one LED, less the interval: how much longer than it the phase was.
+// Collects by how much the phases of LEDs exceed the interval.
 class Phases {
  public:
   explicit Phases(double begin, double interval = kFlashInterval) : begin_(begin), interval_(interval) {}
@@ -45,7 +45,7 @@ class Phases {
   std::vector<double> longer_;
 };
 
-// Has all LEDs flash, their phases spread over one interval.
+// Makes all LEDs flash, with their phases spread over one interval.
 void flashAll(const RunningHost& host, std::size_t leds) {
   static constexpr std::size_t kSteps = 250;
   Client client(host.socket());
@@ -61,7 +61,7 @@ void flashAll(const RunningHost& host, std::size_t leds) {
   }
 }
 
-// Watches a pin of so many LEDs, evenly picked.
+// Watches one pin each of `watched` LEDs, picked evenly.
 class Watching {
  public:
   Watching(const RunningHost& host, std::size_t leds, std::size_t watched) : client_(host.socket()) {
@@ -80,12 +80,12 @@ class Watching {
   std::map<Json, std::size_t> watches_;
 };
 
-// First the processor time, with nobody watching; then the phases, as a client sees them.
+// First the processor time, without watchers; then the phases as a client sees them.
 std::vector<Figure> runHost(std::size_t leds) {
   RunningHost host("memory:");
   host.fill(leds);
   flashAll(host, leds);
-  sleepFor(10 * kFlashInterval);  // until wake-ups that are close to each other have come together
+  sleepFor(10 * kFlashInterval);  // until close wake-ups have merged
   const double before = host.process().processorTime();
   const double start = now();
   sleepFor(window());
@@ -97,7 +97,7 @@ std::vector<Figure> runHost(std::size_t leds) {
   return phases.figures(cost);
 }
 
-// One timer an LED, which does nothing else.
+// One timer per LED, and nothing else.
 std::vector<Figure> runLibuv(std::size_t leds) {
   struct Timer {
     uv_timer_t timer;
@@ -136,7 +136,7 @@ constexpr std::pair<const char*, double> kIntervals[] = {
 
 double timeOf(double interval) { return std::max(2.5 * interval, kLeastTime); }
 
-// A few LEDs, their phases spread over one interval, in a host that has no others.
+// A host with a few LEDs, their phases spread over one interval.
 std::vector<Figure> timeHost() {
   std::vector<Figure> figures;
   for (const auto& [name, interval] : kIntervals) {
@@ -158,7 +158,7 @@ std::vector<Figure> timeHost() {
   return figures;
 }
 
-// One timer, started again by its handler.
+// One timer that its handler restarts.
 std::vector<Figure> timeLibuv() {
   struct Timer {
     uv_timer_t timer;
@@ -188,7 +188,7 @@ std::vector<Figure> timeLibuv() {
   return figures;
 }
 
-// A folder with a SQLite file of so many LEDs; made once.
+// A folder with the SQLite file of an appliance of that size; created once.
 const TemporaryFolder& filled(std::size_t leds) {
   static std::map<std::size_t, std::unique_ptr<TemporaryFolder>> folders;
   auto& folder = folders[leds];

@@ -7,7 +7,7 @@
 
 namespace {
 
-// Keeps the figures of loops; the other measurements keep theirs themselves.
+// Stores the figures of loops; the other measurements store their own.
 class Collector : public benchmark::BenchmarkReporter {
  public:
   bool ReportContext(const Context&) override { return true; }

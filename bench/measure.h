@@ -1,9 +1,8 @@
-// What every measurement shares: how it is registered, how its figures are named, and the work that all
-// contestants of a row are given.
+// Shared by all measurements: their registration, the names of their figures, and common workloads.
 //
 // A row of the table has a name ("event"); the contestants of a row are registered under it ("event/libuv").
-// Google Benchmark runs the repetitions of all contestants in one shuffled order, so that whatever else the
-// machine does hits all alike. Each repetition yields one or more figures: seconds or bytes, less is better.
+// Google Benchmark shuffles the repetitions of all contestants, so that other load on the machine affects all
+// alike. Each repetition yields one or more figures: seconds or bytes, less is better.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -22,7 +21,7 @@ inline constexpr std::size_t kLeds = 10'000;
 inline constexpr std::size_t kPins = 4;  // of each LED: yellow, green, red, orange
 inline constexpr double kFlashInterval = 0.5;
 
-// Whether the run is to be short, at the price of noise.
+// Whether to run briefly, at the price of noise.
 bool quick();
 void quickIs(bool quick);
 
@@ -31,28 +30,28 @@ double threadTime();
 // Monotonic seconds.
 double now();
 
-// The numbers from 0 to count - 1 in an order without a pattern; the same in every process.
+// A permutation of the numbers from 0 to count - 1: pseudo-random, the same in every process.
 std::vector<std::uint32_t> shuffled(std::size_t count);
 // Steady, with one colour lit: yellow, green, red, orange for 0 to 3.
 const Led::LightSetting& steady(std::size_t colour);
 bool lights(const Led::LightSetting& setting, std::size_t colour);
 
-// The value below which `share` (0 to 1) of the samples lie; sorts them. REQUIRES: there are samples.
+// The `share` quantile (0 to 1) of the samples; sorts them. REQUIRES: there are samples.
 double quantile(std::vector<double>& samples, double share);
 
 // Registers a loop: `run(state)` does `for (auto _ : state)`, then calls perItem.
 benchmark::internal::Benchmark* addLoop(const std::string& name, std::function<void(benchmark::State&)> run);
-// The figure of a loop: its processor time for each of `items`.
+// Sets the figure of a loop: its processor time per item.
 void perItem(benchmark::State& state, std::size_t items);
 
 struct Figure {
-  std::string name;  // empty for the figure that a contestant's own name stands for, "p99" for another
+  std::string name;  // empty for a contestant's main figure; else such as "p99"
   double value;      // seconds or bytes
 };
-// Registers a measurement that runs once a repetition and takes its own time.
+// Registers a measurement that runs once per repetition and measures by itself.
 void addOnce(const std::string& name, std::function<std::vector<Figure>()> measure);
 
-// Each row's contestants.
+// Register the contestants.
 void addEvents();
 void addQtEvents();
 void addTimers();

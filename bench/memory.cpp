@@ -1,5 +1,5 @@
-// What an appliance takes of the heap, everything counted. The contestants of the light-setting event measure
-// their worlds, watchers of the pins included; here are the agent without those, and the floor.
+// The heap that an appliance uses. The contestants of the light-setting event measure their worlds, including
+// the watchers of the pins; here are the agent without watchers, and the floor.
 #include <array>
 #include <memory>
 
@@ -18,7 +18,7 @@ class AgentAlone {
   Appliance appliance_;
 };
 
-// What any program would have to hold: the setting, and the pins.
+// The minimum of any program: the settings and the pins.
 class BareObjects {
  public:
   BareObjects(std::size_t leds, std::size_t pins) {

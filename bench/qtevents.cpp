@@ -4,20 +4,20 @@
 
 namespace Bench {
 
-QtWatcher::QtWatcher(QtPin& pin, std::uint64_t& told) : told_(told) {
+QtWatcher::QtWatcher(QtPin& pin, std::uint64_t& notified) : notified_(notified) {
   connect(&pin, &QtPin::changed, this, &QtWatcher::onValue, Qt::QueuedConnection);
 }
 
 void QtWatcher::onValue(unsigned value) {
   benchmark::DoNotOptimize(value);
-  ++told_;
+  ++notified_;
 }
 
-QtMachine::QtMachine(QtLed& led, std::size_t pins, PinPool<QtPin>& pool, std::uint64_t& told)
-    : led_(led), told_(told) {
+QtMachine::QtMachine(QtLed& led, std::size_t pins, PinPool<QtPin>& pool, std::uint64_t& notified)
+    : led_(led), notified_(notified) {
   for (std::size_t i = 0; i < pins; ++i) {
     pins_.push_back(pool.take());
-    watchers_.push_back(std::make_unique<QtWatcher>(*pins_.back(), told));
+    watchers_.push_back(std::make_unique<QtWatcher>(*pins_.back(), notified));
   }
   connect(&led, &QtLed::changed, this, &QtMachine::onSetting, Qt::QueuedConnection);
 }
@@ -25,7 +25,7 @@ QtMachine::QtMachine(QtLed& led, std::size_t pins, PinPool<QtPin>& pool, std::ui
 void QtMachine::onSetting() {
   if (pins_.empty()) {
     benchmark::DoNotOptimize(led_.setting().green);
-    ++told_;
+    ++notified_;
   }
   for (const auto& pin : pins_) pin->write(0);
   for (std::size_t colour = 0; colour < pins_.size(); ++colour)
@@ -45,21 +45,21 @@ class QtQueued {
     PinPool<QtPin> pool(leds * pins);
     for (std::size_t i = 0; i < leds; ++i) {
       leds_.push_back(std::make_unique<QtLed>());
-      machines_.push_back(std::make_unique<QtMachine>(*leds_.back(), pins, pool, told_));
+      machines_.push_back(std::make_unique<QtMachine>(*leds_.back(), pins, pool, notified_));
     }
   }
   void set(std::size_t led, const Led::LightSetting& setting) { leds_[led]->settingIs(setting); }
-  // What is posted while events are sent waits for the next call: first the machines are told, then pins'
-  // watchers.
+  // Events that are posted while events are sent wait for the next call: the first call notifies the
+  // machines, the second the pins' watchers.
   void pass() {
     QCoreApplication::sendPostedEvents();
     if (pins_ != 0) QCoreApplication::sendPostedEvents();
   }
-  std::uint64_t told() const { return told_; }
+  std::uint64_t notified() const { return notified_; }
 
  private:
   const std::size_t pins_;
-  std::uint64_t told_ = 0;
+  std::uint64_t notified_ = 0;
   std::vector<std::unique_ptr<QtLed>> leds_;
   std::vector<std::unique_ptr<QtMachine>> machines_;
 };

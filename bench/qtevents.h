@@ -1,4 +1,4 @@
-// LEDs, machines, pins and watchers as Qt objects, joined by queued connections.
+// LEDs, machines, pins and watchers as Qt objects with queued connections.
 #pragma once
 
 #include <QObject>
@@ -44,24 +44,24 @@ class QtLed : public QObject {
 class QtWatcher : public QObject {
   Q_OBJECT
  public:
-  QtWatcher(QtPin& pin, std::uint64_t& told);
+  QtWatcher(QtPin& pin, std::uint64_t& notified);
  public slots:
   void onValue(unsigned value);
 
  private:
-  std::uint64_t& told_;
+  std::uint64_t& notified_;
 };
 
 class QtMachine : public QObject {
   Q_OBJECT
  public:
-  QtMachine(QtLed& led, std::size_t pins, PinPool<QtPin>& pool, std::uint64_t& told);
+  QtMachine(QtLed& led, std::size_t pins, PinPool<QtPin>& pool, std::uint64_t& notified);
  public slots:
   void onSetting();
 
  private:
   QtLed& led_;
-  std::uint64_t& told_;
+  std::uint64_t& notified_;
   std::vector<std::unique_ptr<QtPin>> pins_;
   std::vector<std::unique_ptr<QtWatcher>> watchers_;
 };

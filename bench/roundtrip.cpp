@@ -1,5 +1,5 @@
-// One event from a client to its pin value back at a watching client, over the control socket, over a bare
-// socket pair, and over a message bus; and what a disk takes for the acknowledged ones.
+// The round trip of one event, from a client to the pin value at a watching client: over the control socket,
+// a bare socket pair and a message bus; and the disk's share if events are durable.
 #include <fcntl.h>
 #include <poll.h>
 #include <sdbus-c++/sdbus-c++.h>
@@ -24,7 +24,7 @@ constexpr std::size_t kPipelined = 100'000;
 
 std::size_t trips() { return quick() ? 300 : 2000; }
 
-// Times `trip`, which is given 0, 1, 2, …
+// Times `trip`, called with 0, 1, 2, …
 std::vector<Figure> timeTrips(std::size_t count, const std::function<void(std::size_t)>& trip) {
   std::vector<double> times;
   for (std::size_t i = 0; i < count; ++i) {
@@ -35,12 +35,13 @@ std::vector<Figure> timeTrips(std::size_t count, const std::function<void(std::s
   return {{"p50", quantile(times, 0.5)}, {"p99", quantile(times, 0.99)}};
 }
 
-// Each LED in turn, each round in another colour than it had.
+// Takes the LEDs in turn; an LED changes its colour in every round.
 const Led::LightSetting& nextSetting(std::size_t event) {
   return steady((event % kLeds + event / kLeds + 1) % kPins);
 }
 
-// A host that stays until the end, and how often its LEDs were set. One LED more stands for the end of many.
+// A host that runs until the end, and the number of events sent to it. An additional LED is the sentinel that
+// marks the end of a batch.
 struct Running {
   explicit Running(const std::string& store) : host(store) { host.fill(kLeds + 1); }
   RunningHost host;
@@ -69,7 +70,7 @@ std::vector<Figure> hostTrips(const std::string& store) {
   });
 }
 
-// Sends requests without waiting for their answers, but for what a host would cut a client off for.
+// Pipelines requests, but reads answers often enough that the host does not disconnect the client.
 void sendAhead(Client& client, const std::vector<std::string>& requests) {
   static constexpr std::size_t kChunk = 64;
   static constexpr std::size_t kAhead = 512;
@@ -84,8 +85,7 @@ void sendAhead(Client& client, const std::vector<std::string>& requests) {
   for (; answered < requests.size(); ++answered) client.readLine();
 }
 
-// Until every event was acknowledged, and the pin of an LED that is set last of all was seen by the watching
-// client.
+// Ends when every event was acknowledged and the watching client has seen the sentinel's pin.
 double pipelined(const std::string& store) {
   Running& running = Bench::running(store);
   const std::size_t count = quick() ? kPipelined / 10 : kPipelined;
@@ -127,8 +127,7 @@ std::vector<Figure> socketPairTrips() {
   return figures;
 }
 
-// A message bus of its own, with a service that has a method to set an LED and tells the pin's value by a
-// signal.
+// A private message bus, with a service whose method sets an LED and whose signal reports the pin's value.
 class Bus {
  public:
   Bus()
@@ -139,7 +138,7 @@ class Bus {
         proxy_(sdbus::createProxy(*connection_, kName, kPath)) {
     proxy_->uponSignal("Value").onInterface(kName).call([this](std::uint32_t, std::uint32_t) { ++values_; });
     proxy_->finishRegistration();
-    for (const double end = now() + 10; values_ == 0 && now() < end;) {  // the service may not be there yet
+    for (const double end = now() + 10; values_ == 0 && now() < end;) {  // until the service has started
       set(0);
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
       process();
@@ -154,7 +153,7 @@ class Bus {
     });
   }
   double pipelined() {
-    const std::size_t count = quick() ? 2000 : 20'000;  // what a bus takes without being asked to wait
+    const std::size_t count = quick() ? 2000 : 20'000;
     const std::uint64_t before = values_;
     const double start = now();
     for (std::size_t i = 0; i < count; ++i) {
@@ -224,7 +223,7 @@ Bus& bus() {
   return instance;
 }
 
-// What the disk takes to keep one page.
+// Times writing one page durably.
 std::vector<Figure> syncTrips() {
   const TemporaryFolder folder;
   const int file = open(folder.file("page").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);

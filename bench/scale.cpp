@@ -1,4 +1,4 @@
-// Whether what one change costs depends on how many LEDs there are.
+// Whether the cost of one change depends on the number of LEDs.
 #include <array>
 
 #include "bench/appliance.h"
@@ -13,8 +13,8 @@ struct Costs {
   double addition;
 };
 
-// Removes LEDs and their mappings one by one, and puts them back; each with the pass that carries it out.
-// LEDs are taken from all over the appliance, and the median is over single ones.
+// Removes LEDs and their mappings one by one, then adds them again, each with the pass that executes the
+// change. Picks LEDs at random; the costs are medians of single changes.
 Costs change(std::size_t leds) {
   Zel::ActivityManager manager;
   Appliance appliance(leds);

@@ -15,7 +15,7 @@ namespace {
 const std::string kUs = "pinlamp";
 const std::string kQueue = "hand-written queue";
 
-constexpr double kPhase = 0.0002;  // seconds that a phase may be longer than its interval
+constexpr double kPhase = 0.0002;  // seconds by which a phase may exceed its interval
 
 std::vector<Goal> eventGoals() {
   return {{kUs, kQueue, 3.0},
@@ -41,7 +41,7 @@ Row runningRow(const std::string& count) {
       {{"pinlampd", "libuv", 1.0}, {"pinlampd + p50", "", kPhase}, {"pinlampd + p99", "", 0.002}}};
 }
 
-// Of each interval the median.
+// The figures are medians, one for each interval.
 Row phaseRow() {
   Row row{"phase", "how much longer than its interval a phase of a flashing LED is", {}, {}};
   for (const char* host : {"pinlampd ", "libuv "})
@@ -110,7 +110,7 @@ double median(const std::vector<double>& samples, double share = 0.5) {
   return quantile(sorted, share);
 }
 
-// One goal as it came out.
+// The outcome of one goal.
 struct Outcome {
   std::string measured;
   std::string wanted;

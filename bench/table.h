@@ -1,4 +1,4 @@
-// The table of what was measured, beside what was to be reached.
+// The table of results and goals.
 #pragma once
 
 #include <iosfwd>
@@ -8,7 +8,7 @@
 
 namespace Bench {
 
-// What a figure is to stay under: a factor of another figure of its row, or a value of its own.
+// The maximum of a figure: a factor of another figure of its row, or a value.
 struct Goal {
   std::string figure;
   std::string other;  // empty: `most` is a value, in seconds or bytes
@@ -26,19 +26,19 @@ struct Row {
 
 // The rows, in the order of printing.
 const std::vector<Row>& rows();
-// Null where no row has that name.
+// Null if no row has that name.
 const Row* findRow(const std::string& name);
 
-// The samples of one run, by row and figure; and what kept a contestant from being measured.
+// The samples of one run, by row and figure, and the contestants that failed.
 class Results {
  public:
-  // `contestant` is "ROW/CONTESTANT"; `figure` is empty for its only or foremost one.
+  // `contestant` is "ROW/CONTESTANT"; `figure` is empty for the main one.
   void add(const std::string& contestant, const std::string& figure, double value) {
     samples_[figure.empty() ? contestant : contestant + ' ' + figure].push_back(value);
   }
   void fail(const std::string& contestant, const std::string& why) { failures_[contestant] = why; }
 
-  // Null where there are none.
+  // Null if there are none.
   const std::vector<double>* samples(const std::string& row, const std::string& figure) const;
   const std::map<std::string, std::string>& failures() const { return failures_; }
 
@@ -47,15 +47,15 @@ class Results {
   std::map<std::string, std::string> failures_;
 };
 
-// Those of this run.
+// The results of this run.
 Results& results();
 
-// A figure as a person reads it: "59.2 ns", "1.21 KiB".
+// A figure with its unit: "59.2 ns", "1.21 KiB".
 std::string figureText(double value, bool bytes);
 
-// Prints every row that has samples: the median of each figure, the quarters around it, its ratio to the
-// figure that a goal compares it with, the goal, and whether it was reached; then the failures. Returns how
-// many goals were missed.
+// Prints every row that has samples: the median and quartiles of each figure, its ratio to the figure that a
+// goal compares it with, the goal, and whether it was reached; then the failures. Returns the number of
+// missed goals.
 int print(std::ostream& out, const Results& results);
 
 }  // namespace Bench

@@ -1,8 +1,8 @@
-// Flash ticks: LEDs that toggle twice a second in real time, each by a wake-up of its own.
+// Flash ticks: LEDs that toggle twice a second in real time, each on its own timer.
 //
-// The agent's ticks are the whole thing: the clock, the real state machine, and the pins. The timers of the
-// peers call an empty handler and start again. All phases are spread at random; what is measured is the
-// processor time of the loop, waiting included, for each tick.
+// The agent's tick is complete: the clock, the real state machine, and the pins. The peers' timers call an
+// empty handler and restart. Phases are random. Measures the processor time of the loop per tick, including
+// the cost of waiting.
 #include <ev.h>
 #include <poll.h>
 #include <uv.h>
@@ -20,24 +20,24 @@ namespace Bench {
 
 namespace {
 
-constexpr double kLead = 0.3;  // seconds for making everything, before the first tick
+constexpr double kLead = 0.3;  // seconds for set-up before the first tick
 
 double window() { return quick() ? 0.6 : 1.5; }
 
-// When the LED of that number ticks first, from now on.
+// The seconds until the LED's first tick.
 double firstTick(std::size_t led, std::size_t leds) {
   static thread_local std::vector<std::uint32_t> order;
   if (order.size() != leds) order = shuffled(leds);
   return kLead + kFlashInterval * order[led] / static_cast<double>(leds);
 }
 
-// What a loop did within the window, which begins when every LED has ticked once.
+// Measures a loop within a window that begins when every LED has ticked once.
 class Meter {
  public:
   Meter() : begin_(now() + kLead + kFlashInterval), end_(begin_ + window()) {}
 
   void tick() { ++ticks_; }
-  // Whether to go on.
+  // Returns false at the end of the window.
   bool goesOn() {
     const double time = now();
     if (!started_ && time >= begin_) {
@@ -59,7 +59,7 @@ class Meter {
   std::uint64_t ticks_ = 0;
 };
 
-// Waits in whole milliseconds, never too short.
+// Waits in whole milliseconds, rounded up.
 void waitUntil(double time) {
   const double delay = std::ceil((time - now()) * 1e3);
   if (delay > 0) poll(nullptr, 0, static_cast<int>(std::min(delay, 1000.0)));
@@ -90,7 +90,7 @@ double agentTick(std::size_t leds) {
   return meter.costOfTick();
 }
 
-// The floor: toggle what the LED shows and store when it is to tick next.
+// The floor: toggles what the LED shows and stores its next time.
 double bareTick(std::size_t leds) {
   struct Bare {
     std::array<std::uint32_t, kPins> pins{};

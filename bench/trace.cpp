@@ -1,4 +1,4 @@
-// What a trace record costs while its level is off.
+// The cost of a trace record whose level is off.
 #include "common/trace.h"
 
 #include "bench/appliance.h"
@@ -16,7 +16,7 @@ class Watcher : public Zel::Reactor<Watcher, Pin::NotifieeConst> {
   using Reactor::Reactor;
 };
 
-// Pins, each with somebody who watches it as in life, picked at random.
+// Pins in random order, each with a watcher as in production.
 class Pins {
  public:
   Pins() {
@@ -38,8 +38,7 @@ const Pins& allPins() {
   return pins;
 }
 
-// One turn writes a pin, as the state machine does where it traces: the loop is the same with the record and
-// without. Nothing is delivered.
+// A turn writes one pin as the state machine does, with or without its trace record. Nothing is delivered.
 template <bool Traced>
 void turns(benchmark::State& state) {
   const Pins& pins = allPins();

@@ -53,8 +53,7 @@ std::string refusalsText(const Json& status) {
   return last.empty() || last == "null" ? count : count + ", last: " + last;
 }
 
-// The entities that say how each pin's GPIO line fares. A host whose state database is kept elsewhere has
-// none.
+// The status entities of GPIO lines; empty if another host keeps the state database.
 Json readLines(Client& client) {
   try {
     Json lines = client.read(Paths::kLineStatus);
@@ -68,29 +67,28 @@ Json readLines(Client& client) {
   }
 }
 
-// How many lines are driven, and what ails the others, as a line agent published it last: its rows stay when
-// it is killed.
+// Adds the number of driven lines, and the errors of the others, as a line agent published them last: its
+// rows outlive it.
 void addLines(Table& table, const Json& lines, const Json& status) {
   if (lines.empty()) return;
   const bool known = isFilled(status, Paths::kLineStatus) != false;
-  std::vector<std::vector<std::string>> ailing;
+  std::vector<std::vector<std::string>> failed;
   for (const Json& line : lines)
     if (const Json& state = line.at("attributes"); !state.value("driven", false))
-      ailing.push_back({"", lastName(line.at("path").get<std::string>()) + ": " + state.value("error", "")});
-  table.add({"lines", std::to_string(lines.size() - ailing.size()) + " driven, " +
-                          std::to_string(ailing.size()) + " not" +
+      failed.push_back({"", lastName(line.at("path").get<std::string>()) + ": " + state.value("error", "")});
+  table.add({"lines", std::to_string(lines.size() - failed.size()) + " driven, " +
+                          std::to_string(failed.size()) + " not" +
                           (known ? "" : ", when a line agent ran last")});
-  for (auto& row : ailing) table.add(std::move(row));
+  for (auto& row : failed) table.add(std::move(row));
 }
 
-// Adds the agents of other processes; lists a process that does not answer, with the reason.
+// A process, its agents and what they do, or why it did not answer.
 std::string processText(const Json& process) {
-  const std::string who = process.at("pid").dump() + ' ' + agentsText(process.at("agents")) + ": ";
-  const std::string where = ", through --socket " + bare(process.at("socket"));
-  if (process.contains("error")) return who + "not counted here: " + bare(process.at("error"));
+  const std::string name = process.at("pid").dump() + ' ' + agentsText(process.at("agents")) + ": ";
+  if (process.contains("error")) return name + "not counted here: " + bare(process.at("error"));
   const Json& status = process.at("status");
-  return who + bare(status.at("machines")) + " machines, " + bare(status.at("published")) +
-         " values published" + where;
+  return name + bare(status.at("machines")) + " machines, " + bare(status.at("published")) +
+         " values published, through --socket " + bare(process.at("socket"));
 }
 
 void addProcessRows(Table& table, const Json& status) {

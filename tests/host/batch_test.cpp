@@ -1,4 +1,4 @@
-// What clients may write: checked by texts, and interned only where all of it is taken.
+// Checks of clients' batches. Only accepted batches are interned.
 #include "host/control/batch.h"
 
 #include <gmock/gmock.h>
@@ -43,7 +43,7 @@ std::string repeated(const char* text, int times) {
   return all;
 }
 
-TEST(Batch, WhatIsWrongIsSaidWithItsPlaceAndLeavesNothingBehind) {
+TEST(Batch, ErrorsNameTheirStepAndLeaveNothingBehind) {
   const std::string longName(256, 'n');
   const std::pair<Json, std::string> cases[] = {
       {put(kLeds + "Status", nullptr, {{"colour", "red"}}),
@@ -87,7 +87,7 @@ TEST(Batch, WhatIsWrongIsSaidWithItsPlaceAndLeavesNothingBehind) {
   EXPECT_EQ(Statedb::Path::count(), paths);
 }
 
-TEST(Batch, WhatIsRightBecomesRows) {
+TEST(Batch, ValidChangesBecomeRows) {
   const auto batch = batchOf({put(kLeds + "Ethernet3%2F1", nullptr, {{"lightSetting", {{"green", true}}}}),
                               put("a/new/place", "Zel::Dir"), del(kLeds + "Status"), del("a/new/place"),
                               put("deep" + repeated("/d", 63), "Zel::Dir")});
@@ -97,7 +97,7 @@ TEST(Batch, WhatIsRightBecomesRows) {
   EXPECT_EQ(batch.changes[3].row.path, Statedb::Path(kLeds + "Status"));
 }
 
-TEST(Batch, IsCheckedAsItWouldStand) {
+TEST(Batch, StepsAreCheckedAgainstEarlierOnes) {
   const char* mapping = "Hardware::Gpio::GpioLedConfig";
   const auto batch = batchOf({put("map", "Hardware::Gpio::GpioLedSystemConfigDir"),
                               put("map/gpioLeds/A", mapping, {{"ready", 1}}),
@@ -110,7 +110,7 @@ TEST(Batch, IsCheckedAsItWouldStand) {
                           "map/gpioLeds/B: there is no entity at this path"));
 }
 
-// Wrong steps by the thousand cost no more than right ones, and a bounded answer.
+// Thousands of wrong steps cost no more than valid ones, and the answer is bounded.
 TEST(Batch, ManyStepsAreCheckedInOneWalkEach) {
   Json changes = Json::array();
   for (int i = 0; i < 5000; ++i) {

@@ -13,7 +13,7 @@ namespace {
 using Statedb::Change;
 using Zel::Value;
 
-TEST(Json, ValuesComeBackAsTheyWere) {
+TEST(Json, ValuesRoundTrip) {
   Value fields = Value::Fields{};
   fields.fieldIs("green", true);
   fields.fieldIs("flashInterval", 0.1);
@@ -23,7 +23,7 @@ TEST(Json, ValuesComeBackAsTheyWere) {
     EXPECT_EQ(Host::parseJson(Host::jsonText(value)), value) << value;
 }
 
-TEST(Json, NumbersBeyondJsonBecomeTexts) {
+TEST(Json, NonFiniteNumbersBecomeStrings) {
   constexpr double kInfinity = std::numeric_limits<double>::infinity();
   EXPECT_EQ(Host::jsonText(Value(kInfinity)), "\"inf\"");
   EXPECT_EQ(Host::jsonText(Value(-kInfinity)), "\"-inf\"");
@@ -31,11 +31,11 @@ TEST(Json, NumbersBeyondJsonBecomeTexts) {
   EXPECT_EQ(Host::jsonText(Value(1.0)), "1.0") << "stays a number that need not be whole";
 }
 
-TEST(Json, BytesThatAreNoUtf8CantStopAnAnswer) {
+TEST(Json, InvalidUtf8IsReplaced) {
   EXPECT_EQ(Host::parseJson(Host::jsonText(Value("a\xff"))), "a\xEF\xBF\xBD");
 }
 
-TEST(Json, ChangesOfOneEntityStandTogetherAndComeBack) {
+TEST(Json, ChangesOfOneEntityAreGroupedAndRoundTrip) {
   const Statedb::Changes changes = {Change::put("a", "T", "", {}), Change::put("a", "T", "x", 1),
                                     Change::put("a", "T", "y", "z"), Change::del("a"),
                                     Change::put("a", "U", "", {})};
@@ -49,7 +49,7 @@ TEST(Json, ChangesOfOneEntityStandTogetherAndComeBack) {
   EXPECT_EQ(back.back(), Change::put("\"q/\\", "T", "x", 2)) << "the last word on one attribute";
 }
 
-TEST(Json, WhatIsNotJsonIsRefusedWithTheReason) {
+TEST(Json, InvalidJsonIsRefusedWithTheReason) {
   const std::string deep(Host::kJsonDepth + 1, '[');
   std::string many = "{";
   for (int i = 0; i < 40; ++i) many += '"' + std::to_string(i % 39) + "\":0,";

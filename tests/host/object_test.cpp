@@ -22,7 +22,7 @@ struct Watcher : Zel::Reactor<Watcher, CorvelPinConfig::NotifieeConst> {
   using Reactor::Reactor;
 };
 
-// Something to drive: refers to LEDs, and hands one on.
+// An object to drive: refers to LEDs and passes one on.
 class Driver : public Zel::Described<Driver, Zel::Entity> {
  public:
   static constexpr auto attributes() {
@@ -111,7 +111,7 @@ TEST_F(ObjectsTest, PathsLeadThroughPointersCollectionsAndDirectories) {
   EXPECT_EQ(objects.get("m/gpioRedName/a"), Value(false));
 }
 
-TEST_F(ObjectsTest, RefusesWithTheReasonAndMakesNoName) {
+TEST_F(ObjectsTest, RefusesWithTheReasonAndInternsNothing) {
   using Operation = std::function<void(const Host::Objects&, const std::string&, const Value::List&)>;
   const Operation get = [](auto& all, auto& path, auto&) { all.get(path); };
   const Operation set = [](auto& all, auto& path, auto& given) { all.set(path, given); };
@@ -172,14 +172,14 @@ TEST_F(ObjectsTest, RefusesWithTheReasonAndMakesNoName) {
   EXPECT_EQ(errorOf([&] { objects.set("agent/seen/value", {1}); }), "the object may be read only");
 }
 
-TEST_F(ObjectsTest, AnObjectSaysWhenItDoesSomethingByItself) {
+TEST_F(ObjectsTest, ReportsTheNextWakeUp) {
   const Zel::System::ManualTime time(10.0);
   EXPECT_FALSE(Host::Objects::describe(objects.get("driver")).field("wakesIn"));
   driver->wakesAt = 10.5;
   EXPECT_EQ(*Host::Objects::describe(objects.get("driver")).field("wakesIn"), Value(0.5));
 }
 
-TEST_F(ObjectsTest, ATextStandsForTheObjectOfItsNameOrPath) {
+TEST_F(ObjectsTest, AStringMayNameAnObjectOrItsPath) {
   for (const char* text : {"A/1", "agent/system/gpioLeds/A%2F1"}) {
     pin->valueIs(0);
     objects.call("agent/write", {text, 7});
@@ -189,7 +189,7 @@ TEST_F(ObjectsTest, ATextStandsForTheObjectOfItsNameOrPath) {
   EXPECT_EQ(driver->seen_, pin);
 }
 
-TEST_F(ObjectsTest, TheTreeHasEveryObjectOnceAndDoesNotClimb) {
+TEST_F(ObjectsTest, TheTreeHasEveryObjectOnceAndNoParents) {
   const Value tree = objects.tree("agent", 16);
   const Value& system = tree.field("members")->as<Value::List>()->at(0);
   EXPECT_EQ(*system.field("path"), Value("agent/system"));
@@ -199,7 +199,7 @@ TEST_F(ObjectsTest, TheTreeHasEveryObjectOnceAndDoesNotClimb) {
   EXPECT_EQ(objects.tree("agent", 1).field("members")->as<Value::List>()->at(0).field("members"), nullptr);
 }
 
-TEST_F(ObjectsTest, LongAnswersAreCutAndSaySo) {
+TEST_F(ObjectsTest, LongAnswersAreTruncatedAndReportIt) {
   const auto size = [](const Value& list) { return list.as<Value::List>()->size(); };
   for (int i = 0; i < 100; ++i) {
     const auto inner = Zel::dynamicPtrCast<Zel::Dir>(dir->entryIs("inner" + std::to_string(i), "Zel::Dir"));

@@ -2,16 +2,16 @@
 add_library(pinlamp_options INTERFACE)
 target_compile_options(pinlamp_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion $<$<BOOL:${PINLAMP_WERROR}>:-Werror>)
-# Plug-ins unload only where they hold no unique symbols.
+# dlclose() unloads a library only if it has no unique symbols.
 target_compile_options(pinlamp_options INTERFACE $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
-# GCC 12 takes the joining of short texts, once optimised, for copies that overlap.
+# GCC 12 warns wrongly of overlapping copies in optimised concatenations of short strings.
 target_compile_options(pinlamp_options INTERFACE
   $<$<AND:$<CXX_COMPILER_ID:GNU>,$<VERSION_LESS:$<CXX_COMPILER_VERSION>,13>,$<CONFIG:Release>>:-Wno-restrict>)
-# The libraries call their own functions directly: nobody puts others in their place.
+# Calls within a library are direct; no program interposes its functions.
 target_compile_options(pinlamp_options INTERFACE -fno-semantic-interposition)
 target_include_directories(pinlamp_options INTERFACE ${PROJECT_SOURCE_DIR})
 if(PINLAMP_SANITIZE)
-  # GCC 12 takes what the sanitizers insert into std::function for reads of uninitialised memory.
+  # With sanitizers GCC 12 warns wrongly of uninitialised reads in std::function.
   target_compile_options(pinlamp_options INTERFACE
     -fsanitize=${PINLAMP_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer
     $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
@@ -22,13 +22,13 @@ if(PINLAMP_FUZZ)
   target_compile_options(pinlamp_options INTERFACE -fsanitize=fuzzer-no-link -fsized-deallocation)
 endif()
 
-# pinlamp_objects(NAME SOURCES...): one folder's objects, linked into the libraries and into the tests.
+# pinlamp_objects(NAME SOURCES...): the objects of one folder, for the libraries and the tests.
 function(pinlamp_objects name)
   add_library(${name} OBJECT ${ARGN})
   target_link_libraries(${name} PUBLIC pinlamp_options)
 endfunction()
 
-# pinlamp_test(NAME SOURCES LIBRARIES): one test program a folder, each case a test of ctest.
+# pinlamp_test(NAME SOURCES... LIBRARIES...): the test program of a folder; ctest runs each case as a test.
 function(pinlamp_test name)
   cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LIBRARIES" ${ARGN})
   if(NOT arg_TIMEOUT)

@@ -17,9 +17,9 @@ using Zel::TypeNode;
 constexpr const char* kHead = R"(# Types, attributes and operations
 
 Generated from the attribute tables that the accessors, the stores and the generic interface share; a test keeps this page
-true. Every attribute has the index that reactors to any attribute hear, counted on from the base's. *Stored* attributes
-are what a state database keeps of an entity: a value or a set of names as a row, a collection as the entities under it. The
-others, and all attributes of objects that are no entities, are found on live objects only.
+true. The *index* is the one that `onRawAttribute` gets; a type's own attributes follow its base's. A state database keeps
+the *stored* attributes of an entity: a value or a set of names as one row, a collection as the entities under it. All
+others, and all attributes of objects that are not entities, exist on live objects only.
 )";
 
 std::string join(const std::vector<std::string>& texts, const char* separator) {
@@ -91,7 +91,7 @@ TEST(ModelPage, SaysWhatTheTablesSay) {
   if (std::getenv("PINLAMP_WRITE_DOCS")) std::ofstream(PINLAMP_MODEL_PAGE) << page;
   std::stringstream written;
   written << std::ifstream(PINLAMP_MODEL_PAGE).rdbuf();
-  EXPECT_EQ(written.str(), page) << "write it anew: PINLAMP_WRITE_DOCS=1 docs_test";
+  EXPECT_EQ(written.str(), page) << "regenerate it: PINLAMP_WRITE_DOCS=1 build/dev/bin/docs_test";
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs the shell examples of PAGE as a reader pastes them: all of them into one fresh shell, in an empty folder, with the
-# programs in BIN in its path. Their output must be what the page shows, times, process numbers and sizes
-# of disks aside.
+# programs in BIN in its path. A page that sets the path itself gets the system's, and BIN as build/demo/bin, where
+# scripts/demo builds. The output must be what the page shows; times, process numbers and sizes of disks may differ.
 #   page.sh BIN PAGE
 # A block is indented by four blanks and begins with a "$ COMMAND" line; the lines after it are the command's output.
 # A fenced block with a file's name after its language ("```cpp agent.cpp") goes into that file, one after another.
@@ -12,6 +12,12 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 mkdir "$work/folder"
 cd "$work/folder"
+path=$bin:/usr/bin:/bin
+if grep -q '^    \$ export PATH=' "$page"; then
+  mkdir -p build/demo
+  ln -s "$bin" build/demo/bin
+  path=/usr/bin:/bin
+fi
 
 awk '/^```[a-z]+ [^ ]+$/ { file = $2; next } /^```/ { file = "" } file { print > file }' "$page"
 
@@ -23,20 +29,17 @@ awk '
 ' "$page" >"$work/expected"
 [ -s "$work/expected" ] || { echo "$page has no examples"; exit 1; }
 
-# Each command is written into the output before its own. Job control is for %1.
+# Each command is printed before its output.
 {
-  echo 'set -m'
   sed -n 's/^\$ //p' "$work/expected" | while IFS= read -r command; do
     printf 'printf "%%s\\n" %q\n%s\n' "\$ $command" "$command"
   done
   echo 'for job in $(jobs -p); do kill -TERM $job; wait $job || echo "a program in the background ended with $?"; done'
 } >"$work/pasted"
 
-# The notice of a job that was killed is the shell's, not the command's.
-env -i HOME="$work/folder" PATH="$bin:/usr/bin:/bin" LANG=C.UTF-8 ${LD_LIBRARY_PATH:+LD_LIBRARY_PATH="$LD_LIBRARY_PATH"} \
+env -i HOME="$work/folder" TMPDIR="$work" PATH="$path" LANG=C.UTF-8 ${LD_LIBRARY_PATH:+LD_LIBRARY_PATH="$LD_LIBRARY_PATH"} \
   ${CMAKE_PREFIX_PATH:+CMAKE_PREFIX_PATH="$CMAKE_PREFIX_PATH"} \
   timeout 120 bash --norc "$work/pasted" >"$work/printed" 2>&1 </dev/null || echo "the shell ended with $?" >>"$work/printed"
-sed -i "/^[^ ]*pasted: line [0-9]*: *[0-9]* Killed/d" "$work/printed"
 
 masked() {
   sed -E -e 's/[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:.]+/TIME/g' -e 's/\b(pid|process) [0-9]+/\1 N/g' \

@@ -1,30 +1,17 @@
 #include "bench/appliance.h"
 
 #include "bench/measure.h"
+#include "platform/model/colourmembers.h"
 
 namespace Bench {
 
 using Hardware::Gpio::CorvelGpioLedConfig;
-using Hardware::Gpio::GpioLedConfig;
 
-namespace {
-
-struct Colour {
-  const char* name;
-  void (GpioLedConfig::*want)(Zel::Name, bool);
-  const CorvelGpioLedConfig::Pins& (CorvelGpioLedConfig::*pins)() const;
-};
-constexpr Colour kColours[kPins] = {
-    {"yellow", &GpioLedConfig::gpioYellowNameIs, &CorvelGpioLedConfig::gpioYellow},
-    {"green", &GpioLedConfig::gpioGreenNameIs, &CorvelGpioLedConfig::gpioGreen},
-    {"red", &GpioLedConfig::gpioRedNameIs, &CorvelGpioLedConfig::gpioRed},
-    {"orange", &GpioLedConfig::gpioOrangeNameIs, &CorvelGpioLedConfig::gpioOrange}};
-
-}  // namespace
+using Led::kColourMembers;
 
 std::string ledName(std::size_t number) { return "Ethernet" + std::to_string(number); }
 std::string pinName(std::size_t number, std::size_t colour) {
-  return ledName(number) + '-' + kColours[colour].name;
+  return ledName(number) + '-' + kColourMembers[colour].name;
 }
 
 Appliance::Appliance(std::size_t leds)
@@ -50,7 +37,7 @@ void Appliance::add(std::size_t number) {
   leds_[number] = ledDir_->ledsIs(name).get();
   const auto mapping = mappingDir_->gpioLedsIs(name);
   for (std::size_t colour = 0; colour < kPins; ++colour)
-    ((*mapping).*kColours[colour].want)(pinName(number, colour), true);
+    ((*mapping).*kColourMembers[colour].nameIs)(pinName(number, colour), true);
   mapping->readyIs(true);
 }
 
@@ -62,7 +49,7 @@ void Appliance::remove(std::size_t number) {
 
 const CorvelGpioLedConfig::Pins& Appliance::pins(std::size_t number, std::size_t colour) const {
   const auto* output = reactor_->corvelLedSystemConfig()->gpioLeds().get(ledName(number));
-  return (output->*kColours[colour].pins)();
+  return (output->*kColourMembers[colour].pins)();
 }
 
 }  // namespace Bench

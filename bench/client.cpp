@@ -23,10 +23,8 @@ void nap() { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
 
 std::string settingText(const Led::LightSetting& setting) {
   std::string text = R"({"flashInterval":)" + std::to_string(setting.flashInterval);
-  if (setting.yellow) text += R"(,"yellow":true)";
-  if (setting.green) text += R"(,"green":true)";
-  if (setting.red) text += R"(,"red":true)";
-  if (setting.orange) text += R"(,"orange":true)";
+  for (std::size_t colour = 0; colour < kPins; ++colour)
+    if (lights(setting, colour)) text += R"(,")" + std::string(Led::kPinColours[colour].name) + R"(":true)";
   return text + '}';
 }
 
@@ -36,10 +34,9 @@ std::string ledPut(std::size_t led, const Led::LightSetting& setting) {
 }
 
 Json mappingPut(std::size_t led) {
-  static constexpr const char* kNames[kPins] = {"gpioYellowName", "gpioGreenName", "gpioRedName",
-                                                "gpioOrangeName"};
   Json attributes = {{"ready", true}};
-  for (std::size_t colour = 0; colour < kPins; ++colour) attributes[kNames[colour]] = {pinName(led, colour)};
+  for (std::size_t colour = 0; colour < kPins; ++colour)
+    attributes[Led::kPinColours[colour].mappedPins] = {pinName(led, colour)};
   return {{"op", "put"},
           {"path", "hardware/gpio/config/led/gpioLeds/" + ledName(led)},
           {"attributes", attributes}};

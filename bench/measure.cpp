@@ -6,6 +6,7 @@
 #include <random>
 
 #include "bench/table.h"
+#include "platform/model/colourmembers.h"
 
 namespace Bench {
 
@@ -37,17 +38,14 @@ std::vector<std::uint32_t> shuffled(std::size_t count) {
 const Led::LightSetting& steady(std::size_t colour) {
   static const std::array<Led::LightSetting, kPins> settings = [] {
     std::array<Led::LightSetting, kPins> made;
-    made[0].yellow = made[1].green = made[2].red = made[3].orange = true;
+    for (std::size_t i = 0; i < kPins; ++i) made[i].*Led::kColourMembers[i].lit = true;
     return made;
   }();
   return settings[colour];
 }
 
 bool lights(const Led::LightSetting& setting, std::size_t colour) {
-  static constexpr bool Led::LightSetting::*kColours[] = {&Led::LightSetting::yellow,
-                                                          &Led::LightSetting::green, &Led::LightSetting::red,
-                                                          &Led::LightSetting::orange};
-  return setting.*kColours[colour];
+  return setting.*Led::kColourMembers[colour].lit;
 }
 
 double quantile(std::vector<double>& samples, double share) {

@@ -13,12 +13,13 @@
 #include <string>
 #include <vector>
 
+#include "platform/model/colours.h"
 #include "platform/model/led.h"
 
 namespace Bench {
 
 inline constexpr std::size_t kLeds = 10'000;
-inline constexpr std::size_t kPins = 4;  // of each LED: yellow, green, red, orange
+inline constexpr std::size_t kPins = Led::kPinColours.size();  // of each LED, one a colour
 inline constexpr double kFlashInterval = 0.5;
 
 // Whether to run briefly, at the price of noise.
@@ -32,7 +33,7 @@ double now();
 
 // A permutation of the numbers from 0 to count - 1: pseudo-random, the same in every process.
 std::vector<std::uint32_t> shuffled(std::size_t count);
-// Steady, with one colour lit: yellow, green, red, orange for 0 to 3.
+// Steady, with one colour lit, by its place in Led::kPinColours.
 const Led::LightSetting& steady(std::size_t colour);
 bool lights(const Led::LightSetting& setting, std::size_t colour);
 

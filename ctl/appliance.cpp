@@ -101,7 +101,7 @@ void readMapping(const Json& attributes, Lamp& lamp) {
   lamp.mapped = true;
   lamp.ready = attributes.value("ready", false);
   for (std::size_t i = 0; i < kColours.size(); ++i)
-    lamp.pins[i] = namesIn(attributes, kColours[i].pinAttribute);
+    lamp.pins[i] = namesIn(attributes, kColours[i].mappedPins);
 }
 
 std::optional<unsigned> pinValue(const Mirror& mirror, const std::string& pin) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "ctl/client.h"
+#include "platform/model/colours.h"
 #include "platform/model/paths.h"
 
 namespace Ctl {
@@ -23,20 +24,9 @@ inline constexpr char kLineStatusType[] = "Hardware::Gpio::GpioLineStatus";
 std::string ledPath(const std::string& led);
 std::string mapPath(const std::string& led);
 
-// Where four things differ only in their colour, this table carries the difference.
-struct Colour {
-  const char* name;          // also the field of a light setting
-  const char* pinAttribute;  // the attribute of a mapping that names the pins
-  const char* drivenPins;    // the LED agent's collection of those that it drives
-  char letter;
-  std::array<unsigned char, 3> rgb;
-  const char* sgr16;  // how a terminal of 16 colours is told
-};
-inline constexpr std::array<Colour, 4> kColours{
-    {{"orange", "gpioOrangeName", "gpioOrange", 'O', {255, 135, 0}, "33"},
-     {"green", "gpioGreenName", "gpioGreen", 'G', {0, 215, 75}, "92"},
-     {"red", "gpioRedName", "gpioRed", 'R', {255, 45, 45}, "91"},
-     {"yellow", "gpioYellowName", "gpioYellow", 'Y', {255, 220, 30}, "93"}}};
+using Colour = Led::PinColour;
+inline constexpr auto& kColours = Led::kColoursAsRead;
+// Something for each colour, in the order of kColours.
 template <class T>
 using PerColour = std::array<T, kColours.size()>;
 

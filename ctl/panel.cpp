@@ -140,7 +140,7 @@ std::string colourCode(const PerColour<bool>& shows, Look::Colours depth) {
       return "38;5;" + std::to_string(16 + 36 * level(red) + 6 * level(green) + level(blue));
     }
     case Look::Colours::ansi16:
-      return onlyColour(shows) ? onlyColour(shows)->sgr16 : "97";
+      return onlyColour(shows) ? onlyColour(shows)->terminalCode : "97";
     case Look::Colours::none:
       break;
   }

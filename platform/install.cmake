@@ -1,10 +1,13 @@
-# For writing agents: headers, the library, a CMake package and a pkg-config file. The headers of the stores, and what
-# only a host uses, stay here; tests/install checks that platform/pinlamp.h reaches every header that is installed.
+# For writing agents: headers, the library, a CMake package and a pkg-config file. The headers of the stores, of what
+# only a host uses, and of the tables of colours stay here; tests/install checks that platform/pinlamp.h reaches every
+# header that is installed.
 install(TARGETS pinlamp-platform EXPORT pinlamp-targets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
 install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/pinlamp COMPONENT development
   FILES_MATCHING PATTERN "*.h"
+  PATTERN "colourmembers.h" EXCLUDE
+  PATTERN "colours.h" EXCLUDE
   PATTERN "entitytree.h" EXCLUDE
   PATTERN "entrytable.h" EXCLUDE
   PATTERN "external.h" EXCLUDE

@@ -1,9 +1,8 @@
 #include "reactor/configreactor.h"
 
-#include <array>
-
 #include "common/check.h"
 #include "common/trace.h"
+#include "platform/model/colourmembers.h"
 
 namespace Pinlamp {
 
@@ -13,29 +12,17 @@ using Mapping = Hardware::Gpio::GpioLedConfig;
 using Output = Hardware::Gpio::CorvelGpioLedConfig;
 using Pin = Hardware::Gpio::CorvelPinConfig;
 
-struct Colour {
-  const char* name;
-  int line;  // that the record of a new pin carries
-  const Zel::NameSet& (Mapping::*wanted)() const;
-  void (Output::*add)(const Zel::Ptr<Pin>&);
-  const Output::Pins& (Output::*pins)() const;
-};
-
-// In the order in which pins are made and removed.
-constexpr std::array<Colour, 4> kColours{{
-    {"yellow", 263, &Mapping::gpioYellowName, &Output::gpioYellowIs, &Output::gpioYellow},
-    {"green", 273, &Mapping::gpioGreenName, &Output::gpioGreenIs, &Output::gpioGreen},
-    {"red", 283, &Mapping::gpioRedName, &Output::gpioRedIs, &Output::gpioRed},
-    {"orange", 293, &Mapping::gpioOrangeName, &Output::gpioOrangeIs, &Output::gpioOrange},
-}};
+using Led::kColourMembers;
 
 // Makes one colour's pins, or finds those that are there, and adds them to an LED's output.
-void createPins(const Colour& colour, const Mapping& mapping, Output& output, Zel::Dir& pinDir) {
+void createPins(std::size_t number, const Mapping& mapping, Output& output, Zel::Dir& pinDir) {
   static const Zel::String pinType("Hardware::Gpio::CorvelPinConfig");
-  for (const Zel::Name pin : (mapping.*colour.wanted)()) {
+  const auto& colour = kColourMembers[number];
+  const int line = 263 + 10 * static_cast<int>(number);  // of the records: each colour has its own
+  for (const Zel::Name pin : (mapping.*colour.names)()) {
     pinDir.entryIs(pin, pinType);
-    (output.*colour.add)(Zel::dynamicPtrCast<Pin>(pinDir.entityRef(pin)));
-    trace(6, colour.line, "createLedConfig",
+    (output.*colour.pinIs)(Zel::dynamicPtrCast<Pin>(pinDir.entityRef(pin)));
+    trace(6, line, "createLedConfig",
           [&](std::ostream& out) { out << "created " << colour.name << " pin '" << pin << "'"; });
   }
 }
@@ -116,7 +103,8 @@ void ConfigReactor::ZelGpioLedConfig::createLedConfig() {
   require(reactor->corvelLedSystemConfig_, "corvelLedSystemConfig_");
   require(reactor->gpioPinConfigDir_, "gpioPinConfigDir_");
   const auto output = reactor->corvelLedSystemConfig_->gpioLedsIs(mapping->name());
-  for (const Colour& colour : kColours) createPins(colour, *mapping, *output, *reactor->gpioPinConfigDir_);
+  for (std::size_t colour = 0; colour < kColourMembers.size(); ++colour)
+    createPins(colour, *mapping, *output, *reactor->gpioPinConfigDir_);
   reactor->createDriver(mapping->name());
 }
 
@@ -352,7 +340,7 @@ void ConfigReactor::handleGpioConfigCleanup(Zel::Name name) {
   require(corvelLedSystemConfig_, "corvelLedSystemConfig_");
   if (const Zel::Ptr output{outputOf(name)}) {
     require(gpioPinConfigDir_, "gpioPinConfigDir_");
-    for (const Colour& colour : kColours)
+    for (const auto& colour : kColourMembers)
       for (const auto& pin : (*output.*colour.pins)()) gpioPinConfigDir_->entryDel(pin->name());
     corvelLedSystemConfig_->gpioLedsDel(name);
   }

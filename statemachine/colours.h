@@ -1,10 +1,9 @@
-// The colours of an LED: for each its pins, whether a setting lights it, and what traces call it.
+// What a machine does with each colour: the pins that it writes, when, and how it traces that.
 #pragma once
 
-#include <array>
+#include <string_view>
 
-#include "platform/model/corvelgpioledconfig.h"
-#include "platform/model/led.h"
+#include "platform/model/colourmembers.h"
 
 namespace Pinlamp {
 
@@ -15,16 +14,18 @@ struct Colour {
   bool ::Led::LightSetting::*lit;
 };
 
-// In the order in which colours are written.
-inline constexpr auto kColours = [] {
-  using Config = Hardware::Gpio::CorvelGpioLedConfig;
-  using Setting = ::Led::LightSetting;
-  return std::array<Colour, 4>{{
-      {"handleCorvelGpioYellow", "Corvel Yellow Pin: ", &Config::gpioYellow, &Setting::yellow},
-      {"handleCorvelGpioGreen", "Corvel Green Pin: ", &Config::gpioGreen, &Setting::green},
-      {"handleCorvelGpioRed", "Corvel Red Pin: ", &Config::gpioRed, &Setting::red},
-      {"handleCorvelGpioOrange", "Corvel Orange Pin: ", &Config::gpioOrange, &Setting::orange},
-  }};
-}();
+#define LED_PIN_COLOUR(name, Title, ...)                                               \
+  Colour{"handleCorvelGpio" #Title,                                                    \
+         "Corvel " #Title " Pin: ", &Hardware::Gpio::CorvelGpioLedConfig::gpio##Title, \
+         &::Led::LightSetting::name},
+inline constexpr std::array kColours{LED_PIN_COLOURS(LED_PIN_COLOUR)};
+#undef LED_PIN_COLOUR
+
+// The colour that an operation writes.
+consteval const Colour& colourOf(std::string_view operation) {
+  for (const Colour& colour : kColours)
+    if (colour.operation == operation) return colour;
+  throw "no colour has this operation";
+}
 
 }  // namespace Pinlamp

@@ -15,9 +15,6 @@ namespace {
 using Config = Hardware::Gpio::CorvelGpioLedConfig;
 using Pin = Hardware::Gpio::CorvelPinConfig;
 
-// The four colours' operations, by their places among the colours.
-enum : std::size_t { kYellow, kGreen, kRed, kOrange };
-
 void writePin(const Colour& colour, const Zel::Ptr<Pin>& pin, U32 value) {
   const U32 oldValue = pin->value();
   pin->valueIs(value);
@@ -158,16 +155,16 @@ void GpioLedStateMachine::light(const LightSetting& setting) {
 }
 
 void GpioLedStateMachine::handleCorvelGpioYellow(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value) {
-  write(kColours[kYellow], led, value);
+  write(colourOf("handleCorvelGpioYellow"), led, value);
 }
 void GpioLedStateMachine::handleCorvelGpioGreen(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value) {
-  write(kColours[kGreen], led, value);
+  write(colourOf("handleCorvelGpioGreen"), led, value);
 }
 void GpioLedStateMachine::handleCorvelGpioRed(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value) {
-  write(kColours[kRed], led, value);
+  write(colourOf("handleCorvelGpioRed"), led, value);
 }
 void GpioLedStateMachine::handleCorvelGpioOrange(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value) {
-  write(kColours[kOrange], led, value);
+  write(colourOf("handleCorvelGpioOrange"), led, value);
 }
 
 void GpioLedStateMachine::hasNotificationActiveIs(bool active) {

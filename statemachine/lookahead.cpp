@@ -12,8 +12,8 @@ using Config = Hardware::Gpio::CorvelGpioLedConfig;
 using Pin = Hardware::Gpio::CorvelPinConfig;
 
 void prefetchCollections(const Config& pins) {
-  Zel::prefetch(&pins.gpioYellow());
-  Zel::prefetch(&pins.gpioOrange());  // the others lie between
+  Zel::prefetch(&(pins.*kColours.front().pins)());
+  Zel::prefetch(&(pins.*kColours.back().pins)());  // the others lie between
 }
 
 template <class Function>

@@ -29,7 +29,7 @@ Json pinSet(const std::vector<std::string>& pins) {
 Json MapArguments::attributes() const {
   Json attributes = Json::object();
   for (std::size_t i = 0; i < kColours.size(); ++i)
-    if (options[i].given()) attributes[kColours[i].pinAttribute] = pinSet(pins[i]);
+    if (options[i].given()) attributes[kColours[i].mappedPins] = pinSet(pins[i]);
   if (readyOption.given()) attributes["ready"] = ready;
   return attributes;
 }
@@ -48,7 +48,7 @@ Json attributesNow(Client& client, const std::string& led) {
 
 bool namesOtherPins(const Json& before, const Json& after) {
   return std::ranges::any_of(kColours, [&](const Colour& colour) {
-    return namesIn(before, colour.pinAttribute) != namesIn(after, colour.pinAttribute);
+    return namesIn(before, colour.mappedPins) != namesIn(after, colour.mappedPins);
   });
 }
 

@@ -2,7 +2,10 @@
 
 #include <cmath>
 #include <ostream>
+#include <string_view>
 #include <utility>
+
+#include "platform/model/colourmembers.h"
 
 namespace Led {
 
@@ -11,11 +14,31 @@ constexpr const char* kColourTexts[kColourCount] = {"off",    "green", "red",   
                                                     "orange", "blue",  "white", "purple"};
 }
 
+namespace {
+
+constexpr auto kFieldNames =
+    std::apply([](const auto&... fields) { return std::array{std::string_view(fields.name)...}; },
+               LightSetting::fields());
+static_assert(
+    [] {
+      for (const PinColour& colour : kPinColours)
+        if (kFieldNames.at(colour.place) != colour.name) return false;
+      return true;
+    }(),
+    "each colour has its place among the fields");
+
+template <class T>
+bool same(const T& a, const T& b) {
+  return a == b;
+}
+bool same(double a, double b) { return a == b || (std::isnan(a) && std::isnan(b)); }
+
+}  // namespace
+
 bool operator==(const LightSetting& a, const LightSetting& b) {
-  const bool sameInterval =
-      a.flashInterval == b.flashInterval || (std::isnan(a.flashInterval) && std::isnan(b.flashInterval));
-  return sameInterval && a.orange == b.orange && a.green == b.green && a.red == b.red &&
-         a.yellow == b.yellow && a.brightness == b.brightness && a.priority == b.priority;
+  return std::apply(
+      [&]<auto... Member>(const Zel::Field<Member>&...) { return (same(a.*Member, b.*Member) && ...); },
+      LightSetting::fields());
 }
 
 const char* LightSetting::refuseBrightness(const Zel::Value& value) {
@@ -30,12 +53,10 @@ const char* LightSetting::refuseInterval(const Zel::Value& value) {
 }
 
 std::ostream& operator<<(std::ostream& out, const LightSetting& setting) {
-  const std::pair<bool, const char*> colours[] = {
-      {setting.orange, "orange"}, {setting.green, "green"}, {setting.red, "red"}, {setting.yellow, "yellow"}};
   const char* separator = "";
   out << '{';
-  for (const auto& [lit, text] : colours)
-    if (lit) out << std::exchange(separator, " ") << text;
+  for (const ColourMembers& colour : asRead(kColourMembers))
+    if (setting.*colour.lit) out << std::exchange(separator, " ") << colour.name;
   if (!*separator) out << "off";
   if (setting.flashInterval != 0.0) out << ", flash " << setting.flashInterval << " s";
   if (setting.brightness != 100) out << ", brightness " << setting.brightness << " %";

@@ -23,8 +23,9 @@ const std::map<std::string, std::vector<std::string>> kBelow{
     {"platform/statedb/mount", {"platform/statedb/store"}},
     {"platform/warden", {"platform/statedb/mount"}},
     {"platform/cell", {"platform/zel/core"}},
-    {"platform/model/paths.h", {}},  // names alone, for clients that know no entity
-    {"platform/model", {"platform/zel/entity", "platform/model/paths.h"}},
+    {"platform/model/paths.h", {}},  // words alone, for clients that know no entity
+    {"platform/model/colours.h", {}},
+    {"platform/model", {"platform/zel/entity", "platform/model/paths.h", "platform/model/colours.h"}},
     {"platform", {"platform/zel", "platform/warden", "platform/model", "platform/cell"}},
     {"common", {"platform/zel/notify"}},
     {"statemachine", {"common", "platform/model"}},
@@ -37,7 +38,7 @@ const std::map<std::string, std::vector<std::string>> kBelow{
     {"host/store", {"host/rpc"}},
     {"host/control", {"host/rpc", "platform/warden"}},
     {"host", {"host/store", "host/control", "platform/cell"}},
-    {"ctl", {"platform/zel/core", "platform/model/paths.h"}},
+    {"ctl", {"platform/zel/core", "platform/model/paths.h", "platform/model/colours.h"}},
     {"ctl/commands", {"ctl"}},
 };
 

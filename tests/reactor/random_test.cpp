@@ -17,7 +17,7 @@ using Zel::Ptr;
 using Text = std::string;
 
 using Pin = std::pair<Text, int>;  // and a number that no other pin of that name has
-using Output = std::array<std::vector<Pin>, 4>;
+using Output = std::array<std::vector<Pin>, kColours.size()>;
 
 struct ReactorModel {
   struct Mapped {
@@ -91,7 +91,7 @@ struct ReactorModel {
     say(246, "createLedConfig", "createLedConfig " + name);
     if (!mapping.ready()) return;
     Output& output = outputs[name];
-    for (std::size_t colour = 0; colour < 4; ++colour)
+    for (std::size_t colour = 0; colour < kColours.size(); ++colour)
       for (const Zel::Name pinName : (mapping.*kColours[colour].names)()) {
         const Pin pin = pinIs(pinName.stdString());
         if (std::ranges::count(output[colour], pin) == 0) {
@@ -351,7 +351,7 @@ class ReactorRun : public Bench::Test {
     }
     const auto output = reactor->corvelLedSystemConfig()->gpioLeds(name);
     ASSERT_EQ(output != nullptr, model.outputs.contains(name)) << dice.report();
-    for (std::size_t colour = 0; output && colour < 4; ++colour) {
+    for (std::size_t colour = 0; output && colour < kColours.size(); ++colour) {
       std::vector<std::pair<Text, bool>> found, expectedPins;  // and whether it is the one in the directory
       for (const auto& pin : ((*output).*kColours[colour].pins)())
         found.emplace_back(pin->name().stdString(), pins->entityRef(pin->name()) == pin);

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/model/colourmembers.h"
 #include "platform/model/corvelgpioledsystemconfigdir.h"
 #include "platform/model/ledconfig.h"
 #include "platform/zel/core/trace.h"
@@ -20,12 +21,9 @@ using Zel::Ptr;
 
 // "green red" and seconds; "" is dark.
 inline Led::LightSetting setting(std::string_view colours, double interval = 0.0) {
-  const auto has = [&](const char* colour) { return colours.find(colour) != std::string_view::npos; };
   Led::LightSetting result;
-  result.yellow = has("yellow");
-  result.green = has("green");
-  result.red = has("red");
-  result.orange = has("orange");
+  for (const auto& colour : Led::kColourMembers)
+    result.*colour.lit = colours.find(colour.name) != std::string_view::npos;
   result.flashInterval = interval;
   return result;
 }

@@ -36,15 +36,17 @@ struct Colour {
   void (CorvelGpioLedConfig::*pinIs)(const Ptr<Bench::CorvelPinConfig>&);
   void (GpioLedStateMachine::*write)(const Ptr<CorvelGpioLedConfig>&, Pinlamp::U32);
 };
-// clang-format off
-#define COLOUR(Text, plain)                                                                           \
-  {#Text, #plain, &LightSetting::plain, &GpioLedConfig::gpio##Text##Name,                             \
-   &GpioLedConfig::gpio##Text##NameIs, &CorvelGpioLedConfig::gpio##Text,                              \
-   &CorvelGpioLedConfig::gpio##Text##Is, &GpioLedStateMachine::handleCorvelGpio##Text}
-// clang-format on
-inline const std::array<Colour, 4> kColours{
-    {COLOUR(Yellow, yellow), COLOUR(Green, green), COLOUR(Red, red), COLOUR(Orange, orange)}};
-#undef COLOUR
+#define LED_PIN_COLOUR(plain, Text, ...)       \
+  Colour{#Text,                                \
+         #plain,                               \
+         &LightSetting::plain,                 \
+         &GpioLedConfig::gpio##Text##Name,     \
+         &GpioLedConfig::gpio##Text##NameIs,   \
+         &CorvelGpioLedConfig::gpio##Text,     \
+         &CorvelGpioLedConfig::gpio##Text##Is, \
+         &GpioLedStateMachine::handleCorvelGpio##Text},
+inline constexpr std::array kColours{LED_PIN_COLOURS(LED_PIN_COLOUR)};
+#undef LED_PIN_COLOUR
 
 struct Pin {
   std::string name;
@@ -54,7 +56,7 @@ struct Pin {
 // An LED's pins by colour, each colour's in the order in which they came.
 struct Output {
   std::string name, system;
-  std::array<std::vector<std::shared_ptr<Pin>>, 4> pins;
+  std::array<std::vector<std::shared_ptr<Pin>>, kColours.size()> pins;
 
   void add(std::size_t colour, const std::shared_ptr<Pin>& pin) {
     if (std::ranges::count(pins[colour], pin) != 0) return;
@@ -162,8 +164,8 @@ struct Machine {
     log.push_back(std::to_string(level) + " " + function + ": " + text);
   }
   void show(const LightSetting& setting, bool lit) {
-    for (std::size_t colour = 0; colour < 4; ++colour) write(colour, 0, *output);
-    for (std::size_t colour = 0; colour < 4; ++colour)
+    for (std::size_t colour = 0; colour < kColours.size(); ++colour) write(colour, 0, *output);
+    for (std::size_t colour = 0; colour < kColours.size(); ++colour)
       if (lit && setting.*kColours[colour].lit) write(colour, 1, *output);
   }
   void armIn(double interval) { clockReactor->timeMinIs(Zel::System::currentTime() + interval); }

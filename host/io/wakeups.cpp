@@ -5,8 +5,9 @@
 namespace Host {
 
 namespace {
-constexpr double kNear = 1e-3;      // seconds; wake-ups closer than this are merged
-constexpr double kFrequent = 4e-3;  // seconds; only where they follow their predecessor within this
+constexpr double kNear = 1e-3;  // seconds; only wake-ups closer than this merge
+constexpr double kFrequent =
+    4e-3;  // seconds; a wake-up later than this after the previous one is not delayed
 }  // namespace
 
 double WakeUps::next(const Zel::ActivityManager& activity) {

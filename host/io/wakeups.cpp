@@ -5,9 +5,8 @@
 namespace Host {
 
 namespace {
-constexpr double kNear = 1e-3;  // seconds; only wake-ups closer than this merge
-constexpr double kFrequent =
-    4e-3;  // seconds; a wake-up later than this after the previous one is not delayed
+constexpr double kNear = 1e-3;      // seconds; wake-ups further apart do not merge
+constexpr double kFrequent = 4e-3;  // seconds; a wake-up that is rarer than this is not delayed
 }  // namespace
 
 double WakeUps::next(const Zel::ActivityManager& activity) {

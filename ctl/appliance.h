@@ -84,7 +84,7 @@ struct Lamp {
   bool lacksPin() const;
   // "green+red, flash 0.5 s", "off", or "-" without a setting.
   std::string settingText() const;
-  // "green", "dark", or "-" where no pin is driven.
+  // "green", "dark", or "-" if no pin is driven.
   std::string shownText() const;
 };
 

@@ -84,7 +84,7 @@ class Command {
   // Adds `--json`.
   void jsonFlag(bool& json);
 
-  // Calls `action` once the command was given and its arguments are parsed.
+  // Calls `action` if the command is given, once its arguments are parsed.
   void runs(std::function<void()> action);
 
  private:

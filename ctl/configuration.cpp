@@ -106,13 +106,13 @@ bool isFilled(const std::string& path, const std::vector<std::string>& filled) {
          std::ranges::any_of(filled, [&](const std::string& each) { return isUnder(path, each); });
 }
 
-bool leadsTo(const std::string& path, const std::vector<std::string>& filled) {
+bool isAboveFilled(const std::string& path, const std::vector<std::string>& filled) {
   return std::ranges::any_of(filled, [&](const std::string& each) { return isUnder(each, path); });
 }
 
 // Whether the host's entity must be deleted first: its type differs, or it has an attribute that the wanted
 // one lacks.
-bool mustGo(const Json& found, const Json* wanted) {
+bool mustBeDeleted(const Json& found, const Json* wanted) {
   if (!wanted || found.at("type") != wanted->at("type")) return true;
   for (const auto& [attribute, value] : found.at("attributes").items())
     if (!wanted->contains(attribute)) return true;
@@ -127,8 +127,8 @@ Json Configuration::dels(const Json& entities, const std::vector<std::string>& f
     const std::string path = found.at("path");
     const auto wanted = entities_.find(path);
     const bool goesWithLast = !changes.empty() && isUnder(path, changes.back().at("path").get<std::string>());
-    if (!isFilled(path, filled) && !leadsTo(path, filled) && !goesWithLast &&
-        mustGo(found, wanted == entities_.end() ? nullptr : &wanted->second))
+    if (!isFilled(path, filled) && !isAboveFilled(path, filled) && !goesWithLast &&
+        mustBeDeleted(found, wanted == entities_.end() ? nullptr : &wanted->second))
       changes.push_back({{"op", "del"}, {"path", path}});
   }
   return changes;

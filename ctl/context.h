@@ -33,16 +33,16 @@ class Context {
 void note(Context& context, const std::string& text);
 
 // Each adds the commands of one file.
-void addConfigCommands(Command& above, Context& context);  // load, dump
-void addLedCommands(Command& above, Context& context);     // led …
-void addMapCommands(Command& above, Context& context);     // map …
-void addEntityCommands(Command& above, Context& context);  // get, set, del, types
-void addWatchCommand(Command& above, Context& context);
-void addPanelCommand(Command& above, Context& context);
-void addRecordCommand(Command& above, Context& context);
-void addHostCommands(Command& above, Context& context);    // trace, status
-void addObjectCommands(Command& above, Context& context);  // object …
-void addWhyCommand(Command& above, Context& context);
+void addConfigCommands(Command& parent, Context& context);  // load, dump
+void addLedCommands(Command& parent, Context& context);     // led …
+void addMapCommands(Command& parent, Context& context);     // map …
+void addEntityCommands(Command& parent, Context& context);  // get, set, del, types
+void addWatchCommand(Command& parent, Context& context);
+void addPanelCommand(Command& parent, Context& context);
+void addRecordCommand(Command& parent, Context& context);
+void addHostCommands(Command& parent, Context& context);    // trace, status
+void addObjectCommands(Command& parent, Context& context);  // object …
+void addWhyCommand(Command& parent, Context& context);
 
 // Runs one command line, without the program's name; returns the exit status: 0, 1 (refused) or 2 (usage).
 int runCommandLine(std::vector<std::string> arguments, std::ostream& out, std::ostream& err);

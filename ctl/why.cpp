@@ -71,8 +71,8 @@ void addPins(Client& client, const LedAgent& agent, const Driven& driven, const 
       for (const std::string& name : *names) {
         PinFacts pin = factsOf(client, i, name);
         pin.mapped = names == &lamp.pins[i];
-        if (driven) pin.taken = contains((*driven)[i], name);
-        if (pin.taken == true) pin.detached = isDetached(agent, lamp.name, i, name);
+        if (driven) pin.driven = contains((*driven)[i], name);
+        if (pin.driven == true) pin.detached = isDetached(agent, lamp.name, i, name);
         pin.others = othersWith(name, lamp.name, lamps);
         reasons.pins.push_back(std::move(pin));
       }
@@ -142,10 +142,10 @@ std::string namesOf(const std::vector<std::string>& others) {
 }
 
 // Describes a fault of the pin itself, not of its line; empty if there is none.
-std::string troubleOf(const Reasons& reasons, const PinFacts& pin) {
+std::string faultOf(const Reasons& reasons, const PinFacts& pin) {
   const bool wanted = reasons.lamp.wanted[pin.colour];
-  if (pin.taken == false) return "was added to a ready mapping and is not driven until it is re-wired";
-  if (pin.taken == true && (pin.detached || !pin.value))
+  if (pin.driven == false) return "was added to a ready mapping and is not driven until it is re-wired";
+  if (pin.driven == true && (pin.detached || !pin.value))
     return "was removed with the mapping of another LED and is not driven until it is re-wired";
   if (!pin.mapped && (wanted || pin.value != 0U))
     return "was removed from a ready mapping and is driven until it is re-wired";
@@ -156,22 +156,22 @@ std::string troubleOf(const Reasons& reasons, const PinFacts& pin) {
   return {};
 }
 
-std::string lineTroubleOf(const PinFacts& pin, Known lineAgentRuns) {
+std::string lineFaultOf(const PinFacts& pin, Known lineAgentRuns) {
   if (!pin.value || (!pin.line.is_null() && pin.line.value("driven", false) && lineAgentRuns != false))
     return {};
   return lineText(pin, lineAgentRuns);
 }
 
-std::vector<std::string> troublesOfPins(const Reasons& reasons) {
+std::vector<std::string> pinFaults(const Reasons& reasons) {
   std::vector<std::string> texts;
   for (std::size_t i = 0; i < kColours.size(); ++i)
     if (reasons.lamp.wanted[i] && std::ranges::find(reasons.pins, i, &PinFacts::colour) == reasons.pins.end())
       texts.push_back(std::string(kColours[i].name) + " is set and has no pin");
   for (const PinFacts& pin : reasons.pins) {
     const std::string name = std::string(kColours[pin.colour].name) + " pin " + pin.name + ' ';
-    if (const auto trouble = troubleOf(reasons, pin); !trouble.empty()) texts.push_back(name + trouble);
-    if (const auto trouble = lineTroubleOf(pin, reasons.lineAgentRuns); !trouble.empty())
-      texts.push_back(name + "has " + trouble);
+    if (const auto fault = faultOf(reasons, pin); !fault.empty()) texts.push_back(name + fault);
+    if (const auto fault = lineFaultOf(pin, reasons.lineAgentRuns); !fault.empty())
+      texts.push_back(name + "has " + fault);
   }
   return texts;
 }
@@ -187,7 +187,7 @@ std::string undriven(const Reasons& reasons) {
   return {};
 }
 
-std::string asItIsSet(const Reasons& reasons) {
+std::string settingReason(const Reasons& reasons) {
   const auto colours = colourNames(reasons.lamp.wanted);
   if (colours.empty()) return "its setting has no colour";
   if (!reasons.flashes()) return "it is set to " + joined(colours, "+");
@@ -206,11 +206,11 @@ std::string secondsText(double seconds) {
 
 std::vector<std::string> because(const Reasons& reasons) {
   if (const auto reason = undriven(reasons); !reason.empty()) return {reason};
-  auto troubles = troublesOfPins(reasons);
-  if (troubles.empty()) troubles.push_back(asItIsSet(reasons));
-  if (std::ranges::any_of(troubles, [](const auto& each) { return each.ends_with("re-wired"); }))
-    troubles.push_back("to re-wire it: pinlampctl map set " + reasons.lamp.name + " --rewire");
-  return troubles;
+  auto faults = pinFaults(reasons);
+  if (faults.empty()) faults.push_back(settingReason(reasons));
+  if (std::ranges::any_of(faults, [](const auto& each) { return each.ends_with("re-wired"); }))
+    faults.push_back("to re-wire it: pinlampctl map set " + reasons.lamp.name + " --rewire");
+  return faults;
 }
 
 std::optional<std::string> phaseText(const Reasons& reasons) {

@@ -19,7 +19,7 @@ struct PinFacts {
   std::size_t colour = 0;  // index in kColours
   std::string name;
   bool mapped = false;                // is in the mapping
-  Known taken{};                      // the LED agent drives it for this LED
+  Known driven{};                     // the LED agent drives it for this LED
   bool detached = false;              // but it is gone from the state database
   std::optional<unsigned> value{};    // nullopt: there is no such pin
   std::vector<std::string> others{};  // other LEDs that have it in their mappings

@@ -1,4 +1,4 @@
-// What the tests of several folders share.
+// Shared by the tests of several folders.
 #pragma once
 
 #include <exception>
@@ -13,7 +13,7 @@ namespace Support {
 
 using Lines = std::vector<std::string>;
 
-// The text of the exception that a call throws; "none" where it throws nothing.
+// The text of the exception that a call throws; "none" if it throws nothing.
 template <class Error = std::exception, class Call>
 std::string errorOf(Call&& call) {
   try {
@@ -24,7 +24,7 @@ std::string errorOf(Call&& call) {
   return "none";
 }
 
-// A type without attributes, of the name Derived::kName.
+// A type without attributes, named Derived::kName.
 template <class Derived, class Base>
 class Plain : public Zel::Described<Derived, Base> {
  public:
@@ -51,7 +51,7 @@ struct Watcher : Zel::Reactor<Watcher, Zel::RawNotifiee> {
   Call call;
 };
 
-// Counts its wake-ups, and does what its test wants.
+// Counts its wake-ups, and calls `act`.
 struct Waker : Zel::Reactor<Waker, Zel::Clock::NotifieeConst> {
   static constexpr const char* kTypeName = "Test::Waker";
   explicit Waker(const Zel::Ptr<const Zel::Clock>& clock, std::function<void()> act = {})

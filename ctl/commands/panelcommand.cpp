@@ -71,7 +71,7 @@ class LivePanel {
   void connect() {
     client_ = std::make_unique<Client>(socket_);
     appliance_ = std::make_unique<LiveAppliance>(*client_);
-    trouble_.clear();
+    error_.clear();
     drawn_ = false;
   }
 
@@ -84,13 +84,13 @@ class LivePanel {
   }
 
   void lose(const ConnectionLost& lost) {
-    trouble_ = std::string(lost.what()) + "; reconnecting";
+    error_ = std::string(lost.what()) + "; reconnecting";
     client_.reset();
     drawn_ = false;
   }
 
   std::vector<std::string> frame(const PanelSize& size) const {
-    const std::string title = trouble_.empty() ? "Front panel, through " + socket_ + "  (q quits)" : trouble_;
+    const std::string title = error_.empty() ? "Front panel, through " + socket_ + "  (q quits)" : error_;
     return panelFrame(lampsOf(appliance_->mirror()), title, look_, size);
   }
 
@@ -134,7 +134,7 @@ class LivePanel {
   const Look look_;
   std::unique_ptr<Client> client_;  // null while the host is away
   std::unique_ptr<LiveAppliance> appliance_;
-  std::string trouble_;
+  std::string error_;
   bool drawn_ = false;
   bool ended_ = false;
 };

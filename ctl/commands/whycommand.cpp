@@ -58,7 +58,7 @@ Json pinJson(const PinFacts& pin) {
   return {{"colour", kColours[pin.colour].name},
           {"name", pin.name},
           {"mapped", pin.mapped},
-          {"driven", orNull(pin.taken)},
+          {"driven", orNull(pin.driven)},
           {"value", orNull(pin.value)},
           {"sharedWith", pin.others},
           {"line", pin.line}};

@@ -14,8 +14,8 @@ namespace Host {
 // died: the holder of the lock on PATH.lock owns the socket.
 class Listener {
  public:
-  // Throws StartError if the path is too long, its folder is missing, the path is not a socket, or another
-  // process listens on it.
+  // Throws StartError if the path is too long, its folder is missing, a file that is not a socket exists
+  // there, or another process listens on it.
   Listener(Loop& loop, const std::string& path);
   ~Listener();
   Listener(const Listener&) = delete;

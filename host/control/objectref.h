@@ -30,8 +30,7 @@ ObjectRef step(const ObjectRef& at, const std::string& component);
 // Dereferences a pointer; returns anything else as it is. Throws ValueError if the pointer is null.
 ObjectRef follow(const ObjectRef& at);
 
-// The valid next components, for a message: at most kCandidates, nearest to `wanted` first, and how many more
-// there are.
+// The valid next components, for a message: the kCandidates nearest to `wanted`, and how many more there are.
 inline constexpr std::size_t kCandidates = 16;
 std::string candidatesText(const ObjectRef& at, std::string_view wanted = {});
 // Throws ValueError: the attribute has no member `at.key`. REQUIRES: at.key.

@@ -5,8 +5,8 @@
 namespace Host {
 
 namespace {
-constexpr double kNear = 1e-3;      // seconds; wake-ups closer than this are merged
-constexpr double kFrequent = 4e-3;  // seconds; only where they follow their predecessor within this
+constexpr double kNear = 1e-3;      // seconds; wake-ups further apart do not merge
+constexpr double kFrequent = 4e-3;  // seconds; a wake-up that is rarer than this is not delayed
 }  // namespace
 
 double WakeUps::next(const Zel::ActivityManager& activity) {

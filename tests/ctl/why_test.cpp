@@ -14,7 +14,7 @@ using testing::HasSubstr;
 enum : std::size_t { kOrange, kGreen, kRed, kYellow };
 
 PinFacts pin(std::size_t colour, const char* name, std::optional<unsigned> value) {
-  return {.colour = colour, .name = name, .mapped = true, .taken = true, .value = value};
+  return {.colour = colour, .name = name, .mapped = true, .driven = true, .value = value};
 }
 
 // An LED that is set to green and shows it.
@@ -37,12 +37,12 @@ TEST(Why, NamesTheObstacleInOneLine) {
       {"it flashes green", [](Reasons& r) { r.lamp.flashInterval = 1, r.pins[0].value = 0; }},
       {"it has no mapping", [](Reasons& r) { r.driven = r.lamp.mapped = false; }},
       {"its mapping is not ready", [](Reasons& r) { r.driven = r.lamp.ready = false; }},
-      {"it is set to green", [](Reasons& r) { r.lamp.ready = false; }},  // driven on, as before
+      {"it is set to green", [](Reasons& r) { r.lamp.ready = false; }},  // still driven
       {"it has no setting", [](Reasons& r) { r.driven = r.lamp.configured = false; }},
       {"no LED agent runs: its pins stay as they are", [](Reasons& r) { r.agentRuns = r.driven = false; }},
       {"orange is set and has no pin", [](Reasons& r) { r.lamp.wanted[kOrange] = true; }},
       {"green pin g2 was added to a ready mapping",
-       [](Reasons& r) { r.pins.push_back(pin(kGreen, "g2", {})), r.pins.back().taken = false; }},
+       [](Reasons& r) { r.pins.push_back(pin(kGreen, "g2", {})), r.pins.back().driven = false; }},
       {"green pin g was removed with the mapping of another LED",
        [](Reasons& r) { r.pins[0].value.reset(); }},
       {"green pin g was removed with the mapping of another LED",

@@ -4,7 +4,7 @@
 set -euo pipefail
 cd "$1"
 shopt -s nullglob
-pages=(README.md CONTRIBUTING.md CHANGELOG.md docs/*.md)
+pages=(README.md CONTRIBUTING.md CHANGELOG.md examples/README.md docs/*.md)
 folders='agent|bench|cmake|common|ctl|docs|examples|gpio|host|packaging|platform|reactor|scripts|statemachine|tests|utils'
 words=$(mktemp)
 trap 'rm -f "$words"' EXIT

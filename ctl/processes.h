@@ -27,8 +27,9 @@ std::vector<Process> processesOf(const Json& status);
 // Whether an agent runs that fills what stands at `path`; not known where the host doesn't know either.
 std::optional<bool> isFilled(const Json& status, const std::string& path);
 
-// Adds to a host's status what the agents in other processes do: their machines and published values to the
-// host's own, and each process's own status, or why it has none ("error"), to its entry in "processes".
-void addProcesses(Json& status);
+// The status of a host and of what its agents do, also those in other processes: "leds", "mappings", "pins"
+// and "machines" beside the host's own members; "machines" and "published" of all processes together; each
+// process's own status, or why it has none ("error"), in its entry in "processes".
+Json wholeStatus(Client& client);
 
 }  // namespace Ctl

@@ -42,6 +42,11 @@ Json mappingPut(std::size_t led) {
           {"attributes", attributes}};
 }
 
+std::size_t machinesOf(const Json& status) {
+  return status.at("types").value(Json::json_pointer("/Pinlamp::GpioLedStateMachine/objects"),
+                                  std::size_t{0});
+}
+
 std::vector<std::string> command(const TemporaryFolder& folder, const std::string& store) {
   const std::string build = buildFolder();
   return {build + "/bin/pinlampd",
@@ -136,7 +141,7 @@ void RunningHost::waitUntilDriven(std::size_t leds) {
     if (!process_.running()) throw std::runtime_error("pinlampd has ended; see its log");
     try {
       Client client(socket());
-      while (client.call("status", Json::object())["machines"] != leds) nap();
+      while (machinesOf(client.call("status", Json::object())) != leds) nap();
       return;
     } catch (const std::runtime_error&) {  // not listening yet
     }

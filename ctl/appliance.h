@@ -19,6 +19,7 @@ inline constexpr char kLedType[] = "Hardware::Led::LedConfig";
 inline constexpr char kMapDirType[] = "Hardware::Gpio::GpioLedSystemConfigDir";
 inline constexpr char kMapType[] = "Hardware::Gpio::GpioLedConfig";
 inline constexpr char kPinType[] = "Hardware::Gpio::CorvelPinConfig";
+inline constexpr char kMachineType[] = "Pinlamp::GpioLedStateMachine";
 inline constexpr char kLineStatusType[] = "Hardware::Gpio::GpioLineStatus";
 
 std::string ledPath(const std::string& led);

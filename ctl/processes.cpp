@@ -1,6 +1,9 @@
 #include "ctl/processes.h"
 
 #include <algorithm>
+#include <utility>
+
+#include "ctl/appliance.h"
 
 namespace Ctl {
 
@@ -28,18 +31,33 @@ std::optional<bool> isFilled(const Json& status, const std::string& path) {
 
 namespace {
 
+// What is counted of which type.
+constexpr std::pair<const char*, const char*> kCounted[] = {
+    {"leds", kLedType}, {"mappings", kMapType}, {"machines", kMachineType}, {"pins", kPinType}};
+
+// The entities of a type where the state is kept, the objects elsewhere.
+std::uint64_t countOf(const Json& status, const char* type) {
+  const Json counts = status.at("types").value(type, Json::object());
+  return counts.value("entities", counts.value("objects", std::uint64_t{0}));
+}
+
+Json statusWithCounts(Client& client) {
+  Json status = client.call("status");
+  for (const auto& [name, type] : kCounted) status[name] = countOf(status, type);
+  return status;
+}
+
 // The process's own status, or why it does not answer.
 Json reportOf(const Json& process) {
   try {
-    return {{"status", Client(process.at("socket"), kProcessTimeout).call("status")}};
+    Client client(process.at("socket"), kProcessTimeout);
+    return {{"status", statusWithCounts(client)}};
   } catch (const ConnectionLost& lost) {
     return {{"error", lost.reason()}};
   } catch (const std::exception& error) {
     return {{"error", error.what()}};
   }
 }
-
-}  // namespace
 
 void addProcesses(Json& status) {
   const auto processes = status.find("processes");
@@ -51,6 +69,14 @@ void addProcesses(Json& status) {
       status[counted] =
           status.at(counted).get<std::uint64_t>() + process["status"].at(counted).get<std::uint64_t>();
   }
+}
+
+}  // namespace
+
+Json wholeStatus(Client& client) {
+  Json status = statusWithCounts(client);
+  addProcesses(status);
+  return status;
 }
 
 }  // namespace Ctl

@@ -27,8 +27,9 @@ std::vector<Process> processesOf(const Json& status);
 // Whether a running agent fills `path`; nullopt if the host doesn't list its processes.
 std::optional<bool> isFilled(const Json& status, const std::string& path);
 
-// Adds the status of other processes to the host's: their machines and published values to its counts, and
-// each process's own status, or why it has none ("error"), to its entry in "processes".
-void addProcesses(Json& status);
+// The status of a host and of what its agents do, also those in other processes: "leds", "mappings", "pins"
+// and "machines" beside the host's own members; "machines" and "published" of all processes together; each
+// process's own status, or why it has none ("error"), in its entry in "processes".
+Json wholeStatus(Client& client);
 
 }  // namespace Ctl

@@ -121,8 +121,7 @@ void printStatus(std::ostream& out, const Json& status, const Json& lines) {
 }
 
 void showStatus(Context& context, bool json) {
-  Json status = context.client().call("status");
-  addProcesses(status);
+  Json status = wholeStatus(context.client());
   const Json lines = readLines(context.client());
   for (const Json& line : lines)
     status["lines"][lastName(line.at("path").get<std::string>())] = line.at("attributes");

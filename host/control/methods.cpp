@@ -9,6 +9,7 @@
 #include "host/rpc/rpc.h"
 #include "platform/zel/core/trace.h"
 #include "platform/zel/entity/dir.h"
+#include "platform/zel/entity/entity.h"
 #include "platform/zel/notify/activity.h"
 
 namespace Host {
@@ -199,36 +200,19 @@ Json mountJson(const Statedb::EntityManager::MountInfo& mount) {
           {"complete", mount.complete}};
 }
 
-std::size_t objectsOf(Zel::Name name) {
-  const Zel::TypeNode* type = Zel::typeNode(name);
-  return type ? type->allocations().objects() : 0;
-}
-
-Json allocationsJson() {
+// The objects of each type in this process, and the entities in the state database where it is kept here,
+// whichever process has their objects.
+Json countsJson(const Statedb::MemoryStore* memory) {
+  auto entities = memory ? memory->entitiesByType() : std::unordered_map<Zel::Name, std::size_t>();
   Json types = Json::object();
-  for (const Zel::TypeNode* type : Zel::typeNodes())
-    if (const auto& allocations = type->allocations(); allocations.total() > 0)
-      types[type->name().stdString()] = {{"objects", allocations.objects()}, {"bytes", allocations.bytes()}};
+  for (const Zel::TypeNode* type : Zel::typeNodes()) {
+    const auto& allocations = type->allocations();
+    if (allocations.total() == 0 && !entities.contains(type->name())) continue;
+    Json& counts = types[type->name().stdString()];
+    counts = {{"objects", allocations.objects()}, {"bytes", allocations.bytes()}};
+    if (memory && type->isA(Zel::Entity::typeNode())) counts["entities"] = entities[type->name()];
+  }
   return types;
-}
-
-// What is counted of a type, under which name of the status.
-struct Counted {
-  const char* name;
-  const char* type;
-  bool entities;  // counted in the state database where it is kept here, whichever process has the objects
-};
-constexpr Counted kCounted[] = {
-    {"leds", "Hardware::Led::LedConfig", true},
-    {"mappings", "Hardware::Gpio::GpioLedConfig", true},
-    {"machines", "Pinlamp::GpioLedStateMachine", false},
-    {"pins", "Hardware::Gpio::CorvelPinConfig", true},
-};
-
-std::size_t countOf(const Counted& counted, const Statedb::MemoryStore* memory) {
-  const auto type = Zel::Name::existing(counted.type);
-  if (!type) return 0;
-  return counted.entities && memory ? memory->entities(*type) : objectsOf(*type);
 }
 
 Json activityJson() {
@@ -302,8 +286,7 @@ std::string Methods::status(const Zel::Value&, Caller&) const {
   Json status = {{"version", PINLAMP_VERSION},
                  {"pid", ::getpid()},
                  {"names", Zel::Name::count()},
-                 {"types", allocationsJson()}};
-  for (const Counted& counted : kCounted) status[counted.name] = countOf(counted, memory_);
+                 {"types", countsJson(memory_)}};
   status.update(activityJson());
   status.update(servedJson(served_, memory_ ? memory_->entities() : 0));
   return jsonText(status);

@@ -109,14 +109,15 @@ class WhyInProcesses : public testing::Test {
     host.answers = [this](const std::string& method, const Json&) -> Json {
       if (method == "object") return {{"value", Json::array()}};
       Json status = Json::parse(R"({"version": "1", "pid": 1, "uptime": 1.0, "store": "memory:", "agents": [],
-          "mounts": [], "leds": 1, "mappings": 1, "machines": 0, "pins": 2, "published": 0, "entities": 4,
-          "names": 9, "passes": 1, "deliveries": 1, "expiries": 0, "worstLateness": 0.0, "clients": 1,
+          "mounts": [], "published": 0, "entities": 4,
+          "names": 9, "types": {"Hardware::Led::LedConfig": {"objects": 0, "entities": 1},
+          "Hardware::Gpio::GpioLedConfig": {"objects": 5, "entities": 1}}, "passes": 1, "deliveries": 1, "expiries": 0, "worstLateness": 0.0, "clients": 1,
           "refusals": 0})");
       status["processes"] = processes();
       return status;
     };
     process.answers = [](const std::string& method, const Json& parameters) -> Json {
-      if (method == "status") return {{"machines", 7}, {"published", 11}};
+      if (method == "status") return {{"types", {{kMachineType, {{"objects", 7}}}}}, {"published", 11}};
       return {{"value", objectsOf(parameters.at("operation"), parameters.at("path"))}};
     };
   }

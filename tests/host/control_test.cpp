@@ -380,7 +380,9 @@ TEST_F(ControlTest, AProcessOwnsThePathsItFillsWhileConnected) {
     Client led(listener.path());
     ASSERT_EQ(call(led, "announce", announcement({pins}))["result"], Json::object());
     ASSERT_TRUE(write(led, {put("hardware", "Zel::Dir"), pin}).contains("result"));
-    const Json processes = call(other, "status")["result"]["processes"];
+    const Json status = call(other, "status")["result"];
+    EXPECT_EQ(status["types"]["Hardware::Gpio::CorvelPinConfig"]["entities"], 1) << "whoever has the object";
+    const Json& processes = status["processes"];
     Json listed = announcement({pins});
     listed["pid"] = ::getpid();
     EXPECT_EQ(processes, Json::array({listed})) << "the pid is the kernel's, not the announced one";

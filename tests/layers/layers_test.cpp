@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <regex>
 #include <set>
 #include <string>
 #include <vector>
@@ -88,6 +89,21 @@ TEST(Layers, AFileIncludesHeadersOfItsOwnFolderAndOfThoseBelowOnly) {
     }
   }
   EXPECT_GT(seen, 400U) << "the sources were not found";
+}
+
+// It loads whatever agent the command line names: their types are texts from outside to it.
+TEST(Layers, TheHostNamesNoTypeOfAnAgent) {
+  const std::regex typeOfAnAgent("\\b(Pinlamp|Hardware|Led|Environment)::[A-Z]");
+  std::size_t seen = 0;
+  for (const fs::path& file : sources()) {
+    const std::string name = fs::relative(file, PINLAMP_SOURCE_DIR).string();
+    if (!name.starts_with("host/")) continue;
+    ++seen;
+    std::ifstream in(file);
+    for (std::string line; std::getline(in, line);)
+      EXPECT_FALSE(std::regex_search(line, typeOfAnAgent)) << name << ": " << line;
+  }
+  EXPECT_GT(seen, 20U) << "the sources were found";
 }
 
 }  // namespace

@@ -12,8 +12,11 @@ Attribute* findIn(Attributes& attributes, Zel::Name name) {
   return found == attributes.end() ? nullptr : &*found;
 }
 
-std::size_t EntryTable::count(Zel::Name type) const {
-  return static_cast<std::size_t>(std::ranges::count(entries_, type, &Entry::type));
+std::unordered_map<Zel::Name, std::size_t> EntryTable::countByType() const {
+  std::unordered_map<Zel::Name, std::size_t> counts;
+  for (const Entry& entry : entries_)
+    if (!entry.type.empty()) ++counts[entry.type];
+  return counts;
 }
 
 Records EntryTable::under(Path path) const {

@@ -35,7 +35,7 @@ class EntryTable {
   Entry* find(Path path) { return const_cast<Entry*>(std::as_const(*this).find(path)); }
   // Of the entities that are there.
   std::size_t count() const { return count_; }
-  std::size_t count(Zel::Name type) const;  // of those of one type
+  std::unordered_map<Zel::Name, std::size_t> countByType() const;
   // Everything under a path, each entity before those under itself.
   Records under(Path path) const;
   // Fetches what carrying out some changes will look at, so that their misses overlap instead of adding up.

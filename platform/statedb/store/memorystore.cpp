@@ -334,7 +334,9 @@ Zel::Name MemoryStore::typeAt(Path path) const {
 
 std::size_t MemoryStore::entities() const { return state_->entries.count(); }
 
-std::size_t MemoryStore::entities(Zel::Name type) const { return state_->entries.count(type); }
+std::unordered_map<Zel::Name, std::size_t> MemoryStore::entitiesByType() const {
+  return state_->entries.countByType();
+}
 
 void MemoryStore::restore(Row row) {
   Entry* entry = state_->entries.find(row.path);

@@ -13,6 +13,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/statedb/store/row.h"
@@ -112,8 +113,8 @@ class ZEL_API MemoryStore : public Store {
   // The type of the entity at a path; empty where there is none.
   Zel::Name typeAt(Path path) const;
   std::size_t entities() const;
-  // Entities of one type. Linear.
-  std::size_t entities(Zel::Name type) const;
+  // How many of each type there are. Linear.
+  std::unordered_map<Zel::Name, std::size_t> entitiesByType() const;
 
  protected:
   // For stores that keep rows elsewhere: `persist` takes the stored part of a batch, `commit` makes all of

@@ -101,7 +101,7 @@ TEST_F(StateMachineDeathTest, StopsWithoutPinsToFlashOrAClockToFlashBy) {
   EXPECT_DEATH(machine->handleLedSystemConfig("Fan1", setting("red", 1.0)),
                "Pinlamp:[0-9]+: .*Assertion `clock_' failed");
   machine->hwLedConfigDel();
-  EXPECT_DEATH(machine->handleClockTimeout(), "Assertion `hwLedConfig_' failed");
+  EXPECT_DEATH(machine->handleClockTimeout(), "Assertion `hwLedConfig, with wake-up");
   manager.clockIs(nullptr);
   EXPECT_DEATH(start(setting("")), "Assertion `clock_' failed");
 }

@@ -5,7 +5,7 @@
 
 #include <cerrno>
 
-#include "gpio/simchip.h"
+#include "gpio/simprovider.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <random>
 
-#include "gpio/simchip.h"
+#include "gpio/simprovider.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-// What the tests of several folders share.
+// Shared by the tests of several folders.
 #pragma once
 
 #include <exception>

@@ -1,4 +1,4 @@
-// Slots: what an owner's reactors go through, and reactors that do the worst at the worst time.
+// Slots: the life of an owner's reactors, and saboteurs among them.
 #include "platform/zel/notify/slot.h"
 
 #include <gtest/gtest.h>
@@ -19,7 +19,7 @@ using Zel::Ptr;
 
 using Act = std::function<void(class Host&)>;
 
-// What happens to the next reactor that comes to a moment of its life.
+// Runs at the next reactor that reaches a moment of its life.
 std::map<std::string, Act> sabotage;
 Lines lines;
 
@@ -144,7 +144,7 @@ TEST_F(Slots, AReactorThatLeavesIsRetiredThenDetachedAndUnregistered) {
     leave(*host);
     EXPECT_NE(std::ranges::find(lines, text + " retired"), lines.end()) << "its owner was there still";
     EXPECT_TRUE(held->zelIsZombie() && !held->owner() && !held->isRegisteredNotifiee());
-    EXPECT_TRUE(held->notifier()) << "it still says what it watched";
+    EXPECT_TRUE(held->notifier()) << "it keeps its notifier";
     if (host) host->one.clear(), host->other.clear(), host->several.remove("a"), host->several.remove("b");
     lines.clear();
     manager.step();
@@ -153,7 +153,7 @@ TEST_F(Slots, AReactorThatLeavesIsRetiredThenDetachedAndUnregistered) {
   }
 }
 
-// Whatever a reactor does, and whenever, nothing is used after it ended, and nothing is left.
+// At every moment of a reactor: no use after free, and nothing leaks.
 TEST_F(Slots, AReactorMayDoAnythingAtAnyTime) {
   const Act acts[] = {
       [](Host& owner) { owner.one.clear(); },

@@ -79,7 +79,7 @@ TEST_F(StateMachine, GoesAwayQuietlyAlsoWhileItWrites) {
 TEST_F(StateMachine, WakeUpsAndSettingsAllocateNothing) {
   spies.clear();
   start(setting("red", 1.0));
-  set(setting("green", 1.0));  // the first change finds out that nobody wants it within the mutation
+  set(setting("green", 1.0));  // the first change finds that no reactor has an immediate hook
   const std::size_t before = allocations;
   for (int second = 11; second < 20; ++second) {
     time.nowIs(second);

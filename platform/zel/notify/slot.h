@@ -136,7 +136,7 @@ class Slot {
   R* get() const { return reactor_.get(); }
   R* operator->() const { return reactor_.get(); }
   explicit operator bool() const { return reactor_ != nullptr; }
-  // What the reactor watches; null where the slot is empty or the reactor watches nothing.
+  // The reactor's notifier; null where the slot is empty or the reactor has none.
   auto notifier() const { return reactor_ ? reactor_->notifier() : nullptr; }
 
   // Makes a reactor on `notifier`, and ends the one that was there; of a null notifier none is made, and none
@@ -223,8 +223,8 @@ class SlotMap {
     there->notifierIs(notifier);
     return there;
   }
-  // Takes the reactor out, then ends it. Returns it, null where the key is unknown; it still says what it
-  // watched.
+  // Takes the reactor out, then ends it. Returns it, with the notifier that it had; null where the key is
+  // unknown.
   Ptr<R> remove(Name key) {
     Ptr<R> reactor = reactors_.remove(key);
     detail::endNested(reactor);

@@ -1,10 +1,10 @@
 #include "agent/agent.h"
 
 #include "agent/factory.h"
-#include "common/check.h"
 #include "common/trace.h"
 #include "platform/model/paths.h"
 #include "platform/zel/core/assert.h"
+#include "platform/zel/core/exception.h"
 
 namespace Pinlamp {
 
@@ -16,8 +16,7 @@ struct MountRequest {
   const char* mode;
 };
 
-// In the order in which they are declared. The agent fetches three of them; it starts only once all are
-// there.
+// In the order of declaration. The agent fetches three of them; it starts once all are complete.
 constexpr MountRequest kMounts[] = {
     {Paths::kMappings, "Hardware::Gpio::GpioLedSystemConfigDir", "r"},
     {Paths::kLeds, "Hardware::Led::LedSystemConfigDir", "r"},
@@ -36,7 +35,7 @@ Zel::Ptr<T> fetch(const Statedb::EntityManager& manager, const char* path) {
 
 }  // namespace
 
-Zel::Ptr<Agent> agentFactory(Zel::Name name) { return valid(Zel::allocate<Agent>(name)); }
+Zel::Ptr<Agent> agentFactory(Zel::Name name) { return Zel::valid(Zel::allocate<Agent>(name)); }
 
 const Zel::TypeNode& Agent::typeNode() {
   static const Zel::TypeNode type = describe("Pinlamp::Agent", &newEntityForDir);
@@ -50,7 +49,7 @@ Agent::~Agent() { configReactorDel(); }
 void Agent::doInit() {
   trace(3, 331, "doInit", [](std::ostream& out) { out << "doInit"; });
   const Zel::Ptr<Statedb::Mounter> self(this);
-  require(entityManager(), "entityManager");
+  ZEL_REQUIRE(entityManager(), "agent '" << name() << "'");
   const auto group = entityManager()->getMountGroup(self);
   for (const MountRequest& mount : kMounts)
     group->doMount(Statedb::Mount(mount.path, mount.type, mount.mode));
@@ -63,7 +62,7 @@ void Agent::doMountsComplete(Statedb::MountStatus status,
   if (status != Statedb::mountSuccess_)
     Zel::assertionFailed("status == Statedb::mountSuccess_", "Pinlamp", 360,
                          "virtual void Pinlamp::Agent::doMountsComplete(Statedb::MountStatus, const Ptr&)");
-  require(entityManager, "entityManager");
+  ZEL_REQUIRE(entityManager, "agent '" << name() << "'");
   set<&Agent::gpioLedSystemConfigDir_>(Zel::Ptr<const GpioLedSystemConfigDir>(
       fetch<GpioLedSystemConfigDir>(*entityManager, Paths::kMappings)));
   set<&Agent::hwLedConfigDir_>(
@@ -82,7 +81,7 @@ Zel::Ptr<ConfigReactor> Agent::configReactorIs(
   configReactor_ = ConfigReactor::ConfigReactorIs(gpioLedSystemConfigDir, hwLedConfigDir, gpioPinConfigDir);
   configReactor_->hasNotificationActiveIs(true);
   announce<&Agent::configReactor>();
-  return valid(configReactor_);
+  return Zel::valid(configReactor_);
 }
 
 Zel::Ptr<ConfigReactor> Agent::configReactorDel() {

@@ -30,7 +30,7 @@ class Agent : public Zel::Described<Agent, Warden::CAgent> {
   static const Zel::TypeNode& typeNode();
 
   explicit Agent(Zel::Name name) : Described(name) {}
-  // Makes an agent inside a directory, which it does not look at.
+  // The same for a directory, which is not used.
   static Zel::Ptr<Zel::Entity> newEntityForDir(const Zel::Name& name, Zel::Dir* dir);
 
   // Declares the mounts. REQUIRES: the entity manager is set.
@@ -47,9 +47,9 @@ class Agent : public Zel::Described<Agent, Warden::CAgent> {
   }
   const Zel::Ptr<const LedSystemConfigDir>& hwLedConfigDir() const { return hwLedConfigDir_; }
 
-  // The one reactor; null where there is none. `Is` returns the one that is there where it was made from the
-  // same three directories, else it puts a new one in its place. `Del` switches the reactor's notifications
-  // off and returns it.
+  // The one reactor; null where there is none. `Is` returns the existing one where it was made from the same
+  // three directories, else replaces it. `Del` switches the reactor's notifications off and returns it. Not a
+  // slot: a replaced reactor is not retired, and lives on while others hold it.
   const Zel::Ptr<ConfigReactor>& configReactor() const { return configReactor_; }
   Zel::Ptr<ConfigReactor> configReactorIs(
       const Zel::Ptr<const GpioLedSystemConfigDir>& gpioLedSystemConfigDir,

@@ -9,9 +9,8 @@ namespace Pinlamp {
 
 class Agent;
 
-// Makes an agent of that name. A host looks the function up by its name in the loaded library, and takes what
-// it returns as the Warden::CAgent that every agent is. The library must stay loaded as long as the agent
-// lives.
+// Makes an agent of that name. A host looks the function up by its name in the loaded library, and casts the
+// result to Warden::CAgent. The library must stay loaded as long as the agent lives.
 ZEL_API Zel::Ptr<Agent> agentFactory(Zel::Name name);
 
 }  // namespace Pinlamp

@@ -1,4 +1,4 @@
-// The agent's types come and go with its library, which also sees to the standard streams.
+// Registers the agent's types while its library is loaded, and initialises the standard streams.
 #include <ios>
 
 #include "agent/agent.h"

@@ -1,13 +1,13 @@
 // The entry points of the plug-in: Pinlamp, the line agent on the kernel's chips, and PinlampSim, the same on
-// chips in memory for trials: "sim0", "sim1" and "sim2" of 64 lines each, or what PINLAMP_SIM_CHIPS says
+// chips in memory for trials: "sim0", "sim1" and "sim2" of 64 lines each, or those of PINLAMP_SIM_CHIPS
 // (LABEL:LINES,…).
 #include <cstdlib>
 #include <sstream>
 #include <stdexcept>
 
-#include "gpio/libgpiodchip.h"
+#include "gpio/libgpiodprovider.h"
 #include "gpio/lineagent.h"
-#include "gpio/simchip.h"
+#include "gpio/simprovider.h"
 
 namespace {
 

@@ -14,7 +14,7 @@ using Hardware::Gpio::CorvelPinConfig;
 using Hardware::Gpio::GpioLineInit;
 using Hardware::Gpio::GpioLineStatus;
 
-// Troubles are always told; the facility adds what goes well.
+// Troubles are always logged; the facility adds successes.
 constexpr unsigned kTrouble = 0;
 constexpr unsigned kDriven = 6;
 
@@ -36,60 +36,49 @@ Gpio::Wiring wiringOf(const GpioLineInit& init) {
 
 }  // namespace
 
-class LineAgent::PinsReactor : public Zel::Reactor<PinsReactor, Zel::Dir::NotifieeConst> {
+class LineAgent::PinsReactor : public Zel::NestedReactor<PinsReactor, Zel::Dir::NotifieeConst, LineAgent> {
  public:
   static constexpr const char* kTypeName = "Pinlamp::LineAgent::PinsReactor";
-  PinsReactor(const Zel::Ptr<const Zel::Dir>& pins, LineAgent& agent) : Reactor(pins), agent_(agent) {}
-  void onEntry(Zel::Name name) override { agent_.pinChanged(name); }
-
- private:
-  LineAgent& agent_;
+  using NestedReactor::NestedReactor;
+  void onEntry(Zel::Name name) override { notifyOwner(&LineAgent::pinChanged, name); }
 };
 
-class LineAgent::PinReactor : public Zel::Reactor<PinReactor, CorvelPinConfig::NotifieeConst> {
+class LineAgent::PinReactor
+    : public Zel::NestedReactor<PinReactor, CorvelPinConfig::NotifieeConst, LineAgent> {
  public:
   static constexpr const char* kTypeName = "Pinlamp::LineAgent::PinReactor";
-  PinReactor(const Zel::Ptr<const CorvelPinConfig>& pin, LineAgent& agent) : Reactor(pin), agent_(agent) {}
-  void onValue() override { agent_.valueChanged(*notifier()); }
-
- private:
-  LineAgent& agent_;
+  using NestedReactor::NestedReactor;
+  void onValue() override { notifyOwner(&LineAgent::valueChanged, *notifier()); }
 };
 
-class LineAgent::WiringsReactor : public Zel::Reactor<WiringsReactor, Zel::Dir::NotifieeConst> {
+class LineAgent::WiringsReactor
+    : public Zel::NestedReactor<WiringsReactor, Zel::Dir::NotifieeConst, LineAgent> {
  public:
   static constexpr const char* kTypeName = "Pinlamp::LineAgent::WiringsReactor";
-  WiringsReactor(const Zel::Ptr<const Zel::Dir>& wirings, LineAgent& agent)
-      : Reactor(wirings), agent_(agent) {}
-  void onEntry(Zel::Name name) override { agent_.wiringChanged(name); }
-
- private:
-  LineAgent& agent_;
+  using NestedReactor::NestedReactor;
+  void onEntry(Zel::Name name) override { notifyOwner(&LineAgent::wiringChanged, name); }
 };
 
-class LineAgent::WiringReactor : public Zel::Reactor<WiringReactor, GpioLineInit::NotifieeConst> {
+class LineAgent::WiringReactor
+    : public Zel::NestedReactor<WiringReactor, GpioLineInit::NotifieeConst, LineAgent> {
  public:
   static constexpr const char* kTypeName = "Pinlamp::LineAgent::WiringReactor";
-  WiringReactor(const Zel::Ptr<const GpioLineInit>& wiring, LineAgent& agent)
-      : Reactor(wiring), agent_(agent) {}
+  using NestedReactor::NestedReactor;
   void onChip() override { changed(); }
   void onLine() override { changed(); }
   void onActiveLow() override { changed(); }
   void onOnExit() override { changed(); }
 
  private:
-  void changed() { agent_.wiringValueChanged(*notifier()); }
-  LineAgent& agent_;
+  void changed() { notifyOwner(&LineAgent::wiringValueChanged, *notifier()); }
 };
 
-class LineAgent::RetryReactor : public Zel::Reactor<RetryReactor, Zel::Clock::NotifieeConst> {
+class LineAgent::RetryReactor
+    : public Zel::NestedReactor<RetryReactor, Zel::Clock::NotifieeConst, LineAgent> {
  public:
   static constexpr const char* kTypeName = "Pinlamp::LineAgent::RetryReactor";
-  RetryReactor(const Zel::Ptr<const Zel::Clock>& clock, LineAgent& agent) : Reactor(clock), agent_(agent) {}
-  void onTime() override { agent_.due_ = true; }
-
- private:
-  LineAgent& agent_;
+  using NestedReactor::NestedReactor;
+  void onTime() override { notifyOwner(&LineAgent::retry); }
 };
 
 const Zel::TypeNode& LineAgent::typeNode() {
@@ -122,30 +111,21 @@ void LineAgent::doMountsComplete(Statedb::MountStatus status,
   const auto pins = Zel::dynamicPtrCast<Zel::Dir>(manager->getEntity(Paths::kPins));
   statusDir_ = Zel::dynamicPtrCast<Zel::Dir>(manager->getEntity(Paths::kLineStatus));
   for (const auto& stale : statusDir_->entries()) statusDir_->entryDel(stale->name());
-  wirings_ = Zel::allocate<WiringsReactor>(wirings, *this);
-  pins_ = Zel::allocate<PinsReactor>(pins, *this);
-  retry_ = Zel::allocate<RetryReactor>(Zel::activityManager().clock(), *this);
+  wirings_.make(*this, wirings);
+  pins_.make(*this, pins);
+  retry_.make(*this, Zel::activityManager().clock());
   for (const auto& wiring : wirings->entries()) wiringChanged(wiring->name());
   for (const auto& pin : pins->entries()) pinChanged(pin->name());
   Zel::activityManager().passEndIs(*this);
   due_ = true;
 }
 
-// An entity came, went, or became another object: `reactors` get one for it where it is there. Returns it.
-template <class T, class R>
-Zel::Ptr<T> LineAgent::follow(const Zel::Dir& dir, Zel::Name name, Zel::PtrMap<R>& reactors) {
-  due_ = true;
-  reactors.remove(name);
-  const auto entity = Zel::dynamicPtrCast<T>(dir.entityRef(name));
-  if (entity) reactors.insert(name, Zel::allocate<R>(entity, *this));
-  return entity;
-}
-
 void LineAgent::pinChanged(Zel::Name name) {
-  if (const auto pin = follow<CorvelPinConfig>(*pins_->notifier(), name, pinReactors_))
-    valueChanged(*pin);
-  else
-    driver_.valueIs(name, std::nullopt);
+  const auto pin = Zel::dynamicPtrCast<CorvelPinConfig>(pins_.notifier()->entityRef(name));
+  pinReactors_.watch(name, *this, pin);
+  if (pin) return valueChanged(*pin);
+  driver_.valueIs(name, std::nullopt);
+  due_ = true;
 }
 
 void LineAgent::valueChanged(const CorvelPinConfig& pin) {
@@ -154,10 +134,11 @@ void LineAgent::valueChanged(const CorvelPinConfig& pin) {
 }
 
 void LineAgent::wiringChanged(Zel::Name name) {
-  if (const auto wiring = follow<GpioLineInit>(*wirings_->notifier(), name, wiringReactors_))
-    wiringValueChanged(*wiring);
-  else
-    driver_.wiringIs(name, std::nullopt);
+  const auto wiring = Zel::dynamicPtrCast<GpioLineInit>(wirings_.notifier()->entityRef(name));
+  wiringReactors_.watch(name, *this, wiring);
+  if (wiring) return wiringValueChanged(*wiring);
+  driver_.wiringIs(name, std::nullopt);
+  due_ = true;
 }
 
 void LineAgent::wiringValueChanged(const GpioLineInit& wiring) {

@@ -1,9 +1,8 @@
 // The GPIO line agent: makes the pin values of the state database show on real lines.
 //
 // It follows the pins under "hardware/corvel/gpio/config" and their wiring (Hardware::Gpio::GpioLineInit)
-// under "hardware/corvel/gpio/init", and says under "hardware/corvel/gpio/status"
-// (Hardware::Gpio::GpioLineStatus) how each line fares. Everything that changed in one pass of the loop goes
-// out at its end, with the values of that time.
+// under "hardware/corvel/gpio/init", and publishes the state of each line under "hardware/corvel/gpio/status"
+// (Hardware::Gpio::GpioLineStatus). The changes of one pass of the loop are written at its end.
 //
 // Activity thread only.
 #pragma once
@@ -16,14 +15,19 @@
 #include "platform/model/gpiolinestatus.h"
 #include "platform/warden/cagent.h"
 #include "platform/zel/notify/activity.h"
+#include "platform/zel/notify/slot.h"
 
 namespace Pinlamp {
 
-// Owned by the host that made it. When it ends in order, lines are left as their wiring says; when it is
+// Owned by the host that made it. When it is shut down, lines are left as their wiring has it; when it is
 // killed, as the chip leaves them.
 class LineAgent : public Zel::Described<LineAgent, Warden::CAgent>, private Zel::PassEnd {
  public:
   static constexpr auto attributes() { return std::tuple{}; }
+  static constexpr auto reactors() {
+    using A = LineAgent;
+    return std::tuple{&A::pins_, &A::wirings_, &A::retry_, &A::pinReactors_, &A::wiringReactors_};
+  }
   static const Zel::TypeNode& typeNode();
 
   LineAgent(Zel::Name name, std::unique_ptr<Gpio::LineProvider> lines);
@@ -43,24 +47,24 @@ class LineAgent : public Zel::Described<LineAgent, Warden::CAgent>, private Zel:
   class WiringReactor;
   class RetryReactor;
 
-  template <class T, class R>
-  Zel::Ptr<T> follow(const Zel::Dir& dir, Zel::Name name, Zel::PtrMap<R>& reactors);
+  // An entity came, went, or became another object.
   void pinChanged(Zel::Name name);
   void wiringChanged(Zel::Name name);
   void valueChanged(const Hardware::Gpio::CorvelPinConfig& pin);
   void wiringValueChanged(const Hardware::Gpio::GpioLineInit& wiring);
+  void retry() { due_ = true; }
   void onPassEnd() override;
   void publish(Zel::Name name);
 
   const std::unique_ptr<Gpio::LineProvider> lines_;
   Gpio::LineDriver driver_;
-  bool due_ = false;  // something changed in this pass, or is to be tried again
+  bool due_ = false;  // something changed in this pass, or is to be retried
   Zel::Ptr<Zel::Dir> statusDir_;
-  Zel::Ptr<PinsReactor> pins_;
-  Zel::Ptr<WiringsReactor> wirings_;
-  Zel::Ptr<RetryReactor> retry_;
-  Zel::PtrMap<PinReactor> pinReactors_;
-  Zel::PtrMap<WiringReactor> wiringReactors_;
+  Zel::Slot<PinsReactor> pins_;
+  Zel::Slot<WiringsReactor> wirings_;
+  Zel::Slot<RetryReactor> retry_;
+  Zel::SlotMap<PinReactor> pinReactors_;
+  Zel::SlotMap<WiringReactor> wiringReactors_;
 };
 
 }  // namespace Pinlamp

@@ -145,7 +145,7 @@ void LineDriver::takeLines(double now) {
   for (auto& [chip, wanted] : byChip) request(std::move(wanted), now);
 }
 
-// Where a pin's line is, unless another pin has it.
+// The place of a pin's line; nullopt where it is not found or another pin has it.
 std::optional<LinePlace> LineDriver::placeOf(const Survey& survey, Zel::Name name, Pin& pin, double now) {
   try {
     const LinePlace place = survey.find(pin.wiring->chip, pin.wiring->line);
@@ -155,12 +155,12 @@ std::optional<LinePlace> LineDriver::placeOf(const Survey& survey, Zel::Name nam
       if (&held == request->pins[slot]) fail(pin, claimedTwice(place, other, name), now);
     return std::nullopt;
   } catch (const LineError& error) {
-    fail(pin, error.what(), now);  // without the pin's name: what ails a whole chip is said once
+    fail(pin, error.what(), now);  // without the pin's name: a fault of a whole chip is reported once
     return std::nullopt;
   }
 }
 
-// Takes over a line that a request still holds for nobody, where it is held as it is wired.
+// Takes over a line that a request holds without a pin, where its wiring is the same.
 bool LineDriver::reuse(Pin& pin, const LinePlace& place) {
   const auto [request, slot] = holder(place);
   if (!request || request->pins[slot]) return false;
@@ -180,7 +180,8 @@ std::pair<LineDriver::Request*, std::size_t> LineDriver::holder(const LinePlace&
   return {nullptr, 0};
 }
 
-// A line that is held with other wiring comes free only with all lines of its request; their pins wait again.
+// A line that is held with other wiring is released only with all lines of its request; their pins wait
+// again.
 bool LineDriver::freeHolder(const LinePlace& place) {
   Request* request = holder(place).first;
   if (!request) return false;
@@ -190,7 +191,7 @@ bool LineDriver::freeHolder(const LinePlace& place) {
   return true;
 }
 
-// Takes lines of one chip: those that somebody holds are left out, the others are taken without them.
+// Takes lines of one chip, without those that others hold.
 void LineDriver::request(Wanted wanted, double now) {
   while (!wanted.empty()) {
     const auto done = requestOnce(
@@ -256,7 +257,7 @@ void LineDriver::write(double now) {
     try {
       if (gone->lines) gone->lines->release();
     } catch (const LineError& error) {
-      say(error.what(), now);
+      reportOnce(error.what(), now);
     }
   }
 }
@@ -273,7 +274,7 @@ void LineDriver::write(Request& request, double now) {
     request.backoff.failed(now);
     for (Pin* pin : request.pins)
       if (pin) stateIs(*pin, {false, pin->state.place, error.what()});
-    say(error.what(), now);
+    reportOnce(error.what(), now);
   }
 }
 
@@ -290,7 +291,7 @@ void LineDriver::drop(Request& request, const std::string& error, double now) {
 void LineDriver::fail(Pin& pin, const std::string& error, double now) {
   pin.backoff.failed(now);
   stateIs(pin, {false, pin.state.place, error});
-  say(error, now);
+  reportOnce(error, now);
 }
 
 void LineDriver::driven(Pin& pin, const LinePlace& place) {
@@ -306,11 +307,11 @@ void LineDriver::stateIs(Pin& pin, const LineState& state) {
   pin.changed = true;
 }
 
-void LineDriver::say(const std::string& text, double now) {
+void LineDriver::reportOnce(const std::string& text, double now) {
   std::erase_if(reported_, [&](const auto& each) { return each.second + 10 * kQuiet < now; });
-  const auto [said, first] = reported_.try_emplace(text, now);
-  if (!first && now - said->second < kQuiet) return;
-  said->second = now;
+  const auto [reported, first] = reported_.try_emplace(text, now);
+  if (!first && now - reported->second < kQuiet) return;
+  reported->second = now;
   report_(text);
 }
 

@@ -1,12 +1,12 @@
 // Drives GPIO lines from pin values: finds each pin's line, takes the lines of a chip together, and writes
 // what changed in one bulk set a request.
 //
-// Lines that were taken stay in their request as long as any line of it is wanted: giving one back would mean
-// to let go of all, and a line that is let go may blink. A pin that is no longer wanted leaves its line as it
-// is, or dark, as its wiring says. Lines that are wanted later get a request of their own.
+// Lines stay in their request as long as any line of it is wanted: lines are released only all together, and
+// a released line may blink. A pin that is no longer wanted leaves its line as it is, or dark, as its wiring
+// has it. Lines that are wanted later get a request of their own.
 //
-// What cannot be found, had or written is tried again, after 0.5 s at first and then twice as long each time
-// up to 30 s, while all others go on. Activity thread only.
+// A line that cannot be found, taken or written is retried after 0.5 s, then after twice as long each time,
+// up to 30 s; the others are not held up. Activity thread only.
 #pragma once
 
 #include <functional>
@@ -17,12 +17,12 @@
 #include <utility>
 #include <vector>
 
-#include "gpio/linechip.h"
+#include "gpio/lineprovider.h"
 #include "platform/zel/core/name.h"
 
 namespace Gpio {
 
-// Where a pin's line is.
+// A pin's line.
 struct Wiring {
   std::string chip;  // label or name; may be empty where `line` is a name
   std::string line;  // offset in digits, or name
@@ -32,7 +32,7 @@ struct Wiring {
   bool operator==(const Wiring&) const = default;
 };
 
-// How a pin's line fares.
+// The state of a pin's line.
 struct LineState {
   bool driven = false;  // the line shows the pin's value
   std::string place;    // empty until it was found
@@ -43,35 +43,35 @@ struct LineState {
 
 class LineDriver {
  public:
-  // `provider` must outlive the driver. `report` hears of each trouble once, and of one that lasts at most
-  // once a minute, and of its end.
+  // `provider` must outlive the driver. `report` is called with each error once, with one that lasts at most
+  // once a minute, and with its end.
   LineDriver(LineProvider& provider, std::function<void(const std::string& text)> report);
-  // Lets go of the lines as a killed process does; release() first leaves them in order.
+  // Drops the lines as a killed process does; call release() first to leave them in order.
   ~LineDriver();
   LineDriver(const LineDriver&) = delete;
   LineDriver& operator=(const LineDriver&) = delete;
 
-  // What is wanted: a pin has a line while it has both. Nothing is written before drive().
+  // Set what is wanted: a pin has a line while it has both. drive() writes it.
   void wiringIs(Zel::Name pin, const std::optional<Wiring>& wiring);
   void valueIs(Zel::Name pin, std::optional<bool> lit);
 
-  // Takes the lines that are wanted and due, and writes what changed. `now` as System::currentTime. Does not
-  // throw for what goes wrong with lines.
+  // Takes the lines that are wanted and due, and writes what changed. `now` as System::currentTime. Reports
+  // errors of lines, does not throw them.
   void drive(double now);
-  // When drive() has something to try again; positive infinity: nothing.
+  // The time of the next retry by drive(); positive infinity: none.
   double nextTry() const;
-  // Darkens the lines that are to be off and gives all back.
+  // Darkens the lines that are to be off and releases all.
   void release();
 
-  // The pins whose state changed since they were taken last.
+  // The pins whose state changed since the last call.
   std::vector<Zel::Name> takeChanged();
-  // Nothing where the pin has no line.
+  // nullopt where the pin has no line.
   std::optional<LineState> state(Zel::Name pin) const;
 
  private:
   struct Request;
   struct Backoff {
-    double at = 0;     // when to try again
+    double at = 0;     // of the next try
     double delay = 0;  // the last one, seconds
 
     void failed(double now);
@@ -105,13 +105,13 @@ class LineDriver {
   void fail(Pin& pin, const std::string& error, double now);
   void driven(Pin& pin, const LinePlace& place);
   void stateIs(Pin& pin, const LineState& state);
-  void say(const std::string& text, double now);
+  void reportOnce(const std::string& text, double now);
 
   LineProvider& provider_;
   const std::function<void(const std::string&)> report_;
   Pins pins_;
   std::vector<std::unique_ptr<Request>> requests_;
-  std::map<std::string, double> reported_;  // texts of trouble, and when each was said last
+  std::map<std::string, double> reported_;  // errors, and when each was reported last
 };
 
 }  // namespace Gpio

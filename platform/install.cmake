@@ -12,7 +12,6 @@ install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}
   PATTERN "entrytable.h" EXCLUDE
   PATTERN "external.h" EXCLUDE
   PATTERN "lastseen.h" EXCLUDE
-  PATTERN "lookahead.h" EXCLUDE
   PATTERN "mounts.h" EXCLUDE
   PATTERN "mounttable.h" EXCLUDE
   PATTERN "printable.h" EXCLUDE

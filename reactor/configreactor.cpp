@@ -1,8 +1,8 @@
 #include "reactor/configreactor.h"
 
-#include "common/check.h"
 #include "common/trace.h"
 #include "platform/model/colourmembers.h"
+#include "platform/zel/core/assert.h"
 
 namespace Pinlamp {
 
@@ -14,7 +14,7 @@ using Pin = Hardware::Gpio::CorvelPinConfig;
 
 using Led::kColourMembers;
 
-// Makes one colour's pins, or finds those that are there, and adds them to an LED's output.
+// Makes one colour's pins, or finds existing ones, and adds them to an LED's output.
 void createPins(std::size_t number, const Mapping& mapping, Output& output, Zel::Dir& pinDir) {
   static const Zel::String pinType("Hardware::Gpio::CorvelPinConfig");
   const auto& colour = kColourMembers[number];
@@ -35,7 +35,7 @@ void createPins(std::size_t number, const Mapping& mapping, Output& output, Zel:
       " than the current value of " + Zel::valueToStrepOfRawPtr(current) + " not allowed");
 }
 
-// Keeps a name in a set until it ends, also by an exception.
+// Keeps a name in a set for its lifetime.
 class Making {
  public:
   Making(Zel::NameSet& names, Zel::Name name) : names_(names), name_(name) { names_.insert(name_, false); }
@@ -43,7 +43,7 @@ class Making {
   Making(const Making&) = delete;
   Making& operator=(const Making&) = delete;
 
-  // Returns the value that the name had beside it.
+  // Removes the name early. Returns its value.
   bool end() {
     const bool value = names_.value(name_);
     names_.remove(name_);
@@ -55,7 +55,7 @@ class Making {
   const Zel::Name name_;
 };
 
-// Calls `remove` with the key of every member, which takes it out.
+// Calls `remove`, which takes the member out, with the key of every member.
 template <class Members, class Remove>
 void removeAll(const Members& members, Remove remove) {
   for (auto at = members.begin(); at != members.end();) {
@@ -82,7 +82,7 @@ void ConfigReactor::ZelGpioLedSystemConfigDir::onGpioLedszelImmediate() {
 
 void ConfigReactor::ZelGpioLedSystemConfigDir::notifierIs(const Zel::Ptr<const Zel::PtrInterface>& dir) {
   const auto* before = notifier();
-  Nested::notifierIs(dir);
+  NestedReactor::notifierIs(dir);
   if (notifier() != before) onGpioLedszelImmediate();
 }
 
@@ -91,7 +91,7 @@ void ConfigReactor::ZelGpioLedSystemConfigDir::notifierIs(const Zel::Ptr<const Z
 
 ConfigReactor::ZelGpioLedConfig::ZelGpioLedConfig(const Zel::Ptr<const GpioLedConfig>& gpioLedConfig,
                                                   ConfigReactor& owner)
-    : Nested(gpioLedConfig, owner) {
+    : NestedReactor(gpioLedConfig, owner) {
   if (gpioLedConfig) createLedConfig();
 }
 
@@ -100,8 +100,8 @@ void ConfigReactor::ZelGpioLedConfig::createLedConfig() {
   const Zel::Ptr<ConfigReactor> reactor(owner());
   trace(9, 246, "createLedConfig", [&](std::ostream& out) { out << "createLedConfig " << mapping->name(); });
   if (!mapping->ready()) return;
-  require(reactor->corvelLedSystemConfig_, "corvelLedSystemConfig_");
-  require(reactor->gpioPinConfigDir_, "gpioPinConfigDir_");
+  ZEL_ASSERT(reactor->corvelLedSystemConfig_);
+  ZEL_ASSERT(reactor->gpioPinConfigDir_);
   const auto output = reactor->corvelLedSystemConfig_->gpioLedsIs(mapping->name());
   for (std::size_t colour = 0; colour < kColourMembers.size(); ++colour)
     createPins(colour, *mapping, *output, *reactor->gpioPinConfigDir_);
@@ -114,7 +114,7 @@ void ConfigReactor::ZelGpioLedConfig::onReady() {
 
 void ConfigReactor::ZelGpioLedConfig::notifierIs(const Zel::Ptr<const Zel::PtrInterface>& gpioLedConfig) {
   const auto* before = notifier();
-  Nested::notifierIs(gpioLedConfig);
+  NestedReactor::notifierIs(gpioLedConfig);
   if (notifier() == before) return;
   if (notifier()) onReady();
   isRegisteredNotifieeIs(true);
@@ -124,7 +124,7 @@ void ConfigReactor::ZelGpioLedConfig::zelDoZombieReactors(bool zombie) {
   if (zelIsZombie() == zombie) return;
   if (notifier()) hasNotificationActiveIs(!zombie);
   if (owner()) owner()->zel_handleGpioLedConfig(*this);
-  Nested::zelDoZombieReactors(zombie);
+  NestedReactor::zelDoZombieReactors(zombie);
 }
 
 // The configuration reactor
@@ -138,45 +138,40 @@ const Zel::TypeNode& ConfigReactor::typeNode() {
 Zel::Ptr<ConfigReactor> ConfigReactor::ConfigReactorIs(
     const Zel::Ptr<const GpioLedSystemConfigDir>& gpioLedSystemConfigDir,
     const Zel::Ptr<const LedSystemConfigDir>& hwLedConfigDir, const Zel::Ptr<Zel::Dir>& gpioPinConfigDir) {
-  return valid(Zel::allocate<ConfigReactor>(gpioLedSystemConfigDir, hwLedConfigDir, gpioPinConfigDir));
+  return Zel::valid(Zel::allocate<ConfigReactor>(gpioLedSystemConfigDir, hwLedConfigDir, gpioPinConfigDir));
 }
 
 ConfigReactor::ConfigReactor(const Zel::Ptr<const GpioLedSystemConfigDir>& gpioLedSystemConfigDir,
                              const Zel::Ptr<const LedSystemConfigDir>& hwLedConfigDir,
                              const Zel::Ptr<Zel::Dir>& gpioPinConfigDir) {
-  if (gpioLedSystemConfigDir)
-    gpioLedSystemConfigDir_ = Zel::allocate<ZelGpioLedSystemConfigDir>(gpioLedSystemConfigDir, *this);
-  if (hwLedConfigDir) hwLedConfigDir_ = Zel::allocate<ZelHwLedConfigDir>(hwLedConfigDir, *this);
+  gpioLedSystemConfigDir_.make(*this, gpioLedSystemConfigDir);
+  hwLedConfigDir_.make(*this, hwLedConfigDir);
   gpioPinConfigDir_ = gpioPinConfigDir;
   handleInitialized();
   if (gpioLedSystemConfigDir) resynchronise(gpioLedSystemConfigDir);
 }
 
 ConfigReactor::~ConfigReactor() {
-  ConfigReactor::zelDoZombieReactors(true);
-  if (gpioLedSystemConfigDir_) gpioLedSystemConfigDir_->ownerDel();
-  if (hwLedConfigDir_) hwLedConfigDir_->ownerDel();
-  for (const auto& reactor : gpioLedConfig_) reactor->ownerDel();
   gpioLedStateMachineDelAll();
   corvelLedSystemConfigDel();
 }
 
 void ConfigReactor::gpioLedSystemConfigDirIs(const Zel::Ptr<const GpioLedSystemConfigDir>& dir) {
-  if (watch(gpioLedSystemConfigDir_, *this, dir)) announce<&ConfigReactor::gpioLedSystemConfigDir>();
+  if (gpioLedSystemConfigDir_.watch(*this, dir)) announce<&ConfigReactor::gpioLedSystemConfigDir>();
 }
 
 Zel::Ptr<const Hardware::Gpio::GpioLedSystemConfigDir> ConfigReactor::gpioLedSystemConfigDirDel() {
-  auto dir = letGo(gpioLedSystemConfigDir_);
+  auto dir = gpioLedSystemConfigDir_.clear();
   if (dir) announce<&ConfigReactor::gpioLedSystemConfigDir>();
   return dir;
 }
 
 void ConfigReactor::hwLedConfigDirIs(const Zel::Ptr<const LedSystemConfigDir>& dir) {
-  if (watch(hwLedConfigDir_, *this, dir)) announce<&ConfigReactor::hwLedConfigDir>();
+  if (hwLedConfigDir_.watch(*this, dir)) announce<&ConfigReactor::hwLedConfigDir>();
 }
 
 Zel::Ptr<const Hardware::Led::LedSystemConfigDir> ConfigReactor::hwLedConfigDirDel() {
-  auto dir = letGo(hwLedConfigDir_);
+  auto dir = hwLedConfigDir_.clear();
   if (dir) announce<&ConfigReactor::hwLedConfigDir>();
   return dir;
 }
@@ -201,12 +196,8 @@ Zel::Ptr<ConfigReactor::ZelGpioLedConfig> ConfigReactor::gpioLedConfigIs(
     Zel::throwRangeException(
         "null _gpioLedConfig parameter to mutator for Pinlamp::ConfigReactor::gpioLedConfig not allowed\"");
   const Zel::Name name = gpioLedConfig->name();
-  auto reactor = gpioLedConfig_.find(name);
-  if (reactor && reactor->notifier() == gpioLedConfig.get()) return reactor;
-  if (reactor)
-    reactor->notifierIs(gpioLedConfig);
-  else
-    reactor = newReactor(gpioLedConfig);
+  if (auto known = gpioLedConfig_.find(name); known && known->notifier() == gpioLedConfig.get()) return known;
+  const auto reactor = gpioLedConfig_.watch(name, *this, gpioLedConfig);
   if (gpioLedConfig_.get(name) != reactor.get()) return reactor;  // a hook on a pin has removed it again
   reactor->zelDoZombieReactors(zelIsZombie());
   announceKey<&ConfigReactor::gpioLedConfig_>(name);
@@ -214,25 +205,9 @@ Zel::Ptr<ConfigReactor::ZelGpioLedConfig> ConfigReactor::gpioLedConfigIs(
   return reactor;
 }
 
-// A reactor reads its mapping while it is made. A hook on a pin that is written then may have made another
-// one for the same mapping, which is kept.
-Zel::Ptr<ConfigReactor::ZelGpioLedConfig> ConfigReactor::newReactor(
-    const Zel::Ptr<const GpioLedConfig>& gpioLedConfig) {
-  auto reactor = Zel::allocate<ZelGpioLedConfig>(gpioLedConfig, *this);
-  if (auto other = gpioLedConfig_.find(gpioLedConfig->name())) {
-    reactor->ownerDel();
-    return other;
-  }
-  gpioLedConfig_.insert(gpioLedConfig->name(), reactor);
-  return reactor;
-}
-
 Zel::Ptr<const Hardware::Gpio::GpioLedConfig> ConfigReactor::gpioLedConfigDel(Zel::Name name) {
   const auto reactor = gpioLedConfig_.remove(name);
   if (!reactor) return nullptr;
-  reactor->zelDoZombieReactors(true);
-  reactor->ownerDel();
-  reactor->isRegisteredNotifieeIs(false);
   announceKey<&ConfigReactor::gpioLedConfig_>(name);
   gpioLedConfigNotify(name);
   return Zel::Ptr<const GpioLedConfig>(reactor->notifier());
@@ -244,7 +219,7 @@ void ConfigReactor::gpioLedConfigDelAll() {
 
 Zel::Ptr<GpioLedStateMachine> ConfigReactor::gpioLedStateMachineIs(
     const Zel::Ptr<CorvelGpioLedConfig>& corvelGpioLedConfig, const Zel::Ptr<const LedConfig>& hwLedConfig) {
-  const Zel::Name name = valid(hwLedConfig)->name();
+  const Zel::Name name = Zel::valid(hwLedConfig)->name();
   if (auto machine = gpioLedStateMachine_.find(name)) {
     if (machine->corvelGpioLedConfig() != corvelGpioLedConfig)
       refuseReinstantiation("_corvelGpioLedConfig", corvelGpioLedConfig.get(),
@@ -287,7 +262,7 @@ Zel::Ptr<Hardware::Gpio::CorvelGpioLedSystemConfigDir> ConfigReactor::corvelLedS
     if (corvelLedSystemConfig_->name() == name) return corvelLedSystemConfig_;
     corvelLedSystemConfig_->parentIs(nullptr);
   }
-  corvelLedSystemConfig_ = valid(Zel::allocate<CorvelGpioLedSystemConfigDir>(name));
+  corvelLedSystemConfig_ = Zel::valid(Zel::allocate<CorvelGpioLedSystemConfigDir>(name));
   announce<&ConfigReactor::corvelLedSystemConfig>();
   return corvelLedSystemConfig_;
 }
@@ -307,13 +282,13 @@ Hardware::Gpio::CorvelGpioLedConfig* ConfigReactor::outputOf(Zel::Name name) con
 }
 
 bool ConfigReactor::isReady(Zel::Name name) const {
-  const auto* dir = watched(gpioLedSystemConfigDir_);
+  const auto* dir = gpioLedSystemConfigDir_.notifier();
   const auto* mapping = dir ? dir->gpioLeds().get(name) : nullptr;
   return mapping && mapping->ready();
 }
 
 Hardware::Led::LedConfig* ConfigReactor::ledOf(Zel::Name name) const {
-  const auto* dir = watched(hwLedConfigDir_);
+  const auto* dir = hwLedConfigDir_.notifier();
   return dir ? dir->leds().get(name) : nullptr;
 }
 
@@ -337,9 +312,9 @@ void ConfigReactor::createDriver(Zel::Name name) {
 void ConfigReactor::handleGpioConfigCleanup(Zel::Name name) {
   trace(9, 302, "handleGpioConfigCleanup",
         [&](std::ostream& out) { out << "handleGpioConfigCleanup " << name; });
-  require(corvelLedSystemConfig_, "corvelLedSystemConfig_");
+  ZEL_ASSERT(corvelLedSystemConfig_);
   if (const Zel::Ptr output{outputOf(name)}) {
-    require(gpioPinConfigDir_, "gpioPinConfigDir_");
+    ZEL_ASSERT(gpioPinConfigDir_);
     for (const auto& colour : kColourMembers)
       for (const auto& pin : (*output.*colour.pins)()) gpioPinConfigDir_->entryDel(pin->name());
     corvelLedSystemConfig_->gpioLedsDel(name);
@@ -349,23 +324,6 @@ void ConfigReactor::handleGpioConfigCleanup(Zel::Name name) {
 
 void ConfigReactor::zel_handleGpioLedConfig(const ZelGpioLedConfig& reactor) {
   if (const auto* mapping = reactor.notifier()) handleGpioConfigCleanup(mapping->name());
-}
-
-void ConfigReactor::hasNotificationActiveIs(bool active) {
-  if (hasNotificationActive() == active) return;
-  Described::hasNotificationActiveIs(active);
-  if (gpioLedSystemConfigDir_) gpioLedSystemConfigDir_->hasNotificationActiveIs(active);
-  if (hwLedConfigDir_) hwLedConfigDir_->hasNotificationActiveIs(active);
-  for (const auto& machine : gpioLedStateMachine_) machine->hasNotificationActiveIs(active);
-  for (const auto& reactor : gpioLedConfig_) reactor->hasNotificationActiveIs(active);
-}
-
-void ConfigReactor::zelDoZombieReactors(bool zombie) {
-  if (zelIsZombie() == zombie) return;
-  if (gpioLedSystemConfigDir_) gpioLedSystemConfigDir_->zelDoZombieReactors(zombie);
-  if (hwLedConfigDir_) hwLedConfigDir_->zelDoZombieReactors(zombie);
-  for (const auto& reactor : gpioLedConfig_) reactor->zelDoZombieReactors(zombie);
-  Described::zelDoZombieReactors(zombie);
 }
 
 }  // namespace Pinlamp

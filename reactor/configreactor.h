@@ -4,25 +4,25 @@
 // Activity thread only.
 #pragma once
 
-#include "common/nested.h"
 #include "platform/model/corvelgpioledsystemconfigdir.h"
 #include "platform/model/gpioledsystemconfigdir.h"
 #include "platform/model/ledsystemconfigdir.h"
 #include "platform/zel/entity/described.h"
 #include "platform/zel/entity/dir.h"
+#include "platform/zel/notify/slot.h"
 #include "statemachine/gpioledstatemachine.h"
 
 namespace Pinlamp {
 
-// Owned by the agent. Made by ConfigReactorIs only, from any of its three directories or none; but what a
-// ready mapping asks for needs the directory of the pins.
+// Owned by the agent. Made by ConfigReactorIs only. Any of its three directories may be null; a ready mapping
+// needs the directory of the pins.
 //
 // An LED's pins are made when its mapping becomes ready, only ever added to, and removed with the mapping.
-// The LED has a state machine exactly while its mapping is there and was ready, its pins are there, and its
-// configuration is there; createDriver decides that after every event that concerns the LED.
+// The LED has a state machine exactly while its mapping exists and was ready, its pins exist, and its
+// configuration exists; createDriver decides that after every event of the LED.
 //
-// An LED configuration that was replaced in one step by another object of its name is an error of whoever did
-// that: the handler throws NameInUseException, and the machine that there is stays.
+// Replacing an LED configuration in one step by another object of its name is a bug of the writer: the
+// handler throws NameInUseException, and the old machine stays.
 class ConfigReactor : public Zel::Described<ConfigReactor, Zel::Notifier> {
  public:
   using GpioLedConfig = Hardware::Gpio::GpioLedConfig;
@@ -32,41 +32,41 @@ class ConfigReactor : public Zel::Described<ConfigReactor, Zel::Notifier> {
   using LedConfig = Hardware::Led::LedConfig;
   using LedSystemConfigDir = Hardware::Led::LedSystemConfigDir;
 
-  // Watches the mapping directory. Keeps one reactor a mapping.
+  // Watches the mapping directory. Its owner has one reactor a mapping.
   class ZelGpioLedSystemConfigDir
-      : public Nested<ZelGpioLedSystemConfigDir, GpioLedSystemConfigDir::NotifieeConst, ConfigReactor> {
+      : public Zel::NestedReactor<ZelGpioLedSystemConfigDir, GpioLedSystemConfigDir::NotifieeConst,
+                                  ConfigReactor> {
    public:
     static constexpr const char* kTypeName = "Pinlamp::ConfigReactor::ZelGpioLedSystemConfigDir";
-    ZelGpioLedSystemConfigDir(const Zel::Ptr<const GpioLedSystemConfigDir>& dir, ConfigReactor& owner)
-        : Nested(dir, owner) {}
+    using NestedReactor::NestedReactor;
 
     void onGpioLeds(Zel::Name name) override;
     void onGpioLedszelImmediate() override;
-    // Another directory is followed from here on, by a retired reactor as well; none removes nothing.
+    // Resynchronises with another directory, also where the reactor is retired; null removes nothing.
     void notifierIs(const Zel::Ptr<const Zel::PtrInterface>& dir) override;
   };
 
   // Watches the LED configuration directory. Its LEDs are looked up, never walked.
   class ZelHwLedConfigDir
-      : public Nested<ZelHwLedConfigDir, LedSystemConfigDir::NotifieeConst, ConfigReactor> {
+      : public Zel::NestedReactor<ZelHwLedConfigDir, LedSystemConfigDir::NotifieeConst, ConfigReactor> {
    public:
     static constexpr const char* kTypeName = "Pinlamp::ConfigReactor::ZelHwLedConfigDir";
-    ZelHwLedConfigDir(const Zel::Ptr<const LedSystemConfigDir>& dir, ConfigReactor& owner)
-        : Nested(dir, owner) {}
+    using NestedReactor::NestedReactor;
 
-    void onLeds(Zel::Name name) override { tellOwner(&ConfigReactor::createDriver, name); }
+    void onLeds(Zel::Name name) override { notifyOwner(&ConfigReactor::createDriver, name); }
   };
 
-  // Watches one mapping, under whose name it is kept. Retiring it removes what was made of the mapping.
-  class ZelGpioLedConfig : public Nested<ZelGpioLedConfig, GpioLedConfig::NotifieeConst, ConfigReactor> {
+  // Watches one mapping; its key is the mapping's name. Retiring it removes the LED's pins and machine.
+  class ZelGpioLedConfig
+      : public Zel::NestedReactor<ZelGpioLedConfig, GpioLedConfig::NotifieeConst, ConfigReactor> {
    public:
     static constexpr const char* kTypeName = "Pinlamp::ConfigReactor::ZelGpioLedConfig";
     ZelGpioLedConfig(const Zel::Ptr<const GpioLedConfig>& gpioLedConfig, ConfigReactor& owner);
 
-    // The mapping's name; empty where none is watched.
+    // The mapping's name; empty without one.
     Zel::Name fwkKey() const { return notifier() ? notifier()->name() : Zel::Name(); }
 
-    // Makes the pins of a mapping that is ready, and the state machine where the LED is configured.
+    // Makes the pins of a ready mapping, and the state machine where the LED is configured.
     void createLedConfig();
 
     void onReady() override;
@@ -92,48 +92,54 @@ class ConfigReactor : public Zel::Described<ConfigReactor, Zel::Notifier> {
         Zel::attribute::procedure<&R::handleInitialized>("handleInitialized"),
     };
   }
+  // The machines are only switched on and off with the reactor; retiring does not reach them.
+  static constexpr auto reactors() {
+    using R = ConfigReactor;
+    return std::tuple{&R::gpioLedSystemConfigDir_, &R::hwLedConfigDir_, &R::gpioLedStateMachine_,
+                      &R::gpioLedConfig_};
+  }
   static const Zel::TypeNode& typeNode();
 
   static Zel::Ptr<ConfigReactor> ConfigReactorIs(
       const Zel::Ptr<const GpioLedSystemConfigDir>& gpioLedSystemConfigDir,
       const Zel::Ptr<const LedSystemConfigDir>& hwLedConfigDir, const Zel::Ptr<Zel::Dir>& gpioPinConfigDir);
-  // For Zel::allocate. Works through the mappings that are there.
+  // For Zel::allocate. Processes the mappings that exist.
   ConfigReactor(const Zel::Ptr<const GpioLedSystemConfigDir>& gpioLedSystemConfigDir,
                 const Zel::Ptr<const LedSystemConfigDir>& hwLedConfigDir,
                 const Zel::Ptr<Zel::Dir>& gpioPinConfigDir);
 
-  // The directories that are followed; null where none is. `Del` stops following and returns the directory;
-  // nothing that was made is removed.
+  // The directories that are watched; null where none is. `Del` stops watching and returns the directory; no
+  // pin and no machine is removed.
   Zel::Ptr<const GpioLedSystemConfigDir> gpioLedSystemConfigDir() const {
-    return Zel::Ptr<const GpioLedSystemConfigDir>(watched(gpioLedSystemConfigDir_));
+    return Zel::Ptr<const GpioLedSystemConfigDir>(gpioLedSystemConfigDir_.notifier());
   }
   void gpioLedSystemConfigDirIs(const Zel::Ptr<const GpioLedSystemConfigDir>& dir);
   Zel::Ptr<const GpioLedSystemConfigDir> gpioLedSystemConfigDirDel();
   Zel::Ptr<const LedSystemConfigDir> hwLedConfigDir() const {
-    return Zel::Ptr<const LedSystemConfigDir>(watched(hwLedConfigDir_));
+    return Zel::Ptr<const LedSystemConfigDir>(hwLedConfigDir_.notifier());
   }
   void hwLedConfigDirIs(const Zel::Ptr<const LedSystemConfigDir>& dir);
   Zel::Ptr<const LedSystemConfigDir> hwLedConfigDirDel();
 
-  // Where the pins are made.
+  // The directory of the pins.
   const Zel::Ptr<Zel::Dir>& gpioPinConfigDir() const { return gpioPinConfigDir_; }
 
-  // The state machines, by the names of their LEDs. The machine that is there is returned where it was made
-  // from the same two, else NameInUseException is thrown. `Del` returns null where the name is unknown.
+  // The state machines, by the names of their LEDs. `Is` returns the machine of that name where it was made
+  // from the same two objects, else it throws NameInUseException. `Del` returns null where the name is
+  // unknown.
   //
-  // A machine writes its pins while it is made. A hook on one of them that asks for the same machine
-  // meanwhile gets null; one that has createDriver decide on the LED has it decided as soon as the machine is
-  // there.
+  // A machine's constructor writes pins. A hook on one of them that calls `Is` for the same LED gets null;
+  // its call of createDriver is carried out as soon as the machine is made.
   const Zel::PtrMap<GpioLedStateMachine>& gpioLedStateMachine() const { return gpioLedStateMachine_; }
   Zel::Ptr<GpioLedStateMachine> gpioLedStateMachineIs(
       const Zel::Ptr<CorvelGpioLedConfig>& corvelGpioLedConfig, const Zel::Ptr<const LedConfig>& hwLedConfig);
   Zel::Ptr<GpioLedStateMachine> gpioLedStateMachineDel(Zel::Name name);
   void gpioLedStateMachineDelAll();
 
-  // The reactors of the mappings, by name. `Is` returns the reactor of that name, watching that mapping from
-  // here on; it throws RangeException where the mapping is null. `Del` returns the mapping that was watched,
-  // null where the name is unknown, and removes what was made of it.
-  const Zel::PtrMap<ZelGpioLedConfig>& gpioLedConfig() const { return gpioLedConfig_; }
+  // The reactors of the mappings, by name. `Is` has the reactor of that name watch the mapping, and returns
+  // it; a null mapping throws RangeException. `Del` removes the LED's pins and machine and returns the
+  // mapping, null where the name is unknown.
+  const Zel::SlotMap<ZelGpioLedConfig>& gpioLedConfig() const { return gpioLedConfig_; }
   Zel::Ptr<ZelGpioLedConfig> gpioLedConfigIs(const Zel::Ptr<const GpioLedConfig>& gpioLedConfig);
   Zel::Ptr<const GpioLedConfig> gpioLedConfigDel(Zel::Name name);
   void gpioLedConfigDelAll();
@@ -148,15 +154,12 @@ class ConfigReactor : public Zel::Described<ConfigReactor, Zel::Notifier> {
 
   // Makes the directory "ledSystem".
   void handleInitialized();
-  // Decides whether an LED has a state machine, and makes or removes it.
+  // Makes the LED's state machine, or removes it, as the class comment says.
   void createDriver(Zel::Name name);
   // Removes an LED's pins, then its state machine. Of an LED without pins only the latter.
   void handleGpioConfigCleanup(Zel::Name name);
   // A mapping's reactor is being retired.
   void zel_handleGpioLedConfig(const ZelGpioLedConfig& reactor);
-
-  void hasNotificationActiveIs(bool active) override;
-  void zelDoZombieReactors(bool zombie) override;
 
  protected:
   ~ConfigReactor() override;
@@ -168,19 +171,18 @@ class ConfigReactor : public Zel::Described<ConfigReactor, Zel::Notifier> {
  private:
   void resynchronise(const Zel::Ptr<const GpioLedSystemConfigDir>& dir);
   void dirEntryChanged(const Zel::Ptr<const GpioLedSystemConfigDir>& dir, Zel::Name name);
-  Zel::Ptr<ZelGpioLedConfig> newReactor(const Zel::Ptr<const GpioLedConfig>& gpioLedConfig);
   void addMachine(Zel::Name name, const Zel::Ptr<GpioLedStateMachine>& machine);
   CorvelGpioLedConfig* outputOf(Zel::Name name) const;
   bool isReady(Zel::Name name) const;
   LedConfig* ledOf(Zel::Name name) const;
 
-  Zel::Ptr<ZelGpioLedSystemConfigDir> gpioLedSystemConfigDir_;
-  Zel::Ptr<ZelHwLedConfigDir> hwLedConfigDir_;
+  Zel::Slot<ZelGpioLedSystemConfigDir> gpioLedSystemConfigDir_;
+  Zel::Slot<ZelHwLedConfigDir> hwLedConfigDir_;
   Zel::Ptr<Zel::Dir> gpioPinConfigDir_;
   Zel::PtrMap<GpioLedStateMachine> gpioLedStateMachine_;
-  Zel::PtrMap<ZelGpioLedConfig> gpioLedConfig_;
+  Zel::SlotMap<ZelGpioLedConfig> gpioLedConfig_;
   Zel::Ptr<CorvelGpioLedSystemConfigDir> corvelLedSystemConfig_;
-  // LEDs whose machine is being made; true beside those to decide on once more when it is there.
+  // LEDs whose machine is being made; true: createDriver is to run again when it is made.
   Zel::NameSet making_;
 };
 

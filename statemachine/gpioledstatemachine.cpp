@@ -3,8 +3,8 @@
 #include <limits>
 #include <utility>
 
-#include "common/check.h"
 #include "common/trace.h"
+#include "platform/zel/core/assert.h"
 #include "platform/zel/notify/activity.h"
 #include "statemachine/colours.h"
 
@@ -24,7 +24,7 @@ void writePin(const Colour& colour, const Zel::Ptr<Pin>& pin, U32 value) {
 }
 
 void write(const Colour& colour, const Zel::Ptr<Config>& led, U32 value) {
-  require(led, "led");
+  ZEL_ASSERT(led);
   trace(9, __LINE__, colour.operation,
         [&](std::ostream& out) { out << colour.operation << ' ' << led->name(); });
   ((*led).*colour.pins)().forEach([&](Pin& pin) {
@@ -43,40 +43,34 @@ const Zel::TypeNode& GpioLedStateMachine::typeNode() {
 
 Zel::Ptr<GpioLedStateMachine> GpioLedStateMachine::GpioLedStateMachineIs(
     const Zel::Ptr<CorvelGpioLedConfig>& corvelGpioLedConfig, const Zel::Ptr<const LedConfig>& hwLedConfig) {
-  return valid(Zel::allocate<GpioLedStateMachine>(corvelGpioLedConfig, hwLedConfig));
+  return Zel::valid(Zel::allocate<GpioLedStateMachine>(corvelGpioLedConfig, hwLedConfig));
 }
 
 GpioLedStateMachine::GpioLedStateMachine(const Zel::Ptr<CorvelGpioLedConfig>& corvelGpioLedConfig,
                                          const Zel::Ptr<const LedConfig>& hwLedConfig)
     : corvelGpioLedConfig_(corvelGpioLedConfig) {
-  if (hwLedConfig) hwLedConfig_ = Zel::allocate<ZelHwLedConfig>(hwLedConfig, *this);
+  hwLedConfig_.make(*this, hwLedConfig);
   handleInitialized();
 }
 
-GpioLedStateMachine::~GpioLedStateMachine() {
-  GpioLedStateMachine::zelDoZombieReactors(true);
-  if (hwLedConfig_) hwLedConfig_->ownerDel();
-  if (clock_) clock_->ownerDel();
-}
-
-Zel::Name GpioLedStateMachine::name() const { return nameOf(watched(hwLedConfig_)); }
+Zel::Name GpioLedStateMachine::name() const { return nameOf(hwLedConfig_.notifier()); }
 
 void GpioLedStateMachine::hwLedConfigIs(const Zel::Ptr<const LedConfig>& led) {
-  if (watch(hwLedConfig_, *this, led)) announce<&GpioLedStateMachine::hwLedConfig>();
+  if (hwLedConfig_.watch(*this, led)) announce<&GpioLedStateMachine::hwLedConfig>();
 }
 
 Zel::Ptr<const Hardware::Led::LedConfig> GpioLedStateMachine::hwLedConfigDel() {
-  auto led = letGo(hwLedConfig_);
+  auto led = hwLedConfig_.clear();
   if (led) announce<&GpioLedStateMachine::hwLedConfig>();
   return led;
 }
 
 void GpioLedStateMachine::clockIs(const Zel::Ptr<const Zel::Clock>& clock) {
-  if (watch(clock_, *this, clock)) announce<&GpioLedStateMachine::clock>();
+  if (clock_.watch(*this, clock)) announce<&GpioLedStateMachine::clock>();
 }
 
 Zel::Ptr<const Zel::Clock> GpioLedStateMachine::clockDel() {
-  auto clock = letGo(clock_);
+  auto clock = clock_.clear();
   if (clock) announce<&GpioLedStateMachine::clock>();
   return clock;
 }
@@ -87,7 +81,7 @@ void GpioLedStateMachine::handleInitialized() {
   if (initialized_) return;
   flashingStateIs(false);
   clockIs(Zel::activityManager().clock());
-  require(clock_, "clock_");
+  ZEL_ASSERT(clock_);
   wakeUpIs(Zel::Clock::kNever);
   initializedIs(true);
   handleHwLedConfig();
@@ -96,7 +90,7 @@ void GpioLedStateMachine::handleInitialized() {
 void GpioLedStateMachine::handleHwLedConfig() {
   if (!initialized_) return;
   trace(7, __LINE__, "handleHwLedConfig", [&](std::ostream& out) { out << "handleHwLedConfig " << name(); });
-  const LedConfig* led = watched(hwLedConfig_);
+  const LedConfig* led = hwLedConfig_.notifier();
   if (!led) return;
   const LightSetting setting = led->lightSetting();
   handleLedSystemConfig(led->name(), setting);
@@ -120,7 +114,7 @@ void GpioLedStateMachine::showSteady(const LightSetting& setting) {
 }
 
 void GpioLedStateMachine::startFlashing(double interval) {
-  require(clock_, "clock_");
+  ZEL_ASSERT(clock_);
   if (clock_->timeMin() > std::numeric_limits<double>::max()) wakeUpIs(Zel::System::currentTime() + interval);
 }
 
@@ -129,18 +123,19 @@ void GpioLedStateMachine::handleClockTimeout() {
   trace(8, __LINE__, "handleClockTimeout",
         [&](std::ostream& out) { out << "handleClockTimeout for " << name(); });
   flashingStateIs(!flashingState_);
-  const LedConfig* led = watched(hwLedConfig_);
-  require(led, "hwLedConfig_");
-  const LightSetting setting = led->lightSetting();
+  const LedConfig* hwLedConfig = hwLedConfig_.notifier();
+  ZEL_REQUIRE(hwLedConfig, "wake-up " << wakeUp());
+  const LightSetting setting = hwLedConfig->lightSetting();
   if (setting.flashInterval == 0.0) return wakeUpIs(Zel::Clock::kNever);
-  trace(8, __LINE__, "handleClockTimeout",
-        [&](std::ostream& out) { out << "Led " << led->name() << " is now " << int{flashingState_}; });
+  trace(8, __LINE__, "handleClockTimeout", [&](std::ostream& out) {
+    out << "Led " << hwLedConfig->name() << " is now " << int{flashingState_};
+  });
   darken();
   if (flashingState_) light(setting);
   wakeUpIs(Zel::System::currentTime() + setting.flashInterval);
 }
 
-// A wake-up that somebody asked for by hand may find no clock to come back to.
+// handleClockTimeout may be invoked by hand, on a machine without a clock.
 void GpioLedStateMachine::wakeUpIs(double time) {
   if (clock_) clock_->timeMinIs(time);
 }
@@ -165,20 +160,6 @@ void GpioLedStateMachine::handleCorvelGpioRed(const Zel::Ptr<CorvelGpioLedConfig
 }
 void GpioLedStateMachine::handleCorvelGpioOrange(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value) {
   write(colourOf("handleCorvelGpioOrange"), led, value);
-}
-
-void GpioLedStateMachine::hasNotificationActiveIs(bool active) {
-  if (hasNotificationActive() == active) return;
-  Described::hasNotificationActiveIs(active);
-  if (hwLedConfig_) hwLedConfig_->hasNotificationActiveIs(active);
-  if (clock_) clock_->hasNotificationActiveIs(active);
-}
-
-void GpioLedStateMachine::zelDoZombieReactors(bool zombie) {
-  if (zelIsZombie() == zombie) return;
-  if (hwLedConfig_) hwLedConfig_->zelDoZombieReactors(zombie);
-  if (clock_) clock_->zelDoZombieReactors(zombie);
-  Described::zelDoZombieReactors(zombie);
 }
 
 }  // namespace Pinlamp

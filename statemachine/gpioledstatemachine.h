@@ -5,11 +5,11 @@
 
 #include <cstdint>
 
-#include "common/nested.h"
 #include "platform/model/corvelgpioledconfig.h"
 #include "platform/model/ledconfig.h"
 #include "platform/zel/entity/described.h"
 #include "platform/zel/notify/clock.h"
+#include "platform/zel/notify/slot.h"
 
 namespace Pinlamp {
 
@@ -17,31 +17,32 @@ using U32 = std::uint32_t;
 
 // Owned by the configuration reactor, under the LED's name. Made by GpioLedStateMachineIs only.
 //
-// A steady setting is shown at once: all pins dark, then those of the colours that are set lit. A flashing
-// one is shown by the machine's own wake-ups on the clock, one each flash interval, which toggle between all
-// dark and the colours that are set at that time. A wake-up that is armed is never armed anew by a setting,
-// and one that finds a steady setting is the last; the phase is kept for the next time. A machine that goes
-// away leaves its pins as they are.
+// A steady setting is shown at once: all pins go dark, then those of its colours are lit. A flashing one is
+// shown by the machine's own wake-ups on the clock, one each flash interval, which toggle between all dark
+// and the colours of the setting at that time. A setting never re-arms a wake-up that is armed; a wake-up
+// that finds a steady setting is the last. The phase is kept for the next time. A machine leaves its pins as
+// they are when it ends.
 //
-// Whatever hears of a pin's value may drop the machine while it writes.
+// A hook on a pin may drop the machine while it writes.
 class GpioLedStateMachine : public Zel::Described<GpioLedStateMachine, Zel::Notifier> {
  public:
   using CorvelGpioLedConfig = Hardware::Gpio::CorvelGpioLedConfig;
   using LedConfig = Hardware::Led::LedConfig;
   using LightSetting = ::Led::LightSetting;
 
-  class ZelHwLedConfig : public Nested<ZelHwLedConfig, LedConfig::NotifieeConst, GpioLedStateMachine> {
+  class ZelHwLedConfig
+      : public Zel::NestedReactor<ZelHwLedConfig, LedConfig::NotifieeConst, GpioLedStateMachine> {
    public:
     static constexpr const char* kTypeName = "Pinlamp::GpioLedStateMachine::ZelHwLedConfig";
-    ZelHwLedConfig(const Zel::Ptr<const LedConfig>& led, GpioLedStateMachine& owner) : Nested(led, owner) {}
-    void onLightSetting() override { tellOwner(&GpioLedStateMachine::handleHwLedConfig); }
+    using NestedReactor::NestedReactor;
+    void onLightSetting() override { notifyOwner(&GpioLedStateMachine::handleHwLedConfig); }
   };
 
-  class ZelClock : public Nested<ZelClock, Zel::Clock::NotifieeConst, GpioLedStateMachine> {
+  class ZelClock : public Zel::NestedReactor<ZelClock, Zel::Clock::NotifieeConst, GpioLedStateMachine> {
    public:
     static constexpr const char* kTypeName = "Pinlamp::GpioLedStateMachine::ZelClock";
-    ZelClock(const Zel::Ptr<const Zel::Clock>& clock, GpioLedStateMachine& owner) : Nested(clock, owner) {}
-    void onTime() override { tellOwner(&GpioLedStateMachine::handleClockTimeout); }
+    using NestedReactor::NestedReactor;
+    void onTime() override { notifyOwner(&GpioLedStateMachine::handleClockTimeout); }
   };
 
   static constexpr auto attributes() {
@@ -64,10 +65,13 @@ class GpioLedStateMachine : public Zel::Described<GpioLedStateMachine, Zel::Noti
         Zel::attribute::procedure<&M::handleInitialized>("handleInitialized"),
     };
   }
+  static constexpr auto reactors() {
+    return std::tuple{&GpioLedStateMachine::hwLedConfig_, &GpioLedStateMachine::clock_};
+  }
   static const Zel::TypeNode& typeNode();
 
-  // Either may be null. Without pins a steady setting is not shown; without an LED nothing is, until one is
-  // set and its light setting changes.
+  // Either may be null. Without pins a steady setting is not shown; without an LED nothing is shown until one
+  // is set and its light setting changes.
   static Zel::Ptr<GpioLedStateMachine> GpioLedStateMachineIs(
       const Zel::Ptr<CorvelGpioLedConfig>& corvelGpioLedConfig, const Zel::Ptr<const LedConfig>& hwLedConfig);
   // For Zel::allocate.
@@ -81,12 +85,12 @@ class GpioLedStateMachine : public Zel::Described<GpioLedStateMachine, Zel::Noti
 
   // The LED that is watched. Setting one does not apply its setting; removing it (which returns it) leaves
   // pins and wake-up alone. REQUIRES: a machine whose wake-up is armed has an LED.
-  Zel::Ptr<const LedConfig> hwLedConfig() const { return Zel::Ptr<const LedConfig>(watched(hwLedConfig_)); }
+  Zel::Ptr<const LedConfig> hwLedConfig() const { return Zel::Ptr<const LedConfig>(hwLedConfig_.notifier()); }
   void hwLedConfigIs(const Zel::Ptr<const LedConfig>& led);
   Zel::Ptr<const LedConfig> hwLedConfigDel();
 
   // The clock that paces flashing. Removing it returns it and ends flashing where it is.
-  Zel::Ptr<const Zel::Clock> clock() const { return Zel::Ptr<const Zel::Clock>(watched(clock_)); }
+  Zel::Ptr<const Zel::Clock> clock() const { return Zel::Ptr<const Zel::Clock>(clock_.notifier()); }
   void clockIs(const Zel::Ptr<const Zel::Clock>& clock);
   Zel::Ptr<const Zel::Clock> clockDel();
   // The next toggle.
@@ -104,22 +108,19 @@ class GpioLedStateMachine : public Zel::Described<GpioLedStateMachine, Zel::Noti
   void handleInitialized();
   // Applies the LED's light setting.
   void handleHwLedConfig();
-  // Applies any setting. The name only says whose it is.
+  // Applies any setting. The LED's name is not used.
   void handleLedSystemConfig(Zel::Name ledSystemConfig, const LightSetting& setting);
   // One toggle.
   void handleClockTimeout();
 
-  // Write a value to every pin of one colour that has another one. REQUIRES: led.
+  // Write a value to the pins of one colour; pins that have it are skipped. REQUIRES: led.
   void handleCorvelGpioYellow(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value);
   void handleCorvelGpioGreen(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value);
   void handleCorvelGpioRed(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value);
   void handleCorvelGpioOrange(const Zel::Ptr<CorvelGpioLedConfig>& led, U32 value);
 
-  void hasNotificationActiveIs(bool active) override;
-  void zelDoZombieReactors(bool zombie) override;
-
  protected:
-  ~GpioLedStateMachine() override;
+  ~GpioLedStateMachine() override = default;
 
  private:
   friend bool lookahead(const GpioLedStateMachine& machine, unsigned step);
@@ -131,8 +132,8 @@ class GpioLedStateMachine : public Zel::Described<GpioLedStateMachine, Zel::Noti
   void light(const LightSetting& setting);
 
   Zel::Ptr<CorvelGpioLedConfig> corvelGpioLedConfig_;
-  Zel::Ptr<ZelHwLedConfig> hwLedConfig_;
-  Zel::Ptr<ZelClock> clock_;
+  Zel::Slot<ZelHwLedConfig> hwLedConfig_;
+  Zel::Slot<ZelClock> clock_;
   bool flashingState_ = false;
   bool initialized_ = false;
 };

@@ -32,7 +32,7 @@ bool lookahead(const GpioLedStateMachine& machine, unsigned step) {
     prefetchCollections(*pins);
     return true;
   }
-  const auto* led = watched(machine.hwLedConfig_);
+  const auto* led = machine.hwLedConfig_.notifier();
   if (!led) return false;
   if (step == 3) {
     Zel::prefetch(&led->lightSetting());

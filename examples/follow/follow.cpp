@@ -13,26 +13,20 @@ void log(const Led::LightSetting& setting) {
   Zel::traceRecord(trace, 1, "Follow", __LINE__, __func__, [&](std::ostream& out) { out << setting; });
 }
 
-struct LedReactor : Zel::Reactor<LedReactor, LedConfig::NotifieeConst> {
-  static constexpr const char* kTypeName = "Follow::LedReactor";
-  using Reactor::Reactor;
-  void onLightSetting() override { log(notifier()->lightSetting()); }
-};
-
-// Points the LED's reactor at the LED of that name, or at none.
-struct DirReactor : Zel::Reactor<DirReactor, LedDir::NotifieeConst> {
-  static constexpr const char* kTypeName = "Follow::DirReactor";
-  explicit DirReactor(const Zel::Ptr<LedDir>& leds) : Reactor(leds) { onLeds("Status"); }
-  void onLeds(Zel::Name name) override {
-    if (name != Zel::Name("Status")) return;
-    led->notifierIs(notifier()->leds(name));
-    if (led->notifier()) log(led->notifier()->lightSetting());
-  }
-  const Zel::Ptr<LedReactor> led = Zel::allocate<LedReactor>(nullptr);
-};
-
 struct Agent : Zel::Described<Agent, Warden::CAgent> {
+  struct LedReactor : Zel::NestedReactor<LedReactor, LedConfig::NotifieeConst, Agent> {
+    static constexpr const char* kTypeName = "Follow::LedReactor";
+    using NestedReactor::NestedReactor;
+    void onLightSetting() override { log(notifier()->lightSetting()); }
+  };
+  struct LedsReactor : Zel::NestedReactor<LedsReactor, LedDir::NotifieeConst, Agent> {
+    static constexpr const char* kTypeName = "Follow::LedsReactor";
+    using NestedReactor::NestedReactor;
+    void onLeds(Zel::Name name) override { notifyOwner(&Agent::ledChanged, name); }
+  };
+
   static constexpr auto attributes() { return std::tuple{}; }
+  static constexpr auto reactors() { return std::tuple{&Agent::leds, &Agent::led}; }
   static const Zel::TypeNode& typeNode() {
     static const Zel::TypeNode type = describe("Follow::Agent");
     return type;
@@ -44,9 +38,17 @@ struct Agent : Zel::Described<Agent, Warden::CAgent> {
     group->doClose(false, "", 0.0);
   }
   void doMountsComplete(Statedb::MountStatus, const Zel::Ptr<Statedb::EntityManager>& manager) override {
-    reactor = Zel::allocate<DirReactor>(Zel::dynamicPtrCast<LedDir>(manager->getEntity(Paths::kLeds)));
+    leds.make(*this, Zel::dynamicPtrCast<LedDir>(manager->getEntity(Paths::kLeds)));
+    ledChanged("Status");
   }
-  Zel::Ptr<DirReactor> reactor;
+  // Follows the LED of that name, or none where it was removed.
+  void ledChanged(Zel::Name name) {
+    if (name != Zel::Name("Status")) return;
+    led.watch(*this, leds.notifier()->leds(name));
+    if (led) log(led.notifier()->lightSetting());
+  }
+  Zel::Slot<LedsReactor> leds;
+  Zel::Slot<LedReactor> led;
 };
 
 ZEL_API Zel::Ptr<Agent> agentFactory(Zel::Name name) { return Zel::allocate<Agent>(name); }

@@ -1,4 +1,4 @@
-// The facts that the policy agent lights LEDs by. Whoever knows them publishes them in the state database.
+// The facts that the policy agent lights LEDs by. Other agents publish them in the state database.
 #pragma once
 
 #include "platform/zel/entity/entity.h"

@@ -8,7 +8,6 @@
 // which is one that "hardware/gpio/config/led" maps to pins. The lanes of a port that is split
 // ("Ethernet49/1", "Ethernet49/2") light one LED ("Ethernet49") where the port has no LED for each lane.
 #include <algorithm>
-#include <map>
 
 #include "facts.h"
 #include "platform/pinlamp.h"
@@ -18,7 +17,7 @@ namespace Policy {
 
 namespace {
 
-// What Lampwise::ledToDevice tells of an LED.
+// Results of Lampwise::ledToDevice.
 constexpr std::uint16_t kPort = 0x0001;
 constexpr std::uint16_t kFan = 0x0002;
 
@@ -35,8 +34,8 @@ Led::LightSetting inColour(const Zel::String& text) {
   return setting;
 }
 
-// A link that is up is green, yellow where its speed was forced to a megabit mode, and flashes the faster the
-// more it carries; one that is down has its fault colour.
+// A link that is up is green, or yellow where its speed was forced to a megabit mode, and flashes faster with
+// more load; one that is down has its fault colour.
 Led::LightSetting forLink(const LinkStatus& link) {
   if (!link.up()) return inColour(link.faultColour());
   const std::string mode = Lampwise::shortenLinkMode(link.linkMode()).stdString();
@@ -61,11 +60,11 @@ Led::LightSetting forFan(const FanStatus& fan) {
 
 class PolicyAgent;
 
-// Follows one link or fan. Owned by the agent.
-class LinkReactor : public Zel::Reactor<LinkReactor, LinkStatus::NotifieeConst> {
+// Follow one link, and one fan.
+class LinkReactor : public Zel::NestedReactor<LinkReactor, LinkStatus::NotifieeConst, PolicyAgent> {
  public:
   static constexpr const char* kTypeName = "Policy::LinkReactor";
-  LinkReactor(const Zel::Ptr<const LinkStatus>& link, PolicyAgent& agent) : Reactor(link), agent_(agent) {}
+  using NestedReactor::NestedReactor;
   void onLinkMode() override { light(); }
   void onUp() override { light(); }
   void onUtilisation() override { light(); }
@@ -73,46 +72,40 @@ class LinkReactor : public Zel::Reactor<LinkReactor, LinkStatus::NotifieeConst> 
 
  private:
   void light();
-  PolicyAgent& agent_;
 };
 
-class FanReactor : public Zel::Reactor<FanReactor, FanStatus::NotifieeConst> {
+class FanReactor : public Zel::NestedReactor<FanReactor, FanStatus::NotifieeConst, PolicyAgent> {
  public:
   static constexpr const char* kTypeName = "Policy::FanReactor";
-  FanReactor(const Zel::Ptr<const FanStatus>& fan, PolicyAgent& agent) : Reactor(fan), agent_(agent) {}
+  using NestedReactor::NestedReactor;
   void onOk() override;
-
- private:
-  PolicyAgent& agent_;
 };
 
 // Follows links and fans that come and go.
-class FactsReactor : public Zel::Reactor<FactsReactor, Zel::Dir::NotifieeConst> {
+class FactsReactor : public Zel::NestedReactor<FactsReactor, Zel::Dir::NotifieeConst, PolicyAgent> {
  public:
   static constexpr const char* kTypeName = "Policy::FactsReactor";
-  FactsReactor(const Zel::Ptr<const Zel::Dir>& facts, PolicyAgent& agent) : Reactor(facts), agent_(agent) {}
+  using NestedReactor::NestedReactor;
   void onEntry(Zel::Name name) override;
-
- private:
-  PolicyAgent& agent_;
 };
 
 // Follows which LEDs the appliance has.
 class MappingsReactor
-    : public Zel::Reactor<MappingsReactor, Hardware::Gpio::GpioLedSystemConfigDir::NotifieeConst> {
+    : public Zel::NestedReactor<MappingsReactor, Hardware::Gpio::GpioLedSystemConfigDir::NotifieeConst,
+                                PolicyAgent> {
  public:
   static constexpr const char* kTypeName = "Policy::MappingsReactor";
-  MappingsReactor(const Zel::Ptr<const Hardware::Gpio::GpioLedSystemConfigDir>& mappings, PolicyAgent& agent)
-      : Reactor(mappings), agent_(agent) {}
+  using NestedReactor::NestedReactor;
   void onGpioLeds(Zel::Name) override;
-
- private:
-  PolicyAgent& agent_;
 };
 
 class PolicyAgent : public Zel::Described<PolicyAgent, Warden::CAgent> {
  public:
   static constexpr auto attributes() { return std::tuple{}; }
+  static constexpr auto reactors() {
+    using A = PolicyAgent;
+    return std::tuple{&A::mappings_, &A::linkFacts_, &A::fanFacts_, &A::links_, &A::fans_};
+  }
   static const Zel::TypeNode& typeNode() {
     static const Zel::TypeNode type = describe("Policy::PolicyAgent");
     return type;
@@ -132,43 +125,41 @@ class PolicyAgent : public Zel::Described<PolicyAgent, Warden::CAgent> {
                         const Zel::Ptr<Statedb::EntityManager>& manager) override {
     if (status != Statedb::mountSuccess_) throw std::runtime_error("the policy agent's mounts failed");
     leds_ = Zel::dynamicPtrCast<Hardware::Led::LedSystemConfigDir>(manager->getEntity(Paths::kLeds));
-    mappings_ = Zel::allocate<MappingsReactor>(
-        Zel::dynamicPtrCast<Hardware::Gpio::GpioLedSystemConfigDir>(manager->getEntity(Paths::kMappings)),
-        *this);
-    for (const char* path : {kLinks, kFans})
-      facts_.push_back(
-          Zel::allocate<FactsReactor>(Zel::dynamicPtrCast<Zel::Dir>(manager->getEntity(path)), *this));
+    mappings_.make(*this, Zel::dynamicPtrCast<Hardware::Gpio::GpioLedSystemConfigDir>(
+                              manager->getEntity(Paths::kMappings)));
+    linkFacts_.make(*this, Zel::dynamicPtrCast<Zel::Dir>(manager->getEntity(kLinks)));
+    fanFacts_.make(*this, Zel::dynamicPtrCast<Zel::Dir>(manager->getEntity(kFans)));
     lightAll();
   }
 
   void lightAll() {
-    for (const auto& facts : facts_)
-      for (const auto& fact : facts->notifier()->entries()) factIs(fact->name(), fact);
+    for (const Zel::Dir* facts : {linkFacts_.notifier(), fanFacts_.notifier()})
+      for (const auto& fact : facts->entries()) factIs(fact->name(), fact);
   }
 
   // A fact came, went (null), or became another.
   void factIs(Zel::Name name, const Zel::Ptr<Zel::Entity>& fact) {
-    reactors_.erase(name);
     const std::uint16_t device = Lampwise::ledToDevice(name);
-    if (const auto link = Zel::dynamicPtrCast<LinkStatus>(fact); link && device == kPort) {
-      reactors_[name] = Zel::allocate<LinkReactor>(link, *this);
-      light(*link);
-    } else if (const auto fan = Zel::dynamicPtrCast<FanStatus>(fact); fan && device == kFan) {
-      reactors_[name] = Zel::allocate<FanReactor>(fan, *this);
-      light(*fan);
-    } else if (const auto led = ledOf(name)) {
-      led->lightSettingIs({});
-    }
+    const auto link = Zel::dynamicPtrCast<LinkStatus>(device == kPort ? fact : nullptr);
+    const auto fan = Zel::dynamicPtrCast<FanStatus>(device == kFan ? fact : nullptr);
+    links_.watch(name, *this, link);
+    fans_.watch(name, *this, fan);
+    if (link)
+      lightLink(*link);
+    else if (fan)
+      lightFan(*fan);
+    else
+      set(name, {});
   }
 
-  void light(const LinkStatus& link) { set(link.name(), forLink(link)); }
-  void light(const FanStatus& fan) { set(fan.name(), forFan(fan)); }
+  void lightLink(const LinkStatus& link) { set(link.name(), forLink(link)); }
+  void lightFan(const FanStatus& fan) { set(fan.name(), forFan(fan)); }
 
  private:
   // The LED of that name, or the one of the port that it is a lane of; null where the appliance has neither.
   Zel::Ptr<Hardware::Led::LedConfig> ledOf(Zel::Name name) const {
     for (const Zel::Name led : {name, Zel::Name(Lampwise::portSubString(name))})
-      if (mappings_->notifier()->gpioLeds(led)) return leds_->ledsIs(led);
+      if (mappings_.notifier()->gpioLeds(led)) return leds_->ledsIs(led);
     return nullptr;
   }
   void set(Zel::Name name, const Led::LightSetting& setting) {
@@ -176,17 +167,20 @@ class PolicyAgent : public Zel::Described<PolicyAgent, Warden::CAgent> {
   }
 
   Zel::Ptr<Hardware::Led::LedSystemConfigDir> leds_;
-  std::map<Zel::Name, Zel::Ptr<Zel::NotifieeBase>> reactors_;
-  Zel::Ptr<MappingsReactor> mappings_;
-  std::vector<Zel::Ptr<FactsReactor>> facts_;
+  Zel::Slot<MappingsReactor> mappings_;
+  Zel::Slot<FactsReactor> linkFacts_, fanFacts_;
+  Zel::SlotMap<LinkReactor> links_;
+  Zel::SlotMap<FanReactor> fans_;
 };
 
-void LinkReactor::light() { agent_.light(*notifier()); }
-void FanReactor::onOk() { agent_.light(*notifier()); }
-void MappingsReactor::onGpioLeds(Zel::Name) { agent_.lightAll(); }
-void FactsReactor::onEntry(Zel::Name name) { agent_.factIs(name, notifier()->entityRef(name)); }
+void LinkReactor::light() { notifyOwner(&PolicyAgent::lightLink, *notifier()); }
+void FanReactor::onOk() { notifyOwner(&PolicyAgent::lightFan, *notifier()); }
+void MappingsReactor::onGpioLeds(Zel::Name) { notifyOwner(&PolicyAgent::lightAll); }
+void FactsReactor::onEntry(Zel::Name name) {
+  notifyOwner(&PolicyAgent::factIs, name, notifier()->entityRef(name));
+}
 
-// What the host looks for.
+// The host looks this up.
 ZEL_API Zel::Ptr<PolicyAgent> agentFactory(Zel::Name name) { return Zel::allocate<PolicyAgent>(name); }
 
 namespace {

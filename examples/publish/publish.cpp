@@ -16,27 +16,20 @@ class Uptime : public Zel::Described<Uptime, Zel::Entity> {
     return type;
   }
   explicit Uptime(Zel::Name name) : Described(name) {}
-  double seconds() const { return seconds_; }
-  void secondsIs(double seconds) { set<&Uptime::seconds_>(seconds); }
+  void count() { set<&Uptime::seconds_>(seconds_ + 1); }
 
  private:
   double seconds_ = 0;
 };
 
-struct Tick : Zel::Reactor<Tick, Zel::Clock::NotifieeConst> {
-  static constexpr const char* kTypeName = "Publish::Tick";
-  explicit Tick(const Zel::Ptr<Uptime>& counter) : Reactor(Zel::activityManager().clock()), uptime(counter) {
-    timeMinIs(Zel::System::currentTime() + 1);
-  }
-  void onTime() override {
-    uptime->secondsIs(uptime->seconds() + 1);
-    timeMinIs(timeMin() + 1);
-  }
-  const Zel::Ptr<Uptime> uptime;
-};
-
 struct Agent : Zel::Described<Agent, Warden::CAgent> {
+  struct Tick : Zel::NestedReactor<Tick, Zel::Clock::NotifieeConst, Agent> {
+    static constexpr const char* kTypeName = "Publish::Tick";
+    using NestedReactor::NestedReactor;
+    void onTime() override { notifyOwner(&Agent::count); }
+  };
   static constexpr auto attributes() { return std::tuple{}; }
+  static constexpr auto reactors() { return std::tuple{&Agent::tick}; }
   static const Zel::TypeNode& typeNode() {
     static const Zel::TypeNode type = describe("Publish::Agent");
     return type;
@@ -48,9 +41,16 @@ struct Agent : Zel::Described<Agent, Warden::CAgent> {
     group->doClose(false, "", 0.0);
   }
   void doMountsComplete(Statedb::MountStatus, const Zel::Ptr<Statedb::EntityManager>& manager) override {
-    tick = Zel::allocate<Tick>(Zel::dynamicPtrCast<Uptime>(manager->getEntity("example/uptime")));
+    uptime = Zel::dynamicPtrCast<Uptime>(manager->getEntity("example/uptime"));
+    tick.make(*this, Zel::activityManager().clock());
+    tick->timeMinIs(Zel::System::currentTime() + 1);
   }
-  Zel::Ptr<Tick> tick;
+  void count() {
+    uptime->count();
+    tick->timeMinIs(tick->timeMin() + 1);
+  }
+  Zel::Ptr<Uptime> uptime;
+  Zel::Slot<Tick> tick;
 };
 
 ZEL_API Zel::Ptr<Agent> agentFactory(Zel::Name name) { return Zel::allocate<Agent>(name); }

@@ -40,8 +40,8 @@ class ZEL_API CAgent : public Zel::Described<CAgent, Statedb::Mounter> {
   // The base does nothing.
   virtual void handleMountStatus(Statedb::MountStatus status);
 
-  // A stage of the host's start-up begins, for the agent or for one instance of it. The base notes the stage
-  // and says that it is complete.
+  // A stage of the host's start-up begins, for the agent or for one instance of it. The base sets stage() and
+  // reports the stage complete.
   virtual void doStage(Zel::String stage, Zel::String reason);
   virtual void doStageForInstance(Zel::String stage, Zel::String reason, Zel::Name instance);
   virtual void handleStageProgressionComplete(Zel::String stage, Zel::Name instance);

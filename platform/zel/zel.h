@@ -17,5 +17,6 @@
 #include "platform/zel/notify/fdwatch.h"
 #include "platform/zel/notify/inbox.h"
 #include "platform/zel/notify/notifier.h"
+#include "platform/zel/notify/slot.h"
 #include "platform/zel/object/type.h"
 #include "platform/zel/object/value.h"

@@ -156,7 +156,7 @@ TEST_F(AgentTest, EveryRowOfTheTablesAllowsItsOperationsAndNoOthers) {
                     {"set clock", {Value()}},
                     {"set flashingState", {true}},
                     {"set initialized", {false}}});
-  EXPECT_EQ(output->gpioRed().find("gpio7")->value(), 1U) << "handleInitialized applies the setting anew";
+  EXPECT_EQ(output->gpioRed().find("gpio7")->value(), 1U) << "handleInitialized applies the setting again";
 
   tryAll(*reactor, {{"set gpioLedStateMachine", {Value::Object{output, false}, led}},
                     {"delete gpioLedStateMachine", {"Fan1"}},
@@ -179,18 +179,18 @@ TEST_F(AgentTest, EveryRowOfTheTablesAllowsItsOperationsAndNoOthers) {
 
 TEST_F(AgentTest, EveryChangeIsAnnouncedWithItsAttribute) {
   mount();
-  Lines heard;
+  Lines notified;
   const auto reactor = agent->configReactor();
   const auto machine = reactor->gpioLedStateMachine().find("Fan1");
   const auto log = [&](const std::string& attribute, Zel::Name key) {
-    heard.push_back(attribute + " " + key.stdString());
+    notified.push_back(attribute + " " + key.stdString());
   };
   const Ptr<Support::Watcher> raw[] = {Zel::allocate<Support::Watcher>(machine, log),
                                        Zel::allocate<Support::Watcher>(reactor, log),
                                        Zel::allocate<Support::Watcher>(agent, log)};
   const auto changes = [&] {
     manager.step();
-    return std::exchange(heard, {});
+    return std::exchange(notified, {});
   };
   machine->flashingStateIs(true);
   machine->flashingStateIs(true);

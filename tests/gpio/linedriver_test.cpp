@@ -5,7 +5,7 @@
 
 #include <cerrno>
 
-#include "gpio/simchip.h"
+#include "gpio/simprovider.h"
 
 namespace {
 
@@ -18,7 +18,7 @@ class Driver : public testing::Test {
             const char* label = "front") {
     driver.wiringIs(pin, Gpio::Wiring{label, line, activeLow, onExit});
   }
-  // What a pass at that time writes: the lines of each bulk set, as offset=level.
+  // The writes of a pass at that time: the lines of each bulk set, as offset=level.
   Lines drive(double now) {
     driver.drive(now);
     Lines sets;
@@ -48,7 +48,7 @@ TEST_F(Driver, TakesLinesWithTheirValuesAndWritesWhatChangedAtOnce) {
   wire("c", "2");
   driver.valueIs("a", true);
   driver.valueIs("b", true);
-  EXPECT_EQ(drive(0), Lines{"0=1 1=0"}) << "one request; the low level lights b; nobody wants c";
+  EXPECT_EQ(drive(0), Lines{"0=1 1=0"}) << "one request; the low level lights b; c has no value";
   driver.valueIs("a", false);
   driver.valueIs("a", true);
   EXPECT_EQ(drive(1), Lines{}) << "back where it was within the pass";
@@ -147,13 +147,13 @@ TEST_F(Driver, APinThatGoesLeavesItsLineAsItsWiringSays) {
   drive(0);
   driver.valueIs("keep", std::nullopt);
   driver.valueIs("off", std::nullopt);
-  EXPECT_EQ(drive(1), Lines{"0=1 1=0 2=1"}) << "one set; nothing is let go, so nothing blinks";
+  EXPECT_EQ(drive(1), Lines{"0=1 1=0 2=1"}) << "one set; no line is released, so none blinks";
   EXPECT_FALSE(driver.state("off"));
   driver.valueIs("off", true);
   EXPECT_EQ(drive(2), Lines{"0=1 1=1 2=1"}) << "and is there to be used again";
   wire("off", "1", true, LineExit::off);
   drive(3);
-  EXPECT_FALSE(board.level(chip, 1)) << "wired anew, the low level lights it";
+  EXPECT_FALSE(board.level(chip, 1)) << "with its new wiring the low level lights it";
   EXPECT_TRUE(board.level(chip, 2));
   driver.release();
   EXPECT_TRUE(board.level(chip, 1)) << "off is the high level now";

@@ -68,9 +68,9 @@ TEST_F(ClockTest, AWokenReactorMayEndTheOthers) {
   EXPECT_EQ(c->woken, 1);
 }
 
-// What is done to a reactor before its time comes, between that and switching it on again, and how often it
-// is woken then.
-TEST_F(ClockTest, ATimeThatComesWhileNobodyIsNotified) {
+// Cases: an act before a reactor's time comes, another before it is switched on again, and how often it is
+// woken then.
+TEST_F(ClockTest, ATimeThatComesWhileNotificationsAreOff) {
   using Act = void (*)(Waker & waker, const Ptr<const Clock>& clock);
   const Act nothing = [](auto&, auto&) {};
   const Act off = [](auto& waker, auto&) { waker.hasNotificationActiveIs(false); };

@@ -83,7 +83,7 @@ TEST_F(External, AWatchRunsInTheNextPassForTheEventsThatItAskedFor) {
   EXPECT_EQ(step(), Lines{});
 }
 
-// Each is committed by the first of three ready watches; `heard` is what follows in this pass and in the
+// Each is committed by the first of three ready watches; `notified` is what follows in this pass and in the
 // next.
 TEST_F(External, AHandlerMayDoAnythingToAnyWatch) {
   std::unique_ptr<FdWatch> first, second, third;
@@ -95,11 +95,11 @@ TEST_F(External, AHandlerMayDoAnythingToAnyWatch) {
       {"pauses another", [&] { third->eventsIs(0); }, {"3r", "4r"}, {}},
       {"is ready again", [&] { first->readyIs(1); }, {"3r", "4r", "5r"}, {"3r"}},
   };
-  for (const auto& [name, act, heard, later] : cases) {
+  for (const auto& [name, act, notified, later] : cases) {
     first = watch(3), second = watch(4), third = watch(5);
     for (const auto& each : {&first, &second, &third}) (*each)->readyIs(FdWatch::kReadable);
     crime = act;
-    EXPECT_EQ(step(), heard) << name;
+    EXPECT_EQ(step(), notified) << name;
     EXPECT_EQ(step(), later) << name;
   }
 }

@@ -98,9 +98,9 @@ TEST_F(Notification, TheImmediateHookAnnouncesTheWholeAndNoKey) {
 struct Impatient : Zel::Reactor<Impatient, LedConfig::NotifieeConst> {
   static constexpr const char* kTypeName = "Test::Impatient";
   Impatient(const Ptr<const LedConfig>& watched, Ptr<Impatient>& other) : Reactor(watched), victim(other) {}
-  void onLightSettingzelImmediate() override { ++heard, victim = nullptr; }
+  void onLightSettingzelImmediate() override { ++notified, victim = nullptr; }
   Ptr<Impatient>& victim;
-  int heard = 0;
+  int notified = 0;
 };
 
 TEST_F(Notification, ImmediateHooksMayDetachOneAnother) {
@@ -109,10 +109,10 @@ TEST_F(Notification, ImmediateHooksMayDetachOneAnother) {
   b = Zel::allocate<Impatient>(led, a);
   led->lightSettingIs(setting(1));
   ASSERT_TRUE(a && !b);
-  EXPECT_EQ(a->heard, 1);
+  EXPECT_EQ(a->notified, 1);
 }
 
-TEST_F(Notification, ARawReactorHearsEveryAttributeByItsIndex) {
+TEST_F(Notification, ARawReactorIsNotifiedOfEveryAttributeByItsIndex) {
   const auto log = [this](const std::string& attribute, Name key) {
     lines.push_back(attribute + " " + key.stdString());
   };

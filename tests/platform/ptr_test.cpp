@@ -51,7 +51,7 @@ TEST(Ptr, TheLastReferenceEndsTheObjectAndOnlyTheLast) {
   EXPECT_EQ(log, (Support::Lines{"on", "gone"}));
 }
 
-// What the dropped object destroys must find the pointer changed already.
+// Code that runs in the destructor of the dropped object sees the new value.
 TEST(Ptr, AssignmentStoresBeforeItDrops) {
   Ptr<Thing> slot;
   struct Peek : Thing {

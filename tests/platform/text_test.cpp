@@ -19,7 +19,7 @@ TEST(Name, EqualTextsAreOneNameAndLookUpsAddNothing) {
   EXPECT_EQ(std::hash<Zel::Name>()(name), std::hash<Zel::Name>()(Zel::Name(text)));
   EXPECT_EQ(sizeof(name), 4U);
   const auto count = Zel::Name::count();
-  EXPECT_FALSE(Zel::Name::existing("a text that nobody interned"));
+  EXPECT_FALSE(Zel::Name::existing("a text that was not interned"));
   EXPECT_EQ(Zel::Name::existing(text), name);
   EXPECT_EQ(Zel::Name::count(), count);
   EXPECT_LT(Zel::Name("a"), Zel::Name("b"));
@@ -104,9 +104,9 @@ TEST(LightSetting, ReadsItsFieldsAndSaysWhatIsWrong) {
       {Zel::Value::Fields{{"brightness", 101}}, "wanted a whole number from 0 to 100"},
       {"green", "found a text (\"green\"), wanted fields"},
   };
-  for (const auto& [value, says] : wrong) {
+  for (const auto& [value, message] : wrong) {
     const auto text = Support::errorOf<Zel::ValueError>([&] { return Traits::fromValue(value); });
-    EXPECT_NE(text.find(says), std::string::npos) << text;
+    EXPECT_NE(text.find(message), std::string::npos) << text;
   }
 }
 

@@ -109,7 +109,7 @@ TEST_F(Configuration, AHookOnAPinMayAskForTheLedWhoseMachineIsBeingMade) {
   EXPECT_EQ(machine("A"), nullptr) << "its pins went while it was made";
 }
 
-TEST_F(Configuration, AMachineMayBeDroppedByWhoHearsOfItsPins) {
+TEST_F(Configuration, AHookOnAPinMayDropTheMachine) {
   mappings->gpioLedsIs(mapping("A"));
   leds->ledsIs("A");
   start();

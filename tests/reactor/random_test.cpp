@@ -88,7 +88,7 @@ struct ReactorModel {
   }
   void createLedConfig(const GpioLedConfig& mapping) {
     const Text name = mapping.name().stdString();
-    say(246, "createLedConfig", "createLedConfig " + name);
+    record(246, "createLedConfig", "createLedConfig " + name);
     if (!mapping.ready()) return;
     Output& output = outputs[name];
     for (std::size_t colour = 0; colour < kColours.size(); ++colour)
@@ -98,19 +98,19 @@ struct ReactorModel {
           std::erase_if(output[colour], [&](const Pin& other) { return other.first == pin.first; });
           output[colour].push_back(pin);
         }
-        say(263 + 10 * static_cast<int>(colour), "createLedConfig",
-            "created " + Text(kColours[colour].plain) + " pin '" + pin.first + "'", 6);
+        record(263 + 10 * static_cast<int>(colour), "createLedConfig",
+               "created " + Text(kColours[colour].plain) + " pin '" + pin.first + "'", 6);
       }
     createDriver(name);
   }
   void createDriver(const Text& name) {
-    say(225, "createDriver", "createDriver " + name);
+    record(225, "createDriver", "createDriver " + name);
     const auto mapping = mappings->gpioLeds(name);
     if (!mapping || !mapping->ready() || !outputs.contains(name) || !leds->leds(name)) {
-      say(238, "createDriver", "Deleting Gpio Led SM for " + name);
+      record(238, "createDriver", "Deleting Gpio Led SM for " + name);
       machines.erase(name);
     } else {
-      say(234, "createDriver", "Creating Gpio Led SM for " + name);
+      record(234, "createDriver", "Creating Gpio Led SM for " + name);
       machineIs(name);
     }
   }
@@ -126,7 +126,7 @@ struct ReactorModel {
     }
   }
   void cleanUp(const Text& name) {
-    say(302, "handleGpioConfigCleanup", "handleGpioConfigCleanup " + name);
+    record(302, "handleGpioConfigCleanup", "handleGpioConfigCleanup " + name);
     if (const auto output = outputs.extract(name))
       for (const auto& ofColour : output.mapped())
         for (const Pin& pin : ofColour) pinDel(pin.first);
@@ -165,7 +165,7 @@ struct ReactorModel {
     zombieIs(true);
     mapped.clear(), mappingsWatcher = ledsWatcher = nullptr;
   }
-  void say(int line, const Text& function, const Text& text, int level = 9) {
+  void record(int line, const Text& function, const Text& text, int level = 9) {
     log.push_back(std::to_string(level) + " Pinlamp:" + std::to_string(line) + " " + function + ": " + text);
   }
 
@@ -214,7 +214,7 @@ class ReactorRun : public Bench::Test {
     return mapping;
   }
 
-  // What other agents do.
+  // Changes by other agents.
   void input() {
     const auto operation = dice.below(7);
     const Text name = dice.among(kNames), pin = pinName();

@@ -1,4 +1,4 @@
-// What the agent's tests stand on: time moved by hand, a log of pin writes, and the trace records.
+// Shared by the agent's tests: a manual clock, a log of pin writes, and the trace records.
 #pragma once
 
 #include <gtest/gtest.h>

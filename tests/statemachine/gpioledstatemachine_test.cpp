@@ -79,7 +79,7 @@ TEST_F(StateMachine, GoesAwayQuietlyAlsoWhileItWrites) {
 TEST_F(StateMachine, WakeUpsAndSettingsAllocateNothing) {
   spies.clear();
   start(setting("red", 1.0));
-  set(setting("green", 1.0));  // the first change finds out that nobody wants it within the mutation
+  set(setting("green", 1.0));  // the first change finds that no reactor has an immediate hook
   const std::size_t before = allocations;
   for (int second = 11; second < 20; ++second) {
     time.nowIs(second);
@@ -101,7 +101,7 @@ TEST_F(StateMachineDeathTest, StopsWithoutPinsToFlashOrAClockToFlashBy) {
   EXPECT_DEATH(machine->handleLedSystemConfig("Fan1", setting("red", 1.0)),
                "Pinlamp:[0-9]+: .*Assertion `clock_' failed");
   machine->hwLedConfigDel();
-  EXPECT_DEATH(machine->handleClockTimeout(), "Assertion `hwLedConfig_' failed");
+  EXPECT_DEATH(machine->handleClockTimeout(), "Assertion `hwLedConfig, with wake-up");
   manager.clockIs(nullptr);
   EXPECT_DEATH(start(setting("")), "Assertion `clock_' failed");
 }

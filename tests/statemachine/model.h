@@ -1,4 +1,4 @@
-// What an LED's machine does, told a second time in plain structures, for tests that perform random
+// A second implementation of an LED's machine, in plain structures, for tests that perform random
 // operations on both and compare. The model's reactors are real ones: each stands right behind the one that
 // it mirrors, so both are notified of the same changes in the same order. Notification and the clock have
 // models of their own, in tests/platform.
@@ -26,7 +26,7 @@ using Led::LightSetting;
 using Pinlamp::GpioLedStateMachine;
 constexpr double kNever = std::numeric_limits<double>::infinity();
 
-// What differs between the colours, in the order in which machine and reactor go through them.
+// The colours, in the order in which machine and reactor process them.
 struct Colour {
   const char *text, *plain;
   bool LightSetting::*lit;
@@ -91,7 +91,7 @@ struct Machine {
     watch(clockReactor, clock, [this] { tick(); });
   }
   void initialize() {
-    say(6, "handleInitialized", "handleInitialized for " + name());
+    record(6, "handleInitialized", "handleInitialized for " + name());
     if (initialized) return;
     flashing = false;
     clockIs(Zel::activityManager().clock());
@@ -101,7 +101,7 @@ struct Machine {
   }
   void applyLed() {
     if (!initialized) return;
-    say(7, "handleHwLedConfig", "handleHwLedConfig " + name());
+    record(7, "handleHwLedConfig", "handleHwLedConfig " + name());
     if (led) apply(led->lightSetting());
   }
   void apply(const LightSetting& setting) {
@@ -109,7 +109,7 @@ struct Machine {
     std::ostringstream text;
     text << "handleLedSystemConfig " << (output ? output->name : "") << ' ' << setting << "Config: <"
          << (output ? "Hardware::Gpio::CorvelGpioLedSystemConfigDir " + output->system : "null") << '>';
-    say(8, "handleLedSystemConfig", text.str());
+    record(8, "handleLedSystemConfig", text.str());
     if (setting.flashInterval != 0.0)
       clockReactor->timeMin() < kNever ? void() : armIn(setting.flashInterval);
     else if (output)
@@ -117,23 +117,23 @@ struct Machine {
   }
   void tick() {
     if (!initialized) return;
-    say(8, "handleClockTimeout", "handleClockTimeout for " + name());
+    record(8, "handleClockTimeout", "handleClockTimeout for " + name());
     flashing = !flashing;
     const LightSetting setting = led->lightSetting();
     if (setting.flashInterval == 0.0) return clockReactor->timeMinIs(kNever);
-    say(8, "handleClockTimeout", "Led " + name() + " is now " + (flashing ? "1" : "0"));
+    record(8, "handleClockTimeout", "Led " + name() + " is now " + (flashing ? "1" : "0"));
     show(setting, flashing);
     armIn(setting.flashInterval);
   }
   void write(std::size_t colour, std::uint32_t value, Output& pins) {
     const std::string text = kColours[colour].text, operation = "handleCorvelGpio" + text;
-    say(9, operation, operation + " " + pins.name);
+    record(9, operation, operation + " " + pins.name);
     for (const auto& pin : pins.pins[colour]) {
       const auto old = std::exchange(pin->value, value);
       if (old != value)
-        say(6, operation,
-            "Corvel " + text + " Pin: " + pin->name + "  OldValue: " + std::to_string(old) +
-                " NewValue: " + std::to_string(value));
+        record(6, operation,
+               "Corvel " + text + " Pin: " + pin->name + "  OldValue: " + std::to_string(old) +
+                   " NewValue: " + std::to_string(value));
     }
   }
   void activeIs(bool on) {
@@ -160,7 +160,7 @@ struct Machine {
   bool flashing = false, initialized = false, active = true, retired = false;
 
  private:
-  void say(int level, const std::string& function, const std::string& text) {
+  void record(int level, const std::string& function, const std::string& text) {
     log.push_back(std::to_string(level) + " " + function + ": " + text);
   }
   void show(const LightSetting& setting, bool lit) {
@@ -210,11 +210,11 @@ struct Dice {
 inline std::string joined(const Lines& records) {
   constexpr std::string_view kNumbered = " createDriver createLedConfig handleGpioConfigCleanup ";
   std::string text;
-  for (const auto& record : records) {
-    const auto source = record.find(" Pinlamp:"), function = record.find(' ', source + 1);
-    const auto name = record.substr(function + 1, record.find(':', function) - function - 1);
-    const bool whole = source == record.npos || kNumbered.find(" " + name + " ") != kNumbered.npos;
-    text += (whole ? record : record.substr(0, source) + record.substr(function)) + "\n";
+  for (const auto& line : records) {
+    const auto source = line.find(" Pinlamp:"), function = line.find(' ', source + 1);
+    const auto name = line.substr(function + 1, line.find(':', function) - function - 1);
+    const bool whole = source == line.npos || kNumbered.find(" " + name + " ") != kNumbered.npos;
+    text += (whole ? line : line.substr(0, source) + line.substr(function)) + "\n";
   }
   return text;
 }

@@ -5,7 +5,7 @@
 #include <iostream>
 #include <sstream>
 
-#include "gpio/libgpiodchip.h"
+#include "gpio/libgpiodprovider.h"
 
 namespace {
 

@@ -15,21 +15,25 @@ namespace Zel {
 
 }  // namespace Zel
 
-// Stops the process unless `condition` holds; the record names the condition, the file, the line and the
+// The source that a failed check names. A library with a name of its own for its sources defines it.
+#ifndef ZEL_SOURCE
+#define ZEL_SOURCE __FILE__
+#endif
+
+// Stops the process unless `condition` holds; the record names the condition, the source, the line and the
 // function.
 #define ZEL_ASSERT(condition)                        \
   (__builtin_expect(static_cast<bool>(condition), 1) \
        ? static_cast<void>(0)                        \
-       : ::Zel::assertionFailed(#condition, __FILE__, __LINE__, __PRETTY_FUNCTION__))
+       : ::Zel::assertionFailed(#condition, ZEL_SOURCE, __LINE__, __PRETTY_FUNCTION__))
 
 // A precondition (`REQUIRES:` in the header): as ZEL_ASSERT, and prints `operands`, an output expression such
-// as
-// `"index " << index << " of " << size`.
-#define ZEL_REQUIRE(condition, operands)                                                                  \
-  do {                                                                                                    \
-    if (__builtin_expect(!static_cast<bool>(condition), 0)) {                                             \
-      std::ostringstream zelText;                                                                         \
-      zelText << operands;                                                                                \
-      ::Zel::assertionFailed(#condition, __FILE__, __LINE__, __PRETTY_FUNCTION__, zelText.str().c_str()); \
-    }                                                                                                     \
+// as `"index " << index << " of " << size`.
+#define ZEL_REQUIRE(condition, operands)                                                                    \
+  do {                                                                                                      \
+    if (__builtin_expect(!static_cast<bool>(condition), 0)) {                                               \
+      std::ostringstream zelText;                                                                           \
+      zelText << operands;                                                                                  \
+      ::Zel::assertionFailed(#condition, ZEL_SOURCE, __LINE__, __PRETTY_FUNCTION__, zelText.str().c_str()); \
+    }                                                                                                       \
   } while (false)

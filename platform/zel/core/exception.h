@@ -1,5 +1,4 @@
-// What the framework throws when it is misused, and on input that does not fit. The texts are the whole
-// message: nothing is added to them.
+// The framework's exceptions, for misuse and for input that does not fit. Each text is the whole message.
 #pragma once
 
 #include <stdexcept>
@@ -36,8 +35,8 @@ class ZEL_API OperationNotSupportedException : public Exception {
   ~OperationNotSupportedException() override;
 };
 
-// A value that does not fit where it was to go. The text says what was found and what would be right; where
-// it happened (path, attribute) is for the caller to add.
+// A value that does not fit its attribute or parameter. The text gives what was found and what would be
+// right; the caller adds the place (path, attribute).
 class ZEL_API ValueError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -47,5 +46,12 @@ class ZEL_API ValueError : public std::runtime_error {
 [[noreturn]] ZEL_API void throwRangeException(const char* text);
 [[noreturn]] ZEL_API void throwNameInUseException(const String& text);
 [[noreturn]] ZEL_API void throwOperationNotSupportedException(const String& text);
+
+// Passes on a pointer that must not be null. Throws RangeException "null ValidPtr".
+template <class Pointer>
+Pointer valid(Pointer pointer) {
+  if (!pointer) throwRangeException("null ValidPtr");
+  return pointer;
+}
 
 }  // namespace Zel

@@ -111,6 +111,10 @@ void KeyTable::swap(KeyTable& other) noexcept {
     if (walk->table_ == this || walk->table_ == &other) walk->table_ = walk->table_ == this ? &other : this;
 }
 
+void failNullMember(Name key) {
+  assertionFailed("member", __FILE__, __LINE__, __PRETTY_FUNCTION__, key.charPtr());
+}
+
 std::size_t KeyTable::sizeOfBlock() const { return block()->live; }
 
 const KeyTable::Entry* KeyTable::findInBlock(Name key) const { return block()->find(key); }

@@ -29,6 +29,8 @@ namespace detail {
 
 struct Block;
 
+[[noreturn]] ZEL_API void failNullMember(Name key);
+
 // The untyped collection: a word for each name. The typed collection knows what a word means and how to
 // release it.
 class ZEL_API KeyTable {
@@ -68,8 +70,8 @@ class ZEL_API KeyTable {
     if (only_.live || only_.word != 0) forgetAll();
   }
 
-  // A position in a walk. Holds the block of a table of several alive. Of a table of one it has a copy of the
-  // member, and stands in a list of such walks, where the table finds it when the member goes.
+  // A position in a walk. In a table of several it keeps the block alive. In a table of one it copies the
+  // member, and joins a list of such walks, where the table finds it when the member is removed.
   class ZEL_API Cursor {
    public:
     Cursor() = default;
@@ -134,7 +136,7 @@ class ZEL_API KeyTable {
 
     Block* block_ = nullptr;
     std::uint32_t at_ = 0;
-    Entry only_{};  // live while this stands in the list
+    Entry only_{};  // live while this is in the list
     const KeyTable* table_ = nullptr;
     Cursor* next_ = nullptr;
     Cursor** link_ = nullptr;
@@ -246,6 +248,8 @@ class PtrMap {
   }
   // REQUIRES: the key is not there and the member is not null.
   void insert(Name key, Ptr<T> member) {
+    if (!member) [[unlikely]]
+      detail::failNullMember(key);
     table_.insert(key, reinterpret_cast<std::uintptr_t>(member.release()));
   }
   // Returns the member that was there; null where the key is unknown.

@@ -17,8 +17,8 @@ namespace Zel {
 namespace {
 
 // Texts lie in blocks that never move, so a view of one stays valid, and a reader needs no lock to find it:
-// whoever holds an id got it after the entry was written. Looking a text up takes no lock either: the places
-// only ever fill, and when they are outgrown a larger table takes over while the old one stays as it was.
+// an id is handed out after its entry was written. Looking a text up takes no lock either: places only ever
+// fill, and when they are outgrown a larger table replaces the old one, which stays as it was.
 class Table {
  public:
   Table() {
@@ -131,7 +131,7 @@ class Table {
     return place;
   }
 
-  std::mutex mutex_;                                      // of whoever adds
+  std::mutex mutex_;                                      // for adding
   std::vector<std::unique_ptr<const Places>> allPlaces_;  // the last one is in use
   std::atomic<const Places*> places_{nullptr};
   std::array<std::atomic<Entry*>, kChunks> chunks_{};

@@ -38,7 +38,7 @@ class ZEL_API Name {
   // Throw alike, and add nothing.
   static void check(std::string_view text);
   static void checkEscaped(std::string_view text);
-  // The name of a text that is in the table; nothing where the text was never interned.
+  // The name of a text that is in the table; nullopt where the text was never interned.
   static std::optional<Name> existing(std::string_view text);
   // How many texts the table holds.
   static std::size_t count();

@@ -10,9 +10,8 @@ void PtrInterface::hasNotificationActiveIs(bool active) { flagIs(kNotificationAc
 
 void PtrInterface::zelDoZombieReactors(bool zombie) { flagIs(kZombie, zombie); }
 
-void PtrInterface::onZeroReferences() {
-  newRef();  // so that a pointer to this object made and dropped while it is taken apart does not end it
-             // twice
+void PtrInterface::onZeroReferences() noexcept {
+  newRef();  // so that a pointer made and dropped by the destructor does not destroy the object again
   delete this;
 }
 

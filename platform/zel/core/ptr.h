@@ -41,9 +41,9 @@ inline std::uint32_t addToWord(std::atomic<std::uint32_t>& word, std::uint32_t d
 
 // The header of every counted object: a reference count and flag bits in one word.
 //
-// Objects come from Zel::allocate only. An object starts with one reference, which belongs to whoever
-// constructs it (so a constructor may hand out pointers to `this`); Zel::allocate passes that one on to its
-// caller. When the last reference goes, onZeroReferences runs, which destroys the object.
+// Objects come from Zel::allocate only. An object starts with one reference, so its constructor may hand out
+// pointers to `this`; Zel::allocate passes that reference to its caller. When the last reference goes,
+// onZeroReferences destroys the object.
 class ZEL_API PtrInterface {
  public:
   PtrInterface(const PtrInterface&) = delete;
@@ -59,21 +59,22 @@ class ZEL_API PtrInterface {
   // The descriptor of the object's class.
   virtual const TypeNode& fwkType() const = 0;
 
-  // Switches the delivery of notifications on or off. The base only sets the flag; a class that owns reactors
-  // passes the value on to them. Setting the value that is set already does nothing.
+  // Switches the delivery of notifications on or off. The base only sets the flag; an owner of reactors
+  // passes the value on to them (slot.h). Setting the value that is set already does nothing.
   bool hasNotificationActive() const { return flag(kNotificationActive); }
   virtual void hasNotificationActiveIs(bool active);
 
   // Retires an object that is being dismantled (a zombie reacts to nothing), or revives it. The base only
-  // sets the flag; a class that owns reactors passes the value on to them first. Does nothing where the flag
-  // is as asked.
+  // sets the flag; an owner of reactors passes the value on to them first. Does nothing where the flag is as
+  // asked.
   bool zelIsZombie() const { return flag(kZombie); }
   virtual void zelDoZombieReactors(bool zombie);
 
  protected:
   PtrInterface() = default;
   virtual ~PtrInterface();
-  virtual void onZeroReferences();
+  // Destroys the object. An exception on the way ends the process.
+  virtual void onZeroReferences() noexcept;
 
   // Flag bits beside the count; a class declares its own from the first that its base leaves free.
   static constexpr std::uint32_t kNotificationActive = 1U << 0;

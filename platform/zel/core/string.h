@@ -13,7 +13,7 @@
 
 namespace Zel {
 
-// The count of the shared characters is changed as enableThreadSafePointers says. May hold NUL characters.
+// The characters' reference count is atomic where enableThreadSafePointers is on. May hold NUL characters.
 class ZEL_API String {
  public:
   String() = default;
@@ -51,8 +51,8 @@ class ZEL_API String {
 
 ZEL_API std::ostream& operator<<(std::ostream& out, const String& text);
 
-// A text from outside as a message quotes it: whole up to `longest` bytes, else its beginning and how long it
-// is. Characters of UTF-8 stay whole.
+// A text from outside, for quoting in a message: whole up to `longest` bytes, else its beginning and its
+// length. UTF-8 characters stay whole.
 ZEL_API std::string excerpt(std::string_view text, std::size_t longest = 255);
 
 // As printf. Throws std::bad_alloc, and RangeException where the C library refuses the format.

@@ -60,7 +60,7 @@ ZEL_API void traceLevelsIs(std::string_view text);
 // The inverse for one facility's mask: "3,6-9", "*" or "".
 ZEL_API std::string traceLevelsText(std::uint32_t mask);
 
-// Where records go: one line without its end a call. Called on the thread that traces. Null puts back the
+// Receives the records: one line, without its line end, a call, on the thread that traces. Null restores the
 // default, which writes lines to the standard error stream.
 using TraceSink = std::function<void(std::string_view line)>;
 ZEL_API void traceSinkIs(TraceSink sink);
@@ -139,9 +139,8 @@ class EnsureTraceHelperIsDestroyed {
   TraceHelper* const helper_;
 };
 
-// Writes one record where the level is on: `write` gets the stream. The common way to trace; what a record
-// says is not even looked up while its level is off. Always inline, so that only loads and branches are left
-// on the way of the code that traces.
+// Writes one record where the level is on: `write` gets the stream, and does not run while the level is off.
+// Always inline, so that tracing that is off costs a load and a branch.
 template <class Write>
 [[gnu::always_inline]] inline void traceRecord(const TraceHandle& handle, TraceFacility::FacilityLevel level,
                                                const char* source, int line, const char* function,

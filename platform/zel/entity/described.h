@@ -33,16 +33,18 @@
 #include "platform/zel/entity/generic.h"
 #include "platform/zel/entity/operations.h"
 #include "platform/zel/notify/notifier.h"
+#include "platform/zel/notify/slot.h"
 #include "platform/zel/object/type.h"
 
 namespace Zel {
 
 // The base of a class with a table. T has `static constexpr auto attributes()`, `static const TypeNode&
-// typeNode()` and, where typed reactors watch it, a nested class NotifieeConst.
+// typeNode()` and, where typed reactors watch it, a nested class NotifieeConst. One that owns reactors names
+// their slots in `static constexpr auto reactors()` (slot.h).
 template <class T, class Base>
-class Described : public Typed<T, Base> {
+class Described : public SlotOwner<T, Typed<T, Base>> {
  public:
-  using Typed<T, Base>::Typed;
+  using SlotOwner<T, Typed<T, Base>>::SlotOwner;
 
   static constexpr AttributeIndex firstAttribute() {
     if constexpr (requires { Base::endAttribute(); })
@@ -154,9 +156,8 @@ class Described : public Typed<T, Base> {
   // An object made elsewhere, under its own name; it replaces another of that name in one step.
   template <auto Member, class Child>
   void childIs(const Ptr<Child>& child) {
-    if (!child) throwRangeException("null ValidPtr");
     auto& members = static_cast<T&>(*this).*Member;
-    if (members.get(child->name()) == child.get()) return;
+    if (members.get(valid(child)->name()) == child.get()) return;
     const auto old = members.remove(child->name());
     if (old) disown(*old);
     adopt(members, child);
@@ -192,9 +193,8 @@ class Described : public Typed<T, Base> {
   // Objects that the collection refers to, under their own names. Throws RangeException "null ValidPtr".
   template <auto Member, class M>
   void referenceIs(const Ptr<M>& member) {
-    if (!member) throwRangeException("null ValidPtr");
     auto& members = static_cast<T&>(*this).*Member;
-    if (members.get(member->name()) == member.get()) return;
+    if (members.get(valid(member)->name()) == member.get()) return;
     const auto old = members.remove(member->name());
     members.insert(member->name(), member);
     announceKey<Member>(member->name());

@@ -134,7 +134,7 @@ void ActivityManager::passEndDel(PassEnd& end) {
 
 namespace {
 
-// What the reactor is and what it watches, for a message.
+// "reactor TYPE of <TYPE PATH>", for a message.
 std::string describe(const NotifieeBase& notifiee, const Notifier* watched) {
   std::ostringstream text;
   text << "reactor " << notifiee.fwkType().name();

@@ -31,7 +31,7 @@ class ZEL_API HandlerFault : public Exception {
  public:
   HandlerFault(Name agent, std::string place, std::string text, const std::string& suspected = {});
   ~HandlerFault() override;
-  Name agent() const { return agent_; }  // empty where no agent was at work
+  Name agent() const { return agent_; }  // empty where no agent was running
   // "reactor TYPE of OBJECT", or the step: "doInit".
   const std::string& place() const { return place_; }
   const std::string& text() const { return text_; }  // the exception's own
@@ -61,7 +61,7 @@ class ZEL_API ActivityManager {
   ActivityManager(const ActivityManager&) = delete;
   ActivityManager& operator=(const ActivityManager&) = delete;
 
-  // The clock of this loop. Null only where clockIs(null) was said.
+  // The clock of this loop. Null only after clockIs(null).
   const Ptr<const Clock>& clock() const { return clock_; }
   void clockIs(const Ptr<const Clock>& clock) { clock_ = clock; }
 
@@ -82,8 +82,8 @@ class ZEL_API ActivityManager {
   void passEndIs(PassEnd& end);
   void passEndDel(PassEnd& end);
 
-  // Notes what would explain a fault of the code that runs now; its HandlerFault says so. Forgotten with the
-  // next delivery.
+  // Records a likely cause for a fault of the running code; its HandlerFault quotes it. Dropped at the next
+  // delivery.
   void suspectIs(std::string text) { suspect_ = {passes_, deliveries_, std::move(text)}; }
   std::string suspect() const;
 
@@ -96,10 +96,10 @@ class ZEL_API ActivityManager {
   // The process's current activity manager; one is made where there was none.
   static ActivityManager& current() { return current_ ? *current_ : makeCurrent(); }
 
-  // The agent at work, whose reactors are named after it in faults; empty where none is.
+  // The running agent; faults of reactors made now name it. Empty where none runs.
   static Name currentAgent() { return currentAgent_; }
 
-  // Names the agent at work for its lifetime.
+  // Sets the running agent for its lifetime.
   class AgentScope {
    public:
     explicit AgentScope(Name agent) : before_(std::exchange(currentAgent_, agent)) {}
@@ -147,7 +147,7 @@ inline ActivityManager& activityManager() { return ActivityManager::current(); }
 [[noreturn]] ZEL_API void agentFailed(Name agent, const std::string& place);
 [[noreturn]] ZEL_API void handlerFailed(const NotifieeBase& notifiee, const Notifier* watched);
 
-// Calls `handler` on behalf of `notifiee`; what it throws becomes a HandlerFault. For those who deliver.
+// Calls `handler` on behalf of `notifiee`; what it throws becomes a HandlerFault. For deliveries.
 template <class Handler>
 void runHandler(const NotifieeBase& notifiee, const Notifier* watched, Handler&& handler) {
   const ActivityManager::AgentScope scope(notifiee.agent());

@@ -25,7 +25,7 @@ class ZEL_API System {
   // Monotonic seconds, with no meaning beyond their differences.
   static double currentTime();
 
-  // Stands in for the real time while it lives. Tests drive the clock by it.
+  // Replaces the real time while it lives. For tests.
   class ZEL_API ManualTime {
    public:
     explicit ManualTime(double now = 0.0);
@@ -55,8 +55,8 @@ class ZEL_API Clock : public Typed<Clock, Notifier> {
   ~Clock() override;
   static const TypeNode& typeNode();
 
-  // Wakes every reactor whose time is not later than `now`, once, also where its handler sets a time that has
-  // passed already (that one comes with the next call). Called by the activity manager.
+  // Wakes every reactor whose time is not later than `now`, each once: a time in the past that a handler sets
+  // comes with the next call. Called by the activity manager.
   void advance(double now) const;
   // The earliest wake-up time; not later than that where a reactor was disarmed since. Positive infinity:
   // none.

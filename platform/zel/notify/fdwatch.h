@@ -6,7 +6,7 @@
 // The handler runs at the start of a pass, before expiries and notifications, and again in every pass for as
 // long as the descriptor is ready (level-triggered): one that reads nothing keeps the loop busy. It may end
 // any watch, its own included, and start others. An exception that leaves it is a HandlerFault, with the name
-// of the agent at work when the watch was made.
+// of the agent that made the watch.
 //
 // The owner keeps the descriptor open until the watch has ended: declare the watch after it. The host polls a
 // duplicate, so closing the descriptor too early can't redirect the watch to another file, but the old file

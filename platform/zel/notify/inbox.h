@@ -8,8 +8,8 @@
 // post() is the only operation of the framework that other threads may call. It wakes the loop; the task runs
 // on the activity thread in the next pass, before expiries and notifications. Tasks of one activity manager
 // run in the order in which they were posted; a task that a task posts runs a pass later. An exception that
-// leaves a task is a HandlerFault, with the name of the agent at work when the inbox was made; the tasks
-// after it stay queued.
+// leaves a task is a HandlerFault, with the name of the agent that made the inbox; the tasks after it stay
+// queued.
 //
 // The inbox belongs to the object that its tasks work on. Its destructor drops the tasks that have not run,
 // so no task outlives its object; what is posted later is dropped as well, and post() returns false. The

@@ -1,12 +1,10 @@
 // Prefetching: overlaps the cache misses of handlers that run one after another.
 //
-//     bool lookahead(const Machine& machine, unsigned step) {  // beside Machine, found by argument-dependent
-//     look-up
+//     // Beside Machine, the owner of a NestedReactor (slot.h), which finds it by argument-dependent look-up.
+//     bool lookahead(const Machine& machine, unsigned step) {
 //       if (step == 2) Zel::prefetch(machine.led());
 //       return step == 2;
 //     }
-//
-// Not installed: an agent needs none of it.
 #pragma once
 
 #include <array>
@@ -46,8 +44,10 @@ class Lookahead {
     detail::prefetchLine(reinterpret_cast<const char*>(first + 3));
   }
 
-  // REQUIRES: called kAtOnce times at most.
-  void add(const NotifieeBase& notifiee) { some_[count_++] = &notifiee; }
+  // At most kAtOnce; more are ignored.
+  void add(const NotifieeBase& notifiee) {
+    if (count_ < kAtOnce) some_[count_++] = &notifiee;
+  }
   // Returns whether any of them had something to prefetch.
   bool run() {
     unsigned step = 1;

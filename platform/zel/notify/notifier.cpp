@@ -11,6 +11,8 @@
 
 namespace Zel {
 
+void ListHook::failLinked() const { assertionFailed("!linked()", __FILE__, __LINE__, __PRETTY_FUNCTION__); }
+
 void ListHook::takeAllOf(ListHook& other) {
   if (!other.linked()) return;
   other.next_->previous_ = previous_;
@@ -43,6 +45,7 @@ class NotifieeBase::KeyMarks {
   }
   // REQUIRES: not empty.
   Mark takeFirst() {
+    ZEL_REQUIRE(!empty(), taken_ << " of " << order_.size() << " keys taken");
     const Mark mark = order_[taken_++];
     if (isIndexed()) index_.erase(code(mark));
     return mark;
@@ -68,8 +71,8 @@ struct NotifieeBase::AllKeyMarks {
   }
 };
 
-// What the turn of one reactor has still to deliver. On the stack of whoever delivers, and in a list of
-// those, where the reactor finds it while its flag kInTurn is set.
+// What is left to deliver in the turn of one reactor. Lives on the stack of the delivery and in a list of
+// such turns, where the reactor finds it while its flag kInTurn is set.
 struct NotifieeBase::Turn {
   explicit Turn(NotifieeBase& whose) : notifiee(whose), outer(std::exchange(innermost, this)) {
     ZEL_REQUIRE(!notifiee.flag(kInTurn), notifiee.fwkType().name());
@@ -163,7 +166,7 @@ void NotifieeBase::dropMarks() {
   Turn::of(*this).keys = {};
 }
 
-// One reference is the caller's: a reactor that nobody else holds any more counts as destroyed.
+// One reference is the caller's: a reactor with no other counts as destroyed.
 void NotifieeBase::deliverSeveral(ListHook& queue) {
   Turn turn(*this);
   turn.marks = std::exchange(marks_, 0U);
@@ -214,7 +217,7 @@ void Notifier::announce(AttributeIndex index) {
     runImmediate(index);
 }
 
-// The hooks may do anything to any reactor, so those that want one are noted first, each with a reference.
+// A hook may do anything to any reactor, so the reactors are collected first, each with a reference.
 void Notifier::runImmediate(AttributeIndex index) {
   const Ptr<Notifier> self(this);
   std::vector<Ptr<NotifieeBase>> wanting;

@@ -46,7 +46,8 @@ namespace Zel {
 class ActivityManager;
 class Notifier;
 
-// A place in a circular list that its owner leaves by itself; O(1), and no allocation.
+// A hook of an intrusive circular list: joining and leaving are O(1) and allocate nothing; the destructor
+// leaves.
 class ZEL_API ListHook {
  public:
   ListHook() = default;
@@ -62,6 +63,8 @@ class ZEL_API ListHook {
   }
   // Joins the list at its end. REQUIRES: not linked.
   void joinEndOf(ListHook& list) {
+    if (linked()) [[unlikely]]
+      failLinked();
     previous_ = list.previous_;
     next_ = &list;
     previous_->next_ = this;
@@ -72,6 +75,8 @@ class ZEL_API ListHook {
   ListHook* next() const { return next_; }
 
  private:
+  [[noreturn]] void failLinked() const;
+
   ListHook* next_ = this;
   ListHook* previous_ = this;
 };
@@ -81,8 +86,8 @@ class RegistrationHook : public ListHook {};  // its notifier's
 class PendingHook : public ListHook {};       // the activity manager's queue
 
 namespace detail {
-// Tail padding: as the first base after PtrInterface the word lies in the padding behind the header's count,
-// where a member, which comes after all bases, would not. It makes a reactor fill one cache line.
+// Tail padding: as the first base after PtrInterface the word lies in the padding behind the header's count;
+// a member comes after all bases and does not. A reactor fills one cache line thereby.
 struct Marks {
   std::uint32_t marks_ = 0;
 };
@@ -110,7 +115,7 @@ class ZEL_API NotifieeBase : public PtrInterface,
   void hasNotificationActiveIs(bool active) override;
   void zelDoZombieReactors(bool zombie) override;
 
-  // The agent on whose behalf the reactor was made, for messages; empty where no agent was at work.
+  // The agent that made the reactor, for messages; empty where no agent was running.
   Name agent() const { return agent_; }
 
  protected:
@@ -133,7 +138,7 @@ class ZEL_API NotifieeBase : public PtrInterface,
     static_cast<void>(step);
     return false;
   }
-  // Enters and leaves the place where the notifier finds this reactor.
+  // Joins and leaves the notifier's list of reactors, or the clock's wheel.
   virtual void join();
   virtual void part() { RegistrationHook::leave(); }
   static NotifieeBase& ofRegistration(ListHook& hook) {
@@ -144,7 +149,7 @@ class ZEL_API NotifieeBase : public PtrInterface,
   }
 
   inline bool mayBeNotified() const;
-  // What the default body of an immediate hook calls: the attribute's hook is not called again.
+  // Called by the default body of an immediate hook: the attribute's hook is not called again.
   void declineImmediate() { flagIs(kImmediateDeclined, true); }
 
  private:
@@ -163,11 +168,11 @@ class ZEL_API NotifieeBase : public PtrInterface,
   void markKey(AttributeIndex index, Name key);
   void dropMarks();
 
-  // The reactor's turn: runs the handlers of everything that is marked. What a handler that throws leaves is
-  // put at the front of `queue`. REQUIRES: something is marked, and the caller holds a reference.
+  // The reactor's turn: runs the handlers of everything that is marked. Where one throws, the rest goes to
+  // the front of `queue`. The caller holds a reference.
   void deliver(ListHook& queue) {
     const std::uint32_t marks = marks_;
-    if ((marks & (marks - 1)) != 0 || flag(kKeysMarked)) return deliverSeveral(queue);
+    if (marks == 0 || (marks & (marks - 1)) != 0 || flag(kKeysMarked)) return deliverSeveral(queue);
     marks_ = 0;
     handleMark(static_cast<AttributeIndex>(std::countr_zero(marks)));
   }
@@ -186,10 +191,10 @@ class ZEL_API Notifier : public PtrInterface {
   bool zelIsGone() const { return flag(kGone); }
   void zelGoneIs(bool gone) { flagIs(kGone, gone); }
 
-  // Where the object stands among entities; empty for what is no entity.
+  // The path of an entity; empty for other objects.
   virtual std::string path() const { return {}; }
-  // When the object does something by itself next, in seconds as System::currentTime; positive infinity:
-  // never, as most. For tools that look at live objects.
+  // When the object next acts by itself, in seconds as System::currentTime; positive infinity: never, the
+  // usual case. For tools that inspect live objects.
   virtual double wakeUp() const { return std::numeric_limits<double>::infinity(); }
 
  protected:

@@ -1,6 +1,5 @@
-// The attribute descriptor: what the generic interface, the stores and the documentation know of an
-// attribute. Made from a class's declarations (platform/zel/entity/declarations.h); nobody writes one by
-// hand.
+// The attribute descriptor, which the generic interface, the stores and the documentation read. Generated
+// from a class's declarations (platform/zel/entity/declarations.h).
 #pragma once
 
 #include <cstdint>
@@ -73,7 +72,7 @@ struct AttributeInfo {
   // For such a collection: the member of a name; null where there is none.
   Entity* (*member)(const Notifier&, Name) = nullptr;
 
-  // What the operations do; empty where the operation is not allowed. They throw ValueError where the
+  // The operations; null where one is not allowed. They throw ValueError where the
   // arguments do not fit, and whatever the object throws.
   using Get = Value (*)(const Notifier&, Arguments);
   using Change = Value (*)(Notifier&, Arguments);
@@ -83,7 +82,7 @@ struct AttributeInfo {
   Change invoke = nullptr;
   // The keys of a collection or of a set of names.
   std::vector<Name> (*keys)(const Notifier&) = nullptr;
-  // Puts a stored value back to what a new object has.
+  // Resets a stored value to that of a new object.
   void (*reset)(Notifier&) = nullptr;
   // Whether `value` would do for `set` of a stored attribute: throws ValueError where not.
   void (*check)(const Value& value) = nullptr;

@@ -25,7 +25,7 @@ class ZEL_API AllocTrackTypeInfo {
   static void trackDeallocation(const TypeNode& type, std::size_t size);
 
   std::size_t objects() const { return objects_; }  // now
-  std::size_t bytes() const { return bytes_; }      // now, as sizeof tells
+  std::size_t bytes() const { return bytes_; }      // now, by sizeof
   std::size_t total() const { return total_; }      // ever
 
  private:
@@ -118,7 +118,7 @@ ZEL_API void fwkDeallocate(void* memory, std::size_t size) noexcept;
 ZEL_API std::size_t fwkHugeBytes();
 
 // Makes a T: records the allocation, obtains memory, constructs T, turns its notifications on. Where
-// construction throws, the memory is given back, the deallocation recorded, and the exception goes on.
+// construction throws, the memory is freed, the deallocation recorded, and the exception rethrown.
 template <class T, class... Args>
 Ptr<T> allocate(Args&&... args) {
   static_assert(alignof(T) <= 8);
@@ -135,7 +135,8 @@ Ptr<T> allocate(Args&&... args) {
     throw;
   }
   auto pointer = Ptr<T>::adopt(object);
-  object->hasNotificationActiveIs(true);
+  PtrInterface& base = *object;  // T may name slots of reactors that are not defined here
+  base.hasNotificationActiveIs(true);
   return pointer;
 }
 
@@ -157,7 +158,7 @@ class Typed : public Base {
   ~Typed() override = default;
 };
 
-// The same for a class without attributes, mostly a concrete reactor: T says its name as kTypeName.
+// The same for a class without attributes, mostly a concrete reactor, whose name is T::kTypeName.
 template <class T, class Base>
 class Reactor : public Typed<T, Base> {
  public:

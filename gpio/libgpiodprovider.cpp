@@ -1,4 +1,4 @@
-#include "gpio/libgpiodchip.h"
+#include "gpio/libgpiodprovider.h"
 
 #include <gpiod.h>
 
@@ -19,7 +19,7 @@ static_assert(maxLines == GPIOD_LINE_BULK_MAX_LINES);
 struct ChipCloser {
   void operator()(gpiod_chip* chip) const { gpiod_chip_close(chip); }
 };
-using Chip = std::unique_ptr<gpiod_chip, ChipCloser>;
+using OpenChip = std::unique_ptr<gpiod_chip, ChipCloser>;
 using Levels = std::array<int, maxLines>;
 
 std::string textOf(const char* text) { return text ? text : ""; }
@@ -30,7 +30,7 @@ Levels asInts(const LineValues& levels) {
   return ints;
 }
 
-// "gpiochip2" stands before "gpiochip10".
+// "gpiochip2" comes before "gpiochip10".
 bool byNumber(const std::string& left, const std::string& right) {
   return left.size() != right.size() ? left.size() < right.size() : left < right;
 }
@@ -48,7 +48,7 @@ std::vector<std::string> chipNames() {
 
 // Null, and errno, where the chip cannot be opened. (The library's own walk over the chips gives up at the
 // first that it may not open.)
-Chip openChip(const std::string& name) { return Chip(gpiod_chip_open(("/dev/" + name).c_str())); }
+OpenChip openChip(const std::string& name) { return OpenChip(gpiod_chip_open(("/dev/" + name).c_str())); }
 
 LineInfo infoOf(gpiod_line* line) {
   if (!line) return {};
@@ -62,8 +62,8 @@ std::vector<LineInfo> linesOf(gpiod_chip* chip) {
   return lines;
 }
 
-Chip reopen(const LinePlace& place) {
-  Chip chip = openChip(place.chip);
+OpenChip reopen(const LinePlace& place) {
+  OpenChip chip = openChip(place.chip);
   if (chip && gpiod_chip_label(chip.get()) == place.label) return chip;
   const std::string why = chip ? "is now the chip '" + textOf(gpiod_chip_label(chip.get())) + "'"
                                : "cannot be opened: " + std::generic_category().message(errno);
@@ -100,7 +100,7 @@ class LibgpiodRequest : public LineRequest {
     return chipError(place(), "taken as outputs", errorNumber);
   }
 
-  Chip chip_;
+  OpenChip chip_;
   gpiod_line_bulk bulk_ = GPIOD_LINE_BULK_INITIALIZER;
 };
 
@@ -113,7 +113,7 @@ LibgpiodProvider::~LibgpiodProvider() = default;
 Survey LibgpiodProvider::survey() const {
   Survey survey;
   for (const std::string& name : chipNames()) {
-    const Chip chip = openChip(name);
+    const OpenChip chip = openChip(name);
     if (chip)
       survey.chips.push_back({name, textOf(gpiod_chip_label(chip.get())), linesOf(chip.get())});
     else

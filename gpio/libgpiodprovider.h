@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "gpio/linechip.h"
+#include "gpio/lineprovider.h"
 
 namespace Gpio {
 

@@ -1,4 +1,4 @@
-#include "gpio/simchip.h"
+#include "gpio/simprovider.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -16,7 +16,7 @@ struct SimProvider::Log {
 };
 
 struct SimProvider::Chip {
-  ChipInfo info;
+  Gpio::Chip info;
   std::vector<bool> levels;
   bool present = true;
   bool keepsLevels = true;

@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <random>
 
-#include "gpio/simchip.h"
+#include "gpio/simprovider.h"
 
 namespace {
 
@@ -15,7 +15,7 @@ using Gpio::LineValues;
 using Gpio::LineWrite;
 using Kind = LineError::Kind;
 
-// What a call failed with; fails the test where it does not fail.
+// The error of a call; a call that succeeds fails the test.
 template <typename Call>
 LineError errorOf(Call&& call) {
   try {

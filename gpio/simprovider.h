@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "gpio/linechip.h"
+#include "gpio/lineprovider.h"
 
 namespace Gpio {
 
@@ -27,21 +27,21 @@ class SimProvider : public LineProvider {
   explicit SimProvider(std::string consumer = "pinlamp");
   ~SimProvider() override;
 
-  // Adds a chip of `lines` low lines, named ("gpiochip0") in the order of addition, and returns that name. A
-  // label may stand more than once.
+  // Adds a chip of `lines` low lines, named ("gpiochip0") in the order of addition, and returns that name.
+  // Labels need not be unique.
   std::string chipIs(const std::string& label, unsigned lines);
-  // Takes a chip away; requests that hold its lines fail from now on as `gone`. Its name is not used again.
+  // Removes a chip; requests that hold its lines fail as `gone`. Its name is not used again.
   void chipDel(const std::string& name);
-  // A chip that is there but cannot be opened; 0 lets it be opened again.
+  // Makes opening the chip fail with this error; 0: succeed again.
   void openErrorIs(const std::string& name, int errorNumber);
-  // Writes to the chip's lines fail with this error; 0 lets them succeed again.
+  // Makes writes to the chip's lines fail with this error; 0: succeed again.
   void setErrorIs(const std::string& name, int errorNumber);
   // Whether released lines keep their level (the default), or fall back to low.
   void keepsLevelsIs(const std::string& name, bool keeps);
   void lineNameIs(const std::string& chip, unsigned offset, const std::string& name);
-  // Somebody else takes a line, or lets it go where `consumer` is empty.
+  // Has another consumer take a line; an empty one releases it.
   void holderIs(const std::string& chip, unsigned offset, const std::string& consumer);
-  // REQUIRES for all of the above, and below: the chip is there, and has the line.
+  // REQUIRES, for all of the above and level(): the chip exists and has the line.
 
   bool level(const std::string& chip, unsigned offset) const;
   // Everything that was written to the chips, in order.

@@ -17,19 +17,6 @@ constexpr int kRefused = 1;
 constexpr int kUsage = 2;
 constexpr double kLongestWait = 3600;  // seconds
 
-void addCommands(Command& all, Context& context) {
-  addLedCommands(all, context);
-  addPanelCommand(all, context);
-  addMapCommands(all, context);
-  addConfigCommands(all, context);
-  addEntityCommands(all, context);
-  addWatchCommand(all, context);
-  addRecordCommand(all, context);
-  addHostCommands(all, context);
-  addObjectCommands(all, context);
-  addWhyCommand(all, context);
-}
-
 void describe(CLI::App& app, Completions& completions, Context& context) {
   app.name("pinlampctl");
   app.description("Sees and sets the LEDs of an appliance, through pinlampd.");
@@ -43,7 +30,7 @@ void describe(CLI::App& app, Completions& completions, Context& context) {
       .within(0, kLongestWait);
   app.set_version_flag("--version", "pinlampctl " PINLAMP_VERSION);
   app.require_subcommand(1);
-  addCommands(all, context);
+  for (const auto addGroup : kCommandGroups) addGroup(all, context);
 }
 
 // The innermost command that was reached.

@@ -1,6 +1,7 @@
 // The state that all commands share, and the list of commands.
 #pragma once
 
+#include <array>
 #include <iosfwd>
 #include <memory>
 #include <string>
@@ -43,6 +44,11 @@ void addRecordCommand(Command& above, Context& context);
 void addHostCommands(Command& above, Context& context);    // trace, status
 void addObjectCommands(Command& above, Context& context);  // object …
 void addWhyCommand(Command& above, Context& context);
+
+// In the order of the help text.
+inline constexpr std::array kCommandGroups{
+    addLedCommands,  addPanelCommand,  addMapCommands,  addConfigCommands, addEntityCommands,
+    addWatchCommand, addRecordCommand, addHostCommands, addObjectCommands, addWhyCommand};
 
 // Runs one command line, without the program's name; returns the exit status: 0, 1 (refused) or 2 (usage).
 int runCommandLine(std::vector<std::string> arguments, std::ostream& out, std::ostream& err);

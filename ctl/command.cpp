@@ -14,11 +14,6 @@ Argument& Argument::completes(Completes what) {
   return *this;
 }
 
-Argument& Argument::positive() {
-  option_->check(CLI::PositiveNumber);
-  return *this;
-}
-
 Argument& Argument::within(double least, double most) {
   option_->check(CLI::Range(least, most));
   return *this;

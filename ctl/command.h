@@ -49,8 +49,6 @@ class Argument {
 
   Argument& required(bool needed = true);
   Argument& completes(Completes what);
-  // Refuses numbers that are not above 0.
-  Argument& positive();
   // Refuses numbers beyond these.
   Argument& within(double least, double most);
   // Names the value in the help text.

@@ -41,7 +41,6 @@ class ZEL_API GpioLedSystemConfigDir : public Zel::Described<GpioLedSystemConfig
   Zel::Ptr<GpioLedConfig> gpioLedsDel(Zel::Name name) {
     return childDel<&GpioLedSystemConfigDir::gpioLeds_>(name);
   }
-  void gpioLedsDelAll() { childDelAll<&GpioLedSystemConfigDir::gpioLeds_>(); }
 
  protected:
   ~GpioLedSystemConfigDir() override;

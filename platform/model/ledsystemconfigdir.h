@@ -36,14 +36,13 @@ class ZEL_API LedSystemConfigDir : public Zel::Described<LedSystemConfigDir, Zel
 
   explicit LedSystemConfigDir(Zel::Name name) : Described(name) {}
 
-  // The LEDs. Create-or-get by name; an LED made elsewhere takes the place of one of its name; `Del` returns
-  // the LED that left, null where the name is unknown.
+  // The LEDs. Create-or-get by name; an LED made elsewhere replaces one of its name; `Del` returns the LED
+  // that was removed, null where there was none.
   const Zel::PtrMap<LedConfig>& leds() const { return leds_; }
   Zel::Ptr<LedConfig> leds(Zel::Name name) const { return leds_.find(name); }
   Zel::Ptr<LedConfig> ledsIs(Zel::Name name) { return childIs<&LedSystemConfigDir::leds_>(name); }
   void ledsIs(const Zel::Ptr<LedConfig>& led) { childIs<&LedSystemConfigDir::leds_>(led); }
   Zel::Ptr<LedConfig> ledsDel(Zel::Name name) { return childDel<&LedSystemConfigDir::leds_>(name); }
-  void ledsDelAll() { childDelAll<&LedSystemConfigDir::leds_>(); }
 
   // The names of the palette and of the themes that policy agents know.
   Zel::Name palette() const { return palette_; }

@@ -88,10 +88,10 @@ TEST_F(Notification, TheImmediateHookAnnouncesTheWholeAndNoKey) {
   dir->gpioLedsIs(
       {Zel::allocate<Hardware::Gpio::GpioLedConfig>("b"), Zel::allocate<Hardware::Gpio::GpioLedConfig>("c")});
   EXPECT_EQ(std::exchange(lines, {}), Lines{"immediate 2"});
-  dir->gpioLedsDelAll();
+  dir->gpioLedsIs(std::vector<Ptr<Hardware::Gpio::GpioLedConfig>>());
   EXPECT_EQ(std::exchange(lines, {}), Lines{"immediate 0"});
   EXPECT_EQ(step(), Lines{"whole"});
-  dir->gpioLedsDelAll();
+  dir->gpioLedsIs(std::vector<Ptr<Hardware::Gpio::GpioLedConfig>>());
   EXPECT_EQ(lines, Lines{}) << "what is empty already does not change";
 }
 

@@ -183,10 +183,6 @@ class Described : public Typed<T, Base> {
     for (const auto& child : children) adopt(members, child);
     announce<Member>();
   }
-  template <auto Member>
-  void childDelAll() {
-    childrenAre<Member>(std::vector<decltype((static_cast<T&>(*this).*Member).find(Name()))>{});
-  }
   // For the destructor of a class with children: those that something still holds live on without a parent.
   template <auto Member>
   void orphanChildren() {

@@ -36,7 +36,6 @@ class ZEL_API Dir : public Described<Dir, Entity> {
   void entryIs(const Ptr<Entity>& entity) { childIs<&Dir::entries_>(entity); }
   // Returns the entry that left; null where there was none.
   Ptr<Entity> entryDel(Name name) { return childDel<&Dir::entries_>(name); }
-  void entryDelAll() { childDelAll<&Dir::entries_>(); }
 
  protected:
   ~Dir() override;

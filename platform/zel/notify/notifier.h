@@ -182,8 +182,6 @@ class ZEL_API NotifieeBase : public PtrInterface,
 // An object that reactors can be registered on.
 class ZEL_API Notifier : public PtrInterface {
  public:
-  bool hasNotifiees() const { return notifiees_.linked(); }
-
   // Whether the object has left the collection that owned it. Its reactors are not notified from then on.
   bool zelIsGone() const { return flag(kGone); }
   void zelGoneIs(bool gone) { flagIs(kGone, gone); }

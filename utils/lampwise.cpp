@@ -50,7 +50,7 @@ Zel::String portSubString(Zel::Name name) {
   return Zel::String(name.view().substr(0, name.view().rfind('/')));
 }
 
-// The rest of the line is not left to the expression: std::regex recurses for every character of it.
+// The rest of the line is cut by hand: std::regex recurses once per character of a "(.*)".
 Zel::String shortenLinkMode(Zel::String linkMode) {
   const std::regex prefix("linkMode(?:Forced)?");
   const std::string_view text = linkMode.view();

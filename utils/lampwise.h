@@ -1,7 +1,7 @@
 // Utilities for LED agents: what kind of device a LED belongs to, and texts of ports, link modes and colours.
 //
-// They keep no state and touch no entity. Nothing here reports an error: a name or text that fits no rule
-// gives 0, false or the empty text.
+// Stateless, and no entity is touched. No errors: a name or string that fits no rule gives 0, false or the
+// empty string.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 
 namespace Lampwise {
 
-// The class of device that a LED's name stands for, as one bit, by how the name starts (case matters):
+// The class of device that an LED's name stands for, as one bit, by the start of the name (case matters):
 //
 //     Ethernet 0x0001   Fan        0x0002   PowerSupply   0x0004   Status          0x0008
 //     Linecard 0x0040   Fabric     0x0040   MultiFan      0x0020   MultiLineCard   0x0080
@@ -27,14 +27,14 @@ ZEL_API std::uint16_t ledToDevice(Zel::Name name);
 // returned as it is.
 ZEL_API Zel::String portSubString(Zel::Name name);
 
-// What follows the first "linkMode" or "linkModeForced" of the text, up to the end of the line:
-// "linkModeForced100gfull" gives "100gfull". Empty where the text holds neither.
+// The rest of the line after the first "linkMode" or "linkModeForced":
+// "linkModeForced100gfull" gives "100gfull". Empty where there is neither.
 ZEL_API Zel::String shortenLinkMode(Zel::String linkMode);
 
 // The value rounded to that many decimal places, halves away from zero; a negative count rounds to tens,
-// hundreds and so on. Infinities and values that are not numbers stay what they are, for counts from -323 to
-// 308: beyond those the power of ten is zero or infinite, and the result is not a number. A value that is too
-// large for its count becomes infinite.
+// hundreds and so on. Infinities and NaN stay as they are for counts from -323 to 308: beyond those the
+// power of ten is zero or infinite, and the result is NaN. A value that is too large for its count becomes
+// infinite.
 ZEL_API double roundVal(double value, int places);
 
 // Whether the text is exactly that of one of the eight colours.

@@ -6,7 +6,7 @@
 
 namespace Hardware::Gpio {
 
-// The directory of the LEDs that are driven; made by itself, outside any mounted directory.
+// The directory of the LEDs that are driven. Its agent creates it; it is not mounted.
 class ZEL_API CorvelGpioLedSystemConfigDir
     : public Zel::Described<CorvelGpioLedSystemConfigDir, Zel::Entity> {
  public:

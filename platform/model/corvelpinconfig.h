@@ -7,7 +7,7 @@
 
 namespace Hardware::Gpio {
 
-// One pin, to be driven from: 1 lit, 0 dark.
+// One pin's value: 1 lit, 0 dark. The line agent drives the pin's line from it.
 class ZEL_API CorvelPinConfig : public Zel::Described<CorvelPinConfig, Zel::Entity> {
  public:
   class NotifieeConst : public Zel::NotifieeOf<CorvelPinConfig> {

@@ -5,7 +5,8 @@
 
 namespace Hardware::Gpio {
 
-// The pins of one LED, as the appliance is wired. Only the keys of the four sets matter; a set may be empty.
+// The pins of one LED, as the appliance is wired. Only the names in the sets count, not the values beside
+// them; a set may be empty.
 class ZEL_API GpioLedConfig : public Zel::Described<GpioLedConfig, Zel::Entity> {
  public:
   class NotifieeConst : public Zel::NotifieeOf<GpioLedConfig> {
@@ -69,7 +70,7 @@ class ZEL_API GpioLedConfig : public Zel::Described<GpioLedConfig, Zel::Entity> 
   void gpioOrangeNameIs(const Zel::NameSet& pins) { namesAre<&GpioLedConfig::gpioOrangeName_>(pins); }
   bool gpioOrangeNameDel(Zel::Name pin) { return nameDel<&GpioLedConfig::gpioOrangeName_>(pin); }
 
-  // Whether the mapping is complete; nothing is made of it before.
+  // Whether the mapping is complete; agents wait until it is.
   bool ready() const { return ready_; }
   void readyIs(bool ready) { set<&GpioLedConfig::ready_>(ready); }
 

@@ -13,7 +13,7 @@ struct LineRef {
   bool operator==(const LineRef&) const = default;
 };
 
-// What becomes of a line when the agent that drives it ends in order.
+// What the line agent does to a line when it stops normally.
 enum class OnExit : std::uint8_t { keep, off };
 
 }  // namespace Hardware::Gpio
@@ -22,7 +22,7 @@ template <>
 struct ZEL_API Zel::ValueTraits<Hardware::Gpio::LineRef> {
   static std::string typeName() { return "line"; }
   static Value toValue(const Hardware::Gpio::LineRef& line) { return line.text.stdString(); }
-  static Hardware::Gpio::LineRef fromValue(const Value& value);  // a text, or an offset as a number
+  static Hardware::Gpio::LineRef fromValue(const Value& value);  // a string, or an offset as a number
 };
 
 template <>
@@ -34,7 +34,7 @@ struct ZEL_API Zel::ValueTraits<Hardware::Gpio::OnExit> {
 
 namespace Hardware::Gpio {
 
-// Which line a pin is, as the board is wired. Named as the pin.
+// The GPIO line of one pin, as the board is wired. Has the name of the pin.
 class ZEL_API GpioLineInit : public Zel::Described<GpioLineInit, Zel::Entity> {
  public:
   class NotifieeConst : public Zel::NotifieeOf<GpioLineInit> {
@@ -57,7 +57,7 @@ class ZEL_API GpioLineInit : public Zel::Described<GpioLineInit, Zel::Entity> {
 
   explicit GpioLineInit(Zel::Name name) : Described(name) {}
 
-  // The chip's label, or the kernel's name for it; empty where the line's name says enough.
+  // The chip's label, or the kernel's name for it. Empty: any chip that has a line of that name.
   const Zel::String& chip() const { return chip_; }
   void chipIs(const Zel::String& chip) { set<&GpioLineInit::chip_>(chip); }
   const LineRef& line() const { return line_; }

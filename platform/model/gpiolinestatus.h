@@ -5,7 +5,7 @@
 
 namespace Hardware::Gpio {
 
-// How the line of a pin fares. Named as the pin; written by the agent that drives the lines.
+// Whether the line of one pin is driven. Has the name of the pin; written by the line agent.
 class ZEL_API GpioLineStatus : public Zel::Described<GpioLineStatus, Zel::Entity> {
  public:
   class NotifieeConst : public Zel::NotifieeOf<GpioLineStatus> {
@@ -32,7 +32,7 @@ class ZEL_API GpioLineStatus : public Zel::Described<GpioLineStatus, Zel::Entity
   // Where the line was found: "line 3 'LED_G' of gpiochip0 'front'".
   const Zel::String& place() const { return place_; }
   void placeIs(const Zel::String& place) { set<&GpioLineStatus::place_>(place); }
-  // What is in the way, or was last; empty where nothing ever was.
+  // Why the line is not driven, or why it was not the last time; empty if it always was.
   const Zel::String& error() const { return error_; }
   void errorIs(const Zel::String& error) { set<&GpioLineStatus::error_>(error); }
 

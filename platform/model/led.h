@@ -18,7 +18,7 @@ struct ZEL_API LightSetting {
   bool yellow = false;
   std::uint32_t brightness = 100;  // per cent, for LEDs that can be dimmed
   double flashInterval = 0.0;      // seconds between two toggles of a flashing LED; 0.0: steady
-  std::uint32_t priority = 0;      // of whoever asked for the setting; carried along for sibling agents
+  std::uint32_t priority = 0;      // of the request behind the setting; for policy agents
 
   static constexpr const char* kTypeName = "Led::LightSetting";
   static constexpr auto fields() {
@@ -31,7 +31,7 @@ struct ZEL_API LightSetting {
                       Zel::field<&LightSetting::priority>("priority")};
   }
 
-  // Two intervals that are not numbers count as equal, so that storing one again is no change.
+  // Two NaN intervals are equal, so that storing one again is no change.
   friend ZEL_API bool operator==(const LightSetting& a, const LightSetting& b);
 
  private:
@@ -39,13 +39,13 @@ struct ZEL_API LightSetting {
   static const char* refuseInterval(const Zel::Value& value);
 };
 
-// As `{green red, flash 0.5 s}`, `{off}`; what has its default is left out.
+// As `{green red, flash 0.5 s}`, `{off}`; fields that have their defaults are left out.
 ZEL_API std::ostream& operator<<(std::ostream& out, const LightSetting& setting);
 
 enum class Color : std::uint8_t { off, green, red, yellow, orange, blue, white, purple };
 inline constexpr unsigned kColourCount = 8;
 
-// The enumerator's name; the number of a value outside the eight.
+// The enumerator's name, or the number of a value that has none.
 ZEL_API std::ostream& operator<<(std::ostream& out, const Color& color);
 
 }  // namespace Led

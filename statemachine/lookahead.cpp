@@ -12,8 +12,9 @@ using Config = Hardware::Gpio::CorvelGpioLedConfig;
 using Pin = Hardware::Gpio::CorvelPinConfig;
 
 void prefetchCollections(const Config& pins) {
-  Zel::prefetch(&(pins.*kColours.front().pins)());
-  Zel::prefetch(&(pins.*kColours.back().pins)());  // the others lie between
+  constexpr auto first = kColours.front().pins, last = kColours.back().pins;  // the others lie between
+  Zel::prefetch(&(pins.*first)());
+  Zel::prefetch(&(pins.*last)());
 }
 
 template <class Function>

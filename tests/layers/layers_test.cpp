@@ -27,7 +27,7 @@ const std::map<std::string, std::vector<std::string>> kBelow{
     {"platform/model/paths.h", {}},  // names alone, for clients that know no entity
     {"platform/model", {"platform/zel/entity", "platform/model/paths.h"}},
     {"platform", {"platform/zel", "platform/warden", "platform/model", "platform/cell"}},
-    {"common", {"platform/zel/notify"}},
+    {"common", {"platform/zel/core"}},
     {"statemachine", {"common", "platform/model"}},
     {"reactor", {"statemachine"}},
     {"agent", {"reactor", "platform/warden"}},

@@ -93,7 +93,7 @@ LineError busyLines(const std::vector<Line>& wanted, const std::vector<LineInfo>
     if (line.place.offset >= known.size() || !known[line.place.offset].used) continue;
     const std::string& consumer = known[line.place.offset].consumer;
     texts.push_back(describe(line.place) + " is busy: held by " +
-                    (consumer.empty() ? "somebody without a name" : quoted(consumer)));
+                    (consumer.empty() ? "a consumer without a name" : quoted(consumer)));
     faults.push_back({line.place, texts.back()});
   }
   if (texts.empty())

@@ -28,7 +28,7 @@ const std::map<std::string, std::vector<std::string>> kBelow{
     {"platform/model/colours.h", {}},
     {"platform/model", {"platform/zel/entity", "platform/model/paths.h", "platform/model/colours.h"}},
     {"platform", {"platform/zel", "platform/warden", "platform/model", "platform/cell"}},
-    {"common", {"platform/zel/notify"}},
+    {"common", {"platform/zel/core"}},
     {"statemachine", {"common", "platform/model"}},
     {"reactor", {"statemachine"}},
     {"agent", {"reactor", "platform/warden"}},

@@ -37,10 +37,7 @@ struct Nested : Zel::NestedReactor<Nested, LedConfig::NotifieeConst, Host> {
     NestedReactor::notifierIs(led);
     reach("pointed", owner());
   }
-  void hasNotificationActiveIs(bool active) override {
-    NestedReactor::hasNotificationActiveIs(active);
-    lines.push_back(text() + (active ? " on" : " off"));
-  }
+  void hasNotificationActiveIs(bool active) override;
   void zelDoZombieReactors(bool zombie) override {
     if (zelIsZombie() == zombie) return;
     lines.push_back(text() + (zombie ? " retired" : " revived") + (owner() ? "" : " without owner"));
@@ -78,6 +75,11 @@ class Host : public Support::Plain<Host, Zel::Entity> {
 };
 
 void Nested::onLightSetting() { notifyOwner(&Host::changed, text()); }
+void Nested::hasNotificationActiveIs(bool active) {
+  NestedReactor::hasNotificationActiveIs(active);
+  const bool early = owner() && owner()->hasNotificationActive() != active;
+  lines.push_back(text() + (active ? " on" : " off") + (early ? " before its owner" : ""));
+}
 
 static_assert(sizeof(Zel::Slot<Nested>) == sizeof(Ptr<Nested>));
 static_assert(sizeof(Zel::SlotMap<Nested>) == sizeof(Zel::PtrMap<Nested>));

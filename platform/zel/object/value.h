@@ -1,4 +1,4 @@
-// The neutral value: carries an attribute's value between an object, a store and a socket.
+// The neutral value: what an attribute's value is on its way between an object, a store and a socket.
 #pragma once
 
 #include <cstdint>
@@ -58,7 +58,7 @@ class ZEL_API Value {
   // Adds a field, or replaces the one of that name. A value that is not made of fields becomes one that is.
   void fieldIs(std::string_view name, Value value);
 
-  // The kind, for messages: "null", "true or false", "a whole number", "a number", "a text",
+  // What kind it is, as a person says it: "null", "true or false", "a whole number", "a number", "a text",
   // "a list", "fields", "an object".
   const char* kindText() const;
 

@@ -47,7 +47,7 @@ Value ValueTraits<NameSet>::toValue(const NameSet& names) {
 
 namespace {
 
-// Calls `take` with each name of a set and its value.
+// Calls `take` with each name of a set and what stands beside it.
 template <class Take>
 void forEachName(const Value& value, Take take) {
   const auto add = [&](const std::string& text, bool beside) {

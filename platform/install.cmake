@@ -10,6 +10,7 @@ install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}
   PATTERN "external.h" EXCLUDE
   PATTERN "lastseen.h" EXCLUDE
   PATTERN "lookahead.h" EXCLUDE
+  PATTERN "memorystore.h" EXCLUDE
   PATTERN "mounts.h" EXCLUDE
   PATTERN "mounttable.h" EXCLUDE
   PATTERN "printable.h" EXCLUDE
@@ -19,7 +20,8 @@ install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}
   PATTERN "rowapplier.h" EXCLUDE
   PATTERN "schema.h" EXCLUDE
   PATTERN "store.h" EXCLUDE
-  PATTERN "subscriptions.h" EXCLUDE)
+  PATTERN "subscriptions.h" EXCLUDE
+  PATTERN "table.h" EXCLUDE)
 install(EXPORT pinlamp-targets NAMESPACE Pinlamp:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/pinlamp
   COMPONENT development)
 

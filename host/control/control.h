@@ -1,12 +1,14 @@
 // The control socket's server.
 //
 // Requests that arrive in one round of the loop are carried out as they come; the host then calls commit(),
-// which makes what they wrote durable in one step and lets the answers go.
+// which flushes what they wrote in one step; answers go when their flush is complete.
 #pragma once
 
+#include <deque>
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "host/control/listener.h"
@@ -24,8 +26,8 @@ class Control final : private Connection::Owner {
   Control(const Control&) = delete;
   Control& operator=(const Control&) = delete;
 
-  // Makes everything that was written durable, whoever wrote it. Where the store can't, the requests that
-  // wrote are answered with its error.
+  // Flushes the store, and answers the requests whose flush has completed. Where the store fails, the
+  // requests that wrote are answered with its error.
   void commit();
   // Hands what waits for the clients to the system, as far as it takes it.
   void send();
@@ -38,17 +40,19 @@ class Control final : private Connection::Owner {
     Caller caller;
     std::size_t taken = 0;  // bytes of requests in this round
   };
-  // An answer that waits for the next commit.
+  // An answer that waits for the next commit, and then for its flush to complete.
   struct Answer {
     std::shared_ptr<Connection> connection;
     Zel::Value id;
     bool wrote;
     std::string text;  // empty where the client wants none
+    Statedb::Ticket ticket{};
   };
   // Bytes of requests that one client may have carried out in a round: what they cause reaches the others
   // before more.
   static constexpr std::size_t kTakenLimit = 256 << 10;
-  // Bytes of answers that may wait for the end of the round.
+  // Bytes of answers that may wait for the end of the round, and of those that may wait for the store: beyond
+  // that, the clients whose answers wait are not read.
   static constexpr std::size_t kWaitingLimit = 1 << 20;
 
   void accept(uv_stream_t* listener);
@@ -59,7 +63,12 @@ class Control final : private Connection::Owner {
   // The answer's text. Commits first where the method needs to see what is durable.
   std::string carryOut(Peer& peer, const Request& request, bool& wrote);
   void answer(Answer answer);
-  void release(const RpcError* failure);
+  void sendOrHold(Answer&& answer);
+  void release();
+  static void send(const Answer& answer);
+  bool isHeldBack(const Connection& connection) const {
+    return heldBytes_ > kWaitingLimit && held_.contains(&connection);
+  }
 
   Served& served_;
   const Methods methods_;
@@ -67,6 +76,10 @@ class Control final : private Connection::Owner {
   std::vector<const Connection*> closed_;  // their peers end with the round
   std::vector<Answer> answers_;
   std::size_t waiting_ = 0;  // bytes of `answers_`
+  std::deque<Answer>
+      committed_;  // that wait for their tickets, or for an answer of their connection that does
+  std::unordered_map<const Connection*, std::size_t> held_;  // how many of them each connection has
+  std::size_t heldBytes_ = 0;                                // of `committed_`
 };
 
 }  // namespace Host

@@ -37,11 +37,11 @@ Statedb::Durability durabilityField(const Zel::Value& parameters) {
 
 Methods::Methods(Served& served)
     : served_(served),
-      memory_(dynamic_cast<const Statedb::MemoryStore*>(&served.store)),
+      table_(served.store.table()),
       // Where the rows are kept elsewhere, so are the checks.
       typeAt_([this](std::string_view path) {
-        const auto known = memory_ ? Statedb::Path::existing(path) : std::nullopt;
-        return known ? memory_->typeAt(*known) : Zel::Name();
+        const auto known = table_ ? Statedb::Path::existing(path) : std::nullopt;
+        return known ? table_->typeAt(*known) : Zel::Name();
       }) {}
 
 std::span<const Methods::Method> Methods::table() {
@@ -92,13 +92,13 @@ std::string Methods::hello(const Zel::Value&, Caller&) const {
 
 // Everything under a path, which need not ever have been one.
 std::string Methods::entitiesAt(const std::string& text) const {
-  expectMemory("read");
+  expectTable("read");
   const auto path = Statedb::Path::existing(text);
-  return path ? entitiesText(served_.store.read(*path)) : "[]";
+  return path ? entitiesText(table_->read(*path)) : "[]";
 }
 
-void Methods::expectMemory(const char* method) const {
-  if (!memory_)
+void Methods::expectTable(const char* method) const {
+  if (!table_)
     throw Statedb::StoreError(std::string(method) + ": the state is kept at " + served_.store.url() +
                               "; ask there");
 }
@@ -111,16 +111,18 @@ std::string Methods::write(const Zel::Value& parameters, Caller& caller) const {
   const Zel::Value::List& changes = listField(parameters, "changes");
   const auto durability = durabilityField(parameters);
   const bool isVolatile = durability == Statedb::Durability::volatile_;
-  if (!isVolatile) expectMemory("write");
+  if (!isVolatile) expectTable("write");
   const auto batch = readBatch(changes, {.typeAt = typeAt_,
                                          .mounts = served_.manager.mounts(),
                                          .announcements = served_.announcements,
                                          .writer = caller.process,
                                          .lenient = isVolatile});
   if (!batch.errors.empty()) throw refusedFor(batch.errors);
-  // What is mounted is no volatile value, whoever was the first to write under it.
-  if (isVolatile && !batch.mounts.empty())
+  // A mount is stored, even if the first write under it is volatile.
+  if (isVolatile && !batch.mounts.empty()) {
+    expectTable("write");
     served_.store.write(batch.mounts, Statedb::Durability::stored, caller.watches.origin());
+  }
   served_.store.write(batch.changes, durability, caller.watches.origin());
   return "{\"written\":" + std::to_string(changes.size()) + '}';
 }
@@ -145,8 +147,8 @@ std::string Methods::unwatch(const Zel::Value& parameters, Caller& caller) const
 }
 
 std::string Methods::announce(const Zel::Value& parameters, Caller& caller) const {
-  expectMemory("announce");
-  Announcement announcement = Announcement::from(parameters);
+  expectTable("announce");
+  Announcement announcement = announcementFrom(parameters);
   if (caller.pid != 0) announcement.pid = caller.pid;  // so that whoever keeps others from writing is found
   try {
     caller.process.announce(std::move(announcement));
@@ -225,10 +227,10 @@ constexpr Counted kCounted[] = {
     {"pins", "Hardware::Gpio::CorvelPinConfig", true},
 };
 
-std::size_t countOf(const Counted& counted, const Statedb::MemoryStore* memory) {
+std::size_t countOf(const Counted& counted, const Statedb::Table* table) {
   const auto type = Zel::Name::existing(counted.type);
   if (!type) return 0;
-  return counted.entities && memory ? memory->entities(*type) : objectsOf(*type);
+  return counted.entities && table ? table->entities(*type) : objectsOf(*type);
 }
 
 Json activityJson() {
@@ -243,17 +245,19 @@ Json activityJson() {
 Json servedJson(const Served& served, std::size_t entities) {
   Json processes = Json::array();
   for (const auto* process : served.announcements.processes())
-    if (process != &served.self) processes.push_back(process->announcement().json());
+    if (process != &served.self) processes.push_back(announcementJson(process->announcement()));
   Json mounts = Json::array();
   for (const auto& mount : served.manager.mounts()) mounts.push_back(mountJson(mount));
+  const Statedb::StoreState state = served.store.state();
   return {{"store", served.store.url()},
-          {"agents", served.self.announcement().json()["agents"]},
+          {"agents", announcementJson(served.self.announcement())["agents"]},
           {"processes", std::move(processes)},
           {"mounts", std::move(mounts)},
           {"entities", entities},
           {"published", served.manager.published()},
           {"refusals", served.manager.refusals()},
           {"lastRefusal", served.lastRefusal},
+          {"storeState", {{"reached", state.isReached}, {"reason", state.reason}}},
           {"clients", served.clients},
           {"uptime", Zel::System::currentTime() - served.started}};
 }
@@ -303,9 +307,9 @@ std::string Methods::status(const Zel::Value&, Caller&) const {
                  {"pid", ::getpid()},
                  {"names", Zel::Name::count()},
                  {"types", allocationsJson()}};
-  for (const Counted& counted : kCounted) status[counted.name] = countOf(counted, memory_);
+  for (const Counted& counted : kCounted) status[counted.name] = countOf(counted, table_);
   status.update(activityJson());
-  status.update(servedJson(served_, memory_ ? memory_->entities() : 0));
+  status.update(servedJson(served_, table_ ? table_->entities() : 0));
   return jsonText(status);
 }
 

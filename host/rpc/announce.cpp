@@ -13,6 +13,10 @@ using Zel::ValueError;
 
 namespace {
 
+constexpr std::size_t kMostAgents = 64;
+constexpr std::size_t kMostPaths = 64;
+constexpr std::size_t kLongestFile = 4096;  // bytes of a library's or a socket's path
+
 const Value::List& boundedList(const Value& value, const char* name, std::size_t limit) {
   const Value::List& list = listField(value, name);
   if (list.size() > limit)
@@ -42,7 +46,7 @@ std::string textOf(const Announcement& announcement) {
 
 }  // namespace
 
-Announcement Announcement::from(const Value& parameters) {
+Announcement announcementFrom(const Value& parameters) {
   Announcement read{.pid = pidField(parameters),
                     .socket = boundedText(parameters, "socket", kLongestFile, Needed::yes)};
   for (const Value& agent : boundedList(parameters, "agents", kMostAgents)) {
@@ -55,10 +59,14 @@ Announcement Announcement::from(const Value& parameters) {
   return read;
 }
 
-Json Announcement::json() const {
-  Json listed = Json::array();
-  for (const Agent& agent : agents) listed.push_back({{"name", agent.name}, {"library", agent.library}});
-  return {{"pid", pid}, {"socket", socket}, {"agents", std::move(listed)}, {"publishes", publishes}};
+Json announcementJson(const Announcement& announcement) {
+  Json agents = Json::array();
+  for (const auto& agent : announcement.agents)
+    agents.push_back({{"name", agent.name}, {"library", agent.library}});
+  return {{"pid", announcement.pid},
+          {"socket", announcement.socket},
+          {"agents", std::move(agents)},
+          {"publishes", announcement.publishes}};
 }
 
 void Announcements::Process::announce(Announcement announcement) {

@@ -6,6 +6,7 @@
 #include "host/rpc/changes.h"
 #include "host/rpc/rpc.h"
 #include "platform/statedb/store/schema.h"
+#include "platform/zel/core/assert.h"
 #include "platform/zel/object/value.h"
 
 namespace Host {
@@ -76,8 +77,7 @@ void UnixStore::connect() {
 void UnixStore::onConnected(UvHandle<uv_pipe_t> pipe, int status) {
   connecting_ = nullptr;
   if (status < 0) {
-    if (!std::exchange(lost_, true))
-      report_("state database " + url() + ": " + uv_strerror(status) + "; trying until a host listens there");
+    notReached(std::string(uv_strerror(status)) + "; trying until a host listens there");
     return retryLater();
   }
   connection_ = std::make_shared<Connection>(std::move(pipe), *this, kLongestLine);
@@ -86,7 +86,7 @@ void UnixStore::onConnected(UvHandle<uv_pipe_t> pipe, int status) {
 }
 
 void UnixStore::announce(const Announcement& announcement) {
-  announcement_ = jsonText(announcement.json());
+  announcement_ = jsonText(announcementJson(announcement));
   sendAnnouncement();
 }
 
@@ -97,9 +97,14 @@ void UnixStore::sendAnnouncement() {
 void UnixStore::onAnnounced(const Zel::Value& reply) {
   const Zel::Value* error = reply.field("error");
   if (!error) return onReached();
-  if (!std::exchange(lost_, true))
-    report_("state database " + url() + ": " + textField(*error, "message") + "; trying until it is free");
+  notReached(textField(*error, "message") + "; trying until it is free");
   connection_->close();
+}
+
+// Logs the first reason of an outage.
+void UnixStore::notReached(const std::string& why) {
+  why_ = why;
+  if (!std::exchange(lost_, true)) report_("state database " + url() + ": " + why);
 }
 
 void UnixStore::onReached() {
@@ -129,8 +134,7 @@ void UnixStore::onClosed(Connection& connection) {
   if (connection_.get() != &connection) return;
   const auto gone = std::exchange(connection_, nullptr);
   reached_ = false;
-  if (!std::exchange(lost_, true))
-    report_("state database " + url() + ": connection lost; the lights stay as they are");
+  notReached("connection lost; the lights stay as they are");
   replies_.clear();
   parts_.clear();
   for (const auto& subscription : subscriptions_) subscription->watch = -1;
@@ -200,20 +204,16 @@ UnixStore::Subscription* UnixStore::find(std::int64_t watch) {
 }
 
 void UnixStore::write(const Changes& changes, Statedb::Durability durability, Subscriber* origin) {
-  if (durability == Statedb::Durability::stored)
-    throw Statedb::StoreError("the state database is kept by the host at '" + socket_ + "'; write there");
+  ZEL_REQUIRE(durability == Statedb::Durability::volatile_,
+              "a stored batch of " << changes.size() << " changes for " << url());
   own_.write(changes);
   toTell_.emplace_back(changes, origin);
 }
 
-Statedb::Records UnixStore::read(Path) const {
-  throw Statedb::StoreError("the state database is kept by the host at '" + socket_ + "'; read it there");
-}
-
-void UnixStore::flush() {
+Statedb::Ticket UnixStore::flush() {
   for (const auto& [changes, origin] : std::exchange(toTell_, {})) tellOthers(changes, origin);
   if (const auto connection = connection_) connection->flush();  // closes it where the other side has ended
-  if (!reached_ || !own_.canSend()) return;
+  if (!reached_ || !own_.canSend()) return {};
   const Changes changes = own_.send();
   for (std::size_t from = 0; from < changes.size(); from += kChangesPerRequest) {
     const auto first = changes.begin() + static_cast<std::ptrdiff_t>(from);
@@ -221,6 +221,7 @@ void UnixStore::flush() {
     parts_.emplace_back(first, first + static_cast<std::ptrdiff_t>(count));
   }
   sendParts();
+  return {};
 }
 
 // One at a time, for a part that is refused is sent again in smaller ones before the next.

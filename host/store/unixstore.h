@@ -28,21 +28,16 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
   UnixStore(Loop& loop, std::string socket, std::function<void(const std::string& text)> report);
   ~UnixStore() override;
 
-  // Says to the other side which process this is and what it fills: now, and after every connect. Where the
-  // other side refuses that, for another process fills the same, it counts as not reached: this process waits
-  // until that one has gone, and takes over.
-  void announce(const Announcement& announcement);
-
   std::string url() const override { return "unix:" + socket_; }
+  Statedb::StoreState state() const override { return {reached_, reached_ ? "" : why_}; }
   void subscribe(Statedb::Path path, Statedb::Subscriber& subscriber) override;
   void unsubscribe(Statedb::Subscriber& subscriber) override;
-  // What is written here is volatile for the other side: it belongs to whoever keeps publishing it. The
-  // durability is the other side's to grant, so `stored` is refused.
   void write(const Statedb::Changes& changes, Statedb::Durability durability,
              Statedb::Subscriber* origin) override;
-  void flush() override;
-  // Keeps no rows on this side: throws StoreError.
-  Statedb::Records read(Statedb::Path path) const override;
+  Statedb::Ticket flush() override;
+  // If the other side refuses it because another process publishes the same, that side counts as not reached:
+  // this process waits until the other one has gone, and takes over.
+  void announce(const Statedb::Announcement& announcement) override;
 
  private:
   struct Subscription {
@@ -59,6 +54,7 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
   void onAnnounced(const Zel::Value& reply);
   void onReached();
   void retryLater();
+  void notReached(const std::string& why);
   void retry();
   // `parameters` are a JSON text.
   void request(const char* method, std::string_view parameters, OnReply onReply);
@@ -90,11 +86,12 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
   std::shared_ptr<Connecting> connecting_;
   std::map<std::int64_t, OnReply> replies_;
   std::int64_t nextId_ = 0;
-  std::uint64_t retryAfter_;  // milliseconds
-  bool lost_ = false;         // and reported so
-  bool reached_ = false;      // connected, and the announcement was taken
-  std::string announcement_;  // a JSON text; empty: there is none
-  bool postponed_ = false;    // the other side can't store anything now; reported as well
+  std::uint64_t retryAfter_;             // milliseconds
+  bool lost_ = false;                    // and reported so
+  std::string why_ = "not reached yet";  // why it is not reached
+  bool reached_ = false;                 // connected, and the announcement was taken
+  std::string announcement_;             // a JSON text; empty: there is none
+  bool postponed_ = false;               // the other side can't store anything now; reported as well
 };
 
 }  // namespace Host

@@ -7,6 +7,7 @@
 #include <functional>
 #include <random>
 
+#include "platform/statedb/store/memorystore.h"
 #include "tests/platform/storemodel.h"
 
 namespace {

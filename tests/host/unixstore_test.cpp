@@ -8,6 +8,7 @@
 
 #include "folder.h"
 #include "host/control/control.h"
+#include "platform/statedb/store/memorystore.h"
 #include "platform/zel/notify/activity.h"
 #include "tests/platform/storemodel.h"
 

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "platform/statedb/store/store.h"
+#include "platform/statedb/store/memorystore.h"
 #include "storemodel.h"
 #include "tests/support.h"
 

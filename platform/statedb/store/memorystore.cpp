@@ -1,19 +1,14 @@
+#include "platform/statedb/store/memorystore.h"
+
 #include <algorithm>
 #include <optional>
 #include <span>
 #include <utility>
 
 #include "platform/statedb/store/entrytable.h"
-#include "platform/statedb/store/store.h"
+#include "platform/zel/core/assert.h"
 
 namespace Statedb {
-
-StoreError::~StoreError() = default;
-RefusedError::~RefusedError() = default;
-Subscriber::~Subscriber() = default;
-Store::~Store() = default;
-
-void Subscriber::onRevealed(const Changes& changes) { onChanges(changes); }
 
 namespace {
 
@@ -303,8 +298,8 @@ void MemoryStore::write(const Changes& changes, Durability durability, Subscribe
   }
 }
 
-void MemoryStore::flush() {
-  if (!state_->entries.anyChange() && state_->told.empty()) return;
+Ticket MemoryStore::flush() {
+  if (!state_->entries.anyChange() && state_->told.empty()) return {};
   try {
     commit();
   } catch (...) {
@@ -319,6 +314,7 @@ void MemoryStore::flush() {
     for (const Subscription& each : subscriptions)
       if (state_->isSubscribed(*each.subscriber)) tell(told, each, state_->entries);
   }
+  return {};
 }
 
 Records MemoryStore::read(Path path) const {
@@ -339,6 +335,7 @@ std::size_t MemoryStore::entities(Zel::Name type) const { return state_->entries
 void MemoryStore::restore(Row row) {
   Entry* entry = state_->entries.find(row.path);
   if (!entry) entry = &state_->entries.insert(row.path, row.type, Durability::stored);
+  ZEL_REQUIRE(!findIn(entry->attributes, row.attribute), row.path << ' ' << row.attribute);
   if (!row.attribute.empty()) entry->attributes.emplace_back(row.attribute, std::move(row.value));
 }
 

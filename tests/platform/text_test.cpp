@@ -102,7 +102,7 @@ TEST(LightSetting, ReadsItsFieldsAndSaysWhatIsWrong) {
       {Zel::Value::Fields{{"flashInterval", std::nan("")}}, "wanted seconds, finite and not negative"},
       {Zel::Value::Fields{{"flashInterval", INFINITY}}, "wanted seconds, finite and not negative"},
       {Zel::Value::Fields{{"brightness", 101}}, "wanted a whole number from 0 to 100"},
-      {"green", "found a text (\"green\"), wanted fields"},
+      {"green", "found a string (\"green\"), wanted an object"},
   };
   for (const auto& [value, says] : wrong) {
     const auto text = Support::errorOf<Zel::ValueError>([&] { return Traits::fromValue(value); });

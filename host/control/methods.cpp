@@ -8,7 +8,7 @@
 #include "host/rpc/changes.h"
 #include "host/rpc/rpc.h"
 #include "platform/zel/core/trace.h"
-#include "platform/zel/entity/dir.h"
+#include "platform/zel/entity/pathwalker.h"
 #include "platform/zel/notify/activity.h"
 
 namespace Host {
@@ -20,8 +20,7 @@ constexpr int kProtocol = 1;
 // A parameter that is a path, or empty for everything.
 const std::string& pathField(const Zel::Value& parameters) {
   const std::string& path = textField(parameters, "path");
-  Statedb::Path::check(path);
-  for (Statedb::PathReader reader(path); !reader.done();) reader.next(Zel::Dir::typeNode());
+  Zel::PathWalker::checkComponents(path);
   return path;
 }
 
@@ -38,7 +37,7 @@ Statedb::Durability durabilityField(const Zel::Value& parameters) {
 Methods::Methods(Served& served)
     : served_(served),
       table_(served.store.table()),
-      // Where the rows are kept elsewhere, so are the checks.
+      // The process that keeps the rows checks types.
       typeAt_([this](std::string_view path) {
         const auto known = table_ ? Statedb::Path::existing(path) : std::nullopt;
         return known ? table_->typeAt(*known) : Zel::Name();
@@ -328,21 +327,28 @@ std::size_t depthField(const Zel::Value& parameters) {
   return std::min(static_cast<std::size_t>(*depth), kDepth);
 }
 
+Zel::Value::Fields resultOf(const Zel::Value& value) { return {{"value", Objects::describe(value)}}; }
+
+Zel::Value::Fields resultOf(Objects::Listing&& listing) {
+  Zel::Value::Fields result{{"value", std::move(listing.components)}};
+  if (!listing.omitted.empty()) result.emplace_back("omitted", std::move(listing.omitted));
+  return result;
+}
+
 // What the generic interface does for each operation's name.
 struct ObjectOperation {
   const char* name;
-  Zel::Value (*run)(const Objects& objects, const std::string& path, const Zel::Value::List& arguments,
-                    std::size_t depth);
+  Zel::Value::Fields (*run)(const Objects& objects, const std::string& path,
+                            const Zel::Value::List& arguments, std::size_t depth);
 };
 constexpr ObjectOperation kObjectOperations[] = {
-    {"tree", [](auto& objects, auto& path, auto&, auto depth) { return objects.tree(path, depth); }},
-    {"list", [](auto& objects, auto& path, auto&, auto) { return objects.list(path); }},
-    {"get", [](auto& objects, auto& path, auto&, auto) { return objects.get(path); }},
-    {"set", [](auto& objects, auto& path, auto& arguments, auto) { return objects.set(path, arguments); }},
-    {"delete", [](auto& objects, auto& path, auto&, auto) { return objects.del(path); }},
-    {"iterate", [](auto& objects, auto& path, auto&, auto) { return objects.iterate(path); }},
-    {"invoke",
-     [](auto& objects, auto& path, auto& arguments, auto) { return objects.call(path, arguments); }},
+    {"tree", [](auto& on, auto& path, auto&, auto depth) { return resultOf(on.tree(path, depth)); }},
+    {"list", [](auto& on, auto& path, auto&, auto) { return resultOf(on.list(path)); }},
+    {"get", [](auto& on, auto& path, auto&, auto) { return resultOf(on.get(path)); }},
+    {"set", [](auto& on, auto& path, auto& arguments, auto) { return resultOf(on.set(path, arguments)); }},
+    {"delete", [](auto& on, auto& path, auto&, auto) { return resultOf(on.del(path)); }},
+    {"iterate", [](auto& on, auto& path, auto&, auto) { return resultOf(on.iterate(path)); }},
+    {"invoke", [](auto& on, auto& path, auto& given, auto) { return resultOf(on.call(path, given)); }},
 };
 
 }  // namespace
@@ -354,12 +360,11 @@ std::string Methods::object(const Zel::Value& parameters, Caller&) const {
     throw Zel::ValueError("'operation': found \"" + Zel::excerpt(name) +
                           "\", wanted tree, list, get, set, delete, iterate or invoke");
   const std::string& path = textField(parameters, "path");
-  pathComponents(path);
+  Zel::PathWalker::checkComponents(path);
   const auto arguments = argumentsField(parameters);
   const std::size_t depth = depthField(parameters);
   try {
-    const auto value = Objects::describe(operation->run(served_.objects, path, arguments, depth));
-    return "{\"value\":" + jsonText(value) + '}';
+    return jsonText(Zel::Value(operation->run(served_.objects, path, arguments, depth)));
   } catch (const Zel::ValueError& error) {
     throw refusedFor({path + ": " + error.what()});
   } catch (const Zel::Exception& error) {

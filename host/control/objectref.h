@@ -1,5 +1,5 @@
-// How a path leads from object to object: host/control/object.h says what such a path is. Nothing here makes
-// a name of a text that comes from a path.
+// Steps from object to object along a path of live objects; host/control/object.h describes these paths.
+// Nothing here interns a name that comes from a path.
 #pragma once
 
 #include <optional>
@@ -22,10 +22,6 @@ struct ObjectRef {
   std::optional<std::string> key;
 };
 
-// The components of a path. Throws ValueError where the text is beyond the limits of paths, or has an empty
-// component (two slashes in a row, or one at either end).
-std::vector<std::string> pathComponents(std::string_view path);
-
 // One component further. Throws ValueError where it leads nowhere; the text has the candidates.
 ObjectRef step(const ObjectRef& at, const std::string& component);
 // The object behind a pointer; everything else as it is. Throws ValueError where the pointer is null.
@@ -44,9 +40,6 @@ ObjectRef memberOf(const ObjectRef& at, const Zel::AttributeInfo& attribute, Zel
 ObjectRef memberOf(const ObjectRef& at, const Zel::AttributeInfo& attribute, const std::string& key);
 // What the object's published attributes are read from. REQUIRES: its type has attributes.
 const Zel::Notifier& notifierOf(const ObjectRef& at);
-// The collection whose members stand directly under the object; null where there is none.
-const Zel::AttributeInfo* directRow(const Zel::TypeNode& type);
-
 // Calls `function` for every published attribute of a type, its bases' first, less those of a base that the
 // type replaces.
 template <class Function>

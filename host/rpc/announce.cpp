@@ -3,8 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "platform/statedb/store/schema.h"
-#include "platform/zel/entity/dir.h"
+#include "platform/zel/entity/pathwalker.h"
 
 namespace Host {
 
@@ -35,8 +34,7 @@ std::string publishedPath(const Value& value) {
   const auto* path = value.as<std::string>();
   if (!path) throw ValueError("'publishes': found " + std::string(value.kindText()) + ", wanted a path");
   if (path->empty()) throw ValueError("'publishes': a path is empty; nobody fills the whole database");
-  Statedb::Path::check(*path);
-  for (Statedb::PathReader reader(*path); !reader.done();) reader.next(Zel::Dir::typeNode());
+  Zel::PathWalker::checkComponents(*path);
   return *path;
 }
 
@@ -87,7 +85,7 @@ void Announcements::Process::withdraw() {
 
 Announcements::Paths::const_iterator Announcements::filledAbove(const Process& writer,
                                                                 std::string_view path) const {
-  for (; !path.empty() && !paths_.empty(); path = Statedb::textAbove(path))
+  for (; !path.empty() && !paths_.empty(); path = Zel::PathWalker::above(path))
     if (const auto found = paths_.find(path); found != paths_.end() && found->second != &writer) return found;
   return paths_.end();
 }

@@ -1,7 +1,7 @@
-// Which process fills which part of the state database.
+// Which process publishes which part of the state database.
 //
-// An agent answers alone for what stands under its "wi" mounts. A process announces those paths to the host
-// that keeps the state, which then refuses what anybody else writes there:
+// Only one agent writes under a "wi" mount. A process announces those paths to the host that keeps the state,
+// which refuses writes there from anyone else:
 //
 //     Announcements announcements;
 //     Announcements::Process led(announcements);

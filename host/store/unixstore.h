@@ -1,8 +1,8 @@
 // The state database of another host on this machine, through its control socket.
 //
-// Reached, lost and reached again without the agents noticing more than what changed meanwhile: entities
-// stay, and when the connection is back everything is read anew and only differences are told. What was
-// published here and is not known there yet waits, one value an attribute, and is sent as soon as it can be.
+// While the connection is lost the entities stay; once it is back the store reads everything again, and
+// subscribers notice the differences only. Rows that were published here and that the other side does not
+// have yet wait, one value an attribute.
 #pragma once
 
 #include <deque>
@@ -15,16 +15,16 @@
 #include "host/io/connection.h"
 #include "host/rpc/announce.h"
 #include "host/rpc/json.h"
-#include "host/store/ownrows.h"
+#include "host/store/publishedrows.h"
 #include "platform/statedb/store/store.h"
 
 namespace Host {
 
 class UnixStore final : public Statedb::Store, public Connection::Owner {
  public:
-  // Connects from the loop, and tries again as long as nobody listens: after 50 ms at first, then twice as
-  // long each time, up to 2 s. `report` hears once of every loss and every return, and of each row that the
-  // other side refused: a batch that it refuses is halved until what is wrong with it stands alone.
+  // Connects from the loop and retries while nobody listens: after 50 ms at first, then twice as long each
+  // time, up to 2 s. `report` logs each loss and each return once, and every row that the other side refused:
+  // a refused batch is halved until the row at fault stands alone.
   UnixStore(Loop& loop, std::string socket, std::function<void(const std::string& text)> report);
   ~UnixStore() override;
 
@@ -60,8 +60,8 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
   void request(const char* method, std::string_view parameters, OnReply onReply);
   void watch(Subscription& subscription);
   void unwatch(std::int64_t watch);
-  void tellSnapshot(Statedb::Subscriber& subscriber, const Zel::Value& entities);
-  void tellOthers(const Statedb::Changes& changes, const Statedb::Subscriber* origin);
+  void deliverSnapshot(Statedb::Subscriber& subscriber, const Zel::Value& entities);
+  void notifyOthers(const Statedb::Changes& changes, const Statedb::Subscriber* origin);
   Subscription* find(std::int64_t watch);
 
   void onLine(Connection& connection, std::string_view line) override;
@@ -76,11 +76,11 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
   const std::string socket_;
   const std::function<void(const std::string&)> report_;
   std::vector<std::unique_ptr<Subscription>> subscriptions_;
-  OwnRows own_;
+  PublishedRows published_;
   std::deque<Statedb::Changes>
       parts_;  // of what is under way: the first was sent, each waits for those before it
   std::vector<std::pair<Statedb::Changes, Statedb::Subscriber*>>
-      toTell_;  // written here, for the subscribers here
+      toNotify_;  // written here, for the subscribers here
   std::shared_ptr<Connection> connection_;
   UvHandle<uv_timer_t> retry_;
   std::shared_ptr<Connecting> connecting_;

@@ -110,6 +110,21 @@ TEST(LightSetting, ReadsItsFieldsAndSaysWhatIsWrong) {
   }
 }
 
+TEST(LightSetting, IsConvertedOnceForAllCopiesOfAValueUntilOneIsChanged) {
+  using Traits = Zel::ValueTraits<Led::LightSetting>;
+  const Zel::Value first = Zel::Value::Fields{{"green", true}};
+  Zel::Value second = first;
+  EXPECT_EQ(second.converted<Led::LightSetting>(), nullptr);
+  EXPECT_TRUE(Traits::fromValue(first).green);
+  ASSERT_NE(second.converted<Led::LightSetting>(), nullptr);
+  EXPECT_TRUE(second.converted<Led::LightSetting>()->green);
+  second.fieldIs("red", true);
+  EXPECT_EQ(second.converted<Led::LightSetting>(), nullptr);
+  EXPECT_TRUE(Traits::fromValue(second).red);
+  EXPECT_EQ(first.field("red"), nullptr);
+  EXPECT_FALSE(Traits::fromValue(first).red);
+}
+
 TEST(LightSetting, PrintsWhatIsNotDefault) {
   const auto text = [](const Led::LightSetting& setting) {
     std::ostringstream out;

@@ -43,7 +43,7 @@ class PublishedRows {
   Statedb::Changes revealed(const Statedb::Changes& changes) const;
 
  private:
-  // Steps that the other side does not know: entities that were removed, and attributes (the empty one: that
+  // Steps that the other side does not have: entities that were removed, and attributes (the empty one: that
   // the entity is there) that were set, or unset where the entity has none of that name.
   struct Unknown {
     std::set<Statedb::Path> removed;

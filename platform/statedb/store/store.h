@@ -4,8 +4,7 @@
 //     store.subscribe("hardware/led", subscriber);  // gets a snapshot, then the changes of each flush
 //     store.write({Change::put(path, "Hardware::Led::LedConfig", "theme", "night")}, Durability::stored);
 //     if (store.flush().isDone()) log("durable");
-//     if (const Table* table = store.table()) for (const Record* each : table->read("hardware/led"))
-//     print(each->path);
+//     if (const Table* table = store.table()) print(table->read("hardware/led"));
 //
 // Activity thread only. Subscribers are notified from flush(), or when the host lets the store work; never
 // from write().

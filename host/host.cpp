@@ -16,7 +16,6 @@ Host::Host(const Options& options)
     : services_(loop_, activity_.external()),
       store_(makeStore(options.store, loop_,
                        [this](const std::string& text) { activity_.post([this, text] { report(text); }); })),
-      remote_(dynamic_cast<UnixStore*>(store_.get())),
       listener_(std::make_unique<Listener>(loop_, options.socket)),
       manager_(Zel::allocate<Statedb::EntityManager>(*store_)),
       served_{
@@ -62,7 +61,7 @@ void Host::announce() {
   for (const auto& plugin : plugins_) own.agents.push_back({plugin->name().stdString(), plugin->library()});
   for (const auto& mount : manager_->mounts())
     if (mount.mode == "wi") own.publishes.push_back(mount.path.text());
-  if (remote_) remote_->announce(own);
+  store_->announce(own);
   try {
     served_.self.announce(std::move(own));
   } catch (const Zel::ValueError& error) {

@@ -10,7 +10,6 @@
 #include "host/io/services.h"
 #include "host/io/wakeups.h"
 #include "host/plugin.h"
-#include "host/store/unixstore.h"
 #include "host/systemd.h"
 #include "platform/zel/notify/activity.h"
 
@@ -59,7 +58,6 @@ class Host {
   Services services_;
   WakeUps wakeUps_;
   const std::unique_ptr<Statedb::Store> store_;
-  UnixStore* const remote_;  // the store, where another host keeps the state; else null
   std::unique_ptr<Listener> listener_;
   std::vector<std::unique_ptr<Plugin>> plugins_;  // their libraries outlive every entity
   Zel::Ptr<Statedb::EntityManager> manager_;

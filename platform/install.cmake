@@ -12,8 +12,10 @@ install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}
   PATTERN "entrytable.h" EXCLUDE
   PATTERN "external.h" EXCLUDE
   PATTERN "lastseen.h" EXCLUDE
+  PATTERN "memorystore.h" EXCLUDE
   PATTERN "mounts.h" EXCLUDE
   PATTERN "mounttable.h" EXCLUDE
+  PATTERN "pathwalker.h" EXCLUDE
   PATTERN "printable.h" EXCLUDE
   PATTERN "publisher.h" EXCLUDE
   PATTERN "refusals.h" EXCLUDE
@@ -21,7 +23,8 @@ install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}
   PATTERN "rowapplier.h" EXCLUDE
   PATTERN "schema.h" EXCLUDE
   PATTERN "store.h" EXCLUDE
-  PATTERN "subscriptions.h" EXCLUDE)
+  PATTERN "subscriptions.h" EXCLUDE
+  PATTERN "table.h" EXCLUDE)
 install(EXPORT pinlamp-targets NAMESPACE Pinlamp:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/pinlamp
   COMPONENT development)
 

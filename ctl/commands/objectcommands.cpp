@@ -21,19 +21,24 @@ Json argumentOf(const std::string& text) {
 
 namespace {
 
+// Prints what the host omitted from an answer. Returns whether it omitted anything.
+bool printOmitted(std::ostream& out, const Json& answer, std::size_t indent) {
+  const Json omitted = answer.value("omitted", Json::object());
+  for (const auto& [attribute, count] : omitted.items())
+    out << std::string(indent, ' ') << "and " << count << " more in " << attribute << '\n';
+  return !omitted.empty();
+}
+
 // Returns whether the host omitted anything.
 bool printTree(std::ostream& out, const Json& node, const std::string& above, std::size_t depth) {
   const std::string path = node.at("path");
   const std::string own = above.empty() ? path : path.substr(above.size() + 1);
   out << std::string(depth * 2, ' ') << bare(own) << "  " << bare(node.at("type"))
       << (node.contains("seen") ? "  (above)" : "") << '\n';
-  const Json omitted = node.value("omitted", Json::object());
-  bool cut = !omitted.empty();
+  bool cut = false;
   for (const Json& member : node.value("members", Json::array()))
     cut |= printTree(out, member, path, depth + 1);
-  for (const auto& [attribute, count] : omitted.items())
-    out << std::string(depth * 2 + 2, ' ') << "and " << count << " more in " << attribute << '\n';
-  return cut;
+  return printOmitted(out, node, depth * 2 + 2) || cut;
 }
 
 void showTree(Context& context, const std::string& path, bool json) {
@@ -59,7 +64,8 @@ std::string objectText(Client& client, const std::string& path, const Json& attr
 // attributes.
 void printObject(Context& context, const std::string& path, const Json& object) {
   Table table;
-  const Json attributes = callObject(context.client(), "list", path);
+  const Json listing = context.client().call("object", {{"operation", "list"}, {"path", path}});
+  const Json& attributes = listing.at("value");
   if (attributes.empty()) context.out << bare(object.at("type")) << '\n';
   for (const Json& attribute : attributes) {
     const std::string name = attribute.at("name");
@@ -69,6 +75,7 @@ void printObject(Context& context, const std::string& path, const Json& object) 
                joined(operations, " ")});
   }
   table.print(context.out);
+  printOmitted(context.out, listing, 0);
   if (object.contains("wakesIn"))
     context.out << "wakes in " << shortNumber(object.at("wakesIn").get<double>()) << " s\n";
 }

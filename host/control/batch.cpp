@@ -5,6 +5,7 @@
 
 #include "host/rpc/changes.h"
 #include "platform/zel/entity/dir.h"
+#include "platform/zel/entity/pathwalker.h"
 
 namespace Host {
 
@@ -28,7 +29,7 @@ class BatchReader {
   void add(const RequestedChange& change) {
     if (errors_.size() > Batch::kMostErrors || isUnderFailed(change.path)) return;
     try {
-      Statedb::Path::check(change.path);
+      Zel::PathWalker::check(change.path);
       checkAccess(change);
       if (change.kind == Change::Kind::put)
         put(change);
@@ -36,7 +37,7 @@ class BatchReader {
         remove(change);
     } catch (const ValueError& error) {
       failed_.insert(change.path);
-      refuse(Zel::excerpt(change.path, Statedb::Path::kLongest), error);
+      refuse(Zel::excerpt(change.path, Zel::PathWalker::kLongest), error);
     }
   }
 
@@ -66,9 +67,9 @@ class BatchReader {
       errors_.push_back("more steps are wrong; what follows was not checked");
   }
 
-  // What goes wrong under an entity that could not be made says nothing new.
+  // An error under an entity that could not be made is only a consequence.
   bool isUnderFailed(std::string_view path) const {
-    for (; !failed_.empty() && !path.empty(); path = Statedb::textAbove(path))
+    for (; !failed_.empty() && !path.empty(); path = Zel::PathWalker::above(path))
       if (failed_.contains(path)) return true;
     return false;
   }
@@ -109,7 +110,7 @@ class BatchReader {
   const Zel::TypeNode& typeOf(const RequestedChange& change, Zel::Name present) const {
     if (!change.type.empty()) return Statedb::typeNamed(change.type);
     const Zel::Name type = present.empty() ? Statedb::placeType(change.path, types_) : present;
-    if (type.empty()) throw ValueError("'type' is missing, and nothing is there that would tell it");
+    if (type.empty()) throw ValueError("'type' is missing, and there is no entity to take it from");
     return Statedb::typeNamed(type.view());
   }
 

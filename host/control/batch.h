@@ -23,7 +23,7 @@ struct Batch {
 
 // What a batch is checked against. All of it must outlive the call.
 struct BatchContext {
-  const Statedb::TypeAt& typeAt;  // tells what the store holds
+  const Statedb::TypeAt& typeAt;  // of the entities that the store has
   const std::vector<Statedb::EntityManager::MountInfo>& mounts;
   const Announcements& announcements;
   const Announcements::Process& writer;

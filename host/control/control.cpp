@@ -41,7 +41,7 @@ void Control::onLine(Connection& connection, std::string_view line) {
   } catch (const RpcError& error) {
     text = errorText(request.id, error);
   }
-  if ((peer.taken += line.size()) > kTakenLimit) connection.pause();
+  if ((peer.taken += line.size()) > kTakenLimit || isHeldBack(connection)) connection.pause();
   if (!request.answered) text.clear();
   answer({peer.connection, std::move(request.id), wrote, std::move(text)});
 }
@@ -70,7 +70,7 @@ void Control::onOversizedLine(Connection& connection) {
 
 // Answers keep the order of the requests: once one waits for the commit, all later ones do.
 void Control::answer(Answer answer) {
-  if (answers_.empty() && !answer.wrote) {
+  if (answers_.empty() && committed_.empty() && !answer.wrote) {
     if (!answer.text.empty()) answer.connection->send(answer.text);
     return;
   }
@@ -79,28 +79,57 @@ void Control::answer(Answer answer) {
   if (waiting_ > kWaitingLimit) commit();
 }
 
-void Control::commit() {
+namespace {
+
+Statedb::Ticket flush(Statedb::Store& store) {
   try {
-    served_.store.flush();
+    return store.flush();
   } catch (const Statedb::StoreError& error) {
-    const RpcError failure(RpcCode::store, error.what());
-    return release(&failure);
+    return Statedb::Ticket::failed(error.what());
   }
-  release(nullptr);
 }
 
-void Control::release(const RpcError* failure) {
+}  // namespace
+
+void Control::commit() {
+  const Statedb::Ticket ticket = flush(served_.store);
+  release();
   waiting_ = 0;
-  for (const Answer& answer : std::exchange(answers_, {})) {
-    if (answer.text.empty()) continue;
-    answer.connection->send(failure && answer.wrote ? errorText(answer.id, *failure) : answer.text);
+  for (Answer& answer : std::exchange(answers_, {})) {
+    if (answer.wrote) answer.ticket = ticket;
+    sendOrHold(std::move(answer));
   }
+}
+
+// Keeps the order of the answers of each connection.
+void Control::sendOrHold(Answer&& answer) {
+  if (answer.ticket.isDone() && !held_.contains(answer.connection.get())) return send(answer);
+  ++held_[answer.connection.get()];
+  heldBytes_ += answer.text.size();
+  committed_.push_back(std::move(answer));
+}
+
+// Tickets complete in the order of their flushes, so the first that is not done holds the rest back.
+void Control::release() {
+  for (; !committed_.empty() && committed_.front().ticket.isDone(); committed_.pop_front()) {
+    const Answer& answer = committed_.front();
+    send(answer);
+    heldBytes_ -= answer.text.size();
+    if (const auto held = held_.find(answer.connection.get()); --held->second == 0) held_.erase(held);
+  }
+}
+
+void Control::send(const Answer& answer) {
+  if (answer.text.empty()) return;
+  const std::string failure = answer.ticket.failure();
+  answer.connection->send(failure.empty() ? answer.text
+                                          : errorText(answer.id, RpcError(RpcCode::store, failure)));
 }
 
 void Control::send() {
   for (auto& [connection, peer] : peers_) {
     peer->taken = 0;
-    peer->connection->resume();
+    if (!isHeldBack(*connection)) peer->connection->resume();
     peer->connection->flush();
   }
   for (const Connection* connection : std::exchange(closed_, {})) peers_.erase(connection);

@@ -1,12 +1,14 @@
 // The control socket's server.
 //
-// Executes requests as they arrive. Once per loop round the host calls commit(), which makes their writes
-// durable in one step and releases the answers that waited for it.
+// Executes requests as they arrive. Once per loop round the host calls commit(), which flushes their writes
+// in one step; an answer is sent when the flush of its request is complete.
 #pragma once
 
+#include <deque>
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "host/control/listener.h"
@@ -24,8 +26,8 @@ class Control final : private Connection::Owner {
   Control(const Control&) = delete;
   Control& operator=(const Control&) = delete;
 
-  // Commits all pending writes, whoever made them. If the store fails, its error answers the requests that
-  // wrote.
+  // Flushes all pending writes, whoever made them, and answers the requests whose flush has completed. If the
+  // store fails, its error answers the requests that wrote.
   void commit();
   // Ends the round: writes the clients' queued output as far as their sockets accept it, resumes paused
   // clients, and frees closed ones.
@@ -39,17 +41,19 @@ class Control final : private Connection::Owner {
     Caller caller;
     std::size_t taken = 0;  // bytes of requests in this round
   };
-  // An answer held back until the next commit.
+  // An answer held back until the next commit, and then until its flush is complete.
   struct Answer {
     std::shared_ptr<Connection> connection;
     Zel::Value id;
     bool wrote;
     std::string text;  // empty: the request was a notification
+    Statedb::Ticket ticket{};
   };
   // Bytes of requests executed per client and round. A client beyond it is paused until send(), so that a
   // flood of requests doesn't delay the other clients' output.
   static constexpr std::size_t kTakenLimit = 256 << 10;
-  // Bytes of held-back answers beyond which answer() commits early.
+  // Bytes of held-back answers beyond which answer() commits early, and of answers that wait for their flush
+  // beyond which their clients are not read.
   static constexpr std::size_t kWaitingLimit = 1 << 20;
 
   void accept(uv_stream_t* listener);
@@ -60,7 +64,12 @@ class Control final : private Connection::Owner {
   // Returns the answer's text. Commits first if the method reads rows.
   std::string execute(Peer& peer, const Request& request, bool& wrote);
   void answer(Answer answer);
-  void release(const RpcError* failure);
+  void sendOrHold(Answer&& answer);
+  void release();
+  static void send(const Answer& answer);
+  bool isHeldBack(const Connection& connection) const {
+    return heldBytes_ > kWaitingLimit && held_.contains(&connection);
+  }
 
   Served& served_;
   const Methods methods_;
@@ -68,6 +77,10 @@ class Control final : private Connection::Owner {
   std::vector<const Connection*> closed_;  // freed at the end of the round
   std::vector<Answer> answers_;
   std::size_t waiting_ = 0;  // bytes of `answers_`
+  std::deque<Answer>
+      committed_;  // that wait for their tickets, or for an answer of their connection that does
+  std::unordered_map<const Connection*, std::size_t> held_;  // how many of them each connection has
+  std::size_t heldBytes_ = 0;                                // of `committed_`
 };
 
 }  // namespace Host

@@ -8,8 +8,8 @@
 #include "host/rpc/changes.h"
 #include "host/rpc/rpc.h"
 #include "platform/zel/core/trace.h"
-#include "platform/zel/entity/dir.h"
 #include "platform/zel/entity/entity.h"
+#include "platform/zel/entity/pathwalker.h"
 #include "platform/zel/notify/activity.h"
 
 namespace Host {
@@ -21,8 +21,7 @@ constexpr int kProtocol = 1;
 // A parameter that is a path, or empty for everything.
 const std::string& pathField(const Zel::Value& parameters) {
   const std::string& path = textField(parameters, "path");
-  Statedb::Path::check(path);
-  for (Statedb::PathReader reader(path); !reader.done();) reader.next(Zel::Dir::typeNode());
+  Zel::PathWalker::checkComponents(path);
   return path;
 }
 
@@ -38,11 +37,11 @@ Statedb::Durability durabilityField(const Zel::Value& parameters) {
 
 Methods::Methods(Served& served)
     : served_(served),
-      memory_(dynamic_cast<const Statedb::MemoryStore*>(&served.store)),
-      // Where the rows are kept elsewhere, so are the checks.
+      table_(served.store.table()),
+      // The process that keeps the rows checks types.
       typeAt_([this](std::string_view path) {
-        const auto known = memory_ ? Statedb::Path::existing(path) : std::nullopt;
-        return known ? memory_->typeAt(*known) : Zel::Name();
+        const auto known = table_ ? Statedb::Path::existing(path) : std::nullopt;
+        return known ? table_->typeAt(*known) : Zel::Name();
       }) {}
 
 std::span<const Methods::Method> Methods::table() {
@@ -93,13 +92,13 @@ std::string Methods::hello(const Zel::Value&, Caller&) const {
 
 // Everything under a path, which need not ever have been one.
 std::string Methods::entitiesAt(const std::string& text) const {
-  expectMemory("read");
+  expectTable("read");
   const auto path = Statedb::Path::existing(text);
-  return path ? entitiesText(served_.store.read(*path)) : "[]";
+  return path ? entitiesText(table_->read(*path)) : "[]";
 }
 
-void Methods::expectMemory(const char* method) const {
-  if (!memory_)
+void Methods::expectTable(const char* method) const {
+  if (!table_)
     throw Statedb::StoreError(std::string(method) + ": the state is kept at " + served_.store.url() +
                               "; ask there");
 }
@@ -112,16 +111,18 @@ std::string Methods::write(const Zel::Value& parameters, Caller& caller) const {
   const Zel::Value::List& changes = listField(parameters, "changes");
   const auto durability = durabilityField(parameters);
   const bool isVolatile = durability == Statedb::Durability::volatile_;
-  if (!isVolatile) expectMemory("write");
+  if (!isVolatile) expectTable("write");
   const auto batch = readBatch(changes, {.typeAt = typeAt_,
                                          .mounts = served_.manager.mounts(),
                                          .announcements = served_.announcements,
                                          .writer = caller.process,
                                          .lenient = isVolatile});
   if (!batch.errors.empty()) throw refusedFor(batch.errors);
-  // What is mounted is no volatile value, whoever was the first to write under it.
-  if (isVolatile && !batch.mounts.empty())
+  // A mount is stored, even if the first write under it is volatile.
+  if (isVolatile && !batch.mounts.empty()) {
+    expectTable("write");
     served_.store.write(batch.mounts, Statedb::Durability::stored, caller.watches.origin());
+  }
   served_.store.write(batch.changes, durability, caller.watches.origin());
   return "{\"written\":" + std::to_string(changes.size()) + '}';
 }
@@ -146,8 +147,8 @@ std::string Methods::unwatch(const Zel::Value& parameters, Caller& caller) const
 }
 
 std::string Methods::announce(const Zel::Value& parameters, Caller& caller) const {
-  expectMemory("announce");
-  Announcement announcement = Announcement::from(parameters);
+  expectTable("announce");
+  Announcement announcement = announcementFrom(parameters);
   if (caller.pid != 0) announcement.pid = caller.pid;  // so that whoever keeps others from writing is found
   try {
     caller.process.announce(std::move(announcement));
@@ -202,15 +203,15 @@ Json mountJson(const Statedb::EntityManager::MountInfo& mount) {
 
 // The objects of each type in this process, and the entities in the state database where it is kept here,
 // whichever process has their objects.
-Json countsJson(const Statedb::MemoryStore* memory) {
-  auto entities = memory ? memory->entitiesByType() : std::unordered_map<Zel::Name, std::size_t>();
+Json countsJson(const Statedb::Table* table) {
+  auto entities = table ? table->entitiesByType() : std::unordered_map<Zel::Name, std::size_t>();
   Json types = Json::object();
   for (const Zel::TypeNode* type : Zel::typeNodes()) {
     const auto& allocations = type->allocations();
     if (allocations.total() == 0 && !entities.contains(type->name())) continue;
     Json& counts = types[type->name().stdString()];
     counts = {{"objects", allocations.objects()}, {"bytes", allocations.bytes()}};
-    if (memory && type->isA(Zel::Entity::typeNode())) counts["entities"] = entities[type->name()];
+    if (table && type->isA(Zel::Entity::typeNode())) counts["entities"] = entities[type->name()];
   }
   return types;
 }
@@ -227,17 +228,19 @@ Json activityJson() {
 Json servedJson(const Served& served, std::size_t entities) {
   Json processes = Json::array();
   for (const auto* process : served.announcements.processes())
-    if (process != &served.self) processes.push_back(process->announcement().json());
+    if (process != &served.self) processes.push_back(announcementJson(process->announcement()));
   Json mounts = Json::array();
   for (const auto& mount : served.manager.mounts()) mounts.push_back(mountJson(mount));
+  const Statedb::StoreState state = served.store.state();
   return {{"store", served.store.url()},
-          {"agents", served.self.announcement().json()["agents"]},
+          {"agents", announcementJson(served.self.announcement())["agents"]},
           {"processes", std::move(processes)},
           {"mounts", std::move(mounts)},
           {"entities", entities},
           {"published", served.manager.published()},
           {"refusals", served.manager.refusals()},
           {"lastRefusal", served.lastRefusal},
+          {"storeState", {{"reached", state.isReached}, {"reason", state.reason}}},
           {"clients", served.clients},
           {"uptime", Zel::System::currentTime() - served.started}};
 }
@@ -286,9 +289,9 @@ std::string Methods::status(const Zel::Value&, Caller&) const {
   Json status = {{"version", PINLAMP_VERSION},
                  {"pid", ::getpid()},
                  {"names", Zel::Name::count()},
-                 {"types", countsJson(memory_)}};
+                 {"types", countsJson(table_)}};
   status.update(activityJson());
-  status.update(servedJson(served_, memory_ ? memory_->entities() : 0));
+  status.update(servedJson(served_, table_ ? table_->entities() : 0));
   return jsonText(status);
 }
 
@@ -307,21 +310,28 @@ std::size_t depthField(const Zel::Value& parameters) {
   return std::min(static_cast<std::size_t>(*depth), kDepth);
 }
 
+Zel::Value::Fields resultOf(const Zel::Value& value) { return {{"value", Objects::describe(value)}}; }
+
+Zel::Value::Fields resultOf(Objects::Listing&& listing) {
+  Zel::Value::Fields result{{"value", std::move(listing.components)}};
+  if (!listing.omitted.empty()) result.emplace_back("omitted", std::move(listing.omitted));
+  return result;
+}
+
 // What the generic interface does for each operation's name.
 struct ObjectOperation {
   const char* name;
-  Zel::Value (*run)(const Objects& objects, const std::string& path, const Zel::Value::List& arguments,
-                    std::size_t depth);
+  Zel::Value::Fields (*run)(const Objects& objects, const std::string& path,
+                            const Zel::Value::List& arguments, std::size_t depth);
 };
 constexpr ObjectOperation kObjectOperations[] = {
-    {"tree", [](auto& objects, auto& path, auto&, auto depth) { return objects.tree(path, depth); }},
-    {"list", [](auto& objects, auto& path, auto&, auto) { return objects.list(path); }},
-    {"get", [](auto& objects, auto& path, auto&, auto) { return objects.get(path); }},
-    {"set", [](auto& objects, auto& path, auto& arguments, auto) { return objects.set(path, arguments); }},
-    {"delete", [](auto& objects, auto& path, auto&, auto) { return objects.del(path); }},
-    {"iterate", [](auto& objects, auto& path, auto&, auto) { return objects.iterate(path); }},
-    {"invoke",
-     [](auto& objects, auto& path, auto& arguments, auto) { return objects.call(path, arguments); }},
+    {"tree", [](auto& on, auto& path, auto&, auto depth) { return resultOf(on.tree(path, depth)); }},
+    {"list", [](auto& on, auto& path, auto&, auto) { return resultOf(on.list(path)); }},
+    {"get", [](auto& on, auto& path, auto&, auto) { return resultOf(on.get(path)); }},
+    {"set", [](auto& on, auto& path, auto& arguments, auto) { return resultOf(on.set(path, arguments)); }},
+    {"delete", [](auto& on, auto& path, auto&, auto) { return resultOf(on.del(path)); }},
+    {"iterate", [](auto& on, auto& path, auto&, auto) { return resultOf(on.iterate(path)); }},
+    {"invoke", [](auto& on, auto& path, auto& given, auto) { return resultOf(on.call(path, given)); }},
 };
 
 }  // namespace
@@ -333,12 +343,11 @@ std::string Methods::object(const Zel::Value& parameters, Caller&) const {
     throw Zel::ValueError("'operation': found \"" + Zel::excerpt(name) +
                           "\", wanted tree, list, get, set, delete, iterate or invoke");
   const std::string& path = textField(parameters, "path");
-  pathComponents(path);
+  Zel::PathWalker::checkComponents(path);
   const auto arguments = argumentsField(parameters);
   const std::size_t depth = depthField(parameters);
   try {
-    const auto value = Objects::describe(operation->run(served_.objects, path, arguments, depth));
-    return "{\"value\":" + jsonText(value) + '}';
+    return jsonText(Zel::Value(operation->run(served_.objects, path, arguments, depth)));
   } catch (const Zel::ValueError& error) {
     throw refusedFor({path + ": " + error.what()});
   } catch (const Zel::Exception& error) {

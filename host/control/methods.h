@@ -81,11 +81,11 @@ class Methods {
   std::string object(const Zel::Value& parameters, Caller& caller) const;
 
   std::string entitiesAt(const std::string& path) const;
-  // Throws StoreError where the state is kept by another host.
-  void expectMemory(const char* method) const;
+  // Throws StoreError where another process keeps the rows.
+  void expectTable(const char* method) const;
 
   Served& served_;
-  const Statedb::MemoryStore* const memory_;  // the store, where it keeps its rows here
+  const Statedb::Table* const table_;  // the rows; null where another process keeps them
   const Statedb::TypeAt typeAt_;
 };
 

@@ -1,11 +1,13 @@
 #include "host/control/object.h"
 
 #include <algorithm>
+#include <span>
 #include <unordered_set>
 
 #include "platform/statedb/store/schema.h"
 #include "platform/warden/cagent.h"
 #include "platform/zel/entity/entity.h"
+#include "platform/zel/entity/pathwalker.h"
 #include "platform/zel/notify/clock.h"
 
 namespace Host {
@@ -70,20 +72,21 @@ bool isStartUp(const ObjectRef& at) {
 
 }  // namespace
 
-ObjectRef Objects::resolve(const std::string& path) const { return resolve(pathComponents(path)); }
-
-ObjectRef Objects::resolve(const std::vector<std::string>& components) const {
-  if (components.empty())
+ObjectRef Objects::resolve(std::string_view path) const {
+  Zel::PathWalker::checkComponents(path);
+  if (path.empty())
     throw ValueError("the path is empty; it starts at an agent (agent) or a mounted entity (hardware)");
   const auto roots = roots_();
-  auto root = std::ranges::find(roots, components[0], &Root::name);
-  if (root == roots.end() && components[0] == "agent") root = roots.begin();
+  Zel::PathWalker walker(path);
+  const std::string first(walker.component());
+  auto root = std::ranges::find(roots, first, &Root::name);
+  if (root == roots.end() && first == "agent") root = roots.begin();
   ObjectRef at;
   if (root != roots.end())
     at.object = root->object;
   else
-    at = step({entityRoot_(), false, nullptr, {}}, components[0]);
-  for (std::size_t i = 1; i < components.size(); ++i) at = step(follow(at), components[i]);
+    at = step({entityRoot_(), false, nullptr, {}}, first);
+  while (!walker.done()) at = step(follow(at), std::string(walker.component()));
   return at;
 }
 
@@ -122,17 +125,16 @@ Value Objects::set(const std::string& path, const Value::List& arguments) const 
 
 Value Objects::del(const std::string& path) const {
   expectWritable();
-  auto components = pathComponents(path);
-  ObjectRef at = resolve(components);
-  if (at.attribute || components.size() < 2) {
+  ObjectRef at = resolve(path);
+  const std::string_view above = Zel::PathWalker::above(path);
+  if (at.attribute || above.empty()) {
     expectSupported(at, Operation::del);
     return perform(at, Operation::del, {});
   }
   // A member leaves the collection that the path led through.
-  const Value key = Zel::unescapeComponent(components.back());
-  components.pop_back();
-  at = follow(resolve(components));
-  if (!at.attribute) at.attribute = directCollection(at.object->fwkType());
+  const Value key = Zel::unescapeComponent(std::string_view(path).substr(above.size() + 1));
+  at = follow(resolve(above));
+  if (!at.attribute) at.attribute = Zel::directCollection(at.object->fwkType());
   expectSupported(at, Operation::del);
   return perform(at, Operation::del, {key});
 }
@@ -224,41 +226,45 @@ Value componentValue(std::string name, const char* kind, std::string type, Value
                        {"operations", std::move(operations)}};
 }
 
-void addKeys(Value::List& list, const ObjectRef& at, const AttributeInfo& attribute) {
-  for (const Zel::Name key : attribute.keys(notifierOf(at)))
-    list.push_back(
+void addKeys(Objects::Listing& listing, const ObjectRef& at, const AttributeInfo& attribute) {
+  const auto keys = attribute.keys(notifierOf(at));
+  const std::size_t listed = std::min(keys.size(), Objects::kListed);
+  for (const Zel::Name key : std::span(keys).first(listed))
+    listing.components.push_back(
         componentValue(Zel::escapeComponent(key.view()), "member", attribute.type(), Value::List{}));
+  if (keys.size() > listed)
+    listing.omitted.emplace_back(attribute.name, static_cast<std::int64_t>(keys.size() - listed));
 }
 
 // What may follow an object or a collection in a path.
-Value::List nextComponents(const ObjectRef& at) {
-  Value::List list;
+Objects::Listing nextComponents(const ObjectRef& at) {
+  Objects::Listing listing;
   if (at.key && at.attribute->kind == Kind::collection) throwNoMember(at);
   if (at.attribute) {
-    if (at.attribute->keys && !at.key) addKeys(list, at, *at.attribute);
-    return list;
+    if (at.attribute->keys && !at.key) addKeys(listing, at, *at.attribute);
+    return listing;
   }
   const Zel::TypeNode& type = at.object->fwkType();
-  if (const AttributeInfo* direct = directCollection(type)) addKeys(list, at, *direct);
+  if (const AttributeInfo* direct = Zel::directCollection(type)) addKeys(listing, at, *direct);
   forEachAttribute(type, [&](const AttributeInfo& attribute) {
-    list.push_back(componentValue(attribute.name, Zel::kindText(attribute.kind),
-                                  attribute.type ? attribute.type() : std::string(),
-                                  operationsOf(attribute)));
+    listing.components.push_back(componentValue(attribute.name, Zel::kindText(attribute.kind),
+                                                attribute.type ? attribute.type() : std::string(),
+                                                operationsOf(attribute)));
   });
-  return list;
+  return listing;
 }
 
 }  // namespace
 
-Value Objects::list(const std::string& path) const {
+Objects::Listing Objects::list(const std::string& path) const {
   if (!path.empty()) return nextComponents(follow(resolve(path)));
-  Value::List list;
+  Listing listing;
   for (const Root& root : roots_())
-    list.push_back(
+    listing.components.push_back(
         componentValue(root.name, "agent", root.object->fwkType().name().stdString(), Value::List{}));
   const Ptr<Zel::Dir> entities = entityRoot_();
-  addKeys(list, {entities, false, nullptr, {}}, *directCollection(entities->fwkType()));
-  return list;
+  addKeys(listing, {entities, false, nullptr, {}}, *Zel::directCollection(entities->fwkType()));
+  return listing;
 }
 
 namespace {

@@ -45,7 +45,7 @@ class Objects {
   // instead) or an argument does not fit, OperationNotSupportedException where what the path leads to does
   // not have the operation, and what the object's own operation throws. set, del and call throw ValueError
   // unless the access is writable.
-  ObjectRef resolve(const std::string& path) const;
+  ObjectRef resolve(std::string_view path) const;
 
   // An object's value is a reference; an attribute's what it holds; a collection's the list of its keys; one
   // name's of a set of names the truth value beside it.
@@ -59,8 +59,14 @@ class Objects {
   // `path` names a procedure. A text given for an object is a path, or the name of an object of that type
   // that is found from where the path started: behind pointers, and in collections under that name.
   Zel::Value call(const std::string& path, const Zel::Value::List& arguments) const;
-  // The components that may follow: {"name", "kind", "type", "operations"} each.
-  Zel::Value list(const std::string& path) const;
+  // The components that may follow, {"name", "kind", "type", "operations"} each. Of a collection's members
+  // kListed are listed at most; how many were left out is counted in `omitted`, by attribute.
+  struct Listing {
+    Zel::Value::List components{};
+    Zel::Value::Fields omitted{};
+  };
+  static constexpr std::size_t kListed = 4096;
+  Listing list(const std::string& path) const;
   // What lives at and under a path, each object once: {"path", "type", "members": […]}, and "seen" instead of
   // the members where the object stands further above. Of one collection kTreeMembers are listed at most, and
   // kTreeObjects altogether; what an object has beyond that is counted in its "omitted", by attribute.
@@ -73,7 +79,6 @@ class Objects {
   static Zel::Value describe(const Zel::Value& value);
 
  private:
-  ObjectRef resolve(const std::vector<std::string>& components) const;
   void expectWritable() const;
   Zel::Value::List coerced(const std::string& path, const Zel::AttributeInfo& attribute,
                            const Zel::Value::List& arguments) const;

@@ -3,8 +3,9 @@
 #include <algorithm>
 #include <span>
 
-#include "platform/statedb/store/path.h"
+#include "platform/zel/core/assert.h"
 #include "platform/zel/entity/entity.h"
+#include "platform/zel/entity/pathwalker.h"
 
 namespace Host {
 
@@ -13,28 +14,10 @@ using Zel::Kind;
 using Zel::Value;
 using Zel::ValueError;
 
-std::vector<std::string> pathComponents(std::string_view path) {
-  Statedb::Path::check(path);
-  std::vector<std::string> components;
-  for (std::size_t at = 0; at <= path.size() && !path.empty();) {
-    const std::size_t end = std::min(path.find('/', at), path.size());
-    if (end == at)
-      throw ValueError("'" + std::string(path) +
-                       "' has an empty component; a path is NAME/NAME, without a leading or trailing slash");
-    components.emplace_back(path.substr(at, end - at));
-    at = end + 1;
-  }
-  return components;
-}
-
-const Zel::Notifier& notifierOf(const ObjectRef& at) { return static_cast<const Zel::Notifier&>(*at.object); }
-
-const AttributeInfo* directCollection(const Zel::TypeNode& type) {
-  const AttributeInfo* direct = nullptr;
-  forEachAttribute(type, [&](const AttributeInfo& attribute) {
-    if (attribute.direct) direct = &attribute;
-  });
-  return direct;
+const Zel::Notifier& notifierOf(const ObjectRef& at) {
+  const Zel::TypeNode& type = at.object->fwkType();
+  ZEL_REQUIRE(type.endIndex() > 0, type.name());
+  return static_cast<const Zel::Notifier&>(*at.object);
 }
 
 ObjectRef objectOf(const Value& value) {
@@ -74,7 +57,7 @@ ObjectRef step(const ObjectRef& at, const std::string& component) {
   if (at.key) throwNoMember(at);
   if (at.attribute) return stepIntoAttribute(at, component);
   const Zel::TypeNode& type = at.object->fwkType();
-  if (const AttributeInfo* direct = directCollection(type))
+  if (const AttributeInfo* direct = Zel::directCollection(type))
     if (ObjectRef entry = memberOf(at, *direct, Zel::unescapeComponent(component)); entry.object)
       return entry;
   if (const AttributeInfo* attribute = type.find(std::string_view(component)))
@@ -103,7 +86,7 @@ std::vector<std::string_view> candidates(const ObjectRef& at) {
     return names;
   }
   const Zel::TypeNode& type = at.object->fwkType();
-  if (const AttributeInfo* direct = directCollection(type)) addKeys(names, at, *direct);
+  if (const AttributeInfo* direct = Zel::directCollection(type)) addKeys(names, at, *direct);
   forEachAttribute(type, [&](const AttributeInfo& attribute) { names.emplace_back(attribute.name); });
   return names;
 }
@@ -135,6 +118,7 @@ std::string candidatesText(const ObjectRef& at, std::string_view wanted) {
 }
 
 void throwNoMember(const ObjectRef& at) {
+  ZEL_REQUIRE(at.key, at.attribute->name);
   const ObjectRef collection{at.object, at.isConst, at.attribute, {}};
   throw ValueError("'" + *at.key + "' is not a member of '" + at.attribute->name +
                    "'; known: " + candidatesText(collection, *at.key));

@@ -21,10 +21,6 @@ struct ObjectRef {
   std::optional<std::string> key;
 };
 
-// Splits a path. Throws ValueError if it exceeds the limits of paths, or has an empty component (a leading,
-// trailing or double slash).
-std::vector<std::string> pathComponents(std::string_view path);
-
 // Resolves one more component. Throws ValueError, with the candidates, if it names nothing.
 ObjectRef step(const ObjectRef& at, const std::string& component);
 // Dereferences a pointer; returns anything else as it is. Throws ValueError if the pointer is null.
@@ -43,9 +39,6 @@ ObjectRef memberOf(const ObjectRef& at, const Zel::AttributeInfo& attribute, Zel
 ObjectRef memberOf(const ObjectRef& at, const Zel::AttributeInfo& attribute, const std::string& key);
 // The object as a notifier, to read its attributes. REQUIRES: its type has attributes.
 const Zel::Notifier& notifierOf(const ObjectRef& at);
-// The collection whose keys follow the object's path directly, without the attribute's name; null if none.
-const Zel::AttributeInfo* directCollection(const Zel::TypeNode& type);
-
 // Calls `function` for every published attribute of a type, its bases' first, except those of a base that the
 // type redeclares.
 template <class Function>

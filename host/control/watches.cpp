@@ -59,11 +59,11 @@ void Watches::Group::onSnapshot(const Statedb::Records& records) {
   }
 }
 
-void Watches::Group::onChanges(const Changes& changes) { tell(changes, ""); }
+void Watches::Group::onChanges(const Changes& changes) { notify(changes, ""); }
 
-void Watches::Group::onRevealed(const Changes& changes) { tell(changes, "\"revealed\":true,"); }
+void Watches::Group::onRevealed(const Changes& changes) { notify(changes, "\"revealed\":true,"); }
 
-void Watches::Group::tell(const Changes& changes, const char* more) {
+void Watches::Group::notify(const Changes& changes, const char* more) {
   findPaths();
   for (const Watch& watch : watches_) {
     if (!watch.path) continue;

@@ -33,8 +33,8 @@ class Watches {
   Statedb::Subscriber* origin() { return &others_; }
 
  private:
-  // The watches that hear of the same writes: a store leaves out one subscriber a write, so they share it. Is
-  // subscribed to everything while it has any.
+  // Watches that are notified of the same writes: a store leaves out one subscriber a write, so they share
+  // it. Subscribed to everything while it has any.
   class Group : public Statedb::Subscriber {
    public:
     Group(Statedb::Store& store, const Send& send) : store_(store), send_(send) {}
@@ -57,7 +57,7 @@ class Watches {
     // Looks up the paths that were not made before.
     void findPaths();
     // `more`: further parameters of the notification, each with a comma behind it.
-    void tell(const Statedb::Changes& changes, const char* more);
+    void notify(const Statedb::Changes& changes, const char* more);
 
     Statedb::Store& store_;
     const Send& send_;
@@ -68,7 +68,7 @@ class Watches {
 
   const Send send_;
   Group all_;
-  Group others_;  // deaf to the client's own writes
+  Group others_;  // without the client's own writes
   std::uint64_t last_ = 0;
 };
 

@@ -3,8 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "platform/statedb/store/schema.h"
-#include "platform/zel/entity/dir.h"
+#include "platform/zel/entity/pathwalker.h"
 
 namespace Host {
 
@@ -12,6 +11,10 @@ using Zel::Value;
 using Zel::ValueError;
 
 namespace {
+
+constexpr std::size_t kMostAgents = 64;
+constexpr std::size_t kMostPaths = 64;
+constexpr std::size_t kLongestFile = 4096;  // bytes of a library's or a socket's path
 
 const Value::List& boundedList(const Value& value, const char* name, std::size_t limit) {
   const Value::List& list = listField(value, name);
@@ -31,8 +34,7 @@ std::string publishedPath(const Value& value) {
   const auto* path = value.as<std::string>();
   if (!path) throw ValueError("'publishes': found " + std::string(value.kindText()) + ", wanted a path");
   if (path->empty()) throw ValueError("'publishes': a path is empty; nobody fills the whole database");
-  Statedb::Path::check(*path);
-  for (Statedb::PathReader reader(*path); !reader.done();) reader.next(Zel::Dir::typeNode());
+  Zel::PathWalker::checkComponents(*path);
   return *path;
 }
 
@@ -42,7 +44,7 @@ std::string textOf(const Announcement& announcement) {
 
 }  // namespace
 
-Announcement Announcement::from(const Value& parameters) {
+Announcement announcementFrom(const Value& parameters) {
   Announcement read{.pid = pidField(parameters),
                     .socket = boundedText(parameters, "socket", kLongestFile, Needed::yes)};
   for (const Value& agent : boundedList(parameters, "agents", kMostAgents)) {
@@ -55,10 +57,14 @@ Announcement Announcement::from(const Value& parameters) {
   return read;
 }
 
-Json Announcement::json() const {
-  Json listed = Json::array();
-  for (const Agent& agent : agents) listed.push_back({{"name", agent.name}, {"library", agent.library}});
-  return {{"pid", pid}, {"socket", socket}, {"agents", std::move(listed)}, {"publishes", publishes}};
+Json announcementJson(const Announcement& announcement) {
+  Json agents = Json::array();
+  for (const auto& agent : announcement.agents)
+    agents.push_back({{"name", agent.name}, {"library", agent.library}});
+  return {{"pid", announcement.pid},
+          {"socket", announcement.socket},
+          {"agents", std::move(agents)},
+          {"publishes", announcement.publishes}};
 }
 
 void Announcements::Process::announce(Announcement announcement) {
@@ -79,7 +85,7 @@ void Announcements::Process::withdraw() {
 
 Announcements::Paths::const_iterator Announcements::filledAbove(const Process& writer,
                                                                 std::string_view path) const {
-  for (; !path.empty() && !paths_.empty(); path = Statedb::textAbove(path))
+  for (; !path.empty() && !paths_.empty(); path = Zel::PathWalker::above(path))
     if (const auto found = paths_.find(path); found != paths_.end() && found->second != &writer) return found;
   return paths_.end();
 }

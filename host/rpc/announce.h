@@ -1,7 +1,7 @@
-// Which process fills which part of the state database.
+// Which process publishes which part of the state database.
 //
-// An agent answers alone for what stands under its "wi" mounts. A process announces those paths to the host
-// that keeps the state, which then refuses what anybody else writes there:
+// Only one agent writes under a "wi" mount. A process announces those paths to the host that keeps the state,
+// which refuses writes there from anyone else:
 //
 //     Announcements announcements;
 //     Announcements::Process led(announcements);
@@ -17,31 +17,19 @@
 #include <vector>
 
 #include "host/rpc/json.h"
+#include "platform/statedb/store/store.h"
 
 namespace Host {
 
-// What a process says of itself. Its paths are texts: what is only announced is not interned.
-struct Announcement {
-  struct Agent {
-    std::string name;
-    std::string library;
-  };
-  static constexpr std::size_t kMostAgents = 64;
-  static constexpr std::size_t kMostPaths = 64;
-  static constexpr std::size_t kLongestFile = 4096;  // bytes of a library's or a socket's path
+using Statedb::Announcement;
 
-  std::int64_t pid = 0;
-  std::string socket{};
-  std::vector<Agent> agents{};
-  std::vector<std::string> publishes{};  // the paths of its "wi" mounts
+// Reads {"pid", "socket", "agents": [{"name", "library"}], "publishes"}: at most 64 agents and 64 paths, and
+// 4096 bytes for the path of a library or a socket. Throws Zel::ValueError if one is missing, exceeds its
+// limit, or is no path to an entity.
+Announcement announcementFrom(const Zel::Value& parameters);
+Json announcementJson(const Announcement& announcement);
 
-  // From {"pid", "socket", "agents": [{"name", "library"}], "publishes"}. Throws Zel::ValueError where one is
-  // missing, beyond its limit, or no path to an entity.
-  static Announcement from(const Zel::Value& parameters);
-  Json json() const;
-};
-
-// All announcements that stand. Outlives the processes in it.
+// All announcements in force. Outlives the processes in it.
 class Announcements {
  public:
   // One that may announce: the host itself, or a client as long as it is connected.

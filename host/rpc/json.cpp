@@ -89,7 +89,7 @@ class Reader {
       if (!names.insert(name).second) throwTwice(name);
   }
   [[noreturn]] static void throwTwice(const std::string& name) {
-    throw ValueError("the name '" + Zel::excerpt(name) + "' stands twice among the same fields");
+    throw ValueError("the name '" + Zel::excerpt(name) + "' stands twice in one object");
   }
 
   std::vector<Value*> open_;  // lists and fields that have not ended, each in the one before
@@ -210,13 +210,13 @@ const Value* fieldOf(const Value& value, const char* name, Needed needed) {
 
 const Value::Fields& fieldsOf(const std::string& what, const Value& value) {
   const auto* fields = value.as<Value::Fields>();
-  if (!fields) throwWrongKind(what, value, "fields by name");
+  if (!fields) throwWrongKind(what, value, "an object");
   return *fields;
 }
 
 const Value::List& listOf(const std::string& what, const Value& value) {
   const auto* list = value.as<Value::List>();
-  if (!list) throwWrongKind(what, value, "a list");
+  if (!list) throwWrongKind(what, value, "an array");
   return *list;
 }
 
@@ -234,7 +234,7 @@ const std::string& textField(const Value& value, const char* name, Needed needed
   const Value* field = fieldOf(value, name, needed);
   if (!field) return kEmpty;
   const auto* text = field->as<std::string>();
-  if (!text) throwWrongKind(inQuotes(name) + ": ", *field, "a text");
+  if (!text) throwWrongKind(inQuotes(name) + ": ", *field, "a string");
   return *text;
 }
 

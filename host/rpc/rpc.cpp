@@ -36,12 +36,12 @@ void Request::read(std::string_view line) {
   if (!fields) invalid(std::string("found ") + message.kindText() + ", wanted one request a line");
   const auto* given = message.field("id");
   if (given && !isId(*given))
-    invalid(std::string("'id': found ") + given->kindText() + ", wanted a text or a number");
+    invalid(std::string("'id': found ") + given->kindText() + ", wanted a string or a number");
   if (given) id = *given;
   const auto* version = message.field("jsonrpc");
   if (!version || *version != "2.0") invalid("'jsonrpc' must be \"2.0\"");
   const auto* called = message.field("method");
-  if (!called || !called->as<std::string>()) invalid("'method' must be a text");
+  if (!called || !called->as<std::string>()) invalid("'method' must be a string");
   method = *called->as<std::string>();
   answered = given != nullptr;
   for (auto& [name, value] : *fields)

@@ -1,6 +1,6 @@
 // A store in one SQLite file: what was flushed survives a killed process and a lost power supply.
 //
-// Derived rows stay in memory and are never written. The file belongs to one process at a time.
+// Volatile rows stay in memory and are never written. The file belongs to one process at a time.
 // docs/state-database.md describes its format.
 #pragma once
 
@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/statedb/store/store.h"
+#include "platform/statedb/store/memorystore.h"
 
 namespace Host {
 

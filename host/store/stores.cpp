@@ -2,6 +2,7 @@
 
 #include "host/store/sqlitestore.h"
 #include "host/store/unixstore.h"
+#include "platform/statedb/store/memorystore.h"
 
 namespace Host {
 

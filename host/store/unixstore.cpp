@@ -6,6 +6,7 @@
 #include "host/rpc/changes.h"
 #include "host/rpc/rpc.h"
 #include "platform/statedb/store/schema.h"
+#include "platform/zel/core/assert.h"
 #include "platform/zel/object/value.h"
 
 namespace Host {
@@ -76,8 +77,7 @@ void UnixStore::connect() {
 void UnixStore::onConnected(UvHandle<uv_pipe_t> pipe, int status) {
   connecting_ = nullptr;
   if (status < 0) {
-    if (!std::exchange(lost_, true))
-      report_("state database " + url() + ": " + uv_strerror(status) + "; trying until a host listens there");
+    notReached(std::string(uv_strerror(status)) + "; trying until a host listens there");
     return retryLater();
   }
   connection_ = std::make_shared<Connection>(std::move(pipe), *this, kLongestLine);
@@ -86,7 +86,7 @@ void UnixStore::onConnected(UvHandle<uv_pipe_t> pipe, int status) {
 }
 
 void UnixStore::announce(const Announcement& announcement) {
-  announcement_ = jsonText(announcement.json());
+  announcement_ = jsonText(announcementJson(announcement));
   sendAnnouncement();
 }
 
@@ -97,9 +97,14 @@ void UnixStore::sendAnnouncement() {
 void UnixStore::onAnnounced(const Zel::Value& reply) {
   const Zel::Value* error = reply.field("error");
   if (!error) return onReached();
-  if (!std::exchange(lost_, true))
-    report_("state database " + url() + ": " + textField(*error, "message") + "; trying until it is free");
+  notReached(textField(*error, "message") + "; trying until it is free");
   connection_->close();
+}
+
+// Logs the first reason of an outage.
+void UnixStore::notReached(const std::string& why) {
+  why_ = why;
+  if (!std::exchange(lost_, true)) report_("state database " + url() + ": " + why);
 }
 
 void UnixStore::onReached() {
@@ -129,12 +134,11 @@ void UnixStore::onClosed(Connection& connection) {
   if (connection_.get() != &connection) return;
   const auto gone = std::exchange(connection_, nullptr);
   reached_ = false;
-  if (!std::exchange(lost_, true))
-    report_("state database " + url() + ": connection lost; the lights stay as they are");
+  notReached("connection lost; the lights stay as they are");
   replies_.clear();
   parts_.clear();
   for (const auto& subscription : subscriptions_) subscription->watch = -1;
-  own_.lost();
+  published_.lost();
   retryLater();
 }
 
@@ -164,7 +168,8 @@ void UnixStore::unwatch(std::int64_t watch) {
   request("unwatch", "{\"watch\":" + std::to_string(watch) + '}', [](const Zel::Value&) {});
 }
 
-// The reply may come when the subscriber has gone or was subscribed anew: it is for this subscription only.
+// The reply may arrive after the subscriber has left or subscribed again: it counts for this subscription
+// only.
 void UnixStore::watch(Subscription& subscription) {
   if (!reached_) return;
   request("watch", "{\"own\":false,\"path\":" + jsonText(Zel::Value(subscription.path.text())) + '}',
@@ -177,21 +182,21 @@ void UnixStore::watch(Subscription& subscription) {
             const std::int64_t number = numberOf(result, "watch");
             if (still == subscriptions_.end()) return unwatch(number);
             watched->watch = number;
-            tellSnapshot(*watched->subscriber, needed(result, "entities"));
+            deliverSnapshot(*watched->subscriber, needed(result, "entities"));
           });
 }
 
-void UnixStore::tellSnapshot(Subscriber& subscriber, const Zel::Value& entities) {
+void UnixStore::deliverSnapshot(Subscriber& subscriber, const Zel::Value& entities) {
   const auto found =
       std::ranges::find(subscriptions_, &subscriber, [](const auto& each) { return each->subscriber; });
   if (found == subscriptions_.end()) return;
   const auto records = entityRecords(entities);
   Statedb::Records theirs;
   for (const Statedb::Record& record : records) {
-    if (subscriber.publishes(record.path)) own_.adopt(record);
+    if (subscriber.publishes(record.path)) published_.adopt(record);
     theirs.push_back(&record);
   }
-  subscriber.onSnapshot(own_.over(theirs, (*found)->path));
+  subscriber.onSnapshot(published_.over(theirs, (*found)->path));
 }
 
 UnixStore::Subscription* UnixStore::find(std::int64_t watch) {
@@ -200,27 +205,24 @@ UnixStore::Subscription* UnixStore::find(std::int64_t watch) {
 }
 
 void UnixStore::write(const Changes& changes, Statedb::Durability durability, Subscriber* origin) {
-  if (durability == Statedb::Durability::stored)
-    throw Statedb::StoreError("the state database is kept by the host at '" + socket_ + "'; write there");
-  own_.write(changes);
-  toTell_.emplace_back(changes, origin);
+  ZEL_REQUIRE(durability == Statedb::Durability::volatile_,
+              "a stored batch of " << changes.size() << " changes for " << url());
+  published_.write(changes);
+  toNotify_.emplace_back(changes, origin);
 }
 
-Statedb::Records UnixStore::read(Path) const {
-  throw Statedb::StoreError("the state database is kept by the host at '" + socket_ + "'; read it there");
-}
-
-void UnixStore::flush() {
-  for (const auto& [changes, origin] : std::exchange(toTell_, {})) tellOthers(changes, origin);
+Statedb::Ticket UnixStore::flush() {
+  for (const auto& [changes, origin] : std::exchange(toNotify_, {})) notifyOthers(changes, origin);
   if (const auto connection = connection_) connection->flush();  // closes it where the other side has ended
-  if (!reached_ || !own_.canSend()) return;
-  const Changes changes = own_.send();
+  if (!reached_ || !published_.canSend()) return {};
+  const Changes changes = published_.send();
   for (std::size_t from = 0; from < changes.size(); from += kChangesPerRequest) {
     const auto first = changes.begin() + static_cast<std::ptrdiff_t>(from);
     const std::size_t count = std::min(kChangesPerRequest, changes.size() - from);
     parts_.emplace_back(first, first + static_cast<std::ptrdiff_t>(count));
   }
   sendParts();
+  return {};
 }
 
 // One at a time, for a part that is refused is sent again in smaller ones before the next.
@@ -232,7 +234,7 @@ void UnixStore::sendParts() {
                      [this](const Zel::Value& reply) { onWritten(reply); });
     refusePart("is longer than " + std::to_string(kLongestRequest) + " bytes");
   }
-  own_.acknowledged();
+  published_.acknowledged();
   flush();
 }
 
@@ -265,7 +267,7 @@ void UnixStore::refusePart(const std::string& why) {
   report_("state database " + url() + " refused what was published: " + place + why);
 }
 
-void UnixStore::tellOthers(const Changes& changes, const Subscriber* origin) {
+void UnixStore::notifyOthers(const Changes& changes, const Subscriber* origin) {
   for (const auto& subscription : subscriptions_)
     if (subscription->subscriber != origin)
       takePart(changes, subscription->path,
@@ -297,9 +299,10 @@ void UnixStore::onNotification(const Zel::Value& message) {
   Subscription* subscription = find(numberOf(parameters, "watch"));
   if (!subscription) return;
   if (textField(message, "method") == "reset")
-    return tellSnapshot(*subscription->subscriber, needed(parameters, "entities"));
+    return deliverSnapshot(*subscription->subscriber, needed(parameters, "entities"));
   const Changes there = changesFrom(needed(parameters, "changes"));
-  const Changes changes = flagField(parameters, "revealed", false) ? own_.revealed(there) : own_.told(there);
+  const Changes changes =
+      flagField(parameters, "revealed", false) ? published_.revealed(there) : published_.received(there);
   if (!changes.empty()) subscription->subscriber->onChanges(changes);
 }
 

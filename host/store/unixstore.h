@@ -1,8 +1,8 @@
 // The state database of another host on this machine, through its control socket.
 //
-// Reached, lost and reached again without the agents noticing more than what changed meanwhile: entities
-// stay, and when the connection is back everything is read anew and only differences are told. What was
-// published here and is not known there yet waits, one value an attribute, and is sent as soon as it can be.
+// While the connection is lost the entities stay; once it is back the store reads everything again, and
+// subscribers notice the differences only. Rows that were published here and that the other side does not
+// have yet wait, one value an attribute.
 #pragma once
 
 #include <deque>
@@ -15,34 +15,29 @@
 #include "host/io/connection.h"
 #include "host/rpc/announce.h"
 #include "host/rpc/json.h"
-#include "host/store/ownrows.h"
+#include "host/store/publishedrows.h"
 #include "platform/statedb/store/store.h"
 
 namespace Host {
 
 class UnixStore final : public Statedb::Store, public Connection::Owner {
  public:
-  // Connects from the loop, and tries again as long as nobody listens: after 50 ms at first, then twice as
-  // long each time, up to 2 s. `report` hears once of every loss and every return, and of each row that the
-  // other side refused: a batch that it refuses is halved until what is wrong with it stands alone.
+  // Connects from the loop and retries while nobody listens: after 50 ms at first, then twice as long each
+  // time, up to 2 s. `report` logs each loss and each return once, and every row that the other side refused:
+  // a refused batch is halved until the row at fault stands alone.
   UnixStore(Loop& loop, std::string socket, std::function<void(const std::string& text)> report);
   ~UnixStore() override;
 
-  // Says to the other side which process this is and what it fills: now, and after every connect. Where the
-  // other side refuses that, for another process fills the same, it counts as not reached: this process waits
-  // until that one has gone, and takes over.
-  void announce(const Announcement& announcement);
-
   std::string url() const override { return "unix:" + socket_; }
+  Statedb::StoreState state() const override { return {reached_, reached_ ? "" : why_}; }
   void subscribe(Statedb::Path path, Statedb::Subscriber& subscriber) override;
   void unsubscribe(Statedb::Subscriber& subscriber) override;
-  // What is written here is volatile for the other side: it belongs to whoever keeps publishing it. The
-  // durability is the other side's to grant, so `stored` is refused.
   void write(const Statedb::Changes& changes, Statedb::Durability durability,
              Statedb::Subscriber* origin) override;
-  void flush() override;
-  // Keeps no rows on this side: throws StoreError.
-  Statedb::Records read(Statedb::Path path) const override;
+  Statedb::Ticket flush() override;
+  // If the other side refuses it because another process publishes the same, that side counts as not reached:
+  // this process waits until the other one has gone, and takes over.
+  void announce(const Statedb::Announcement& announcement) override;
 
  private:
   struct Subscription {
@@ -59,13 +54,14 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
   void onAnnounced(const Zel::Value& reply);
   void onReached();
   void retryLater();
+  void notReached(const std::string& why);
   void retry();
   // `parameters` are a JSON text.
   void request(const char* method, std::string_view parameters, OnReply onReply);
   void watch(Subscription& subscription);
   void unwatch(std::int64_t watch);
-  void tellSnapshot(Statedb::Subscriber& subscriber, const Zel::Value& entities);
-  void tellOthers(const Statedb::Changes& changes, const Statedb::Subscriber* origin);
+  void deliverSnapshot(Statedb::Subscriber& subscriber, const Zel::Value& entities);
+  void notifyOthers(const Statedb::Changes& changes, const Statedb::Subscriber* origin);
   Subscription* find(std::int64_t watch);
 
   void onLine(Connection& connection, std::string_view line) override;
@@ -80,21 +76,22 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
   const std::string socket_;
   const std::function<void(const std::string&)> report_;
   std::vector<std::unique_ptr<Subscription>> subscriptions_;
-  OwnRows own_;
+  PublishedRows published_;
   std::deque<Statedb::Changes>
       parts_;  // of what is under way: the first was sent, each waits for those before it
   std::vector<std::pair<Statedb::Changes, Statedb::Subscriber*>>
-      toTell_;  // written here, for the subscribers here
+      toNotify_;  // written here, for the subscribers here
   std::shared_ptr<Connection> connection_;
   UvHandle<uv_timer_t> retry_;
   std::shared_ptr<Connecting> connecting_;
   std::map<std::int64_t, OnReply> replies_;
   std::int64_t nextId_ = 0;
-  std::uint64_t retryAfter_;  // milliseconds
-  bool lost_ = false;         // and reported so
-  bool reached_ = false;      // connected, and the announcement was taken
-  std::string announcement_;  // a JSON text; empty: there is none
-  bool postponed_ = false;    // the other side can't store anything now; reported as well
+  std::uint64_t retryAfter_;             // milliseconds
+  bool lost_ = false;                    // and reported so
+  std::string why_ = "not reached yet";  // why it is not reached
+  bool reached_ = false;                 // connected, and the announcement was taken
+  std::string announcement_;             // a JSON text; empty: there is none
+  bool postponed_ = false;               // the other side can't store anything now; reported as well
 };
 
 }  // namespace Host

@@ -4,7 +4,7 @@
 #include <map>
 
 #include "agent/factory.h"
-#include "platform/statedb/store/store.h"
+#include "platform/statedb/store/memorystore.h"
 #include "platform/zel/entity/generic.h"
 #include "tests/statemachine/bench.h"
 

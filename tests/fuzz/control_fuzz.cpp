@@ -9,7 +9,7 @@
 #include "host/io/connection.h"
 #include "host/rpc/changes.h"
 #include "host/rpc/rpc.h"
-#include "platform/statedb/store/store.h"
+#include "platform/statedb/store/memorystore.h"
 #include "platform/zel/core/trace.h"
 
 namespace {

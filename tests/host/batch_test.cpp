@@ -65,7 +65,7 @@ TEST(Batch, ErrorsNameTheirStepAndLeaveNothingBehind) {
       {put("", "Zel::Dir"), "the path is empty"},
       {put("a%2", "Zel::Dir"), "is no component of a path"},
       {put("agent", "Zel::Entity"), "type Zel::Entity is not made in directories"},
-      {put("never/made"), "'type' is missing, and nothing is there that would tell it"},
+      {put("never/made"), "'type' is missing, and there is no entity to take it from"},
       {put("long/" + longName, "Zel::Dir"), "is longer than 255 bytes"},
       {put("map", "Hardware::Gpio::GpioLedConfig", {{"gpioRedName", {"fine", longName}}}),
        "is longer than 255 bytes"},

@@ -11,6 +11,7 @@
 #include "host/io/starterror.h"
 #include "host/plugin.h"
 #include "platform/model/paths.h"
+#include "platform/statedb/store/memorystore.h"
 #include "platform/zel/core/trace.h"
 #include "platform/zel/notify/activity.h"
 #include "tests/support.h"
@@ -22,8 +23,16 @@ using ::testing::HasSubstr;
 
 const Json kRed = {{"red", true}};
 
-// Counts its commits and the stored changes, and fails commits while `fails` is set.
+// Counts its commits and the stored changes, and fails commits while `fails` is set. While `outcome` is set,
+// it completes its flushes when the test says so.
 struct TestStore : Statedb::MemoryStore {
+  std::shared_ptr<Statedb::Ticket::Outcome> outcome;
+
+  Statedb::Ticket flush() override {
+    MemoryStore::flush();
+    return outcome ? Statedb::Ticket(outcome) : Statedb::Ticket();
+  }
+
   int commits = 0;
   std::size_t stored = 0;
   bool fails = false;
@@ -126,12 +135,12 @@ TEST_F(ControlTest, InvalidRequestsAreAnsweredAndTheConnectionStays) {
       {"\n", -32700, "not JSON"},
       {"\xff\xfe\n", -32700, "not JSON"},
       {std::string(100000, '[') + '\n', -32700, "nested deeper than 64"},
-      {"[]\n", -32600, "found a list, wanted one request a line"},
+      {"[]\n", -32600, "found an array, wanted one request a line"},
       {"{\"id\": 1, \"method\": \"hello\"}\n", -32600, "'jsonrpc' must be \"2.0\""},
-      {"{\"jsonrpc\": \"2.0\", \"id\": {}}\n", -32600, "'id': found fields"},
-      {"{\"jsonrpc\": \"2.0\", \"method\": 7}\n", -32600, "'method' must be a text"},
+      {"{\"jsonrpc\": \"2.0\", \"id\": {}}\n", -32600, "'id': found an object"},
+      {"{\"jsonrpc\": \"2.0\", \"method\": 7}\n", -32600, "'method' must be a string"},
       {request("helo"), -32601, "there are hello, read, write"},
-      {request("read", Json::array()), -32602, "found a list, wanted fields"},
+      {request("read", Json::array()), -32602, "found an array, wanted an object"},
       {request("read", {{"path", 1}}), -32602, "'path': found a whole number"},
       {request("read", {{"path", "a//b"}}), -32602, "empty component"},
       {request("read", {{"pat", "a"}}), -32602, "'pat' is unknown; known: path"},
@@ -217,6 +226,45 @@ TEST_F(ControlTest, WritesOfOneRoundShareACommitAndFailTogether) {
     EXPECT_EQ(store.commits, 1);
     EXPECT_EQ(store.read("") == before, fails);
   }
+}
+
+TEST_F(ControlTest, AnswersWaitForTheirFlushAndKeepTheOrderOfTheirConnection) {
+  Client writer(listener.path());
+  Client other(listener.path());
+  ASSERT_TRUE(call(writer, "hello").contains("result"));
+  for (const char* failure : {"", "the server refuses it"}) {
+    store.outcome = std::make_shared<Statedb::Ticket::Outcome>();
+    const auto outcome = store.outcome;
+    writer.send(request("write", {{"changes", {putDir()}}}, 1) + request("hello", Json::object(), 2));
+    EXPECT_TRUE(call(other, "hello").contains("result")) << "nobody else waits";
+    EXPECT_FALSE(writer.line());
+    store.outcome = nullptr;
+    outcome->failure = failure;
+    outcome->isDone = true;
+    ASSERT_TRUE(call(other, "hello").contains("result"));
+    const Json written = next(writer);
+    EXPECT_EQ(written["id"], 1);
+    EXPECT_EQ(written.value("error", Json{{"message", ""}})["message"], failure);
+    EXPECT_EQ(next(writer)["id"], 2);
+  }
+}
+
+TEST_F(ControlTest, AClientWhoseAnswersWaitIsReadUpToALimit) {
+  Client writer(listener.path());
+  store.outcome = std::make_shared<Statedb::Ticket::Outcome>();
+  const auto outcome = store.outcome;
+  const std::string line = request("write", {{"changes", {putDir()}}});
+  std::size_t sent = 0;
+  constexpr std::size_t kMuch = 20'000'000;
+  for (int refused = 0; refused < 100 && sent < kMuch; loop.runOnce()) {
+    const std::size_t taken = writer.send(std::string_view(line).substr(sent % line.size()));
+    refused = taken == 0 ? refused + 1 : 0;
+    sent += taken;
+  }
+  EXPECT_LT(sent, kMuch);
+  store.outcome = nullptr;
+  outcome->isDone = true;
+  for (std::size_t i = 0; i < sent / line.size(); ++i) ASSERT_TRUE(next(writer).contains("result")) << i;
 }
 
 TEST_F(ControlTest, AReadSeesDurableWritesOnly) {

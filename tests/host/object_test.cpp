@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "platform/model/corvelgpioledsystemconfigdir.h"
 #include "platform/model/gpioledconfig.h"
 #include "platform/warden/cagent.h"
@@ -209,6 +211,15 @@ TEST_F(ObjectsTest, LongAnswersAreTruncatedAndReportIt) {
   const Value one = objects.tree("inner1", 16);
   EXPECT_EQ(size(*one.field("members")), Host::Objects::kTreeMembers);
   EXPECT_EQ(*one.field("omitted"), Value(Value::Fields{{"entries", 300 - 256}}));
+
+  const auto wide = Zel::dynamicPtrCast<Zel::Dir>(dir->entryIs("wide", "Zel::Dir"));
+  for (std::size_t i = 0; i < Host::Objects::kListed + 5; ++i)
+    wide->entryIs("e" + std::to_string(i), "Zel::Dir");
+  const auto listing = objects.list("wide");
+  EXPECT_EQ(
+      std::ranges::count(listing.components, Value("member"), [](auto& each) { return *each.field("kind"); }),
+      Host::Objects::kListed);
+  EXPECT_EQ(listing.omitted, (Value::Fields{{"entries", 5}}));
 
   const std::string text = errorOf([&] { objects.get("inner1/e777"); });
   EXPECT_EQ(text.find("there is no 'e777'; known: e77, e7, e70, "), 0U) << text;

@@ -26,12 +26,6 @@ using Zel::Value;
 
 using StoreModel::rowsOf;
 
-TEST(SqliteStore, IsItsModelUnderRandomWritesFailuresAndRestarts) {
-  const Folder folder;
-  StoreModel::compare(7, 2000,
-                      [&] { return std::make_unique<StoreModel::Failing<SqliteStore>>(folder.at("db")); });
-}
-
 TEST(SqliteStore, AKilledProcessLosesNothingThatWasFlushedAndNothingElseIsThere) {
   const Folder folder;
   const pid_t child = ::fork();

@@ -9,7 +9,7 @@
 #include "platform/model/ledsystemconfigdir.h"
 #include "platform/model/paths.h"
 #include "platform/statedb/mount/entitymanager.h"
-#include "platform/statedb/store/store.h"
+#include "platform/statedb/store/memorystore.h"
 #include "platform/warden/cagent.h"
 #include "platform/zel/notify/activity.h"
 #include "tests/support.h"

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "platform/statedb/store/store.h"
+#include "platform/statedb/store/memorystore.h"
 #include "storemodel.h"
 #include "tests/support.h"
 
@@ -12,29 +12,6 @@ namespace {
 
 using namespace StoreModel;
 using Statedb::Path;
-
-// Keeps its stored rows in a map.
-struct Kept : Statedb::MemoryStore {
-  explicit Kept(Rows& theDisk) : disk(theDisk) {
-    for (const auto& [place, type] : disk)
-      if (place.second.empty()) restoreEntity(place.first, *type.as<std::string>());
-  }
-  void restoreEntity(const std::string& path, const std::string& type) {
-    for (const auto& [place, value] : disk)
-      if (place.first == path) restore({path, type, place.second, place.second.empty() ? Value() : value});
-  }
-  void persist(const Changes& changes) override { batch.insert(batch.end(), changes.begin(), changes.end()); }
-  void commit() override { carryInto(disk, std::exchange(batch, {})); }
-  void rollback() override { batch.clear(); }
-
-  Rows& disk;
-  Changes batch;
-};
-
-TEST(MemoryStore, IsItsModelUnderRandomWritesFailuresAndRestarts) {
-  Rows disk;
-  compare(3, 5000, [&] { return std::make_unique<Failing<Kept>>(disk); });
-}
 
 // A text finds the same path again, and a path its text, whatever the components are.
 TEST(Path, IsItsTextAndATree) {
@@ -103,9 +80,8 @@ TEST(Path, MayBeAsDeepAsAgentsMakeIt) {
   EXPECT_EQ(count, 200001);
 }
 
-TEST(MemoryStore, WhatChangesNothingIsToldToNobody) {
-  Rows disk;
-  Failing<Kept> store(disk);
+TEST(MemoryStore, AChangeThatIsNoneNotifiesNobody) {
+  Failing<Statedb::MemoryStore> store;
   Mirror mirror("");
   store.subscribe("", mirror);
   store.write({Change::put("a", "T", "x", 1)}, Durability::stored);

@@ -1,11 +1,9 @@
-// A store under random operations, beside a model of it in plain maps.
+// A model of a store in plain maps, and what compares a store with it.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <map>
-#include <memory>
-#include <random>
 #include <string>
 
 #include "platform/statedb/store/store.h"
@@ -113,7 +111,7 @@ struct Model {
   }
 };
 
-// Keeps what a subscriber says.
+// Keeps what it is notified of.
 struct Mirror : Statedb::Subscriber {
   explicit Mirror(std::string thePath) : path(std::move(thePath)) {}
   void onSnapshot(const Records& records) override { rows = rowsOf(records); }
@@ -146,77 +144,5 @@ struct Failing : Base {
   bool failsToCommit = false;
   std::size_t persisted = 0;
 };
-
-// Random writes of both kinds, failures and restarts. `open` makes a Failing store over the rows that the
-// last one kept.
-template <class Open>
-void compare(unsigned seed, int steps, Open open) {
-  std::mt19937 random(seed);
-  const auto oneIn = [&](unsigned n) { return random() % n == 0; };
-  const auto pick = [&](auto... choices) { return std::array{choices...}[random() % sizeof...(choices)]; };
-  const auto change = [&] {
-    const std::string path = pick("a", "a/b", "a/b/c", "a-b", "a0", "a/'x\"%2F", "b", "b/ü", "b/x/y");
-    const unsigned kind = random() % 8;
-    if (kind == 0) return Change::del(pick("", "a", "a/b", "b", "b/x", "c"));
-    if (kind == 1) return Change::unset(path, pick("x", "y"));
-    return Change::put(path, oneIn(12) ? "U" : "T", pick("", "x", "y", "z"), pick(1, 2, 3));
-  };
-  auto store = open();
-  Model model, durable;
-  Mirror mirrors[] = {Mirror(""), Mirror("a"), Mirror("a/b"), Mirror("b")};
-  Mirror origin("");
-  const auto subscribe = [&] {
-    for (Mirror& mirror : mirrors) store->subscribe(mirror.path, mirror);
-    store->subscribe("", origin);
-  };
-  const auto flush = [&](bool fails) {
-    store->failsToCommit = fails;
-    try {
-      store->flush();
-      durable = model;
-    } catch (const Statedb::StoreError&) {
-      model = durable;
-      origin.rows = model.rows();
-    }
-    store->failsToCommit = false;
-  };
-  subscribe();
-  for (int step = 0; step < steps && !testing::Test::HasFailure(); ++step) {
-    SCOPED_TRACE("step " + std::to_string(step));
-    Changes changes;
-    for (auto count = random() % 4; changes.size() <= count;) changes.push_back(change());
-    const auto durability = pick(Durability::stored, Durability::volatile_);
-    Statedb::Subscriber* const from = oneIn(3) ? &origin : nullptr;
-    if (from) flush(false);
-    Model after = model;
-    bool taken = true;
-    for (const Change& each : changes) taken = taken && after.apply(each, durability);
-    store->failsToPersist = oneIn(6);
-    try {
-      store->write(changes, durability, from);
-      EXPECT_TRUE(taken);
-      model = after;
-      if (from) carryInto(origin.rows, changes);
-    } catch (const Statedb::RefusedError&) {
-      EXPECT_FALSE(taken);
-    } catch (const Statedb::StoreError&) {
-      EXPECT_TRUE(store->failsToPersist);
-    }
-    store->failsToPersist = false;
-    ASSERT_EQ(rowsOf(store->read("")), model.rows());
-    if (!from && !oneIn(3)) continue;
-    flush(oneIn(5));
-    ASSERT_EQ(rowsOf(store->read("")), model.rows());
-    for (const Mirror& mirror : mirrors) ASSERT_EQ(mirror.rows, model.rows(mirror.path)) << mirror.path;
-    ASSERT_EQ(origin.rows, model.rows()) << "of the origin";
-    if (!oneIn(40)) continue;
-    store.reset();
-    store = open();
-    model.restart();
-    durable = model;
-    ASSERT_EQ(rowsOf(store->read("")), model.rows()) << "after a restart";
-    subscribe();
-  }
-}
 
 }  // namespace StoreModel

@@ -102,12 +102,27 @@ TEST(LightSetting, ReadsItsFieldsAndSaysWhatIsWrong) {
       {Zel::Value::Fields{{"flashInterval", std::nan("")}}, "wanted seconds, finite and not negative"},
       {Zel::Value::Fields{{"flashInterval", INFINITY}}, "wanted seconds, finite and not negative"},
       {Zel::Value::Fields{{"brightness", 101}}, "wanted a whole number from 0 to 100"},
-      {"green", "found a text (\"green\"), wanted fields"},
+      {"green", "found a string (\"green\"), wanted an object"},
   };
   for (const auto& [value, message] : wrong) {
     const auto text = Support::errorOf<Zel::ValueError>([&] { return Traits::fromValue(value); });
     EXPECT_NE(text.find(message), std::string::npos) << text;
   }
+}
+
+TEST(LightSetting, IsConvertedOnceForAllCopiesOfAValueUntilOneIsChanged) {
+  using Traits = Zel::ValueTraits<Led::LightSetting>;
+  const Zel::Value first = Zel::Value::Fields{{"green", true}};
+  Zel::Value second = first;
+  EXPECT_EQ(second.converted<Led::LightSetting>(), nullptr);
+  EXPECT_TRUE(Traits::fromValue(first).green);
+  ASSERT_NE(second.converted<Led::LightSetting>(), nullptr);
+  EXPECT_TRUE(second.converted<Led::LightSetting>()->green);
+  second.fieldIs("red", true);
+  EXPECT_EQ(second.converted<Led::LightSetting>(), nullptr);
+  EXPECT_TRUE(Traits::fromValue(second).red);
+  EXPECT_EQ(first.field("red"), nullptr);
+  EXPECT_FALSE(Traits::fromValue(first).red);
 }
 
 TEST(LightSetting, PrintsWhatIsNotDefault) {

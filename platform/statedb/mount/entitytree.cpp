@@ -3,6 +3,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/zel/entity/pathwalker.h"
+
 namespace Statedb {
 
 namespace {
@@ -11,14 +13,6 @@ namespace {
 Zel::Name nameOf(Zel::Name component) {
   if (Zel::isComponent(component.view())) return component;
   return Zel::Name(Zel::unescapeComponent(component.view()));
-}
-
-// The attribute of the type that a step leads through.
-const Zel::AttributeInfo* collectionOf(const Zel::TypeNode& type, const PathReader::Step& step) {
-  for (Zel::AttributeIndex index = 0; index < type.endIndex(); ++index)
-    if (const auto& attribute = type.attribute(index); attribute.direct || attribute.name == step.collection)
-      return &attribute;
-  return nullptr;
 }
 
 // What stands above a path, from the outermost, and the path itself.
@@ -83,14 +77,14 @@ void EntityTree::follow(Path path, Found& found, const Make& make) const {
   const std::string text = path.text();
   std::size_t depth = 0;
   found.entity = root_;
-  for (PathReader reader(text); found.entity && !reader.done();) {
+  for (Zel::PathWalker walker(text); found.entity && !walker.done();) {
     found.parent = found.entity;
-    const auto step = reader.next(found.parent->fwkType());
-    depth += step.collection.empty() ? 1 : 2;
-    found.collection = collectionOf(found.parent->fwkType(), step);
+    const auto step = walker.next(found.parent->fwkType());
+    depth += step.collection->direct ? 1 : 2;
+    found.collection = step.collection;
     found.key = Zel::Name(step.key);
     found.entity = Zel::Ptr<Zel::Entity>(found.collection->member(*found.parent, found.key));
-    found.whole = reader.done();
+    found.whole = walker.done();
     found.path = paths[depth - 1];
     if (!found.entity && make) found.entity = make(found);
   }

@@ -11,7 +11,7 @@
 
 namespace Statedb {
 
-// Where a path leads through the entities, as far as they go.
+// How far a path leads through the entities.
 struct Found {
   // The last step that was read: from this entity, through this collection of it, to the member of this name.
   Zel::Ptr<Zel::Entity> parent;

@@ -3,6 +3,7 @@
 #include <ostream>
 
 #include "platform/statedb/mount/entitymanager.h"
+#include "platform/zel/entity/pathwalker.h"
 
 namespace Statedb {
 
@@ -29,7 +30,7 @@ void MountGroup::doMount(const Mount& mount) {
     Zel::throwRangeException(("mount of '" + mount.path().stdString() + "': mode '" +
                               mount.mode().stdString() + "' is neither \"r\" nor \"wi\"")
                                  .c_str());
-  Path::check(mount.path().view());
+  Zel::PathWalker::check(mount.path().view());
   mounts_.push_back(mount);
 }
 

@@ -7,6 +7,7 @@
 
 #include "platform/statedb/mount/entitymanager.h"
 #include "platform/statedb/mount/mount.h"
+#include "platform/zel/core/assert.h"
 
 namespace Statedb {
 
@@ -28,6 +29,7 @@ class MountTable {
   }
   // REQUIRES: the path was added.
   void complete(Path path, const Zel::Ptr<Zel::Entity>& entity) {
+    ZEL_REQUIRE(find(path) != mounts_.end(), path);
     find(path)->complete = true;
     entities_[path] = entity;
   }

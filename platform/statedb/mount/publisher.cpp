@@ -53,7 +53,7 @@ PublishedEntity::PublishedEntity(Publisher& publisher, Path path, const Zel::Ptr
         watch(index, key, Zel::Ptr<const Zel::Entity>(attribute.member(*entity, key)));
 }
 
-void PublishedEntity::noteValues() { known_ = told_ = valuesHash(); }
+void PublishedEntity::noteValues() { known_ = written_ = valuesHash(); }
 
 std::size_t PublishedEntity::valuesHash() const {
   std::size_t seed = 0;
@@ -108,7 +108,7 @@ void PublishedEntity::publishAll() {
     any = true;
   });
   if (!any) put({}, {});
-  told_ = valuesHash();
+  written_ = valuesHash();
   if (!members_) return;
   for (const auto& [collection, members] : *members_)
     for (const auto& member : members) member->publishAll();
@@ -119,8 +119,8 @@ void PublishedEntity::onRawAttribute(Zel::AttributeIndex index, Zel::Name key) {
   if (attribute.member) return key.empty() ? membersChanged(index) : memberChanged(index, key);
   if (!attribute.stored) return;
   const std::size_t values = valuesHash();
-  if (values == known_ && told_ == known_) return;
-  told_ = values;
+  if (values == known_ && written_ == known_) return;
+  written_ = values;
   put(attribute.label, attribute.get(entity(), {}));
 }
 
@@ -155,7 +155,7 @@ void Publisher::add(PublishedEntity& source, Change change) {
 }
 
 void Publisher::clear() {
-  for (const auto& source : sources_) source->noteTold();
+  for (const auto& source : sources_) source->noteStored();
   clearKeeping(sources_);
   clearKeeping(changes_);
 }

@@ -31,7 +31,7 @@ class PublishedEntity : public Zel::Reactor<PublishedEntity, Zel::RawNotifiee> {
   // The values came from the store and need not be published.
   void noteValues();
   // What was put is stored.
-  void noteTold() { known_ = told_; }
+  void noteStored() { known_ = written_; }
   // The same for a member that the store made or removed.
   void adopt(const Zel::AttributeInfo& collection, Zel::Name key, const Zel::Ptr<const Zel::Entity>& member);
   void forget(const Zel::AttributeInfo& collection, Zel::Name key);
@@ -54,7 +54,7 @@ class PublishedEntity : public Zel::Reactor<PublishedEntity, Zel::RawNotifiee> {
   Publisher& publisher_;
   const Path path_;
   std::size_t known_ = 0;  // a hash of the values that the store has
-  std::size_t told_ = 0;   // the same, once what was put is stored
+  std::size_t written_ = 0;    // the same, once what was put is stored
   // Of each collection. Null for what has no members, as most have none.
   std::unique_ptr<std::map<Zel::AttributeIndex, Zel::PtrMap<PublishedEntity>>> members_;
 };

@@ -44,6 +44,7 @@ void EntryTable::roomForUndo() {
 }
 
 Entry& EntryTable::insert(Path path, Zel::Name type, Durability durability) {
+  ZEL_REQUIRE(!find(path), path << " is there as a " << find(path)->type);
   if (path.id() >= entries_.size()) entries_.resize(Path::count());
   Entry& entry = entries_[path.id()];
   entry.path = path;
@@ -62,6 +63,7 @@ Entry& EntryTable::make(Path path, Zel::Name type, Durability durability) {
 
 // An attribute of an entity that the same batch made needs no note of its own.
 void EntryTable::add(Entry& entry, Attribute attribute) {
+  ZEL_REQUIRE(!findIn(entry.attributes, attribute.name), entry.path << ' ' << attribute.name);
   roomForUndo();
   entry.attributes.push_back(std::move(attribute));
   const bool justMade =
@@ -136,6 +138,7 @@ void EntryTable::cover(Entry& entry, Attribute& attribute, const Zel::Value& val
 }
 
 void EntryTable::uncover(Entry& entry, Attribute& attribute) {
+  ZEL_REQUIRE(hidden(entry, attribute.name), entry.path << ' ' << attribute.name);
   note(entry);
   attribute.value = *hidden(entry, attribute.name);
   attribute.durability = Durability::stored;

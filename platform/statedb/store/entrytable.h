@@ -1,7 +1,7 @@
-// The entities that a store keeps in memory, and the way back to how they were. Internal to MemoryStore.
+// The entities of a store in memory, with an undo log. Internal to MemoryStore.
 //
-// An entity's attributes are those that are seen. Where a volatile value hides a stored one, the stored one
-// lies in a table of its own: few entities have any.
+// An entity's attributes are the visible ones. A stored value that a volatile one hides lies in a separate
+// table, because few entities have any.
 #pragma once
 
 #include <deque>
@@ -22,10 +22,10 @@ struct Entry : Record {
 
 using Attributes = std::vector<Attribute>;
 
-// Null where there is none.
+// Null if there is none.
 Attribute* findIn(Attributes& attributes, Zel::Name name);
 
-// Every change is noted, so that it can be taken back, until it is settled.
+// Every change is logged for undoTo() until settle().
 class EntryTable {
  public:
   // Null where there is none.
@@ -38,10 +38,10 @@ class EntryTable {
   std::unordered_map<Zel::Name, std::size_t> countByType() const;
   // Everything under a path, each entity before those under itself.
   Records under(Path path) const;
-  // Fetches what carrying out some changes will look at, so that their misses overlap instead of adding up.
+  // Prefetches what applying some changes reads, so that their cache misses overlap.
   void prefetch(std::span<const Change> changes) const;
 
-  // A new entity. REQUIRES: find(path) is null. The second notes nothing.
+  // A new entity. The second logs nothing. REQUIRES: find(path) is null.
   Entry& make(Path path, Zel::Name type, Durability durability);
   Entry& insert(Path path, Zel::Name type, Durability durability);
   void remove(Entry& entry);
@@ -50,7 +50,7 @@ class EntryTable {
   // REQUIRES: the entity has no attribute of that name.
   void add(Entry& entry, Attribute attribute);
   void change(Entry& entry, Attribute& attribute, const Zel::Value& value);
-  // Takes the attribute away, with what it hides.
+  // Removes the attribute and the value that it hides.
   void remove(Entry& entry, Zel::Name attribute);
   // The stored value that a volatile one hides; null where there is none.
   const Zel::Value* hidden(const Entry& entry, Zel::Name attribute) const;

@@ -1,19 +1,14 @@
+#include "platform/statedb/store/memorystore.h"
+
 #include <algorithm>
 #include <optional>
 #include <span>
 #include <utility>
 
 #include "platform/statedb/store/entrytable.h"
-#include "platform/statedb/store/store.h"
+#include "platform/zel/core/assert.h"
 
 namespace Statedb {
-
-StoreError::~StoreError() = default;
-RefusedError::~RefusedError() = default;
-Subscriber::~Subscriber() = default;
-Store::~Store() = default;
-
-void Subscriber::onRevealed(const Changes& changes) { onChanges(changes); }
 
 namespace {
 
@@ -21,7 +16,7 @@ using Places = std::vector<std::pair<Path, Zel::Name>>;
 
 }  // namespace
 
-struct Told {
+struct Notice {
   Changes changes{};   // for all subscribers but `origin`
   Places corrected{};  // for that one: attributes, or whole entities, that are not seen as it wrote them
   Subscriber* origin = nullptr;
@@ -34,12 +29,12 @@ struct Subscription {
 
 struct MemoryStore::State {
   EntryTable entries;
-  std::vector<Told> told;  // since the last flush
+  std::vector<Notice> notices;  // since the last flush
   std::vector<Subscription> subscriptions;
 
-  // Whether any subscription but those of `origin` is one that `wanted` says.
+  // Whether any subscription but those of `origin` satisfies `wanted`.
   template <class Wanted>
-  bool hears(const Subscriber* origin, Wanted wanted) const {
+  bool anySubscription(const Subscriber* origin, Wanted wanted) const {
     return std::ranges::any_of(subscriptions, [&](const Subscription& each) {
       return each.subscriber != origin && wanted(each.path);
     });
@@ -73,21 +68,21 @@ void appendRows(const Entry& entry, Changes& changes) {
     changes.push_back(Change::put(entry.path, entry.type, each.name, each.value));
 }
 
-// Carries one batch into the entries, and notes the steps that change anything: `told` for the subscribers
-// other than `origin`, `corrected` for that one, `stored` for what keeps rows elsewhere.
+// Carries one batch into the entries, and notes the steps that change anything: `visible` for the subscribers
+// other than `origin`, `corrected` for that one, `stored` for the stores that keep rows elsewhere.
 template <class State>
 struct Writer {
   State& state;
   const Durability durability;
   Subscriber* const origin;
-  Changes told{};
+  Changes visible{};
   Places corrected{};
   Changes stored{};
   EntryTable& entries = state.entries;
-  // Changes mostly follow each other in one collection: what stands above the last, and whether anybody hears
-  // of what stands under that.
+  // Changes mostly follow each other in one collection: the path above the last one, and whether a
+  // subscription covers it.
   Path lastAbove{};
-  bool isHeard = false;
+  bool isCovered = false;
 
   bool isStored() const { return durability == Durability::stored; }
 
@@ -156,7 +151,7 @@ struct Writer {
     stored.push_back(change);
   }
 
-  // The origin takes what it wrote for what is seen; it is told what is.
+  // The origin assumes that its value is visible: notify it of the one that is.
   void correct(Path path, Zel::Name attribute) {
     if (origin) corrected.emplace_back(path, attribute);
   }
@@ -165,7 +160,7 @@ struct Writer {
   void cover(Entry& entry, Attribute& attribute, const Change& change) {
     const bool isSeen = attribute.value != change.row.value;
     entries.cover(entry, attribute, change.row.value);
-    if (isSeen) tell(change);
+    if (isSeen) notify(change);
   }
 
   // Takes out the entity at a path and all under it.
@@ -178,7 +173,7 @@ struct Writer {
       isKept |= entry->durability == Durability::stored;
       entries.remove(*entry);
     });
-    if (any) tell(Change::del(path));
+    if (any) notify(Change::del(path));
     if (isKept) stored.push_back(Change::del(path));
   }
 
@@ -191,35 +186,36 @@ struct Writer {
       const bool isGone = gone && each.isUnder(*gone);
       if (entry->durability == Durability::stored) {
         uncover(*entry, !isGone);
-        if (isGone) appendRows(*entry, told);
+        if (isGone) appendRows(*entry, visible);
         correct(each, {});
         return;
       }
       entries.remove(*entry);
       if (isGone) return;
       gone = each;
-      tell(Change::del(each));
+      notify(Change::del(each));
     });
   }
 
-  void uncover(Entry& entry, bool isTold) {
+  void uncover(Entry& entry, bool notifies) {
     std::vector<Zel::Name> names;
     for (const Attribute& each : entry.attributes)
       if (each.durability == Durability::volatile_) names.push_back(each.name);
-    for (const Zel::Name name : names) uncover(entry, name, isTold);
+    for (const Zel::Name name : names) uncover(entry, name, notifies);
   }
 
   // The volatile value of an attribute goes; a stored one that it hid is seen again.
-  void uncover(Entry& entry, Zel::Name name, bool isTold) {
+  void uncover(Entry& entry, Zel::Name name, bool notifies) {
     if (!entries.hidden(entry, name)) {
       entries.remove(entry, name);
-      if (isTold) tell(Change::unset(entry.path, name));
+      if (notifies) notify(Change::unset(entry.path, name));
       return;
     }
     Attribute& attribute = *findIn(entry.attributes, name);
     const Zel::Value before = attribute.value;
     entries.uncover(entry, attribute);
-    if (isTold && attribute.value != before) tell(Change::put(entry.path, entry.type, name, attribute.value));
+    if (notifies && attribute.value != before)
+      notify(Change::put(entry.path, entry.type, name, attribute.value));
   }
 
   void unset(const Change& change) {
@@ -231,7 +227,7 @@ struct Writer {
     if (isStored()) {
       if (wasStored || entries.hidden(*entry, name)) stored.push_back(change);
       entries.remove(*entry, name);
-      return tell(change);
+      return notify(change);
     }
     if (!wasStored) uncover(*entry, name, true);
     correct(entry->path, name);
@@ -239,22 +235,22 @@ struct Writer {
 
   void note(const Change& change) {
     if (isStored()) stored.push_back(change);
-    tell(change);
+    notify(change);
   }
-  void tell(const Change& change) {
-    if (hears(change)) told.push_back(change);
+  void notify(const Change& change) {
+    if (isSubscribed(change)) visible.push_back(change);
   }
 
-  // Whether anybody but `origin` is to hear of a change.
-  bool hears(const Change& change) {
+  // Whether a subscription other than that of `origin` covers a change.
+  bool isSubscribed(const Change& change) {
     const Path path = change.row.path;
     if (change.kind == Change::Kind::del || path.empty())
-      return state.hears(origin, [&](Path subscribed) { return concerns(change, subscribed); });
+      return state.anySubscription(origin, [&](Path subscribed) { return concerns(change, subscribed); });
     if (const Path above = path.parent(); above != lastAbove || above.empty()) {
       lastAbove = above;
-      isHeard = state.hears(origin, [&](Path subscribed) { return above.isUnder(subscribed); });
+      isCovered = state.anySubscription(origin, [&](Path subscribed) { return above.isUnder(subscribed); });
     }
-    return isHeard || state.hears(origin, [&](Path subscribed) { return path == subscribed; });
+    return isCovered || state.anySubscription(origin, [&](Path subscribed) { return path == subscribed; });
   }
 };
 
@@ -269,13 +265,20 @@ Changes asSeen(const EntryTable& entries, const Places& places) {
   return changes;
 }
 
-// Tells a subscriber its part of a batch.
-void tell(const Told& told, const Subscription& to, const EntryTable& entries) {
-  if (to.subscriber == told.origin)
-    takePart(asSeen(entries, told.corrected), to.path,
+// Notifies a subscriber of its part of a batch.
+void notify(const Notice& notice, const Subscription& to, const EntryTable& entries) {
+  if (to.subscriber == notice.origin)
+    takePart(asSeen(entries, notice.corrected), to.path,
              [&](const Changes& part) { to.subscriber->onRevealed(part); });
   else
-    takePart(told.changes, to.path, [&](const Changes& part) { to.subscriber->onChanges(part); });
+    takePart(notice.changes, to.path, [&](const Changes& part) { to.subscriber->onChanges(part); });
+}
+
+// A handler may subscribe and unsubscribe anyone.
+template <class State>
+void notifySubscribers(const State& state, const Notice& notice) {
+  for (const Subscription& each : std::vector(state.subscriptions))
+    if (state.isSubscribed(*each.subscriber)) notify(notice, each, state.entries);
 }
 
 }  // namespace
@@ -283,8 +286,8 @@ void tell(const Told& told, const Subscription& to, const EntryTable& entries) {
 void MemoryStore::write(const Changes& changes, Durability durability, Subscriber* origin) {
   EntryTable& entries = state_->entries;
   const std::size_t before = entries.mark();
-  std::vector<Told>& told = state_->told;
-  const std::size_t toldBefore = told.size();
+  std::vector<Notice>& notices = state_->notices;
+  const std::size_t noticesBefore = notices.size();
   Writer<State> writer{*state_, durability, origin};
   try {
     constexpr std::size_t kAtOnce = 16;
@@ -293,32 +296,29 @@ void MemoryStore::write(const Changes& changes, Durability durability, Subscribe
         entries.prefetch(std::span(changes).subspan(i, std::min(kAtOnce, changes.size() - i)));
       writer.apply(changes[i]);
     }
-    if (!writer.told.empty() || !writer.corrected.empty())
-      told.push_back({std::move(writer.told), std::move(writer.corrected), origin});
+    if (!writer.visible.empty() || !writer.corrected.empty())
+      notices.push_back({std::move(writer.visible), std::move(writer.corrected), origin});
     if (!writer.stored.empty()) persist(writer.stored);
   } catch (...) {
-    told.resize(toldBefore);
+    notices.resize(noticesBefore);
     entries.undoTo(before);
     throw;
   }
 }
 
-void MemoryStore::flush() {
-  if (!state_->entries.anyChange() && state_->told.empty()) return;
+Ticket MemoryStore::flush() {
+  if (!state_->entries.anyChange() && state_->notices.empty()) return {};
   try {
     commit();
   } catch (...) {
     rollback();
     state_->entries.undoTo(0);
-    state_->told.clear();
+    state_->notices.clear();
     throw;
   }
   state_->entries.settle();
-  for (const Told& told : std::exchange(state_->told, {})) {
-    const auto subscriptions = state_->subscriptions;
-    for (const Subscription& each : subscriptions)
-      if (state_->isSubscribed(*each.subscriber)) tell(told, each, state_->entries);
-  }
+  for (const Notice& notice : std::exchange(state_->notices, {})) notifySubscribers(*state_, notice);
+  return {};
 }
 
 Records MemoryStore::read(Path path) const {
@@ -341,6 +341,7 @@ std::unordered_map<Zel::Name, std::size_t> MemoryStore::entitiesByType() const {
 void MemoryStore::restore(Row row) {
   Entry* entry = state_->entries.find(row.path);
   if (!entry) entry = &state_->entries.insert(row.path, row.type, Durability::stored);
+  ZEL_REQUIRE(!findIn(entry->attributes, row.attribute), row.path << ' ' << row.attribute);
   if (!row.attribute.empty()) entry->attributes.emplace_back(row.attribute, std::move(row.value));
 }
 

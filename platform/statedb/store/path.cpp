@@ -8,6 +8,7 @@
 #include "platform/zel/core/assert.h"
 #include "platform/zel/core/lastseen.h"
 #include "platform/zel/entity/entity.h"
+#include "platform/zel/entity/pathwalker.h"
 #include "platform/zel/notify/lookahead.h"
 #include "platform/zel/object/value.h"
 
@@ -122,23 +123,8 @@ namespace {
 PathTable& table() { return PathTable::instance(); }
 }  // namespace
 
-void Path::check(std::string_view text) {
-  const auto refuse = [text](const std::string& why) {
-    throw Zel::ValueError("the path '" + Zel::excerpt(text) + "' " + why);
-  };
-  if (text.size() > kLongest) refuse("is longer than " + std::to_string(kLongest) + " bytes");
-  if (text.size() < kDeepest) return;  // as most: too short for either of what follows
-  if (static_cast<std::size_t>(std::ranges::count(text, '/')) >= kDeepest)
-    refuse("has more than " + std::to_string(kDeepest) + " components");
-  for (std::size_t at = 0; at < text.size();) {
-    const std::size_t end = std::min(text.find('/', at), text.size());
-    Zel::Name::checkEscaped(text.substr(at, end - at));
-    at = end + 1;
-  }
-}
-
 Path::Path(std::string_view text) {
-  check(text);
+  Zel::PathWalker::check(text);
   const auto step = [](Path parent, std::string_view component) {
     return table().make(parent, Zel::Name::escaped(component));
   };
@@ -147,7 +133,7 @@ Path::Path(std::string_view text) {
 
 std::optional<Path> Path::existing(std::string_view text) {
   if (text.empty()) return Path();
-  if (text.size() > kLongest) return std::nullopt;
+  if (text.size() > Zel::PathWalker::kLongest) return std::nullopt;
   const auto step = [](Path parent, std::string_view component) {
     const auto known = Zel::Name::existing(component);
     return known ? table().find(parent, *known) : Path();

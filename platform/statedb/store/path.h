@@ -25,15 +25,8 @@ namespace Statedb {
 // should be, and lead anywhere, is checked where rows are checked.
 class ZEL_API Path {
  public:
-  static constexpr std::size_t kLongest = 4096;  // bytes
-  static constexpr std::size_t kDeepest = 64;    // components
-
-  // Throws ValueError where a text is no path: it is longer than kLongest, has more components than kDeepest,
-  // or one that is longer than a name.
-  static void check(std::string_view text);
-
   constexpr Path() = default;  // the empty path, which everything stands under
-  // Throw as check(); nothing is added to the table then.
+  // Throw ValueError if a text exceeds the limits of PathWalker; nothing is added to the table then.
   Path(const char* text) : Path(std::string_view(text)) {}
   Path(const std::string& text) : Path(std::string_view(text)) {}
   explicit Path(std::string_view text);

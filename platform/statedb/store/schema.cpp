@@ -5,18 +5,11 @@
 #include "platform/zel/core/assert.h"
 #include "platform/zel/entity/dir.h"
 #include "platform/zel/entity/entity.h"
+#include "platform/zel/entity/pathwalker.h"
 
 namespace Statedb {
 
 namespace {
-
-std::string collectionsOf(const Zel::TypeNode& type) {
-  std::string names;
-  for (const Zel::TypeNode* each = &type; each; each = each->base())
-    for (const Zel::AttributeInfo& attribute : each->attributes())
-      if (attribute.memberType) names += (names.empty() ? "" : ", ") + std::string(attribute.name);
-  return names;
-}
 
 std::string storedAttributesOf(const Zel::TypeNode& type) {
   std::string names;
@@ -26,48 +19,6 @@ std::string storedAttributesOf(const Zel::TypeNode& type) {
         names += (names.empty() ? "" : ", ") + std::string(attribute.name);
   return names.empty() ? "none" : names;
 }
-
-// An object of a type holds its entries by name alone where one of its collections is direct.
-bool isDirectory(const Zel::TypeNode& type) {
-  for (const Zel::TypeNode* each = &type; each; each = each->base())
-    for (const Zel::AttributeInfo& attribute : each->attributes())
-      if (attribute.direct) return true;
-  return false;
-}
-
-}  // namespace
-
-std::string_view PathReader::component() {
-  const std::size_t end = std::min(path_.find('/', at_), path_.size());
-  const std::string_view text = path_.substr(at_, end - at_);
-  if (text.empty() || end + 1 == path_.size())
-    throw Zel::ValueError("'" + std::string(path_) +
-                          "' has an empty component; a path is NAME/NAME without a slash at either end");
-  at_ = end + 1;
-  return text;
-}
-
-PathReader::Step PathReader::next(const Zel::TypeNode& type) {
-  ZEL_REQUIRE(!done(), path_);
-  Step step;
-  if (!isDirectory(type)) {
-    step.collection = component();
-    const Zel::AttributeInfo* attribute = type.find(std::string_view(step.collection));
-    if (!attribute || !attribute->memberType) {
-      const std::string has = collectionsOf(type);
-      throw Zel::ValueError("'" + step.collection + "' is no collection of " + type.name().stdString() +
-                            (has.empty() ? ", which has none" : "; it has " + has));
-    }
-    if (done())
-      throw Zel::ValueError("'" + step.collection + "' is a collection; a member's name must follow it");
-    step.memberType = &attribute->memberType();
-  }
-  step.key = Zel::unescapeComponent(component());
-  step.path = path_.substr(0, at_ - 1);
-  return step;
-}
-
-namespace {
 
 // Agents are mounters.
 bool isAgents(const Zel::TypeNode& type) {
@@ -110,11 +61,6 @@ void checkRow(Zel::Name typeName, Zel::Name attribute, const Zel::Value& value) 
   if (!attribute.empty()) checkAttribute(type, attribute.view(), value);
 }
 
-std::string_view textAbove(std::string_view path) {
-  const std::size_t slash = path.rfind('/');
-  return slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
-}
-
 Zel::Name TypesAfter::typeAt(std::string_view path) const {
   const auto put = puts_.find(path);
   const std::size_t step = put == puts_.end() ? 0 : put->second.step;
@@ -124,7 +70,7 @@ Zel::Name TypesAfter::typeAt(std::string_view path) const {
 
 std::size_t TypesAfter::lastDel(std::string_view path) const {
   std::size_t last = 0;
-  for (; !dels_.empty() && !path.empty(); path = textAbove(path))
+  for (; !dels_.empty() && !path.empty(); path = Zel::PathWalker::above(path))
     if (const auto del = dels_.find(path); del != dels_.end()) last = std::max(last, del->second);
   return last;
 }
@@ -132,11 +78,12 @@ std::size_t TypesAfter::lastDel(std::string_view path) const {
 Zel::Name placeType(std::string_view path, const TypesAfter& types) {
   if (path.empty()) throw Zel::ValueError("the path is empty");
   const Zel::TypeNode* above = &Zel::Dir::typeNode();
-  for (PathReader reader(path);;) {
-    const auto step = reader.next(*above);
-    if (reader.done()) return step.memberType ? step.memberType->name() : Zel::Name();
+  for (Zel::PathWalker walker(path);;) {
+    const auto step = walker.next(*above);
+    const auto memberType = step.collection->memberType;
+    if (walker.done()) return memberType ? memberType().name() : Zel::Name();
     const Zel::Name found = types.typeAt(step.path);
-    if (found.empty() && step.memberType)
+    if (found.empty() && memberType)
       throw Zel::ValueError("there is no entity at '" + std::string(step.path) + "'");
     above = found.empty() ? &Zel::Dir::typeNode() : &typeNamed(found.view());
   }

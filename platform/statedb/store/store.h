@@ -3,20 +3,22 @@
 //     MemoryStore store;
 //     store.subscribe("hardware/led", subscriber);  // gets a snapshot, then the changes of each flush
 //     store.write({Change::put(path, "Hardware::Led::LedConfig", "theme", "night")}, Durability::stored);
-//     store.flush();
-//     for (const Record* record : store.read("hardware/led")) print(record->path);
+//     if (store.flush().isDone()) log("durable");
+//     if (const Table* table = store.table()) print(table->read("hardware/led"));
 //
-// Activity thread only. Feeds are called from flush(), or when the host lets the store work; never from
-// write().
+// Activity thread only. Subscribers are notified from flush(), or when the host lets the store work; never
+// from write().
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "platform/statedb/store/row.h"
+#include "platform/statedb/store/table.h"
 #include "platform/zel/core/export.h"
 
 namespace Statedb {
@@ -56,6 +58,51 @@ class ZEL_API Subscriber {
   virtual ~Subscriber();
 };
 
+// How far one flush has come. Copies share the outcome. Tickets of a store complete in the order of its
+// flushes.
+class Ticket {
+ public:
+  struct Outcome {
+    bool isDone = false;
+    std::string failure{};  // empty: everything that the flush covers is durable
+  };
+
+  // Of a flush that was durable when it returned.
+  Ticket() = default;
+  // Of one that another process completes: the store fills the outcome in later, from the loop.
+  explicit Ticket(std::shared_ptr<const Outcome> outcome) : outcome_(std::move(outcome)) {}
+
+  // Of one that failed at once.
+  static Ticket failed(std::string why) {
+    return Ticket(std::make_shared<const Outcome>(Outcome{true, std::move(why)}));
+  }
+
+  bool isDone() const { return !outcome_ || outcome_->isDone; }
+  // Why nothing of what the flush covers was stored; empty while it is not done, and where it succeeded.
+  std::string failure() const { return outcome_ ? outcome_->failure : std::string(); }
+
+ private:
+  std::shared_ptr<const Outcome> outcome_;
+};
+
+// Whether a store can be reached; one in this process always can.
+struct StoreState {
+  bool isReached = true;
+  std::string reason{};  // while it is not reached: why, and what the store does about it
+};
+
+// How a process introduces itself to those that share its state.
+struct Announcement {
+  struct Agent {
+    std::string name;
+    std::string library;
+  };
+  std::int64_t pid = 0;
+  std::string socket{};  // of its own clients
+  std::vector<Agent> agents{};
+  std::vector<std::string> publishes{};  // the paths of its "wi" mounts; texts, so that none is interned
+};
+
 // The state database keeps a stored and a volatile value of each attribute of an entity. read() and the
 // subscribers see the volatile value where there is one; the stored one is kept under it and shows again when
 // the volatile one goes.
@@ -75,60 +122,32 @@ class ZEL_API Store {
 
   // The URL as on the command line ("sqlite:/var/lib/pinlamp/state.db").
   virtual std::string url() const = 0;
+  // Always reached by default.
+  virtual StoreState state() const;
+  // The rows, where they are kept or mirrored in this process; else null, which is the default.
+  virtual const Table* table() const;
 
   // `subscriber` gets a snapshot, at once or as soon as the store is reached, then the changes until it
   // unsubscribes. A subscriber can be subscribed under one path only.
   virtual void subscribe(Path path, Subscriber& subscriber) = 0;
   virtual void unsubscribe(Subscriber& subscriber) = 0;
 
-  // Takes a batch, all of it or nothing. read() sees it at once; the next flush() makes it durable and
+  // Takes a batch, all of it or nothing. The table shows it at once; the next flush() makes it durable and
   // notifies the subscribers other than `origin`. A put with another type replaces the entity at its path.
   // Throws RefusedError if a volatile put would replace anything stored, and StoreError.
+  // REQUIRES: the durability is volatile_, or there is a table().
   virtual void write(const Changes& changes, Durability durability, Subscriber* origin = nullptr) = 0;
   // Makes everything written so far durable in one step, then notifies the subscribers. Throws StoreError if
-  // that fails: everything since the last flush is undone, and no subscriber is notified.
-  virtual void flush() = 0;
+  // that fails at once, and fails the ticket if it fails later: everything since the last flush is undone,
+  // and no subscriber is notified.
+  virtual Ticket flush() = 0;
 
-  // Everything visible under a path, sorted as a person reads it, valid until the next write. A store without
-  // rows on this side throws StoreError.
-  virtual Records read(Path path) const = 0;
+  // Tells the processes that share this state which one this is, and what it publishes: now, and whenever the
+  // store is reached again. Replaces the last announcement. Does nothing by default.
+  virtual void announce(const Announcement& announcement);
 
  protected:
   Store() = default;
-};
-
-// Keeps its rows in memory. The base of stores that keep them elsewhere as well.
-class ZEL_API MemoryStore : public Store {
- public:
-  MemoryStore();
-  ~MemoryStore() override;
-
-  std::string url() const override { return "memory:"; }
-  void subscribe(Path path, Subscriber& subscriber) override;
-  void unsubscribe(Subscriber& subscriber) override;
-  void write(const Changes& changes, Durability durability, Subscriber* origin = nullptr) override;
-  void flush() override;
-  Records read(Path path) const override;
-
-  // The type of the entity at a path; empty where there is none.
-  Zel::Name typeAt(Path path) const;
-  std::size_t entities() const;
-  // How many of each type there are. Linear.
-  std::unordered_map<Zel::Name, std::size_t> entitiesByType() const;
-
- protected:
-  // For stores that keep rows elsewhere: `persist` takes the stored part of a batch, `commit` makes all of
-  // them durable at once, `rollback` drops them. They throw StoreError; a `persist` that throws keeps nothing
-  // of its batch.
-  virtual void persist(const Changes&) {}
-  virtual void commit() {}
-  virtual void rollback() {}
-  // For the start: takes a row that is durable already. REQUIRES: there is no row of that path and attribute.
-  void restore(Row row);
-
- private:
-  struct State;
-  std::unique_ptr<State> state_;
 };
 
 }  // namespace Statedb

@@ -17,8 +17,8 @@ const Value* Value::field(std::string_view name) const {
 }
 
 void Value::fieldIs(std::string_view name, Value value) {
-  if (!as<Fields>()) value_ = Fields{};
-  auto& fields = *as<Fields>();
+  if (!ownFields()) *this = Fields{};
+  auto& fields = *ownFields();
   const auto found = std::ranges::find(fields, name, &Field::first);
   if (found == fields.end())
     fields.emplace_back(std::string(name), std::move(value));
@@ -26,9 +26,18 @@ void Value::fieldIs(std::string_view name, Value value) {
     found->second = std::move(value);
 }
 
+// Copies fields that other values share; what they were converted to does not outlive a change.
+Value::Fields* Value::ownFields() {
+  auto* found = std::get_if<SharedPtr>(&value_);
+  if (!found || !*found) return nullptr;
+  if (found->use_count() > 1) *found = std::make_shared<Shared>(Fields((*found)->fields));
+  (*found)->convertedTo = 0;
+  return &const_cast<Shared&>(**found).fields;
+}
+
 const char* Value::kindText() const {
-  static constexpr const char* kTexts[] = {"null",   "true or false", "a whole number", "a number",
-                                           "a text", "a list",        "fields",         "an object"};
+  static constexpr const char* kTexts[] = {"null",     "true or false", "a whole number", "a number",
+                                           "a string", "an array",      "an object",      "a reference"};
   return kTexts[value_.index()];
 }
 

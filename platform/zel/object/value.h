@@ -1,10 +1,14 @@
 // The neutral value: what an attribute's value is on its way between an object, a store and a socket.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <iosfwd>
+#include <memory>
+#include <new>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -15,8 +19,9 @@
 
 namespace Zel {
 
-// Null, a truth value, a whole number, a number, a text, a list, named fields, or a reference to an object.
-// Fields keep the order in which they were added; two sets of fields are equal whatever their order.
+// Null, a truth value, a whole number, a number, a string, an array (List), an object by name (Fields), or a
+// reference to an object of this process. Fields keep the order in which they were added; two sets of fields
+// are equal whatever their order. Copies of a value share its fields until one of them is changed.
 class ZEL_API Value {
  public:
   using List = std::vector<Value>;
@@ -39,7 +44,7 @@ class ZEL_API Value {
   Value(std::string value) : value_(std::move(value)) {}
   Value(std::string_view value) : value_(std::string(value)) {}
   Value(List value) : value_(std::move(value)) {}
-  Value(Fields value) : value_(std::move(value)) {}
+  Value(Fields value) : value_(std::make_shared<Shared>(std::move(value))) {}
   Value(Object value) : value_(std::move(value)) {}
 
   bool isNull() const { return std::holds_alternative<std::monostate>(value_); }
@@ -47,30 +52,86 @@ class ZEL_API Value {
   // value is of another kind.
   template <class T>
   const T* as() const {
-    return std::get_if<T>(&value_);
+    if constexpr (std::is_same_v<T, Fields>)
+      return shared() ? &shared()->fields : nullptr;
+    else
+      return std::get_if<T>(&value_);
   }
+  // To change it in place.
   template <class T>
   T* as() {
-    return std::get_if<T>(&value_);
+    if constexpr (std::is_same_v<T, Fields>)
+      return ownFields();
+    else
+      return std::get_if<T>(&value_);
   }
   // The field of that name; null where there is none or the value has no fields.
   const Value* field(std::string_view name) const;
   // Adds a field, or replaces the one of that name. A value that is not made of fields becomes one that is.
   void fieldIs(std::string_view name, Value value);
 
-  // What kind it is, as a person says it: "null", "true or false", "a whole number", "a number", "a text",
-  // "a list", "fields", "an object".
+  // The struct that the fields were converted to, if noteConverted() noted one of that type; else null.
+  // Copies share it, so a value that was checked at the socket is not converted again where it is applied.
+  template <class S>
+  const S* converted() const {
+    static_assert(std::is_trivially_copyable_v<S> && sizeof(S) <= kLargestStruct);
+    const Shared* fields = shared();
+    if (!fields || fields->convertedTo != fingerprint(S::kTypeName) || fields->size != sizeof(S))
+      return nullptr;
+    return std::launder(reinterpret_cast<const S*>(fields->bytes));
+  }
+  template <class S>
+  void noteConverted(const S& result) const {
+    static_assert(std::is_trivially_copyable_v<S> && sizeof(S) <= kLargestStruct);
+    if (!shared()) return;
+    ::new (shared()->bytes) S(result);
+    shared()->size = sizeof(S);
+    shared()->convertedTo = fingerprint(S::kTypeName);
+  }
+  static constexpr std::size_t kLargestStruct = 48;
+
+  // What kind it is, as a person says it: "null", "true or false", "a whole number", "a number", "a string",
+  // "an array", "an object", "a reference".
   const char* kindText() const;
 
   template <class Visitor>
   decltype(auto) visit(Visitor&& visitor) const {
-    return std::visit(std::forward<Visitor>(visitor), value_);
+    return std::visit(
+        [&visitor]<class T>(const T& value) -> decltype(auto) {
+          if constexpr (std::is_same_v<T, SharedPtr>)
+            return value ? visitor(value->fields) : visitor(std::monostate());  // null: moved from
+          else
+            return visitor(value);
+        },
+        value_);
   }
 
   friend ZEL_API bool operator==(const Value& a, const Value& b);
 
  private:
-  std::variant<std::monostate, bool, std::int64_t, double, std::string, List, Fields, Object> value_;
+  // The fields, and what they were converted to last: the bytes of a struct, so that nothing here depends on
+  // code of a library that may be unloaded before the value goes.
+  struct Shared {
+    explicit Shared(Fields&& theFields) : fields(std::move(theFields)) {}
+    Fields fields;
+    mutable std::uint64_t convertedTo = 0;  // the fingerprint of its type; 0: nothing was noted
+    mutable std::size_t size = 0;
+    alignas(8) mutable std::byte bytes[kLargestStruct];
+  };
+  using SharedPtr = std::shared_ptr<const Shared>;
+
+  static constexpr std::uint64_t fingerprint(std::string_view name) {  // FNV-1a
+    std::uint64_t hash = 0xCBF29CE484222325U;
+    for (const char c : name) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001B3U;
+    return hash;
+  }
+  const Shared* shared() const {
+    const auto* found = std::get_if<SharedPtr>(&value_);
+    return found ? found->get() : nullptr;
+  }
+  Fields* ownFields();
+
+  std::variant<std::monostate, bool, std::int64_t, double, std::string, List, SharedPtr, Object> value_;
 };
 
 // As JSON would print it; a reference prints as the object's type and address. For messages and traces.

@@ -59,7 +59,7 @@ void forEachName(const Value& value, Take take) {
       add(name, detail::expect<bool>(beside, "true or false beside a name"));
     return;
   }
-  for (const Value& name : detail::expect<Value::List>(value, "a list of names"))
+  for (const Value& name : detail::expect<Value::List>(value, "an array of names"))
     add(detail::expect<std::string>(name, "a name"), true);
 }
 

@@ -78,13 +78,15 @@ template <>
 struct ValueTraits<std::string> {
   static std::string typeName() { return "text"; }
   static Value toValue(const std::string& value) { return value; }
-  static std::string fromValue(const Value& value) { return detail::expect<std::string>(value, "a text"); }
+  static std::string fromValue(const Value& value) { return detail::expect<std::string>(value, "a string"); }
 };
 template <>
 struct ValueTraits<String> {
   static std::string typeName() { return "Zel::String"; }
   static Value toValue(const String& value) { return value.stdString(); }
-  static String fromValue(const Value& value) { return String(detail::expect<std::string>(value, "a text")); }
+  static String fromValue(const Value& value) {
+    return String(detail::expect<std::string>(value, "a string"));
+  }
 };
 template <>
 struct ValueTraits<Name> {
@@ -108,7 +110,7 @@ struct ValueTraits<Ptr<T>> {
   // Null gives a null pointer.
   static Ptr<T> fromValue(const Value& value) {
     if (value.isNull()) return nullptr;
-    const auto& object = detail::expect<Value::Object>(value, "an object");
+    const auto& object = detail::expect<Value::Object>(value, "a reference");
     if (!object.pointer) return nullptr;
     auto* found = dynamic_cast<const T*>(object.pointer.get());
     if (!found) throwWrongKind(value, typeName().c_str());
@@ -150,8 +152,19 @@ struct ValueTraits<S> {
 
   // Fields that are not given have their default.
   static S fromValue(const Value& value) {
+    if constexpr (kIsNoted)
+      if (const S* known = value.converted<S>()) return *known;
+    const S result = convert(value);
+    if constexpr (kIsNoted) value.noteConverted(result);
+    return result;
+  }
+
+ private:
+  static constexpr bool kIsNoted = std::is_trivially_copyable_v<S> && sizeof(S) <= Value::kLargestStruct;
+
+  static S convert(const Value& value) {
     S result;
-    for (const Value::Field& given : detail::expect<Value::Fields>(value, "fields")) {
+    for (const Value::Field& given : detail::expect<Value::Fields>(value, "an object")) {
       bool known = false;
       each([&]<auto Member>(const Field<Member>& field) {
         if (known || given.first != field.name) return;
@@ -162,8 +175,6 @@ struct ValueTraits<S> {
     }
     return result;
   }
-
- private:
   static std::string names() {
     std::string names;
     each([&](const auto& field) { names += (names.empty() ? "" : ", ") + std::string(field.name); });

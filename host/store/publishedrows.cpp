@@ -1,4 +1,4 @@
-#include "host/store/ownrows.h"
+#include "host/store/publishedrows.h"
 
 #include <algorithm>
 
@@ -12,7 +12,7 @@ using Statedb::Record;
 using Statedb::Records;
 using Statedb::Row;
 
-bool OwnRows::Unknown::covers(Path path) const {
+bool PublishedRows::Unknown::covers(Path path) const {
   if (removed.empty()) return false;
   for (;; path = path.parent()) {
     if (removed.contains(path)) return true;
@@ -20,23 +20,23 @@ bool OwnRows::Unknown::covers(Path path) const {
   }
 }
 
-bool OwnRows::Unknown::touches(const Change& change) const {
+bool PublishedRows::Unknown::touches(const Change& change) const {
   return covers(change.row.path) || set.contains({change.row.path, change.row.attribute});
 }
 
 // Whether something that was made or set here, at or under the path, is not known there yet.
-bool OwnRows::anyUnknown(Path path) const {
+bool PublishedRows::anyUnknown(Path path) const {
   const auto isMade = [&](const auto& each) {
     return each.first.isUnder(path) && entities_.contains(each.first);
   };
   return std::ranges::any_of(unsent_.set, isMade) || std::ranges::any_of(underWay_.set, isMade);
 }
 
-void OwnRows::forget(Path path) {
+void PublishedRows::forget(Path path) {
   path.forEachUnder([this](Path each) { entities_.erase(each); });
 }
 
-void OwnRows::put(const Row& row, Unknown* note) {
+void PublishedRows::put(const Row& row, Unknown* note) {
   const auto [place, added] = entities_.try_emplace(row.path, Record{row.path, row.type, {}});
   if (added && note) note->set.insert({row.path, {}});
   if (row.attribute.empty()) return;
@@ -49,35 +49,37 @@ void OwnRows::put(const Row& row, Unknown* note) {
   if (note) note->set.insert({row.path, row.attribute});
 }
 
-void OwnRows::unset(Path path, Zel::Name attribute) {
+void PublishedRows::unset(Path path, Zel::Name attribute) {
   const auto entity = entities_.find(path);
   if (entity == entities_.end()) return;
   std::erase_if(entity->second.attributes, [&](const Attribute& each) { return each.name == attribute; });
 }
 
-void OwnRows::write(const Changes& changes) {
+void PublishedRows::write(const Changes& changes) {
   for (const Change& change : changes) {
     const Path path = change.row.path;
     if (change.kind == Change::Kind::put) {
       put(change.row, &unsent_);
-      continue;
-    }
-    if (change.kind == Change::Kind::unset) {
+    } else if (change.kind == Change::Kind::unset) {
       unset(path, change.row.attribute);
       unsent_.set.insert({path, change.row.attribute});
-      continue;
+    } else {
+      remove(path);
     }
-    path.forEachUnder([this](Path each) {
-      if (entities_.erase(each) == 0) return;
-      const auto first = unsent_.set.lower_bound({each, {}});
-      unsent_.set.erase(
-          first, std::find_if(first, unsent_.set.end(), [&](const auto& set) { return set.first != each; }));
-    });
-    unsent_.removed.insert(path);
   }
 }
 
-void OwnRows::adopt(const Record& record) {
+void PublishedRows::remove(Path path) {
+  path.forEachUnder([this](Path each) {
+    if (entities_.erase(each) == 0) return;
+    const auto isOther = [&](const auto& set) { return set.first != each; };
+    const auto first = unsent_.set.lower_bound({each, {}});
+    unsent_.set.erase(first, std::find_if(first, unsent_.set.end(), isOther));
+  });
+  unsent_.removed.insert(path);
+}
+
+void PublishedRows::adopt(const Record& record) {
   if (isRemoved(record.path)) return;
   const auto held = entities_.find(record.path);
   const Record* own = held == entities_.end() ? nullptr : &held->second;
@@ -86,7 +88,7 @@ void OwnRows::adopt(const Record& record) {
     if (!own || !own->find(each.name)) put({record.path, record.type, each.name, each.value}, nullptr);
 }
 
-Changes OwnRows::send() {
+Changes PublishedRows::send() {
   underWay_ = std::exchange(unsent_, {});
   sending_ = true;
   Changes changes;
@@ -102,12 +104,12 @@ Changes OwnRows::send() {
   return changes;
 }
 
-void OwnRows::acknowledged() {
+void PublishedRows::acknowledged() {
   underWay_ = {};
   sending_ = false;
 }
 
-void OwnRows::lost() {
+void PublishedRows::lost() {
   // A removal that was under way is sent again; one of what was never there does no harm.
   unsent_.removed.merge(underWay_.removed);
   unsent_.set.merge(underWay_.set);
@@ -115,7 +117,7 @@ void OwnRows::lost() {
   sendAgain({});
 }
 
-void OwnRows::sendAgain(Path under) {
+void PublishedRows::sendAgain(Path under) {
   for (const auto& [path, entity] : entities_) {
     if (!path.isUnder(under)) continue;
     unsent_.set.insert({path, {}});
@@ -142,7 +144,7 @@ Record merged(const Record& theirs, const Record& own) {
 }  // namespace
 
 // The record less the values that were unset here and not there yet.
-const Record* OwnRows::withoutUnset(const Record* record) {
+const Record* PublishedRows::withoutUnset(const Record* record) {
   const auto own = entities_.find(record->path);
   const auto isUnset = [&](const Attribute& each) {
     const std::pair place{record->path, each.name};
@@ -155,7 +157,7 @@ const Record* OwnRows::withoutUnset(const Record* record) {
   return &merged_.emplace_back(std::move(less));
 }
 
-Records OwnRows::over(const Records& snapshot, Path path) {
+Records PublishedRows::over(const Records& snapshot, Path path) {
   Records records;
   merged_.clear();
   std::unordered_set<Path> both;
@@ -175,7 +177,7 @@ Records OwnRows::over(const Records& snapshot, Path path) {
 }
 
 // Returns whether the change stands against what will be overwritten from here.
-bool OwnRows::takeNote(const Change& change) {
+bool PublishedRows::takeNote(const Change& change) {
   const Path path = change.row.path;
   if (unsent_.touches(change) || underWay_.touches(change)) return false;
   // Everything that stood there went; what is kept here must be sent again.
@@ -191,13 +193,13 @@ bool OwnRows::takeNote(const Change& change) {
   return true;
 }
 
-Changes OwnRows::told(const Changes& changes) {
-  Changes heard;
-  std::ranges::copy_if(changes, std::back_inserter(heard), [this](auto& each) { return takeNote(each); });
-  return heard;
+Changes PublishedRows::received(const Changes& changes) {
+  Changes accepted;
+  std::ranges::copy_if(changes, std::back_inserter(accepted), [this](auto& each) { return takeNote(each); });
+  return accepted;
 }
 
-Changes OwnRows::revealed(const Changes& changes) const {
+Changes PublishedRows::revealed(const Changes& changes) const {
   Changes seen;
   std::ranges::copy_if(changes, std::back_inserter(seen),
                        [this](auto& each) { return !unsent_.touches(each); });

@@ -1,5 +1,5 @@
 // What a process publishes into a state database elsewhere, under random writes, delays, losses and restarts.
-#include "host/store/ownrows.h"
+#include "host/store/publishedrows.h"
 
 #include <gtest/gtest.h>
 
@@ -7,6 +7,7 @@
 #include <functional>
 #include <random>
 
+#include "platform/statedb/store/memorystore.h"
 #include "tests/platform/storemodel.h"
 
 namespace {
@@ -34,7 +35,7 @@ struct Line : Statedb::Subscriber {
     });
   }
   void onChanges(const Changes& changes) override {
-    toClient.push_back([this, changes] { carryInto(client, own.told(changes)); });
+    toClient.push_back([this, changes] { carryInto(client, own.received(changes)); });
   }
   void onRevealed(const Changes& changes) override {
     toClient.push_back([this, changes] { carryInto(client, own.revealed(changes)); });
@@ -68,13 +69,13 @@ struct Line : Statedb::Subscriber {
   }
 
   std::unique_ptr<Statedb::MemoryStore> server = std::make_unique<Statedb::MemoryStore>();
-  Host::OwnRows own;
+  Host::PublishedRows own;
   Rows client;
   std::deque<Changes> toServer;
   std::deque<std::function<void()>> toClient;
 };
 
-TEST(OwnRows, BothSidesComeToTheSameRowsAndNothingPublishedIsLost) {
+TEST(PublishedRows, BothSidesComeToTheSameRowsAndNothingPublishedIsLost) {
   std::mt19937 random(17);
   const auto pin = [&] { return "out/p" + std::to_string(random() % 6); };
   for (int round = 0; round < 200; ++round) {
@@ -119,8 +120,8 @@ TEST(OwnRows, BothSidesComeToTheSameRowsAndNothingPublishedIsLost) {
   }
 }
 
-TEST(OwnRows, WhatAPredecessorPublishedIsSentAgainAsItStandsHere) {
-  Host::OwnRows own;
+TEST(PublishedRows, WhatAPredecessorPublishedIsSentAgainAsItStandsHere) {
+  Host::PublishedRows own;
   own.write({Change::put("out/a", "Pin", "value", 1), Change::del("out/gone")});
   for (const char* path : {"out/a", "out/b", "out/gone"}) own.adopt({path, "Pin", {{"value", 5}}});
   own.send();

@@ -1,7 +1,7 @@
-// What this process has published into a state database that another process keeps, and how far that is known
-// there.
+// The rows that this process has published into a state database of another process, and which of them that
+// process has.
 //
-// State, not a log: however long the other side is away, what is kept is one value for each attribute.
+// State, not a log: however long the other side is away, one value is kept for each attribute.
 #pragma once
 
 #include <deque>
@@ -15,37 +15,35 @@
 
 namespace Host {
 
-class OwnRows {
+class PublishedRows {
  public:
   // Takes a batch that was published here.
   void write(const Statedb::Changes& changes);
 
-  // Takes what is known there already of an entity for this process's own, as what a predecessor published;
-  // what was written here stands.
+  // Adopts an entity that the other side has already, published by an earlier instance; local writes win.
   void adopt(const Statedb::Record& record);
 
   // Whether something is to be sent and nothing is under way.
   bool canSend() const { return !sending_ && !unsent_.empty(); }
-  // What the other side does not know yet, as one batch; it is under way until acknowledged or lost. Removals
-  // come before what was made again in their place.
+  // The changes that the other side does not have, as one batch, under way until acknowledged or lost.
+  // Removals precede the puts that replace them.
   Statedb::Changes send();
-  // The other side has taken, or has refused for good, what was under way.
+  // The other side has taken the batch that was under way, or refused it for good.
   void acknowledged();
-  // The connection is gone, and with it what the other side knew: everything is to be sent again.
+  // The connection is lost, and the other side drops this process's rows: send everything again.
   void lost();
 
-  // A snapshot of the other side as it will be when it knows everything: with what was published here put
-  // over it. Sorted as a person reads it; good until either changes.
+  // A snapshot of the other side with the rows published here over it. Sorted as a person reads it; valid
+  // until either changes.
   Statedb::Records over(const Statedb::Records& snapshot, Statedb::Path path);
-  // What another process changed there, less what will be overwritten from here. What is left is taken note
-  // of.
-  Statedb::Changes told(const Statedb::Changes& changes);
-  // What is seen there since the other side carried out removals that are under way from here, less what will
-  // be overwritten.
+  // The changes of another process, less those that will be overwritten from here; notes the rest.
+  Statedb::Changes received(const Statedb::Changes& changes);
+  // The values that became visible when the other side carried out removals of this process, less those that
+  // will be overwritten.
   Statedb::Changes revealed(const Statedb::Changes& changes) const;
 
  private:
-  // Steps that the other side does not know: entities that were removed, and attributes (the empty one: that
+  // Steps that the other side does not have: entities that were removed, and attributes (the empty one: that
   // the entity is there) that were set, or unset where the entity has none of that name.
   struct Unknown {
     std::set<Statedb::Path> removed;
@@ -59,6 +57,7 @@ class OwnRows {
 
   void put(const Statedb::Row& row, Unknown* note);
   void unset(Statedb::Path path, Zel::Name attribute);
+  void remove(Statedb::Path path);
   const Statedb::Record* withoutUnset(const Statedb::Record* record);
   bool anyUnknown(Statedb::Path path) const;
   bool takeNote(const Statedb::Change& change);

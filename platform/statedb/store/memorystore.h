@@ -1,0 +1,45 @@
+// A store that keeps its rows in memory, and the base of those that keep them in a file as well.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <unordered_map>
+
+#include "platform/statedb/store/store.h"
+#include "platform/zel/core/export.h"
+
+namespace Statedb {
+
+class ZEL_API MemoryStore : public Store, public Table {
+ public:
+  MemoryStore();
+  ~MemoryStore() override;
+
+  std::string url() const override { return "memory:"; }
+  const Table* table() const override { return this; }
+  void subscribe(Path path, Subscriber& subscriber) override;
+  void unsubscribe(Subscriber& subscriber) override;
+  void write(const Changes& changes, Durability durability, Subscriber* origin = nullptr) override;
+  Ticket flush() override;
+
+  Records read(Path path) const override;
+  Zel::Name typeAt(Path path) const override;
+  std::size_t entities() const override;
+  std::unordered_map<Zel::Name, std::size_t> entitiesByType() const override;
+
+ protected:
+  // For stores that keep rows elsewhere: `persist` takes the stored part of a batch, `commit` makes all of
+  // them durable at once, `rollback` drops them. They throw StoreError; a `persist` that throws keeps nothing
+  // of its batch.
+  virtual void persist(const Changes&) {}
+  virtual void commit() {}
+  virtual void rollback() {}
+  // For the start: takes a row that is durable already. REQUIRES: there is no row of that path and attribute.
+  void restore(Row row);
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace Statedb

@@ -1,0 +1,16 @@
+#include "platform/statedb/store/store.h"
+
+namespace Statedb {
+
+StoreError::~StoreError() = default;
+RefusedError::~RefusedError() = default;
+Subscriber::~Subscriber() = default;
+Store::~Store() = default;
+
+void Subscriber::onRevealed(const Changes& changes) { onChanges(changes); }
+
+StoreState Store::state() const { return {}; }
+const Table* Store::table() const { return nullptr; }
+void Store::announce(const Announcement&) {}
+
+}  // namespace Statedb

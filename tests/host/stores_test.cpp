@@ -1,0 +1,379 @@
+// Every store under the same random operations and faults, beside a reference model in plain maps.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <deque>
+#include <memory>
+#include <random>
+
+#include "folder.h"
+#include "host/control/control.h"
+#include "host/store/sqlitestore.h"
+#include "host/store/unixstore.h"
+#include "platform/statedb/store/memorystore.h"
+#include "platform/statedb/store/schema.h"
+#include "platform/zel/notify/activity.h"
+#include "tests/platform/storemodel.h"
+
+namespace {
+
+using namespace StoreModel;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+constexpr const char* kLed = "Hardware::Led::LedConfig";
+
+// What the random operations choose from.
+struct Universe {
+  std::vector<const char*> entities, removed, types, attributes;
+  std::vector<Value> values;
+};
+
+// A store that keeps its rows in this process, and fails where it keeps them.
+template <class Kept>
+struct LocalStore {
+  static const Universe& universe() {
+    static const Universe all{{"a", "a/b", "a/b/c", "a-b", "a0", "a/'x\"%2F", "b", "b/ü", "b/x/y"},
+                              {"", "a", "a/b", "b", "b/x", "c"},
+                              {"T", "T", "T", "T", "T", "T", "T", "U"},
+                              {"x", "y", "z"},
+                              {1, 2, 3}};
+    return all;
+  }
+  static constexpr bool kIsLocal = true;
+  static constexpr int kSteps = Kept::kSteps;
+  static constexpr std::size_t kMostChanges = 4;
+  static Changes firstChanges() { return {}; }
+
+  Statedb::Store& store() { return *store_; }
+  Rows rows() const { return rowsOf(store_->read("")); }
+  void write(const Changes& changes, Durability durability, Statedb::Subscriber* origin) {
+    store_->write(changes, durability, origin);
+  }
+  bool failsToPersistIs(bool fails) { return store_->failsToPersist = fails; }
+  // Returns whether the flush succeeded; one that fails undoes everything since the last.
+  bool flush(bool fails) {
+    store_->failsToCommit = fails;
+    try {
+      EXPECT_TRUE(store_->flush().isDone());
+    } catch (const Statedb::StoreError&) {
+      EXPECT_TRUE(fails);
+    }
+    store_->failsToCommit = false;
+    return !fails;
+  }
+  template <class Condition>
+  bool runUntil(Condition isMet) {
+    return isMet();
+  }
+  // The process starts again: volatile values are gone, and so are the subscriptions.
+  void lose(bool, Model& model) {
+    store_ = nullptr;
+    store_ = kept_.open();
+    model.restart();
+  }
+
+ private:
+  Kept kept_;
+  std::unique_ptr<typename Kept::Store> store_ = kept_.open();
+};
+
+// Keeps its stored rows in a map.
+struct OverMap : Statedb::MemoryStore {
+  explicit OverMap(Rows& theDisk) : disk(theDisk) {
+    for (const auto& [place, value] : disk)
+      restore({place.first, *disk.at({place.first, ""}).as<std::string>(), place.second,
+               place.second.empty() ? Value() : value});
+  }
+  void persist(const Changes& changes) override { batch.insert(batch.end(), changes.begin(), changes.end()); }
+  void commit() override { carryInto(disk, std::exchange(batch, {})); }
+  void rollback() override { batch.clear(); }
+
+  Rows& disk;
+  Changes batch;
+};
+
+struct InMemory {
+  using Store = Failing<OverMap>;
+  static constexpr int kSteps = 5000;
+  auto open() { return std::make_unique<Store>(disk); }
+  Rows disk;
+};
+
+struct InSqlite {
+  using Store = Failing<Host::SqliteStore>;
+  static constexpr int kSteps = 2000;
+  auto open() { return std::make_unique<Store>(folder.at("db")); }
+  const Folder folder;
+};
+
+// A host that keeps the state, which can be taken away.
+struct Keeper {
+  Keeper(Host::Loop& loop, const std::string& socket, Rows& disk) : store(disk) { listen(loop, socket); }
+  // Ends the connections that there are.
+  void listen(Host::Loop& loop, const std::string& socket) {
+    control = nullptr;
+    listener = nullptr;
+    listener = std::make_unique<Host::Listener>(loop, socket);
+    control = std::make_unique<Host::Control>(loop, *listener, served);
+  }
+  void turn() {
+    control->commit();
+    control->send();
+  }
+  Failing<OverMap> store;
+  Zel::Ptr<Statedb::EntityManager> manager = Zel::allocate<Statedb::EntityManager>(store);
+  Host::Served served{.store = store, .manager = *manager};
+  std::unique_ptr<Host::Listener> listener;
+  std::unique_ptr<Host::Control> control;
+};
+
+// The store of another host. Stored values are written there, volatile ones here.
+struct RemoteStore {
+  // Entities that the other host's types allow, in directories.
+  static const Universe& universe() {
+    static const Universe all{{"a/p", "a/q", "a/b/p", "a/b/%2F", "b/p", "b/ü"},
+                              {"a/p", "a/q", "a/b/p", "b/p", "a/b", "a", "b/none"},
+                              {kLed},
+                              {"theme", "currentMode", "ledAttribute"},
+                              {"1", "2", "3"}};
+    return all;
+  }
+  static constexpr bool kIsLocal = false;
+  static constexpr int kSteps = 600;
+  static constexpr std::size_t kMostChanges = 1;
+  // The directories that the entities stand in, so that each can be removed.
+  static Changes firstChanges() {
+    Changes changes;
+    for (const char* directory : {"a", "a/b", "b"})
+      changes.push_back(Change::put(directory, "Zel::Dir", {}, {}));
+    return changes;
+  }
+
+  RemoteStore() {
+    loop_.turnIs([this] {
+      remote_->flush();
+      if (keeper_) keeper_->turn();
+      return Zel::Clock::kNever;
+    });
+    keeper_ = std::make_unique<Keeper>(loop_, socket(), disk_);
+    remote_ = std::make_unique<Host::UnixStore>(loop_, socket(),
+                                                [this](const std::string& text) { reports.push_back(text); });
+  }
+  ~RemoteStore() {
+    remote_ = nullptr;
+    keeper_ = nullptr;
+  }
+
+  Statedb::Store& store() { return *remote_; }
+  Rows rows() const { return rowsOf(keeper_->store.read("")); }
+  void write(const Changes& changes, Durability durability, Statedb::Subscriber* origin) {
+    if (durability == Durability::stored)
+      keeper_->store.write(changes, durability);
+    else
+      remote_->write(changes, durability, origin);
+  }
+  bool failsToPersistIs(bool) { return false; }
+  // Never undoes anything: a batch that can't be stored there is sent again.
+  bool flush(bool) { return true; }
+  template <class Condition>
+  bool runUntil(Condition isMet) {
+    const auto latest = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    const auto run = [&](auto condition) {
+      while (!condition() && std::chrono::steady_clock::now() < latest) loop_.runOnce();
+      return condition();
+    };
+    if (!run([&] { return remote_->state().isReached && isMet(); })) return false;
+    // What is published again after a loss has arrived within some rounds.
+    if (std::exchange(wasLost_, false))
+      for (int rounds = 0; rounds < 100; ++rounds) loop_.runOnce();
+    return run(isMet);
+  }
+  // The connection ends, or the other host starts again; the store publishes its rows once more.
+  void lose(bool isConnectionAlone, Model&) {
+    wasLost_ = true;
+    if (isConnectionAlone) {
+      keeper_->listen(loop_, socket());
+      while (remote_->state().isReached) loop_.runOnce();
+      return;
+    }
+    keeper_->store.flush();
+    keeper_ = nullptr;
+    while (remote_->state().isReached) loop_.runOnce();
+    keeper_ = std::make_unique<Keeper>(loop_, socket(), disk_);
+  }
+
+  Keeper& keeper() { return *keeper_; }
+  std::vector<std::string> reports;
+
+ private:
+  std::string socket() const { return folder_.at("socket"); }
+
+  const Folder folder_;
+  Rows disk_;
+  Host::Loop loop_;
+  Zel::ActivityManager activity_;
+  std::unique_ptr<Keeper> keeper_;
+  std::unique_ptr<Host::UnixStore> remote_;
+  bool wasLost_ = false;
+};
+
+template <class Tested>
+class Stores : public ::testing::Test {
+ protected:
+  bool oneIn(unsigned n) { return random_() % n == 0; }
+  template <class T>
+  const T& pick(const std::vector<T>& choices) {
+    return choices[random_() % choices.size()];
+  }
+
+  Change change() {
+    const Universe& all = Tested::universe();
+    const char* path = pick(all.entities);
+    const unsigned kind = random_() % 8;
+    if (kind == 0) return Change::del(pick(all.removed));
+    if (kind == 1) return Change::unset(path, pick(all.attributes));
+    return Change::put(path, pick(all.types), oneIn(4) ? "" : pick(all.attributes), pick(all.values));
+  }
+
+  void subscribe() {
+    for (Mirror& mirror : mirrors_) tested_.store().subscribe(mirror.path, mirror);
+    tested_.store().subscribe("", origin_);
+  }
+
+  // One batch of 1 to kMostChanges, by a subscriber or by nobody.
+  void write(Durability durability, Statedb::Subscriber* origin) {
+    Changes changes = Tested::firstChanges();
+    const std::size_t first = changes.size();
+    for (auto most = random_() % Tested::kMostChanges; changes.size() - first <= most;)
+      changes.push_back(change());
+    note(durability == Durability::stored ? "stored"
+         : origin                         ? "volatile, of the origin"
+                                          : "volatile",
+         changes);
+    Model after = model_;
+    bool isTaken = true;
+    for (const Change& each : changes) isTaken = isTaken && after.apply(each, durability);
+    const bool fails = tested_.failsToPersistIs(oneIn(6));
+    try {
+      tested_.write(changes, durability, origin);
+      EXPECT_TRUE(isTaken);
+      model_ = after;
+      if (origin) carryInto(origin_.rows, changes);
+    } catch (const Statedb::RefusedError&) {
+      EXPECT_FALSE(isTaken);
+    } catch (const Statedb::StoreError&) {
+      EXPECT_TRUE(fails);
+    }
+    tested_.failsToPersistIs(false);
+  }
+
+  // The last operations, for a failure's message.
+  void note(std::string operation, const Changes& changes = {}) {
+    for (const Change& each : changes)
+      operation += "; " + std::string(kKinds[static_cast<int>(each.kind)]) + ' ' + placeText(each.row);
+    if (history_.push_back(operation), history_.size() > 12) history_.pop_front();
+  }
+  static constexpr const char* kKinds[] = {"put", "del", "unset"};
+
+  void flush(bool fails) {
+    if (tested_.flush(fails))
+      durable_ = model_;
+    else
+      model_ = durable_, origin_.rows = model_.rows();
+  }
+
+  Tested tested_;
+  Model model_, durable_;
+  Mirror mirrors_[4] = {Mirror(""), Mirror("a"), Mirror("a/b"), Mirror("b")};
+  Mirror origin_{""};
+  std::mt19937 random_{7};
+  std::deque<std::string> history_;
+};
+
+using Tested = ::testing::Types<LocalStore<InMemory>, LocalStore<InSqlite>, RemoteStore>;
+TYPED_TEST_SUITE(Stores, Tested);
+
+TYPED_TEST(Stores, AreTheirModelUnderRandomOperationsAndFaults) {
+  const auto isEqual = [this] {
+    return this->tested_.rows() == this->model_.rows() && this->origin_.rows == this->model_.rows() &&
+           std::ranges::all_of(this->mirrors_,
+                               [&](auto& mirror) { return mirror.rows == this->model_.rows(mirror.path); });
+  };
+  const auto expectEqual = [&] {
+    if (this->tested_.runUntil(isEqual)) return;
+    EXPECT_EQ(this->tested_.rows(), this->model_.rows()) << ::testing::PrintToString(this->history_);
+    for (const Mirror& mirror : this->mirrors_)
+      EXPECT_EQ(mirror.rows, this->model_.rows(mirror.path)) << "at '" << mirror.path << "'";
+    EXPECT_EQ(this->origin_.rows, this->model_.rows()) << "of the origin";
+  };
+  this->subscribe();
+  for (int step = 0; step < TypeParam::kSteps && !testing::Test::HasFailure(); ++step) {
+    SCOPED_TRACE("step " + std::to_string(step));
+    const auto durability = this->oneIn(2) ? Durability::stored : Durability::volatile_;
+    Statedb::Subscriber* const origin = this->oneIn(3) ? &this->origin_ : nullptr;
+    const bool isElsewhere = !TypeParam::kIsLocal && durability == Durability::stored;
+    if (origin) this->flush(false);
+    if (isElsewhere) expectEqual();  // writes of the two sides do not cross here
+    this->write(durability, isElsewhere ? nullptr : origin);
+    if (TypeParam::kIsLocal) {
+      EXPECT_EQ(this->tested_.rows(), this->model_.rows());
+    }
+    if (!origin && !isElsewhere && !this->oneIn(3)) continue;
+    this->flush(this->oneIn(5));
+    if (TypeParam::kIsLocal || isElsewhere || this->oneIn(2)) expectEqual();
+    if (this->oneIn(20)) {
+      expectEqual();
+      Mirror& mirror = this->mirrors_[this->random_() % 4];
+      this->note("resubscribe " + mirror.path);
+      this->tested_.store().unsubscribe(mirror);
+      mirror.rows.clear();
+      this->tested_.store().subscribe(mirror.path, mirror);
+    }
+    if (!this->oneIn(40)) continue;
+    this->note("lose");
+    this->tested_.lose(this->oneIn(2), this->model_);
+    this->durable_ = this->model_;
+    if (TypeParam::kIsLocal) this->subscribe();
+    if (TypeParam::kIsLocal || this->oneIn(2)) expectEqual();
+  }
+}
+
+constexpr const char* kPin = "Hardware::Gpio::CorvelPinConfig";
+
+TEST(UnixStore, RowsThatTheOtherSideRefusesAreNamedAndTheRestArrives) {
+  RemoteStore remote;
+  Changes changes;
+  for (int i = 0; i < 3000; ++i)
+    changes.push_back(Change::put("out/p" + std::to_string(i), kPin, "value", i));
+  changes.push_back(Change::put("out/p7", kPin, "colour", "red"));
+  changes.push_back(Change::put("out/p9", kPin, "value", std::string(2'000'000, 'x')));
+  remote.store().write(changes, Durability::volatile_);
+  EXPECT_TRUE(remote.runUntil(
+      [&] { return remote.keeper().store.entities() == 3000U && remote.reports.size() >= 2; }));
+  EXPECT_THAT(remote.reports,
+              ElementsAre(HasSubstr("refused what was published: out/p7 colour: 'colour' is no attribute"),
+                          HasSubstr("refused what was published: out/p9 value: is longer than")));
+}
+
+TEST(UnixStore, ABatchThatTheOtherSideCantStoreNowIsSentAgain) {
+  RemoteStore remote;
+  remote.keeper().store.failsToCommit = true;
+  remote.store().write({Change::put("out/p", kPin, "value", 1)}, Durability::volatile_);
+  EXPECT_TRUE(remote.runUntil([&] { return !remote.reports.empty(); }));
+  remote.keeper().store.failsToCommit = false;
+  EXPECT_TRUE(remote.runUntil([&] { return remote.rows().contains({"out/p", "value"}); }));
+  EXPECT_THAT(remote.reports, ElementsAre(HasSubstr("can't store what was published: can't commit; trying")));
+}
+
+TEST(UnixStore, SaysWhetherTheOtherSideIsReached) {
+  RemoteStore remote;
+  EXPECT_FALSE(remote.store().state().isReached);
+  EXPECT_TRUE(remote.runUntil([&] { return remote.store().state().isReached; }));
+  EXPECT_EQ(remote.store().state().reason, "");
+  EXPECT_EQ(remote.store().table(), nullptr);
+}
+
+}  // namespace

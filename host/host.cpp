@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <iostream>
 
+#include "host/io/starterror.h"
 #include "host/store/stores.h"
 #include "platform/zel/core/printable.h"
 
@@ -27,6 +28,12 @@ Host::Host(const Options& options)
   try {
     loadAgents(options.agents);
     control_ = std::make_unique<Control>(loop_, *listener_, served_);
+    if (options.whenLost && !store_->state().canBeLost)
+      throw StartError("--when-lost: the state database " + store_->url() +
+                       " is kept by this process and can't be lost; leave the option out");
+    if (options.whenLost)
+      whenLost_.emplace(loop_, *options.whenLost, *manager_,
+                        [this](const std::string& text) { report(text); });
   } catch (...) {
     shutDown();
     throw;
@@ -41,6 +48,7 @@ Host::~Host() {
 void Host::shutDown() {
   signals_.clear();
   watchdog_.reset();
+  whenLost_.reset();
   control_.reset();
   manager_->stop();
   for (auto plugin = plugins_.rbegin(); plugin != plugins_.rend(); ++plugin) (*plugin)->dropAgent();
@@ -96,6 +104,7 @@ double Host::turn() {
   announce();
   control_->commit();
   control_->send();
+  if (whenLost_) whenLost_->check(store_->state().isReached);
   sayWhenReady();
   return wakeUps_.next(activity_);
 }

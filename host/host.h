@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,7 @@
 #include "host/io/wakeups.h"
 #include "host/plugin.h"
 #include "host/systemd.h"
+#include "host/whenlost.h"
 #include "platform/zel/notify/activity.h"
 
 namespace Host {
@@ -19,6 +21,7 @@ struct Options {
   std::string store = "memory:";
   std::vector<AgentOption> agents;
   std::string socket = "/run/pinlamp/control.sock";
+  std::optional<Fallback> whenLost{};
   bool allowObjectWrites = false;  // whether clients of the socket may set, delete and invoke live objects
 };
 
@@ -63,6 +66,7 @@ class Host {
   Zel::Ptr<Statedb::EntityManager> manager_;
   Served served_;
   std::unique_ptr<Control> control_;
+  std::optional<WhenLost> whenLost_;
   UvHandle<uv_timer_t> watchdog_;
   std::vector<UvHandle<uv_signal_t>> signals_;
   bool ready_ = false;

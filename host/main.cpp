@@ -25,6 +25,7 @@ struct CommandLine {
   Host::Options host;
   std::vector<std::string> agents;
   std::vector<std::string> traces;
+  std::string whenLost;
   std::string traceFile;
   std::uint16_t cell = 1;
 };
@@ -47,6 +48,11 @@ void describe(CLI::App& app, CommandLine& line) {
                  "where the state is kept: memory:, sqlite:FILE, or unix:SOCKET of another pinlampd")
       ->type_name("URL")
       ->capture_default_str();
+  app.add_option("--when-lost", line.whenLost,
+                 "light settings to show once the state database was out of reach for that time: "
+                 "10s='Status=red flash 1; Beacon=off'; they end when it is back")
+      ->type_name("TIME=LED=COLOURS[; …]")
+      ->check(checkedBy(Host::Fallback::parse));
   app.add_option("--agent", line.agents, "an agent to load; may be given several times (namespace: Pinlamp)")
       ->type_name("LIBRARY[:NAMESPACE[:NAME]]")
       ->expected(1)
@@ -100,6 +106,7 @@ void traceInto(const std::string& file) {
 void prepare(CommandLine& line) {
   std::signal(SIGHUP, SIG_IGN);
   for (const std::string& agent : line.agents) line.host.agents.push_back(Host::AgentOption::parse(agent));
+  if (!line.whenLost.empty()) line.host.whenLost = Host::Fallback::parse(line.whenLost);
   for (const std::string& levels : line.traces) Zel::traceLevelsIs(levels);
   if (!line.traceFile.empty()) traceInto(line.traceFile);
   Cell::cellIdIs(line.cell);

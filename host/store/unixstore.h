@@ -29,7 +29,7 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
   ~UnixStore() override;
 
   std::string url() const override { return "unix:" + socket_; }
-  Statedb::StoreState state() const override { return {reached_, reached_ ? "" : why_}; }
+  Statedb::StoreState state() const override { return {true, reached_, reached_ ? "" : why_}; }
   void subscribe(Statedb::Path path, Statedb::Subscriber& subscriber) override;
   void unsubscribe(Statedb::Subscriber& subscriber) override;
   void write(const Statedb::Changes& changes, Statedb::Durability durability,

@@ -90,12 +90,16 @@ check "and publishes only what changed" "put led/config/leds/Fan1 lightSetting={
 put config/g value=1" "$(recorded | sed 's|hardware/||')"
 killed led
 pinlampctl led set Fan1 off
-host led --store "unix:$PINLAMP_SOCKET" --agent libpinlamp.so --trace 'Pinlamp/*' --trace-file "$run/trace"
+host led --store "unix:$PINLAMP_SOCKET" --agent libpinlamp.so --trace 'Pinlamp/*' --trace-file "$run/trace" \
+  --when-lost "50ms=Fan*=orange; Fan1=green red"
 await "a setting made while it was away takes effect" 001 pins g r s
 
 # The state database ---------------------------------------------------------------------------------------------------
 before=$(handled)
 killed state
+live() { for pin; do pinlampctl --socket "$run/led.sock" object get "$pins/$pin/value"; done | tr -d '\n'; }
+await "while it is lost, the host shows the settings of --when-lost" 111 live g r s
+check "and logs it" 1 "$(grep -c "1 LED setting of --when-lost is shown" "$run/led.log")"
 host away --store "sqlite:$run/state.db"
 pinlampctl --socket "$run/away.sock" led set Fan1 red
 check "settings are on the disk, pin values are not" "no entity at" \

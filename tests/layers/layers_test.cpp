@@ -38,6 +38,7 @@ const std::map<std::string, std::vector<std::string>> kBelow{
     {"host/rpc", {"host/io", "platform/statedb/store"}},
     {"host/store", {"host/rpc"}},
     {"host/control", {"host/rpc", "platform/warden"}},
+    {"host/whenlost.cpp", {"host", "platform/model"}},  // reads light settings
     {"host", {"host/store", "host/control", "platform/cell"}},
     {"ctl", {"platform/zel/core", "platform/model/paths.h", "platform/model/colours.h"}},
     {"ctl/commands", {"ctl"}},

@@ -29,6 +29,12 @@ Zel::Ptr<Zel::Entity> EntityManager::entityAt(Path path) const { return mounts_-
 
 const Zel::Ptr<Zel::Dir>& EntityManager::root() const { return mounts_->tree().root(); }
 
+std::vector<Path> EntityManager::membersOf(Path path) const { return mounts_->applier().membersOf(path); }
+
+bool EntityManager::showLocally(Path path, Zel::Name attribute, const Zel::Value& value) {
+  return mounts_->applier().show(path, attribute, value);
+}
+
 const std::vector<EntityManager::MountInfo>& EntityManager::mounts() const { return mounts_->table().all(); }
 
 void EntityManager::reportIs(std::function<void(const std::string&)> report) {

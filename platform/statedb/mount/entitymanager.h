@@ -48,6 +48,13 @@ class ZEL_API EntityManager : public Zel::Typed<EntityManager, Zel::PtrInterface
   // For tools: the entity at a path; null if there is none or the path is not valid.
   Zel::Ptr<Zel::Entity> entityAt(Path path) const;
 
+  // Of the members of all collections of the entity at a path; none if there is no entity.
+  std::vector<Path> membersOf(Path path) const;
+  // Sets an attribute of the entity at a path in this process alone: nothing is published, and the next
+  // snapshot reverts it. For what is shown while the store can't be reached. Returns false if there is no
+  // entity; throws ValueError if the attribute does not take the value.
+  bool showLocally(Path path, Zel::Name attribute, const Zel::Value& value);
+
   struct MountInfo {
     Path path;
     Zel::Name type;

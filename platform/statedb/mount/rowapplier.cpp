@@ -107,6 +107,21 @@ void RowApplier::unset(const Row& row) {
   noteValues(entity, row.path);
 }
 
+std::vector<Path> RowApplier::membersOf(Path path) const {
+  std::vector<Path> members;
+  if (const auto entity = tree_.entityAt(path))
+    forEachMember(*entity, path, [&](Path member) { members.push_back(member); });
+  return members;
+}
+
+bool RowApplier::show(Path path, Zel::Name attribute, const Zel::Value& value) {
+  const auto entity = tree_.entityAt(path);
+  if (!entity) return false;
+  set(*entity, typeOf(*entity), attribute, value);
+  noteValues(entity, path);
+  return true;
+}
+
 void RowApplier::noteValues(const Zel::Ptr<Zel::Entity>& entity, Path path) {
   publishers_.with(entity, path, [](PublishedEntity& published) { published.noteValues(); });
 }

@@ -5,6 +5,7 @@
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 #include "platform/statedb/mount/entitytree.h"
 #include "platform/statedb/mount/mounttable.h"
@@ -30,6 +31,12 @@ class RowApplier {
   // The removals of this pass were delivered: applies the changes that waited for them.
   void removalsDelivered();
   bool isWaiting() const { return !queue_.empty(); }
+
+  // Of the members of the entity at a path; none if there is no entity.
+  std::vector<Path> membersOf(Path path) const;
+  // Sets an attribute here without publishing it. Returns false if there is no entity at the path; throws
+  // ValueError if the attribute does not take the value.
+  bool show(Path path, Zel::Name attribute, const Zel::Value& value);
 
   // The entity at a path, made if it is missing, as are those above it. Throws ValueError.
   Zel::Ptr<Zel::Entity> ensure(Path path, Zel::Name type);

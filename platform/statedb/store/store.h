@@ -87,6 +87,7 @@ class Ticket {
 
 // Whether a store can be reached; one in this process always can.
 struct StoreState {
+  bool canBeLost = false;  // for it is kept by another process
   bool isReached = true;
   std::string reason{};  // while it is not reached: why, and what the store does about it
 };

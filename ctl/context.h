@@ -50,11 +50,6 @@ inline constexpr std::array kCommandGroups{
     addLedCommands,  addPanelCommand,  addMapCommands,  addConfigCommands, addEntityCommands,
     addWatchCommand, addRecordCommand, addHostCommands, addObjectCommands, addWhyCommand};
 
-// In the order of the help text.
-inline constexpr std::array kCommandGroups{
-    addLedCommands,  addPanelCommand,  addMapCommands,  addConfigCommands, addEntityCommands,
-    addWatchCommand, addRecordCommand, addHostCommands, addObjectCommands, addWhyCommand};
-
 // Runs one command line, without the program's name; returns the exit status: 0, 1 (refused) or 2 (usage).
 int runCommandLine(std::vector<std::string> arguments, std::ostream& out, std::ostream& err);
 

@@ -193,6 +193,8 @@ TEST(Follower, MirrorsTheLog) {
         {"scanned", "log? 7"},
         {"log g2 7:", "state?"},
         {"state s2 g2 8", "scan"}}},
+      {"a log that went backwards during a scan",
+       {{"check", "state?"}, {"state s2 g1 7", "scan"}, {"scanned", "log? 7"}, {"log g1 3:", "state?"}}},
       {"trimmed during a scan",
        {{"check", "state?"},
         {"state s2 g1 7", "scan"},

@@ -16,11 +16,16 @@ namespace {
 
 using namespace Host::Redis;
 
-// A key, and the revision at which it was written; in a delta, 0 removes the key.
-using Rows = std::map<int, Revision>;
+// When a row was written.
+struct Moment {
+  std::string generation{};
+  Revision revision = 0;
+  bool operator==(const Moment&) const = default;
+};
+using Rows = std::map<int, Moment>;
 
 struct Logged {
-  Revision revision;
+  Moment moment;
   std::string origin;
   int key;
   bool removes;
@@ -40,7 +45,7 @@ void carryInto(Rows& rows, const Logged& entry) {
   if (entry.removes)
     rows.erase(entry.key);
   else
-    rows[entry.key] = entry.revision;
+    rows[entry.key] = entry.moment;
 }
 
 constexpr int kKeys = 12;
@@ -55,7 +60,7 @@ class World : public Follower::Output {
     becomeQuiet();
   }
 
-  int quiet = 0, settled = 0, snapshots = 0, wipes = 0;
+  int settled = 0, snapshots = 0;
 
  private:
   // What is on its way to the server, and what it does there. A request of a line that broke may still
@@ -88,14 +93,16 @@ class World : public Follower::Output {
   // The server.
   void writeBy(const std::string& uuid, Sequence sequence) {
     if (server_.generation.empty()) newGeneration();
-    Logged entry{++server_.tip, uuid + ":" + std::to_string(sequence), static_cast<int>(below(kKeys)),
+    Logged entry{{server_.generation, ++server_.tip},
+                 uuid + ":" + std::to_string(sequence),
+                 static_cast<int>(below(kKeys)),
                  below(4) == 0};
     carryInto(server_.rows, entry);
     server_.log.push_back(entry);
     server_.applied.insert(entry.origin);
     if (subscribed_)
-      pushes_.push_back([this, entry, generation = server_.generation] {
-        follower_.onPush(generation, {entry.revision, entry.origin, delta(entry)});
+      pushes_.push_back([this, entry] {
+        follower_.onPush(entry.moment.generation, {entry.moment.revision, entry.origin, delta(entry)});
       });
   }
   std::string_view delta(const Logged& entry) {
@@ -109,10 +116,13 @@ class World : public Follower::Output {
   void trim() {
     for (unsigned left = below(6); server_.log.size() > left;) server_.log.pop_front();
   }
+  // A new history soon has the revisions that the old one had.
   void wipe() {
+    const Revision before = server_.tip;
     server_ = {server_.id};
     saved_ = server_;
-    ++wipes;
+    if (below(2) == 0) return;
+    while (server_.tip < before + 2) writeBy("other", 0);
   }
   // A server that is restarted breaks its connections, and nothing of them arrives any more.
   void restart() {
@@ -201,10 +211,11 @@ class World : public Follower::Output {
     ask([this, after] {
       std::vector<Logged> entries;
       for (const Logged& each : server_.log)
-        if (each.revision > after && entries.size() < kPage) entries.push_back(each);
+        if (each.moment.revision > after && entries.size() < kPage) entries.push_back(each);
       answer([this, entries, generation = server_.generation, tip = server_.tip] {
         LogPage page{generation, tip, {}};
-        for (const Logged& each : entries) page.entries.push_back({each.revision, each.origin, delta(each)});
+        for (const Logged& each : entries)
+          page.entries.push_back({each.moment.revision, each.origin, delta(each)});
         follower_.onLog(page);
       });
     });
@@ -217,8 +228,8 @@ class World : public Follower::Output {
   void scanFrom(int key) {
     ask([this, key] {
       const auto found = server_.rows.find(key);
-      answer([this, key, value = found == server_.rows.end() ? 0 : found->second] {
-        if (value) copy_[key] = value;
+      answer([this, key, value = found == server_.rows.end() ? Moment() : found->second] {
+        if (value.revision) copy_[key] = value;
         key + 1 < kKeys ? scanFrom(key + 1) : follower_.onScanned();
       });
     });
@@ -231,20 +242,22 @@ class World : public Follower::Output {
     timeline_ = state.timeline;
     ++snapshots;
     for (int key = 0; key < kKeys; ++key) {
-      const Revision before = mirror_.contains(key) ? mirror_[key] : 0;
-      const Revision after = copy_.contains(key) ? copy_[key] : 0;
-      if (before != after) deliver(key, after ? after : state.tip);
+      const Moment before = mirror_.contains(key) ? mirror_[key] : Moment();
+      const Moment after = copy_.contains(key) ? copy_[key] : Moment{state.timeline.generation, state.tip};
+      if (mirror_.contains(key) || copy_.contains(key))
+        if (before != after) deliver(key, after);
     }
     mirror_ = copy_;
   }
   void apply(const Entry& entry, Sequence) override {
-    deliver(logged(entry).key, entry.revision);
+    deliver(logged(entry).key, logged(entry).moment);
     carryInto(mirror_, logged(entry));
   }
-  // A row that is delivered again is one that was written again.
-  void deliver(int key, Revision revision) {
-    EXPECT_GT(revision, newest_[key]) << "key " << key << " goes back in time";
-    newest_[key] = revision;
+  // A row that is delivered again was written again, in the same history.
+  void deliver(int key, const Moment& moment) {
+    EXPECT_GT(moment.revision, newest_[key]) << "key " << key << " goes back in time";
+    EXPECT_EQ(moment.generation, timeline_.generation) << "key " << key << " is of another history";
+    newest_[key] = moment.revision;
   }
   void settle(Sequence write, Outcome outcome) override {
     ++settled;
@@ -273,7 +286,6 @@ class World : public Follower::Output {
       }
       follower_.check();
     }
-    ++quiet;
     EXPECT_TRUE(isSame());
     EXPECT_EQ(mirror_, server_.rows);
     EXPECT_TRUE(pending_.empty()) << *pending_.begin() << " is still pending";

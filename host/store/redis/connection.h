@@ -1,0 +1,116 @@
+// One connection to a Redis server, over libuv's streams; hiredis formats commands and reads replies.
+//
+//     Connection connection(loop, url, owner);
+//     connection.open();                                      // then owner.onReady(), or onLost()
+//     connection.request({"HGET", key, field}, [](const Reply& reply) { … });
+//     connection.flush();                                     // sends what was requested since the last one
+//
+// Nothing blocks but the reading of the password file. Activity thread only.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <random>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/io/loop.h"
+#include "host/store/redis/reply.h"
+#include "host/store/redis/url.h"
+
+namespace Host::Redis {
+
+// Why there is no connection.
+struct Loss {
+  enum class Kind : std::uint8_t {
+    unreachable,  // nobody listens there, or the name does not resolve
+    silent,       // no answer in time: stopped, overloaded, cut off
+    closed,       // by the server: it ended, or the connection fell too far behind
+    refused,      // the server refused the password, the database or the user; see `refusal`
+    invalid,      // what arrived is not a reply, or beyond the limits
+    password,     // the password file can't be read
+  };
+  Kind kind = Kind::closed;
+  Refusal refusal = Refusal::none;
+  // What, why and what to do, without the address.
+  std::string text{};
+};
+
+// Milliseconds until the next attempt: 50 at first, then twice as long each time, up to 2,000; a quarter more
+// or less at random, so that many clients of one server do not come back at once.
+class BackOff {
+ public:
+  static constexpr std::uint64_t kFirst = 50, kLast = 2000;
+
+  explicit BackOff(std::uint32_t seed) : random_(seed) {}
+  std::uint64_t next();
+  void reset() { after_ = kFirst; }
+
+ private:
+  std::minstd_rand random_;
+  std::uint64_t after_ = kFirst;
+};
+
+class Connection {
+ public:
+  // Limits of what waits to be sent. Beyond them the connection counts as silent.
+  static constexpr std::size_t kMostWaitingBytes = 64 << 20;
+  static constexpr std::size_t kMostRequests = 100'000;
+  static constexpr std::size_t kLongestPassword = 512;
+
+  // May call any function of the connection, and destroy it.
+  class Owner {
+   public:
+    // The server has answered, and took user, password and database.
+    virtual void onReady() = 0;
+    // Published to a channel that was subscribed to.
+    virtual void onMessage(std::string_view channel, std::string_view payload) = 0;
+    // No attempt is under way. Requests without an answer get none.
+    virtual void onLost(const Loss& loss) = 0;
+
+   protected:
+    ~Owner() = default;
+  };
+  using OnReply = std::function<void(const Reply& reply)>;
+
+  // `loop` and `owner` must outlive it. REQUIRES: the URL names a socket or a host.
+  Connection(Loop& loop, Url url, Owner& owner);
+  ~Connection();
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  // Begins an attempt, which ends in onReady() or onLost(): within the URL's timeout where names resolve.
+  // What was there before is closed.
+  void open();
+  // The same after the back-off's time.
+  void openLater();
+  // The connection has served its purpose: the next back-off begins at its shortest.
+  void proved() { backOff_.reset(); }
+  // Without a call of onLost().
+  void close();
+
+  bool isReady() const { return ready_; }
+  // `then` gets the reply, errors included. Does nothing where the connection is not ready. A request that is
+  // not answered within the URL's timeout ends the connection.
+  void request(const std::vector<std::string_view>& words, OnReply then);
+  void subscribe(std::string_view channel, OnReply then);
+  void flush();
+
+ private:
+  struct Link;
+
+  void lost(Loss loss);
+
+  Loop& loop_;
+  const Url url_;
+  Owner& owner_;
+  BackOff backOff_;
+  UvHandle<uv_timer_t> retry_;
+  std::shared_ptr<Link> link_;
+  bool ready_ = false;
+};
+
+}  // namespace Host::Redis

@@ -1,0 +1,130 @@
+// A Redis server of a test's own: on a socket in a folder of its own, ended with the test.
+#pragma once
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include "host/io/loop.h"
+#include "host/store/redis/connection.h"
+#include "tests/host/folder.h"
+
+namespace RedisTest {
+
+// A port of the loopback that is free at the moment.
+inline std::uint16_t freePort() {
+  const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  ::bind(listener, reinterpret_cast<sockaddr*>(&address), size);
+  ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
+  ::close(listener);
+  return ntohs(address.sin_port);
+}
+
+class Server {
+ public:
+  explicit Server(std::vector<std::string> options = {}) : options_(std::move(options)) { start(); }
+  ~Server() { end(SIGKILL); }
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+
+  std::string socket() const { return folder_.at("redis.sock"); }
+  std::string at(const std::string& name) const { return folder_.at(name); }
+  std::string url(const std::string& options = "") const {
+    return "redis-unix:" + socket() + "?timeout=5s" + options;
+  }
+
+  void start() {
+    std::vector<std::string> words{
+        "redis-server", "--port",       "0",         "--unixsocket",    socket(),
+        "--dir",        folder_.at(""), "--logfile", folder_.at("log"), "--appendonly",
+        "yes",          "--save",       ""};
+    words.insert(words.end(), options_.begin(), options_.end());
+    std::vector<char*> arguments;
+    for (std::string& word : words) arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+    const pid_t parent = ::getpid();
+    pid_ = ::fork();
+    if (pid_ != 0) return;
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() == parent) ::execvp(arguments[0], arguments.data());
+    ::_exit(127);
+  }
+  void signal(int number) const { ::kill(pid_, number); }
+  void end(int number) {
+    if (pid_ <= 0) return;
+    signal(number);
+    signal(SIGCONT);
+    ::waitpid(pid_, nullptr, 0);
+    pid_ = 0;
+  }
+
+ private:
+  const Folder folder_;
+  const std::vector<std::string> options_;
+  pid_t pid_ = 0;
+};
+
+// Runs a loop until something has come about, or fails the test.
+template <class Condition>
+void runUntil(Host::Loop& loop, Condition condition) {
+  const auto latest = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (!condition() && std::chrono::steady_clock::now() < latest) loop.runOnce();
+  EXPECT_TRUE(condition());
+}
+
+// A connection that waits for its replies.
+class Client : public Host::Redis::Connection::Owner {
+ public:
+  using Reply = Host::Redis::Reply;
+
+  Client(Host::Loop& loop, const std::string& url)
+      : connection(loop, Host::Redis::parseUrl(url), *this), loop_(loop) {}
+
+  // Connects, however long the server takes to start.
+  void connect() {
+    again = true;
+    connection.open();
+    runUntil(loop_, [this] { return connection.isReady(); });
+    again = false;
+    losses.clear();
+  }
+  // Its reply; null where the connection is lost meanwhile.
+  Reply operator()(const std::vector<std::string_view>& words) {
+    std::optional<Reply> reply;
+    connection.request(words, [&](const Reply& got) { reply = got; });
+    connection.flush();
+    runUntil(loop_, [&] { return reply || !connection.isReady(); });
+    return reply.value_or(Reply());
+  }
+
+  void onReady() override {}
+  void onMessage(std::string_view channel, std::string_view payload) override {
+    messages.push_back(std::string(channel) + " " + std::string(payload));
+  }
+  void onLost(const Host::Redis::Loss& loss) override {
+    losses.push_back(loss);
+    if (again) connection.openLater();
+  }
+
+  bool again = false;
+  std::vector<std::string> messages;
+  std::vector<Host::Redis::Loss> losses;
+  Host::Redis::Connection connection;
+
+ private:
+  Host::Loop& loop_;
+};
+
+}  // namespace RedisTest

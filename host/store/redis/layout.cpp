@@ -1,0 +1,206 @@
+#include "host/store/redis/layout.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "host/rpc/json.h"
+#include "platform/statedb/store/schema.h"
+#include "platform/zel/core/exception.h"
+
+namespace Host::Redis {
+
+using Statedb::Attribute;
+using Statedb::Change;
+using Statedb::Changes;
+using Statedb::Path;
+using Statedb::Record;
+using Statedb::Row;
+
+namespace {
+
+constexpr std::size_t kShown = 64;  // bytes of a wrong text in a message
+
+[[noreturn]] void failAt(const std::string& what, std::string_view text) {
+  throw Zel::ValueError(what + ": '" + std::string(text.substr(0, kShown)) + "'");
+}
+
+// The part before `mark`, which with the mark is taken off; all of it where there is no mark.
+std::string_view take(std::string_view& text, char mark) {
+  const std::size_t end = std::min(text.find(mark), text.size());
+  const std::string_view part = text.substr(0, end);
+  text.remove_prefix(std::min(end + 1, text.size()));
+  return part;
+}
+
+void checkPlain(std::string_view name) {
+  const auto isControl = [](char c) { return static_cast<unsigned char>(c) < ' '; };
+  if (std::ranges::any_of(name, isControl)) failAt("a control character in a type or an attribute", name);
+}
+
+struct DeltaWriter {
+  std::string text{};
+  std::string directory{};
+  Zel::Name type{};
+  bool isBegun = false;
+
+  void step(const Change& change) {
+    const Row& row = change.row;
+    if (change.kind == Change::Kind::del) {
+      text += '!';
+      row.path.appendTo(text);
+    } else {
+      const Place place = placeOf(row.path);
+      if (!std::exchange(isBegun, true) || place.directory != directory)
+        text += '@' + (directory = place.directory) + '\n';
+      change.kind == Change::Kind::put ? put(place.name, row) : unset(place.name, row);
+    }
+    text += '\n';
+  }
+  void put(const std::string& name, const Row& row) {
+    checkPlain(row.type.view());
+    checkPlain(row.attribute.view());
+    if (row.type != type) text.append(":").append((type = row.type).view()).append("\n");
+    text.append("+").append(name);
+    if (row.attribute.empty()) return;
+    text.append("\t").append(row.attribute.view()).append("\t");
+    appendJson(text, row.value);
+  }
+  void unset(const std::string& name, const Row& row) {
+    checkPlain(row.attribute.view());
+    text.append("-").append(name).append("\t").append(row.attribute.view());
+  }
+};
+
+struct DeltaReader {
+  Changes changes{};
+  std::string_view directory{};
+  Zel::Name type{};
+
+  void line(std::string_view text) {
+    const char kind = text.empty() ? '\0' : text[0];
+    std::string_view rest = text.substr(std::min<std::size_t>(1, text.size()));
+    switch (kind) {
+      case '@':
+        directory = rest;
+        return;
+      case ':':
+        type = Zel::Name(rest);
+        return;
+      case '!':
+        return changes.push_back(Change::del(Path(rest)));
+      case '+':
+        return put(rest);
+      case '-':
+        return unset(rest);
+      default:
+        failAt("a step of a change that begins with none of @ : ! + -", text);
+    }
+  }
+  void put(std::string_view text) {
+    if (type.empty()) failAt("a put without a type", text);
+    const Path path = pathAt(directory, take(text, '\t'));
+    if (text.empty()) return changes.push_back(Change::put(path, type, {}, {}));
+    const Zel::Name attribute(take(text, '\t'));
+    changes.push_back(Change::put(path, type, attribute, parseJson(text)));
+  }
+  void unset(std::string_view text) {
+    const Path path = pathAt(directory, take(text, '\t'));
+    changes.push_back(Change::unset(path, Zel::Name(text)));
+  }
+};
+
+}  // namespace
+
+Keys::Keys(std::string_view prefix, Statedb::Durability space)
+    : space_("{" + std::string(prefix) + (space == Statedb::Durability::stored ? "}:s" : "}:v")) {}
+
+Place placeOf(Path path) {
+  if (path.empty()) return {};
+  return {path.parent().text(), path.component().stdString()};
+}
+
+Path pathAt(std::string_view directory, std::string_view name) {
+  if (directory.empty()) return Path(name);
+  std::string text(directory);
+  return Path(text.append("/").append(name));
+}
+
+std::string deltaText(const Changes& changes) {
+  DeltaWriter writer;
+  for (const Change& change : changes) writer.step(change);
+  return std::move(writer.text);
+}
+
+Changes changesOf(std::string_view delta) {
+  DeltaReader reader;
+  while (!delta.empty()) reader.line(take(delta, '\n'));
+  return std::move(reader.changes);
+}
+
+void Rows::scanned(std::string_view directory, std::string_view field, std::string_view text) {
+  const bool isEntity = field.find('/') == std::string_view::npos;
+  const Path path = pathAt(directory, take(field, '/'));
+  Record& record = entities_.try_emplace(path, Record{path, {}, {}}).first->second;
+  if (isEntity) {
+    record.type = Zel::Name(take(text, '\t'));
+    order_[path] = '\t' + std::string(text) + '\t';
+    return;
+  }
+  const Zel::Name attribute(field);
+  std::erase_if(record.attributes, [&](const Attribute& each) { return each.name == attribute; });
+  record.attributes.emplace_back(attribute, parseJson(text));
+}
+
+// Values whose entity was not found belong to one that was made during the scan: the log brings it.
+void Rows::endScan() {
+  std::erase_if(entities_, [](const auto& each) { return each.second.type.empty(); });
+  for (auto& [path, record] : entities_) {
+    const std::string& order = order_[path];
+    const auto place = [&](const Attribute& each) { return order.find('\t' + each.name.stdString() + '\t'); };
+    std::ranges::sort(record.attributes, {}, place);
+  }
+  order_ = {};
+}
+
+void Rows::carry(const Changes& changes) {
+  for (const Change& change : changes) {
+    const Row& row = change.row;
+    if (change.kind == Change::Kind::del) {
+      row.path.forEachUnder([this](Path each) { entities_.erase(each); });
+      continue;
+    }
+    const bool isPut = change.kind == Change::Kind::put;
+    if (!isPut && !entities_.contains(row.path)) continue;
+    Record& record = entities_.try_emplace(row.path, Record{row.path, {}, {}}).first->second;
+    if (isPut) record.type = row.type;
+    const auto found = std::ranges::find(record.attributes, row.attribute, &Attribute::name);
+    const bool isThere = found != record.attributes.end();
+    if (!isPut && isThere) record.attributes.erase(found);
+    if (!isPut || row.attribute.empty()) continue;
+    if (isThere)
+      found->value = row.value;
+    else
+      record.attributes.emplace_back(row.attribute, row.value);
+  }
+}
+
+const Record* Rows::find(Path path) const {
+  const auto found = entities_.find(path);
+  return found == entities_.end() ? nullptr : &found->second;
+}
+
+Statedb::Records Rows::all() const {
+  Statedb::Records records;
+  for (const auto& [path, record] : entities_) records.push_back(&record);
+  return records;
+}
+
+std::string Rows::entityText(Path path) const {
+  const Record* record = find(path);
+  if (!record) return {};
+  std::string text = record->type.stdString();
+  for (const Attribute& each : record->attributes) text.append("\t").append(each.name.view());
+  return text;
+}
+
+}  // namespace Host::Redis

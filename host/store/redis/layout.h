@@ -1,0 +1,98 @@
+// How rows stand in Redis, and the changes of a batch in the log.
+//
+//     const Keys keys("pinlamp", Durability::stored);
+//     keys.directory("hardware/led")     "{pinlamp}:s:d:hardware/led"
+//     deltaText(changes)                 the batch as an entry of the log has it
+//
+// Stored and volatile rows are two spaces of the same layout. P is "{PREFIX}:s" or "{PREFIX}:v"; the braces
+// keep all keys of a database on one node of a cluster.
+//
+//     P:d:DIRECTORY   hash: the entities directly under a path
+//                       NAME             TYPE and the attributes that were set, in that order, each behind a
+//                       tab NAME/ATTRIBUTE   the value as JSON
+//     P:dirs          sorted set of these directories, all of score 0
+//     P:log           stream with the ids 0-REVISION: o, the origin, and d, the delta
+//     P:meta          hash: generation, fence:UUID, and, in the volatile space, claim:MOUNT
+//     P:claim:MOUNT   hash: beat, who, synced
+//     P:changes       the channel on which each entry is announced: "GENERATION REVISION ORIGIN\nDELTA"
+//
+// A name holds no slash and no control character, for these are escaped in paths, so neither is taken for a
+// separator. The entity at the empty path is the empty name in the empty directory.
+//
+// A delta is a line for each step, with tabs between its parts; a directory and a type stand for the lines
+// that follow:
+//
+//     @DIRECTORY
+//     :TYPE
+//     +NAME                    put: the entity is there
+//     +NAME ATTRIBUTE JSON     put
+//     -NAME ATTRIBUTE          unset
+//     !PATH                    del, with all under it
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/statedb/store/row.h"
+
+namespace Host::Redis {
+
+class Keys {
+ public:
+  Keys(std::string_view prefix, Statedb::Durability space);
+
+  const std::string& space() const { return space_; }  // P
+  std::string directory(std::string_view directory) const { return space_ + ":d:" + std::string(directory); }
+  std::string directories() const { return space_ + ":dirs"; }
+  std::string log() const { return space_ + ":log"; }
+  std::string meta() const { return space_ + ":meta"; }
+  std::string claim(std::string_view mount) const { return space_ + ":claim:" + std::string(mount); }
+  std::string channel() const { return space_ + ":changes"; }
+
+ private:
+  const std::string space_;
+};
+
+// Where an entity stands.
+struct Place {
+  std::string directory;
+  std::string name;
+  bool operator==(const Place&) const = default;
+};
+Place placeOf(Statedb::Path path);
+// Throws Zel::ValueError where it is beyond the limits of paths.
+Statedb::Path pathAt(std::string_view directory, std::string_view name);
+
+// Throws Zel::ValueError where a type or an attribute has a control character, which no declared one has.
+std::string deltaText(const Statedb::Changes& changes);
+// The inverse. Throws Zel::ValueError where a line is not one, its JSON can't be read, or a path or a name is
+// beyond the limits.
+Statedb::Changes changesOf(std::string_view delta);
+
+// The rows of one space as far as they are known: what a scan finds, and what the log says since.
+//
+//     rows.scanned("hardware/led", field, value);  // for every field of every hash
+//     rows.endScan();
+//     rows.carry(changesOf(entry.delta));          // may repeat what the scan found already
+class Rows {
+ public:
+  // Throws Zel::ValueError where the value is no JSON, or a path or a name is beyond the limits.
+  void scanned(std::string_view directory, std::string_view field, std::string_view text);
+  void endScan();
+  void carry(const Statedb::Changes& changes);
+
+  // Null where there is none.
+  const Statedb::Record* find(Statedb::Path path) const;
+  // In no order, valid until something changes.
+  Statedb::Records all() const;
+  // What the hash says of an entity: its type and its attributes; empty where there is none.
+  std::string entityText(Statedb::Path path) const;
+
+ private:
+  std::unordered_map<Statedb::Path, Statedb::Record> entities_;
+  std::unordered_map<Statedb::Path, std::string> order_;  // of the attributes, while it is scanned
+};
+
+}  // namespace Host::Redis

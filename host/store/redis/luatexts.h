@@ -1,0 +1,290 @@
+// The scripts' texts. Internal to scripts.cpp, which documents them.
+#pragma once
+
+namespace Host::Redis {
+
+// KEYS: meta, log, dirs, then the directories of the steps.
+// ARGV: generation, new generation, uuid, sequence, delta, log length, P, the other space's P, "s" or "v",
+// the count of claims, a mount and a token for each, then the steps:
+//     p, KEYS index, count of entities, count of values, names, expected texts, then a field and a value each
+//     u, KEYS index, name, attribute
+//     d, KEYS index, name
+//     r, KEYS index, name: as d, for an entity that makes room for one of another type
+inline constexpr const char* kWriteScript = R"lua(
+local own, other, volatile = ARGV[7], ARGV[8], ARGV[9] == 'v'
+
+local asked, tokens = {'generation', 'fence:' .. ARGV[3]}, {}
+local at = 11
+for _ = 1, tonumber(ARGV[10]) do
+  asked[#asked + 1] = 'claim:' .. ARGV[at]
+  tokens[#tokens + 1] = ARGV[at + 1]
+  at = at + 2
+end
+local found = redis.call('HMGET', KEYS[1], unpack(asked))
+local generation = found[1] or ''
+if generation ~= ARGV[1] then return redis.error_reply('GENERATION ' .. generation) end
+if found[2] and tonumber(string.match(found[2], '^%d+')) >= tonumber(ARGV[4]) then
+  return redis.error_reply('FENCED the write was given up')
+end
+for i, token in ipairs(tokens) do
+  if found[i + 2] ~= token then
+    return redis.error_reply('CLAIMED ' .. string.sub(asked[i + 2], 7) .. ' ' .. (found[i + 2] or ''))
+  end
+end
+
+local function under(space, path)
+  local dirs = space .. ':dirs'
+  if path == '' then return redis.call('ZRANGE', dirs, 0, -1) end
+  local list = redis.call('ZRANGEBYLEX', dirs, '[' .. path .. '/', '(' .. path .. '0')
+  if redis.call('ZSCORE', dirs, path) then list[#list + 1] = path end
+  return list
+end
+local function typeOf(text) return string.match(text, '^[^\t]*') end
+local function pathAt(directory, name) return directory == '' and name or directory .. '/' .. name end
+-- Needs the right to write, and does nothing: no name has a control character.
+local function touch(space, directory) redis.call('HDEL', space .. ':d:' .. directory, '\1') end
+
+local steps, deleted, plain = {}, {}, true
+local function isDeleted(path)
+  for _, above in ipairs(deleted) do
+    if above == '' or path == above or string.sub(path, 1, #above + 1) == above .. '/' then return true end
+  end
+  return false
+end
+
+-- The checks.
+local function checkPut(step)
+  step.names, step.count, step.values = at + 4, tonumber(ARGV[at + 2]), tonumber(ARGV[at + 3])
+  step.texts = step.names + step.count
+  step.fields = step.texts + step.count
+  at = step.fields + 2 * step.values
+  step.now = redis.call('HMGET', step.key, unpack(ARGV, step.names, step.texts - 1))
+  local theirs = other .. ':d:' .. step.directory
+  local there = redis.call('EXISTS', theirs) == 1 and redis.call('HMGET', theirs, unpack(ARGV, step.names, step.texts - 1))
+  for i = 1, step.count do
+    local now, text, that = step.now[i], ARGV[step.texts + i - 1], there and there[i]
+    if (now and now ~= text) or that then
+      local path, wanted = pathAt(step.directory, ARGV[step.names + i - 1]), typeOf(text)
+      if volatile and that and typeOf(that) ~= wanted then return redis.error_reply('STORED ' .. path) end
+      local isOther = (now and typeOf(now) ~= wanted) or (that and typeOf(that) ~= wanted)
+      if isOther and not isDeleted(path) then
+        if volatile and #under(other, path) > 0 then return redis.error_reply('STORED ' .. path) end
+        return redis.error_reply('TYPE ' .. path)
+      end
+    end
+  end
+end
+while at <= #ARGV do
+  local step = {kind = ARGV[at], key = KEYS[tonumber(ARGV[at + 1])]}
+  step.directory = string.sub(step.key, #own + 4)
+  steps[#steps + 1] = step
+  if #steps > 1 then plain = false end
+  if step.kind == 'p' then
+    local refused = checkPut(step)
+    if refused then return refused end
+  else
+    step.name = ARGV[at + 2]
+    touch(own, step.directory)
+    if not volatile then
+      touch(other, step.directory)
+      redis.call('ZREM', other .. ':dirs', '\1')
+      redis.call('XTRIM', other .. ':log', 'MAXLEN', '~', '1000000000')
+    end
+    if step.kind == 'u' then
+      step.attribute = ARGV[at + 3]
+      at = at + 4
+    else
+      step.path = pathAt(step.directory, step.name)
+      if step.kind == 'r' and volatile then
+        local stored = redis.call('HEXISTS', other .. ':d:' .. step.directory, step.name) == 1
+        if stored or #under(other, step.path) > 0 then return redis.error_reply('STORED ' .. step.path) end
+      end
+      deleted[#deleted + 1] = step.path
+      for _, each in ipairs(under(own, step.path)) do touch(own, each) end
+      if not volatile then
+        for _, each in ipairs(under(other, step.path)) do touch(other, each) end
+      end
+      at = at + 3
+    end
+  end
+end
+
+-- The changes.
+if volatile then redis.set_repl(redis.REPL_REPLICA) end
+local origin = ARGV[3] .. ':' .. ARGV[4]
+local revision = string.match(redis.call('XADD', KEYS[2], 'MAXLEN', '~', ARGV[6], '0-*', 'o', origin, 'd', ARGV[5]), '%d+$')
+if generation == '' then
+  generation = ARGV[2]
+  redis.call('HSET', KEYS[1], 'generation', generation)
+end
+
+local function attributesOf(step)
+  local lists = {}
+  for i = step.fields, step.fields + 2 * step.values - 1, 2 do
+    local slash = string.find(ARGV[i], '/', 1, true)
+    local name = string.sub(ARGV[i], 1, slash - 1)
+    lists[name] = lists[name] or {}
+    table.insert(lists[name], string.sub(ARGV[i], slash + 1))
+  end
+  return lists
+end
+local function put(step)
+  local now = step.now
+  if not plain then now = redis.call('HMGET', step.key, unpack(ARGV, step.names, step.texts - 1)) end
+  local lists, entities, any = nil, {}, false
+  for i = 1, step.count do
+    local text = ARGV[step.texts + i - 1]
+    if now[i] then any = true end
+    if now[i] ~= text then
+      local name = ARGV[step.names + i - 1]
+      local after = now[i] or typeOf(text)
+      lists = lists or attributesOf(step)
+      for _, attribute in ipairs(lists[name] or {}) do
+        if not string.find(after .. '\t', '\t' .. attribute .. '\t', 1, true) then after = after .. '\t' .. attribute end
+      end
+      if after ~= now[i] then
+        entities[#entities + 1] = name
+        entities[#entities + 1] = after
+      end
+    end
+  end
+  if not any and redis.call('EXISTS', step.key) == 0 then redis.call('ZADD', KEYS[3], 0, step.directory) end
+  if step.values > 0 then redis.call('HSET', step.key, unpack(ARGV, step.fields, step.fields + 2 * step.values - 1)) end
+  if #entities > 0 then redis.call('HSET', step.key, unpack(entities)) end
+end
+local function unset(space, step)
+  local key = space .. ':d:' .. step.directory
+  local text = redis.call('HGET', key, step.name)
+  if not text then return false end
+  local first, last = string.find(text .. '\t', '\t' .. step.attribute .. '\t', 1, true)
+  if not first then return false end
+  redis.call('HSET', key, step.name, string.sub(text, 1, first - 1) .. string.sub(text, last))
+  redis.call('HDEL', key, step.name .. '/' .. step.attribute)
+  return true
+end
+local function del(space, step)
+  local key, any = space .. ':d:' .. step.directory, false
+  local text = redis.call('HGET', key, step.name)
+  if text then
+    any = true
+    local fields = {step.name}
+    for attribute in string.gmatch(text, '\t([^\t]+)') do fields[#fields + 1] = step.name .. '/' .. attribute end
+    redis.call('HDEL', key, unpack(fields))
+    if redis.call('EXISTS', key) == 0 then redis.call('ZREM', space .. ':dirs', step.directory) end
+  end
+  for _, each in ipairs(under(space, step.path)) do
+    any = true
+    redis.call('UNLINK', space .. ':d:' .. each)
+    redis.call('ZREM', space .. ':dirs', each)
+  end
+  return any
+end
+
+local hidden = {}
+for _, step in ipairs(steps) do
+  if step.kind == 'p' then
+    put(step)
+  else
+    local carry = step.kind == 'u' and unset or del
+    carry(own, step)
+    if not volatile then
+      redis.set_repl(redis.REPL_REPLICA)
+      if carry(other, step) then
+        hidden[#hidden + 1] = step.kind == 'u' and '@' .. step.directory .. '\n-' .. step.name .. '\t' .. step.attribute or
+          '!' .. step.path
+      end
+      redis.set_repl(redis.REPL_ALL)
+    end
+  end
+end
+
+local function announce(space, itsGeneration, itsRevision, delta)
+  local sent = redis.pcall('PUBLISH', space .. ':changes',
+                           itsGeneration .. ' ' .. itsRevision .. ' ' .. origin .. '\n' .. delta)
+  return type(sent) == 'table' and sent.err or ''
+end
+if #hidden > 0 then
+  redis.set_repl(redis.REPL_REPLICA)
+  local delta = table.concat(hidden, '\n') .. '\n'
+  local id = redis.call('XADD', other .. ':log', 'MAXLEN', '~', ARGV[6], '0-*', 'o', origin, 'd', delta)
+  announce(other, redis.call('HGET', other .. ':meta', 'generation') or '', string.match(id, '%d+$'), delta)
+  redis.set_repl(redis.REPL_ALL)
+end
+return {tonumber(revision), generation, announce(own, generation, revision, ARGV[5])}
+)lua";
+
+// KEYS: meta, log. ARGV: uuid, fence (0: none), "s" or "v".
+inline constexpr const char* kStateScript = R"lua(
+local generation = redis.call('HGET', KEYS[1], 'generation') or ''
+local last = redis.call('XREVRANGE', KEYS[2], '+', '-', 'COUNT', 1)
+local tip = last[1] and tonumber(string.match(last[1][1], '^0%-(%d+)$')) or 0
+local info = redis.call('INFO', 'server', 'replication', 'memory')
+local function said(name) return string.match(info, '\n' .. name .. ':([^\r\n]*)') or '' end
+return {generation, tip, said('master_replid'), said('run_id'), said('role'), said('maxmemory_policy')}
+)lua";
+
+// Goes before the state script. A fence stays for a day: so long, at most, what a lost connection sent can be
+// on its way.
+inline constexpr const char* kFenceScript = R"lua(
+if ARGV[3] == 'v' then redis.set_repl(redis.REPL_REPLICA) end
+local now = tonumber(redis.call('TIME')[1])
+if redis.call('HEXISTS', KEYS[1], 'generation') == 1 then
+  local all = redis.call('HGETALL', KEYS[1])
+  for i = 1, #all, 2 do
+    local since = string.sub(all[i], 1, 6) == 'fence:' and tonumber(string.match(all[i + 1], '%d+$'))
+    if since and since < now - 86400 then redis.call('HDEL', KEYS[1], all[i]) end
+  end
+  redis.call('HSET', KEYS[1], 'fence:' .. ARGV[1], ARGV[2] .. ' ' .. string.format('%d', now))
+end
+)lua";
+
+// KEYS: meta, log. ARGV: after, count.
+inline constexpr const char* kLogScript = R"lua(
+local generation = redis.call('HGET', KEYS[1], 'generation') or ''
+local last = redis.call('XREVRANGE', KEYS[2], '+', '-', 'COUNT', 1)
+local tip = last[1] and tonumber(string.match(last[1][1], '^0%-(%d+)$')) or 0
+return {generation, tip, redis.call('XRANGE', KEYS[2], '(0-' .. ARGV[1], '+', 'COUNT', ARGV[2])}
+)lua";
+
+// Goes before the scripts of claims, which have KEYS: meta, claim. ARGV begins with the mount.
+inline constexpr const char* kClaimAnswer = R"lua(
+local function answer()
+  local meta = redis.call('HMGET', KEYS[1], 'generation', 'claim:' .. ARGV[1])
+  local claim = redis.call('HMGET', KEYS[2], 'beat', 'who', 'synced')
+  return {meta[1] or '', meta[2] or '', tonumber(claim[1] or 0), claim[2] or '', claim[3] or ''}
+end
+)lua";
+inline constexpr const char* kClaimScript = "return answer()";
+
+// ARGV: mount, generation, token and beat as they were seen, uuid, who, new generation.
+inline constexpr const char* kTakeScript = R"lua(
+local now = answer()
+if now[1] ~= ARGV[2] or now[2] ~= ARGV[3] or now[3] ~= tonumber(ARGV[4]) then return now end
+redis.set_repl(redis.REPL_REPLICA)
+local epoch = tonumber(string.match(now[2], '^%d+') or 0) + 1
+if now[1] == '' then redis.call('HSET', KEYS[1], 'generation', ARGV[7]) end
+redis.call('HSET', KEYS[1], 'claim:' .. ARGV[1], string.format('%d', epoch) .. ' ' .. ARGV[5])
+redis.call('HSET', KEYS[2], 'beat', now[3] + 1, 'who', ARGV[6], 'synced', '')
+return answer()
+)lua";
+
+// ARGV: mount, token, synced.
+inline constexpr const char* kBeatScript = R"lua(
+local now = answer()
+if now[2] ~= ARGV[2] then return redis.error_reply('CLAIMED ' .. ARGV[1] .. ' ' .. now[2]) end
+redis.set_repl(redis.REPL_REPLICA)
+redis.call('HSET', KEYS[2], 'beat', now[3] + 1, 'synced', ARGV[3])
+return answer()
+)lua";
+
+// ARGV: mount, token. The epoch stays.
+inline constexpr const char* kReleaseScript = R"lua(
+local now = answer()
+if now[2] ~= ARGV[2] then return redis.error_reply('CLAIMED ' .. ARGV[1] .. ' ' .. now[2]) end
+redis.set_repl(redis.REPL_REPLICA)
+redis.call('HSET', KEYS[1], 'claim:' .. ARGV[1], string.match(now[2], '^%d+') .. ' ')
+redis.call('HSET', KEYS[2], 'beat', now[3] + 1)
+return answer()
+)lua";
+
+}  // namespace Host::Redis

@@ -1,0 +1,320 @@
+#include "host/store/redis/scripts.h"
+
+#include <algorithm>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+
+#include "host/rpc/json.h"
+#include "host/store/redis/luatexts.h"
+#include "platform/zel/core/assert.h"
+#include "platform/zel/core/exception.h"
+
+namespace Host::Redis {
+
+using Statedb::Change;
+using Statedb::Changes;
+using Statedb::Durability;
+using Statedb::Path;
+using Statedb::Row;
+
+namespace {
+
+constexpr Script kWrite{"", kWriteScript, false};
+constexpr Script kState{"", kStateScript, true};
+constexpr Script kFence{kFenceScript, kStateScript, false};
+constexpr Script kLog{"", kLogScript, true};
+constexpr Script kClaim{kClaimAnswer, kClaimScript, true};
+constexpr Script kTake{kClaimAnswer, kTakeScript, false};
+constexpr Script kBeat{kClaimAnswer, kBeatScript, false};
+constexpr Script kRelease{kClaimAnswer, kReleaseScript, false};
+
+constexpr std::size_t kHashWord = 1;
+
+Call callOf(const Script& script, const std::vector<std::string>& keys, std::vector<std::string> arguments) {
+  Call call{&script, {script.readOnly ? "EVALSHA_RO" : "EVALSHA", "", std::to_string(keys.size())}};
+  call.words.insert(call.words.end(), keys.begin(), keys.end());
+  std::ranges::move(arguments, std::back_inserter(call.words));
+  return call;
+}
+
+std::string spaceLetter(const Keys& keys) { return keys.space().substr(keys.space().size() - 1); }
+
+// What a batch meets and makes, step by step.
+class Types {
+ public:
+  Types(const Known& known, const std::vector<Path>& inTheWay) : known_(known), inTheWay_(inTheWay) {}
+
+  // Whether an entity of another type stands where one of `type` is put.
+  bool isOther(Path path, Zel::Name type) const {
+    if (const auto found = made_.find(path); found != made_.end()) return found->second != type;
+    for (Path above = path; !removed_.contains(above); above = above.parent())
+      if (above.empty()) return isOtherBefore(path, type);
+    return false;
+  }
+  void put(Path path, Zel::Name type) { made_[path] = type; }
+  void remove(Path path) {
+    std::erase_if(made_, [&](const auto& each) { return each.first.isUnder(path); });
+    removed_.insert(path);
+  }
+
+ private:
+  bool isOtherBefore(Path path, Zel::Name type) const {
+    const auto isOther = [&](const Statedb::Record* record) { return record && record->type != type; };
+    return isOther(known_.stored.find(path)) || isOther(known_.volatile_.find(path)) ||
+           std::ranges::find(inTheWay_, path) != inTheWay_.end();
+  }
+
+  const Known& known_;
+  const std::vector<Path>& inTheWay_;
+  std::unordered_map<Path, Zel::Name> made_{};
+  std::unordered_set<Path> removed_{};
+};
+
+// The steps of a batch as the script reads them. Puts that follow each other in one directory are one step.
+struct StepWriter {
+  StepWriter(const Keys& theKeys, const Rows& theKnown) : keys(theKeys), known(theKnown) {}
+
+  struct Entity {
+    std::string name;
+    std::string text;  // as the server should have it afterwards
+  };
+
+  const Keys& keys;
+  const Rows& known;
+  std::vector<std::string> directories{};  // their keys
+  std::vector<std::string> words{};
+  std::string begun{};  // the key of the directory that is put into; empty: none is
+  std::vector<Entity> entities{};
+  std::vector<std::string> values{};
+
+  void step(const Change& change) {
+    const Place place = placeOf(change.row.path);
+    const std::string key = keys.directory(place.directory);
+    if (change.kind == Change::Kind::put) return put(key, place.name, change.row);
+    const bool isUnset = change.kind == Change::Kind::unset;
+    remove(isUnset ? "u" : "d", place);
+    if (isUnset) words.push_back(change.row.attribute.stdString());
+  }
+  void replace(Path path) { remove("r", placeOf(path)); }
+  void remove(const char* kind, const Place& place) {
+    end();
+    words.insert(words.end(), {kind, index(keys.directory(place.directory)), place.name});
+  }
+
+  void put(const std::string& key, const std::string& name, const Row& row) {
+    if (begun != key) end();
+    begun = key;
+    std::string& text = entity(name, row);
+    if (row.attribute.empty()) return;
+    const std::string attribute = row.attribute.stdString();
+    if ((text + '\t').find('\t' + attribute + '\t') == std::string::npos) text += '\t' + attribute;
+    values.push_back(name + '/' + attribute);
+    values.push_back(jsonText(row.value));
+  }
+  std::string& entity(const std::string& name, const Row& row) {
+    // Changes mostly follow each other in one entity.
+    if (!entities.empty() && entities.back().name == name) return entities.back().text;
+    const auto found = std::ranges::find(entities, name, &Entity::name);
+    if (found != entities.end()) return found->text;
+    const Statedb::Record* record = known.find(row.path);
+    const bool isKnown = record && record->type == row.type;
+    return entities.emplace_back(name, isKnown ? known.entityText(row.path) : row.type.stdString()).text;
+  }
+
+  void end() {
+    if (begun.empty()) return;
+    words.insert(words.end(),
+                 {"p", index(begun), std::to_string(entities.size()), std::to_string(values.size() / 2)});
+    for (const Entity& each : entities) words.push_back(each.name);
+    for (Entity& each : entities) words.push_back(std::move(each.text));
+    std::ranges::move(values, std::back_inserter(words));
+    begun.clear();
+    entities.clear();
+    values.clear();
+  }
+
+  std::string index(const std::string& key) {
+    constexpr std::size_t kBefore = 3;  // keys, and Lua counts from one
+    const auto found = std::ranges::find(directories, key);
+    const auto at = static_cast<std::size_t>(found - directories.begin());
+    if (found == directories.end()) directories.push_back(key);
+    return std::to_string(kBefore + at + 1);
+  }
+};
+
+// Enough for a limit: what the row takes in the delta and the hash.
+std::size_t bytesOf(const Change& change) {
+  const Row& row = change.row;
+  return row.path.text().size() + row.attribute.view().size() + jsonText(row.value).size();
+}
+
+Revision revisionIn(std::string_view id) {
+  const Reply number{Reply::Kind::text, 0, std::string(id.substr(id.find('-') + 1)), {}};
+  if (!id.starts_with("0-") || number.unsignedNumber() == 0)
+    throw Zel::ValueError("an entry of the log with the id '" + std::string(id.substr(0, 64)) +
+                          "', not 0-REVISION");
+  return number.unsignedNumber();
+}
+
+}  // namespace
+
+void Caller::call(Call call, Connection::OnReply then) {
+  if (!connection_.isReady()) return;
+  if (!hashes_.contains(call.script)) load(*call.script);
+  Waiting waiting{std::move(call), std::move(then)};
+  loading_ == 0 ? send(std::move(waiting)) : waiting_.push_back(std::move(waiting));
+}
+
+void Caller::lost() {
+  hashes_.clear();
+  refused_.clear();
+  waiting_.clear();
+  loading_ = 0;
+}
+
+// A call that the server refuses because it forgot the script changed nothing. All that were sent before the
+// script was loaded again are refused, in order, before the reply to the load: they go first then.
+void Caller::send(Waiting waiting) {
+  const auto shared = std::make_shared<Waiting>(std::move(waiting));
+  const Call& call = shared->call;
+  std::vector<std::string_view> words(call.words.begin(), call.words.end());
+  words[kHashWord] = hashes_[call.script];
+  connection_.request(words, [this, shared](const Reply& reply) {
+    if (reply.refusal() != Refusal::noScript) return shared->then(reply);
+    if (!hashes_[shared->call.script].empty()) load(*shared->call.script);
+    refused_.push_back(std::move(*shared));
+  });
+}
+
+void Caller::load(const Script& script) {
+  ++loading_;
+  hashes_[&script].clear();
+  connection_.request({"SCRIPT", "LOAD", std::string(script.preamble) + script.text},
+                      [this, &script](const Reply& reply) { onLoaded(script, reply); });
+  connection_.flush();
+}
+
+void Caller::onLoaded(const Script& script, const Reply& reply) {
+  --loading_;
+  const bool isLoaded = reply.kind != Reply::Kind::error;
+  if (isLoaded)
+    hashes_[&script] = reply.text;
+  else
+    hashes_.erase(&script);
+  std::deque<Waiting> waiting = std::exchange(refused_, {});
+  std::ranges::move(std::exchange(waiting_, {}), std::back_inserter(waiting));
+  for (Waiting& each : waiting) {
+    if (!isLoaded && each.call.script == &script)
+      each.then(reply);
+    else if (loading_ == 0)
+      send(std::move(each));
+    else
+      waiting_.push_back(std::move(each));
+  }
+  connection_.flush();
+}
+
+std::vector<Changes> partsOf(const Changes& changes) {
+  std::vector<Changes> parts;
+  std::size_t bytes = 0;
+  for (const Change& change : changes) {
+    const std::size_t its = bytesOf(change);
+    if (parts.empty() || parts.back().size() == kRowsPerWrite || bytes + its > kBytesPerWrite) {
+      parts.emplace_back();
+      bytes = 0;
+    }
+    bytes += its;
+    parts.back().push_back(change);
+  }
+  return parts;
+}
+
+Call writeCall(std::string_view prefix, Durability space, const Changes& changes, const WriteOptions& options,
+               const Known& known) {
+  ZEL_REQUIRE(changes.size() <= kRowsPerWrite, "a write of " << changes.size() << " rows");
+  const Keys keys(prefix, space);
+  const Keys others(prefix, space == Durability::stored ? Durability::volatile_ : Durability::stored);
+  StepWriter steps(keys, space == Durability::stored ? known.stored : known.volatile_);
+  Types types(known, options.inTheWay);
+  Changes logged;
+  for (const Change& change : changes) {
+    const Path path = change.row.path;
+    if (change.kind == Change::Kind::put && types.isOther(path, change.row.type)) {
+      steps.replace(path);
+      types.remove(path);
+      logged.push_back(Change::del(path));
+    }
+    steps.step(change);
+    logged.push_back(change);
+    if (change.kind == Change::Kind::put) types.put(path, change.row.type);
+    if (change.kind == Change::Kind::del) types.remove(path);
+  }
+  steps.end();
+
+  std::vector<std::string> names{keys.meta(), keys.log(), keys.directories()};
+  std::ranges::move(steps.directories, std::back_inserter(names));
+  std::vector<std::string> arguments{options.generation, options.newGeneration,
+                                     options.uuid,       std::to_string(options.sequence),
+                                     deltaText(logged),  std::to_string(options.log),
+                                     keys.space(),       others.space(),
+                                     spaceLetter(keys),  std::to_string(options.claims.size())};
+  for (const Claimed& each : options.claims) arguments.insert(arguments.end(), {each.mount, each.token});
+  std::ranges::move(steps.words, std::back_inserter(arguments));
+  return callOf(kWrite, names, std::move(arguments));
+}
+
+Written written(const Reply& reply) { return {reply[0].unsignedNumber(), reply[1].text, reply[2].text}; }
+
+Call stateCall(const Keys& keys, std::string_view uuid, Sequence fence) {
+  const std::vector<std::string> names{keys.meta(), keys.log()};
+  if (fence == 0) return callOf(kState, names, {});
+  return callOf(kFence, names, {std::string(uuid), std::to_string(fence), spaceLetter(keys)});
+}
+
+ServerState serverState(const Reply& reply) {
+  return {{{reply[2].text, reply[0].text}, reply[1].unsignedNumber()},
+          reply[3].text,
+          reply[4].text,
+          reply[5].text};
+}
+
+Call logCall(const Keys& keys, Revision after, std::size_t count) {
+  return callOf(kLog, {keys.meta(), keys.log()}, {std::to_string(after), std::to_string(count)});
+}
+
+LogPage logPage(const Reply& reply) {
+  LogPage page{reply[0].text, reply[1].unsignedNumber(), {}};
+  for (const Reply& each : reply[2].list)
+    page.entries.push_back({revisionIn(each[0].text), each[1][1].text, each[1][3].text});
+  return page;
+}
+
+Call claimCall(const Keys& keys, std::string_view mount) {
+  return callOf(kClaim, {keys.meta(), keys.claim(mount)}, {std::string(mount)});
+}
+
+Call takeCall(const Keys& keys, std::string_view mount, const Claim& seen, std::string_view uuid,
+              std::string_view who, std::string_view newGeneration) {
+  return callOf(kTake, {keys.meta(), keys.claim(mount)},
+                {std::string(mount), seen.generation, seen.token, std::to_string(seen.beat),
+                 std::string(uuid), std::string(who), std::string(newGeneration)});
+}
+
+Call beatCall(const Keys& keys, std::string_view mount, const Token& token, std::string_view synced) {
+  return callOf(kBeat, {keys.meta(), keys.claim(mount)}, {std::string(mount), token, std::string(synced)});
+}
+
+Call releaseCall(const Keys& keys, std::string_view mount, const Token& token) {
+  return callOf(kRelease, {keys.meta(), keys.claim(mount)}, {std::string(mount), token});
+}
+
+Claim claim(const Reply& reply) {
+  return {reply[0].text, reply[1].text, reply[2].unsignedNumber(), reply[3].text, reply[4].text};
+}
+
+bool isOwnedBy(const Claim& claim, std::string_view uuid) {
+  return claim.token.ends_with(' ' + std::string(uuid)) && !uuid.empty();
+}
+
+}  // namespace Host::Redis

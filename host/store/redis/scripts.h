@@ -1,0 +1,159 @@
+// What the server does in one step: scripts, and the calls of them.
+//
+//     caller.call(writeCall("pinlamp", Durability::stored, changes, {.generation = g, .uuid = uuid, .sequence
+//     = 7}, rows),
+//                 [](const Reply& reply) { if (reply.refusal() == Refusal::none) take(written(reply)); });
+//     connection.flush();
+//
+// A script does not roll back, so each checks everything, the ACL included, before its first change. Nothing
+// of a volatile space is put into the server's append-only file.
+#pragma once
+
+#include <deque>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/store/redis/connection.h"
+#include "host/store/redis/follower.h"
+#include "host/store/redis/layout.h"
+#include "host/store/redis/reply.h"
+
+namespace Host::Redis {
+
+struct Script {
+  const char* preamble;  // what several have in common
+  const char* text;
+  bool readOnly;  // runs with EVALSHA_RO: on behalf of users that may only read
+};
+
+// A call of a script: its words as they are sent, but for the script's hash.
+struct Call {
+  const Script* script = nullptr;
+  std::vector<std::string> words{};
+};
+
+// Calls scripts over a connection. Loads them as they are needed, and again where the server forgot them;
+// calls are carried out in the order of call(), then too.
+//
+//     Caller caller(connection);
+//     caller.call(stateCall(keys), [](const Reply& reply) { … });
+//     connection.flush();
+class Caller {
+ public:
+  // `connection` must outlive it, and must not call back any more once this is gone.
+  explicit Caller(Connection& connection) : connection_(connection) {}
+
+  // `then` gets the reply, errors included; it may not destroy the caller. Does nothing where the connection
+  // is not ready.
+  void call(Call call, Connection::OnReply then);
+  // The connection was lost: what waits goes, and the next server may know no script.
+  void lost();
+
+ private:
+  struct Waiting {
+    Call call;
+    Connection::OnReply then;
+  };
+
+  void send(Waiting call);
+  void load(const Script& script);
+  void onLoaded(const Script& script, const Reply& reply);
+
+  Connection& connection_;
+  std::map<const Script*, std::string> hashes_{};
+  std::size_t loading_ = 0;
+  // While scripts are loaded: calls to be sent again, then those that were not sent yet.
+  std::deque<Waiting> refused_{}, waiting_{};
+};
+
+// A change of many rows holds up the server for every client, so a longer batch is carried out in parts, each
+// for itself whole.
+inline constexpr std::size_t kRowsPerWrite = 1000;
+inline constexpr std::size_t kBytesPerWrite = 1 << 20;
+// At most as many rows and bytes each; a single row may be longer.
+std::vector<Statedb::Changes> partsOf(const Statedb::Changes& changes);
+
+// What a claim is known by: the epoch and the owner's uuid. Empty: there never was a claim.
+using Token = std::string;
+
+struct Claimed {
+  std::string mount;
+  Token token;
+};
+struct WriteOptions {
+  // As the writer's mirror has it; empty where the space was never written into. `newGeneration`, a random
+  // text, is the space's then.
+  std::string generation{};
+  std::string newGeneration{};
+  std::string uuid{};
+  Sequence sequence = 0;
+  std::uint32_t log = 10'000;     // entries that are kept
+  std::vector<Claimed> claims{};  // of the mounts that the batch writes under; checked in the volatile space
+  std::vector<Statedb::Path> inTheWay{};  // where an earlier try met an entity of another type
+};
+
+// Carries out a batch. Answers {revision, generation, why it could not be announced or ""}; or refuses,
+// changing nothing:
+//
+//     GENERATION current      the space was wiped, or made, meanwhile
+//     FENCED                  the write was given up, see Follower
+//     CLAIMED mount token     another process holds that claim
+//     TYPE path               an entity of another type is there, unknown to the writer: put it into
+//     `inTheWay` STORED path             a volatile row would take the place of stored ones
+//
+// A put of another type replaces the entity: as a step of its own that removes it, in the log too. A del and
+// an unset of stored rows take the volatile ones along, with an entry of that space's log. `known` is what
+// the writer takes the rows to be: what it has right costs the server nothing. REQUIRES: at most
+// kRowsPerWrite changes.
+struct Known {
+  const Rows& stored;
+  const Rows& volatile_;
+};
+Call writeCall(std::string_view prefix, Statedb::Durability space, const Statedb::Changes& changes,
+               const WriteOptions& options, const Known& known);
+struct Written {
+  Revision revision = 0;
+  std::string generation;
+  std::string unannounced;  // why nobody was notified: readers find the entry a second later
+};
+Written written(const Reply& reply);
+
+// What a reader asks first, and then once a second. With `fence`, the server refuses writes of `uuid` up to
+// that sequence from then on; this alone needs the right to write.
+Call stateCall(const Keys& keys, std::string_view uuid = {}, Sequence fence = 0);
+struct ServerState {
+  State state;
+  std::string runId;
+  std::string role;    // "master"
+  std::string policy;  // maxmemory_policy
+};
+ServerState serverState(const Reply& reply);
+
+// The entries after a revision, at most `count`, with generation and tip of the same moment. The page points
+// into the reply. Throws Zel::ValueError where the reply is none.
+Call logCall(const Keys& keys, Revision after, std::size_t count);
+LogPage logPage(const Reply& reply);
+
+// A claim of a mount, in the volatile space. Only its owner writes there: every write carries the token.
+struct Claim {
+  std::string generation;  // of the space
+  Token token;             // empty: there never was one
+  std::uint64_t beat = 0;  // grows as long as the owner lives
+  std::string who;         // for people
+  std::string synced;      // the timeline for which the owner has published everything
+  bool isFree() const { return token.empty() || token.ends_with(' '); }
+};
+Call claimCall(const Keys& keys, std::string_view mount);
+// Takes the claim where it still is as `seen`: token and heartbeat. Answers the claim as it is afterwards,
+// the caller's if its token ends in `uuid`. `newGeneration` is for a space without one.
+Call takeCall(const Keys& keys, std::string_view mount, const Claim& seen, std::string_view uuid,
+              std::string_view who, std::string_view newGeneration);
+// Answers the claim; CLAIMED where it is no longer the token's.
+Call beatCall(const Keys& keys, std::string_view mount, const Token& token, std::string_view synced);
+Call releaseCall(const Keys& keys, std::string_view mount, const Token& token);
+Claim claim(const Reply& reply);
+bool isOwnedBy(const Claim& claim, std::string_view uuid);
+
+}  // namespace Host::Redis

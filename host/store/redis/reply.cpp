@@ -89,6 +89,7 @@ const char* refusalText(Refusal refusal) { return kRefusals[static_cast<std::siz
 
 Refusal Reply::refusal() const {
   if (kind != Kind::error) return Refusal::none;
+  if (text.starts_with("ERR The user executing the script can't")) return Refusal::noPerm;
   const std::string_view word = std::string_view(text).substr(0, text.find(' '));
   const auto found = std::find_if(kRefusals.begin() + 1, kRefusals.end() - 1,
                                   [&](const RefusalWord& each) { return each.word == word; });

@@ -138,11 +138,11 @@ LogPage logPage(const Reply& reply);
 
 // A claim of a mount, in the volatile space. Only its owner writes there: every write carries the token.
 struct Claim {
-  std::string generation;  // of the space
-  Token token;             // empty: there never was one
-  std::uint64_t beat = 0;  // grows as long as the owner lives
-  std::string who;         // for people
-  std::string synced;      // the timeline for which the owner has published everything
+  std::string generation{};  // of the space
+  Token token{};             // empty: there never was one
+  std::uint64_t beat = 0;    // grows as long as the owner lives
+  std::string who{};         // for people
+  std::string synced{};      // the timeline for which the owner has published everything
   bool isFree() const { return token.empty() || token.ends_with(' '); }
 };
 Call claimCall(const Keys& keys, std::string_view mount);

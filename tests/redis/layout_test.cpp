@@ -59,15 +59,15 @@ TEST(RedisLayout, AScanAndTheLogSinceMakeTheRows) {
   rows.scanned("d", "b/x", "3");  // a hash that grows is read twice in places
   rows.endScan();
   EXPECT_EQ(rows.find("d/a"), nullptr);
-  EXPECT_EQ(rows.entityText("d/b"), "T\tx\ty");
+  EXPECT_EQ(entityText(*rows.find("d/b")), "T\tx\ty");
   EXPECT_EQ(*rows.find("d/b")->find("x"), Zel::Value(3));
   rows.carry({Change::put("d/a", "U", "late", 1), Change::unset("d/b", "x"),
               Change::put("d/b/c", "T", "z", 4), Change::unset("d/gone", "x")});
-  EXPECT_EQ(rows.entityText("d/a"), "U\tlate");
-  EXPECT_EQ(rows.entityText("d/b"), "T\ty");
+  EXPECT_EQ(entityText(*rows.find("d/a")), "U\tlate");
+  EXPECT_EQ(entityText(*rows.find("d/b")), "T\ty");
   rows.carry({Change::del("d/b"), Change::put("d/b", "U", {}, {})});
   EXPECT_EQ(rows.all().size(), 2U);
-  EXPECT_EQ(rows.entityText("d/b"), "U");
+  EXPECT_EQ(entityText(*rows.find("d/b")), "U");
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "host/store/redis/layout.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 #include "host/rpc/json.h"
@@ -39,9 +40,8 @@ void checkPlain(std::string_view name) {
 
 struct DeltaWriter {
   std::string text{};
-  std::string directory{};
+  std::optional<Path> directory{};
   Zel::Name type{};
-  bool isBegun = false;
 
   void step(const Change& change) {
     const Row& row = change.row;
@@ -49,14 +49,19 @@ struct DeltaWriter {
       text += '!';
       row.path.appendTo(text);
     } else {
-      const Place place = placeOf(row.path);
-      if (!std::exchange(isBegun, true) || place.directory != directory)
-        text += '@' + (directory = place.directory) + '\n';
-      change.kind == Change::Kind::put ? put(place.name, row) : unset(place.name, row);
+      const Path above = row.path.empty() ? row.path : row.path.parent();
+      if (directory != above) {
+        text += '@';
+        above.appendTo(text);
+        text += '\n';
+        directory = above;
+      }
+      const std::string_view name = row.path.empty() ? "" : row.path.component().view();
+      change.kind == Change::Kind::put ? put(name, row) : unset(name, row);
     }
     text += '\n';
   }
-  void put(const std::string& name, const Row& row) {
+  void put(std::string_view name, const Row& row) {
     checkPlain(row.type.view());
     checkPlain(row.attribute.view());
     if (row.type != type) text.append(":").append((type = row.type).view()).append("\n");
@@ -65,7 +70,7 @@ struct DeltaWriter {
     text.append("\t").append(row.attribute.view()).append("\t");
     appendJson(text, row.value);
   }
-  void unset(const std::string& name, const Row& row) {
+  void unset(std::string_view name, const Row& row) {
     checkPlain(row.attribute.view());
     text.append("-").append(name).append("\t").append(row.attribute.view());
   }
@@ -195,11 +200,9 @@ Statedb::Records Rows::all() const {
   return records;
 }
 
-std::string Rows::entityText(Path path) const {
-  const Record* record = find(path);
-  if (!record) return {};
-  std::string text = record->type.stdString();
-  for (const Attribute& each : record->attributes) text.append("\t").append(each.name.view());
+std::string entityText(const Record& record) {
+  std::string text = record.type.stdString();
+  for (const Attribute& each : record.attributes) text.append("\t").append(each.name.view());
   return text;
 }
 

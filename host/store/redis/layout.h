@@ -71,6 +71,9 @@ std::string deltaText(const Statedb::Changes& changes);
 // beyond the limits.
 Statedb::Changes changesOf(std::string_view delta);
 
+// What the hash says of an entity: its type and its attributes.
+std::string entityText(const Statedb::Record& record);
+
 // The rows of one space as far as they are known: what a scan finds, and what the log says since.
 //
 //     rows.scanned("hardware/led", field, value);  // for every field of every hash
@@ -87,8 +90,6 @@ class Rows {
   const Statedb::Record* find(Statedb::Path path) const;
   // In no order, valid until something changes.
   Statedb::Records all() const;
-  // What the hash says of an entity: its type and its attributes; empty where there is none.
-  std::string entityText(Statedb::Path path) const;
 
  private:
   std::unordered_map<Statedb::Path, Statedb::Record> entities_;

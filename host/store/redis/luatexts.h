@@ -4,31 +4,56 @@
 namespace Host::Redis {
 
 // KEYS: meta, log, dirs, then the directories of the steps.
-// ARGV: generation, new generation, uuid, sequence, delta, log length, P, the other space's P, "s" or "v",
-// the count of claims, a mount and a token for each, then the steps:
+// ARGV: generation, new generation, fence:UUID, sequence, delta, log length, P, the other space's P, "s" or
+// "v", the count of claims, claim:MOUNT and a token for each, then the steps:
 //     p, KEYS index, count of entities, count of values, names, expected texts, then a field and a value each
 //     u, KEYS index, name, attribute
 //     d, KEYS index, name
 //     r, KEYS index, name: as d, for an entity that makes room for one of another type
 inline constexpr const char* kWriteScript = R"lua(
 local own, other, volatile = ARGV[7], ARGV[8], ARGV[9] == 'v'
-
-local asked, tokens = {'generation', 'fence:' .. ARGV[3]}, {}
-local at = 11
-for _ = 1, tonumber(ARGV[10]) do
-  asked[#asked + 1] = 'claim:' .. ARGV[at]
-  tokens[#tokens + 1] = ARGV[at + 1]
-  at = at + 2
+local claims = tonumber(ARGV[10])
+local at = 11 + 2 * claims
+local found
+if claims == 0 then
+  found = redis.call('HMGET', KEYS[1], 'generation', ARGV[3])
+else
+  local asked = {'generation', ARGV[3]}
+  for i = 1, claims do asked[i + 2] = ARGV[9 + 2 * i] end
+  found = redis.call('HMGET', KEYS[1], unpack(asked))
+  for i = 1, claims do
+    if found[i + 2] ~= ARGV[10 + 2 * i] then
+      return redis.error_reply('CLAIMED ' .. string.sub(asked[i + 2], 7) .. ' ' .. (found[i + 2] or ''))
+    end
+  end
 end
-local found = redis.call('HMGET', KEYS[1], unpack(asked))
 local generation = found[1] or ''
 if generation ~= ARGV[1] then return redis.error_reply('GENERATION ' .. generation) end
 if found[2] and tonumber(string.match(found[2], '^%d+')) >= tonumber(ARGV[4]) then
   return redis.error_reply('FENCED the write was given up')
 end
-for i, token in ipairs(tokens) do
-  if found[i + 2] ~= token then
-    return redis.error_reply('CLAIMED ' .. string.sub(asked[i + 2], 7) .. ' ' .. (found[i + 2] or ''))
+local origin = string.sub(ARGV[3], 7) .. ':' .. ARGV[4]
+
+-- What comes most, puts into one directory of entities that are as the writer knows them, needs none of the functions
+-- below: making those takes longer than the rest.
+if ARGV[at] == 'p' and generation ~= '' then
+  local key, names, count = KEYS[tonumber(ARGV[at + 1])], at + 4, tonumber(ARGV[at + 2])
+  local fields = names + 2 * count
+  local now = fields + 2 * tonumber(ARGV[at + 3]) > #ARGV and fields <= #ARGV and
+                redis.call('HMGET', key, unpack(ARGV, names, names + count - 1))
+  local same = now
+  if now then
+    for i = 1, count do
+      if now[i] ~= ARGV[names + count + i - 1] then same = false end
+    end
+  end
+  if same and redis.call('EXISTS', other .. string.sub(key, #own + 1)) == 0 then
+    if volatile then redis.set_repl(redis.REPL_REPLICA) end
+    local id = redis.call('XADD', KEYS[2], 'MAXLEN', '~', ARGV[6], '0-*', 'o', origin, 'd', ARGV[5])
+    redis.call('HSET', key, unpack(ARGV, fields))
+    local revision = string.sub(id, 3)
+    local sent = redis.pcall('PUBLISH', own .. ':changes', generation .. ' ' .. revision .. ' ' .. origin .. '\n' .. ARGV[5])
+    return {tonumber(revision), generation, type(sent) == 'table' and sent.err or ''}
   end
 end
 
@@ -111,7 +136,6 @@ end
 
 -- The changes.
 if volatile then redis.set_repl(redis.REPL_REPLICA) end
-local origin = ARGV[3] .. ':' .. ARGV[4]
 local revision = string.match(redis.call('XADD', KEYS[2], 'MAXLEN', '~', ARGV[6], '0-*', 'o', origin, 'd', ARGV[5]), '%d+$')
 if generation == '' then
   generation = ARGV[2]

@@ -72,75 +72,91 @@ class Types {
 };
 
 // The steps of a batch as the script reads them. Puts that follow each other in one directory are one step.
-struct StepWriter {
-  StepWriter(const Keys& theKeys, const Rows& theKnown) : keys(theKeys), known(theKnown) {}
+class StepWriter {
+ public:
+  StepWriter(const Keys& keys, const Rows& known) : keys_(keys), known_(known) {}
 
+  void step(const Change& change) {
+    if (change.kind == Change::Kind::put) return put(change.row);
+    const bool isUnset = change.kind == Change::Kind::unset;
+    remove(isUnset ? "u" : "d", change.row.path);
+    if (isUnset) words_.push_back(change.row.attribute.stdString());
+  }
+  void replace(Path path) { remove("r", path); }
+
+  // What was put since the last other step becomes one.
+  void end() {
+    if (entities_.empty()) return;
+    words_.insert(words_.end(), {"p", index(directory_), std::to_string(entities_.size()),
+                                 std::to_string(values_.size() / 2)});
+    for (const Entity& each : entities_) words_.push_back(each.name);
+    for (Entity& each : entities_) words_.push_back(std::move(each.text));
+    std::ranges::move(values_, std::back_inserter(words_));
+    entities_.clear();
+    places_.clear();
+    values_.clear();
+  }
+
+  std::vector<std::string>& directories() { return directories_; }
+  std::vector<std::string>& words() { return words_; }
+
+ private:
   struct Entity {
     std::string name;
     std::string text;  // as the server should have it afterwards
   };
 
-  const Keys& keys;
-  const Rows& known;
-  std::vector<std::string> directories{};  // their keys
-  std::vector<std::string> words{};
-  std::string begun{};  // the key of the directory that is put into; empty: none is
-  std::vector<Entity> entities{};
-  std::vector<std::string> values{};
+  static Path directoryOf(Path path) { return path.empty() ? path : path.parent(); }
 
-  void step(const Change& change) {
-    const Place place = placeOf(change.row.path);
-    const std::string key = keys.directory(place.directory);
-    if (change.kind == Change::Kind::put) return put(key, place.name, change.row);
-    const bool isUnset = change.kind == Change::Kind::unset;
-    remove(isUnset ? "u" : "d", place);
-    if (isUnset) words.push_back(change.row.attribute.stdString());
-  }
-  void replace(Path path) { remove("r", placeOf(path)); }
-  void remove(const char* kind, const Place& place) {
+  void remove(const char* kind, Path path) {
     end();
-    words.insert(words.end(), {kind, index(keys.directory(place.directory)), place.name});
+    words_.insert(words_.end(), {kind, index(directoryOf(path)), placeOf(path).name});
   }
 
-  void put(const std::string& key, const std::string& name, const Row& row) {
-    if (begun != key) end();
-    begun = key;
-    std::string& text = entity(name, row);
+  void put(const Row& row) {
+    if (const Path directory = directoryOf(row.path); directory != directory_ || row.path.empty()) {
+      end();
+      directory_ = directory;
+    }
+    Entity& entity = entityOf(row);
     if (row.attribute.empty()) return;
-    const std::string attribute = row.attribute.stdString();
-    if ((text + '\t').find('\t' + attribute + '\t') == std::string::npos) text += '\t' + attribute;
-    values.push_back(name + '/' + attribute);
-    values.push_back(jsonText(row.value));
+    const std::string_view attribute = row.attribute.view();
+    if (!hasAttribute(entity.text, attribute)) entity.text.append("\t").append(attribute);
+    values_.emplace_back(entity.name).append("/").append(attribute);
+    values_.push_back(jsonText(row.value));
   }
-  std::string& entity(const std::string& name, const Row& row) {
-    // Changes mostly follow each other in one entity.
-    if (!entities.empty() && entities.back().name == name) return entities.back().text;
-    const auto found = std::ranges::find(entities, name, &Entity::name);
-    if (found != entities.end()) return found->text;
-    const Statedb::Record* record = known.find(row.path);
+  Entity& entityOf(const Row& row) {
+    const auto [place, isNew] = places_.try_emplace(row.path, entities_.size());
+    if (!isNew) return entities_[place->second];
+    const Statedb::Record* record = known_.find(row.path);
     const bool isKnown = record && record->type == row.type;
-    return entities.emplace_back(name, isKnown ? known.entityText(row.path) : row.type.stdString()).text;
+    return entities_.emplace_back(row.path.empty() ? "" : row.path.component().stdString(),
+                                  isKnown ? entityText(*record) : row.type.stdString());
+  }
+  static bool hasAttribute(std::string_view text, std::string_view attribute) {
+    for (std::size_t tab; (tab = text.rfind('\t')) != std::string_view::npos; text = text.substr(0, tab))
+      if (text.substr(tab + 1) == attribute) return true;
+    return false;
   }
 
-  void end() {
-    if (begun.empty()) return;
-    words.insert(words.end(),
-                 {"p", index(begun), std::to_string(entities.size()), std::to_string(values.size() / 2)});
-    for (const Entity& each : entities) words.push_back(each.name);
-    for (Entity& each : entities) words.push_back(std::move(each.text));
-    std::ranges::move(values, std::back_inserter(words));
-    begun.clear();
-    entities.clear();
-    values.clear();
+  // The place of a directory's key among the keys, as Lua counts.
+  std::string index(Path directory) {
+    constexpr std::size_t kBefore = 3;
+    const auto [place, isNew] = indices_.try_emplace(directory, directories_.size());
+    if (isNew) directories_.push_back(keys_.directory(directory.text()));
+    return std::to_string(kBefore + place->second + 1);
   }
 
-  std::string index(const std::string& key) {
-    constexpr std::size_t kBefore = 3;  // keys, and Lua counts from one
-    const auto found = std::ranges::find(directories, key);
-    const auto at = static_cast<std::size_t>(found - directories.begin());
-    if (found == directories.end()) directories.push_back(key);
-    return std::to_string(kBefore + at + 1);
-  }
+  const Keys& keys_;
+  const Rows& known_;
+  std::vector<std::string> directories_{};
+  std::unordered_map<Path, std::size_t> indices_{};
+  std::vector<std::string> words_{};
+  // Of the puts that are not yet a step.
+  Path directory_{};
+  std::vector<Entity> entities_{};
+  std::unordered_map<Path, std::size_t> places_{};
+  std::vector<std::string> values_{};
 };
 
 // Enough for a limit: what the row takes in the delta and the hash.
@@ -253,14 +269,20 @@ Call writeCall(std::string_view prefix, Durability space, const Changes& changes
   steps.end();
 
   std::vector<std::string> names{keys.meta(), keys.log(), keys.directories()};
-  std::ranges::move(steps.directories, std::back_inserter(names));
-  std::vector<std::string> arguments{options.generation, options.newGeneration,
-                                     options.uuid,       std::to_string(options.sequence),
-                                     deltaText(logged),  std::to_string(options.log),
-                                     keys.space(),       others.space(),
-                                     spaceLetter(keys),  std::to_string(options.claims.size())};
-  for (const Claimed& each : options.claims) arguments.insert(arguments.end(), {each.mount, each.token});
-  std::ranges::move(steps.words, std::back_inserter(arguments));
+  std::ranges::move(steps.directories(), std::back_inserter(names));
+  std::vector<std::string> arguments{options.generation,
+                                     options.newGeneration,
+                                     "fence:" + options.uuid,
+                                     std::to_string(options.sequence),
+                                     deltaText(logged),
+                                     std::to_string(options.log),
+                                     keys.space(),
+                                     others.space(),
+                                     spaceLetter(keys),
+                                     std::to_string(options.claims.size())};
+  for (const Claimed& each : options.claims)
+    arguments.insert(arguments.end(), {"claim:" + each.mount, each.token});
+  std::ranges::move(steps.words(), std::back_inserter(arguments));
   return callOf(kWrite, names, std::move(arguments));
 }
 

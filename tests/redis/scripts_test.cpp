@@ -145,7 +145,7 @@ TEST_F(Scripts, EachEntryIsAnnounced) {
 
 // Batches of all kinds of steps, in both spaces, against the store in memory.
 TEST_F(Scripts, CarryOutWhatTheStoreInMemoryDoes) {
-  const char* paths[] = {"a", "a/b", "a/b/c", "a/b/d", "a/bc", "e", "e/f", "g/h/i"};
+  const char* paths[] = {"a", "a/b", "a/b/c", "a/b/d", "a/bc/x", "e", "e/f", "g/h/i"};
   std::mt19937 random(11);
   const auto below = [&](std::size_t bound) { return random() % bound; };
   const auto step = [&] {
@@ -199,7 +199,7 @@ TEST_F(Scripts, AWriteThatIsRefusedChangesNothing) {
   read(stored);
   read(volatile_);
   client({"ACL", "SETUSER", "writer", "on", ">pw", "&*", "+@all", "%R~*", "~{p}:s:log", "~{p}:s:meta",
-          "~{p}:s:dirs", "~{p}:v:log", "~{p}:v:dirs", "~{p}:?:d:", "~{p}:?:d:new"});
+          "~{p}:s:dirs", "~{p}:v:dirs", "~{p}:?:d:", "~{p}:?:d:new"});
   contentIs(server.at("pw"), "pw");
   Client other(loop, server.url("&user=writer&passwordFile=" + server.at("pw")));
   other.connect();
@@ -254,6 +254,13 @@ TEST_F(Scripts, AWriteThatIsRefusedChangesNothing) {
       {"a del of volatile rows that the user may not write",
        Durability::stored,
        with(Change::del("v")),
+       Refusal::noPerm,
+       "",
+       {},
+       true},
+      {"a del whose entry in the other log the user may not write",
+       Durability::stored,
+       with(Change::del("shadow")),
        Refusal::noPerm,
        "",
        {},

@@ -8,7 +8,7 @@
 #include <random>
 
 #include "host/rpc/json.h"
-#include "platform/statedb/store/store.h"
+#include "platform/statedb/store/memorystore.h"
 #include "server.h"
 
 namespace {

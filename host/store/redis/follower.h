@@ -10,13 +10,11 @@
 // The log is authoritative; pushes only announce what it holds. Three rules make a mirror that loses nothing
 // and resurrects nothing:
 //
-// - Revisions are contiguous. An entry is applied where it is the last plus one, dropped where it is not
-// newer,
-//   and read from the log where some are missing. What the log no longer holds takes a snapshot.
+// - Revisions are contiguous. An entry is applied if it is the last plus one, dropped if it is not newer, and
+//   read from the log if some are missing. What the log no longer holds takes a snapshot.
 // - Revisions of different histories are never compared. A history is a Timeline: the server's replication
-// id,
-//   which a restart and a failover change, and the space's generation, which a wipe changes. Pushes and pages
-//   of the log carry the generation.
+//   id, which a restart and a failover change, and the space's generation, which a wipe changes. Pushes and
+//   pages of the log carry the generation.
 // - A snapshot is the rows as a scan finds them while others write, and then every entry since the tip from
 //   before the scan, replayed onto that copy. For each row, either an entry is replayed and the last one
 //   wins, or the row did not change during the scan. Timeline and revision become those of the copy when it

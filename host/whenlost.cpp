@@ -50,8 +50,7 @@ Fallback::Setting setting(std::string_view text) {
   const auto parts = cut(text, '=');
   if (!parts || parts->first.empty()) refuse("'" + std::string(text) + "' names no LED");
   try {
-    const Led::LightSetting light = Led::settingFrom(parts->second);
-    return {std::string(parts->first), Zel::ValueTraits<Led::LightSetting>::toValue(light)};
+    return {std::string(parts->first), Led::settingFrom(parts->second)};
   } catch (const Zel::ValueError& error) {
     refuse("LED '" + std::string(parts->first) + "': " + error.what());
   }

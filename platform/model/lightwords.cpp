@@ -47,7 +47,7 @@ double interval(std::string_view word) {
 
 }  // namespace
 
-LightSetting settingFrom(std::string_view words) {
+Zel::Value settingFrom(std::string_view words) {
   LightSetting setting;
   std::string_view rest = words;
   std::string_view word = takeWord(rest);
@@ -59,7 +59,7 @@ LightSetting settingFrom(std::string_view words) {
   if (isOff && setting != LightSetting())
     throw Zel::ValueError("'off' stands alone, without colours or flash");
   if (!takeWord(rest).empty()) throw Zel::ValueError("nothing follows the interval of 'flash'");
-  return setting;
+  return Zel::ValueTraits<LightSetting>::toValue(setting);
 }
 
 }  // namespace Led

@@ -1,17 +1,17 @@
 // Light settings as people write them.
 //
-//     const Led::LightSetting alarm = Led::settingFrom("red flash 0.5");
+//     entityManager.showLocally(led, "lightSetting", Led::settingFrom("red flash 0.5"));
 #pragma once
 
 #include <string_view>
 
-#include "platform/model/led.h"
 #include "platform/zel/core/export.h"
+#include "platform/zel/object/value.h"
 
 namespace Led {
 
-// From colours, or "off" alone, then "flash SECONDS" where it shall flash. Throws ValueError, whose text says
-// what would be right.
-ZEL_API LightSetting settingFrom(std::string_view words);
+// The value of a light setting: from colours or "off" alone, then "flash SECONDS" if it is to flash. Throws
+// ValueError, whose text says what would be right.
+ZEL_API Zel::Value settingFrom(std::string_view words);
 
 }  // namespace Led

@@ -15,7 +15,7 @@ Instant afterSeconds(std::optional<double> seconds) {
   if (!seconds) return kNever;
   constexpr double kMost = 1e9;
   if (!(*seconds >= 0.0 && *seconds <= kMost))
-    throw UsageError("--for " + shortNumber(*seconds) + ": wanted seconds from 0 to 1e9");
+    throw UsageError("--for " + shortNumber(*seconds) + ": expected seconds from 0 to 1e9");
   const std::chrono::duration<double> span(*seconds);
   return std::chrono::steady_clock::now() +
          std::chrono::duration_cast<std::chrono::steady_clock::duration>(span);

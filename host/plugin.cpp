@@ -89,7 +89,7 @@ AgentOption AgentOption::parse(const std::string& text) {
   const std::size_t first = separator(text, 0);
   option.library = text.substr(0, first);
   if (option.library.empty())
-    throw StartError("agent '" + text + "': wanted LIBRARY[:NAMESPACE[:AGENTNAME]]");
+    throw StartError("agent '" + text + "': expected LIBRARY[:NAMESPACE[:AGENTNAME]]");
   option.agentName = baseName(option.library);
   if (first == std::string::npos) return option;
   const std::size_t second = separator(text, first + 1);

@@ -19,7 +19,7 @@ constexpr double kLongestTime = 24 * 3600.0;  // seconds
 
 [[noreturn]] void refuse(const std::string& why) {
   throw StartError("--when-lost: " + why +
-                   "; wanted TIME=LED=COLOURS, such as 10s='Status=red flash 1; Beacon=off'");
+                   "; expected TIME=LED=COLOURS, such as 10s='Status=red flash 1; Beacon=off'");
 }
 
 std::string_view trimmed(std::string_view text) {

@@ -30,7 +30,7 @@ Statedb::Durability durabilityField(const Zel::Value& parameters) {
   if (text.empty() || text == "stored") return Statedb::Durability::stored;
   if (text == "volatile") return Statedb::Durability::volatile_;
   throw Zel::ValueError("'durability': found \"" + Zel::excerpt(text) +
-                        "\", wanted \"stored\" or \"volatile\"");
+                        "\", expected \"stored\" or \"volatile\"");
 }
 
 }  // namespace
@@ -306,7 +306,7 @@ std::size_t depthField(const Zel::Value& parameters) {
   const Zel::Value* given = parameters.field("depth");
   if (!given) return kDepth;
   const auto* depth = given->as<std::int64_t>();
-  if (!depth || *depth < 0) throw Zel::ValueError("'depth': wanted a whole number");
+  if (!depth || *depth < 0) throw Zel::ValueError("'depth': expected a whole number");
   return std::min(static_cast<std::size_t>(*depth), kDepth);
 }
 
@@ -341,7 +341,7 @@ std::string Methods::object(const Zel::Value& parameters, Caller&) const {
   const auto operation = std::ranges::find(kObjectOperations, name, &ObjectOperation::name);
   if (operation == std::end(kObjectOperations))
     throw Zel::ValueError("'operation': found \"" + Zel::excerpt(name) +
-                          "\", wanted tree, list, get, set, delete, iterate or invoke");
+                          "\", expected tree, list, get, set, delete, iterate or invoke");
   const std::string& path = textField(parameters, "path");
   Zel::PathWalker::checkComponents(path);
   const auto arguments = argumentsField(parameters);

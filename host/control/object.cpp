@@ -160,7 +160,7 @@ Value::List Objects::coerced(const std::string& path, const AttributeInfo& attri
     given[i] = coerce(path, i < attribute.parameters.size() ? attribute.parameters[i] : plain, given[i]);
   for (std::size_t i = 0; i < std::min(given.size(), attribute.parameters.size()); ++i)
     if (given[i].isNull())
-      throw ValueError("argument " + std::to_string(i + 1) + " is null, wanted a " +
+      throw ValueError("argument " + std::to_string(i + 1) + " is null, expected a " +
                        attribute.parameters[i].type());
   return given;
 }
@@ -172,7 +172,7 @@ Value Objects::coerce(const std::string& path, const Zel::Parameter& parameter, 
   if (!text || !type) return given;
   if (const auto found = named(path, *type, *text)) return Value::Object{found, false};
   const ObjectRef at = follow(resolve(*text));
-  if (at.attribute) throw ValueError("'" + *text + "' is no object; wanted a " + parameter.type());
+  if (at.attribute) throw ValueError("'" + *text + "' is no object; expected a " + parameter.type());
   return Value::Object{at.object, at.isConst};
 }
 

@@ -161,7 +161,7 @@ RequestedChange requestedChange(const Value& value) {
         .kind = Change::Kind::unset, .path = textField(value, "path", Needed::yes), .attribute = attribute};
   }
   if (op != "put")
-    throw ValueError("'op': found \"" + Zel::excerpt(op) + "\", wanted \"put\", \"unset\" or \"del\"");
+    throw ValueError("'op': found \"" + Zel::excerpt(op) + "\", expected \"put\", \"unset\" or \"del\"");
   return {.path = textField(value, "path", Needed::yes),
           .type = textField(value, "type"),
           .existing = flagField(value, "existing", false),

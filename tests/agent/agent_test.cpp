@@ -72,7 +72,7 @@ TEST_F(AgentTest, AnEntityThatKeepsItFromStartingIsNamed) {
   EXPECT_EQ(
       Support::errorOf<Zel::HandlerFault>([this] { mount(); }),
       "agent 'lamps', doMountsComplete: null ValidPtr ('hardware/corvel/gpio/config/gpio7' is there as a "
-      "Zel::Dir, wanted a Hardware::Gpio::CorvelPinConfig; delete that entity, from a host without this "
+      "Zel::Dir, expected a Hardware::Gpio::CorvelPinConfig; delete that entity, from a host without this "
       "agent if this one can't start)");
 }
 

@@ -151,7 +151,7 @@ refused "an unknown colour" 1 "blue" pinlampctl led set Ethernet3/1 blue
 refused "an unknown path" 1 "no entity at" pinlampctl set "$led/none" theme x
 refused "an unknown attribute" 1 "'colour' is no attribute" pinlampctl set "$led" colour red
 refused "an unknown type" 1 "'No::Such' is unknown" pinlampctl set x/y a 1 --type No::Such
-refused "a value of the wrong kind" 1 "wanted true or false" pinlampctl set "$led" lightSetting '{"green": "yes"}'
+refused "a value of the wrong kind" 1 "expected true or false" pinlampctl set "$led" lightSetting '{"green": "yes"}'
 refused "a negative interval" 1 "finite and not negative" pinlampctl set "$led" lightSetting '{"flashInterval": -1}'
 refused "an infinite interval" 1 "flash" pinlampctl led set Ethernet3/1 green --flash inf
 refused "an interval that is no number" 1 "flash" pinlampctl led set Ethernet3/1 green --flash nan

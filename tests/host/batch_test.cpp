@@ -51,10 +51,10 @@ TEST(Batch, ErrorsNameTheirStepAndLeaveNothingBehind) {
                "lightSetting,"},
       {put(kLeds + "Status", nullptr, {{"name", "x"}}), "Status name: 'name' is no attribute that"},
       {put(kLeds + "New", nullptr, {{"lightSetting", {{"flashInterval", -1}}}}),
-       "lightSetting: flashInterval: found a whole number (-1), wanted seconds"},
+       "lightSetting: flashInterval: found a whole number (-1), expected seconds"},
       {put(kLeds + "Status", "Hardware::Led::Lamp"), "type 'Hardware::Led::Lamp' is unknown"},
       {put(kLeds + "Status", "Zel::Dir"), "is there as a Hardware::Led::LedConfig; delete it"},
-      {put(kLeds + "New", "Zel::Dir"), "found type Zel::Dir, wanted Hardware::Led::LedConfig"},
+      {put(kLeds + "New", "Zel::Dir"), "found type Zel::Dir, expected Hardware::Led::LedConfig"},
       {put("hardware/led/config/lamps/Status", "Hardware::Led::LedConfig"),
        "'lamps' is no collection of Hardware::Led::LedSystemConfigDir; it has leds"},
       {put("hardware/led/config/leds", "Hardware::Led::LedConfig"),
@@ -105,7 +105,7 @@ TEST(Batch, StepsAreCheckedAgainstEarlierOnes) {
                               del(kLeds + "Status"), put("hardware", "Zel::Dir"), del("hardware"), del("map"),
                               del("map/gpioLeds/B"), put("map", "Zel::Dir")});
   EXPECT_THAT(batch.errors,
-              ElementsAre("map/gpioLeds/A ready: found a whole number (1), wanted true or false",
+              ElementsAre("map/gpioLeds/A ready: found a whole number (1), expected true or false",
                           kLeds + "Status: there is no entity at this path",
                           "map/gpioLeds/B: there is no entity at this path"));
 }

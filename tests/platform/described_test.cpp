@@ -50,8 +50,8 @@ TEST(GenericIf, DoesWhatTheTableAllowsAndNothingElse) {
        "operation set is not supported on 'name' of Zel::Entity; it allows get"},
       {Operation::del, "ready", {}, "it allows get, set"},
       {Operation::invoke, "ready", {}, "operation invoke is not supported"},
-      {Operation::set, "ready", {1}, "found a whole number (1), wanted true or false"},
-      {Operation::set, "ready", {}, "found 0 arguments, wanted 1"},
+      {Operation::set, "ready", {1}, "found a whole number (1), expected true or false"},
+      {Operation::set, "ready", {}, "found 0 arguments, expected 1"},
       {Operation::get, "colour", {}, "'colour' is no attribute of Hardware::Gpio::GpioLedConfig"},
   };
   for (const auto& [operation, attribute, arguments, says] : refused) {

@@ -96,13 +96,13 @@ TEST(LightSetting, ReadsItsFieldsAndSaysWhatIsWrong) {
 
   const std::pair<Zel::Value, const char*> wrong[] = {
       {Zel::Value::Fields{{"blue", true}}, "unknown field 'blue'; the fields are orange, green, red, yellow"},
-      {Zel::Value::Fields{{"green", 1}}, "green: found a whole number (1), wanted true or false"},
+      {Zel::Value::Fields{{"green", 1}}, "green: found a whole number (1), expected true or false"},
       {Zel::Value::Fields{{"flashInterval", -0.5}},
-       "flashInterval: found a number (-0.5), wanted seconds, finite"},
-      {Zel::Value::Fields{{"flashInterval", std::nan("")}}, "wanted seconds, finite and not negative"},
-      {Zel::Value::Fields{{"flashInterval", INFINITY}}, "wanted seconds, finite and not negative"},
-      {Zel::Value::Fields{{"brightness", 101}}, "wanted a whole number from 0 to 100"},
-      {"green", "found a string (\"green\"), wanted an object"},
+       "flashInterval: found a number (-0.5), expected seconds, finite"},
+      {Zel::Value::Fields{{"flashInterval", std::nan("")}}, "expected seconds, finite and not negative"},
+      {Zel::Value::Fields{{"flashInterval", INFINITY}}, "expected seconds, finite and not negative"},
+      {Zel::Value::Fields{{"brightness", 101}}, "expected a whole number from 0 to 100"},
+      {"green", "found a string (\"green\"), expected an object"},
   };
   for (const auto& [value, message] : wrong) {
     const auto text = Support::errorOf<Zel::ValueError>([&] { return Traits::fromValue(value); });

@@ -30,7 +30,7 @@ Zel::Ptr<Zel::Entity> newMember(const Found& found, Zel::Name type) {
     return static_cast<Zel::Dir&>(*found.parent).entryIs(found.key, Zel::String(type.view()));
   const Zel::Name wanted = found.collection->memberType().name();
   if (wanted != type)
-    throw Zel::ValueError("found type " + type.stdString() + ", wanted " + wanted.stdString());
+    throw Zel::ValueError("found type " + type.stdString() + ", expected " + wanted.stdString());
   const Zel::Value key = found.key.view();
   found.collection->set(*found.parent, {&key, 1});
   return Zel::Ptr<Zel::Entity>(found.collection->member(*found.parent, found.key));

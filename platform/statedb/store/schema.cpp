@@ -92,7 +92,7 @@ Zel::Name placeType(std::string_view path, const TypesAfter& types) {
 void checkPlace(std::string_view path, const Zel::TypeNode& type, const TypesAfter& types) {
   const Zel::Name wanted = placeType(path, types);
   if (!wanted.empty() && wanted != type.name())
-    throw Zel::ValueError("found type " + type.name().stdString() + ", wanted " + wanted.stdString() +
+    throw Zel::ValueError("found type " + type.name().stdString() + ", expected " + wanted.stdString() +
                           " at this place");
   if (wanted.empty() && !type.newEntityForDir())
     throw Zel::ValueError("type " + type.name().stdString() + " is not made in directories");

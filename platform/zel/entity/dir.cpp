@@ -15,7 +15,7 @@ namespace {
 
 void suspectType(const Entity& entity, const String& wanted) {
   activityManager().suspectIs("'" + entity.path() + "' is there as a " + entity.fwkType().name().stdString() +
-                              ", wanted a " + wanted.stdString() +
+                              ", expected a " + wanted.stdString() +
                               "; delete that entity, from a host without this agent if this one can't start");
 }
 

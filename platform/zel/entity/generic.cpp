@@ -78,7 +78,7 @@ const Value& argument(Arguments arguments, std::size_t index) {
 
 void expectArguments(Arguments arguments, std::size_t count) {
   if (arguments.size() != count)
-    throw ValueError("found " + std::to_string(arguments.size()) + " arguments, wanted " +
+    throw ValueError("found " + std::to_string(arguments.size()) + " arguments, expected " +
                      std::to_string(count));
 }
 

@@ -7,7 +7,7 @@ namespace Zel {
 void throwWrongKind(const Value& found, const char* wanted) {
   std::ostringstream text;
   text << found;
-  throw ValueError(std::string("found ") + found.kindText() + " (" + excerpt(text.str()) + "), wanted " +
+  throw ValueError(std::string("found ") + found.kindText() + " (" + excerpt(text.str()) + "), expected " +
                    wanted);
 }
 

@@ -1,5 +1,5 @@
-// The generic operations of declared attributes: info() of each descriptor makes the AttributeInfo that the
-// generic interface, the stores and the documentation read. Internal to Described.
+// The generic operations of declared attributes: each descriptor's info() builds the AttributeInfo for the
+// generic interface, the stores and the documentation. Internal to Described.
 #pragma once
 
 #include <string>
@@ -52,12 +52,17 @@ Value callMember(Notifier& object, Arguments arguments) {
   return MemberOf<decltype(Function)>::call(static_cast<T&>(object), Function, arguments);
 }
 
+template <class T>
+T onlyArgument(Arguments arguments) {
+  expectArguments(arguments, 1);
+  return ValueTraits<T>::fromValue(arguments[0]);
+}
+
 template <class T, auto Member>
 const auto& memberOf(const Notifier& object) {
   return static_cast<const T&>(object).*Member;
 }
 
-// One member of a keyed collection, or with no key the list of the keys.
 template <class T, auto Member>
 std::vector<Name> memberKeys(const Notifier& object) {
   const auto& members = memberOf<T, Member>(object);
@@ -66,6 +71,7 @@ std::vector<Name> memberKeys(const Notifier& object) {
   for (auto at = members.begin(); at != members.end(); ++at) keys.push_back(at.key());
   return keys;
 }
+// The member under a key; without a key, an array of the keys.
 template <class T, auto Member>
 Value memberGet(const Notifier& object, Arguments arguments) {
   if (arguments.empty()) return nameList(memberKeys<T, Member>(object));
@@ -80,8 +86,7 @@ AttributeInfo ValueAttribute<Member, On, Immediate>::info() const {
   info.get = [](const Notifier& object, Arguments) { return wrap(memberOf<T, Member>(object)); };
   if (!may(Operation::set)) return info;
   info.set = [](Notifier& object, Arguments arguments) {
-    expectArguments(arguments, 1);
-    MutatorAccess::set<Member>(static_cast<T&>(object), ValueTraits<M>::fromValue(arguments[0]));
+    MutatorAccess::set<Member>(static_cast<T&>(object), onlyArgument<M>(arguments));
     return Value();
   };
   info.stored = !pointer;
@@ -96,8 +101,7 @@ AttributeInfo NamesAttribute<Member, N, OnKey, Immediate, On>::info() const {
   AttributeInfo info = this->start(Kind::names, &ValueTraits<NameSet>::typeName);
   info.get = [](const Notifier& object, Arguments) { return wrap(memberOf<T, Member>(object)); };
   info.set = [](Notifier& object, Arguments arguments) {
-    expectArguments(arguments, 1);
-    MutatorAccess::namesAre<Member>(static_cast<T&>(object), ValueTraits<NameSet>::fromValue(arguments[0]));
+    MutatorAccess::namesAre<Member>(static_cast<T&>(object), onlyArgument<NameSet>(arguments));
     return Value();
   };
   info.keys = &memberKeys<T, Member>;
@@ -105,6 +109,50 @@ AttributeInfo NamesAttribute<Member, N, OnKey, Immediate, On>::info() const {
   info.reset = [](Notifier& object) { MutatorAccess::namesAre<Member>(static_cast<T&>(object), NameSet{}); };
   info.check = [](const Value& value) { checkValue<NameSet>(value); };
   return info;
+}
+
+template <class T, auto Member>
+Entity* childAt(const Notifier& object, Name key) {
+  return memberOf<T, Member>(object).get(key);
+}
+template <class T, auto Member>
+Value childIs(Notifier& object, Arguments arguments) {
+  return MutatorAccess::childIs<Member>(static_cast<T&>(object), onlyArgument<Name>(arguments));
+}
+template <class T, auto Member>
+Value childDel(Notifier& object, Arguments arguments) {
+  return MutatorAccess::childDel<Member>(static_cast<T&>(object), onlyArgument<Name>(arguments));
+}
+// An entry of a directory: its name, then its type.
+template <class T>
+Value entryIs(Notifier& object, Arguments arguments) {
+  expectArguments(arguments, 2);
+  return wrap(static_cast<T&>(object).entryIs(ValueTraits<Name>::fromValue(arguments[0]),
+                                              ValueTraits<String>::fromValue(arguments[1])));
+}
+
+template <class T, auto Member, class Element>
+Value referenceIs(Notifier& object, Arguments arguments) {
+  MutatorAccess::referenceIs<Member>(static_cast<T&>(object), onlyArgument<Ptr<Element>>(arguments));
+  return {};
+}
+template <class T, auto Member>
+Value referenceDel(Notifier& object, Arguments arguments) {
+  return MutatorAccess::referenceDel<Member>(static_cast<T&>(object), onlyArgument<Name>(arguments));
+}
+
+template <class T, auto Member, class Element>
+void ownedOperations(AttributeInfo& info) {
+  info.stored = true;
+  info.member = &childAt<T, Member>;
+  info.del = &childDel<T, Member>;
+  if constexpr (std::is_same_v<Element, Entity>) {
+    info.direct = true;
+    info.set = &entryIs<T>;
+  } else {
+    info.memberType = &Element::typeNode;
+    info.set = &childIs<T, Member>;
+  }
 }
 
 template <bool Owned, auto Member, class N, void (N::*OnKey)(Name), void (N::*Immediate)(), void (N::*On)()>
@@ -115,42 +163,10 @@ AttributeInfo MembersAttribute<Owned, Member, N, OnKey, Immediate, On>::info() c
   info.get = &memberGet<T, Member>;
   info.keys = &memberKeys<T, Member>;
   if constexpr (Owned) {
-    info.stored = true;
-    info.member = [](const Notifier& object, Name key) -> Entity* {
-      return memberOf<T, Member>(object).get(key);
-    };
-    if constexpr (std::is_same_v<Element, Entity>) {  // entries of any type: the caller says which
-      info.direct = true;
-      info.set = [](Notifier& object, Arguments arguments) {
-        expectArguments(arguments, 2);
-        return wrap(static_cast<T&>(object).entryIs(ValueTraits<Name>::fromValue(arguments[0]),
-                                                    ValueTraits<String>::fromValue(arguments[1])));
-      };
-    } else {
-      info.memberType = &Element::typeNode;
-      info.set = [](Notifier& object, Arguments arguments) {
-        expectArguments(arguments, 1);
-        return MutatorAccess::childIs<Member>(static_cast<T&>(object),
-                                              ValueTraits<Name>::fromValue(arguments[0]));
-      };
-    }
-    info.del = [](Notifier& object, Arguments arguments) {
-      expectArguments(arguments, 1);
-      return MutatorAccess::childDel<Member>(static_cast<T&>(object),
-                                             ValueTraits<Name>::fromValue(arguments[0]));
-    };
+    ownedOperations<T, Member, Element>(info);
   } else {
-    info.set = [](Notifier& object, Arguments arguments) {
-      expectArguments(arguments, 1);
-      MutatorAccess::referenceIs<Member>(static_cast<T&>(object),
-                                         ValueTraits<Ptr<Element>>::fromValue(arguments[0]));
-      return Value();
-    };
-    info.del = [](Notifier& object, Arguments arguments) {
-      expectArguments(arguments, 1);
-      return MutatorAccess::referenceDel<Member>(static_cast<T&>(object),
-                                                 ValueTraits<Name>::fromValue(arguments[0]));
-    };
+    info.set = &referenceIs<T, Member, Element>;
+    info.del = &referenceDel<T, Member>;
   }
   return info;
 }

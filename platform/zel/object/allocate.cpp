@@ -2,8 +2,8 @@
 // object.
 //
 // Objects that are made together are used together (a machine and its reactors), so they share cache lines
-// and pages. Freed memory serves the next object of its size; it stays with the process, and with the thread
-// that freed it.
+// and pages. Freed memory serves the freeing thread's next object of that size; it never returns to the
+// system.
 #include <sys/mman.h>
 
 #include <algorithm>
@@ -20,7 +20,7 @@ namespace Zel {
 namespace {
 
 constexpr std::size_t kGrain = 8;
-constexpr std::size_t kLargest = 256;  // larger objects are left to the C++ library
+constexpr std::size_t kLargest = 256;  // larger objects come from operator new
 constexpr std::size_t kFirstBlock = 2 * 1024;
 constexpr std::size_t kLastBlock = 64 * 1024;
 // Beyond this size TLB misses dominate: use huge pages, where the system has them.
@@ -53,12 +53,12 @@ class Pool {
   void newBlock() {
     std::byte* const huge = taken_ < kManyBytes ? nullptr : newHugePage();
     fresh_ = huge ? huge : static_cast<std::byte*>(::operator new(nextBlock_));
-    left_ = huge ? kHugePage : nextBlock_;  // counted once it is there
+    left_ = huge ? kHugePage : nextBlock_;  // only now: operator new may throw
     taken_ += left_;
     if (!huge) nextBlock_ = std::min(nextBlock_ * 2, kLastBlock);
   }
 
-  // Null where the system gives none.
+  // Null if the system has none. Maps twice the size and cuts out an aligned page.
   static std::byte* newHugePage() {
     constexpr int kProtection = PROT_READ | PROT_WRITE;
     void* const mapped = ::mmap(nullptr, 2 * kHugePage, kProtection, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -67,7 +67,7 @@ class Pool {
     const std::size_t before = (kHugePage - reinterpret_cast<std::uintptr_t>(begin) % kHugePage) % kHugePage;
     if (before != 0) ::munmap(begin, before);
     ::munmap(begin + before + kHugePage, kHugePage - before);
-    static_cast<void>(::madvise(begin + before, kHugePage, MADV_HUGEPAGE));  // a wish that may be refused
+    static_cast<void>(::madvise(begin + before, kHugePage, MADV_HUGEPAGE));  // a hint: failure is harmless
     hugeBytes.fetch_add(kHugePage, std::memory_order_relaxed);
     return begin + before;
   }
@@ -81,7 +81,7 @@ class Pool {
 
 constinit thread_local Pool pool;
 
-// GCC says by a macro that it sanitizes, clang by a feature.
+// GCC defines a macro, clang a feature.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define ZEL_SANITIZED 1
 #elif defined(__has_feature)
@@ -90,7 +90,7 @@ constinit thread_local Pool pool;
 #endif
 #endif
 
-// A sanitizer must see each object by itself.
+// Sanitizers need one allocation per object.
 #ifdef ZEL_SANITIZED
 constexpr bool kPooled = false;
 #else

@@ -42,11 +42,10 @@ ZEL_API const char* operationText(Operation operation);
 // Position in the table of an object's class, counted from the first attribute of its outermost base.
 using AttributeIndex = unsigned;
 
-// Arguments of a generic operation: a key where the attribute is a collection, then the value or the
-// arguments.
+// Arguments of a generic operation: a key if the attribute is a collection, then the value or the arguments.
 using Arguments = std::span<const Value>;
 
-// The name of a type as a person reads it. A function, for a type may refer to one that refers to it.
+// Returns a type's readable name. A function, because types may refer to each other.
 using TypeText = std::string (*)();
 
 struct Parameter {
@@ -61,19 +60,18 @@ struct AttributeInfo {
   Operations operations = 0;
   TypeText type = nullptr;            // of the value, of the object pointed to, of the members
   std::vector<Parameter> parameters;  // of a procedure, or of a set that takes more than one value
-  // Whether the attribute is state that stores hold: a plain value, a set of names, or a collection of
-  // objects that live in it. References and computed values are not, nor is anything of an object that is no
-  // entity.
+  // Whether stores hold the attribute: a plain value, a set of names or a collection of owned objects, of an
+  // entity. References and computed values are not stored.
   bool stored = false;
-  // For a collection of objects that live in it: their type; null where they may be of any type.
+  // Of a collection that owns its members: their type; null if any type will do.
   const TypeNode& (*memberType)() = nullptr;
-  // For such a collection: whether a member's path leaves the attribute's name out (directories).
+  // Of such a collection: whether a member's path omits the attribute's name (directories).
   bool direct = false;
-  // For such a collection: the member of a name; null where there is none.
+  // Of such a collection: the member of that name; null if there is none.
   Entity* (*member)(const Notifier&, Name) = nullptr;
 
-  // The operations; null where one is not allowed. They throw ValueError where the
-  // arguments do not fit, and whatever the object throws.
+  // The operations; null if not allowed. They throw ValueError if the arguments do not fit, and pass on what
+  // the object throws.
   using Get = Value (*)(const Notifier&, Arguments);
   using Change = Value (*)(Notifier&, Arguments);
   Get get = nullptr;
@@ -84,7 +82,7 @@ struct AttributeInfo {
   std::vector<Name> (*keys)(const Notifier&) = nullptr;
   // Resets a stored value to that of a new object.
   void (*reset)(Notifier&) = nullptr;
-  // Whether `value` would do for `set` of a stored attribute: throws ValueError where not.
+  // Throws ValueError if `set` of a stored attribute would not take `value`.
   void (*check)(const Value& value) = nullptr;
 };
 

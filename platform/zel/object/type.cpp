@@ -102,7 +102,7 @@ const AttributeInfo* TypeNode::find(Name name) const {
 
 namespace {
 
-// Never destroyed: libraries take their types out while the process ends.
+// Never destroyed: libraries unregister their types during static destruction.
 std::unordered_map<Name, const TypeNode*>& registry() {
   static auto& instance = *new std::unordered_map<Name, const TypeNode*>;
   return instance;

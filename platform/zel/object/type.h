@@ -34,13 +34,13 @@ class ZEL_API AllocTrackTypeInfo {
   std::size_t total_ = 0;
 };
 
-// The descriptor of one class: its qualified name, its base, its table of attributes, and how to make one.
-// A function-local static of the class's own library; alive as long as that library is loaded.
+// Describes one class: qualified name, base, table of attributes, factory. A function-local static in the
+// class's library; alive while that library is loaded.
 class ZEL_API TypeNode {
  public:
   using NewForDir = Ptr<Entity> (*)(const Name& name, Dir* dir);
   // Performs `operation` on the attribute at `index` of `object`, which is of the type or derived from it.
-  // Sets `handled` to false, and does nothing else, where the index is outside the type's own range.
+  // Only sets `handled` to false if the index is outside the type's own range.
   using Dispatch = Value (*)(Notifier& object, Operation operation, AttributeIndex index, Arguments arguments,
                              bool& handled);
 
@@ -54,7 +54,7 @@ class ZEL_API TypeNode {
   // Null for the outermost class.
   const TypeNode* base() const { return base_; }
   bool isA(const TypeNode& other) const;
-  // Makes an entity of this type by name; null for types that are not made in directories.
+  // Makes an entity of this type by name; null if directories can't hold the type.
   NewForDir newEntityForDir() const { return newEntityForDir_; }
   Dispatch dispatch() const { return dispatch_; }
 
@@ -66,10 +66,10 @@ class ZEL_API TypeNode {
   const std::vector<const AttributeInfo*>& storedAttributes() const { return stored_; }
   // The attribute at an index of this type or of a base. REQUIRES: index < endIndex().
   const AttributeInfo& attribute(AttributeIndex index) const;
-  // The index of the published attribute of that name, the type's own before its base's; endIndex()
-  // where there is none.
+  // The index of the published attribute of that name, the type's own before its base's; endIndex() if there
+  // is none.
   AttributeIndex indexOf(std::string_view name) const;
-  // The attribute of that name; null where there is none. The second compares no text.
+  // The attribute of that name; null if there is none. The second compares numbers, not strings.
   const AttributeInfo* find(std::string_view name) const;
   const AttributeInfo* find(Name name) const;
 
@@ -88,18 +88,17 @@ class ZEL_API TypeNode {
   mutable AllocTrackTypeInfo allocations_;
 };
 
-// Puts a descriptor into the registry under its name. A second descriptor under a name that is taken is a bug
-// of the library that brings it and stops the process.
+// Registers a descriptor under its name. A second descriptor of that name is a bug and aborts the process.
 ZEL_API void typeNodeIs(const TypeNode& type);
-// Takes it out again; an unknown descriptor is ignored.
+// Unregisters it; ignores an unknown descriptor.
 ZEL_API void typeNodeDel(const TypeNode& type);
-// Null where no type of that name is registered.
+// Null if no type of that name is registered.
 ZEL_API const TypeNode* typeNode(Name name);
 // Every registered type, by name.
 ZEL_API std::vector<const TypeNode*> typeNodes();
 
-// Registers types in the order given while it lives, and takes them out in the reverse order. A library has
-// one as a static object, so that its types come and go with it.
+// Registers types in the order given; unregisters them in reverse order at its end. A static object in a
+// library, so that its types come and go with it.
 class ZEL_API TypeRegistration {
  public:
   TypeRegistration(std::initializer_list<const TypeNode& (*)()> types);
@@ -114,11 +113,11 @@ class ZEL_API TypeRegistration {
 // The framework's allocator; memory is aligned to 8 bytes. Any thread.
 ZEL_API void* fwkAllocate(std::size_t size);
 ZEL_API void fwkDeallocate(void* memory, std::size_t size) noexcept;
-// Bytes that the allocator has from the system itself, besides what it has from the C++ library.
+// Bytes in huge pages, which the allocator maps itself; all other memory comes from operator new.
 ZEL_API std::size_t fwkHugeBytes();
 
-// Makes a T: records the allocation, obtains memory, constructs T, turns its notifications on. Where
-// construction throws, the memory is freed, the deallocation recorded, and the exception rethrown.
+// Makes a T: counts it, allocates, constructs, enables its notifications. If the constructor throws, frees
+// and uncounts it and rethrows.
 template <class T, class... Args>
 Ptr<T> allocate(Args&&... args) {
   static_assert(alignof(T) <= 8);
@@ -140,8 +139,8 @@ Ptr<T> allocate(Args&&... args) {
   return pointer;
 }
 
-// Puts between a class and its base what every counted class needs: its descriptor, and memory whose return
-// is recorded. T declares `static const TypeNode& typeNode();`.
+// CRTP layer between a class and its base: adds the descriptor and an operator delete that uncounts.
+// T declares `static const TypeNode& typeNode();`.
 template <class T, class Base>
 class Typed : public Base {
  public:
@@ -158,7 +157,7 @@ class Typed : public Base {
   ~Typed() override = default;
 };
 
-// The same for a class without attributes, mostly a concrete reactor, whose name is T::kTypeName.
+// The same for a class without attributes, such as a concrete reactor. T::kTypeName is its name.
 template <class T, class Base>
 class Reactor : public Typed<T, Base> {
  public:

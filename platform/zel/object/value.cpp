@@ -26,7 +26,7 @@ void Value::fieldIs(std::string_view name, Value value) {
     found->second = std::move(value);
 }
 
-// Copies fields that other values share; what they were converted to does not outlive a change.
+// Unshares the fields, and forgets their conversion: the caller is about to change them.
 Value::Fields* Value::ownFields() {
   auto* found = std::get_if<SharedPtr>(&value_);
   if (!found || !*found) return nullptr;

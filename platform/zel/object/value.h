@@ -1,4 +1,4 @@
-// The neutral value: what an attribute's value is on its way between an object, a store and a socket.
+// A value of any type: carries attributes between objects, stores and sockets.
 #pragma once
 
 #include <cstddef>
@@ -19,15 +19,15 @@
 
 namespace Zel {
 
-// Null, a truth value, a whole number, a number, a string, an array (List), an object by name (Fields), or a
-// reference to an object of this process. Fields keep the order in which they were added; two sets of fields
-// are equal whatever their order. Copies of a value share its fields until one of them is changed.
+// JSON's kinds (null, boolean, integer, number, string, array: List, object: Fields) and a reference to an
+// object of this process. Fields keep their order of insertion, which comparison ignores. Copies share their
+// fields until one of them changes (copy on write).
 class ZEL_API Value {
  public:
   using List = std::vector<Value>;
   using Field = std::pair<std::string, Value>;
   using Fields = std::vector<Field>;
-  // A counted reference; `isConst` where the object may be read only.
+  // A counted reference; `isConst` if the object must not be changed through it.
   struct Object {
     Ptr<const PtrInterface> pointer;
     bool isConst = true;
@@ -48,8 +48,8 @@ class ZEL_API Value {
   Value(Object value) : value_(std::move(value)) {}
 
   bool isNull() const { return std::holds_alternative<std::monostate>(value_); }
-  // The alternative asked for (bool, std::int64_t, double, std::string, List, Fields, Object); null where the
-  // value is of another kind.
+  // The alternative (bool, std::int64_t, double, std::string, List, Fields or Object); null if the value is
+  // of another kind.
   template <class T>
   const T* as() const {
     if constexpr (std::is_same_v<T, Fields>)
@@ -65,9 +65,9 @@ class ZEL_API Value {
     else
       return std::get_if<T>(&value_);
   }
-  // The field of that name; null where there is none or the value has no fields.
+  // The field of that name; null if there is none or the value is no object.
   const Value* field(std::string_view name) const;
-  // Adds a field, or replaces the one of that name. A value that is not made of fields becomes one that is.
+  // Adds or replaces a field. A value of another kind becomes an object first.
   void fieldIs(std::string_view name, Value value);
 
   // The struct that the fields were converted to, if noteConverted() noted one of that type; else null.
@@ -90,8 +90,8 @@ class ZEL_API Value {
   }
   static constexpr std::size_t kLargestStruct = 48;
 
-  // What kind it is, as a person says it: "null", "true or false", "a whole number", "a number", "a string",
-  // "an array", "an object", "a reference".
+  // The kind, for messages: "null", "true or false", "a whole number", "a number", "a string", "an array",
+  // "an object", "a reference".
   const char* kindText() const;
 
   template <class Visitor>
@@ -109,8 +109,8 @@ class ZEL_API Value {
   friend ZEL_API bool operator==(const Value& a, const Value& b);
 
  private:
-  // The fields, and what they were converted to last: the bytes of a struct, so that nothing here depends on
-  // code of a library that may be unloaded before the value goes.
+  // The fields, and the struct they were last converted to, as plain bytes: the struct's library may be
+  // unloaded before the value ends.
   struct Shared {
     explicit Shared(Fields&& theFields) : fields(std::move(theFields)) {}
     Fields fields;
@@ -134,7 +134,7 @@ class ZEL_API Value {
   std::variant<std::monostate, bool, std::int64_t, double, std::string, List, SharedPtr, Object> value_;
 };
 
-// As JSON would print it; a reference prints as the object's type and address. For messages and traces.
+// Prints as JSON; a reference prints as the object's type and address. For messages and traces.
 ZEL_API std::ostream& operator<<(std::ostream& out, const Value& value);
 
 }  // namespace Zel

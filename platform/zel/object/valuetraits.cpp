@@ -4,11 +4,11 @@
 
 namespace Zel {
 
-void throwWrongKind(const Value& found, const char* wanted) {
+void throwWrongKind(const Value& found, const char* expected) {
   std::ostringstream text;
   text << found;
   throw ValueError(std::string("found ") + found.kindText() + " (" + excerpt(text.str()) + "), expected " +
-                   wanted);
+                   expected);
 }
 
 void throwUnknownField(const std::string& found, const std::string& known) {
@@ -19,9 +19,9 @@ void throwInField(const char* field, const std::string& text) { throw ValueError
 
 namespace detail {
 
-std::int64_t wholeNumber(const Value& value, std::int64_t least, std::int64_t most, const char* wanted) {
-  const auto& number = expect<std::int64_t>(value, wanted);
-  if (number < least || number > most) throwWrongKind(value, wanted);
+std::int64_t wholeNumber(const Value& value, std::int64_t least, std::int64_t most, const char* expected) {
+  const auto& number = expect<std::int64_t>(value, expected);
+  if (number < least || number > most) throwWrongKind(value, expected);
   return number;
 }
 
@@ -47,7 +47,7 @@ Value ValueTraits<NameSet>::toValue(const NameSet& names) {
 
 namespace {
 
-// Calls `take` with each name of a set and what stands beside it.
+// Calls `take` with each name of a set and its value.
 template <class Take>
 void forEachName(const Value& value, Take take) {
   const auto add = [&](const std::string& text, bool beside) {

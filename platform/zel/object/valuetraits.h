@@ -1,7 +1,7 @@
-// Between C++ types and the neutral value.
+// Converts between C++ types and Value.
 //
-// ValueTraits<T> has `toValue(const T&)`, `fromValue(const Value&)` (throws ValueError, whose text says what
-// was found and what would be right) and `typeName()`. A struct gets them from a table of its fields:
+// ValueTraits<T> has `toValue(const T&)`, `fromValue(const Value&)` (throws ValueError: "found X, expected
+// Y") and `typeName()`. A struct gets them from a table of its fields:
 //
 //     struct LightSetting {
 //       static constexpr const char* kTypeName = "Led::LightSetting";
@@ -25,8 +25,8 @@ namespace Zel {
 template <class T>
 struct ValueTraits;
 
-// Throws what `fromValue` would. What is only checked leaves no names behind: traits whose values hold names
-// have a `check(const Value&)` besides.
+// Throws what `fromValue` would, but interns no names: traits of types that hold names have their own
+// `check(const Value&)`.
 template <class T>
 void checkValue(const Value& value) {
   if constexpr (requires { ValueTraits<T>::check(value); })
@@ -35,20 +35,20 @@ void checkValue(const Value& value) {
     static_cast<void>(ValueTraits<T>::fromValue(value));
 }
 
-// Throws the ValueError of a value of the wrong kind.
-[[noreturn]] ZEL_API void throwWrongKind(const Value& found, const char* wanted);
+// Throws ValueError "found a string (…), expected …".
+[[noreturn]] ZEL_API void throwWrongKind(const Value& found, const char* expected);
 
 namespace detail {
 
 template <class Alternative>
-const Alternative& expect(const Value& value, const char* wanted) {
+const Alternative& expect(const Value& value, const char* expected) {
   const auto* found = value.as<Alternative>();
-  if (!found) throwWrongKind(value, wanted);
+  if (!found) throwWrongKind(value, expected);
   return *found;
 }
 
 ZEL_API std::int64_t wholeNumber(const Value& value, std::int64_t least, std::int64_t most,
-                                 const char* wanted);
+                                 const char* expected);
 ZEL_API double number(const Value& value);
 
 }  // namespace detail
@@ -95,7 +95,7 @@ struct ValueTraits<Name> {
   static Name fromValue(const Value& value) { return Name(detail::expect<std::string>(value, "a name")); }
   static void check(const Value& value) { Name::check(detail::expect<std::string>(value, "a name")); }
 };
-// A list of names; names whose value is false are written as fields instead.
+// An array of names, or an object {NAME: true or false} if any name's value is false.
 template <>
 struct ZEL_API ValueTraits<NameSet> {
   static std::string typeName() { return "set of Zel::Name"; }
@@ -119,11 +119,11 @@ struct ValueTraits<Ptr<T>> {
   }
 };
 
-// One field of a struct: its name, its member, and what else its value must satisfy.
+// One field of a struct: its name, its member, and a further check of its value.
 template <auto Member>
 struct Field {
   const char* name;
-  const char* (*refuse)(const Value& value);  // null where the value is fine, else what would be right
+  const char* (*refuse)(const Value& value);  // null if the value is fine, else what would be right
 };
 template <auto Member>
 constexpr Field<Member> field(const char* name, const char* (*refuse)(const Value&) = nullptr) {
@@ -150,7 +150,7 @@ struct ValueTraits<S> {
     return result;
   }
 
-  // Fields that are not given have their default.
+  // Missing fields keep their default.
   static S fromValue(const Value& value) {
     if constexpr (kIsNoted)
       if (const S* known = value.converted<S>()) return *known;

@@ -26,7 +26,7 @@ struct Constant {};
 template <auto What, auto... Named>
 inline constexpr bool names = (std::is_same_v<Constant<What>, Constant<Named>> || ...);
 
-// Common to all descriptors. Names nothing and has no handlers unless a derived one says so.
+// Common to all descriptors. Names nothing and has no handlers by default.
 struct DeclaredAttribute {
   const char* name;
   Operations operations;
@@ -98,14 +98,14 @@ struct NamesAttribute : CollectionAttribute<Member, N, OnKey, Immediate, On> {
   AttributeInfo info() const;
 };
 
-// Objects that live in the collection (`Owned`), or that it only refers to.
+// Objects that the collection owns (`Owned`) or refers to.
 template <bool Owned, auto Member, class N, void (N::*OnKey)(Name), void (N::*Immediate)(), void (N::*On)()>
 struct MembersAttribute : CollectionAttribute<Member, N, OnKey, Immediate, On> {
   template <class T>
   AttributeInfo info() const;
 };
 
-// An attribute that is reached through functions. `Set` and `Del` may be null.
+// An attribute with accessor functions. `Set` and `Del` may be null.
 template <auto Get, auto Set, auto Del>
 struct AccessorAttribute : DeclaredAttribute {
   template <auto What>
@@ -114,7 +114,7 @@ struct AccessorAttribute : DeclaredAttribute {
   AttributeInfo info() const;
 };
 
-// A collection whose members are made and removed by functions of the class.
+// A collection whose class has its own functions to add and remove members.
 template <auto Member, auto Is, auto Del>
 struct KeyedAttribute : DeclaredAttribute {
   template <auto What>

@@ -39,8 +39,8 @@
 namespace Zel {
 
 // The base of a class with a table. T has `static constexpr auto attributes()`, `static const TypeNode&
-// typeNode()` and, where typed reactors watch it, a nested class NotifieeConst. One that owns reactors names
-// their slots in `static constexpr auto reactors()` (slot.h).
+// typeNode()` and, for typed reactors, a nested class NotifieeConst. An owner of reactors names their slots
+// in `static constexpr auto reactors()` (slot.h).
 template <class T, class Base>
 class Described : public SlotOwner<T, Typed<T, Base>> {
  public:
@@ -67,8 +67,8 @@ class Described : public SlotOwner<T, Typed<T, Base>> {
     return firstAttribute() + found;
   }
 
-  // The type's descriptor, for typeNode() to keep. `newEntityForDir` is null for types that no directory
-  // makes.
+  // The type's descriptor, for typeNode() to keep. `newEntityForDir` is null if directories can't hold the
+  // type.
   static TypeNode describe(const char* name, TypeNode::NewForDir newEntityForDir = nullptr) {
     const TypeNode* base = nullptr;
     if constexpr (requires { Base::typeNode(); }) base = &Base::typeNode();
@@ -80,7 +80,7 @@ class Described : public SlotOwner<T, Typed<T, Base>> {
     return TypeNode(name, base, std::move(infos), &dispatch, newEntityForDir);
   }
 
-  // Performs one generic operation on an attribute of this class's own range.
+  // Performs one generic operation on an attribute in this class's own range; TypeNode::Dispatch.
   static Value dispatch(Notifier& object, Operation operation, AttributeIndex index, Arguments arguments,
                         bool& handled) {
     handled = index >= firstAttribute() && index < endAttribute();
@@ -105,7 +105,7 @@ class Described : public SlotOwner<T, Typed<T, Base>> {
  protected:
   friend struct detail::MutatorAccess;
 
-  // A plain member: stores and announces a value that differs.
+  // A plain member: stores the value and notifies, if it differs.
   template <auto Member, class V>
   void set(const V& value) {
     T& self = static_cast<T&>(*this);
@@ -113,7 +113,7 @@ class Described : public SlotOwner<T, Typed<T, Base>> {
     self.*Member = value;
     this->attributeChanged(indexOf<Member>());
   }
-  // Announces a change that the class made by itself.
+  // Notifies of a change that the class made itself.
   template <auto What>
   void announce() {
     this->attributeChanged(indexOf<What>());
@@ -142,7 +142,7 @@ class Described : public SlotOwner<T, Typed<T, Base>> {
     announce<Member>();
   }
 
-  // Objects that live in the collection. Create-or-get by name:
+  // Owned objects. Create-or-get by name:
   template <auto Member>
   auto childIs(Name name) {
     auto& members = static_cast<T&>(*this).*Member;
@@ -153,7 +153,7 @@ class Described : public SlotOwner<T, Typed<T, Base>> {
     announceKey<Member>(name);
     return child;
   }
-  // An object made elsewhere, under its own name; it replaces another of that name in one step.
+  // Adds an existing object under its own name, replacing another of that name in one step.
   template <auto Member, class Child>
   void childIs(const Ptr<Child>& child) {
     auto& members = static_cast<T&>(*this).*Member;
@@ -163,7 +163,7 @@ class Described : public SlotOwner<T, Typed<T, Base>> {
     adopt(members, child);
     announceKey<Member>(child->name());
   }
-  // Returns the object that left; null where the name is unknown.
+  // Returns the removed object; null if there was none.
   template <auto Member>
   auto childDel(Name name) {
     auto child = (static_cast<T&>(*this).*Member).remove(name);
@@ -173,7 +173,7 @@ class Described : public SlotOwner<T, Typed<T, Base>> {
     }
     return child;
   }
-  // Replaces all members; announced as a change of the whole.
+  // Replaces all members; notifies without a key.
   template <auto Member, class Children>
   void childrenAre(const Children& children) {
     Plain<decltype(static_cast<T&>(*this).*Member)> old;
@@ -184,13 +184,13 @@ class Described : public SlotOwner<T, Typed<T, Base>> {
     for (const auto& child : children) adopt(members, child);
     announce<Member>();
   }
-  // For the destructor of a class with children: those that something still holds live on without a parent.
+  // For the destructor of a class with children: children that are still referenced lose their parent.
   template <auto Member>
   void orphanChildren() {
     for (const auto& child : static_cast<T&>(*this).*Member) disown(*child);
   }
 
-  // Objects that the collection refers to, under their own names. Throws RangeException "null ValidPtr".
+  // References to objects, under their own names. Throws RangeException "null ValidPtr".
   template <auto Member, class M>
   void referenceIs(const Ptr<M>& member) {
     auto& members = static_cast<T&>(*this).*Member;
@@ -242,7 +242,7 @@ class NotifieeOf : public NotifieeBase {
   NotifieeOf() = default;
   explicit NotifieeOf(const Ptr<const X>& notifier) { NotifieeOf::notifierIs(notifier); }
 
-  // The watched object, null if there is none. The reactor holds a reference to it.
+  // The watched object, to which the reactor holds a reference; null if there is none.
   const X* notifier() const { return static_cast<const X*>(this->notifierBase()); }
 
  protected:

@@ -24,17 +24,17 @@ class ZEL_API Dir : public Described<Dir, Entity> {
 
   explicit Dir(Name name) : Described(name) {}
 
-  // The entries; walking them tolerates removals.
+  // Entries may be removed during a walk.
   const PtrMap<Entity>& entries() const { return entries_; }
-  // Null where there is none.
+  // Null if there is none.
   Ptr<Entity> entityRef(Name name) const { return entries_.find(name); }
-  // Creates an entry of a registered type and returns it. An entry that is there already is kept and
-  // returned, whatever its type; one of another type is named by a fault that comes of it. Throws
-  // RangeException where the type is unknown or is not made in directories.
+  // Creates an entry of a registered type and returns it. Returns an existing entry of that name, whatever
+  // its type; a type mismatch is noted for the message of a fault that follows. Throws RangeException if the
+  // type is unknown or directories can't hold it.
   Ptr<Entity> entryIs(Name name, String typeName);
-  // Puts an entity that was made elsewhere under its own name; one of that name that was there leaves.
+  // Adds an existing entity under its own name, replacing another of that name.
   void entryIs(const Ptr<Entity>& entity) { childIs<&Dir::entries_>(entity); }
-  // Returns the entry that left; null where there was none.
+  // Returns the removed entry; null if there was none.
   Ptr<Entity> entryDel(Name name) { return childDel<&Dir::entries_>(name); }
 
  protected:

@@ -1,4 +1,4 @@
-// Named, typed objects with a parent: what a state database holds.
+// Named, typed objects with a parent: the contents of a state database.
 #pragma once
 
 #include <iosfwd>
@@ -9,8 +9,7 @@
 
 namespace Zel {
 
-// Owned by the collection that it lives in (its parent is then the collection's object), or by whoever holds
-// a pointer to it.
+// Owned by its collection, whose object is then its parent, or by the holders of pointers to it.
 class ZEL_API Entity : public Described<Entity, Notifier> {
  public:
   static constexpr auto attributes() {
@@ -21,16 +20,15 @@ class ZEL_API Entity : public Described<Entity, Notifier> {
 
   Name name() const { return name_; }
 
-  // The entity above; null where there is none. An entity that lives in a collection does not count a
-  // reference to its parent.
+  // Null if there is none. A member of a collection counts no reference to its parent.
   Entity* parent() const { return parent_; }
   Ptr<const Entity> parentEntity() const { return Ptr<const Entity>(parent_); }
-  // Attaches the entity under a parent without making it a member of any collection, and holds a reference to
-  // the parent as long; null detaches it.
+  // Attaches the entity to a parent, of which no collection holds it, and counts a reference to the parent;
+  // null detaches it.
   void parentIs(const Ptr<Entity>& parent);
 
-  // Where it stands: the escaped names from the outermost parent down, joined by '/'. A member of a
-  // collection other than a directory's entries has the collection's name before its own.
+  // The escaped names from the outermost parent down, joined by '/'. A member of a collection other than a
+  // directory's entries has the collection's name before its own.
   std::string path() const override;
 
  protected:
@@ -41,15 +39,15 @@ class ZEL_API Entity : public Described<Entity, Notifier> {
   template <class, class>
   friend class Described;
 
-  // For the object whose collection the entity lives in. The object detaches it before it goes away itself.
+  // For the object whose collection holds the entity. It must detach the entity before its own end.
   void ownerIs(Entity* owner);
 
   void appendPath(std::string& path) const;
-  // The component before a member's name in its path: the name of the collection of this entity that holds
-  // it. Empty for entries of directories and for what is only attached.
+  // The component before a member's name in its path: the name of the collection that holds it. Empty for
+  // entries of directories and for entities that are only attached.
   const char* collectionOf(const Entity& member) const;
 
-  // An entity that holds a reference to its parent.
+  // This entity counts a reference to its parent.
   static constexpr std::uint32_t kParentHeld = kFirstFreeNotifierFlag;
 
   Entity* parent_ = nullptr;
@@ -67,16 +65,15 @@ ZEL_API std::ostream& operator<<(std::ostream& out, const Entity& entity);
 ZEL_API std::ostream& operator<<(std::ostream& out, const Ptr<Entity>& entity);
 ZEL_API std::ostream& operator<<(std::ostream& out, const Ptr<const Entity>& entity);
 
-// The framework's text for an entity pointer: `<TYPE PATH at ADDRESS>`, or `null`. Two objects that stand
-// under the same path have different texts.
+// Prints an entity pointer: `<TYPE PATH at ADDRESS>`, or `null`. The address tells apart two objects that had
+// the same path.
 ZEL_API String valueToStrepOfRawPtr(const Entity* entity);
 
-// Whether a name is written in a path as it is.
+// Whether a name needs no escaping in a path.
 ZEL_API bool isComponent(std::string_view name);
-// Encodes a name as one component of a path: '/', '%', control characters and a lone "." or ".." are written
-// as %XX.
+// Escapes a name as one component of a path: '/', '%', control characters and a lone "." or ".." as %XX.
 ZEL_API std::string escapeComponent(std::string_view name);
-// The inverse. Throws ValueError where `component` is not what escapeComponent writes for some name.
+// The inverse. Throws ValueError if escapeComponent writes `component` for no name.
 ZEL_API std::string unescapeComponent(std::string_view component);
 
 }  // namespace Zel

@@ -12,12 +12,14 @@ namespace Zel {
 
 class ZEL_API GenericIf {
  public:
-  // Performs one operation on the attribute at `index`: asks the object's own class first, and its bases in
-  // turn where the index is outside the class's range. A get returns the value (of a collection: the member
-  // under the key that is given, or the list of the keys); a set or delete the member made or removed, where
-  // there is one; iterate the list of the keys; an invocation what the procedure returns. Throws
-  // OperationNotSupportedException where the attribute does not allow the operation (the object is left as it
-  // was), RangeException where there is no such attribute, ValueError where the arguments do not fit, and
+  // Performs one operation on the attribute at `index`. Tries the object's class, then its bases. Returns:
+  //   get      the value; of a collection, the member under the given key, or without a key all keys
+  //   set      the added member, of a collection
+  //   del      the removed member, of a collection
+  //   iterate  all keys
+  //   invoke   the procedure's result
+  // Throws OperationNotSupportedException if the attribute does not allow the operation (the object is
+  // unchanged), RangeException if there is no such attribute, ValueError if the arguments do not fit, and
   // what the object's own operation throws.
   static Value perform(Notifier& object, Operation operation, AttributeIndex index, Arguments arguments = {});
   static Value perform(Notifier& object, Operation operation, std::string_view attribute,

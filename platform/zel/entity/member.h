@@ -30,7 +30,7 @@ Value wrap(R&& result) {
   return ValueTraits<Plain<R>>::toValue(result);
 }
 
-// The type that a member pointer points to; of a member function its parameters, and a call of it.
+// A data member's type; a member function's parameters, and a call with generic arguments.
 template <class T>
 struct MemberOf;
 template <class C, class M>

@@ -37,7 +37,7 @@ void PathWalker::check(std::string_view path) {
     throw ValueError("the path '" + excerpt(path) + "' " + why);
   };
   if (path.size() > kLongest) refuse("is longer than " + std::to_string(kLongest) + " bytes");
-  if (path.size() < kDeepest) return;  // as most: too short for either of what follows
+  if (path.size() < kDeepest) return;  // most paths: too short to exceed a limit below
   if (static_cast<std::size_t>(std::ranges::count(path, '/')) >= kDeepest)
     refuse("has more than " + std::to_string(kDeepest) + " components");
   for (std::size_t at = 0; at < path.size();) {

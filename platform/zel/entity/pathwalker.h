@@ -1,14 +1,13 @@
-// Reading paths, as texts from a socket, a file or an agent: NAME/NAME/…, each component escaped as
-// escapeComponent() does.
+// Reads a path from a socket, a file or an agent: NAME/NAME/…, each component escaped by escapeComponent().
 //
-//     PathWalker::checkComponents(text);  // a text from outside
+//     PathWalker::checkComponents(text);  // if it comes from outside
 //     const TypeNode* type = &Dir::typeNode();
 //     for (PathWalker walker(text); !walker.done();) {
 //       const auto step = walker.next(*type);
 //       entity = step.collection->member(*entity, Name(step.key));
 //       …
 //
-// Nothing here interns a name.
+// Interns no names.
 #pragma once
 
 #include <string>
@@ -24,29 +23,29 @@ class ZEL_API PathWalker {
   static constexpr std::size_t kLongest = 4096;  // bytes
   static constexpr std::size_t kDeepest = 64;    // components
 
-  // Throws ValueError if a text exceeds the limits of paths, or one of its components that of names.
+  // Throws ValueError if the path or one of its components exceeds its limits.
   static void check(std::string_view path);
   // The same, and if a component is empty or wrongly escaped. The empty path has no components.
   static void checkComponents(std::string_view path);
-  // The path without its last component; empty above a single one.
+  // The path without its last component; empty if there is only one.
   static std::string_view above(std::string_view path);
 
-  // `path` must outlive the walker. Its limits are not checked: paths that agents make have none.
+  // `path` must outlive the walker. Checks no limits: agents' own paths have none.
   explicit PathWalker(std::string_view path) : path_(path) {}
 
   bool done() const { return at_ >= path_.size(); }
-  // The next component as it is written. Throws ValueError if it is empty. REQUIRES: !done().
+  // The next component, still escaped. Throws ValueError if it is empty. REQUIRES: !done().
   std::string_view component();
 
-  // From an entity to a member of one of its collections.
+  // A step from an entity to a member of one of its collections.
   struct Step {
     const AttributeInfo* collection;
-    std::string key;        // the member's name, no longer escaped
+    std::string key;        // the member's name, unescaped
     std::string_view path;  // as far as it was read
   };
-  // The step from an entity of that type: a directory's entries stand right under it, a member of another
-  // collection under the collection's name. Throws ValueError if a component is empty or wrongly escaped, the
-  // type has no such collection, or no key follows it. REQUIRES: !done().
+  // Reads the step from an entity of that type: NAME in a directory, COLLECTION/NAME elsewhere. Throws
+  // ValueError if a component is empty or wrongly escaped, the type has no such collection, or no key follows
+  // it. REQUIRES: !done().
   Step next(const TypeNode& type);
 
  private:
@@ -54,7 +53,7 @@ class ZEL_API PathWalker {
   std::size_t at_ = 0;
 };
 
-// The collection of a directory, whose members stand right under it; null for other types.
+// A directory's collection of entries; null for other types.
 ZEL_API const AttributeInfo* directCollection(const TypeNode& type);
 
 }  // namespace Zel

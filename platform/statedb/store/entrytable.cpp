@@ -38,7 +38,7 @@ void EntryTable::prefetch(std::span<const Change> changes) const {
     if (const Entry* entry = find(change.row.path)) Zel::prefetch(entry->attributes.data());
 }
 
-// Makes sure that noting a change can't fail once the change was made.
+// Reserves ahead, so that logging a change can't fail after the change was made.
 void EntryTable::roomForUndo() {
   if (undo_.size() == undo_.capacity()) undo_.reserve(std::max<std::size_t>(16, undo_.size() * 2));
 }
@@ -61,7 +61,7 @@ Entry& EntryTable::make(Path path, Zel::Name type, Durability durability) {
   return entry;
 }
 
-// An attribute of an entity that the same batch made needs no note of its own.
+// An attribute of the entity that was just made needs no undo of its own: the entity's removes it.
 void EntryTable::add(Entry& entry, Attribute attribute) {
   ZEL_REQUIRE(!findIn(entry.attributes, attribute.name), entry.path << ' ' << attribute.name);
   roomForUndo();
@@ -79,7 +79,7 @@ void EntryTable::change(Entry& entry, Attribute& attribute, const Zel::Value& va
   changed.before = std::move(before);
 }
 
-// Notes an entity as it is, with what it hides: for the changes that are seldom.
+// Logs a copy of the whole entity with its hidden values: for rare changes.
 void EntryTable::note(Entry& entry) {
   roomForUndo();
   const auto found = hidden_.find(entry.path);

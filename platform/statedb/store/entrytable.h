@@ -1,7 +1,7 @@
 // The entities of a store in memory, with an undo log. Internal to MemoryStore.
 //
-// An entity's attributes are the visible ones. A stored value that a volatile one hides lies in a separate
-// table, because few entities have any.
+// An entry has the visible values. Stored values that a volatile one hides are in a separate table, because
+// few entities have any.
 #pragma once
 
 #include <deque>
@@ -15,7 +15,7 @@
 
 namespace Statedb {
 
-// An entity as it is kept; without a type where there is none.
+// An entity; a free entry has no type.
 struct Entry : Record {
   Durability durability = Durability::stored;  // volatile: nothing of it is stored
 };
@@ -25,15 +25,14 @@ using Attributes = std::vector<Attribute>;
 // Null if there is none.
 Attribute* findIn(Attributes& attributes, Zel::Name name);
 
-// Every change is logged for undoTo() until settle().
+// Logs every change for undoTo() until settle().
 class EntryTable {
  public:
-  // Null where there is none.
+  // Null if there is none.
   const Entry* find(Path path) const {
     return path.id() < entries_.size() && !entries_[path.id()].type.empty() ? &entries_[path.id()] : nullptr;
   }
   Entry* find(Path path) { return const_cast<Entry*>(std::as_const(*this).find(path)); }
-  // Of the entities that are there.
   std::size_t count() const { return count_; }
   std::unordered_map<Zel::Name, std::size_t> countByType() const;
   // Everything under a path, each entity before those under itself.
@@ -41,7 +40,7 @@ class EntryTable {
   // Prefetches what applying some changes reads, so that their cache misses overlap.
   void prefetch(std::span<const Change> changes) const;
 
-  // A new entity. The second logs nothing. REQUIRES: find(path) is null.
+  // Add an entity; the second without logging. REQUIRES: find(path) is null.
   Entry& make(Path path, Zel::Name type, Durability durability);
   Entry& insert(Path path, Zel::Name type, Durability durability);
   void remove(Entry& entry);
@@ -50,19 +49,19 @@ class EntryTable {
   // REQUIRES: the entity has no attribute of that name.
   void add(Entry& entry, Attribute attribute);
   void change(Entry& entry, Attribute& attribute, const Zel::Value& value);
-  // Removes the attribute and the value that it hides.
+  // Removes the attribute, and its hidden value.
   void remove(Entry& entry, Zel::Name attribute);
-  // The stored value that a volatile one hides; null where there is none.
+  // The stored value that a volatile one hides; null if there is none.
   const Zel::Value* hidden(const Entry& entry, Zel::Name attribute) const;
-  // A stored value goes under a volatile one.
+  // Sets the hidden value of a volatile attribute.
   void hide(Entry& entry, Zel::Name attribute, const Zel::Value& value);
-  // The stored value of an attribute becomes hidden by a volatile one.
+  // Sets a volatile value, which hides the attribute's stored one.
   void cover(Entry& entry, Attribute& attribute, const Zel::Value& value);
-  // A hidden value is seen again. REQUIRES: there is one.
+  // Makes the hidden value visible again. REQUIRES: there is one.
   void uncover(Entry& entry, Attribute& attribute);
 
   bool anyChange() const { return !undo_.empty(); }
-  // A mark for undoTo: the changes from here on.
+  // For undoTo, which undoes the changes after the mark.
   std::size_t mark() { return mark_ = undo_.size(); }
   void undoTo(std::size_t mark);
   void settle() {
@@ -71,7 +70,7 @@ class EntryTable {
   }
 
  private:
-  // Takes one change of an entry back; the last first.
+  // Undoes one change of an entry. Applied in reverse order.
   struct Undo {
     enum class What : std::uint8_t { made, added, changed, replaced };
     struct Whole {
@@ -81,10 +80,10 @@ class EntryTable {
     Undo(What theWhat, Entry& entry) : what(theWhat), at(&entry) {}
 
     What what;
-    std::uint32_t attribute = 0;  // changed: which
+    std::uint32_t attribute = 0;  // changed: its position
     Entry* at;
-    Zel::Value before{};             // changed: the value
-    std::unique_ptr<Whole> whole{};  // replaced: what it was
+    Zel::Value before{};             // changed: the old value
+    std::unique_ptr<Whole> whole{};  // replaced: the old entity
   };
 
   void roomForUndo();
@@ -93,11 +92,11 @@ class EntryTable {
   void restore(Entry& entry, Undo::Whole&& whole);
   void removeHidden(Path path, Zel::Name attribute);
 
-  std::deque<Entry> entries_;  // at the number of their paths; they do not move
+  std::deque<Entry> entries_;  // by Path::id(); a deque, because Undo points to them
   std::size_t count_ = 0;
   std::unordered_map<Path, Attributes> hidden_;
   std::vector<Undo> undo_;
-  std::size_t mark_ = 0;  // the last that was given
+  std::size_t mark_ = 0;  // the latest
 };
 
 }  // namespace Statedb

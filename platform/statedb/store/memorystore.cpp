@@ -18,7 +18,7 @@ using Places = std::vector<std::pair<Path, Zel::Name>>;
 
 struct Notice {
   Changes changes{};   // for all subscribers but `origin`
-  Places corrected{};  // for that one: attributes, or whole entities, that are not seen as it wrote them
+  Places corrected{};  // for `origin`: attributes, or whole entities, that do not show what it wrote
   Subscriber* origin = nullptr;
 };
 
@@ -32,11 +32,11 @@ struct MemoryStore::State {
   std::vector<Notice> notices;  // since the last flush
   std::vector<Subscription> subscriptions;
 
-  // Whether any subscription but those of `origin` satisfies `wanted`.
-  template <class Wanted>
-  bool anySubscription(const Subscriber* origin, Wanted wanted) const {
+  // Whether the path of any subscription but those of `origin` satisfies `matches`.
+  template <class Matches>
+  bool anySubscription(const Subscriber* origin, Matches matches) const {
     return std::ranges::any_of(subscriptions, [&](const Subscription& each) {
-      return each.subscriber != origin && wanted(each.path);
+      return each.subscriber != origin && matches(each.path);
     });
   }
 
@@ -68,8 +68,8 @@ void appendRows(const Entry& entry, Changes& changes) {
     changes.push_back(Change::put(entry.path, entry.type, each.name, each.value));
 }
 
-// Carries one batch into the entries, and notes the steps that change anything: `visible` for the subscribers
-// other than `origin`, `corrected` for that one, `stored` for the stores that keep rows elsewhere.
+// Applies one batch to the entries and collects its effects: `visible` for the subscribers other than
+// `origin`, `corrected` for `origin`, `stored` for persist().
 template <class State>
 struct Writer {
   State& state;
@@ -79,8 +79,8 @@ struct Writer {
   Places corrected{};
   Changes stored{};
   EntryTable& entries = state.entries;
-  // Changes mostly follow each other in one collection: the path above the last one, and whether a
-  // subscription covers it.
+  // A memo, because consecutive changes are mostly in one collection: the last change's parent path, and
+  // whether a subscription covers it.
   Path lastAbove{};
   bool isCovered = false;
 
@@ -114,7 +114,7 @@ struct Writer {
     if (!row.attribute.empty()) set(*entry, change);
   }
 
-  // The entity of another type goes. What is stored does not give way to a volatile row.
+  // Removes an entity of another type. A volatile row can't replace a stored entity.
   void replace(const Entry& entry, const Row& row) {
     if (!isStored() && anyStored(row.path))
       throw RefusedError("'" + row.path.text() + "' is stored as a " + entry.type.stdString() +
@@ -142,7 +142,7 @@ struct Writer {
     note(change);
   }
 
-  // A stored value goes under a volatile one.
+  // Keeps a stored value under the visible volatile one.
   void hide(Entry& entry, const Change& change) {
     correct(entry.path, change.row.attribute);
     const Zel::Value* before = entries.hidden(entry, change.row.attribute);
@@ -151,19 +151,19 @@ struct Writer {
     stored.push_back(change);
   }
 
-  // The origin assumes that its value is visible: notify it of the one that is.
+  // The origin assumes that its value is visible; it must be notified of the one that is.
   void correct(Path path, Zel::Name attribute) {
     if (origin) corrected.emplace_back(path, attribute);
   }
 
-  // A volatile value goes over a stored one.
+  // Puts a volatile value over a stored one.
   void cover(Entry& entry, Attribute& attribute, const Change& change) {
     const bool isSeen = attribute.value != change.row.value;
     entries.cover(entry, attribute, change.row.value);
     if (isSeen) notify(change);
   }
 
-  // Takes out the entity at a path and all under it.
+  // Removes the entity at a path and all under it.
   void del(Path path) {
     bool any = false, isKept = false;
     path.forEachUnder([&](Path each) {
@@ -177,9 +177,10 @@ struct Writer {
     if (isKept) stored.push_back(Change::del(path));
   }
 
-  // Takes out what is volatile at and under a path. What is stored is seen again; for its origin it had gone.
+  // Removes volatile values and entities at and under a path, which reveals the stored ones. The origin has
+  // dropped those as well, so it gets them back.
   void withdraw(Path path) {
-    std::optional<Path> gone;  // for the subscribers as well, with all that stood under it
+    std::optional<Path> gone;  // subscribers drop it with all under it
     path.forEachUnder([&](Path each) {
       Entry* entry = entries.find(each);
       if (!entry) return;
@@ -204,7 +205,7 @@ struct Writer {
     for (const Zel::Name name : names) uncover(entry, name, notifies);
   }
 
-  // The volatile value of an attribute goes; a stored one that it hid is seen again.
+  // Removes the volatile value of an attribute and reveals the stored one, if any.
   void uncover(Entry& entry, Zel::Name name, bool notifies) {
     if (!entries.hidden(entry, name)) {
       entries.remove(entry, name);
@@ -241,7 +242,7 @@ struct Writer {
     if (isSubscribed(change)) visible.push_back(change);
   }
 
-  // Whether a subscription other than that of `origin` covers a change.
+  // Whether a subscription other than `origin` covers a change.
   bool isSubscribed(const Change& change) {
     const Path path = change.row.path;
     if (change.kind == Change::Kind::del || path.empty())
@@ -274,7 +275,7 @@ void notify(const Notice& notice, const Subscription& to, const EntryTable& entr
     takePart(notice.changes, to.path, [&](const Changes& part) { to.subscriber->onChanges(part); });
 }
 
-// A handler may subscribe and unsubscribe anyone.
+// Iterates over a copy: a handler may subscribe and unsubscribe any subscriber.
 template <class State>
 void notifySubscribers(const State& state, const Notice& notice) {
   for (const Subscription& each : std::vector(state.subscriptions))

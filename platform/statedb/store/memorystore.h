@@ -1,4 +1,4 @@
-// A store that keeps its rows in memory, and the base of those that keep them in a file as well.
+// A store that keeps its rows in memory, and the base of stores that also keep them in a file.
 #pragma once
 
 #include <memory>
@@ -28,13 +28,12 @@ class ZEL_API MemoryStore : public Store, public Table {
   std::unordered_map<Zel::Name, std::size_t> entitiesByType() const override;
 
  protected:
-  // For stores that keep rows elsewhere: `persist` takes the stored part of a batch, `commit` makes all of
-  // them durable at once, `rollback` drops them. They throw StoreError; a `persist` that throws keeps nothing
-  // of its batch.
+  // For stores with a file: `persist` takes the stored part of a batch, `commit` makes all batches durable at
+  // once, `rollback` drops them. They throw StoreError; a `persist` that throws keeps nothing of its batch.
   virtual void persist(const Changes&) {}
   virtual void commit() {}
   virtual void rollback() {}
-  // For the start: takes a row that is durable already. REQUIRES: there is no row of that path and attribute.
+  // Loads a durable row at start-up. REQUIRES: there is no row of that path and attribute.
   void restore(Row row);
 
  private:

@@ -20,18 +20,19 @@ struct PathTable {
     Zel::Name component;
     Path parent;
     Path lastChild;
-    Path next;  // the path beside it; the last one's is the first
+    Path next;  // the next sibling; a ring: the last points to the first
     std::uint32_t depth = 0;
   };
 
   std::vector<Node> nodes = std::vector<Node>(1);
-  // A hash table of children; the empty path: free. The hash spares looking at nodes that are others.
+  // An open-addressing hash table of children, by linear probing; a free place has the empty path. Comparing
+  // the stored hash first avoids reading the node.
   struct Place {
     Path path;
     std::uint32_t hash = 0;
   };
   std::vector<Place> places = std::vector<Place>(1024);
-  // By what is before a text's last '/': the next text mostly has the same parent.
+  // By the string before the last '/': the next path mostly has the same parent.
   Zel::LastSeen<std::string, Path> lastParent;
 
   static PathTable& instance() {
@@ -41,26 +42,27 @@ struct PathTable {
 
   const Node& operator[](Path path) const { return nodes[path.id_]; }
 
-  // Paths whose last components were made one after another, as names, lie beside each other.
+  // Keeps the low bits of the component's id: siblings whose names were interned one after another share
+  // cache lines.
   static std::uint32_t hashOf(Path parent, Zel::Name component) {
     const std::uint64_t key = std::uint64_t{parent.id_} << 32 | component.id() >> 4;
     return static_cast<std::uint32_t>(key * 0x9E3779B97F4A7C15U >> 32 & ~std::uint64_t{15}) |
            (component.id() & 15U);
   }
 
-  // Where a child stands, or is to stand.
+  // The place of a child, or the free one for it.
   Place& place(Path parent, Zel::Name component, std::uint32_t hash) {
     std::size_t at = hash & (places.size() - 1);
-    const auto isWanted = [&](const Place& place) {
+    const auto isChild = [&](const Place& place) {
       if (place.hash != hash) return false;
       const Node& node = (*this)[place.path];
       return node.parent == parent && node.component == component;
     };
-    while (!places[at].path.empty() && !isWanted(places[at])) at = (at + 1) & (places.size() - 1);
+    while (!places[at].path.empty() && !isChild(places[at])) at = (at + 1) & (places.size() - 1);
     return places[at];
   }
 
-  // Empty where there is none.
+  // Empty if there is none.
   Path find(Path parent, Zel::Name component) {
     return place(parent, component, hashOf(parent, component)).path;
   }
@@ -90,7 +92,7 @@ struct PathTable {
     }
   }
 
-  // Follows a text from component to component, by `step`, which returns the empty path where it ends.
+  // Resolves a path string component by component with `step`, which returns the empty path to stop.
   template <class Step>
   Path follow(std::string_view text, Step step) {
     if (text.empty()) return {};

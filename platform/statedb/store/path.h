@@ -1,9 +1,9 @@
 // Paths of entities, interned: the keys of a state database.
 //
-// A Path is a number into one table a process: four bytes, copied, compared and hashed as an integer. The
-// table is a tree, so what stands above a path, and whether one path stands under another, is found without
-// touching a text. A path that was made once stays in the table for the life of the process; code that looks
-// up a text from outside uses Path::existing, which adds nothing.
+// A Path is an index into one table a process: four bytes, copied, compared and hashed as an integer. The
+// table is a tree, so finding a parent, or whether one path is under another, reads no string. A path stays
+// in the table for the life of the process; look up strings from outside with Path::existing, which adds
+// nothing.
 //
 // Activity thread only.
 #pragma once
@@ -21,33 +21,33 @@
 
 namespace Statedb {
 
-// Components joined by '/'. Any text within the limits is a path; whether its components are escaped as they
-// should be, and lead anywhere, is checked where rows are checked.
+// Components joined by '/'. Any string within the limits is a path; schema.h checks whether its components
+// are escaped correctly and lead anywhere.
 class ZEL_API Path {
  public:
-  constexpr Path() = default;  // the empty path, which everything stands under
-  // Throw ValueError if a text exceeds the limits of PathWalker; nothing is added to the table then.
+  constexpr Path() = default;  // the empty path: the root
+  // Throw ValueError, and add nothing to the table, if a string exceeds the limits of PathWalker.
   Path(const char* text) : Path(std::string_view(text)) {}
   Path(const std::string& text) : Path(std::string_view(text)) {}
   explicit Path(std::string_view text);
 
-  // The path of a text that is in the table; nothing where it was never made.
+  // The path of a string; nullopt if it is not in the table.
   static std::optional<Path> existing(std::string_view text);
-  // How many paths there are or have been.
+  // Paths in the table.
   static std::size_t count();
 
   bool empty() const { return id_ == 0; }
   // The path without its last component. REQUIRES: !empty().
   Path parent() const;
-  // The last component as it is written, escaped. REQUIRES: !empty().
+  // The last component, still escaped. REQUIRES: !empty().
   Zel::Name component() const;
-  // The path one component longer; the second takes a name and escapes it. Not limited: agents make as many
-  // entities as they want.
+  // The path one component longer; the second takes a name and escapes it. Without limits, for agents' own
+  // entities.
   Path child(Zel::Name component) const;
   Path childNamed(Zel::Name name) const;
-  // How many components it has.
+  // Number of components.
   unsigned depth() const;
-  // Whether it is `above` or stands under it.
+  // Whether it is `above` or under it.
   bool isUnder(Path above) const;
 
   // Prefetches what the functions above read.
@@ -56,12 +56,11 @@ class ZEL_API Path {
   std::string text() const;
   void appendTo(std::string& text) const;
 
-  // The smallest numbers that do: those of `count()` paths are below it. What stands under a path has a
-  // greater number than the path.
+  // Dense: from 0 to count() - 1. A path's descendants have greater ids than the path.
   std::uint32_t id() const { return id_; }
 
-  // Calls `function` with this path and with every path that was ever made under it, each before those under
-  // itself, those beside each other in the order of making.
+  // Calls `function` with this path and every path in the table under it, in preorder; siblings in order of
+  // creation.
   template <class Function>
   void forEachUnder(Function&& function) const {
     function(*this);
@@ -69,7 +68,7 @@ class ZEL_API Path {
   }
 
   friend constexpr bool operator==(Path a, Path b) { return a.id_ == b.id_; }
-  // In the order of making, so what stands above comes first.
+  // By order of creation: a path's ancestors come first.
   friend constexpr std::strong_ordering operator<=>(Path a, Path b) { return a.id_ <=> b.id_; }
 
  private:
@@ -77,12 +76,12 @@ class ZEL_API Path {
 
   Path firstChild() const;
   Path nextSibling() const;          // empty: there is none
-  Path nextUnder(Path above) const;  // in a walk of what stands under `above`; empty: this is the last
+  Path nextUnder(Path above) const;  // the next in a preorder walk under `above`; empty: this is the last
 
   std::uint32_t id_ = 0;
 };
 
-// As a person reads a list: what stands above first, then by the texts of the components.
+// Alphabetical order by component; a parent comes before its children.
 ZEL_API bool readsBefore(Path a, Path b);
 
 ZEL_API std::ostream& operator<<(std::ostream& out, Path path);

@@ -12,8 +12,8 @@
 
 namespace Statedb {
 
-// One attribute of one entity. The row whose attribute is empty says that the entity is there (its value is
-// null); every entity has one.
+// One attribute of one entity. Every entity also has a row with an empty attribute and a null value, for its
+// existence.
 struct Row {
   Path path;
   Zel::Name type;
@@ -22,8 +22,8 @@ struct Row {
   bool operator==(const Row&) const = default;
 };
 
-// How long a value is to live: as long as the store, or as long as the process that keeps it (volatile
-// values, which are never written to disk).
+// A value's lifetime: that of the store, or that of the publishing process (volatile values, which are never
+// written to disk).
 enum class Durability : std::uint8_t { stored, volatile_ };
 
 struct Attribute {
@@ -42,7 +42,7 @@ struct Record {
   Zel::Name type;
   std::vector<Attribute> attributes;  // in the order in which they were first set
 
-  // Null where the attribute was never set.
+  // Null if the attribute is not set.
   const Zel::Value* find(Zel::Name attribute) const {
     for (const Attribute& each : attributes)
       if (each.name == attribute) return &each.value;
@@ -50,15 +50,15 @@ struct Record {
   }
   bool operator==(const Record&) const = default;
 };
-// Records where they are kept: good until what keeps them changes.
+// Not owned: valid until their store changes.
 using Records = std::vector<const Record*>;
 
 // One step of a batch.
 struct Change {
   enum class Kind : std::uint8_t { put, del, unset };
   Kind kind = Kind::put;
-  // put: the row to store. del: `path` alone counts; the entity and everything under it goes. unset: `path`
-  // and `attribute` count; the attribute has no value any more.
+  // put: the row to store. del: only `path` is used; removes the entity and everything under it. unset: only
+  // `path` and `attribute` are used; removes the attribute's value.
   Row row;
   bool operator==(const Change&) const = default;
 
@@ -70,8 +70,7 @@ struct Change {
 };
 using Changes = std::vector<Change>;
 
-// Empties a list that is filled again and again. It keeps room for what one pass usually brings, not for a
-// whole start.
+// Clears a vector that is refilled every pass. Keeps capacity for a usual pass, not for a whole start-up.
 template <class List>
 void clearKeeping(List& list) {
   constexpr std::size_t kUsual = 1024;
@@ -86,8 +85,8 @@ inline bool concerns(const Change& change, Path path) {
   return change.row.path.isUnder(path) || (change.kind == Change::Kind::del && path.isUnder(change.row.path));
 }
 
-// Calls `take` with the part of a batch that concerns `path`, if there is any. A del of something above
-// becomes one of the path itself, so that subscribers of several paths can each carry out their part.
+// Calls `take` with the part of a batch that concerns `path`, if any. A del above the path becomes a del of
+// the path, so that the subscriber removes nothing outside it.
 template <class Take>
 void takePart(const Changes& changes, Path path, Take&& take) {
   const auto isWithin = [&](const Change& change) { return change.row.path.isUnder(path); };
@@ -102,7 +101,7 @@ void takePart(const Changes& changes, Path path, Take&& take) {
   if (!part.empty()) take(std::as_const(part));
 }
 
-// A batch of at least two as two, to be carried out one after the other.
+// Splits a batch of at least two changes in two, to be applied in order.
 inline std::pair<Changes, Changes> halves(const Changes& changes) {
   const auto middle = changes.begin() + static_cast<std::ptrdiff_t>(changes.size() / 2);
   return {{changes.begin(), middle}, {middle, changes.end()}};

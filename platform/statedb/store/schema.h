@@ -13,23 +13,23 @@
 
 namespace Statedb {
 
-// The type of that name. Throws ValueError where it is unknown, or an agent's.
+// The type of that name. Throws ValueError if it is unknown or an agent's.
 ZEL_API const Zel::TypeNode& typeNamed(std::string_view name);
-// The attribute of that name; the second, where an entity of the type can hold it with that value. Throw
-// ValueError where it is unknown or not stored, or the value is of the wrong kind. The text names the
-// attribute and the reason, and what would be right; the path is the caller's to add.
+// The attribute of that name; the second also checks that it takes the value. Throw ValueError if the
+// attribute is unknown or not stored, or the value is of the wrong kind. The message names attribute, reason
+// and what would be right; callers add the path.
 ZEL_API const Zel::AttributeInfo& storedAttribute(const Zel::TypeNode& type, std::string_view attribute);
 ZEL_API const Zel::AttributeInfo& checkAttribute(const Zel::TypeNode& type, std::string_view attribute,
                                                  const Zel::Value& value);
-// Both for a row. The empty attribute is fine for every type.
+// Checks a row's type and attribute. Every type has the empty attribute.
 ZEL_API void checkRow(Zel::Name type, Zel::Name attribute, const Zel::Value& value);
 
-// The type of the entity at a path; empty where there is none. A path is a text here, for what is refused
-// must not be interned.
+// The type of the entity at a path; empty if there is none. Takes a string, because a refused path must not
+// be interned.
 using TypeAt = std::function<Zel::Name(std::string_view path)>;
 
-// The types of the entities after some steps were stored over those of `below`. The texts of its paths must
-// outlive it.
+// The types of the entities as a batch would leave them: those of `below`, changed by put() and del(). The
+// paths' strings must outlive it.
 class ZEL_API TypesAfter {
  public:
   // `below` must outlive the object.
@@ -44,7 +44,7 @@ class ZEL_API TypesAfter {
     Zel::Name type;
     std::size_t step = 0;
   };
-  // The last step that removed the entity at a path or one above it; 0: none did.
+  // The last step that removed the entity at a path or above it; 0 if none did.
   std::size_t lastDel(std::string_view path) const;
 
   const TypeAt& below_;
@@ -56,7 +56,7 @@ class ZEL_API TypesAfter {
 // The type that an entity at `path` must have; empty if any will do. Throws ValueError if the path leads
 // nowhere. Components without an entity count as directories.
 ZEL_API Zel::Name placeType(std::string_view path, const TypesAfter& types);
-// Throws ValueError where no entity of that type may be made at `path`.
+// Throws ValueError if no entity of that type may be made at `path`.
 ZEL_API void checkPlace(std::string_view path, const Zel::TypeNode& type, const TypesAfter& types);
 
 // The path of a member of a collection of the entity at `above`.

@@ -23,21 +23,21 @@
 
 namespace Statedb {
 
-// The store failed and changed nothing. The text says what, where and why.
+// The store failed and changed nothing. The message says what failed, where and why.
 class ZEL_API StoreError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
   ~StoreError() override;
 };
 
-// The store refuses this batch, and would again.
+// The store refuses the batch; a retry would fail as well.
 class ZEL_API RefusedError : public StoreError {
  public:
   using StoreError::StoreError;
   ~RefusedError() override;
 };
 
-// A subscriber to one path: gets what stands under it, and every change from then on.
+// A subscriber to one path: gets a snapshot of everything under it, then every change.
 class ZEL_API Subscriber {
  public:
   // Everything under the path: once after subscribing, and again when changes may have been missed (a
@@ -46,9 +46,8 @@ class ZEL_API Subscriber {
   // The changes of a batch that are visible under the path. A del above the path arrives as a del of the
   // path.
   virtual void onChanges(const Changes& changes) = 0;
-  // The visible values where they differ from what a batch of this subscriber's own wrote: a volatile value
-  // over a stored one that it put, a stored one under a volatile one that it removed. Calls onChanges by
-  // default.
+  // Visible values that differ from what this subscriber's own batch wrote: a volatile value over a stored
+  // one that it put, a stored one under a volatile one that it removed. Calls onChanges by default.
   virtual void onRevealed(const Changes& changes);
   // Whether this process publishes at the path. It then owns the rows there, whoever wrote them first.
   virtual bool publishes(Path) const { return false; }
@@ -78,7 +77,7 @@ class Ticket {
   }
 
   bool isDone() const { return !outcome_ || outcome_->isDone; }
-  // Why nothing of what the flush covers was stored; empty while it is not done, and where it succeeded.
+  // Why the flush stored nothing; empty if it succeeded or is not done.
   std::string failure() const { return outcome_ ? outcome_->failure : std::string(); }
 
  private:
@@ -87,12 +86,12 @@ class Ticket {
 
 // Whether a store can be reached; one in this process always can.
 struct StoreState {
-  bool canBeLost = false;  // for it is kept by another process
+  bool canBeLost = false;  // another process keeps it
   bool isReached = true;
   std::string reason{};  // while it is not reached: why, and what the store does about it
 };
 
-// How a process introduces itself to those that share its state.
+// Introduces a process to those that share its state.
 struct Announcement {
   struct Agent {
     std::string name;
@@ -101,18 +100,18 @@ struct Announcement {
   std::int64_t pid = 0;
   std::string socket{};  // of its own clients
   std::vector<Agent> agents{};
-  std::vector<std::string> publishes{};  // the paths of its "wi" mounts; texts, so that none is interned
+  std::vector<std::string> publishes{};  // the paths of its "wi" mounts; strings, so that none is interned
 };
 
-// The state database keeps a stored and a volatile value of each attribute of an entity. read() and the
-// subscribers see the volatile value where there is one; the stored one is kept under it and shows again when
-// the volatile one goes.
+// The state database keeps a stored and a volatile value of each attribute. The volatile value, if any, is
+// the visible one: it hides the stored value until it is removed.
 //
-//   step    stored                                       volatile
-//   put     the value is kept; unseen under a volatile    is seen in place of a stored value
-//   unset   the attribute loses both values              the volatile value goes
-//   del     the entity goes, and all under it, with      volatile values and entities of which nothing is
-//           the volatile values                           stored go, at the path and under it
+//   step    stored                                      volatile
+//   put     sets the stored value; a volatile one       sets the volatile value, which hides a stored one
+//           stays visible
+//   unset   removes both values                         removes the volatile value
+//   del     removes the entity and all under it,        removes volatile values, and entities without stored
+//           volatile values included                    ones, at the path and under it
 //
 // An entity with any stored value is stored itself.
 class ZEL_API Store {
@@ -125,7 +124,7 @@ class ZEL_API Store {
   virtual std::string url() const = 0;
   // Always reached by default.
   virtual StoreState state() const;
-  // The rows, where they are kept or mirrored in this process; else null, which is the default.
+  // The rows, if this process keeps or mirrors them; null by default.
   virtual const Table* table() const;
 
   // `subscriber` gets a snapshot, at once or as soon as the store is reached, then the changes until it
@@ -143,8 +142,8 @@ class ZEL_API Store {
   // and no subscriber is notified.
   virtual Ticket flush() = 0;
 
-  // Tells the processes that share this state which one this is, and what it publishes: now, and whenever the
-  // store is reached again. Replaces the last announcement. Does nothing by default.
+  // Introduces this process to those that share its state: now, and on every reconnect. Replaces the last
+  // announcement. Does nothing by default.
   virtual void announce(const Announcement& announcement);
 
  protected:

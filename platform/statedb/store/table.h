@@ -15,13 +15,13 @@ namespace Statedb {
 
 class ZEL_API Table {
  public:
-  // Everything visible at and under a path, sorted as a person reads it; valid until the next write.
+  // Everything visible at and under a path, sorted by readsBefore(); valid until the next write.
   virtual Records read(Path path) const = 0;
   // The type of the entity at a path; empty if there is none.
   virtual Zel::Name typeAt(Path path) const = 0;
 
   virtual std::size_t entities() const = 0;
-  // How many of each type there are. Linear.
+  // The number of entities by type. Takes linear time.
   virtual std::unordered_map<Zel::Name, std::size_t> entitiesByType() const = 0;
 
  protected:

@@ -1,4 +1,4 @@
-// The local copy of the state database: the entities of the mounted paths, kept equal to a store's rows.
+// The local copy of the state database: the entities of the mounted paths, synchronized with a store's rows.
 //
 //     void doInit() override {
 //       const auto group = entityManager()->getMountGroup(Zel::Ptr<Statedb::Mounter>(this));
@@ -38,7 +38,7 @@ class ZEL_API EntityManager : public Zel::Typed<EntityManager, Zel::PtrInterface
   explicit EntityManager(Store& store);
   ~EntityManager() override;
 
-  // The open group of that mounter, made if it has none.
+  // The mounter's open group; makes one if it has none.
   Zel::Ptr<MountGroup> getMountGroup(const Zel::Ptr<Mounter>& mounter);
   // The entity mounted at exactly that path; null if there is none.
   Zel::Ptr<Zel::Entity> getEntity(Zel::String path) const;
@@ -61,10 +61,10 @@ class ZEL_API EntityManager : public Zel::Typed<EntityManager, Zel::PtrInterface
     std::string mode;  // "wi" if any agent mounted it so
     bool complete = false;
   };
-  // In the order of mounting; a path that several agents mounted is there once. Valid until the next pass.
+  // In the order of mounting, each path once. Valid until the next pass.
   const std::vector<MountInfo>& mounts() const;
 
-  // For the host's shutdown: drops the groups that are not complete, and with them their mounters.
+  // For the host's shutdown: drops the incomplete groups, and their references to mounters.
   void stop();
 
   // Called with every row that is refused ("PATH ATTRIBUTE: reason") and every mount that fails.
@@ -78,7 +78,7 @@ class ZEL_API EntityManager : public Zel::Typed<EntityManager, Zel::PtrInterface
 
   void close(const Zel::Ptr<MountGroup>& group);
 
-  std::shared_ptr<Mounts> mounts_;  // the tasks that it posts have weak pointers to it
+  std::shared_ptr<Mounts> mounts_;  // shared: its posted tasks hold weak pointers
 };
 
 }  // namespace Statedb

@@ -9,13 +9,13 @@ namespace Statedb {
 
 namespace {
 
-// The name that a component of a path stands for. Throws ValueError where it is wrongly escaped.
+// Unescapes a component. Throws ValueError if it is wrongly escaped.
 Zel::Name nameOf(Zel::Name component) {
   if (Zel::isComponent(component.view())) return component;
   return Zel::Name(Zel::unescapeComponent(component.view()));
 }
 
-// What stands above a path, from the outermost, and the path itself.
+// The path's ancestors, the outermost first, and the path itself.
 std::vector<Path> downTo(Path path) {
   std::vector<Path> paths(path.depth());
   for (auto each = paths.rbegin(); each != paths.rend(); ++each, path = path.parent()) *each = path;
@@ -71,7 +71,7 @@ Found EntityTree::findOrMake(Path path, const Make& make) {
   return found;
 }
 
-// From the root.
+// Starts at the root.
 void EntityTree::follow(Path path, Found& found, const Make& make) const {
   const std::vector<Path> paths = downTo(path);
   const std::string text = path.text();
@@ -90,7 +90,7 @@ void EntityTree::follow(Path path, Found& found, const Make& make) const {
   }
 }
 
-// Whether an entity still stands under the root.
+// Whether an entity is still under the root.
 bool EntityTree::isThere(const Zel::Entity& entity) const {
   const Zel::Entity* each = &entity;
   while (each && each != root_.get() && !each->zelIsGone()) each = each->parent();

@@ -11,15 +11,15 @@
 
 namespace Statedb {
 
-// How far a path leads through the entities.
+// The result of following a path through the entities.
 struct Found {
-  // The last step that was read: from this entity, through this collection of it, to the member of this name.
+  // The last step: from this entity, through this collection of it, to the member of this name.
   Zel::Ptr<Zel::Entity> parent;
   const Zel::AttributeInfo* collection = nullptr;
   Zel::Name key;
   Path path;                     // of the member
-  Zel::Ptr<Zel::Entity> entity;  // the member; null where there is none
-  bool whole = true;             // whether the path was read to its end
+  Zel::Ptr<Zel::Entity> entity;  // the member; null if there is none
+  bool whole = true;             // the path was read to its end
 };
 
 // Makes the member that is missing. Throws ValueError if the collection takes no entity of that type.
@@ -37,7 +37,7 @@ class EntityTree {
 
   // Follows a path. Throws ValueError if it is not valid.
   Found find(Path path);
-  // The same, making what is missing on the way; ends where `make` returns null. Throws what `make` throws.
+  // The same, making missing entities on the way; stops when `make` returns null. Throws what `make` throws.
   Found findOrMake(Path path, const Make& make);
   // Null if there is no entity, or the path is not valid.
   Zel::Ptr<Zel::Entity> entityAt(Path path);
@@ -51,7 +51,7 @@ class EntityTree {
     Zel::Ptr<Zel::Entity> parent{};
     const Zel::AttributeInfo* info = nullptr;
   };
-  // By the path of its members without their last component: the next path is mostly in the same one.
+  // By its members' parent path: the next path is mostly in the same collection.
   Zel::LastSeen<Path, Collection> lastCollection_;
 };
 

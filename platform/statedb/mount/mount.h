@@ -40,11 +40,11 @@ class ZEL_API Mounter : public Zel::Described<Mounter, Zel::Entity> {
   static constexpr auto attributes() { return std::tuple{}; }
   static const Zel::TypeNode& typeNode();
 
-  // A mounter keeps the name that it was made with; a backup's word on it changes nothing.
+  // Ignored: a mounter keeps the name that it was made with.
   virtual void nameIsFromBackup(Zel::Name name);
   virtual Zel::Name name() const { return Entity::name(); }
 
-  // Called once, in a later pass than the close of the group, when all mounts are there or one has failed.
+  // Called once, in a later pass than doClose, when all mounts are complete or one has failed.
   virtual void doMountsComplete(MountStatus status, const Zel::Ptr<EntityManager>& entityManager) = 0;
 
  protected:
@@ -59,17 +59,16 @@ class ZEL_API MountGroup : public Zel::Reactor<MountGroup, Zel::PtrInterface> {
   MountGroup(const Zel::Ptr<EntityManager>& entityManager, const Zel::Ptr<Mounter>& mounter);
   ~MountGroup() override;
 
-  // Adds a request. Throws RangeException where the mode is neither "r" nor "wi", or the group is closed, and
-  // ValueError where the path is beyond the limits of paths.
+  // Adds a request. Throws RangeException if the mode is neither "r" nor "wi" or the group is closed, and
+  // ValueError if the path exceeds its limits.
   void doMount(const Mount& mount);
-  // Closes the group and starts mounting. The arguments have no meaning here. The manager keeps the group and
-  // the mounter until completion is reported. Throws RangeException where the group is closed already.
+  // Closes the group and starts mounting. Ignores its arguments. The manager holds the group and the mounter
+  // until it has called doMountsComplete. Throws RangeException if the group is closed already.
   void doClose(bool flag, const Zel::String& text, const double& time);
 
   const std::vector<Mount>& mounts() const { return mounts_; }
   bool closed() const { return closed_; }
-  // Why the group failed: one line for each mount that did, naming path, type found and type asked. Empty
-  // otherwise.
+  // One line for each failed mount: path, type found and type asked for.
   const std::vector<std::string>& failures() const { return failures_; }
 
  private:

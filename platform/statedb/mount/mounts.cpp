@@ -20,7 +20,7 @@ Mounts::Mounts(Store& store)
 
 Mounts::~Mounts() { Zel::activityManager().passEndDel(*this); }
 
-// Runs `task` in the next pass, unless the mounts are gone by then.
+// Runs `task` in the next pass, unless this object has been destroyed.
 template <class Task>
 void Mounts::post(Task task) {
   Zel::activityManager().post([weak = weak_from_this(), task = std::move(task)] {
@@ -97,7 +97,7 @@ void Mounts::finish(const Mount& mount) {
   if (mount.mode() == "wi") publishers_.add(entity, path);
 }
 
-// Throws if the entity at the path, or one above it, is in the store and could not be made here.
+// Throws if the store has an entity at the path, or above it, that could not be made here.
 void Mounts::checkRefused(Path path, Zel::Name asked) const {
   const auto* refused = applier_.refusedAtOrAbove(path);
   if (!refused) return;

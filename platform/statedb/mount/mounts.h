@@ -15,10 +15,10 @@
 
 namespace Statedb {
 
-// A group that is closed subscribes in the next pass and completes once the rows of all its mounts have
-// arrived and been applied. Groups complete in the order in which they were closed.
+// A closed group subscribes in the next pass and completes once the rows of all its mounts have been applied.
+// Groups complete in the order in which they were closed.
 //
-// Held by a shared pointer: a task that it posted keeps it while it runs.
+// Held by a shared pointer, so that a running task keeps it alive.
 class Mounts : public Zel::PassEnd, public std::enable_shared_from_this<Mounts> {
  public:
   explicit Mounts(Store& store);
@@ -56,7 +56,7 @@ class Mounts : public Zel::PassEnd, public std::enable_shared_from_this<Mounts> 
   Publishers publishers_;
   RowApplier applier_;
   std::map<const Mounter*, Zel::Ptr<MountGroup>> open_;
-  std::vector<Zel::Ptr<MountGroup>> closed_;  // and not complete
+  std::vector<Zel::Ptr<MountGroup>> closed_;  // but not complete
   Subscriptions subscriptions_;
 };
 

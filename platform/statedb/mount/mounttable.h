@@ -1,4 +1,4 @@
-// What the agents of this process have mounted. Internal to the entity manager.
+// The mounts of this process's agents. Internal to the entity manager.
 #pragma once
 
 #include <algorithm>
@@ -18,7 +18,7 @@ class MountTable {
   // In the order of mounting, each path once.
   const std::vector<Info>& all() const { return mounts_; }
 
-  // A path that is mounted again keeps its type, and is "wi" from the first mount that is.
+  // A path that is mounted again keeps its type, and becomes "wi" if the new mount is.
   void add(const Mount& mount) {
     const Path path(mount.path().view());
     const auto known = find(path);

@@ -33,7 +33,7 @@ struct Hasher {
   }
 };
 
-// Calls `function` with every attribute of the type whose value a store holds.
+// Calls `function` with every stored attribute of the type that is no collection.
 template <class Function>
 void forEachPlain(const Zel::TypeNode& type, Function&& function) {
   for (const Zel::AttributeInfo* attribute : type.storedAttributes())
@@ -185,7 +185,7 @@ void Publishers::write(const OriginOf& originOf) {
   }
 }
 
-// Halves a batch that is refused until the row at fault stands alone.
+// Bisects a refused batch down to the rows at fault.
 void Publishers::write(const Changes& changes, Subscriber* origin) {
   try {
     store_.write(changes, Durability::volatile_, origin);

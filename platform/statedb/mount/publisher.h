@@ -1,4 +1,4 @@
-// Publishing: what agents write under a "wi" mount, turned into rows. Internal to the entity manager.
+// Publishing: turns what agents write under a "wi" mount into rows. Internal to the entity manager.
 #pragma once
 
 #include <cstdint>
@@ -18,21 +18,21 @@ namespace Statedb {
 
 class Publisher;
 
-// Watches one entity, and through its members all below it. Owned by the one above.
+// Watches one entity, and through its members all below it. Owned by the parent entity's.
 class PublishedEntity : public Zel::Reactor<PublishedEntity, Zel::RawNotifiee> {
  public:
   static constexpr const char* kTypeName = "Statedb::PublishedEntity";
 
-  // Notes the values that the entity has now as known to the store.
+  // Assumes that the store has the entity's values.
   PublishedEntity(Publisher& publisher, Path path, const Zel::Ptr<const Zel::Entity>& entity);
 
   const Zel::Entity& entity() const { return *static_cast<const Zel::Entity*>(notifierBase()); }
 
   // The values came from the store and need not be published.
   void noteValues();
-  // What was put is stored.
+  // The store took the values that were put.
   void noteStored() { known_ = written_; }
-  // The same for a member that the store made or removed.
+  // The member came from the store, or the store removed it.
   void adopt(const Zel::AttributeInfo& collection, Zel::Name key, const Zel::Ptr<const Zel::Entity>& member);
   void forget(const Zel::AttributeInfo& collection, Zel::Name key);
 
@@ -53,19 +53,19 @@ class PublishedEntity : public Zel::Reactor<PublishedEntity, Zel::RawNotifiee> {
 
   Publisher& publisher_;
   const Path path_;
-  std::size_t known_ = 0;  // a hash of the values that the store has
-  std::size_t written_ = 0;    // the same, once what was put is stored
-  // Of each collection. Null for what has no members, as most have none.
+  std::size_t known_ = 0;    // a hash of the values that the store has
+  std::size_t written_ = 0;  // the same once the store takes what was put
+  // By collection. Null for the many entities without members.
   std::unique_ptr<std::map<Zel::AttributeIndex, Zel::PtrMap<PublishedEntity>>> members_;
 };
 
-// What was written under one mount and is not stored yet.
+// The changes under one mount that are not in the store yet.
 class Publisher {
  public:
   Publisher(const Zel::Ptr<const Zel::Entity>& entity, Path path);
 
   Path path() const { return path_; }
-  // What publishes an entity of this mount; null if nothing does.
+  // Of an entity of this mount; null if it is not published.
   PublishedEntity* find(const Zel::Entity& entity) const;
   // Adds a change of `source`.
   void add(PublishedEntity& source, Change change);
@@ -80,15 +80,14 @@ class Publisher {
   Zel::Ptr<PublishedEntity> top_;
 };
 
-// What this process publishes: one publisher a "wi" mount.
+// The publishers of this process, one for each "wi" mount.
 class Publishers {
  public:
   Publishers(Store& store, Refusals& refusals) : store_(store), refusals_(refusals) {}
 
   // Publishes the entity, and all below it, from now on; once a path.
   void add(const Zel::Ptr<const Zel::Entity>& entity, Path path);
-  // Calls `function` with what publishes an entity, if anything does. `path` is the entity's, or of something
-  // under it.
+  // Calls `function` with each PublishedEntity of an entity. `path` is the entity's, or under it.
   template <class Function>
   void with(const Zel::Ptr<Zel::Entity>& entity, Path path, Function&& function) const {
     for (const auto& publisher : publishers_) {
@@ -96,11 +95,11 @@ class Publishers {
       if (const auto found = publisher->find(*entity)) function(*found);
     }
   }
-  // Writes what has changed to the store, one batch a mount. `originOf` is the subscriber at a mount's path,
-  // which is not notified of the batch.
+  // Writes the changes to the store, one batch for each mount. `originOf` returns the subscriber of a mount's
+  // path, which is not notified of the batch.
   using OriginOf = std::function<Subscriber*(Path)>;
   void write(const OriginOf& originOf);
-  // Written so far.
+  // Rows written so far.
   std::uint64_t rows() const { return rows_; }
 
  private:

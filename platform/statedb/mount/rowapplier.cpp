@@ -152,13 +152,13 @@ Zel::Ptr<Zel::Entity> RowApplier::make(const Found& at, Zel::Name type) {
   return made;
 }
 
-// The type of an entity that has no row but stands above one: the mounted type, or a directory.
+// The type of an entity that has no row but is above one: the mounted type, or a directory.
 Zel::Name RowApplier::typeOnTheWay(Path path) const {
   const Zel::Name mounted = mounts_.typeAt(path);
   return mounted.empty() ? Zel::Dir::typeNode().name() : mounted;
 }
 
-// Removes an entity. A mounted one, or one above a mount, stays and is emptied.
+// Removes an entity, but only clears a mounted one or one above a mount.
 void RowApplier::remove(Path path) {
   std::erase_if(refusedEntities_, [&](const auto& refused) { return refused.first.isUnder(path); });
   const Found found = tree_.find(path);

@@ -15,9 +15,9 @@
 
 namespace Statedb {
 
-// A row that does not fit is refused and logged, and the rest goes on. A put under a path that was removed in
-// this pass waits until reactors were notified of the removal; the changes after it wait as well, so that
-// their order is kept.
+// Refuses and logs a row that does not fit, and applies the others. A put under a path that was removed in
+// this pass waits until reactors were notified of the removal. Later changes wait behind it, to keep the
+// order.
 class RowApplier {
  public:
   RowApplier(EntityTree& tree, const MountTable& mounts, Publishers& publishers, Refusals& refusals)
@@ -28,11 +28,11 @@ class RowApplier {
   // alone.
   void applySnapshot(Path path, const Records& records);
 
-  // The removals of this pass were delivered: applies the changes that waited for them.
+  // Call after reactors were notified of this pass's removals: applies the changes that waited for them.
   void removalsDelivered();
   bool isWaiting() const { return !queue_.empty(); }
 
-  // Of the members of the entity at a path; none if there is no entity.
+  // The paths of the members of the entity at a path; none if there is no entity.
   std::vector<Path> membersOf(Path path) const;
   // Sets an attribute here without publishing it. Returns false if there is no entity at the path; throws
   // ValueError if the attribute does not take the value.
@@ -41,7 +41,7 @@ class RowApplier {
   // The entity at a path, made if it is missing, as are those above it. Throws ValueError.
   Zel::Ptr<Zel::Entity> ensure(Path path, Zel::Name type);
 
-  // An entity that is in the store and could not be made here.
+  // An entity of the store that could not be made here.
   struct Refused {
     Path path;
     Zel::Name type;
@@ -77,7 +77,7 @@ class RowApplier {
   const MountTable& mounts_;
   Publishers& publishers_;
   Refusals& refusals_;
-  std::deque<Change> queue_;          // that wait
+  std::deque<Change> queue_;          // waiting
   std::unordered_set<Path> removed_;  // in this pass
   std::unordered_map<Path, Refused> refusedEntities_;
 };

@@ -1,4 +1,4 @@
-// What this process subscribes to for its mounts. Internal to the entity manager.
+// The store subscriptions of this process's mounts. Internal to the entity manager.
 #pragma once
 
 #include <functional>
@@ -14,14 +14,14 @@ namespace Statedb {
 // One subscription covers a path and all under it, so that no row arrives twice. Unsubscribes at its end.
 class Subscriptions {
  public:
-  // `onSnapshot` is called after each snapshot that was applied.
+  // Calls `onSnapshot` after applying each snapshot.
   Subscriptions(Store& store, const MountTable& mounts, RowApplier& applier,
                 std::function<void()> onSnapshot);
   ~Subscriptions();
   Subscriptions(const Subscriptions&) = delete;
   Subscriptions& operator=(const Subscriptions&) = delete;
 
-  // Subscribes to the paths of the mounts, as far as they are not covered.
+  // Subscribes to the mounts' paths that are not covered yet.
   void add(const std::vector<Mount>& mounts);
   // The subscriber that covers a path; null if none does.
   Subscriber* subscriberOf(Path path) const;

@@ -7,7 +7,7 @@
 
 namespace Cell {
 
-// The identifier of the cell on which the process runs; 1 unless the host said otherwise.
+// The identifier of the cell on which the process runs; 1 unless the host set another.
 ZEL_API std::uint16_t cellId();
 // For the host, before it loads agents.
 ZEL_API void cellIdIs(std::uint16_t id);

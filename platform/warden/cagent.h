@@ -7,10 +7,10 @@
 
 namespace Warden {
 
-// A host makes an agent with its factory, sets the entity manager, and calls doPreInit and doInit. When the
-// mount group that doInit closed is complete, doMountsComplete follows. The other operations have a base
-// behaviour that an agent may replace: the stages of a host's start-up, reports to it, and what it asks of an
-// agent.
+// A host makes an agent with its factory, sets the entity manager, and calls doPreInit and doInit.
+// doMountsComplete follows when the mount group that doInit closed is complete. The other operations have a
+// default that an agent may override: the stages of the host's start-up, the agent's reports to the host, and
+// its options.
 class ZEL_API CAgent : public Zel::Described<CAgent, Statedb::Mounter> {
  public:
   static constexpr auto attributes() {
@@ -30,18 +30,18 @@ class ZEL_API CAgent : public Zel::Described<CAgent, Statedb::Mounter> {
   const Zel::Ptr<Statedb::EntityManager>& entityManager() const { return entityManager_; }
   virtual void entityManagerIs(const Zel::Ptr<Statedb::EntityManager>& entityManager);
 
-  // The base does nothing.
+  // Do nothing by default.
   virtual void doPreInit();
   virtual void doInit();
   virtual void doUpdateWarm();
-  // The base hands the status on to handleMountStatus.
+  // Calls handleMountStatus by default.
   void doMountsComplete(Statedb::MountStatus status,
                         const Zel::Ptr<Statedb::EntityManager>& entityManager) override;
-  // The base does nothing.
+  // Does nothing by default.
   virtual void handleMountStatus(Statedb::MountStatus status);
 
-  // A stage of the host's start-up begins, for the agent or for one instance of it. The base sets stage() and
-  // reports the stage complete.
+  // A stage of the host's start-up begins, for the agent or for one instance of it. Sets stage() and reports
+  // the stage complete by default.
   virtual void doStage(Zel::String stage, Zel::String reason);
   virtual void doStageForInstance(Zel::String stage, Zel::String reason, Zel::Name instance);
   virtual void handleStageProgressionComplete(Zel::String stage, Zel::Name instance);
@@ -49,7 +49,7 @@ class ZEL_API CAgent : public Zel::Described<CAgent, Statedb::Mounter> {
   virtual void handleFlushEntityLogComplete();
   const Zel::String& stage() const { return stage_; }
 
-  // Whether the host answers pings for the agent (true), and keeps its configuration in step (false).
+  // Whether the host answers pings for the agent, and synchronizes its configuration.
   virtual bool agentPingResponderEnabled() const { return true; }
   virtual bool agentSyncConfigEnabled() const { return false; }
 

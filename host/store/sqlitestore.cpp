@@ -17,8 +17,7 @@ using Statedb::StoreError;
 
 namespace {
 
-// The value of an equal text, or a new one: rows repeat paths, types and values, and parsing dominates the
-// time to read a large file.
+// Memoizes `make`: rows repeat paths, types and values, and parsing dominates the time to read a large file.
 template <class T, class Make>
 const T& remembered(Zel::LastSeen<std::string, T>& last, std::string_view text, Make make) {
   const T* known = last.find(text);
@@ -27,7 +26,7 @@ const T& remembered(Zel::LastSeen<std::string, T>& last, std::string_view text, 
 
 }  // namespace
 
-// The open file. Every failure is a StoreError with SQLite's own words.
+// The open file. Every failure is a StoreError with SQLite's message.
 class SqliteStore::Database {
  public:
   explicit Database(const std::string& file) : file_(file), owned_(file) {
@@ -40,8 +39,8 @@ class SqliteStore::Database {
     unset_ = prepare("DELETE FROM rows WHERE path = ?1 AND attribute = ?2");
   }
 
-  // Calls `take` with every row, those of one entity together. Rows whose path or names are beyond the limits
-  // are left where they are: `report` gets the first few, and how many there are.
+  // Calls `take` with every row, grouped by entity. Skips rows whose path or names exceed the limits: reports
+  // the first few, and their number.
   template <class Take>
   void forEachRow(Take take, const Report& report) {
     const Statement select =
@@ -145,7 +144,7 @@ class SqliteStore::Database {
     return row;
   }
 
-  // Good until the next step.
+  // Valid until the next step.
   static std::string_view text(sqlite3_stmt& statement, int column) {
     const auto* bytes = sqlite3_column_text(&statement, column);
     const auto size = static_cast<std::size_t>(sqlite3_column_bytes(&statement, column));

@@ -1,6 +1,6 @@
-// A store in one SQLite file: what was flushed survives a killed process and a lost power supply.
+// A store in one SQLite file: flushed rows survive a killed process and a power failure.
 //
-// Volatile rows stay in memory and are never written. The file belongs to one process at a time.
+// Volatile rows stay in memory. One process at a time owns the file.
 // docs/state-database.md describes its format.
 #pragma once
 
@@ -16,10 +16,9 @@ class SqliteStore : public Statedb::MemoryStore {
  public:
   using Report = std::function<void(const std::string& text)>;
 
-  // Opens the file, making it where it is not there, and reads its rows. Rows whose paths or names are beyond
-  // the limits stay in the file, and are only reported. Throws StoreError where its folder is missing,
-  // another process owns it, or it is not a database of this application and version; a file that is refused
-  // is left as it was.
+  // Opens or creates the file and reads its rows. Rows whose paths or names exceed the limits are reported
+  // and stay in the file. Throws StoreError if the folder is missing, another process owns the file, or it is
+  // not a database of this application and version; a refused file is not changed.
   explicit SqliteStore(
       const std::string& file, const Report& report = [](const std::string&) {});
   ~SqliteStore() override;

@@ -28,7 +28,7 @@ constexpr std::uint32_t kVersion = 1;
   refuseStateFile(file, what + ": " + std::generic_category().message(errno));
 }
 
-// A path that SQLite takes for a plain file, whatever it begins with.
+// The absolute path, which SQLite can't take for a URI or a special name.
 std::string resolved(const std::string& file) {
   constexpr int kLinks = 40;
   std::error_code ignored;
@@ -47,7 +47,7 @@ void checkPlace(const std::string& file, const fs::path& path) {
     refuseStateFile(file, "is not a regular file");
 }
 
-// What the header of an SQLite file says, read before SQLite touches the file.
+// From the header of an SQLite file, read before SQLite opens it.
 struct Header {
   std::uint32_t applicationId;
   std::uint32_t version;
@@ -65,9 +65,9 @@ std::uintmax_t sizeOf(const std::string& path) {
   return error ? 0 : size;
 }
 
-// Nothing where the file is empty.
+// Nullopt if the file is empty.
 std::optional<Header> readHeader(const std::string& file, int descriptor) {
-  std::array<unsigned char, 108> bytes{};  // SQLite's header, and that of the page that lists the tables
+  std::array<unsigned char, 108> bytes{};  // the file header, then the schema page's
   const ssize_t size = ::pread(descriptor, bytes.data(), bytes.size(), 0);
   if (size < 0) refuseErrno(file, "can't be read");
   if (size == 0) return std::nullopt;
@@ -80,7 +80,7 @@ std::optional<Header> readHeader(const std::string& file, int descriptor) {
   return Header{bigEndian(&bytes[68]), bigEndian(&bytes[60]), hasTables};
 }
 
-// Whether the file is an SQLite database that nobody has put anything into.
+// Whether the file is an SQLite database without any content.
 bool isBlank(const std::string& path, const Header& header) {
   return header.applicationId == 0 && header.version == 0 && !header.hasTables &&
          sizeOf(path + "-wal") == 0 && sizeOf(path + "-journal") == 0;
@@ -97,7 +97,7 @@ void checkHeader(const std::string& file, const Header& header) {
                               ", the newest that this pinlampd reads; run a newer pinlampd");
 }
 
-// Nothing where the file is not there and `missing` does not say to make it.
+// Nullopt if the file does not exist and `missing` is `fail`.
 std::optional<FileLock> lockOf(const std::string& file, const std::string& path, FileLock::Missing missing) {
   try {
     if (auto lock = FileLock::tryTake(path, missing)) return lock;
@@ -109,7 +109,7 @@ std::optional<FileLock> lockOf(const std::string& file, const std::string& path,
       file, "is in use by another process" + FileLock::holderText(path) + "; one pinlampd owns it at a time");
 }
 
-// What a database that is not there any more left beside it would be taken for a part of the new one.
+// Removes the journals of an earlier database: SQLite would apply them to the new one.
 void clearBeside(const std::string& file, const std::string& path) {
   if (sizeOf(path + "-wal") != 0)
     refuseStateFile(file, "has no content, but '" + path +
@@ -134,12 +134,11 @@ void syncFolder(const std::string& file, const std::string& path) {
   ::close(descriptor);
 }
 
-// The new file is as accessible as the empty one was that it takes the place of.
+// Gives the new file the owner, group and mode of the empty file that it replaces, as far as permitted.
 void takeAccess(int from, int to) {
   struct stat status {};
   if (::fstat(from, &status) != 0) return;
-  static_cast<void>(::fchown(to, status.st_uid, status.st_gid) ==
-                    0);  // its own group may be all one can give
+  static_cast<void>(::fchown(to, status.st_uid, status.st_gid) == 0);
   static_cast<void>(::fchmod(to, status.st_mode & 07777) == 0);
 }
 
@@ -154,8 +153,8 @@ void build(const std::string& file, const std::string& path, const std::string& 
   syncFolder(file, path);
 }
 
-// Makes the file in the place of an empty one, which the caller owns as `before`, or of none. Nothing where
-// another process has made it meanwhile.
+// Creates the file, replacing the empty one that the caller has locked as `before`, if any. Nullopt if
+// another process created it meanwhile.
 std::optional<FileLock> make(const std::string& file, const std::string& path, const FileLock* before) {
   const std::string made = path + ".new";
   auto lock = lockOf(file, made, FileLock::Missing::make);

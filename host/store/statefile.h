@@ -1,7 +1,7 @@
-// The file of a state database before SQLite opens it: whether it is one, who owns it, and how it is made.
+// Checks, locks and creates the file of a state database before SQLite opens it.
 //
-// A file comes into being as a whole: it is made as FILE.new, synced to the disk, and renamed. A process that
-// is killed meanwhile leaves at most FILE.new, which the next one makes from the start.
+// Creation is atomic: FILE.new is written, synced and renamed. A killed process leaves at most FILE.new,
+// which the next one overwrites.
 #pragma once
 
 #include <string>
@@ -12,15 +12,14 @@ namespace Host {
 
 [[noreturn]] void refuseStateFile(const std::string& file, const std::string& why);
 
-// What a file of this application begins with, as SQL for an empty database; one transaction.
+// SQL that creates the tables in an empty database, in one transaction.
 std::string stateFileSchema();
 
-// Owns the file at `file` for as long as it lives, and makes it where it is not there or holds nothing. It is
-// of this application then, and of a version that can be read; its table is missing where a process was
-// killed that made it in place. Throws StoreError where the folder is missing, another process owns the file,
-// or it is something else; a file that is refused is left as it was.
+// Locks the file for its lifetime, and creates it if it is missing or empty. The file is then of this
+// application and of a readable version. Throws StoreError if the folder is missing, another process owns the
+// file, or it is something else; a refused file is not changed.
 //
-// Closing any descriptor of the file drops SQLite's own locks on it: the owner outlives the connection.
+// Must outlive the connection: closing any descriptor of the file drops SQLite's own (POSIX) locks on it.
 class StateFile {
  public:
   explicit StateFile(const std::string& file);

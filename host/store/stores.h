@@ -1,4 +1,4 @@
-// Stores by their URL.
+// Makes a store from its URL.
 #pragma once
 
 #include <functional>
@@ -10,9 +10,9 @@
 
 namespace Host {
 
-// `memory:`, `sqlite:FILE` or `unix:SOCKET`. Throws StoreError where the URL is none of them, or the store
-// can't be opened. The last works from the loop, which must outlive it. `report` gets its losses and
-// returns, and what of a file was left out, also from within this call.
+// `memory:`, `sqlite:FILE` or `unix:SOCKET`. Throws StoreError if the URL is none of them, or the store can't
+// be opened. `loop` must outlive the store. Calls `report`, also from within this call, when a connection is
+// lost or restored, and for skipped rows of a file.
 std::unique_ptr<Statedb::Store> makeStore(const std::string& url, Loop& loop,
                                           std::function<void(const std::string& text)> report);
 

@@ -1,13 +1,13 @@
-// Which process publishes which part of the state database.
+// The paths that each process publishes.
 //
 // Only one agent writes under a "wi" mount. A process announces those paths to the host that keeps the state,
-// which refuses writes there from anyone else:
+// which refuses other processes' writes there:
 //
 //     Announcements announcements;
 //     Announcements::Process led(announcements);
-//     led.announce({.pid = 7, .socket = "/run/pinlamp/led.sock", .publishes =
-//     {"hardware/corvel/gpio/config"}}); announcements.refusal(client, "hardware/corvel/gpio/config/gpio17",
-//     false);  // names process 7 led.withdraw();  // as at the end of its connection
+//     led.announce({.pid = 7, .socket = "/run/led.sock", .publishes = {"hardware/corvel/gpio/config"}});
+//     announcements.refusal(client, "hardware/corvel/gpio/config/gpio17", false);  // names process 7
+//     led.withdraw();  // so does the end of its connection
 #pragma once
 
 #include <cstdint>
@@ -29,10 +29,10 @@ using Statedb::Announcement;
 Announcement announcementFrom(const Zel::Value& parameters);
 Json announcementJson(const Announcement& announcement);
 
-// All announcements in force. Outlives the processes in it.
+// All current announcements. Must outlive its processes.
 class Announcements {
  public:
-  // One that may announce: the host itself, or a client as long as it is connected.
+  // An announcing process: the host itself, or a connected client.
   class Process {
    public:
     explicit Process(Announcements& all) : all_(all) {}
@@ -40,8 +40,8 @@ class Announcements {
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
 
-    // In the place of what it announced before. Throws Zel::ValueError, and changes nothing, where another
-    // process fills one of the paths, something above it or something under it.
+    // Replaces the last announcement. Throws Zel::ValueError, and changes nothing, if another process
+    // publishes one of the paths, or a path above or under it.
     void announce(Announcement announcement);
     void withdraw();
     const Announcement& announcement() const { return announcement_; }
@@ -51,19 +51,18 @@ class Announcements {
     Announcement announcement_;
   };
 
-  // Why `writer` may not change what stands at a path (and under it, where it is `removed`); empty where it
-  // may.
+  // Why `writer` may not change the entity at a path, or if `removed` all under it; empty if it may.
   std::string refusal(const Process& writer, std::string_view path, bool removed) const;
-  // Whether something is filled that stands under `path`, by whomever.
+  // Whether any process publishes a path under `path`.
   bool leadsToFilled(std::string_view path) const;
 
-  // In the order of announcing.
+  // In the order of their announcements.
   const std::vector<const Process*>& processes() const { return processes_; }
 
  private:
   using Paths = std::map<std::string, const Process*, std::less<>>;
 
-  // What another process than `writer` fills at or above a path, or under it; end() where none does.
+  // A path at or above `path`, or under it, that a process other than `writer` publishes; end() if none.
   Paths::const_iterator filledAbove(const Process& writer, std::string_view path) const;
   Paths::const_iterator filledUnder(const Process& writer, std::string_view path) const;
 

@@ -17,20 +17,20 @@ std::vector<Statedb::Record> entityRecords(const Zel::Value& entities);
 // Changes as an array of {"op": "put", …}, {"op": "unset", …} and {"op": "del", …}; consecutive puts to one
 // entity become one.
 std::string changesText(const Statedb::Changes& changes);
-// The inverse. Every put must say its type. Throws Zel::ValueError.
+// The inverse. Throws Zel::ValueError if a change has another form or a put lacks its type.
 Statedb::Changes changesFrom(const Zel::Value& changes);
 
-// One change as a client asks for it, not yet checked. Points into the value that was read, so that names are
-// interned only when the change is accepted.
+// One requested change, not yet checked. Points into the parsed value, so that names are interned only when
+// the change is accepted.
 struct RequestedChange {
   Statedb::Change::Kind kind = Statedb::Change::Kind::put;
   std::string_view path{};
-  std::string_view type{};       // empty where it was left out
+  std::string_view type{};       // empty if omitted
   std::string_view attribute{};  // of an unset
   bool existing = false;
-  const Zel::Value::Fields* attributes = nullptr;  // of the value that was read; null: none
+  const Zel::Value::Fields* attributes = nullptr;  // in the parsed value; null: none
 };
-// Throws Zel::ValueError, which names the field that is missing, unknown or of the wrong type.
+// Throws Zel::ValueError, which names the missing, unknown or mistyped field.
 RequestedChange requestedChange(const Zel::Value& change);
 // Appends the rows of a put of that type, or the one change of another kind. Throws Zel::ValueError if the
 // path or a name exceeds its limit.

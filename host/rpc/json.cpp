@@ -18,7 +18,7 @@ using Zel::ValueError;
 
 namespace {
 
-// Builds a value from what the library's parser meets.
+// Builds a value from the events of the library's SAX parser.
 class Reader {
  public:
   Value result;
@@ -33,7 +33,7 @@ class Reader {
   bool string(std::string& value) { return add(std::move(value)); }
   bool binary(Json::binary_t&) { return false; }
   bool start_object(std::size_t) {
-    constexpr std::size_t kUsual = 4;  // so that hardly any fields are moved
+    constexpr std::size_t kUsual = 4;  // reserved, to avoid most reallocations
     Value::Fields fields;
     fields.reserve(kUsual);
     return begin(std::move(fields));
@@ -69,7 +69,7 @@ class Reader {
     place(std::move(value));
     return true;
   }
-  // Puts a value where the reader stands.
+  // Adds a value at the current position.
   Value& place(Value value) {
     if (open_.empty()) return result = std::move(value);
     if (auto* list = open_.back()->as<Value::List>()) return list->emplace_back(std::move(value));
@@ -92,7 +92,7 @@ class Reader {
     throw ValueError("the name '" + Zel::excerpt(name) + "' stands twice in one object");
   }
 
-  std::vector<Value*> open_;  // lists and fields that have not ended, each in the one before
+  std::vector<Value*> open_;  // unfinished arrays and objects, outermost first
 };
 
 }  // namespace
@@ -114,7 +114,7 @@ bool isPlain(char c) { return c >= ' ' && c < 0x7F && c != '"' && c != '\\'; }
 
 }  // namespace
 
-// Nearly all strings are plain ASCII and need no escape.
+// Fast path: nearly all strings are plain ASCII and need no escape.
 void endQuoted(std::string& text, std::size_t start) {
   if (std::all_of(text.begin() + static_cast<std::ptrdiff_t>(start) + 1, text.end(), &isPlain)) {
     text += '"';
@@ -199,7 +199,7 @@ namespace {
 
 std::string inQuotes(std::string_view name) { return "'" + Zel::excerpt(name) + "'"; }
 
-// The field of that name; null where it is left out and may be.
+// The field of that name; null if it is optional and missing.
 const Value* fieldOf(const Value& value, const char* name, Needed needed) {
   const Value* found = value.field(name);
   if (!found && needed == Needed::yes) throw ValueError(inQuotes(name) + " is missing");

@@ -5,8 +5,8 @@
 //     const std::string& path = textField(request, "path", Needed::yes);
 //     reply += jsonText(Zel::Value(42));
 //
-// The path of every event reads into Zel::Value and writes text directly. The library's own tree, Json,
-// serves rare requests.
+// Frequent requests read into Zel::Value and append to strings directly. The library's own tree, Json, serves
+// rare requests.
 #pragma once
 
 #include <initializer_list>
@@ -20,9 +20,9 @@ namespace Host {
 
 using Json = nlohmann::json;
 
-// Reads one JSON text. Throws Zel::ValueError, which says what is wrong and at which byte, if the text is not
-// JSON, is nested deeper than kJsonDepth, or repeats a name in one object. An integer beyond 64 bits becomes
-// a double.
+// Parses one JSON value. Throws Zel::ValueError with the fault and its byte offset if the text is not JSON,
+// is nested deeper than kJsonDepth, or repeats a name in one object. An integer beyond 64 bits becomes a
+// double.
 inline constexpr int kJsonDepth = 64;
 Zel::Value parseJson(std::string_view text);
 
@@ -33,19 +33,19 @@ void appendJson(std::string& text, const Zel::Value& value);
 std::string jsonText(const Zel::Value& value);
 // On one line.
 std::string jsonText(const Json& json);
-// Appends a string. To build one in place, append a quote, at `start`, and the characters, then endQuoted().
+// Appends a string. To build one in place, append a quote (its offset is `start`), then the characters, then
+// call endQuoted().
 void appendQuoted(std::string& text, std::string_view plain);
 void endQuoted(std::string& text, std::size_t start);
 
-// Reading the fields of an object by name. All throw Zel::ValueError, which names the field and says what
-// would be right.
+// Read objects by field name. All throw Zel::ValueError: "'FIELD': found X, expected Y".
 //
-// The fields of an object, the elements of an array. `what` starts the error's text: "'changes': ".
+// The fields of an object, the elements of an array. `what` starts the message: "'changes': ".
 const Zel::Value::Fields& fieldsOf(const std::string& what, const Zel::Value& value);
 const Zel::Value::List& listOf(const std::string& what, const Zel::Value& value);
-// Refuses anything but an object with these fields alone.
+// Throws unless the value is an object with no other fields than these.
 void expectFields(const Zel::Value& value, std::initializer_list<std::string_view> known);
-// Whether the field must be there; where it need not, the default is the empty string.
+// Whether the field is required. An optional string defaults to the empty string.
 enum class Needed { yes, no };
 const std::string& textField(const Zel::Value& value, const char* name, Needed needed = Needed::no);
 // A string of at most `longest` bytes.

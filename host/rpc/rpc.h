@@ -15,16 +15,16 @@ enum class RpcCode {
   noSuchMethod = -32601,
   badParameter = -32602,
   internal = -32603,
-  refused = 1,  // nothing was changed; data.errors lists why
-  store = 2,    // the store could not take it; nothing was changed
+  refused = 1,  // nothing was changed; data.errors has the reasons
+  store = 2,    // the store failed; nothing was changed
 };
 
-// Bytes of one line of an error; what quotes more than that is cut.
+// Bytes of one error message; longer ones are cut.
 inline constexpr std::size_t kLongestError = 8192;
 
 class RpcError : public std::runtime_error {
  public:
-  // `errors` are all the lines of a refusal.
+  // `errors`: all lines of a refusal.
   RpcError(RpcCode code, const std::string& message, std::vector<std::string> errors = {})
       : std::runtime_error(message), code_(code), errors_(std::move(errors)) {}
 
@@ -36,21 +36,20 @@ class RpcError : public std::runtime_error {
   std::vector<std::string> errors_;
 };
 
-// Of a refusal: the first error stands for all of them in the message. REQUIRES: !errors.empty().
+// A refusal; its message is the first error and the number of the others. REQUIRES: !errors.empty().
 RpcError refusedFor(const std::vector<std::string>& errors);
 
 struct Request {
   Zel::Value id;
-  bool answered = true;  // false where the client wants no answer
+  bool answered = true;  // false for a notification: it has no id and gets no answer
   std::string method;
   Zel::Value parameters = Zel::Value::Fields{};
 
-  // Fills the request from one line. Throws RpcError where it is not one; the id is filled as far as it is
-  // known then.
+  // Parses one line. Throws RpcError if it is no request; `id` is set if it was found before that.
   void read(std::string_view line);
 };
 
-// The messages themselves. `result` and `parameters` are JSON texts.
+// Format messages. `result` and `parameters` are JSON.
 std::string resultText(const Zel::Value& id, std::string_view result);
 std::string errorText(const Zel::Value& id, const RpcError& error);
 std::string notificationText(const char* method, std::string_view parameters);

@@ -18,8 +18,8 @@ bool isStrictlyUnder(std::string_view path, std::string_view above) {
   return path.size() > above.size() && path.starts_with(above) && path[above.size()] == '/';
 }
 
-// Checks the steps one after another, by their texts. What was checked becomes rows only where all of it is
-// fine, so that a batch that is refused interns nothing.
+// Checks the steps in order, as strings, and makes rows only once all are valid: a refused batch interns
+// nothing.
 class BatchReader {
  public:
   explicit BatchReader(const BatchContext& context) : context_(context), types_(context.typeAt) {
@@ -67,7 +67,7 @@ class BatchReader {
       errors_.push_back("more steps are wrong; what follows was not checked");
   }
 
-  // An error under an entity that could not be made is only a consequence.
+  // Errors under an entity that could not be made are consequences and not reported.
   bool isUnderFailed(std::string_view path) const {
     for (; !failed_.empty() && !path.empty(); path = Zel::PathWalker::above(path))
       if (failed_.contains(path)) return true;
@@ -120,7 +120,8 @@ class BatchReader {
       throw ValueError("leads to what agents mount; put a Zel::Dir there");
   }
 
-  // Whether something stands under a path that agents take for a directory until it has a row.
+  // Whether agents mount or publish something under the path: they take it for a directory until it has a
+  // row.
   bool isOnTheWay(std::string_view path) const {
     const auto isUnder = [path](const std::string& mount) { return isStrictlyUnder(mount, path); };
     return std::ranges::any_of(mounts_, isUnder) || context_.announcements.leadsToFilled(path);

@@ -1,4 +1,4 @@
-// What a client asks to be written, turned into rows and checked.
+// Checks a client's changes and turns them into rows.
 #pragma once
 
 #include <string>
@@ -13,31 +13,32 @@ namespace Host {
 
 struct Batch {
   Statedb::Changes changes;
-  // Of them: the rows of mounted paths that the store did not hold yet.
+  // Those of them that are rows of mounted paths new to the store.
   Statedb::Changes mounts;
-  // One line for each step that does not fit ("PATH: reason" or "PATH ATTRIBUTE: reason"), and at most one
-  // more than kMostErrors; empty where the batch may be stored. Otherwise there are no changes.
+  // One line for each refused step ("PATH: reason" or "PATH ATTRIBUTE: reason"), at most kMostErrors + 1. If
+  // there are any, there are no changes.
   static constexpr std::size_t kMostErrors = 100;
   std::vector<std::string> errors;
 };
 
-// What a batch is checked against. All of it must outlive the call.
+// The state to check a batch against. All of it must outlive the call.
 struct BatchContext {
   const Statedb::TypeAt& typeAt;  // of the entities that the store has
   const std::vector<Statedb::EntityManager::MountInfo>& mounts;
   const Announcements& announcements;
   const Announcements::Process& writer;
-  // Whether a del of what is not there is left out instead of refused; who publishes volatile rows again
-  // after a lost connection can't know.
+  // Whether to ignore a del of a missing entity instead of refusing it: a publisher that reconnects does not
+  // know which entities are there.
   bool lenient = false;
 };
 
-// Types that were left out are filled in from what is there, from earlier steps, or from the collection that
-// the entity goes into. A mounted path gets a row of its own with the first one under it, so that the store's
-// rows say by themselves what stands there. Every put must name an entity whose place takes its type, and
-// hold values that fit; every del must meet something; and what another process fills is not the writer's to
-// change. The steps are checked as they would be stored one after another. What is refused is not interned.
-// Throws Zel::ValueError where a change is not of the form of one.
+// Checks the steps as if each were stored before the next:
+// - a put's path must take its type, and its attributes their values
+// - a del or unset must find its entity
+// - no step may touch a path that another process publishes
+// An omitted type comes from the entity, from an earlier step, or from the collection. A mounted path gets
+// its own row with the first row under it, so that the store's rows are complete without the mounts. Refused
+// steps intern nothing. Throws Zel::ValueError if a change has another form.
 Batch readBatch(const Zel::Value::List& changes, const BatchContext& context);
 
 }  // namespace Host

@@ -18,7 +18,7 @@ namespace {
 
 constexpr int kProtocol = 1;
 
-// A parameter that is a path, or empty for everything.
+// The path parameter; empty for everything.
 const std::string& pathField(const Zel::Value& parameters) {
   const std::string& path = textField(parameters, "path");
   Zel::PathWalker::checkComponents(path);
@@ -90,7 +90,7 @@ std::string Methods::hello(const Zel::Value&, Caller&) const {
                        {"store", served_.store.url()}});
 }
 
-// Everything under a path, which need not ever have been one.
+// Everything under a path. The path is not interned.
 std::string Methods::entitiesAt(const std::string& text) const {
   expectTable("read");
   const auto path = Statedb::Path::existing(text);
@@ -149,7 +149,7 @@ std::string Methods::unwatch(const Zel::Value& parameters, Caller& caller) const
 std::string Methods::announce(const Zel::Value& parameters, Caller& caller) const {
   expectTable("announce");
   Announcement announcement = announcementFrom(parameters);
-  if (caller.pid != 0) announcement.pid = caller.pid;  // so that whoever keeps others from writing is found
+  if (caller.pid != 0) announcement.pid = caller.pid;  // from the socket's credentials: can't be faked
   try {
     caller.process.announce(std::move(announcement));
   } catch (const Zel::ValueError& error) {
@@ -201,8 +201,7 @@ Json mountJson(const Statedb::EntityManager::MountInfo& mount) {
           {"complete", mount.complete}};
 }
 
-// The objects of each type in this process, and the entities in the state database where it is kept here,
-// whichever process has their objects.
+// The objects of each type in this process, and, if this process keeps the state database, its entities.
 Json countsJson(const Statedb::Table* table) {
   auto entities = table ? table->entitiesByType() : std::unordered_map<Zel::Name, std::size_t>();
   Json types = Json::object();
@@ -255,7 +254,7 @@ std::string Methods::types(const Zel::Value&, Caller&) const {
 
 namespace {
 
-// A client sets levels of the facilities that there are; it makes none.
+// Sets the levels of existing facilities; a client can't create one.
 void setTraceLevels(const std::string& text) {
   const std::string facility = text.substr(0, text.find('/'));
   std::string names;
@@ -318,7 +317,7 @@ Zel::Value::Fields resultOf(Objects::Listing&& listing) {
   return result;
 }
 
-// What the generic interface does for each operation's name.
+// The operations of the generic interface, by name.
 struct ObjectOperation {
   const char* name;
   Zel::Value::Fields (*run)(const Objects& objects, const std::string& path,

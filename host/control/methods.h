@@ -19,7 +19,7 @@
 
 namespace Host {
 
-// What the methods are about. Owned by the host.
+// The parts of the host that the methods use. Owned by the host.
 struct Served {
   Statedb::Store& store;
   Statedb::EntityManager& manager;
@@ -44,26 +44,26 @@ struct Caller {
 
 class Methods {
  public:
-  // What a method does besides returning its result.
+  // A method's effect on rows, which decides when its result may be sent.
   enum class Does {
     nothing,
-    sees,    // looks at rows: everything that was written before must be durable
-    writes,  // its result counts once what it wrote is durable
+    sees,    // reads rows: everything written before must be durable
+    writes,  // its own writes must be durable
   };
   struct Method {
     const char* name;
     Does does;
     std::initializer_list<std::string_view> parameters;
-    // Returns the result as a JSON text.
+    // Returns the result as JSON.
     std::string (Methods::*run)(const Zel::Value& parameters, Caller& caller) const;
   };
 
   // `served` must outlive the methods.
   explicit Methods(Served& served);
 
-  // Throws RpcError where there is no method of that name.
+  // Throws RpcError if there is no method of that name.
   static const Method& find(const std::string& name);
-  // The result as a JSON text. Throws RpcError.
+  // Returns the result as JSON. Throws RpcError.
   std::string run(const Method& method, const Zel::Value& parameters, Caller& caller) const;
 
  private:
@@ -81,11 +81,11 @@ class Methods {
   std::string object(const Zel::Value& parameters, Caller& caller) const;
 
   std::string entitiesAt(const std::string& path) const;
-  // Throws StoreError where another process keeps the rows.
+  // Throws StoreError if another process keeps the rows.
   void expectTable(const char* method) const;
 
   Served& served_;
-  const Statedb::Table* const table_;  // the rows; null where another process keeps them
+  const Statedb::Table* const table_;  // the rows; null if another process keeps them
   const Statedb::TypeAt typeAt_;
 };
 

@@ -21,13 +21,13 @@ using Zel::ValueError;
 
 namespace {
 
-// Whether a reference of an object leads to the entity that it stands under.
+// Whether a reference leads from an object to an entity above it.
 bool leadsUp(const ObjectRef& at, const ObjectRef& target) {
   const auto* entity = dynamic_cast<const Zel::Entity*>(at.object.get());
   return entity && entity->parent() && entity->parent() == target.object.get();
 }
 
-// What a pointer leads to; null where it is null, or leads up.
+// The target of a pointer; null if the pointer is null or leads up.
 ObjectRef targetOf(const ObjectRef& at, const AttributeInfo& attribute) {
   ObjectRef target = objectOf(attribute.get(notifierOf(at), {}));
   return leadsUp(at, target) ? ObjectRef{} : target;
@@ -43,7 +43,7 @@ Value perform(const ObjectRef& at, Operation operation, const Value::List& argum
   return Zel::GenericIf::perform(const_cast<Zel::Notifier&>(notifierOf(at)), operation, index, arguments);
 }
 
-// Throws unless what the path leads to is an attribute that has the operation.
+// Throws unless the path leads to an attribute that has the operation.
 void expectSupported(const ObjectRef& at, Operation operation) {
   if (!at.attribute) refuse(operation, "an object; name one of its attributes: " + candidatesText(at));
   if (at.key && at.attribute->kind == Kind::collection) throwNoMember(at);
@@ -54,7 +54,7 @@ void expectSupported(const ObjectRef& at, Operation operation) {
   if (at.isConst && !reads) throw ValueError("the object may be read only");
 }
 
-// The truth value beside one name of a set. Throws ValueError where the set does not have the name.
+// The boolean of one name in a set. Throws ValueError if the set does not have the name.
 Value nameValue(const ObjectRef& at) {
   const Value names = at.attribute->get(notifierOf(at), {});
   if (const Value* value = names.field(*at.key)) return *value;
@@ -63,7 +63,7 @@ Value nameValue(const ObjectRef& at) {
   return true;
 }
 
-// Whether an agent's procedure is a step of its start, which its host takes once.
+// Whether a procedure is a step of an agent's start-up, which only its host calls, once.
 bool isStartUp(const ObjectRef& at) {
   const std::string_view name = at.attribute ? at.attribute->name : "";
   return (name == "doInit" || name == "doMountsComplete") &&
@@ -114,7 +114,7 @@ Value Objects::iterate(const std::string& path) const {
 Value Objects::set(const std::string& path, const Value::List& arguments) const {
   expectWritable();
   ObjectRef at = resolve(path);
-  // A collection whose setter takes no objects makes a member of the key.
+  // A collection whose setter takes no objects makes a member by key.
   Value::List given;
   if (at.key && at.attribute->kind == Kind::collection && at.attribute->parameters.empty())
     given.emplace_back(*std::exchange(at.key, std::nullopt));
@@ -131,7 +131,7 @@ Value Objects::del(const std::string& path) const {
     expectSupported(at, Operation::del);
     return perform(at, Operation::del, {});
   }
-  // A member leaves the collection that the path led through.
+  // The last component is the member's key; the path above leads to its collection.
   const Value key = Zel::unescapeComponent(std::string_view(path).substr(above.size() + 1));
   at = follow(resolve(above));
   if (!at.attribute) at.attribute = Zel::directCollection(at.object->fwkType());
@@ -178,7 +178,7 @@ Value Objects::coerce(const std::string& path, const Zel::Parameter& parameter, 
 
 namespace {
 
-// Looks for an entity by type and name behind pointers, and in collections under that name.
+// Searches for an entity by type and name, through pointers and in collections.
 class Search {
  public:
   Search(const Zel::TypeNode& type, Zel::Name name) : type_(type), name_(name) {}
@@ -236,7 +236,7 @@ void addKeys(Objects::Listing& listing, const ObjectRef& at, const AttributeInfo
     listing.omitted.emplace_back(attribute.name, static_cast<std::int64_t>(keys.size() - listed));
 }
 
-// What may follow an object or a collection in a path.
+// The valid next components after an object or a collection.
 Objects::Listing nextComponents(const ObjectRef& at) {
   Objects::Listing listing;
   if (at.key && at.attribute->kind == Kind::collection) throwNoMember(at);
@@ -295,7 +295,7 @@ class Tree {
     if (!omitted.empty()) node.fieldIs("omitted", std::move(omitted));
   }
 
-  // Both return how many objects were left out.
+  // Both return the number of omitted objects.
   std::size_t addTarget(Value::List& members, const ObjectRef& at, const AttributeInfo& attribute,
                         const std::string& path, std::size_t depth) {
     const ObjectRef target = targetOf(at, attribute);

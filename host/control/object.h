@@ -1,15 +1,14 @@
-// Live objects by path: the generic interface as a person reaches it.
+// Live objects by path: the generic interface for clients.
 //
 //     objects.get("agent/configReactor/gpioLedStateMachine/Status/flashingState");
 //
-// A path starts at an agent ("agent" is the first one, any agent goes by its name too) or at a mounted entity
-// ("hardware/led/config/leds/Status"), and leads from object to object by attributes; behind a collection
-// stands a member's key. Entries of a directory stand under it without the collection's name. Names are
-// escaped as in entity paths, and the limits are the same. No component is empty.
+// A path starts at an agent (by name; "agent" is the first one) or at a mounted entity
+// ("hardware/led/config/leds/Status"), and goes from object to object by attribute; a collection is followed
+// by a member's key. A directory is followed by an entry's key directly. Names are escaped as in entity
+// paths, with the same limits. No component is empty.
 //
-// Clients read, and where the host allows it set, delete and invoke. Refused in either case, because the
-// objects assert on it: start-up operations of an agent, null where an operation takes an object, and agents
-// as entries of directories.
+// Clients read and, if the host allows it, set, delete and invoke. Always refused, because the objects assert
+// on it: an agent's start-up operations, null for an object argument, agents as directory entries.
 #pragma once
 
 #include <functional>
@@ -28,54 +27,53 @@ class Objects {
     std::string name;
     Zel::Ptr<Zel::Notifier> object;
   };
-  // The agents in the order in which they were loaded, and the directory that the mounted entities stand in.
-  // Asked for at every call, so that nothing here keeps an object alive.
+  // The agents in the order of loading, and the root directory of the mounted entities. Called for each
+  // request, so that nothing here keeps an object alive.
   using Roots = std::function<std::vector<Root>()>;
   using EntityRoot = std::function<Zel::Ptr<Zel::Dir>()>;
   enum class Access { readOnly, writable };
 
-  // None at all.
+  // Without any objects.
   Objects()
       : Objects([] { return std::vector<Root>(); }, [] { return Zel::allocate<Zel::Dir>(Zel::Name()); },
                 Access::readOnly) {}
   Objects(Roots roots, EntityRoot entityRoot, Access access)
       : roots_(std::move(roots)), entityRoot_(std::move(entityRoot)), access_(access) {}
 
-  // All throw ValueError where the path leads nowhere (the text says which component, and what there is
-  // instead) or an argument does not fit, OperationNotSupportedException where what the path leads to does
-  // not have the operation, and what the object's own operation throws. set, del and call throw ValueError
-  // unless the access is writable.
+  // All throw ValueError if the path leads nowhere (the message names the component and the candidates) or an
+  // argument does not fit, OperationNotSupportedException if the target does not have the operation, and what
+  // the object's own operation throws. set, del and call throw ValueError unless the access is writable.
   ObjectRef resolve(std::string_view path) const;
 
-  // An object's value is a reference; an attribute's what it holds; a collection's the list of its keys; one
-  // name's of a set of names the truth value beside it.
+  // A reference for an object, the value of an attribute, an array of keys for a collection, a boolean for
+  // a name in a set.
   Zel::Value get(const std::string& path) const;
-  // For a collection, `arguments` are what makes a member; otherwise the one value. Texts stand for objects
-  // as `call` says. Returns the member where one was made.
+  // For a collection, `arguments` are those of its setter; otherwise the one value. Strings resolve to
+  // objects as in `call`. Returns the added member, if any.
   Zel::Value set(const std::string& path, const Zel::Value::List& arguments) const;
   Zel::Value del(const std::string& path) const;
   // The keys of a collection or of a set of names.
   Zel::Value iterate(const std::string& path) const;
-  // `path` names a procedure. A text given for an object is a path, or the name of an object of that type
-  // that is found from where the path started: behind pointers, and in collections under that name.
+  // Invokes the procedure at `path`. A string given for an object is a path, or the name of an object of that
+  // type, which is searched from the start of `path` through pointers and collections.
   Zel::Value call(const std::string& path, const Zel::Value::List& arguments) const;
-  // The components that may follow, {"name", "kind", "type", "operations"} each. Of a collection's members
-  // kListed are listed at most; how many were left out is counted in `omitted`, by attribute.
+  // The valid next components, each {"name", "kind", "type", "operations"}. Lists at most kListed members of
+  // a collection; `omitted` counts the others, by attribute.
   struct Listing {
     Zel::Value::List components{};
     Zel::Value::Fields omitted{};
   };
   static constexpr std::size_t kListed = 4096;
   Listing list(const std::string& path) const;
-  // What lives at and under a path, each object once: {"path", "type", "members": […]}, and "seen" instead of
-  // the members where the object stands further above. Of one collection kTreeMembers are listed at most, and
-  // kTreeObjects altogether; what an object has beyond that is counted in its "omitted", by attribute.
+  // The objects at and under a path: {"path", "type", "members": […]}, with "seen" instead of the members if
+  // the object was listed already. Lists at most kTreeMembers of one collection and kTreeObjects altogether;
+  // an object's "omitted" counts the others, by attribute.
   Zel::Value tree(const std::string& path, std::size_t depth) const;
   static constexpr std::size_t kTreeMembers = 256;
   static constexpr std::size_t kTreeObjects = 4096;
 
-  // An object as a value that is no reference: {"object": PATH, "type": TYPE}, and "wakesIn" (seconds from
-  // now) where it will do something by itself; lists and fields are gone through.
+  // Replaces references, also inside arrays and objects, by {"object": PATH, "type": TYPE}, with "wakesIn"
+  // (seconds from now) if the object has a timer armed.
   static Zel::Value describe(const Zel::Value& value);
 
  private:

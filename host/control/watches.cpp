@@ -26,7 +26,7 @@ Watches::Group::~Group() { store_.unsubscribe(*this); }
 
 void Watches::Group::add(std::uint64_t id, const std::string& path) {
   if (watches_.empty()) {
-    // The snapshot that comes at once is nothing new; the watch's own answer holds its part of it.
+    // Ignore the snapshot: the answer to the request has the watch's part of it.
     subscribing_ = true;
     store_.subscribe({}, *this);
     subscribing_ = false;

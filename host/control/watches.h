@@ -1,4 +1,4 @@
-// What one client watches.
+// The watches of one client.
 #pragma once
 
 #include <array>
@@ -15,26 +15,25 @@ namespace Host {
 // Sends a notification for every batch that touches a watched path.
 class Watches {
  public:
-  static constexpr std::size_t kMost = 256;  // of one client
+  static constexpr std::size_t kMost = 256;  // watches of one client
 
   using Send = std::function<void(const std::string& line)>;
 
   // `store` must outlive the watches.
   Watches(Statedb::Store& store, Send send);
 
-  // Watches a path, without the client's own writes where `own` is false. The path need not ever have been
-  // made, and is not made by this. Returns the watch's number, which is not used again; nothing where the
-  // client has kMost already.
+  // Watches a path, without the client's own writes if `own` is false. Does not intern the path. Returns the
+  // watch's number, which is never reused; nullopt if the client has kMost already.
   std::optional<std::uint64_t> add(const std::string& path, bool own);
   // Returns whether there was such a watch.
   bool del(std::uint64_t id);
 
-  // What to give as the origin of the client's own writes.
+  // The origin to pass with the client's own writes.
   Statedb::Subscriber* origin() { return &others_; }
 
  private:
-  // Watches that are notified of the same writes: a store leaves out one subscriber a write, so they share
-  // it. Subscribed to everything while it has any.
+  // The watches with the same `own`. They share one subscriber, because a write names only one origin to
+  // leave out. Subscribed to everything while it has any watch.
   class Group : public Statedb::Subscriber {
    public:
     Group(Statedb::Store& store, const Send& send) : store_(store), send_(send) {}
@@ -52,18 +51,18 @@ class Watches {
     struct Watch {
       std::uint64_t id;
       std::string text;
-      std::optional<Statedb::Path> path;  // of the text, once it was made
+      std::optional<Statedb::Path> path;  // once it is interned
     };
-    // Looks up the paths that were not made before.
+    // Looks up the paths that were not interned yet.
     void findPaths();
-    // `more`: further parameters of the notification, each with a comma behind it.
+    // `more`: further parameters of the notification, each followed by a comma.
     void notify(const Statedb::Changes& changes, const char* more);
 
     Statedb::Store& store_;
     const Send& send_;
     std::vector<Watch> watches_;
     bool subscribing_ = false;
-    std::size_t paths_ = 0;  // that there were when they were last looked up
+    std::size_t paths_ = 0;  // Path::count() at the last look-up
   };
 
   const Send send_;

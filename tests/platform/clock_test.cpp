@@ -1,4 +1,4 @@
-// The clock: its contract at the edges. The order of expiries is that of the timer wheel.
+// Edge cases of the clock. timerwheel_test.cpp tests the order of expiries.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -30,7 +30,7 @@ class ClockTest : public testing::Test {
   Zel::ActivityManager manager;
 };
 
-TEST_F(ClockTest, ATimeStaysReadableAndNoNumberIsNever) {
+TEST_F(ClockTest, ATimeStaysReadableAndNanMeansNever) {
   const auto a = waker(100.5);
   stepAt(100.5);
   EXPECT_EQ(a->timeMin(), 100.5);
@@ -53,7 +53,7 @@ TEST_F(ClockTest, ATimeThatHasPassedFiresOncePerPass) {
   }
 }
 
-TEST_F(ClockTest, AWokenReactorMayEndTheOthers) {
+TEST_F(ClockTest, AWokenReactorMayDestroyTheOthers) {
   auto a = waker(101);
   auto b = waker(101);
   auto c = waker(101);
@@ -68,9 +68,8 @@ TEST_F(ClockTest, AWokenReactorMayEndTheOthers) {
   EXPECT_EQ(c->woken, 1);
 }
 
-// Cases: an act before a reactor's time comes, another before it is switched on again, and how often it is
-// woken then.
-TEST_F(ClockTest, ATimeThatComesWhileNotificationsAreOff) {
+// Cases: an act before the expiry, the acts after it, and how often the reactor is woken then.
+TEST_F(ClockTest, AnExpiryWhileNotificationsAreOffIsKeptOrDropped) {
   using Act = void (*)(Waker & waker, const Ptr<const Clock>& clock);
   const Act nothing = [](auto&, auto&) {};
   const Act off = [](auto& waker, auto&) { waker.hasNotificationActiveIs(false); };
@@ -94,8 +93,8 @@ TEST_F(ClockTest, ATimeThatComesWhileNotificationsAreOff) {
       {"off, then unregistered: dropped", off, {leave, join, on}, 0},
       {"retired: dropped", retire, {revive}, 0},
       {"retired and off: dropped", retireOff, {revive, on}, 0},
-      {"detached: goes along to the next clock", detach, {attach}, 1},
-      {"unregistered: goes along", leave, {join}, 1},
+      {"detached: kept for the next clock", detach, {attach}, 1},
+      {"unregistered: kept", leave, {join}, 1},
       {"switched on before", nothing, {off, on}, 0},
   };
   double now = time.now();
@@ -111,7 +110,7 @@ TEST_F(ClockTest, ATimeThatComesWhileNotificationsAreOff) {
   }
 }
 
-TEST_F(ClockTest, LatenessIsTheWorstOfTheWakeUps) {
+TEST_F(ClockTest, WorstLatenessIsThatOfTheLatestWakeUp) {
   const auto a = waker(101.0);
   const auto b = waker(101.25);
   stepAt(101.5);

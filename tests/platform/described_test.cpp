@@ -1,4 +1,4 @@
-// The generic interface over the tables of the model.
+// The generic interface, on the types of the model.
 #include <gtest/gtest.h>
 
 #include "platform/model/corvelgpioledconfig.h"
@@ -35,7 +35,7 @@ TEST(GenericIf, IndicesRunOnFromTheBase) {
   EXPECT_EQ(GenericIf::perform(*led, Operation::get, 0), Value("L"));
 }
 
-TEST(GenericIf, DoesWhatTheTableAllowsAndNothingElse) {
+TEST(GenericIf, AllowsOnlyTheOperationsOfTheTable) {
   const auto led = Zel::allocate<GpioLedConfig>("L");
   perform(*led, Operation::set, "ready", true);
   EXPECT_TRUE(led->ready());
@@ -118,7 +118,7 @@ TEST(Entity, APathNamesTheCollectionThatHoldsTheEntity) {
   EXPECT_EQ(loose->path(), "shelf/a");
 }
 
-TEST(GenericIf, AReplacedMemberLeavesItsPlaceInOneStep) {
+TEST(GenericIf, AMemberIsReplacedInOneStep) {
   const auto dir = Zel::allocate<Hardware::Led::LedSystemConfigDir>("leds");
   const auto before = dir->ledsIs("A");
   const auto after = Zel::allocate<Hardware::Led::LedConfig>("A");

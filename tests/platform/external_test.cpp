@@ -1,4 +1,4 @@
-// The ways into the activity thread from outside: watched descriptors and tasks of other threads.
+// Input from outside the activity thread: file descriptors and tasks of other threads.
 #include "platform/zel/notify/external.h"
 
 #include <gtest/gtest.h>
@@ -19,7 +19,7 @@ using Support::Lines;
 using Zel::FdWatch;
 using Zel::Inbox;
 
-// Notes what is polled, and how often it is to wake.
+// Records the polled descriptors and counts the wake-ups.
 struct FakeHost : Zel::HostServices {
   struct Poll : Zel::FdPoll {
     Poll(FakeHost& host, const FdWatch& watch) : host_(host), fd_(watch.fd()) { eventsIs(watch.events()); }
@@ -65,7 +65,7 @@ class External : public testing::Test {
   std::function<void()> crime;  // of the handler that runs next
 };
 
-TEST_F(External, AWatchRunsInTheNextPassForTheEventsThatItAskedFor) {
+TEST_F(External, AWatchRunsInTheNextPassForItsEventsOnly) {
   const auto reader = watch(3);
   const auto both = watch(4, FdWatch::kReadable | FdWatch::kWritable);
   EXPECT_FALSE(waiting());
@@ -83,8 +83,7 @@ TEST_F(External, AWatchRunsInTheNextPassForTheEventsThatItAskedFor) {
   EXPECT_EQ(step(), Lines{});
 }
 
-// Each is committed by the first of three ready watches; `notified` is what follows in this pass and in the
-// next.
+// The first of three ready watches acts; `notified` has the handlers run in this pass, `later` in the next.
 TEST_F(External, AHandlerMayDoAnythingToAnyWatch) {
   std::unique_ptr<FdWatch> first, second, third;
   const std::tuple<const char*, std::function<void()>, Lines, Lines> cases[] = {
@@ -104,7 +103,7 @@ TEST_F(External, AHandlerMayDoAnythingToAnyWatch) {
   }
 }
 
-TEST_F(External, TheHostPollsWhatIsWatchedWhileItIsThere) {
+TEST_F(External, TheHostPollsADescriptorWhileItIsWatched) {
   using Polled = std::map<int, unsigned>;
   auto early = watch(3);
   manager->external().hostIs(&host);
@@ -162,8 +161,8 @@ TEST_F(External, TasksRunInThePassAfterTheyWerePosted) {
   EXPECT_FALSE(waiting());
 }
 
-TEST_F(External, WhatAnInboxHoldsEndsWithIt) {
-  // Runs where its task is destroyed, as a closure that owns something does.
+TEST_F(External, AnInboxDestroysItsTasks) {
+  // Acts when its task is destroyed, like a closure that owns something.
   struct OnDrop {
     std::function<void()> act;
     ~OnDrop() { act(); }
@@ -191,7 +190,7 @@ TEST_F(External, WhatAnInboxHoldsEndsWithIt) {
   EXPECT_EQ(lines, Lines{});
 }
 
-TEST_F(External, TheHostIsWokenOnceForWhatOnePassTakes) {
+TEST_F(External, TheTasksOfOnePassWakeTheHostOnce) {
   const Inbox inbox;
   const auto postAndCount = [&] { return inbox.sender().post([] {}), host.wakes; };
   postAndCount();
@@ -205,7 +204,7 @@ TEST_F(External, TheHostIsWokenOnceForWhatOnePassTakes) {
   EXPECT_EQ(postAndCount(), 2);
 }
 
-// For the thread sanitizer as well: threads post while passes run, and while the inbox ends.
+// Threads post while passes run, and while the inbox is destroyed. Also for the thread sanitizer.
 TEST_F(External, ManyThreadsPostAndNothingIsLostOrRunTwice) {
   constexpr int kThreads = 4, kPosts = 2000;
   manager->external().hostIs(&host);

@@ -1,4 +1,4 @@
-// Keyed collections against std::map, and what a walk survives.
+// Keyed collections against std::map, and changes during a walk.
 #include <gtest/gtest.h>
 
 #include <map>
@@ -50,8 +50,8 @@ TEST(PtrMap, FollowsAMapUnderRandomOperations) {
   }
 }
 
-// Each case changes the collection from inside a walk; members that were removed before their turn are not
-// met, and all others are, once.
+// Each case changes the collection during a walk, which must visit every member once, except those removed
+// before their turn.
 TEST(PtrMap, AWalkSurvivesEveryChangeFromWithin) {
   for (const unsigned size : {1U, 5U, 40U}) {
     for (unsigned crime = 0; crime < 5; ++crime) {
@@ -81,7 +81,7 @@ TEST(PtrMap, AWalkSurvivesEveryChangeFromWithin) {
   }
 }
 
-TEST(NameSet, HoldsNamesWithAValueBeside) {
+TEST(NameSet, HoldsNamesWithABooleanEach) {
   Zel::NameSet a{"x", "y"};
   EXPECT_FALSE(a.insert("x"));
   EXPECT_TRUE(a.insert("x", false));

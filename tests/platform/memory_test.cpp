@@ -1,4 +1,4 @@
-// Memory that runs out: what failed is not counted as there.
+// Out of memory: failed allocations leave no trace.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -11,7 +11,7 @@ namespace {
 
 constinit thread_local bool exhausted = false;
 
-// Calls `take` until the memory runs out; from then on every call must fail until there is memory again.
+// Calls `take` until it fails for want of memory; then every call must fail until there is memory again.
 template <class Take>
 void expectToFail(const char* what, Take take) {
   const auto fails = [&] {
@@ -37,8 +37,8 @@ void expectToFail(const char* what, Take take) {
   void* const memory = exhausted ? nullptr : std::malloc(size);
   return memory ? memory : throw std::bad_alloc();
 }
-// The library's own calls the one above; that of the address sanitizer does not, and then takes no other
-// delete.
+// Needed under the address sanitizer, whose nothrow new does not call the one above and rejects the delete
+// below.
 [[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   return exhausted ? nullptr : std::malloc(size);
 }
@@ -47,7 +47,7 @@ void expectToFail(const char* what, Take take) {
 
 namespace {
 
-TEST(Memory, WhatFailedIsNotCounted) {
+TEST(Memory, AFailedAllocationIsNotCounted) {
   std::vector<void*> objects;
   objects.reserve(6000);
   expectToFail("objects", [&] { objects.push_back(Zel::fwkAllocate(256)); });

@@ -1,4 +1,4 @@
-// Mounts: rows into entities and back.
+// Mounts: rows become entities, and entities rows.
 #include <gtest/gtest.h>
 
 #include <map>
@@ -63,7 +63,7 @@ class Mounts : public testing::Test {
     settle();
     return made;
   }
-  // Logs which LEDs come and go.
+  // Logs added and removed LEDs.
   Ptr<Support::Watcher> watcher(const Ptr<LedSystemConfigDir>& dir) {
     return Zel::allocate<Support::Watcher>(dir, [this, &leds = dir->leds()](auto& attribute, Zel::Name name) {
       if (attribute == "leds")
@@ -93,7 +93,7 @@ class Mounts : public testing::Test {
   Lines reports, lines;
 };
 
-TEST_F(Mounts, NestedMountsShareTheirEntitiesAndWhatIsNotThereIsEmpty) {
+TEST_F(Mounts, NestedMountsShareEntitiesAndAMissingOneIsMadeEmpty) {
   write({Change::put("hardware/gpio/config/led/gpioLeds/A", "Hardware::Gpio::GpioLedConfig", "", {})});
   write({Change::put("hardware/gpio/config/led", "Hardware::Gpio::GpioLedSystemConfigDir", "", {})});
   write({Change::put("hardware/gpio/config/led/gpioLeds/A", "Hardware::Gpio::GpioLedConfig", "ready", true)});
@@ -149,7 +149,7 @@ TEST_F(Mounts, ADeleteAndARecreationThatArriveTogetherAreTwoSteps) {
   EXPECT_EQ(at<LedConfig>(path)->theme(), Zel::Name("b"));
 }
 
-TEST_F(Mounts, EachMountTakesItsPartOfADeleteAboveSeveral) {
+TEST_F(Mounts, ADeleteAboveSeveralMountsReachesEach) {
   const std::string maps = "hardware/gpio/config/led", led = std::string(Paths::kLeds) + "/leds/A",
                     map = maps + "/gpioLeds/A";
   agent({{Paths::kLeds, kLedDir, "r"}, {maps, "Hardware::Gpio::GpioLedSystemConfigDir", "r"}});
@@ -165,7 +165,7 @@ TEST_F(Mounts, EachMountTakesItsPartOfADeleteAboveSeveral) {
   }
 }
 
-TEST_F(Mounts, AMountedEntityThatIsDeletedStaysAndIsEmptied) {
+TEST_F(Mounts, ADeletedMountedEntityStaysAndIsCleared) {
   agent({{Paths::kLeds, kLedDir, "r"}});
   write({Change::put(Paths::kLeds, kLedDir, "palette", "warm"),
          Change::put(std::string(Paths::kLeds) + "/leds/A", kLed, "", {})});
@@ -179,7 +179,7 @@ TEST_F(Mounts, AMountedEntityThatIsDeletedStaysAndIsEmptied) {
   EXPECT_EQ(lines, Lines{"A is gone"}) << "each by its key";
 }
 
-TEST_F(Mounts, ARowThatDoesNotFitIsRefusedAndTheRestGoesOn) {
+TEST_F(Mounts, ARowThatDoesNotFitIsRefusedAndTheOthersAreApplied) {
   agent({{Paths::kLeds, kLedDir, "r"}});
   const std::string path = std::string(Paths::kLeds) + "/leds/A";
   write({Change::put(Paths::kLeds, kLedDir, "", {}),
@@ -196,7 +196,7 @@ TEST_F(Mounts, ARowThatDoesNotFitIsRefusedAndTheRestGoesOn) {
   EXPECT_EQ(manager->refusals(), 2U);
 }
 
-TEST_F(Mounts, WhatAPublisherTakesAwayShowsWhatIsStored) {
+TEST_F(Mounts, WithdrawnValuesRevealTheStoredOnes) {
   agent({{Paths::kLeds, kLedDir, "r"}});
   const std::string path = std::string(Paths::kLeds) + "/leds/A";
   write({Change::put(Paths::kLeds, kLedDir, "", {}), Change::put(path, kLed, "theme", "stored")});
@@ -217,7 +217,7 @@ TEST_F(Mounts, WhatAPublisherTakesAwayShowsWhatIsStored) {
   EXPECT_EQ(at<LedConfig>(path), led) << "kept, not swapped";
 }
 
-// A store that takes no value 13.
+// A store that refuses the value 13.
 struct Picky : Statedb::MemoryStore {
   void write(const Statedb::Changes& changes, Durability durability, Statedb::Subscriber* origin) override {
     ++writes;
@@ -228,7 +228,7 @@ struct Picky : Statedb::MemoryStore {
   int writes = 0;
 };
 
-TEST_F(Mounts, ARowThatIsNotTakenDoesNotHoldUpTheOthers) {
+TEST_F(Mounts, ARefusedRowDoesNotHoldUpTheOthers) {
   Picky picky;
   manager->stop();
   manager = Zel::allocate<Statedb::EntityManager>(picky);
@@ -251,12 +251,12 @@ TEST_F(Mounts, ARowThatIsNotTakenDoesNotHoldUpTheOthers) {
   at<CorvelPinConfig>(path(13))->valueIs(12);
   settle();
   EXPECT_EQ(value(13), Value(12));
-  EXPECT_EQ(reports.size(), 1U) << "said once";
+  EXPECT_EQ(reports.size(), 1U) << "reported once";
   manager->stop();
   manager = Zel::allocate<Statedb::EntityManager>(store);  // no manager outlives its store
 }
 
-TEST_F(Mounts, AManagerThatGoesTakesItsTasksAlongAndIsCountedOnce) {
+TEST_F(Mounts, ADestroyedManagerCancelsItsTasks) {
   const auto count = [] { return Statedb::EntityManager::typeNode().allocations().objects(); };
   const auto before = count();
   auto other = Zel::allocate<Statedb::EntityManager>(store);
@@ -270,36 +270,36 @@ TEST_F(Mounts, AManagerThatGoesTakesItsTasksAlongAndIsCountedOnce) {
   EXPECT_TRUE(made->statuses.empty());
 }
 
-// What the agent writes is told once a pass, with the values at its end; what the store says is not told
-// back.
-TEST_F(Mounts, WhatIsWrittenIsPublishedOnceAPass) {
+// Each pass publishes the agent's writes as one batch, with the values at its end. The store's own changes
+// are not published back.
+TEST_F(Mounts, WritesArePublishedOnceAPass) {
   struct Batches : Statedb::Subscriber {
     void onSnapshot(const Statedb::Records&) override {}
     void onChanges(const Statedb::Changes& changes) override { batches.push_back(changes); }
     std::vector<Statedb::Changes> batches;
-  } told;
+  } subscriber;
   const std::string out = "hardware/corvel/gpio/config";
   agent({{out, "Zel::Dir", "wi"}});
-  store.subscribe(out, told);
+  store.subscribe(out, subscriber);
   const auto dir = at<Zel::Dir>(out);
   const auto pin = Zel::dynamicPtrCast<CorvelPinConfig>(dir->entryIs("p/1", kPin));
   pin->valueIs(1);
   dir->entryIs("p2", kPin);
   settle();
-  ASSERT_EQ(told.batches.size(), 1U);
-  EXPECT_EQ(told.batches[0],
+  ASSERT_EQ(subscriber.batches.size(), 1U);
+  EXPECT_EQ(subscriber.batches[0],
             (Statedb::Changes{
                 Change::put(out + "/p%2F1", kPin, "", {}), Change::put(out + "/p%2F1", kPin, "value", 1),
                 Change::put(out + "/p2", kPin, "", {}), Change::put(out + "/p2", kPin, "value", 0)}));
   pin->valueIs(0);
   pin->valueIs(1);
   settle();
-  EXPECT_EQ(told.batches.size(), 1U) << "back where it was: no news";
+  EXPECT_EQ(subscriber.batches.size(), 1U) << "the old value again: nothing to publish";
   pin->valueIs(0);
   dir->entryDel("p2");
   settle();
-  ASSERT_EQ(told.batches.size(), 2U);
-  EXPECT_EQ(told.batches[1],
+  ASSERT_EQ(subscriber.batches.size(), 2U);
+  EXPECT_EQ(subscriber.batches[1],
             (Statedb::Changes{Change::put(out + "/p%2F1", kPin, "value", 0), Change::del(out + "/p2")}));
 
   const auto published = manager->published();
@@ -311,10 +311,10 @@ TEST_F(Mounts, WhatIsWrittenIsPublishedOnceAPass) {
   EXPECT_EQ(manager->published(), published);
   at<CorvelPinConfig>(out + "/p3")->valueIs(0);
   settle();
-  EXPECT_EQ(told.batches.back(), (Statedb::Changes{Change::put(out + "/p3", kPin, "value", 0)}));
+  EXPECT_EQ(subscriber.batches.back(), (Statedb::Changes{Change::put(out + "/p3", kPin, "value", 0)}));
 }
 
-TEST_F(Mounts, WhatChangesTwiceInOnePassIsPublishedAsItEnds) {
+TEST_F(Mounts, TheLastOfTwoChangesInAPassIsPublished) {
   agent({{"out", "Zel::Dir", "wi"}});
   const auto pin = Zel::dynamicPtrCast<CorvelPinConfig>(at<Zel::Dir>("out")->entryIs("p", kPin));
   settle();
@@ -324,16 +324,16 @@ TEST_F(Mounts, WhatChangesTwiceInOnePassIsPublishedAsItEnds) {
   EXPECT_EQ(*store.read("out/p")[0]->find("value"), Value(0));
 }
 
-// A store that says all again after a lost connection.
+// A store that sends a new snapshot after a lost connection.
 struct Reconnecting : Statedb::MemoryStore {
   void subscribe(Statedb::Path path, Statedb::Subscriber& subscriber) override {
-    feed_ = &subscriber;
+    subscriber_ = &subscriber;
     path_ = path;
     subscriber.onSnapshot(read(path));
   }
   void unsubscribe(Statedb::Subscriber&) override {}
-  void reconnect() { feed_->onSnapshot(read(path_)); }
-  Statedb::Subscriber* feed_ = nullptr;
+  void reconnect() { subscriber_->onSnapshot(read(path_)); }
+  Statedb::Subscriber* subscriber_ = nullptr;
   Statedb::Path path_;
 };
 
@@ -374,7 +374,7 @@ TEST_F(Mounts, AfterALostConnectionOnlyDifferencesAreApplied) {
     }
     ASSERT_EQ(found, reference) << "round " << round;
     EXPECT_EQ(std::exchange(lines, {}).size(), before.size() + found.size() - 2 * kept)
-        << "only what came or went is announced";
+        << "only added and removed entities are notified";
   }
   other->stop();
 }

@@ -1,5 +1,5 @@
-// Notification beyond what its model checks (notifymodel_test.cpp): silence, hooks, raw reactors, faults, and
-// the activity manager itself.
+// Notification cases that the model (notifymodel_test.cpp) leaves out: equal values, hooks, raw reactors,
+// faults, and the activity manager itself.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -22,7 +22,7 @@ using Zel::Ptr;
 
 Led::LightSetting setting(double interval) { return {.flashInterval = interval}; }
 
-// Logs what it is notified of; throws at a change of the mode.
+// Logs its notifications; throws on a change of the mode.
 struct Spy : Zel::Reactor<Spy, LedConfig::NotifieeConst> {
   static constexpr const char* kTypeName = "Test::Spy";
   Spy(const Ptr<const LedConfig>& led, Lines& log) : Reactor(led), lines(log) {}
@@ -44,7 +44,7 @@ class Notification : public testing::Test {
   Ptr<LedConfig> led = Zel::allocate<LedConfig>("Status");
 };
 
-TEST_F(Notification, AValueThatIsThereAlreadyIsSilent) {
+TEST_F(Notification, AnEqualValueIsSilent) {
   const auto spy = Zel::allocate<Spy>(led, lines);
   led->lightSettingIs(led->lightSetting());
   led->modeIs(Zel::NameSet{});
@@ -66,8 +66,8 @@ TEST_F(Notification, AHandlerThatChangesItsOwnEntityForeverDoesNotHoldUpThePass)
   EXPECT_EQ(manager.step(), Zel::Clock::kNever);
 }
 
-// The hook runs inside the mutation: for a plain attribute, and for a collection only where it changed as a
-// whole.
+// The immediate hook runs inside the mutation: for a plain attribute, and for a collection only if it is
+// replaced as a whole.
 struct Hooked : Zel::Reactor<Hooked, GpioLedSystemConfigDir::NotifieeConst> {
   static constexpr const char* kTypeName = "Test::Hooked";
   Hooked(const Ptr<const GpioLedSystemConfigDir>& dir, Lines& log) : Reactor(dir), lines(log) {}
@@ -79,7 +79,7 @@ struct Hooked : Zel::Reactor<Hooked, GpioLedSystemConfigDir::NotifieeConst> {
   Lines& lines;
 };
 
-TEST_F(Notification, TheImmediateHookAnnouncesTheWholeAndNoKey) {
+TEST_F(Notification, TheImmediateHookRunsForAWholeCollectionAndNotForAKey) {
   const auto dir = Zel::allocate<GpioLedSystemConfigDir>("map");
   const auto hooked = Zel::allocate<Hooked>(dir, lines);
   dir->gpioLedsIs(Name("a"));
@@ -92,7 +92,7 @@ TEST_F(Notification, TheImmediateHookAnnouncesTheWholeAndNoKey) {
   EXPECT_EQ(std::exchange(lines, {}), Lines{"immediate 0"});
   EXPECT_EQ(step(), Lines{"whole"});
   dir->gpioLedsIs(std::vector<Ptr<Hardware::Gpio::GpioLedConfig>>());
-  EXPECT_EQ(lines, Lines{}) << "what is empty already does not change";
+  EXPECT_EQ(lines, Lines{}) << "an empty collection does not change";
 }
 
 struct Impatient : Zel::Reactor<Impatient, LedConfig::NotifieeConst> {
@@ -133,7 +133,7 @@ TEST_F(Notification, AFaultNamesTheAgentTheReactorAndTheText) {
             "agent 'Agent7', reactor Test::Spy of <Hardware::Led::LedConfig Status>: it broke");
 }
 
-TEST(ActivityManager, TheLatestThatIsLeftIsTheCurrentOne) {
+TEST(ActivityManager, TheLatestRemainingOneIsCurrent) {
   std::array<std::optional<Zel::ActivityManager>, 4> managers;
   for (auto& manager : managers) manager.emplace();
   const auto led = Zel::allocate<LedConfig>("Status");
@@ -146,7 +146,7 @@ TEST(ActivityManager, TheLatestThatIsLeftIsTheCurrentOne) {
   }
   led->currentModeIs("m");
   EXPECT_THROW(managers[0]->step(), Zel::HandlerFault);
-  EXPECT_EQ(lines, Lines{}) << "what was pending went with its manager";
+  EXPECT_EQ(lines, Lines{}) << "pending notifications end with their manager";
 }
 
 struct End : Zel::PassEnd {
@@ -158,7 +158,7 @@ struct End : Zel::PassEnd {
   std::function<void()> then;
 };
 
-TEST_F(Notification, EndsOfPassMayAddAndRemoveOneAnother) {
+TEST_F(Notification, PassEndsMayAddAndRemoveOneAnother) {
   End a, b, c;
   manager.passEndDel(a);  // not there
   for (End* const end : {&a, &a, &b}) manager.passEndIs(*end);
@@ -173,7 +173,7 @@ TEST_F(Notification, EndsOfPassMayAddAndRemoveOneAnother) {
   EXPECT_EQ(a.ran + c.ran, 2);
 }
 
-TEST_F(Notification, PostedTasksRunAPassEachInTheirOrder) {
+TEST_F(Notification, PostedTasksRunInOrderAlsoAfterOneThrows) {
   Lines ran;
   manager.post([&] {
     ran.push_back("1");

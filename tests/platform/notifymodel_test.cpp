@@ -1,6 +1,5 @@
-// The notification contract against a plain model of it, under random operations: reactors whose handlers
-// change entities, remove them from their directory, re-point, switch, unregister, retire, destroy and make
-// reactors, and throw.
+// The notification contract against a plain model, under random operations: handlers change entities, remove
+// them from their directory, re-point, switch, unregister, retire, destroy and make reactors, and throw.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -18,7 +17,7 @@ using Zel::Ptr;
 
 constexpr int kNone = -1;
 
-// Marks are numbers: the attributes in the order of their table, then the keys of `mode`.
+// A mark is a number: first the attributes in the order of their table, then the keys of `mode`.
 using SetAttribute = void (*)(LedConfig& led, int value);
 constexpr SetAttribute kSetAttributes[] = {
     [](LedConfig& led, int value) { led.lightSettingIs({.flashInterval = value + 0.5}); },
@@ -110,7 +109,7 @@ struct Model {
   Marks rest{};                   // of the turn
 };
 
-// Does everything to the model and to the real objects alike.
+// Applies each operation to the model and to the real objects.
 class World {
  public:
   explicit World(unsigned seed) : random_(seed) {
@@ -207,7 +206,7 @@ class World {
   int budget_ = 0;
 };
 
-TEST(NotificationModel, EveryDeliveryIsWhatTheModelExpects) {
+TEST(NotificationModel, DeliversAsTheModelExpects) {
   for (unsigned seed = 0; seed < 20 && !testing::Test::HasFailure(); ++seed) {
     SCOPED_TRACE(seed);
     World world(seed);

@@ -27,7 +27,7 @@ class Thing : public Support::Plain<Thing, Zel::Entity> {
 
  protected:
   ~Thing() override {
-    const Ptr<Thing> self(this);  // nor does one made while it ends end it twice
+    const Ptr<Thing> self(this);  // a pointer made in the destructor does not destroy it twice
     if (log_) log_->push_back("gone");
   }
 
@@ -35,7 +35,7 @@ class Thing : public Support::Plain<Thing, Zel::Entity> {
   Support::Lines* log_;
 };
 
-TEST(Ptr, TheLastReferenceEndsTheObjectAndOnlyTheLast) {
+TEST(Ptr, OnlyTheLastReferenceDestroysTheObject) {
   Support::Lines log;
   auto a = Zel::allocate<Thing>("a", &log);
   EXPECT_EQ(a->references(), 1U);
@@ -67,7 +67,7 @@ TEST(Ptr, AssignmentStoresBeforeItDrops) {
   EXPECT_EQ(seen, next.get());
 
   slot->other = Zel::allocate<Thing>("tail");
-  slot = slot->other;  // what the new value hangs on goes with the old one
+  slot = slot->other;  // the old object owns the reference to the new one
   EXPECT_EQ(slot->name(), Zel::Name("tail"));
 }
 
@@ -78,7 +78,7 @@ TEST(Ptr, DownCastYieldsNullOnAMismatch) {
   EXPECT_FALSE(Zel::dynamicPtrCast<Thing>(Ptr<Zel::Entity>()));
 }
 
-TEST(Ptr, CountsHoldAcrossThreadsWhereTheSwitchIsOn) {
+TEST(Ptr, CountsHoldAcrossThreadsIfThreadSafePointersAreOn) {
   Zel::enableThreadSafePointersIs(true);
   const auto thing = Zel::allocate<Thing>("shared");
   const Zel::String text("a text that is shared");
@@ -110,7 +110,7 @@ TEST(Allocate, TheTrackerIsBalancedAlsoWhenConstructionThrows) {
   EXPECT_EQ(tracker.bytes(), bytes);
 }
 
-TEST(TypeRegistry, TypesComeAndGoInTheOrderOfARegistration) {
+TEST(TypeRegistry, TypesComeAndGoWithTheirRegistration) {
   EXPECT_EQ(Zel::typeNode("Test::Thing"), nullptr);
   {
     const Zel::TypeRegistration registration{&Thing::typeNode};
@@ -134,7 +134,7 @@ TEST(Dir, EntriesAreMadeByTypeNameAndKeepTheirIdentity) {
   EXPECT_EQ(made->parent(), nullptr);
 }
 
-TEST(Entity, AParentIsHeldByWhatIsAttachedAndNotByWhatLivesInIt) {
+TEST(Entity, AttachedEntitiesHoldTheirParentAndMembersDoNot) {
   auto parent = Zel::allocate<Zel::Dir>("parent");
   auto attached = Zel::allocate<Thing>("attached");
   attached->parentIs(parent);

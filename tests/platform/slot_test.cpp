@@ -64,7 +64,7 @@ class Host : public Support::Plain<Host, Zel::Entity> {
   void changed(const std::string& led) {
     lines.push_back("changed " + led);
     reach("handler", this);
-    lines.push_back("handled " + name().stdString());  // it is alive still
+    lines.push_back("handled " + name().stdString());  // must still be alive
   }
 
   Zel::Slot<Nested> one, other, unnamed;
@@ -124,7 +124,7 @@ TEST_F(Slots, AnOwnerSwitchesItsReactorsAfterItselfAndRetiresThemBeforeItself) {
   EXPECT_FALSE(host->parts.get("part")->zelIsZombie());
 }
 
-TEST_F(Slots, AReactorThatLeavesIsRetiredThenDetachedAndUnregistered) {
+TEST_F(Slots, ARemovedReactorIsRetiredThenDetachedAndUnregistered) {
   const std::pair<Act, std::function<Nested*(Host&)>> ways[] = {
       {[](Host& owner) { owner.one.clear(); }, [](Host& owner) { return owner.one.get(); }},
       {[](Host& owner) { owner.one.watch(owner, Ptr<LedConfig>()); },
@@ -188,7 +188,7 @@ TEST_F(Slots, AReactorMayDoAnythingAtAnyTime) {
     }
 }
 
-TEST_F(Slots, WhatThrowsLeavesTheSlotAsItWasAndNoReactorWithAnOwnerThatIsGone) {
+TEST_F(Slots, AnExceptionLeavesTheSlotUnchangedAndNoReactorWithADeadOwner) {
   const Act fail = [](Host&) { throw std::runtime_error("it broke"); };
   const auto before = host->one.get();
   for (const Act& act : {Act([this](Host& owner) { owner.one.make(owner, b); }),

@@ -13,8 +13,8 @@ namespace {
 using namespace StoreModel;
 using Statedb::Path;
 
-// A text finds the same path again, and a path its text, whatever the components are.
-TEST(Path, IsItsTextAndATree) {
+// For any components, escaped or not.
+TEST(Path, RoundTripsAsAStringAndIsATree) {
   const std::vector<std::string> texts = {"",  "a",  "a/b", "a/b/c", "a-b", "a//b",
                                           "/", "/a", "a/",  "a%2Fb", "ä"};
   for (const std::string& text : texts) EXPECT_EQ(Path(text).text(), text);
@@ -39,7 +39,7 @@ TEST(Path, IsItsTextAndATree) {
     ASSERT_EQ(Path::existing("many/" + std::to_string(i))->component(), Zel::Name(std::to_string(i)));
 }
 
-TEST(Path, HasLimitsThatKeepTheTablesAsTheyAre) {
+TEST(Path, IsNotInternedBeyondItsLimits) {
   const auto repeated = [](const char* text, int times) {
     std::string all;
     while (--times >= 0) all += text;
@@ -69,8 +69,8 @@ TEST(Path, HasLimitsThatKeepTheTablesAsTheyAre) {
   EXPECT_EQ(Zel::Name::count(), names);
 }
 
-// What agents make is not limited, so nothing may recurse by depth.
-TEST(Path, MayBeAsDeepAsAgentsMakeIt) {
+// Agents' own paths have no depth limit, so nothing may recurse by depth.
+TEST(Path, HasNoDepthLimitForAgents) {
   const Path top("deep");
   Path bottom = top;
   for (int i = 0; i < 200000; ++i) bottom = bottom.child("d");
@@ -80,14 +80,14 @@ TEST(Path, MayBeAsDeepAsAgentsMakeIt) {
   EXPECT_EQ(count, 200001);
 }
 
-TEST(MemoryStore, AChangeThatIsNoneNotifiesNobody) {
+TEST(MemoryStore, AnUnchangedValueNotifiesNobody) {
   Failing<Statedb::MemoryStore> store;
   Mirror mirror("");
   store.subscribe("", mirror);
   store.write({Change::put("a", "T", "x", 1)}, Durability::stored);
   store.flush();
   EXPECT_EQ(mirror.batches, 1);
-  EXPECT_EQ(store.persisted, 2U) << "that it is there, and the attribute";
+  EXPECT_EQ(store.persisted, 2U) << "the entity's own row, and the attribute's";
   store.write({Change::put("a", "T", "x", 1), Change::del("b"), Change::unset("a", "y")}, Durability::stored);
   store.write({Change::put("a", "T", "x", 1)}, Durability::volatile_);
   store.flush();
@@ -95,7 +95,7 @@ TEST(MemoryStore, AChangeThatIsNoneNotifiesNobody) {
   EXPECT_EQ(store.persisted, 2U);
   store.write({Change::put("a", "T", "x", 2)}, Durability::stored);
   store.flush();
-  EXPECT_EQ(mirror.batches, 1) << "unseen under the volatile value";
+  EXPECT_EQ(mirror.batches, 1) << "hidden by the volatile value";
   EXPECT_EQ(store.persisted, 3U);
 }
 

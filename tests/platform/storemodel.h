@@ -1,4 +1,4 @@
-// A model of a store in plain maps, and what compares a store with it.
+// A model of a store in plain maps, and helpers to compare a store with it.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -17,7 +17,7 @@ using Statedb::Record;
 using Statedb::Records;
 using Zel::Value;
 
-// By path and attribute; the empty attribute has the type.
+// By path and attribute; the empty attribute maps to the type.
 using Rows = std::map<std::pair<std::string, std::string>, Value>;
 
 inline bool isUnder(const std::string& path, const std::string& above) {
@@ -62,7 +62,7 @@ struct Model {
   };
   std::map<std::string, Entity> entities;
 
-  // Returns whether the store is to take it; the model counts only then.
+  // Returns whether the store must accept the change; if not, discard the model.
   bool apply(const Change& change, Durability durability) {
     const bool stored = durability == Durability::stored;
     const std::string path = change.row.path.text(), attribute = change.row.attribute.stdString();
@@ -97,7 +97,7 @@ struct Model {
     return std::any_of(entities.begin(), entities.end(),
                        [&](auto& each) { return isUnder(each.first, path) && each.second.isStored; });
   }
-  // What a process that starts again finds.
+  // A restart loses the volatile values.
   void restart() { withdraw(""); }
   Rows rows(const std::string& above = {}) const {
     Rows rows;
@@ -111,7 +111,7 @@ struct Model {
   }
 };
 
-// Keeps what it is notified of.
+// Applies its notifications to rows of its own.
 struct Mirror : Statedb::Subscriber {
   explicit Mirror(std::string thePath) : path(std::move(thePath)) {}
   void onSnapshot(const Records& records) override { rows = rowsOf(records); }
@@ -127,7 +127,7 @@ struct Mirror : Statedb::Subscriber {
   int batches = 0;
 };
 
-// A store that can be made to fail where it keeps its rows.
+// A store with injected failures of persist() and commit().
 template <class Base>
 struct Failing : Base {
   using Base::Base;

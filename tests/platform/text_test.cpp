@@ -12,7 +12,7 @@
 
 namespace {
 
-TEST(Name, EqualTextsAreOneNameAndLookUpsAddNothing) {
+TEST(Name, EqualStringsAreOneNameAndLookUpsAddNothing) {
   const std::string text = "Ethernet3/1";
   const Zel::Name name(text);
   EXPECT_EQ(name, Zel::Name("Ethernet3/1"));
@@ -26,7 +26,7 @@ TEST(Name, EqualTextsAreOneNameAndLookUpsAddNothing) {
   EXPECT_TRUE(Zel::Name("").empty());
 }
 
-TEST(Name, ManyNamesKeepTheirTexts) {
+TEST(Name, ManyNamesKeepTheirStrings) {
   std::vector<Zel::Name> names;
   for (int i = 0; i < 20000; ++i) names.emplace_back("many" + std::to_string(i));
   for (int i = 0; i < 20000; ++i)
@@ -49,7 +49,7 @@ TEST(String, SharesComparesAndJoins) {
   EXPECT_EQ(Zel::format("%s", ""), "");
 }
 
-TEST(Printable, ATerminalShowsATextAndActsOnNothingInIt) {
+TEST(Printable, EscapesWhateverATerminalWouldActOn) {
   const std::pair<std::string_view, const char*> cases[] = {
       {"Ethernet3/1", "Ethernet3/1"},
       {"Grün ✓ 灯 \xf0\x9f\x92\xa1", "Grün ✓ 灯 \xf0\x9f\x92\xa1"},
@@ -58,7 +58,7 @@ TEST(Printable, ATerminalShowsATextAndActsOnNothingInIt) {
       {"\xc2\x9b"
        "31m",
        R"(\x9B31m)"},                                       // CSI in one character
-      {"\x9b\xff\xe2\x82", R"(\x9B\xFF\xE2\x82)"},          // no UTF-8, the last because it is cut off
+      {"\x9b\xff\xe2\x82", R"(\x9B\xFF\xE2\x82)"},          // not UTF-8; the last sequence is cut off
       {"\xc0\x8a\xed\xa0\x80", R"(\xC0\x8A\xED\xA0\x80)"},  // an overlong line end, half a surrogate pair
       {"a\u202egpj\u2028b", R"(a\u202Egpj\u2028b)"}};
   for (const auto& [text, shown] : cases) {
@@ -67,7 +67,7 @@ TEST(Printable, ATerminalShowsATextAndActsOnNothingInIt) {
   }
 }
 
-TEST(Path, EveryNameIsOneComponentAndComesBack) {
+TEST(Path, EveryNameRoundTripsAsOneComponent) {
   for (const std::string name : {"Ethernet3/1", "100%", "a\nb", ".", "..", "plain name", "\x7f", "é"}) {
     const std::string component = Zel::escapeComponent(name);
     EXPECT_EQ(component.find('/'), std::string::npos);
@@ -86,7 +86,7 @@ TEST(Value, FieldsAreEqualWhateverTheirOrder) {
   EXPECT_NE(Zel::Value(1), Zel::Value(true));
 }
 
-TEST(LightSetting, ReadsItsFieldsAndSaysWhatIsWrong) {
+TEST(LightSetting, ReadsItsFieldsAndNamesTheFaultyOne) {
   using Traits = Zel::ValueTraits<Led::LightSetting>;
   const auto setting = Traits::fromValue(Zel::Value::Fields{{"green", true}, {"flashInterval", 1}});
   EXPECT_TRUE(setting.green);
@@ -110,7 +110,7 @@ TEST(LightSetting, ReadsItsFieldsAndSaysWhatIsWrong) {
   }
 }
 
-TEST(LightSetting, IsConvertedOnceForAllCopiesOfAValueUntilOneIsChanged) {
+TEST(LightSetting, IsConvertedOnceForAllCopiesOfAValueUntilOneChanges) {
   using Traits = Zel::ValueTraits<Led::LightSetting>;
   const Zel::Value first = Zel::Value::Fields{{"green", true}};
   Zel::Value second = first;
@@ -125,7 +125,7 @@ TEST(LightSetting, IsConvertedOnceForAllCopiesOfAValueUntilOneIsChanged) {
   EXPECT_FALSE(Traits::fromValue(first).red);
 }
 
-TEST(LightSetting, PrintsWhatIsNotDefault) {
+TEST(LightSetting, PrintsNonDefaultFields) {
   const auto text = [](const Led::LightSetting& setting) {
     std::ostringstream out;
     out << setting;

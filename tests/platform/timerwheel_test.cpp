@@ -1,4 +1,4 @@
-// The timer wheel, beside a std::multimap under random operations.
+// The timer wheel against a std::multimap under random operations.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -17,7 +17,7 @@ struct Item {
   TimerWheel::Timer timer = TimerWheel::kNone;
 };
 
-// Timers by their millisecond; std::multimap keeps those of one in the order of insertion.
+// Timers by millisecond; std::multimap keeps equal keys in the order of insertion.
 class Reference {
  public:
   using Items = std::multimap<double, Item*>;
@@ -141,8 +141,8 @@ TEST_F(TimerWheelTest, FollowsAReferenceUnderRandomOperations) {
   }
 }
 
-// From near and far, so that all levels meet in one millisecond.
-TEST_F(TimerWheelTest, TimersOfOneMillisecondAreDueInTheOrderOfArming) {
+// Armed from near and far, so that timers of all levels expire in one millisecond.
+TEST_F(TimerWheelTest, TimersOfOneMillisecondExpireInTheOrderOfArming) {
   for (const double time : {600.0, 524.2885 + 262.144, 524.2885 + 3 * 262.144}) {
     std::vector<Item> items(11);
     std::vector<Item*> all;

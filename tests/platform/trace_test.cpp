@@ -52,7 +52,7 @@ TEST_F(Trace, EveryHandleFollowsItsFacilityFromTheStart) {
   EXPECT_FALSE(first.enabled(31));
 }
 
-TEST_F(Trace, AHelperIsDisposedOfAlsoWhenStreamingThrows) {
+TEST_F(Trace, AHelperIsReleasedAlsoWhenStreamingThrows) {
   Zel::traceLevelsIs("TraceTest/*");
   const Zel::TraceHandle handle("TraceTest", false);
   const auto fail = [](std::ostream&) { throw std::runtime_error("no text"); };

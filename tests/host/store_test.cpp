@@ -26,7 +26,7 @@ using Zel::Value;
 
 using StoreModel::rowsOf;
 
-TEST(SqliteStore, AKilledProcessLosesNothingThatWasFlushedAndNothingElseIsThere) {
+TEST(SqliteStore, AfterAKillExactlyTheFlushedRowsAreThere) {
   const Folder folder;
   const pid_t child = ::fork();
   if (child == 0) {
@@ -45,7 +45,7 @@ TEST(SqliteStore, AKilledProcessLosesNothingThatWasFlushedAndNothingElseIsThere)
   EXPECT_EQ(rowsOf(store.read("")).at({"led", "n"}), Value(19));
 }
 
-TEST(SqliteStore, AFullDiskUndoesTheBatchAndTheStoreGoesOn) {
+TEST(SqliteStore, AFullDiskUndoesTheBatchAndTheStoreKeepsWorking) {
   const Folder folder;
   ::signal(SIGXFSZ, SIG_IGN);
   rlimit before{};
@@ -69,7 +69,7 @@ TEST(SqliteStore, AFullDiskUndoesTheBatchAndTheStoreGoesOn) {
   EXPECT_EQ(rowsOf(SqliteStore(folder.at("db")).read("")).at({"a", "x"}), Value(2));
 }
 
-// Why the file is not opened; "none" where it is.
+// The error of opening the file; "none" if it opens.
 std::string refusal(const std::string& file) {
   return Support::errorOf<StoreError>([&] { return SqliteStore(file).entities(); });
 }
@@ -82,7 +82,7 @@ void runSql(const std::string& file, const char* sql, const std::function<void(s
   sqlite3_close(connection);
 }
 
-TEST(SqliteStore, AFileThatIsNotItsOwnIsRefusedAndLeftAsItWas) {
+TEST(SqliteStore, AForeignFileIsRefusedAndNotChanged) {
   const Folder folder;
   contentIs(folder.at("text"), std::string(5000, 'x'));
   contentIs(folder.at("short"), "SQLite");
@@ -110,9 +110,8 @@ std::vector<std::string> filesIn(const Folder& folder) {
   return names;
 }
 
-// What a process leaves that is killed while it makes the file, of this program or of one that made it in
-// place.
-TEST(SqliteStore, AFileThatIsNotMadeWhollyIsMade) {
+// Remains of a process that was killed while it created the file, atomically or in place.
+TEST(SqliteStore, AnIncompleteFileIsReplaced) {
   constexpr const char* kId = "PRAGMA application_id = 0x50694C61; PRAGMA user_version = 1";
   using Make = void (*)(const Folder& folder, const std::string& file);
   const std::pair<const char*, Make> cases[] = {
@@ -159,7 +158,7 @@ TEST(SqliteStore, AFileThatIsNotMadeWhollyIsMade) {
   EXPECT_EQ(filesIn(folder), std::vector<std::string>{"db-wal"});
 }
 
-TEST(SqliteStore, RowsBeyondTheLimitsAreLeftOutAndReported) {
+TEST(SqliteStore, RowsBeyondTheLimitsAreSkippedAndReported) {
   const Folder folder;
   { SqliteStore(folder.at("db")).write({Change::put("kept", "T", "", {})}, Durability::stored); }
   runSql(folder.at("db"),
@@ -184,7 +183,7 @@ TEST(SqliteStore, HasOneOwnerAtATime) {
   EXPECT_NO_THROW(first->flush());
 }
 
-TEST(Stores, AUrlThatIsNoneSaysWhatWouldBe) {
+TEST(Stores, AnInvalidUrlIsRefused) {
   Host::Loop loop;
   for (const char* url :
        {"", "sqlite", "file:x", "sqlite:", "memory:x", "sqlite:/no/such/folder/db", "sqlite:/tmp"})

@@ -1,4 +1,4 @@
-// Every store under the same random operations and faults, beside a reference model in plain maps.
+// Every store under the same random operations and faults, against a reference model in plain maps.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -25,13 +25,13 @@ using ::testing::HasSubstr;
 
 constexpr const char* kLed = "Hardware::Led::LedConfig";
 
-// What the random operations choose from.
+// The choices of the random operations.
 struct Universe {
   std::vector<const char*> entities, removed, types, attributes;
   std::vector<Value> values;
 };
 
-// A store that keeps its rows in this process, and fails where it keeps them.
+// A store that keeps its rows in this process, with injected failures.
 template <class Kept>
 struct LocalStore {
   static const Universe& universe() {
@@ -53,7 +53,7 @@ struct LocalStore {
     store_->write(changes, durability, origin);
   }
   bool failsToPersistIs(bool fails) { return store_->failsToPersist = fails; }
-  // Returns whether the flush succeeded; one that fails undoes everything since the last.
+  // Returns whether the flush succeeded; a failed one undoes everything since the last.
   bool flush(bool fails) {
     store_->failsToCommit = fails;
     try {
@@ -68,7 +68,7 @@ struct LocalStore {
   bool runUntil(Condition isMet) {
     return isMet();
   }
-  // The process starts again: volatile values are gone, and so are the subscriptions.
+  // A restart: loses volatile values and subscriptions.
   void lose(bool, Model& model) {
     store_ = nullptr;
     store_ = kept_.open();
@@ -109,10 +109,10 @@ struct InSqlite {
   const Folder folder;
 };
 
-// A host that keeps the state, which can be taken away.
+// A host that keeps the state, and can be stopped.
 struct Keeper {
   Keeper(Host::Loop& loop, const std::string& socket, Rows& disk) : store(disk) { listen(loop, socket); }
-  // Ends the connections that there are.
+  // Closes existing connections.
   void listen(Host::Loop& loop, const std::string& socket) {
     control = nullptr;
     listener = nullptr;
@@ -130,7 +130,7 @@ struct Keeper {
   std::unique_ptr<Host::Control> control;
 };
 
-// The store of another host. Stored values are written there, volatile ones here.
+// The store of another host. Stored values are written there, volatile ones through the connection.
 struct RemoteStore {
   // Entities that the other host's types allow, in directories.
   static const Universe& universe() {
@@ -144,7 +144,7 @@ struct RemoteStore {
   static constexpr bool kIsLocal = false;
   static constexpr int kSteps = 600;
   static constexpr std::size_t kMostChanges = 1;
-  // The directories that the entities stand in, so that each can be removed.
+  // Makes the entities' directories, so that each can be removed.
   static Changes firstChanges() {
     Changes changes;
     for (const char* directory : {"a", "a/b", "b"})
@@ -176,7 +176,7 @@ struct RemoteStore {
       remote_->write(changes, durability, origin);
   }
   bool failsToPersistIs(bool) { return false; }
-  // Never undoes anything: a batch that can't be stored there is sent again.
+  // Never undoes anything: a batch that the host can't store is retried.
   bool flush(bool) { return true; }
   template <class Condition>
   bool runUntil(Condition isMet) {
@@ -186,12 +186,12 @@ struct RemoteStore {
       return condition();
     };
     if (!run([&] { return remote_->state().isReached && isMet(); })) return false;
-    // What is published again after a loss has arrived within some rounds.
+    // Rows published again after a loss arrive within some rounds.
     if (std::exchange(wasLost_, false))
       for (int rounds = 0; rounds < 100; ++rounds) loop_.runOnce();
     return run(isMet);
   }
-  // The connection ends, or the other host starts again; the store publishes its rows once more.
+  // The connection ends, or the host restarts; the store publishes its rows again.
   void lose(bool isConnectionAlone, Model&) {
     wasLost_ = true;
     if (isConnectionAlone) {
@@ -243,7 +243,7 @@ class Stores : public ::testing::Test {
     tested_.store().subscribe("", origin_);
   }
 
-  // One batch of 1 to kMostChanges, by a subscriber or by nobody.
+  // Writes one batch of 1 to kMostChanges changes, with or without an origin.
   void write(Durability durability, Statedb::Subscriber* origin) {
     Changes changes = Tested::firstChanges();
     const std::size_t first = changes.size();
@@ -270,7 +270,7 @@ class Stores : public ::testing::Test {
     tested_.failsToPersistIs(false);
   }
 
-  // The last operations, for a failure's message.
+  // Keeps the last operations, for a failure's message.
   void note(std::string operation, const Changes& changes = {}) {
     for (const Change& each : changes)
       operation += "; " + std::string(kKinds[static_cast<int>(each.kind)]) + ' ' + placeText(each.row);
@@ -316,7 +316,7 @@ TYPED_TEST(Stores, AreTheirModelUnderRandomOperationsAndFaults) {
     Statedb::Subscriber* const origin = this->oneIn(3) ? &this->origin_ : nullptr;
     const bool isElsewhere = !TypeParam::kIsLocal && durability == Durability::stored;
     if (origin) this->flush(false);
-    if (isElsewhere) expectEqual();  // writes of the two sides do not cross here
+    if (isElsewhere) expectEqual();  // so that writes of the two sides do not cross
     this->write(durability, isElsewhere ? nullptr : origin);
     if (TypeParam::kIsLocal) {
       EXPECT_EQ(this->tested_.rows(), this->model_.rows());

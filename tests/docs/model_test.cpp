@@ -1,4 +1,4 @@
-// docs/model.md is what the attribute tables say. To write it anew: PINLAMP_WRITE_DOCS=1 docs_test
+// docs/model.md is generated from the attribute tables. To regenerate it: PINLAMP_WRITE_DOCS=1 docs_test
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -84,7 +84,7 @@ std::string modelPage() {
   return out.str();
 }
 
-TEST(ModelPage, SaysWhatTheTablesSay) {
+TEST(ModelPage, MatchesTheAttributeTables) {
   const std::string page = modelPage();
   EXPECT_NE(page.find("## Pinlamp::GpioLedStateMachine"), std::string::npos)
       << "the agent's types are registered";

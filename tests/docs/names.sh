@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Checks that what the pages name is in the tree: files and folders, the targets of links, and functions as Class::name.
+# Checks that the files, folders, link targets and functions (Class::name) named in the pages exist in the tree.
 #   names.sh SOURCE
 set -euo pipefail
 cd "$1"

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Runs the shell examples of PAGE as a reader pastes them: all of them into one fresh shell, in an empty folder, with the
-# programs in BIN in its path. A page that sets the path itself gets the system's, and BIN as build/demo/bin, where
-# scripts/demo builds. The output must be what the page shows; times, process numbers and sizes of disks may differ.
+# Runs the shell examples of PAGE as a reader pastes them: all in one fresh shell, in an empty folder, with BIN in its
+# PATH. A page that sets PATH itself gets the system's, and BIN as build/demo/bin, where scripts/demo builds. The output
+# must match the page; only times, process numbers and disk sizes may differ.
 #   page.sh BIN PAGE
 # A block is indented by four blanks and begins with a "$ COMMAND" line; the lines after it are the command's output.
 # A fenced block with a file's name after its language ("```cpp agent.cpp") goes into that file, one after another.
@@ -21,7 +21,7 @@ fi
 
 awk '/^```[a-z]+ [^ ]+$/ { file = $2; next } /^```/ { file = "" } file { print > file }' "$page"
 
-# The examples: blocks of which the first line is a command.
+# The examples: blocks that start with a command.
 awk '
   /^    / && !before { inside = /^    \$ / }
   { before = /^    / }

@@ -88,7 +88,7 @@ class BatchReader {
     if (present.empty())
       checkNew(change.path, type);
     else if (type.name() != present)
-      throw ValueError("is there as a " + present.stdString() + "; delete it before putting a " +
+      throw ValueError("exists as a " + present.stdString() + "; delete it before putting a " +
                        type.name().stdString());
     checkAttributes(change, type);
     taken_.push_back({change, type.name()});

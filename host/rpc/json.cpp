@@ -89,7 +89,7 @@ class Reader {
       if (!names.insert(name).second) throwTwice(name);
   }
   [[noreturn]] static void throwTwice(const std::string& name) {
-    throw ValueError("the name '" + Zel::excerpt(name) + "' stands twice in one object");
+    throw ValueError("the name '" + Zel::excerpt(name) + "' appears twice in one object");
   }
 
   std::vector<Value*> open_;  // unfinished arrays and objects, outermost first

@@ -71,7 +71,7 @@ TEST_F(AgentTest, AnEntityThatKeepsItFromStartingIsNamed) {
               Statedb::Durability::stored);
   EXPECT_EQ(
       Support::errorOf<Zel::HandlerFault>([this] { mount(); }),
-      "agent 'lamps', doMountsComplete: null ValidPtr ('hardware/corvel/gpio/config/gpio7' is there as a "
+      "agent 'lamps', doMountsComplete: null ValidPtr ('hardware/corvel/gpio/config/gpio7' exists as a "
       "Zel::Dir, expected a Hardware::Gpio::CorvelPinConfig; delete that entity, from a host without this "
       "agent if this one can't start)");
 }

@@ -59,8 +59,8 @@ TEST(Json, InvalidJsonIsRefusedWithTheReason) {
       {"\"\xff\"", "not JSON at byte 2"},
       {"1e999", "a number is out of range"},
       {deep, "nested deeper than 64"},
-      {"{\"a\":1,\"b\":2,\"a\":3}", "the name 'a' stands twice"},
-      {many + "\"x\":0}", "the name '0' stands twice"},
+      {"{\"a\":1,\"b\":2,\"a\":3}", "the name 'a' appears twice"},
+      {many + "\"x\":0}", "the name '0' appears twice"},
   };
   for (const auto& [text, reason] : cases) {
     const auto error = Support::errorOf<Zel::ValueError>([&] { return Host::parseJson(text); });

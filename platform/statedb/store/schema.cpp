@@ -95,7 +95,7 @@ void checkPlace(std::string_view path, const Zel::TypeNode& type, const TypesAft
     throw Zel::ValueError("found type " + type.name().stdString() + ", expected " + wanted.stdString() +
                           " at this place");
   if (wanted.empty() && !type.newEntityForDir())
-    throw Zel::ValueError("type " + type.name().stdString() + " is not made in directories");
+    throw Zel::ValueError("type " + type.name().stdString() + " can't be put in a directory");
 }
 
 Path memberPath(Path above, const Zel::AttributeInfo& collection, Zel::Name member) {

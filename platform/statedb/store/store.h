@@ -49,7 +49,7 @@ class ZEL_API Subscriber {
   // Visible values that differ from what this subscriber's own batch wrote: a volatile value over a stored
   // one that it put, a stored one under a volatile one that it removed. Calls onChanges by default.
   virtual void onRevealed(const Changes& changes);
-  // Whether this process publishes at the path. It then owns the rows there, whoever wrote them first.
+  // Whether this process publishes at the path. It then owns the rows there, even those written by others.
   virtual bool publishes(Path) const { return false; }
 
  protected:

@@ -14,7 +14,7 @@ Dir::~Dir() { orphanChildren<&Dir::entries_>(); }
 namespace {
 
 void suspectType(const Entity& entity, const String& wanted) {
-  activityManager().suspectIs("'" + entity.path() + "' is there as a " + entity.fwkType().name().stdString() +
+  activityManager().suspectIs("'" + entity.path() + "' exists as a " + entity.fwkType().name().stdString() +
                               ", expected a " + wanted.stdString() +
                               "; delete that entity, from a host without this agent if this one can't start");
 }

@@ -23,7 +23,7 @@ constexpr std::size_t kGrain = 8;
 constexpr std::size_t kLargest = 256;  // larger objects come from operator new
 constexpr std::size_t kFirstBlock = 2 * 1024;
 constexpr std::size_t kLastBlock = 64 * 1024;
-// Beyond this size TLB misses dominate: use huge pages, where the system has them.
+// Beyond this size TLB misses dominate: use huge pages, if the system has them.
 constexpr std::size_t kManyBytes = 2 << 20;
 constexpr std::size_t kHugePage = 2 << 20;
 

@@ -71,7 +71,7 @@ class ZEL_API Value {
   void fieldIs(std::string_view name, Value value);
 
   // The struct that the fields were converted to, if noteConverted() noted one of that type; else null.
-  // Copies share it, so a value that was checked at the socket is not converted again where it is applied.
+  // Copies share it, so a value that was checked at the socket is not converted again when it is applied.
   template <class S>
   const S* converted() const {
     static_assert(std::is_trivially_copyable_v<S> && sizeof(S) <= kLargestStruct);

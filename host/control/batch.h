@@ -27,8 +27,8 @@ struct BatchContext {
   const std::vector<Statedb::EntityManager::MountInfo>& mounts;
   const Announcements& announcements;
   const Announcements::Process& writer;
-  // Whether a del of what is not there is left out instead of refused; who publishes volatile rows again
-  // after a lost connection can't know.
+  // Whether a del or unset is accepted where there is no entity: a client that publishes volatile rows again
+  // after a lost connection can't know. A del removes what stands under the path.
   bool lenient = false;
 };
 

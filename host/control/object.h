@@ -47,25 +47,30 @@ class Objects {
   // unless the access is writable.
   ObjectRef resolve(std::string_view path) const;
 
+  // Of a collection kListed keys or members are listed at most, as in `list`; how many were left out is
+  // counted in `omitted`, by attribute.
+  static constexpr std::size_t kListed = 4096;
+  struct Answer {
+    Zel::Value value{};
+    Zel::Value::Fields omitted{};
+  };
   // An object's value is a reference; an attribute's what it holds; a collection's the list of its keys; one
   // name's of a set of names the truth value beside it.
-  Zel::Value get(const std::string& path) const;
+  Answer get(const std::string& path) const;
   // For a collection, `arguments` are what makes a member; otherwise the one value. Texts stand for objects
   // as `call` says. Returns the member where one was made.
   Zel::Value set(const std::string& path, const Zel::Value::List& arguments) const;
   Zel::Value del(const std::string& path) const;
   // The keys of a collection or of a set of names.
-  Zel::Value iterate(const std::string& path) const;
+  Answer iterate(const std::string& path) const;
   // `path` names a procedure. A text given for an object is a path, or the name of an object of that type
   // that is found from where the path started: behind pointers, and in collections under that name.
   Zel::Value call(const std::string& path, const Zel::Value::List& arguments) const;
-  // The components that may follow, {"name", "kind", "type", "operations"} each. Of a collection's members
-  // kListed are listed at most; how many were left out is counted in `omitted`, by attribute.
+  // The components that may follow, {"name", "kind", "type", "operations"} each.
   struct Listing {
     Zel::Value::List components{};
     Zel::Value::Fields omitted{};
   };
-  static constexpr std::size_t kListed = 4096;
   Listing list(const std::string& path) const;
   // What lives at and under a path, each object once: {"path", "type", "members": […]}, and "seen" instead of
   // the members where the object stands further above. Of one collection kTreeMembers are listed at most, and

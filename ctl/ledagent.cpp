@@ -62,8 +62,15 @@ Json LedAgent::ask(const std::string& operation, const std::string& path) const 
 }
 
 bool LedAgent::hasMember(const std::string& collection, const std::string& name) const {
-  const Json keys = ask("iterate", collection);
-  return std::find(keys.begin(), keys.end(), Json(name)) != keys.end();
+  try {
+    ask("get", collection + '/' + escapeComponent(name));
+    return true;
+  } catch (const ConnectionLost&) {
+    throw;
+  } catch (const Refusal&) {
+    ask("iterate", collection);  // throws if there is no such collection
+    return false;
+  }
 }
 
 namespace {

@@ -13,6 +13,7 @@
 
 #include "host/host.h"
 #include "host/io/starterror.h"
+#include "host/store/stores.h"
 #include "platform/cell/cell.h"
 #include "platform/zel/core/printable.h"
 #include "platform/zel/core/trace.h"
@@ -44,8 +45,7 @@ auto checkedBy(Read read) {
 }
 
 void describe(CLI::App& app, CommandLine& line) {
-  app.add_option("--store", line.host.store,
-                 "where the state is kept: memory:, sqlite:FILE, or unix:SOCKET of another pinlampd")
+  app.add_option("--store", line.host.store, "where the state is kept: " + Host::storeUrls())
       ->type_name("URL")
       ->capture_default_str();
   app.add_option("--when-lost", line.whenLost,
@@ -105,6 +105,7 @@ void traceInto(const std::string& file) {
 
 void prepare(CommandLine& line) {
   std::signal(SIGHUP, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);  // a write beyond a file-size limit fails with EFBIG instead
   for (const std::string& agent : line.agents) line.host.agents.push_back(Host::AgentOption::parse(agent));
   if (!line.whenLost.empty()) line.host.whenLost = Host::Fallback::parse(line.whenLost);
   for (const std::string& levels : line.traces) Zel::traceLevelsIs(levels);

@@ -115,9 +115,10 @@ void printStatus(std::ostream& out, const Json& status, const Json& lines) {
                          shortNumber(status.at("worstLateness").get<double>() * 1000) + " ms"});
   table.add({"clients", text("clients")});
   table.add({"refusals", refusalsText(status)});
+  const Json& mounts = status.at("mounts");
+  table.add({"mounts", mounts.empty() ? "none" : ""});
   table.print(out);
-  out << "mounts\n";
-  printMounts(out, status.at("mounts"));
+  printMounts(out, mounts);
 }
 
 void showStatus(Context& context, bool json) {

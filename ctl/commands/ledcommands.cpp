@@ -7,6 +7,7 @@
 #include "ctl/ledagent.h"
 #include "ctl/ledwords.h"
 #include "ctl/output.h"
+#include "ctl/processes.h"
 #include "ctl/text.h"
 
 namespace Ctl {
@@ -70,9 +71,9 @@ std::set<std::string> strayPins(const std::vector<Lamp>& lamps, const PinValues&
 }
 
 // Asks the LED agent which LEDs the stray pins belong to, adds them there, and removes those from `stray`.
-void addStrayPins(Client& client, const Mirror& mirror, std::vector<Lamp>& lamps,
+void addStrayPins(Client& client, const Json& status, const Mirror& mirror, std::vector<Lamp>& lamps,
                   std::set<std::string>& stray) {
-  const LedAgent agent(client, client.call("status"));
+  const LedAgent agent(client, status);
   if (agent.runs() != true) return;
   for (Lamp& lamp : lamps) {
     if (stray.empty()) return;
@@ -90,18 +91,23 @@ void listLeds(Context& context, const std::vector<std::string>& patterns, bool j
   const auto known = lampsOf(mirror);
   auto lamps = selected(known, patterns);
   auto stray = strayPins(known, values);
-  if (!stray.empty()) addStrayPins(context.client(), mirror, lamps, stray);
+  const Json status = context.client().call("status");
+  const bool isStale = isFilled(status, Paths::kPins) == false;
+  if (!stray.empty()) addStrayPins(context.client(), status, mirror, lamps, stray);
   Json all = Json::array();
   Table table;
   table.add({"LED", "SETTING", "SHOWS", "PINS"});
   for (const Lamp& lamp : lamps) {
     table.add({lamp.name, lamp.settingText(), lamp.shownText(), pinsText(lamp, values)});
     all.push_back(lampJson(lamp, values));
+    all.back()["stale"] = isStale && lamp.driven;
   }
   if (json)
     printJson(context.out, all);
   else
     table.print(context.out);
+  if (isStale && std::ranges::any_of(lamps, &Lamp::mapped))
+    note(context, "no LED agent runs: the pins stay as they are, whatever is set");
   if (patterns.empty() && !stray.empty())
     note(context, "lit, but in no mapping: " + joined({stray.begin(), stray.end()}));
 }

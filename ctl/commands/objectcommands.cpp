@@ -8,10 +8,19 @@
 
 namespace Ctl {
 
+namespace {
+
+// The whole answer: {"value", "omitted"}.
+Json answerOf(Client& client, const std::string& operation, const std::string& path,
+              Json arguments = Json::array()) {
+  return client.call("object",
+                     {{"operation", operation}, {"path", path}, {"arguments", std::move(arguments)}});
+}
+
+}  // namespace
+
 Json callObject(Client& client, const std::string& operation, const std::string& path, Json arguments) {
-  return client
-      .call("object", {{"operation", operation}, {"path", path}, {"arguments", std::move(arguments)}})
-      .at("value");
+  return answerOf(client, operation, path, std::move(arguments)).at("value");
 }
 
 Json argumentOf(const std::string& text) {
@@ -49,11 +58,19 @@ void showTree(Context& context, const std::string& path, bool json) {
     context.out << "The answer was truncated; give the path of an object in the tree to see more of it.\n";
 }
 
+// The keys in an answer, and those that the host omitted.
+std::size_t keyCount(const Json& answer) {
+  std::size_t count = answer.at("value").size();
+  const Json omitted = answer.value("omitted", Json::object());
+  for (const Json& each : omitted) count += each.get<std::size_t>();
+  return count;
+}
+
 // The value of an attribute that is neither an object nor a collection.
 std::string objectText(Client& client, const std::string& path, const Json& attribute) {
   const std::string kind = attribute.at("kind");
   if (kind == "collection" || kind == "names")
-    return std::to_string(callObject(client, "iterate", path).size()) + " of " + bare(attribute.at("type"));
+    return std::to_string(keyCount(answerOf(client, "iterate", path))) + " of " + bare(attribute.at("type"));
   if (kind == "procedure" || kind == "member") return bare(attribute.at("type"));
   const Json value = callObject(client, "get", path);
   if (kind == "pointer") return value.is_null() ? "null" : bare(attribute.at("type"));
@@ -83,7 +100,8 @@ void printObject(Context& context, const std::string& path, const Json& object) 
 bool isObject(const Json& value) { return value.is_object() && value.contains("type"); }
 
 void getObject(Context& context, const std::string& path, bool json) {
-  const Json value = callObject(context.client(), "get", path);
+  const Json answer = answerOf(context.client(), "get", path);
+  const Json& value = answer.at("value");
   if (json)
     printJson(context.out, value);
   else if (isObject(value))
@@ -92,6 +110,9 @@ void getObject(Context& context, const std::string& path, bool json) {
     for (const Json& each : value) context.out << bare(each) << '\n';
   else
     context.out << bare(value) << '\n';
+  const Json omitted = answer.value("omitted", Json::object());
+  for (const auto& [attribute, count] : omitted.items())
+    note(context, count.dump() + " more in " + attribute + " are not shown");
 }
 
 void printResult(Context& context, const Json& value, bool json) {

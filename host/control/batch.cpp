@@ -45,7 +45,8 @@ class BatchReader {
     Batch batch;
     batch.errors = std::move(errors_);
     if (!batch.errors.empty()) return batch;
-    for (const auto& [change, type, isMount] : taken_) {
+    for (const auto& [change, type, isMount, isBlind] : taken_) {
+      if (isBlind && removesNothing(change)) continue;
       const std::size_t before = batch.changes.size();
       appendChanges(change, type, batch.changes);
       if (isMount) batch.mounts.push_back(batch.changes[before]);
@@ -58,7 +59,14 @@ class BatchReader {
     RequestedChange change;
     Zel::Name type;
     bool isMount = false;
+    bool isBlind = false;  // removes what stands at or under a path without an entity that is known here
   };
+
+  // Whether no row can have the path or name that the change removes, as neither was ever interned.
+  static bool removesNothing(const RequestedChange& change) {
+    return !Statedb::Path::existing(change.path) ||
+           (!change.attribute.empty() && !Zel::Name::existing(change.attribute));
+  }
 
   void refuse(const std::string& place, const ValueError& error) {
     if (errors_.size() < Batch::kMostErrors)
@@ -97,13 +105,10 @@ class BatchReader {
 
   void remove(const RequestedChange& change) {
     const Zel::Name present = types_.typeAt(change.path);
-    if (present.empty()) {
-      if (context_.lenient) return;
-      throw ValueError("there is no entity at this path");
-    }
-    if (change.kind == Change::Kind::unset)
+    if (present.empty() && !context_.lenient) throw ValueError("there is no entity at this path");
+    if (change.kind == Change::Kind::unset && !present.empty())
       Statedb::storedAttribute(Statedb::typeNamed(present.view()), change.attribute);
-    taken_.push_back({change, {}});
+    taken_.push_back({change, {}, false, present.empty()});
     if (change.kind == Change::Kind::del) types_.del(change.path);
   }
 

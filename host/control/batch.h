@@ -27,8 +27,8 @@ struct BatchContext {
   const std::vector<Statedb::EntityManager::MountInfo>& mounts;
   const Announcements& announcements;
   const Announcements::Process& writer;
-  // Whether to ignore a del of a missing entity instead of refusing it: a publisher that reconnects does not
-  // know which entities are there.
+  // Whether to accept a del or unset of a missing entity: a publisher that reconnects does not know which
+  // entities exist. A del removes what is under the path.
   bool lenient = false;
 };
 

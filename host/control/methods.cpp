@@ -311,10 +311,14 @@ std::size_t depthField(const Zel::Value& parameters) {
 
 Zel::Value::Fields resultOf(const Zel::Value& value) { return {{"value", Objects::describe(value)}}; }
 
-Zel::Value::Fields resultOf(Objects::Listing&& listing) {
-  Zel::Value::Fields result{{"value", std::move(listing.components)}};
-  if (!listing.omitted.empty()) result.emplace_back("omitted", std::move(listing.omitted));
+Zel::Value::Fields resultOf(Objects::Answer&& answer) {
+  auto result = resultOf(answer.value);
+  if (!answer.omitted.empty()) result.emplace_back("omitted", std::move(answer.omitted));
   return result;
+}
+
+Zel::Value::Fields resultOf(Objects::Listing&& listing) {
+  return resultOf(Objects::Answer{std::move(listing.components), std::move(listing.omitted)});
 }
 
 // The operations of the generic interface, by name.

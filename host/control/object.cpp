@@ -70,6 +70,24 @@ bool isStartUp(const ObjectRef& at) {
          at.object->fwkType().isA(Warden::CAgent::typeNode());
 }
 
+// Calls `add` with at most kListed keys of a collection or a set of names, and counts the rest in `omitted`.
+template <class Add>
+void forEachListed(const ObjectRef& at, const AttributeInfo& attribute, Value::Fields& omitted, Add add) {
+  const auto keys = attribute.keys(notifierOf(at));
+  const std::size_t listed = std::min(keys.size(), Objects::kListed);
+  for (const Zel::Name key : std::span(keys).first(listed)) add(key);
+  if (keys.size() > listed)
+    omitted.emplace_back(attribute.name, static_cast<std::int64_t>(keys.size() - listed));
+}
+
+Objects::Answer keysOf(const ObjectRef& at) {
+  Objects::Answer answer;
+  Value::List keys;
+  forEachListed(at, *at.attribute, answer.omitted, [&](Zel::Name key) { keys.emplace_back(key.view()); });
+  answer.value = std::move(keys);
+  return answer;
+}
+
 }  // namespace
 
 ObjectRef Objects::resolve(std::string_view path) const {
@@ -97,18 +115,19 @@ void Objects::expectWritable() const {
         "--allow-object-writes");
 }
 
-Value Objects::get(const std::string& path) const {
+Objects::Answer Objects::get(const std::string& path) const {
   const ObjectRef at = resolve(path);
-  if (!at.attribute) return Value::Object{at.object, at.isConst};
-  if (at.key && at.attribute->kind == Kind::names) return nameValue(at);
+  if (!at.attribute) return {Value::Object{at.object, at.isConst}};
+  if (at.key && at.attribute->kind == Kind::names) return {nameValue(at)};
   expectSupported(at, Operation::get);
-  return perform(at, Operation::get, {});
+  if (at.attribute->kind == Kind::collection) return keysOf(at);
+  return {perform(at, Operation::get, {})};
 }
 
-Value Objects::iterate(const std::string& path) const {
+Objects::Answer Objects::iterate(const std::string& path) const {
   const ObjectRef at = resolve(path);
   expectSupported(at, Operation::iterate);
-  return perform(at, Operation::iterate, {});
+  return keysOf(at);
 }
 
 Value Objects::set(const std::string& path, const Value::List& arguments) const {
@@ -227,13 +246,10 @@ Value componentValue(std::string name, const char* kind, std::string type, Value
 }
 
 void addKeys(Objects::Listing& listing, const ObjectRef& at, const AttributeInfo& attribute) {
-  const auto keys = attribute.keys(notifierOf(at));
-  const std::size_t listed = std::min(keys.size(), Objects::kListed);
-  for (const Zel::Name key : std::span(keys).first(listed))
+  forEachListed(at, attribute, listing.omitted, [&](Zel::Name key) {
     listing.components.push_back(
         componentValue(Zel::escapeComponent(key.view()), "member", attribute.type(), Value::List{}));
-  if (keys.size() > listed)
-    listing.omitted.emplace_back(attribute.name, static_cast<std::int64_t>(keys.size() - listed));
+  });
 }
 
 // The valid next components after an object or a collection.

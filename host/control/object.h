@@ -45,25 +45,30 @@ class Objects {
   // the object's own operation throws. set, del and call throw ValueError unless the access is writable.
   ObjectRef resolve(std::string_view path) const;
 
+  // get, iterate and list return at most kListed keys or members of a collection; `omitted` counts the others,
+  // by attribute.
+  static constexpr std::size_t kListed = 4096;
+  struct Answer {
+    Zel::Value value{};
+    Zel::Value::Fields omitted{};
+  };
   // A reference for an object, the value of an attribute, an array of keys for a collection, a boolean for
   // a name in a set.
-  Zel::Value get(const std::string& path) const;
+  Answer get(const std::string& path) const;
   // For a collection, `arguments` are those of its setter; otherwise the one value. Strings resolve to
   // objects as in `call`. Returns the added member, if any.
   Zel::Value set(const std::string& path, const Zel::Value::List& arguments) const;
   Zel::Value del(const std::string& path) const;
   // The keys of a collection or of a set of names.
-  Zel::Value iterate(const std::string& path) const;
+  Answer iterate(const std::string& path) const;
   // Invokes the procedure at `path`. A string given for an object is a path, or the name of an object of that
   // type, which is searched from the start of `path` through pointers and collections.
   Zel::Value call(const std::string& path, const Zel::Value::List& arguments) const;
-  // The valid next components, each {"name", "kind", "type", "operations"}. Lists at most kListed members of
-  // a collection; `omitted` counts the others, by attribute.
+  // The valid next components, each {"name", "kind", "type", "operations"}.
   struct Listing {
     Zel::Value::List components{};
     Zel::Value::Fields omitted{};
   };
-  static constexpr std::size_t kListed = 4096;
   Listing list(const std::string& path) const;
   // The objects at and under a path: {"path", "type", "members": […]}, with "seen" instead of the members if
   // the object was listed already. Lists at most kTreeMembers of one collection and kTreeObjects altogether;

@@ -24,6 +24,12 @@ bool PublishedRows::Unknown::touches(const Change& change) const {
   return covers(change.row.path) || set.contains({change.row.path, change.row.attribute});
 }
 
+void PublishedRows::Unknown::forget(Path path) {
+  const auto isOther = [&](const auto& each) { return each.first != path; };
+  const auto first = set.lower_bound({path, {}});
+  set.erase(first, std::find_if(first, set.end(), isOther));
+}
+
 // Whether something that was made or set here, at or under the path, is not known there yet.
 bool PublishedRows::anyUnknown(Path path) const {
   const auto isMade = [&](const auto& each) {
@@ -38,7 +44,7 @@ void PublishedRows::forget(Path path) {
 
 void PublishedRows::put(const Row& row, Unknown* note) {
   const auto [place, added] = entities_.try_emplace(row.path, Record{row.path, row.type, {}});
-  if (added && note) note->set.insert({row.path, {}});
+  if (note && (added || row.attribute.empty())) note->set.insert({row.path, {}});
   if (row.attribute.empty()) return;
   auto& attributes = place->second.attributes;
   const auto found = std::ranges::find(attributes, row.attribute, &Attribute::name);
@@ -71,10 +77,7 @@ void PublishedRows::write(const Changes& changes) {
 
 void PublishedRows::remove(Path path) {
   path.forEachUnder([this](Path each) {
-    if (entities_.erase(each) == 0) return;
-    const auto isOther = [&](const auto& set) { return set.first != each; };
-    const auto first = unsent_.set.lower_bound({each, {}});
-    unsent_.set.erase(first, std::find_if(first, unsent_.set.end(), isOther));
+    if (entities_.erase(each) != 0) unsent_.forget(each);
   });
   unsent_.removed.insert(path);
 }
@@ -107,6 +110,22 @@ Changes PublishedRows::send() {
 void PublishedRows::acknowledged() {
   underWay_ = {};
   sending_ = false;
+}
+
+void PublishedRows::refused(const Change& change) {
+  const auto& [path, type, attribute, value] = change.row;
+  const auto entity = entities_.find(path);
+  if (change.kind != Change::Kind::put || entity == entities_.end()) return;
+  const auto isWrittenSince = [&](Zel::Name name) { return unsent_.set.contains({path, name}); };
+  auto& attributes = entity->second.attributes;
+  if (attribute.empty()) {
+    underWay_.forget(path);
+    std::erase_if(attributes, [&](const Attribute& each) { return !isWrittenSince(each.name); });
+    if (attributes.empty() && !isWrittenSince({})) entities_.erase(entity);
+  } else {
+    underWay_.set.erase({path, attribute});
+    if (!isWrittenSince(attribute)) unset(path, attribute);
+  }
 }
 
 void PublishedRows::lost() {
@@ -179,9 +198,10 @@ Records PublishedRows::over(const Records& snapshot, Path path) {
 // Returns whether the change stands against what will be overwritten from here.
 bool PublishedRows::takeNote(const Change& change) {
   const Path path = change.row.path;
-  if (unsent_.touches(change) || underWay_.touches(change)) return false;
+  if (isRemoved(path)) return false;
   // Everything that stood there went; what is kept here must be sent again.
-  if (change.kind == Change::Kind::del && anyUnknown(path)) return sendAgain(path), false;
+  if (change.kind == Change::Kind::del && anyUnknown(path)) return sendAgain(path), true;
+  if (unsent_.touches(change) || underWay_.touches(change)) return false;
   if (change.kind == Change::Kind::del) {
     forget(path);
   } else if (change.kind == Change::Kind::unset) {
@@ -195,8 +215,22 @@ bool PublishedRows::takeNote(const Change& change) {
 
 Changes PublishedRows::received(const Changes& changes) {
   Changes accepted;
-  std::ranges::copy_if(changes, std::back_inserter(accepted), [this](auto& each) { return takeNote(each); });
+  for (const Change& each : changes) {
+    if (!takeNote(each)) continue;
+    accepted.push_back(each);
+    if (each.kind == Change::Kind::del) appendRows(each.row.path, accepted);
+  }
   return accepted;
+}
+
+void PublishedRows::appendRows(Path under, Changes& changes) const {
+  under.forEachUnder([&](Path path) {
+    const auto entity = entities_.find(path);
+    if (entity == entities_.end()) return;
+    const auto& [at, type, attributes] = entity->second;
+    changes.push_back(Change::put(at, type, {}, {}));
+    for (const Attribute& each : attributes) changes.push_back(Change::put(at, type, each.name, each.value));
+  });
 }
 
 Changes PublishedRows::revealed(const Changes& changes) const {

@@ -28,15 +28,19 @@ class PublishedRows {
   // The changes that the other side does not have, as one batch, under way until acknowledged or lost.
   // Removals precede the puts that replace them.
   Statedb::Changes send();
-  // The other side has taken the batch that was under way, or refused it for good.
+  // The other side has answered for all of the batch that was under way.
   void acknowledged();
+  // The other side refused a change of that batch, and would again: drops the value, or the entity where it
+  // was refused altogether, unless it was written again since.
+  void refused(const Statedb::Change& change);
   // The connection is lost, and the other side drops this process's rows: send everything again.
   void lost();
 
   // A snapshot of the other side with the rows published here over it. Sorted as a person reads it; valid
   // until either changes.
   Statedb::Records over(const Statedb::Records& snapshot, Statedb::Path path);
-  // The changes of another process, less those that will be overwritten from here; notes the rest.
+  // The changes of another process, less those that will be overwritten from here; notes the rest. A del is
+  // followed by the rows that are sent again because of it: what others wrote there is gone.
   Statedb::Changes received(const Statedb::Changes& changes);
   // The values that became visible when the other side carried out removals of this process, less those that
   // will be overwritten.
@@ -53,6 +57,8 @@ class PublishedRows {
     // Whether the path or something above it was removed.
     bool covers(Statedb::Path path) const;
     bool touches(const Statedb::Change& change) const;
+    // Leaves out what was set at the path.
+    void forget(Statedb::Path path);
   };
 
   void put(const Statedb::Row& row, Unknown* note);
@@ -64,6 +70,8 @@ class PublishedRows {
   void sendAgain(Statedb::Path path);
   // Forgets the entities at and under a path.
   void forget(Statedb::Path path);
+  // Appends puts of the entities at and under a path.
+  void appendRows(Statedb::Path under, Statedb::Changes& changes) const;
   bool isRemoved(Statedb::Path path) const { return unsent_.covers(path) || underWay_.covers(path); }
 
   std::unordered_map<Statedb::Path, Statedb::Record> entities_;  // as they stand here

@@ -35,19 +35,22 @@ struct Scheme {
 constexpr Scheme kSchemes[] = {
     {"memory:", "memory:", makeMemory},
     {"sqlite:", "sqlite:FILE", makeSqlite},
-    {"unix:", "unix:SOCKET", makeUnix},
+    {"unix:", "unix:SOCKET (of another pinlampd)", makeUnix},
 };
 
 }  // namespace
 
+std::string storeUrls() {
+  std::string urls;
+  for (const Scheme& scheme : kSchemes) urls += (urls.empty() ? "" : ", ") + std::string(scheme.usage);
+  return urls;
+}
+
 std::unique_ptr<Store> makeStore(const std::string& url, Loop& loop, Report report) {
-  std::string known;
-  for (const Scheme& scheme : kSchemes) {
+  for (const Scheme& scheme : kSchemes)
     if (url.starts_with(scheme.prefix))
       return scheme.make(url.substr(std::string_view(scheme.prefix).size()), loop, report);
-    known += (known.empty() ? "" : ", ") + std::string(scheme.usage);
-  }
-  throw StoreError("store '" + url + "': of no known kind; known: " + known);
+  throw StoreError("store '" + url + "': of no known kind; known: " + storeUrls());
 }
 
 }  // namespace Host

@@ -265,6 +265,18 @@ void UnixStore::refusePart(const std::string& why) {
   const Statedb::Row& row = part.front().row;
   const std::string place = why.starts_with(row.path.text()) ? "" : placeText(row) + ": ";
   report_("state database " + url() + " refused what was published: " + place + why);
+  published_.refused(part.front());
+  if (part.front().kind == Change::Kind::put && row.attribute.empty()) dropValuesOf(row.path);
+}
+
+// They follow the refused entity, and would be refused for the same reason.
+void UnixStore::dropValuesOf(Path path) {
+  for (; !parts_.empty(); parts_.pop_front()) {
+    Changes& next = parts_.front();
+    const auto isOther = [&](const Change& each) { return each.row.path != path; };
+    next.erase(next.begin(), std::ranges::find_if(next, isOther));
+    if (!next.empty()) return;
+  }
 }
 
 void UnixStore::notifyOthers(const Changes& changes, const Subscriber* origin) {

@@ -71,6 +71,7 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
   void sendParts();
   void onWritten(const Zel::Value& reply);
   void refusePart(const std::string& why);
+  void dropValuesOf(Statedb::Path path);
 
   Loop& loop_;
   const std::string socket_;

@@ -138,6 +138,9 @@ TEST_F(Commands, LedListShowsSettingsPinsAndLitColours) {
   EXPECT_THAT(ctl({"led", "list", "PowerSupply2"}).out,
               HasSubstr("PowerSupply2  red      red    green:psu2_g=0 red:psu2_r=1"));
   EXPECT_THAT(ctl({"led", "list", "Beacon"}).out, HasSubstr("green, flash 1 s  -"));
+  const Outcome stale = ctl({"led", "list", "PowerSupply2", "--json"});
+  EXPECT_EQ(Json::parse(stale.out)[0].at("stale"), true);
+  EXPECT_EQ(stale.err, "note: no LED agent runs: the pins stay as they are, whatever is set\n");
   EXPECT_THAT(ctl({"panel", "--once"}).out, HasSubstr("PowerSupply2    red           red\n"));
 }
 

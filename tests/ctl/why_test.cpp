@@ -139,6 +139,7 @@ TEST_F(WhyInProcesses, TheLedAgentIsFoundInAnyProcess) {
   EXPECT_THAT(run(host, {"led", "list"}).out, HasSubstr("green:g=1 green:old=1(no longer mapped)"));
   const std::string status = run(host, {"status"}).out;
   EXPECT_THAT(status, HasSubstr("1 configured, 1 mapped, 7 machines"));
+  EXPECT_THAT(status, testing::ContainsRegex("\nmounts +none\n"));
   EXPECT_THAT(status, HasSubstr("8 led (l.so): not counted here: can't reach pinlampd at /no/such.sock"));
 
   socket = "/gone";

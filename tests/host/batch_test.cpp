@@ -18,7 +18,7 @@ const std::map<std::string, std::string, std::less<>> kThere = {
     {kLeds + "Status", "Hardware::Led::LedConfig"},
 };
 
-Host::Batch batchOf(const Json& changes) {
+Host::Batch batchOf(const Json& changes, bool lenient = false) {
   const auto typeAt = [](std::string_view path) {
     const auto found = kThere.find(path);
     return found == kThere.end() ? Zel::Name() : Zel::Name(found->second);
@@ -26,7 +26,7 @@ Host::Batch batchOf(const Json& changes) {
   Host::Announcements announcements;
   const Host::Announcements::Process writer(announcements);
   const Zel::Value list = Host::parseJson(changes.dump());
-  return Host::readBatch(*list.as<Zel::Value::List>(), {typeAt, {}, announcements, writer});
+  return Host::readBatch(*list.as<Zel::Value::List>(), {typeAt, {}, announcements, writer, lenient});
 }
 
 Json put(const std::string& path, const char* type = nullptr, const Json& attributes = nullptr) {
@@ -95,6 +95,17 @@ TEST(Batch, ValidChangesBecomeRows) {
   ASSERT_EQ(batch.changes.size(), 6U);
   EXPECT_EQ(batch.changes[1].row.attribute, "lightSetting");
   EXPECT_EQ(batch.changes[3].row.path, Statedb::Path(kLeds + "Status"));
+}
+
+TEST(Batch, LenientRemovalsNeedNoEntityAndInternNothing) {
+  const Json unset = {{"op", "unset"}, {"path", "hardware/led"}, {"attribute", "neverNamed"}};
+  const auto batch =
+      batchOf({put("rowless/a", "Zel::Dir"), del("rowless"), del("rowless/b/never"), unset}, true);
+  EXPECT_THAT(batch.errors, ElementsAre());
+  ASSERT_EQ(batch.changes.size(), 2U);
+  EXPECT_EQ(batch.changes[1].row.path, "rowless");
+  EXPECT_FALSE(Statedb::Path::existing("rowless/b/never"));
+  EXPECT_FALSE(Zel::Name::existing("neverNamed"));
 }
 
 TEST(Batch, StepsAreCheckedAgainstEarlierOnes) {

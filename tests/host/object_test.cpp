@@ -85,9 +85,9 @@ class ObjectsTest : public testing::Test {
 };
 
 TEST_F(ObjectsTest, PathsLeadThroughPointersCollectionsAndDirectories) {
-  EXPECT_EQ(objects.get("agent/system/gpioLeds/A%2F1/gpioRed/p/value"), Value(0));
-  EXPECT_EQ(objects.get("driver/system/gpioLeds"), Value(Value::List{"A/1"}));
-  EXPECT_EQ(objects.get("d/p/value"), Value(0));
+  EXPECT_EQ(objects.get("agent/system/gpioLeds/A%2F1/gpioRed/p/value").value, Value(0));
+  EXPECT_EQ(objects.get("driver/system/gpioLeds").value, Value(Value::List{"A/1"}));
+  EXPECT_EQ(objects.get("d/p/value").value, Value(0));
   EXPECT_EQ(objects.set("d/p/value", {1}), Value());
   EXPECT_EQ(pin->value(), 1U);
   EXPECT_EQ(objects.del("agent/system/gpioLeds/A%2F1/gpioRed/p").as<Value::Object>()->pointer, pin);
@@ -97,20 +97,20 @@ TEST_F(ObjectsTest, PathsLeadThroughPointersCollectionsAndDirectories) {
   objects.del("d/p");
   EXPECT_EQ(pin->parent(), nullptr);
   objects.set("d/entries/e", {"Zel::Dir"});
-  EXPECT_EQ(objects.get("d/e/name"), Value("e"));
+  EXPECT_EQ(objects.get("d/e/name").value, Value("e"));
 
   driver->seen_ = pin;
   objects.set("agent/watchers", {"p"});
-  EXPECT_EQ(objects.get("agent/watchers/p").as<Value::Object>()->pointer, driver->watchers_.find("p"));
+  EXPECT_EQ(objects.get("agent/watchers/p").value.as<Value::Object>()->pointer, driver->watchers_.find("p"));
   EXPECT_EQ(*objects.tree("agent/watchers/p", 16).field("type"), Value("Test::Watcher"));
   EXPECT_NE(objects.del("agent/watchers/p"), Value());
 
   const auto mapping = Zel::allocate<Hardware::Gpio::GpioLedConfig>("m");
   dir->entryIs(mapping);
   mapping->gpioRedNameIs("a", true);
-  EXPECT_EQ(objects.get("m/gpioRedName/a"), Value(true));
+  EXPECT_EQ(objects.get("m/gpioRedName/a").value, Value(true));
   mapping->gpioRedNameIs("a", false);
-  EXPECT_EQ(objects.get("m/gpioRedName/a"), Value(false));
+  EXPECT_EQ(objects.get("m/gpioRedName/a").value, Value(false));
 }
 
 TEST_F(ObjectsTest, RefusesWithTheReasonAndInternsNothing) {
@@ -179,9 +179,9 @@ TEST_F(ObjectsTest, RefusesWithTheReasonAndInternsNothing) {
 
 TEST_F(ObjectsTest, ReportsTheNextWakeUp) {
   const Zel::System::ManualTime time(10.0);
-  EXPECT_FALSE(Host::Objects::describe(objects.get("driver")).field("wakesIn"));
+  EXPECT_FALSE(Host::Objects::describe(objects.get("driver").value).field("wakesIn"));
   driver->wakesAt = 10.5;
-  EXPECT_EQ(*Host::Objects::describe(objects.get("driver")).field("wakesIn"), Value(0.5));
+  EXPECT_EQ(*Host::Objects::describe(objects.get("driver").value).field("wakesIn"), Value(0.5));
 }
 
 TEST_F(ObjectsTest, AStringMayNameAnObjectOrItsPath) {
@@ -223,6 +223,10 @@ TEST_F(ObjectsTest, LongAnswersAreTruncatedAndReportIt) {
       std::ranges::count(listing.components, Value("member"), [](auto& each) { return *each.field("kind"); }),
       Host::Objects::kListed);
   EXPECT_EQ(listing.omitted, (Value::Fields{{"entries", 5}}));
+  for (const auto& keys : {objects.iterate("wide/entries"), objects.get("wide/entries")}) {
+    EXPECT_EQ(size(keys.value), Host::Objects::kListed);
+    EXPECT_EQ(keys.omitted, (Value::Fields{{"entries", 5}}));
+  }
 
   const std::string text = errorOf([&] { objects.get("inner1/e777"); });
   EXPECT_EQ(text.find("there is no 'e777'; known: e77, e7, e70, "), 0U) << text;

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 
 #include <csignal>
@@ -153,6 +154,34 @@ TEST(Pinlampd, ClientsWriteLiveObjectsOnlyIfAllowed) {
     EXPECT_THAT(answer.value_or("none"), HasSubstr(allowed ? "only the host starts an agent"
                                                            : "start pinlampd with --allow-object-writes"));
   }
+}
+
+TEST(Pinlampd, AFileSizeLimitFailsTheWriteAndNotTheProcess) {
+  const Folder folder;
+  NotifySocket notify(folder.at("notify"));
+  rlimit before{};
+  ::getrlimit(RLIMIT_FSIZE, &before);
+  const rlimit limit{rlim_t{256} << 10, before.rlim_max};
+  ::setrlimit(RLIMIT_FSIZE, &limit);  // for the child
+  Process process(folder, {"--socket", folder.at("socket"), "--store", "sqlite:" + folder.at("db")},
+                  folder.at("notify"));
+  ::setrlimit(RLIMIT_FSIZE, &before);
+  ASSERT_TRUE(notify.receives("READY=1", "WATCHDOG=1")) << process.errors();
+  Client client(folder.at("socket"));
+  const auto answerTo = [&](const std::string& text) {
+    client.send(R"({"jsonrpc":"2.0","id":1,"method":"write","params":{"changes":[{"op":"put","path":"led",)"
+                R"("type":"Hardware::Gpio::GpioLineStatus","attributes":{"error":")" +
+                text + "\"}}]}}\n");
+    std::optional<std::string> answer;
+    while (!answer && !client.ended()) answer = client.line();
+    return answer.value_or("none");
+  };
+  EXPECT_THAT(answerTo("small"), HasSubstr("written"));
+  EXPECT_THAT(answerTo(std::string(100'000, 't')), HasSubstr("written"));
+  EXPECT_THAT(answerTo(std::string(200'000, 't')), HasSubstr(R"("error":{"code":2)"));
+  EXPECT_THAT(answerTo("small again"), HasSubstr("written"));
+  process.signal(SIGTERM);
+  EXPECT_EQ(process.exitStatus(), 0);
 }
 
 TEST(Pinlampd, ExitsWith2OnAWrongCommandLineAnd1OnARefusedStart) {

@@ -82,6 +82,8 @@ check "the pin values outlive the LED agent" 011 "$(pins g r s)"
 check "and the line agent still drives them" true "$(line r driven)"
 check "status reports it" "0 machines" "$(pinlampctl status | part "0 machines")"
 check "and why does" "no LED agent runs" "$(pinlampctl why Fan1 | part "no LED agent runs")"
+check "and led list" "no LED agent runs" "$(pinlampctl led list 2>&1 | part "no LED agent runs")"
+check "also as JSON" '"stale": true' "$(pinlampctl led list Fan1 --json 2>/dev/null | part '"stale": true')"
 record
 led_host
 pinlampctl led set Fan1 green red

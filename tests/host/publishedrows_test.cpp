@@ -95,6 +95,7 @@ TEST(PublishedRows, BothSidesComeToTheSameRowsAndNothingPublishedIsLost) {
           [&] {
             line.publish({Change::put(path, "Pin", "", {}), put(value)});
           },
+          [&] { line.publish({Change::put(path, "Pin", "", {})}); },
           [&] { line.publish({Change::unset(path, "value")}); },
           [&] { write(put(value), Durability::volatile_); },
           [&] { write(put(3 + value), Durability::stored); },
@@ -133,6 +134,19 @@ TEST(PublishedRows, WhatAPredecessorPublishedIsSentAgainAsItStandsHere) {
       rows,
       (Rows{
           {{"out/a", ""}, "Pin"}, {{"out/a", "value"}, 1}, {{"out/b", ""}, "Pin"}, {{"out/b", "value"}, 5}}));
+}
+
+TEST(PublishedRows, AnEntityThatIsPutOnceMoreOutlivesARemovalThatCrosses) {
+  Host::PublishedRows own;
+  own.write({Change::put("out/a", "Pin", "", {}), Change::put("out/a", "Pin", "value", 1)});
+  own.send();
+  own.acknowledged();
+  own.write({Change::put("out/a", "Pin", "", {})});
+  Rows here{{{"out/a", ""}, "Pin"}, {{"out/a", "value"}, 1}, {{"out/a", "theirs"}, 2}}, there;
+  carryInto(here, own.received({Change::del("out")}));
+  carryInto(there, own.send());
+  EXPECT_EQ(here, (Rows{{{"out/a", ""}, "Pin"}, {{"out/a", "value"}, 1}}));
+  EXPECT_EQ(there, here);
 }
 
 }  // namespace

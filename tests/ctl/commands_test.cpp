@@ -1,9 +1,11 @@
 #include <gmock/gmock.h>
 
+#include <future>
 #include <sstream>
 
 #include "ctl/appliance.h"
 #include "tests/ctl/testhost.h"
+#include "tests/host/client.h"
 #include "tests/host/folder.h"
 
 namespace Ctl {
@@ -224,6 +226,41 @@ TEST(WithoutHost, ErrorSaysHowToStartIt) {
   EXPECT_THAT(refused.err, testing::AllOf(HasSubstr("/tmp/no.sock: there is no such socket"),
                                           HasSubstr("pinlampd --store")));
   EXPECT_EQ(run({"--socket", std::string(200, 'x'), "status"}).status, 2);
+}
+
+// Accepts one client, and closes its connection after one answer.
+Outcome typesFrom(const std::string& answer) {
+  const Folder folder;
+  const std::string socket = folder.at("socket");
+  const sockaddr_un address = addressOf(socket);
+  const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  EXPECT_EQ(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  EXPECT_EQ(listen(listener, 1), 0);
+  auto outcome = std::async(std::launch::async, [&] { return run({"--socket", socket, "types"}); });
+  const int connection = accept(listener, nullptr, nullptr);
+  char request[256];
+  EXPECT_GT(recv(connection, request, sizeof request, 0), 0);
+  EXPECT_EQ(send(connection, answer.data(), answer.size(), MSG_NOSIGNAL), ssize_t(answer.size()));
+  close(connection);
+  close(listener);
+  return outcome.get();
+}
+
+TEST(AnswersOfNoHost, AreRefusedInOneLine) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"", "closed the connection"},
+      {"{\"result\": {\"types\": []}}", "closed the connection"},
+      {"HTTP/1.1 400 \x1b[2J\n", "sent an invalid message: HTTP/1.1 400 \\x1B[2J"},
+      {"[]\n", "sent an invalid message: []"},
+      {"{\"result\": {\"types\": 7}}\n", "sent an unexpected message"},
+      {"{\"result\": {}}\n", "sent an unexpected message"},
+      {"{\"error\": \"no\"}\n", "no"}};
+  for (const auto& [answer, text] : cases) {
+    const Outcome refused = typesFrom(answer);
+    EXPECT_EQ(refused.status, 1) << answer;
+    EXPECT_THAT(refused.err, testing::AllOf(StartsWith("pinlampctl: "), HasSubstr(text)));
+    EXPECT_EQ(std::count(refused.err.begin(), refused.err.end(), '\n'), 1) << refused.err;
+  }
 }
 
 TEST(Help, EveryCommandHasAnExample) {

@@ -1,8 +1,6 @@
 // The agent's start and end, and the tables of its classes.
 #include "agent/agent.h"
 
-#include <map>
-
 #include "agent/factory.h"
 #include "platform/statedb/store/memorystore.h"
 #include "platform/zel/entity/generic.h"
@@ -119,62 +117,19 @@ TEST_F(AgentTest, AFailedMountStopsTheProcess) {
                "Ptr&\\): Assertion `status == Statedb::mountSuccess_' failed");
 }
 
-// Performs every operation on every row of a type's own table, with the arguments that `arguments` has under
-// "OPERATION NAME".
-void tryAll(Zel::Notifier& target, const std::map<std::string, Value::List>& arguments) {
-  const Zel::TypeNode& type = target.fwkType();
-  for (Zel::AttributeIndex index = type.firstIndex(); index < type.endIndex(); ++index) {
-    const auto& row = type.attribute(index);
-    for (const Operation operation :
-         {Operation::invoke, Operation::get, Operation::set, Operation::del, Operation::iterate}) {
-      const std::string what = std::string(operationText(operation)) + " " + row.name;
-      const auto found = arguments.find(what);
-      const auto given = found == arguments.end() ? Value::List{} : found->second;
-      if (row.kind == Zel::Kind::reserved || allows(row.operations, operation))
-        EXPECT_NO_THROW(GenericIf::perform(target, operation, index, given)) << what;
-      else
-        EXPECT_THROW(GenericIf::perform(target, operation, index, given), Zel::OperationNotSupportedException)
-            << what;
-    }
-  }
-  EXPECT_THROW(GenericIf::perform(target, Operation::get, type.endIndex()), Zel::RangeException);
-}
-
-TEST_F(AgentTest, EveryRowOfTheTablesAllowsItsOperationsAndNoOthers) {
+TEST_F(AgentTest, MutatorsOfSeveralArgumentsAreCalledByName) {
   mount();
   const auto reactor = agent->configReactor();
   const auto machine = reactor->gpioLedStateMachine().find("Fan1");
-  const auto output = machine->corvelGpioLedConfig();
-  const Value led = Value::Object{machine->hwLedConfig()};
-  const Value::List write{Value::Object{output, false}, 9};
-
-  tryAll(*machine, {{"invoke handleCorvelGpioYellow", write},
-                    {"invoke handleCorvelGpioGreen", write},
-                    {"invoke handleCorvelGpioRed", write},
-                    {"invoke handleCorvelGpioOrange", write},
-                    {"invoke handleLedSystemConfig", {"Fan1", Value::Fields{{"yellow", true}}}},
-                    {"set clock", {Value()}},
-                    {"set flashingState", {true}},
-                    {"set initialized", {false}}});
-  EXPECT_EQ(output->gpioRed().find("gpio7")->value(), 1U) << "handleInitialized applies the setting again";
-
-  tryAll(*reactor, {{"set gpioLedStateMachine", {Value::Object{output, false}, led}},
-                    {"delete gpioLedStateMachine", {"Fan1"}},
-                    {"set gpioLedConfig", {Value::Object{agent->gpioLedSystemConfigDir()->gpioLeds("Fan1")}}},
-                    {"delete gpioLedConfig", {"Fan1"}},
-                    {"invoke createDriver", {"Fan1"}},
-                    {"invoke handleGpioConfigCleanup", {"Nobody"}},
-                    {"set corvelLedSystemConfig", {"ledSystem"}}});
-  EXPECT_TRUE(reactor->gpioLedStateMachine().empty() && reactor->gpioLedConfig().empty());
-
-  EXPECT_NE(Zel::dynamicPtrCast<Agent>(Zel::allocate<Zel::Dir>("agents")->entryIs("spare", "Pinlamp::Agent")),
-            nullptr);
-  EXPECT_EQ(Agent::typeNode().indexOf("doInit"), Warden::CAgent::typeNode().endIndex() + 1);
-  tryAll(*agent, {{"invoke doMountsComplete", {"success"}},
-                  {"set configReactor",
-                   {Value::Object{agent->gpioLedSystemConfigDir()}, Value::Object{agent->hwLedConfigDir()},
-                    Value::Object{agent->gpioPinConfigDir(), false}}}});
-  EXPECT_EQ(agent->configReactor(), nullptr);
+  EXPECT_EQ(GenericIf::perform(*reactor, Operation::set, "gpioLedStateMachine",
+                               Value::List{Value::Object{machine->corvelGpioLedConfig(), false},
+                                           Value::Object{machine->hwLedConfig()}}),
+            Value(Value::Object{machine, false}));
+  EXPECT_EQ(GenericIf::perform(*agent, Operation::set, "configReactor",
+                               Value::List{Value::Object{agent->gpioLedSystemConfigDir()},
+                                           Value::Object{agent->hwLedConfigDir()},
+                                           Value::Object{agent->gpioPinConfigDir(), false}}),
+            Value(Value::Object{reactor, false}));
 }
 
 TEST_F(AgentTest, EveryChangeIsAnnouncedWithItsAttribute) {

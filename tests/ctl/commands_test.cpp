@@ -1,9 +1,11 @@
 #include <gmock/gmock.h>
 
+#include <future>
 #include <sstream>
 
 #include "ctl/appliance.h"
-#include "tests/ctl/fakehost.h"
+#include "tests/ctl/testhost.h"
+#include "tests/host/client.h"
 #include "tests/host/folder.h"
 
 namespace Ctl {
@@ -14,15 +16,10 @@ using testing::StartsWith;
 
 const char kExample[] = PINLAMP_SOURCE_DIR "/examples/switch-1u.json";
 
-class Commands : public testing::Test {
+class Commands : public testing::Test, protected TestHost {
  protected:
-  Outcome ctl(std::vector<std::string> arguments) { return run(host, std::move(arguments)); }
   void loadExample() { ASSERT_EQ(ctl({"load", kExample}).status, 0); }
-  Json setting(const std::string& led) { return host.attributes(ledPath(led)).value("lightSetting", Json()); }
-  void pinIs(const std::string& pin, unsigned value) {
-    host.put(std::string(Paths::kPins) + '/' + pin, kPinType, {{"value", value}});
-  }
-  FakeHost host;
+  Json setting(const std::string& led) { return attributes(ledPath(led)).value("lightSetting", Json()); }
 };
 
 TEST_F(Commands, DumpReproducesTheLoadedFile) {
@@ -34,19 +31,22 @@ TEST_F(Commands, DumpReproducesTheLoadedFile) {
 
 TEST_F(Commands, LoadReplaceDeletesEverythingElse) {
   loadExample();
-  host.put("hardware/led/config/leds/Old", kLedType, Json::object());
+  put("hardware/led/config/leds/Old", kLedType, Json::object());
   EXPECT_EQ(ctl({"load", "--replace", kExample}).status, 0);
   EXPECT_TRUE(ctl({"dump"}).out == contentOf(kExample));
 }
 
 TEST_F(Commands, RefusedLoadNamesTheLineOfEveryError) {
-  host.refuse({ledPath("Status") + " lightSetting: bad", ledPath("Fan1") + ": worse"});
-  const Outcome refused = ctl({"load", kExample});
+  const std::string file = folder.at("bad.json");
+  contentIs(file, R"({
+"a": {"type": "Hardware::Gpio::CorvelPinConfig", "value": 1},
+"b": {"type": "Hardware::Gpio::CorvelPinConfig", "value": "high"},
+"c": {"type": "No::Such"}
+})");
+  const Outcome refused = ctl({"load", file});
   EXPECT_EQ(refused.status, 1);
-  EXPECT_THAT(refused.err,
-              testing::ContainsRegex("1u.json:[0-9]+: hardware/led/config/leds/Status lightSetting: bad\n"
-                                     ".*1u.json:[0-9]+: hardware/led/config/leds/Fan1: worse\n"));
-  EXPECT_EQ(host.size(), 0U);
+  EXPECT_THAT(refused.err, testing::ContainsRegex("bad.json:3: b value: .*\n.*bad.json:4: c: .*'No::Such'"));
+  EXPECT_EQ(host.store.entities(), 0U);
 }
 
 TEST_F(Commands, LedSetTakesNamesAndPatterns) {
@@ -58,8 +58,8 @@ TEST_F(Commands, LedSetTakesNamesAndPatterns) {
 }
 
 TEST_F(Commands, LedSetKeepsOtherMembers) {
-  host.put(ledPath("A"), kLedType,
-           {{"lightSetting", {{"red", true}, {"brightness", 40}, {"flashInterval", 2.0}}}});
+  put(ledPath("A"), kLedType,
+      {{"lightSetting", {{"red", true}, {"brightness", 40}, {"flashInterval", 2.0}}}});
   ctl({"led", "set", "A", "--flash", "1"});
   EXPECT_EQ(setting("A"), Json({{"red", true}, {"brightness", 40}, {"flashInterval", 1.0}}));
   ctl({"led", "set", "A", "yellow"});
@@ -71,15 +71,15 @@ TEST_F(Commands, LedSetKeepsOtherMembers) {
 TEST_F(Commands, MapAndLedSetWorkOnAnEmptyDatabase) {
   EXPECT_EQ(ctl({"map", "set", "X/1", "--green", "g1", "g2", "--red", "r", "--ready"}).status, 0);
   EXPECT_EQ(ctl({"led", "set", "X/1", "green"}).status, 0);
-  EXPECT_EQ(host.attributes(mapPath("X/1")),
+  EXPECT_EQ(attributes(mapPath("X/1")),
             Json({{"gpioGreenName", {"g1", "g2"}}, {"gpioRedName", {"r"}}, {"ready", true}}));
   EXPECT_EQ(setting("X/1"), Json({{"green", true}}));
-  EXPECT_TRUE(host.attributes(Paths::kLeds).is_object() && host.attributes(Paths::kMappings).is_object());
+  EXPECT_TRUE(attributes(Paths::kLeds).is_object() && attributes(Paths::kMappings).is_object());
   ctl({"map", "set", "X/1", "--red", "", "--no-ready"});
-  EXPECT_EQ(host.attributes(mapPath("X/1")),
+  EXPECT_EQ(attributes(mapPath("X/1")),
             Json({{"gpioGreenName", {"g1", "g2"}}, {"gpioRedName", Json::array()}, {"ready", false}}));
   EXPECT_EQ(ctl({"map", "del", "X*"}).status, 0);
-  EXPECT_TRUE(host.attributes(mapPath("X/1")).is_null());
+  EXPECT_TRUE(attributes(mapPath("X/1")).is_null());
 }
 
 TEST_F(Commands, RewireDeletesAndRecreatesTheMapping) {
@@ -87,24 +87,23 @@ TEST_F(Commands, RewireDeletesAndRecreatesTheMapping) {
   ctl({"map", "set", "Y", "--red", "s", "--ready"});
   EXPECT_EQ(ctl({"map", "set", "X", "--green", "s", "g"}).err, "") << "the same pins";
   EXPECT_THAT(ctl({"map", "set", "X", "--red", "r"}).err, HasSubstr("map set X --rewire\n"));
-  Json written;
-  host.onWrite = [&](const Json& changes) { written = changes; };
   EXPECT_THAT(ctl({"map", "set", "X", "--green", "g2", "s", "--rewire"}).err, HasSubstr("as well: Y\n"));
-  ASSERT_EQ(written.size(), 3U);
-  EXPECT_EQ(written[1], Json({{"op", "del"}, {"path", mapPath("X")}}));
-  EXPECT_EQ(written[2].at("attributes"),
+  const auto removes = [&] {
+    return std::ranges::count(host.store.last, Statedb::Change::del(mapPath("X")));
+  };
+  EXPECT_EQ(removes(), 1);
+  EXPECT_EQ(attributes(mapPath("X")),
             Json({{"gpioGreenName", {"g2", "s"}}, {"gpioRedName", {"r"}}, {"ready", true}}));
   EXPECT_EQ(ctl({"map", "set", "New", "--green", "n", "--rewire"}).status, 0);
-  EXPECT_EQ(written.size(), 2U) << "nothing to remove";
+  EXPECT_EQ(removes(), 0);
 }
 
 TEST_F(Commands, OutputEscapesControlCharacters) {
   const std::string evil =
       "A\x1b[2J\n\xc2\x9b"
       "31m\u202e";
-  host.put(ledPath(evil), kLedType, {{"lightSetting", {{"green", true}}}, {"theme", evil}});
-  host.put(mapPath(evil), kMapType, {{"gpioRedName", {evil}}, {"ready", true}});
-  host.refuse({"bad " + evil});
+  put(ledPath(evil), kLedType, {{"lightSetting", {{"green", true}}}, {"theme", evil}});
+  put(mapPath(evil), kMapType, {{"gpioRedName", {evil}}, {"ready", true}});
   const std::vector<std::string> commands[] = {{"led", "set", evil, "green"},
                                                {"led", "set", evil, "green"},
                                                {"led", "list"},
@@ -156,26 +155,22 @@ TEST_F(Commands, GetShowsAnEntityAnAttributeOrChildren) {
 
 TEST_F(Commands, SetTakesJsonOrABareString) {
   loadExample();
-  for (const auto& [text, value] : {std::pair<const char*, Json>{"{\"red\": true}", {{"red", true}}},
-                                    {"dark side", "dark side"},
-                                    {"5", 5}}) {
-    EXPECT_EQ(ctl({"set", ledPath("Fan1"), "theme", text}).status, 0);
-    EXPECT_EQ(host.attributes(ledPath("Fan1")).at("theme"), value);
+  const std::tuple<const char*, const char*, Json> cases[] = {
+      {"lightSetting", "{\"red\": true}", {{"red", true}}},
+      {"theme", "dark side", "dark side"},
+      {"mode", "[\"a\"]", {"a"}}};
+  for (const auto& [attribute, text, value] : cases) {
+    EXPECT_EQ(ctl({"set", ledPath("Fan1"), attribute, text}).err, "");
+    EXPECT_EQ(attributes(ledPath("Fan1")).value(attribute, Json()), value);
   }
   EXPECT_EQ(ctl({"del", ledPath("Fan1")}).status, 0);
-  EXPECT_TRUE(host.attributes(ledPath("Fan1")).is_null());
+  EXPECT_TRUE(attributes(ledPath("Fan1")).is_null());
 }
 
 TEST_F(Commands, WatchStopsAfterCount) {
-  std::thread writer;
-  host.onCall = [&](const std::string& method) {
-    if (method != "watch") return;
-    writer = std::thread([&] {
-      for (unsigned value = 0; value < 3; ++value) pinIs("p", value);
-    });
-  };
-  const Outcome watched = ctl({"watch", Paths::kPins, "--json", "--count", "2"});
-  writer.join();
+  unsigned value = 0;
+  const Outcome watched =
+      ctl({"watch", Paths::kPins, "--json", "--count", "2"}, [&] { pinIs("p", ++value); });
   EXPECT_EQ(watched.status, 0);
   EXPECT_EQ(std::count(watched.out.begin(), watched.out.end(), '\n'), 2);
   EXPECT_THAT(watched.out, HasSubstr("\"path\": \"hardware/corvel/gpio/config/p\""));
@@ -184,7 +179,6 @@ TEST_F(Commands, WatchStopsAfterCount) {
 TEST_F(Commands, RecordBeginsWithTheCurrentValues) {
   loadExample();
   pinIs("psu2_r", 1);
-  const Folder folder;
   const std::string file = folder.at("record.vcd");
   EXPECT_THAT(ctl({"record", file, "--for", "0"}).out, HasSubstr(" pins in "));
   const std::string text = contentOf(file);
@@ -211,13 +205,13 @@ TEST_F(Commands, ErrorsSayWhatWouldBeRight) {
       {{"led", "set", "Status", "off", "--flash", "1"}, 2, "can't flash"},
       {{"get", "hardware/led/config/leds/Statu"}, 1, "nearest: Status, under hardware/led/config/leds"},
       {{"get", ledPath("Fan1"), "theme"}, 1, "never set"},
-      {{"get", ledPath("Fan1"), "colour"}, 1, "has no such attribute; it has lightSetting, theme"},
+      {{"get", ledPath("Fan1"), "colour"}, 1, "has no such attribute; it has lightSetting, ledAttribute"},
       {{"set", "hardware/led/confg/x", "theme", "t"}, 1, "nearest: config, under hardware/led"},
       {{"del", "nothing/here"}, 1, "no entity at 'nothing/here'"},
       {{"dump", "nothing"}, 1, "nothing at 'nothing'"},
       {{"map", "del", "Nope"}, 1, "no LED is named 'Nope'"},
       {{"watch", "--for", "-1"}, 2, "--for -1"},
-      {{"object", "get", "agent"}, 1, "no method object"},
+      {{"object", "get", "agent"}, 1, "there is no 'agent'"},
       {{"led", "lst"}, 2, "no command 'lst'; nearest: list"},
       {{"get", "a", "b", "c"}, 2, "c; see: pinlampctl get --help"}};
   for (const auto& [arguments, status, text] : cases) {
@@ -235,6 +229,41 @@ TEST(WithoutHost, ErrorSaysHowToStartIt) {
   EXPECT_THAT(refused.err, testing::AllOf(HasSubstr("/tmp/no.sock: there is no such socket"),
                                           HasSubstr("pinlampd --store")));
   EXPECT_EQ(run({"--socket", std::string(200, 'x'), "status"}).status, 2);
+}
+
+// Accepts one client, and closes its connection after one answer.
+Outcome typesFrom(const std::string& answer) {
+  const Folder folder;
+  const std::string socket = folder.at("socket");
+  const sockaddr_un address = addressOf(socket);
+  const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  EXPECT_EQ(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  EXPECT_EQ(listen(listener, 1), 0);
+  auto outcome = std::async(std::launch::async, [&] { return run({"--socket", socket, "types"}); });
+  const int connection = accept(listener, nullptr, nullptr);
+  char request[256];
+  EXPECT_GT(recv(connection, request, sizeof request, 0), 0);
+  EXPECT_EQ(send(connection, answer.data(), answer.size(), MSG_NOSIGNAL), ssize_t(answer.size()));
+  close(connection);
+  close(listener);
+  return outcome.get();
+}
+
+TEST(AnswersOfNoHost, AreRefusedInOneLine) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"", "closed the connection"},
+      {"{\"result\": {\"types\": []}}", "closed the connection"},
+      {"HTTP/1.1 400 \x1b[2J\n", "sent an invalid message: HTTP/1.1 400 \\x1B[2J"},
+      {"[]\n", "sent an invalid message: []"},
+      {"{\"result\": {\"types\": 7}}\n", "sent an unexpected message"},
+      {"{\"result\": {}}\n", "sent an unexpected message"},
+      {"{\"error\": \"no\"}\n", "no"}};
+  for (const auto& [answer, text] : cases) {
+    const Outcome refused = typesFrom(answer);
+    EXPECT_EQ(refused.status, 1) << answer;
+    EXPECT_THAT(refused.err, testing::AllOf(StartsWith("pinlampctl: "), HasSubstr(text)));
+    EXPECT_EQ(std::count(refused.err.begin(), refused.err.end(), '\n'), 1) << refused.err;
+  }
 }
 
 TEST(Help, EveryCommandHasAnExample) {

@@ -1,15 +1,15 @@
 #include <gmock/gmock.h>
 
-#include <fstream>
-
-#include "tests/ctl/fakehost.h"
+#include "platform/zel/core/trace.h"
+#include "tests/ctl/testhost.h"
 
 namespace Ctl {
 namespace {
 
 TEST(Completion, OffersValidContinuations) {
-  FakeHost host;
-  run(host, {"load", PINLAMP_SOURCE_DIR "/examples/switch-1u.json"});
+  TestHost host;
+  Zel::TraceFacility::named("Pinlamp");
+  host.ctl({"load", PINLAMP_SOURCE_DIR "/examples/switch-1u.json"});
   const std::pair<std::vector<std::string>, const char*> cases[] = {
       {{"le"}, "led\n"},
       {{"led", ""}, "list\noff\nset\n"},
@@ -23,14 +23,14 @@ TEST(Completion, OffersValidContinuations) {
       {{"get", "h"}, "hardware/\n"},
       {{"get", "hardware/"}, "hardware/gpio/\nhardware/led/\n"},
       {{"get", "hardware/led/config/leds/Ethernet50"}, "hardware/led/config/leds/Ethernet50%2F1\n"},
-      {{"set", "hardware/led/config/leds/Status", "l"}, "lightSetting\n"},
+      {{"set", "hardware/led/config/leds/Status", "li"}, "lightSetting\n"},
       {{"trace", "P"}, "Pinlamp/\n"},
       {{"load", "ex"}, ":files\n"},
       {{"status", "x"}, ""}};
   for (const auto& [words, expected] : cases) {
     std::vector<std::string> arguments{"complete"};
     arguments.insert(arguments.end(), words.begin(), words.end());
-    EXPECT_EQ(run(host, arguments).out, expected) << testing::PrintToString(words);
+    EXPECT_EQ(host.ctl(arguments).out, expected) << testing::PrintToString(words);
   }
 }
 

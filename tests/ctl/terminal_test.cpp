@@ -7,8 +7,10 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <chrono>
+
 #include "ctl/appliance.h"
-#include "tests/ctl/fakehost.h"
+#include "tests/ctl/testhost.h"
 
 namespace Ctl {
 namespace {
@@ -31,17 +33,19 @@ class PanelInATerminal : public testing::Test {
     setenv("TERM", "xterm", 1);
     unsetenv("NO_COLOR");
     unsetenv("COLORTERM");
-    execl(PINLAMPCTL, "pinlampctl", "--socket", host.socket().c_str(), "panel", nullptr);
+    execl(PINLAMPCTL, "pinlampctl", "--socket", host.socket.c_str(), "panel", nullptr);
     _exit(127);
   }
 
   // Whether `text` is written to the screen within 5 s. Drops the output up to it.
   bool appears(const std::string& text) {
+    const auto latest = std::chrono::steady_clock::now() + std::chrono::seconds(5);
     char chunk[4096];
     for (std::size_t at; (at = seen.find(text)) == std::string::npos;) {
+      host.loop.runOnce();
       pollfd entry{terminal, POLLIN, 0};
-      if (poll(&entry, 1, 5000) != 1) return false;
-      const ssize_t count = read(terminal, chunk, sizeof chunk);
+      if (poll(&entry, 1, 1) == 0 && std::chrono::steady_clock::now() < latest) continue;
+      const ssize_t count = entry.revents == 0 ? 0 : read(terminal, chunk, sizeof chunk);
       if (count <= 0) return false;
       seen.append(chunk, static_cast<std::size_t>(count));
     }
@@ -57,11 +61,7 @@ class PanelInATerminal : public testing::Test {
     return restored && clean;
   }
 
-  void pinIs(const std::string& pin, unsigned value) {
-    host.put(std::string(Paths::kPins) + '/' + pin, kPinType, {{"value", value}});
-  }
-
-  FakeHost host;
+  TestHost host;
   int terminal = -1;
   pid_t child = -1;
   std::string seen;
@@ -70,10 +70,10 @@ class PanelInATerminal : public testing::Test {
 TEST_F(PanelInATerminal, FollowsThePinsUntilQ) {
   ASSERT_TRUE(appears("1 LEDs: 0 lit now"));
   for (int i = 0; i < 3; ++i) {
-    pinIs("g", 1);
+    host.pinIs("g", 1);
     EXPECT_TRUE(appears("\x1b[92m"));
     EXPECT_TRUE(appears("1 lit now"));
-    pinIs("g", 0);
+    host.pinIs("g", 0);
     EXPECT_TRUE(appears("0 lit now"));
   }
   EXPECT_EQ(write(terminal, "q", 1), 1);

@@ -4,7 +4,8 @@
 
 #include <functional>
 
-#include "tests/ctl/fakehost.h"
+#include "tests/ctl/testhost.h"
+#include "tests/host/client.h"
 
 namespace Ctl {
 namespace {
@@ -89,65 +90,24 @@ TEST(Why, PhaseIsThatOfThePendingTick) {
   EXPECT_EQ(phaseText(reasons), std::nullopt);
 }
 
-// A process with an LED agent whose one machine, A's, ticks in 2 s.
-Json objectsOf(const std::string& operation, const std::string& path) {
-  if (operation == "list") return {{{"name", "led"}, {"kind", "agent"}, {"type", "Pinlamp::Agent"}}};
-  if (operation == "get" && path.ends_with("/A")) return {{"type", "…"}, {"wakesIn", 2.0}};
-  if (operation == "get") return true;
-  return path.ends_with("gpioGreen")     ? Json{"g", "old"}
-         : path.find("/A/") != path.npos ? Json::array()
-                                         : Json{"A"};
-}
-
-class WhyInProcesses : public testing::Test {
- protected:
-  WhyInProcesses() {
-    host.put(ledPath("A"), kLedType, {{"lightSetting", {{"green", true}, {"flashInterval", 9.0}}}});
-    host.put(mapPath("A"), kMapType, {{"gpioGreenName", {"g"}}, {"ready", true}});
-    for (const char* name : {"g", "old"})
-      host.put(std::string(Paths::kPins) + '/' + name, kPinType, {{"value", 1}});
-    host.answers = [this](const std::string& method, const Json&) -> Json {
-      if (method == "object") return {{"value", Json::array()}};
-      Json status = Json::parse(R"({"version": "1", "pid": 1, "uptime": 1.0, "store": "memory:", "agents": [],
-          "mounts": [], "published": 0, "entities": 4,
-          "names": 9, "types": {"Hardware::Led::LedConfig": {"objects": 0, "entities": 1},
-          "Hardware::Gpio::GpioLedConfig": {"objects": 5, "entities": 1}}, "passes": 1, "deliveries": 1, "expiries": 0, "worstLateness": 0.0, "clients": 1,
-          "refusals": 0})");
-      status["processes"] = processes();
-      return status;
-    };
-    process.answers = [](const std::string& method, const Json& parameters) -> Json {
-      if (method == "status") return {{"types", {{kMachineType, {{"objects", 7}}}}}, {"published", 11}};
-      return {{"value", objectsOf(parameters.at("operation"), parameters.at("path"))}};
-    };
-  }
-  Json processes() const {
-    const Json agents = Json::array({{{"name", "led"}, {"library", "l.so"}}});
-    return {{{"pid", 8}, {"socket", "/no/such.sock"}, {"agents", agents}, {"publishes", Json::array()}},
-            {{"pid", 9}, {"socket", socket}, {"agents", agents}, {"publishes", {Paths::kPins}}}};
-  }
-
-  FakeHost host, process;
-  std::string socket = process.socket();
-};
-
-TEST_F(WhyInProcesses, TheLedAgentIsFoundInAnyProcess) {
-  const std::string why = run(host, {"why", "A"}).out;
-  EXPECT_THAT(why, HasSubstr("agent/configReactor/gpioLedStateMachine/A, through --socket " + socket));
-  EXPECT_THAT(why, HasSubstr("next tick in 2 s"));
-  EXPECT_THAT(why, HasSubstr("green pin old was removed from a ready mapping"));
-  EXPECT_THAT(run(host, {"led", "list"}).out, HasSubstr("green:g=1 green:old=1(no longer mapped)"));
-  const std::string status = run(host, {"status"}).out;
-  EXPECT_THAT(status, HasSubstr("1 configured, 1 mapped, 7 machines"));
-  EXPECT_THAT(status, testing::ContainsRegex("\nmounts +none\n"));
-  EXPECT_THAT(status, HasSubstr("8 led (l.so): not counted here: can't reach pinlampd at /no/such.sock"));
-
-  socket = "/gone";
-  const Json unknown = Json::parse(run(host, {"why", "A", "--json"}).out);
-  EXPECT_EQ(unknown.at("facts").at("pins are made"), Json());
-  EXPECT_EQ(unknown.at("facts").at("LED is configured"), true);
-  EXPECT_THAT(run(host, {"why", "A"}).out, HasSubstr("not known: process 9 can't reach pinlampd at /gone"));
-  EXPECT_EQ(run(host, {"led", "list"}).err, "note: lit, but in no mapping: old\n");
+TEST(WhyWithoutTheAgentsProcess, ListsItsFactsAsUnknown) {
+  TestHost host;
+  host.put(ledPath("A"), kLedType, {{"lightSetting", {{"green", true}}}});
+  host.put(mapPath("A"), kMapType, {{"gpioGreenName", {"g"}}, {"ready", true}});
+  for (const char* pin : {"g", "old"}) host.pinIs(pin, 1);
+  ::Client process(host.socket);
+  process.send(
+      R"({"jsonrpc": "2.0", "id": 1, "method": "announce", "params": {"pid": 1, "socket": "/gone", )"
+      R"("agents": [{"name": "led", "library": "l.so"}], "publishes": ["hardware/corvel/gpio/config"]}})"
+      "\n");
+  const Json facts = Json::parse(host.ctl({"why", "A", "--json"}).out).at("facts");
+  EXPECT_EQ(facts.at("pins are made"), Json());
+  EXPECT_EQ(facts.at("LED is configured"), true);
+  EXPECT_THAT(host.ctl({"why", "A"}).out,
+              testing::ContainsRegex("not known: process [0-9]+ can't reach pinlampd at /gone"));
+  EXPECT_EQ(host.ctl({"led", "list"}).err, "note: lit, but in no mapping: old\n");
+  EXPECT_THAT(host.ctl({"status"}).out,
+              HasSubstr("led (l.so): not counted here: can't reach pinlampd at /gone"));
 }
 
 }  // namespace

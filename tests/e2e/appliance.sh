@@ -46,9 +46,9 @@ refused() {
     fail "$what: expected exit $status with '$text', got exit $rc with '$error'"
   fi
 }
-start() {
+start() { # OPTION…: more options of pinlampd
   pinlampd --store "sqlite:$work/state.db" --agent libpinlamp.so --socket "$PINLAMP_SOCKET" --trace 'Pinlamp/*' \
-    --trace-file "$work/trace" 2>>"$work/log" &
+    --trace-file "$work/trace" "$@" 2>>"$work/log" &
   daemon=$!
   for _ in $(seq 200); do pinlampctl status >/dev/null 2>&1 && return; sleep 0.05; done
   cat "$work/log"
@@ -103,6 +103,7 @@ pinlampctl led set Ethernet3/1 yellow --flash 0.05
 await "flashing is lit" 1000 pins y g r1 r2
 await "and dark" 0000 pins y g r1 r2
 await "and lit again" 1000 pins y g r1 r2
+contains "why reports its next tick" "next tick in " "$(pinlampctl why Ethernet3/1)"
 traces "each toggle is traced" "handleClockTimeout for Ethernet3/1
 Led Ethernet3/1 is now 0"
 pinlampctl led set Ethernet3/1 red
@@ -169,7 +170,9 @@ pinlampctl led set Status red
 pinlampctl dump >"$work/before"
 kill -KILL "$daemon"
 wait "$daemon" 2>/dev/null || true
-start
+start --allow-object-writes
+refused "an object's procedure may be invoked, but starts no agent" 1 "only the host starts an agent" \
+  pinlampctl object call agent doInit
 pinlampctl dump >"$work/after"
 is "kill -9 loses nothing that was acknowledged" "" "$(diff "$work/before" "$work/after")"
 is "and the lights come back" red "$(pinlampctl led list Status --json | tr -d '\n ' | sed 's/.*"shows":\["\([a-z]*\)"\].*/\1/')"

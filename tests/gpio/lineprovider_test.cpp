@@ -148,35 +148,11 @@ TEST_F(Board, ABusyLineNamesItsHolderAndLeavesTheOthersFree) {
   EXPECT_NO_THROW(board.request({line("3")}, 1));
 }
 
-TEST_F(Board, AFailedSetIsWrittenAgainEvenWhereNothingChanged) {
-  const auto request = board.request({line("0"), line("1", true)}, 0b11);
-  board.setErrorIs("gpiochip0", EIO);
-  for (int i = 0; i < 2; ++i) {
-    const LineError error = errorOf([&] { request->set(0b01); });
-    EXPECT_EQ(error.kind(), Kind::failed);
-    EXPECT_STREQ(error.what(), "lines 0, 1 of gpiochip0 'front' cannot be set: Input/output error");
-  }
-  board.setErrorIs("gpiochip0", 0);
-  request->set(0b01);
-  EXPECT_EQ(levels(), "11000000");
-}
-
 TEST_F(Board, AFailedReleaseStillGivesTheLinesBack) {
   const auto request = board.request({line("0", false, LineExit::off)}, 1);
   board.setErrorIs("gpiochip0", EIO);
   EXPECT_EQ(errorOf([&] { request->release(); }).kind(), Kind::failed);
   EXPECT_NO_THROW(board.request({line("0")}, 1));
-}
-
-TEST_F(Board, AChipThatComesBackIsAnotherChip) {
-  const auto request = board.request({line("0")}, 1);
-  const Line before = line("1");
-  board.chipDel("gpiochip0");
-  EXPECT_EQ(errorOf([&] { board.request({before}, 1); }).kind(), Kind::absent);
-  const std::string back = board.chipIs("front", 8);
-  EXPECT_EQ(errorOf([&] { request->set(0); }).kind(), Kind::gone);
-  const auto again = board.request({line("0")}, 1);
-  EXPECT_EQ(levels(back), "10000000");
 }
 
 TEST_F(Board, RequestsThatCannotBeMadeStopTheProcess) {

@@ -7,13 +7,12 @@
 #include <unistd.h>
 
 #include "client.h"
-#include "folder.h"
 #include "host/io/starterror.h"
 #include "host/plugin.h"
 #include "platform/model/paths.h"
 #include "platform/statedb/store/memorystore.h"
 #include "platform/zel/core/trace.h"
-#include "platform/zel/notify/activity.h"
+#include "tests/servedstore.h"
 #include "tests/support.h"
 
 namespace {
@@ -44,17 +43,8 @@ struct TestStore : Statedb::MemoryStore {
   }
 };
 
-class ControlTest : public ::testing::Test {
+class ControlTest : public ::testing::Test, protected Support::ServedProcess<TestStore> {
  protected:
-  ControlTest() {
-    loop.turnIs([this] {
-      control->commit();
-      control->send();
-      return Zel::Clock::kNever;
-    });
-  }
-  ~ControlTest() override { control.reset(); }
-
   // The next message for the client; null if the connection has ended without one.
   Json next(Client& client) {
     for (int rounds = 0; rounds < 100000; ++rounds) {
@@ -88,21 +78,14 @@ class ControlTest : public ::testing::Test {
     return {{"op", "put"}, {"path", Paths::kLeds}, {"type", "Hardware::Led::LedSystemConfigDir"}};
   }
 
-  const Folder folder;
-  Host::Loop loop;
-  Zel::ActivityManager activity;
-  TestStore store;
-  Zel::Ptr<Statedb::EntityManager> manager = Zel::allocate<Statedb::EntityManager>(store);
-  Host::Served served{.store = store, .manager = *manager};
-  Host::Listener listener{loop, folder.at("socket")};
-  std::unique_ptr<Host::Control> control = std::make_unique<Host::Control>(loop, listener, served);
+  TestStore& store = host.store;
 };
 
 TEST_F(ControlTest, RequestsMayArriveInFragmentsOfAnySize) {
   std::string bytes;
   for (int id = 0; id < 20; ++id) bytes += request(id % 2 == 0 ? "read" : "hello", Json::object(), id);
   for (const std::size_t size : {std::size_t{1}, std::size_t{7}, std::size_t{64}, bytes.size()}) {
-    Client client(listener.path());
+    Client client(socket);
     for (std::size_t at = 0; at < bytes.size(); at += size)
       send(client, std::string_view(bytes).substr(at, size));
     for (int id = 0; id < 20; ++id) EXPECT_EQ(next(client)["id"], id) << "in pieces of " << size;
@@ -110,7 +93,7 @@ TEST_F(ControlTest, RequestsMayArriveInFragmentsOfAnySize) {
 }
 
 TEST_F(ControlTest, AFloodIsProcessedInPortionsAndFullyAnswered) {
-  Client client(listener.path());
+  Client client(socket);
   std::string flood;
   for (int id = 0; id < 12000; ++id) flood += request("hello", Json::object(), id);
   int answered = 0;
@@ -158,7 +141,7 @@ TEST_F(ControlTest, InvalidRequestsAreAnsweredAndTheConnectionStays) {
       {announce({{"publishes", std::vector<std::string>(65, "a")}}), -32602, "more than 64 entries"},
       {announce({{"socket", std::string(4097, 'x')}}), -32602, "longer than 4096 bytes"},
   };
-  Client client(listener.path());
+  Client client(socket);
   for (const auto& [line, code, text] : cases) {
     send(client, line);
     const Json reply = next(client);
@@ -170,8 +153,8 @@ TEST_F(ControlTest, InvalidRequestsAreAnsweredAndTheConnectionStays) {
 }
 
 TEST_F(ControlTest, AnOversizedMessageClosesOnlyItsConnection) {
-  Client other(listener.path());
-  Client client(listener.path());
+  Client other(socket);
+  Client client(socket);
   std::string longest = request("hello");
   longest.insert(longest.size() - 1, Host::Lines::kLimit + 1 - longest.size(), ' ');
   send(client, longest);
@@ -183,8 +166,8 @@ TEST_F(ControlTest, AnOversizedMessageClosesOnlyItsConnection) {
 }
 
 TEST_F(ControlTest, AClientThatNeverReadsIsDisconnectedAndDelaysNoOther) {
-  Client other(listener.path());
-  Client silent(listener.path());
+  Client other(socket);
+  Client silent(socket);
   ASSERT_EQ(call(other, "status")["result"]["clients"], 2);
   for (int i = 0; i < 100000 && !silent.ended(); ++i) {
     send(silent, request("types"));
@@ -196,18 +179,18 @@ TEST_F(ControlTest, AClientThatNeverReadsIsDisconnectedAndDelaysNoOther) {
 
 TEST_F(ControlTest, DisconnectingDuringARequestLeavesNothingBehind) {
   {
-    Client client(listener.path());
+    Client client(socket);
     send(client,
          request("watch") + request("write", {{"changes", {putDir()}}}) + R"({"jsonrpc": "2.0", "me)");
   }
-  Client other(listener.path());
+  Client other(socket);
   EXPECT_EQ(call(other, "read")["result"]["entities"].size(), 1U);
   EXPECT_EQ(call(other, "status")["result"]["clients"], 1);
 }
 
 TEST_F(ControlTest, WritesOfOneRoundShareACommitAndFailTogether) {
-  Client a(listener.path());
-  Client b(listener.path());
+  Client a(socket);
+  Client b(socket);
   ASSERT_TRUE(write(a, {putDir()}).contains("result"));
   ASSERT_TRUE(call(b, "hello").contains("result"));
   for (const bool fails : {false, true}) {
@@ -229,8 +212,8 @@ TEST_F(ControlTest, WritesOfOneRoundShareACommitAndFailTogether) {
 }
 
 TEST_F(ControlTest, AnswersWaitForTheirFlushAndKeepTheOrderOfTheirConnection) {
-  Client writer(listener.path());
-  Client other(listener.path());
+  Client writer(socket);
+  Client other(socket);
   ASSERT_TRUE(call(writer, "hello").contains("result"));
   for (const char* failure : {"", "the server refuses it"}) {
     store.outcome = std::make_shared<Statedb::Ticket::Outcome>();
@@ -250,7 +233,7 @@ TEST_F(ControlTest, AnswersWaitForTheirFlushAndKeepTheOrderOfTheirConnection) {
 }
 
 TEST_F(ControlTest, AClientWhoseAnswersWaitIsReadUpToALimit) {
-  Client writer(listener.path());
+  Client writer(socket);
   store.outcome = std::make_shared<Statedb::Ticket::Outcome>();
   const auto outcome = store.outcome;
   const std::string line = request("write", {{"changes", {putDir()}}});
@@ -268,7 +251,7 @@ TEST_F(ControlTest, AClientWhoseAnswersWaitIsReadUpToALimit) {
 }
 
 TEST_F(ControlTest, AReadSeesDurableWritesOnly) {
-  Client client(listener.path());
+  Client client(socket);
   store.fails = true;
   send(client, request("write", {{"changes", {putDir()}}}) + request("read"));
   EXPECT_EQ(next(client)["error"]["code"], 2);
@@ -280,7 +263,7 @@ TEST_F(ControlTest, AReadSeesDurableWritesOnly) {
 }
 
 TEST_F(ControlTest, ABatchIsWrittenWhollyOrAllItsErrorsAreListed) {
-  Client client(listener.path());
+  Client client(socket);
   const std::vector<Json> changes = {putDir(),
                                      putLed("Ethernet3%2F1", kRed),
                                      putLed("B", {{"flashInterval", "inf"}}),
@@ -298,7 +281,7 @@ TEST_F(ControlTest, ABatchIsWrittenWhollyOrAllItsErrorsAreListed) {
 
 // Look-ups and refused requests of clients must not grow the name tables.
 TEST_F(ControlTest, RequestsThatChangeNothingInternNothing) {
-  Client client(listener.path());
+  Client client(socket);
   ASSERT_TRUE(write(client, {putDir(), putLed("A", kRed)}).contains("result"));
   int last = 0;
   const auto fresh = [&] { return "fresh" + std::to_string(++last); };
@@ -353,8 +336,8 @@ TEST_F(ControlTest, RequestsThatChangeNothingInternNothing) {
 }
 
 TEST_F(ControlTest, APathCanBeWatchedBeforeItExists) {
-  Client watcher(listener.path());
-  Client writer(listener.path());
+  Client watcher(socket);
+  Client writer(socket);
   const Json watch = call(watcher, "watch", {{"path", "yet/to/come"}})["result"];
   EXPECT_EQ(watch["entities"], Json::array());
   const Json change = {
@@ -370,8 +353,8 @@ TEST_F(ControlTest, APathCanBeWatchedBeforeItExists) {
 }
 
 TEST_F(ControlTest, WatchesReportTheirPathAndOwnWritesOnlyOnRequest) {
-  Client writer(listener.path());
-  Client watcher(listener.path());
+  Client writer(socket);
+  Client watcher(socket);
   ASSERT_TRUE(write(writer, {putDir()}).contains("result"));
   EXPECT_EQ(call(writer, "watch", {{"own", false}})["result"]["entities"].size(), 1U);
   const Json own = call(watcher, "watch", {{"path", led("B")}})["result"];
@@ -399,14 +382,14 @@ TEST_F(ControlTest, WatchesReportTheirPathAndOwnWritesOnlyOnRequest) {
 
 TEST_F(ControlTest, TheFirstEntityUnderAMountStoresARowForTheMount) {
   Host::Plugin plugin(Host::AgentOption::parse(TEST_AGENTS ":Plain"));
-  plugin.start(manager);
+  plugin.start(host.manager);
   for (int pass = 0; pass < 3; ++pass) activity.step();
-  Client client(listener.path());
+  Client client(socket);
   const Json ofProcess = {{"changes", {putLed("A", kRed)}}, {"durability", "volatile"}};
   ASSERT_TRUE(call(client, "write", ofProcess).contains("result"));
   EXPECT_EQ(store.typeAt(Paths::kLeds), "Hardware::Led::LedSystemConfigDir");
   EXPECT_EQ(store.stored, 1U) << "the mount's row alone";
-  EXPECT_TRUE(manager->entityAt(led("A")));
+  EXPECT_TRUE(host.manager->entityAt(led("A")));
 }
 
 TEST_F(ControlTest, AProcessOwnsThePathsItFillsWhileConnected) {
@@ -423,9 +406,9 @@ TEST_F(ControlTest, AProcessOwnsThePathsItFillsWhileConnected) {
   };
   const Json pin = put(pins + "/g", "Hardware::Gpio::CorvelPinConfig");
   const auto del = [](const char* path) { return Json{{"op", "del"}, {"path", path}}; };
-  Client other(listener.path());
+  Client other(socket);
   {
-    Client led(listener.path());
+    Client led(socket);
     ASSERT_EQ(call(led, "announce", announcement({pins}))["result"], Json::object());
     ASSERT_TRUE(write(led, {put("hardware", "Zel::Dir"), pin}).contains("result"));
     const Json status = call(other, "status")["result"];

@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <stdexcept>
-
 #include "platform/zel/notify/clock.h"
 
 namespace {
@@ -20,12 +18,6 @@ TEST(Loop, WakesOnceAndNotBeforeTheTime) {
   });
   loop.run();
   EXPECT_EQ(turns, 2);
-}
-
-TEST(Loop, RethrowsTheExceptionOfATurn) {
-  Host::Loop loop;
-  loop.turnIs([]() -> double { throw std::logic_error("oops"); });
-  EXPECT_THROW(loop.run(), std::logic_error);
 }
 
 }  // namespace

@@ -122,8 +122,6 @@ TEST_F(ObjectsTest, RefusesWithTheReasonAndInternsNothing) {
   const Operation iterate = [](auto& all, auto& path, auto&) { all.iterate(path); };
   const Operation tree = [](auto& all, auto& path, auto&) { all.tree(path, 16); };
   const Operation list = [](auto& all, auto& path, auto&) { all.list(path); };
-  std::string deep = "d";
-  for (int i = 0; i < 64; ++i) deep += "/d";
   const struct {
     const Operation& operation;
     std::string path;
@@ -135,10 +133,6 @@ TEST_F(ObjectsTest, RefusesWithTheReasonAndInternsNothing) {
       {get, "agent/seen/value", "'seen' is null"},
       {get, "nothing", "there is no 'nothing'; known: d, lamp, m, name"},
       {tree, "agent//system", "has an empty component"},
-      {tree, "agent/", "has an empty component"},
-      {list, "/agent", "has an empty component"},
-      {get, deep, "has more than 64 components"},
-      {get, std::string(4097, 'a'), "is longer than 4096 bytes"},
       {get, "d/" + std::string(256, 'a'), "is longer than 255 bytes"},
       {iterate, "agent/system/gpioLeds/A%2F1", "operation iterate is not supported on an object"},
       {iterate, "agent/system/gpioLeds/C", "'C' is not a member"},

@@ -50,15 +50,6 @@ TEST(Plugin, InvalidLibrariesAreRefusedWithTheReason) {
   }
 }
 
-TEST(Plugin, AThrowingFactoryIsAFaultOfItsAgent) {
-  for (const auto& [option, text] : {std::pair{":Throwing:lamp", "no lamp oil"},
-                                     std::pair{":Odd::Inner:lamp", "an exception of no known type"}}) {
-    EXPECT_EQ(Support::errorOf<Zel::HandlerFault>(
-                  [&] { return Plugin(AgentOption::parse(std::string(TEST_AGENTS) + option)).agent(); }),
-              std::string("agent 'lamp', factory of '" TEST_AGENTS "': ") + text);
-  }
-}
-
 TEST(Plugin, TheAgentHasItsNameAndEndsBeforeItsLibrary) {
   const Plugin plugin(AgentOption::parse(TEST_AGENTS ":Plain:front panel"));
   EXPECT_EQ(plugin.agent()->name(), Zel::Name("front panel"));

@@ -8,14 +8,12 @@
 #include <memory>
 #include <random>
 
-#include "folder.h"
-#include "host/control/control.h"
 #include "host/store/sqlitestore.h"
 #include "host/store/unixstore.h"
 #include "platform/statedb/store/memorystore.h"
 #include "platform/statedb/store/schema.h"
-#include "platform/zel/notify/activity.h"
 #include "tests/platform/storemodel.h"
+#include "tests/servedstore.h"
 
 namespace {
 
@@ -112,25 +110,7 @@ struct InSqlite {
 };
 
 // A host that keeps the state, and can be stopped.
-struct Keeper {
-  Keeper(Host::Loop& loop, const std::string& socket, Rows& disk) : store(disk) { listen(loop, socket); }
-  // Closes existing connections.
-  void listen(Host::Loop& loop, const std::string& socket) {
-    control = nullptr;
-    listener = nullptr;
-    listener = std::make_unique<Host::Listener>(loop, socket);
-    control = std::make_unique<Host::Control>(loop, *listener, served);
-  }
-  void turn() {
-    control->commit();
-    control->send();
-  }
-  Failing<OverMap> store;
-  Zel::Ptr<Statedb::EntityManager> manager = Zel::allocate<Statedb::EntityManager>(store);
-  Host::Served served{.store = store, .manager = *manager};
-  std::unique_ptr<Host::Listener> listener;
-  std::unique_ptr<Host::Control> control;
-};
+using Keeper = Support::ServedStore<Failing<OverMap>>;
 
 // The store of another host. Stored values are written there, volatile ones through the connection.
 struct RemoteStore {
@@ -398,14 +378,6 @@ TEST(UnixStore, ABatchThatTheOtherSideCantStoreNowIsSentAgain) {
   remote.keeper().store.failsToCommit = false;
   EXPECT_TRUE(remote.runUntil([&] { return remote.rows().contains({"out/p", "value"}); }));
   EXPECT_THAT(remote.reports, ElementsAre(HasSubstr("can't store what was published: can't commit; trying")));
-}
-
-TEST(UnixStore, SaysWhetherTheOtherSideIsReached) {
-  RemoteStore remote;
-  EXPECT_FALSE(remote.store().state().isReached);
-  EXPECT_TRUE(remote.runUntil([&] { return remote.store().state().isReached; }));
-  EXPECT_EQ(remote.store().state().reason, "");
-  EXPECT_EQ(remote.store().table(), nullptr);
 }
 
 }  // namespace

@@ -21,20 +21,6 @@ Value perform(Zel::Notifier& object, Operation operation, const char* attribute,
   return GenericIf::perform(object, operation, attribute, list);
 }
 
-TEST(GenericIf, IndicesRunOnFromTheBase) {
-  const auto& type = GpioLedConfig::typeNode();
-  EXPECT_EQ(type.base(), &Zel::Entity::typeNode());
-  EXPECT_EQ(type.firstIndex(), Zel::Entity::typeNode().endIndex());
-  EXPECT_EQ(type.indexOf("name"), 0U);
-  EXPECT_EQ(type.indexOf("ready"), type.endIndex() - 1);
-  EXPECT_EQ(type.indexOf("nothing"), type.endIndex());
-  const auto led = Zel::allocate<GpioLedConfig>("L");
-  bool handled = true;
-  GpioLedConfig::dispatch(*led, Operation::get, 0, {}, handled);
-  EXPECT_FALSE(handled) << "the base's range is not this class's";
-  EXPECT_EQ(GenericIf::perform(*led, Operation::get, 0), Value("L"));
-}
-
 TEST(GenericIf, AllowsOnlyTheOperationsOfTheTable) {
   const auto led = Zel::allocate<GpioLedConfig>("L");
   perform(*led, Operation::set, "ready", true);

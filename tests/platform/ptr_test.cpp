@@ -71,13 +71,6 @@ TEST(Ptr, AssignmentStoresBeforeItDrops) {
   EXPECT_EQ(slot->name(), Zel::Name("tail"));
 }
 
-TEST(Ptr, DownCastYieldsNullOnAMismatch) {
-  const Ptr<Zel::Entity> entity = Zel::allocate<Thing>("a");
-  EXPECT_TRUE(Zel::dynamicPtrCast<Thing>(entity));
-  EXPECT_FALSE(Zel::dynamicPtrCast<Zel::Dir>(entity));
-  EXPECT_FALSE(Zel::dynamicPtrCast<Thing>(Ptr<Zel::Entity>()));
-}
-
 TEST(Ptr, CountsHoldAcrossThreadsIfThreadSafePointersAreOn) {
   Zel::enableThreadSafePointersIs(true);
   const auto thing = Zel::allocate<Thing>("shared");
@@ -108,17 +101,6 @@ TEST(Allocate, TheTrackerIsBalancedAlsoWhenConstructionThrows) {
   }
   EXPECT_EQ(tracker.objects(), objects);
   EXPECT_EQ(tracker.bytes(), bytes);
-}
-
-TEST(TypeRegistry, TypesComeAndGoWithTheirRegistration) {
-  EXPECT_EQ(Zel::typeNode("Test::Thing"), nullptr);
-  {
-    const Zel::TypeRegistration registration{&Thing::typeNode};
-    EXPECT_EQ(Zel::typeNode("Test::Thing"), &Thing::typeNode());
-  }
-  EXPECT_EQ(Zel::typeNode("Test::Thing"), nullptr);
-  for (const char* own : {"Zel::Entity", "Zel::Dir", "Zel::Clock", "Warden::CAgent"})
-    EXPECT_NE(Zel::typeNode(own), nullptr) << own;
 }
 
 TEST(Dir, EntriesAreMadeByTypeNameAndKeepTheirIdentity) {

@@ -26,13 +26,6 @@ TEST(Name, EqualStringsAreOneNameAndLookUpsAddNothing) {
   EXPECT_TRUE(Zel::Name("").empty());
 }
 
-TEST(Name, ManyNamesKeepTheirStrings) {
-  std::vector<Zel::Name> names;
-  for (int i = 0; i < 20000; ++i) names.emplace_back("many" + std::to_string(i));
-  for (int i = 0; i < 20000; ++i)
-    ASSERT_EQ(names[static_cast<std::size_t>(i)].view(), "many" + std::to_string(i));
-}
-
 TEST(String, SharesComparesAndJoins) {
   const Zel::String a("one", 3);
   const Zel::String b = a;

@@ -25,10 +25,6 @@ struct ReactorModel {
     Ptr<GpioLedConfig> mapping;
     Ptr<Support::Watcher> watcher;
   };
-  struct Machine {
-    Ptr<const Bench::LedConfig> led;
-    bool active = true;
-  };
 
   ReactorModel(Lines& records) : log(records) {}
 
@@ -116,8 +112,8 @@ struct ReactorModel {
   }
   void machineIs(const Text& name) {
     const auto led = leds->leds(name);
-    const auto [machine, isNew] = machines.try_emplace(name, Machine{led});
-    ASSERT_EQ(machine->second.led, led) << "this operation is not legal";
+    const auto [machine, isNew] = machines.try_emplace(name, led);
+    ASSERT_EQ(machine->second, led) << "this operation is not legal";
     if (!isNew) return;
     log.push_back("6 handleInitialized: handleInitialized for " + name);
     for (const Model::Colour& colour : kColours) {
@@ -147,13 +143,6 @@ struct ReactorModel {
     const auto found = pins.find(pin.first);
     return found != pins.end() && *found == std::pair<const Text, int>(pin);
   }
-  void activeIs(bool on) {
-    if (std::exchange(active, on) == on) return;
-    for (const auto& each : {mappingsWatcher, ledsWatcher})
-      if (each) each->hasNotificationActiveIs(on);
-    for (auto& [name, machine] : machines) machine.active = on;
-    for (const auto& each : mapped) each->watcher->hasNotificationActiveIs(on);
-  }
   void zombieIs(bool retired) {
     if (zombie == retired) return;
     for (const auto& each : {mappingsWatcher, ledsWatcher})
@@ -179,8 +168,8 @@ struct ReactorModel {
   std::map<Text, int> pins;  // in their directory
   int lastPin = 0;
   Lines changedPins;  // that the directory's reactors were not notified of yet
-  std::map<Text, Machine> machines;
-  bool active = true, zombie = false;
+  std::map<Text, Ptr<const Bench::LedConfig>> machines;
+  bool zombie = false;
 };
 
 class ReactorRun : public Bench::Test {
@@ -273,7 +262,7 @@ class ReactorRun : public Bench::Test {
     }
   }
   void callRarely() {
-    const auto operation = dice.below(9), other = dice.below(2);
+    const auto operation = dice.below(6), other = dice.below(2);
     const bool on = dice.chance(60);
     dice.note("rarely", operation, other, on);
     if (operation == 0) {
@@ -301,8 +290,6 @@ class ReactorRun : public Bench::Test {
       machinesDel();  // those of the other directory's LEDs, before anything asks for them
     } else if (operation == 4) {
       replaceOutput(on, other ? "ledSystem" : "others");
-    } else if (operation < 8) {
-      reactor->hasNotificationActiveIs(on), model.activeIs(on);
     } else if (dice.chance(40)) {
       reactor->zelDoZombieReactors(on), model.zombieIs(on);
     }
@@ -328,7 +315,6 @@ class ReactorRun : public Bench::Test {
     ASSERT_EQ(pins->entries().size(), model.pins.size()) << dice.report();
     ASSERT_EQ(model.changedPins, Lines{}) << dice.report();
     if (!reactor) return;
-    ASSERT_EQ(reactor->hasNotificationActive(), model.active) << dice.report();
     ASSERT_EQ(reactor->zelIsZombie(), model.zombie) << dice.report();
     for (const char* name : kNames) compareLed(name);
   }
@@ -346,8 +332,7 @@ class ReactorRun : public Bench::Test {
     const auto itsMachine = model.machines.find(name);
     ASSERT_EQ(machine != nullptr, itsMachine != model.machines.end()) << dice.report();
     if (machine) {
-      ASSERT_EQ(machine->hwLedConfig(), itsMachine->second.led) << dice.report();
-      ASSERT_EQ(machine->hasNotificationActive(), itsMachine->second.active) << dice.report();
+      ASSERT_EQ(machine->hwLedConfig(), itsMachine->second) << dice.report();
     }
     const auto output = reactor->corvelLedSystemConfig()->gpioLeds(name);
     ASSERT_EQ(output != nullptr, model.outputs.contains(name)) << dice.report();

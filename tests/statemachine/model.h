@@ -136,18 +136,13 @@ struct Machine {
                    " NewValue: " + std::to_string(value));
     }
   }
-  void activeIs(bool on) {
-    if (std::exchange(active, on) == on) return;
-    if (ledReactor) ledReactor->hasNotificationActiveIs(on);
-    if (clockReactor) clockReactor->hasNotificationActiveIs(on);
-  }
   void retire() {
     if (std::exchange(retired, true)) return;
     if (ledReactor) ledReactor->zelDoZombieReactors(true);
     if (clockReactor) clockReactor->zelDoZombieReactors(true);
   }
   std::string name() const { return led ? led->name().stdString() : ""; }
-  // When it will tick; also where its time came while notifications were off, and waits until they are on.
+  // When it will tick.
   double nextTick() const {
     return clockReactor && !clockReactor->zelIsZombie() ? clockReactor->wakeUp() : kNever;
   }
@@ -157,7 +152,7 @@ struct Machine {
   Ptr<const LedConfig> led;
   Ptr<Support::Watcher> ledReactor;
   Ptr<Support::Waker> clockReactor;
-  bool flashing = false, initialized = false, active = true, retired = false;
+  bool flashing = false, initialized = false, retired = false;
 
  private:
   void record(int level, const std::string& function, const std::string& text) {

@@ -1,0 +1,61 @@
+// A store that a control socket serves, without agents and without a process of its own.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "host/control/control.h"
+#include "host/io/loop.h"
+#include "platform/zel/notify/activity.h"
+#include "tests/host/folder.h"
+
+namespace Support {
+
+template <class Store>
+class ServedStore {
+ public:
+  template <class... Arguments>
+  ServedStore(Host::Loop& loop, const std::string& socket, Arguments&&... ofTheStore)
+      : store(std::forward<Arguments>(ofTheStore)...) {
+    listen(loop, socket);
+  }
+  // Closes the existing connections.
+  void listen(Host::Loop& loop, const std::string& socket) {
+    control_ = nullptr;
+    listener_ = nullptr;
+    listener_ = std::make_unique<Host::Listener>(loop, socket);
+    control_ = std::make_unique<Host::Control>(loop, *listener_, served_);
+  }
+  void turn() {
+    control_->commit();
+    control_->send();
+  }
+
+  Store store;
+  const Zel::Ptr<Statedb::EntityManager> manager = Zel::allocate<Statedb::EntityManager>(store);
+
+ private:
+  Host::Served served_{.store = store, .manager = *manager};
+  std::unique_ptr<Host::Listener> listener_;
+  std::unique_ptr<Host::Control> control_;
+};
+
+// One with a loop, which the test runs.
+template <class Store>
+struct ServedProcess {
+  ServedProcess() {
+    loop.turnIs([this] {
+      host.turn();
+      return Zel::Clock::kNever;
+    });
+  }
+
+  const Folder folder;
+  const std::string socket = folder.at("socket");
+  Host::Loop loop;
+  Zel::ActivityManager activity;
+  ServedStore<Store> host{loop, socket};
+};
+
+}  // namespace Support

@@ -56,7 +56,7 @@ Configuration::Configuration(std::string file, std::string text)
   const Json whole = parsed(file_, text_, errors);
   if (!whole.is_object())
     throw Refusal(file_ + ":1: found " + whole.type_name() +
-                  R"(, wanted {PATH: {"type": TYPE, ATTRIBUTE: VALUE}})");
+                  R"(, expected {PATH: {"type": TYPE, ATTRIBUTE: VALUE}})");
   for (const auto& [path, entity] : whole.items()) {
     check(path, entity, errors);
     entities_[path] = entity;
@@ -69,7 +69,7 @@ void Configuration::check(const std::string& path, const Json& entity,
   const std::string position = positionOf(path) + ": " + path;
   if (!entity.is_object())
     errors.push_back(position + ": found " + entity.type_name() +
-                     R"(, wanted {"type": TYPE, ATTRIBUTE: VALUE})");
+                     R"(, expected {"type": TYPE, ATTRIBUTE: VALUE})");
   else if (const auto type = entity.find("type"); type == entity.end() || !type->is_string())
     errors.push_back(position + R"(: "type" is missing or not a string; it is the entity's type, such as ")" +
                      kLedType + '"');

@@ -26,13 +26,13 @@ const Value::List& boundedList(const Value& value, const char* name, std::size_t
 std::int64_t pidField(const Value& value) {
   const Value* field = value.field("pid");
   const auto* pid = field ? field->as<std::int64_t>() : nullptr;
-  if (!pid || *pid <= 0 || *pid > INT32_MAX) throw ValueError("'pid': wanted the number of a process");
+  if (!pid || *pid <= 0 || *pid > INT32_MAX) throw ValueError("'pid': expected the number of a process");
   return *pid;
 }
 
 std::string publishedPath(const Value& value) {
   const auto* path = value.as<std::string>();
-  if (!path) throw ValueError("'publishes': found " + std::string(value.kindText()) + ", wanted a path");
+  if (!path) throw ValueError("'publishes': found " + std::string(value.kindText()) + ", expected a path");
   if (path->empty()) throw ValueError("'publishes': a path is empty; nobody fills the whole database");
   Zel::PathWalker::checkComponents(*path);
   return *path;

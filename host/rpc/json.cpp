@@ -194,7 +194,7 @@ std::string jsonText(const Value& value) {
 namespace {
 
 [[noreturn]] void throwWrongKind(const std::string& what, const Value& found, const char* wanted) {
-  throw ValueError(what + "found " + found.kindText() + ", wanted " + wanted);
+  throw ValueError(what + "found " + found.kindText() + ", expected " + wanted);
 }
 
 std::string inQuotes(std::string_view name) { return "'" + Zel::excerpt(name) + "'"; }

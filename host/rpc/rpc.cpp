@@ -33,10 +33,10 @@ bool isId(const Zel::Value& value) {
 void Request::read(std::string_view line) {
   Zel::Value message = parseLine(line);
   auto* fields = message.as<Zel::Value::Fields>();
-  if (!fields) invalid(std::string("found ") + message.kindText() + ", wanted one request a line");
+  if (!fields) invalid(std::string("found ") + message.kindText() + ", expected one request a line");
   const auto* given = message.field("id");
   if (given && !isId(*given))
-    invalid(std::string("'id': found ") + given->kindText() + ", wanted a string or a number");
+    invalid(std::string("'id': found ") + given->kindText() + ", expected a string or a number");
   if (given) id = *given;
   const auto* version = message.field("jsonrpc");
   if (!version || *version != "2.0") invalid("'jsonrpc' must be \"2.0\"");

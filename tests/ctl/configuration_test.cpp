@@ -19,8 +19,8 @@ TEST(Configuration, ErrorsNameThePosition) {
       {"", "f.json:1:1: "},
       {"{\n  \"a\": {,}\n}", "f.json:2:9: syntax error"},
       {"{\"a\": {\"type\": \"T\"}", "f.json:1:20: "},
-      {"[]", "f.json:1: found array, wanted {PATH: "},
-      {"{\n\"a\": 1}", "f.json:2: a: found number, wanted {"},
+      {"[]", "f.json:1: found array, expected {PATH: "},
+      {"{\n\"a\": 1}", "f.json:2: a: found number, expected {"},
       {"{\n\n\"a\": {\"value\": 1}}", "f.json:3: a: \"type\" is missing"},
       {"{\"a\": {\"type\": 5}}", "f.json:1: a: \"type\" is missing or not a string"},
       {"{\"a\": {\"type\": \"T\"}, \"a\": {\"type\": \"U\"}}", "f.json: duplicate key \"a\""}};

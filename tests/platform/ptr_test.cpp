@@ -1,8 +1,9 @@
-// Counted objects: pointers, typed allocation and its tracker.
+// Counted objects: pointers, typed allocation and its tracker; parents and paths of entities.
 #include <gtest/gtest.h>
 
 #include <thread>
 
+#include "platform/model/ledconfig.h"
 #include "platform/zel/core/exception.h"
 #include "platform/zel/entity/dir.h"
 #include "tests/support.h"
@@ -14,9 +15,8 @@ using Zel::Ptr;
 class Thing : public Support::Plain<Thing, Zel::Entity> {
  public:
   static constexpr const char* kName = "Test::Thing";
-  explicit Thing(Zel::Name name, Support::Lines* log = nullptr, bool fails = false) : Plain(name), log_(log) {
+  explicit Thing(Zel::Name name, Support::Lines* log = nullptr) : Plain(name), log_(log) {
     const Ptr<Thing> self(this);  // a constructor may hand out pointers to itself
-    if (fails) throw std::runtime_error("no thing");
   }
   void hasNotificationActiveIs(bool active) override {
     if (log_) log_->push_back(active ? "on" : "off");
@@ -37,7 +37,9 @@ class Thing : public Support::Plain<Thing, Zel::Entity> {
 
 TEST(Ptr, OnlyTheLastReferenceDestroysTheObject) {
   Support::Lines log;
+  const auto& tracker = Thing::typeNode().allocations();
   auto a = Zel::allocate<Thing>("a", &log);
+  EXPECT_TRUE(tracker.objects() == 1 && tracker.bytes() == sizeof(Thing));
   EXPECT_EQ(a->references(), 1U);
   EXPECT_TRUE(a->hasNotificationActive());
   Ptr<const Thing> b = a;
@@ -49,6 +51,7 @@ TEST(Ptr, OnlyTheLastReferenceDestroysTheObject) {
   EXPECT_EQ(log, (Support::Lines{"on"}));
   b = nullptr;
   EXPECT_EQ(log, (Support::Lines{"on", "gone"}));
+  EXPECT_TRUE(tracker.objects() == 0 && tracker.bytes() == 0);
 }
 
 // Code that runs in the destructor of the dropped object sees the new value.
@@ -88,34 +91,6 @@ TEST(Ptr, CountsHoldAcrossThreadsIfThreadSafePointersAreOn) {
   Zel::enableThreadSafePointersIs(false);
 }
 
-TEST(Allocate, TheTrackerIsBalancedAlsoWhenConstructionThrows) {
-  const auto& tracker = Thing::typeNode().allocations();
-  const auto objects = tracker.objects();
-  const auto bytes = tracker.bytes();
-  EXPECT_THROW(Zel::allocate<Thing>("a", nullptr, true), std::runtime_error);
-  EXPECT_EQ(tracker.objects(), objects);
-  {
-    const auto thing = Zel::allocate<Thing>("a");
-    EXPECT_EQ(tracker.objects(), objects + 1);
-    EXPECT_EQ(tracker.bytes(), bytes + sizeof(Thing));
-  }
-  EXPECT_EQ(tracker.objects(), objects);
-  EXPECT_EQ(tracker.bytes(), bytes);
-}
-
-TEST(Dir, EntriesAreMadeByTypeNameAndKeepTheirIdentity) {
-  const auto dir = Zel::allocate<Zel::Dir>("top");
-  const auto made = dir->entryIs("a/b", "Zel::Dir");
-  EXPECT_EQ(dir->entryIs("a/b", "Environment::Cooling::Config"), made) << "kept, whatever its type";
-  EXPECT_EQ(dir->entityRef("a/b"), made);
-  EXPECT_EQ(made->path(), "top/a%2Fb");
-  EXPECT_THROW(dir->entryIs("c", "No::Such::Type"), Zel::RangeException);
-  EXPECT_THROW(dir->entryIs("c", "Zel::Entity"), Zel::RangeException);
-  EXPECT_EQ(dir->entryDel("a/b"), made);
-  EXPECT_EQ(dir->entryDel("a/b"), nullptr);
-  EXPECT_EQ(made->parent(), nullptr);
-}
-
 TEST(Entity, AttachedEntitiesHoldTheirParentAndMembersDoNot) {
   auto parent = Zel::allocate<Zel::Dir>("parent");
   auto attached = Zel::allocate<Thing>("attached");
@@ -127,6 +102,38 @@ TEST(Entity, AttachedEntitiesHoldTheirParentAndMembersDoNot) {
   EXPECT_EQ(parent->references(), 1U);
   parent = nullptr;
   EXPECT_EQ(inside->parent(), nullptr) << "an entry outlives its directory without a parent";
+}
+
+// A type with two collections of one member type.
+class Shelf : public Zel::Described<Shelf, Zel::Entity> {
+ public:
+  using Book = Hardware::Led::LedConfig;
+  class NotifieeConst : public Zel::NotifieeOf<Shelf> {};
+  static constexpr auto attributes() {
+    return std::tuple{
+        Zel::attribute::children<&Shelf::read_, NotifieeConst, nullptr, nullptr, nullptr>("read"),
+        Zel::attribute::children<&Shelf::unread_, NotifieeConst, nullptr, nullptr, nullptr>("unread")};
+  }
+  static const Zel::TypeNode& typeNode() {
+    static const Zel::TypeNode type = describe("Test::Shelf");
+    return type;
+  }
+  explicit Shelf(Zel::Name name) : Described(name) {}
+  Ptr<Book> readIs(Zel::Name name) { return childIs<&Shelf::read_>(name); }
+  Ptr<Book> unreadIs(Zel::Name name) { return childIs<&Shelf::unread_>(name); }
+
+ private:
+  Zel::PtrMap<Book> read_;
+  Zel::PtrMap<Book> unread_;
+};
+
+TEST(Entity, APathNamesTheCollectionThatHoldsTheEntity) {
+  const auto shelf = Zel::allocate<Shelf>("shelf");
+  EXPECT_EQ(shelf->readIs("a")->path(), "shelf/read/a");
+  EXPECT_EQ(shelf->unreadIs("a")->path(), "shelf/unread/a");
+  const auto loose = Zel::allocate<Shelf::Book>("a");
+  loose->parentIs(shelf);
+  EXPECT_EQ(loose->path(), "shelf/a");
 }
 
 }  // namespace

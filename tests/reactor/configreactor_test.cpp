@@ -44,6 +44,7 @@ TEST_F(Configuration, AnLedThatIsSwappedInOneStepIsRefused) {
   const auto first = machine("A");
   const auto swapped = Zel::allocate<Hardware::Led::LedConfig>("A");
   leds->ledsIs(swapped);
+  EXPECT_TRUE(old->zelIsGone() && !old->parent() && !swapped->zelIsGone());
   EXPECT_TRUE(faultOfStep().ends_with(
       "Reinstantiating the pointer interface where constructor parameter attribute _hwLedConfig has a "
       "different value of " +

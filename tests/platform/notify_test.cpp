@@ -1,5 +1,5 @@
-// Notification cases that the model (notifymodel_test.cpp) leaves out: equal values, hooks, raw reactors,
-// faults, and the activity manager itself.
+// Notification cases that the model (notifymodel_test.cpp) leaves out: equal values, hooks, faults, and the
+// activity manager itself. Raw reactors are tested in tests/agent.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -8,7 +8,6 @@
 
 #include "platform/model/gpioledsystemconfigdir.h"
 #include "platform/model/ledsystemconfigdir.h"
-#include "platform/zel/entity/dir.h"
 #include "platform/zel/notify/activity.h"
 #include "tests/support.h"
 
@@ -110,19 +109,6 @@ TEST_F(Notification, ImmediateHooksMayDetachOneAnother) {
   led->lightSettingIs(setting(1));
   ASSERT_TRUE(a && !b);
   EXPECT_EQ(a->notified, 1);
-}
-
-TEST_F(Notification, ARawReactorIsNotifiedOfEveryAttributeByItsIndex) {
-  const auto log = [this](const std::string& attribute, Name key) {
-    lines.push_back(attribute + " " + key.stdString());
-  };
-  const auto dir = Zel::allocate<Zel::Dir>("dir");
-  const Ptr<Support::Watcher> raw[] = {Zel::allocate<Support::Watcher>(led, log),
-                                       Zel::allocate<Support::Watcher>(dir, log)};
-  led->modeIs("m", true);
-  led->currentModeIs("m");
-  dir->entryIs("e", "Zel::Dir");
-  EXPECT_EQ(step(), (Lines{"currentMode ", "mode m", "entries e"}));
 }
 
 TEST_F(Notification, AFaultNamesTheAgentTheReactorAndTheText) {

@@ -142,18 +142,22 @@ TEST(Pinlampd, AFileSizeLimitFailsTheWriteAndNotTheProcess) {
   ::setrlimit(RLIMIT_FSIZE, &before);
   ASSERT_TRUE(notify.receives("READY=1", "WATCHDOG=1")) << process.errors();
   Client client(folder.at("socket"));
-  const auto answerTo = [&](const std::string& text) {
-    client.send(R"({"jsonrpc":"2.0","id":1,"method":"write","params":{"changes":[{"op":"put","path":"led",)"
-                R"("type":"Hardware::Gpio::GpioLineStatus","attributes":{"error":")" +
-                text + "\"}}]}}\n");
-    std::optional<std::string> answer;
-    while (!answer && !client.ended()) answer = client.line();
-    return answer.value_or("none");
+  const auto answer = [&](const std::string& request) {
+    client.send(R"({"jsonrpc":"2.0","id":1,"method":)" + request + "}\n");
+    std::optional<std::string> line;
+    while (!line && !client.ended()) line = client.line();
+    return line.value_or("none");
   };
-  EXPECT_THAT(answerTo("small"), HasSubstr("written"));
-  EXPECT_THAT(answerTo(std::string(100'000, 't')), HasSubstr("written"));
-  EXPECT_THAT(answerTo(std::string(200'000, 't')), HasSubstr(R"("error":{"code":2)"));
-  EXPECT_THAT(answerTo("small again"), HasSubstr("written"));
+  const auto write = [&](const std::string& text) {
+    return answer(R"("write","params":{"changes":[{"op":"put","path":"led",)"
+                  R"("type":"Hardware::Gpio::GpioLineStatus","attributes":{"error":")" +
+                  text + "\"}}]}");
+  };
+  EXPECT_THAT(write("small"), HasSubstr("written"));
+  EXPECT_THAT(write(std::string(100'000, 't')), HasSubstr("written"));
+  EXPECT_THAT(write(std::string(200'000, 'u')), HasSubstr(R"("error":{"code":2)"));
+  EXPECT_THAT(answer(R"("read","params":{"path":"led"})"), HasSubstr("tttt")) << "the last good value";
+  EXPECT_THAT(write("small again"), HasSubstr("written"));
   process.signal(SIGTERM);
   EXPECT_EQ(process.exitStatus(), 0);
 }

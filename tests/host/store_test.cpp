@@ -2,7 +2,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -43,30 +42,6 @@ TEST(SqliteStore, AfterAKillExactlyTheFlushedRowsAreThere) {
   const SqliteStore store(folder.at("db"));
   EXPECT_EQ(store.entities(), 21U);
   EXPECT_EQ(rowsOf(store.read("")).at({"led", "n"}), Value(19));
-}
-
-TEST(SqliteStore, AFullDiskUndoesTheBatchAndTheStoreKeepsWorking) {
-  const Folder folder;
-  ::signal(SIGXFSZ, SIG_IGN);
-  rlimit before{};
-  ::getrlimit(RLIMIT_FSIZE, &before);
-  {
-    SqliteStore store(folder.at("db"));
-    store.write({Change::put("a", "T", "x", 1)}, Durability::stored);
-    store.flush();
-    const auto held = rowsOf(store.read(""));
-
-    const rlimit small{8192, before.rlim_max};
-    ::setrlimit(RLIMIT_FSIZE, &small);
-    store.write({Change::del("a"), Change::put("b", "T", "x", std::string(100000, 'x'))}, Durability::stored);
-    EXPECT_THROW(store.flush(), StoreError);
-    ::setrlimit(RLIMIT_FSIZE, &before);
-
-    EXPECT_EQ(rowsOf(store.read("")), held);
-    store.write({Change::put("a", "T", "x", 2)}, Durability::stored);
-    store.flush();
-  }
-  EXPECT_EQ(rowsOf(SqliteStore(folder.at("db")).read("")).at({"a", "x"}), Value(2));
 }
 
 // The error of opening the file; "none" if it opens.

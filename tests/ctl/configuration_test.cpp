@@ -28,21 +28,6 @@ TEST(Configuration, ErrorsNameThePosition) {
   EXPECT_EQ(refusalOf("{\"a\": 1, \"b\": {}, \"c\": {\"type\": \"T\"}}").find("c:"), std::string::npos);
 }
 
-Json asRead(const Json& puts) {
-  Json entities = puts;
-  for (Json& entity : entities) entity.erase("op");
-  return entities;
-}
-
-TEST(Configuration, DumpLoadsUnchanged) {
-  const Json entities = Json::parse(R"([
-    {"path": "a", "type": "Zel::Dir", "attributes": {}},
-    {"path": "a/x%2F1", "type": "T", "attributes": {"set": ["p", "q"], "empty": [], "n": 0.25, "text": "ä \"b\"\n"}}])");
-  const std::string text = configurationText(entities, {});
-  EXPECT_EQ(asRead(Configuration("f", text).puts()), entities);
-  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 4) << "one entity a line";
-}
-
 TEST(Configuration, DumpOmitsWhatAgentsFillUnlessAsked) {
   const auto at = [](const std::string& path) {
     return Json{{"path", path}, {"type", kPinType}, {"attributes", {{"value", 1}}}};

@@ -1,7 +1,10 @@
 // Mounts: rows become entities, and entities rows.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
+#include <random>
+#include <set>
 
 #include "platform/model/corvelpinconfig.h"
 #include "platform/model/gpioledconfig.h"
@@ -11,6 +14,7 @@
 #include "platform/statedb/store/memorystore.h"
 #include "platform/warden/cagent.h"
 #include "platform/zel/notify/activity.h"
+#include "tests/platform/storemodel.h"
 #include "tests/support.h"
 
 namespace {
@@ -25,6 +29,7 @@ using Zel::Ptr;
 using Zel::Value;
 
 constexpr const char* kLedDir = "Hardware::Led::LedSystemConfigDir";
+constexpr const char* kMapDir = "Hardware::Gpio::GpioLedSystemConfigDir";
 constexpr const char* kLed = "Hardware::Led::LedConfig";
 constexpr const char* kPin = "Hardware::Gpio::CorvelPinConfig";
 
@@ -41,6 +46,21 @@ struct TestAgent : Support::Plain<TestAgent, Warden::CAgent> {
   Ptr<Statedb::MountGroup> mountGroup;
   std::vector<Statedb::MountStatus> statuses;
   const std::vector<Statedb::Mount> mounts_;
+};
+
+// A store whose connection is lost and returns with a snapshot.
+struct Lossy : Statedb::MemoryStore {
+  void subscribe(Statedb::Path path, Statedb::Subscriber& subscriber) override {
+    subscribers_.emplace_back(path, &subscriber);
+    MemoryStore::subscribe(path, subscriber);
+  }
+  void lose() {
+    for (const auto& [path, subscriber] : subscribers_) unsubscribe(*subscriber);
+  }
+  void reconnect() {
+    for (const auto& [path, subscriber] : subscribers_) MemoryStore::subscribe(path, *subscriber);
+  }
+  std::vector<std::pair<Statedb::Path, Statedb::Subscriber*>> subscribers_;
 };
 
 class Mounts : public testing::Test {
@@ -87,7 +107,7 @@ class Mounts : public testing::Test {
 
   Zel::System::ManualTime time;
   Zel::ActivityManager activity;
-  Statedb::MemoryStore store;
+  Lossy store;
   Ptr<Statedb::EntityManager> manager = Zel::allocate<Statedb::EntityManager>(store);
   Lines reports, lines;
 };
@@ -135,49 +155,6 @@ TEST_F(Mounts, AGroupFailsWithPathTypeFoundAndTypeAsked) {
   EXPECT_THROW(made->mountGroup->doMount({"z", "Zel::Dir", "r"}), Zel::RangeException) << "closed";
 }
 
-TEST_F(Mounts, ADeleteAndARecreationThatArriveTogetherAreTwoSteps) {
-  agent({{Paths::kLeds, kLedDir, "r"}});
-  const std::string path = std::string(Paths::kLeds) + "/leds/Status";
-  write({Change::put(Paths::kLeds, kLedDir, "", {}), Change::put(path, kLed, "theme", "a")});
-  const auto log = watcher(at<LedSystemConfigDir>(Paths::kLeds));
-  const auto before = at<LedConfig>(path);
-  write({Change::del(path), Change::put(path, kLed, "", {}), Change::put(path, kLed, "theme", "b")});
-  settle();
-  EXPECT_EQ(lines, (Lines{"Status is gone", "Status is there"}));
-  EXPECT_NE(at<LedConfig>(path), before);
-  EXPECT_EQ(at<LedConfig>(path)->theme(), Zel::Name("b"));
-}
-
-TEST_F(Mounts, ADeleteAboveSeveralMountsReachesEach) {
-  const std::string maps = "hardware/gpio/config/led", led = std::string(Paths::kLeds) + "/leds/A",
-                    map = maps + "/gpioLeds/A";
-  agent({{Paths::kLeds, kLedDir, "r"}, {maps, "Hardware::Gpio::GpioLedSystemConfigDir", "r"}});
-  for (const char* theme : {"a", "b"}) {
-    write({Change::del("hardware"), Change::put(Paths::kLeds, kLedDir, "", {}),
-           Change::put(led, kLed, "theme", theme),
-           Change::put(maps, "Hardware::Gpio::GpioLedSystemConfigDir", "", {}),
-           Change::put(map, "Hardware::Gpio::GpioLedConfig", "ready", true)});
-    settle();
-    ASSERT_TRUE(at<LedConfig>(led) && at<Hardware::Gpio::GpioLedConfig>(map)) << theme;
-    EXPECT_EQ(at<LedConfig>(led)->theme(), Zel::Name(theme));
-    EXPECT_TRUE(at<Hardware::Gpio::GpioLedConfig>(map)->ready());
-  }
-}
-
-TEST_F(Mounts, ADeletedMountedEntityStaysAndIsCleared) {
-  agent({{Paths::kLeds, kLedDir, "r"}});
-  write({Change::put(Paths::kLeds, kLedDir, "palette", "warm"),
-         Change::put(std::string(Paths::kLeds) + "/leds/A", kLed, "", {})});
-  const auto dir = at<LedSystemConfigDir>(Paths::kLeds);
-  const auto log = watcher(dir);
-  write({Change::del("hardware")});
-  settle();
-  EXPECT_EQ(at<LedSystemConfigDir>(Paths::kLeds), dir);
-  EXPECT_TRUE(dir->leds().empty());
-  EXPECT_TRUE(dir->palette().empty());
-  EXPECT_EQ(lines, Lines{"A is gone"}) << "each by its key";
-}
-
 TEST_F(Mounts, ARowThatDoesNotFitIsRefusedAndTheOthersAreApplied) {
   agent({{Paths::kLeds, kLedDir, "r"}});
   const std::string path = std::string(Paths::kLeds) + "/leds/A";
@@ -193,27 +170,6 @@ TEST_F(Mounts, ARowThatDoesNotFitIsRefusedAndTheOthersAreApplied) {
       << reports[0];
   EXPECT_NE(reports[1].find(path + " colour: 'colour' is no attribute"), std::string::npos) << reports[1];
   EXPECT_EQ(manager->refusals(), 2U);
-}
-
-TEST_F(Mounts, WithdrawnValuesRevealTheStoredOnes) {
-  agent({{Paths::kLeds, kLedDir, "r"}});
-  const std::string path = std::string(Paths::kLeds) + "/leds/A";
-  write({Change::put(Paths::kLeds, kLedDir, "", {}), Change::put(path, kLed, "theme", "stored")});
-  const auto led = at<LedConfig>(path);
-  const auto derive = [&](const Statedb::Changes& changes) {
-    store.write(changes, Durability::volatile_);
-    settle();
-    return at<LedConfig>(path)->theme().stdString() + (led->lightSetting().green ? " green" : "");
-  };
-  const Statedb::Changes covers{Change::put(path, kLed, "theme", "over"),
-                                Change::put(path, kLed, "lightSetting", Value::Fields{{"green", true}})};
-  EXPECT_EQ(derive(covers), "over green");
-  write({Change::put(path, kLed, "theme", "under")});
-  EXPECT_EQ(derive({Change::unset(path, "lightSetting")}), "over");
-  EXPECT_EQ(derive({Change::unset(path, "theme")}), "under");
-  EXPECT_EQ(derive(covers), "over green");
-  EXPECT_EQ(derive({Change::del(path)}), "under");
-  EXPECT_EQ(at<LedConfig>(path), led) << "kept, not swapped";
 }
 
 // A store that refuses the value 13.
@@ -323,51 +279,95 @@ TEST_F(Mounts, TheLastOfTwoChangesInAPassIsPublished) {
   EXPECT_EQ(*store.read("out/p")[0]->find("value"), Value(0));
 }
 
-// A store that sends a new snapshot after a lost connection.
-struct Reconnecting : Statedb::MemoryStore {
-  void subscribe(Statedb::Path path, Statedb::Subscriber& subscriber) override {
-    subscriber_ = &subscriber;
-    path_ = path;
-    subscriber.onSnapshot(read(path));
+// Entities against the rows of a model, under random writes of either durability: batches that delete and
+// make again, above the mounts, too, and connections that are lost and return with a snapshot.
+class RandomRows : public Mounts {
+ protected:
+  struct Place {
+    std::string path, type, attribute;
+    Value value(unsigned number) const {
+      return attribute == "ready" ? Value(number == 1) : Value(number == 0 ? "" : std::to_string(number));
+    }
+  };
+  static std::string led(const std::string& name) { return std::string(Paths::kLeds) + "/leds/" + name; }
+
+  RandomRows() {
+    for (const std::string name : {"A", "B", "C"}) {
+      for (const char* attribute : {"theme", "currentMode"}) places.push_back({led(name), kLed, attribute});
+      places.push_back({kMaps + ("/gpioLeds/" + name), "Hardware::Gpio::GpioLedConfig", "ready"});
+    }
   }
-  void unsubscribe(Statedb::Subscriber&) override {}
-  void reconnect() { subscriber_->onSnapshot(read(path_)); }
-  Statedb::Subscriber* subscriber_ = nullptr;
-  Statedb::Path path_;
+  unsigned below(std::size_t n) { return static_cast<unsigned>(random() % n); }
+  const Place& place() { return places[below(places.size())]; }
+  void add(const Change& change) {
+    changes.push_back(change);
+    EXPECT_TRUE(model.apply(change, durability));
+  }
+  void addDel() { add(Change::del(below(3) != 0 ? place().path : below(2) == 0 ? "hardware" : kMaps)); }
+  void addOther() {
+    const auto& [path, type, attribute] = place();
+    const unsigned kind = below(4);
+    add(kind == 0   ? Change::unset(path, attribute)
+        : kind == 1 ? Change::put(path, type, "", {})
+                    : Change::put(path, type, attribute, Place{path, type, attribute}.value(below(3))));
+  }
+  // Compares the entities, and returns the LEDs.
+  std::map<std::string, Ptr<LedConfig>> leds() {
+    const auto rows = model.rows();
+    std::map<std::string, Ptr<LedConfig>> there;
+    for (const Place& each : places) {
+      const auto entity = at<Zel::Entity>(each.path);
+      EXPECT_EQ(entity != nullptr, each.path == Paths::kLeds || model.entities.contains(each.path));
+      if (!entity) continue;
+      const auto row = rows.find({each.path, each.attribute});
+      EXPECT_EQ(Zel::GenericIf::perform(*entity, Zel::Operation::get, each.attribute, {}),
+                row == rows.end() ? each.value(0) : row->second);
+      if (each.type == kLed) there[each.path] = at<LedConfig>(each.path);
+    }
+    return there;
+  }
+
+  static constexpr const char* kMaps = "hardware/gpio/config/led";
+  std::vector<Place> places{{Paths::kLeds, kLedDir, "palette"}};
+  std::mt19937 random{3};
+  Durability durability = Durability::stored;
+  StoreModel::Model model;
+  Statedb::Changes changes;
 };
 
-TEST_F(Mounts, AfterALostConnectionOnlyDifferencesAreApplied) {
-  Reconnecting remote;
-  const auto other = Zel::allocate<Statedb::EntityManager>(remote);
-  const auto write = [&](std::map<std::string, const char*> themes) {
-    Statedb::Changes changes{Change::del(Paths::kLeds), Change::put(Paths::kLeds, kLedDir, "", {})};
-    for (const auto& [name, theme] : themes) {
-      const std::string led = std::string(Paths::kLeds) + "/leds/" + name;
-      changes.push_back(Change::put(led, kLed, "", {}));
-      if (*theme) changes.push_back(Change::put(led, kLed, "theme", theme));
-    }
-    remote.write(changes, Durability::stored);
-    remote.reconnect();
-    settle();
-  };
-  const auto made = agentOf(other, {{Paths::kLeds, kLedDir, "r"}});
-  settle();
-  const auto dir = Zel::dynamicPtrCast<LedSystemConfigDir>(other->getEntity(Paths::kLeds));
-  write({{"changed", "a"}, {"cleared", "a"}, {"gone", "a"}, {"kept", "a"}, {"set", ""}});
-  std::map<std::string, Ptr<LedConfig>> before;
-  for (const auto& led : dir->leds()) before[led->name().stdString()] = led;
-  EXPECT_EQ(before.size(), 5U);
+TEST_F(RandomRows, AreFollowedWithNoMoreThanTheDifferences) {
+  const auto mounted = agent({{Paths::kLeds, kLedDir, "r"}, {kMaps, kMapDir, "r"}});
+  const auto dir = at<LedSystemConfigDir>(Paths::kLeds);
   const auto log = watcher(dir);
-  const std::map<std::string, const char*> after{
-      {"changed", "b"}, {"cleared", ""}, {"kept", "a"}, {"new", "n"}, {"set", "b"}};
-  write(after);
-  EXPECT_EQ(lines, (Lines{"gone is gone", "new is there"}));
-  EXPECT_EQ(dir->leds().size(), after.size());
-  for (const auto& [name, theme] : after) {
-    EXPECT_EQ(dir->leds(name)->theme(), Zel::Name(theme)) << name;
-    EXPECT_TRUE(name == "new" || dir->leds(name) == before[name]) << name << " is kept, not swapped";
+  for (int step = 0; step < 3000 && !HasFailure(); ++step) {
+    SCOPED_TRACE(step);
+    const bool isLost = below(6) == 0;
+    if (isLost) store.lose();
+    durability = below(3) == 0 ? Durability::volatile_ : Durability::stored;
+    const auto before = leds();
+    const auto all = model.entities;
+    changes.clear();
+    for (unsigned i = below(3); i > 0; --i) addDel();
+    // A volatile row that goes is delivered as a delete, and what is stored under it as made again.
+    const bool isDirGone = all.contains(Paths::kLeds) && !model.entities.contains(Paths::kLeds);
+    const auto kept = isDirGone ? decltype(all)() : model.entities;
+    for (unsigned i = below(4); i > 0; --i) addOther();
+    store.write(changes, durability);
+    if (isLost) store.reconnect();
+    settle();
+    const auto after = leds();
+    Lines expected;
+    for (const std::string name : {"A", "B", "C"}) {
+      const auto was = before.find(led(name)), is = after.find(led(name));
+      const bool stays = was != before.end() && (isLost ? model.entities : kept).contains(led(name));
+      if (was != before.end() && !stays) expected.push_back(name + " is gone");
+      if (is != after.end() && !stays) expected.push_back(name + " is there");
+      EXPECT_TRUE(!stays || (is != after.end() && *was == *is)) << name << " is kept, not swapped";
+    }
+    std::ranges::stable_sort(lines, {}, [](const std::string& line) { return line[0]; });
+    EXPECT_EQ(std::exchange(lines, {}), expected);
+    EXPECT_EQ(at<LedSystemConfigDir>(Paths::kLeds), dir) << "a mounted entity stays and is cleared";
   }
-  other->stop();
 }
 
 }  // namespace

@@ -103,8 +103,12 @@ class Client : public Host::Redis::Connection::Owner {
   }
   // Its reply; null where the connection is lost meanwhile.
   Reply operator()(const std::vector<std::string_view>& words) {
+    return replyTo([&](auto then) { connection.request(words, then); });
+  }
+  template <class Request>
+  Reply replyTo(Request&& request) {
     std::optional<Reply> reply;
-    connection.request(words, [&](const Reply& got) { reply = got; });
+    request([&](const Reply& got) { reply = got; });
     connection.flush();
     runUntil(loop_, [&] { return reply || !connection.isReady(); });
     return reply.value_or(Reply());

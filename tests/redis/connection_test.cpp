@@ -68,7 +68,7 @@ struct RedisConnection : ::testing::Test {
 
 TEST_F(RedisConnection, CarriesRequestsOfAnySizeInOrder) {
   const std::uint16_t port = RedisTest::freePort();
-  Server server({"--port", std::to_string(port), "--bind", "127.0.0.1"});
+  Server server("bind 127.0.0.1\nport " + std::to_string(port) + "\n");
   for (const std::string& url :
        {server.url(), "redis://localhost:" + std::to_string(port) + "/2?timeout=5s"}) {
     Client client(loop, url);
@@ -89,7 +89,7 @@ TEST_F(RedisConnection, CarriesRequestsOfAnySizeInOrder) {
 
 TEST_F(RedisConnection, SaysWhyThereIsNone) {
   using Kind = Loss::Kind;
-  Server server({"--requirepass", "secret"});
+  Server server("requirepass secret\n");
   const auto passwordIn = [&](const char* file, const std::string& content) {
     contentIs(server.at(file), content);
     return "&passwordFile=" + server.at(file);
@@ -181,19 +181,23 @@ TEST_F(RedisConnection, MayBeDestroyedFromWithinItsCalls) {
   struct Saboteur : Connection::Owner {
     Saboteur(Host::Loop& loop, const std::string& url)
         : connection(new Connection(loop, parseUrl(url), *this)) {}
-    void end() { connection.reset(); }
+    // Returns whether it did.
+    bool endIn(std::string_view call) {
+      if (call == when) connection.reset();
+      return call == when;
+    }
     void onReady() override {
-      if (when == "ready") return end();
-      connection->subscribe("c", [this](const Reply&) {
-        if (when == "reply") return end();
-      });
+      if (endIn("ready")) return;
+      connection->subscribe("c", [this](const Reply&) { endIn("reply"); });
       connection->request({"PING"}, [this](const Reply&) { subscribed = true; });
       connection->flush();
     }
-    void onMessage(std::string_view, std::string_view) override { end(); }
-    void onLost(const Loss&) override { when == "lost" ? end() : connection->openLater(); }
+    void onMessage(std::string_view, std::string_view) override { endIn("message"); }
+    void onLost(const Loss&) override {
+      if (!endIn("lost")) connection->openLater();
+    }
     std::unique_ptr<Connection> connection;
-    std::string when;
+    std::string_view when;
     bool subscribed = false;
   };
   Client client(loop, server.url());
@@ -202,18 +206,14 @@ TEST_F(RedisConnection, MayBeDestroyedFromWithinItsCalls) {
     Saboteur saboteur(loop, server.url());
     saboteur.when = when;
     saboteur.connection->open();
-    if (saboteur.when == "message" || saboteur.when == "lost") {
-      runUntil(loop, [&] { return saboteur.subscribed; });
-      if (saboteur.when == "lost")
-        client({"CLIENT", "KILL", "TYPE", "pubsub"});
-      else
-        client({"PUBLISH", "c", "m"});
-    }
+    runUntil(loop, [&] { return saboteur.subscribed || !saboteur.connection; });
+    if (saboteur.when == "message") client({"PUBLISH", "c", "m"});
+    if (saboteur.when == "lost") client({"CLIENT", "KILL", "TYPE", "pubsub"});
     runUntil(loop, [&] { return !saboteur.connection; });
   }
   Saboteur early(loop, server.url());
   early.connection->open();
-  early.end();
+  early.connection.reset();
   loop.runOnce();
 }
 

@@ -307,32 +307,34 @@ TEST_F(Scripts, AClaimHasOneOwnerAndALaterOneFencesIt) {
     read(volatile_);
     return write(volatile_, {put("m/n/o", "x", 1)}, {{"m/n", token}}).refusal();
   };
+  const auto beat = [&](const Token& token) {
+    return call(beatCall(volatile_.keys, "m/n", token, "timeline"));
+  };
+  const auto release = [&](const Token& token) { return call(releaseCall(volatile_.keys, "m/n", token)); };
   const Claim free = look();
   EXPECT_TRUE(free.isFree());
   const Claim first = take(free, "me");
   EXPECT_TRUE(isOwnedBy(first, "me"));
-  EXPECT_EQ(first.generation, "g1");
-  EXPECT_EQ(first.who, "pinlampd on rack 3");
+  EXPECT_EQ(first.generation + " " + first.who, "g1 pinlampd on rack 3");
   EXPECT_FALSE(isOwnedBy(take(free, "he"), "he")) << "it saw the claim free, and it no longer is";
   EXPECT_EQ(writeAs(first.token), Refusal::none);
 
-  const Claim beaten = claim(call(beatCall(volatile_.keys, "m/n", first.token, "timeline")));
+  const Claim beaten = claim(beat(first.token));
   EXPECT_EQ(beaten.beat, first.beat + 1);
   EXPECT_EQ(look().synced, "timeline");
   EXPECT_FALSE(isOwnedBy(take(first, "he"), "he")) << "the owner has given a sign of life since";
   const Claim second = take(beaten, "he");
   EXPECT_TRUE(isOwnedBy(second, "he"));
   EXPECT_EQ(second.synced, "");
-  EXPECT_EQ(writeAs(first.token), Refusal::claimed);
-  EXPECT_EQ(call(beatCall(volatile_.keys, "m/n", first.token, "")).refusal(), Refusal::claimed);
-  EXPECT_EQ(call(releaseCall(volatile_.keys, "m/n", first.token)).refusal(), Refusal::claimed);
+  for (const Refusal refusal :
+       {writeAs(first.token), beat(first.token).refusal(), release(first.token).refusal()})
+    EXPECT_EQ(refusal, Refusal::claimed);
   EXPECT_EQ(writeAs(second.token), Refusal::none);
 
-  const Claim released = claim(call(releaseCall(volatile_.keys, "m/n", second.token)));
+  const Claim released = claim(release(second.token));
   EXPECT_TRUE(released.isFree());
   EXPECT_EQ(writeAs(second.token), Refusal::claimed);
-  const Claim third = take(released, "me");
-  EXPECT_EQ(third.token, "3 me") << "the epoch never goes back";
+  EXPECT_EQ(take(released, "me").token, "3 me") << "the epoch never goes back";
 }
 
 TEST_F(Scripts, ABatchIsCutIntoPartsThatTheServerCarriesOutAtOnce) {

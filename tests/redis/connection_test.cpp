@@ -84,6 +84,7 @@ TEST_F(RedisConnection, CarriesRequestsOfAnySizeInOrder) {
     client.connection.flush();
     runUntil(loop, [&] { return sizes.size() == 8; });
     EXPECT_THAT(sizes, ElementsAre(0, big.size(), 0, 5, 0, big.size(), 0, 5)) << url;
+    EXPECT_THAT(client({"CLIENT", "INFO"}).text, HasSubstr(url == server.url() ? " db=0 " : " db=2 "));
   }
 }
 

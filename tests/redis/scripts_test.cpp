@@ -124,9 +124,13 @@ TEST_F(Scripts, RowsAndEntriesStandWhereTheyAreDocumented) {
   EXPECT_EQ(state.state.timeline.server.size(), 40U);
   EXPECT_EQ(state.role + " " + state.policy, "master noeviction");
   EXPECT_THAT(client({"INFO", "server"}).text, HasSubstr("run_id:" + state.runId));
-  runUntil(loop, [&] { return !reader.messages.empty(); });
+  read(stored);
+  write(stored, {put(path, "limit", 3)});  // of an entity that it knows: the fast path
+  runUntil(loop, [&] { return reader.messages.size() == 2; });
   EXPECT_THAT(reader.messages, ElementsAre("{p}:s:changes g 1 me:1\n@hardware/led\n:T\n"
-                                           "+Ethernet3%2F1\ttheme\t\"night\"\n+Ethernet3%2F1\tlimit\t2\n"));
+                                           "+Ethernet3%2F1\ttheme\t\"night\"\n+Ethernet3%2F1\tlimit\t2\n",
+                                           "{p}:s:changes g 2 me:2\n@hardware/led\n:T\n"
+                                           "+Ethernet3%2F1\tlimit\t3\n"));
 }
 
 // Batches of all kinds of steps, in both spaces, against the store in memory.
@@ -240,6 +244,8 @@ TEST_F(Scripts, VolatileRowsStayOutOfTheFile) {
   };
   const std::size_t before = fileSize();
   for (int i = 0; i < 100; ++i) write(volatile_, {put("a", "y", i), put("b/c", "y", i)});
+  read(volatile_);
+  write(volatile_, {put("b/c", "y", 1)});
   write(volatile_, {Change::del("b")});
   EXPECT_EQ(serverState(call(stateCall(volatile_.keys, "me", 1))).role, "master");
   EXPECT_TRUE(isOwnedBy(claim(call(takeCall(volatile_.keys, "m", {.generation = "g"}, "me", "", ""))), "me"));

@@ -2,8 +2,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/un.h>
 
+#include <cstring>
+
+#include "host/control/listener.h"
 #include "server.h"
 
 namespace {
@@ -32,6 +34,8 @@ TEST(RedisReply, IsCutFromBytesHoweverTheyAreDivided) {
     EXPECT_EQ(replies[0][2][7].kind, Reply::Kind::null);
     EXPECT_EQ(replies[1].refusal(), Refusal::noPerm);
   }
+  EXPECT_EQ((Reply{Reply::Kind::error, 0, "ERR unknown command", {}}.refusal()), Refusal::other);
+  EXPECT_EQ((Reply{Reply::Kind::error, 0, "", {}}.refusal()), Refusal::other);
 }
 
 TEST(RedisReply, HasLimits) {
@@ -40,22 +44,11 @@ TEST(RedisReply, HasLimits) {
     for (std::size_t i = 0; i < times && reader.feed(bytes); ++i) reader.next();
     return reader.error();
   };
-  EXPECT_THAT(errorOf("HTTP/1.1 400\r\n"), HasSubstr("what arrives is not a reply"));
-  EXPECT_THAT(errorOf("*70000\r\n"), HasSubstr("what arrives is not a reply"));
-  EXPECT_THAT(errorOf("*2\r\n*-5\r\n:1\r\n"), HasSubstr("what arrives is not a reply"));
-  std::string deep;
-  for (int i = 0; i < 20; ++i) deep += "*1\r\n";
-  EXPECT_THAT(errorOf(deep), HasSubstr("what arrives is not a reply"));
+  const std::string deep = "*1\r\n*1\r\n*1\r\n*1\r\n*1\r\n*1\r\n*1\r\n*1\r\n*1\r\n*1\r\n";
+  for (const std::string& bytes : {std::string("*70000\r\n"), std::string("*2\r\n*-5\r\n:1\r\n"), deep})
+    EXPECT_THAT(errorOf(bytes), HasSubstr("what arrives is not a reply"));
   EXPECT_THAT(errorOf("$900000000\r\n" + std::string(1 << 20, 'x'), 70), HasSubstr("a reply is longer than"));
   EXPECT_EQ(errorOf("$5\r\nabcde\r\n", 20'000), "");
-}
-
-TEST(RedisReply, RefusalsAreKnownByTheirFirstWord) {
-  const auto refusalOf = [](const char* text) { return Reply{Reply::Kind::error, 0, text, {}}.refusal(); };
-  EXPECT_EQ(refusalOf("LOADING Redis is loading the dataset in memory"), Refusal::loading);
-  EXPECT_EQ(refusalOf("OOM command not allowed when used memory > 'maxmemory'."), Refusal::outOfMemory);
-  EXPECT_EQ(refusalOf("ERR unknown command"), Refusal::other);
-  EXPECT_EQ(refusalOf(""), Refusal::other);
 }
 
 TEST(RedisBackOff, DoublesUpToItsLongestAndVaries) {
@@ -69,19 +62,13 @@ TEST(RedisBackOff, DoublesUpToItsLongestAndVaries) {
   EXPECT_LE(backOff.next(), 63U);
 }
 
-class RedisConnection : public ::testing::Test {
- protected:
-  Loss lossOf(Client& client) {
-    client.connection.open();
-    runUntil(loop, [&] { return !client.losses.empty() || client.connection.isReady(); });
-    return client.losses.empty() ? Loss{} : client.losses.back();
-  }
+struct RedisConnection : ::testing::Test {
   Host::Loop loop;
 };
 
 TEST_F(RedisConnection, CarriesRequestsOfAnySizeInOrder) {
   const std::uint16_t port = RedisTest::freePort();
-  Server server({"--port", std::to_string(port), "--bind", "127.0.0.1"});
+  Server server("bind 127.0.0.1\nport " + std::to_string(port) + "\n");
   for (const std::string& url :
        {server.url(), "redis://localhost:" + std::to_string(port) + "/2?timeout=5s"}) {
     Client client(loop, url);
@@ -97,131 +84,96 @@ TEST_F(RedisConnection, CarriesRequestsOfAnySizeInOrder) {
     client.connection.flush();
     runUntil(loop, [&] { return sizes.size() == 8; });
     EXPECT_THAT(sizes, ElementsAre(0, big.size(), 0, 5, 0, big.size(), 0, 5)) << url;
+    EXPECT_THAT(client({"CLIENT", "INFO"}).text, HasSubstr(url == server.url() ? " db=0 " : " db=2 "));
   }
 }
 
-TEST_F(RedisConnection, DeliversWhatIsPublished) {
-  Server server;
-  Client reader(loop, server.url()), writer(loop, server.url());
-  reader.connect();
-  writer.connect();
-  bool subscribed = false, ponged = false;
-  reader.connection.subscribe("news", [&](const Reply&) { subscribed = true; });
-  reader.connection.flush();
-  runUntil(loop, [&] { return subscribed; });
-  writer({"PUBLISH", "news", "one"});
-  reader.connection.request({"PING"}, [&](const Reply& reply) { ponged = reply[0].text == "pong"; });
-  reader.connection.flush();
-  writer({"PUBLISH", "news", "two"});
-  runUntil(loop, [&] { return ponged && reader.messages.size() == 2; });
-  EXPECT_THAT(reader.messages, ElementsAre("news one", "news two"));
-}
+TEST_F(RedisConnection, SaysWhyThereIsNone) {
+  using Kind = Loss::Kind;
+  Server server("requirepass secret\n");
+  const auto passwordIn = [&](const char* file, const std::string& content) {
+    contentIs(server.at(file), content);
+    return "&passwordFile=" + server.at(file);
+  };
+  Client client(loop, server.url(passwordIn("password", "secret\nnotes\n")));
+  client.connect();
+  client({"ACL", "SETUSER", "led", "on", ">pw", "~*", "+@all", "-select"});
+  const std::string led = passwordIn("led", "pw\r\n");
 
-TEST_F(RedisConnection, SaysWhyItCantConnect) {
-  Server server({"--requirepass", "secret"});
-  Client ready(loop, server.url("&passwordFile=" + server.at("password")));
-  contentIs(server.at("password"), "secret\nnotes\n");
-  ready.connect();
-  ready({"ACL", "SETUSER", "led", "on", ">pw", "~*", "+@all", "-select"});
-  contentIs(server.at("empty"), "\n");
-  contentIs(server.at("wrong"), "guess");
-  contentIs(server.at("led"), "pw\r\n");
-  contentIs(server.at("long"), std::string(600, 'x'));
+  // Not a Redis server, or one that sends what nobody asked for.
+  const char* sent = nullptr;
+  Host::Listener listener(loop, server.at("impostor"));
+  Host::UvHandle<uv_pipe_t> accepted;
+  listener.start([&](uv_stream_t* stream) {
+    accepted.reset(new uv_pipe_t);
+    uv_pipe_init(loop.uv(), accepted.get(), 0);
+    auto* to = reinterpret_cast<uv_stream_t*>(accepted.get());
+    const uv_buf_t bytes = uv_buf_init(const_cast<char*>(sent), static_cast<unsigned>(std::strlen(sent)));
+    EXPECT_EQ(uv_accept(stream, to), 0);
+    EXPECT_EQ(uv_try_write(to, &bytes, 1), static_cast<int>(bytes.len));
+  });
+  const std::string impostor = "redis-unix:" + server.at("impostor");
 
   struct Case {
     std::string url;
-    Loss::Kind kind;
+    Kind kind;
     Refusal refusal;
     const char* text;
+    const char* sent = nullptr;
   };
-  const std::string port = std::to_string(RedisTest::freePort());
   const Case cases[] = {
-      {"redis-unix:" + server.at("nothing"), Loss::Kind::unreachable, Refusal::none,
-       "no such file or directory"},
-      {"redis://127.0.0.1:" + port, Loss::Kind::unreachable, Refusal::none, "connection refused"},
-      {server.url(), Loss::Kind::refused, Refusal::noAuth, "name the file that holds it with passwordFile"},
-      {server.url("&passwordFile=" + server.at("wrong")), Loss::Kind::refused, Refusal::wrongPass, "compare"},
-      {server.url("&passwordFile=" + server.at("led")), Loss::Kind::refused, Refusal::wrongPass, "compare"},
-      {server.url("&user=led&passwordFile=" + server.at("none")), Loss::Kind::password, Refusal::none,
-       "can't be read"},
-      {server.url("&passwordFile=" + server.at("empty")), Loss::Kind::password, Refusal::none,
-       "empty first line"},
-      {server.url("&passwordFile=" + server.at("long")), Loss::Kind::password, Refusal::none,
-       "more than 512 bytes"},
+      {"redis-unix:" + server.at("nothing"), Kind::unreachable, Refusal::none, "no such file or directory"},
+      {"redis://127.0.0.1:1", Kind::unreachable, Refusal::none, "connection refused"},
+      {server.url(), Kind::refused, Refusal::noAuth, "name the file that holds it with passwordFile"},
+      {server.url(passwordIn("wrong", "guess")), Kind::refused, Refusal::wrongPass, "compare"},
+      {server.url(led), Kind::refused, Refusal::wrongPass, "compare"},
+      {server.url("&passwordFile=" + server.at("none")), Kind::password, Refusal::none, "can't be read"},
+      {server.url(passwordIn("empty", "\n")), Kind::password, Refusal::none, "empty first line"},
+      {server.url(passwordIn("long", std::string(600, 'x'))), Kind::password, Refusal::none,
+       "than 512 bytes"},
+      {impostor, Kind::invalid, Refusal::none, "what arrives is not a reply",
+       "HTTP/1.1 400 Bad Request\r\n\r\n"},
+      {impostor, Kind::invalid, Refusal::none, "a reply to nothing that was requested", "+PONG\r\n+PONG\r\n"},
+      {impostor, Kind::refused, Refusal::other, "max number of clients",
+       "-ERR max number of clients reached\r\n"},
   };
   for (const Case& each : cases) {
-    Client client(loop, each.url);
-    const Loss loss = lossOf(client);
-    EXPECT_EQ(loss.kind, each.kind) << each.url << ": " << loss.text;
-    EXPECT_EQ(loss.refusal, each.refusal) << each.url << ": " << loss.text;
-    EXPECT_THAT(loss.text, HasSubstr(each.text)) << each.url;
+    SCOPED_TRACE(each.url);
+    sent = each.sent;
+    Client tried(loop, each.url);
+    tried.connection.open();
+    runUntil(loop, [&] { return !tried.losses.empty(); });
+    EXPECT_EQ(tried.losses.at(0).kind, each.kind);
+    EXPECT_EQ(tried.losses[0].refusal, each.refusal);
+    EXPECT_THAT(tried.losses[0].text, HasSubstr(each.text));
   }
-  Client led(loop, server.url("&user=led&passwordFile=" + server.at("led")));
-  led.connect();
-  EXPECT_EQ(led({"SELECT", "1"}).refusal(), Refusal::noPerm);
+  Client user(loop, server.url("&user=led" + led));
+  user.connect();
+  EXPECT_EQ(user({"SELECT", "1"}).refusal(), Refusal::noPerm);
 }
 
-TEST_F(RedisConnection, AStoppedServerCountsAsSilent) {
+TEST_F(RedisConnection, AServerThatIsStoppedOrKilledIsReachedAgain) {
   Server server;
   Client client(loop, "redis-unix:" + server.socket() + "?timeout=300ms");
   client.connect();
-  client({"SET", "k", "old"});
   server.signal(SIGSTOP);
-  EXPECT_EQ(client({"GET", "k"}).kind, Reply::Kind::null);
-  ASSERT_EQ(client.losses.size(), 1U);
-  EXPECT_EQ(client.losses[0].kind, Loss::Kind::silent);
-  EXPECT_THAT(client.losses[0].text, HasSubstr("no answer within 300 ms; the server is stopped"));
-  EXPECT_EQ(lossOf(client).kind, Loss::Kind::silent) << "it connects to a stopped server, and gets no answer";
+  EXPECT_EQ(client({"PING"}).kind, Reply::Kind::null);
+  client.connection.open();  // connects to a stopped server, and gets no answer
+  runUntil(loop, [&] { return client.losses.size() == 2; });
+  for (const Loss& loss : client.losses) {
+    EXPECT_EQ(loss.kind, Loss::Kind::silent);
+    EXPECT_THAT(loss.text, HasSubstr("no answer within 300 ms; the server is stopped"));
+  }
   server.signal(SIGCONT);
   client.connect();
   EXPECT_EQ(client({"PING"}).text, "PONG");
-}
-
-TEST_F(RedisConnection, AServerThatIsKilledAndComesBackIsReachedAgain) {
-  Server server;
-  Client client(loop, server.url());
-  client.connect();
   server.end(SIGKILL);
   runUntil(loop, [&] { return !client.losses.empty(); });
-  EXPECT_EQ(client.losses[0].kind, Loss::Kind::closed);
+  EXPECT_EQ(client.losses.at(0).kind, Loss::Kind::closed);
   EXPECT_EQ(client({"PING"}).kind, Reply::Kind::null);
   server.start();
   client.connect();
   EXPECT_EQ(client({"PING"}).text, "PONG");
-}
-
-// The other end is not a Redis server, or one that sends what nobody asked for.
-TEST_F(RedisConnection, EndsWhereWhatArrivesIsNoReply) {
-  struct Case {
-    const char* sent;
-    Loss::Kind kind;
-    const char* text;
-  };
-  const Case cases[] = {
-      {"HTTP/1.1 400 Bad Request\r\n\r\n", Loss::Kind::invalid, "what arrives is not a reply"},
-      {"+PONG\r\n+PONG\r\n", Loss::Kind::invalid, "a reply to nothing that was requested"},
-      {"-ERR max number of clients reached\r\n", Loss::Kind::refused, "max number of clients reached"},
-  };
-  for (const Case& each : cases) {
-    const Folder folder;
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    folder.at("s").copy(address.sun_path, sizeof address.sun_path - 1);
-    const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    ASSERT_EQ(::listen(listener, 1), 0);
-    Client client(loop, "redis-unix:" + folder.at("s"));
-    client.connection.open();
-    const int accepted = ::accept(listener, nullptr, nullptr);
-    ASSERT_EQ(::send(accepted, each.sent, std::string_view(each.sent).size(), 0),
-              static_cast<ssize_t>(std::string_view(each.sent).size()));
-    runUntil(loop, [&] { return !client.losses.empty(); });
-    ::close(accepted);
-    ::close(listener);
-    ASSERT_FALSE(client.losses.empty());
-    EXPECT_EQ(client.losses[0].kind, each.kind);
-    EXPECT_THAT(client.losses[0].text, HasSubstr(each.text));
-  }
 }
 
 // Saboteurs: owners that end the connection from within its calls.
@@ -230,19 +182,23 @@ TEST_F(RedisConnection, MayBeDestroyedFromWithinItsCalls) {
   struct Saboteur : Connection::Owner {
     Saboteur(Host::Loop& loop, const std::string& url)
         : connection(new Connection(loop, parseUrl(url), *this)) {}
-    void end() { connection.reset(); }
+    // Returns whether it did.
+    bool endIn(std::string_view call) {
+      if (call == when) connection.reset();
+      return call == when;
+    }
     void onReady() override {
-      if (when == "ready") return end();
-      connection->subscribe("c", [this](const Reply&) {
-        if (when == "reply") return end();
-      });
+      if (endIn("ready")) return;
+      connection->subscribe("c", [this](const Reply&) { endIn("reply"); });
       connection->request({"PING"}, [this](const Reply&) { subscribed = true; });
       connection->flush();
     }
-    void onMessage(std::string_view, std::string_view) override { end(); }
-    void onLost(const Loss&) override { when == "lost" ? end() : connection->openLater(); }
+    void onMessage(std::string_view, std::string_view) override { endIn("message"); }
+    void onLost(const Loss&) override {
+      if (!endIn("lost")) connection->openLater();
+    }
     std::unique_ptr<Connection> connection;
-    std::string when;
+    std::string_view when;
     bool subscribed = false;
   };
   Client client(loop, server.url());
@@ -251,18 +207,14 @@ TEST_F(RedisConnection, MayBeDestroyedFromWithinItsCalls) {
     Saboteur saboteur(loop, server.url());
     saboteur.when = when;
     saboteur.connection->open();
-    if (saboteur.when == "message" || saboteur.when == "lost") {
-      runUntil(loop, [&] { return saboteur.subscribed; });
-      if (saboteur.when == "lost")
-        client({"CLIENT", "KILL", "TYPE", "pubsub"});
-      else
-        client({"PUBLISH", "c", "m"});
-    }
+    runUntil(loop, [&] { return saboteur.subscribed || !saboteur.connection; });
+    if (saboteur.when == "message") client({"PUBLISH", "c", "m"});
+    if (saboteur.when == "lost") client({"CLIENT", "KILL", "TYPE", "pubsub"});
     runUntil(loop, [&] { return !saboteur.connection; });
   }
   Saboteur early(loop, server.url());
   early.connection->open();
-  early.end();
+  early.connection.reset();
   loop.runOnce();
 }
 

@@ -68,6 +68,7 @@ class World : public Follower::Output {
   struct Request {
     std::function<void()> atServer;
     bool isWrite = false;
+    void operator()() const { atServer(); }
   };
 
   unsigned below(unsigned bound) { return static_cast<unsigned>(random_() % bound); }
@@ -77,11 +78,11 @@ class World : public Follower::Output {
     const unsigned kind = below(1000);
     if (kind < 200) return writeBy("other", 0);
     if (kind < 300) return writeOwn();
-    if (kind < 550) return arriveAtServer();
-    if (kind < 800) return answerArrives();
-    if (kind < 950) return pushArrives();
+    if (kind < 550) return static_cast<void>(takeFrom(requests_));
+    if (kind < 800) return static_cast<void>(takeFrom(answers_));
+    if (kind < 950) return static_cast<void>(takeFrom(pushes_));
     if (kind < 960) return connected_ ? disconnect() : connect();
-    if (kind < 966) return zombieArrives();
+    if (kind < 966) return static_cast<void>(zombieArrives());
     if (kind < 976) return follower_.check();
     if (kind < 982) return trim();
     if (kind < 985) return restart();
@@ -101,13 +102,12 @@ class World : public Follower::Output {
     server_.log.push_back(entry);
     server_.applied.insert(entry.origin);
     if (subscribed_)
-      pushes_.push_back([this, entry] {
-        follower_.onPush(entry.moment.generation, {entry.moment.revision, entry.origin, delta(entry)});
-      });
+      pushes_.push_back([this, entry] { follower_.onPush(entry.moment.generation, entryOf(entry)); });
   }
-  std::string_view delta(const Logged& entry) {
-    deltas_.push_back(entry);
-    return {reinterpret_cast<const char*>(&deltas_.back()), sizeof(Logged)};
+  // Its delta is the entry itself, which stays until the end.
+  Entry entryOf(const Logged& logged) {
+    const Logged& kept = kept_.emplace_back(logged);
+    return {kept.moment.revision, kept.origin, {reinterpret_cast<const char*>(&kept), sizeof kept}};
   }
   static const Logged& logged(const Entry& entry) {
     return *reinterpret_cast<const Logged*>(entry.delta.data());
@@ -147,28 +147,19 @@ class World : public Follower::Output {
     pushes_.clear();
     follower_.onDisconnected();
   }
-  static bool takeFrom(std::deque<std::function<void()>>& queue) {
+  template <class Queue>
+  static bool takeFrom(Queue& queue) {
     if (queue.empty()) return false;
     const auto first = std::move(queue.front());
     queue.pop_front();
     first();
     return true;
   }
-  void answerArrives() { takeFrom(answers_); }
-  void pushArrives() { takeFrom(pushes_); }
-  void arriveAtServer() {
-    if (requests_.empty()) return;
-    const Request first = std::move(requests_.front());
-    requests_.pop_front();
-    first.atServer();
-  }
-  void zombieArrives() {
-    if (zombies_.empty()) return;
-    const Request first = std::move(zombies_.front());
-    zombies_.pop_front();
+  bool zombieArrives() {
     const auto answers = answers_;
-    first.atServer();
+    const bool any = takeFrom(zombies_);
     answers_ = answers;  // nobody gets this one
+    return any;
   }
   void ask(std::function<void()> atServer, bool isWrite = false) {
     requests_.push_back({std::move(atServer), isWrite});
@@ -209,14 +200,11 @@ class World : public Follower::Output {
   }
   void askLog(Revision after) override {
     ask([this, after] {
-      std::vector<Logged> entries;
+      std::vector<Entry> entries;
       for (const Logged& each : server_.log)
-        if (each.moment.revision > after && entries.size() < kPage) entries.push_back(each);
+        if (each.moment.revision > after && entries.size() < kPage) entries.push_back(entryOf(each));
       answer([this, entries, generation = server_.generation, tip = server_.tip] {
-        LogPage page{generation, tip, {}};
-        for (const Logged& each : entries)
-          page.entries.push_back({each.moment.revision, each.origin, delta(each)});
-        follower_.onLog(page);
+        follower_.onLog({generation, tip, entries});
       });
     });
   }
@@ -241,12 +229,10 @@ class World : public Follower::Output {
     if (timeline_ != state.timeline) newest_.clear();
     timeline_ = state.timeline;
     ++snapshots;
-    for (int key = 0; key < kKeys; ++key) {
-      const Moment before = mirror_.contains(key) ? mirror_[key] : Moment();
-      const Moment after = copy_.contains(key) ? copy_[key] : Moment{state.timeline.generation, state.tip};
-      if (mirror_.contains(key) || copy_.contains(key))
-        if (before != after) deliver(key, after);
-    }
+    for (const auto& [key, moment] : copy_)
+      if (!mirror_.contains(key) || mirror_[key] != moment) deliver(key, moment);
+    for (const auto& [key, moment] : mirror_)
+      if (!copy_.contains(key)) deliver(key, {state.timeline.generation, state.tip});
     mirror_ = copy_;
   }
   void apply(const Entry& entry, Sequence) override {
@@ -278,9 +264,8 @@ class World : public Follower::Output {
       if (!connected_) connect();
       if (server_.generation.empty()) writeBy("other", 0);
       for (bool any = true; any;) {
-        zombieArrives();
-        any = !requests_.empty() || !zombies_.empty();
-        arriveAtServer();
+        any = zombieArrives();
+        any = takeFrom(requests_) || any;
         any = takeFrom(answers_) || any;
         any = takeFrom(pushes_) || any;
       }
@@ -299,7 +284,7 @@ class World : public Follower::Output {
   bool connected_ = false, subscribed_ = false, reconnects_ = false;
   std::deque<Request> requests_, zombies_;
   std::deque<std::function<void()>> answers_, pushes_;
-  std::deque<Logged> deltas_;
+  std::deque<Logged> kept_;
   Follower follower_{"me", *this};
   Timeline timeline_;
   Rows mirror_, copy_;

@@ -34,7 +34,12 @@ inline std::uint16_t freePort() {
 
 class Server {
  public:
-  explicit Server(std::vector<std::string> options = {}) : options_(std::move(options)) { start(); }
+  // `options` are lines of the server's configuration.
+  explicit Server(const std::string& options = "") {
+    contentIs(at("conf"), "port 0\nappendonly yes\nsave \"\"\nunixsocket " + socket() + "\nlogfile " +
+                              at("log") + "\ndir " + at("") + "\n" + options);
+    start();
+  }
   ~Server() { end(SIGKILL); }
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
@@ -46,20 +51,13 @@ class Server {
   }
 
   void start() {
-    std::vector<std::string> words{
-        "redis-server", "--port",       "0",         "--unixsocket",    socket(),
-        "--dir",        folder_.at(""), "--logfile", folder_.at("log"), "--appendonly",
-        "yes",          "--save",       ""};
-    words.insert(words.end(), options_.begin(), options_.end());
-    std::vector<char*> arguments;
-    for (std::string& word : words) arguments.push_back(word.data());
-    arguments.push_back(nullptr);
+    const std::string conf = at("conf");
     const pid_t parent = ::getpid();
     pid_ = ::fork();
     if (pid_ != 0) return;
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     // One binary with the server, chosen by argv[0]. It is in a package that starts no service.
-    if (::getppid() == parent) ::execv("/usr/bin/redis-check-rdb", arguments.data());
+    if (::getppid() == parent) ::execl("/usr/bin/redis-check-rdb", "redis-server", conf.c_str(), nullptr);
     ::_exit(127);
   }
   void signal(int number) const { ::kill(pid_, number); }
@@ -73,7 +71,6 @@ class Server {
 
  private:
   const Folder folder_;
-  const std::vector<std::string> options_;
   pid_t pid_ = 0;
 };
 
@@ -103,8 +100,12 @@ class Client : public Host::Redis::Connection::Owner {
   }
   // Its reply; null where the connection is lost meanwhile.
   Reply operator()(const std::vector<std::string_view>& words) {
+    return replyTo([&](auto then) { connection.request(words, then); });
+  }
+  template <class Request>
+  Reply replyTo(Request&& request) {
     std::optional<Reply> reply;
-    connection.request(words, [&](const Reply& got) { reply = got; });
+    request([&](const Reply& got) { reply = got; });
     connection.flush();
     runUntil(loop_, [&] { return reply || !connection.isReady(); });
     return reply.value_or(Reply());

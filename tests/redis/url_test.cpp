@@ -34,7 +34,7 @@ TEST(RedisUrl, TakesOptions) {
 
 TEST(RedisUrl, SaysWhatIsWrongAndWhatWouldBeRight) {
   struct Case {
-    const char* url;
+    std::string url;
     const char* error;
   };
   const Case cases[] = {
@@ -61,14 +61,13 @@ TEST(RedisUrl, SaysWhatIsWrongAndWhatWouldBeRight) {
       {"redis://h?colour=red", "unknown option 'colour'; known: prefix, hold"},
       {"redis://u@h", "user 'u' needs a password; add ?passwordFile=FILE"},
       {"redis://h?passwordFile=", "passwordFile is empty"},
+      {"redis://h/?prefix=" + std::string(5000, 'a'), "longer than 4096"},
   };
   for (const Case& each : cases) {
     const std::string error = errorOf([&] { parseUrl(each.url); });
     EXPECT_NE(error.find(each.error), std::string::npos) << each.url << ": " << error;
     EXPECT_TRUE(error.starts_with("store 'redis")) << error;
   }
-  EXPECT_NE(errorOf([] { parseUrl("redis://h/?prefix=" + std::string(5000, 'a')); }).find("longer than 4096"),
-            std::string::npos);
 }
 
 TEST(RedisUrl, ErrorsNeverRepeatAPassword) {

@@ -46,8 +46,7 @@ std::uint64_t now() { return static_cast<std::uint64_t>(Zel::System::currentTime
 
 }  // namespace
 
-// One attempt, and the connection that it becomes. Requests of libuv hold weak pointers to it, and outlive
-// it.
+// One attempt, and the connection that it becomes. libuv's requests outlive it; they hold weak pointers.
 struct Connection::Link : std::enable_shared_from_this<Link> {
   struct Resolving {
     uv_getaddrinfo_t request{};
@@ -198,8 +197,7 @@ struct Connection::Link : std::enable_shared_from_this<Link> {
     greet();
   }
 
-  // The answer to the last of these shows that somebody is there: to connect succeeds on a stopped server
-  // too.
+  // Only the answer to the last request shows that the server runs: a stopped one accepts connections too.
   void greet() {
     const Url& url = connection->url_;
     try {

@@ -1,11 +1,11 @@
 // One connection to a Redis server, over libuv's streams; hiredis formats commands and reads replies.
 //
 //     Connection connection(loop, url, owner);
-//     connection.open();                                      // then owner.onReady(), or onLost()
+//     connection.open();                                      // then owner.onReady() or onLost()
 //     connection.request({"HGET", key, field}, [](const Reply& reply) { … });
-//     connection.flush();                                     // sends what was requested since the last one
+//     connection.flush();                                     // sends the requests since the last flush
 //
-// Nothing blocks but the reading of the password file. Activity thread only.
+// Nothing blocks except for reading the password file. Activity thread only.
 #pragma once
 
 #include <cstdint>
@@ -30,17 +30,17 @@ struct Loss {
     silent,       // no answer in time: stopped, overloaded, cut off
     closed,       // by the server: it ended, or the connection fell too far behind
     refused,      // the server refused the password, the database or the user; see `refusal`
-    invalid,      // what arrived is not a reply, or beyond the limits
+    invalid,      // it sent something that is not a reply, or beyond the limits
     password,     // the password file can't be read
   };
   Kind kind = Kind::closed;
   Refusal refusal = Refusal::none;
-  // What, why and what to do, without the address.
+  // The error, its cause and a remedy, without the address.
   std::string text{};
 };
 
-// Milliseconds until the next attempt: 50 at first, then twice as long each time, up to 2,000; a quarter more
-// or less at random, so that many clients of one server do not come back at once.
+// Milliseconds until the next attempt: 50, doubled each time up to 2,000, with a jitter of a quarter so that
+// the clients of one server do not reconnect at once.
 class BackOff {
  public:
   static constexpr std::uint64_t kFirst = 50, kLast = 2000;
@@ -56,7 +56,7 @@ class BackOff {
 
 class Connection {
  public:
-  // Limits of what waits to be sent. Beyond them the connection counts as silent.
+  // Limits for data that waits to be sent. Beyond them the connection counts as silent.
   static constexpr std::size_t kMostWaitingBytes = 64 << 20;
   static constexpr std::size_t kMostRequests = 100'000;
   static constexpr std::size_t kLongestPassword = 512;
@@ -64,11 +64,11 @@ class Connection {
   // May call any function of the connection, and destroy it.
   class Owner {
    public:
-    // The server has answered, and took user, password and database.
+    // The server has answered, and accepted user, password and database.
     virtual void onReady() = 0;
     // Published to a channel that was subscribed to.
     virtual void onMessage(std::string_view channel, std::string_view payload) = 0;
-    // No attempt is under way. Requests without an answer get none.
+    // The connection or the attempt is over. Requests without an answer get none.
     virtual void onLost(const Loss& loss) = 0;
 
    protected:
@@ -82,10 +82,10 @@ class Connection {
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
-  // Begins an attempt, which ends in onReady() or onLost(): within the URL's timeout where names resolve.
-  // What was there before is closed.
+  // Closes the connection or attempt that there was, and begins an attempt. It ends in onReady() or onLost(),
+  // within the URL's timeout where names resolve.
   void open();
-  // The same after the back-off's time.
+  // The same, after a back-off.
   void openLater();
   // The connection has served its purpose: the next back-off begins at its shortest.
   void proved() { backOff_.reset(); }
@@ -93,8 +93,8 @@ class Connection {
   void close();
 
   bool isReady() const { return ready_; }
-  // `then` gets the reply, errors included. Does nothing where the connection is not ready. A request that is
-  // not answered within the URL's timeout ends the connection.
+  // `then` gets the reply, errors included. Does nothing unless the connection is ready. A request without an
+  // answer within the URL's timeout ends the connection.
   void request(const std::vector<std::string_view>& words, OnReply then);
   void subscribe(std::string_view channel, OnReply then);
   void flush();

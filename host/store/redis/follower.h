@@ -1,5 +1,5 @@
-// Follows the change log of one space of a state database on Redis: which entries are missing, when the log
-// is no longer the one that was followed, when only a snapshot helps. Pure logic: no I/O, no clock, no rows.
+// Follows the change log of one space of a state database on Redis: finds out which entries are missing,
+// whether the log is still the same one, and when it takes a snapshot. Pure logic: no I/O, no clock, no rows.
 //
 //     Follower follower("b2e1…", output);
 //     follower.onConnected();           // output.subscribe()
@@ -7,8 +7,8 @@
 //     follower.onState(state);          // output.scan(), or output.askLog() where the mirror is of this log
 //     follower.onPush(generation, {101, origin, delta});  // output.apply(entry)
 //
-// The log is authoritative; pushes only announce what it holds. Three rules make a mirror that loses nothing
-// and resurrects nothing:
+// The log is authoritative; pushes only announce its entries. Three rules keep the mirror from losing or
+// resurrecting a row:
 //
 // - Revisions are contiguous. An entry is applied if it is the last plus one, dropped if it is not newer, and
 //   read from the log if some are missing. What the log no longer holds takes a snapshot.
@@ -51,7 +51,7 @@ struct State {
   Revision tip = 0;
 };
 
-// An entry of the log. Points into what brought it.
+// An entry of the log. Points into the reply or the message that brought it.
 struct Entry {
   Revision revision = 0;
   std::string_view origin;
@@ -80,8 +80,7 @@ class Follower {
   class Output {
    public:
     virtual void subscribe() = 0;  // onSubscribed()
-    // onState(). Unless `fence` is 0, from then on the server refuses this writer's writes up to that
-    // sequence.
+    // onState(). Unless `fence` is 0, the server then refuses this writer's writes up to that sequence.
     virtual void askState(Sequence fence) = 0;
     virtual void askLog(Revision after) = 0;  // onLog(): the entries after it, or the first of them
     // onScanned(). Copies every row into a copy beside the mirror; one that was begun earlier is void.
@@ -90,8 +89,8 @@ class Follower {
     virtual void replay(const Entry& entry) = 0;
     // The copy is complete: it becomes the mirror. Subscribers are notified of differences only.
     virtual void accept(const State& state) = 0;
-    // Carries the next entry into the mirror, and notifies the subscribers. `own` is the sequence of a write
-    // of this writer, or 0.
+    // Carries the next entry into the mirror, and notifies the subscribers. `own`: the sequence if the entry
+    // is a write of this writer, else 0.
     virtual void apply(const Entry& entry, Sequence own) = 0;
     virtual void settle(Sequence write, Outcome outcome) = 0;
     // The space was wiped: the mirror stays as it is until somebody writes there, or acceptWiped().
@@ -118,7 +117,7 @@ class Follower {
   void onScanned();
   // Once a second: asks for the state, which shows wipes, lost pushes and a log that went backwards.
   void check();
-  // Takes a wiped space for what it is: empty.
+  // Accepts that the space was wiped: the mirror becomes empty.
   void acceptWiped();
 
   // A write is about to be sent: the sequence for its origin. REQUIRES: there is a mirror, and a connection.
@@ -129,7 +128,7 @@ class Follower {
 
   // Of the mirror; nothing before the first snapshot.
   const std::optional<State>& mirrored() const { return mirrored_; }
-  // Whether the mirror has everything that this side knows of, and nothing is asked.
+  // Whether the mirror has every entry known so far, and no request is under way.
   bool isIdle() const { return phase_ == Phase::following && asked_ == Asked::nothing && pushed_ == 0; }
   std::string originOf(Sequence write) const { return uuid_ + ":" + std::to_string(write); }
 
@@ -138,7 +137,7 @@ class Follower {
     offline,
     subscribing,
     deciding,   // whether the mirror is of this log
-    following,  // what comes is applied
+    following,  // entries are applied as they come
     scanning,   // a copy is made
     replaying,  // the log since before the scan is carried into the copy
     wiped,

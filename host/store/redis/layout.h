@@ -1,26 +1,26 @@
-// How rows stand in Redis, and the changes of a batch in the log.
+// The layout of rows in Redis, and of the changes of a batch in the log.
 //
 //     const Keys keys("pinlamp", Durability::stored);
 //     keys.directory("hardware/led")     "{pinlamp}:s:d:hardware/led"
-//     deltaText(changes)                 the batch as an entry of the log has it
+//     deltaText(changes)                 the batch as it stands in an entry of the log
 //
 // Stored and volatile rows are two spaces of the same layout. P is "{PREFIX}:s" or "{PREFIX}:v"; the braces
 // keep all keys of a database on one node of a cluster.
 //
 //     P:d:DIRECTORY   hash: the entities directly under a path
-//                       NAME             TYPE and the attributes that were set, in that order, each behind a
-//                       tab NAME/ATTRIBUTE   the value as JSON
+//                       NAME             TYPE, then the attributes in the order in which they were set,
+//                                        each behind a tab
+//                       NAME/ATTRIBUTE   the value as JSON
 //     P:dirs          sorted set of these directories, all of score 0
 //     P:log           stream with the ids 0-REVISION: o, the origin, and d, the delta
 //     P:meta          hash: generation, fence:UUID, and, in the volatile space, claim:MOUNT
 //     P:claim:MOUNT   hash: beat, who, synced
 //     P:changes       the channel on which each entry is announced: "GENERATION REVISION ORIGIN\nDELTA"
 //
-// A name holds no slash and no control character, for these are escaped in paths, so neither is taken for a
-// separator. The entity at the empty path is the empty name in the empty directory.
+// Slashes and control characters are escaped in the names of a path, so no name contains a separator. The
+// entity at the empty path is the empty name in the empty directory.
 //
-// A delta is a line for each step, with tabs between its parts; a directory and a type stand for the lines
-// that follow:
+// A delta is a line for each step, with tabs between its parts. A directory or a type holds until the next:
 //
 //     @DIRECTORY
 //     :TYPE
@@ -67,14 +67,14 @@ Statedb::Path pathAt(std::string_view directory, std::string_view name);
 
 // Throws Zel::ValueError where a type or an attribute has a control character, which no declared one has.
 std::string deltaText(const Statedb::Changes& changes);
-// The inverse. Throws Zel::ValueError where a line is not one, its JSON can't be read, or a path or a name is
+// The inverse. Throws Zel::ValueError for a line of another form, for bad JSON, and for a path or a name
 // beyond the limits.
 Statedb::Changes changesOf(std::string_view delta);
 
-// What the hash says of an entity: its type and its attributes.
+// The hash's value for an entity: its type and its attributes.
 std::string entityText(const Statedb::Record& record);
 
-// The rows of one space as far as they are known: what a scan finds, and what the log says since.
+// The rows of one space as far as they are known: those that a scan found, with the changes in the log since.
 //
 //     rows.scanned("hardware/led", field, value);  // for every field of every hash
 //     rows.endScan();

@@ -34,8 +34,8 @@ if found[2] and tonumber(string.match(found[2], '^%d+')) >= tonumber(ARGV[4]) th
 end
 local origin = string.sub(ARGV[3], 7) .. ':' .. ARGV[4]
 
--- What comes most, puts into one directory of entities that are as the writer knows them, needs none of the functions
--- below: making those takes longer than the rest.
+-- The fast path for the most frequent write: puts into one directory, of entities that are as the writer knows them.
+-- It returns before the functions below are created, which would take longer than the write.
 if ARGV[at] == 'p' and generation ~= '' then
   local key, names, count = KEYS[tonumber(ARGV[at + 1])], at + 4, tonumber(ARGV[at + 2])
   local fields = names + 2 * count
@@ -247,8 +247,7 @@ local function said(name) return string.match(info, '\n' .. name .. ':([^\r\n]*)
 return {generation, tip, said('master_replid'), said('run_id'), said('role'), said('maxmemory_policy')}
 )lua";
 
-// Goes before the state script. A fence stays for a day: so long, at most, what a lost connection sent can be
-// on its way.
+// Goes before the state script. A fence stays for a day; no request of a lost connection arrives later.
 inline constexpr const char* kFenceScript = R"lua(
 if ARGV[3] == 'v' then redis.set_repl(redis.REPL_REPLICA) end
 local now = tonumber(redis.call('TIME')[1])

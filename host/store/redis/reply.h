@@ -21,7 +21,7 @@ enum class Refusal : std::uint8_t {
   none,
   loading,      // it reads its file; wait
   noAuth,       // it wants a password
-  wrongPass,    // or another one
+  wrongPass,    // the user or the password is wrong
   noPerm,       // the user may not do this
   outOfMemory,  // maxmemory is reached
   readOnly,     // it is a replica
@@ -53,8 +53,8 @@ struct Reply {
   std::uint64_t unsignedNumber() const;
 };
 
-// Cuts what arrives into replies, with hiredis. Limits: kLongest bytes for a reply, kMostElements for a list
-// in it, and the depth that hiredis allows (7).
+// Splits the bytes that arrive into replies, with hiredis. Limits: kLongest bytes for a reply, kMostElements
+// for a list in it, and the depth that hiredis allows (7).
 class ReplyReader {
  public:
   static constexpr std::size_t kLongest = 64 << 20;
@@ -64,10 +64,9 @@ class ReplyReader {
   ~ReplyReader();
   ReplyReader(ReplyReader&&) noexcept;
 
-  // Returns false where what arrived is not the protocol, or beyond the limits; then and from then on error()
-  // says why.
+  // Returns false where the bytes are not the protocol, or beyond the limits; see error() then.
   bool feed(std::string_view bytes);
-  // Nothing where no reply is complete. An error while reading shows after the last good reply, in error().
+  // Returns nothing where no reply is complete, or after the last good one before an error; see error().
   std::optional<Reply> next();
   const std::string& error() const { return error_; }
 

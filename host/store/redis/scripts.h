@@ -1,8 +1,9 @@
-// What the server does in one step: scripts, and the calls of them.
+// The scripts that the server runs, each as one atomic step, and the calls of them.
 //
-//     caller.call(writeCall("pinlamp", Durability::stored, changes, {.generation = g, .uuid = uuid, .sequence
-//     = 7}, rows),
-//                 [](const Reply& reply) { if (reply.refusal() == Refusal::none) take(written(reply)); });
+//     const WriteOptions options{.generation = g, .uuid = uuid, .sequence = 7};
+//     caller.call(writeCall("pinlamp", Durability::stored, changes, options, known), [](const Reply& reply) {
+//       if (reply.refusal() == Refusal::none) take(written(reply));
+//     });
 //     connection.flush();
 //
 // A script does not roll back, so each checks everything, the ACL included, before its first change. Nothing
@@ -23,7 +24,7 @@
 namespace Host::Redis {
 
 struct Script {
-  const char* preamble;  // what several have in common
+  const char* preamble;  // shared by several
   const char* text;
   bool readOnly;  // runs with EVALSHA_RO: on behalf of users that may only read
 };
@@ -34,8 +35,8 @@ struct Call {
   std::vector<std::string> words{};
 };
 
-// Calls scripts over a connection. Loads them as they are needed, and again where the server forgot them;
-// calls are carried out in the order of call(), then too.
+// Calls scripts over a connection. Loads each at its first call, and again where the server forgot it. Calls
+// are always carried out in the order of call().
 //
 //     Caller caller(connection);
 //     caller.call(stateCall(keys), [](const Reply& reply) { … });
@@ -45,10 +46,9 @@ class Caller {
   // `connection` must outlive it, and must not call back any more once this is gone.
   explicit Caller(Connection& connection) : connection_(connection) {}
 
-  // `then` gets the reply, errors included; it may not destroy the caller. Does nothing where the connection
-  // is not ready.
+  // `then` gets the reply, errors included; it may not destroy the caller. Does nothing while not connected.
   void call(Call call, Connection::OnReply then);
-  // The connection was lost: what waits goes, and the next server may know no script.
+  // The connection was lost: drops the calls that wait, and loads the scripts again.
   void lost();
 
  private:
@@ -68,14 +68,13 @@ class Caller {
   std::deque<Waiting> refused_{}, waiting_{};
 };
 
-// A change of many rows holds up the server for every client, so a longer batch is carried out in parts, each
-// for itself whole.
+// A write of many rows holds up the server for every client, so a longer batch is cut into atomic parts.
 inline constexpr std::size_t kRowsPerWrite = 1000;
 inline constexpr std::size_t kBytesPerWrite = 1 << 20;
 // At most as many rows and bytes each; a single row may be longer.
 std::vector<Statedb::Changes> partsOf(const Statedb::Changes& changes);
 
-// What a claim is known by: the epoch and the owner's uuid. Empty: there never was a claim.
+// Identifies a claim: the epoch and the owner's uuid. Empty: there never was a claim.
 using Token = std::string;
 
 struct Claimed {
@@ -83,10 +82,9 @@ struct Claimed {
   Token token;
 };
 struct WriteOptions {
-  // As the writer's mirror has it; empty where the space was never written into. `newGeneration`, a random
-  // text, is the space's then.
+  // The one of the writer's mirror; empty if nothing was ever written into the space.
   std::string generation{};
-  std::string newGeneration{};
+  std::string newGeneration{};  // a random text, for a space without one
   std::string uuid{};
   Sequence sequence = 0;
   std::uint32_t log = 10'000;     // entries that are kept
@@ -94,19 +92,19 @@ struct WriteOptions {
   std::vector<Statedb::Path> inTheWay{};  // where an earlier try met an entity of another type
 };
 
-// Carries out a batch. Answers {revision, generation, why it could not be announced or ""}; or refuses,
-// changing nothing:
+// Carries out a batch. Answers {revision, generation, why it could not be announced or ""}. A refusal changes
+// nothing:
 //
 //     GENERATION current      the space was wiped, or made, meanwhile
 //     FENCED                  the write was given up, see Follower
 //     CLAIMED mount token     another process holds that claim
-//     TYPE path               an entity of another type is there, unknown to the writer: put it into
-//     `inTheWay` STORED path             a volatile row would take the place of stored ones
+//     TYPE path               an entity of another type, unknown to the writer: retry with it `inTheWay`
+//     STORED path             a volatile row would take the place of stored ones
 //
-// A put of another type replaces the entity: as a step of its own that removes it, in the log too. A del and
-// an unset of stored rows take the volatile ones along, with an entry of that space's log. `known` is what
-// the writer takes the rows to be: what it has right costs the server nothing. REQUIRES: at most
-// kRowsPerWrite changes.
+// A put of another type replaces the entity: a step of its own removes it, in the log too. A del or an unset
+// of stored rows also removes the volatile ones, with an entry in the log of that space. `known` has the rows
+// of the writer's mirror; those that are correct save the server work.
+// REQUIRES: at most kRowsPerWrite changes.
 struct Known {
   const Rows& stored;
   const Rows& volatile_;
@@ -120,8 +118,8 @@ struct Written {
 };
 Written written(const Reply& reply);
 
-// What a reader asks first, and then once a second. With `fence`, the server refuses writes of `uuid` up to
-// that sequence from then on; this alone needs the right to write.
+// A reader asks for the state first, and then once a second. With `fence`, the server refuses writes of
+// `uuid` up to that sequence from then on; only this needs the right to write.
 Call stateCall(const Keys& keys, std::string_view uuid = {}, Sequence fence = 0);
 struct ServerState {
   State state;
@@ -132,7 +130,7 @@ struct ServerState {
 ServerState serverState(const Reply& reply);
 
 // The entries after a revision, at most `count`, with generation and tip of the same moment. The page points
-// into the reply. Throws Zel::ValueError where the reply is none.
+// into the reply. Throws Zel::ValueError where an id in the reply is not 0-REVISION.
 Call logCall(const Keys& keys, Revision after, std::size_t count);
 LogPage logPage(const Reply& reply);
 
@@ -146,8 +144,8 @@ struct Claim {
   bool isFree() const { return token.empty() || token.ends_with(' '); }
 };
 Call claimCall(const Keys& keys, std::string_view mount);
-// Takes the claim where it still is as `seen`: token and heartbeat. Answers the claim as it is afterwards,
-// the caller's if its token ends in `uuid`. `newGeneration` is for a space without one.
+// Takes the claim if token and heartbeat are still those of `seen`. Answers the claim as it is afterwards;
+// see isOwnedBy(). `newGeneration` is for a space without one.
 Call takeCall(const Keys& keys, std::string_view mount, const Claim& seen, std::string_view uuid,
               std::string_view who, std::string_view newGeneration);
 // Answers the claim; CLAIMED where it is no longer the token's.

@@ -23,8 +23,7 @@ constexpr std::size_t kLongestHost = 253;         // a DNS name's
 constexpr std::size_t kLongestSocket = 107;       // sun_path's, less its end
 constexpr std::uint64_t kMostDatabases = 16'384;  // far beyond any server's configuration
 
-// The URL as messages show it: without options, and without what stands before an '@', where a password may
-// be.
+// The URL as messages show it: without options, and without the part before '@', which may have a password.
 std::string shown(Text url) {
   constexpr std::size_t kShown = 200;
   const std::size_t scheme = url.find("://");

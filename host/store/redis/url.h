@@ -1,4 +1,4 @@
-// Where a state database on Redis is, and how it is used.
+// The URL of a state database on Redis: its address and its options.
 //
 //     const Url url = parseUrl("redis-unix:/run/redis/redis.sock?prefix=rack3&hold=never");
 //     connect(std::get<SocketAddress>(url.at).path, url.timeout);
@@ -9,7 +9,7 @@
 //
 // OPTIONS are joined by '&'. Paths, names and options may have %XX.
 //
-//     prefix=NAME          what every key begins with ("pinlamp")
+//     prefix=NAME          the start of every key ("pinlamp")
 //     hold=TIME|never      how long volatile rows stay when their publisher is gone (30s)
 //     lease=TIME           a claim without a heartbeat for so long may be taken over (5s)
 //     log=COUNT            changes that the log keeps for readers that were away (10000)
@@ -70,8 +70,8 @@ struct Url {
 
 // Whether a URL is of one of these kinds.
 bool isRedisUrl(std::string_view url);
-// Throws Statedb::StoreError. Its text says what is wrong, where, and what would be right; it never repeats
-// what may be a password.
+// Throws Statedb::StoreError: what is wrong, where, and what would be right. Its text never repeats anything
+// that may be a password.
 Url parseUrl(std::string_view url);
 
 }  // namespace Host::Redis

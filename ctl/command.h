@@ -24,7 +24,7 @@ class Option;
 
 namespace Ctl {
 
-// What an argument names, for shell completion.
+// The kind of an argument, for shell completion.
 enum class Completes {
   nothing,
   led,

@@ -8,7 +8,7 @@
 
 namespace Ctl {
 
-// What a terminal can display.
+// The colours that a terminal can display.
 struct Look {
   enum class Colours { none, ansi16, ansi256, truecolor };
   Colours colours = Colours::none;

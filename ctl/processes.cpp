@@ -31,7 +31,7 @@ std::optional<bool> isFilled(const Json& status, const std::string& path) {
 
 namespace {
 
-// What is counted of which type.
+// The counts of a status, and their types.
 constexpr std::pair<const char*, const char*> kCounted[] = {
     {"leds", kLedType}, {"mappings", kMapType}, {"machines", kMachineType}, {"pins", kPinType}};
 

@@ -97,7 +97,7 @@ void Host::run() {
 
 void Host::abandon() { listener_.reset(); }
 
-// What clients wrote reaches the agents, and what the agents make of it is published, before the answers go.
+// Delivers the writes of clients to the agents and publishes the results before the answers go.
 double Host::turn() {
   control_->commit();
   activity_.step();

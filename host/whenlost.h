@@ -18,7 +18,7 @@
 
 namespace Host {
 
-// What to show, and when.
+// The settings to show, and after how long.
 struct Fallback {
   struct Setting {
     std::string leds;  // a name, or a pattern as the shell has them

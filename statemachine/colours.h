@@ -1,4 +1,4 @@
-// What a machine does with each colour: the pins that it writes, when, and how it traces that.
+// A machine's view of each colour: its pins, when they are lit, and the texts of their trace records.
 #pragma once
 
 #include <string_view>

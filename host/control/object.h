@@ -45,8 +45,8 @@ class Objects {
   // the object's own operation throws. set, del and call throw ValueError unless the access is writable.
   ObjectRef resolve(std::string_view path) const;
 
-  // get, iterate and list return at most kListed keys or members of a collection; `omitted` counts the others,
-  // by attribute.
+  // get, iterate and list return at most kListed keys or members of a collection; `omitted` counts the
+  // others, by attribute.
   static constexpr std::size_t kListed = 4096;
   struct Answer {
     Zel::Value value{};

@@ -1,4 +1,4 @@
-// What the event loop offers agents: polled descriptors, and a wake-up for tasks posted by other threads.
+// The event loop as agents see it: polled descriptors, and a wake-up for tasks posted by other threads.
 #pragma once
 
 #include "host/io/loop.h"

@@ -146,7 +146,7 @@ void PublishedRows::sendAgain(Path under) {
 
 namespace {
 
-// What the other side has with what was published here over it, attribute by attribute.
+// Merges the rows published here over those of the other side, attribute by attribute.
 Record merged(const Record& theirs, const Record& own) {
   if (theirs.type != own.type) return own;
   Record record = theirs;

@@ -13,7 +13,7 @@ struct LineRef {
   bool operator==(const LineRef&) const = default;
 };
 
-// What the line agent does to a line when it stops normally.
+// The line agent's action on a line when it stops normally.
 enum class OnExit : std::uint8_t { keep, off };
 
 }  // namespace Hardware::Gpio

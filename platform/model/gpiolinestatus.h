@@ -29,7 +29,7 @@ class ZEL_API GpioLineStatus : public Zel::Described<GpioLineStatus, Zel::Entity
   // Whether the line shows the pin's value.
   bool driven() const { return driven_; }
   void drivenIs(bool driven) { set<&GpioLineStatus::driven_>(driven); }
-  // Where the line was found: "line 3 'LED_G' of gpiochip0 'front'".
+  // The line as it was found: "line 3 'LED_G' of gpiochip0 'front'".
   const Zel::String& place() const { return place_; }
   void placeIs(const Zel::String& place) { set<&GpioLineStatus::place_>(place); }
   // Why the line is not driven, or why it was not the last time; empty if it always was.

@@ -1,4 +1,4 @@
-// What one LED should show.
+// The setting of one LED.
 #pragma once
 
 #include "platform/model/led.h"
@@ -44,7 +44,7 @@ class ZEL_API LedConfig : public Zel::Described<LedConfig, Zel::Entity> {
   const ::Led::LightSetting& lightSetting() const { return lightSetting_; }
   void lightSettingIs(const ::Led::LightSetting& setting) { set<&LedConfig::lightSetting_>(setting); }
 
-  // What the LED is, for people: "port 3/1".
+  // A description of the LED for people: "port 3/1".
   const Zel::String& ledAttribute() const { return ledAttribute_; }
   void ledAttributeIs(const Zel::String& text) { set<&LedConfig::ledAttribute_>(text); }
 

@@ -1,4 +1,4 @@
-// What every LED of the appliance should show.
+// The settings of all LEDs of the appliance.
 #pragma once
 
 #include "platform/model/ledconfig.h"

@@ -1,4 +1,4 @@
-// Where the entities of the LED model stand in the state database.
+// The paths of the LED model in the state database.
 #pragma once
 
 namespace Paths {

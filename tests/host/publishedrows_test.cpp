@@ -1,4 +1,5 @@
-// What a process publishes into a state database elsewhere, under random writes, delays, losses and restarts.
+// Rows that a process publishes into a state database elsewhere, under random writes, delays, losses and
+// restarts.
 #include "host/store/publishedrows.h"
 
 #include <gtest/gtest.h>
@@ -41,7 +42,7 @@ struct Line : Statedb::Subscriber {
     toClient.push_back([this, changes] { carryInto(client, own.revealed(changes)); });
   }
 
-  // Where the keeper is started again, what was volatile is gone.
+  // A restarted keeper has lost the volatile rows.
   void lose(bool restarts) {
     server->unsubscribe(*this);
     if (restarts) server = std::make_unique<Statedb::MemoryStore>();

@@ -1,4 +1,4 @@
-// What a host shows by itself while its state database is lost. That it does is tested with processes.
+// Parsing of --when-lost. processes_test.sh checks that a host shows the settings.
 #include "host/whenlost.h"
 
 #include <gmock/gmock.h>

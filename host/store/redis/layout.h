@@ -55,7 +55,7 @@ class Keys {
   const std::string space_;
 };
 
-// Where an entity stands.
+// The keys of an entity.
 struct Place {
   std::string directory;
   std::string name;

@@ -40,7 +40,7 @@ Call callOf(const Script& script, const std::vector<std::string>& keys, std::vec
 
 std::string spaceLetter(const Keys& keys) { return keys.space().substr(keys.space().size() - 1); }
 
-// What a batch meets and makes, step by step.
+// The entities that a batch meets and makes, step by step.
 class Types {
  public:
   Types(const Known& known, const std::vector<Path>& inTheWay) : known_(known), inTheWay_(inTheWay) {}
@@ -84,7 +84,7 @@ class StepWriter {
   }
   void replace(Path path) { remove("r", path); }
 
-  // What was put since the last other step becomes one.
+  // Merges the puts since the last other step into one.
   void end() {
     if (entities_.empty()) return;
     words_.insert(words_.end(), {"p", index(directory_), std::to_string(entities_.size()),

@@ -71,7 +71,7 @@ struct NotifieeBase::AllKeyMarks {
   }
 };
 
-// What is left to deliver in the turn of one reactor. Lives on the stack of the delivery and in a list of
+// The rest of one reactor's turn. Lives on the stack of the delivery and in a list of
 // such turns, where the reactor finds it while its flag kInTurn is set.
 struct NotifieeBase::Turn {
   explicit Turn(NotifieeBase& whose) : notifiee(whose), outer(std::exchange(innermost, this)) {

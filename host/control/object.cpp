@@ -170,8 +170,11 @@ Value::List Objects::coerced(const std::string& path, const AttributeInfo& attri
                              const Value::List& arguments) const {
   Value::List given = arguments;
   if (attribute.direct) {  // the type of an entry
-    for (const Value& type : given)
-      if (const auto* text = type.as<std::string>()) Statedb::typeNamed(*text);
+    for (const Value& type : given) {
+      const auto* text = type.as<std::string>();
+      if (text && !Statedb::typeNamed(*text).newEntityForDir())
+        throw ValueError("type " + *text + " can't be put in a directory");
+    }
     return given;
   }
   const Zel::Parameter plain{attribute.name, attribute.type};

@@ -151,7 +151,7 @@ TEST_F(ObjectsTest, RefusesWithTheReasonAndInternsNothing) {
        {Value(), 1}},
       {set, "d/entries/x", "type Test::Agent is an agent's, which only a host makes", {"Test::Agent"}},
       {set, "d/entries/x", "No::Such", {"No::Such"}},
-      {set, "d/entries/a", "Zel::Entity", {"Zel::Entity"}},
+      {set, "d/entries/x", "Zel::Entity", {"Zel::Entity"}},
       {set, "agent/system/gpioLeds/A%2F1/gpioRed", "expected", {Value::Object{led, false}}},
       {set, "agent/system/gpioLeds/A%2F1/gpioRed", "read only", {Value::Object{pin, true}}},
       {set, "m/name", "operation set is not supported on 'name' of Zel::Entity; it allows get", {"x"}},

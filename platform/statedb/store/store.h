@@ -61,9 +61,17 @@ class ZEL_API Subscriber {
 // flushes.
 class Ticket {
  public:
+  // Of a flush that is done.
+  enum class Kind : std::uint8_t {
+    taken,    // everything that it covers is durable
+    refused,  // the store refuses what was written; a retry would fail as well
+    failed,   // nothing was stored; a retry may succeed
+    unknown,  // the connection was lost: it may have been stored
+  };
   struct Outcome {
     bool isDone = false;
-    std::string failure{};  // empty: everything that the flush covers is durable
+    std::string failure{};     // empty: everything that the flush covers is durable
+    Kind kind = Kind::failed;  // where there is a failure
   };
 
   // Of a flush that was durable when it returned.
@@ -72,13 +80,15 @@ class Ticket {
   explicit Ticket(std::shared_ptr<const Outcome> outcome) : outcome_(std::move(outcome)) {}
 
   // Of one that failed at once.
-  static Ticket failed(std::string why) {
-    return Ticket(std::make_shared<const Outcome>(Outcome{true, std::move(why)}));
+  static Ticket failed(std::string why, Kind kind = Kind::failed) {
+    return Ticket(std::make_shared<const Outcome>(Outcome{true, std::move(why), kind}));
   }
 
   bool isDone() const { return !outcome_ || outcome_->isDone; }
   // Why the flush stored nothing; empty if it succeeded or is not done.
   std::string failure() const { return outcome_ ? outcome_->failure : std::string(); }
+  // REQUIRES: isDone().
+  Kind kind() const { return outcome_ && !outcome_->failure.empty() ? outcome_->kind : Kind::taken; }
 
  private:
   std::shared_ptr<const Outcome> outcome_;
@@ -89,6 +99,15 @@ struct StoreState {
   bool canBeLost = false;  // another process keeps it
   bool isReached = true;
   std::string reason{};  // while it is not reached: why, and what the store does about it
+
+  // A mount that one process at a time may publish. Only of stores that several hosts share.
+  struct Claim {
+    std::string mount;
+    std::string who{};      // the holder, for people; empty: nobody
+    bool isOwn = false;     // this process is the holder
+    bool isOrphan = false;  // the holder is gone; its rows stay for a while
+  };
+  std::vector<Claim> claims{};
 };
 
 // Introduces a process to those that share its state.

@@ -1,0 +1,70 @@
+// The rows of a state database on Redis as this process sees them: the stored and the volatile space in one
+// table, and this process's stored writes that the server has not answered yet.
+//
+//     Mirror mirror;
+//     mirror.replace(Durability::stored, snapshot, visible);   // notify the subscribers of `visible`
+//     mirror.carry(Durability::volatile_, changes, visible);
+//     const Mirror::Pending pending = mirror.pend(changes);    // the table shows them, nobody is notified
+//     mirror.settle(pending);                                  // carried meanwhile, or refused
+//
+// Each space changes by itself, in the order of its own log: a del or an unset of the stored space leaves
+// volatile values alone, and one of the volatile space reveals the stored ones. A pending stored write
+// behaves as Statedb::Store says for stored steps.
+//
+// `visible` gets what subscribers are to be notified of, in order, appended. Nothing that did not change is
+// in it, except that a del is followed by puts of what stays under its path.
+//
+// Activity thread only.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+#include "platform/statedb/store/row.h"
+#include "platform/statedb/store/table.h"
+
+namespace Host::Redis {
+
+class Mirror final : public Statedb::Table {
+ public:
+  using Pending = std::uint64_t;
+
+  Mirror();
+  ~Mirror();
+
+  // Carries changes of one space. An entity put with another type replaces the one that is there in that
+  // space; while the two spaces have different types at a path, the stored one is visible.
+  void carry(Statedb::Durability space, const Statedb::Changes& changes, Statedb::Changes& visible);
+  // The same for changes of the volatile space that a stored write made: a del or an unset takes volatile
+  // values along. Shows and reveals nothing until release(), because the entry of the stored space follows.
+  void carryHidden(const Statedb::Changes& changes);
+  void release(Statedb::Changes& visible);
+  // Replaces the rows of one space.
+  void replace(Statedb::Durability space, const Statedb::Records& rows, Statedb::Changes& visible);
+
+  // Puts a stored batch on top, also of what is carried later, until it is settled.
+  Pending pend(const Statedb::Changes& changes);
+  void settle(Pending pending);
+
+  // Everything visible at and under a path without the pending writes, each entity before those under
+  // itself: what subscribers were notified of. The records are valid during the call.
+  void withShown(Statedb::Path path, const std::function<void(const Statedb::Records&)>& take) const;
+  // Puts of the visible value of an attribute, or with the empty attribute of the whole entity, without the
+  // pending writes. Appends nothing where there is none.
+  void appendShown(Statedb::Path path, Zel::Name attribute, Statedb::Changes& changes) const;
+  // Whether anything at or under a path is stored, pending writes included.
+  bool anyStored(Statedb::Path path) const;
+
+  // With the pending writes.
+  Statedb::Records read(Statedb::Path path) const override;
+  Zel::Name typeAt(Statedb::Path path) const override;
+  std::size_t entities() const override;
+  std::unordered_map<Zel::Name, std::size_t> entitiesByType() const override;
+
+ private:
+  struct State;
+  const std::unique_ptr<State> state_;
+};
+
+}  // namespace Host::Redis

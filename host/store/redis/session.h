@@ -1,0 +1,102 @@
+// This process's session with a Redis server: keeps the rows of both spaces the same as the server's, and
+// sends writes.
+//
+//     Session session(loop, url, owner);   // connects from the loop, and reconnects for ever
+//     session.write(Durability::stored, changes, claims);
+//     session.flush();                     // sends what was written since the last flush
+//
+// Two connections, one for commands and one that is subscribed to both spaces' channels, and a Follower for
+// each space. A connection is good when both lead to the same master, it evicts nothing, and both spaces are
+// followed. Once a second both followers check; a server that does not answer within the URL's timeout
+// counts as lost. A loss of one connection ends both.
+//
+// Activity thread only.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/io/loop.h"
+#include "host/store/redis/connection.h"
+#include "host/store/redis/follower.h"
+#include "host/store/redis/layout.h"
+#include "host/store/redis/scripts.h"
+#include "host/store/redis/url.h"
+
+namespace Host::Redis {
+
+// A write that the server has not answered yet, or whose entry did not come yet. Counted in each space.
+struct WriteId {
+  Statedb::Durability space = Statedb::Durability::stored;
+  Sequence sequence = 0;
+  bool operator==(const WriteId&) const = default;
+};
+
+class Session {
+ public:
+  // Notified from the loop. May call any function of the session, but not destroy it.
+  class Owner {
+   public:
+    // The connection is good: rows(), and what was notified of until now, are the server's.
+    virtual void onReached() = 0;
+    // There is none any more, or an attempt failed; `loss` says why and what would help. The rows stay.
+    virtual void onLost(const Loss& loss) = 0;
+
+    // rows(space) were replaced by a whole snapshot. It comes before onReached(), and later where the log
+    // was cut off.
+    virtual void onRows(Statedb::Durability space) = 0;
+    // rows(space) have the next entry of the log. `own`: the sequence of a write of this process, else 0.
+    // `isCompanion`: an entry of the volatile space that a stored write made; the stored one follows.
+    struct Entry {
+      Statedb::Durability space;
+      const Statedb::Changes& changes;
+      Sequence own = 0;
+      bool isCompanion = false;
+    };
+    virtual void onEntry(const Entry& entry) = 0;
+    // The space was wiped: its rows stay until somebody writes there, or acceptWiped().
+    virtual void onWiped(Statedb::Durability space) = 0;
+
+    // A write is over: its entry was notified of, or never will be, or nobody can tell.
+    virtual void onSettled(const WriteId& write, Outcome outcome) = 0;
+    // The server refused it and changed nothing. `error` is an error reply. A write that met a generation or
+    // a type which this process did not know yet is sent again by the session, and is not refused.
+    virtual void onRefused(const WriteId& write, const Reply& error) = 0;
+
+   protected:
+    ~Owner() = default;
+  };
+
+  // `loop` and `owner` must outlive it.
+  Session(Loop& loop, const Url& url, Owner& owner);
+  ~Session();
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  bool isReached() const;
+  // As the server has them; empty before the first snapshot.
+  const Rows& rows(Statedb::Durability space) const;
+  // Of that snapshot and the entries since; its timeline is empty before the first.
+  State state(Statedb::Durability space) const;
+  // Random, of this process's session; the start of the origins of its writes, and the owner of its claims.
+  const std::string& uuid() const;
+
+  // Sends a part, see partsOf(). Every claim whose mount it writes under must be among `claims`.
+  // REQUIRES: isReached().
+  WriteId write(Statedb::Durability space, const Statedb::Changes& changes, std::vector<Claimed> claims);
+  // Writes that are not settled.
+  std::size_t underWay() const;
+  void acceptWiped(Statedb::Durability space);
+  // For claims: scripts on the connection for commands, in order with the writes. Does nothing unless
+  // isReached().
+  void call(Call call, Connection::OnReply then);
+  void flush();
+
+ private:
+  struct State_;
+  const std::unique_ptr<State_> state_;
+};
+
+}  // namespace Host::Redis

@@ -17,9 +17,11 @@
 // Activity thread only.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <unordered_map>
 
 #include "platform/statedb/store/row.h"
 #include "platform/statedb/store/table.h"
@@ -40,10 +42,11 @@ class Mirror final : public Statedb::Table {
   // values along. Shows and reveals nothing until release(), because the entry of the stored space follows.
   void carryHidden(const Statedb::Changes& changes);
   void release(Statedb::Changes& visible);
-  // Replaces the rows of one space.
+  // Replaces the rows of one space; notifies of differences only, and shows what is hidden. Takes linear time.
   void replace(Statedb::Durability space, const Statedb::Records& rows, Statedb::Changes& visible);
 
-  // Puts a stored batch on top, also of what is carried later, until it is settled.
+  // Puts a stored batch on top, also of what is carried later, until it is settled. The next read after a
+  // change applies all pending batches again.
   Pending pend(const Statedb::Changes& changes);
   void settle(Pending pending);
 

@@ -1,0 +1,232 @@
+#include "host/store/redis/spaces.h"
+
+#include <algorithm>
+#include <optional>
+#include <vector>
+
+namespace Host::Redis {
+
+using Statedb::Attribute;
+using Statedb::Change;
+using Statedb::Changes;
+using Statedb::Durability;
+using Statedb::Path;
+using Statedb::Record;
+using Statedb::Records;
+using Statedb::Row;
+using Zel::Name;
+using Zel::Value;
+
+namespace {
+
+bool isSame(const Value* a, const Value* b) { return a && b ? *a == *b : a == b; }
+
+// Ignores order and durability.
+bool hasSameRows(const Record& a, const Record& b) {
+  const auto isInB = [&](const Attribute& each) { return isSame(&each.value, b.find(each.name)); };
+  return a.type == b.type && a.attributes.size() == b.attributes.size() &&
+         std::ranges::all_of(a.attributes, isInB);
+}
+
+// Appends what makes `before`, of the same type or none, become `now`.
+void appendDifferences(const Record& before, const Record& now, Changes& changes) {
+  if (!orNull(before)) changes.push_back(Change::put(now.path, now.type, {}, {}));
+  for (const Attribute& each : before.attributes)
+    if (!now.find(each.name)) changes.push_back(Change::unset(now.path, each.name));
+  for (const Attribute& each : now.attributes)
+    if (!isSame(&each.value, before.find(each.name)))
+      changes.push_back(Change::put(now.path, now.type, each.name, each.value));
+}
+
+}  // namespace
+
+void setIn(Record& record, Attribute attribute) {
+  const auto before = std::ranges::find(record.attributes, attribute.name, &Attribute::name);
+  if (before != record.attributes.end())
+    *before = std::move(attribute);
+  else
+    record.attributes.push_back(std::move(attribute));
+}
+
+void unsetIn(Record& record, Name attribute) {
+  std::erase_if(record.attributes, [&](const Attribute& each) { return each.name == attribute; });
+}
+
+void appendRows(const Record& record, Changes& changes) { appendDifferences({}, record, changes); }
+
+Name Layers::type() const {
+  const Record* any = stored ? stored : volatile_;
+  return any ? any->type : Name();
+}
+
+const Value* Layers::find(Name attribute) const {
+  const Record* over = top();
+  const Value* value = over ? over->find(attribute) : nullptr;
+  return value || !stored ? value : stored->find(attribute);
+}
+
+Record Layers::merged() const {
+  const Record* over = top();
+  if (!stored) return over ? *over : Record();
+  Record record = *stored;
+  if (over)
+    for (const Attribute& each : over->attributes) setIn(record, each);
+  return record;
+}
+
+Record& Spaces::Space::make(Path path, Name type) {
+  if (path.id() >= records_.size()) records_.resize(Path::count());
+  return records_[path.id()] = {path, type, {}};
+}
+
+const Record* Spaces::find(Path path) {
+  const Layers layers = at(path);
+  if (!layers.isMerged()) return layers.stored ? layers.stored : layers.volatile_;
+  const auto [found, isNew] = merged_.try_emplace(path);
+  if (isNew) found->second = layers.merged();
+  return &found->second;
+}
+
+const Record* Spaces::shown(Path path) {
+  const auto held = held_.find(path);
+  return held == held_.end() ? find(path) : orNull(held->second);
+}
+
+Record& Spaces::make(Durability space, Path path, Name type) {
+  if (at(path).type().empty()) ++count_;
+  merged_.erase(path);
+  return in(space).make(path, type);
+}
+
+void Spaces::remove(Durability space, Path path) {
+  if (!in(space).find(path)) return;
+  hold(path);
+  merged_.erase(path);
+  in(space).remove(path);
+  if (at(path).type().empty()) --count_;
+}
+
+void Spaces::removeUnder(Durability space, Path path) {
+  path.forEachUnder([&](Path each) { remove(space, each); });
+}
+
+void Spaces::put(Durability space, const Row& row) {
+  const Record* before = in(space).find(row.path);
+  if (before && before->type != row.type) removeUnder(space, row.path);
+  hold(row.path);
+  merged_.erase(row.path);
+  Record* own = in(space).find(row.path);
+  if (!own) own = &make(space, row.path, row.type);
+  if (!row.attribute.empty()) setIn(*own, {row.attribute, row.value, space});
+}
+
+void Spaces::unset(Durability space, Path path, Name attribute) {
+  Record* own = in(space).find(path);
+  if (!own) return;
+  hold(path);
+  merged_.erase(path);
+  unsetIn(*own, attribute);
+}
+
+void Spaces::hide(Durability space, const Change& change) {
+  const Row& row = change.row;
+  if (change.kind == Change::Kind::del)
+    removeUnder(space, row.path);
+  else if (change.kind == Change::Kind::unset)
+    unset(space, row.path, row.attribute);
+  else
+    put(space, row);
+}
+
+void Spaces::carry(Durability space, const Change& change, Changes& visible) {
+  const Row& row = change.row;
+  const Record* own = in(space).find(row.path);
+  const bool isPut = change.kind == Change::Kind::put;
+  const bool isDel = change.kind == Change::Kind::del;
+  const bool isReplaced = isPut && own && own->type != row.type;
+  if (own && !isDel && !isReplaced && isKnown(row.path)) return carryValue(space, change, visible);
+  hide(space, change);
+  if (isDel || isReplaced)
+    showUnder(row.path, visible);
+  else
+    show(row.path, visible);
+}
+
+// The most frequent change: of a value. Holds nothing, and leaves the other values as subscribers know them.
+void Spaces::carryValue(Durability space, const Change& change, Changes& visible) {
+  const auto& [path, type, attribute, value] = change.row;
+  Record& own = *in(space).find(path);
+  const bool isPut = change.kind == Change::Kind::put;
+  if (attribute.empty() || isSame(own.find(attribute), isPut ? &value : nullptr)) return;
+  const auto held = held_.find(path);
+  const Value* known = held == held_.end() ? at(path).find(attribute) : held->second.find(attribute);
+  const std::optional<Value> before = known ? std::optional(*known) : std::nullopt;
+  merged_.erase(path);
+  isPut ? setIn(own, {attribute, value, space}) : unsetIn(own, attribute);
+  const Layers layers = at(path);
+  const Value* now = layers.find(attribute);
+  if (isSame(before ? &*before : nullptr, now)) return;
+  visible.push_back(now ? Change::put(path, layers.type(), attribute, *now) : Change::unset(path, attribute));
+  if (held != held_.end()) now ? setIn(held->second, {attribute, *now}) : unsetIn(held->second, attribute);
+}
+
+void Spaces::replace(Durability space, const Records& rows) {
+  std::vector<bool> isKept(Path::count());
+  for (const Record* row : rows) {
+    isKept[row->path.id()] = true;
+    const Record* own = in(space).find(row->path);
+    if (own && hasSameRows(*own, *row)) continue;
+    hold(row->path);
+    Record& made = make(space, row->path, row->type);
+    made.attributes = row->attributes;
+    for (Attribute& each : made.attributes) each.durability = space;
+  }
+  Path().forEachUnder([&](Path each) {
+    if (!isKept[each.id()]) remove(space, each);
+  });
+}
+
+bool Spaces::isKnown(Path path) const {
+  const auto held = held_.find(path);
+  return held == held_.end() || held->second.type == at(path).type();
+}
+
+// Keeps the entity as subscribers know it, for show().
+void Spaces::hold(Path path) {
+  if (!held_.contains(path)) held_.emplace(path, at(path).merged());
+}
+
+void Spaces::show(Path path, Changes& visible) {
+  const auto held = held_.extract(path);
+  if (!held) return;
+  const Record& before = held.mapped();
+  const Record* now = find(path);
+  if (orNull(before) && (!now || now->type != before.type))
+    showReplaced(path, visible);
+  else if (now)
+    appendDifferences(before, *now, visible);
+}
+
+// A del takes along what is under the path: puts what stays.
+void Spaces::showReplaced(Path path, Changes& visible) {
+  visible.push_back(Change::del(path));
+  path.forEachUnder([&](Path each) {
+    held_.erase(each);
+    if (const Record* now = find(each)) appendRows(*now, visible);
+  });
+}
+
+void Spaces::showUnder(Path path, Changes& visible) {
+  show(path, visible);
+  if (!held_.empty()) path.forEachUnder([&](Path each) { show(each, visible); });
+}
+
+// In the order of the ids, which has an entity before those under it.
+void Spaces::showAll(Changes& visible) {
+  std::vector<Path> paths;
+  for (const auto& [path, before] : held_) paths.push_back(path);
+  std::ranges::sort(paths);
+  for (const Path each : paths) show(each, visible);
+}
+
+}  // namespace Host::Redis

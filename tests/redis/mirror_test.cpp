@@ -219,7 +219,7 @@ class World {
   }
 
   void carry(Durability space, const Changes& changes) {
-    const Rows before = naive_.visible();
+    const Rows before = subscriber_;
     Changes visible;
     mirror_.carry(space, changes, visible);
     carryInto(naive_.in(space), changes);
@@ -227,7 +227,7 @@ class World {
     if (changes.size() == 1) expectNoNeedlessDel(visible, before);
   }
   void replace(Durability space) {
-    const Rows before = naive_.visible();
+    const Rows before = subscriber_;
     Rows& rows = naive_.in(space);
     carryInto(rows, changes(below(8)));
     Changes visible;
@@ -280,11 +280,10 @@ class World {
   }
   // Of one change, or of a snapshot.
   void expectNoNeedlessDel(const Changes& visible, const Rows& before) {
-    const Rows after = naive_.visible();
     for (const Change& change : visible) {
       const std::pair<std::string, std::string> key{change.row.path.text(), ""};
-      if (change.kind != Change::Kind::del || !after.contains(key)) continue;
-      EXPECT_NE(after.at(key), before.at(key)) << textOf(visible);
+      if (change.kind != Change::Kind::del || !subscriber_.contains(key)) continue;
+      EXPECT_NE(subscriber_.at(key), before.at(key)) << textOf(visible);
     }
   }
 
@@ -335,7 +334,7 @@ class World {
 };
 
 TEST(RedisMirror, SubscribersAndTheTableAgreeWithPlainMaps) {
-  for (unsigned seed = 1; seed <= 300 && !testing::Test::HasFailure(); ++seed) {
+  for (unsigned seed = 1; seed <= 200 && !testing::Test::HasFailure(); ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     World world(seed);
     for (int i = 0; i < 100 && !testing::Test::HasFailure(); ++i) world.step();

@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <map>
+#include <optional>
+#include <ranges>
 #include <utility>
+#include <vector>
 
 #include "host/store/redis/spaces.h"
 
@@ -20,8 +23,8 @@ using Zel::Value;
 
 namespace {
 
-// The entities that the pending writes change, as they make them. Applied from the start where anything
-// under them changed, but not before somebody reads.
+// The pending writes on top of the spaces. Keeps the steps by path, and applies those that concern an entity
+// when it is read: so a change costs nothing, however much is pending.
 class Overlay {
  public:
   using Pending = Mirror::Pending;
@@ -30,123 +33,128 @@ class Overlay {
 
   Pending add(const Changes& changes);
   void remove(Pending pending);
-  void spacesChanged() { isStale_ = !pending_.empty(); }
+  void spacesChanged() { entities_ = {}; }
 
   Layers at(Path path);
   const Record* find(Path path);
   std::size_t count();
 
  private:
+  using Order = std::uint64_t;  // of all pending steps
+  using Orders = std::vector<Order>;
+  struct Step {
+    Order order;
+    const Change* change;
+  };
   struct Entity {
     Record stored{}, volatile_{};
-    Record merged{};  // a cache
+    std::optional<Record> merged{};  // a cache
     Layers layers() const { return {orNull(stored), orNull(volatile_)}; }
+    void clear() { *this = {}; }
   };
 
-  void refresh();
-  Layers layersAt(Path path) const;
-  Entity& change(Path path);
-  void apply(const Change& change);
-  void put(const Row& row);
-  void unset(Path path, Name attribute);
-  void del(Path path);
+  Entity* entity(Path path);
+  Entity applied(Path path, Orders& removals) const;
+  static bool apply(const Row& row, Change::Kind kind, Entity& entity);
 
   Spaces& spaces_;
   std::map<Pending, Changes> pending_{};
   Pending last_ = 0;
-  std::unordered_map<Path, Entity> entities_{};
-  bool isStale_ = false;
+  Order lastOrder_ = 0;
+  std::unordered_map<Path, std::vector<Step>> steps_{};  // in order
+  std::unordered_map<Path, Entity> entities_{};          // a cache until anything changes
 };
 
 Overlay::Pending Overlay::add(const Changes& changes) {
-  pending_.emplace(++last_, changes);
-  if (!isStale_)
-    for (const Change& each : changes) apply(each);
+  entities_ = {};
+  for (const Change& each : pending_.emplace(++last_, changes).first->second)
+    steps_[each.row.path].push_back({++lastOrder_, &each});
   return last_;
 }
 
 void Overlay::remove(Pending pending) {
-  pending_.erase(pending);
-  isStale_ = !pending_.empty();
-  if (pending_.empty()) entities_.clear();
-}
-
-void Overlay::refresh() {
-  if (!std::exchange(isStale_, false)) return;
-  entities_.clear();
-  for (const auto& [pending, changes] : pending_)
-    for (const Change& each : changes) apply(each);
-}
-
-Layers Overlay::layersAt(Path path) const {
-  const auto found = entities_.find(path);
-  return found == entities_.end() ? spaces_.at(path) : found->second.layers();
-}
-
-Layers Overlay::at(Path path) {
-  refresh();
-  return layersAt(path);
-}
-
-const Record* Overlay::find(Path path) {
-  refresh();
-  const auto found = entities_.find(path);
-  if (found == entities_.end()) return spaces_.find(path);
-  Record& merged = found->second.merged;
-  if (!orNull(merged)) merged = found->second.layers().merged();
-  return orNull(merged);
-}
-
-std::size_t Overlay::count() {
-  refresh();
-  std::size_t count = spaces_.count();
-  for (const auto& [path, entity] : entities_) {
-    if (!spaces_.at(path).type().empty()) --count;
-    if (!entity.layers().type().empty()) ++count;
+  const auto batch = pending_.extract(pending);
+  if (!batch) return;
+  entities_ = {};
+  for (const Change& each : batch.mapped()) {
+    const auto found = steps_.find(each.row.path);
+    std::erase_if(found->second, [&](const Step& step) { return step.change == &each; });
+    if (found->second.empty()) steps_.erase(found);
   }
-  return count;
 }
 
-Overlay::Entity& Overlay::change(Path path) {
-  const auto [found, isNew] = entities_.try_emplace(path);
-  Entity& entity = found->second;
-  entity.merged = {};
-  if (!isNew) return entity;
+// Null where no pending step concerns it. The steps of the entities above count, because they may remove it.
+Overlay::Entity* Overlay::entity(Path path) {
+  if (steps_.empty()) return nullptr;
+  if (const auto found = entities_.find(path); found != entities_.end()) return &found->second;
+  std::vector<Path> concerned;
+  for (Path each = path;; each = each.parent()) {
+    if (steps_.contains(each)) concerned.push_back(each);
+    if (each.empty()) break;
+  }
+  if (concerned.empty()) return nullptr;
+  Orders removals;
+  for (const Path each : std::views::reverse(concerned))
+    if (each != path) applied(each, removals);
+  return &entities_.emplace(path, applied(path, removals)).first->second;
+}
+
+// `removals`: of the entities above; adds those of this one.
+Overlay::Entity Overlay::applied(Path path, Orders& removals) const {
+  Entity entity;
   const Layers layers = spaces_.at(path);
   if (layers.stored) entity.stored = *layers.stored;
   if (layers.volatile_) entity.volatile_ = *layers.volatile_;
+  Orders own;
+  auto removal = removals.begin();
+  const auto removeUntil = [&](Order order) {
+    for (; removal != removals.end() && *removal < order; ++removal) entity.clear();
+  };
+  if (const auto steps = steps_.find(path); steps != steps_.end())
+    for (const auto& [order, change] : steps->second) {
+      removeUntil(order);
+      if (apply(change->row, change->kind, entity)) own.push_back(order);
+    }
+  removeUntil(lastOrder_ + 1);
+  removals.insert(removals.end(), own.begin(), own.end());
+  std::ranges::sort(removals);
   return entity;
 }
 
-void Overlay::apply(const Change& change) {
-  const Row& row = change.row;
-  if (change.kind == Change::Kind::del)
-    del(row.path);
-  else if (change.kind == Change::Kind::unset)
-    unset(row.path, row.attribute);
-  else
-    put(row);
+// As Statedb::Store says for stored steps. Whether all under the entity is removed.
+bool Overlay::apply(const Row& row, Change::Kind kind, Entity& entity) {
+  const Name type = entity.layers().type();
+  const bool removes =
+      kind == Change::Kind::del || (kind == Change::Kind::put && !type.empty() && type != row.type);
+  if (removes) entity.clear();
+  if (kind == Change::Kind::unset) {
+    unsetIn(entity.stored, row.attribute);
+    unsetIn(entity.volatile_, row.attribute);
+  }
+  if (kind != Change::Kind::put) return removes;
+  if (!orNull(entity.stored)) entity.stored = {row.path, row.type, {}};
+  if (!row.attribute.empty()) setIn(entity.stored, {row.attribute, row.value});
+  return removes;
 }
 
-void Overlay::put(const Row& row) {
-  const Name type = layersAt(row.path).type();
-  if (!type.empty() && type != row.type) del(row.path);
-  Record& stored = change(row.path).stored;
-  if (!orNull(stored)) stored = {row.path, row.type, {}};
-  if (!row.attribute.empty()) setIn(stored, {row.attribute, row.value});
+Layers Overlay::at(Path path) {
+  const Entity* pending = entity(path);
+  return pending ? pending->layers() : spaces_.at(path);
 }
 
-void Overlay::unset(Path path, Name attribute) {
-  if (!layersAt(path).find(attribute)) return;
-  Entity& entity = change(path);
-  unsetIn(entity.stored, attribute);
-  unsetIn(entity.volatile_, attribute);
+const Record* Overlay::find(Path path) {
+  Entity* pending = entity(path);
+  if (!pending) return spaces_.find(path);
+  if (!pending->merged) pending->merged = pending->layers().merged();
+  return orNull(*pending->merged);
 }
 
-void Overlay::del(Path path) {
-  path.forEachUnder([this](Path each) {
-    if (!layersAt(each).type().empty()) entities_[each] = {};
-  });
+// Takes linear time while anything is pending.
+std::size_t Overlay::count() {
+  if (steps_.empty()) return spaces_.count();
+  std::size_t count = 0;
+  Path().forEachUnder([&](Path each) { count += at(each).type().empty() ? 0 : 1; });
+  return count;
 }
 
 }  // namespace

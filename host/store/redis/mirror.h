@@ -45,8 +45,7 @@ class Mirror final : public Statedb::Table {
   // Replaces the rows of one space; notifies of differences only, and shows what is hidden. Takes linear time.
   void replace(Statedb::Durability space, const Statedb::Records& rows, Statedb::Changes& visible);
 
-  // Puts a stored batch on top, also of what is carried later, until it is settled. The next read after a
-  // change applies all pending batches again.
+  // Puts a stored batch on top, also of what is carried later, until it is settled.
   Pending pend(const Statedb::Changes& changes);
   void settle(Pending pending);
 

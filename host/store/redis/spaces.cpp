@@ -94,14 +94,12 @@ const Record* Spaces::shown(Path path) {
 
 Record& Spaces::make(Durability space, Path path, Name type) {
   if (at(path).type().empty()) ++count_;
-  merged_.erase(path);
   return in(space).make(path, type);
 }
 
 void Spaces::remove(Durability space, Path path) {
   if (!in(space).find(path)) return;
   hold(path);
-  merged_.erase(path);
   in(space).remove(path);
   if (at(path).type().empty()) --count_;
 }
@@ -114,7 +112,6 @@ void Spaces::put(Durability space, const Row& row) {
   const Record* before = in(space).find(row.path);
   if (before && before->type != row.type) removeUnder(space, row.path);
   hold(row.path);
-  merged_.erase(row.path);
   Record* own = in(space).find(row.path);
   if (!own) own = &make(space, row.path, row.type);
   if (!row.attribute.empty()) setIn(*own, {row.attribute, row.value, space});
@@ -124,7 +121,6 @@ void Spaces::unset(Durability space, Path path, Name attribute) {
   Record* own = in(space).find(path);
   if (!own) return;
   hold(path);
-  merged_.erase(path);
   unsetIn(*own, attribute);
 }
 
@@ -144,7 +140,7 @@ void Spaces::carry(Durability space, const Change& change, Changes& visible) {
   const bool isPut = change.kind == Change::Kind::put;
   const bool isDel = change.kind == Change::Kind::del;
   const bool isReplaced = isPut && own && own->type != row.type;
-  if (own && !isDel && !isReplaced && isKnown(row.path)) return carryValue(space, change, visible);
+  if (own && !isDel && !isReplaced) return carryValue(space, change, visible);
   hide(space, change);
   if (isDel || isReplaced)
     showUnder(row.path, visible);
@@ -186,13 +182,9 @@ void Spaces::replace(Durability space, const Records& rows) {
   });
 }
 
-bool Spaces::isKnown(Path path) const {
-  const auto held = held_.find(path);
-  return held == held_.end() || held->second.type == at(path).type();
-}
-
-// Keeps the entity as subscribers know it, for show().
+// Before a change of the entity: keeps it as subscribers know it, for show().
 void Spaces::hold(Path path) {
+  merged_.erase(path);
   if (!held_.contains(path)) held_.emplace(path, at(path).merged());
 }
 

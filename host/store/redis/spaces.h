@@ -88,8 +88,6 @@ class Spaces {
   void unset(Statedb::Durability space, Statedb::Path path, Zel::Name attribute);
   void carryValue(Statedb::Durability space, const Statedb::Change& change, Statedb::Changes& visible);
 
-  // Whether subscribers know the entity by the type that it has.
-  bool isKnown(Statedb::Path path) const;
   void hold(Statedb::Path path);
   void show(Statedb::Path path, Statedb::Changes& visible);
   void showUnder(Statedb::Path path, Statedb::Changes& visible);

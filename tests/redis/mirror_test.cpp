@@ -334,7 +334,7 @@ class World {
 };
 
 TEST(RedisMirror, SubscribersAndTheTableAgreeWithPlainMaps) {
-  for (unsigned seed = 1; seed <= 200 && !testing::Test::HasFailure(); ++seed) {
+  for (unsigned seed = 1; seed <= 100 && !testing::Test::HasFailure(); ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     World world(seed);
     for (int i = 0; i < 100 && !testing::Test::HasFailure(); ++i) world.step();

@@ -42,7 +42,7 @@ class Mirror final : public Statedb::Table {
   // values along. Shows and reveals nothing until release(), because the entry of the stored space follows.
   void carryHidden(const Statedb::Changes& changes);
   void release(Statedb::Changes& visible);
-  // Replaces the rows of one space; notifies of differences only, and shows what is hidden. Takes linear time.
+  // Replaces the rows of one space: notifies of differences only, and releases. Takes linear time.
   void replace(Statedb::Durability space, const Statedb::Records& rows, Statedb::Changes& visible);
 
   // Puts a stored batch on top, also of what is carried later, until it is settled.

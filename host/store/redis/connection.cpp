@@ -287,7 +287,7 @@ struct Connection::Link : std::enable_shared_from_this<Link> {
       auto& link = *static_cast<Link*>(handle->data);
       const std::uint64_t round = link.connection->loop_.round();
       const bool isFirst = std::exchange(link.readIn, round) != round;
-      *buffer = uv_buf_init(bytes.data(), isFirst ? bytes.size() : 0);
+      *buffer = uv_buf_init(bytes.data(), static_cast<unsigned>(isFirst ? bytes.size() : 0));
     };
     const auto read = [](uv_stream_t* handle, ssize_t size, const uv_buf_t* buffer) {
       Loop::guard(handle->loop, [&] { static_cast<Link*>(handle->data)->onRead(size, buffer->base); });

@@ -70,6 +70,7 @@ void Loop::rethrow() {
 }
 
 void Loop::turn() {
+  ++round_;
   if (turn_ && !stopped_ && !error_) wakeAt(turn_());
 }
 

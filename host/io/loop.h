@@ -40,6 +40,9 @@ class Loop {
   void turnIs(Turn turn) { turn_ = std::move(turn); }
   // Runs until stop(). Rethrows what a callback or the turn throws.
   void run();
+  // Counts the rounds of events.
+  std::uint64_t round() const { return round_; }
+
   // Runs one round without waiting. Returns false after stop().
   bool runOnce();
   void stop();
@@ -68,6 +71,7 @@ class Loop {
   UvHandle<uv_poll_t> onAlarm_;
   Turn turn_;
   std::exception_ptr error_;
+  std::uint64_t round_ = 1;
   bool stopped_ = false;
 };
 

@@ -46,6 +46,7 @@ class Talk : public Follower::Output {
     if (what == "check") return follower_.check();
     if (what == "accept-wiped") return follower_.acceptWiped();
     if (what == "write") return static_cast<void>(follower_.writing());
+    if (what == "resending") return follower_.resending(number(1));
     if (what == "written") return follower_.onWritten(number(1), number(2));
     if (what == "state") return follower_.onState({{words.at(1), generation(2)}, number(3)});
     const std::string its = generation(1);
@@ -125,6 +126,13 @@ TEST(Follower, AsksForWhatIsMissingAndSettlesEachWrite) {
       {"wiped for good",
        "check > state? | state s1 - 0 > wiped | accept-wiped > state? | state s1 - 0 > scan | "
        "scanned > log? 0 | log - 0 > accept s1/ 0"},
+      {"accepted, but somebody wrote first; then wiped once more",
+       "check > state? | state s1 - 0 > wiped | accept-wiped > state? | state s1 g2 0 > scan | "
+       "scanned > log? 0 | log g2 0 > accept s1/g2 0 | check > state? | state s1 - 0 > wiped"},
+      {"sent again into a new history, then unanswered",
+       "write | check > state? | state s1 g2 1 > scan | scanned > log? 0 | log g2 1 1 > accept s1/g2 1 | "
+       "resending 1 | disconnected | connected > subscribe, state? fence 1 | state s1 g2 4 > log? 1 | "
+       "log g2 4 4 > scan | scanned > log? 1 | log g2 4 2=1 3 4 > accept s1/g2 4, 1 applied"},
       {"answered, then pushed", "write | written 1 6 | push g1 6=1 > apply 6=1, 1 applied"},
       {"pushed, then answered", "write | push g1 6=1 > apply 6=1, 1 applied | written 1 6"},
       {"answered, then lost with its history",

@@ -80,7 +80,9 @@ struct Connection::Link : std::enable_shared_from_this<Link> {
   std::string outgoing{};
   std::deque<Waiting> waiting{};
   bool isSubscribed = false;
-  bool isOverdue = false;  // the timer went off once for the oldest request
+  bool isOverdue = false;    // the timer went off once for the oldest request
+  std::uint64_t readAt = 0;  // when something arrived
+  std::uint64_t readIn = 0;  // the loop's round in which something was read
 
   uv_loop_t* loop() const { return connection->loop_.uv(); }
   std::uint64_t timeout() const { return static_cast<std::uint64_t>(connection->url_.timeout.count()); }
@@ -102,8 +104,10 @@ struct Connection::Link : std::enable_shared_from_this<Link> {
     uv_timer_init(loop(), timer.get());
     timer->data = this;
     arm(timeout());
-    if (const auto* socket = std::get_if<SocketAddress>(&connection->url_.at)) return connectTo(*socket);
-    resolve(std::get<HostAddress>(connection->url_.at));
+    const Address& at = connection->at_;
+    ZEL_REQUIRE(!std::holds_alternative<SentinelAddress>(at), "a connection to '" << addressText(at) << "'");
+    if (const auto* socket = std::get_if<SocketAddress>(&at)) return connectTo(*socket);
+    resolve(std::get<HostAddress>(at));
   }
 
   void arm(std::uint64_t after) {
@@ -120,9 +124,11 @@ struct Connection::Link : std::enable_shared_from_this<Link> {
   void onTimer() {
     if (connection->ready_ && waiting.empty()) return;
     const std::uint64_t at = now();
-    if (connection->ready_ && waiting.front().deadline > at) {
+    const std::uint64_t latest =
+        connection->ready_ ? std::max(waiting.front().deadline, readAt + timeout()) : 0;
+    if (latest > at) {
       isOverdue = false;
-      return arm(waiting.front().deadline - at);
+      return arm(latest - at);
     }
     if (!std::exchange(isOverdue, true)) return arm(1);
     fail({Loss::Kind::silent, Refusal::none,
@@ -274,9 +280,14 @@ struct Connection::Link : std::enable_shared_from_this<Link> {
   // Receiving.
   void startReading() {
     stream->handle.data = this;
-    const auto allocate = [](uv_handle_t*, std::size_t, uv_buf_t* buffer) {
+    // libuv reads up to 32 times in a round where that much is there; this takes one buffer a round, so that
+    // nothing else on the loop waits for a flood of entries.
+    const auto allocate = [](uv_handle_t* handle, std::size_t, uv_buf_t* buffer) {
       static std::array<char, 1 << 16> bytes;
-      *buffer = uv_buf_init(bytes.data(), bytes.size());
+      auto& link = *static_cast<Link*>(handle->data);
+      const std::uint64_t round = link.connection->loop_.round();
+      const bool isFirst = std::exchange(link.readIn, round) != round;
+      *buffer = uv_buf_init(bytes.data(), static_cast<unsigned>(isFirst ? bytes.size() : 0));
     };
     const auto read = [](uv_stream_t* handle, ssize_t size, const uv_buf_t* buffer) {
       Loop::guard(handle->loop, [&] { static_cast<Link*>(handle->data)->onRead(size, buffer->base); });
@@ -285,7 +296,9 @@ struct Connection::Link : std::enable_shared_from_this<Link> {
   }
   void onRead(ssize_t size, const char* bytes) {
     const auto self = shared_from_this();
+    if (size == UV_ENOBUFS) return;  // the next round reads on
     if (size < 0) return ended(static_cast<int>(size));
+    readAt = now();
     reader.feed({bytes, static_cast<std::size_t>(size)});
     while (connection) {
       const auto reply = reader.next();
@@ -309,11 +322,10 @@ struct Connection::Link : std::enable_shared_from_this<Link> {
 Connection::Connection(Loop& loop, Url url, Owner& owner)
     : loop_(loop),
       url_(std::move(url)),
+      at_(url_.at),
       owner_(owner),
       backOff_(std::random_device{}()),
       retry_(new uv_timer_t) {
-  ZEL_REQUIRE(!std::holds_alternative<SentinelAddress>(url_.at),
-              "a connection to '" << addressText(url_.at) << "'");
   uv_timer_init(loop_.uv(), retry_.get());
   retry_->data = this;
 }

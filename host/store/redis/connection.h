@@ -32,6 +32,7 @@ struct Loss {
     refused,      // the server refused the password, the database or the user; see `refusal`
     invalid,      // it sent something that is not a reply, or beyond the limits
     password,     // the password file can't be read
+    unfit,        // the server answers, but is not one that may be used
   };
   Kind kind = Kind::closed;
   Refusal refusal = Refusal::none;
@@ -76,14 +77,16 @@ class Connection {
   };
   using OnReply = std::function<void(const Reply& reply)>;
 
-  // `loop` and `owner` must outlive it. REQUIRES: the URL names a socket or a host.
+  // `loop` and `owner` must outlive it.
   Connection(Loop& loop, Url url, Owner& owner);
   ~Connection();
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
+  // Where the next attempt goes, instead of to the URL's address.
+  void addressIs(const Address& at) { at_ = at; }
   // Closes the connection or attempt that there was, and begins an attempt. It ends in onReady() or onLost(),
-  // within the URL's timeout where names resolve.
+  // within the URL's timeout where names resolve. REQUIRES: the address is a socket or a host.
   void open();
   // The same, after a back-off.
   void openLater();
@@ -94,7 +97,7 @@ class Connection {
 
   bool isReady() const { return ready_; }
   // `then` gets the reply, errors included. Does nothing unless the connection is ready. A request without an
-  // answer within the URL's timeout ends the connection.
+  // answer within the URL's timeout ends the connection, unless something else arrives meanwhile.
   void request(const std::vector<std::string_view>& words, OnReply then);
   void subscribe(std::string_view channel, OnReply then);
   void flush();
@@ -106,6 +109,7 @@ class Connection {
 
   Loop& loop_;
   const Url url_;
+  Address at_;
   Owner& owner_;
   BackOff backOff_;
   UvHandle<uv_timer_t> retry_;

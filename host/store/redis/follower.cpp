@@ -60,13 +60,14 @@ void Follower::onState(const State& state) {
 
 // Entries may have been applied since the question, so the tip is compared with the revision of then.
 void Follower::decide(const State& state) {
+  const bool accepts = std::exchange(acceptsWiped_, false);
   if (mirrored_ && mirrored_->timeline == state.timeline && state.tip >= askedAt_) {
     phase_ = Phase::following;
     return state.tip > mirrored_->tip ? askLog(mirrored_->tip) : follow();
   }
   const bool isWiped =
       state.timeline.generation.empty() && mirrored_ && !mirrored_->timeline.generation.empty();
-  if (!isWiped || std::exchange(acceptsWiped_, false)) return takeSnapshot(state);
+  if (!isWiped || accepts) return takeSnapshot(state);
   if (std::exchange(phase_, Phase::wiped) != Phase::wiped) output_.wiped();
 }
 
@@ -194,6 +195,10 @@ Sequence Follower::writing() {
   ZEL_REQUIRE(mirrored_ && phase_ != Phase::offline, "a write without a mirror or a connection");
   writes_.emplace(++lastWrite_, Write{mirrored_->tip});
   return lastWrite_;
+}
+
+void Follower::resending(Sequence write) {
+  if (const auto found = writes_.find(write); found != writes_.end()) found->second.before = mirrored_->tip;
 }
 
 void Follower::onWritten(Sequence write, Revision revision) {

@@ -75,8 +75,9 @@ enum class Outcome : std::uint8_t {
 class Follower {
  public:
   // Requests, each answered by the function of the follower that is named, and notifications. At most one
-  // request is under way. It is void once onDisconnected() was called: its answer must not come any more. No
-  // function of the follower may be called from within these.
+  // request is under way. It is void once onDisconnected() was called: its answer must not come any more. Of
+  // the follower's functions, only writing(), resending() and onRefused() may be called from within these;
+  // from within wiped(), acceptWiped() too.
   class Output {
    public:
     virtual void subscribe() = 0;  // onSubscribed()
@@ -122,12 +123,17 @@ class Follower {
 
   // A write is about to be sent: the sequence for its origin. REQUIRES: there is a mirror, and a connection.
   Sequence writing();
+  // It was refused, and is sent again with the same sequence.
+  void resending(Sequence write);
   // It was answered. Not called where the connection was lost first.
   void onWritten(Sequence write, Revision revision);
   void onRefused(Sequence write);
 
   // Of the mirror; nothing before the first snapshot.
   const std::optional<State>& mirrored() const { return mirrored_; }
+  // Whether entries are applied as they come.
+  bool isFollowing() const { return phase_ == Phase::following; }
+  bool isWiped() const { return phase_ == Phase::wiped; }
   // Whether the mirror has every entry known so far, and no request is under way.
   bool isIdle() const { return phase_ == Phase::following && asked_ == Asked::nothing && pushed_ == 0; }
   std::string originOf(Sequence write) const { return uuid_ + ":" + std::to_string(write); }

@@ -89,6 +89,7 @@ struct DeltaReader {
         directory = rest;
         return;
       case ':':
+        type = {};  // where the name is too long, the puts that follow have none
         type = Zel::Name(rest);
         return;
       case '!':
@@ -142,29 +143,77 @@ Changes changesOf(std::string_view delta) {
   return std::move(reader.changes);
 }
 
+Changes changesOf(std::string_view delta, std::vector<std::string>& errors) {
+  DeltaReader reader;
+  while (!delta.empty()) try {
+      reader.line(take(delta, '\n'));
+    } catch (const Zel::ValueError& error) {
+      errors.push_back(error.what());
+    }
+  return std::move(reader.changes);
+}
+
+namespace {
+
+// `text`: an entity's value in its hash, and a tab.
+void putInOrder(Record& record, std::string_view text) {
+  const auto place = [&](const Attribute& each) {
+    const std::string_view name = each.name.view();
+    for (std::size_t at = text.find('\t'); at + 1 < text.size(); at = text.find('\t', at + 1))
+      if (text.substr(at + 1).starts_with(name) && text[at + 1 + name.size()] == '\t') return at;
+    return text.size();
+  };
+  std::ranges::sort(record.attributes, {}, place);
+}
+
+std::size_t attributesIn(std::string_view text) {
+  return static_cast<std::size_t>(std::ranges::count(text, '\t')) - 1;
+}
+
+}  // namespace
+
+// An entity's attributes are put in order when they are all there, because a big table takes long to sort at
+// the end.
 void Rows::scanned(std::string_view directory, std::string_view field, std::string_view text) {
   const bool isEntity = field.find('/') == std::string_view::npos;
   const Path path = pathAt(directory, take(field, '/'));
-  Record& record = entities_.try_emplace(path, Record{path, {}, {}}).first->second;
+  auto found = entities_.find(path);
   if (isEntity) {
-    record.type = Zel::Name(take(text, '\t'));
-    order_[path] = '\t' + std::string(text) + '\t';
-    return;
+    const Zel::Name type(text.substr(0, text.find('\t')));
+    if (found == entities_.end()) {
+      auto early = early_.extract(path);
+      found = early ? entities_.insert(std::move(early)).position
+                    : entities_.try_emplace(path, Record{path, {}, {}}).first;
+    }
+    found->second.type = type;
+    order_[path] = std::string(text) + '\t';
+  } else {
+    const Zel::Name attribute(field);
+    Zel::Value value = parseJson(text);
+    Record& record = found != entities_.end() ? found->second
+                                              : early_.try_emplace(path, Record{path, {}, {}}).first->second;
+    const auto there = std::ranges::find(record.attributes, attribute, &Attribute::name);
+    if (there != record.attributes.end())
+      there->value = std::move(value);
+    else
+      record.attributes.emplace_back(attribute, std::move(value));
   }
-  const Zel::Name attribute(field);
-  std::erase_if(record.attributes, [&](const Attribute& each) { return each.name == attribute; });
-  record.attributes.emplace_back(attribute, parseJson(text));
+  if (found == entities_.end()) return;
+  const auto order = order_.find(path);
+  if (order == order_.end() || found->second.attributes.size() < attributesIn(order->second)) return;
+  putInOrder(found->second, order->second);
+  order_.erase(order);
 }
 
-// Values whose entity was not found belong to one that was made during the scan: the log brings it.
 void Rows::endScan() {
-  std::erase_if(entities_, [](const auto& each) { return each.second.type.empty(); });
-  for (auto& [path, record] : entities_) {
-    const std::string& order = order_[path];
-    const auto place = [&](const Attribute& each) { return order.find('\t' + each.name.stdString() + '\t'); };
-    std::ranges::sort(record.attributes, {}, place);
-  }
+  for (const auto& [path, order] : order_) putInOrder(entities_.at(path), order);
+  early_ = {};
   order_ = {};
+}
+
+bool Rows::discard(std::size_t most) {
+  for (; most > 0 && !entities_.empty(); --most) entities_.erase(entities_.begin());
+  return !entities_.empty();
 }
 
 void Rows::carry(const Changes& changes) {

@@ -70,6 +70,8 @@ std::string deltaText(const Statedb::Changes& changes);
 // The inverse. Throws Zel::ValueError for a line of another form, for bad JSON, and for a path or a name
 // beyond the limits.
 Statedb::Changes changesOf(std::string_view delta);
+// The same, without the steps that it would throw for; appends the errors.
+Statedb::Changes changesOf(std::string_view delta, std::vector<std::string>& errors);
 
 // The hash's value for an entity: its type and its attributes.
 std::string entityText(const Statedb::Record& record);
@@ -83,6 +85,7 @@ class Rows {
  public:
   // Throws Zel::ValueError where the value is no JSON, or a path or a name is beyond the limits.
   void scanned(std::string_view directory, std::string_view field, std::string_view text);
+  // Drops what belongs to no entity: that was made during the scan, and the log brings it.
   void endScan();
   void carry(const Statedb::Changes& changes);
 
@@ -91,9 +94,15 @@ class Rows {
   // In no order, valid until something changes.
   Statedb::Records all() const;
 
+  // Frees up to so many entities. Returns whether any are left. A big table takes long to free at once.
+  bool discard(std::size_t most);
+
  private:
   std::unordered_map<Statedb::Path, Statedb::Record> entities_;
-  std::unordered_map<Statedb::Path, std::string> order_;  // of the attributes, while it is scanned
+  // While it is scanned: entities whose attributes were found before their types, and the values for those
+  // entities whose attributes are not all there yet.
+  std::unordered_map<Statedb::Path, Statedb::Record> early_;
+  std::unordered_map<Statedb::Path, std::string> order_;
 };
 
 }  // namespace Host::Redis

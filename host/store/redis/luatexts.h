@@ -261,12 +261,23 @@ if redis.call('HEXISTS', KEYS[1], 'generation') == 1 then
 end
 )lua";
 
-// KEYS: meta, log. ARGV: after, count.
+// KEYS: meta, log. ARGV: after, count, bytes.
 inline constexpr const char* kLogScript = R"lua(
 local generation = redis.call('HGET', KEYS[1], 'generation') or ''
 local last = redis.call('XREVRANGE', KEYS[2], '+', '-', 'COUNT', 1)
 local tip = last[1] and tonumber(string.match(last[1][1], '^0%-(%d+)$')) or 0
-return {generation, tip, redis.call('XRANGE', KEYS[2], '(0-' .. ARGV[1], '+', 'COUNT', ARGV[2])}
+local entries, after, bytes, chunk = {}, '0-' .. ARGV[1], 0, 32
+local count, most = tonumber(ARGV[2]), tonumber(ARGV[3])
+while true do
+  local asked = math.min(chunk, count - #entries)
+  local found = redis.call('XRANGE', KEYS[2], '(' .. after, '+', 'COUNT', asked)
+  for _, each in ipairs(found) do
+    bytes = bytes + #(each[2][4] or '')
+    if bytes > most and #entries > 0 then return {generation, tip, entries} end
+    entries[#entries + 1], after = each, each[1]
+  end
+  if #found < asked or #entries == count then return {generation, tip, entries} end
+end
 )lua";
 
 // Goes before the scripts of claims, which have KEYS: meta, claim. ARGV begins with the mount.

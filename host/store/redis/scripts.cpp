@@ -302,7 +302,8 @@ ServerState serverState(const Reply& reply) {
 }
 
 Call logCall(const Keys& keys, Revision after, std::size_t count) {
-  return callOf(kLog, {keys.meta(), keys.log()}, {std::to_string(after), std::to_string(count)});
+  return callOf(kLog, {keys.meta(), keys.log()},
+                {std::to_string(after), std::to_string(count), std::to_string(kBytesPerPage)});
 }
 
 LogPage logPage(const Reply& reply) {

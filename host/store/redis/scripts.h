@@ -129,9 +129,12 @@ struct ServerState {
 };
 ServerState serverState(const Reply& reply);
 
-// The entries after a revision, at most `count`, with generation and tip of the same moment. The page points
-// into the reply. Throws Zel::ValueError where an id in the reply is not 0-REVISION.
+// The entries after a revision, at most `count`, and fewer where they are long, with generation and tip of
+// the same moment. The page points into the reply. Throws Zel::ValueError where an id in the reply is not
+// 0-REVISION.
 Call logCall(const Keys& keys, Revision after, std::size_t count);
+// Bytes of a page's deltas; a single entry may be longer.
+inline constexpr std::size_t kBytesPerPage = 64 << 10;
 LogPage logPage(const Reply& reply);
 
 // A claim of a mount, in the volatile space. Only its owner writes there: every write carries the token.

@@ -10,6 +10,9 @@
 // followed. Once a second both followers check; a server that does not answer within the URL's timeout
 // counts as lost. A loss of one connection ends both.
 //
+// A row or a step that can't be read is left out with a warning, because one bad row must not cut off every
+// reader.
+//
 // Activity thread only.
 #pragma once
 
@@ -56,7 +59,8 @@ class Session {
       bool isCompanion = false;
     };
     virtual void onEntry(const Entry& entry) = 0;
-    // The space was wiped: its rows stay until somebody writes there, or acceptWiped().
+    // The space was wiped: its rows stay until somebody writes there, or acceptWiped(). A wiped space counts
+    // as reached.
     virtual void onWiped(Statedb::Durability space) = 0;
 
     // A write is over: its entry was notified of, or never will be, or nobody can tell.
@@ -64,6 +68,9 @@ class Session {
     // The server refused it and changed nothing. `error` is an error reply. A write that met a generation or
     // a type which this process did not know yet is sent again by the session, and is not refused.
     virtual void onRefused(const WriteId& write, const Reply& error) = 0;
+
+    // For the log: something is wrong, but the session goes on. Each text comes once.
+    virtual void onWarning(const std::string& text) = 0;
 
    protected:
     ~Owner() = default;
@@ -83,8 +90,8 @@ class Session {
   // Random, of this process's session; the start of the origins of its writes, and the owner of its claims.
   const std::string& uuid() const;
 
-  // Sends a part, see partsOf(). Every claim whose mount it writes under must be among `claims`.
-  // REQUIRES: isReached().
+  // Sends a part, see partsOf(). Every claim whose mount it writes under must be among `claims`. A write into
+  // a space that was wiped accepts that, and goes into the empty one. REQUIRES: isReached().
   WriteId write(Statedb::Durability space, const Statedb::Changes& changes, std::vector<Claimed> claims);
   // Writes that are not settled.
   std::size_t underWay() const;

@@ -1,0 +1,265 @@
+#include "host/store/redis/space.h"
+
+#include <algorithm>
+#include <optional>
+#include <random>
+#include <utility>
+
+#include "platform/zel/core/exception.h"
+
+namespace Host::Redis {
+
+using Statedb::Changes;
+using Statedb::Durability;
+using Statedb::Path;
+
+namespace {
+
+constexpr std::size_t kEntriesPerPage = 1000;
+constexpr std::size_t kFreedAtOnce = 1000;  // entities
+
+struct Announced {
+  std::string_view generation;
+  Entry entry;
+};
+// "GENERATION REVISION ORIGIN\nDELTA".
+std::optional<Announced> announcedIn(std::string_view payload) {
+  const auto take = [&](char mark) {
+    const std::size_t end = std::min(payload.find(mark), payload.size());
+    const std::string_view part = payload.substr(0, end);
+    payload.remove_prefix(std::min(end + 1, payload.size()));
+    return part;
+  };
+  const std::string_view generation = take(' ');
+  const Reply revision{Reply::Kind::text, 0, std::string(take(' ')), {}};
+  const std::string_view origin = take('\n');
+  if (generation.empty() || revision.unsignedNumber() == 0 || origin.empty()) return std::nullopt;
+  return Announced{generation, {revision.unsignedNumber(), origin, payload}};
+}
+
+// Of an origin: "UUID.s" or "UUID.v".
+bool isOfStoredWrite(std::string_view origin) { return origin.substr(0, origin.find(':')).ends_with(".s"); }
+
+}  // namespace
+
+std::string randomText() {
+  std::random_device random;
+  std::string text;
+  for (int i = 0; i < 32; ++i) text += "0123456789abcdef"[random() % 16];
+  return text;
+}
+
+Loss lossOf(const Reply& error) {
+  const Refusal refusal = error.refusal();
+  return {Loss::Kind::refused, refusal,
+          std::string(refusalText(refusal)) + " (" + error.text.substr(0, 200) + ")"};
+}
+
+Line::Line(Loop& theLoop, const Url& theUrl, Connection::Owner& ofCommands, Connection::Owner& ofSubscription)
+    : loop(theLoop),
+      url(theUrl),
+      uuid(randomText()),
+      commands(loop, url, ofCommands),
+      subscription(loop, url, ofSubscription) {}
+
+Space::Space(Line& line, Durability durability, Session::Owner& owner)
+    : line_(line),
+      durability_(durability),
+      keys_(line.url.prefix, durability),
+      uuid_(line.uuid + (durability == Durability::stored ? ".s" : ".v")),
+      owner_(owner),
+      follower_(uuid_, *this),
+      scan_(line.commands, keys_, *this),
+      freeing_(line.loop, [this] {
+        if (!waste_.back().discard(kFreedAtOnce)) waste_.pop_back();
+        if (waste_.empty()) freeing_.stop();
+      }) {}
+
+void Space::onDisconnected() {
+  for (auto& [sequence, write] : writes_) write.isWaitingForIt = false;
+  follower_.onDisconnected();
+}
+
+void Space::onMessage(std::string_view payload) {
+  const auto announced = announcedIn(payload);
+  if (announced) return follower_.onPush(announced->generation, announced->entry);
+  line_.warn("a message on the channel '" + keys_.channel() +
+             "' that is no \"GENERATION REVISION ORIGIN\": somebody else publishes there; it is ignored");
+}
+
+// The follower's requests.
+void Space::subscribe() {
+  line_.subscription.subscribe(keys_.channel(), [this](const Reply& reply) {
+    if (reply.kind == Reply::Kind::error) return line_.lose(lossOf(reply));
+    follower_.onSubscribed();
+    line_.onStep();
+  });
+}
+
+void Space::askState(Sequence fence) {
+  line_.caller.call(stateCall(keys_, uuid_, fence), [this](const Reply& reply) { onState(reply); });
+}
+void Space::onState(const Reply& reply) {
+  if (reply.kind == Reply::Kind::error) return line_.lose(lossOf(reply));
+  const ServerState state = serverState(reply);
+  if (!line_.isFit(state)) return;
+  follower_.onState(state.state);
+  line_.onStep();
+}
+
+void Space::askLog(Revision after) {
+  line_.caller.call(logCall(keys_, after, kEntriesPerPage), [this](const Reply& reply) { onLog(reply); });
+}
+void Space::onLog(const Reply& reply) {
+  if (reply.kind == Reply::Kind::error) return line_.lose(lossOf(reply));
+  LogPage page;
+  try {
+    page = logPage(reply);
+  } catch (const Zel::ValueError& error) {
+    return line_.lose({Loss::Kind::invalid, Refusal::none,
+                       "'" + keys_.log() + "' has " + error.what() +
+                           "; something else wrote there: use another prefix, or delete the key"});
+  }
+  follower_.onLog(page);
+  line_.onStep();
+}
+
+void Space::scan() {
+  throwAway(copy_);
+  scan_.start(copy_);
+}
+void Space::onScanned() {
+  copy_.endScan();
+  follower_.onScanned();
+  line_.onStep();
+}
+void Space::onUnreadable(const std::string& text) {
+  line_.warn("a row can't be read and is left out: " + text);
+}
+
+void Space::throwAway(Rows& rows) {
+  waste_.push_back(std::exchange(rows, {}));
+  freeing_.startIn(0, 1);
+}
+
+// What the follower notifies of.
+Changes Space::changesIn(const Entry& entry) {
+  std::vector<std::string> errors;
+  Changes changes = changesOf(entry.delta, errors);
+  for (const std::string& error : errors)
+    line_.warn("a step of the entry 0-" + std::to_string(entry.revision) + " of '" + keys_.log() + "' by '" +
+               std::string(entry.origin.substr(0, 100)) + "' can't be read and is left out: " + error);
+  return changes;
+}
+
+void Space::replay(const Entry& entry) { copy_.carry(changesIn(entry)); }
+
+void Space::accept(const State&) {
+  std::swap(rows_, copy_);
+  throwAway(copy_);
+  owner_.onRows(durability_);
+  std::vector<Sequence> waiting;
+  for (const auto& [sequence, write] : writes_)
+    if (write.isWaitingForIt) waiting.push_back(sequence);
+  for (const Sequence each : waiting) {
+    follower_.resending(each);
+    send(each);
+  }
+}
+
+void Space::apply(const Entry& entry, Sequence own) {
+  const Changes changes = changesIn(entry);
+  rows_.carry(changes);
+  const bool isCompanion = durability_ == Durability::volatile_ && isOfStoredWrite(entry.origin);
+  owner_.onEntry({durability_, changes, own, isCompanion});
+}
+
+void Space::settle(Sequence write, Outcome outcome) {
+  writes_.erase(write);
+  owner_.onSettled({durability_, write}, outcome);
+}
+
+void Space::wiped() { owner_.onWiped(durability_); }
+
+void Space::reconnect(std::string_view why) {
+  line_.lose({Loss::Kind::closed, Refusal::none, std::string(why)});
+}
+
+// Writes.
+Sequence Space::write(const Changes& changes, std::vector<Claimed> claims) {
+  const Sequence sequence = follower_.writing();
+  writes_.emplace(sequence, Write{changes, std::move(claims)});
+  send(sequence);
+  return sequence;
+}
+
+void Space::send(Sequence sequence) {
+  Write& write = writes_.at(sequence);
+  write.generation = state().timeline.generation;
+  write.isWaitingForIt = false;
+  const WriteOptions options{.generation = write.generation,
+                             .newGeneration = write.generation.empty() ? randomText() : "",
+                             .uuid = uuid_,
+                             .sequence = sequence,
+                             .log = line_.url.log,
+                             .claims = write.claims,
+                             .inTheWay = write.inTheWay};
+  line_.caller.call(writeCall(line_.url.prefix, durability_, write.changes, options, line_.known()),
+                    [this, sequence](const Reply& reply) {
+                      onAnswer(sequence, reply);
+                      line_.onStep();
+                    });
+}
+
+void Space::onAnswer(Sequence sequence, const Reply& reply) {
+  const Refusal refusal = reply.refusal();
+  if (refusal == Refusal::none) return onWritten(sequence, written(reply));
+  const auto found = writes_.find(sequence);
+  if (found == writes_.end()) return;  // settled by a snapshot
+  switch (refusal) {
+    case Refusal::generation:
+      return onOtherGeneration(sequence, found->second);
+    case Refusal::otherType:
+      return onOtherType(sequence, found->second, reply);
+    case Refusal::readOnly:
+    case Refusal::masterDown:
+    case Refusal::loading:  // it is another server now: the write is settled by what that one has
+      return line_.lose(lossOf(reply));
+    default:
+      return onRefused(sequence, reply);
+  }
+}
+
+void Space::onWritten(Sequence sequence, const Written& written) {
+  if (!written.unannounced.empty())
+    line_.warn("changes can't be announced on the channel '" + keys_.channel() +
+               "', so others see them up to a second later: " + written.unannounced.substr(0, 200));
+  follower_.onWritten(sequence, written.revision);
+}
+
+// The server has another one than this process knew when it sent the write. Where a snapshot has brought it
+// meanwhile the write goes again at once, else with the snapshot.
+void Space::onOtherGeneration(Sequence sequence, Write& write) {
+  if (write.generation != state().timeline.generation) {
+    follower_.resending(sequence);
+    return send(sequence);
+  }
+  write.isWaitingForIt = true;
+  follower_.isWiped() ? follower_.acceptWiped() : follower_.check();
+}
+
+void Space::onOtherType(Sequence sequence, Write& write, const Reply& error) {
+  const auto path = Path::existing(error.text.substr(std::min(error.text.size(), error.text.find(' ') + 1)));
+  if (!path || std::ranges::find(write.inTheWay, *path) != write.inTheWay.end())
+    return onRefused(sequence, error);
+  write.inTheWay.push_back(*path);
+  send(sequence);
+}
+
+void Space::onRefused(Sequence sequence, const Reply& error) {
+  follower_.onRefused(sequence);
+  writes_.erase(sequence);
+  owner_.onRefused({durability_, sequence}, error);
+}
+
+}  // namespace Host::Redis

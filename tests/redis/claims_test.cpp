@@ -39,6 +39,7 @@ class Process : public Claims::Output {
   }
   Lines answered(const Claim& claim) {
     claims.onClaim("m", claim, now);
+    std::erase(notes, "read");
     return std::exchange(notes, {});
   }
   // The answers until it does something, and this.
@@ -124,7 +125,7 @@ TEST(Claims, TimeThatWasNotWatchedIsNoSilence) {
   for (int i = 0; i < 5; ++i) process.at(claim);
   EXPECT_THAT(process.at(claim, 60'000), IsEmpty()) << "this process was stopped";
   EXPECT_THAT(process.until(claim), ElementsAre("2: take m 3 he"));
-  process.claims.onFailed("m");
+  process.claims.onFailed("m", process.now);
   EXPECT_THAT(process.until(claim), ElementsAre("5: take m 3 he")) << "its owner was refused as well";
   process.reached("t1");
   EXPECT_THAT(process.until(claim), ElementsAre("6: take m 3 he")) << "its owner reconnects as well";

@@ -227,7 +227,9 @@ void Process::take(const std::string& mount, const Claim& seen) {
     Server& server = world_.server;
     Slot& slot = server.slots[mount];
     if (!isStill(server, slot, seen)) return answer(mount);
-    if (!slot.claim.isFree()) EXPECT_GE(world_.now - slot.sign, kLease) << "taken from one that lives";
+    if (!slot.claim.isFree()) {
+      EXPECT_GE(world_.now - slot.sign, kLease) << "taken from one that lives";
+    }
     if (server.generation.empty()) server.generation = "g" + std::to_string(world_.now);
     const std::uint64_t epoch = slot.claim.token.empty() ? 1 : std::stoull(slot.claim.token) + 1;
     slot.claim = {"", std::to_string(epoch) + " " + uuid, slot.claim.beat + 1, "host of " + uuid, ""};
@@ -243,7 +245,9 @@ void Process::beat(const std::string& mount, const Token& token, std::string_vie
       ++slot.claim.beat;
       slot.sign = world_.now;
       slot.claim.synced = synced;
-      if (synced == world_.server.timeline()) EXPECT_EQ(slot.rows, synced) << "not published yet";
+      if (synced == world_.server.timeline()) {
+        EXPECT_EQ(slot.rows, synced) << "not published yet";
+      }
     }
     answer(mount);
   });

@@ -143,13 +143,15 @@ void Claims::forget(const ClaimList& all) {
 void Claims::onReadFailed() { isReading_ = false; }
 
 void Claims::onClaim(const std::string& mount, const Claim& claim, Now now) {
+  watch(now);
   const auto found = mounts_.find(mount);
   if (found == mounts_.end() || --found->second.underWay > 0) return;
   update(mount, found->second, claim, now);
 }
 
 // The owner may have been refused as well, and could not give a sign of life.
-void Claims::onFailed(const std::string& mount) {
+void Claims::onFailed(const std::string& mount, Now now) {
+  watch(now);
   const auto found = mounts_.find(mount);
   if (found == mounts_.end()) return;
   --found->second.underWay;
@@ -206,6 +208,8 @@ void Claims::standBy(const std::string& name, Mount& mount) {
     output_.onStandby(name, mount.who);
   }
 }
+
+Claims::Now Claims::silence(const Mount& mount) const { return watched_ - mount.since; }
 
 bool Claims::isSilent(const Mount& mount) const {
   return mount.repeats >= kLeastRepeats && silence(mount) >= lease_;

@@ -108,7 +108,7 @@ class Claims {
   void onClaims(const ClaimList& all, Now now);
   void onReadFailed();
   void onClaim(const std::string& mount, const Claim& claim, Now now);
-  void onFailed(const std::string& mount);
+  void onFailed(const std::string& mount, Now now);
   // A write was refused because another process holds the claim: there is no token until an answer shows that
   // it is this one's after all.
   void onFenced(const std::string& mount);
@@ -134,7 +134,7 @@ class Claims {
   void release(const std::string& name, Mount& mount);
   void stopKeeping(const std::string& name, Mount& mount);
   void forget(const ClaimList& all);
-  Now silence(const Mount& mount) const { return watched_ - mount.since; }
+  Now silence(const Mount& mount) const;
   bool isSilent(const Mount& mount) const;
   bool isDead(const Mount& mount) const;
   bool mayTake(const Mount& mount) const;
@@ -150,7 +150,7 @@ class Claims {
   std::string timeline_{};
   bool isReached_ = false;
   bool isReading_ = false;
-  bool isWatching_ = false;  // an answer came on this connection, at `answeredAt_`
+  bool isWatching_ = false;  // an answer came on this connection, the last at `answeredAt_`
   Now answeredAt_ = 0;
   Now watched_ = 0;  // the time that was watched
 };

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "host/rpc/json.h"
+#include "host/store/redis/claimtexts.h"
 #include "host/store/redis/luatexts.h"
 #include "platform/zel/core/assert.h"
 #include "platform/zel/core/exception.h"

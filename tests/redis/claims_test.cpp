@@ -247,7 +247,10 @@ TEST(Claims, RowsAreKeptInANewTimelineUntilTheirPublisherIsDoneOrHoldIsOver) {
   owner.reached("t2");
   EXPECT_THAT(owner.at(held("1 me", 1)), ElementsAre("owned m"));
   owner.claims.synced("m");
-  EXPECT_THAT(owner.notes, ElementsAre("current m"));
+  EXPECT_THAT(std::exchange(owner.notes, {}), ElementsAre("current m"));
+  owner.claims.onReached("t3");  // on the same connection
+  EXPECT_EQ(owner.claims.ownedToken("m"), "");
+  EXPECT_THAT(owner.at(held("1 me", 1)), ElementsAre("owned m"));
 }
 
 }  // namespace

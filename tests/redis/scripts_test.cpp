@@ -305,7 +305,7 @@ TEST_F(Scripts, CallsKeepTheirOrderWhereTheServerForgetsTheScripts) {
 }
 
 TEST_F(Scripts, AClaimHasOneOwnerAndALaterOneFencesIt) {
-  const auto look = [&] { return claim(call(claimCall(volatile_.keys, "m/n"))); };
+  const auto look = [&] { return claimsOf(call(claimsCall(volatile_.keys))).claims["m/n"]; };
   const auto take = [&](const Claim& seen, const char* uuid) {
     return claim(call(takeCall(volatile_.keys, "m/n", seen, uuid, "pinlampd on rack 3", "g1")));
   };
@@ -332,15 +332,65 @@ TEST_F(Scripts, AClaimHasOneOwnerAndALaterOneFencesIt) {
   const Claim second = take(beaten, "he");
   EXPECT_TRUE(isOwnedBy(second, "he"));
   EXPECT_EQ(second.synced, "");
-  for (const Refusal refusal :
-       {writeAs(first.token), beat(first.token).refusal(), release(first.token).refusal()})
-    EXPECT_EQ(refusal, Refusal::claimed);
+  EXPECT_EQ(writeAs(first.token), Refusal::claimed);
+  for (const Reply& reply : {beat(first.token), release(first.token)}) {
+    EXPECT_EQ(claim(reply).token, second.token);
+    EXPECT_EQ(claim(reply).beat, second.beat);
+  }
   EXPECT_EQ(writeAs(second.token), Refusal::none);
 
   const Claim released = claim(release(second.token));
   EXPECT_TRUE(released.isFree());
   EXPECT_EQ(writeAs(second.token), Refusal::claimed);
   EXPECT_EQ(take(released, "me").token, "3 me") << "the epoch never goes back";
+}
+
+TEST_F(Scripts, ASweepRemovesWhatADeadOwnerPublishedAndNothingElse) {
+  const auto take = [&](const char* mount, const Claim& seen) {
+    return claim(call(takeCall(volatile_.keys, mount, seen, "he", "pinlampd", "g")));
+  };
+  const auto sweep = [&](const Claim& seen) {
+    return claim(call(sweepCall(volatile_.keys, "m/n", seen, "me", 10)));
+  };
+  const Claim seen = take("m/n", {});
+  take("\n", seen);  // no path, so no mount
+  read(volatile_);
+  const Changes published{put("m/n", "x", 1), put("m/n/o", "x", 1), put("m/n/o/p", "x", 1)};
+  const Changes others{put("m/nn", "x", 1), put("m/nn/o", "x", 1)};
+  write(volatile_, published, {{"m/n", seen.token}});
+  write(volatile_, others);
+  write(stored, {put("m/n/s", "x", 1)});
+  Client reader(loop, server.url("&user=reader&passwordFile=" + server.at("pw")));
+  contentIs(server.at("pw"), "pw");
+  client({"ACL", "SETUSER", "reader", "on", ">pw", "&*", "+@all", "%R~*", "~{p}:v:log", "~{p}:v:meta",
+          "~{p}:v:dirs", "~{p}:v:claim:*", "~{p}:v:d:m", "~{p}:v:d:m/n"});
+  reader.connect();
+  Caller limited(reader.connection);
+
+  const Claim beaten = claim(call(beatCall(volatile_.keys, "m/n", seen.token, "")));
+  const auto before = dump(client);
+  EXPECT_EQ(sweep(seen).beat, beaten.beat) << "the owner lives";
+  EXPECT_EQ(call(reader, limited, sweepCall(volatile_.keys, "m/n", beaten, "me", 10)).refusal(),
+            Refusal::noPerm);
+  EXPECT_EQ(dump(client), before);
+
+  const Claim swept = sweep(beaten);
+  EXPECT_EQ(swept.token, "1 ");
+  EXPECT_EQ(swept.beat, 0U);
+  EXPECT_EQ(claimsOf(call(claimsCall(volatile_.keys))).claims.size(), 1U);
+  read(volatile_);
+  Rows left;
+  left.carry(others);
+  for (const Rows& rows : {volatile_.rows, scan(volatile_)})
+    EXPECT_EQ(seenIn(rows.all()), seenIn(left.all()));
+  EXPECT_EQ(scan(stored).all().size(), 1U);
+  EXPECT_EQ(client({"XREVRANGE", volatile_.keys.log(), "+", "-", "COUNT", "1"})[0][1][1].text, "me:0");
+  EXPECT_EQ(write(volatile_, published, {{"m/n", seen.token}}).refusal(), Refusal::claimed);
+
+  const Revision tip = volatile_.state.tip;
+  EXPECT_EQ(take("m/n", sweep(take("m/n", swept))).token, "3 he") << "the epoch never goes back";
+  read(volatile_);
+  EXPECT_EQ(volatile_.state.tip, tip) << "an entry for nothing";
 }
 
 TEST_F(Scripts, ABatchIsCutIntoPartsThatTheServerCarriesOutAtOnce) {

@@ -1,4 +1,4 @@
-// The scripts' texts. Internal to scripts.cpp, which documents them.
+// The scripts' texts but for those of claims. Internal to scripts.cpp, which documents them.
 #pragma once
 
 namespace Host::Redis {
@@ -278,47 +278,6 @@ while true do
   end
   if #found < asked or #entries == count then return {generation, tip, entries} end
 end
-)lua";
-
-// Goes before the scripts of claims, which have KEYS: meta, claim. ARGV begins with the mount.
-inline constexpr const char* kClaimAnswer = R"lua(
-local function answer()
-  local meta = redis.call('HMGET', KEYS[1], 'generation', 'claim:' .. ARGV[1])
-  local claim = redis.call('HMGET', KEYS[2], 'beat', 'who', 'synced')
-  return {meta[1] or '', meta[2] or '', tonumber(claim[1] or 0), claim[2] or '', claim[3] or ''}
-end
-)lua";
-inline constexpr const char* kClaimScript = "return answer()";
-
-// ARGV: mount, generation, token and beat as they were seen, uuid, who, new generation.
-inline constexpr const char* kTakeScript = R"lua(
-local now = answer()
-if now[1] ~= ARGV[2] or now[2] ~= ARGV[3] or now[3] ~= tonumber(ARGV[4]) then return now end
-redis.set_repl(redis.REPL_REPLICA)
-local epoch = tonumber(string.match(now[2], '^%d+') or 0) + 1
-if now[1] == '' then redis.call('HSET', KEYS[1], 'generation', ARGV[7]) end
-redis.call('HSET', KEYS[1], 'claim:' .. ARGV[1], string.format('%d', epoch) .. ' ' .. ARGV[5])
-redis.call('HSET', KEYS[2], 'beat', now[3] + 1, 'who', ARGV[6], 'synced', '')
-return answer()
-)lua";
-
-// ARGV: mount, token, synced.
-inline constexpr const char* kBeatScript = R"lua(
-local now = answer()
-if now[2] ~= ARGV[2] then return redis.error_reply('CLAIMED ' .. ARGV[1] .. ' ' .. now[2]) end
-redis.set_repl(redis.REPL_REPLICA)
-redis.call('HSET', KEYS[2], 'beat', now[3] + 1, 'synced', ARGV[3])
-return answer()
-)lua";
-
-// ARGV: mount, token. The epoch stays.
-inline constexpr const char* kReleaseScript = R"lua(
-local now = answer()
-if now[2] ~= ARGV[2] then return redis.error_reply('CLAIMED ' .. ARGV[1] .. ' ' .. now[2]) end
-redis.set_repl(redis.REPL_REPLICA)
-redis.call('HSET', KEYS[1], 'claim:' .. ARGV[1], string.match(now[2], '^%d+') .. ' ')
-redis.call('HSET', KEYS[2], 'beat', now[3] + 1)
-return answer()
 )lua";
 
 }  // namespace Host::Redis

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "host/rpc/json.h"
+#include "host/store/redis/claimtexts.h"
 #include "host/store/redis/luatexts.h"
 #include "platform/zel/core/assert.h"
 #include "platform/zel/core/exception.h"
@@ -24,10 +25,11 @@ constexpr Script kWrite{"", kWriteScript, false};
 constexpr Script kState{"", kStateScript, true};
 constexpr Script kFence{kFenceScript, kStateScript, false};
 constexpr Script kLog{"", kLogScript, true};
-constexpr Script kClaim{kClaimAnswer, kClaimScript, true};
+constexpr Script kClaims{"", kClaimsScript, true};
 constexpr Script kTake{kClaimAnswer, kTakeScript, false};
 constexpr Script kBeat{kClaimAnswer, kBeatScript, false};
 constexpr Script kRelease{kClaimAnswer, kReleaseScript, false};
+constexpr Script kSweep{kClaimAnswer, kSweepScript, false};
 
 constexpr std::size_t kHashWord = 1;
 
@@ -163,6 +165,16 @@ class StepWriter {
 std::size_t bytesOf(const Change& change) {
   const Row& row = change.row;
   return row.path.text().size() + row.attribute.view().size() + jsonText(row.value).size();
+}
+
+// A path within the limits, without the separators of a delta.
+bool isMount(std::string_view text) {
+  try {
+    return std::ranges::none_of(Path(text).text(),
+                                [](char c) { return static_cast<unsigned char>(c) < ' '; });
+  } catch (const Zel::ValueError&) {
+    return false;
+  }
 }
 
 Revision revisionIn(std::string_view id) {
@@ -313,8 +325,19 @@ LogPage logPage(const Reply& reply) {
   return page;
 }
 
-Call claimCall(const Keys& keys, std::string_view mount) {
-  return callOf(kClaim, {keys.meta(), keys.claim(mount)}, {std::string(mount)});
+Call claimsCall(const Keys& keys) {
+  return callOf(kClaims, {keys.meta()}, {keys.claim(""), std::to_string(kMostClaims)});
+}
+
+ClaimList claimsOf(const Reply& reply) {
+  constexpr std::size_t kParts = 5;  // of a claim: the mount, then as in claim()
+  ClaimList all{reply[0].text, {}};
+  const std::vector<Reply>& parts = reply[1].list;
+  for (std::size_t i = 0; i + kParts <= parts.size(); i += kParts)
+    if (isMount(parts[i].text))
+      all.claims[parts[i].text] = {all.generation, parts[i + 1].text, parts[i + 2].unsignedNumber(),
+                                   parts[i + 3].text, parts[i + 4].text};
+  return all;
 }
 
 Call takeCall(const Keys& keys, std::string_view mount, const Claim& seen, std::string_view uuid,
@@ -330,6 +353,17 @@ Call beatCall(const Keys& keys, std::string_view mount, const Token& token, std:
 
 Call releaseCall(const Keys& keys, std::string_view mount, const Token& token) {
   return callOf(kRelease, {keys.meta(), keys.claim(mount)}, {std::string(mount), token});
+}
+
+Call sweepCall(const Keys& keys, std::string_view mount, const Claim& seen, std::string_view uuid,
+               std::uint32_t log) {
+  const Place place = placeOf(Path(mount));
+  return callOf(
+      kSweep,
+      {keys.meta(), keys.claim(mount), keys.log(), keys.directories(), keys.directory(place.directory)},
+      {std::string(mount), seen.generation, seen.token, std::to_string(seen.beat), keys.space(),
+       place.directory, place.name, std::string(uuid) + ":0", deltaText({Change::del(Path(mount))}),
+       std::to_string(log)});
 }
 
 Claim claim(const Reply& reply) {

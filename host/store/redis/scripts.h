@@ -141,19 +141,32 @@ LogPage logPage(const Reply& reply);
 struct Claim {
   std::string generation{};  // of the space
   Token token{};             // empty: there never was one
-  std::uint64_t beat = 0;    // grows as long as the owner lives
+  std::uint64_t beat = 0;    // grows as long as the owner lives; 0: nobody published anything since a sweep
   std::string who{};         // for people
   std::string synced{};      // the timeline for which the owner has published everything
   bool isFree() const { return token.empty() || token.ends_with(' '); }
 };
-Call claimCall(const Keys& keys, std::string_view mount);
-// Takes the claim if token and heartbeat are still those of `seen`. Answers the claim as it is afterwards;
-// see isOwnedBy(). `newGeneration` is for a space without one.
+// All that there are, or kMostClaims of them. One whose mount is beyond the limits of paths is left out.
+inline constexpr std::size_t kMostClaims = 1000;
+struct ClaimList {
+  std::string generation{};
+  std::map<std::string, Claim, std::less<>> claims{};  // by mount
+};
+Call claimsCall(const Keys& keys);
+ClaimList claimsOf(const Reply& reply);
+
+// Each of these answers the claim as it is afterwards, and changes nothing where it is no longer the one that
+// was seen: token and heartbeat of `seen`, or the token.
+//
+// Takes the claim; see isOwnedBy(). `newGeneration` is for a space without one.
 Call takeCall(const Keys& keys, std::string_view mount, const Claim& seen, std::string_view uuid,
               std::string_view who, std::string_view newGeneration);
-// Answers the claim; CLAIMED where it is no longer the token's.
 Call beatCall(const Keys& keys, std::string_view mount, const Token& token, std::string_view synced);
 Call releaseCall(const Keys& keys, std::string_view mount, const Token& token);
+// Removes all volatile rows at and under the mount, with an entry in the log where there were any, and makes
+// the claim free, without a heartbeat. The entry's origin is "UUID:0", and no write's.
+Call sweepCall(const Keys& keys, std::string_view mount, const Claim& seen, std::string_view uuid,
+               std::uint32_t log);
 Claim claim(const Reply& reply);
 bool isOwnedBy(const Claim& claim, std::string_view uuid);
 

@@ -109,9 +109,15 @@ double Host::turn() {
   return wakeUps_.next(activity_);
 }
 
+// A standby is ready although its mounts wait.
 void Host::sayWhenReady() {
   if (ready_) return;
-  ready_ = std::ranges::all_of(manager_->mounts(), &Statedb::EntityManager::MountInfo::complete);
+  const auto claims = store_->state().claims;
+  ready_ = std::ranges::all_of(manager_->mounts(), [&](const Statedb::EntityManager::MountInfo& mount) {
+    return mount.complete || std::ranges::any_of(claims, [&](const auto& claim) {
+             return !claim.isOwn && !claim.who.empty() && mount.path.isUnder(Statedb::Path(claim.mount));
+           });
+  });
   if (ready_) serviceManager_.notify("READY=1");
 }
 

@@ -122,7 +122,9 @@ void Control::release() {
 void Control::send(const Answer& answer) {
   if (answer.text.empty()) return;
   const std::string failure = answer.ticket.failure();
+  const bool isRefused = answer.ticket.kind() == Statedb::Ticket::Kind::refused;
   answer.connection->send(failure.empty() ? answer.text
+                          : isRefused     ? errorText(answer.id, refusedFor({failure}))
                                           : errorText(answer.id, RpcError(RpcCode::store, failure)));
 }
 

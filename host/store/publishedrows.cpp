@@ -128,11 +128,15 @@ void PublishedRows::refused(const Change& change) {
   }
 }
 
-void PublishedRows::lost() {
-  // A removal that was under way is sent again; one of what was never there does no harm.
+// A removal that was under way is sent again; one of what was never there does no harm.
+void PublishedRows::postponed() {
   unsent_.removed.merge(underWay_.removed);
   unsent_.set.merge(underWay_.set);
   acknowledged();
+}
+
+void PublishedRows::lost() {
+  postponed();
   sendAgain({});
 }
 
@@ -141,6 +145,31 @@ void PublishedRows::sendAgain(Path under) {
     if (!path.isUnder(under)) continue;
     unsent_.set.insert({path, {}});
     for (const Attribute& each : entity.attributes) unsent_.set.insert({path, each.name});
+  }
+}
+
+void PublishedRows::compare(const Records& theirs, bool replaces) {
+  std::vector<Path> foreign;
+  for (const Record* record : theirs) {
+    const auto own = entities_.find(record->path);
+    if (own == entities_.end())
+      foreign.push_back(record->path);
+    else if (own->second.type == record->type)
+      compare(*record, own->second, replaces);
+  }
+  if (!replaces) return;
+  for (const Path path : foreign) {
+    unsent_.removed.insert(path);
+    sendAgain(path);
+  }
+}
+
+void PublishedRows::compare(const Record& theirs, const Record& own, bool replaces) {
+  unsent_.set.erase({own.path, {}});
+  for (const Attribute& each : theirs.attributes) {
+    const Zel::Value* value = own.find(each.name);
+    if (value && *value == each.value) unsent_.set.erase({own.path, each.name});
+    if (!value && replaces) unsent_.set.insert({own.path, each.name});
   }
 }
 

@@ -33,8 +33,13 @@ class PublishedRows {
   // The other side refused a change of that batch, and would again: drops the value, or the entity where it
   // was refused altogether, unless it was written again since.
   void refused(const Statedb::Change& change);
+  // The other side did not take that batch, and may later: it counts as unsent.
+  void postponed();
   // The connection is lost, and the other side drops this process's rows: send everything again.
   void lost();
+  // The other side has these rows, and everything is unsent: only what differs is sent. `replaces`: rows that
+  // are not published here are removed there.
+  void compare(const Statedb::Records& theirs, bool replaces);
 
   // A snapshot of the other side with the rows published here over it. Sorted as a person reads it; valid
   // until either changes.
@@ -68,6 +73,7 @@ class PublishedRows {
   bool anyUnknown(Statedb::Path path) const;
   bool takeNote(const Statedb::Change& change);
   void sendAgain(Statedb::Path path);
+  void compare(const Statedb::Record& theirs, const Statedb::Record& own, bool replaces);
   // Forgets the entities at and under a path.
   void forget(Statedb::Path path);
   // Appends puts of the entities at and under a path.

@@ -1,5 +1,6 @@
 #include "host/store/stores.h"
 
+#include "host/store/redis/redisstore.h"
 #include "host/store/sqlitestore.h"
 #include "host/store/unixstore.h"
 #include "platform/statedb/store/memorystore.h"
@@ -27,6 +28,14 @@ std::unique_ptr<Store> makeUnix(const std::string& socket, Loop& loop, const Rep
   return std::make_unique<UnixStore>(loop, socket, report);
 }
 
+template <const auto& prefix>
+std::unique_ptr<Store> makeRedis(const std::string& rest, Loop& loop, const Report& report) {
+  return std::make_unique<Redis::RedisStore>(loop, prefix + rest, report);
+}
+constexpr char kRedisUnix[] = "redis-unix:";
+constexpr char kRedis[] = "redis://";
+constexpr char kSentinel[] = "redis+sentinel://";
+
 struct Scheme {
   const char* prefix;
   const char* usage;
@@ -36,6 +45,9 @@ constexpr Scheme kSchemes[] = {
     {"memory:", "memory:", makeMemory},
     {"sqlite:", "sqlite:FILE", makeSqlite},
     {"unix:", "unix:SOCKET (of another pinlampd)", makeUnix},
+    {kRedisUnix, "redis-unix:SOCKET", makeRedis<kRedisUnix>},
+    {kRedis, "redis://HOST[:PORT]", makeRedis<kRedis>},
+    {kSentinel, "redis+sentinel://HOST,.../NAME", makeRedis<kSentinel>},
 };
 
 }  // namespace

@@ -1,0 +1,152 @@
+#include "host/store/redis/publications.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/zel/core/assert.h"
+
+namespace Host::Redis {
+
+using Statedb::Change;
+using Statedb::Changes;
+using Statedb::Path;
+using Statedb::Record;
+using Statedb::Records;
+
+Publications::Publications() { groups_.push_back({.mount = {}, .isOfMount = false}); }
+
+void Publications::mountsAre(const std::vector<Path>& mounts) {
+  std::erase_if(groups_, [&](const Group& each) {
+    return each.isOfMount && std::ranges::find(mounts, each.mount) == mounts.end();
+  });
+  for (const Path mount : mounts)
+    if (!find(mount)) groups_.push_back({.mount = mount});
+}
+
+const Publications::Group* Publications::find(Path mount) const {
+  const auto found =
+      std::ranges::find_if(groups_, [&](const Group& each) { return each.isOfMount && each.mount == mount; });
+  return found == groups_.end() ? nullptr : &*found;
+}
+
+// The empty path is also that of the rows outside every mount.
+Publications::Group& Publications::at(Path mount) {
+  const Group* found = find(mount);
+  ZEL_REQUIRE(found || mount.empty(), mount);
+  return found ? const_cast<Group&>(*found) : groups_.front();
+}
+
+Publications::Group& Publications::groupOf(Path path) {
+  for (Group& each : groups_)
+    if (each.isOfMount && path.isUnder(each.mount)) return each;
+  return groups_.front();
+}
+
+bool Publications::isStandby(Path path) const {
+  return std::ranges::any_of(groups_, [&](const Group& each) {
+    return !each.isShown() && (path.isUnder(each.mount) || each.mount.isUnder(path));
+  });
+}
+
+// A del above mounts concerns each of them.
+template <class Take>
+void Publications::forParts(const Changes& changes, Take&& take) {
+  for (Group& group : groups_) {
+    if (group.isOfMount) {
+      takePart(changes, group.mount, [&](const Changes& part) { take(group, part); });
+      continue;
+    }
+    Changes outside;
+    for (const Change& change : changes)
+      if (&groupOf(change.row.path) == &group) outside.push_back(change);
+    if (!outside.empty()) take(group, std::as_const(outside));
+  }
+}
+
+Changes Publications::write(const Changes& changes) {
+  Changes shown;
+  forParts(changes, [&](Group& group, const Changes& part) {
+    group.rows.write(part);
+    if (group.isShown()) shown.insert(shown.end(), part.begin(), part.end());
+  });
+  return shown;
+}
+
+Changes Publications::received(const Changes& changes) {
+  Changes accepted;
+  forParts(changes, [&](Group& group, const Changes& part) {
+    const Changes taken = group.isShown() ? group.rows.received(part) : part;
+    accepted.insert(accepted.end(), taken.begin(), taken.end());
+  });
+  return accepted;
+}
+
+Records Publications::over(const Records& theirs) {
+  std::map<const Group*, Records> parts;
+  for (const Record* record : theirs) parts[&groupOf(record->path)].push_back(record);
+  Records all;
+  for (Group& group : groups_) {
+    Records part = std::move(parts[&group]);
+    if (group.isShown()) part = group.rows.over(part, group.mount);
+    all.insert(all.end(), part.begin(), part.end());
+  }
+  return all;
+}
+
+Records Publications::recordsUnder(const Rows& rows, Path path) {
+  Records records = rows.all();
+  std::erase_if(records, [&](const Record* each) { return !each->path.isUnder(path); });
+  return records;
+}
+
+void Publications::ownedIs(Path mount, bool isOwned, const Rows& theirs) {
+  Group& group = at(mount);
+  if (std::exchange(group.isOwned, isOwned) == isOwned || !isOwned) return;
+  const Records records = recordsUnder(theirs, mount);
+  if (!group.isDelivered)
+    for (const Record* record : records) group.rows.adopt(*record);
+  group.rows.lost();
+  group.rows.compare(records, group.isDelivered);
+}
+
+void Publications::delivered(Path mount) { at(mount).isDelivered = true; }
+
+void Publications::compare(const Rows& theirs) {
+  for (Group& group : groups_) {
+    group.isUnderWay = false;
+    group.rows.lost();
+    if (!group.isShown()) continue;
+    Records records = recordsUnder(theirs, group.mount);
+    std::erase_if(records, [&](const Record* each) { return &groupOf(each->path) != &group; });
+    group.rows.compare(records, group.isOwned && group.isDelivered);
+  }
+}
+
+std::vector<Publications::Batch> Publications::take() {
+  std::vector<Batch> batches;
+  for (Group& group : groups_) {
+    if (!group.isShown() || group.isUnderWay || !group.rows.canSend()) continue;
+    group.isUnderWay = true;
+    batches.push_back({group.mount, group.isOfMount, group.rows.send()});
+  }
+  return batches;
+}
+
+void Publications::answered(Path mount) {
+  Group& group = at(mount);
+  if (std::exchange(group.isUnderWay, false)) group.rows.acknowledged();
+}
+
+void Publications::refused(Path mount, const Change& change) { at(mount).rows.refused(change); }
+
+void Publications::postponed(Path mount) {
+  Group& group = at(mount);
+  if (std::exchange(group.isUnderWay, false)) group.rows.postponed();
+}
+
+bool Publications::isSent(Path mount) const {
+  const Group* group = find(mount);
+  return group && !group->isUnderWay && !group->rows.canSend();
+}
+
+}  // namespace Host::Redis

@@ -1,0 +1,92 @@
+// The volatile rows that this process publishes, mount by mount, and which of them the server has.
+//
+//     Publications publications;
+//     publications.mountsAre({"hardware/corvel/gpio/config"});
+//     mirror.carry(Durability::volatile_, publications.write(changes), visible);
+//     publications.ownedIs(mount, true, session.rows(Durability::volatile_));
+//     for (Publications::Batch& batch : publications.take()) send(batch);
+//
+// Under a mount that another process holds, writes are kept and neither shown nor sent: that process's rows
+// are shown. When this process takes the mount over, what differs from its own rows is sent.
+//
+// State, not a log: however long the server is away, one value is kept for each attribute.
+#pragma once
+
+#include <list>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "host/store/publishedrows.h"
+#include "host/store/redis/layout.h"
+
+namespace Host::Redis {
+
+class Publications {
+ public:
+  // Rows under one mount, or with the empty path those outside every mount.
+  struct Batch {
+    Statedb::Path mount;
+    bool isOfMount = false;
+    Statedb::Changes changes{};
+  };
+
+  Publications();
+
+  // The mounts that this process publishes; no one is above another. Rows under a mount that is no longer
+  // among them are forgotten.
+  void mountsAre(const std::vector<Statedb::Path>& mounts);
+  bool isMount(Statedb::Path path) const { return find(path) != nullptr; }
+  // Whether another process holds a mount of this process that is at, above or under a path.
+  bool isStandby(Statedb::Path path) const;
+
+  // Takes what was published here, and returns what of it is to be shown.
+  Statedb::Changes write(const Statedb::Changes& changes);
+  // The changes of the volatile log, less those that will be overwritten from here.
+  Statedb::Changes received(const Statedb::Changes& changes);
+  // The server's rows with those published here over them; valid until either changes.
+  Statedb::Records over(const Statedb::Records& theirs);
+
+  // Whether this process holds the mount. On taking it over, `theirs` are the server's volatile rows: they
+  // are adopted until delivered(), and afterwards replaced.
+  void ownedIs(Statedb::Path mount, bool isOwned, const Rows& theirs);
+  // The agent of the mount got its snapshot: from now on what it writes is all that stands there.
+  void delivered(Statedb::Path mount);
+  // The server is reached again, with these rows: only what differs is sent.
+  void compare(const Rows& theirs);
+
+  // What is to be sent, at most one batch of each mount at a time: a mount's next batch comes after
+  // answered().
+  std::vector<Batch> take();
+  void answered(Statedb::Path mount);
+  // The server refused a change of the batch under way, and would again.
+  void refused(Statedb::Path mount, const Statedb::Change& change);
+  // The server did not take the batch under way, and may later.
+  void postponed(Statedb::Path mount);
+  // Whether the server has everything of a mount.
+  bool isSent(Statedb::Path mount) const;
+
+ private:
+  struct Group {
+    Statedb::Path mount;
+    bool isOfMount = true;
+    bool isOwned = false;
+    bool isDelivered = false;
+    bool isUnderWay = false;
+    PublishedRows rows{};
+
+    bool isShown() const { return !isOfMount || isOwned; }
+  };
+
+  const Group* find(Statedb::Path mount) const;
+  Group& at(Statedb::Path mount);
+  Group& groupOf(Statedb::Path path);
+  // Calls `take` with each group that changes concern, and its part.
+  template <class Take>
+  void forParts(const Statedb::Changes& changes, Take&& take);
+  static Statedb::Records recordsUnder(const Rows& rows, Statedb::Path path);
+
+  std::list<Group> groups_;  // the first: outside every mount
+};
+
+}  // namespace Host::Redis

@@ -1,0 +1,431 @@
+#include "host/store/redis/redisstore.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "host/store/redis/space.h"
+
+namespace Host::Redis {
+
+using Statedb::Change;
+using Statedb::Changes;
+using Statedb::Durability;
+using Statedb::Path;
+using Statedb::Record;
+using Statedb::Records;
+using Statedb::RefusedError;
+using Statedb::StoreError;
+using Statedb::Subscriber;
+using Statedb::Ticket;
+
+namespace {
+
+constexpr std::uint64_t kTick = 1000;  // milliseconds
+// An agent that got its snapshot needs a moment until it has published everything.
+constexpr int kTicksToPublish = 2;
+
+std::string hostName() {
+  std::array<char, 256> name{};
+  return ::gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "unknown host";
+}
+
+bool isPutOf(const Change& change, const Changes& written) {
+  return std::ranges::find(written, change) != written.end();
+}
+
+}  // namespace
+
+RedisStore::RedisStore(Loop& loop, const std::string& url, Report report)
+    : loop_(loop),
+      text_(url),
+      url_(parseUrl(url)),
+      report_(std::move(report)),
+      volatileKeys_(url_.prefix, Durability::volatile_),
+      session_(loop, url_, *this),
+      claims_(session_.uuid(), url_.lease, url_.hold, *this),
+      stored_(session_, mirror_),
+      volatile_(
+          session_, publications_, [this](Path mount) { return tokenOf(mount); },
+          [this](const std::string& what) { this->report(what); }),
+      timer_(new uv_timer_t) {
+  uv_timer_init(loop_.uv(), timer_.get());
+  timer_->data = this;
+  uv_timer_start(
+      timer_.get(),
+      [](uv_timer_t* timer) {
+        Loop::guard(timer->loop, [&] { static_cast<RedisStore*>(timer->data)->tick(); });
+      },
+      kTick, kTick);
+}
+
+RedisStore::~RedisStore() {
+  claims_.mountsAre({});
+  session_.flush();
+}
+
+Statedb::StoreState RedisStore::state() const {
+  Statedb::StoreState state{.canBeLost = true, .isReached = isReached_};
+  if (!state.isReached) state.reason = why_;
+  for (const Claims::Status& each : claims_.status())
+    state.claims.push_back(
+        {.mount = each.mount, .who = each.who, .isOwn = each.isOwn, .isOrphan = each.isOrphan});
+  return state;
+}
+
+void RedisStore::announce(const Statedb::Announcement& announcement) {
+  who_ = "pinlampd " + std::to_string(announcement.pid) + " on " + hostName();
+  mounts_ = announcement.publishes;
+  publications_.mountsAre({mounts_.begin(), mounts_.end()});
+  claims_.mountsAre(mounts_);
+  if (hasRows_) showVolatile();
+}
+
+void RedisStore::subscribe(Path path, Subscriber& subscriber) {
+  subscribers_.deliver();
+  subscribers_.add(path, subscriber);
+  // A publisher's waits for flush(): whether the mount is claimed is known only when it was announced.
+  if (!subscriber.publishes(path)) deliverSnapshots();
+}
+
+void RedisStore::deliverSnapshots() {
+  if (!hasRows_) return;
+  subscribers_.deliverSnapshots(
+      mirror_, [this](Path path, const Subscriber& subscriber) { return mayArrive(path, subscriber); },
+      [this](Path path, const Subscriber& subscriber) {
+        for (const Path mount : mountsUnder(path, subscriber)) publications_.delivered(mount);
+      });
+}
+
+// The mounts that the subscriber publishes, at, above or under its path.
+std::vector<Path> RedisStore::mountsUnder(Path path, const Subscriber& subscriber) const {
+  std::vector<Path> mounts;
+  for (const std::string& text : mounts_) {
+    const Path mount(text);
+    const bool concerns = mount.isUnder(path) || path.isUnder(mount);
+    if (concerns && subscriber.publishes(mount)) mounts.push_back(mount);
+  }
+  return mounts;
+}
+
+bool RedisStore::mayArrive(Path path, const Subscriber& subscriber) const {
+  return std::ranges::none_of(mountsUnder(path, subscriber),
+                              [this](Path mount) { return publications_.isStandby(mount); });
+}
+
+void RedisStore::write(const Changes& changes, Durability durability, Subscriber* origin) {
+  checkClaims(changes);
+  durability == Durability::stored ? writeStored(changes, origin) : writeVolatile(changes, origin);
+}
+
+void RedisStore::checkClaims(const Changes& changes) const {
+  for (const Claims::Status& claim : claims_.status()) {
+    const auto mount = Path::existing(claim.mount);
+    if (claim.isOwn || claim.isOrphan || claim.who.empty() || !mount || publications_.isMount(*mount))
+      continue;
+    for (const Change& change : changes)
+      if (concerns(change, *mount))
+        throw RefusedError("'" + change.row.path.text() + "': '" + claim.mount + "' is published by " +
+                           claim.who + ", and nobody else may write there");
+  }
+}
+
+void RedisStore::writeStored(const Changes& changes, Subscriber* origin) {
+  if (!isReached_) throw StoreError("state database " + text_ + " is not reached: " + why_);
+  if (changes.size() > StoredWrites::kMostChanges)
+    throw RefusedError(std::to_string(changes.size()) + " changes at once; a shared state database takes " +
+                       std::to_string(StoredWrites::kMostChanges) + ": write less at a time");
+  stored_.add(changes, origin);
+}
+
+void RedisStore::checkTypes(const Changes& changes) const {
+  for (const Change& change : changes) {
+    const auto& [path, type, attribute, value] = change.row;
+    if (change.kind != Change::Kind::put) continue;
+    const Zel::Name there = mirror_.typeAt(path);
+    if (!there.empty() && there != type && mirror_.anyStored(path))
+      throw RefusedError("'" + path.text() + "' is stored as a " + there.stdString() +
+                         "; delete it before a " + type.stdString() + " is published there");
+  }
+}
+
+void RedisStore::writeVolatile(const Changes& changes, Subscriber* origin) {
+  checkTypes(changes);
+  Subscribers::Notice notice{.origin = origin};
+  mirror_.carry(Durability::volatile_, publications_.write(changes), notice.changes);
+  if (origin) notice.revealed = revealedBy(changes);
+  subscribers_.notify(std::move(notice));
+}
+
+// What is visible at the places of a batch that its origin wrote, and differs from what it wrote.
+Changes RedisStore::revealedBy(const Changes& changes) const {
+  Changes revealed;
+  for (const Change& change : changes) {
+    Changes shown;
+    if (change.kind != Change::Kind::del)
+      mirror_.appendShown(change.row.path, change.row.attribute, shown);
+    else
+      mirror_.withShown(change.row.path, [&](const Records& records) {
+        for (const Record* each : records) mirror_.appendShown(each->path, {}, shown);
+      });
+    if (change.kind == Change::Kind::put && change.row.attribute.empty()) continue;
+    for (Change& each : shown)
+      if (!isPutOf(each, changes)) revealed.push_back(std::move(each));
+  }
+  return revealed;
+}
+
+Ticket RedisStore::flush() {
+  subscribers_.deliver();
+  const Ticket ticket = stored_.flush(heldClaims());
+  volatile_.send();
+  session_.flush();
+  deliverSnapshots();
+  return ticket;
+}
+
+std::vector<Claimed> RedisStore::heldClaims() const {
+  std::vector<Claimed> held;
+  for (const std::string& mount : mounts_)
+    if (Token token = claims_.ownedToken(mount); !token.empty()) held.push_back({mount, std::move(token)});
+  return held;
+}
+
+std::string RedisStore::timeline() const {
+  const State state = session_.state(Durability::volatile_);
+  return state.timeline.server + ' ' + state.timeline.generation;
+}
+
+// The claims are read first: they decide what may be written.
+void RedisStore::onReached() {
+  publications_.compare(session_.rows(Durability::volatile_));
+  claims_.onReached(timeline());
+  showVolatile();
+  session_.flush();
+}
+
+void RedisStore::onClaimsRead() {
+  if (std::exchange(isReached_, true)) return session_.flush();
+  hasRows_ = true;
+  if (!losses_.empty()) report("reached");
+  losses_.clear();
+  flush();
+}
+
+// An outage is logged once, and again where its cause turns out to need somebody's help.
+void RedisStore::onLost(const Loss& loss) {
+  why_ = loss.text;
+  isReached_ = false;
+  using Kind = Loss::Kind;
+  const bool needsHelp =
+      loss.kind == Kind::refused || loss.kind == Kind::invalid || loss.kind == Kind::password;
+  if (losses_.empty() || (needsHelp && !losses_.contains(loss.kind)))
+    report(loss.text + (hasRows_ ? "; the lights stay as they are" : "; trying until it is reached"));
+  losses_.insert(loss.kind);
+  volatile_.onLost();
+  stored_.onLost(now());
+  claims_.onLost();
+}
+
+void RedisStore::onRows(Durability space) {
+  if (space == Durability::volatile_) {
+    if (const std::string before = std::exchange(timeline_, timeline());
+        !before.empty() && before != timeline_)
+      keepOthers();
+    publications_.compare(session_.rows(space));
+    if (session_.isReached()) claims_.onReached(timeline_);
+    return showVolatile();
+  }
+  wipedAt_.reset();
+  Subscribers::Notice notice;
+  mirror_.replace(space, session_.rows(space).all(), notice.changes);
+  mirror_.release(notice.changes);
+  subscribers_.notify(std::move(notice));
+  subscribers_.deliver();
+}
+
+void RedisStore::showVolatile() {
+  Records theirs = session_.rows(Durability::volatile_).all();
+  std::erase_if(theirs, [this](const Record* each) { return isKept(each->path); });
+  Records all = publications_.over(theirs);
+  for (const auto& [mount, records] : kept_)
+    for (const Record& each : records) all.push_back(&each);
+  Subscribers::Notice notice;
+  mirror_.replace(Durability::volatile_, all, notice.changes);
+  subscribers_.notify(std::move(notice));
+  subscribers_.deliver();
+}
+
+bool RedisStore::isKept(Path path) const {
+  return std::ranges::any_of(kept_, [&](const auto& each) { return path.isUnder(each.first); });
+}
+
+// Remembers what is shown under the mounts of others: the server may have lost it, and their publishers write
+// it again.
+void RedisStore::keepOthers() {
+  for (const Claims::Status& claim : claims_.status()) {
+    const Path mount(claim.mount);
+    if (claim.isOwn || kept_.contains(mount)) continue;
+    mirror_.withShown(mount, [&](const Records& records) {
+      for (const Record* record : records) {
+        Record own = *record;
+        std::erase_if(own.attributes, [](const auto& each) { return each.durability == Durability::stored; });
+        if (!own.attributes.empty() || record->attributes.empty()) kept_[mount].push_back(std::move(own));
+      }
+    });
+  }
+}
+
+void RedisStore::onEntry(const Session::Owner::Entry& entry) {
+  entry.space == Durability::stored ? carryStored(entry) : carryVolatile(entry);
+  subscribers_.deliver();
+}
+
+void RedisStore::carryStored(const Session::Owner::Entry& entry) {
+  const auto own = entry.own == 0 ? std::nullopt : stored_.take(entry.own);
+  if (!own) stored_.disturb();
+  Subscribers::Notice notice;
+  mirror_.carry(Durability::stored, entry.changes, notice.changes);
+  mirror_.release(notice.changes);
+  if (own && own->origin && !own->isDisturbed) {
+    notice.origin = own->origin;
+    notice.revealed = revealedBy(own->changes);
+  }
+  subscribers_.notify(std::move(notice));
+}
+
+// This process's own entries are shown since they were written.
+void RedisStore::carryVolatile(const Session::Owner::Entry& entry) {
+  if (entry.own != 0) return;
+  Changes changes = entry.changes;
+  std::erase_if(changes, [this](const Change& each) { return isKept(each.row.path); });
+  changes = publications_.received(changes);
+  Subscribers::Notice notice;
+  if (entry.isCompanion)
+    mirror_.carryHidden(changes);
+  else
+    mirror_.carry(Durability::volatile_, changes, notice.changes);
+  subscribers_.notify(std::move(notice));
+}
+
+// Publishers write their rows again at once, and what others publish is kept for a while. What was stored is
+// shown until somebody writes there, so that the lights do not go out while it is restored.
+void RedisStore::onWiped(Durability space) {
+  if (space == Durability::volatile_) return session_.acceptWiped(space);
+  wipedAt_ = now();
+  report("it was wiped; the stored rows that it had are shown until somebody writes there" +
+         (url_.hold == Url::kNever ? std::string()
+                                   : ", at most for " + std::to_string(url_.hold.count() / 1000) + " s"));
+}
+
+void RedisStore::onSettled(const WriteId& write, Outcome outcome) {
+  if (write.space == Durability::stored) return stored_.onSettled(write.sequence, outcome);
+  volatile_.onSettled(write.sequence, outcome);
+  volatile_.send();
+  session_.flush();
+}
+
+// "CLAIMED MOUNT TOKEN": a mount may contain spaces.
+std::string RedisStore::claimedMount(const Reply& error) const {
+  for (const std::string& mount : mounts_)
+    if (error.text.starts_with("CLAIMED " + mount + ' ')) return mount;
+  return {};
+}
+
+void RedisStore::onRefused(const WriteId& write, const Reply& error) {
+  const Refusal refusal = error.refusal();
+  const std::string mount = refusal == Refusal::claimed ? claimedMount(error) : std::string();
+  if (write.space == Durability::stored) {
+    const bool isForGood = refusal == Refusal::claimed || refusal == Refusal::otherType;
+    stored_.onRefused(write.sequence, isForGood ? Ticket::Kind::refused : Ticket::Kind::failed,
+                      "state database " + text_ + ": " + error.text + ": " + refusalText(refusal));
+  } else {
+    volatile_.onRefused(write.sequence, error);
+  }
+  if (!mount.empty()) claims_.onFenced(mount);
+  volatile_.send();
+  session_.flush();
+}
+
+void RedisStore::tick() {
+  stored_.check(now());
+  if (wipedAt_ && url_.hold != Url::kNever &&
+      now() >= *wipedAt_ + static_cast<std::uint64_t>(url_.hold.count())) {
+    wipedAt_.reset();
+    session_.acceptWiped(Durability::stored);
+  }
+  if (!session_.isReached()) return;
+  volatile_.check();
+  reportSynced();
+  claims_.tick();
+  session_.flush();
+}
+
+void RedisStore::reportSynced() {
+  for (const std::string& mount : mounts_) {
+    if (claims_.ownedToken(mount).empty()) continue;
+    const Path path(mount);
+    if (++ownedFor_[mount] > kTicksToPublish && publications_.isSent(path) && volatile_.isIdle(path))
+      claims_.synced(mount);
+  }
+}
+
+void RedisStore::ask(Call call, const std::string& mount) {
+  session_.call(std::move(call), [this, mount](const Reply& reply) {
+    const Refusal refusal = reply.refusal();
+    if (refusal == Refusal::none)
+      claims_.onClaim(mount, claim(reply), now());
+    else if (refusal == Refusal::claimed)
+      claims_.onFenced(mount);
+    else
+      claims_.onFailed(mount, now());
+    session_.flush();
+  });
+}
+
+void RedisStore::read() {
+  session_.call(claimsCall(volatileKeys_), [this](const Reply& reply) {
+    reply.refusal() == Refusal::none ? claims_.onClaims(claimsOf(reply), now()) : claims_.onReadFailed();
+    onClaimsRead();
+  });
+}
+
+void RedisStore::take(const std::string& mount, const Claim& seen) {
+  ask(takeCall(volatileKeys_, mount, seen, session_.uuid(), who_, randomText()), mount);
+}
+
+void RedisStore::beat(const std::string& mount, const Token& token, std::string_view synced) {
+  ask(beatCall(volatileKeys_, mount, token, synced), mount);
+}
+
+void RedisStore::release(const std::string& mount, const Token& token) {
+  ask(releaseCall(volatileKeys_, mount, token), mount);
+}
+
+void RedisStore::sweep(const std::string& mount, const Claim& seen) {
+  ask(sweepCall(volatileKeys_, mount, seen, session_.uuid(), url_.log), mount);
+}
+
+void RedisStore::onOwned(const std::string& mount) {
+  if (standby_.erase(mount) > 0) report("'" + mount + "' is published by this process now");
+  ownedFor_[mount] = 0;
+  kept_.erase(Path(mount));
+  publications_.ownedIs(Path(mount), true, session_.rows(Durability::volatile_));
+  showVolatile();
+  flush();
+}
+
+void RedisStore::onStandby(const std::string& mount, std::string_view who) {
+  if (standby_.insert(mount).second)
+    report("'" + mount + "' is published by " + std::string(who) + "; this process is the standby");
+  publications_.ownedIs(Path(mount), false, session_.rows(Durability::volatile_));
+  showVolatile();
+}
+
+void RedisStore::onCurrent(const std::string& mount) {
+  if (kept_.erase(Path(mount)) > 0) showVolatile();
+}
+
+}  // namespace Host::Redis

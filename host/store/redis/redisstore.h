@@ -1,0 +1,136 @@
+// A state database on a Redis server that several hosts share: "redis-unix:", "redis:" and "redis+sentinel:".
+//
+// This process keeps a copy of all rows, which stays while the server is lost: the lights stay as they are,
+// LEDs go on flashing, and what is published waits. Stored writes fail meanwhile. When the server is back,
+// subscribers are notified of what differs.
+//
+// - A stored batch is one step on the server. The table shows it at once; subscribers are notified, and the
+//   ticket of its flush is done, when its entry in the server's log arrives.
+// - Volatile rows are shown and notified of here at once, and sent as state: one value an attribute.
+// - A mount that this process publishes is claimed. While another process holds it, this one is the standby:
+//   its agent gets no snapshot there, or, if it was the holder before, what it publishes is kept to itself.
+//
+// Activity thread only.
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "host/io/loop.h"
+#include "host/store/redis/claims.h"
+#include "host/store/redis/mirror.h"
+#include "host/store/redis/publications.h"
+#include "host/store/redis/session.h"
+#include "host/store/redis/storedwrites.h"
+#include "host/store/redis/subscribers.h"
+#include "host/store/redis/url.h"
+#include "host/store/redis/volatilewrites.h"
+#include "platform/statedb/store/store.h"
+
+namespace Host::Redis {
+
+class RedisStore final : public Statedb::Store, private Session::Owner, private Claims::Output {
+ public:
+  using Report = std::function<void(const std::string& text)>;
+
+  // Connects from the loop, and reconnects for ever. `report` logs each loss and each return once, what the
+  // server refuses, and who holds a claim. Throws StoreError if the URL is wrong. `loop` must outlive it.
+  RedisStore(Loop& loop, const std::string& url, Report report);
+  // Releases its claims: a standby takes over at once.
+  ~RedisStore() override;
+
+  std::string url() const override { return text_; }
+  Statedb::StoreState state() const override;
+  const Statedb::Table* table() const override { return &mirror_; }
+  void subscribe(Statedb::Path path, Statedb::Subscriber& subscriber) override;
+  void unsubscribe(Statedb::Subscriber& subscriber) override { subscribers_.remove(subscriber); }
+  // Also throws RefusedError for a stored batch of more than StoredWrites::kMostChanges, and for one that
+  // changes what another process publishes; StoreError for a stored batch while the server is not reached.
+  void write(const Statedb::Changes& changes, Statedb::Durability durability,
+             Statedb::Subscriber* origin) override;
+  Statedb::Ticket flush() override;
+  void announce(const Statedb::Announcement& announcement) override;
+
+ private:
+  void onReached() override;
+  void onLost(const Loss& loss) override;
+  void onRows(Statedb::Durability space) override;
+  void onEntry(const Session::Owner::Entry& entry) override;
+  void onWiped(Statedb::Durability space) override;
+  void onWarning(const std::string& text) override { report(text); }
+  void onSettled(const WriteId& write, Outcome outcome) override;
+  void onRefused(const WriteId& write, const Reply& error) override;
+
+  void read() override;
+  void take(const std::string& mount, const Claim& seen) override;
+  void beat(const std::string& mount, const Token& token, std::string_view synced) override;
+  void release(const std::string& mount, const Token& token) override;
+  void sweep(const std::string& mount, const Claim& seen) override;
+  void onOwned(const std::string& mount) override;
+  void onStandby(const std::string& mount, std::string_view who) override;
+  void onCurrent(const std::string& mount) override;
+
+  void writeStored(const Statedb::Changes& changes, Statedb::Subscriber* origin);
+  void writeVolatile(const Statedb::Changes& changes, Statedb::Subscriber* origin);
+  void checkClaims(const Statedb::Changes& changes) const;
+  void checkTypes(const Statedb::Changes& changes) const;
+  Statedb::Changes revealedBy(const Statedb::Changes& changes) const;
+
+  void carryStored(const Session::Owner::Entry& entry);
+  void carryVolatile(const Session::Owner::Entry& entry);
+  void showVolatile();
+  void keepOthers();
+  bool isKept(Statedb::Path path) const;
+  void deliverSnapshots();
+  std::vector<Statedb::Path> mountsUnder(Statedb::Path path, const Statedb::Subscriber& subscriber) const;
+  bool mayArrive(Statedb::Path path, const Statedb::Subscriber& subscriber) const;
+
+  void onClaimsRead();
+  void onClaimsRead();
+  void ask(Call call, const std::string& mount);
+  void tick();
+  void reportSynced();
+  Token tokenOf(Statedb::Path mount) const { return claims_.ownedToken(mount.text()); }
+  std::vector<Claimed> heldClaims() const;
+  std::string claimedMount(const Reply& error) const;
+  std::string timeline() const;
+  std::uint64_t now() const { return uv_now(loop_.uv()); }
+  void report(const std::string& what) const { report_("state database " + text_ + ": " + what); }
+
+  Loop& loop_;
+  const std::string text_;
+  const Url url_;
+  const Report report_;
+  const Keys volatileKeys_;
+
+  Mirror mirror_;
+  Session session_;
+  Claims claims_;
+  Publications publications_;
+  StoredWrites stored_;
+  VolatileWrites volatile_;
+
+  Subscribers subscribers_;
+  std::string who_;  // this process, for people
+  std::vector<std::string> mounts_;
+  std::set<std::string> standby_;        // reported so
+  std::map<std::string, int> ownedFor_;  // ticks
+  // The volatile rows under mounts of others that are shown although the server, restarted, lacks them.
+  std::map<Statedb::Path, std::deque<Statedb::Record>> kept_;
+  std::string timeline_;                  // of the volatile rows that are shown; empty: none were yet
+  bool isReached_ = false;                // and the claims are known
+  bool hasRows_ = false;                  // was reached once
+  std::optional<std::uint64_t> wipedAt_;  // the stored space, which is shown as it was
+  std::string why_ = "not reached yet";
+  std::set<Loss::Kind> losses_;  // reported since it was reached last
+  UvHandle<uv_timer_t> timer_;
+};
+
+}  // namespace Host::Redis

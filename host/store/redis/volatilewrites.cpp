@@ -1,0 +1,115 @@
+#include "host/store/redis/volatilewrites.h"
+
+#include <utility>
+
+#include "platform/statedb/store/schema.h"
+
+namespace Host::Redis {
+
+using Statedb::Change;
+using Statedb::Changes;
+using Statedb::Durability;
+using Statedb::Path;
+
+namespace {
+
+// Whether a retry would fail as well, because of what is written.
+bool isForGood(Refusal refusal) { return refusal == Refusal::otherType || refusal == Refusal::notStored; }
+
+}  // namespace
+
+VolatileWrites::VolatileWrites(Session& session, Publications& publications, TokenOf tokenOf, Report report)
+    : session_(session),
+      publications_(publications),
+      tokenOf_(std::move(tokenOf)),
+      report_(std::move(report)) {}
+
+void VolatileWrites::send() {
+  if (!session_.isReached() || isPostponed_) return;
+  for (Publications::Batch& batch : publications_.take()) {
+    Sending& sending = sending_[batch.mount];
+    sending.isOfMount = batch.isOfMount;
+    for (Changes& part : partsOf(batch.changes)) sending.waiting.push_back(std::move(part));
+    sendParts(batch.mount, sending);
+  }
+}
+
+// All at once: the server carries them out in order, and the parts of a large batch overlap.
+void VolatileWrites::sendParts(Path mount, Sending& sending) {
+  std::vector<Claimed> claims;
+  if (sending.isOfMount) claims.push_back({mount.text(), tokenOf_(mount)});
+  for (; !sending.waiting.empty(); sending.waiting.pop_front()) {
+    const WriteId id = session_.write(Durability::volatile_, sending.waiting.front(), claims);
+    parts_[id.sequence] = {mount, std::move(sending.waiting.front())};
+    ++sending.underWay;
+  }
+  if (sending.underWay == 0) ended(mount);
+}
+
+void VolatileWrites::ended(Path mount) {
+  const auto found = sending_.find(mount);
+  if (found == sending_.end() || found->second.underWay > 0 || !found->second.waiting.empty()) return;
+  found->second.isPostponed ? publications_.postponed(mount) : publications_.answered(mount);
+  sending_.erase(found);
+}
+
+void VolatileWrites::onSettled(Sequence sequence, Outcome outcome) {
+  const auto found = parts_.find(sequence);
+  if (found == parts_.end()) return;
+  const Path mount = found->second.mount;
+  parts_.erase(found);
+  Sending& sending = sending_[mount];
+  --sending.underWay;
+  if (outcome == Outcome::applied)
+    wasReported_ = false;
+  else
+    sending.isPostponed = true;
+  ended(mount);
+}
+
+std::optional<Path> VolatileWrites::onRefused(Sequence sequence, const Reply& error) {
+  const auto found = parts_.find(sequence);
+  if (found == parts_.end()) return {};
+  const Part part = std::move(found->second);
+  parts_.erase(found);
+  Sending& sending = sending_[part.mount];
+  --sending.underWay;
+  const Refusal refusal = error.refusal();
+  if (isForGood(refusal)) {
+    halve(part, error.text);
+  } else {
+    sending.isPostponed = true;
+    isPostponed_ = refusal != Refusal::claimed && refusal != Refusal::fenced;
+    if (isPostponed_ && !std::exchange(wasReported_, true))
+      report_("does not take what is published: " + error.text + ": " + refusalText(refusal) +
+              "; trying until it does");
+  }
+  const bool isClaimed = refusal == Refusal::claimed;
+  ended(part.mount);
+  return isClaimed ? std::optional(part.mount) : std::nullopt;
+}
+
+void VolatileWrites::halve(const Part& part, const std::string& why) {
+  if (part.changes.size() == 1) {
+    report_("refused what was published: " + Statedb::placeText(part.changes.front().row) + ": " + why);
+    return publications_.refused(part.mount, part.changes.front());
+  }
+  Sending& sending = sending_[part.mount];
+  auto [first, second] = Statedb::halves(part.changes);
+  sending.waiting.push_back(std::move(first));
+  sending.waiting.push_back(std::move(second));
+  if (session_.isReached()) sendParts(part.mount, sending);
+}
+
+void VolatileWrites::onLost() {
+  parts_.clear();
+  sending_.clear();
+  isPostponed_ = false;
+}
+
+void VolatileWrites::check() {
+  isPostponed_ = false;
+  send();
+}
+
+}  // namespace Host::Redis

@@ -1,0 +1,70 @@
+// Sends what this process publishes to the volatile space of the server, one batch of each mount at a time.
+//
+//     VolatileWrites writes(session, publications, tokenOf, report);
+//     writes.send();          // whatever is unsent and may be sent
+//
+// A batch that is refused is halved until the row at fault stands alone; that row is reported and dropped. A
+// server that can't take anything now (no memory, a full disk, a replica) is tried again once a second.
+//
+// Activity thread only.
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <string>
+
+#include "host/store/redis/publications.h"
+#include "host/store/redis/session.h"
+
+namespace Host::Redis {
+
+class VolatileWrites {
+ public:
+  // The token of a mount that this process holds; empty: it does not.
+  using TokenOf = std::function<Token(Statedb::Path mount)>;
+  using Report = std::function<void(const std::string& text)>;
+
+  // All must outlive it.
+  VolatileWrites(Session& session, Publications& publications, TokenOf tokenOf, Report report);
+
+  void send();
+  // Of writes of the volatile space. The second returns the mount that another process holds, where that is
+  // why it was refused.
+  void onSettled(Sequence sequence, Outcome outcome);
+  std::optional<Statedb::Path> onRefused(Sequence sequence, const Reply& error);
+  // The connection is lost: nothing is under way any more.
+  void onLost();
+  // Once a second: tries what was postponed again.
+  void check();
+  // Whether nothing of a mount is under way.
+  bool isIdle(Statedb::Path mount) const { return !sending_.contains(mount); }
+
+ private:
+  // The batch of a mount: parts that wait, and how many are under way.
+  struct Sending {
+    bool isOfMount = false;
+    std::deque<Statedb::Changes> waiting{};
+    std::size_t underWay = 0;
+    bool isPostponed = false;
+  };
+  struct Part {
+    Statedb::Path mount;
+    Statedb::Changes changes;
+  };
+
+  void sendParts(Statedb::Path mount, Sending& sending);
+  void halve(const Part& part, const std::string& why);
+  void ended(Statedb::Path mount);
+
+  Session& session_;
+  Publications& publications_;
+  const TokenOf tokenOf_;
+  const Report report_;
+  std::map<Statedb::Path, Sending> sending_;
+  std::map<Sequence, Part> parts_;
+  bool isPostponed_ = false;
+  bool wasReported_ = false;
+};
+
+}  // namespace Host::Redis

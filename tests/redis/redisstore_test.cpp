@@ -1,0 +1,160 @@
+// The shared store on a real server: what one process writes shows in another, and what happens to claims.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+
+#include "host/store/redis/redisstore.h"
+#include "platform/zel/notify/activity.h"
+#include "tests/platform/storemodel.h"
+#include "tests/redis/server.h"
+
+namespace {
+
+using namespace StoreModel;
+using Host::Redis::RedisStore;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+constexpr const char* kPin = "Hardware::Gpio::CorvelPinConfig";
+constexpr const char* kMount = "hardware/gpio";
+
+// A subscriber that publishes a mount, as an agent's does.
+struct Publishing : StoreModel::Mirror {
+  explicit Publishing(std::string thePath) : StoreModel::Mirror(std::move(thePath)) {}
+  void onSnapshot(const Records& records) override {
+    ++snapshots;
+    StoreModel::Mirror::onSnapshot(records);
+  }
+  bool publishes(Statedb::Path at) const override { return at.isUnder(Statedb::Path(path)); }
+  int snapshots = 0;
+};
+
+// A process on the shared database.
+struct Process {
+  Process(Host::Loop& loop, const std::string& url, int pid = 0)
+      : store(loop, url, [this](const std::string& text) { reports.push_back(text); }) {
+    store.subscribe("", all);
+    if (pid == 0) return;
+    store.subscribe(kMount, agent);
+    store.announce({.pid = pid, .publishes = {kMount}});
+  }
+  void publish(const char* pin, const Value& value) {
+    store.write({Change::put(std::string(kMount) + '/' + pin, kPin, "value", value)}, Durability::volatile_,
+                &agent);
+    store.flush();
+  }
+  bool isOwner() const {
+    const auto claims = store.state().claims;
+    return claims.size() == 1 && claims[0].isOwn;
+  }
+  Value shown(const std::string& path, const std::string& attribute) const {
+    const auto found = all.rows.find({path, attribute});
+    return found == all.rows.end() ? Value() : found->second;
+  }
+
+  StoreModel::Mirror all{""};
+  Publishing agent{kMount};
+  std::vector<std::string> reports;
+  RedisStore store;
+};
+
+struct SharedStore : ::testing::Test {
+  SharedStore() {
+    loop.turnIs([this] {
+      for (Process* each : all) each->store.flush();
+      return Zel::Clock::kNever;
+    });
+  }
+  std::unique_ptr<Process> process(int pid = 0, const std::string& options = "&lease=1s&hold=2s") {
+    auto made = std::make_unique<Process>(loop, server.url(options), pid);
+    all.push_back(made.get());
+    return made;
+  }
+  void end(std::unique_ptr<Process>& process) {
+    std::erase(all, process.get());
+    process = nullptr;
+  }
+  template <class Condition>
+  void until(Condition condition) {
+    RedisTest::runUntil(loop, condition);
+  }
+  Statedb::Ticket write(Process& by, const Changes& changes) {
+    by.store.write(changes, Durability::stored, nullptr);
+    return by.store.flush();
+  }
+
+  RedisTest::Server server;
+  Host::Loop loop;
+  Zel::ActivityManager activity;
+  std::vector<Process*> all;
+};
+
+TEST_F(SharedStore, ShowsEachProcessWhatTheOthersWriteAndKeepsItWhileTheServerIsAway) {
+  const auto a = process(), b = process();
+  until([&] { return a->store.state().isReached && b->store.state().isReached; });
+  a->reports.clear();
+  const auto ticket = write(*a, {Change::put("x", "T", "v", 1), Change::put("x/y", "T", "v", 2)});
+  EXPECT_FALSE(ticket.isDone());
+  EXPECT_EQ(a->store.table()->typeAt("x"), "T");  // at once
+  EXPECT_THAT(a->all.rows, IsEmpty());   // but nobody was notified
+  until([&] { return ticket.isDone() && b->shown("x/y", "v") == Value(2); });
+  EXPECT_EQ(ticket.failure(), "");
+  EXPECT_EQ(a->all.rows, b->all.rows);
+
+  b->store.write({Change::put("x", "T", "v", 7)}, Durability::volatile_, nullptr);
+  b->store.flush();
+  EXPECT_EQ(b->shown("x", "v"), Value(7));
+  until([&] { return a->shown("x", "v") == Value(7); });
+
+  server.end(SIGKILL);
+  until([&] { return !a->store.state().isReached && !b->store.state().isReached; });
+  EXPECT_THROW(write(*a, {Change::del("x")}), Statedb::StoreError);
+  b->store.write({Change::put("x", "T", "v", 8)}, Durability::volatile_, nullptr);
+  b->store.flush();
+  EXPECT_EQ(b->shown("x", "v"), Value(8));
+  EXPECT_EQ(a->shown("x", "v"), Value(7));
+  const int batches = a->all.batches;
+  server.start();
+  until([&] { return a->shown("x", "v") == Value(8); });
+  EXPECT_EQ(a->shown("x/y", "v"), Value(2));
+  EXPECT_LE(a->all.batches, batches + 3);
+  EXPECT_THAT(a->reports, ElementsAre(HasSubstr("the lights stay as they are"), HasSubstr("reached")));
+}
+
+TEST_F(SharedStore, HasOnePublisherOfAMountAndAStandbyThatTakesOver) {
+  auto a = process(1);
+  until([&] { return a->isOwner() && a->agent.snapshots == 1; });
+  a->publish("p", 1);
+  auto b = process(2);
+  until([&] { return b->shown("hardware/gpio/p", "value") == Value(1) && !b->reports.empty(); });
+  EXPECT_EQ(b->agent.snapshots, 0);
+  EXPECT_THAT(b->reports, ElementsAre(HasSubstr("is published by pinlampd 1 on")));
+  EXPECT_THROW(write(*process(), {}), Statedb::StoreError);
+  end(a);  // releases the claim
+  until([&] { return b->isOwner() && b->agent.snapshots == 1; });
+  EXPECT_EQ(b->agent.rows.size(), 2U);  // adopts what stood there
+  b->publish("p", 2);
+  b->publish("q", 2);
+  const auto reader = process();
+  until([&] { return reader->shown("hardware/gpio/q", "value") == Value(2); });
+  EXPECT_THROW(write(*reader, {Change::put("hardware/gpio/p", kPin, "value", 5)}), Statedb::RefusedError);
+  EXPECT_THROW(write(*reader, {Change::del("hardware")}), Statedb::RefusedError);
+
+  // After a restart the volatile rows are gone; nobody sees that.
+  server.end(SIGKILL);
+  until([&] { return !reader->store.state().isReached; });
+  const int batches = reader->all.batches;
+  server.start();
+  until([&] { return reader->store.state().isReached && b->isOwner(); });
+  const auto again = process();
+  std::cerr << "restarted\n";
+  until([&] { return again->shown("hardware/gpio/p", "value") == Value(2); });
+  EXPECT_EQ(reader->all.batches, batches);
+  end(b);
+  until([&] { return reader->all.rows.empty() && again->all.rows.empty(); });  // `hold` is over
+}
+
+}  // namespace

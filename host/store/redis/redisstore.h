@@ -93,7 +93,6 @@ class RedisStore final : public Statedb::Store, private Session::Owner, private 
   bool mayArrive(Statedb::Path path, const Statedb::Subscriber& subscriber) const;
 
   void onClaimsRead();
-  void onClaimsRead();
   void ask(Call call, const std::string& mount);
   void tick();
   void reportSynced();

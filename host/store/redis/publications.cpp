@@ -122,10 +122,11 @@ void Publications::compare(const Rows& theirs) {
   }
 }
 
-std::vector<Publications::Batch> Publications::take() {
+std::vector<Publications::Batch> Publications::take(const std::function<bool(Path)>& maySend) {
   std::vector<Batch> batches;
   for (Group& group : groups_) {
     if (!group.isShown() || group.isUnderWay || !group.rows.canSend()) continue;
+    if (group.isOfMount && !maySend(group.mount)) continue;
     group.isUnderWay = true;
     batches.push_back({group.mount, group.isOfMount, group.rows.send()});
   }

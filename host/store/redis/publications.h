@@ -12,6 +12,7 @@
 // State, not a log: however long the server is away, one value is kept for each attribute.
 #pragma once
 
+#include <functional>
 #include <list>
 #include <map>
 #include <string>
@@ -57,7 +58,8 @@ class Publications {
 
   // What is to be sent, at most one batch of each mount at a time: a mount's next batch comes after
   // answered().
-  std::vector<Batch> take();
+  // Takes nothing of a mount that `maySend` does not allow.
+  std::vector<Batch> take(const std::function<bool(Statedb::Path mount)>& maySend);
   void answered(Statedb::Path mount);
   // The server refused a change of the batch under way, and would again.
   void refused(Statedb::Path mount, const Statedb::Change& change);

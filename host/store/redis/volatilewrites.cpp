@@ -26,7 +26,8 @@ VolatileWrites::VolatileWrites(Session& session, Publications& publications, Tok
 
 void VolatileWrites::send() {
   if (!session_.isReached() || isPostponed_) return;
-  for (Publications::Batch& batch : publications_.take()) {
+  for (Publications::Batch& batch :
+       publications_.take([this](Path mount) { return !tokenOf_(mount).empty(); })) {
     Sending& sending = sending_[batch.mount];
     sending.isOfMount = batch.isOfMount;
     for (Changes& part : partsOf(batch.changes)) sending.waiting.push_back(std::move(part));

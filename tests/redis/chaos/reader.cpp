@@ -1,0 +1,95 @@
+#include "tests/redis/chaos/reader.h"
+
+#include <algorithm>
+#include <sstream>
+
+#include "host/rpc/json.h"
+
+namespace Chaos {
+
+using Statedb::Change;
+
+namespace {
+bool isPin(const std::string& place) { return place.starts_with(std::string(kPins) + "/"); }
+std::string placeOf(const Statedb::Row& row) {
+  return row.attribute.empty() ? row.path.text() : row.path.text() + "\t" + row.attribute.stdString();
+}
+}  // namespace
+
+std::optional<Stamp> Stamp::in(const std::string& text) {
+  std::istringstream words(text.substr(text.starts_with('"') ? 1 : 0));
+  std::string space, writer;
+  unsigned number = 0;
+  if (!(words >> space >> writer >> number)) return std::nullopt;
+  return Stamp{space + " " + writer, number};
+}
+
+void Reader::onSnapshot(const Statedb::Records& records) {
+  ++notifications;
+  Rows now;
+  for (const Statedb::Record* record : records) {
+    now[record->path.text()] = record->type.stdString();
+    for (const Statedb::Attribute& each : record->attributes)
+      now[record->path.text() + "\t" + each.name.stdString()] = Host::jsonText(each.value);
+  }
+  const Rows before = rows_;
+  for (const auto& [place, value] : before)
+    if (!now.contains(place)) erase(place);
+  for (const auto& [place, value] : now) put(place, value);
+}
+
+void Reader::onChanges(const Statedb::Changes& changes) {
+  ++notifications;
+  for (const Change& change : changes) {
+    const Statedb::Row& row = change.row;
+    switch (change.kind) {
+      case Change::Kind::put:
+        put(row.path.text(), row.type.stdString());
+        if (!row.attribute.empty()) put(placeOf(row), Host::jsonText(row.value));
+        break;
+      case Change::Kind::unset:
+        erase(placeOf(row));
+        break;
+      case Change::Kind::del:
+        eraseUnder(row.path.text());
+    }
+  }
+}
+
+void Reader::put(const std::string& place, const std::string& json) {
+  rows_[place] = json;
+  if (const auto stamp = Stamp::in(json)) check(place, *stamp);
+}
+
+// The number of a row's writer may fall once for each time that history lost rows, and a pin's never: it
+// stays until its owner has published again. A process shows its own pins before they are published.
+void Reader::check(const std::string& place, const Stamp& stamp) {
+  const bool isStored = stamp.writer.starts_with("s ");
+  if (isStored) seen_[stamp.writer].insert(stamp.number);
+  const unsigned history = isStored ? history_.stored : history_.volatile_;
+  const unsigned settled = isStored ? settled_.stored : settled_.volatile_;
+  if (isPin(place) && stamp.writer == "v " + name_) return;
+  Last& last = last_[place + "\t" + stamp.writer];
+  if (stamp.number < last.number) {
+    if (isPin(place) || std::max(last.history, settled) >= history)
+      fault_("reader " + name_ + ": " + place + " went back from " + std::to_string(last.number) + " to '" +
+             stamp.text() + "'");
+    last.history = history;
+  }
+  last.number = stamp.number;
+}
+
+void Reader::erase(const std::string& place) {
+  if (rows_.erase(place) != 0 && isPin(place))
+    fault_("reader " + name_ + ": " + place + " went away, and its publisher did not");
+}
+
+void Reader::eraseUnder(const std::string& path) {
+  std::vector<std::string> places;
+  for (const auto& [place, value] : rows_)
+    if (path.empty() || place == path || place.starts_with(path + "/") || place.starts_with(path + "\t"))
+      places.push_back(place);
+  for (const std::string& place : places) erase(place);
+}
+
+}  // namespace Chaos

@@ -1,0 +1,73 @@
+// A subscriber that keeps rows, and notices what a subscriber must never be notified of.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/statedb/store/store.h"
+#include "tests/redis/chaos/reference.h"
+
+namespace Chaos {
+
+inline constexpr const char* kPins = "chaos/pins";  // the mount that is claimed
+
+// A value tells who wrote it, and its place among the batches of that writer: "s one 17" is stored.
+struct Stamp {
+  std::string writer;  // with the space before it: "s one"
+  unsigned number = 0;
+
+  std::string text() const { return writer + " " + std::to_string(number); }
+  // Nothing where the text is no stamp.
+  static std::optional<Stamp> in(const std::string& text);
+};
+
+// What happened to the server's history. Counts grow.
+struct History {
+  unsigned stored = 0;     // rows were taken from the server: an older file, an empty one, a wipe
+  unsigned volatile_ = 0;  // the same, and every restart
+};
+
+class Reader : public Statedb::Subscriber {
+ public:
+  using Fault = std::function<void(const std::string& what)>;
+
+  // `history` and what `fault` refers to must outlive it.
+  Reader(std::string name, const History& history, Fault fault)
+      : name_(std::move(name)), history_(history), fault_(std::move(fault)) {}
+
+  void onSnapshot(const Statedb::Records& records) override;
+  void onChanges(const Statedb::Changes& changes) override;
+
+  const Rows& rows() const { return rows_; }
+  // Everything is quiet: no row goes back any more because of what happened before.
+  void settled() { settled_ = history_; }
+  // The stored batches of a writer of which a value was seen.
+  const std::set<unsigned>& seen(const std::string& writer) { return seen_["s " + writer]; }
+  unsigned long notifications = 0;
+
+ private:
+  struct Last {
+    unsigned number = 0;
+    unsigned history = 0;  // when it last went back
+  };
+
+  void put(const std::string& place, const std::string& json);
+  void check(const std::string& place, const Stamp& stamp);
+  void erase(const std::string& place);
+  void eraseUnder(const std::string& path);
+
+  const std::string name_;
+  const History& history_;
+  const Fault fault_;
+  Rows rows_{};
+  History settled_{};
+  std::map<std::string, Last> last_{};  // by place and writer
+  std::map<std::string, std::set<unsigned>> seen_{};
+};
+
+}  // namespace Chaos

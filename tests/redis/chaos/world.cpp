@@ -1,0 +1,203 @@
+#include "tests/redis/chaos/world.h"
+
+#include <algorithm>
+
+#include "host/store/stores.h"
+
+namespace Chaos {
+
+namespace {
+
+constexpr std::uint64_t kTick = 2;  // milliseconds
+constexpr std::size_t kMostRecent = 40, kMostShown = 8;
+
+// Everybody but this program uses the default user.
+constexpr const char* kConfiguration =
+    "appendfsync everysec\nmaxmemory-policy noeviction\nuser chaos on >chaos ~* &* +@all\n";
+// A lease and a timeout that pass within a round, a log that is cut often, rows that nobody may miss.
+constexpr const char* kOptions = "?timeout=500ms&lease=1s&hold=5m&log=300";
+
+constexpr const char* kLook = R"lua(
+local last = redis.call('XREVRANGE', KEYS[2], '+', '-', 'COUNT', 1)
+local tip = last[1] and string.match(last[1][1], '%d+$') or '0'
+return {redis.call('HGET', KEYS[1], 'generation') or '', redis.call('HGET', KEYS[1], ARGV[1]) or '', tip,
+        redis.call('XRANGE', KEYS[2], '(0-' .. ARGV[2], '+')}
+)lua";
+
+unsigned long epochOf(const std::string& token) { return token.empty() ? 0 : std::stoul(token); }
+std::string ownerOf(const std::string& token) {
+  return token.substr(std::min(token.size(), token.find(' ') + 1));
+}
+// An origin is UUID.SPACE:SEQUENCE.
+bool isBy(const std::string& origin, const std::string& owner) {
+  return !owner.empty() && origin.starts_with(owner.substr(0, owner.find('.')));
+}
+
+void compare(const std::string& who, const Rows& rows, const Rows& expected,
+             std::vector<std::string>& differing) {
+  for (const auto& [place, value] : expected) {
+    const auto found = rows.find(place);
+    if (found == rows.end() || found->second != value)
+      differing.push_back(who + " has " + (found == rows.end() ? "nothing" : found->second) + " at " + place +
+                          ", the server " + value);
+  }
+  for (const auto& [place, value] : rows)
+    if (!expected.contains(place))
+      differing.push_back(who + " has " + value + " at " + place + ", the server nothing");
+}
+
+Rows rowsOf(const Statedb::Table& table) {
+  const History none;
+  Reader reader("", none, {});
+  reader.onSnapshot(table.read({}));
+  return reader.rows();
+}
+
+}  // namespace
+
+bool Process::ownsPins() const {
+  if (!store) return false;
+  const auto claims = store->state().claims;
+  return std::ranges::any_of(claims, [](const auto& each) { return each.mount == kPins && each.isOwn; });
+}
+
+World::World(unsigned seed) : server(kConfiguration) {
+  tick_.reset(new uv_timer_t);
+  uv_timer_init(loop.uv(), tick_.get());
+  uv_timer_start(
+      tick_.get(), [](uv_timer_t*) {}, kTick, kTick);
+  struct Part {
+    const char* name;
+    bool publishes, writes;
+  };
+  for (const Part& part : {Part{"one", true, true}, Part{"two", true, true}, Part{"three", false, true},
+                           Part{"four", false, false}, Part{"five", false, false}}) {
+    const std::string name = part.name;
+    processes.emplace_back(new Process{name, part.publishes, {loop, server.at(name), server.socket()}});
+    if (part.writes)
+      processes.back()->writer = std::make_unique<Writer>(name, ++seed, history, part.publishes);
+  }
+  while (!reference.isReady()) run();
+  for (const auto& each : processes) start(*each);
+}
+
+World::~World() {
+  for (const auto& each : processes) kill(*each);
+}
+
+void World::start(Process& process) {
+  process.reader =
+      std::make_unique<Reader>(process.name, history, [this](const std::string& what) { fault(what); });
+  process.store =
+      Host::makeStore("redis-unix:" + server.at(process.name) + kOptions, loop,
+                      [this, name = process.name](const std::string& text) { log(name + ": " + text); });
+  process.store->subscribe({}, *process.reader);
+  if (process.publishes)
+    process.store->announce({.pid = ::getpid(), .agents = {{process.name, "chaos"}}, .publishes = {kPins}});
+  if (process.writer) process.writer->starts(*process.store);
+}
+
+void World::kill(Process& process) {
+  process.proxy.cut();
+  process.store = nullptr;
+  if (process.writer) process.writer->ended();
+}
+
+void World::run() {
+  uv_run(loop.uv(), UV_RUN_ONCE);
+  loop.runOnce();  // throws what a callback threw
+  for (const auto& each : processes) {
+    each->proxy.pump();
+    if (each->store) each->store->flush();
+    if (each->writer) each->writer->poll();
+  }
+}
+
+std::uint64_t World::now() const { return uv_hrtime() / 1'000'000; }
+
+void World::watchClaim() {
+  const std::string tip = std::to_string(seen_ ? seen_->tip : 0);
+  const auto answer = reference(
+      {"EVAL", kLook, "2", "{pinlamp}:v:meta", "{pinlamp}:v:log", "claim:" + std::string(kPins), tip});
+  if (!answer || answer->type != REDIS_REPLY_ARRAY) return;
+  const auto words = wordsOf(answer.get());
+  const Seen now{words[0], words[1], std::stoul(words[2])};
+  if (seen_ && seen_->generation == now.generation && seen_->tip <= now.tip)
+    checkWriters(now, answer->element[3]);
+  seen_ = now;
+}
+
+// Between two looks, the former owner wrote and then the next one, nobody else.
+void World::checkWriters(const Seen& now, const redisReply* entries) {
+  const unsigned long before = epochOf(seen_->token), after = epochOf(now.token);
+  if (after > before) takeOvers += after - before;
+  bool isNext = false;
+  for (std::size_t i = 0; i < entries->elements && (after == before || after == before + 1); ++i) {
+    const auto words = wordsOf(entries->element[i]->element[1]);
+    const std::string &origin = words[1], &delta = words[3];
+    if (delta.find("@" + std::string(kPins) + "\n") == std::string::npos) continue;
+    isNext = isNext || !isBy(origin, ownerOf(seen_->token));
+    if (isNext && !isBy(origin, ownerOf(now.token)))
+      fault("the pins were written by " + origin + " while their claim went from '" + seen_->token +
+            "' to '" + now.token + "'");
+  }
+}
+
+Process* World::ownerOfPins(std::vector<std::string>& differing) {
+  Process* owner = nullptr;
+  unsigned count = 0;
+  for (const auto& each : processes) {
+    if (!each->ownsPins()) continue;
+    owner = each.get();
+    ++count;
+  }
+  if (count != 1) differing.push_back(std::to_string(count) + " processes own the pins");
+  return count == 1 ? owner : nullptr;
+}
+
+void World::compareReaders(std::vector<std::string>& differing) {
+  const Rows expected = reference.merged(differing);
+  for (const auto& each : processes) {
+    compare("reader " + each->name, each->reader->rows(), expected, differing);
+    if (const auto* table = each->store->table())
+      compare("the table of " + each->name, rowsOf(*table), expected, differing);
+  }
+}
+
+bool World::isSettled(std::vector<std::string>& differing) {
+  if (!isServerUp || !reference.isReady()) differing.push_back("the server does not answer");
+  for (const auto& each : processes) {
+    const Statedb::StoreState state = each->store->state();
+    if (!state.isReached) differing.push_back(each->name + " does not reach the server: " + state.reason);
+    if (each->writer && !each->writer->isIdle()) differing.push_back(each->name + " waits for a ticket");
+    if (each->writer && !each->writer->isProbed()) differing.push_back(each->name + " can't write");
+  }
+  if (!differing.empty()) return false;
+  Process* owner = ownerOfPins(differing);
+  if (owner) owner->writer->verifyPins(reference.rows("v", differing), differing);
+  if (differing.empty()) compareReaders(differing);
+  return differing.empty();
+}
+
+void World::verify() {
+  std::vector<std::string> differing;
+  const Rows stored = reference.rows("s", differing);
+  for (const auto& each : processes) {
+    if (!each->writer) continue;
+    each->writer->verify(stored, differing);
+    for (const auto& other : processes) each->writer->verifyUnseen(*other->reader, differing);
+  }
+  for (const auto& each : processes) each->reader->settled();
+  for (const std::string& each : differing) fault(each);
+}
+
+void World::log(const std::string& text) {
+  recent.push_back(std::to_string(now() % 1'000'000) + " ms  " + text);
+  if (recent.size() > kMostRecent) recent.pop_front();
+}
+
+void World::fault(const std::string& what) {
+  if (faults.size() < kMostShown) faults.push_back(what);
+}
+
+}  // namespace Chaos

@@ -136,7 +136,7 @@ int main(int count, char** words) {
       return 2;
     }
   }
-  // The server acknowledges without its file while a sync takes long; in memory none does.
+  // Syncs are free in memory.
   if (!std::getenv("TMPDIR") && std::filesystem::is_directory("/dev/shm")) ::setenv("TMPDIR", "/dev/shm", 1);
   return Run(time, seed)();
 }

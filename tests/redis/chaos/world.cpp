@@ -11,9 +11,10 @@ namespace {
 constexpr std::uint64_t kTick = 2;  // milliseconds
 constexpr std::size_t kMostRecent = 40, kMostShown = 8;
 
-// Everybody but this program uses the default user.
+// Synced at each write: otherwise the server acknowledges what its file lacks while a sync is under way, and
+// kill -9 loses it. Everybody but this program uses the default user.
 constexpr const char* kConfiguration =
-    "appendfsync everysec\nmaxmemory-policy noeviction\nuser chaos on >chaos ~* &* +@all\n";
+    "appendfsync always\nmaxmemory-policy noeviction\nuser chaos on >chaos ~* &* +@all\n";
 // A lease and a timeout that pass within a round, a log that is cut often, rows that nobody may miss.
 constexpr const char* kOptions = "?timeout=500ms&lease=1s&hold=5m&log=300";
 
@@ -88,9 +89,10 @@ World::~World() {
 void World::start(Process& process) {
   process.reader =
       std::make_unique<Reader>(process.name, history, [this](const std::string& what) { fault(what); });
-  process.store =
-      Host::makeStore("redis-unix:" + server.at(process.name) + kOptions, loop,
-                      [this, name = process.name](const std::string& text) { log(name + ": " + text); });
+  process.store = Host::makeStore("redis-unix:" + server.at(process.name) + kOptions, loop,
+                                  [this, name = process.name](const std::string& text) {
+                                    log(name + text.substr(std::min(text.size(), text.find(": "))));
+                                  });
   process.store->subscribe({}, *process.reader);
   if (process.publishes)
     process.store->announce({.pid = ::getpid(), .agents = {{process.name, "chaos"}}, .publishes = {kPins}});
@@ -170,7 +172,8 @@ bool World::isSettled(std::vector<std::string>& differing) {
     const Statedb::StoreState state = each->store->state();
     if (!state.isReached) differing.push_back(each->name + " does not reach the server: " + state.reason);
     if (each->writer && !each->writer->isIdle()) differing.push_back(each->name + " waits for a ticket");
-    if (each->writer && !each->writer->isProbed()) differing.push_back(each->name + " can't write");
+    if (each->writer && !each->writer->isProbed())
+      differing.push_back(each->name + " can't write: " + each->writer->lastFailure());
   }
   if (!differing.empty()) return false;
   Process* owner = ownerOfPins(differing);

@@ -86,9 +86,9 @@ void Writer::writeStored(const Changes& changes, bool isProbe) {
   try {
     store_->write(changes, Durability::stored);
     batch->ticket = store_->flush();
-  } catch (const Statedb::StoreError&) {
+  } catch (const Statedb::StoreError& error) {
     ++counts_.rejected;
-    batch->ticket = Statedb::Ticket::failed("at once");
+    batch->ticket = Statedb::Ticket::failed(error.what());
   }
 }
 
@@ -128,7 +128,9 @@ void Writer::note(const Change& change, const std::shared_ptr<const Batch>& batc
 
 void Writer::poll() {
   while (!underWay_.empty() && underWay_.front()->ticket.isDone()) {
-    done(*underWay_.front(), underWay_.front()->ticket.kind());
+    const Statedb::Ticket& ticket = underWay_.front()->ticket;
+    if (ticket.kind() != Kind::taken) lastFailure_ = ticket.failure();
+    done(*underWay_.front(), ticket.kind());
     underWay_.pop_front();
   }
   if (!store_ || !std::exchange(wantsAllPins_, false)) return;

@@ -39,7 +39,8 @@ class Writer : public Statedb::Subscriber {
   void act();
   // A stored and a volatile batch that show whether everything works.
   void probe();
-  bool isProbed() const { return probe_ && probe_->kind == Statedb::Ticket::Kind::taken; }
+  bool isProbed() const { return probe_ && probe_->isDone && probe_->kind == Statedb::Ticket::Kind::taken; }
+  const std::string& lastFailure() const { return lastFailure_; }
   void forgetProbe() { probe_ = nullptr; }
   // Looks after the tickets.
   void poll();
@@ -101,6 +102,7 @@ class Writer : public Statedb::Subscriber {
   std::map<std::string, Row> rows_{};       // stored ones, by place
   std::map<std::string, unsigned> pins_{};  // the number that was last written, by place
   std::set<unsigned> neverStored_{};        // batches that failed or were refused
+  std::string lastFailure_{};
   Counts counts_{};
 };
 

@@ -296,6 +296,20 @@ TEST_F(RedisSession, SendsAWriteAgainThatMetWhatItDidNotKnow) {
   EXPECT_EQ(one.session.underWay(), 0U);
 }
 
+TEST_F(RedisSession, ALaterWriteIsNeverOverwrittenByAnEarlierOne) {
+  Process one(loop, url);
+  reach(one);
+  client({"HSET", Keys("pinlamp", kStored).directory(""), "hidden", "T"});
+  const auto writeType = [&](const char* type, int value) {
+    return one.write(kStored, {Change::put("hidden", type, "x", value)});
+  };
+  writeType("U", 1);  // meets a T, while the next is on its way
+  writeType("T", 2);
+  agree({&one});
+  EXPECT_THAT(one.refusals, ElementsAre(Refusal::otherType));
+  EXPECT_EQ(scan(kStored), (Seen{{"hidden", "T"}, {"hidden x", "2"}}));
+}
+
 TEST_F(RedisSession, FindsWhatCouldNotBeAnnounced) {
   Process one(loop, url), other(loop, url);
   for (Process* each : {&one, &other}) reach(*each);

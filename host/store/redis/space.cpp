@@ -187,7 +187,7 @@ void Space::reconnect(std::string_view why) {
 
 // Writes.
 Sequence Space::write(const Changes& changes, std::vector<Claimed> claims) {
-  const Sequence sequence = follower_.writing();
+  const Sequence sequence = newest_ = follower_.writing();
   writes_.emplace(sequence, Write{changes, std::move(claims)});
   send(sequence);
   return sequence;
@@ -218,7 +218,7 @@ void Space::onAnswer(Sequence sequence, const Reply& reply) {
   if (found == writes_.end()) return;  // settled by a snapshot
   switch (refusal) {
     case Refusal::generation:
-      return onOtherGeneration(sequence, found->second);
+      return onOtherGeneration(sequence, found->second, reply);
     case Refusal::otherType:
       return onOtherType(sequence, found->second, reply);
     case Refusal::readOnly:
@@ -239,8 +239,9 @@ void Space::onWritten(Sequence sequence, const Written& written) {
 
 // The server has another one than this process knew when it sent the write. Where a snapshot has brought it
 // meanwhile the write goes again at once, else with the snapshot.
-void Space::onOtherGeneration(Sequence sequence, Write& write) {
+void Space::onOtherGeneration(Sequence sequence, Write& write, const Reply& error) {
   if (write.generation != state().timeline.generation) {
+    if (!maySendAgain(sequence)) return onRefused(sequence, error);
     follower_.resending(sequence);
     return send(sequence);
   }
@@ -250,10 +251,16 @@ void Space::onOtherGeneration(Sequence sequence, Write& write) {
 
 void Space::onOtherType(Sequence sequence, Write& write, const Reply& error) {
   const auto path = Path::existing(error.text.substr(std::min(error.text.size(), error.text.find(' ') + 1)));
-  if (!path || std::ranges::find(write.inTheWay, *path) != write.inTheWay.end())
-    return onRefused(sequence, error);
+  const bool isKnown = !path || std::ranges::find(write.inTheWay, *path) != write.inTheWay.end();
+  if (isKnown || !maySendAgain(sequence)) return onRefused(sequence, error);
   write.inTheWay.push_back(*path);
   send(sequence);
+}
+
+// A stored write that others followed would overwrite what they wrote. Volatile ones that are under way
+// together have no rows in common.
+bool Space::maySendAgain(Sequence sequence) const {
+  return durability_ == Durability::volatile_ || sequence == newest_;
 }
 
 void Space::onRefused(Sequence sequence, const Reply& error) {

@@ -100,8 +100,9 @@ class Space final : Follower::Output, Scan::Owner {
   void send(Sequence sequence);
   void onAnswer(Sequence sequence, const Reply& reply);
   void onWritten(Sequence sequence, const Written& written);
-  void onOtherGeneration(Sequence sequence, Write& write);
+  void onOtherGeneration(Sequence sequence, Write& write, const Reply& error);
   void onOtherType(Sequence sequence, Write& write, const Reply& error);
+  bool maySendAgain(Sequence sequence) const;
   void onRefused(Sequence sequence, const Reply& error);
 
   Line& line_;
@@ -115,6 +116,7 @@ class Space final : Follower::Output, Scan::Owner {
   std::vector<Rows> waste_{};  // is freed in portions
   Timer freeing_;
   std::map<Sequence, Write> writes_{};  // that are not settled
+  Sequence newest_ = 0;                 // write
 };
 
 }  // namespace Host::Redis

@@ -101,13 +101,17 @@ void Faults::killServer(Process&) {
   ++world_.history.volatile_;
 }
 
-// An older file: the tail is gone.
+// An older file: the tail is gone. Of the files' names, with a number of one digit more the longer is the
+// later.
 void Faults::killServerAndCutItsFile(Process& process) {
   killServer(process);
   ++world_.history.stored;
+  std::string last;
   for (const auto& file : std::filesystem::directory_iterator(world_.server.at("appendonlydir")))
-    if (file.path().string().ends_with(".incr.aof"))
-      std::filesystem::resize_file(file.path(), file.file_size() * (50 + below(50)) / 100);
+    if (const std::string name = file.path(); name.ends_with(".incr.aof"))
+      last = std::max(last, name,
+                      [](auto& a, auto& b) { return std::pair(a.size(), a) < std::pair(b.size(), b); });
+  std::filesystem::resize_file(last, std::filesystem::file_size(last) * (50 + below(50)) / 100);
 }
 
 void Faults::killServerAndRemoveItsFile(Process& process) {

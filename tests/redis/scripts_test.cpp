@@ -311,7 +311,10 @@ TEST_F(Scripts, AClaimHasOneOwnerAndALaterOneFencesIt) {
   };
   const auto writeAs = [&](const Token& token) {
     read(volatile_);
-    return write(volatile_, {put("m/n/o", "x", 1)}, {{"m/n", token}}).refusal();
+    const Refusal refusal = write(volatile_, {put("m/n/o", "x", 1)}, {{"m/n", token}}).refusal();
+    read(stored);
+    EXPECT_EQ(write(stored, {put("m/n/p", "x", 1)}, {{"m/n", token}}).refusal(), refusal);
+    return refusal;
   };
   const auto beat = [&](const Token& token) {
     return call(beatCall(volatile_.keys, "m/n", token, "timeline"));

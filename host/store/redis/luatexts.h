@@ -18,12 +18,20 @@ local found
 if claims == 0 then
   found = redis.call('HMGET', KEYS[1], 'generation', ARGV[3])
 else
-  local asked = {'generation', ARGV[3]}
-  for i = 1, claims do asked[i + 2] = ARGV[9 + 2 * i] end
-  found = redis.call('HMGET', KEYS[1], unpack(asked))
+  local asked = {}
+  for i = 1, claims do asked[i] = ARGV[9 + 2 * i] end
+  local held
+  if volatile then  -- where claims are
+    asked[claims + 1], asked[claims + 2] = 'generation', ARGV[3]
+    held = redis.call('HMGET', KEYS[1], unpack(asked))
+    found = {held[claims + 1], held[claims + 2]}
+  else
+    held = redis.call('HMGET', other .. ':meta', unpack(asked))
+    found = redis.call('HMGET', KEYS[1], 'generation', ARGV[3])
+  end
   for i = 1, claims do
-    if found[i + 2] ~= ARGV[10 + 2 * i] then
-      return redis.error_reply('CLAIMED ' .. string.sub(asked[i + 2], 7) .. ' ' .. (found[i + 2] or ''))
+    if held[i] ~= ARGV[10 + 2 * i] then
+      return redis.error_reply('CLAIMED ' .. string.sub(asked[i], 7) .. ' ' .. (held[i] or ''))
     end
   end
 end

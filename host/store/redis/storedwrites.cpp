@@ -7,8 +7,24 @@
 namespace Host::Redis {
 
 using Statedb::Changes;
+using Statedb::Path;
 using Statedb::Subscriber;
 using Statedb::Ticket;
+
+namespace {
+
+std::vector<Claimed> claimsOf(const Changes& changes, const std::vector<Claimed>& held) {
+  std::vector<Claimed> needed;
+  for (const Claimed& each : held) {
+    const auto isConcerned = [mount = Path(each.mount)](const auto& change) {
+      return concerns(change, mount);
+    };
+    if (std::ranges::any_of(changes, isConcerned)) needed.push_back(each);
+  }
+  return needed;
+}
+
+}  // namespace
 
 // Batches of one origin that are flushed together are one step.
 void StoredWrites::add(const Changes& changes, Subscriber* origin) {
@@ -30,7 +46,10 @@ Ticket StoredWrites::flush(const std::vector<Claimed>& claims) {
     place->outcome = outcome;
     place->left = left;
     if (session_.isReached())
-      place->sequence = session_.write(Statedb::Durability::stored, place->write.changes, claims).sequence;
+      place->sequence = session_
+                            .write(Statedb::Durability::stored, place->write.changes,
+                                   claimsOf(place->write.changes, claims))
+                            .sequence;
     else
       end(place, Ticket::Kind::failed,
           "the state database was lost before it was written; nothing was stored");

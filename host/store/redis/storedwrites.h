@@ -43,7 +43,8 @@ class StoredWrites {
   bool empty() const { return writes_.empty(); }
   // Shows the changes in the mirror.
   void add(const Statedb::Changes& changes, Statedb::Subscriber* origin);
-  // Sends what was added since the last flush. `claims`: of the mounts that this process holds.
+  // Sends what was added since the last flush. `claims`: of the mounts that this process holds; each write
+  // carries those of the mounts that it changes.
   Statedb::Ticket flush(const std::vector<Claimed>& claims);
 
   // The entry of a write arrived, and is in the mirror next: the write is over. Nothing if there is none.

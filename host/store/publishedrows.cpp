@@ -151,6 +151,7 @@ void PublishedRows::sendAgain(Path under) {
 void PublishedRows::compare(const Records& theirs, bool replaces) {
   std::vector<Path> foreign;
   for (const Record* record : theirs) {
+    if (unsent_.covers(record->path)) continue;  // gone when the rest arrives
     const auto own = entities_.find(record->path);
     if (own == entities_.end())
       foreign.push_back(record->path);

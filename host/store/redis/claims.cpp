@@ -81,8 +81,7 @@ void Claims::onReached(const std::string& timeline) {
     mount.repeats = 0;
     if (!isOther) continue;
     mount.synced.clear();
-    mount.isKept = !mount.who.empty();
-    mount.keptSince = watched_;
+    if (!mount.who.empty()) keep(mount);
   }
   read();
 }
@@ -199,7 +198,8 @@ void Claims::own(const std::string& name, Mount& mount, bool isChanged) {
 }
 
 void Claims::standBy(const std::string& name, Mount& mount) {
-  mount.isOwner = mount.isVerified = false;
+  if (std::exchange(mount.isOwner, false)) keep(mount);
+  mount.isVerified = false;
   if (!mount.isWanted) return sweepIfDue(name, mount);
   if (mayTake(mount)) {
     ++mount.underWay;
@@ -244,6 +244,11 @@ void Claims::release(const std::string& name, Mount& mount) {
   mount.isOwner = mount.isVerified = false;
   ++mount.underWay;
   output_.release(name, mount.seen.token);
+}
+
+void Claims::keep(Mount& mount) {
+  mount.isKept = true;
+  mount.keptSince = watched_;
 }
 
 void Claims::stopKeeping(const std::string& name, Mount& mount) {

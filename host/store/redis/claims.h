@@ -29,7 +29,7 @@
 //
 // When the timeline changes, the volatile space may be empty or old: readers keep the rows that they had
 // under a claimed mount until its owner reports that it has published everything in this timeline
-// (`synced`), at most for `hold`.
+// (`synced`), at most for `hold`. So does an owner that loses its claim.
 //
 // Activity thread only.
 #pragma once
@@ -132,6 +132,7 @@ class Claims {
   void standBy(const std::string& name, Mount& mount);
   void sweepIfDue(const std::string& name, Mount& mount);
   void release(const std::string& name, Mount& mount);
+  void keep(Mount& mount);
   void stopKeeping(const std::string& name, Mount& mount);
   void forget(const ClaimList& all);
   Now silence(const Mount& mount) const;

@@ -262,20 +262,21 @@ bool RedisStore::isKept(Path path) const {
   return std::ranges::any_of(kept_, [&](const auto& each) { return path.isUnder(each.first); });
 }
 
-// Remembers what is shown under the mounts of others: the server may have lost it, and their publishers write
-// it again.
+// What is shown under the mounts of others: the server may have lost it, and their publishers write it again.
 void RedisStore::keepOthers() {
-  for (const Claims::Status& claim : claims_.status()) {
-    const Path mount(claim.mount);
-    if (claim.isOwn || kept_.contains(mount)) continue;
-    mirror_.withShown(mount, [&](const Records& records) {
-      for (const Record* record : records) {
-        Record own = *record;
-        std::erase_if(own.attributes, [](const auto& each) { return each.durability == Durability::stored; });
-        if (!own.attributes.empty() || record->attributes.empty()) kept_[mount].push_back(std::move(own));
-      }
-    });
-  }
+  for (const Claims::Status& claim : claims_.status())
+    if (!claim.isOwn) keep(claim.mount);
+}
+
+void RedisStore::keep(Path mount) {
+  if (kept_.contains(mount)) return;
+  mirror_.withShown(mount, [&](const Records& records) {
+    for (const Record* record : records) {
+      Record own = *record;
+      std::erase_if(own.attributes, [](const auto& each) { return each.durability == Durability::stored; });
+      if (!own.attributes.empty() || record->attributes.empty()) kept_[mount].push_back(std::move(own));
+    }
+  });
 }
 
 void RedisStore::onEntry(const Session::Owner::Entry& entry) {
@@ -420,6 +421,7 @@ void RedisStore::onOwned(const std::string& mount) {
 void RedisStore::onStandby(const std::string& mount, std::string_view who) {
   if (standby_.insert(mount).second)
     report("'" + mount + "' is published by " + std::string(who) + "; this process is the standby");
+  if (!publications_.isStandby(mount)) keep(mount);
   publications_.ownedIs(Path(mount), false, session_.rows(Durability::volatile_));
   showVolatile();
 }

@@ -87,6 +87,7 @@ class RedisStore final : public Statedb::Store, private Session::Owner, private 
   void carryVolatile(const Session::Owner::Entry& entry);
   void showVolatile();
   void keepOthers();
+  void keep(Statedb::Path mount);
   bool isKept(Statedb::Path path) const;
   void deliverSnapshots();
   std::vector<Statedb::Path> mountsUnder(Statedb::Path path, const Statedb::Subscriber& subscriber) const;

@@ -9,7 +9,7 @@ namespace Chaos {
 namespace {
 
 constexpr std::uint64_t kTick = 2;  // milliseconds
-constexpr std::size_t kMostRecent = 40, kMostShown = 8;
+constexpr std::size_t kMostRecent = 100, kMostShown = 8;
 
 // Synced at each write: otherwise the server acknowledges what its file lacks while a sync is under way, and
 // kill -9 loses it. Everybody but this program uses the default user.

@@ -132,7 +132,12 @@ TEST_F(SharedStore, HasOnePublisherOfAMountAndAStandbyThatTakesOver) {
   until([&] { return b->shown("hardware/gpio/p", "value") == Value(1) && !b->reports.empty(); });
   EXPECT_EQ(b->agent.snapshots, 0);
   EXPECT_THAT(b->reports, ElementsAre(HasSubstr("is published by pinlampd 1 on")));
-  end(a);  // releases the claim
+  end(a);
+  const std::string meta = "{pinlamp}:v:meta";
+  RedisTest::Client client(loop, server.url());
+  client.connect();
+  EXPECT_THAT(client({"HGET", meta, std::string("claim:") + kMount}).text,
+              ::testing::EndsWith(" "));  // released
   until([&] { return b->isOwner() && b->agent.snapshots == 1; });
   EXPECT_EQ(b->agent.rows.size(), 2U);  // adopts what stood there
   b->publish("p", 2);

@@ -412,6 +412,7 @@ void RedisStore::sweep(const std::string& mount, const Claim& seen) {
 void RedisStore::onOwned(const std::string& mount) {
   if (standby_.erase(mount) > 0) report("'" + mount + "' is published by this process now");
   ownedFor_[mount] = 0;
+  session_.prepare(releaseCall(volatileKeys_, mount, {}));  // the last call of a process must not wait
   kept_.erase(Path(mount));
   publications_.ownedIs(Path(mount), true, session_.rows(Durability::volatile_));
   showVolatile();

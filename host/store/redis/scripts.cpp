@@ -194,6 +194,10 @@ void Caller::call(Call call, Connection::OnReply then) {
   loading_ == 0 ? send(std::move(waiting)) : waiting_.push_back(std::move(waiting));
 }
 
+void Caller::prepare(const Call& call) {
+  if (connection_.isReady() && !hashes_.contains(call.script)) load(*call.script);
+}
+
 void Caller::lost() {
   hashes_.clear();
   refused_.clear();

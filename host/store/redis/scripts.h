@@ -48,6 +48,8 @@ class Caller {
 
   // `then` gets the reply, errors included; it may not destroy the caller. Does nothing while not connected.
   void call(Call call, Connection::OnReply then);
+  // Loads the script of a call, so that the call itself goes out at once.
+  void prepare(const Call& call);
   // The connection was lost: drops the calls that wait, and loads the scripts again.
   void lost();
 

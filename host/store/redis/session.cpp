@@ -188,6 +188,9 @@ void Session::acceptWiped(Durability space) {
 void Session::call(Call call, Connection::OnReply then) {
   if (isReached()) state_->caller.call(std::move(call), std::move(then));
 }
+void Session::prepare(const Call& call) {
+  if (isReached()) state_->caller.prepare(call);
+}
 void Session::flush() { state_->commands.flush(); }
 
 }  // namespace Host::Redis

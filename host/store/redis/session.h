@@ -100,6 +100,8 @@ class Session {
   // For claims: scripts on the connection for commands, in order with the writes. Does nothing unless
   // isReached().
   void call(Call call, Connection::OnReply then);
+  // Loads the script of a call, so that the call itself goes out at once.
+  void prepare(const Call& call);
   void flush();
 
  private:

@@ -8,11 +8,13 @@
 #include <memory>
 #include <random>
 
+#include "host/store/redis/redisstore.h"
 #include "host/store/sqlitestore.h"
 #include "host/store/unixstore.h"
 #include "platform/statedb/store/memorystore.h"
 #include "platform/statedb/store/schema.h"
 #include "tests/platform/storemodel.h"
+#include "tests/redis/server.h"
 #include "tests/servedstore.h"
 
 namespace {
@@ -209,6 +211,80 @@ struct RemoteStore {
   bool wasLost_ = false;
 };
 
+// The store on a server that several hosts share; another one tells what the server has.
+struct SharedStore {
+  static const Universe& universe() {
+    static const Universe all{{"a", "a/b", "a/b/c", "a-b", "a0", "a/'x\"%2F", "b", "b/ü", "b/x/y"},
+                              {"", "a", "a/b", "b", "b/x", "c"},
+                              {"T"},
+                              {"x", "y", "z"},
+                              {1, "2", true}};
+    return all;
+  }
+  static constexpr bool kIsLocal = false;
+  static constexpr int kSteps = 600;
+  static constexpr std::size_t kMostChanges = 3;
+  static Changes firstChanges() { return {}; }
+
+  SharedStore() {
+    loop_.turnIs([this] {
+      store_.flush();
+      return Zel::Clock::kNever;
+    });
+    EXPECT_TRUE(runUntil([this] { return reader_.state().isReached; }));
+  }
+
+  Statedb::Store& store() { return store_; }
+  Rows rows() const { return rowsOf(reader_.table()->read("")); }
+  void write(const Changes& changes, Durability durability, Statedb::Subscriber* origin) {
+    // What was published has arrived there, even where it changed nothing that is visible.
+    if (durability == Durability::stored) runRounds(20);
+    store_.write(changes, durability, origin);
+  }
+  bool failsToPersistIs(bool) { return false; }
+  bool flush(bool) {
+    store_.flush();
+    return true;
+  }
+  template <class Condition>
+  bool runUntil(Condition isMet) {
+    const auto latest = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    const auto run = [&](auto condition) {
+      while (!condition() && std::chrono::steady_clock::now() < latest) loop_.runOnce();
+      return condition();
+    };
+    if (!run([&] { return store_.state().isReached && reader_.state().isReached && isMet(); })) return false;
+    // Rows published again after a loss arrive within some rounds.
+    if (std::exchange(wasLost_, false)) runRounds(100);
+    return run(isMet);
+  }
+  // The connections end, or the server restarts without its volatile rows.
+  void lose(bool isConnectionAlone, Model&) {
+    if (isConnectionAlone) {
+      RedisTest::Client client(loop_, server_.url());
+      client.connect();
+      client({"CLIENT", "KILL", "TYPE", "pubsub"});
+    } else {
+      server_.end(SIGKILL);
+      server_.start();
+    }
+    while (store_.state().isReached || reader_.state().isReached) loop_.runOnce();
+    wasLost_ = true;
+  }
+
+ private:
+  void runRounds(int rounds) {
+    while (rounds-- > 0) loop_.runOnce();
+  }
+
+  RedisTest::Server server_;
+  Host::Loop loop_;
+  Zel::ActivityManager activity_;
+  Host::Redis::RedisStore reader_{loop_, server_.url(), [](auto&) {}};
+  Host::Redis::RedisStore store_{loop_, server_.url(), [](auto&) {}};
+  bool wasLost_ = false;
+};
+
 template <class Tested>
 class Stores : public ::testing::Test {
  protected:
@@ -282,7 +358,7 @@ class Stores : public ::testing::Test {
   std::deque<std::string> history_;
 };
 
-using Tested = ::testing::Types<LocalStore<InMemory>, LocalStore<InSqlite>, RemoteStore>;
+using Tested = ::testing::Types<LocalStore<InMemory>, LocalStore<InSqlite>, RemoteStore, SharedStore>;
 TYPED_TEST_SUITE(Stores, Tested);
 
 TYPED_TEST(Stores, AreTheirModelUnderRandomOperationsAndFaults) {

@@ -300,6 +300,7 @@ TEST_F(RedisSession, ALaterWriteIsNeverOverwrittenByAnEarlierOne) {
   Process one(loop, url);
   reach(one);
   client({"HSET", Keys("pinlamp", kStored).directory(""), "hidden", "T"});
+  client({"ZADD", Keys("pinlamp", kStored).directories(), "0", ""});
   const auto writeType = [&](const char* type, int value) {
     return one.write(kStored, {Change::put("hidden", type, "x", value)});
   };

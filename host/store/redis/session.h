@@ -65,9 +65,9 @@ class Session {
 
     // A write is over: its entry was notified of, or never will be, or nobody can tell.
     virtual void onSettled(const WriteId& write, Outcome outcome) = 0;
-    // The server refused it and changed nothing. `error` is an error reply. A write that met a generation or
-    // a type which this process did not know yet is sent again by the session, unless it is a stored one and
-    // a later one was sent meanwhile: then it is refused, and may be written again.
+    // The server refused it and changed nothing. `error` is an error reply. A stored write that met a
+    // generation or a type which this process did not know yet is sent again by the session, unless a later
+    // one was sent meanwhile; a volatile one that met another generation is settled as not applied.
     virtual void onRefused(const WriteId& write, const Reply& error) = 0;
 
     // For the log: something is wrong, but the session goes on. Each text comes once.

@@ -161,10 +161,19 @@ void Space::accept(const State&) {
   std::vector<Sequence> waiting;
   for (const auto& [sequence, write] : writes_)
     if (write.isWaitingForIt) waiting.push_back(sequence);
-  for (const Sequence each : waiting) {
-    follower_.resending(each);
-    send(each);
-  }
+  for (const Sequence each : waiting) sendAgain(each);
+}
+
+// Volatile rows are state: by now their writer may have newer values, and sends those.
+void Space::sendAgain(Sequence sequence) {
+  if (durability_ == Durability::volatile_) return giveBack(sequence);
+  follower_.resending(sequence);
+  send(sequence);
+}
+
+void Space::giveBack(Sequence sequence) {
+  follower_.onRefused(sequence);
+  settle(sequence, Outcome::notApplied);
 }
 
 void Space::apply(const Entry& entry, Sequence own) {
@@ -238,12 +247,12 @@ void Space::onWritten(Sequence sequence, const Written& written) {
 }
 
 // The server has another one than this process knew when it sent the write. Where a snapshot has brought it
-// meanwhile the write goes again at once, else with the snapshot.
+// meanwhile the write goes again at once, else with the snapshot. One that others followed does not: it would
+// overwrite what they wrote.
 void Space::onOtherGeneration(Sequence sequence, Write& write, const Reply& error) {
   if (write.generation != state().timeline.generation) {
-    if (!maySendAgain(sequence)) return onRefused(sequence, error);
-    follower_.resending(sequence);
-    return send(sequence);
+    const bool isVolatile = durability_ == Durability::volatile_;
+    return isVolatile || sequence == newest_ ? sendAgain(sequence) : onRefused(sequence, error);
   }
   write.isWaitingForIt = true;
   follower_.isWiped() ? follower_.acceptWiped() : follower_.check();
@@ -252,15 +261,11 @@ void Space::onOtherGeneration(Sequence sequence, Write& write, const Reply& erro
 void Space::onOtherType(Sequence sequence, Write& write, const Reply& error) {
   const auto path = Path::existing(error.text.substr(std::min(error.text.size(), error.text.find(' ') + 1)));
   const bool isKnown = !path || std::ranges::find(write.inTheWay, *path) != write.inTheWay.end();
-  if (isKnown || !maySendAgain(sequence)) return onRefused(sequence, error);
+  if (isKnown || (sequence != newest_ && durability_ == Durability::stored))
+    return onRefused(sequence, error);
+  if (sequence != newest_) return giveBack(sequence);
   write.inTheWay.push_back(*path);
   send(sequence);
-}
-
-// A stored write that others followed would overwrite what they wrote. Volatile ones that are under way
-// together have no rows in common.
-bool Space::maySendAgain(Sequence sequence) const {
-  return durability_ == Durability::volatile_ || sequence == newest_;
 }
 
 void Space::onRefused(Sequence sequence, const Reply& error) {

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "ctl/ownhost.h"
+#include "ctl/processes.h"
 #include "ctl/text.h"
 
 namespace Ctl {
@@ -46,28 +48,36 @@ Refusal refusalOf(const Json& error) {
 }  // namespace
 
 Client::Client(const std::string& socketPath, std::chrono::seconds timeout)
-    : socketPath_(socketPath), timeout_(timeout) {
+    : name_("pinlampd at " + socketPath), timeout_(timeout) {
   const sockaddr_un address = addressOf(socketPath);
   descriptor_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (descriptor_ < 0) throw Refusal(std::string("can't make a socket: ") + std::strerror(errno));
-  const timeval limit{timeout.count(), 0};  // also for connecting
-  setsockopt(descriptor_, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+  limitWrites();  // and the time for connecting
   if (connect(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return;
   const int error = errno;
   close(descriptor_);
   throw unreachable(socketPath, error);
 }
 
+Client::Client(std::unique_ptr<OwnHost> host, std::string name, std::chrono::seconds timeout)
+    : name_(std::move(name)), timeout_(timeout), own_(std::move(host)), descriptor_(own_->descriptor()) {
+  limitWrites();
+}
+
+void Client::limitWrites() const {
+  const timeval limit{timeout_.count(), 0};
+  setsockopt(descriptor_, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+}
+
 Client::~Client() { close(descriptor_); }
 
-void Client::lost(const std::string& why) const {
-  throw ConnectionLost("pinlampd at " + socketPath_ + " " + why);
-}
+void Client::lost(const std::string& why) const { throw ConnectionLost(name_ + ' ' + why); }
 
 void Client::send(const std::string& line) {
   for (std::size_t sent = 0; sent < line.size();) {
     const ssize_t count = ::send(descriptor_, line.data() + sent, line.size() - sent, MSG_NOSIGNAL);
     if (count < 0 && errno == EINTR) continue;
+    if (count < 0 && errno == EPIPE) return;  // what it sent before it closed the connection says why
     if (count < 0 && errno == EAGAIN)
       lost("accepted no request within " + std::to_string(timeout_.count()) + " s");
     if (count < 0) lost(std::string("dropped the connection: ") + std::strerror(errno));
@@ -130,15 +140,7 @@ Json Client::read(const std::string& path) {
 
 void Client::write(Json changes) { call("write", {{"changes", std::move(changes)}}); }
 
-std::vector<std::string> Client::filled() {
-  const Json status = call("status");
-  std::vector<std::string> paths;
-  for (const Json& mount : status.at("mounts"))
-    if (mount.at("mode") == "wi") paths.push_back(mount.at("path"));
-  for (const Json& process : status.at("processes"))
-    for (const Json& path : process.at("publishes")) paths.push_back(path);
-  return paths;
-}
+std::vector<std::string> Client::filled() { return filledPaths(call("status")); }
 
 Json Client::types() { return call("types").at("types"); }
 

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <deque>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -25,6 +26,8 @@ class ConnectionLost : public Refusal {
   std::string reason_;
 };
 
+class OwnHost;
+
 class Client {
  public:
   // Bytes that the host accepts in one message.
@@ -36,6 +39,9 @@ class Client {
   // Throws ConnectionLost, with the command that starts the host, if no process listens on `socketPath`.
   // `timeout` limits the time for accepting a request and for answering it.
   explicit Client(const std::string& socketPath, std::chrono::seconds timeout = std::chrono::seconds(10));
+  // Uses a connected pinlampd, which it ends by its own end. `name`: what messages call the other end.
+  Client(std::unique_ptr<OwnHost> host, std::string name,
+         std::chrono::seconds timeout = std::chrono::seconds(10));
   ~Client();
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
@@ -48,7 +54,8 @@ class Client {
   Json read(const std::string& path);
   // Applies all of the changes, or none.
   void write(Json changes);
-  // The paths that agents of this or another host fill. Writes at and under them by others are refused.
+  // The paths that agents of any host fill, see filledPaths(). Writes at and under them by others are
+  // refused.
   std::vector<std::string> filled();
   // The types of entities that the host knows.
   Json types();
@@ -68,8 +75,11 @@ class Client {
   void takeLine(const std::string& line);
   [[noreturn]] void lost(const std::string& why) const;
 
-  const std::string socketPath_;
+  void limitWrites() const;
+
+  const std::string name_;
   const std::chrono::seconds timeout_;
+  std::unique_ptr<OwnHost> own_;
   int descriptor_ = -1;
   int lastId_ = 0;
   std::string buffer_;

@@ -19,6 +19,11 @@ Argument& Argument::within(double least, double most) {
   return *this;
 }
 
+Argument& Argument::oneEach() {
+  option_->expected(1)->take_all();
+  return *this;
+}
+
 Argument& Argument::valueName(const std::string& name) {
   option_->type_name(name);
   return *this;

@@ -50,6 +50,8 @@ class Argument {
   Argument& completes(Completes what);
   // Accepts only numbers from `least` to `most`.
   Argument& within(double least, double most);
+  // Takes one value each time it is given, not all the words that follow.
+  Argument& oneEach();
   // Names the value in the help text.
   Argument& valueName(const std::string& name);
   // Takes the value from an environment variable if the command line has none. Help shows the default.

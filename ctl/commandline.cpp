@@ -22,10 +22,20 @@ void describe(CLI::App& app, Completions& completions, Context& context) {
   app.description("Shows and sets the LEDs of an appliance through pinlampd.");
   app.footer("Example: pinlampctl led set Ethernet3/1 green --flash 0.5");
   Command all(app, completions);
-  all.argument("--socket", context.socket, "The control socket of pinlampd")
+  all.argument("--socket", context.target.socket, "The control socket of pinlampd")
       .completes(Completes::file)
       .fromEnvironment("PINLAMP_SOCKET");
-  all.argument("--wait", context.wait, "How long to wait for pinlampd to be ready")
+  all.argument(
+         "--store", context.target.store,
+         "A state database to use without a host, instead of a socket: sqlite:FILE that no pinlampd has "
+         "open, or one that several share")
+      .valueName("URL");
+  all.argument("--types", context.target.types,
+               "With --store: a library whose types of entities it has; may be given several times")
+      .valueName("LIBRARY")
+      .completes(Completes::file)
+      .oneEach();
+  all.argument("--wait", context.target.wait, "How long to wait for pinlampd or the store to be ready")
       .valueName("SECONDS")
       .within(0, kLongestWait);
   app.set_version_flag("--version", "pinlampctl " PINLAMP_VERSION);
@@ -89,7 +99,7 @@ int runCommandLine(std::vector<std::string> arguments, std::ostream& out, std::o
   } catch (const Refusal& refusal) {
     err << "pinlampctl: " << refusal.what() << '\n';
   } catch (const Json::exception& error) {
-    err << "pinlampctl: pinlampd at " << context.socket
+    err << "pinlampctl: " << Zel::printable(context.target.name())
         << " sent an unexpected message: " << Zel::printable(error.what()) << '\n';
   }
   return kRefused;

@@ -22,7 +22,7 @@ struct Position {
   const Completions* completions = nullptr;
   const CLI::Option* valueOf = nullptr;    // the option whose value comes next
   std::vector<std::string> positionals{};  // given so far to `command`
-  std::string socket{};                    // as given; empty: none
+  Target target{};
 };
 
 const CLI::Option* optionNamed(const CLI::App* app, const std::string& word) {
@@ -40,16 +40,23 @@ const CLI::App* subcommandNamed(const CLI::App& app, const std::string& word) {
   return nullptr;
 }
 
+void takeValue(Position& at, const CLI::Option& option, const std::string& value) {
+  if (option.check_name("--socket")) at.target.socket = value;
+  if (option.check_name("--store")) at.target.store = value;
+  if (option.check_name("--types")) at.target.types.push_back(value);
+}
+
 void takeWord(Position& at, const std::string& word) {
   if (at.valueOf && !word.starts_with('-')) {
-    if (at.valueOf->check_name("--socket")) at.socket = word;
+    takeValue(at, *at.valueOf, word);
     if (!takesMany(*at.valueOf)) at.valueOf = nullptr;
     return;
   }
   at.valueOf = nullptr;
-  if (word.starts_with("--socket=")) at.socket = word.substr(9);
   if (word.starts_with('-')) {
-    const CLI::Option* option = optionNamed(at.command, word);
+    const std::size_t assigned = word.find('=');
+    const CLI::Option* option = optionNamed(at.command, word.substr(0, assigned));
+    if (option && assigned != std::string::npos) return takeValue(at, *option, word.substr(assigned + 1));
     if (option && option->get_items_expected_max() > 0) at.valueOf = option;
   } else if (const CLI::App* next = subcommandNamed(*at.command, word)) {
     at.command = next;
@@ -205,9 +212,9 @@ Names candidates(Context& context, const Position& at, const std::string& begun)
 int printCandidates(const CLI::App& app, const Completions& completions, Context& context,
                     const std::vector<std::string>& words) {
   Position at{&app, &completions};
+  if (const char* socket = std::getenv("PINLAMP_SOCKET")) at.target.socket = socket;
   for (std::size_t i = 0; i + 1 < words.size(); ++i) takeWord(at, words[i]);
-  if (const char* socket = std::getenv("PINLAMP_SOCKET")) context.socket = socket;
-  if (!at.socket.empty()) context.socket = at.socket;
+  context.target = at.target;
   const std::string begun = words.empty() ? "" : words.back();
   for (const std::string& name : candidates(context, at, begun))
     if ((name.starts_with(begun) || name == ":files") && name == Zel::printable(name))

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "ctl/client.h"
 #include "ctl/command.h"
+#include "ctl/target.h"
 
 namespace Ctl {
 
@@ -16,17 +16,16 @@ class Context {
  public:
   Context(std::ostream& output, std::ostream& errors) : out(output), err(errors) {}
 
-  // The connection, opened on first use. Waits up to `wait` seconds for a host whose mounts are complete.
+  // The connection, opened on first use.
   Client& client();
+  // The same for a command that shows or changes a running host. Throws UsageError if there is none.
+  Client& host(const std::string& command);
 
   std::ostream& out;
   std::ostream& err;
-  std::string socket = "/run/pinlamp/control.sock";
-  double wait = 0;
+  Target target;
 
  private:
-  std::unique_ptr<Client> connect() const;
-
   std::unique_ptr<Client> client_;
 };
 

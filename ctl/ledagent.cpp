@@ -13,6 +13,10 @@ constexpr char kAgentType[] = "Pinlamp::Agent";
 }  // namespace
 
 LedAgent::LedAgent(Client& host, const Json& status) {
+  if (const Claim pins = claimOf(status, Paths::kPins); pins.isElsewhere()) {
+    error_ = "the LED agent runs in " + pins.who + ", whose live objects are out of reach here";
+    return;
+  }
   try {
     if (findIn(host)) return;
   } catch (const ConnectionLost&) {

@@ -13,7 +13,7 @@ namespace Ctl {
 class LedAgent {
  public:
   // Searches the agents of `host`, which keeps the state and must outlive this, then the processes announced
-  // in its `status`.
+  // in its `status`. Asks none of them if a process elsewhere publishes the pins: theirs is a standby.
   LedAgent(Client& host, const Json& status);
 
   // nullopt if a process that may run it does not answer.

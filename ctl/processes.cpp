@@ -20,13 +20,51 @@ std::vector<Process> processesOf(const Json& status) {
   return processes;
 }
 
-std::optional<bool> isFilled(const Json& status, const std::string& path) {
+std::vector<Claim> claimsOf(const Json& status) {
+  std::vector<Claim> claims;
+  for (const Json& each : status.value("storeState", Json::object()).value("claims", Json::array()))
+    claims.push_back({each.at("mount"), each.at("who"), each.at("own"), each.at("orphan")});
+  return claims;
+}
+
+Claim claimOf(const Json& status, const std::string& path) {
+  const auto claims = claimsOf(status);
+  const auto found = std::ranges::find(claims, path, &Claim::path);
+  return found == claims.end() ? Claim{.path = path} : *found;
+}
+
+std::string text(const Claim& claim) {
+  if (claim.who.empty()) return "published by nobody";
+  if (claim.isOwn) return "published by this host";
+  if (claim.isOrphan) return "published by nobody: " + claim.who + " is gone, its rows stay for a while";
+  return "published by " + claim.who;
+}
+
+namespace {
+
+std::vector<std::string> filledHere(const Json& status) {
+  std::vector<std::string> paths;
   for (const Json& mount : status.at("mounts"))
-    if (mount.at("path") == path && mount.at("mode") == "wi") return true;
+    if (mount.at("mode") == "wi") paths.push_back(mount.at("path"));
+  for (const Process& process : processesOf(status))
+    paths.insert(paths.end(), process.fills.begin(), process.fills.end());
+  return paths;
+}
+
+}  // namespace
+
+std::vector<std::string> filledPaths(const Json& status) {
+  auto paths = filledHere(status);
+  for (const Claim& claim : claimsOf(status))
+    if (!claim.who.empty()) paths.push_back(claim.path);
+  return paths;
+}
+
+std::optional<bool> isFilled(const Json& status, const std::string& path) {
+  const auto here = filledHere(status);
+  if (std::ranges::find(here, path) != here.end() || claimOf(status, path).isElsewhere()) return true;
   if (!status.contains("processes")) return std::nullopt;
-  return std::ranges::any_of(processesOf(status), [&](const Process& process) {
-    return std::ranges::find(process.fills, path) != process.fills.end();
-  });
+  return false;
 }
 
 namespace {

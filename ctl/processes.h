@@ -1,5 +1,5 @@
-// The processes that run agents on a host's state database: the host itself, and those that announced
-// themselves to it.
+// The processes that run agents on a host's state database: the host itself, those that announced themselves
+// to it, and those on any machine that hold a claim in a shared database.
 #pragma once
 
 #include <chrono>
@@ -24,8 +24,26 @@ inline constexpr std::chrono::seconds kProcessTimeout{2};
 
 // From the answer to `status` of the host that keeps the state.
 std::vector<Process> processesOf(const Json& status);
+// The paths that running agents fill, and those whose publisher is gone and left its rows.
+std::vector<std::string> filledPaths(const Json& status);
 // Whether a running agent fills `path`; nullopt if the host doesn't list its processes.
 std::optional<bool> isFilled(const Json& status, const std::string& path);
+
+// A path of a shared state database that one process at a time may publish.
+struct Claim {
+  std::string path;
+  std::string who{};      // the holder; empty: nobody
+  bool isOwn = false;     // the host that gave the status is the holder
+  bool isOrphan = false;  // the holder is gone
+
+  // A running process other than that host is the holder.
+  bool isElsewhere() const { return !who.empty() && !isOwn && !isOrphan; }
+};
+std::vector<Claim> claimsOf(const Json& status);
+// The claim of exactly this path; without a holder if there is none.
+Claim claimOf(const Json& status, const std::string& path);
+// "published by pinlampd 4711 on box2".
+std::string text(const Claim& claim);
 
 // The status of a host and of what its agents do, also those in other processes: "leds", "mappings", "pins"
 // and "machines" beside the host's own members; "machines" and "published" of all processes together; each

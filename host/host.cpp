@@ -17,7 +17,7 @@ Host::Host(const Options& options)
     : services_(loop_, activity_.external()),
       store_(makeStore(options.store, loop_,
                        [this](const std::string& text) { activity_.post([this, text] { report(text); }); })),
-      listener_(std::make_unique<Listener>(loop_, options.socket)),
+      listener_(options.client ? nullptr : std::make_unique<Listener>(loop_, options.socket)),
       manager_(Zel::allocate<Statedb::EntityManager>(*store_)),
       served_{
           .store = *store_,
@@ -25,9 +25,11 @@ Host::Host(const Options& options)
           .objects = {[this] { return roots(); }, [this] { return manager_->root(); },
                       options.allowObjectWrites ? Objects::Access::writable : Objects::Access::readOnly}} {
   manager_->reportIs([this](const std::string& text) { report(text); });
+  isQuiet_ = options.client && !store_->state().isReached;
   try {
+    for (const std::string& library : options.types) types_.emplace_back(library);
     loadAgents(options.agents);
-    control_ = std::make_unique<Control>(loop_, *listener_, served_);
+    control_ = makeControl(options.client);
     if (options.whenLost && !store_->state().canBeLost)
       throw StartError("--when-lost: the state database " + store_->url() +
                        " is kept by this process and can't be lost; leave the option out");
@@ -54,6 +56,12 @@ void Host::shutDown() {
   for (auto plugin = plugins_.rbegin(); plugin != plugins_.rend(); ++plugin) (*plugin)->dropAgent();
   manager_ = nullptr;
   while (!plugins_.empty()) plugins_.pop_back();
+  types_.clear();
+}
+
+std::unique_ptr<Control> Host::makeControl(const std::optional<int>& client) {
+  return client ? std::make_unique<Control>(loop_, *client, served_)
+                : std::make_unique<Control>(loop_, *listener_, served_);
 }
 
 void Host::loadAgents(const std::vector<AgentOption>& options) {
@@ -65,7 +73,8 @@ void Host::loadAgents(const std::vector<AgentOption>& options) {
 void Host::announce() {
   const auto filled = std::ranges::count(manager_->mounts(), "wi", &Statedb::EntityManager::MountInfo::mode);
   if (std::exchange(announced_, filled) == filled) return;
-  Announcement own{.pid = ::getpid(), .socket = std::filesystem::absolute(listener_->path()).string()};
+  Announcement own{.pid = ::getpid(),
+                   .socket = listener_ ? std::filesystem::absolute(listener_->path()).string() : ""};
   for (const auto& plugin : plugins_) own.agents.push_back({plugin->name().stdString(), plugin->library()});
   for (const auto& mount : manager_->mounts())
     if (mount.mode == "wi") own.publishes.push_back(mount.path.text());
@@ -85,7 +94,7 @@ std::vector<Objects::Root> Host::roots() const {
 
 void Host::report(const std::string& text) {
   served_.lastRefusal = text;
-  std::cerr << "pinlampd: " << Zel::printable(text) << std::endl;
+  if (!isQuiet_) std::cerr << "pinlampd: " << Zel::printable(text) << std::endl;
 }
 
 void Host::run() {
@@ -106,6 +115,7 @@ double Host::turn() {
   control_->send();
   if (whenLost_) whenLost_->check(store_->state().isReached);
   sayWhenReady();
+  if (store_->state().isReached) isQuiet_ = false;
   return wakeUps_.next(activity_);
 }
 

@@ -20,7 +20,9 @@ namespace Host {
 struct Options {
   std::string store = "memory:";
   std::vector<AgentOption> agents;
+  std::vector<std::string> types;  // libraries to load for the types of entities that they register
   std::string socket = "/run/pinlamp/control.sock";
+  std::optional<int> client{};  // serve only the client at the other end of this socket, and end with it
   std::optional<Fallback> whenLost{};
   bool allowObjectWrites = false;  // whether clients of the socket may set, delete and invoke live objects
 };
@@ -28,14 +30,14 @@ struct Options {
 class Host {
  public:
   // Opens the store, takes the socket, loads the agents and lets them declare their mounts. Throws StartError
-  // or StoreError, and HandlerFault where an agent throws.
+  // or StoreError, and HandlerFault where an agent throws. Closes `client` at its end, not if it throws.
   explicit Host(const Options& options);
   // Stops in order. The lights stay as they are.
   ~Host();
   Host(const Host&) = delete;
   Host& operator=(const Host&) = delete;
 
-  // Until SIGTERM or SIGINT. Throws HandlerFault where an agent throws.
+  // Until SIGTERM or SIGINT, or the end of the only client. Throws HandlerFault where an agent throws.
   void run();
   // After run() has thrown: leaves everything as it is but the socket's name, so that the process can end
   // without running code of a broken state.
@@ -47,6 +49,7 @@ class Host {
   void loadAgents(const std::vector<AgentOption>& options);
   // Says which process this is, and what its agents fill, to whoever keeps the state.
   void announce();
+  std::unique_ptr<Control> makeControl(const std::optional<int>& client);
   std::vector<Objects::Root> roots() const;
   void report(const std::string& text);
   double turn();
@@ -62,7 +65,8 @@ class Host {
   WakeUps wakeUps_;
   const std::unique_ptr<Statedb::Store> store_;
   std::unique_ptr<Listener> listener_;
-  std::vector<std::unique_ptr<Plugin>> plugins_;  // their libraries outlive every entity
+  std::vector<Library> types_;  // outlive every entity, as do those of the agents
+  std::vector<std::unique_ptr<Plugin>> plugins_;
   Zel::Ptr<Statedb::EntityManager> manager_;
   Served served_;
   std::unique_ptr<Control> control_;
@@ -70,6 +74,7 @@ class Host {
   UvHandle<uv_timer_t> watchdog_;
   std::vector<UvHandle<uv_signal_t>> signals_;
   bool ready_ = false;
+  bool isQuiet_ = false;  // the only client waits for the store, and reports itself why it is not reached
   std::ptrdiff_t announced_ = -1;  // how many "wi" mounts there were; -1: not announced yet
 };
 

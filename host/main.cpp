@@ -13,6 +13,7 @@
 
 #include "host/host.h"
 #include "host/io/starterror.h"
+#include "host/rpc/rpc.h"
 #include "host/store/stores.h"
 #include "platform/cell/cell.h"
 #include "platform/zel/core/printable.h"
@@ -58,6 +59,13 @@ void describe(CLI::App& app, CommandLine& line) {
       ->expected(1)
       ->take_all()
       ->check(checkedBy(Host::AgentOption::parse));
+  app.add_option("--types", line.host.types,
+                 "a library to load for the types of its entities alone, such as that of an agent which runs "
+                 "elsewhere; may be given several times")
+      ->type_name("LIBRARY")
+      ->expected(1)
+      ->take_all();
+  app.add_option("--client", line.host.client)->group("");  // of pinlampctl --store: not in the help
   app.add_option("--socket", line.host.socket, "the control socket")
       ->type_name("PATH")
       ->capture_default_str();
@@ -111,6 +119,7 @@ void prepare(CommandLine& line) {
   for (const std::string& levels : line.traces) Zel::traceLevelsIs(levels);
   if (!line.traceFile.empty()) traceInto(line.traceFile);
   Cell::cellIdIs(line.cell);
+  if (line.host.client) ::unsetenv("NOTIFY_SOCKET");  // of the service that runs pinlampctl
 }
 
 int failed(const std::exception& error, Exit status) {
@@ -129,6 +138,13 @@ void serve(Host::Host& host) {
   }
 }
 
+// The only client prints it.
+int refused(const std::exception& error, const std::optional<int>& client) {
+  if (!client) return failed(error, kRefused);
+  writeLine(*client, Host::errorText({}, Host::RpcError(Host::RpcCode::store, error.what())));
+  return kRefused;
+}
+
 int run(CommandLine& line) {
   try {
     prepare(line);
@@ -138,7 +154,7 @@ int run(CommandLine& line) {
   } catch (const Zel::HandlerFault& fault) {
     return failed(fault, kFault);
   } catch (const std::exception& error) {
-    return failed(error, kRefused);
+    return refused(error, line.host.client);
   }
 }
 

@@ -108,17 +108,19 @@ std::string factorySymbol(const std::string& nameSpace) {
   return symbol + "12agentFactoryEN3Zel4NameE";
 }
 
-void Plugin::Unload::operator()(void* library) const { ::dlclose(library); }
+Library::Library(const std::string& name) : path_(located(name)), handle_(load(path_)) {}
 
-Plugin::Plugin(const AgentOption& option)
-    : name_(option.agentName), library_(located(option.library)), handle_(load(library_)) {
+void* Library::symbol(const std::string& name) const { return ::dlsym(handle_.get(), name.c_str()); }
+
+void Library::Unload::operator()(void* library) const { ::dlclose(library); }
+
+Plugin::Plugin(const AgentOption& option) : name_(option.agentName), library_(option.library) {
   const std::string wanted = option.nameSpace + "::agentFactory(Zel::Name)";
-  const auto factory =
-      reinterpret_cast<Factory>(::dlsym(handle_.get(), factorySymbol(option.nameSpace).c_str()));
+  const auto factory = reinterpret_cast<Factory>(library_.symbol(factorySymbol(option.nameSpace)));
   if (!factory)
-    refuseAgent(library_, "has no factory '" + wanted + "'; name its namespace: LIBRARY:NAMESPACE");
-  agent_ = Zel::runForAgent(name_, "factory of '" + library_ + "'", [&] { return factory(name_); });
-  if (!agent_) refuseAgent(library_, "its factory '" + wanted + "' returned null");
+    refuseAgent(library(), "has no factory '" + wanted + "'; name its namespace: LIBRARY:NAMESPACE");
+  agent_ = Zel::runForAgent(name_, "factory of '" + library() + "'", [&] { return factory(name_); });
+  if (!agent_) refuseAgent(library(), "its factory '" + wanted + "' returned null");
 }
 
 Plugin::~Plugin() = default;

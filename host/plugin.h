@@ -22,8 +22,27 @@ struct AgentOption {
 // The mangled name of `NAMESPACE::agentFactory(Zel::Name)`.
 std::string factorySymbol(const std::string& nameSpace);
 
-// An agent and its library, which the destructor unloads. Drop the agent, and every entity of its types,
-// first.
+// A library of agents, loaded with the types that it registers, and unloaded by the destructor. Drop its
+// agents, and every entity of its types, first.
+class Library {
+ public:
+  // `name`: a path, or a bare name to search. Throws StartError if it is missing or does not load.
+  explicit Library(const std::string& name);
+
+  const std::string& path() const { return path_; }
+  // Null if it exports no such symbol.
+  void* symbol(const std::string& name) const;
+
+ private:
+  struct Unload {
+    void operator()(void* library) const;
+  };
+
+  std::string path_;
+  std::unique_ptr<void, Unload> handle_;
+};
+
+// An agent and its library.
 class Plugin {
  public:
   // Loads the library and calls its factory. Throws StartError if the library is missing, does not load or
@@ -34,7 +53,7 @@ class Plugin {
   Plugin& operator=(const Plugin&) = delete;
 
   Zel::Name name() const { return name_; }
-  const std::string& library() const { return library_; }
+  const std::string& library() const { return library_.path(); }
   // Null after dropAgent().
   const Zel::Ptr<Warden::CAgent>& agent() const { return agent_; }
   // Sets the agent's entity manager and runs its doPreInit and doInit, which declare its mounts. Throws
@@ -43,13 +62,8 @@ class Plugin {
   void dropAgent() { agent_ = nullptr; }
 
  private:
-  struct Unload {
-    void operator()(void* library) const;
-  };
-
   const Zel::Name name_;
-  const std::string library_;
-  std::unique_ptr<void, Unload> handle_;
+  const Library library_;
   Zel::Ptr<Warden::CAgent> agent_;
 };
 

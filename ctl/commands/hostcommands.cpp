@@ -14,7 +14,7 @@ namespace {
 void trace(Context& context, const std::string& levels, bool json) {
   Json parameters = Json::object();
   if (!levels.empty()) parameters["levels"] = levels;
-  const Json facilities = context.client().call("trace", std::move(parameters)).at("facilities");
+  const Json facilities = context.host("trace").call("trace", std::move(parameters)).at("facilities");
   if (json) {
     printJson(context.out, facilities);
     return;
@@ -97,28 +97,79 @@ void addProcessRows(Table& table, const Json& status) {
     table.add({std::exchange(title, ""), processText(process)});
 }
 
-void printStatus(std::ostream& out, const Json& status, const Json& lines) {
-  const auto text = [&](const char* name) { return bare(status.at(name)); };
+std::string storeText(const Json& status) {
+  const Json state = status.value("storeState", Json::object());
+  const std::string reason = bare(state.value("reason", Json("")));
+  const std::string why = reason.empty() ? " yet" : ": " + reason;
+  return bare(status.at("store")) + (state.value("reached", true) ? "" : ", not reached" + why);
+}
+
+// The claims of a shared store: paths, and their publishers on any machine.
+void printClaims(std::ostream& out, const Json& status) {
+  const auto claims = claimsOf(status);
+  if (claims.empty()) return;
+  out << "claims\n";
   Table table;
+  for (const Claim& claim : claims) table.add({" ", claim.path, text(claim)});
+  table.print(out);
+}
+
+// The values of one status.
+struct StatusText {
+  const Json& status;
+  std::string operator()(const char* name) const { return bare(status.at(name)); }
+};
+
+void addProcessRow(Table& table, const Json& status) {
+  const StatusText text{status};
   table.add({"pinlampd", text("version") + ", process " + text("pid") + ", up " +
                              durationText(status.at("uptime").get<double>())});
-  table.add({"store", text("store")});
+}
+
+void addAgentRows(Table& table, const Json& status) {
   table.add({"agents", agentsText(status.at("agents"))});
   addProcessRows(table, status);
-  table.add({"LEDs", text("leds") + " configured, " + text("mappings") + " mapped, " + text("machines") +
-                         " machines"});
-  table.add({"pins", text("pins") + ", " + text("published") + " values published"});
+}
+
+// What is in the database, and with a host what its agents made of it.
+void addContentRows(Table& table, const Json& status, const Json& lines, bool hasHost) {
+  const StatusText text{status};
+  table.add({"LEDs", text("leds") + " configured, " + text("mappings") + " mapped" +
+                         (hasHost ? ", " + text("machines") + " machines" : "")});
+  table.add({"pins", text("pins") + (hasHost ? ", " + text("published") + " values published" : "")});
   addLines(table, lines, status);
-  table.add({"entities", text("entities") + ", " + text("names") + " names"});
+  table.add({"entities", text("entities") + (hasHost ? ", " + text("names") + " names" : "")});
+}
+
+void addLoopRows(Table& table, const Json& status) {
+  const StatusText text{status};
   table.add({"loop", text("passes") + " passes, " + text("deliveries") + " deliveries, " + text("expiries") +
                          " ticks, worst lateness " +
                          shortNumber(status.at("worstLateness").get<double>() * 1000) + " ms"});
   table.add({"clients", text("clients")});
   table.add({"refusals", refusalsText(status)});
-  const Json& mounts = status.at("mounts");
-  table.add({"mounts", mounts.empty() ? "none" : ""});
+  table.add({"mounts", status.at("mounts").empty() ? "none" : ""});
+}
+
+void printStatus(std::ostream& out, const Json& status, const Json& lines) {
+  Table table;
+  addProcessRow(table, status);
+  table.add({"store", storeText(status)});
+  addAgentRows(table, status);
+  addContentRows(table, status, lines, true);
+  addLoopRows(table, status);
   table.print(out);
-  printMounts(out, mounts);
+  printMounts(out, status.at("mounts"));
+  printClaims(out, status);
+}
+
+void printStatusWithoutHost(std::ostream& out, const Json& status, const Json& lines) {
+  Table table;
+  table.add({"host", "none: this command opened the store by itself"});
+  table.add({"store", storeText(status)});
+  addContentRows(table, status, lines, false);
+  table.print(out);
+  printClaims(out, status);
 }
 
 void showStatus(Context& context, bool json) {
@@ -126,10 +177,13 @@ void showStatus(Context& context, bool json) {
   const Json lines = readLines(context.client());
   for (const Json& line : lines)
     status["lines"][lastName(line.at("path").get<std::string>())] = line.at("attributes");
+  if (!context.target.hasHost()) status["host"] = false;
   if (json)
     printJson(context.out, status);
-  else
+  else if (context.target.hasHost())
     printStatus(context.out, status, lines);
+  else
+    printStatusWithoutHost(context.out, status, lines);
 }
 
 void addTrace(Command& app, Context& context) {

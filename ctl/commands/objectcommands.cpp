@@ -51,7 +51,7 @@ bool printTree(std::ostream& out, const Json& node, const std::string& above, st
 }
 
 void showTree(Context& context, const std::string& path, bool json) {
-  const Json node = callObject(context.client(), "tree", path);
+  const Json node = callObject(context.host("object"), "tree", path);
   if (json)
     printJson(context.out, node);
   else if (printTree(context.out, node, "", 0))
@@ -81,15 +81,15 @@ std::string objectText(Client& client, const std::string& path, const Json& attr
 // attributes.
 void printObject(Context& context, const std::string& path, const Json& object) {
   Table table;
-  const Json listing = context.client().call("object", {{"operation", "list"}, {"path", path}});
+  const Json listing = context.host("object").call("object", {{"operation", "list"}, {"path", path}});
   const Json& attributes = listing.at("value");
   if (attributes.empty()) context.out << bare(object.at("type")) << '\n';
   for (const Json& attribute : attributes) {
     const std::string name = attribute.at("name");
     std::vector<std::string> operations;
     for (const Json& operation : attribute.at("operations")) operations.push_back(operation);
-    table.add({name, bare(attribute.at("kind")), objectText(context.client(), path + '/' + name, attribute),
-               joined(operations, " ")});
+    table.add({name, bare(attribute.at("kind")),
+               objectText(context.host("object"), path + '/' + name, attribute), joined(operations, " ")});
   }
   table.print(context.out);
   printOmitted(context.out, listing, 0);
@@ -100,7 +100,7 @@ void printObject(Context& context, const std::string& path, const Json& object) 
 bool isObject(const Json& value) { return value.is_object() && value.contains("type"); }
 
 void getObject(Context& context, const std::string& path, bool json) {
-  const Json answer = answerOf(context.client(), "get", path);
+  const Json answer = answerOf(context.host("object"), "get", path);
   const Json& value = answer.at("value");
   if (json)
     printJson(context.out, value);
@@ -169,7 +169,7 @@ void addObjectSet(Command& object, Context& context) {
       "pinlampctl object set agent/configReactor/gpioLedStateMachine/Status/flashingState true");
   command.argument("VALUE", given->values, "JSON, a bare string, or the name or path of an object");
   command.runs([&context, given] {
-    printResult(context, callObject(context.client(), "set", given->path, argumentsOf(given->values)),
+    printResult(context, callObject(context.host("object"), "set", given->path, argumentsOf(given->values)),
                 given->json);
   });
 }
@@ -180,7 +180,7 @@ void addObjectDel(Command& object, Context& context) {
       addObjectCommand(object, given, "del", "Deletes an attribute or a member, if the host allows it",
                        "pinlampctl object del agent/configReactor/gpioLedStateMachine/Status");
   command.runs([&context, given] {
-    printResult(context, callObject(context.client(), "delete", given->path), given->json);
+    printResult(context, callObject(context.host("object"), "delete", given->path), given->json);
   });
 }
 
@@ -193,7 +193,7 @@ void addObjectCall(Command& object, Context& context) {
   command.argument("ARGUMENT", given->values, "JSON, a bare string, or the name or path of an object");
   command.runs([&context, given] {
     const std::string path = given->path + '/' + given->procedure;
-    printResult(context, callObject(context.client(), "invoke", path, argumentsOf(given->values)),
+    printResult(context, callObject(context.host("object"), "invoke", path, argumentsOf(given->values)),
                 given->json);
   });
 }

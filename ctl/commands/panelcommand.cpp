@@ -48,9 +48,10 @@ void printUntil(Context& context, Instant deadline) {
 // The live panel. Reconnects to a host that went away; the last known state stays on the screen meanwhile.
 class LivePanel {
  public:
-  LivePanel(std::string socket, Instant deadline)
-      : socket_(std::move(socket)), deadline_(deadline), look_(lookOf(&environment)) {
+  LivePanel(const Target& target, Instant deadline)
+      : target_(target), deadline_(deadline), look_(lookOf(&environment)) {
     connect();
+    target_.wait = 0;  // reconnecting does not block the keys
   }
 
   void run() {
@@ -69,7 +70,7 @@ class LivePanel {
   static constexpr std::chrono::seconds kRetry{1};
 
   void connect() {
-    client_ = std::make_unique<Client>(socket_);
+    client_ = target_.connect();
     appliance_ = std::make_unique<LiveAppliance>(*client_);
     error_.clear();
     drawn_ = false;
@@ -90,7 +91,8 @@ class LivePanel {
   }
 
   std::vector<std::string> frame(const PanelSize& size) const {
-    const std::string title = error_.empty() ? "Front panel, through " + socket_ + "  (q quits)" : error_;
+    const std::string title =
+        error_.empty() ? "Front panel, through " + target_.name() + "  (q quits)" : error_;
     return panelFrame(lampsOf(appliance_->mirror()), title, look_, size);
   }
 
@@ -129,7 +131,7 @@ class LivePanel {
     ended_ = event.number != SIGWINCH;
   }
 
-  const std::string socket_;
+  Target target_;
   const Instant deadline_;
   const Look look_;
   std::unique_ptr<Client> client_;  // null while the host is away
@@ -144,7 +146,7 @@ void panel(Context& context, const PanelArguments& given) {
   const bool terminal = isatty(STDOUT_FILENO) != 0;
   if (given.once || (!terminal && !given.seconds)) return printOnce(context);
   if (!terminal) return printUntil(context, deadline);
-  LivePanel(context.socket, deadline).run();
+  LivePanel(context.target, deadline).run();
 }
 
 }  // namespace

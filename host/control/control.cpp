@@ -1,5 +1,6 @@
 #include "host/control/control.h"
 
+#include "host/io/starterror.h"
 #include "platform/zel/notify/activity.h"
 
 namespace Host {
@@ -10,16 +11,34 @@ Control::Peer::Peer(Served& served, const std::shared_ptr<Connection>& theConnec
              [raw = theConnection.get()](const std::string& line) { raw->send(line); }) {}
 
 Control::Control(Loop&, Listener& listener, Served& served) : served_(served), methods_(served) {
-  listener.start([this](uv_stream_t* stream) { accept(stream); });
+  listener.start([this](uv_stream_t* stream) {
+    if (const auto connection = Connection::accept(stream, *this)) add(connection);
+  });
+}
+
+namespace {
+
+UvHandle<uv_pipe_t> opened(Loop& loop, int client) {
+  UvHandle<uv_pipe_t> pipe(new uv_pipe_t);
+  uv_pipe_init(loop.uv(), pipe.get(), 0);
+  if (const int result = uv_pipe_open(pipe.get(), client); result != 0)
+    throw StartError("client " + std::to_string(client) + ": no open socket: " + uv_strerror(result));
+  return pipe;
+}
+
+}  // namespace
+
+Control::Control(Loop& loop, int client, Served& served)
+    : served_(served), methods_(served), stopped_(&loop) {
+  Connection::Owner& owner = *this;
+  add(std::make_shared<Connection>(opened(loop, client), owner));
 }
 
 Control::~Control() {
   for (auto& [connection, peer] : peers_) peer->connection->close();
 }
 
-void Control::accept(uv_stream_t* listener) {
-  const auto connection = Connection::accept(listener, *this);
-  if (!connection) return;
+void Control::add(const std::shared_ptr<Connection>& connection) {
   peers_.emplace(connection.get(), std::make_unique<Peer>(served_, connection));
   ++served_.clients;
 }
@@ -28,6 +47,7 @@ void Control::onClosed(Connection& connection) {
   closed_.push_back(&connection);
   peers_.at(&connection)->caller.process.withdraw();
   --served_.clients;
+  if (stopped_) stopped_->stop();
 }
 
 void Control::onLine(Connection& connection, std::string_view line) {

@@ -22,6 +22,9 @@ class Control final : private Connection::Owner {
  public:
   // Starts listening. All three arguments must outlive the server.
   Control(Loop& loop, Listener& listener, Served& served);
+  // Serves only the process at the other end of the connected socket `client`, which it closes at its end,
+  // and stops the loop when that process is gone. Throws StartError if it is not such a socket.
+  Control(Loop& loop, int client, Served& served);
   ~Control();
   Control(const Control&) = delete;
   Control& operator=(const Control&) = delete;
@@ -56,7 +59,7 @@ class Control final : private Connection::Owner {
   // beyond which their clients are not read.
   static constexpr std::size_t kWaitingLimit = 1 << 20;
 
-  void accept(uv_stream_t* listener);
+  void add(const std::shared_ptr<Connection>& connection);
   void onLine(Connection& connection, std::string_view line) override;
   void onOversizedLine(Connection& connection) override;
   void onClosed(Connection& connection) override;
@@ -73,6 +76,7 @@ class Control final : private Connection::Owner {
 
   Served& served_;
   const Methods methods_;
+  Loop* const stopped_ = nullptr;  // by the end of a client
   std::map<const Connection*, std::unique_ptr<Peer>> peers_;
   std::vector<const Connection*> closed_;  // freed at the end of the round
   std::vector<Answer> answers_;

@@ -224,13 +224,20 @@ Json activityJson() {
           {"now", Zel::System::currentTime()}};
 }
 
+Json stateJson(const Statedb::StoreState& state) {
+  Json claims = Json::array();
+  for (const auto& claim : state.claims)
+    claims.push_back(
+        {{"mount", claim.mount}, {"who", claim.who}, {"own", claim.isOwn}, {"orphan", claim.isOrphan}});
+  return {{"reached", state.isReached}, {"reason", state.reason}, {"claims", std::move(claims)}};
+}
+
 Json servedJson(const Served& served, std::size_t entities) {
   Json processes = Json::array();
   for (const auto* process : served.announcements.processes())
     if (process != &served.self) processes.push_back(announcementJson(process->announcement()));
   Json mounts = Json::array();
   for (const auto& mount : served.manager.mounts()) mounts.push_back(mountJson(mount));
-  const Statedb::StoreState state = served.store.state();
   return {{"store", served.store.url()},
           {"agents", announcementJson(served.self.announcement())["agents"]},
           {"processes", std::move(processes)},
@@ -239,7 +246,7 @@ Json servedJson(const Served& served, std::size_t entities) {
           {"published", served.manager.published()},
           {"refusals", served.manager.refusals()},
           {"lastRefusal", served.lastRefusal},
-          {"storeState", {{"reached", state.isReached}, {"reason", state.reason}}},
+          {"storeState", stateJson(served.store.state())},
           {"clients", served.clients},
           {"uptime", Zel::System::currentTime() - served.started}};
 }

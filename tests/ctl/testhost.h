@@ -21,7 +21,9 @@ Outcome run(std::vector<std::string> arguments);
 
 struct KeepingLast : Statedb::MemoryStore {
   void persist(const Statedb::Changes& changes) override { last = changes; }
+  Statedb::StoreState state() const override { return {.claims = claims}; }
   Statedb::Changes last;
+  std::vector<Statedb::StoreState::Claim> claims;
 };
 
 class TestHost : public Support::ServedProcess<KeepingLast> {

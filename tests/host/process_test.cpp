@@ -1,4 +1,5 @@
 // The real pinlampd as a process.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -160,6 +161,35 @@ TEST(Pinlampd, AFileSizeLimitFailsTheWriteAndNotTheProcess) {
   EXPECT_THAT(write("small again"), HasSubstr("written"));
   process.signal(SIGTERM);
   EXPECT_EQ(process.exitStatus(), 0);
+}
+
+// What arrives until the other end is closed, after `request` was sent and this end shut.
+std::string exchanged(int descriptor, const std::string& request) {
+  EXPECT_EQ(::send(descriptor, request.data(), request.size(), MSG_NOSIGNAL), ssize_t(request.size()));
+  ::shutdown(descriptor, SHUT_WR);
+  std::string arrived;
+  char bytes[4096];
+  for (ssize_t size; (size = ::recv(descriptor, bytes, sizeof bytes, 0)) > 0;)
+    arrived.append(bytes, static_cast<std::size_t>(size));
+  ::close(descriptor);
+  return arrived;
+}
+
+TEST(Pinlampd, ServesAnInheritedClientAndEndsWithIt) {
+  const std::tuple<const char*, int, const char*> cases[] = {
+      {"memory:", 0, R"("name":"pinlampd")"}, {"sqlite:/no/where", 1, "the folder '/no' is not there"}};
+  for (const auto& [store, status, answer] : cases) {
+    const Folder folder;
+    int ends[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    ::fcntl(ends[0], F_SETFD, FD_CLOEXEC);
+    Process process(folder, {"--client", std::to_string(ends[1]), "--store", store});
+    ::close(ends[1]);
+    EXPECT_THAT(exchanged(ends[0], "{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"hello\"}\n"),
+                HasSubstr(answer));
+    EXPECT_EQ(process.exitStatus(), status);
+    EXPECT_EQ(process.errors(), "");
+  }
 }
 
 TEST(Pinlampd, ExitsWith2OnAWrongCommandLineAnd1OnARefusedStart) {

@@ -133,7 +133,8 @@ void RedisStore::checkClaims(const Changes& changes) const {
 }
 
 void RedisStore::writeStored(const Changes& changes, Subscriber* origin) {
-  if (!isReached_) throw StoreError("state database " + text_ + " is not reached: " + why_);
+  if (!isReached_)
+    throw StoreError("state database " + text_ + " is not reached" + (why_.empty() ? " yet" : ": " + why_));
   if (changes.size() > StoredWrites::kMostChanges)
     throw RefusedError(std::to_string(changes.size()) + " changes at once; a shared state database takes " +
                        std::to_string(StoredWrites::kMostChanges) + ": write less at a time");

@@ -128,8 +128,8 @@ class RedisStore final : public Statedb::Store, private Session::Owner, private 
   bool isReached_ = false;                // and the claims are known
   bool hasRows_ = false;                  // was reached once
   std::optional<std::uint64_t> wipedAt_;  // the stored space, which is shown as it was
-  std::string why_ = "not reached yet";
-  std::set<Loss::Kind> losses_;  // reported since it was reached last
+  std::string why_;                       // it is not reached; empty before the first attempt has failed
+  std::set<Loss::Kind> losses_;           // reported since it was reached last
   UvHandle<uv_timer_t> timer_;
 };
 

@@ -98,7 +98,7 @@ class Ticket {
 struct StoreState {
   bool canBeLost = false;  // another process keeps it
   bool isReached = true;
-  std::string reason{};  // while it is not reached: why, and what the store does about it
+  std::string reason{};  // while it is not reached, after a failed attempt: why, and what the store does
 
   // A mount that one process at a time may publish. Only of stores that several hosts share.
   struct Claim {

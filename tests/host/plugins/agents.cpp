@@ -39,6 +39,18 @@ struct Agent : Support::Plain<Agent, Warden::CAgent> {
   const Zel::Ptr<Alarm> alarm_ = Zel::allocate<Alarm>(Zel::activityManager().clock());
 };
 
+// A type of entities that only this library knows.
+struct Fan : Zel::Described<Fan, Zel::Entity> {
+  static constexpr auto attributes() { return std::tuple{Zel::attribute::value<&Fan::rounds>("rounds")}; }
+  static const Zel::TypeNode& typeNode() {
+    static const Zel::TypeNode type = describe("Test::Fan", &Zel::newEntity<Fan>);
+    return type;
+  }
+  explicit Fan(Zel::Name name) : Described(name) {}
+  double rounds = 0;
+};
+const Zel::TypeRegistration types{&Fan::typeNode};
+
 struct UnwillingAgent : Agent {
   using Agent::Agent;
   void doInit() override { throw std::runtime_error("not today"); }

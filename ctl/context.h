@@ -43,11 +43,13 @@ void addRecordCommand(Command& parent, Context& context);
 void addHostCommands(Command& parent, Context& context);    // trace, status
 void addObjectCommands(Command& parent, Context& context);  // object …
 void addWhyCommand(Command& parent, Context& context);
+void addStoreCommands(Command& parent, Context& context);  // store …
 
 // In the order of the help text.
-inline constexpr std::array kCommandGroups{
-    addLedCommands,  addPanelCommand,  addMapCommands,  addConfigCommands, addEntityCommands,
-    addWatchCommand, addRecordCommand, addHostCommands, addObjectCommands, addWhyCommand};
+inline constexpr std::array kCommandGroups{addLedCommands,    addPanelCommand,   addMapCommands,
+                                           addConfigCommands, addEntityCommands, addWatchCommand,
+                                           addRecordCommand,  addHostCommands,   addObjectCommands,
+                                           addWhyCommand,     addStoreCommands};
 
 // Runs one command line, without the program's name; returns the exit status: 0, 1 (refused) or 2 (usage).
 int runCommandLine(std::vector<std::string> arguments, std::ostream& out, std::ostream& err);

@@ -42,6 +42,7 @@ const std::map<std::string, std::vector<std::string>> kBelow{
     {"host", {"host/store", "host/control", "platform/cell"}},
     {"ctl", {"platform/zel/core", "platform/model/paths.h", "platform/model/colours.h"}},
     {"ctl/commands", {"ctl"}},
+    {"ctl/commands/storecommand.cpp", {"ctl", "host/store"}},
 };
 
 // The module that a file belongs to: its own, or that of the nearest folder; empty if there is none.

@@ -35,7 +35,7 @@ inline std::uint16_t freePort() {
 class Server {
  public:
   // `options` are lines of the server's configuration.
-  explicit Server(const std::string& options = "") {
+  explicit Server(const std::string& options = "", const char* program = "redis-server") : program_(program) {
     contentIs(at("conf"), "port 0\nappendonly yes\nsave \"\"\nunixsocket " + socket() + "\nlogfile " +
                               at("log") + "\ndir " + at("") + "\n" + options);
     start();
@@ -57,7 +57,7 @@ class Server {
     if (pid_ != 0) return;
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     // One binary with the server, chosen by argv[0]. It is in a package that starts no service.
-    if (::getppid() == parent) ::execl("/usr/bin/redis-check-rdb", "redis-server", conf.c_str(), nullptr);
+    if (::getppid() == parent) ::execl("/usr/bin/redis-check-rdb", program_, conf.c_str(), nullptr);
     ::_exit(127);
   }
   void signal(int number) const { ::kill(pid_, number); }
@@ -71,7 +71,23 @@ class Server {
 
  private:
   const Folder folder_;
+  const char* const program_;
   pid_t pid_ = 0;
+};
+
+// A sentinel that watches masters on the loopback.
+class Sentinel : public Server {
+ public:
+  // `options`: "sentinel monitor NAME 127.0.0.1 PORT QUORUM", and more.
+  explicit Sentinel(const std::string& options) : Sentinel(options, freePort()) {}
+  std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
+
+ private:
+  Sentinel(const std::string& options, std::uint16_t port)
+      : Server("bind 127.0.0.1\nport " + std::to_string(port) + "\n" + options, "redis-sentinel"),
+        port_(port) {}
+
+  const std::uint16_t port_;
 };
 
 // Runs a loop until something has come about, or fails the test.

@@ -3,7 +3,7 @@
 #include <random>
 
 #include "host/io/timer.h"
-#include "platform/zel/core/assert.h"
+#include "host/store/redis/sentinel.h"
 
 namespace Host::Redis {
 
@@ -32,8 +32,7 @@ class FixedLocator final : public Locator {
 }  // namespace
 
 std::unique_ptr<Locator> locatorOf(Loop& loop, const Url& url, Locator::Owner& owner) {
-  ZEL_REQUIRE(!std::holds_alternative<SentinelAddress>(url.at),
-              "a connection to '" << addressText(url.at) << "'");
+  if (std::holds_alternative<SentinelAddress>(url.at)) return std::make_unique<Sentinels>(loop, url, owner);
   return std::make_unique<FixedLocator>(loop, url.at, owner);
 }
 

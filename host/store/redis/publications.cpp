@@ -99,14 +99,13 @@ Records Publications::recordsUnder(const Rows& rows, Path path) {
   return records;
 }
 
-void Publications::ownedIs(Path mount, bool isOwned, const Rows& theirs) {
+void Publications::owned(Path mount, const Rows& theirs, const Records& shown) {
   Group& group = at(mount);
-  if (std::exchange(group.isOwned, isOwned) == isOwned || !isOwned) return;
-  const Records records = recordsUnder(theirs, mount);
+  if (std::exchange(group.isOwned, true)) return;
   if (!group.isDelivered)
-    for (const Record* record : records) group.rows.adopt(*record);
+    for (const Record* record : shown) group.rows.adopt(*record);
   group.rows.lost();
-  group.rows.compare(records, group.isDelivered);
+  group.rows.compare(recordsUnder(theirs, mount), group.isDelivered);
 }
 
 void Publications::delivered(Path mount) { at(mount).isDelivered = true; }

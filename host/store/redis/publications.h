@@ -3,7 +3,7 @@
 //     Publications publications;
 //     publications.mountsAre({"hardware/corvel/gpio/config"});
 //     mirror.carry(Durability::volatile_, publications.write(changes), visible);
-//     publications.ownedIs(mount, true, session.rows(Durability::volatile_));
+//     publications.owned(mount, session.rows(Durability::volatile_), shown);
 //     for (Publications::Batch& batch : publications.take()) send(batch);
 //
 // Under a mount that another process holds, writes are kept and neither shown nor sent: that process's rows
@@ -48,9 +48,11 @@ class Publications {
   // The server's rows with those published here over them; valid until either changes.
   Statedb::Records over(const Statedb::Records& theirs);
 
-  // Whether this process holds the mount. On taking it over, `theirs` are the server's volatile rows: they
-  // are adopted until delivered(), and afterwards replaced.
-  void ownedIs(Statedb::Path mount, bool isOwned, const Rows& theirs);
+  // This process holds the mount now. `theirs` are the server's volatile rows, and `shown` those that are
+  // shown under the mount, which the server may have lost: these are adopted until delivered(), and
+  // afterwards replaced.
+  void owned(Statedb::Path mount, const Rows& theirs, const Statedb::Records& shown);
+  void notOwned(Statedb::Path mount) { at(mount).isOwned = false; }
   // The agent of the mount got its snapshot: from now on what it writes is all that stands there.
   void delivered(Statedb::Path mount);
   // The server is reached again, with these rows: only what differs is sent.

@@ -414,8 +414,11 @@ void RedisStore::onOwned(const std::string& mount) {
   if (standby_.erase(mount) > 0) report("'" + mount + "' is published by this process now");
   ownedFor_[mount] = 0;
   session_.prepare(releaseCall(volatileKeys_, mount, {}));  // the last call of a process must not wait
-  kept_.erase(Path(mount));
-  publications_.ownedIs(Path(mount), true, session_.rows(Durability::volatile_));
+  keep(mount);
+  Records shown;
+  for (const Record& each : kept_[mount]) shown.push_back(&each);
+  publications_.owned(mount, session_.rows(Durability::volatile_), shown);
+  kept_.erase(mount);
   showVolatile();
   flush();
 }
@@ -424,7 +427,7 @@ void RedisStore::onStandby(const std::string& mount, std::string_view who) {
   if (standby_.insert(mount).second)
     report("'" + mount + "' is published by " + std::string(who) + "; this process is the standby");
   if (!publications_.isStandby(mount)) keep(mount);
-  publications_.ownedIs(Path(mount), false, session_.rows(Durability::volatile_));
+  publications_.notOwned(mount);
   showVolatile();
 }
 

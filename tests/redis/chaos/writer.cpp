@@ -145,7 +145,9 @@ void Writer::done(Batch& batch, Kind kind) {
   if (kind == Kind::unknown) ++counts_.unknown;
   if (kind == Kind::refused) ++counts_.refused;
   if (kind == Kind::failed) ++counts_.failed;
-  if (kind == Kind::refused || kind == Kind::failed) neverStored_.insert(batch.number);
+  // What was stored and then lost with its history counts as not stored.
+  const bool isSameHistory = batch.history == history_.stored;
+  if (isSameHistory && (kind == Kind::refused || kind == Kind::failed)) neverStored_.insert(batch.number);
 }
 
 // Why the server can't have this number in a row, 0 for no value; empty if it can.

@@ -89,16 +89,15 @@ class StepWriter {
   // Merges the puts since the last other step into one.
   void end() {
     if (entities_.empty()) return;
-    words_.insert(words_.end(), {"p", index(directory_), std::to_string(entities_.size()),
-                                 std::to_string(values_.size() / 2)});
-    for (const Entity& each : entities_) words_.push_back(each.name);
-    for (Entity& each : entities_) words_.push_back(std::move(each.text));
-    std::ranges::move(values_, std::back_inserter(words_));
+    isNewShape_ |= values_.empty();
+    isAlike() ? endAlike() : endMixed();
     entities_.clear();
     places_.clear();
     values_.clear();
   }
 
+  // Whether it is one step, and changes nothing but values.
+  bool isValuesOnly() const { return steps_ == 1 && !isNewShape_; }
   std::vector<std::string>& directories() { return directories_; }
   std::vector<std::string>& words() { return words_; }
 
@@ -106,13 +105,20 @@ class StepWriter {
   struct Entity {
     std::string name;
     std::string text;  // as the server should have it afterwards
+    std::size_t values = 0;
+  };
+  struct Value {
+    std::size_t entity;
+    Zel::Name attribute;
+    std::string json;
   };
 
   static Path directoryOf(Path path) { return path.empty() ? path : path.parent(); }
 
   void remove(const char* kind, Path path) {
     end();
-    words_.insert(words_.end(), {kind, index(directoryOf(path)), placeOf(path).name});
+    isNewShape_ = true;
+    words_.insert(words_.end(), {kind, index(directoryOf(path)), Redis::placeOf(path).name});
   }
 
   void put(const Row& row) {
@@ -120,20 +126,51 @@ class StepWriter {
       end();
       directory_ = directory;
     }
-    Entity& entity = entityOf(row);
+    const std::size_t place = placeOf(row);
+    Entity& entity = entities_[place];
     if (row.attribute.empty()) return;
-    const std::string_view attribute = row.attribute.view();
-    if (!hasAttribute(entity.text, attribute)) entity.text.append("\t").append(attribute);
-    values_.emplace_back(entity.name).append("/").append(attribute);
-    values_.push_back(jsonText(row.value));
+    if (!hasAttribute(entity.text, row.attribute.view())) {
+      entity.text.append("\t").append(row.attribute.view());
+      isNewShape_ = true;
+    }
+    ++entity.values;
+    values_.push_back({place, row.attribute, jsonText(row.value)});
   }
-  Entity& entityOf(const Row& row) {
+  std::size_t placeOf(const Row& row) {
     const auto [place, isNew] = places_.try_emplace(row.path, entities_.size());
-    if (!isNew) return entities_[place->second];
+    if (!isNew) return place->second;
     const Statedb::Record* record = known_.find(row.path);
     const bool isKnown = record && record->type == row.type;
-    return entities_.emplace_back(row.path.empty() ? "" : row.path.component().stdString(),
-                                  isKnown ? entityText(*record) : row.type.stdString());
+    isNewShape_ |= !isKnown;
+    entities_.push_back({row.path.empty() ? "" : row.path.component().stdString(),
+                         isKnown ? entityText(*record) : row.type.stdString()});
+    return place->second;
+  }
+  // Whether each entity has a value, and all have the same text.
+  bool isAlike() const {
+    const auto isSame = [&](const Entity& each) { return each.values > 0 && each.text == entities_[0].text; };
+    return std::ranges::all_of(entities_, isSame);
+  }
+  void endAlike() {
+    begin("e", values_.size()).push_back(std::move(entities_[0].text));
+    endValues();
+  }
+  void endMixed() {
+    begin("p", entities_.size()).push_back(std::to_string(values_.size()));
+    for (const Entity& each : entities_) words_.push_back(each.name);
+    for (Entity& each : entities_) words_.push_back(std::move(each.text));
+    endValues();
+  }
+  void endValues() {
+    for (Value& each : values_) {
+      words_.emplace_back(entities_[each.entity].name).append("/").append(each.attribute.view());
+      words_.push_back(std::move(each.json));
+    }
+  }
+  std::vector<std::string>& begin(const char* kind, std::size_t count) {
+    ++steps_;
+    words_.insert(words_.end(), {kind, index(directory_), std::to_string(count)});
+    return words_;
   }
   static bool hasAttribute(std::string_view text, std::string_view attribute) {
     for (std::size_t tab; (tab = text.rfind('\t')) != std::string_view::npos; text = text.substr(0, tab))
@@ -154,11 +191,13 @@ class StepWriter {
   std::vector<std::string> directories_{};
   std::unordered_map<Path, std::size_t> indices_{};
   std::vector<std::string> words_{};
+  std::size_t steps_ = 0;
+  bool isNewShape_ = false;
   // Of the puts that are not yet a step.
   Path directory_{};
   std::vector<Entity> entities_{};
   std::unordered_map<Path, std::size_t> places_{};
-  std::vector<std::string> values_{};
+  std::vector<Value> values_{};
 };
 
 // Enough for a limit: what the row takes in the delta and the hash.
@@ -285,12 +324,12 @@ Call writeCall(std::string_view prefix, Durability space, const Changes& changes
   std::vector<std::string> arguments{options.generation,
                                      options.newGeneration,
                                      "fence:" + options.uuid,
-                                     std::to_string(options.sequence),
+                                     options.uuid + ':' + std::to_string(options.sequence),
                                      deltaText(logged),
                                      std::to_string(options.log),
                                      keys.space(),
                                      others.space(),
-                                     spaceLetter(keys),
+                                     std::to_string(steps.isValuesOnly() ? known.revision : 0),
                                      std::to_string(options.claims.size())};
   for (const Claimed& each : options.claims)
     arguments.insert(arguments.end(), {"claim:" + each.mount, each.token});

@@ -33,6 +33,10 @@ constexpr Script kSweep{kClaimAnswer, kSweepScript, false};
 
 constexpr std::size_t kHashWord = 1;
 
+// A writer cuts off what is too old in the log with one of so many short writes, and with all others.
+constexpr Sequence kWritesPerCut = 64;
+constexpr std::size_t kShortDelta = 4096;
+
 Call callOf(const Script& script, const std::vector<std::string>& keys, std::vector<std::string> arguments) {
   Call call{&script, {script.readOnly ? "EVALSHA_RO" : "EVALSHA", "", std::to_string(keys.size())}};
   call.words.insert(call.words.end(), keys.begin(), keys.end());
@@ -86,18 +90,14 @@ class StepWriter {
   }
   void replace(Path path) { remove("r", path); }
 
-  // Merges the puts since the last other step into one.
+  // After the last step.
   void end() {
-    if (entities_.empty()) return;
-    isNewShape_ |= values_.empty();
-    isAlike() ? endAlike() : endMixed();
-    entities_.clear();
-    places_.clear();
-    values_.clear();
+    isValuesOnly_ = words_.empty() && !isNewShape_ && !values_.empty();
+    words_.empty() && isAlike() ? putAlike() : endPuts();
   }
 
   // Whether it is one step, and changes nothing but values.
-  bool isValuesOnly() const { return steps_ == 1 && !isNewShape_; }
+  bool isValuesOnly() const { return isValuesOnly_; }
   std::vector<std::string>& directories() { return directories_; }
   std::vector<std::string>& words() { return words_; }
 
@@ -116,14 +116,13 @@ class StepWriter {
   static Path directoryOf(Path path) { return path.empty() ? path : path.parent(); }
 
   void remove(const char* kind, Path path) {
-    end();
-    isNewShape_ = true;
+    endPuts();
     words_.insert(words_.end(), {kind, index(directoryOf(path)), Redis::placeOf(path).name});
   }
 
   void put(const Row& row) {
     if (const Path directory = directoryOf(row.path); directory != directory_ || row.path.empty()) {
-      end();
+      endPuts();
       directory_ = directory;
     }
     const std::size_t place = placeOf(row);
@@ -146,31 +145,33 @@ class StepWriter {
                          isKnown ? entityText(*record) : row.type.stdString()});
     return place->second;
   }
-  // Whether each entity has a value, and all have the same text.
+  // Whether there are puts, a value of each entity at least, and all entities have the same text.
   bool isAlike() const {
     const auto isSame = [&](const Entity& each) { return each.values > 0 && each.text == entities_[0].text; };
-    return std::ranges::all_of(entities_, isSame);
+    return !entities_.empty() && std::ranges::all_of(entities_, isSame);
   }
-  void endAlike() {
-    begin("e", values_.size()).push_back(std::move(entities_[0].text));
-    endValues();
+  void putAlike() {
+    index(directory_);
+    words_.insert(words_.end(), {"e", std::move(entities_[0].text)});
+    putValues();
   }
-  void endMixed() {
-    begin("p", entities_.size()).push_back(std::to_string(values_.size()));
+  // Merges the puts since the last other step into one.
+  void endPuts() {
+    if (entities_.empty()) return;
+    words_.insert(words_.end(),
+                  {"p", index(directory_), std::to_string(entities_.size()), std::to_string(values_.size())});
     for (const Entity& each : entities_) words_.push_back(each.name);
     for (Entity& each : entities_) words_.push_back(std::move(each.text));
-    endValues();
+    putValues();
+    entities_.clear();
+    places_.clear();
+    values_.clear();
   }
-  void endValues() {
+  void putValues() {
     for (Value& each : values_) {
       words_.emplace_back(entities_[each.entity].name).append("/").append(each.attribute.view());
       words_.push_back(std::move(each.json));
     }
-  }
-  std::vector<std::string>& begin(const char* kind, std::size_t count) {
-    ++steps_;
-    words_.insert(words_.end(), {kind, index(directory_), std::to_string(count)});
-    return words_;
   }
   static bool hasAttribute(std::string_view text, std::string_view attribute) {
     for (std::size_t tab; (tab = text.rfind('\t')) != std::string_view::npos; text = text.substr(0, tab))
@@ -180,7 +181,7 @@ class StepWriter {
 
   // The place of a directory's key among the keys, as Lua counts.
   std::string index(Path directory) {
-    constexpr std::size_t kBefore = 3;
+    constexpr std::size_t kBefore = 2;
     const auto [place, isNew] = indices_.try_emplace(directory, directories_.size());
     if (isNew) directories_.push_back(keys_.directory(directory.text()));
     return std::to_string(kBefore + place->second + 1);
@@ -191,8 +192,7 @@ class StepWriter {
   std::vector<std::string> directories_{};
   std::unordered_map<Path, std::size_t> indices_{};
   std::vector<std::string> words_{};
-  std::size_t steps_ = 0;
-  bool isNewShape_ = false;
+  bool isNewShape_ = false, isValuesOnly_ = false;
   // Of the puts that are not yet a step.
   Path directory_{};
   std::vector<Entity> entities_{};
@@ -301,7 +301,6 @@ Call writeCall(std::string_view prefix, Durability space, const Changes& changes
                const Known& known) {
   ZEL_REQUIRE(changes.size() <= kRowsPerWrite, "a write of " << changes.size() << " rows");
   const Keys keys(prefix, space);
-  const Keys others(prefix, space == Durability::stored ? Durability::volatile_ : Durability::stored);
   StepWriter steps(keys, space == Durability::stored ? known.stored : known.volatile_);
   Types types(known, options.inTheWay);
   Changes logged;
@@ -319,18 +318,20 @@ Call writeCall(std::string_view prefix, Durability space, const Changes& changes
   }
   steps.end();
 
-  std::vector<std::string> names{keys.meta(), keys.log(), keys.directories()};
+  std::vector<std::string> names{keys.meta(), keys.log()};
   std::ranges::move(steps.directories(), std::back_inserter(names));
-  std::vector<std::string> arguments{options.generation,
-                                     options.newGeneration,
-                                     "fence:" + options.uuid,
-                                     options.uuid + ':' + std::to_string(options.sequence),
-                                     deltaText(logged),
-                                     std::to_string(options.log),
-                                     keys.space(),
-                                     others.space(),
-                                     std::to_string(steps.isValuesOnly() ? known.revision : 0),
-                                     std::to_string(options.claims.size())};
+  std::string delta = deltaText(logged);
+  const bool isShort = steps.isValuesOnly() && delta.size() <= kShortDelta;
+  const bool isCut = !isShort || options.sequence % kWritesPerCut == 1;
+  std::vector<std::string> arguments{
+      options.generation.empty() ? '+' + options.newGeneration : options.generation,
+      "fence:" + options.uuid,
+      options.uuid + ':' + std::to_string(options.sequence),
+      std::move(delta),
+      isCut ? std::to_string(options.log) : "",
+      keys.space(),
+      std::to_string(steps.isValuesOnly() ? known.revision : 0),
+      std::to_string(options.claims.size())};
   for (const Claimed& each : options.claims)
     arguments.insert(arguments.end(), {"claim:" + each.mount, each.token});
   std::ranges::move(steps.words(), std::back_inserter(arguments));

@@ -66,6 +66,8 @@ int main(int argc, char** argv) {
   Bench::addScale();
   Bench::addHost();
   Bench::addRoundTrip();
+  Bench::addShared();
+  Bench::addSharedLoad();
 
   run(row);
   Bench::print(std::cout, Bench::results());

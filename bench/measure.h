@@ -61,5 +61,7 @@ void addMemory();
 void addScale();
 void addHost();
 void addRoundTrip();
+void addShared();
+void addSharedLoad();
 
 }  // namespace Bench

@@ -55,6 +55,19 @@ Row scaleRow(const std::string& name, const std::string& title) {
   return {name, title, {"1,000", "10,000", "100,000"}, {{"100,000", "1,000", 3.0}}};
 }
 
+// The time until others have a setting, beside HSET and PUBLISH.
+Row sharedRow(const std::string& name, const std::string& title, bool hasKeyspace, double most99) {
+  Row row{name, title, {}, {{"pinlamp p50", "HSET + PUBLISH p50", 2.2}}};
+  for (const char* contestant : {"pinlamp", "HSET + PUBLISH", "keyspace"})
+    for (const char* figure : {" p50", " p99"})
+      if (hasKeyspace || contestant != std::string("keyspace"))
+        row.figures.push_back(contestant + std::string(figure));
+  if (most99 > 0) row.goals.push_back({"pinlamp p99", "HSET + PUBLISH p99", most99});
+  return row;
+}
+const std::vector<std::string> kBatches = {"1 a batch", "16 a batch",     "64 a batch",
+                                           "4 HSETs",   "HSET + PUBLISH", "HSET + PUBLISH 64"};
+
 std::vector<Row> makeRows() {
   return {
       {"event", "one light-setting event, 64 a pass", kEventFigures, eventGoals()},
@@ -88,6 +101,19 @@ std::vector<Row> makeRows() {
        "the same on sqlite: every acknowledged set is on disk",
        {"sqlite: p50", "sqlite: p99", "fsync p50", "fsync p99", "pipelined"},
        {}},
+      sharedRow("shared-set", "shared state: a setting, until another process has it", true, 0),
+      sharedRow("shared-readers", "the same, until the last of 50 processes has it", true, 0),
+      sharedRow("shared-trip", "a setting, through an LED agent in another process, until its pins are back",
+                false, 3.0),
+      {"shared-batch",
+       "one event of four pins: batches that wait for each other",
+       kBatches,
+       {{"1 a batch", "4 HSETs", 2.5}, {"16 a batch", "4 HSETs", 1.0}, {"16 a batch", "", 1e-5}}},
+      {"shared-server", "the server's processor time of such an event", kBatches, {{"64 a batch", "", 6e-6}}},
+      {"shared-snapshot",
+       "100,000 LEDs, until a new process has them; its longest round of events",
+       {"pinlamp", "pinlamp round", "HSCAN"},
+       {{"pinlamp", "HSCAN", 2.0}, {"pinlamp round", "", 0.005}}},
       scaleRow("removal", "removal of one LED among so many"),
       scaleRow("addition", "one mapping added among so many"),
   };

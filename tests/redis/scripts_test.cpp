@@ -63,7 +63,7 @@ class Scripts : public ::testing::Test {
   };
 
   Call writing(const Space& to, const Changes& changes, const WriteOptions& options) const {
-    return writeCall("p", to.durability, changes, options, {stored.rows, volatile_.rows});
+    return writeCall("p", to.durability, changes, options, {stored.rows, volatile_.rows, to.state.tip});
   }
   // As a writer that read this generation.
   WriteOptions of(const std::string& generation, std::vector<Claimed> claims = {}) {
@@ -231,6 +231,37 @@ TEST_F(Scripts, AWriteThatIsRefusedChangesNothing) {
   WriteOptions known = mine;
   known.inTheWay = {"hidden"};
   EXPECT_EQ(call(writing(stored, {put("hidden", "U")}, known)).refusal(), Refusal::none);
+}
+
+// A write of values alone, by a writer that has not seen yet what others did to the entity.
+TEST_F(Scripts, AWriterThatIsBehindLeavesRowsAndLogTheSame) {
+  struct Case {
+    Durability durability;  // of the change that it has not seen
+    Change unseen;
+  };
+  const Case cases[] = {{kVolatile, Change::del("a/b")},        {kVolatile, Change::del("a")},
+                        {kVolatile, Change::unset("a/b", "x")}, {kVolatile, put("a/b", "y", 1)},
+                        {kStored, Change::del("a/b")},          {kStored, Change::unset("a/b", "x")}};
+  for (const Case& each : cases) {
+    SCOPED_TRACE(static_cast<int>(&each - cases));
+    write(stored, {Change::del({}), put("a/b", "x", 0)});
+    read(stored);
+    read(volatile_);
+    write(volatile_, {put("a/b", "x", 1), put("a/c", "x", 1)});
+    read(volatile_);
+    if (each.durability == kVolatile) write(stored, {Change::unset("a/b", "x"), Change::del("a/b")});
+    if (each.durability == kVolatile) write(volatile_, {put("a/b", "x", 1), put("a/c", "x", 1)});
+    read(stored);
+    read(volatile_);
+    const WriteOptions mine = of("g");
+    const Call late = writing(volatile_, {put("a/b", "x", 2), put("a/c", "x", 2)}, mine);
+    write(each.durability == kStored ? stored : volatile_, {each.unseen});
+    EXPECT_EQ(call(late).refusal(), Refusal::none);
+    for (Space* space : {&stored, &volatile_}) {
+      read(*space);
+      EXPECT_EQ(seenIn(scan(*space).all()), seenIn(space->rows.all()));
+    }
+  }
 }
 
 TEST_F(Scripts, VolatileRowsStayOutOfTheFile) {

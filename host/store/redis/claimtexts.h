@@ -85,6 +85,8 @@ redis.call('HSET', KEYS[1], 'claim:' .. mount, string.match(now[2], '^%d+') .. '
 redis.call('DEL', KEYS[2])
 if not text and #under == 0 then return answer() end
 local id = redis.call('XADD', KEYS[3], 'MAXLEN', '~', ARGV[10], '0-*', 'o', ARGV[8], 'd', ARGV[9])
+local revision = string.match(id, '%d+$')
+redis.call('HSET', KEYS[1], 'shape', revision)  -- see the write script
 if text then
   local fields = {ARGV[7]}
   for attribute in string.gmatch(text, '\t([^\t]+)') do fields[#fields + 1] = ARGV[7] .. '/' .. attribute end
@@ -95,7 +97,7 @@ for _, each in ipairs(under) do
   redis.call('UNLINK', space .. ':d:' .. each)
   redis.call('ZREM', KEYS[4], each)
 end
-redis.pcall('PUBLISH', space .. ':changes', now[1] .. ' ' .. string.match(id, '%d+$') .. ' ' .. ARGV[8] .. '\n' .. ARGV[9])
+redis.pcall('PUBLISH', space .. ':changes', now[1] .. ' ' .. revision .. ' ' .. ARGV[8] .. '\n' .. ARGV[9])
 return answer()
 )lua";
 

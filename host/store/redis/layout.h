@@ -13,7 +13,8 @@
 //                       NAME/ATTRIBUTE   the value as JSON
 //     P:dirs          sorted set of these directories, all of score 0
 //     P:log           stream with the ids 0-REVISION: o, the origin, and d, the delta
-//     P:meta          hash: generation, fence:UUID, and, in the volatile space, claim:MOUNT
+//     P:meta          hash: generation, fence:UUID, shape (the last revision that changed more than values),
+//                     and, in the volatile space, claim:MOUNT
 //     P:claim:MOUNT   hash: beat, who, synced
 //     P:changes       the channel on which each entry is announced: "GENERATION REVISION ORIGIN\nDELTA"
 //

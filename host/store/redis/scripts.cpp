@@ -33,6 +33,10 @@ constexpr Script kSweep{kClaimAnswer, kSweepScript, false};
 
 constexpr std::size_t kHashWord = 1;
 
+// A writer cuts off what is too old in the log with one of so many short writes, and with all others.
+constexpr Sequence kWritesPerCut = 64;
+constexpr std::size_t kShortDelta = 4096;
+
 Call callOf(const Script& script, const std::vector<std::string>& keys, std::vector<std::string> arguments) {
   Call call{&script, {script.readOnly ? "EVALSHA_RO" : "EVALSHA", "", std::to_string(keys.size())}};
   call.words.insert(call.words.end(), keys.begin(), keys.end());
@@ -86,19 +90,14 @@ class StepWriter {
   }
   void replace(Path path) { remove("r", path); }
 
-  // Merges the puts since the last other step into one.
+  // After the last step.
   void end() {
-    if (entities_.empty()) return;
-    words_.insert(words_.end(), {"p", index(directory_), std::to_string(entities_.size()),
-                                 std::to_string(values_.size() / 2)});
-    for (const Entity& each : entities_) words_.push_back(each.name);
-    for (Entity& each : entities_) words_.push_back(std::move(each.text));
-    std::ranges::move(values_, std::back_inserter(words_));
-    entities_.clear();
-    places_.clear();
-    values_.clear();
+    isValuesOnly_ = words_.empty() && !isNewShape_ && !values_.empty();
+    words_.empty() && isAlike() ? putAlike() : endPuts();
   }
 
+  // Whether it is one step, and changes nothing but values.
+  bool isValuesOnly() const { return isValuesOnly_; }
   std::vector<std::string>& directories() { return directories_; }
   std::vector<std::string>& words() { return words_; }
 
@@ -106,34 +105,73 @@ class StepWriter {
   struct Entity {
     std::string name;
     std::string text;  // as the server should have it afterwards
+    std::size_t values = 0;
+  };
+  struct Value {
+    std::size_t entity;
+    Zel::Name attribute;
+    std::string json;
   };
 
   static Path directoryOf(Path path) { return path.empty() ? path : path.parent(); }
 
   void remove(const char* kind, Path path) {
-    end();
-    words_.insert(words_.end(), {kind, index(directoryOf(path)), placeOf(path).name});
+    endPuts();
+    words_.insert(words_.end(), {kind, index(directoryOf(path)), Redis::placeOf(path).name});
   }
 
   void put(const Row& row) {
     if (const Path directory = directoryOf(row.path); directory != directory_ || row.path.empty()) {
-      end();
+      endPuts();
       directory_ = directory;
     }
-    Entity& entity = entityOf(row);
+    const std::size_t place = placeOf(row);
+    Entity& entity = entities_[place];
     if (row.attribute.empty()) return;
-    const std::string_view attribute = row.attribute.view();
-    if (!hasAttribute(entity.text, attribute)) entity.text.append("\t").append(attribute);
-    values_.emplace_back(entity.name).append("/").append(attribute);
-    values_.push_back(jsonText(row.value));
+    if (!hasAttribute(entity.text, row.attribute.view())) {
+      entity.text.append("\t").append(row.attribute.view());
+      isNewShape_ = true;
+    }
+    ++entity.values;
+    values_.push_back({place, row.attribute, jsonText(row.value)});
   }
-  Entity& entityOf(const Row& row) {
+  std::size_t placeOf(const Row& row) {
     const auto [place, isNew] = places_.try_emplace(row.path, entities_.size());
-    if (!isNew) return entities_[place->second];
+    if (!isNew) return place->second;
     const Statedb::Record* record = known_.find(row.path);
     const bool isKnown = record && record->type == row.type;
-    return entities_.emplace_back(row.path.empty() ? "" : row.path.component().stdString(),
-                                  isKnown ? entityText(*record) : row.type.stdString());
+    isNewShape_ |= !isKnown;
+    entities_.push_back({row.path.empty() ? "" : row.path.component().stdString(),
+                         isKnown ? entityText(*record) : row.type.stdString()});
+    return place->second;
+  }
+  // Whether there are puts, a value of each entity at least, and all entities have the same text.
+  bool isAlike() const {
+    const auto isSame = [&](const Entity& each) { return each.values > 0 && each.text == entities_[0].text; };
+    return !entities_.empty() && std::ranges::all_of(entities_, isSame);
+  }
+  void putAlike() {
+    index(directory_);
+    words_.insert(words_.end(), {"e", std::move(entities_[0].text)});
+    putValues();
+  }
+  // Merges the puts since the last other step into one.
+  void endPuts() {
+    if (entities_.empty()) return;
+    words_.insert(words_.end(),
+                  {"p", index(directory_), std::to_string(entities_.size()), std::to_string(values_.size())});
+    for (const Entity& each : entities_) words_.push_back(each.name);
+    for (Entity& each : entities_) words_.push_back(std::move(each.text));
+    putValues();
+    entities_.clear();
+    places_.clear();
+    values_.clear();
+  }
+  void putValues() {
+    for (Value& each : values_) {
+      words_.emplace_back(entities_[each.entity].name).append("/").append(each.attribute.view());
+      words_.push_back(std::move(each.json));
+    }
   }
   static bool hasAttribute(std::string_view text, std::string_view attribute) {
     for (std::size_t tab; (tab = text.rfind('\t')) != std::string_view::npos; text = text.substr(0, tab))
@@ -143,7 +181,7 @@ class StepWriter {
 
   // The place of a directory's key among the keys, as Lua counts.
   std::string index(Path directory) {
-    constexpr std::size_t kBefore = 3;
+    constexpr std::size_t kBefore = 2;
     const auto [place, isNew] = indices_.try_emplace(directory, directories_.size());
     if (isNew) directories_.push_back(keys_.directory(directory.text()));
     return std::to_string(kBefore + place->second + 1);
@@ -154,11 +192,12 @@ class StepWriter {
   std::vector<std::string> directories_{};
   std::unordered_map<Path, std::size_t> indices_{};
   std::vector<std::string> words_{};
+  bool isNewShape_ = false, isValuesOnly_ = false;
   // Of the puts that are not yet a step.
   Path directory_{};
   std::vector<Entity> entities_{};
   std::unordered_map<Path, std::size_t> places_{};
-  std::vector<std::string> values_{};
+  std::vector<Value> values_{};
 };
 
 // Enough for a limit: what the row takes in the delta and the hash.
@@ -266,7 +305,6 @@ Call writeCall(std::string_view prefix, Durability space, const Changes& changes
                const Known& known) {
   ZEL_REQUIRE(changes.size() <= kRowsPerWrite, "a write of " << changes.size() << " rows");
   const Keys keys(prefix, space);
-  const Keys others(prefix, space == Durability::stored ? Durability::volatile_ : Durability::stored);
   StepWriter steps(keys, space == Durability::stored ? known.stored : known.volatile_);
   Types types(known, options.inTheWay);
   Changes logged;
@@ -284,18 +322,20 @@ Call writeCall(std::string_view prefix, Durability space, const Changes& changes
   }
   steps.end();
 
-  std::vector<std::string> names{keys.meta(), keys.log(), keys.directories()};
+  std::vector<std::string> names{keys.meta(), keys.log()};
   std::ranges::move(steps.directories(), std::back_inserter(names));
-  std::vector<std::string> arguments{options.generation,
-                                     options.newGeneration,
-                                     "fence:" + options.uuid,
-                                     std::to_string(options.sequence),
-                                     deltaText(logged),
-                                     std::to_string(options.log),
-                                     keys.space(),
-                                     others.space(),
-                                     spaceLetter(keys),
-                                     std::to_string(options.claims.size())};
+  std::string delta = deltaText(logged);
+  const bool isShort = steps.isValuesOnly() && delta.size() <= kShortDelta;
+  const bool isCut = !isShort || options.sequence % kWritesPerCut == 1;
+  std::vector<std::string> arguments{
+      options.generation.empty() ? '+' + options.newGeneration : options.generation,
+      "fence:" + options.uuid,
+      options.uuid + ':' + std::to_string(options.sequence),
+      std::move(delta),
+      isCut ? std::to_string(options.log) : "",
+      keys.space(),
+      std::to_string(steps.isValuesOnly() ? known.revision : 0),
+      std::to_string(options.claims.size())};
   for (const Claimed& each : options.claims)
     arguments.insert(arguments.end(), {"claim:" + each.mount, each.token});
   std::ranges::move(steps.words(), std::back_inserter(arguments));

@@ -105,11 +105,13 @@ struct WriteOptions {
 //
 // A put of another type replaces the entity: a step of its own removes it, in the log too. A del or an unset
 // of stored rows also removes the volatile ones, with an entry in the log of that space. `known` has the rows
-// of the writer's mirror; those that are correct save the server work.
+// of the writer's mirror; those that are correct save the server work. `revision` is the one of the log of
+// the written space up to which its rows are known: where only values changed since, no entity is checked.
 // REQUIRES: at most kRowsPerWrite changes.
 struct Known {
   const Rows& stored;
   const Rows& volatile_;
+  Revision revision = 0;
 };
 Call writeCall(std::string_view prefix, Statedb::Durability space, const Statedb::Changes& changes,
                const WriteOptions& options, const Known& known);

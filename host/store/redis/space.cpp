@@ -213,7 +213,9 @@ void Space::send(Sequence sequence) {
                              .log = line_.url.log,
                              .claims = write.claims,
                              .inTheWay = write.inTheWay};
-  line_.caller.call(writeCall(line_.url.prefix, durability_, write.changes, options, line_.known()),
+  Known known = line_.known();
+  known.revision = state().tip;
+  line_.caller.call(writeCall(line_.url.prefix, durability_, write.changes, options, known),
                     [this, sequence](const Reply& reply) {
                       onAnswer(sequence, reply);
                       line_.onStep();

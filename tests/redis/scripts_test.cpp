@@ -441,6 +441,15 @@ TEST_F(Scripts, ABatchIsCutIntoPartsThatTheServerCarriesOutAtOnce) {
     read(stored);
   }
   EXPECT_EQ(stored.rows.all().size(), changes.size());
+
+  // What must be one step may be longer than a part.
+  Changes whole;
+  for (int i = 0; i < 2 * static_cast<int>(kRowsPerWrite); ++i)
+    for (const char* attribute : {"x", "y"}) whole.push_back(put("f/e" + std::to_string(i), attribute, i));
+  EXPECT_EQ(write(stored, whole).refusal(), Refusal::none);
+  read(stored);
+  EXPECT_EQ(scan(stored).all().size(), changes.size() + whole.size() / 2);
+  EXPECT_EQ(*stored.rows.find("f/e999")->find("y"), Zel::Value(999));
 }
 
 }  // namespace

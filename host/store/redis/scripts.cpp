@@ -113,6 +113,9 @@ class StepWriter {
     std::string json;
   };
 
+  // Entities, and values: Lua passes some thousand words to a function at most.
+  static constexpr std::size_t kMostOfStep = 1000;
+
   static Path directoryOf(Path path) { return path.empty() ? path : path.parent(); }
 
   void remove(const char* kind, Path path) {
@@ -125,6 +128,7 @@ class StepWriter {
       endPuts();
       directory_ = directory;
     }
+    if (std::max(entities_.size(), values_.size()) == kMostOfStep) endPuts();
     const std::size_t place = placeOf(row);
     Entity& entity = entities_[place];
     if (row.attribute.empty()) return;
@@ -303,7 +307,7 @@ std::vector<Changes> partsOf(const Changes& changes) {
 
 Call writeCall(std::string_view prefix, Durability space, const Changes& changes, const WriteOptions& options,
                const Known& known) {
-  ZEL_REQUIRE(changes.size() <= kRowsPerWrite, "a write of " << changes.size() << " rows");
+  ZEL_REQUIRE(changes.size() <= kMostRows, "a write of " << changes.size() << " rows");
   const Keys keys(prefix, space);
   StepWriter steps(keys, space == Durability::stored ? known.stored : known.volatile_);
   Types types(known, options.inTheWay);

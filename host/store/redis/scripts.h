@@ -73,7 +73,9 @@ class Caller {
 // A write of many rows holds up the server for every client, so a longer batch is cut into atomic parts.
 inline constexpr std::size_t kRowsPerWrite = 1000;
 inline constexpr std::size_t kBytesPerWrite = 1 << 20;
-// At most as many rows and bytes each; a single row may be longer.
+// What must be one step may be longer: the server is held up for some 10 us a row.
+inline constexpr std::size_t kMostRows = 16'384;
+// At most kRowsPerWrite rows and as many bytes each; a single row may be longer.
 std::vector<Statedb::Changes> partsOf(const Statedb::Changes& changes);
 
 // Identifies a claim: the epoch and the owner's uuid. Empty: there never was a claim.
@@ -107,7 +109,7 @@ struct WriteOptions {
 // of stored rows also removes the volatile ones, with an entry in the log of that space. `known` has the rows
 // of the writer's mirror; those that are correct save the server work. `revision` is the one of the log of
 // the written space up to which its rows are known: where only values changed since, no entity is checked.
-// REQUIRES: at most kRowsPerWrite changes.
+// REQUIRES: at most kMostRows changes.
 struct Known {
   const Rows& stored;
   const Rows& volatile_;

@@ -26,7 +26,7 @@ class StoredWrites {
   using Outcome = Statedb::Ticket::Outcome;
 
   // More changes are refused as one step: the server carries out nothing else meanwhile.
-  static constexpr std::size_t kMostChanges = 16'384;
+  static constexpr std::size_t kMostChanges = kMostRows;
   // A write whose answer was lost is decided when the server is back; its ticket waits for so long.
   static constexpr std::uint64_t kDecidedWithin = 5'000;  // milliseconds
 

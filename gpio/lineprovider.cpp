@@ -13,7 +13,7 @@ using Kind = LineError::Kind;
 
 namespace {
 
-std::string quoted(const std::string& text) { return "'" + text + "'"; }
+std::string inQuotes(const std::string& text) { return "'" + text + "'"; }
 
 LineValues levelsOf(const std::vector<Line>& lines, const LineValues& lit) {
   LineValues levels;
@@ -74,7 +74,7 @@ std::string LineRequest::place() const {
   for (const Line& line : lines_) offsets.push_back(std::to_string(line.place.offset));
   const LinePlace& first = lines_.front().place;
   return (offsets.size() > 1 ? "lines " : "line ") + joined(offsets, ", ") + " of " + first.chip + " " +
-         quoted(first.label);
+         inQuotes(first.label);
 }
 
 LineProvider::~LineProvider() = default;
@@ -93,7 +93,7 @@ LineError busyLines(const std::vector<Line>& wanted, const std::vector<LineInfo>
     if (line.place.offset >= known.size() || !known[line.place.offset].used) continue;
     const std::string& consumer = known[line.place.offset].consumer;
     texts.push_back(describe(line.place) + " is busy: held by " +
-                    (consumer.empty() ? "a consumer without a name" : quoted(consumer)));
+                    (consumer.empty() ? "a consumer without a name" : inQuotes(consumer)));
     faults.push_back({line.place, texts.back()});
   }
   if (texts.empty())

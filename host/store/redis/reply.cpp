@@ -45,12 +45,12 @@ constexpr bool isInOrder() {
 static_assert(isInOrder());
 
 // The functions by which hiredis builds replies: into their place in the list above, or as a new one.
-Reply* placeOf(const redisReadTask* task) {
+Reply* replyFor(const redisReadTask* task) {
   if (!task->parent) return new Reply;
   return &static_cast<Reply*>(task->parent->obj)->list[static_cast<std::size_t>(task->idx)];
 }
 void* makeText(const redisReadTask* task, char* bytes, std::size_t size) {
-  Reply* reply = placeOf(task);
+  Reply* reply = replyFor(task);
   reply->kind = task->type == REDIS_REPLY_ERROR ? Reply::Kind::error : Reply::Kind::text;
   reply->text.assign(bytes, size);
   return reply;
@@ -59,18 +59,18 @@ void* makeText(const redisReadTask* task, char* bytes, std::size_t size) {
 template <class Count>
 void* makeList(const redisReadTask* task, Count count) {
   if (std::cmp_less(count, 0) || std::cmp_greater(count, ReplyReader::kMostElements)) return nullptr;
-  Reply* reply = placeOf(task);
+  Reply* reply = replyFor(task);
   reply->kind = Reply::Kind::list;
   reply->list.resize(static_cast<std::size_t>(count));
   return reply;
 }
 void* makeInteger(const redisReadTask* task, long long number) {
-  Reply* reply = placeOf(task);
+  Reply* reply = replyFor(task);
   reply->kind = Reply::Kind::integer;
   reply->number = number;
   return reply;
 }
-void* makeNull(const redisReadTask* task) { return placeOf(task); }
+void* makeNull(const redisReadTask* task) { return replyFor(task); }
 void freeReply(void* reply) { delete static_cast<Reply*>(reply); }
 
 redisReplyObjectFunctions makers() {

@@ -7,6 +7,7 @@
 #include <array>
 #include <chrono>
 #include <cstring>
+#include <optional>
 #include <stdexcept>
 #include <thread>
 
@@ -42,7 +43,9 @@ Json mappingPut(std::size_t led) {
           {"attributes", attributes}};
 }
 
-std::size_t machinesOf(const Json& status) {
+// None, not even 0, while the host's store is not reached.
+std::optional<std::size_t> machinesOf(const Json& status) {
+  if (!status.at("storeState").at("reached").get<bool>()) return std::nullopt;
   return status.at("types").value(Json::json_pointer("/Pinlamp::GpioLedStateMachine/objects"),
                                   std::size_t{0});
 }

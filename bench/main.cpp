@@ -68,6 +68,7 @@ int main(int argc, char** argv) {
   Bench::addRoundTrip();
   Bench::addShared();
   Bench::addSharedLoad();
+  Bench::addSharedHosts();
 
   run(row);
   Bench::print(std::cout, Bench::results());

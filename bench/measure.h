@@ -63,5 +63,6 @@ void addHost();
 void addRoundTrip();
 void addShared();
 void addSharedLoad();
+void addSharedHosts();
 
 }  // namespace Bench

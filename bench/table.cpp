@@ -68,6 +68,23 @@ Row sharedRow(const std::string& name, const std::string& title, bool hasKeyspac
 const std::vector<std::string> kBatches = {"1 a batch", "16 a batch",     "64 a batch",
                                            "4 HSETs",   "HSET + PUBLISH", "HSET + PUBLISH 64"};
 
+std::vector<std::string> serverFigures() {
+  std::vector<std::string> figures = {"volatile 1", "volatile 16", "volatile 64"};
+  figures.insert(figures.end(), kBatches.begin(), kBatches.end());
+  return figures;
+}
+
+// Hosts with a database each, and in one that they share.
+std::vector<std::string> hostFigures(bool hasTrips = false) {
+  std::vector<std::string> figures;
+  for (const char* database : {" apart", " in one"})
+    for (const char* hosts : {"1", "4", "16", "64"}) {
+      figures.push_back(hosts + std::string(database));
+      if (hasTrips) figures.push_back(figures.back() + " p50");
+    }
+  return figures;
+}
+
 std::vector<Row> makeRows() {
   return {
       {"event", "one light-setting event, 64 a pass", kEventFigures, eventGoals()},
@@ -106,14 +123,23 @@ std::vector<Row> makeRows() {
       sharedRow("shared-trip", "a setting, through an LED agent in another process, until its pins are back",
                 false, 3.0),
       {"shared-batch",
-       "one event of four pins: batches that wait for each other",
+       "one event of four pins, stored: one batch after the other; of 16 and 64, up to four ahead",
        kBatches,
        {{"1 a batch", "4 HSETs", 2.5}, {"16 a batch", "4 HSETs", 1.0}, {"16 a batch", "", 1e-5}}},
-      {"shared-server", "the server's processor time of such an event", kBatches, {{"64 a batch", "", 6e-6}}},
+      {"shared-server",
+       "the server's processor time of such an event; volatile: with two stores connected",
+       serverFigures(),
+       {{"64 a batch", "", 6e-6}, {"volatile 64", "", 6e-6}}},
       {"shared-snapshot",
        "100,000 LEDs, until a new process has them; its longest round of events",
        {"pinlamp", "pinlamp round", "HSCAN"},
        {{"pinlamp", "HSCAN", 2.0}, {"pinlamp round", "", 0.005}}},
+      {"shared-hosts",
+       "hosts of 100 LEDs with a database each, and in one: the server's time of a setting and its pins; p50",
+       hostFigures(true),
+       {}},
+      {"shared-idle", "the same: the server's processor time a second for each idle host", hostFigures(), {}},
+      {"shared-memory", "the same: the server's memory an LED", hostFigures(), {}, true},
       scaleRow("removal", "removal of one LED among so many"),
       scaleRow("addition", "one mapping added among so many"),
   };

@@ -1,0 +1,70 @@
+#include "bench/member.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "bench/measure.h"
+#include "host/store/stores.h"
+
+namespace Bench {
+
+namespace {
+constexpr double kTimeout = 60;  // seconds for anything that a store is asked to do
+}
+
+Rounds::Rounds() { uv_loop_configure(loop_.uv(), UV_METRICS_IDLE_TIME); }
+
+void Rounds::run() {
+  const std::uint64_t idle = uv_metrics_idle_time(loop_.uv());
+  const double start = now();
+  uv_run(loop_.uv(), UV_RUN_ONCE);
+  const auto waited = static_cast<double>(uv_metrics_idle_time(loop_.uv()) - idle) * 1e-9;
+  longest_ = std::max(longest_, now() - start - waited);
+}
+
+Member::Member(Rounds& rounds, const std::string& url, const std::string& path,
+               const std::function<void()>& onGot)
+    : rounds_(rounds), onGot_(onGot) {
+  store_ = Host::makeStore(url, rounds.loop(), [this](const std::string& text) { report_ = text; });
+  store_->subscribe(path, *this);
+  runUntil([this] { return hasRows_ && store_->state().isReached; });
+}
+
+Member::~Member() { store_->unsubscribe(*this); }
+
+Statedb::Ticket Member::write(const Statedb::Changes& changes, Statedb::Durability durability) {
+  store_->write(changes, durability);
+  return store_->flush();
+}
+
+void Member::wait(const Statedb::Ticket& ticket) {
+  runUntil([&] { return ticket.isDone(); });
+  if (!ticket.failure().empty()) throw std::runtime_error(ticket.failure());
+}
+
+void Member::waitFor(std::size_t changes) {
+  runUntil([&] { return changes_ >= changes; });
+}
+
+void Member::follow() {
+  for (;;) rounds_.run();
+}
+
+void Member::onSnapshot(const Statedb::Records&) {
+  hasRows_ = true;
+  if (onGot_) onGot_();
+}
+
+void Member::onChanges(const Statedb::Changes& changes) {
+  changes_ += static_cast<std::size_t>(
+      std::ranges::count_if(changes, [](const auto& each) { return !each.row.attribute.empty(); }));
+  if (onGot_) onGot_();
+}
+
+template <class Condition>
+void Member::runUntil(Condition condition) {
+  for (const double end = now() + kTimeout; !condition(); rounds_.run())
+    if (now() > end) throw std::runtime_error("the store does not answer: " + report_);
+}
+
+}  // namespace Bench

@@ -22,6 +22,7 @@ using Statedb::Change;
 using Statedb::Changes;
 using Statedb::Durability;
 using Statedb::Path;
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -317,8 +318,8 @@ TEST_F(RedisSession, FindsWhatCouldNotBeAnnounced) {
   client({"ACL", "SETUSER", "default", "-publish"});
   for (int i = 0; i < 3; ++i) one.write(kStored, {put("a", i)});
   agree({&one, &other});
-  ASSERT_EQ(one.warnings.size(), 1U);
-  EXPECT_THAT(one.warnings[0], HasSubstr("can't be announced on the channel '{pinlamp}:s:changes'"));
+  EXPECT_THAT(one.warnings, Contains(HasSubstr("can't be announced on the channel '{pinlamp}:s:changes'")));
+  EXPECT_LE(one.warnings.size(), 2U);  // and that the right to publish is missing
 }
 
 TEST_F(RedisSession, LeavesOutWhatItCannotRead) {

@@ -7,6 +7,8 @@
 
 #include "host/io/timer.h"
 #include "host/store/redis/locator.h"
+#include "host/store/redis/servercheck.h"
+#include "host/store/redis/serverfacts.h"
 #include "host/store/redis/space.h"
 #include "platform/zel/core/assert.h"
 
@@ -119,7 +121,15 @@ struct Session::State_ final : private Ends, public Line, private Locator::Owner
     reached = true;
     locator->proved();
     owner.onReached();
+    if (!std::exchange(isChecked, true)) checkServer();
     commands.flush();
+  }
+  // Once a process: what a restricted user may not ask is an entry in the server's log of refusals.
+  void checkServer() {
+    gatherFacts(commands, caller, url, [this](const ServerFacts& facts) {
+      const std::string wrong = wrongText(findingsIn(facts, url));
+      if (!wrong.empty()) warn(wrong + "; pinlampctl store check tells more");
+    });
   }
   bool isFollowed() const { return stored.isReached() && volatile_.isReached(); }
   void check() {
@@ -164,6 +174,7 @@ struct Session::State_ final : private Ends, public Line, private Locator::Owner
   std::optional<Loss> loss{};                  // that is not notified of yet
   std::string commandsTo{}, subscriptionTo{};  // the servers' run ids
   bool reached = false;
+  bool isChecked = false;
   std::set<std::string> warned{};
 };
 

@@ -47,7 +47,7 @@ class Host {
   // Ends the agents before their manager, and the manager before their libraries.
   void shutDown();
   void loadAgents(const std::vector<AgentOption>& options);
-  // Says which process this is, and what its agents fill, to whoever keeps the state.
+  // Says which process this is, and what its agents publish, to whoever keeps the state.
   void announce();
   std::unique_ptr<Control> makeControl(const std::optional<int>& client);
   std::vector<Objects::Root> roots() const;

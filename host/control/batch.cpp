@@ -129,7 +129,7 @@ class BatchReader {
   // row.
   bool isOnTheWay(std::string_view path) const {
     const auto isUnder = [path](const std::string& mount) { return isStrictlyUnder(mount, path); };
-    return std::ranges::any_of(mounts_, isUnder) || context_.announcements.leadsToFilled(path);
+    return std::ranges::any_of(mounts_, isUnder) || context_.announcements.leadsToPublished(path);
   }
 
   void checkAttributes(const RequestedChange& change, const Zel::TypeNode& type) {

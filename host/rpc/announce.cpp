@@ -33,7 +33,7 @@ std::int64_t pidField(const Value& value) {
 std::string publishedPath(const Value& value) {
   const auto* path = value.as<std::string>();
   if (!path) throw ValueError("'publishes': found " + std::string(value.kindText()) + ", expected a path");
-  if (path->empty()) throw ValueError("'publishes': a path is empty; nobody fills the whole database");
+  if (path->empty()) throw ValueError("'publishes': a path is empty; nobody publishes the whole database");
   Zel::PathWalker::checkComponents(*path);
   return *path;
 }
@@ -83,14 +83,14 @@ void Announcements::Process::withdraw() {
   announcement_ = {};
 }
 
-Announcements::Paths::const_iterator Announcements::filledAbove(const Process& writer,
+Announcements::Paths::const_iterator Announcements::publishedAbove(const Process& writer,
                                                                 std::string_view path) const {
   for (; !path.empty() && !paths_.empty(); path = Zel::PathWalker::above(path))
     if (const auto found = paths_.find(path); found != paths_.end() && found->second != &writer) return found;
   return paths_.end();
 }
 
-Announcements::Paths::const_iterator Announcements::filledUnder(const Process& writer,
+Announcements::Paths::const_iterator Announcements::publishedUnder(const Process& writer,
                                                                 std::string_view path) const {
   const std::string start = path.empty() ? std::string() : std::string(path) + '/';
   auto each = paths_.lower_bound(start);
@@ -100,18 +100,18 @@ Announcements::Paths::const_iterator Announcements::filledUnder(const Process& w
 }
 
 std::string Announcements::refusal(const Process& writer, std::string_view path, bool removed) const {
-  if (const auto above = filledAbove(writer, path); above != paths_.end())
-    return "stands under '" + above->first + "', which " + textOf(above->second->announcement()) +
-           " fills; nobody else writes there while it runs";
+  if (const auto above = publishedAbove(writer, path); above != paths_.end())
+    return "is under '" + above->first + "', which " + textOf(above->second->announcement()) +
+           " publishes; nobody else writes there while it runs";
   if (!removed) return {};
-  const auto under = filledUnder(writer, path);
+  const auto under = publishedUnder(writer, path);
   return under == paths_.end()
              ? std::string()
              : "holds '" + under->first + "', which " + textOf(under->second->announcement()) +
-                   " fills; nobody else deletes that while it runs";
+                   " publishes; nobody else deletes that while it runs";
 }
 
-bool Announcements::leadsToFilled(std::string_view path) const {
+bool Announcements::leadsToPublished(std::string_view path) const {
   const std::string start = std::string(path) + '/';
   const auto found = paths_.lower_bound(start);
   return found != paths_.end() && found->first.starts_with(start);

@@ -54,7 +54,7 @@ class Announcements {
   // Why `writer` may not change the entity at a path, or if `removed` all under it; empty if it may.
   std::string refusal(const Process& writer, std::string_view path, bool removed) const;
   // Whether any process publishes a path under `path`.
-  bool leadsToFilled(std::string_view path) const;
+  bool leadsToPublished(std::string_view path) const;
 
   // In the order of their announcements.
   const std::vector<const Process*>& processes() const { return processes_; }
@@ -63,8 +63,8 @@ class Announcements {
   using Paths = std::map<std::string, const Process*, std::less<>>;
 
   // A path at or above `path`, or under it, that a process other than `writer` publishes; end() if none.
-  Paths::const_iterator filledAbove(const Process& writer, std::string_view path) const;
-  Paths::const_iterator filledUnder(const Process& writer, std::string_view path) const;
+  Paths::const_iterator publishedAbove(const Process& writer, std::string_view path) const;
+  Paths::const_iterator publishedUnder(const Process& writer, std::string_view path) const;
 
   Paths paths_;
   std::vector<const Process*> processes_;

@@ -62,7 +62,7 @@ std::unique_ptr<Store> makeStore(const std::string& url, Loop& loop, Report repo
   for (const Scheme& scheme : kSchemes)
     if (url.starts_with(scheme.prefix))
       return scheme.make(url.substr(std::string_view(scheme.prefix).size()), loop, report);
-  throw StoreError("store '" + url + "': of no known kind; known: " + storeUrls());
+  throw StoreError("store '" + url + "': not a known form; known: " + storeUrls());
 }
 
 }  // namespace Host

@@ -76,7 +76,7 @@ TEST(AStore, ThatACommandCantUseIsRefused) {
   const std::tuple<std::string, int, const char*> cases[] = {
       {"memory:", 2, "would end with this command"},
       {"unix:/run/x", 2, "write --socket /run/x"},
-      {"paper:x", 1, "of no known kind"},
+      {"paper:x", 1, "not a known form"},
       {"sqlite:" + folder.at("absent"), 1, "there is no such file"},
       {"sqlite:" + folder.at(""), 1, "is a folder"},
   };

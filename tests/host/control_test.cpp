@@ -382,10 +382,10 @@ TEST_F(ControlTest, AProcessOwnsThePathsItFillsWhileConnected) {
 
     const std::pair<Json, std::string> refused[] = {
         {put(pins + "/g", "Zel::Dir"),
-         "stands under 'hardware/corvel/gpio/config', which process " + self + " ('/led') fills"},
-        {put(pins, "Zel::Dir"), "stands under"},
-        {pin, "stands under"},
-        {del((pins + "/g").c_str()), "stands under"},
+         "is under 'hardware/corvel/gpio/config', which process " + self + " ('/led') publishes"},
+        {put(pins, "Zel::Dir"), "is under"},
+        {pin, "is under"},
+        {del((pins + "/g").c_str()), "is under"},
         {del("hardware"), "holds 'hardware/corvel/gpio/config'"},
         {put("hardware/corvel", "Hardware::Led::LedSystemConfigDir"), "put a Zel::Dir there"},
     };

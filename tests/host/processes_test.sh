@@ -44,7 +44,7 @@ await "a setting goes all the way" 011 pins g r s
 pins=hardware/corvel/gpio/config
 dir_for_a_pin="{\"$pins/g\": {\"type\": \"Zel::Dir\"}}"
 check "a row of another type under a writable mount is refused" \
-  "pinlampctl: standard input:1: $pins/g: stands under '$pins', which process $led_pid ('$run/led.sock') fills; nobody else writes there while it runs" \
+  "pinlampctl: standard input:1: $pins/g: is under '$pins', which process $led_pid ('$run/led.sock') publishes; nobody else writes there while it runs" \
   "$(echo "$dir_for_a_pin" | pinlampctl load - 2>&1)"
 host second --store "unix:$PINLAMP_SOCKET" --agent libpinlamp.so
 await "a second process that fills the same path waits" 1 grep -c "process $led_pid .* trying until it is free" "$run/second.log"

@@ -38,7 +38,7 @@ TEST(RedisUrl, SaysWhatIsWrongAndWhatWouldBeRight) {
     const char* error;
   };
   const Case cases[] = {
-      {"rediss://h", "of no known kind; known: redis-unix:/SOCKET"},
+      {"rediss://h", "not a known form; known: redis-unix:/SOCKET"},
       {"redis-unix:run/s", "the socket is an absolute path"},
       {"redis-unix:/a%2", "'%' is followed by two hexadecimal digits"},
       {"redis-unix:/a%00b", "'%' is followed by two hexadecimal digits"},

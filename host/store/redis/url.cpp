@@ -257,7 +257,7 @@ struct Parser {
         fail("user " + quoted(result.user) + " needs a password; add ?passwordFile=FILE");
       return result;
     }
-    fail("of no known kind; known: redis-unix:/SOCKET, redis://HOST, redis+sentinel://HOST,…/NAME");
+    fail("not a known form; known: redis-unix:/SOCKET, redis://HOST, redis+sentinel://HOST,…/NAME");
   }
 };
 

@@ -101,8 +101,8 @@ void Faults::killServer(Process&) {
   ++world_.history.volatile_;
 }
 
-// An older file: the tail is gone. Of the files' names, with a number of one digit more the longer is the
-// later.
+// An older file: the tail is gone, from behind a transaction. Cut within one, Redis 7.0 leaves half of it in
+// the file, and carries it out at the next start. Of the files' names the longest and greatest is the last.
 void Faults::killServerAndCutItsFile(Process& process) {
   killServer(process);
   ++world_.history.stored;
@@ -111,7 +111,9 @@ void Faults::killServerAndCutItsFile(Process& process) {
     if (const std::string name = file.path(); name.ends_with(".incr.aof"))
       last = std::max(last, name,
                       [](auto& a, auto& b) { return std::pair(a.size(), a) < std::pair(b.size(), b); });
-  std::filesystem::resize_file(last, std::filesystem::file_size(last) * (50 + below(50)) / 100);
+  const std::string content = contentOf(last), mark = "\r\nEXEC\r\n";
+  const std::size_t found = content.rfind(mark, content.size() * (50 + below(50)) / 100);
+  std::filesystem::resize_file(last, found == std::string::npos ? 0 : found + mark.size());
 }
 
 void Faults::killServerAndRemoveItsFile(Process& process) {

@@ -79,6 +79,14 @@ void Reader::check(const std::string& place, const Stamp& stamp) {
   last.number = stamp.number;
 }
 
+// A value that the server has may be shown for the first time later, when a volatile one over it goes.
+void Reader::settled(const Rows& stored, const Rows& volatile_) {
+  settled_ = history_;
+  for (const Rows* rows : {&stored, &volatile_})
+    for (const auto& [place, json] : *rows)
+      if (const auto stamp = Stamp::in(json)) last_[place + "\t" + stamp->writer].number = stamp->number;
+}
+
 void Reader::erase(const std::string& place) {
   if (rows_.erase(place) != 0 && isPin(place))
     fault_("reader " + name_ + ": " + place + " went away, and its publisher did not");

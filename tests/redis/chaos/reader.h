@@ -44,8 +44,9 @@ class Reader : public Statedb::Subscriber {
   void onChanges(const Statedb::Changes& changes) override;
 
   const Rows& rows() const { return rows_; }
-  // Everything is quiet: no row goes back any more because of what happened before.
-  void settled() { settled_ = history_; }
+  // Everything is quiet, and the server has these rows: none goes back any more because of what happened
+  // before.
+  void settled(const Rows& stored, const Rows& volatile_);
   // The stored batches of a writer of which a value was seen.
   const std::set<unsigned>& seen(const std::string& writer) { return seen_["s " + writer]; }
   unsigned long notifications = 0;

@@ -184,13 +184,13 @@ bool World::isSettled(std::vector<std::string>& differing) {
 
 void World::verify() {
   std::vector<std::string> differing;
-  const Rows stored = reference.rows("s", differing);
+  const Rows stored = reference.rows("s", differing), published = reference.rows("v", differing);
   for (const auto& each : processes) {
     if (!each->writer) continue;
     each->writer->verify(stored, differing);
     for (const auto& other : processes) each->writer->verifyUnseen(*other->reader, differing);
   }
-  for (const auto& each : processes) each->reader->settled();
+  for (const auto& each : processes) each->reader->settled(stored, published);
   for (const std::string& each : differing) fault(each);
 }
 

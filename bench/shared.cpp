@@ -27,10 +27,11 @@ std::size_t trips() { return quick() ? 500 : 3000; }
 std::string settingText(std::size_t trip) {
   return R"({"flashInterval":0.0,")" + std::string(Led::kPinColours[trip % kPins].name) + R"(":true})";
 }
+// Another colour than the LED has: RunningHost::fill() begins with its number.
 Change setting(std::size_t trip) {
-  return Change::put(std::string(Paths::kLeds) + "/leds/" + ledName(trip % kFewLeds),
-                     "Hardware::Led::LedConfig", "lightSetting",
-                     Host::parseJson(settingText(trip / kFewLeds)));
+  const std::size_t led = trip % kFewLeds;
+  return Change::put(std::string(Paths::kLeds) + "/leds/" + ledName(led), "Hardware::Led::LedConfig",
+                     "lightSetting", Host::parseJson(settingText(led + trip / kFewLeds + 1)));
 }
 
 std::vector<Figure> figuresOf(std::vector<double>& times) {
@@ -115,7 +116,7 @@ std::vector<Figure> tripThroughStore() {
   for (std::size_t trip = 0; trip < trips(); ++trip) {
     const std::size_t before = member.changes();
     const double start = now();
-    const Statedb::Ticket ticket = member.write({setting(trip + kFewLeds)}, Durability::stored);
+    const Statedb::Ticket ticket = member.write({setting(trip)}, Durability::stored);
     member.waitFor(before + 2);  // one pin goes dark, one is lit
     times.push_back(now() - start);
     member.wait(ticket);

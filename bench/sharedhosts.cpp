@@ -31,10 +31,11 @@ class Fleet {
   // From a client of one host to the pin at another client of it; the hosts take turns.
   std::vector<double> trips() {
     std::vector<double> times;
-    for (std::size_t trip = 0; trip < Bench::trips(); ++trip) {
-      Sides& sides = *sides_[trip % sides_.size()];
-      const std::size_t event = trip / sides_.size();
-      const std::string request = setRequest(ledOf(trip), steady((event / kLedsEach + 1) % kPins));
+    for (const std::size_t end = trip_ + Bench::trips(); trip_ < end; ++trip_) {
+      Sides& sides = *sides_[trip_ % sides_.size()];
+      const std::size_t led = isShared_ ? trip_ % leds() : trip_ / sides_.size() % kLedsEach;
+      const std::size_t round = 1 + trip_ / leds();  // fill() was the first
+      const std::string request = setRequest(led, steady((led + round) % kPins));
       const double start = now();
       sides.writer.send(request);
       sides.watcher.readLine();
@@ -67,9 +68,6 @@ class Fleet {
     Client writer, watcher;
   };
 
-  std::size_t ledOf(std::size_t trip) const {
-    return isShared_ ? trip % leds() : trip / sides_.size() % kLedsEach;
-  }
   // The watches of the other hosts have the pins as well.
   void drain(const Sides& of) {
     for (const auto& each : sides_)
@@ -77,6 +75,7 @@ class Fleet {
   }
 
   const bool isShared_;
+  std::size_t trip_ = 0;
   const RedisServer server_;
   std::vector<std::unique_ptr<RunningHost>> hosts_;
   std::vector<std::unique_ptr<Sides>> sides_;

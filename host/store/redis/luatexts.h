@@ -4,17 +4,18 @@
 namespace Host::Redis {
 
 // KEYS: meta, log, then the directories of the steps, in the order of the steps that need them first.
-// ARGV: the generation, or where there is none "+" and a new one; fence:UUID; origin; delta; the log's length, or
-// nothing where it need not be cut; P; known; the count of claims, claim:MOUNT and a token for each; then the steps:
+// ARGV: the generation, or where there is none "+" and a new one; fence:UUID; origin; delta; the log's
+// length, or nothing where it need not be cut; P; known; the count of claims, claim:MOUNT and a token for
+// each; then the steps:
 //     e, expected text of every entity, then a field and a value each: alone, in the first directory
 //     p, KEYS index, count of entities, count of values, names, expected texts, then a field and a value each
 //     u, KEYS index, name, attribute
 //     d, KEYS index, name
 //     r, KEYS index, name: as d, for an entity that makes room for one of another type
 //
-// `shape`, in meta, is the last revision that made or removed an entity or added or removed an attribute. `known` is
-// a revision for which the writer knows all entities, where there is one step and it changes values only; else 0.
-// Each word costs about a hundredth of a short write.
+// `shape`, in meta, is the last revision that made or removed an entity or added or removed an attribute.
+// `known` is a revision for which the writer knows all entities, where there is one step and it changes
+// values only; else 0. Each word costs about a hundredth of a short write.
 inline constexpr const char* kWriteScript = R"lua(
 local ARGV, redis = ARGV, redis
 local origin, own = ARGV[3], ARGV[6]

@@ -382,9 +382,16 @@ void RedisStore::ask(Call call, const std::string& mount) {
     else if (refusal == Refusal::claimed)
       claims_.onFenced(mount);
     else
-      claims_.onFailed(mount, now());
+      onClaimRefused(mount, reply);
     session_.flush();
   });
+}
+
+void RedisStore::onClaimRefused(const std::string& mount, const Reply& error) {
+  claims_.onFailed(mount, now());
+  if (claimRefusals_.insert(mount).second)
+    report("the server refuses the claim of '" + mount + "': " + error.text + ": " +
+           refusalText(error.refusal()) + "; trying until it does not");
 }
 
 void RedisStore::read() {
@@ -413,6 +420,7 @@ void RedisStore::sweep(const std::string& mount, const Claim& seen) {
 void RedisStore::onOwned(const std::string& mount) {
   if (standby_.erase(mount) > 0) report("'" + mount + "' is published by this process now");
   ownedFor_[mount] = 0;
+  claimRefusals_.erase(mount);
   session_.prepare(releaseCall(volatileKeys_, mount, {}));  // the last call of a process must not wait
   keep(mount);
   Records shown;

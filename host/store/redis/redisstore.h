@@ -95,6 +95,7 @@ class RedisStore final : public Statedb::Store, private Session::Owner, private 
 
   void onClaimsRead();
   void ask(Call call, const std::string& mount);
+  void onClaimRefused(const std::string& mount, const Reply& error);
   void tick();
   void reportSynced();
   Token tokenOf(Statedb::Path mount) const { return claims_.ownedToken(mount.text()); }
@@ -121,6 +122,7 @@ class RedisStore final : public Statedb::Store, private Session::Owner, private 
   std::string who_;  // this process, for people
   std::vector<std::string> mounts_;
   std::set<std::string> standby_;        // reported so
+  std::set<std::string> claimRefusals_;  // reported, until they are owned
   std::map<std::string, int> ownedFor_;  // ticks
   // The volatile rows under mounts of others that are shown although the server, restarted, lacks them.
   std::map<Statedb::Path, std::deque<Statedb::Record>> kept_;

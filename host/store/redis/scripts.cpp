@@ -258,7 +258,7 @@ void Caller::send(Waiting waiting) {
   connection_.request(words, [this, shared](const Reply& reply) {
     if (reply.refusal() != Refusal::noScript) return shared->then(reply);
     if (!hashes_[shared->call.script].empty()) load(*shared->call.script);
-    refused_.push_back(std::move(*shared));
+    shared->call.isRepeatable ? refused_.push_back(std::move(*shared)) : shared->then(reply);
   });
 }
 

@@ -33,6 +33,7 @@ struct Script {
 struct Call {
   const Script* script = nullptr;
   std::vector<std::string> words{};
+  bool isRepeatable = true;  // may be carried out after later calls of the same script
 };
 
 // Calls scripts over a connection. Loads each at its first call, and again where the server forgot it. Calls
@@ -47,6 +48,7 @@ class Caller {
   explicit Caller(Connection& connection) : connection_(connection) {}
 
   // `then` gets the reply, errors included; it may not destroy the caller. Does nothing while not connected.
+  // A call that is not repeatable gets NOSCRIPT where the server forgot its script: it may be called again.
   void call(Call call, Connection::OnReply then);
   // Loads the script of a call, so that the call itself goes out at once.
   void prepare(const Call& call);

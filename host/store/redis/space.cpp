@@ -215,11 +215,12 @@ void Space::send(Sequence sequence) {
                              .inTheWay = write.inTheWay};
   Known known = line_.known();
   known.revision = state().tip;
-  line_.caller.call(writeCall(line_.url.prefix, durability_, write.changes, options, known),
-                    [this, sequence](const Reply& reply) {
-                      onAnswer(sequence, reply);
-                      line_.onStep();
-                    });
+  Call call = writeCall(line_.url.prefix, durability_, write.changes, options, known);
+  call.isRepeatable = false;
+  line_.caller.call(std::move(call), [this, sequence](const Reply& reply) {
+    onAnswer(sequence, reply);
+    line_.onStep();
+  });
 }
 
 void Space::onAnswer(Sequence sequence, const Reply& reply) {
@@ -232,6 +233,8 @@ void Space::onAnswer(Sequence sequence, const Reply& reply) {
       return onOtherGeneration(sequence, found->second, reply);
     case Refusal::otherType:
       return onOtherType(sequence, found->second, reply);
+    case Refusal::noScript:
+      return onForgotten(sequence, reply);
     case Refusal::readOnly:
     case Refusal::masterDown:
     case Refusal::loading:  // it is another server now: the write is settled by what that one has
@@ -268,6 +271,12 @@ void Space::onOtherType(Sequence sequence, Write& write, const Reply& error) {
   if (sequence != newest_) return giveBack(sequence);
   write.inTheWay.push_back(*path);
   send(sequence);
+}
+
+// Another process may have loaded the script again before later writes arrived.
+void Space::onForgotten(Sequence sequence, const Reply& error) {
+  if (sequence == newest_) return send(sequence);
+  durability_ == Durability::volatile_ ? giveBack(sequence) : onRefused(sequence, error);
 }
 
 void Space::onRefused(Sequence sequence, const Reply& error) {

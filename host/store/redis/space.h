@@ -102,6 +102,7 @@ class Space final : Follower::Output, Scan::Owner {
   void onWritten(Sequence sequence, const Written& written);
   void onOtherGeneration(Sequence sequence, Write& write, const Reply& error);
   void onOtherType(Sequence sequence, Write& write, const Reply& error);
+  void onForgotten(Sequence sequence, const Reply& error);
   void sendAgain(Sequence sequence);
   void giveBack(Sequence sequence);
   void onRefused(Sequence sequence, const Reply& error);

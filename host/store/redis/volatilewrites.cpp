@@ -61,10 +61,7 @@ void VolatileWrites::onSettled(Sequence sequence, Outcome outcome) {
   parts_.erase(found);
   Sending& sending = sending_[mount];
   --sending.underWay;
-  if (outcome == Outcome::applied)
-    wasReported_ = false;
-  else
-    sending.isPostponed = true;
+  if (outcome != Outcome::applied) sending.isPostponed = true;
   ended(mount);
 }
 
@@ -109,7 +106,8 @@ void VolatileWrites::onLost() {
 }
 
 void VolatileWrites::check() {
-  isPostponed_ = false;
+  const bool isRefusing = std::exchange(isPostponed_, false);
+  if (!isRefusing && std::exchange(wasReported_, false)) report_("takes what is published again");
   send();
 }
 

@@ -10,10 +10,9 @@ Control::Peer::Peer(Served& served, const std::shared_ptr<Connection>& theConnec
       caller(served, theConnection->peerPid(),
              [raw = theConnection.get()](const std::string& line) { raw->send(line); }) {}
 
-Control::Control(Loop&, Listener& listener, Served& served) : served_(served), methods_(served) {
-  listener.start([this](uv_stream_t* stream) {
-    if (const auto connection = Connection::accept(stream, *this)) add(connection);
-  });
+Control::Control(Listener& listener, Served& served, const ClientLimits& limits)
+    : served_(served), methods_(served), limits_(limits) {
+  listener.start([this](uv_stream_t* stream) { accept(stream); });
 }
 
 namespace {
@@ -36,6 +35,25 @@ Control::Control(Loop& loop, int client, Served& served)
 
 Control::~Control() {
   for (auto& [connection, peer] : peers_) peer->connection->close();
+}
+
+void Control::accept(uv_stream_t* listener) {
+  const auto connection = Connection::accept(listener, *this);
+  if (!connection) return;
+  const std::string refusal = refusalOf(*connection);
+  if (refusal.empty()) return add(connection);
+  connection->refuse(errorText({}, RpcError(RpcCode::refused, refusal)));
+}
+
+std::string Control::refusalOf(const Connection& connection) const {
+  if (served_.clients >= limits_.clients)
+    return "the host serves " + std::to_string(limits_.clients) +
+           " clients at most (--max-clients), and has as many; end one, or try again later";
+  if (connection.descriptor() >= limits_.descriptors)
+    return "the host keeps the file descriptors that are left, from number " +
+           std::to_string(limits_.descriptors) +
+           " on, for itself; end a client, or raise its limit of open files (LimitNOFILE=)";
+  return {};
 }
 
 void Control::add(const std::shared_ptr<Connection>& connection) {

@@ -11,6 +11,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "host/control/clientlimits.h"
 #include "host/control/listener.h"
 #include "host/control/methods.h"
 #include "host/io/connection.h"
@@ -20,8 +21,8 @@ namespace Host {
 
 class Control final : private Connection::Owner {
  public:
-  // Starts listening. All three arguments must outlive the server.
-  Control(Loop& loop, Listener& listener, Served& served);
+  // Starts listening. `listener` and `served` must outlive the server.
+  Control(Listener& listener, Served& served, const ClientLimits& limits);
   // Serves only the process at the other end of the connected socket `client`, which it closes at its end,
   // and stops the loop when that process is gone. Throws StartError if it is not such a socket.
   Control(Loop& loop, int client, Served& served);
@@ -59,6 +60,9 @@ class Control final : private Connection::Owner {
   // beyond which their clients are not read.
   static constexpr std::size_t kWaitingLimit = 1 << 20;
 
+  void accept(uv_stream_t* listener);
+  // Why a new client is refused; empty where it is not.
+  std::string refusalOf(const Connection& connection) const;
   void add(const std::shared_ptr<Connection>& connection);
   void onLine(Connection& connection, std::string_view line) override;
   void onOversizedLine(Connection& connection) override;
@@ -76,6 +80,7 @@ class Control final : private Connection::Owner {
 
   Served& served_;
   const Methods methods_;
+  const ClientLimits limits_{};
   Loop* const stopped_ = nullptr;  // by the end of a client
   std::map<const Connection*, std::unique_ptr<Peer>> peers_;
   std::vector<const Connection*> closed_;  // freed at the end of the round

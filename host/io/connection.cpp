@@ -49,12 +49,16 @@ Connection::Connection(UvHandle<uv_pipe_t> pipe, Owner& owner, std::size_t lineL
   startReading();
 }
 
+int Connection::descriptor() const {
+  uv_os_fd_t number;
+  if (closed() || uv_fileno(reinterpret_cast<uv_handle_t*>(pipe_.get()), &number) != 0) return -1;
+  return number;
+}
+
 std::int64_t Connection::peerPid() const {
-  uv_os_fd_t descriptor;
   ucred peer{};
   socklen_t size = sizeof peer;
-  if (closed() || uv_fileno(reinterpret_cast<uv_handle_t*>(pipe_.get()), &descriptor) != 0) return 0;
-  return ::getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
+  return ::getsockopt(descriptor(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
 }
 
 void Connection::startReading() {
@@ -153,6 +157,12 @@ void Connection::close() {
   pipe_.reset();
   outgoing_ = {};
   owner_.onClosed(*this);
+}
+
+void Connection::refuse(std::string_view line) {
+  send(line);
+  writeAtOnce();
+  pipe_.reset();
 }
 
 }  // namespace Host

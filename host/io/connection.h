@@ -54,6 +54,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
   ~Connection();
 
   bool closed() const { return !pipe_; }
+  // The number of its file descriptor; -1 once closed.
+  int descriptor() const;
   // The process id of the peer, from the kernel; 0 if unknown.
   std::int64_t peerPid() const;
   // Queues a line, given without its newline, for flush(). Does nothing once the connection is closed.
@@ -65,6 +67,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // Stops reading, and closes once all output is sent.
   void end();
   void close();
+  // Sends one line as far as the socket accepts it, and closes without a call to the owner.
+  void refuse(std::string_view line);
 
  private:
   struct Write;

@@ -19,11 +19,11 @@ Host::Host(const Options& options)
                        [this](const std::string& text) { activity_.post([this, text] { report(text); }); })),
       listener_(options.client ? nullptr : std::make_unique<Listener>(loop_, options.socket)),
       manager_(Zel::allocate<Statedb::EntityManager>(*store_)),
-      served_{
-          .store = *store_,
-          .manager = *manager_,
-          .objects = {[this] { return roots(); }, [this] { return manager_->root(); },
-                      options.allowObjectWrites ? Objects::Access::writable : Objects::Access::readOnly}} {
+      served_{.store = *store_,
+              .manager = *manager_,
+              .objects = {[this] { return roots(); }, [this] { return manager_->root(); },
+                          options.allowObjectWrites ? Objects::Access::writable : Objects::Access::readOnly},
+              .report = [this](const std::string& text) { report(text); }} {
   manager_->reportIs([this](const std::string& text) { report(text); });
   isQuiet_ = options.client && !store_->state().isReached;
   try {

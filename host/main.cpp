@@ -70,8 +70,8 @@ void describe(CLI::App& app, CommandLine& line) {
       ->type_name("PATH")
       ->capture_default_str();
   app.add_option("--max-clients", line.host.maxClients,
-                 "clients of the socket at a time (default: 1000, or three quarters of the files that the "
-                 "process may open where that is less)")
+                 "clients of the socket at a time (default: 1000, and fewer where the process may "
+                 "open few files)")
       ->type_name("N")
       ->check(CLI::PositiveNumber);
   app.add_flag("--allow-object-writes", line.host.allowObjectWrites,

@@ -29,7 +29,7 @@ ClientLimits ClientLimits::ofProcess(std::optional<std::size_t> clients) {
                      " at most, for the process may open " + std::to_string(files) + " files and keeps " +
                      std::to_string(kept) +
                      " of them for itself; raise that limit (ulimit -n, LimitNOFILE=)");
-  return {clients.value_or(std::min(most, kMostClients)), static_cast<int>(most)};
+  return {.clients = clients.value_or(std::min(most, kMostClients)), .descriptors = static_cast<int>(most)};
 }
 
 }  // namespace Host

@@ -20,6 +20,9 @@ struct ClientLimits {
   // No client gets a descriptor from this number on. The kernel assigns the lowest free number, so those
   // above are free, or the host's own.
   int descriptors = std::numeric_limits<int>::max();
+  // Bytes of unfinished messages and unsent output that the clients hold together, beside those of the client
+  // that holds the most: that one alone may be sent an answer of any length.
+  std::size_t memory = 64 << 20;
 };
 
 }  // namespace Host

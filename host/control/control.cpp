@@ -1,5 +1,7 @@
 #include "host/control/control.h"
 
+#include <algorithm>
+
 #include "host/io/starterror.h"
 #include "platform/zel/notify/activity.h"
 
@@ -66,6 +68,25 @@ void Control::onClosed(Connection& connection) {
   peers_.at(&connection)->caller.process.withdraw();
   --served_.clients;
   if (stopped_) stopped_->stop();
+}
+
+void Control::onHeld(std::ptrdiff_t more) {
+  memory_ += static_cast<std::size_t>(more);
+  while (more > 0 && memory_ > limits_.memory) {
+    const Peer& peer = largest();
+    const std::size_t held = peer.connection->held();
+    if (memory_ - held <= limits_.memory) return;
+    disconnections_.add("a client (pid " + std::to_string(peer.caller.pid) + ") is disconnected: it held " +
+                        std::to_string(held) +
+                        " bytes of unread answers and unfinished messages, the most of " +
+                        std::to_string(served_.clients) + " clients, which hold " + std::to_string(memory_));
+    peer.connection->close();
+  }
+}
+
+const Control::Peer& Control::largest() const {
+  const auto held = [](const auto& each) { return each.first->held(); };
+  return *std::ranges::max_element(peers_, {}, held)->second;
 }
 
 void Control::onLine(Connection& connection, std::string_view line) {

@@ -14,6 +14,7 @@
 #include "host/control/clientlimits.h"
 #include "host/control/listener.h"
 #include "host/control/methods.h"
+#include "host/control/sparselog.h"
 #include "host/io/connection.h"
 #include "host/rpc/rpc.h"
 
@@ -64,9 +65,11 @@ class Control final : private Connection::Owner {
   // Why a new client is refused; empty where it is not.
   std::string refusalOf(const Connection& connection) const;
   void add(const std::shared_ptr<Connection>& connection);
+  const Peer& largest() const;
   void onLine(Connection& connection, std::string_view line) override;
   void onOversizedLine(Connection& connection) override;
   void onClosed(Connection& connection) override;
+  void onHeld(std::ptrdiff_t more) override;
 
   // Returns the answer's text. Commits first if the method reads rows.
   std::string execute(Peer& peer, const Request& request, bool& wrote);
@@ -84,6 +87,8 @@ class Control final : private Connection::Owner {
   Loop* const stopped_ = nullptr;  // by the end of a client
   std::map<const Connection*, std::unique_ptr<Peer>> peers_;
   std::vector<const Connection*> closed_;  // freed at the end of the round
+  std::size_t memory_ = 0;                 // bytes that the connections hold
+  SparseLog disconnections_{served_.report};
   std::vector<Answer> answers_;
   std::size_t waiting_ = 0;  // bytes of `answers_`
   std::deque<Answer>

@@ -84,6 +84,7 @@ void Connection::onRead(ssize_t size, const char* bytes) {
     return !closed() && !ending_;
   };
   lines_.take({bytes, static_cast<std::size_t>(size)}, line);
+  updateHeld();
   if (!lines_.oversized() || closed()) return;
   owner_.onOversizedLine(*this);
   end();
@@ -109,11 +110,19 @@ void Connection::send(std::string_view line) {
   if (waiting() > kWaitingLimit) return close();
   outgoing_.append(line);
   outgoing_ += '\n';
+  updateHeld();
+}
+
+void Connection::updateHeld() {
+  const std::size_t now = closed() ? 0 : lines_.partial() + waiting();
+  const auto before = static_cast<std::ptrdiff_t>(std::exchange(held_, now));
+  if (const auto more = static_cast<std::ptrdiff_t>(now) - before; more != 0) owner_.onHeld(more);
 }
 
 void Connection::flush() {
   if (closed()) return;
   if (!outgoing_.empty() && !writeAtOnce()) return close();
+  updateHeld();
   if (!outgoing_.empty()) return writeLater();
   if (ending_ && waiting() == 0) close();
 }
@@ -143,6 +152,7 @@ void Connection::writeLater() {
 
 void Connection::onWritten(bool failed) {
   if (closed()) return;
+  updateHeld();
   if (failed || (ending_ && waiting() == 0)) close();
 }
 
@@ -156,6 +166,8 @@ void Connection::close() {
   if (closed()) return;
   pipe_.reset();
   outgoing_ = {};
+  lines_.clear();
+  updateHeld();
   owner_.onClosed(*this);
 }
 
@@ -163,6 +175,7 @@ void Connection::refuse(std::string_view line) {
   send(line);
   writeAtOnce();
   pipe_.reset();
+  updateHeld();
 }
 
 }  // namespace Host

@@ -178,6 +178,20 @@ TEST_F(ControlTest, AClientBeyondTheLimitIsRefusedUntilAnotherEnds) {
   EXPECT_TRUE(call(fourth, "hello").contains("result"));
 }
 
+TEST_F(ControlTest, TheClientThatHoldsTheMostMemoryIsDisconnectedFirst) {
+  host.listen(loop, socket, {.memory = 1'000'000});
+  Client large(socket);
+  send(large, std::string(900'000, ' '));
+  std::vector<std::unique_ptr<Client>> small;
+  for (int i = 0; i < 6; ++i) {
+    EXPECT_FALSE(large.line() || large.ended());
+    small.push_back(std::make_unique<Client>(socket));
+    send(*small.back(), std::string(190'000, ' '));
+  }
+  EXPECT_EQ(next(large), nullptr);
+  for (const auto& client : small) EXPECT_TRUE(call(*client, "hello").contains("result"));
+}
+
 TEST_F(ControlTest, DisconnectingDuringARequestLeavesNothingBehind) {
   {
     Client client(socket);

@@ -19,17 +19,17 @@ Host::Host(const Options& options)
                        [this](const std::string& text) { activity_.post([this, text] { report(text); }); })),
       listener_(options.client ? nullptr : std::make_unique<Listener>(loop_, options.socket)),
       manager_(Zel::allocate<Statedb::EntityManager>(*store_)),
-      served_{
-          .store = *store_,
-          .manager = *manager_,
-          .objects = {[this] { return roots(); }, [this] { return manager_->root(); },
-                      options.allowObjectWrites ? Objects::Access::writable : Objects::Access::readOnly}} {
+      served_{.store = *store_,
+              .manager = *manager_,
+              .objects = {[this] { return roots(); }, [this] { return manager_->root(); },
+                          options.allowObjectWrites ? Objects::Access::writable : Objects::Access::readOnly},
+              .report = [this](const std::string& text) { report(text); }} {
   manager_->reportIs([this](const std::string& text) { report(text); });
   isQuiet_ = options.client && !store_->state().isReached;
   try {
     for (const std::string& library : options.types) types_.emplace_back(library);
     loadAgents(options.agents);
-    control_ = makeControl(options.client);
+    control_ = makeControl(options);
     if (options.whenLost && !store_->state().canBeLost)
       throw StartError("--when-lost: the state database " + store_->url() +
                        " is kept by this process and can't be lost; leave the option out");
@@ -59,9 +59,9 @@ void Host::shutDown() {
   types_.clear();
 }
 
-std::unique_ptr<Control> Host::makeControl(const std::optional<int>& client) {
-  return client ? std::make_unique<Control>(loop_, *client, served_)
-                : std::make_unique<Control>(loop_, *listener_, served_);
+std::unique_ptr<Control> Host::makeControl(const Options& options) {
+  if (options.client) return std::make_unique<Control>(loop_, *options.client, served_);
+  return std::make_unique<Control>(*listener_, served_, ClientLimits::ofProcess(options.maxClients));
 }
 
 void Host::loadAgents(const std::vector<AgentOption>& options) {

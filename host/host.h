@@ -22,6 +22,7 @@ struct Options {
   std::vector<AgentOption> agents;
   std::vector<std::string> types;  // libraries to load for the types of entities that they register
   std::string socket = "/run/pinlamp/control.sock";
+  std::optional<std::size_t> maxClients{};  // of the socket, at a time; default: see ClientLimits
   std::optional<int> client{};  // serve only the client at the other end of this socket, and end with it
   std::optional<Fallback> whenLost{};
   bool allowObjectWrites = false;  // whether clients of the socket may set, delete and invoke live objects
@@ -49,7 +50,7 @@ class Host {
   void loadAgents(const std::vector<AgentOption>& options);
   // Says which process this is, and what its agents publish, to whoever keeps the state.
   void announce();
-  std::unique_ptr<Control> makeControl(const std::optional<int>& client);
+  std::unique_ptr<Control> makeControl(const Options& options);
   std::vector<Objects::Root> roots() const;
   void report(const std::string& text);
   double turn();

@@ -69,6 +69,11 @@ void describe(CLI::App& app, CommandLine& line) {
   app.add_option("--socket", line.host.socket, "the control socket")
       ->type_name("PATH")
       ->capture_default_str();
+  app.add_option("--max-clients", line.host.maxClients,
+                 "clients of the socket at a time (default: 1000, and fewer where the process may "
+                 "open few files)")
+      ->type_name("N")
+      ->check(CLI::PositiveNumber);
   app.add_flag("--allow-object-writes", line.host.allowObjectWrites,
                "let clients of the socket set, delete and invoke live objects, not only read them; for "
                "trials, as a wrong "

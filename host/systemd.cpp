@@ -6,9 +6,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <system_error>
+
+#include "host/io/starterror.h"
 
 namespace Host {
 
@@ -28,29 +32,40 @@ std::optional<std::uint64_t> halfOfWatchdog() {
   return std::max<std::uint64_t>(microseconds / 2000, 1);
 }
 
+int opened(const std::string& path) {
+  if (path.empty() || path.size() >= sizeof sockaddr_un{}.sun_path) return -1;
+  const int descriptor = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (descriptor < 0)
+    throw StartError("a socket to notify '" + path +
+                     "' can't be opened: " + std::generic_category().message(errno));
+  const timeval oneSecond{1, 0};
+  ::setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &oneSecond, sizeof oneSecond);
+  return descriptor;
+}
+
 }  // namespace
 
-ServiceManager::ServiceManager() : socket_(environment("NOTIFY_SOCKET")), watchdog_(halfOfWatchdog()) {}
+ServiceManager::ServiceManager()
+    : path_(environment("NOTIFY_SOCKET")), descriptor_(opened(path_)), watchdog_(halfOfWatchdog()) {}
+
+ServiceManager::~ServiceManager() {
+  if (descriptor_ >= 0) ::close(descriptor_);
+}
 
 void ServiceManager::notify(const std::string& state) const { send(state, 0); }
 
 void ServiceManager::notifyWatchdog() const { send("WATCHDOG=1", MSG_DONTWAIT); }
 
 void ServiceManager::send(const std::string& state, int flags) const {
+  if (descriptor_ < 0) return;
   sockaddr_un address{};
-  if (socket_.empty() || socket_.size() >= sizeof address.sun_path) return;
   address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path, socket_.data(), socket_.size());
+  std::memcpy(address.sun_path, path_.data(), path_.size());
   // An abstract name is written with an '@' in place of its leading NUL.
   if (address.sun_path[0] == '@') address.sun_path[0] = '\0';
-  const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + socket_.size());
-  const int descriptor = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (descriptor < 0) return;
-  const timeval oneSecond{1, 0};
-  ::setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &oneSecond, sizeof oneSecond);
-  ::sendto(descriptor, state.data(), state.size(), MSG_NOSIGNAL | flags,
+  const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path_.size());
+  ::sendto(descriptor_, state.data(), state.size(), MSG_NOSIGNAL | flags,
            reinterpret_cast<const sockaddr*>(&address), size);
-  ::close(descriptor);
 }
 
 }  // namespace Host

@@ -9,8 +9,12 @@ namespace Host {
 
 class ServiceManager {
  public:
-  // From NOTIFY_SOCKET, WATCHDOG_USEC and WATCHDOG_PID.
+  // From NOTIFY_SOCKET, WATCHDOG_USEC and WATCHDOG_PID. Keeps one socket open, so that a notification needs
+  // no free file descriptor. Throws StartError if there is none left for it.
   ServiceManager();
+  ~ServiceManager();
+  ServiceManager(const ServiceManager&) = delete;
+  ServiceManager& operator=(const ServiceManager&) = delete;
 
   // Sends one state ("READY=1"); does nothing without a service manager. Waits up to a second for room in
   // the manager's queue: a lost READY=1 or STOPPING=1 is never repeated.
@@ -23,8 +27,9 @@ class ServiceManager {
  private:
   void send(const std::string& state, int flags) const;
 
-  std::string socket_;
-  std::optional<std::uint64_t> watchdog_;
+  const std::string path_;
+  const int descriptor_;  // -1: no service manager
+  const std::optional<std::uint64_t> watchdog_;
 };
 
 }  // namespace Host

@@ -21,11 +21,11 @@ class ServedStore {
     listen(loop, socket);
   }
   // Closes the existing connections.
-  void listen(Host::Loop& loop, const std::string& socket) {
+  void listen(Host::Loop& loop, const std::string& socket, const Host::ClientLimits& limits = {}) {
     control_ = nullptr;
     listener_ = nullptr;
     listener_ = std::make_unique<Host::Listener>(loop, socket);
-    control_ = std::make_unique<Host::Control>(loop, *listener_, served_);
+    control_ = std::make_unique<Host::Control>(*listener_, served_, limits);
   }
   void turn() {
     control_->commit();

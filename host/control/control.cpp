@@ -1,5 +1,7 @@
 #include "host/control/control.h"
 
+#include <algorithm>
+
 #include "host/io/starterror.h"
 #include "platform/zel/notify/activity.h"
 
@@ -10,10 +12,9 @@ Control::Peer::Peer(Served& served, const std::shared_ptr<Connection>& theConnec
       caller(served, theConnection->peerPid(),
              [raw = theConnection.get()](const std::string& line) { raw->send(line); }) {}
 
-Control::Control(Loop&, Listener& listener, Served& served) : served_(served), methods_(served) {
-  listener.start([this](uv_stream_t* stream) {
-    if (const auto connection = Connection::accept(stream, *this)) add(connection);
-  });
+Control::Control(Listener& listener, Served& served, const ClientLimits& limits)
+    : served_(served), methods_(served), limits_(limits) {
+  listener.start([this](uv_stream_t* stream) { accept(stream); });
 }
 
 namespace {
@@ -38,6 +39,25 @@ Control::~Control() {
   for (auto& [connection, peer] : peers_) peer->connection->close();
 }
 
+void Control::accept(uv_stream_t* listener) {
+  const auto connection = Connection::accept(listener, *this);
+  if (!connection) return;
+  const std::string refusal = refusalOf(*connection);
+  if (refusal.empty()) return add(connection);
+  connection->refuse(errorText({}, RpcError(RpcCode::refused, refusal)));
+}
+
+std::string Control::refusalOf(const Connection& connection) const {
+  if (served_.clients >= limits_.clients)
+    return "the host serves " + std::to_string(limits_.clients) +
+           " clients at most (--max-clients), and has as many; end one, or try again later";
+  if (connection.descriptor() >= limits_.descriptors)
+    return "the host keeps the file descriptors that are left, from number " +
+           std::to_string(limits_.descriptors) +
+           " on, for itself; end a client, or raise its limit of open files (LimitNOFILE=)";
+  return {};
+}
+
 void Control::add(const std::shared_ptr<Connection>& connection) {
   peers_.emplace(connection.get(), std::make_unique<Peer>(served_, connection));
   ++served_.clients;
@@ -48,6 +68,25 @@ void Control::onClosed(Connection& connection) {
   peers_.at(&connection)->caller.process.withdraw();
   --served_.clients;
   if (stopped_) stopped_->stop();
+}
+
+void Control::onHeld(std::ptrdiff_t more) {
+  memory_ += static_cast<std::size_t>(more);
+  while (more > 0 && memory_ > limits_.memory) {
+    const Peer& peer = largest();
+    const std::size_t held = peer.connection->held();
+    if (memory_ - held <= limits_.memory) return;
+    disconnections_.add("a client (pid " + std::to_string(peer.caller.pid) + ") is disconnected: it held " +
+                        std::to_string(held) +
+                        " bytes of unread answers and unfinished messages, the most of " +
+                        std::to_string(served_.clients) + " clients, which hold " + std::to_string(memory_));
+    peer.connection->close();
+  }
+}
+
+const Control::Peer& Control::largest() const {
+  const auto held = [](const auto& each) { return each.first->held(); };
+  return *std::ranges::max_element(peers_, {}, held)->second;
 }
 
 void Control::onLine(Connection& connection, std::string_view line) {

@@ -11,8 +11,10 @@
 #include <unordered_map>
 #include <vector>
 
+#include "host/control/clientlimits.h"
 #include "host/control/listener.h"
 #include "host/control/methods.h"
+#include "host/control/sparselog.h"
 #include "host/io/connection.h"
 #include "host/rpc/rpc.h"
 
@@ -20,8 +22,8 @@ namespace Host {
 
 class Control final : private Connection::Owner {
  public:
-  // Starts listening. All three arguments must outlive the server.
-  Control(Loop& loop, Listener& listener, Served& served);
+  // Starts listening. `listener` and `served` must outlive the server.
+  Control(Listener& listener, Served& served, const ClientLimits& limits);
   // Serves only the process at the other end of the connected socket `client`, which it closes at its end,
   // and stops the loop when that process is gone. Throws StartError if it is not such a socket.
   Control(Loop& loop, int client, Served& served);
@@ -59,10 +61,15 @@ class Control final : private Connection::Owner {
   // beyond which their clients are not read.
   static constexpr std::size_t kWaitingLimit = 1 << 20;
 
+  void accept(uv_stream_t* listener);
+  // Why a new client is refused; empty where it is not.
+  std::string refusalOf(const Connection& connection) const;
   void add(const std::shared_ptr<Connection>& connection);
+  const Peer& largest() const;
   void onLine(Connection& connection, std::string_view line) override;
   void onOversizedLine(Connection& connection) override;
   void onClosed(Connection& connection) override;
+  void onHeld(std::ptrdiff_t more) override;
 
   // Returns the answer's text. Commits first if the method reads rows.
   std::string execute(Peer& peer, const Request& request, bool& wrote);
@@ -76,9 +83,12 @@ class Control final : private Connection::Owner {
 
   Served& served_;
   const Methods methods_;
+  const ClientLimits limits_{};
   Loop* const stopped_ = nullptr;  // by the end of a client
   std::map<const Connection*, std::unique_ptr<Peer>> peers_;
   std::vector<const Connection*> closed_;  // freed at the end of the round
+  std::size_t memory_ = 0;                 // bytes that the connections hold
+  SparseLog disconnections_{served_.report};
   std::vector<Answer> answers_;
   std::size_t waiting_ = 0;  // bytes of `answers_`
   std::deque<Answer>

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <span>
 #include <string>
@@ -29,6 +30,7 @@ struct Served {
   std::string lastRefusal{};
   std::size_t clients = 0;
   double started = Zel::System::currentTime();
+  std::function<void(const std::string&)> report = [](const std::string&) {};  // logs it
 };
 
 // One client of the control socket.

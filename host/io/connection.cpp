@@ -49,12 +49,16 @@ Connection::Connection(UvHandle<uv_pipe_t> pipe, Owner& owner, std::size_t lineL
   startReading();
 }
 
+int Connection::descriptor() const {
+  uv_os_fd_t number;
+  if (closed() || uv_fileno(reinterpret_cast<uv_handle_t*>(pipe_.get()), &number) != 0) return -1;
+  return number;
+}
+
 std::int64_t Connection::peerPid() const {
-  uv_os_fd_t descriptor;
   ucred peer{};
   socklen_t size = sizeof peer;
-  if (closed() || uv_fileno(reinterpret_cast<uv_handle_t*>(pipe_.get()), &descriptor) != 0) return 0;
-  return ::getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
+  return ::getsockopt(descriptor(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
 }
 
 void Connection::startReading() {
@@ -80,6 +84,7 @@ void Connection::onRead(ssize_t size, const char* bytes) {
     return !closed() && !ending_;
   };
   lines_.take({bytes, static_cast<std::size_t>(size)}, line);
+  updateHeld();
   if (!lines_.oversized() || closed()) return;
   owner_.onOversizedLine(*this);
   end();
@@ -105,11 +110,19 @@ void Connection::send(std::string_view line) {
   if (waiting() > kWaitingLimit) return close();
   outgoing_.append(line);
   outgoing_ += '\n';
+  updateHeld();
+}
+
+void Connection::updateHeld() {
+  const std::size_t now = closed() ? 0 : lines_.partial() + waiting();
+  const auto before = static_cast<std::ptrdiff_t>(std::exchange(held_, now));
+  if (const auto more = static_cast<std::ptrdiff_t>(now) - before; more != 0) owner_.onHeld(more);
 }
 
 void Connection::flush() {
   if (closed()) return;
   if (!outgoing_.empty() && !writeAtOnce()) return close();
+  updateHeld();
   if (!outgoing_.empty()) return writeLater();
   if (ending_ && waiting() == 0) close();
 }
@@ -139,6 +152,7 @@ void Connection::writeLater() {
 
 void Connection::onWritten(bool failed) {
   if (closed()) return;
+  updateHeld();
   if (failed || (ending_ && waiting() == 0)) close();
 }
 
@@ -152,7 +166,16 @@ void Connection::close() {
   if (closed()) return;
   pipe_.reset();
   outgoing_ = {};
+  lines_.clear();
+  updateHeld();
   owner_.onClosed(*this);
+}
+
+void Connection::refuse(std::string_view line) {
+  send(line);
+  writeAtOnce();
+  pipe_.reset();
+  updateHeld();
 }
 
 }  // namespace Host

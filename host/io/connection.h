@@ -21,6 +21,9 @@ class Lines {
   // Calls `line` for each complete line. Returns false and drops the rest if a line exceeds the limit or
   // `line` returns false.
   bool take(std::string_view bytes, const std::function<bool(std::string_view)>& line);
+  // Bytes of the line that is not complete yet.
+  std::size_t partial() const { return partial_.size(); }
+  void clear() { partial_ = {}; }
   // Whether a line over the limit stopped the last take().
   bool oversized() const { return oversized_; }
 
@@ -42,6 +45,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
     virtual void onOversizedLine(Connection& connection) = 0;
     // The connection is closed. This is its last call.
     virtual void onClosed(Connection& connection) = 0;
+    // held() has changed by so much. May close any connection.
+    virtual void onHeld(std::ptrdiff_t) {}
 
    protected:
     ~Owner() = default;
@@ -54,6 +59,10 @@ class Connection : public std::enable_shared_from_this<Connection> {
   ~Connection();
 
   bool closed() const { return !pipe_; }
+  // The number of its file descriptor; -1 once closed.
+  int descriptor() const;
+  // Bytes of memory for an incomplete line and unsent output.
+  std::size_t held() const { return held_; }
   // The process id of the peer, from the kernel; 0 if unknown.
   std::int64_t peerPid() const;
   // Queues a line, given without its newline, for flush(). Does nothing once the connection is closed.
@@ -65,12 +74,14 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // Stops reading, and closes once all output is sent.
   void end();
   void close();
+  // Sends one line as far as the socket accepts it, and closes without a call to the owner.
+  void refuse(std::string_view line);
 
  private:
   struct Write;
 
   // Bytes of output buffer that a connection keeps between writes.
-  static constexpr std::size_t kKeptCapacity = 64 << 10;
+  static constexpr std::size_t kKeptCapacity = 16 << 10;
 
   bool writeAtOnce();
   void writeLater();
@@ -78,11 +89,13 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void onRead(ssize_t size, const char* bytes);
   void onWritten(bool failed);
   std::size_t waiting() const;
+  void updateHeld();
 
   UvHandle<uv_pipe_t> pipe_;
   Owner& owner_;
   Lines lines_;
   std::string outgoing_;
+  std::size_t held_ = 0;
   bool ending_ = false;
   bool paused_ = false;
 };

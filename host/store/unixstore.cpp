@@ -290,6 +290,7 @@ void UnixStore::onLine(Connection& connection, std::string_view line) {
   try {
     const Zel::Value message = parseJson(line);
     if (message.field("method")) return onNotification(message);
+    if (!needed(message, "id").as<std::int64_t>()) return onRefused(connection, needed(message, "error"));
     const auto found = replies_.find(numberOf(message, "id"));
     if (found == replies_.end()) return;
     const OnReply onReply = std::move(found->second);
@@ -299,6 +300,12 @@ void UnixStore::onLine(Connection& connection, std::string_view line) {
     report_("state database " + url() + ": a message that can't be read: " + std::string(error.what()));
     connection.close();
   }
+}
+
+// An error that answers no request: the host refuses the connection.
+void UnixStore::onRefused(Connection& connection, const Zel::Value& error) {
+  notReached(textField(error, "message") + "; trying until it accepts");
+  connection.close();
 }
 
 void UnixStore::onOversizedLine(Connection& connection) {

@@ -66,6 +66,7 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
 
   void onLine(Connection& connection, std::string_view line) override;
   void onOversizedLine(Connection& connection) override;
+  void onRefused(Connection& connection, const Zel::Value& error);
   void onClosed(Connection& connection) override;
   void onNotification(const Zel::Value& message);
   void sendParts();

@@ -164,6 +164,34 @@ TEST_F(ControlTest, AClientThatNeverReadsIsDisconnectedAndDelaysNoOther) {
   EXPECT_EQ(call(other, "status")["result"]["clients"], 1);
 }
 
+TEST_F(ControlTest, AClientBeyondTheLimitIsRefusedUntilAnotherEnds) {
+  host.listen(loop, socket, {.clients = 2});
+  Client first(socket);
+  std::optional<Client> second(std::in_place, socket);
+  for (Client* client : {&first, &*second}) EXPECT_TRUE(call(*client, "hello").contains("result"));
+  Client third(socket);
+  EXPECT_THAT(next(third)["error"]["message"].get<std::string>(), HasSubstr("serves 2 clients at most"));
+  EXPECT_EQ(next(third), nullptr);
+  second.reset();
+  EXPECT_TRUE(call(first, "hello").contains("result"));
+  Client fourth(socket);
+  EXPECT_TRUE(call(fourth, "hello").contains("result"));
+}
+
+TEST_F(ControlTest, TheClientThatHoldsTheMostMemoryIsDisconnectedFirst) {
+  host.listen(loop, socket, {.memory = 1'000'000});
+  Client large(socket);
+  send(large, std::string(900'000, ' '));
+  std::vector<std::unique_ptr<Client>> small;
+  for (int i = 0; i < 6; ++i) {
+    EXPECT_FALSE(large.line() || large.ended());
+    small.push_back(std::make_unique<Client>(socket));
+    send(*small.back(), std::string(190'000, ' '));
+  }
+  EXPECT_EQ(next(large), nullptr);
+  for (const auto& client : small) EXPECT_TRUE(call(*client, "hello").contains("result"));
+}
+
 TEST_F(ControlTest, DisconnectingDuringARequestLeavesNothingBehind) {
   {
     Client client(socket);

@@ -77,6 +77,13 @@ class NotifySocket {
     ::close(sender);
   }
 
+  // Drops what has arrived.
+  void drain() {
+    char bytes[128];
+    while (::recv(descriptor_, bytes, sizeof bytes, MSG_DONTWAIT) >= 0) {
+    }
+  }
+
   // Whether `state` arrives before any message but `meanwhile`.
   bool receives(const std::string& state, const std::string& meanwhile) {
     for (;;) {
@@ -131,23 +138,63 @@ TEST(Pinlampd, AThrowingAgentEndsItWithTheAgentAndHandlerNamed) {
   }
 }
 
+// Sets a limit for the processes that the test starts.
+class Limit {
+ public:
+  Limit(__rlimit_resource_t resource, rlim_t limit) : resource_(resource) {
+    ::getrlimit(resource, &before_);
+    const rlimit lower{limit, before_.rlim_max};
+    ::setrlimit(resource, &lower);
+  }
+  ~Limit() { ::setrlimit(resource_, &before_); }
+  Limit(const Limit&) = delete;
+  Limit& operator=(const Limit&) = delete;
+
+ private:
+  const __rlimit_resource_t resource_;
+  rlimit before_{};
+};
+
+// Waits for the client's next line; "none" if the connection ends first.
+std::string lineOf(Client& client) {
+  std::optional<std::string> line;
+  while (!line && !client.ended()) line = client.line();
+  return line.value_or("none");
+}
+
+TEST(Pinlampd, ClientsThatHoldAllDescriptorsLeaveTheHostItsOwn) {
+  const Folder folder;
+  NotifySocket notify(folder.at("notify"));
+  const std::string socket = folder.at("socket");
+  std::optional<Limit> files(std::in_place, RLIMIT_NOFILE, 64);
+  Process process(folder, {"--socket", socket, "--store", "sqlite:" + folder.at("db")}, folder.at("notify"));
+  files.reset();
+  ASSERT_TRUE(notify.receives("READY=1", "WATCHDOG=1")) << process.errors();
+  Client client(socket);
+  std::vector<std::unique_ptr<Client>> idle;
+  for (int i = 0; i < 60; ++i) idle.push_back(std::make_unique<Client>(socket));
+  EXPECT_THAT(lineOf(*idle.back()), HasSubstr("\"error\""));
+  EXPECT_EQ(lineOf(*idle.back()), "none") << "it is disconnected";
+  notify.drain();
+  EXPECT_TRUE(notify.receives("WATCHDOG=1", ""));
+  client.send(R"({"jsonrpc":"2.0","id":1,"method":"write","params":{"changes":[)"
+              R"({"op":"put","path":"a","type":"Zel::Dir"}]}})"
+              "\n");
+  EXPECT_THAT(lineOf(client), HasSubstr("written"));
+}
+
 TEST(Pinlampd, AFileSizeLimitFailsTheWriteAndNotTheProcess) {
   const Folder folder;
   NotifySocket notify(folder.at("notify"));
-  rlimit before{};
-  ::getrlimit(RLIMIT_FSIZE, &before);
-  const rlimit limit{rlim_t{256} << 10, before.rlim_max};
-  ::setrlimit(RLIMIT_FSIZE, &limit);  // for the child
+  std::optional<Limit> fileSize(std::in_place, RLIMIT_FSIZE, rlim_t{256} << 10);
   Process process(folder, {"--socket", folder.at("socket"), "--store", "sqlite:" + folder.at("db")},
                   folder.at("notify"));
-  ::setrlimit(RLIMIT_FSIZE, &before);
+  fileSize.reset();
   ASSERT_TRUE(notify.receives("READY=1", "WATCHDOG=1")) << process.errors();
   Client client(folder.at("socket"));
   const auto answer = [&](const std::string& request) {
     client.send(R"({"jsonrpc":"2.0","id":1,"method":)" + request + "}\n");
-    std::optional<std::string> line;
-    while (!line && !client.ended()) line = client.line();
-    return line.value_or("none");
+    return lineOf(client);
   };
   const auto write = [&](const std::string& text) {
     return answer(R"("write","params":{"changes":[{"op":"put","path":"led",)"
@@ -200,6 +247,8 @@ TEST(Pinlampd, ExitsWith2OnAWrongCommandLineAnd1OnARefusedStart) {
       {{"--cell", "70000"}, 2},
       {{"--trace", "Pinlamp"}, 2},
       {{"--agent", "x.so:9"}, 2},
+      {{"--max-clients", "0"}, 2},
+      {{"--socket", socket, "--max-clients", "3000000000"}, 1},
       {{"--version"}, 0},
       {{"--socket", socket, "--agent", TEST_AGENTS ":Null"}, 1},
       {{"--socket", socket, "--store", "paper:"}, 1},

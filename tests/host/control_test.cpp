@@ -422,7 +422,9 @@ TEST(Listener, ReplacesAStaleSocketAndRefusesALiveOne) {
     ASSERT_EQ(::stat(path.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0660U);
     std::filesystem::rename(path, folder.at("left behind"));
+    contentIs(path, "of another process");
   }
+  EXPECT_EQ(contentOf(path), "of another process");
   std::filesystem::rename(folder.at("left behind"), path);
   EXPECT_EQ(refusal(path), "none") << "the socket is stale";
 

@@ -1,5 +1,4 @@
 // pinlampd: see docs/ or --help.
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <CLI/App.hpp>
@@ -9,10 +8,11 @@
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
-#include <system_error>
+#include <memory>
+#include <utility>
 
 #include "host/host.h"
-#include "host/io/starterror.h"
+#include "host/io/traceoutput.h"
 #include "host/rpc/rpc.h"
 #include "host/store/stores.h"
 #include "platform/cell/cell.h"
@@ -96,7 +96,6 @@ void describe(CLI::App& app, CommandLine& line) {
       "Example: pinlampd --store sqlite:/var/lib/pinlamp/state.db --agent libpinlamp.so --trace Pinlamp/3,6");
 }
 
-// Every record is handed to the system at once, in one piece.
 void writeLine(int descriptor, std::string_view text) {
   std::string line(text);
   line += '\n';
@@ -108,12 +107,10 @@ void writeLine(int descriptor, std::string_view text) {
   }
 }
 
-void traceInto(const std::string& file) {
-  const int descriptor = ::open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640);
-  if (descriptor < 0)
-    throw Host::StartError("trace file '" + file +
-                           "' can't be opened: " + std::generic_category().message(errno));
-  Zel::traceSinkIs([descriptor](std::string_view line) { writeLine(descriptor, line); });
+// The output lives as long as the process: records may come until its end.
+void traceInto(Host::TraceOutput output) {
+  const auto shared = std::make_shared<Host::TraceOutput>(std::move(output));
+  Zel::traceSinkIs([shared](std::string_view line) { shared->write(line); });
 }
 
 void prepare(CommandLine& line) {
@@ -122,7 +119,8 @@ void prepare(CommandLine& line) {
   for (const std::string& agent : line.agents) line.host.agents.push_back(Host::AgentOption::parse(agent));
   if (!line.whenLost.empty()) line.host.whenLost = Host::Fallback::parse(line.whenLost);
   for (const std::string& levels : line.traces) Zel::traceLevelsIs(levels);
-  if (!line.traceFile.empty()) traceInto(line.traceFile);
+  traceInto(line.traceFile.empty() ? Host::TraceOutput::sharing(STDERR_FILENO)
+                                   : Host::TraceOutput::appendingTo(line.traceFile));
   Cell::cellIdIs(line.cell);
   if (line.host.client) ::unsetenv("NOTIFY_SOCKET");  // of the service that runs pinlampctl
 }

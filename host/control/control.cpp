@@ -92,7 +92,7 @@ const Control::Peer& Control::largest() const {
 void Control::onLine(Connection& connection, std::string_view line) {
   Peer& peer = *peers_.at(&connection);
   Request request;
-  bool wrote = false;
+  Wrote wrote = Wrote::nothing;
   std::string text;
   try {
     request.read(line);
@@ -105,12 +105,13 @@ void Control::onLine(Connection& connection, std::string_view line) {
   answer({peer.connection, std::move(request.id), wrote, std::move(text)});
 }
 
-std::string Control::execute(Peer& peer, const Request& request, bool& wrote) {
+std::string Control::execute(Peer& peer, const Request& request, Wrote& wrote) {
   const auto& method = Methods::find(request.method);
   if (method.does == Methods::Does::sees) commit();
   try {
     std::string text = resultText(request.id, methods_.run(method, request.parameters, peer.caller));
-    wrote = method.does == Methods::Does::writes;
+    if (method.does == Methods::Does::writes)
+      wrote = peer.caller.wroteStored ? Wrote::storedRows : Wrote::volatileRows;
     return text;
   } catch (const RpcError&) {
     throw;
@@ -124,12 +125,12 @@ std::string Control::execute(Peer& peer, const Request& request, bool& wrote) {
 void Control::onOversizedLine(Connection& connection) {
   const RpcError error(RpcCode::parse, "a message is longer than " + std::to_string(Lines::kLimit) +
                                            " bytes; send less at a time");
-  answer({peers_.at(&connection)->connection, {}, false, errorText({}, error)});
+  answer({peers_.at(&connection)->connection, {}, Wrote::nothing, errorText({}, error)});
 }
 
 // Answers keep the order of the requests: once one waits for the commit, all later ones do.
 void Control::answer(Answer answer) {
-  if (answers_.empty() && committed_.empty() && !answer.wrote) {
+  if (answers_.empty() && committed_.empty() && answer.wrote == Wrote::nothing) {
     if (!answer.text.empty()) answer.connection->send(answer.text);
     return;
   }
@@ -140,22 +141,32 @@ void Control::answer(Answer answer) {
 
 namespace {
 
-Statedb::Ticket flush(Statedb::Store& store) {
+struct Flushed {
+  Statedb::Ticket stored;
+  Statedb::Ticket volatile_;
+};
+
+Flushed flush(Statedb::Store& store) {
   try {
-    return store.flush();
+    const Statedb::Ticket ticket = store.flush();
+    return {ticket, ticket};
+  } catch (const Statedb::NotStoredError& error) {
+    return {Statedb::Ticket::failed(error.what()), {}};
   } catch (const Statedb::StoreError& error) {
-    return Statedb::Ticket::failed(error.what());
+    const auto ticket = Statedb::Ticket::failed(error.what());
+    return {ticket, ticket};
   }
 }
 
 }  // namespace
 
 void Control::commit() {
-  const Statedb::Ticket ticket = flush(served_.store);
+  const Flushed flushed = flush(served_.store);
   release();
   waiting_ = 0;
   for (Answer& answer : std::exchange(answers_, {})) {
-    if (answer.wrote) answer.ticket = ticket;
+    if (answer.wrote != Wrote::nothing)
+      answer.ticket = answer.wrote == Wrote::storedRows ? flushed.stored : flushed.volatile_;
     sendOrHold(std::move(answer));
   }
 }

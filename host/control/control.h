@@ -32,7 +32,7 @@ class Control final : private Connection::Owner {
   Control& operator=(const Control&) = delete;
 
   // Flushes all pending writes, whoever made them, and answers the requests whose flush has completed. If the
-  // store fails, its error answers the requests that wrote.
+  // disk fails, its error answers the requests that wrote stored rows.
   void commit();
   // Ends the round: writes the clients' queued output as far as their sockets accept it, resumes paused
   // clients, and frees closed ones.
@@ -46,11 +46,12 @@ class Control final : private Connection::Owner {
     Caller caller;
     std::size_t taken = 0;  // bytes of requests in this round
   };
+  enum class Wrote : std::uint8_t { nothing, volatileRows, storedRows };
   // An answer held back until the next commit, and then until its flush is complete.
   struct Answer {
     std::shared_ptr<Connection> connection;
     Zel::Value id;
-    bool wrote;
+    Wrote wrote;
     std::string text;  // empty: the request was a notification
     Statedb::Ticket ticket{};
   };
@@ -72,7 +73,7 @@ class Control final : private Connection::Owner {
   void onHeld(std::ptrdiff_t more) override;
 
   // Returns the answer's text. Commits first if the method reads rows.
-  std::string execute(Peer& peer, const Request& request, bool& wrote);
+  std::string execute(Peer& peer, const Request& request, Wrote& wrote);
   void answer(Answer answer);
   void sendOrHold(Answer&& answer);
   void release();

@@ -82,13 +82,19 @@ void removeStaleSocket(const std::string& path) {
 Listener::Listener(Loop& loop, const std::string& path) : path_(path), lock_(lockFor(path)) {
   removeStaleSocket(path);
   const int descriptor = bound();
+  static_cast<void>(::lstat(path.c_str(), &made_));
   pipe_.reset(new uv_pipe_t);
   uv_pipe_init(loop.uv(), pipe_.get(), 0);
   pipe_->data = this;
   uv_pipe_open(pipe_.get(), descriptor);
 }
 
-Listener::~Listener() { ::unlink(path_.c_str()); }
+Listener::~Listener() {
+  struct stat there {};
+  const bool isOwn =
+      ::lstat(path_.c_str(), &there) == 0 && there.st_dev == made_.st_dev && there.st_ino == made_.st_ino;
+  if (isOwn) ::unlink(path_.c_str());
+}
 
 int Listener::bound() const {
   const sockaddr_un address = addressOf(path_);

@@ -1,6 +1,8 @@
 // The listening control socket and its path.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <functional>
 #include <optional>
 #include <string>
@@ -10,8 +12,8 @@
 
 namespace Host {
 
-// Owns a Unix socket of mode 0660, and unlinks it on destruction. Replaces the stale socket of a process that
-// died: the holder of the lock on PATH.lock owns the socket.
+// Owns a Unix socket of mode 0660, and unlinks it on destruction if nobody has replaced it. Replaces the
+// stale socket of a process that died: the holder of the lock on PATH.lock owns the socket.
 class Listener {
  public:
   // Throws StartError if the path is too long, its folder is missing, a file that is not a socket exists
@@ -30,6 +32,7 @@ class Listener {
 
   const std::string path_;
   const FileLock lock_;
+  struct stat made_ {};  // the socket; a path may name another one later
   UvHandle<uv_pipe_t> pipe_;
   std::function<void(uv_stream_t*)> accept_;
 };

@@ -119,6 +119,7 @@ std::string Methods::write(const Zel::Value& parameters, Caller& caller) const {
                                          .lenient = isVolatile});
   if (!batch.errors.empty()) throw refusedFor(batch.errors);
   // A mount is stored, even if the first write under it is volatile.
+  caller.wroteStored = !isVolatile || !batch.mounts.empty();
   if (isVolatile && !batch.mounts.empty()) {
     expectTable("write");
     served_.store.write(batch.mounts, Statedb::Durability::stored, caller.watches.origin());

@@ -42,6 +42,7 @@ struct Caller {
   const std::int64_t pid;  // 0: not known
   Watches watches;
   Announcements::Process process;
+  bool wroteStored = false;  // its last write
 };
 
 class Methods {

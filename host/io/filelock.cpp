@@ -22,15 +22,31 @@ bool isAt(int descriptor, const std::string& path) {
          held.st_ino == there.st_ino && held.st_dev == there.st_dev;
 }
 
+// Leaves the owner's access alone: any process that can open the file can lock it and so prevent a start.
+// Fails for a file of another user; holderText() then names the mode.
+void narrow(int descriptor) {
+  struct stat status {};
+  if (::fstat(descriptor, &status) == 0 && (status.st_mode & 0077) != 0)
+    static_cast<void>(::fchmod(descriptor, status.st_mode & 0700) == 0);
+}
+
+std::string modeText(mode_t mode) {
+  if ((mode & 0077) == 0) return {};
+  std::ostringstream text;
+  text << "; its mode " << std::oct << (mode & 0777) << " lets others lock it, make it 600";
+  return text.str();
+}
+
 }  // namespace
 
 // Retries if another process renames or removes the file between open and flock.
 std::optional<FileLock> FileLock::tryTake(const std::string& path, Missing missing) {
   const int make = missing == Missing::make ? O_CREAT : 0;
   for (;;) {
-    const int descriptor = ::open(path.c_str(), O_RDWR | make | O_CLOEXEC | O_NOCTTY, 0640);
+    const int descriptor = ::open(path.c_str(), O_RDWR | make | O_CLOEXEC | O_NOCTTY, 0600);
     if (descriptor < 0) throw std::system_error(errno, std::generic_category());
     FileLock lock(descriptor);
+    narrow(descriptor);
     if (::flock(descriptor, LOCK_EX | LOCK_NB) == 0) {
       if (isAt(descriptor, path)) return lock;
       continue;
@@ -55,7 +71,7 @@ std::string FileLock::holderText(const std::string& path) {
     std::istringstream words(line);
     std::string number, kind, strictness, access, pid, file;
     words >> number >> kind >> strictness >> access >> pid >> file;
-    if (kind == "FLOCK" && file.ends_with(inode)) return " (pid " + pid + ")";
+    if (kind == "FLOCK" && file.ends_with(inode)) return " (pid " + pid + modeText(status.st_mode) + ")";
   }
   return {};
 }

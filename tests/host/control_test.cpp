@@ -12,6 +12,7 @@
 #include "platform/model/paths.h"
 #include "platform/statedb/store/memorystore.h"
 #include "platform/zel/core/trace.h"
+#include "tests/platform/storemodel.h"
 #include "tests/servedstore.h"
 #include "tests/support.h"
 
@@ -209,20 +210,22 @@ TEST_F(ControlTest, WritesOfOneRoundShareACommitAndFailTogether) {
   ASSERT_TRUE(write(a, {putDir()}).contains("result"));
   ASSERT_TRUE(call(b, "hello").contains("result"));
   for (const bool fails : {false, true}) {
-    const auto before = store.read("");
+    const auto before = StoreModel::rowsOf(store.read(""));
     store.fails = fails;
     store.commits = 0;
     const auto change = [&](const char* name) {
       return request("write", {{"changes", {putLed(name, {{"red", !fails}})}}});
     };
     a.send(change("A") + change("B") + request("hello"));
-    b.send(change("C"));
+    const Json published = {{"changes", {putLed("V", {{"red", true}})}}, {"durability", "volatile"}};
+    b.send(change("C") + request("write", published));
     for (Client* client : {&a, &a, &b})
       EXPECT_EQ(next(*client).value("error", Json{{"message", ""}})["message"],
                 fails ? "the disk is full" : "");
     EXPECT_TRUE(next(a).contains("result")) << "a request that wrote nothing succeeds";
+    EXPECT_TRUE(next(b).contains("result")) << "volatile rows need no disk";
     EXPECT_EQ(store.commits, 1);
-    EXPECT_EQ(store.read("") == before, fails);
+    EXPECT_EQ(StoreModel::rowsOf(store.read("")) == before, fails);
   }
 }
 
@@ -447,7 +450,9 @@ TEST(Listener, ReplacesAStaleSocketAndRefusesALiveOne) {
     ASSERT_EQ(::stat(path.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0660U);
     std::filesystem::rename(path, folder.at("left behind"));
+    contentIs(path, "of another process");
   }
+  EXPECT_EQ(contentOf(path), "of another process");
   std::filesystem::rename(folder.at("left behind"), path);
   EXPECT_EQ(refusal(path), "none") << "the socket is stale";
 

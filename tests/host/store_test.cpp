@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <functional>
 
 #include "folder.h"
+#include "host/io/filelock.h"
 #include "host/store/sqlitestore.h"
 #include "host/store/stores.h"
 #include "tests/platform/storemodel.h"
@@ -156,6 +158,24 @@ TEST(SqliteStore, HasOneOwnerAtATime) {
   first->write({Change::put("a", "T", "", {})}, Durability::stored);
   EXPECT_THAT(refusal(folder.at("db")), HasSubstr("(pid " + std::to_string(::getpid()) + ")"));
   EXPECT_NO_THROW(first->flush());
+}
+
+// Any process that can open a file can lock it, and keep the host from starting.
+TEST(SqliteStore, StateAndLockFilesAreTheOwnersAlone) {
+  const Folder folder;
+  const auto modeOf = [&](const char* name) {
+    struct stat status {};
+    EXPECT_EQ(::stat(folder.at(name).c_str(), &status), 0) << name;
+    return status.st_mode & 0777;
+  };
+  { SqliteStore(folder.at("wide")); }
+  contentIs(folder.at("wide lock"), "");
+  for (const char* name : {"wide", "wide lock"}) ::chmod(folder.at(name).c_str(), 0664);
+  const SqliteStore fresh(folder.at("fresh")), wide(folder.at("wide"));
+  const auto freshLock = Host::FileLock::tryTake(folder.at("fresh lock"));
+  const auto wideLock = Host::FileLock::tryTake(folder.at("wide lock"));
+  for (const char* name : {"fresh", "wide", "fresh lock", "wide lock"})
+    EXPECT_EQ(modeOf(name), 0600U) << name;
 }
 
 TEST(Stores, AnInvalidUrlIsRefused) {

@@ -55,16 +55,17 @@ struct LocalStore {
     store_->write(changes, durability, origin);
   }
   bool failsToPersistIs(bool fails) { return store_->failsToPersist = fails; }
-  // Returns whether the flush succeeded; a failed one undoes everything since the last.
+  // Returns whether the flush succeeded; a failed one undoes the stored batches since the last.
   bool flush(bool fails) {
     store_->failsToCommit = fails;
     try {
       EXPECT_TRUE(store_->flush().isDone());
     } catch (const Statedb::StoreError&) {
-      EXPECT_TRUE(fails);
+      EXPECT_TRUE(std::exchange(store_->failsToCommit, false));
+      return false;
     }
     store_->failsToCommit = false;
-    return !fails;
+    return true;
   }
   template <class Condition>
   bool runUntil(Condition isMet) {
@@ -92,7 +93,12 @@ struct OverMap : Statedb::MemoryStore {
   void persist(const Changes& changes) override { batch.insert(batch.end(), changes.begin(), changes.end()); }
   void commit() override { carryInto(disk, std::exchange(batch, {})); }
   void rollback() override { batch.clear(); }
+  void write(const Changes& changes, Durability durability, Statedb::Subscriber* origin) override {
+    if (isAway) throw Statedb::StoreError("the server is away");
+    MemoryStore::write(changes, durability, origin);
+  }
 
+  bool isAway = false;
   Rows& disk;
   Changes batch;
 };
@@ -326,6 +332,8 @@ class Stores : public ::testing::Test {
       tested_.write(changes, durability, origin);
       EXPECT_TRUE(isTaken);
       model_ = after;
+      if (durability == Durability::volatile_)
+        for (const Change& each : changes) unstored_.apply(each, durability);
       if (origin) carryInto(origin_.rows, changes);
     } catch (const Statedb::RefusedError&) {
       EXPECT_FALSE(isTaken);
@@ -345,13 +353,13 @@ class Stores : public ::testing::Test {
 
   void flush(bool fails) {
     if (tested_.flush(fails))
-      durable_ = model_;
+      unstored_ = model_;
     else
-      model_ = durable_, origin_.rows = model_.rows();
+      model_ = unstored_, origin_.rows = model_.rows();
   }
 
   Tested tested_;
-  Model model_, durable_;
+  Model model_, unstored_;  // the second without what was stored since the last flush
   Mirror mirrors_[4] = {Mirror(""), Mirror("a"), Mirror("a/b"), Mirror("b")};
   Mirror origin_{""};
   std::mt19937 random_{7};
@@ -401,7 +409,7 @@ TYPED_TEST(Stores, AreTheirModelUnderRandomOperationsAndFaults) {
     if (!this->oneIn(40)) continue;
     this->note("lose");
     this->tested_.lose(this->oneIn(2), this->model_);
-    this->durable_ = this->model_;
+    this->unstored_ = this->model_;
     if (TypeParam::kIsLocal) this->subscribe();
     if (TypeParam::kIsLocal || this->oneIn(2)) expectEqual();
   }
@@ -448,12 +456,25 @@ TEST(UnixStore, RowsThatTheOtherSideRefusesAreNamedOnceAndTheRestArrives) {
 
 TEST(UnixStore, ABatchThatTheOtherSideCantStoreNowIsSentAgain) {
   RemoteStore remote;
-  remote.keeper().store.failsToCommit = true;
+  remote.keeper().store.isAway = true;
   remote.store().write({Change::put("out/p", kPin, "value", 1)}, Durability::volatile_);
   EXPECT_TRUE(remote.runUntil([&] { return !remote.reports.empty(); }));
-  remote.keeper().store.failsToCommit = false;
+  remote.keeper().store.isAway = false;
   EXPECT_TRUE(remote.runUntil([&] { return remote.rows().contains({"out/p", "value"}); }));
-  EXPECT_THAT(remote.reports, ElementsAre(HasSubstr("can't store what was published: can't commit; trying")));
+  EXPECT_THAT(remote.reports,
+              ElementsAre(HasSubstr("can't store what was published: the server is away; trying")));
+}
+
+TEST(UnixStore, AFullDiskOfTheOtherSideHoldsNothingBack) {
+  RemoteStore remote;
+  Statedb::Store& keeper = remote.keeper().store;
+  remote.keeper().store.failsToCommit = true;
+  remote.store().write({Change::put("out/p", kPin, "value", 1)}, Durability::volatile_);
+  EXPECT_TRUE(remote.runUntil([&] {
+    keeper.write({Change::put("a", kPin, "value", 1)}, Durability::stored);
+    return remote.rows().contains({"out/p", "value"}) && !remote.rows().contains({"a", "value"});
+  }));
+  EXPECT_TRUE(remote.reports.empty());
 }
 
 }  // namespace

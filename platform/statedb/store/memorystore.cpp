@@ -27,9 +27,22 @@ struct Subscription {
   Path path;
 };
 
+// The stored batches since the last flush: the undo marks before the first of them, and the volatile batches
+// after it, which are written again if the stored ones are undone.
+struct Uncommitted {
+  struct Batch {
+    Changes changes;
+    Subscriber* origin;
+  };
+  std::size_t change;
+  std::size_t notice;
+  std::vector<Batch> volatileSince{};
+};
+
 struct MemoryStore::State {
   EntryTable entries;
   std::vector<Notice> notices;  // since the last flush
+  std::optional<Uncommitted> uncommitted{};
   std::vector<Subscription> subscriptions;
 
   // Whether the path of any subscription but those of `origin` satisfies `matches`.
@@ -289,6 +302,7 @@ void MemoryStore::write(const Changes& changes, Durability durability, Subscribe
   const std::size_t before = entries.mark();
   std::vector<Notice>& notices = state_->notices;
   const std::size_t noticesBefore = notices.size();
+  auto& uncommitted = state_->uncommitted;
   Writer<State> writer{*state_, durability, origin};
   try {
     constexpr std::size_t kAtOnce = 16;
@@ -299,6 +313,8 @@ void MemoryStore::write(const Changes& changes, Durability durability, Subscribe
     }
     if (!writer.visible.empty() || !writer.corrected.empty())
       notices.push_back({std::move(writer.visible), std::move(writer.corrected), origin});
+    if (writer.isStored() && !uncommitted) uncommitted.emplace(Uncommitted{before, noticesBefore});
+    if (!writer.isStored() && uncommitted) uncommitted->volatileSince.push_back({changes, origin});
     if (!writer.stored.empty()) persist(writer.stored);
   } catch (...) {
     notices.resize(noticesBefore);
@@ -308,18 +324,50 @@ void MemoryStore::write(const Changes& changes, Durability durability, Subscribe
 }
 
 Ticket MemoryStore::flush() {
-  if (!state_->entries.anyChange() && state_->notices.empty()) return {};
+  if (!state_->entries.anyChange() && state_->notices.empty()) {
+    state_->uncommitted.reset();
+    return {};
+  }
   try {
-    commit();
-  } catch (...) {
-    rollback();
-    state_->entries.undoTo(0);
-    state_->notices.clear();
+    if (state_->uncommitted) commit();
+  } catch (const StoreError& error) {
+    const std::size_t lost = undoStored();
+    publish();
+    if (lost == 0) throw NotStoredError(error.what());
     throw;
   }
+  publish();
+  return {};
+}
+
+void MemoryStore::publish() {
+  state_->uncommitted.reset();
   state_->entries.settle();
   for (const Notice& notice : std::exchange(state_->notices, {})) notifySubscribers(*state_, notice);
-  return {};
+}
+
+// Returns the number of volatile changes that are refused without the stored ones.
+std::size_t MemoryStore::undoStored() {
+  rollback();
+  const Uncommitted undone = *std::exchange(state_->uncommitted, std::nullopt);
+  state_->entries.undoTo(undone.change);
+  state_->notices.resize(undone.notice);
+  std::size_t lost = 0;
+  for (const auto& [changes, origin] : undone.volatileSince) lost += writeAgain(changes, origin);
+  return lost;
+}
+
+// Bisects a refused batch down to the changes at fault.
+std::size_t MemoryStore::writeAgain(const Changes& changes, Subscriber* origin) {
+  try {
+    write(changes, Durability::volatile_, origin);
+    return 0;
+  } catch (const RefusedError&) {
+    if (changes.size() == 1) return 1;
+    const auto [first, second] = halves(changes);
+    const std::size_t lost = writeAgain(first, origin);
+    return lost + writeAgain(second, origin);
+  }
 }
 
 Records MemoryStore::read(Path path) const {

@@ -29,7 +29,8 @@ class ZEL_API MemoryStore : public Store, public Table {
 
  protected:
   // For stores with a file: `persist` takes the stored part of a batch, `commit` makes all batches durable at
-  // once, `rollback` drops them. They throw StoreError; a `persist` that throws keeps nothing of its batch.
+  // once, `rollback` drops them; neither is called for volatile rows alone. They throw StoreError; a
+  // `persist` that throws keeps nothing of its batch.
   virtual void persist(const Changes&) {}
   virtual void commit() {}
   virtual void rollback() {}
@@ -38,6 +39,11 @@ class ZEL_API MemoryStore : public Store, public Table {
 
  private:
   struct State;
+
+  void publish();
+  std::size_t undoStored();
+  std::size_t writeAgain(const Changes& changes, Subscriber* origin);
+
   std::unique_ptr<State> state_;
 };
 

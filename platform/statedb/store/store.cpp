@@ -4,6 +4,7 @@ namespace Statedb {
 
 StoreError::~StoreError() = default;
 RefusedError::~RefusedError() = default;
+NotStoredError::~NotStoredError() = default;
 Subscriber::~Subscriber() = default;
 Store::~Store() = default;
 

@@ -37,6 +37,14 @@ class ZEL_API RefusedError : public StoreError {
   ~RefusedError() override;
 };
 
+// The stored rows of a flush could not be made durable and are undone. Its volatile rows are there, and their
+// subscribers were notified.
+class ZEL_API NotStoredError : public StoreError {
+ public:
+  using StoreError::StoreError;
+  ~NotStoredError() override;
+};
+
 // A subscriber to one path: gets a snapshot of everything under it, then every change.
 class ZEL_API Subscriber {
  public:
@@ -156,9 +164,10 @@ class ZEL_API Store {
   // Throws RefusedError if a volatile put would replace anything stored, and StoreError.
   // REQUIRES: the durability is volatile_, or there is a table().
   virtual void write(const Changes& changes, Durability durability, Subscriber* origin = nullptr) = 0;
-  // Makes everything written so far durable in one step, then notifies the subscribers. Throws StoreError if
-  // that fails at once, and fails the ticket if it fails later: everything since the last flush is undone,
-  // and no subscriber is notified.
+  // Makes everything written so far durable in one step, then notifies the subscribers. If that fails, the
+  // stored batches since the last flush are undone and no subscriber is notified of them. Throws
+  // NotStoredError if it fails at once, or StoreError if volatile rows were undone as well because they could
+  // not stay without the stored ones; fails the ticket if it fails later.
   virtual Ticket flush() = 0;
 
   // Introduces this process to those that share its state: now, and on every reconnect. Replaces the last

@@ -1,9 +1,11 @@
 #include <gmock/gmock.h>
 
+#include <fstream>
 #include <future>
 #include <sstream>
 
 #include "ctl/appliance.h"
+#include "ctl/context.h"
 #include "tests/ctl/testhost.h"
 #include "tests/host/client.h"
 #include "tests/host/folder.h"
@@ -235,6 +237,15 @@ TEST_F(Commands, ErrorsSayWhatWouldBeRight) {
     EXPECT_THAT(refused.err, testing::AllOf(StartsWith("pinlampctl: "), HasSubstr(text)));
     EXPECT_EQ(std::count(refused.err.begin(), refused.err.end(), '\n'), 1) << refused.err;
     EXPECT_EQ(refused.out, "");
+  }
+}
+
+TEST(FullOutput, FailsTheCommand) {
+  for (const char* word : {"--version", "--help"}) {
+    std::ofstream full("/dev/full");
+    std::ostringstream err;
+    EXPECT_EQ(runCommandLine({word}, full, err), 1);
+    EXPECT_THAT(err.str(), HasSubstr("can't write to standard output: No space left on device"));
   }
 }
 

@@ -4,6 +4,7 @@
 #include <set>
 
 #include "ctl/appliance.h"
+#include "ctl/jsontext.h"
 #include "ctl/output.h"
 #include "ctl/text.h"
 
@@ -30,6 +31,12 @@ std::string reasonOf(const std::string& message) {
   return reason == std::string::npos ? message : message.substr(reason + 2);
 }
 
+// The position of the number that a parser's message quotes, which the parser does not give.
+std::string positionOfQuoted(const std::string& text, const std::string& message) {
+  const std::size_t from = message.find('\'') + 1;
+  return positionAt(text, text.find(message.substr(from, message.rfind('\'') - from)));
+}
+
 // Parses JSON, and adds an error for each duplicate key.
 Json parsed(const std::string& file, const std::string& text, std::vector<std::string>& errors) {
   std::vector<std::set<std::string>> keys;
@@ -40,11 +47,16 @@ Json parsed(const std::string& file, const std::string& text, std::vector<std::s
       errors.push_back(file + ": duplicate key " + value.dump() + " in an object; keep one");
     return true;
   };
+  if (const auto at = tooDeepAt(text, kInputDepth))
+    throw Refusal(file + ':' + positionAt(text, *at) + ": " + tooDeep(kInputDepth));
   try {
     return Json::parse(text, watchKeys);
   } catch (const Json::parse_error& error) {
     throw Refusal(file + ':' + positionAt(text, error.byte == 0 ? 0 : error.byte - 1) + ": " +
                   reasonOf(error.what()));
+  } catch (const Json::out_of_range& error) {
+    throw Refusal(file + ':' + positionOfQuoted(text, error.what()) +
+                  ": the number is out of range: " + error.what());
   }
 }
 

@@ -53,6 +53,12 @@ TEST_F(Commands, RefusedLoadNamesTheLineOfEveryError) {
   EXPECT_EQ(host.store.entities(), 0U);
 }
 
+TEST_F(Commands, RefusedLoadQuotesNulToTheEndOfTheError) {
+  const std::string file = folder.at("nul.json");
+  contentIs(file, R"({"a": {"type": "No\u0000Such"}})");
+  EXPECT_THAT(ctl({"load", file}).err, HasSubstr(":1: a: type 'No\\x00Such' is unknown\n"));
+}
+
 TEST_F(Commands, StoreCheckFailsWhereTheServerIsNotReady) {
   const Outcome unreached = run({"store", "check", "redis-unix:/nowhere"});
   EXPECT_EQ(unreached.status, 1);
@@ -230,6 +236,8 @@ TEST_F(Commands, ErrorsSayWhatWouldBeRight) {
       {{"watch", "--for", "-1"}, 2, "--for -1"},
       {{"object", "get", "agent"}, 1, "there is no 'agent'"},
       {{"led", "lst"}, 2, "no command 'lst'; nearest: list"},
+      {{"get", "\xff"}, 1, "read: a name or value is not UTF-8"},
+      {{"set", ledPath("Fan1"), "mode", std::string(100'000, '[')}, 1, "the value is nested deeper than 64"},
       {{"get", "a", "b", "c"}, 2, "c; see: pinlampctl get --help"}};
   for (const auto& [arguments, status, text] : cases) {
     const Outcome refused = ctl(arguments);
@@ -276,13 +284,14 @@ Outcome typesFrom(const std::string& answer) {
 }
 
 TEST(AnswersOfNoHost, AreRefusedInOneLine) {
-  const std::pair<const char*, const char*> cases[] = {
+  const std::pair<std::string, const char*> cases[] = {
       {"", "closed the connection"},
       {"{\"result\": {\"types\": []}}", "closed the connection"},
       {"HTTP/1.1 400 \x1b[2J\n", "sent an invalid message: HTTP/1.1 400 \\x1B[2J"},
       {"[]\n", "sent an invalid message: []"},
       {"{\"result\": {\"types\": 7}}\n", "sent an unexpected message"},
       {"{\"result\": {}}\n", "sent an unexpected message"},
+      {"{\"result\": " + std::string(300'000, '[') + "\n", "sent a message nested deeper than 128 levels"},
       {"{\"error\": \"no\"}\n", "no"}};
   for (const auto& [answer, text] : cases) {
     const Outcome refused = typesFrom(answer);

@@ -22,9 +22,12 @@ TEST(Configuration, ErrorsNameThePosition) {
       {"[]", "f.json:1: found array, expected {PATH: "},
       {"{\n\"a\": 1}", "f.json:2: a: found number, expected {"},
       {"{\n\n\"a\": {\"value\": 1}}", "f.json:3: a: \"type\" is missing"},
+      {"{\"a\":\n 1e999}", "f.json:2:2: the number is out of range: "},
       {"{\"a\": {\"type\": 5}}", "f.json:1: a: \"type\" is missing or not a string"},
       {"{\"a\": {\"type\": \"T\"}, \"a\": {\"type\": \"U\"}}", "f.json: duplicate key \"a\""}};
   for (const auto& [text, expected] : cases) EXPECT_THAT(refusalOf(text), HasSubstr(expected)) << text;
+  const std::string deep = "{\"[{\\\"\":\n" + std::string(300'000, '[');
+  EXPECT_EQ(refusalOf(deep), "f.json:2:64: nested deeper than 64 levels");
   EXPECT_EQ(refusalOf("{\"a\": 1, \"b\": {}, \"c\": {\"type\": \"T\"}}").find("c:"), std::string::npos);
 }
 

@@ -33,11 +33,28 @@ TEST_F(Commands, DumpReproducesTheLoadedFile) {
   EXPECT_THAT(ctl({"dump", "--all"}).out, HasSubstr("config/sys_r"));
 }
 
-TEST_F(Commands, LoadReplaceDeletesEverythingElse) {
+TEST_F(Commands, LoadReplaceTouchesOnlyTheFilesPaths) {
   loadExample();
+  const std::string leds = folder.at("leds.json"), empty = folder.at("empty.json");
+  contentIs(leds, ctl({"dump", "hardware/led/config"}).out);
+  contentIs(empty, "{}");
   put("hardware/led/config/leds/Old", kLedType, Json::object());
-  EXPECT_EQ(ctl({"load", "--replace", kExample}).status, 0);
-  EXPECT_TRUE(ctl({"dump"}).out == contentOf(kExample));
+  ctl({"led", "off", "Fan1"});
+  ctl({"del", ledPath("Fan2")});
+  const std::string before = ctl({"dump"}).out;
+  const std::string expected =
+      "add    hardware/led/config/leds/Fan2\nchange hardware/led/config/leds/Fan1\n"
+      "remove hardware/led/config/leds/Old\n" +
+      leds + ": 59 entities";
+  EXPECT_EQ(ctl({"load", "--replace", "--dry-run", leds}).out,
+            expected + "; 1 added, 1 changed, 1 removed; dry run, nothing is written\n");
+  EXPECT_EQ(ctl({"load", "--replace", empty}).status, 1);
+  EXPECT_EQ(ctl({"load", leds, folder.at("")}).status, 1);
+  EXPECT_TRUE(ctl({"dump"}).out == before);
+  EXPECT_EQ(ctl({"load", "--replace", leds}).out, expected + " loaded; 1 added, 1 changed, 1 removed\n");
+  EXPECT_TRUE(ctl({"dump"}).out == contentOf(kExample)) << "mappings stay";
+  EXPECT_EQ(ctl({"load", "--replace", "--force", empty}).status, 0);
+  EXPECT_EQ(ctl({"dump"}).out, "{\n}\n");
 }
 
 TEST_F(Commands, RefusedLoadNamesTheLineOfEveryError) {

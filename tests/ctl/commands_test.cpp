@@ -138,6 +138,47 @@ TEST_F(Commands, RewireDeletesAndRecreatesTheMapping) {
   EXPECT_EQ(removes(), 0);
 }
 
+TEST_F(Commands, MapSetRefusesWhatWouldDriveNothing) {
+  ctl({"map", "set", "X", "--green", "g", "--ready"});
+  put(ledPath("Bay[1]"), kLedType, Json::object());
+  const std::tuple<std::vector<std::string>, int, const char*> cases[] = {
+      {{"map", "set", "New"},
+       1,
+       "New has no mapping, and no pins are given; such as: pinlampctl map set New "},
+      {{"map", "set", "New", "--green", "", "--ready"}, 1, "no pins are given"},
+      {{"map", "set", "X"}, 1, "neither pins nor --ready are given for X; such as"},
+      {{"map", "set", "X*", "--green", "p"}, 1, "'X*' is a pattern"},
+      {{"map", "set", "X", "p", "q"},
+       2,
+       "'p' has no colour; put it before the pins, such as: map set X --green p q"},
+      {{"map", "set", "X", "--no-ready"}, 0, ""},
+      {{"map", "set", "X", "--rewire"}, 0, ""},
+      {{"map", "set", "Bay[1]", "--red", "b", "g"}, 0, "note: pins that other LEDs have, too: g (X)\n"}};
+  for (const auto& [arguments, status, text] : cases) {
+    const Outcome outcome = ctl(arguments);
+    EXPECT_EQ(outcome.status, status) << testing::PrintToString(arguments);
+    EXPECT_THAT(outcome.err, HasSubstr(text));
+  }
+}
+
+TEST_F(Commands, LedSetNotesWhatStaysDark) {
+  ctl({"map", "set", "A", "--green", "a"});
+  ctl({"led", "set", "A", "green"});
+  put(ledPath("B"), kLedType, Json::object());
+  EXPECT_EQ(ctl({"led", "set", "*", "red"}).err,
+            "note: no mapping, so no pins: B\nnote: mapping not ready, so not driven: A\n"
+            "note: no pin for a colour that is set: A\n");
+  EXPECT_EQ(ctl({"led", "off", "A", "B"}).err, "");
+}
+
+TEST_F(Commands, LedSetReadsOnlyTheLedsItNames) {
+  loadExample();
+  host.store.reads.clear();
+  EXPECT_EQ(ctl({"led", "set", "Fan1", "Fan2", "red"}).err, "");
+  EXPECT_THAT(host.store.reads, testing::UnorderedElementsAre(ledPath("Fan1"), mapPath("Fan1"),
+                                                              ledPath("Fan2"), mapPath("Fan2")));
+}
+
 TEST_F(Commands, OutputEscapesControlCharacters) {
   const std::string evil =
       "A\x1b[2J\n\xc2\x9b"

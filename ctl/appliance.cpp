@@ -86,16 +86,16 @@ std::vector<std::string> namesIn(const Json& attributes, const std::string& attr
   return names;
 }
 
-namespace {
-
-void readSetting(const Json& attributes, Lamp& lamp) {
+void settingIs(Lamp& lamp, Json setting) {
   lamp.configured = true;
-  lamp.setting = attributes.value("lightSetting", Json::object());
+  lamp.setting = std::move(setting);
   for (std::size_t i = 0; i < kColours.size(); ++i)
     lamp.wanted[i] = lamp.setting.value(kColours[i].name, false);
   const Json interval = lamp.setting.value("flashInterval", Json(0.0));
   lamp.flashInterval = interval.is_number() ? interval.get<double>() : 0.0;
 }
+
+namespace {
 
 void readMapping(const Json& attributes, Lamp& lamp) {
   lamp.mapped = true;
@@ -137,7 +137,8 @@ std::vector<Lamp> lampsOf(const Mirror& mirror) {
   std::map<std::string, Lamp, Naturally> lamps;
   for (const auto& [path, entity] : mirror.entities()) {
     const std::string name = lastName(path);
-    if (entity.type == kLedType && path == ledPath(name)) readSetting(entity.attributes, lamps[name]);
+    if (entity.type == kLedType && path == ledPath(name))
+      settingIs(lamps[name], entity.attributes.value("lightSetting", Json::object()));
     if (entity.type == kMapType && path == mapPath(name)) readMapping(entity.attributes, lamps[name]);
   }
   std::vector<Lamp> sorted;
@@ -187,6 +188,17 @@ Mirror readAppliance(Client& client) {
   Mirror mirror;
   for (const char* path : kPaths) mirror.entitiesAre(path, client.read(path));
   return mirror;
+}
+
+Mirror readLeds(Client& client, const std::vector<std::string>& patterns) {
+  Mirror some, all;
+  const auto known = [&](const std::string& name) {
+    for (const std::string& path : {ledPath(name), mapPath(name)}) some.entitiesAre(path, client.read(path));
+    return some.find(ledPath(name)) || some.find(mapPath(name));
+  };
+  if (std::ranges::none_of(patterns, isGlob) && std::ranges::all_of(patterns, known)) return some;
+  for (const char* path : {Paths::kLeds, Paths::kMappings}) all.entitiesAre(path, client.read(path));
+  return all;
 }
 
 LiveAppliance::LiveAppliance(Client& client) {

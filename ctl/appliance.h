@@ -89,6 +89,8 @@ struct Lamp {
   std::string shownText() const;
 };
 
+// Gives the lamp a light setting.
+void settingIs(Lamp& lamp, Json setting);
 // Adds the pins in `driven` that the lamp's mapping lacks, and what the lamp shows with them.
 void formerPinsAre(Lamp& lamp, const PerColour<std::vector<std::string>>& driven, const Mirror& mirror);
 
@@ -102,6 +104,8 @@ std::map<std::string, std::optional<unsigned>> pinsOf(const Mirror& mirror);
 
 // Reads settings, mappings and pins.
 Mirror readAppliance(Client& client);
+// Reads settings and mappings: of these LEDs, or all of them if a name is a pattern or unknown.
+Mirror readLeds(Client& client, const std::vector<std::string>& patterns);
 
 // The same, kept up to date.
 class LiveAppliance {

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "ctl/jsontext.h"
 #include "ctl/ownhost.h"
 #include "ctl/processes.h"
 #include "ctl/text.h"
@@ -108,15 +109,25 @@ void Client::receive() {
 }
 
 void Client::takeLine(const std::string& line) {
+  if (tooDeepAt(line, kMessageDepth)) lost("sent a message " + tooDeep(kMessageDepth));
   Json message = Json::parse(line, nullptr, false);
   if (!message.is_object()) lost("sent an invalid message: " + line.substr(0, 60));
   (message.contains("method") ? notifications_ : replies_).push_back(std::move(message));
 }
 
+namespace {
+// Throws Refusal if a string of the request is not UTF-8.
+std::string requestText(int id, const std::string& method, Json parameters) {
+  try {
+    return Json{{"jsonrpc", "2.0"}, {"id", id}, {"method", method}, {"params", std::move(parameters)}}.dump();
+  } catch (const Json::type_error&) {
+    throw Refusal(method + ": a name or value is not UTF-8");
+  }
+}
+}  // namespace
+
 Json Client::call(const std::string& method, Json parameters) {
-  const int id = ++lastId_;
-  const std::string line =
-      Json{{"jsonrpc", "2.0"}, {"id", id}, {"method", method}, {"params", std::move(parameters)}}.dump();
+  const std::string line = requestText(++lastId_, method, std::move(parameters));
   if (line.size() > kMessageLimit)
     throw Refusal(method + ": the request has " + std::to_string(line.size()) +
                   " bytes; pinlampd accepts at most " + std::to_string(kMessageLimit) + " in one; split it");

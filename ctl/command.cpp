@@ -24,6 +24,11 @@ Argument& Argument::oneEach() {
   return *this;
 }
 
+Argument& Argument::hidden() {
+  option_->group("");
+  return *this;
+}
+
 Argument& Argument::valueName(const std::string& name) {
   option_->type_name(name);
   return *this;

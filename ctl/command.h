@@ -52,6 +52,8 @@ class Argument {
   Argument& within(double least, double most);
   // Takes one value each time it is given, not all the words that follow.
   Argument& oneEach();
+  // Leaves the argument out of the list in the help text.
+  Argument& hidden();
   // Names the value in the help text.
   Argument& valueName(const std::string& name);
   // Takes the value from an environment variable if the command line has none. Help shows the default.

@@ -2,6 +2,8 @@
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <ostream>
 
 #include "ctl/complete.h"
@@ -85,6 +87,24 @@ int parseAndRun(CLI::App& app, std::vector<std::string> arguments, std::ostream&
   }
 }
 
+// Makes a stream throw std::ios::failure where it can't be written, while this lives.
+class Failing {
+ public:
+  explicit Failing(std::ostream& out) : out_(out) { out_.exceptions(std::ios::badbit); }
+  ~Failing() { out_.exceptions(std::ios::goodbit); }
+  Failing(const Failing&) = delete;
+  Failing& operator=(const Failing&) = delete;
+
+ private:
+  std::ostream& out_;
+};
+
+int run(CLI::App& app, Completions& completions, Context& context, std::vector<std::string> arguments) {
+  if (!arguments.empty() && arguments.front() == "complete")
+    return printCandidates(app, completions, context, {arguments.begin() + 1, arguments.end()});
+  return parseAndRun(app, std::move(arguments), context.out, context.err);
+}
+
 }  // namespace
 
 int runCommandLine(std::vector<std::string> arguments, std::ostream& out, std::ostream& err) {
@@ -93,14 +113,19 @@ int runCommandLine(std::vector<std::string> arguments, std::ostream& out, std::o
   Completions completions;
   describe(app, completions, context);
   try {
-    if (!arguments.empty() && arguments.front() == "complete")
-      return printCandidates(app, completions, context, {arguments.begin() + 1, arguments.end()});
-    return parseAndRun(app, std::move(arguments), out, err);
+    const Failing failing(out);  // ends `watch` at the first line that can't be written
+    const int status = run(app, completions, context, std::move(arguments));
+    out.flush();
+    return status;
   } catch (const Refusal& refusal) {
     err << "pinlampctl: " << refusal.what() << '\n';
   } catch (const Json::exception& error) {
     err << "pinlampctl: " << Zel::printable(context.target.name())
         << " sent an unexpected message: " << Zel::printable(error.what()) << '\n';
+  } catch (const std::ios::failure&) {
+    if (!out.bad()) throw;
+    err << "pinlampctl: can't write to standard output: " << std::strerror(errno)
+        << "; what was printed is incomplete\n";
   }
   return kRefused;
 }

@@ -4,6 +4,7 @@
 #include <set>
 
 #include "ctl/appliance.h"
+#include "ctl/jsontext.h"
 #include "ctl/output.h"
 #include "ctl/text.h"
 
@@ -30,6 +31,12 @@ std::string reasonOf(const std::string& message) {
   return reason == std::string::npos ? message : message.substr(reason + 2);
 }
 
+// The position of the number that a parser's message quotes, which the parser does not give.
+std::string positionOfQuoted(const std::string& text, const std::string& message) {
+  const std::size_t from = message.find('\'') + 1;
+  return positionAt(text, text.find(message.substr(from, message.rfind('\'') - from)));
+}
+
 // Parses JSON, and adds an error for each duplicate key.
 Json parsed(const std::string& file, const std::string& text, std::vector<std::string>& errors) {
   std::vector<std::set<std::string>> keys;
@@ -40,60 +47,84 @@ Json parsed(const std::string& file, const std::string& text, std::vector<std::s
       errors.push_back(file + ": duplicate key " + value.dump() + " in an object; keep one");
     return true;
   };
+  if (const auto at = tooDeepAt(text, kInputDepth))
+    throw Refusal(file + ':' + positionAt(text, *at) + ": " + tooDeep(kInputDepth));
   try {
     return Json::parse(text, watchKeys);
   } catch (const Json::parse_error& error) {
     throw Refusal(file + ':' + positionAt(text, error.byte == 0 ? 0 : error.byte - 1) + ": " +
                   reasonOf(error.what()));
+  } catch (const Json::out_of_range& error) {
+    throw Refusal(file + ':' + positionOfQuoted(text, error.what()) +
+                  ": the number is out of range: " + error.what());
   }
+}
+
+// FILE:LINE of a key; FILE where its escapes differ from ours.
+std::string positionOf(const Configuration::Source& source, const std::string& key) {
+  const std::size_t at = source.text.find(Json(key).dump());
+  return at == std::string::npos ? source.file : source.file + ':' + std::to_string(lineAt(source.text, at));
+}
+
+// Why the entity is invalid; empty if it is not.
+std::string faultOf(const Json& entity) {
+  if (!entity.is_object())
+    return std::string("found ") + entity.type_name() + R"(, expected {"type": TYPE, ATTRIBUTE: VALUE})";
+  if (const auto type = entity.find("type"); type == entity.end() || !type->is_string())
+    return std::string(R"("type" is missing or not a string; it is the entity's type, such as ")") +
+           kLedType + '"';
+  return {};
 }
 
 }  // namespace
 
-Configuration::Configuration(std::string file, std::string text)
-    : file_(std::move(file)), text_(std::move(text)) {
+Configuration::Configuration(std::vector<Source> sources) : sources_(std::move(sources)) {
   std::vector<std::string> errors;
-  const Json whole = parsed(file_, text_, errors);
-  if (!whole.is_object())
-    throw Refusal(file_ + ":1: found " + whole.type_name() +
-                  R"(, expected {PATH: {"type": TYPE, ATTRIBUTE: VALUE}})");
-  for (const auto& [path, entity] : whole.items()) {
-    check(path, entity, errors);
-    entities_[path] = entity;
-  }
+  for (const Source& source : sources_) read(source, errors);
   if (!errors.empty()) throw Refusal(errors);
 }
 
-void Configuration::check(const std::string& path, const Json& entity,
-                          std::vector<std::string>& errors) const {
-  const std::string position = positionOf(path) + ": " + path;
-  if (!entity.is_object())
-    errors.push_back(position + ": found " + entity.type_name() +
-                     R"(, expected {"type": TYPE, ATTRIBUTE: VALUE})");
-  else if (const auto type = entity.find("type"); type == entity.end() || !type->is_string())
-    errors.push_back(position + R"(: "type" is missing or not a string; it is the entity's type, such as ")" +
-                     kLedType + '"');
+void Configuration::read(const Source& source, std::vector<std::string>& errors) {
+  Json whole = parsed(source.file, source.text, errors);
+  if (!whole.is_object())
+    throw Refusal(source.file + ":1: found " + whole.type_name() +
+                  R"(, expected {PATH: {"type": TYPE, ATTRIBUTE: VALUE}})");
+  for (auto& [path, entity] : whole.items()) {
+    std::string fault = faultOf(entity);
+    const auto [entry, added] = entities_.try_emplace(path, Entity{std::move(entity), &source});
+    if (!added) fault = "the entity is in " + positionOf(*entry->second.source, path) + ", too; keep one";
+    if (!fault.empty()) errors.push_back(positionOf(source, path) + ": " + path + ": " + fault);
+  }
 }
 
-std::string Configuration::positionOf(const std::string& key) const {
-  const std::size_t at = text_.find(Json(key).dump());
-  return at == std::string::npos ? file_ : file_ + ':' + std::to_string(lineAt(text_, at));
+bool Configuration::covers(std::string path) const {
+  if (entities_.empty()) return true;
+  while (!path.empty() && !entities_.contains(path)) path = parentPath(path);
+  return !path.empty();
+}
+
+const Json* Configuration::find(const std::string& path) const {
+  const auto found = entities_.find(path);
+  return found == entities_.end() ? nullptr : &found->second.json;
 }
 
 std::string Configuration::located(const std::string& error) const {
-  const std::string* longest = nullptr;
-  for (const auto& [path, entity] : entities_)
-    if (error.starts_with(path) && (!longest || path.size() > longest->size())) longest = &path;
-  return (longest ? positionOf(*longest) : file_) + ": " + error;
+  auto longest = entities_.end();
+  for (auto each = entities_.begin(); each != entities_.end(); ++each)
+    if (error.starts_with(each->first) &&
+        (longest == entities_.end() || each->first.size() > longest->first.size()))
+      longest = each;
+  if (longest != entities_.end()) return positionOf(*longest->second.source, longest->first) + ": " + error;
+  return (sources_.empty() ? "" : sources_.front().file + ": ") + error;
 }
 
 Json Configuration::puts() const {
   Json changes = Json::array();
   for (const auto& [path, entity] : entities_) {
-    Json attributes = entity;
+    Json attributes = entity.json;
     attributes.erase("type");
     changes.push_back(
-        {{"op", "put"}, {"path", path}, {"type", entity.at("type")}, {"attributes", attributes}});
+        {{"op", "put"}, {"path", path}, {"type", entity.json.at("type")}, {"attributes", attributes}});
   }
   return changes;
 }
@@ -125,13 +156,45 @@ Json Configuration::dels(const Json& entities, const std::vector<std::string>& f
   Json changes = Json::array();
   for (const Json& found : entities) {
     const std::string path = found.at("path");
-    const auto wanted = entities_.find(path);
     const bool goesWithLast = !changes.empty() && isUnder(path, changes.back().at("path").get<std::string>());
-    if (!isFilled(path, filled) && !isAboveFilled(path, filled) && !goesWithLast &&
-        mustBeDeleted(found, wanted == entities_.end() ? nullptr : &wanted->second))
+    if (covers(path) && !isFilled(path, filled) && !isAboveFilled(path, filled) && !goesWithLast &&
+        mustBeDeleted(found, find(path)))
       changes.push_back({{"op", "del"}, {"path", path}});
   }
   return changes;
+}
+
+namespace {
+
+// Whether a put of `wanted` changes what was found.
+bool isChanged(const Json& found, const Json& wanted) {
+  const Json& attributes = found.at("attributes");
+  return std::ranges::any_of(wanted.items(), [&](const auto& entry) {
+    const Json& before = entry.key() == "type" ? found.at("type") : attributes.value(entry.key(), Json());
+    return before != entry.value();
+  });
+}
+
+}  // namespace
+
+Differences Configuration::differences(const Json& entities, const Json& dels) const {
+  Differences all;
+  std::set<std::string> known, deleted;
+  for (const Json& del : dels) deleted.insert(del.at("path").get<std::string>());
+  const auto isDeleted = [&](std::string path) {
+    while (!path.empty() && !deleted.contains(path)) path = parentPath(path);
+    return !path.empty();
+  };
+  for (const Json& found : entities) {
+    const std::string path = found.at("path");
+    const Json* wanted = find(path);
+    known.insert(path);
+    if (!wanted && isDeleted(path)) all.removed.push_back(path);
+    if (wanted && (deleted.contains(path) || isChanged(found, *wanted))) all.changed.push_back(path);
+  }
+  for (const auto& [path, entity] : entities_)
+    if (!known.contains(path)) all.added.push_back(path);
+  return all;
 }
 
 namespace {

@@ -1,4 +1,8 @@
 // The configuration file: {PATH: {"type": TYPE, ATTRIBUTE: VALUE, …}, …}, written with one entity per line.
+//
+//   const Configuration wanted(std::vector<Configuration::Source>{{"leds.json", text}});
+//   const Json entities = client.read("");
+//   client.write(wanted.puts());
 #pragma once
 
 #include <map>
@@ -9,30 +13,53 @@
 
 namespace Ctl {
 
+// How loading changes what the host has: paths, sorted.
+struct Differences {
+  std::vector<std::string> added;
+  std::vector<std::string> changed;
+  std::vector<std::string> removed;
+};
+
 class Configuration {
  public:
-  // Parses a file's text; `file` names it in errors. Throws Refusal with all errors, one per line:
-  // FILE:LINE: …, or FILE:LINE:COLUMN: … for a JSON syntax error.
-  Configuration(std::string file, std::string text);
+  // A file's text, and its name in errors.
+  struct Source {
+    std::string file;
+    std::string text;
+  };
+
+  // Parses files that are loaded together. Throws Refusal with all errors, one per line: FILE:LINE: …, or
+  // FILE:LINE:COLUMN: … for a JSON syntax error. An entity that two files have is an error.
+  explicit Configuration(std::vector<Source> sources);
+  Configuration(Configuration&&) = default;
+  Configuration(const Configuration&) = delete;  // entities point to sources
 
   // The changes that store every entity, each before those under it.
   Json puts() const;
-  // The changes that remove what `entities` (as read from the host) has and this configuration lacks. After
-  // them and puts() the host has exactly this configuration, except at and under the paths in `filled`, which
-  // agents fill.
+  // The changes that remove what `entities` (as read from the host) has and this configuration lacks, at and
+  // under the paths of this configuration; anywhere if it is empty. After them and puts() the host has
+  // exactly this configuration there, except at and under the paths in `filled`, which agents fill.
   Json dels(const Json& entities, const std::vector<std::string>& filled) const;
+  // What `dels` and puts() would do to `entities`.
+  Differences differences(const Json& entities, const Json& dels) const;
 
   std::size_t size() const { return entities_.size(); }
-  // Prefixes an error of the host, which begins with a path, with the path's position in the file.
+  // Prefixes an error of the host, which begins with a path, with the path's position in its file.
   std::string located(const std::string& error) const;
 
  private:
-  void check(const std::string& path, const Json& entity, std::vector<std::string>& errors) const;
-  std::string positionOf(const std::string& key) const;
+  struct Entity {
+    Json json;  // all attributes, and "type"
+    const Source* source;
+  };
 
-  const std::string file_;
-  const std::string text_;
-  std::map<std::string, Json> entities_;  // by path: all attributes, and "type"
+  void read(const Source& source, std::vector<std::string>& errors);
+  // Whether this configuration decides what is at the path.
+  bool covers(std::string path) const;
+  const Json* find(const std::string& path) const;
+
+  std::vector<Source> sources_;
+  std::map<std::string, Entity> entities_;  // by path
 };
 
 // The file's text for entities as read from the host, without those that agents fill: pins, line status, and

@@ -94,6 +94,13 @@ std::string joined(const std::vector<std::string>& texts, std::string_view separ
   return all;
 }
 
+std::string firstOf(std::vector<std::string> texts) {
+  constexpr std::size_t kShown = 8;
+  const std::size_t more = texts.size() - std::min(texts.size(), kShown);
+  texts.resize(texts.size() - more);
+  return joined(texts) + (more == 0 ? "" : ", and " + std::to_string(more) + " more");
+}
+
 bool isGlob(std::string_view text) { return text.find_first_of("*?[") != std::string_view::npos; }
 
 bool matches(const std::string& pattern, const std::string& name) {

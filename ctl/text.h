@@ -26,6 +26,9 @@ std::string upToSlash(const std::string& path, std::size_t from);
 // "a, b, c".
 std::string joined(const std::vector<std::string>& texts, std::string_view separator = ", ");
 
+// The first eight: "a, b, and 5 more".
+std::string firstOf(std::vector<std::string> texts);
+
 bool isGlob(std::string_view text);
 // Shell patterns; '*' matches slashes too, since LED names hold them.
 bool matches(const std::string& pattern, const std::string& name);

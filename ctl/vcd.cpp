@@ -1,9 +1,12 @@
 #include "ctl/vcd.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cctype>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <iterator>
 #include <utility>
 
@@ -31,11 +34,47 @@ std::string wireName(const std::string& pin) {
   return name.empty() ? "_" : name;
 }
 
+Refusal cantWrite(const std::string& file, const std::string& why) {
+  return Refusal("can't write '" + file + "': " + why);
+}
+
+// Throws unless the name is free or a regular file's. A link is refused, as the rename would replace it and
+// not what it points to.
+void checkReplaceable(const std::string& file) {
+  struct stat found {};
+  if (lstat(file.c_str(), &found) != 0) return;  // opening the new file beside it shows other errors
+  if (S_ISREG(found.st_mode)) return;
+  const char* kind = S_ISDIR(found.st_mode)   ? "a directory"
+                     : S_ISLNK(found.st_mode) ? "a symbolic link"
+                                              : "a device, pipe or socket";
+  throw cantWrite(file, std::string("it is ") + kind + "; give a new name, or that of a regular file");
+}
+
 }  // namespace
 
-VcdWriter::VcdWriter(std::string file, std::string date)
-    : file_(std::move(file)), date_(std::move(date)), out_(file_, std::ios::binary | std::ios::trunc) {
-  if (!out_) throw Refusal("can't write '" + file_ + "': " + std::strerror(errno));
+VcdWriter::VcdWriter(std::string file, std::string date) : file_(std::move(file)), date_(std::move(date)) {
+  checkReplaceable(file_);
+  openBeside();
+}
+
+VcdWriter::~VcdWriter() {
+  if (!beside_.empty()) unlink(beside_.c_str());
+}
+
+// Takes the first free name.
+void VcdWriter::openBeside() {
+  constexpr int kNames = 100;
+  for (int i = 0; i < kNames; ++i) {
+    const std::string name = file_ + ".new" + (i == 0 ? "" : std::to_string(i));
+    out_.reset(std::fopen(name.c_str(), "abxe"));
+    if (!out_ && errno == EEXIST) continue;
+    if (!out_) throw cantWrite(name, std::strerror(errno));
+    std::setvbuf(out_.get(), nullptr, _IONBF, 0);  // no remainder to write after a failure
+    beside_ = name;
+    written_ = 0;
+    return;
+  }
+  throw cantWrite(file_, "the names " + file_ + ".new to .new" + std::to_string(kNames - 1) + " are taken");
 }
 
 std::string VcdWriter::header() const {
@@ -62,29 +101,39 @@ void VcdWriter::valueIs(Time time, const std::string& pin, std::optional<unsigne
 
 void VcdWriter::flush() {
   if (!std::exchange(complete_, true)) rewrite();
-  out_ << std::exchange(body_, {}) << std::flush;
-  checkWritten();
+  append(std::exchange(body_, {}));
 }
 
 // Writes a new file and renames it over the old one.
 void VcdWriter::rewrite() {
-  std::ifstream old(file_, std::ios::binary);
-  old.seekg(bodyAt_);
-  const std::string body = bodyAt_ == 0 ? "" : std::string(std::istreambuf_iterator<char>(old), {});
-  const std::string beside = file_ + ".new";
-  out_ = std::ofstream(beside, std::ios::binary | std::ios::trunc);
+  const std::string body = bodyRead();
+  if (beside_.empty()) openBeside();
   const std::string text = header();
-  bodyAt_ = static_cast<std::streamoff>(text.size());
-  out_ << text << body << std::flush;
-  checkWritten();
-  if (std::rename(beside.c_str(), file_.c_str()) != 0)
-    throw Refusal("can't write '" + file_ + "': " + std::strerror(errno));
+  append(text + body);
+  bodyAt_ = text.size();
+  checkReplaceable(file_);
+  if (std::rename(beside_.c_str(), file_.c_str()) != 0) fail();
+  beside_.clear();
 }
 
-void VcdWriter::checkWritten() const {
-  if (!out_)
-    throw Refusal("can't write '" + file_ + "': " + std::strerror(errno) +
-                  "; the file is complete up to here");
+// What the file has after its header.
+std::string VcdWriter::bodyRead() const {
+  if (bodyAt_ == 0) return {};
+  std::ifstream in(file_, std::ios::binary);
+  in.seekg(static_cast<std::streamoff>(bodyAt_));
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+void VcdWriter::append(const std::string& text) {
+  if (std::fwrite(text.data(), 1, text.size(), out_.get()) != text.size() || std::fflush(out_.get()) != 0)
+    fail();
+  written_ += text.size();
+}
+
+void VcdWriter::fail() const {
+  const std::string why = std::strerror(errno);
+  const bool whole = ftruncate(fileno(out_.get()), static_cast<off_t>(written_)) == 0;
+  throw cantWrite(file_, why + (bodyAt_ != 0 && whole ? "; the file is complete up to here" : ""));
 }
 
 void VcdWriter::finish(Time time) {

@@ -3,22 +3,28 @@
 
 #include <chrono>
 #include <cstdint>
-#include <fstream>
+#include <cstdio>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace Ctl {
 
-// Writes one file, in which a pin is a wire: 1 for any value but 0, x while it is not driven. The file is
-// valid after every flush(). Throws Refusal if it can't be written.
+// Writes one file, in which a pin is a wire: 1 for any value but 0, x while it is not driven. A new file
+// replaces a regular file of that name at the first flush(), by a rename, and nothing else: a directory, a
+// device, a pipe or a symbolic link is refused. The file is valid after every flush(), also after one that
+// fails. Throws Refusal if it can't be written.
 class VcdWriter {
  public:
   using Time = std::chrono::microseconds;  // since the recording began; never decreasing
 
   // `date` goes into the header, for people.
   VcdWriter(std::string file, std::string date);
+  ~VcdWriter();
+  VcdWriter(const VcdWriter&) = delete;
+  VcdWriter& operator=(const VcdWriter&) = delete;
 
   // Declares the pin if it is new; after the first flush, that rewrites the file with a longer header. Skips
   // a value that the pin already has.
@@ -39,15 +45,23 @@ class VcdWriter {
   std::string header() const;
   void timeIs(Time time);
   void rewrite();
-  void checkWritten() const;
+  void openBeside();
+  void append(const std::string& text);
+  std::string bodyRead() const;
+  [[noreturn]] void fail() const;
 
   const std::string file_;
   const std::string date_;
   std::map<std::string, Wire> wires_;  // by pin
   std::string body_;                   // not yet in the file
-  std::ofstream out_;
-  std::streamoff bodyAt_ = 0;  // offset of the body in the file; 0: no header yet
-  bool complete_ = false;      // the header declares every wire
+  struct Close {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+  };
+  std::unique_ptr<std::FILE, Close> out_;
+  std::string beside_;       // the new file until it is renamed; empty: renamed
+  std::size_t bodyAt_ = 0;   // offset of the body in the file; 0: no header yet
+  std::size_t written_ = 0;  // bytes in the file
+  bool complete_ = false;    // the header declares every wire
   Time time_{-1};
   std::size_t changes_ = 0;
 };

@@ -52,10 +52,14 @@ std::string pinsText(const Lamp& lamp, const PinValues& values) {
   return (lamp.ready ? "" : "not ready  ") + joined(texts, " ");
 }
 
+// `names` are sorted, as by expandNames.
+void keepNamed(std::vector<Lamp>& lamps, const std::vector<std::string>& names) {
+  std::erase_if(lamps, [&](const Lamp& lamp) { return !std::ranges::binary_search(names, lamp.name); });
+}
+
 std::vector<Lamp> selected(std::vector<Lamp> lamps, const std::vector<std::string>& patterns) {
   if (patterns.empty()) return lamps;
-  const auto names = expandNames(patterns, namesOf(lamps));
-  std::erase_if(lamps, [&](const Lamp& lamp) { return !std::count(names.begin(), names.end(), lamp.name); });
+  keepNamed(lamps, expandNames(patterns, namesOf(lamps)));
   return lamps;
 }
 
@@ -119,25 +123,32 @@ Json putLed(const std::string& led, Json setting) {
           {"attributes", {{"lightSetting", std::move(setting)}}}};
 }
 
-// Notes LEDs that are set to a colour without a pin: valid, but rarely intended.
-void noteMissingPins(Context& context, const std::vector<std::string>& names) {
-  std::vector<std::string> lacking;
-  for (const Lamp& lamp : selected(lampsOf(readAppliance(context.client())), names))
+// Notes LEDs that stay dark in a colour that is set: valid, but rarely intended.
+void noteDark(Context& context, const std::vector<Lamp>& lamps) {
+  std::vector<std::string> unmapped, unready, lacking;
+  for (const Lamp& lamp : lamps) {
+    if (std::ranges::count(lamp.wanted, true) == 0) continue;
+    if (!lamp.mapped) unmapped.push_back(lamp.name);
+    if (lamp.mapped && !lamp.ready) unready.push_back(lamp.name);
     if (lamp.mapped && lamp.lacksPin()) lacking.push_back(lamp.name);
-  if (!lacking.empty()) note(context, "no pin for a colour that is set: " + joined(lacking));
+  }
+  if (!unmapped.empty()) note(context, "no mapping, so no pins: " + firstOf(unmapped));
+  if (!unready.empty()) note(context, "mapping not ready, so not driven: " + firstOf(unready));
+  if (!lacking.empty()) note(context, "no pin for a colour that is set: " + firstOf(lacking));
 }
 
 // Applies `words` to the LEDs' settings. Other members of the settings, such as brightness, stay.
 void setLeds(Context& context, const LedWords& words, std::optional<double> flash) {
   Client& client = context.client();
-  const std::vector<Lamp> lamps = lampsOf(readAppliance(client));
-  const auto names = expandLedWords(words, namesOf(lamps));
+  std::vector<Lamp> lamps = lampsOf(readLeds(client, words.names));
+  keepNamed(lamps, expandLedWords(words, namesOf(lamps)));
   Json changes = Json::array({{{"op", "put"}, {"path", Paths::kLeds}, {"type", kLedDirType}}});
-  for (const Lamp& lamp : lamps)
-    if (std::count(names.begin(), names.end(), lamp.name))
-      changes.push_back(putLed(lamp.name, lightSetting(lamp.setting, words.colours, flash)));
+  for (Lamp& lamp : lamps) {
+    settingIs(lamp, lightSetting(lamp.setting, words.colours, flash));
+    changes.push_back(putLed(lamp.name, lamp.setting));
+  }
   client.write(std::move(changes));
-  noteMissingPins(context, names);
+  noteDark(context, lamps);
 }
 
 void addLedList(Command& led, Context& context) {

@@ -12,6 +12,7 @@ namespace {
 
 struct MapArguments {
   std::string led;
+  std::vector<std::string> stray;  // words after the LED
   PerColour<std::vector<std::string>> pins;
   PerColour<Argument> options{};
   bool ready = false;
@@ -73,14 +74,54 @@ void noteShared(Context& context, const std::string& led) {
                       " must be re-wired as well: " + joined({others.begin(), others.end()}));
 }
 
+std::set<std::string> pinsIn(const Json& attributes) {
+  std::set<std::string> pins;
+  for (const Colour& colour : kColours)
+    for (const std::string& pin : namesIn(attributes, colour.mappedPins)) pins.insert(pin);
+  return pins;
+}
+
+// Notes the new pins that are in other mappings, too: valid, but rarely intended.
+void noteTaken(Context& context, const std::string& led, const Json& before, const Json& after) {
+  const auto own = pinsIn(after), old = pinsIn(before.is_null() ? Json::object() : before);
+  std::vector<std::string> taken;
+  for (const Json& entity : context.client().read(Paths::kMappings))
+    if (const std::string path = entity.at("path"); path != mapPath(led))
+      for (const std::string& pin : pinsIn(entity.at("attributes")))
+        if (own.contains(pin) && !old.contains(pin)) taken.push_back(pin + " (" + lastName(path) + ")");
+  if (!taken.empty()) note(context, "pins that other LEDs have, too: " + joined(taken));
+}
+
+void checkWords(const MapArguments& given) {
+  if (!given.stray.empty())
+    throw UsageError("map set: '" + given.stray.front() +
+                     "' has no colour; put it before the pins, such as: map set " + given.led + " --green " +
+                     joined(given.stray, " "));
+}
+
+// Refuses a mapping that would have no pins, and a command that sets nothing. `before`: null if there is
+// none.
+void checkMapping(Client& client, const MapArguments& given, const Json& before, const Json& after) {
+  const std::string way = "; such as: pinlampctl map set " + given.led + " --green PIN --ready";
+  if (!before.is_null() && after == before && !given.rewire && given.attributes().empty())
+    throw Refusal("map set: neither pins nor --ready are given for " + given.led + way);
+  if (!before.is_null()) return;
+  if (isGlob(given.led) && client.read(ledPath(given.led)).empty())
+    throw Refusal("map set: '" + given.led + "' is a pattern; name one LED, as each has pins of its own");
+  if (pinsIn(after).empty())
+    throw Refusal("map set: " + given.led + " has no mapping, and no pins are given" + way);
+}
+
 // In one batch: for --rewire, agents see the mapping deleted, then created with its old and the given
 // attributes.
 void setMapping(Context& context, const MapArguments& given) {
+  checkWords(given);
   Client& client = context.client();
   const Json before = attributesNow(client, given.led);
   Json attributes = given.attributes();
   Json after = before.is_null() ? Json::object() : before;
   after.update(attributes);
+  checkMapping(client, given, before, after);
   const bool rewire = given.rewire && !before.is_null();
   Json changes = Json::array({{{"op", "put"}, {"path", Paths::kMappings}, {"type", kMapDirType}}});
   if (rewire) changes.push_back({{"op", "del"}, {"path", mapPath(given.led)}});
@@ -89,6 +130,7 @@ void setMapping(Context& context, const MapArguments& given) {
                      {"type", kMapType},
                      {"attributes", rewire ? after : std::move(attributes)}});
   client.write(std::move(changes));
+  if (!rewire) noteTaken(context, given.led, before, after);
   if (rewire) return noteShared(context, given.led);
   if (!before.is_null() && before.value("ready", false) && namesOtherPins(before, after))
     noteRewiring(context, given.led);
@@ -129,6 +171,7 @@ void addMapSet(Command& map, Context& context) {
   command.argument("NAME", given->led, "The LED; its mapping is created if there is none")
       .completes(Completes::led)
       .required();
+  command.argument("PIN", given->stray, "").hidden();
   for (std::size_t i = 0; i < kColours.size(); ++i) {
     const std::string name = kColours[i].name;
     given->options[i] = command.argument("--" + name, given->pins[i], "The " + name + " pins; '' for none");

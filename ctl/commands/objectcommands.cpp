@@ -2,6 +2,7 @@
 #include <ostream>
 
 #include "ctl/context.h"
+#include "ctl/jsontext.h"
 #include "ctl/objects.h"
 #include "ctl/output.h"
 #include "ctl/text.h"
@@ -24,6 +25,7 @@ Json callObject(Client& client, const std::string& operation, const std::string&
 }
 
 Json argumentOf(const std::string& text) {
+  if (tooDeepAt(text, kInputDepth)) throw Refusal("the value is " + tooDeep(kInputDepth));
   Json value = Json::parse(text, nullptr, false);
   return value.is_discarded() ? Json(text) : value;
 }

@@ -79,7 +79,7 @@ void addRecordCommand(Command& app, Context& context) {
   const auto given = std::make_shared<Recording>();
   Command command = app.add("record", "Records the pin values as a waveform (VCD), until Ctrl-C",
                             "pinlampctl record pins.vcd --for 10");
-  command.argument("FILE", given->file, "The file; overwritten if it exists")
+  command.argument("FILE", given->file, "The file; replaces a regular file of this name")
       .completes(Completes::file)
       .required();
   command.argument("--for", given->seconds, "Stop after this many seconds");

@@ -1,9 +1,11 @@
 #include <gmock/gmock.h>
 
+#include <fstream>
 #include <future>
 #include <sstream>
 
 #include "ctl/appliance.h"
+#include "ctl/context.h"
 #include "tests/ctl/testhost.h"
 #include "tests/host/client.h"
 #include "tests/host/folder.h"
@@ -31,11 +33,28 @@ TEST_F(Commands, DumpReproducesTheLoadedFile) {
   EXPECT_THAT(ctl({"dump", "--all"}).out, HasSubstr("config/sys_r"));
 }
 
-TEST_F(Commands, LoadReplaceDeletesEverythingElse) {
+TEST_F(Commands, LoadReplaceTouchesOnlyTheFilesPaths) {
   loadExample();
+  const std::string leds = folder.at("leds.json"), empty = folder.at("empty.json");
+  contentIs(leds, ctl({"dump", "hardware/led/config"}).out);
+  contentIs(empty, "{}");
   put("hardware/led/config/leds/Old", kLedType, Json::object());
-  EXPECT_EQ(ctl({"load", "--replace", kExample}).status, 0);
-  EXPECT_TRUE(ctl({"dump"}).out == contentOf(kExample));
+  ctl({"led", "off", "Fan1"});
+  ctl({"del", ledPath("Fan2")});
+  const std::string before = ctl({"dump"}).out;
+  const std::string expected =
+      "add    hardware/led/config/leds/Fan2\nchange hardware/led/config/leds/Fan1\n"
+      "remove hardware/led/config/leds/Old\n" +
+      leds + ": 59 entities";
+  EXPECT_EQ(ctl({"load", "--replace", "--dry-run", leds}).out,
+            expected + "; 1 added, 1 changed, 1 removed; dry run, nothing is written\n");
+  EXPECT_EQ(ctl({"load", "--replace", empty}).status, 1);
+  EXPECT_EQ(ctl({"load", leds, folder.at("")}).status, 1);
+  EXPECT_TRUE(ctl({"dump"}).out == before);
+  EXPECT_EQ(ctl({"load", "--replace", leds}).out, expected + " loaded; 1 added, 1 changed, 1 removed\n");
+  EXPECT_TRUE(ctl({"dump"}).out == contentOf(kExample)) << "mappings stay";
+  EXPECT_EQ(ctl({"load", "--replace", "--force", empty}).status, 0);
+  EXPECT_EQ(ctl({"dump"}).out, "{\n}\n");
 }
 
 TEST_F(Commands, RefusedLoadNamesTheLineOfEveryError) {
@@ -49,6 +68,12 @@ TEST_F(Commands, RefusedLoadNamesTheLineOfEveryError) {
   EXPECT_EQ(refused.status, 1);
   EXPECT_THAT(refused.err, testing::ContainsRegex("bad.json:3: b value: .*\n.*bad.json:4: c: .*'No::Such'"));
   EXPECT_EQ(host.store.entities(), 0U);
+}
+
+TEST_F(Commands, RefusedLoadQuotesNulToTheEndOfTheError) {
+  const std::string file = folder.at("nul.json");
+  contentIs(file, R"({"a": {"type": "No\u0000Such"}})");
+  EXPECT_THAT(ctl({"load", file}).err, HasSubstr(":1: a: type 'No\\x00Such' is unknown\n"));
 }
 
 TEST_F(Commands, StoreCheckFailsWhereTheServerIsNotReady) {
@@ -111,6 +136,47 @@ TEST_F(Commands, RewireDeletesAndRecreatesTheMapping) {
             Json({{"gpioGreenName", {"g2", "s"}}, {"gpioRedName", {"r"}}, {"ready", true}}));
   EXPECT_EQ(ctl({"map", "set", "New", "--green", "n", "--rewire"}).status, 0);
   EXPECT_EQ(removes(), 0);
+}
+
+TEST_F(Commands, MapSetRefusesWhatWouldDriveNothing) {
+  ctl({"map", "set", "X", "--green", "g", "--ready"});
+  put(ledPath("Bay[1]"), kLedType, Json::object());
+  const std::tuple<std::vector<std::string>, int, const char*> cases[] = {
+      {{"map", "set", "New"},
+       1,
+       "New has no mapping, and no pins are given; such as: pinlampctl map set New "},
+      {{"map", "set", "New", "--green", "", "--ready"}, 1, "no pins are given"},
+      {{"map", "set", "X"}, 1, "neither pins nor --ready are given for X; such as"},
+      {{"map", "set", "X*", "--green", "p"}, 1, "'X*' is a pattern"},
+      {{"map", "set", "X", "p", "q"},
+       2,
+       "'p' has no colour; put it before the pins, such as: map set X --green p q"},
+      {{"map", "set", "X", "--no-ready"}, 0, ""},
+      {{"map", "set", "X", "--rewire"}, 0, ""},
+      {{"map", "set", "Bay[1]", "--red", "b", "g"}, 0, "note: pins that other LEDs have, too: g (X)\n"}};
+  for (const auto& [arguments, status, text] : cases) {
+    const Outcome outcome = ctl(arguments);
+    EXPECT_EQ(outcome.status, status) << testing::PrintToString(arguments);
+    EXPECT_THAT(outcome.err, HasSubstr(text));
+  }
+}
+
+TEST_F(Commands, LedSetNotesWhatStaysDark) {
+  ctl({"map", "set", "A", "--green", "a"});
+  ctl({"led", "set", "A", "green"});
+  put(ledPath("B"), kLedType, Json::object());
+  EXPECT_EQ(ctl({"led", "set", "*", "red"}).err,
+            "note: no mapping, so no pins: B\nnote: mapping not ready, so not driven: A\n"
+            "note: no pin for a colour that is set: A\n");
+  EXPECT_EQ(ctl({"led", "off", "A", "B"}).err, "");
+}
+
+TEST_F(Commands, LedSetReadsOnlyTheLedsItNames) {
+  loadExample();
+  host.store.reads.clear();
+  EXPECT_EQ(ctl({"led", "set", "Fan1", "Fan2", "red"}).err, "");
+  EXPECT_THAT(host.store.reads, testing::UnorderedElementsAre(ledPath("Fan1"), mapPath("Fan1"),
+                                                              ledPath("Fan2"), mapPath("Fan2")));
 }
 
 TEST_F(Commands, OutputEscapesControlCharacters) {
@@ -228,6 +294,8 @@ TEST_F(Commands, ErrorsSayWhatWouldBeRight) {
       {{"watch", "--for", "-1"}, 2, "--for -1"},
       {{"object", "get", "agent"}, 1, "there is no 'agent'"},
       {{"led", "lst"}, 2, "no command 'lst'; nearest: list"},
+      {{"get", "\xff"}, 1, "read: a name or value is not UTF-8"},
+      {{"set", ledPath("Fan1"), "mode", std::string(100'000, '[')}, 1, "the value is nested deeper than 64"},
       {{"get", "a", "b", "c"}, 2, "c; see: pinlampctl get --help"}};
   for (const auto& [arguments, status, text] : cases) {
     const Outcome refused = ctl(arguments);
@@ -235,6 +303,15 @@ TEST_F(Commands, ErrorsSayWhatWouldBeRight) {
     EXPECT_THAT(refused.err, testing::AllOf(StartsWith("pinlampctl: "), HasSubstr(text)));
     EXPECT_EQ(std::count(refused.err.begin(), refused.err.end(), '\n'), 1) << refused.err;
     EXPECT_EQ(refused.out, "");
+  }
+}
+
+TEST(FullOutput, FailsTheCommand) {
+  for (const char* word : {"--version", "--help"}) {
+    std::ofstream full("/dev/full");
+    std::ostringstream err;
+    EXPECT_EQ(runCommandLine({word}, full, err), 1);
+    EXPECT_THAT(err.str(), HasSubstr("can't write to standard output: No space left on device"));
   }
 }
 
@@ -265,13 +342,14 @@ Outcome typesFrom(const std::string& answer) {
 }
 
 TEST(AnswersOfNoHost, AreRefusedInOneLine) {
-  const std::pair<const char*, const char*> cases[] = {
+  const std::pair<std::string, const char*> cases[] = {
       {"", "closed the connection"},
       {"{\"result\": {\"types\": []}}", "closed the connection"},
       {"HTTP/1.1 400 \x1b[2J\n", "sent an invalid message: HTTP/1.1 400 \\x1B[2J"},
       {"[]\n", "sent an invalid message: []"},
       {"{\"result\": {\"types\": 7}}\n", "sent an unexpected message"},
       {"{\"result\": {}}\n", "sent an unexpected message"},
+      {"{\"result\": " + std::string(300'000, '[') + "\n", "sent a message nested deeper than 128 levels"},
       {"{\"error\": \"no\"}\n", "no"}};
   for (const auto& [answer, text] : cases) {
     const Outcome refused = typesFrom(answer);

@@ -8,10 +8,12 @@
 namespace Ctl {
 namespace {
 
+using testing::ElementsAre;
 using testing::HasSubstr;
+using Sources = std::vector<Configuration::Source>;
 
 std::string refusalOf(const std::string& text) {
-  return Support::errorOf<Refusal>([&] { return Configuration("f.json", text).puts(); });
+  return Support::errorOf<Refusal>([&] { return Configuration(Sources{{"f.json", text}}).puts(); });
 }
 
 TEST(Configuration, ErrorsNameThePosition) {
@@ -22,9 +24,12 @@ TEST(Configuration, ErrorsNameThePosition) {
       {"[]", "f.json:1: found array, expected {PATH: "},
       {"{\n\"a\": 1}", "f.json:2: a: found number, expected {"},
       {"{\n\n\"a\": {\"value\": 1}}", "f.json:3: a: \"type\" is missing"},
+      {"{\"a\":\n 1e999}", "f.json:2:2: the number is out of range: "},
       {"{\"a\": {\"type\": 5}}", "f.json:1: a: \"type\" is missing or not a string"},
       {"{\"a\": {\"type\": \"T\"}, \"a\": {\"type\": \"U\"}}", "f.json: duplicate key \"a\""}};
   for (const auto& [text, expected] : cases) EXPECT_THAT(refusalOf(text), HasSubstr(expected)) << text;
+  const std::string deep = "{\"[{\\\"\":\n" + std::string(300'000, '[');
+  EXPECT_EQ(refusalOf(deep), "f.json:2:64: nested deeper than 64 levels");
   EXPECT_EQ(refusalOf("{\"a\": 1, \"b\": {}, \"c\": {\"type\": \"T\"}}").find("c:"), std::string::npos);
 }
 
@@ -39,9 +44,9 @@ TEST(Configuration, DumpOmitsWhatAgentsFillUnlessAsked) {
 }
 
 TEST(Configuration, ReplaceDeletesNoMoreThanItMust) {
-  const Configuration wanted(
-      "f", R"({"a": {"type": "D"}, "a/kept": {"type": "T", "v": 2}, "a/other": {"type": "U"},
-                                      "a/less": {"type": "T"}})");
+  const Configuration wanted(Sources{{"f", R"({"a": {"type": "D"}, "a/kept": {"type": "T", "v": 2},
+                                        "a/other": {"type": "U"}})"},
+                                     {"g", R"({"a/less": {"type": "T"}, "a/same/new": {"type": "T"}})"}});
   const Json found = Json::parse(R"([
     {"path": "a", "type": "D", "attributes": {}},
     {"path": "a/filled", "type": "D", "attributes": {}},
@@ -52,17 +57,28 @@ TEST(Configuration, ReplaceDeletesNoMoreThanItMust) {
     {"path": "a/less", "type": "T", "attributes": {"v": 1}},
     {"path": "a/other", "type": "T", "attributes": {}},
     {"path": "above", "type": "D", "attributes": {}},
+    {"path": "ab/beside", "type": "D", "attributes": {}},
     {"path": "hardware/corvel/gpio/config/p", "type": "P", "attributes": {}}])");
+  const Json dels = wanted.dels(found, {"a/filled", "above/filled"});
   std::vector<std::string> gone;
-  for (const Json& change : wanted.dels(found, {"a/filled", "above/filled"}))
-    gone.push_back(change.at("path"));
-  EXPECT_THAT(gone, testing::ElementsAre("a/gone", "a/less", "a/other"));
+  for (const Json& change : dels) gone.push_back(change.at("path"));
+  EXPECT_THAT(gone, ElementsAre("a/gone", "a/less", "a/other"));
+  const Differences all = wanted.differences(found, dels);
+  EXPECT_THAT(all.added, ElementsAre("a/same/new"));
+  EXPECT_THAT(all.changed, ElementsAre("a/kept", "a/less", "a/other"));
+  EXPECT_THAT(all.removed, ElementsAre("a/gone", "a/gone/under"));
+  EXPECT_EQ(Configuration(Sources{{"f", "{}"}}).dels(found, {"a/filled", "above/filled"}).size(), 5U);
 }
 
 TEST(Configuration, HostErrorsGetTheirLine) {
-  const Configuration configuration("f.json", "{\n\"a\": {\"type\": \"D\"},\n\"a/b\": {\"type\": \"T\"}}");
-  EXPECT_EQ(configuration.located("a/b value: too big"), "f.json:3: a/b value: too big");
+  const Configuration configuration(
+      Sources{{"f.json", "{\n\"a\": {\"type\": \"D\"}}"}, {"g.json", "{\n\n\"a/b\": {\"type\": \"T\"}}"}});
+  EXPECT_EQ(configuration.located("a/b value: too big"), "g.json:3: a/b value: too big");
   EXPECT_EQ(configuration.located("what?"), "f.json: what?");
+  const auto twice = [] {
+    Configuration(Sources{{"f", "{\"a\": {\"type\": \"T\"}}"}, {"g", "{\"a\": {\"type\": \"T\"}}"}});
+  };
+  EXPECT_EQ(Support::errorOf<Refusal>(twice), "g:1: a: the entity is in f:1, too; keep one");
 }
 
 }  // namespace

@@ -21,8 +21,13 @@ Outcome run(std::vector<std::string> arguments);
 
 struct KeepingLast : Statedb::MemoryStore {
   void persist(const Statedb::Changes& changes) override { last = changes; }
+  Statedb::Records read(Statedb::Path path) const override {
+    reads.push_back(path.stdString());
+    return MemoryStore::read(path);
+  }
   Statedb::StoreState state() const override { return {.claims = claims}; }
   Statedb::Changes last;
+  mutable std::vector<std::string> reads;  // paths
   std::vector<Statedb::StoreState::Claim> claims;
 };
 

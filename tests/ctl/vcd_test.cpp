@@ -1,16 +1,21 @@
 #include "ctl/vcd.h"
 
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 
+#include <csignal>
+#include <filesystem>
 #include <sstream>
 
 #include "ctl/refusal.h"
 #include "tests/host/folder.h"
+#include "tests/support.h"
 
 namespace Ctl {
 namespace {
 
 using std::chrono::microseconds;
+using std::string_literals::operator""s;
 
 struct VcdFile : testing::Test {
   std::string contents() const { return contentOf(path); }
@@ -56,8 +61,39 @@ TEST_F(VcdFile, GivesEveryPinAUniqueCode) {
   EXPECT_EQ(codes.size(), 9000U);
 }
 
-TEST(VcdWriter, RefusesAFileThatCantBeWritten) {
-  EXPECT_THROW(VcdWriter("/nowhere/at/all.vcd", ""), Refusal);
+TEST_F(VcdFile, ReplacesOnlyARegularFile) {
+  const std::string target = folder.at("target"), link = folder.at("link");
+  contentIs(target, "kept");
+  contentIs(path, "before");
+  contentIs(path + ".new", "another's");
+  std::filesystem::create_symlink(target, link);
+  for (const std::string& refused : {link, folder.at(""), std::string("/dev/null"), "/nowhere/at/all.vcd"s})
+    EXPECT_THROW(VcdWriter(refused, ""), Refusal) << refused;
+  EXPECT_EQ(contentOf(target), "kept");
+  { const VcdWriter unused(path, ""); }
+  EXPECT_EQ(contents(), "before");
+  VcdWriter(path, "today").finish(microseconds(1));
+  EXPECT_THAT(contents(), testing::StartsWith("$date today"));
+  EXPECT_EQ(contentOf(path + ".new"), "another's");
+  EXPECT_FALSE(std::filesystem::exists(path + ".new1"));
+}
+
+// The file-size limit stands in for a full disk.
+TEST_F(VcdFile, StaysCompleteWhenTheDiskIsFull) {
+  VcdWriter writer(path, "today");
+  writer.valueIs(microseconds(1), "p", 1U);
+  writer.flush();
+  const std::string before = contents();
+  const auto ignored = std::signal(SIGXFSZ, SIG_IGN);
+  rlimit limit{};
+  getrlimit(RLIMIT_FSIZE, &limit);
+  const rlimit full{before.size() + 2, limit.rlim_max};
+  setrlimit(RLIMIT_FSIZE, &full);
+  writer.valueIs(microseconds(2), "p", 0U);
+  EXPECT_THAT(Support::errorOf<Refusal>([&] { writer.flush(); }), testing::HasSubstr("complete up to here"));
+  setrlimit(RLIMIT_FSIZE, &limit);
+  std::signal(SIGXFSZ, ignored);
+  EXPECT_EQ(contents(), before);
 }
 
 }  // namespace

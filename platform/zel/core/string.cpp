@@ -71,11 +71,19 @@ String String::join(std::string_view a, std::string_view b) {
 
 std::ostream& operator<<(std::ostream& out, const String& text) { return out << text.view(); }
 
+namespace {
+std::string withoutNul(std::string_view text) {
+  std::string result;
+  for (const char c : text) result += c == '\0' ? std::string("\\x00") : std::string(1, c);
+  return result;
+}
+}  // namespace
+
 std::string excerpt(std::string_view text, std::size_t longest) {
-  if (text.size() <= longest) return std::string(text);
+  if (text.size() <= longest) return withoutNul(text);
   std::size_t end = longest;
   while (end > 0 && longest - end < 3 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80) --end;
-  return std::string(text.substr(0, end)) + "... (" + std::to_string(text.size()) + " bytes)";
+  return withoutNul(text.substr(0, end)) + "... (" + std::to_string(text.size()) + " bytes)";
 }
 
 String format(const char* text, ...) {

@@ -52,7 +52,7 @@ class ZEL_API String {
 ZEL_API std::ostream& operator<<(std::ostream& out, const String& text);
 
 // A text from outside, for quoting in a message: whole up to `longest` bytes, else its beginning and its
-// length. UTF-8 characters stay whole.
+// length. UTF-8 characters stay whole; NUL, which would end the message, becomes \x00.
 ZEL_API std::string excerpt(std::string_view text, std::size_t longest = 255);
 
 // As printf. Throws std::bad_alloc, and RangeException where the C library refuses the format.

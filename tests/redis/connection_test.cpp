@@ -68,7 +68,7 @@ struct RedisConnection : ::testing::Test {
 
 TEST_F(RedisConnection, CarriesRequestsOfAnySizeInOrder) {
   const std::uint16_t port = RedisTest::freePort();
-  Server server("bind 127.0.0.1\nport " + std::to_string(port) + "\n");
+  Server server(RedisTest::onPort(port));
   for (const std::string& url :
        {server.url(), "redis://localhost:" + std::to_string(port) + "/2?timeout=5s"}) {
     Client client(loop, url);

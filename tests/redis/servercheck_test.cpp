@@ -225,8 +225,8 @@ TEST(RedisServerCheck, AsksARealServer) {
 TEST(RedisServerCheck, AsksEachSentinelAndThenTheMaster) {
   Host::Loop loop;
   const std::uint16_t port = freePort();
-  const Server server("bind 127.0.0.1\nport " + std::to_string(port) + "\n");
-  const Sentinel sentinel("sentinel monitor leds 127.0.0.1 " + std::to_string(port) + " 1\n");
+  const Server server(RedisTest::onPort(port));
+  const Sentinel sentinel(RedisTest::monitor(port));
   for (const Server* each : {&server, static_cast<const Server*>(&sentinel)})
     Client(loop, each->url()).connect();
   auto found = probed("redis+sentinel://127.0.0.1:1," + sentinel.address() + "/leds?timeout=5s");

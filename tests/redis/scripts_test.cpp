@@ -159,7 +159,7 @@ std::map<std::string, std::string> dump(Client& client) {
 }
 
 TEST_F(Scripts, AWriteThatIsRefusedChangesNothing) {
-  write(stored, {put("a", "x", 1), put("a/b", "x", 1)});
+  write(stored, {put("a", "x", 1), put("a/b", "x", 1), put("s/t", "x", 1)});
   write(volatile_, {put("v/w", "x", 1), put("a/b/c", "x", 1)});
   read(stored);
   read(volatile_);
@@ -195,7 +195,7 @@ TEST_F(Scripts, AWriteThatIsRefusedChangesNothing) {
       {Refusal::notStored, "STORED a", volatile_, put("a", "U"), mine},
       // Of the limited user: a directory, one under a del, a volatile one, the other log, an unset.
       {Refusal::noPerm, "", stored, put("a/n", "T"), mine},
-      {Refusal::noPerm, "", stored, Change::del("a"), mine},
+      {Refusal::noPerm, "", stored, Change::del("s"), mine},
       {Refusal::noPerm, "", stored, Change::del("v"), mine},
       {Refusal::noPerm, "", stored, Change::del("shadow"), mine},
       {Refusal::noPerm, "", stored, Change::unset("a/b", "x"), mine},

@@ -51,17 +51,6 @@ TEST(RedisReply, HasLimits) {
   EXPECT_EQ(errorOf("$5\r\nabcde\r\n", 20'000), "");
 }
 
-TEST(RedisBackOff, DoublesUpToItsLongestAndVaries) {
-  BackOff backOff(7);
-  for (std::uint64_t expected : {50, 100, 200, 400, 800, 1600, 2000, 2000}) {
-    const std::uint64_t after = backOff.next();
-    EXPECT_GE(after, expected * 3 / 4);
-    EXPECT_LE(after, expected * 5 / 4);
-  }
-  backOff.reset();
-  EXPECT_LE(backOff.next(), 63U);
-}
-
 struct RedisConnection : ::testing::Test {
   Host::Loop loop;
 };

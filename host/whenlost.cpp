@@ -90,6 +90,7 @@ void WhenLost::check(bool isReached) {
   if (std::exchange(wasReached_, isReached) == isReached) return;
   if (isReached) {
     uv_timer_stop(timer_.get());
+    if (std::exchange(isShown_, false)) manager_.readAgain(Paths::kLeds);
     return;
   }
   const auto show = [](uv_timer_t* timer) {
@@ -104,6 +105,7 @@ void WhenLost::show() {
     const Zel::Value* setting = fallback_.settingOf(manager_.entityAt(path)->name().stdString());
     if (setting) shown += manager_.showLocally(path, "lightSetting", *setting);
   }
+  isShown_ = shown > 0;
   log_("the state database is lost: " + std::to_string(shown) +
        (shown == 1 ? " LED setting of --when-lost is shown" : " LED settings of --when-lost are shown") +
        " until it is back");

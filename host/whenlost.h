@@ -3,8 +3,8 @@
 //     WhenLost whenLost(loop, Fallback::parse("10s=Status=red flash 1; Beacon=off"), *manager, log);
 //     whenLost.check(store.state().isReached);  // in every turn
 //
-// Only the entities of this process show them: nothing is written. The snapshots that arrive when the store
-// is reached again revert them.
+// Only the entities of this process show them: nothing is written. When the store is reached again, the
+// snapshot of those LEDs is requested, which reverts them.
 #pragma once
 
 #include <cstdint>
@@ -54,6 +54,7 @@ class WhenLost {
   const Log log_;
   UvHandle<uv_timer_t> timer_;
   bool wasReached_ = true;
+  bool isShown_ = false;
 };
 
 }  // namespace Host

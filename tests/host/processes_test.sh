@@ -99,8 +99,11 @@ await "a setting made while it was away takes effect" 001 pins g r s
 # The state database ---------------------------------------------------------------------------------------------------
 before=$(handled)
 killed state
-live() { for pin; do pinlampctl --socket "$run/led.sock" object get "$pins/$pin/value"; done | tr -d '\n'; }
-await "while it is lost, the host shows the settings of --when-lost" 111 live g r s
+live() { # HOST PIN...
+  local of=$1 pin
+  for pin in "${@:2}"; do pinlampctl --socket "$run/$of.sock" object get "$pins/$pin/value"; done | tr -d '\n'
+}
+await "while it is lost, the host shows the settings of --when-lost" 111 live led g r s
 check "and logs it" 1 "$(grep -c "1 LED setting of --when-lost is shown" "$run/led.log")"
 host away --store "sqlite:$run/state.db"
 pinlampctl --socket "$run/away.sock" led set Fan1 red
@@ -121,4 +124,22 @@ put config/r value=0
 put config/g value=1" "$(recorded | sed 's|hardware/||' | sort -r)"
 ended gpio led state >"$run/statuses"
 check "all end in order" "0 0 0" "$(xargs <"$run/statuses")"
+
+# A server that hosts share --------------------------------------------------------------------------------------------
+redis_server() {
+  (exec -a redis-server redis-check-rdb --port 0 --unixsocket "$run/redis" --dir "$run" --appendonly yes --logfile log) &
+  redis_pid=$!
+}
+rack() { pinlampctl --socket "$run/rack.sock" "$@"; }
+redis_server
+host rack --store "redis-unix:$run/redis" --agent libpinlamp.so --when-lost "50ms=Fan1=green red"
+await "a setting is stored on the server" "" rack map set Fan1 --green g --red r --ready
+rack led set Fan1 red
+await "and takes effect" 01 live rack g r
+killed redis
+await "while the server is lost, the host shows the settings of --when-lost" 11 live rack g r
+redis_server
+await "and reverts them when it is back" 01 live rack g r
+ended rack >/dev/null
+killed redis
 finish

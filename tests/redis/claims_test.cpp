@@ -173,6 +173,12 @@ TEST(Claims, AnOwnerHasATokenWhileTheServerShowsItsClaim) {
   EXPECT_EQ(fenced.claims.ownedToken("m"), "");
   EXPECT_THAT(fenced.notes, ElementsAre("read"));
   EXPECT_THAT(fenced.at(held("2 he", 1)), ElementsAre("standby m he's host"));
+
+  Process lost;
+  lost.own();
+  lost.claims.onLost();
+  lost.claims.tick();
+  EXPECT_THAT(lost.notes, IsEmpty()) << "no heartbeat without a server";
 }
 
 TEST(Claims, AMountThatIsNoLongerPublishedIsReleased) {

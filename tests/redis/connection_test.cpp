@@ -51,24 +51,13 @@ TEST(RedisReply, HasLimits) {
   EXPECT_EQ(errorOf("$5\r\nabcde\r\n", 20'000), "");
 }
 
-TEST(RedisBackOff, DoublesUpToItsLongestAndVaries) {
-  BackOff backOff(7);
-  for (std::uint64_t expected : {50, 100, 200, 400, 800, 1600, 2000, 2000}) {
-    const std::uint64_t after = backOff.next();
-    EXPECT_GE(after, expected * 3 / 4);
-    EXPECT_LE(after, expected * 5 / 4);
-  }
-  backOff.reset();
-  EXPECT_LE(backOff.next(), 63U);
-}
-
 struct RedisConnection : ::testing::Test {
   Host::Loop loop;
 };
 
 TEST_F(RedisConnection, CarriesRequestsOfAnySizeInOrder) {
   const std::uint16_t port = RedisTest::freePort();
-  Server server("bind 127.0.0.1\nport " + std::to_string(port) + "\n");
+  Server server(RedisTest::onPort(port));
   for (const std::string& url :
        {server.url(), "redis://localhost:" + std::to_string(port) + "/2?timeout=5s"}) {
     Client client(loop, url);

@@ -1,5 +1,5 @@
-// What the follower asks for, and how it settles writes. The random model (followermodel_test.cpp) checks
-// that no entry is lost, comes twice or comes too late.
+// What the follower asks for, and how it settles writes. The chaos run (tests/redis/chaos) checks on a real
+// server that no entry is lost, comes twice or comes too late.
 #include "host/store/redis/follower.h"
 
 #include <gtest/gtest.h>
@@ -117,6 +117,8 @@ TEST(Follower, AsksForWhatIsMissingAndSettlesEachWrite) {
       {"wiped under the log", "push g1 7 > log? 5 | log g2 7 6 7 > state?"},
       {"another server, whose log went backwards during the scan",
        "check > state? | state s2 g1 9 > scan | scanned > log? 9 | log g1 3 > state?"},
+      {"wiped and written again during the scan",
+       "check > state? | state s2 g1 9 > scan | scanned > log? 9 | log g2 9 > state?"},
       {"back on the same timeline, half a snapshot later",
        "check > state? | state s2 g1 7 > scan | disconnected | connected > subscribe, state? | push g1 6 | "
        "state s1 g1 5 > log? 5"},

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <random>
-#include <sstream>
 
 #include "tests/platform/storemodel.h"
 
@@ -13,37 +12,6 @@ namespace {
 using namespace Host::Redis;
 using namespace StoreModel;
 using Statedb::Path;
-
-// "put p T; put p T x 1; unset p x; del p"
-Changes changesIn(const std::string& text) {
-  Changes changes;
-  std::istringstream steps(text);
-  for (std::string step; std::getline(steps >> std::ws, step, ';');) {
-    std::istringstream words(step);
-    std::string kind, path, type, attribute;
-    int value = 0;
-    words >> kind >> path;
-    if (kind == "del") changes.push_back(Change::del(path));
-    if (kind == "unset" && words >> attribute) changes.push_back(Change::unset(path, attribute));
-    if (kind != "put") continue;
-    const bool hasValue = words >> type && words >> attribute >> value;
-    changes.push_back(Change::put(path, type, attribute, hasValue ? Value(value) : Value()));
-  }
-  return changes;
-}
-
-std::string textOf(const Changes& changes) {
-  std::ostringstream text;
-  for (const Change& change : changes) {
-    const char* kinds[] = {"put ", "del ", "unset "};
-    const Statedb::Row& row = change.row;
-    text << (text.tellp() > 0 ? "; " : "") << kinds[static_cast<int>(change.kind)] << row.path;
-    if (!row.type.empty()) text << ' ' << row.type.view();
-    if (!row.attribute.empty()) text << ' ' << row.attribute.view();
-    if (!row.value.isNull()) text << ' ' << row.value;
-  }
-  return text.str();
-}
 
 // Entities as snapshots have them.
 struct Snapshot {
@@ -60,91 +28,6 @@ struct Snapshot {
 };
 
 constexpr Durability kStored = Durability::stored, kVolatile = Durability::volatile_;
-
-// "s …" and "v …": an entry of the stored and of the volatile space; "c …": of a stored write in the volatile
-// one; "r": released; "S …" and "V …": all rows.
-std::string visibleOf(Host::Redis::Mirror& mirror, const std::string& step) {
-  Changes visible;
-  const Changes changes = changesIn(step.substr(1));
-  const Durability space = step[0] == 's' || step[0] == 'S' ? kStored : kVolatile;
-  Rows rows;
-  carryInto(rows, changes);
-  if (step[0] == 'S' || step[0] == 'V') mirror.replace(space, Snapshot(rows).pointers, visible);
-  if (step[0] == 's' || step[0] == 'v') mirror.carry(space, changes, visible);
-  if (step[0] == 'c') mirror.carryHidden(changes);
-  if (step[0] == 'r') mirror.release(visible);
-  return textOf(visible);
-}
-
-TEST(RedisMirror, NotifiesOfWhatBecomesVisible) {
-  struct Case {
-    const char* what;
-    const char* stored;
-    const char* volatileRows;
-    std::vector<std::pair<const char*, const char*>> steps;
-  };
-  const Case cases[] = {
-      {"a volatile value hides the stored one",
-       "put p T x 1",
-       "put p T x 2",
-       {{"s put p T x 3", ""}, {"v unset p x", "put p T x 3"}, {"v del p", ""}}},
-      {"a del of one space leaves the other's",
-       "put p T y 1; put p T x 1",
-       "put p T x 2; put p/c T x 2",
-       {{"s del p", "unset p y"}, {"v del p", "del p"}}},
-      {"a del takes subscribers' rows along, so what stays is put again",
-       "put p/c T x 1",
-       "put p T; put p/c T x 2; put p/d T",
-       {{"v del p", "del p; put p/c T; put p/c T x 1"}}},
-      {"of two types the stored one is visible",
-       "",
-       "put p U x 1; put p/c T",
-       {{"s put p T y 2", "del p; put p T; put p T y 2; put p/c T"},
-        {"v put p U x 2", ""},
-        {"s del p", "del p; put p U; put p U x 2; put p/c T"}}},
-      {"an entity of another type replaces the one in its space, with all under it",
-       "put p T x 1; put p/c T x 1",
-       "put p/c T y 1",
-       {{"s put p U x 1", "del p; put p U; put p U x 1; put p/c T; put p/c T y 1"}}},
-      {"a del and a put of the same are two steps",
-       "put p T x 1",
-       "",
-       {{"s del p; put p T x 1", "del p; put p T; put p T x 1"}}},
-      {"a companion reveals nothing that its stored write removes",
-       "put p T x 1; put p T y 1",
-       "put p T x 2; put p T y 2; put q T",
-       {{"c unset p x; unset p y; del q", ""},
-        {"v put p T z 3", "put p T z 3"},
-        {"s unset p x; unset p y; del q", "unset p x; unset p y; del q"},
-        {"r", ""}}},
-      {"a companion's del, and what the stored write puts there",
-       "",
-       "put p U x 2; put p/c T",
-       {{"c del p", ""}, {"s del p; put p T x 1", "del p; put p T; put p T x 1"}, {"r", ""}}},
-      {"a stored write makes an entity above what its companion changed",
-       "put p/c T x 1",
-       "put p/c T x 2",
-       {{"c unset p/c x", ""}, {"s put p T; unset p/c x", "put p T; unset p/c x"}}},
-      {"a companion whose stored entry does not come",
-       "put p T x 1",
-       "put p T x 2; put q T; put q/c T",
-       {{"c unset p x; del q", ""}, {"r", "put p T x 1; del q"}}},
-      {"a snapshot notifies of differences",
-       "put p T x 1; put p T y 1; put p/c T x 1; put q T; put q/c T; put r T",
-       "put q/c T x 2",
-       {{"S put p T z 1; put p T x 2; put p/c T x 1; put q U; put q/c T",
-         "unset p y; put p T x 2; put p T z 1; del q; put q U; put q/c T; put q/c T x 2; del r"},
-        {"V put p/c T x 1", "unset q/c x"},
-        {"V", ""}}},
-  };
-  for (const Case& each : cases) {
-    SCOPED_TRACE(each.what);
-    Host::Redis::Mirror mirror;
-    visibleOf(mirror, std::string("s ") + each.stored);
-    visibleOf(mirror, std::string("v ") + each.volatileRows);
-    for (const auto& [step, visible] : each.steps) EXPECT_EQ(visibleOf(mirror, step), visible) << step;
-  }
-}
 
 // Two spaces and pending writes as plain rows.
 struct Naive {
@@ -271,11 +154,11 @@ class World {
     for (const Change& change : visible) {
       const Rows before = subscriber_;
       carryInto(subscriber_, {change});
-      EXPECT_NE(subscriber_, before) << textOf(visible);
+      EXPECT_NE(subscriber_, before) << change.row.path << " is notified of what it is";
       const auto type = before.find({change.row.path.text(), ""});
       const bool replaces = change.kind == Change::Kind::put && type != before.end() &&
                             type->second != Value(change.row.type.view());
-      EXPECT_FALSE(replaces) << "no del before a put of another type: " << textOf(visible);
+      EXPECT_FALSE(replaces) << "no del before a put of another type: " << change.row.path;
     }
   }
   // Of one change, or of a snapshot.
@@ -283,7 +166,7 @@ class World {
     for (const Change& change : visible) {
       const std::pair<std::string, std::string> key{change.row.path.text(), ""};
       if (change.kind != Change::Kind::del || !subscriber_.contains(key)) continue;
-      EXPECT_NE(subscriber_.at(key), before.at(key)) << textOf(visible);
+      EXPECT_NE(subscriber_.at(key), before.at(key)) << "a needless del: " << change.row.path;
     }
   }
 

@@ -118,10 +118,11 @@ TEST_F(SharedStore, ShowsEachProcessWhatTheOthersWriteAndKeepsItWhileTheServerIs
   EXPECT_EQ(a->shown("x", "v"), Value(7));
   const int batches = a->all.batches;
   server.start();
-  until([&] { return a->shown("x", "v") == Value(8) && a->reports.size() == 2; });
+  until([&] { return a->shown("x", "v") == Value(8) && a->reports.back().ends_with("reached"); });
   EXPECT_EQ(a->shown("x/y", "v"), Value(2));
   EXPECT_LE(a->all.batches, batches + 3);
-  EXPECT_THAT(a->reports, ElementsAre(HasSubstr("the lights stay as they are"), HasSubstr("reached")));
+  EXPECT_THAT(a->reports.front(), HasSubstr("the server ended the connection"));
+  EXPECT_LE(a->reports.size(), 3U) << "besides, that the server reads its file";
 }
 
 TEST_F(SharedStore, HasOnePublisherOfAMountAndAStandbyThatTakesOver) {
@@ -139,8 +140,7 @@ TEST_F(SharedStore, HasOnePublisherOfAMountAndAStandbyThatTakesOver) {
   EXPECT_THAT(client({"HGET", meta, std::string("claim:") + kMount}).text,
               ::testing::EndsWith(" "));  // released
   until([&] { return b->isOwner() && b->agent.snapshots == 1; });
-  EXPECT_EQ(b->agent.rows.size(), 2U);  // adopts what stood there
-  b->publish("p", 2);
+  EXPECT_EQ(b->agent.rows.size(), 2U);
   b->publish("q", 2);
   const auto reader = process();
   until([&] {
@@ -149,14 +149,13 @@ TEST_F(SharedStore, HasOnePublisherOfAMountAndAStandbyThatTakesOver) {
   EXPECT_THROW(write(*reader, {Change::put("hardware/gpio/p", kPin, "value", 5)}), Statedb::RefusedError);
   EXPECT_THROW(write(*reader, {Change::del("hardware")}), Statedb::RefusedError);
 
-  // After a restart the volatile rows are gone; nobody sees that.
-  server.end(SIGKILL);
-  until([&] { return !reader->store.state().isReached; });
+  // After a restart the volatile rows are gone; nobody sees that. The owner publishes again what it adopted.
   const int batches = reader->all.batches;
-  server.start();
+  server.restart();
+  until([&] { return !reader->store.state().isReached; });
   until([&] { return reader->store.state().isReached && b->isOwner(); });
   const auto again = process();
-  until([&] { return again->shown("hardware/gpio/p", "value") == Value(2); });
+  until([&] { return again->shown("hardware/gpio/p", "value") == Value(1); });
   EXPECT_EQ(reader->all.batches, batches);
   end(b);
   until([&] { return reader->all.rows.empty() && again->all.rows.empty(); });  // `hold` is over

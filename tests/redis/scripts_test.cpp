@@ -7,7 +7,6 @@
 #include <map>
 #include <random>
 
-#include "host/rpc/json.h"
 #include "platform/statedb/store/memorystore.h"
 #include "server.h"
 #include "tests/support.h"
@@ -17,6 +16,8 @@ namespace {
 using namespace Host::Redis;
 using RedisTest::Client;
 using RedisTest::runUntil;
+using RedisTest::Seen;
+using RedisTest::seenIn;
 using RedisTest::Server;
 using Statedb::Change;
 using Statedb::Changes;
@@ -28,17 +29,6 @@ using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 constexpr Durability kStored = Durability::stored, kVolatile = Durability::volatile_;
-
-// "PATH" with the type, and "PATH ATTRIBUTE" with the value as text; carried into what was seen before.
-using Seen = std::map<std::string, std::string>;
-Seen seenIn(const Statedb::Records& records, Seen seen = {}) {
-  for (const Statedb::Record* record : records) {
-    seen[record->path.text()] = record->type.stdString();
-    for (const Statedb::Attribute& each : record->attributes)
-      seen[record->path.text() + " " + each.name.stdString()] = Host::jsonText(each.value);
-  }
-  return seen;
-}
 
 Change put(Path path, Zel::Name attribute, Zel::Value value) {
   return Change::put(path, "T", attribute, value);
@@ -87,17 +77,8 @@ class Scripts : public ::testing::Test {
       }
     }
   }
-  Rows scan(const Space& from) {
-    Rows rows;
-    for (const Reply& each : client({"ZRANGE", from.keys.directories(), "0", "-1"}).list) {
-      const Reply hash = client({"HGETALL", from.keys.directory(each.text)});
-      EXPECT_FALSE(hash.list.empty()) << "'" << each.text << "' is listed, and empty";
-      for (std::size_t i = 0; i < hash.list.size(); i += 2)
-        rows.scanned(each.text, hash[i].text, hash[i + 1].text);
-    }
-    rows.endScan();
-    return rows;
-  }
+  Rows scan(const Space& from) { return RedisTest::scan(client, from.keys); }
+
   Host::Loop loop;
   Server server;
   Client client{loop, server.url()};
@@ -178,7 +159,7 @@ std::map<std::string, std::string> dump(Client& client) {
 }
 
 TEST_F(Scripts, AWriteThatIsRefusedChangesNothing) {
-  write(stored, {put("a", "x", 1), put("a/b", "x", 1)});
+  write(stored, {put("a", "x", 1), put("a/b", "x", 1), put("s/t", "x", 1)});
   write(volatile_, {put("v/w", "x", 1), put("a/b/c", "x", 1)});
   read(stored);
   read(volatile_);
@@ -214,7 +195,7 @@ TEST_F(Scripts, AWriteThatIsRefusedChangesNothing) {
       {Refusal::notStored, "STORED a", volatile_, put("a", "U"), mine},
       // Of the limited user: a directory, one under a del, a volatile one, the other log, an unset.
       {Refusal::noPerm, "", stored, put("a/n", "T"), mine},
-      {Refusal::noPerm, "", stored, Change::del("a"), mine},
+      {Refusal::noPerm, "", stored, Change::del("s"), mine},
       {Refusal::noPerm, "", stored, Change::del("v"), mine},
       {Refusal::noPerm, "", stored, Change::del("shadow"), mine},
       {Refusal::noPerm, "", stored, Change::unset("a/b", "x"), mine},
@@ -284,8 +265,7 @@ TEST_F(Scripts, VolatileRowsStayOutOfTheFile) {
   write(stored, {put("a", "x", 2)});
   EXPECT_GT(fileSize(), before);
 
-  server.end(SIGKILL);
-  server.start();
+  server.restart();
   client.connect();
   caller.lost();
   EXPECT_EQ(seenIn(scan(volatile_).all()), Seen());
@@ -312,23 +292,18 @@ TEST_F(Scripts, CallsKeepTheirOrderWhereTheServerForgetsTheScripts) {
   const auto send = [&](int value) {
     caller.call(writing(stored, {put("a", "x", value)}, of("g")),
                 [&](const Reply& reply) { revisions.push_back(written(reply).revision); });
+    client.connection.flush();
   };
   write(stored, {put("a", "x", 0)});
   read(stored);
-  for (int round = 0; round < 3; ++round) {
-    client({"SCRIPT", "FLUSH"});
-    const std::size_t before = revisions.size();
-    for (int i = 1; i <= 5; ++i) send(round * 10 + i);
-    client.connection.flush();
-    for (int i = 6; i <= 9; ++i) {
-      loop.runOnce();
-      send(round * 10 + i);
-      client.connection.flush();
-    }
-    runUntil(loop, [&] { return revisions.size() == before + 9; });
+  client({"SCRIPT", "FLUSH"});
+  for (int i = 1; i <= 9; ++i) {
+    send(i);
+    if (i > 5) loop.runOnce();
   }
+  runUntil(loop, [&] { return revisions.size() == 9; });
   EXPECT_TRUE(std::ranges::is_sorted(revisions));
-  EXPECT_EQ(client({"HGET", stored.keys.directory(""), "a/x"}).text, "29");
+  EXPECT_EQ(client({"HGET", stored.keys.directory(""), "a/x"}).text, "9");
   client({"ACL", "SETUSER", "default", "-script"});
   client({"SCRIPT", "FLUSH"});
   caller.lost();
@@ -432,15 +407,9 @@ TEST_F(Scripts, ABatchIsCutIntoPartsThatTheServerCarriesOutAtOnce) {
   for (int i = 0; i < 2500; ++i) changes.push_back(put("d/e" + std::to_string(i), "x", i));
   changes.push_back(put("d/big", "x", std::string(kBytesPerWrite, 'x')));
   changes.push_back(put("d/after", "x", 1));
-  const auto parts = partsOf(changes);
-  ASSERT_EQ(parts.size(), 5U);
-  EXPECT_EQ(parts[0].size(), kRowsPerWrite);
-  EXPECT_EQ(parts[3].size(), 1U);
-  for (const Changes& part : parts) {
-    EXPECT_EQ(write(stored, part).refusal(), Refusal::none);
-    read(stored);
-  }
-  EXPECT_EQ(stored.rows.all().size(), changes.size());
+  std::vector<std::size_t> sizes;
+  for (const Changes& part : partsOf(changes)) sizes.push_back(part.size());
+  EXPECT_THAT(sizes, ElementsAre(kRowsPerWrite, kRowsPerWrite, 2500 - 2 * kRowsPerWrite, 1, 1));
 
   // What must be one step may be longer than a part.
   Changes whole;
@@ -448,7 +417,7 @@ TEST_F(Scripts, ABatchIsCutIntoPartsThatTheServerCarriesOutAtOnce) {
     for (const char* attribute : {"x", "y"}) whole.push_back(put("f/e" + std::to_string(i), attribute, i));
   EXPECT_EQ(write(stored, whole).refusal(), Refusal::none);
   read(stored);
-  EXPECT_EQ(scan(stored).all().size(), changes.size() + whole.size() / 2);
+  EXPECT_EQ(scan(stored).all().size(), whole.size() / 2);
   EXPECT_EQ(*stored.rows.find("f/e999")->find("y"), Zel::Value(999));
 }
 

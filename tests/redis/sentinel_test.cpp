@@ -10,6 +10,8 @@ namespace {
 using namespace Host::Redis;
 using RedisTest::Client;
 using RedisTest::freePort;
+using RedisTest::monitor;
+using RedisTest::onPort;
 using RedisTest::runUntil;
 using RedisTest::Sentinel;
 using RedisTest::Server;
@@ -52,8 +54,7 @@ struct RedisSentinel : ::testing::Test {
 };
 
 TEST_F(RedisSentinel, AnAnswerThatIsNotProvedLeadsToTheNextSentinel) {
-  const Sentinel one("sentinel monitor leds 127.0.0.1 1001 1\n"),
-      two("sentinel monitor leds 127.0.0.1 1002 1\n");
+  const Sentinel one(monitor(1001)), two(monitor(1002));
   waitFor(loop, one);
   waitFor(loop, two);
   Asking ask(loop,
@@ -66,20 +67,17 @@ TEST_F(RedisSentinel, AnAnswerThatIsNotProvedLeadsToTheNextSentinel) {
 }
 
 TEST_F(RedisSentinel, SaysWhatEachSentinelAnswered) {
-  const Server server("bind 127.0.0.1\nport " + std::to_string(freePort()) + "\nrequirepass secret\n");
   const std::uint16_t port = freePort();
-  const Server plain("bind 127.0.0.1\nport " + std::to_string(port) + "\n");
-  const Sentinel open("sentinel monitor leds 127.0.0.1 1001 1\nsentinel monitor fans 127.0.0.1 1002 1\n");
-  const Sentinel locked("requirepass secret\nsentinel monitor leds 127.0.0.1 1001 1\n"), empty("");
-  for (const Server* each : {static_cast<const Server*>(&plain), static_cast<const Server*>(&open),
-                             static_cast<const Server*>(&empty)})
-    waitFor(loop, *each);
-  contentIs(server.at("right"), "secret\n");
-  contentIs(server.at("wrong"), "guess\n");
-  Client(loop, locked.url("&passwordFile=" + server.at("right"))).connect();
-  const std::string right = "?timeout=5s&passwordFile=" + server.at("right");
-  const std::string wrong = "?timeout=5s&passwordFile=" + server.at("wrong");
-  const std::string none = "?timeout=5s";
+  const Server plain(onPort(port));
+  const Sentinel open(monitor(1001) + "sentinel monitor fans 127.0.0.1 1002 1\n"),
+      locked("requirepass secret\n" + monitor(1001)), empty("");
+  for (const Server* each : std::initializer_list<const Server*>{&plain, &open, &empty}) waitFor(loop, *each);
+  const auto password = [&](const char* content) {
+    contentIs(plain.at(content), content);
+    return "&passwordFile=" + plain.at(content);
+  };
+  Client(loop, locked.url(password("secret"))).connect();
+  const std::string none = "?timeout=5s", right = none + password("secret"), wrong = none + password("guess");
 
   struct Case {
     std::string sentinels;
@@ -118,7 +116,7 @@ TEST_F(RedisSentinel, MayBeDestroyedFromWithinItsCalls) {
     void onNoAddress(const Loss&) override { sentinels.reset(); }
     std::unique_ptr<Sentinels> sentinels;
   };
-  const Sentinel one("sentinel monitor leds 127.0.0.1 1001 1\n");
+  const Sentinel one(monitor(1001));
   waitFor(loop, one);
   for (const std::string& url :
        {"redis+sentinel://" + one.address() + "/leds", "redis+sentinel://" + one.address() + "/x",
@@ -128,51 +126,6 @@ TEST_F(RedisSentinel, MayBeDestroyedFromWithinItsCalls) {
     saboteur.sentinels->find();
     runUntil(loop, [&] { return !saboteur.sentinels; });
   }
-}
-
-TEST_F(RedisSentinel, AFailoverIsFound) {
-  const std::uint16_t first = freePort(), second = freePort();
-  const auto server = [](std::uint16_t port) {
-    return "bind 127.0.0.1\nport " + std::to_string(port) + "\n";
-  };
-  Server master(server(first) + "repl-diskless-sync-delay 0\n");
-  waitFor(loop, master);
-  const Server replica(server(second) + "replicaof 127.0.0.1 " + std::to_string(first) + "\n");
-  const std::string monitor = "sentinel monitor leds 127.0.0.1 " + std::to_string(first) +
-                              " 2\nsentinel down-after-milliseconds leds 1000\n"
-                              "sentinel failover-timeout leds 1000\n";
-  const Sentinel sentinels[] = {Sentinel(monitor), Sentinel(monitor), Sentinel(monitor)};
-  std::string url = "redis+sentinel://";
-  for (const Sentinel& each : sentinels) {
-    url += (url.ends_with('/') ? "" : ",") + each.address();
-    Client client(loop, each.url());
-    client.connect();
-    // Their usual periods would make the test last for half a minute.
-    EXPECT_EQ(client({"SENTINEL", "DEBUG", "INFO-PERIOD", "200", "PING-PERIOD", "300", "ASK-PERIOD", "100",
-                      "PUBLISH-PERIOD", "100", "ELECTION-TIMEOUT", "1000"})
-                  .text,
-              "OK");
-  }
-  for (const Sentinel& each : sentinels) {
-    Client client(loop, each.url());
-    client.connect();
-    const auto knows = [&](const char* list) { return client({"SENTINEL", list, "leds"}).list.size(); };
-    runUntil(loop, [&] { return knows("REPLICAS") == 1 && knows("SENTINELS") == 2; });
-  }
-  Client client(loop, replica.url());
-  client.connect();
-  runUntil(loop, [&] { return client({"ROLE"})[3].text == "connected"; });
-  Asking ask(loop, url + "/leds?timeout=5s");
-  EXPECT_EQ(ask(), "127.0.0.1:" + std::to_string(first));
-  ask.sentinels.proved();
-  master.end(SIGKILL);
-  runUntil(loop, [&] {
-    const bool isFound = ask() == "127.0.0.1:" + std::to_string(second);
-    if (isFound) ask.sentinels.proved();
-    return isFound;
-  });
-  client.connect();  // sentinels end the connections to a server whose role they change
-  EXPECT_EQ(client({"ROLE"})[0].text, "master");
 }
 
 }  // namespace

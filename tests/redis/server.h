@@ -10,11 +10,16 @@
 
 #include <chrono>
 #include <csignal>
+#include <iterator>
+#include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "host/io/loop.h"
+#include "host/rpc/json.h"
 #include "host/store/redis/connection.h"
+#include "host/store/redis/layout.h"
 #include "tests/host/folder.h"
 
 namespace RedisTest {
@@ -30,6 +35,14 @@ inline std::uint16_t freePort() {
   ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
   ::close(listener);
   return ntohs(address.sin_port);
+}
+
+// Lines of configuration: a server on this port of the loopback, and a sentinel's master "leds" there.
+inline std::string onPort(std::uint16_t port) {
+  return "bind 127.0.0.1\nport " + std::to_string(port) + "\n";
+}
+inline std::string monitor(std::uint16_t port, int quorum = 1) {
+  return "sentinel monitor leds 127.0.0.1 " + std::to_string(port) + " " + std::to_string(quorum) + "\n";
 }
 
 class Server {
@@ -60,6 +73,10 @@ class Server {
     if (::getppid() == parent) ::execl("/usr/bin/redis-check-rdb", program_, conf.c_str(), nullptr);
     ::_exit(127);
   }
+  void restart() {
+    end(SIGKILL);
+    start();
+  }
   void signal(int number) const { ::kill(pid_, number); }
   void end(int number) {
     if (pid_ <= 0) return;
@@ -84,8 +101,7 @@ class Sentinel : public Server {
 
  private:
   Sentinel(const std::string& options, std::uint16_t port)
-      : Server("bind 127.0.0.1\nport " + std::to_string(port) + "\n" + options, "redis-sentinel"),
-        port_(port) {}
+      : Server(onPort(port) + options, "redis-sentinel"), port_(port) {}
 
   const std::uint16_t port_;
 };
@@ -113,6 +129,12 @@ class Client : public Host::Redis::Connection::Owner {
     runUntil(loop_, [this] { return connection.isReady(); });
     again = false;
     losses.clear();
+  }
+  // Of a command without spaces in its words.
+  Reply run(const std::string& command) {
+    std::istringstream in(command);
+    const std::vector<std::string> words{std::istream_iterator<std::string>(in), {}};
+    return (*this)({words.begin(), words.end()});
   }
   // Its reply; null where the connection is lost meanwhile.
   Reply operator()(const std::vector<std::string_view>& words) {
@@ -144,5 +166,30 @@ class Client : public Host::Redis::Connection::Owner {
  private:
   Host::Loop& loop_;
 };
+
+// "PATH" with the type, and "PATH ATTRIBUTE" with the value as text; added to what was seen before.
+using Seen = std::map<std::string, std::string>;
+inline Seen seenIn(const Statedb::Records& records, Seen seen = {}) {
+  for (const Statedb::Record* record : records) {
+    seen[record->path.text()] = record->type.stdString();
+    for (const Statedb::Attribute& each : record->attributes)
+      seen[record->path.text() + " " + each.name.stdString()] = Host::jsonText(each.value);
+  }
+  return seen;
+}
+inline Seen seenIn(const Host::Redis::Rows& rows) { return seenIn(rows.all()); }
+
+// The rows of a space as they stand on the server.
+inline Host::Redis::Rows scan(Client& client, const Host::Redis::Keys& keys) {
+  Host::Redis::Rows rows;
+  for (const auto& each : client({"ZRANGE", keys.directories(), "0", "-1"}).list) {
+    const auto hash = client({"HGETALL", keys.directory(each.text)});
+    EXPECT_FALSE(hash.list.empty()) << "'" << each.text << "' is listed, and empty";
+    for (std::size_t i = 0; i < hash.list.size(); i += 2)
+      rows.scanned(each.text, hash[i].text, hash[i + 1].text);
+  }
+  rows.endScan();
+  return rows;
+}
 
 }  // namespace RedisTest

@@ -35,6 +35,8 @@ bool EntityManager::showLocally(Path path, Zel::Name attribute, const Zel::Value
   return mounts_->applier().show(path, attribute, value);
 }
 
+void EntityManager::readAgain(Path path) { mounts_->readAgain(path); }
+
 const std::vector<EntityManager::MountInfo>& EntityManager::mounts() const { return mounts_->table().all(); }
 
 void EntityManager::reportIs(std::function<void(const std::string&)> report) {

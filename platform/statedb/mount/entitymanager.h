@@ -54,6 +54,9 @@ class ZEL_API EntityManager : public Zel::Typed<EntityManager, Zel::PtrInterface
   // snapshot reverts it. For what is shown while the store can't be reached. Returns false if there is no
   // entity; throws ValueError if the attribute does not take the value.
   bool showLocally(Path path, Zel::Name attribute, const Zel::Value& value);
+  // Requests the snapshot of what is mounted at or above a path once more, which reverts what is shown there.
+  // For a store that notifies of differences alone when it is reached again.
+  void readAgain(Path path);
 
   struct MountInfo {
     Path path;

@@ -34,6 +34,7 @@ class Mounts : public Zel::PassEnd, public std::enable_shared_from_this<Mounts> 
   const MountTable& table() const { return table_; }
   Publishers& publishers() { return publishers_; }
   RowApplier& applier() { return applier_; }
+  void readAgain(Path path) { subscriptions_.readAgain(path); }
   Refusals& refusals() { return refusals_; }
 
   // Publishes what the agents wrote, then applies the changes that waited for deliveries.

@@ -40,6 +40,10 @@ Subscriptions::Subscription* Subscriptions::covering(Path path) const {
   return nullptr;
 }
 
+void Subscriptions::readAgain(Path path) {
+  if (Subscription* subscription = covering(path)) store_.subscribe(subscription->path(), *subscription);
+}
+
 Subscriber* Subscriptions::subscriberOf(Path path) const { return covering(path); }
 
 bool Subscriptions::haveArrived(Path path) const {

@@ -23,6 +23,8 @@ class Subscriptions {
 
   // Subscribes to the mounts' paths that are not covered yet.
   void add(const std::vector<Mount>& mounts);
+  // Requests the snapshot that covers a path once more; nothing happens where none does.
+  void readAgain(Path path);
   // The subscriber that covers a path; null if none does.
   Subscriber* subscriberOf(Path path) const;
   // Whether the rows under the path have arrived.

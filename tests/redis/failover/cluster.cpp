@@ -9,17 +9,9 @@ using RedisTest::runUntil;
 using RedisTest::Sentinel;
 using RedisTest::Server;
 
-namespace {
-// Sentinels look once in ten seconds by default, which is for networks.
-const std::vector<std::string_view> kQuick{"SENTINEL",       "DEBUG", "INFO-PERIOD",      "200",
-                                           "PING-PERIOD",    "300",   "ASK-PERIOD",       "200",
-                                           "PUBLISH-PERIOD", "200",   "ELECTION-TIMEOUT", "1000"};
-}  // namespace
-
 std::string Cluster::options(std::uint16_t port, unsigned leastReplicas) {
-  return "bind 127.0.0.1\nport " + std::to_string(port) +
-         "\nrepl-diskless-sync-delay 0\nmin-replicas-to-write " + std::to_string(leastReplicas) +
-         "\nmin-replicas-max-lag 2\nmaxmemory-policy noeviction\n";
+  return RedisTest::onPort(port) + "repl-diskless-sync-delay 0\nmin-replicas-to-write " +
+         std::to_string(leastReplicas) + "\nmin-replicas-max-lag 2\nmaxmemory-policy noeviction\n";
 }
 
 Cluster::Cluster(Host::Loop& loop, unsigned leastReplicas) : loop_(loop) {
@@ -29,12 +21,15 @@ Cluster::Cluster(Host::Loop& loop, unsigned leastReplicas) : loop_(loop) {
     servers_[i] = std::make_unique<Server>(options(ports_[i], leastReplicas) + follow);
     client(i);
   }
-  const std::string monitor = "sentinel monitor leds 127.0.0.1 " + std::to_string(ports_[0]) +
-                              " 2\nsentinel down-after-milliseconds leds 1000\n"
-                              "sentinel failover-timeout leds 2000\n";
+  const std::string monitor =
+      RedisTest::monitor(ports_[0], 2) +
+      "sentinel down-after-milliseconds leds 1000\nsentinel failover-timeout leds 2000\n";
   for (std::size_t i = 0; i < kSize; ++i) {
     sentinels_[i] = std::make_unique<Sentinel>(monitor);
-    connected(sentinelClients_[i], *sentinels_[i])(kQuick);
+    connected(sentinelClients_[i], *sentinels_[i])
+        .run(  // they look once in ten seconds by default, which is for networks
+            "SENTINEL DEBUG INFO-PERIOD 200 PING-PERIOD 300 ASK-PERIOD 200 PUBLISH-PERIOD 200 "
+            "ELECTION-TIMEOUT 1000");
   }
   runUntil(loop_, [this] { return isReady(); });
 }

@@ -49,7 +49,7 @@ class Server {
  public:
   // `options` are lines of the server's configuration.
   explicit Server(const std::string& options = "", const char* program = "redis-server") : program_(program) {
-    contentIs(at("conf"), "port 0\nappendonly yes\nsave \"\"\nunixsocket " + socket() + "\nlogfile " +
+    contentIs(at("conf"), "port 0\nappendonly yes\nappendfsync always\nsave \"\"\nunixsocket " + socket() + "\nlogfile " +
                               at("log") + "\ndir " + at("") + "\n" + options);
     start();
   }

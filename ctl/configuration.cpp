@@ -31,10 +31,12 @@ std::string reasonOf(const std::string& message) {
   return reason == std::string::npos ? message : message.substr(reason + 2);
 }
 
-// The position of the number that a parser's message quotes, which the parser does not give.
-std::string positionOfQuoted(const std::string& text, const std::string& message) {
+// The error for a number that a parser's message quotes; the parser does not give its position.
+Refusal outOfRange(const std::string& file, const std::string& text, const std::string& message) {
   const std::size_t from = message.find('\'') + 1;
-  return positionAt(text, text.find(message.substr(from, message.rfind('\'') - from)));
+  const std::string number = message.substr(from, message.rfind('\'') - from);
+  return Refusal(file + ':' + positionAt(text, text.find(number)) + ": the number " + number +
+                 " is out of range");
 }
 
 // Parses JSON, and adds an error for each duplicate key.
@@ -55,8 +57,7 @@ Json parsed(const std::string& file, const std::string& text, std::vector<std::s
     throw Refusal(file + ':' + positionAt(text, error.byte == 0 ? 0 : error.byte - 1) + ": " +
                   reasonOf(error.what()));
   } catch (const Json::out_of_range& error) {
-    throw Refusal(file + ':' + positionOfQuoted(text, error.what()) +
-                  ": the number is out of range: " + error.what());
+    throw outOfRange(file, text, error.what());
   }
 }
 

@@ -22,7 +22,7 @@ Outcome run(std::vector<std::string> arguments);
 struct KeepingLast : Statedb::MemoryStore {
   void persist(const Statedb::Changes& changes) override { last = changes; }
   Statedb::Records read(Statedb::Path path) const override {
-    reads.push_back(path.stdString());
+    reads.push_back(path.text());
     return MemoryStore::read(path);
   }
   Statedb::StoreState state() const override { return {.claims = claims}; }

@@ -61,7 +61,7 @@ void Host::shutDown() {
 
 std::unique_ptr<Control> Host::makeControl(const Options& options) {
   if (options.client) return std::make_unique<Control>(loop_, *options.client, served_);
-  return std::make_unique<Control>(*listener_, served_, ClientLimits::ofProcess(options.maxClients));
+  return std::make_unique<Control>(loop_, *listener_, served_, ClientLimits::ofProcess(options.maxClients));
 }
 
 void Host::loadAgents(const std::vector<AgentOption>& options) {

@@ -25,7 +25,7 @@ class ServedStore {
     control_ = nullptr;
     listener_ = nullptr;
     listener_ = std::make_unique<Host::Listener>(loop, socket);
-    control_ = std::make_unique<Host::Control>(*listener_, served_, limits);
+    control_ = std::make_unique<Host::Control>(loop, *listener_, served_, limits);
   }
   void turn() {
     control_->commit();

@@ -12,8 +12,18 @@ Control::Peer::Peer(Served& served, const std::shared_ptr<Connection>& theConnec
       caller(served, theConnection->peerPid(),
              [raw = theConnection.get()](const std::string& line) { raw->send(line); }) {}
 
-Control::Control(Listener& listener, Served& served, const ClientLimits& limits)
-    : served_(served), methods_(served), limits_(limits) {
+namespace {
+
+UvHandle<uv_idle_t> idle(Loop& loop) {
+  UvHandle<uv_idle_t> handle(new uv_idle_t);
+  uv_idle_init(loop.uv(), handle.get());
+  return handle;
+}
+
+}  // namespace
+
+Control::Control(Loop& loop, Listener& listener, Served& served, const ClientLimits& limits)
+    : served_(served), methods_(served), limits_(limits), resume_(idle(loop)) {
   listener.start([this](uv_stream_t* stream) { accept(stream); });
 }
 
@@ -30,7 +40,7 @@ UvHandle<uv_pipe_t> opened(Loop& loop, int client) {
 }  // namespace
 
 Control::Control(Loop& loop, int client, Served& served)
-    : served_(served), methods_(served), stopped_(&loop) {
+    : served_(served), methods_(served), stopped_(&loop), resume_(idle(loop)) {
   Connection::Owner& owner = *this;
   add(std::make_shared<Connection>(opened(loop, client), owner));
 }
@@ -91,6 +101,7 @@ const Control::Peer& Control::largest() const {
 
 void Control::onLine(Connection& connection, std::string_view line) {
   Peer& peer = *peers_.at(&connection);
+  const double began = Zel::System::currentTime();
   Request request;
   Wrote wrote = Wrote::nothing;
   std::string text;
@@ -100,9 +111,16 @@ void Control::onLine(Connection& connection, std::string_view line) {
   } catch (const RpcError& error) {
     text = errorText(request.id, error);
   }
-  if ((peer.taken += line.size()) > kTakenLimit || isHeldBack(connection)) connection.pause();
   if (!request.answered) text.clear();
   answer({peer.connection, std::move(request.id), wrote, std::move(text)});
+  share(peer, began);
+}
+
+void Control::share(Peer& peer, double began) {
+  if (peer.used == 0) ++busy_;
+  peer.used += std::max(Zel::System::currentTime() - began, 1e-9);
+  if (peer.used > limits_.round / static_cast<double>(busyBefore_) || isHeldBack(*peer.connection))
+    peer.connection->pause();
 }
 
 std::string Control::execute(Peer& peer, const Request& request, Wrote& wrote) {
@@ -200,11 +218,29 @@ void Control::send(const Answer& answer) {
 
 void Control::send() {
   for (auto& [connection, peer] : peers_) {
-    peer->taken = 0;
-    if (!isHeldBack(*connection)) peer->connection->resume();
+    peer->used = 0;
     peer->connection->flush();
   }
   for (const Connection* connection : std::exchange(closed_, {})) peers_.erase(connection);
+  busyBefore_ = std::max<std::size_t>(std::exchange(busy_, 0), 1);
+  resumeLater();
+}
+
+// An idle handle keeps the loop from waiting for events.
+void Control::resumeLater() {
+  const auto resumes = [this](const auto& each) {
+    return each.second->connection->isPaused() && !isHeldBack(*each.first);
+  };
+  if (std::ranges::none_of(peers_, resumes)) return static_cast<void>(uv_idle_stop(resume_.get()));
+  resume_->data = this;
+  uv_idle_start(resume_.get(), [](uv_idle_t* handle) {
+    Loop::guard(handle->loop, [&] { static_cast<Control*>(handle->data)->resume(); });
+  });
+}
+
+void Control::resume() {
+  for (auto& [connection, peer] : peers_)
+    if (!isHeldBack(*connection)) peer->connection->resume();
 }
 
 }  // namespace Host

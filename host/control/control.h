@@ -22,8 +22,8 @@ namespace Host {
 
 class Control final : private Connection::Owner {
  public:
-  // Starts listening. `listener` and `served` must outlive the server.
-  Control(Listener& listener, Served& served, const ClientLimits& limits);
+  // Starts listening. The first three arguments must outlive the server.
+  Control(Loop& loop, Listener& listener, Served& served, const ClientLimits& limits);
   // Serves only the process at the other end of the connected socket `client`, which it closes at its end,
   // and stops the loop when that process is gone. Throws StartError if it is not such a socket.
   Control(Loop& loop, int client, Served& served);
@@ -34,8 +34,8 @@ class Control final : private Connection::Owner {
   // Flushes all pending writes, whoever made them, and answers the requests whose flush has completed. If the
   // disk fails, its error answers the requests that wrote stored rows.
   void commit();
-  // Ends the round: writes the clients' queued output as far as their sockets accept it, resumes paused
-  // clients, and frees closed ones.
+  // Ends the round: writes the clients' queued output as far as their sockets accept it, and frees closed
+  // clients.
   void send();
 
  private:
@@ -44,7 +44,7 @@ class Control final : private Connection::Owner {
 
     const std::shared_ptr<Connection> connection;
     Caller caller;
-    std::size_t taken = 0;  // bytes of requests in this round
+    double used = 0;  // seconds of this round
   };
   enum class Wrote : std::uint8_t { nothing, volatileRows, storedRows };
   // An answer held back until the next commit, and then until its flush is complete.
@@ -55,9 +55,6 @@ class Control final : private Connection::Owner {
     std::string text;  // empty: the request was a notification
     Statedb::Ticket ticket{};
   };
-  // Bytes of requests executed per client and round. A client beyond it is paused until send(), so that a
-  // flood of requests doesn't delay the other clients' output.
-  static constexpr std::size_t kTakenLimit = 256 << 10;
   // Bytes of held-back answers beyond which answer() commits early, and of answers that wait for their flush
   // beyond which their clients are not read.
   static constexpr std::size_t kWaitingLimit = 1 << 20;
@@ -71,6 +68,12 @@ class Control final : private Connection::Owner {
   void onOversizedLine(Connection& connection) override;
   void onClosed(Connection& connection) override;
   void onHeld(std::ptrdiff_t more) override;
+
+  // Pauses a client that used up its share of the round, or has too many answers waiting.
+  void share(Peer& peer, double began);
+  // Resumes the paused clients in the next round, which begins at once.
+  void resumeLater();
+  void resume();
 
   // Returns the answer's text. Commits first if the method reads rows.
   std::string execute(Peer& peer, const Request& request, Wrote& wrote);
@@ -86,6 +89,9 @@ class Control final : private Connection::Owner {
   const Methods methods_;
   const ClientLimits limits_{};
   Loop* const stopped_ = nullptr;  // by the end of a client
+  const UvHandle<uv_idle_t> resume_;
+  std::size_t busy_ = 0;        // clients that had requests in this round
+  std::size_t busyBefore_ = 1;  // in the round before; at least 1
   std::map<const Connection*, std::unique_ptr<Peer>> peers_;
   std::vector<const Connection*> closed_;  // freed at the end of the round
   std::size_t memory_ = 0;                 // bytes that the connections hold

@@ -7,20 +7,29 @@
 
 namespace Host {
 
-bool Lines::take(std::string_view bytes, const std::function<bool(std::string_view)>& line) {
-  for (std::size_t end; (end = bytes.find('\n')) != std::string_view::npos; bytes.remove_prefix(end + 1)) {
-    oversized_ = partial_.size() + end > limit_;
-    if (oversized_) return false;
-    if (partial_.empty()) {
-      if (!line(bytes.substr(0, end))) return false;
-      continue;
-    }
-    partial_.append(bytes.substr(0, end));
-    if (!line(std::exchange(partial_, {}))) return false;
+void Lines::take(std::string_view bytes, const std::function<bool(std::string_view)>& line) {
+  std::string joined = std::exchange(kept_, {});
+  if (!joined.empty()) bytes = joined.append(bytes);
+  std::size_t from = std::exchange(searched_, 0);
+  for (std::size_t end; (end = bytes.find('\n', from)) != std::string_view::npos; from = 0) {
+    oversized_ = end > limit_;
+    if (oversized_) return;
+    const std::string_view text = bytes.substr(0, end);
+    bytes.remove_prefix(end + 1);
+    if (!line(text)) return keep(bytes, std::move(joined));
   }
-  partial_.append(bytes);
-  oversized_ = partial_.size() > limit_;
-  return !oversized_;
+  oversized_ = bytes.size() > limit_;
+  if (oversized_) return;
+  searched_ = bytes.size();
+  keep(bytes, std::move(joined));
+}
+
+// `joined` holds the rest and the lines before it, if it is not empty.
+void Lines::keep(std::string_view rest, std::string&& joined) {
+  if (rest.size() < joined.size() || joined.empty())
+    kept_ = rest;
+  else
+    kept_ = std::move(joined);
 }
 
 // A write in flight. Outlives its connection if that is closed first.
@@ -75,15 +84,21 @@ void Connection::startReading() {
 Connection::~Connection() = default;
 
 void Connection::onRead(ssize_t size, const char* bytes) {
-  const auto self = shared_from_this();
   if (size == 0) return;
+  const auto self = shared_from_this();
   if (size == UV_EOF) return end();
   if (size < 0) return close();
+  deliver({bytes, static_cast<std::size_t>(size)});
+}
+
+void Connection::deliver(std::string_view bytes) {
+  const auto self = shared_from_this();
   const auto line = [this](std::string_view text) {
     owner_.onLine(*this, text);
-    return !closed() && !ending_;
+    return !closed() && !ending_ && !paused_;
   };
-  lines_.take({bytes, static_cast<std::size_t>(size)}, line);
+  lines_.take(bytes, line);
+  if (closed() || ending_) lines_.clear();
   updateHeld();
   if (!lines_.oversized() || closed()) return;
   owner_.onOversizedLine(*this);
@@ -99,6 +114,7 @@ void Connection::pause() {
 void Connection::resume() {
   if (!std::exchange(paused_, false) || closed() || ending_) return;
   startReading();
+  if (lines_.kept() > 0) deliver({});
 }
 
 std::size_t Connection::waiting() const {
@@ -114,7 +130,7 @@ void Connection::send(std::string_view line) {
 }
 
 void Connection::updateHeld() {
-  const std::size_t now = closed() ? 0 : lines_.partial() + waiting();
+  const std::size_t now = closed() ? 0 : lines_.kept() + waiting();
   const auto before = static_cast<std::ptrdiff_t>(std::exchange(held_, now));
   if (const auto more = static_cast<std::ptrdiff_t>(now) - before; more != 0) owner_.onHeld(more);
 }

@@ -18,18 +18,21 @@ class Lines {
 
   explicit Lines(std::size_t limit = kLimit) : limit_(limit) {}
 
-  // Calls `line` for each complete line. Returns false and drops the rest if a line exceeds the limit or
-  // `line` returns false.
-  bool take(std::string_view bytes, const std::function<bool(std::string_view)>& line);
-  // Bytes of the line that is not complete yet.
-  std::size_t partial() const { return partial_.size(); }
-  void clear() { partial_ = {}; }
+  // Calls `line` for each complete line, until it returns false. Keeps the rest for the next call; drops it
+  // if a line exceeds the limit.
+  void take(std::string_view bytes, const std::function<bool(std::string_view)>& line);
+  // Bytes that are kept.
+  std::size_t kept() const { return kept_.size(); }
+  void clear() { kept_ = {}; }
   // Whether a line over the limit stopped the last take().
   bool oversized() const { return oversized_; }
 
  private:
   const std::size_t limit_;
-  std::string partial_;
+  void keep(std::string_view rest, std::string&& joined);
+
+  std::string kept_;
+  std::size_t searched_ = 0;  // bytes of `kept_` that contain no newline
   bool oversized_ = false;
 };
 
@@ -68,9 +71,11 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // Queues a line, given without its newline, for flush(). Does nothing once the connection is closed.
   void send(std::string_view line);
   void flush();
-  // Stops reading from the socket until resume(). Lines that were read already are still delivered.
+  // Stops reading from the socket, and the delivery of lines that were read already, until resume(), which
+  // continues both.
   void pause();
   void resume();
+  bool isPaused() const { return paused_; }
   // Stops reading, and closes once all output is sent.
   void end();
   void close();
@@ -87,6 +92,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void writeLater();
   void startReading();
   void onRead(ssize_t size, const char* bytes);
+  void deliver(std::string_view bytes);
   void onWritten(bool failed);
   std::size_t waiting() const;
   void updateHeld();

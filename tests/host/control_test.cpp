@@ -193,6 +193,20 @@ TEST_F(ControlTest, TheClientThatHoldsTheMostMemoryIsDisconnectedFirst) {
   for (const auto& client : small) EXPECT_TRUE(call(*client, "hello").contains("result"));
 }
 
+TEST_F(ControlTest, AClientWithManyRequestsLetsOthersGoFirst) {
+  host.listen(loop, socket, {.round = 0});
+  Client flooder(socket);
+  Client other(socket);
+  std::string flood;
+  for (int id = 0; id < 100; ++id) flood += request("hello", Json::object(), id);
+  ASSERT_EQ(flooder.send(flood), flood.size());
+  EXPECT_TRUE(call(other, "hello").contains("result"));
+  int answered = 0;
+  while (flooder.line()) ++answered;
+  EXPECT_LE(answered, 3);
+  for (int id = answered; id < 100; ++id) EXPECT_EQ(next(flooder)["id"], id);
+}
+
 TEST_F(ControlTest, DisconnectingDuringARequestLeavesNothingBehind) {
   {
     Client client(socket);

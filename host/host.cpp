@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
-#include <iostream>
 
 #include "host/io/starterror.h"
+#include "host/io/traceoutput.h"
 #include "host/store/stores.h"
 #include "platform/zel/core/printable.h"
 
@@ -94,7 +94,7 @@ std::vector<Objects::Root> Host::roots() const {
 
 void Host::report(const std::string& text) {
   served_.lastRefusal = text;
-  if (!isQuiet_) std::cerr << "pinlampd: " << Zel::printable(text) << std::endl;
+  if (!isQuiet_) TraceOutput::standardError().write("pinlampd: " + Zel::printable(text));
 }
 
 void Host::run() {

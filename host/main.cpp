@@ -7,9 +7,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <iostream>
-#include <memory>
-#include <utility>
 
 #include "host/host.h"
 #include "host/io/traceoutput.h"
@@ -107,10 +104,10 @@ void writeLine(int descriptor, std::string_view text) {
   }
 }
 
-// The output lives as long as the process: records may come until its end.
-void traceInto(Host::TraceOutput output) {
-  const auto shared = std::make_shared<Host::TraceOutput>(std::move(output));
-  Zel::traceSinkIs([shared](std::string_view line) { shared->write(line); });
+// Lives as long as the process: records may come until its end.
+Host::TraceOutput& traceOutput(const std::string& file) {
+  return file.empty() ? Host::TraceOutput::standardError()
+                      : *new Host::TraceOutput(Host::TraceOutput::appendingTo(file));
 }
 
 void prepare(CommandLine& line) {
@@ -119,14 +116,14 @@ void prepare(CommandLine& line) {
   for (const std::string& agent : line.agents) line.host.agents.push_back(Host::AgentOption::parse(agent));
   if (!line.whenLost.empty()) line.host.whenLost = Host::Fallback::parse(line.whenLost);
   for (const std::string& levels : line.traces) Zel::traceLevelsIs(levels);
-  traceInto(line.traceFile.empty() ? Host::TraceOutput::sharing(STDERR_FILENO)
-                                   : Host::TraceOutput::appendingTo(line.traceFile));
+  Zel::traceSinkIs(
+      [&output = traceOutput(line.traceFile)](std::string_view record) { output.write(record); });
   Cell::cellIdIs(line.cell);
   if (line.host.client) ::unsetenv("NOTIFY_SOCKET");  // of the service that runs pinlampctl
 }
 
 int failed(const std::exception& error, Exit status) {
-  std::cerr << "pinlampd: " << Zel::printable(error.what()) << std::endl;
+  Host::TraceOutput::standardError().write("pinlampd: " + Zel::printable(error.what()));
   return status;
 }
 

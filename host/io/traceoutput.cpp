@@ -52,6 +52,11 @@ TraceOutput TraceOutput::sharing(int descriptor) {
   return {own, Kind::nonBlocking, true};
 }
 
+TraceOutput& TraceOutput::standardError() {
+  static TraceOutput& output = *new TraceOutput(sharing(STDERR_FILENO));
+  return output;
+}
+
 TraceOutput::TraceOutput(TraceOutput&& other) noexcept
     : descriptor_(std::exchange(other.descriptor_, -1)), kind_(other.kind_), isOwn_(other.isOwn_) {}
 
@@ -84,7 +89,7 @@ TraceOutput::Outcome TraceOutput::drain() {
 
 void TraceOutput::reportDropped() {
   const std::size_t dropped = std::exchange(dropped_, 0);
-  pending_ = "trace records dropped here: " + std::to_string(dropped) + "; they could not be written\n";
+  pending_ = "lines dropped here: " + std::to_string(dropped) + "; they could not be written\n";
   if (drain() == Outcome::failed) dropped_ = dropped;
 }
 

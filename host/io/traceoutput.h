@@ -1,4 +1,4 @@
-// Writes trace records to a file, pipe, terminal or socket without ever blocking.
+// Writes trace records and the host's messages to a file, pipe, terminal or socket without ever blocking.
 #pragma once
 
 #include <cstddef>
@@ -17,6 +17,8 @@ class TraceOutput {
   static TraceOutput appendingTo(const std::string& file);
   // Writes to a descriptor that others may share: its flags stay as they are. Not closed.
   static TraceOutput sharing(int descriptor);
+  // Of the standard error stream; lives as long as the process.
+  static TraceOutput& standardError();
   TraceOutput(TraceOutput&& other) noexcept;
   TraceOutput& operator=(TraceOutput&&) = delete;
   ~TraceOutput();

@@ -27,7 +27,7 @@ std::string arrivedAt(int descriptor) {
 
 // Every record arrives whole and in order, or is counted where it is missing.
 void expectAllAccountedFor(const std::string& arrived, std::size_t records, const std::string& filling) {
-  constexpr std::string_view kDropped = "trace records dropped here: ";
+  constexpr std::string_view kDropped = "lines dropped here: ";
   std::istringstream lines(arrived);
   std::size_t next = 0, dropped = 0;
   for (std::string line; std::getline(lines, line);)

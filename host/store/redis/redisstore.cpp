@@ -220,8 +220,8 @@ void RedisStore::onLost(const Loss& loss) {
   why_ = loss.text;
   isReached_ = false;
   using Kind = Loss::Kind;
-  const bool needsHelp =
-      loss.kind == Kind::refused || loss.kind == Kind::invalid || loss.kind == Kind::password;
+  const bool needsHelp = (loss.kind == Kind::refused && loss.refusal != Refusal::loading) ||
+                         loss.kind == Kind::invalid || loss.kind == Kind::password;
   if (losses_.empty() || (needsHelp && !losses_.contains(loss.kind)))
     report(loss.text + (hasRows_ ? "; the lights stay as they are" : "; trying until it is reached"));
   losses_.insert(loss.kind);

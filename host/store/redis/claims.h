@@ -89,7 +89,7 @@ class Claims {
   static constexpr Now kLongestGap = 2'500;
   static constexpr int kLeastRepeats = 2;
 
-  // `uuid` names this process's session in tokens; `output` must outlive this. Every process that shares a
+  // `uuid` names this process in tokens; `output` must outlive this. Every process that shares a
   // database has the same `lease` and `hold`.
   Claims(std::string uuid, Milliseconds lease, Milliseconds hold, Output& output);
   ~Claims();

@@ -3,7 +3,7 @@
 //     Publications publications;
 //     publications.mountsAre({"hardware/corvel/gpio/config"});
 //     mirror.carry(Durability::volatile_, publications.write(changes), visible);
-//     publications.owned(mount, session.rows(Durability::volatile_), shown);
+//     publications.owned(mount, upstream.rows(Durability::volatile_), shown);
 //     for (Publications::Batch& batch : publications.take()) send(batch);
 //
 // Under a mount that another process holds, writes are kept and neither shown nor sent: that process's rows

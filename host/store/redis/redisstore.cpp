@@ -44,11 +44,11 @@ RedisStore::RedisStore(Loop& loop, const std::string& url, Report report)
       url_(parseUrl(url)),
       report_(std::move(report)),
       volatileKeys_(url_.prefix, Durability::volatile_),
-      session_(loop, url_, *this),
-      claims_(session_.uuid(), url_.lease, url_.hold, *this),
-      stored_(session_, mirror_),
+      upstream_(loop, url_, *this),
+      claims_(upstream_.uuid(), url_.lease, url_.hold, *this),
+      stored_(upstream_, mirror_),
       volatile_(
-          session_, publications_, [this](Path mount) { return tokenOf(mount); },
+          upstream_, publications_, [this](Path mount) { return tokenOf(mount); },
           [this](const std::string& what) { this->report(what); }),
       timer_(new uv_timer_t) {
   uv_timer_init(loop_.uv(), timer_.get());
@@ -63,7 +63,7 @@ RedisStore::RedisStore(Loop& loop, const std::string& url, Report report)
 
 RedisStore::~RedisStore() {
   claims_.mountsAre({});
-  session_.flush();
+  upstream_.flush();
 }
 
 Statedb::StoreState RedisStore::state() const {
@@ -182,7 +182,7 @@ Ticket RedisStore::flush() {
   subscribers_.deliver();
   const Ticket ticket = stored_.flush(heldClaims());
   volatile_.send();
-  session_.flush();
+  upstream_.flush();
   deliverSnapshots();
   return ticket;
 }
@@ -195,20 +195,20 @@ std::vector<Claimed> RedisStore::heldClaims() const {
 }
 
 std::string RedisStore::timeline() const {
-  const State state = session_.state(Durability::volatile_);
+  const State state = upstream_.state(Durability::volatile_);
   return state.timeline.server + ' ' + state.timeline.generation;
 }
 
 // The claims are read first: they decide what may be written.
 void RedisStore::onReached() {
-  publications_.compare(session_.rows(Durability::volatile_));
+  publications_.compare(upstream_.rows(Durability::volatile_));
   claims_.onReached(timeline());
   showVolatile();
-  session_.flush();
+  upstream_.flush();
 }
 
 void RedisStore::onClaimsRead() {
-  if (std::exchange(isReached_, true)) return session_.flush();
+  if (std::exchange(isReached_, true)) return upstream_.flush();
   hasRows_ = true;
   if (!losses_.empty()) report("reached");
   losses_.clear();
@@ -235,20 +235,20 @@ void RedisStore::onRows(Durability space) {
     if (const std::string before = std::exchange(timeline_, timeline());
         !before.empty() && before != timeline_)
       keepOthers();
-    publications_.compare(session_.rows(space));
-    if (session_.isReached()) claims_.onReached(timeline_);
+    publications_.compare(upstream_.rows(space));
+    if (upstream_.isReached()) claims_.onReached(timeline_);
     return showVolatile();
   }
   wipedAt_.reset();
   Subscribers::Notice notice;
-  mirror_.replace(space, session_.rows(space).all(), notice.changes);
+  mirror_.replace(space, upstream_.rows(space).all(), notice.changes);
   mirror_.release(notice.changes);
   subscribers_.notify(std::move(notice));
   subscribers_.deliver();
 }
 
 void RedisStore::showVolatile() {
-  Records theirs = session_.rows(Durability::volatile_).all();
+  Records theirs = upstream_.rows(Durability::volatile_).all();
   std::erase_if(theirs, [this](const Record* each) { return isKept(each->path); });
   Records all = publications_.over(theirs);
   for (const auto& [mount, records] : kept_)
@@ -280,12 +280,12 @@ void RedisStore::keep(Path mount) {
   });
 }
 
-void RedisStore::onEntry(const Session::Owner::Entry& entry) {
+void RedisStore::onEntry(const Upstream::Owner::Entry& entry) {
   entry.space == Durability::stored ? carryStored(entry) : carryVolatile(entry);
   subscribers_.deliver();
 }
 
-void RedisStore::carryStored(const Session::Owner::Entry& entry) {
+void RedisStore::carryStored(const Upstream::Owner::Entry& entry) {
   const auto own = entry.own == 0 ? std::nullopt : stored_.take(entry.own);
   if (!own) stored_.disturb();
   Subscribers::Notice notice;
@@ -299,7 +299,7 @@ void RedisStore::carryStored(const Session::Owner::Entry& entry) {
 }
 
 // This process's own entries are shown since they were written.
-void RedisStore::carryVolatile(const Session::Owner::Entry& entry) {
+void RedisStore::carryVolatile(const Upstream::Owner::Entry& entry) {
   if (entry.own != 0) return;
   Changes changes = entry.changes;
   std::erase_if(changes, [this](const Change& each) { return isKept(each.row.path); });
@@ -315,7 +315,7 @@ void RedisStore::carryVolatile(const Session::Owner::Entry& entry) {
 // Publishers write their rows again at once, and what others publish is kept for a while. What was stored is
 // shown until somebody writes there, so that the lights do not go out while it is restored.
 void RedisStore::onWiped(Durability space) {
-  if (space == Durability::volatile_) return session_.acceptWiped(space);
+  if (space == Durability::volatile_) return upstream_.acceptWiped(space);
   wipedAt_ = now();
   report("it was wiped; the stored rows that it had are shown until somebody writes there" +
          (url_.hold == Url::kNever ? std::string()
@@ -326,7 +326,7 @@ void RedisStore::onSettled(const WriteId& write, Outcome outcome) {
   if (write.space == Durability::stored) return stored_.onSettled(write.sequence, outcome);
   volatile_.onSettled(write.sequence, outcome);
   volatile_.send();
-  session_.flush();
+  upstream_.flush();
 }
 
 // "CLAIMED MOUNT TOKEN": a mount may contain spaces.
@@ -348,7 +348,7 @@ void RedisStore::onRefused(const WriteId& write, const Reply& error) {
   }
   if (!mount.empty()) claims_.onFenced(mount);
   volatile_.send();
-  session_.flush();
+  upstream_.flush();
 }
 
 void RedisStore::tick() {
@@ -356,13 +356,13 @@ void RedisStore::tick() {
   if (wipedAt_ && url_.hold != Url::kNever &&
       now() >= *wipedAt_ + static_cast<std::uint64_t>(url_.hold.count())) {
     wipedAt_.reset();
-    session_.acceptWiped(Durability::stored);
+    upstream_.acceptWiped(Durability::stored);
   }
-  if (!session_.isReached()) return;
+  if (!upstream_.isReached()) return;
   volatile_.check();
   reportSynced();
   claims_.tick();
-  session_.flush();
+  upstream_.flush();
 }
 
 void RedisStore::reportSynced() {
@@ -375,7 +375,7 @@ void RedisStore::reportSynced() {
 }
 
 void RedisStore::ask(Call call, const std::string& mount) {
-  session_.call(std::move(call), [this, mount](const Reply& reply) {
+  upstream_.call(std::move(call), [this, mount](const Reply& reply) {
     const Refusal refusal = reply.refusal();
     if (refusal == Refusal::none)
       claims_.onClaim(mount, claim(reply), now());
@@ -383,7 +383,7 @@ void RedisStore::ask(Call call, const std::string& mount) {
       claims_.onFenced(mount);
     else
       onClaimRefused(mount, reply);
-    session_.flush();
+    upstream_.flush();
   });
 }
 
@@ -395,14 +395,14 @@ void RedisStore::onClaimRefused(const std::string& mount, const Reply& error) {
 }
 
 void RedisStore::read() {
-  session_.call(claimsCall(volatileKeys_), [this](const Reply& reply) {
+  upstream_.call(claimsCall(volatileKeys_), [this](const Reply& reply) {
     reply.refusal() == Refusal::none ? claims_.onClaims(claimsOf(reply), now()) : claims_.onReadFailed();
     onClaimsRead();
   });
 }
 
 void RedisStore::take(const std::string& mount, const Claim& seen) {
-  ask(takeCall(volatileKeys_, mount, seen, session_.uuid(), who_, randomText()), mount);
+  ask(takeCall(volatileKeys_, mount, seen, upstream_.uuid(), who_, randomText()), mount);
 }
 
 void RedisStore::beat(const std::string& mount, const Token& token, std::string_view synced) {
@@ -414,18 +414,18 @@ void RedisStore::release(const std::string& mount, const Token& token) {
 }
 
 void RedisStore::sweep(const std::string& mount, const Claim& seen) {
-  ask(sweepCall(volatileKeys_, mount, seen, session_.uuid(), url_.log), mount);
+  ask(sweepCall(volatileKeys_, mount, seen, upstream_.uuid(), url_.log), mount);
 }
 
 void RedisStore::onOwned(const std::string& mount) {
   if (standby_.erase(mount) > 0) report("'" + mount + "' is published by this process now");
   ownedFor_[mount] = 0;
   claimRefusals_.erase(mount);
-  session_.prepare(releaseCall(volatileKeys_, mount, {}));  // the last call of a process must not wait
+  upstream_.prepare(releaseCall(volatileKeys_, mount, {}));  // the last call of a process must not wait
   keep(mount);
   Records shown;
   for (const Record& each : kept_[mount]) shown.push_back(&each);
-  publications_.owned(mount, session_.rows(Durability::volatile_), shown);
+  publications_.owned(mount, upstream_.rows(Durability::volatile_), shown);
   kept_.erase(mount);
   showVolatile();
   flush();

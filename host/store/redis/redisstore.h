@@ -27,16 +27,16 @@
 #include "host/store/redis/claims.h"
 #include "host/store/redis/mirror.h"
 #include "host/store/redis/publications.h"
-#include "host/store/redis/session.h"
 #include "host/store/redis/storedwrites.h"
 #include "host/store/redis/subscribers.h"
+#include "host/store/redis/upstream.h"
 #include "host/store/redis/url.h"
 #include "host/store/redis/volatilewrites.h"
 #include "platform/statedb/store/store.h"
 
 namespace Host::Redis {
 
-class RedisStore final : public Statedb::Store, private Session::Owner, private Claims::Output {
+class RedisStore final : public Statedb::Store, private Upstream::Owner, private Claims::Output {
  public:
   using Report = std::function<void(const std::string& text)>;
 
@@ -62,7 +62,7 @@ class RedisStore final : public Statedb::Store, private Session::Owner, private 
   void onReached() override;
   void onLost(const Loss& loss) override;
   void onRows(Statedb::Durability space) override;
-  void onEntry(const Session::Owner::Entry& entry) override;
+  void onEntry(const Upstream::Owner::Entry& entry) override;
   void onWiped(Statedb::Durability space) override;
   void onWarning(const std::string& text) override { report(text); }
   void onSettled(const WriteId& write, Outcome outcome) override;
@@ -83,8 +83,8 @@ class RedisStore final : public Statedb::Store, private Session::Owner, private 
   void checkTypes(const Statedb::Changes& changes) const;
   Statedb::Changes revealedBy(const Statedb::Changes& changes) const;
 
-  void carryStored(const Session::Owner::Entry& entry);
-  void carryVolatile(const Session::Owner::Entry& entry);
+  void carryStored(const Upstream::Owner::Entry& entry);
+  void carryVolatile(const Upstream::Owner::Entry& entry);
   void showVolatile();
   void keepOthers();
   void keep(Statedb::Path mount);
@@ -112,7 +112,7 @@ class RedisStore final : public Statedb::Store, private Session::Owner, private 
   const Keys volatileKeys_;
 
   Mirror mirror_;
-  Session session_;
+  Upstream upstream_;
   Claims claims_;
   Publications publications_;
   StoredWrites stored_;

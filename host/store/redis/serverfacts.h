@@ -34,7 +34,7 @@ struct Need {
   Role role;
   std::vector<std::string> words;
 };
-// Every command that the session and the scripts use. ACLs may tell directories and claims apart, so a
+// Every command that the upstream and the scripts use. ACLs may tell directories and claims apart, so a
 // command that writes to these stands here with another key.
 std::vector<Need> needsOf(std::string_view prefix);
 

@@ -62,7 +62,7 @@ Line::Line(Loop& theLoop, const Url& theUrl, Connection::Owner& ofCommands, Conn
       commands(loop, url, ofCommands),
       subscription(loop, url, ofSubscription) {}
 
-Space::Space(Line& line, Durability durability, Session::Owner& owner)
+Space::Space(Line& line, Durability durability, Upstream::Owner& owner)
     : line_(line),
       durability_(durability),
       keys_(line.url.prefix, durability),

@@ -1,5 +1,5 @@
-// One space of a session: its rows, its follower on the session's connections, and the writes into it.
-// Internal to the session.
+// One space of an upstream: its rows, its follower on the upstream's connections, and the writes into it.
+// Internal to the upstream.
 //
 // Activity thread only.
 #pragma once
@@ -16,11 +16,11 @@
 #include "host/store/redis/layout.h"
 #include "host/store/redis/scan.h"
 #include "host/store/redis/scripts.h"
-#include "host/store/redis/session.h"
+#include "host/store/redis/upstream.h"
 
 namespace Host::Redis {
 
-// The session as its spaces see it.
+// The upstream as its spaces see it.
 class Line {
  public:
   Line(Loop& loop, const Url& url, Connection::Owner& ofCommands, Connection::Owner& ofSubscription);
@@ -53,7 +53,7 @@ Loss lossOf(const Reply& error);
 class Space final : Follower::Output, Scan::Owner {
  public:
   // `line` and `owner` must outlive it.
-  Space(Line& line, Statedb::Durability durability, Session::Owner& owner);
+  Space(Line& line, Statedb::Durability durability, Upstream::Owner& owner);
 
   const Keys& keys() const { return keys_; }
   const Rows& rows() const { return rows_; }
@@ -111,7 +111,7 @@ class Space final : Follower::Output, Scan::Owner {
   const Statedb::Durability durability_;
   const Keys keys_;
   const std::string uuid_;  // of the writer of this space
-  Session::Owner& owner_;
+  Upstream::Owner& owner_;
   Follower follower_;
   Scan scan_;
   Rows rows_{}, copy_{};

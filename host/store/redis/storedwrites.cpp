@@ -45,8 +45,8 @@ Ticket StoredWrites::flush(const std::vector<Claimed>& claims) {
     const Place place = each++;
     place->outcome = outcome;
     place->left = left;
-    if (session_.isReached())
-      place->sequence = session_
+    if (upstream_.isReached())
+      place->sequence = upstream_
                             .write(Statedb::Durability::stored, place->write.changes,
                                    claimsOf(place->write.changes, claims))
                             .sequence;
@@ -102,7 +102,7 @@ void StoredWrites::onRefused(Sequence sequence, Ticket::Kind kind, const std::st
 }
 
 void StoredWrites::check(std::uint64_t now) {
-  if (session_.isReached()) lostAt_.reset();
+  if (upstream_.isReached()) lostAt_.reset();
   if (!lostAt_ || now < *lostAt_ + kDecidedWithin) return;
   while (!writes_.empty() && writes_.front().outcome)
     end(writes_.begin(), Ticket::Kind::unknown,

@@ -1,6 +1,6 @@
 // The stored writes of this process until the server has answered them.
 //
-//     StoredWrites writes(session, mirror);
+//     StoredWrites writes(upstream, mirror);
 //     writes.add(changes, origin);              // the table shows them
 //     const Ticket ticket = writes.flush();     // sends them
 //     if (auto write = writes.take(sequence))   // its entry arrived: the ticket is done
@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "host/store/redis/mirror.h"
-#include "host/store/redis/session.h"
+#include "host/store/redis/upstream.h"
 #include "platform/statedb/store/store.h"
 
 namespace Host::Redis {
@@ -38,7 +38,7 @@ class StoredWrites {
   };
 
   // Both must outlive it.
-  StoredWrites(Session& session, Mirror& mirror) : session_(session), mirror_(mirror) {}
+  StoredWrites(Upstream& upstream, Mirror& mirror) : upstream_(upstream), mirror_(mirror) {}
 
   bool empty() const { return writes_.empty(); }
   // Shows the changes in the mirror.
@@ -71,7 +71,7 @@ class StoredWrites {
   Place find(Sequence sequence);
   void end(Place place, Statedb::Ticket::Kind kind, const std::string& failure);
 
-  Session& session_;
+  Upstream& upstream_;
   Mirror& mirror_;
   std::list<Waiting> writes_;  // in the order in which they were sent
   std::optional<std::uint64_t> lostAt_;

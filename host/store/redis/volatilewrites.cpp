@@ -18,14 +18,14 @@ bool isForGood(Refusal refusal) { return refusal == Refusal::otherType || refusa
 
 }  // namespace
 
-VolatileWrites::VolatileWrites(Session& session, Publications& publications, TokenOf tokenOf, Report report)
-    : session_(session),
+VolatileWrites::VolatileWrites(Upstream& upstream, Publications& publications, TokenOf tokenOf, Report report)
+    : upstream_(upstream),
       publications_(publications),
       tokenOf_(std::move(tokenOf)),
       report_(std::move(report)) {}
 
 void VolatileWrites::send() {
-  if (!session_.isReached() || isPostponed_) return;
+  if (!upstream_.isReached() || isPostponed_) return;
   for (Publications::Batch& batch :
        publications_.take([this](Path mount) { return !tokenOf_(mount).empty(); })) {
     Sending& sending = sending_[batch.mount];
@@ -40,7 +40,7 @@ void VolatileWrites::sendParts(Path mount, Sending& sending) {
   std::vector<Claimed> claims;
   if (sending.isOfMount) claims.push_back({mount.text(), tokenOf_(mount)});
   for (; !sending.waiting.empty(); sending.waiting.pop_front()) {
-    const WriteId id = session_.write(Durability::volatile_, sending.waiting.front(), claims);
+    const WriteId id = upstream_.write(Durability::volatile_, sending.waiting.front(), claims);
     parts_[id.sequence] = {mount, std::move(sending.waiting.front())};
     ++sending.underWay;
   }
@@ -96,7 +96,7 @@ void VolatileWrites::halve(const Part& part, const std::string& why) {
   auto [first, second] = Statedb::halves(part.changes);
   sending.waiting.push_back(std::move(first));
   sending.waiting.push_back(std::move(second));
-  if (session_.isReached()) sendParts(part.mount, sending);
+  if (upstream_.isReached()) sendParts(part.mount, sending);
 }
 
 void VolatileWrites::onLost() {

@@ -1,6 +1,6 @@
 // Sends what this process publishes to the volatile space of the server, one batch of each mount at a time.
 //
-//     VolatileWrites writes(session, publications, tokenOf, report);
+//     VolatileWrites writes(upstream, publications, tokenOf, report);
 //     writes.send();          // whatever is unsent and may be sent
 //
 // A batch that is refused is halved until the row at fault stands alone; that row is reported and dropped. A
@@ -15,7 +15,7 @@
 #include <string>
 
 #include "host/store/redis/publications.h"
-#include "host/store/redis/session.h"
+#include "host/store/redis/upstream.h"
 
 namespace Host::Redis {
 
@@ -26,7 +26,7 @@ class VolatileWrites {
   using Report = std::function<void(const std::string& text)>;
 
   // All must outlive it.
-  VolatileWrites(Session& session, Publications& publications, TokenOf tokenOf, Report report);
+  VolatileWrites(Upstream& upstream, Publications& publications, TokenOf tokenOf, Report report);
 
   void send();
   // Of writes of the volatile space. The second returns the mount that another process holds, where that is
@@ -57,7 +57,7 @@ class VolatileWrites {
   void halve(const Part& part, const std::string& why);
   void ended(Statedb::Path mount);
 
-  Session& session_;
+  Upstream& upstream_;
   Publications& publications_;
   const TokenOf tokenOf_;
   const Report report_;

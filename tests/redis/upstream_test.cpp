@@ -1,5 +1,5 @@
-// The session on a real server.
-#include "host/store/redis/session.h"
+// The upstream on a real server.
+#include "host/store/redis/upstream.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -31,8 +31,8 @@ constexpr Durability kStored = Durability::stored, kVolatile = Durability::volat
 Change put(Path path, int value) { return Change::put(path, "T", "x", value); }
 
 // A process, with what it was notified of.
-struct Process final : Session::Owner {
-  Process(Host::Loop& loop, const std::string& url) : session(loop, parseUrl(url), *this) {}
+struct Process final : Upstream::Owner {
+  Process(Host::Loop& loop, const std::string& url) : upstream(loop, parseUrl(url), *this) {}
 
   static std::size_t at(Durability space) { return space == kStored ? 0 : 1; }
   void add(const std::string& event) { events.push_back(event); }
@@ -43,7 +43,7 @@ struct Process final : Session::Owner {
     add("lost");
     losses.push_back(loss);
   }
-  void onRows(Durability space) override { shadow(space) = session.rows(space); }
+  void onRows(Durability space) override { shadow(space) = upstream.rows(space); }
   void onEntry(const Entry& entry) override {
     shadow(entry.space).carry(entry.changes);
     add((entry.isCompanion ? "companion" : "entry") + std::string(entry.space == kStored ? " s" : " v") +
@@ -58,8 +58,8 @@ struct Process final : Session::Owner {
 
   bool saw(const std::string& event) const { return std::ranges::count(events, event) > 0; }
   WriteId write(Durability space, const Changes& changes) {
-    const WriteId id = session.write(space, changes, {});
-    session.flush();
+    const WriteId id = upstream.write(space, changes, {});
+    upstream.flush();
     return id;
   }
   Outcome outcomeOf(const WriteId& write) const { return outcomes.at({at(write.space), write.sequence}); }
@@ -69,28 +69,28 @@ struct Process final : Session::Owner {
   std::vector<Refusal> refusals;
   std::map<std::pair<std::size_t, Sequence>, Outcome> outcomes;
   std::array<Rows, 2> shadows;  // rows of the last snapshot, with the entries since
-  Session session;
+  Upstream upstream;
 };
 
-class RedisSession : public ::testing::Test {
+class RedisUpstream : public ::testing::Test {
  protected:
-  RedisSession() { client.connect(); }
+  RedisUpstream() { client.connect(); }
 
   Seen scan(Durability space) { return seenIn(RedisTest::scan(client, Keys("pinlamp", space))); }
   void reach(Process& process) {
-    runUntil(loop, [&] { return process.session.isReached(); });
+    runUntil(loop, [&] { return process.upstream.isReached(); });
     process.events.clear();
   }
   // Every write is settled, and each is the same as the server.
   void agree(const std::vector<Process*>& processes) {
     const auto isSettled = [](const Process* each) {
-      return each->session.isReached() && each->session.underWay() == 0;
+      return each->upstream.isReached() && each->upstream.underWay() == 0;
     };
     runUntil(loop, [&] { return std::ranges::all_of(processes, isSettled); });
     for (const Durability space : {kStored, kVolatile}) {
       const Seen rows = scan(space);
       for (Process* each : processes) {
-        runUntil(loop, [&] { return seenIn(each->session.rows(space)) == rows; });
+        runUntil(loop, [&] { return seenIn(each->upstream.rows(space)) == rows; });
         EXPECT_EQ(seenIn(each->shadow(space)), rows);
       }
     }
@@ -102,7 +102,7 @@ class RedisSession : public ::testing::Test {
   const std::string url = "redis-unix:" + server.socket() + "?timeout=400ms";
 };
 
-TEST_F(RedisSession, ReadsASnapshotAndThenEveryEntry) {
+TEST_F(RedisUpstream, ReadsASnapshotAndThenEveryEntry) {
   Process writer(loop, url);
   reach(writer);
   const WriteId first = writer.write(kStored, {put("a/b", 1), put("c", 1)});
@@ -113,7 +113,7 @@ TEST_F(RedisSession, ReadsASnapshotAndThenEveryEntry) {
   Process reader(loop, url);
   reach(reader);
   agree({&reader});
-  EXPECT_EQ(reader.session.state(kStored).tip, writer.session.state(kStored).tip);
+  EXPECT_EQ(reader.upstream.state(kStored).tip, writer.upstream.state(kStored).tip);
   reader.events.clear();
   writer.events.clear();
   writer.write(kStored, {put("c", 2)});
@@ -127,7 +127,7 @@ TEST_F(RedisSession, ReadsASnapshotAndThenEveryEntry) {
 }
 
 // tests/redis/chaos has more, at random; here each is named.
-TEST_F(RedisSession, IsTheServersAgainAfterEveryFault) {
+TEST_F(RedisUpstream, IsTheServersAgainAfterEveryFault) {
   Process writer(loop, url), reader(loop, url);
   struct Case {
     const char* loss;
@@ -148,8 +148,8 @@ TEST_F(RedisSession, IsTheServersAgainAfterEveryFault) {
   for (const Case& each : cases) {
     SCOPED_TRACE(each.loss);
     for (Process* process : {&writer, &reader}) {
-      runUntil(loop, [&] { return process->session.isReached(); });
-      process->session.acceptWiped(kVolatile);  // no restart keeps it
+      runUntil(loop, [&] { return process->upstream.isReached(); });
+      process->upstream.acceptWiped(kVolatile);  // no restart keeps it
       process->losses.clear();
     }
     writer.write(kStored, {put("a", ++value)});
@@ -161,36 +161,36 @@ TEST_F(RedisSession, IsTheServersAgainAfterEveryFault) {
     server.signal(SIGCONT);
     client.connect();
     client.run(each.end);
-    runUntil(loop, [&] { return writer.session.isReached() && reader.session.isReached(); });
+    runUntil(loop, [&] { return writer.upstream.isReached() && reader.upstream.isReached(); });
     writer.write(kStored, {put("a", ++value)});
     agree({&writer, &reader});
   }
   EXPECT_THAT(writer.refusals, IsEmpty());
 }
 
-TEST_F(RedisSession, KeepsTheRowsOfAWipedSpaceUntilSomebodyWritesOrAcceptsIt) {
+TEST_F(RedisUpstream, KeepsTheRowsOfAWipedSpaceUntilSomebodyWritesOrAcceptsIt) {
   Process one(loop, url), other(loop, url);
   for (Process* each : {&one, &other}) reach(*each);
   for (const bool writes : {true, false}) {
     one.write(kStored, {put("a", 1)});
     agree({&one, &other});
-    const Seen before = seenIn(one.session.rows(kStored));
+    const Seen before = seenIn(one.upstream.rows(kStored));
     for (Process* each : {&one, &other}) each->events.clear();
     client({"FLUSHALL"});
     for (Process* each : {&one, &other}) {
       runUntil(loop, [&] { return each->saw("wiped"); });
-      EXPECT_EQ(seenIn(each->session.rows(kStored)), before);
+      EXPECT_EQ(seenIn(each->upstream.rows(kStored)), before);
     }
-    if (!writes) one.session.acceptWiped(kStored);
-    if (!writes) runUntil(loop, [&] { return one.session.rows(kStored).all().empty(); });
+    if (!writes) one.upstream.acceptWiped(kStored);
+    if (!writes) runUntil(loop, [&] { return one.upstream.rows(kStored).all().empty(); });
     one.write(kStored, {put("b", 2)});
     agree({&one, &other});
-    EXPECT_EQ(seenIn(other.session.rows(kStored)), (Seen{{"b", "T"}, {"b x", "2"}}));
+    EXPECT_EQ(seenIn(other.upstream.rows(kStored)), (Seen{{"b", "T"}, {"b x", "2"}}));
   }
   EXPECT_THAT(one.refusals, IsEmpty());
 }
 
-TEST_F(RedisSession, SendsAWriteAgainThatMetWhatItDidNotKnow) {
+TEST_F(RedisUpstream, SendsAWriteAgainThatMetWhatItDidNotKnow) {
   Process one(loop, url), other(loop, url);
   for (Process* each : {&one, &other}) reach(*each);
   for (int i = 0; i < 3; ++i)  // all into a space that was never made
@@ -206,10 +206,10 @@ TEST_F(RedisSession, SendsAWriteAgainThatMetWhatItDidNotKnow) {
   one.write(kVolatile, {Change::put("a", "U", {}, {})});
   runUntil(loop, [&] { return !one.refusals.empty(); });
   EXPECT_THAT(one.refusals, ElementsAre(Refusal::notStored));
-  EXPECT_EQ(one.session.underWay(), 0U);
+  EXPECT_EQ(one.upstream.underWay(), 0U);
 }
 
-TEST_F(RedisSession, ALaterWriteIsNeverOverwrittenByAnEarlierOne) {
+TEST_F(RedisUpstream, ALaterWriteIsNeverOverwrittenByAnEarlierOne) {
   Process one(loop, url);
   reach(one);
   client({"HSET", Keys("pinlamp", kStored).directory(""), "hidden", "T"});
@@ -224,7 +224,7 @@ TEST_F(RedisSession, ALaterWriteIsNeverOverwrittenByAnEarlierOne) {
   EXPECT_EQ(scan(kStored), (Seen{{"hidden", "T"}, {"hidden x", "2"}}));
 }
 
-TEST_F(RedisSession, FindsWhatCouldNotBeAnnounced) {
+TEST_F(RedisUpstream, FindsWhatCouldNotBeAnnounced) {
   Process one(loop, url), other(loop, url);
   for (Process* each : {&one, &other}) reach(*each);
   client({"ACL", "SETUSER", "default", "-publish"});
@@ -234,12 +234,12 @@ TEST_F(RedisSession, FindsWhatCouldNotBeAnnounced) {
   EXPECT_LE(one.warnings.size(), 2U);  // and that the right to publish is missing
 }
 
-TEST_F(RedisSession, LeavesOutWhatItCannotRead) {
+TEST_F(RedisUpstream, LeavesOutWhatItCannotRead) {
   Process writer(loop, url);
   reach(writer);
   writer.write(kStored, {put("a/b", 1)});
   agree({&writer});
-  const std::string generation = writer.session.state(kStored).timeline.generation;
+  const std::string generation = writer.upstream.state(kStored).timeline.generation;
   const std::string delta = "@a\n:T\n+b\tx\t{bad\n+b\ty\t7\n";
   client({"XADD", "{pinlamp}:s:log", "0-2", "o", "he:1", "d", delta});
   client({"PUBLISH", "{pinlamp}:s:changes", generation + " 2 he:1\n" + delta});
@@ -248,10 +248,10 @@ TEST_F(RedisSession, LeavesOutWhatItCannotRead) {
   runUntil(loop, [&] { return writer.warnings.size() == 2; });
   EXPECT_THAT(writer.warnings[0], HasSubstr("the entry 0-2 of '{pinlamp}:s:log' by 'he:1'"));
   EXPECT_THAT(writer.warnings[1], HasSubstr("a message on the channel '{pinlamp}:s:changes'"));
-  EXPECT_EQ(seenIn(writer.session.rows(kStored)), (Seen{{"a/b", "T"}, {"a/b x", "1"}, {"a/b y", "7"}}));
+  EXPECT_EQ(seenIn(writer.upstream.rows(kStored)), (Seen{{"a/b", "T"}, {"a/b x", "1"}, {"a/b y", "7"}}));
   Process reader(loop, url);
   reach(reader);
-  EXPECT_EQ(seenIn(reader.session.rows(kStored)), (Seen{{"a/b", "T"}, {"a/b y", "7"}}));
+  EXPECT_EQ(seenIn(reader.upstream.rows(kStored)), (Seen{{"a/b", "T"}, {"a/b y", "7"}}));
   ASSERT_EQ(reader.warnings.size(), 1U);
   EXPECT_THAT(reader.warnings[0], HasSubstr("the field 'b/x' of the hash '{pinlamp}:s:d:a': "));
 

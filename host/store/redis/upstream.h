@@ -1,9 +1,9 @@
-// This process's session with a Redis server: keeps the rows of both spaces the same as the server's, and
+// The Redis server as this process follows it: keeps the rows of both spaces the same as the server's, and
 // sends writes.
 //
-//     Session session(loop, url, owner);   // connects from the loop, and reconnects for ever
-//     session.write(Durability::stored, changes, claims);
-//     session.flush();                     // sends what was written since the last flush
+//     Upstream upstream(loop, url, owner);   // connects from the loop, and reconnects for ever
+//     upstream.write(Durability::stored, changes, claims);
+//     upstream.flush();                     // sends what was written since the last flush
 //
 // Two connections, one for commands and one that is subscribed to both spaces' channels, and a Follower for
 // each space. A connection is good when both lead to the same master, it evicts nothing, and both spaces are
@@ -37,9 +37,9 @@ struct WriteId {
   bool operator==(const WriteId&) const = default;
 };
 
-class Session {
+class Upstream {
  public:
-  // Notified from the loop. May call any function of the session, but not destroy it.
+  // Notified from the loop. May call any function of the upstream, but not destroy it.
   class Owner {
    public:
     // The connection is good: rows(), and what was notified of until now, are the server's.
@@ -66,11 +66,11 @@ class Session {
     // A write is over: its entry was notified of, or never will be, or nobody can tell.
     virtual void onSettled(const WriteId& write, Outcome outcome) = 0;
     // The server refused it and changed nothing. `error` is an error reply. A stored write that met a
-    // generation or a type which this process did not know yet is sent again by the session, unless a later
+    // generation or a type which this process did not know yet is sent again by the upstream, unless a later
     // one was sent meanwhile; a volatile one that met another generation is settled as not applied.
     virtual void onRefused(const WriteId& write, const Reply& error) = 0;
 
-    // For the log: something is wrong, but the session goes on. Each text comes once.
+    // For the log: something is wrong, but the upstream goes on. Each text comes once.
     virtual void onWarning(const std::string& text) = 0;
 
    protected:
@@ -78,17 +78,17 @@ class Session {
   };
 
   // `loop` and `owner` must outlive it.
-  Session(Loop& loop, const Url& url, Owner& owner);
-  ~Session();
-  Session(const Session&) = delete;
-  Session& operator=(const Session&) = delete;
+  Upstream(Loop& loop, const Url& url, Owner& owner);
+  ~Upstream();
+  Upstream(const Upstream&) = delete;
+  Upstream& operator=(const Upstream&) = delete;
 
   bool isReached() const;
   // As the server has them; empty before the first snapshot.
   const Rows& rows(Statedb::Durability space) const;
   // Of that snapshot and the entries since; its timeline is empty before the first.
   State state(Statedb::Durability space) const;
-  // Random, of this process's session; the start of the origins of its writes, and the owner of its claims.
+  // Random, of this process; the start of the origins of its writes, and the owner of its claims.
   const std::string& uuid() const;
 
   // Sends a part, see partsOf(). Every claim whose mount it writes under must be among `claims`. A write into

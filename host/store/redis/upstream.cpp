@@ -1,4 +1,4 @@
-#include "host/store/redis/session.h"
+#include "host/store/redis/upstream.h"
 
 #include <array>
 #include <optional>
@@ -46,8 +46,8 @@ std::string runIdIn(std::string_view info) {
 
 }  // namespace
 
-struct Session::State_ final : private Ends, public Line, private Locator::Owner {
-  State_(Loop& theLoop, const Url& theUrl, Session::Owner& theOwner)
+struct Upstream::State_ final : private Ends, public Line, private Locator::Owner {
+  State_(Loop& theLoop, const Url& theUrl, Upstream::Owner& theOwner)
       : Line(theLoop, theUrl, commandsEnd, subscriptionEnd),
         owner(theOwner),
         locator(locatorOf(loop, url, *this)),
@@ -166,7 +166,7 @@ struct Session::State_ final : private Ends, public Line, private Locator::Owner
 
   Space& of(Durability space) { return space == Durability::stored ? stored : volatile_; }
 
-  Session::Owner& owner;
+  Upstream::Owner& owner;
   const std::unique_ptr<Locator> locator;
   Space stored{*this, Durability::stored, owner}, volatile_{*this, Durability::volatile_, owner};
   const std::array<Space*, 2> spaces{&stored, &volatile_};
@@ -178,30 +178,30 @@ struct Session::State_ final : private Ends, public Line, private Locator::Owner
   std::set<std::string> warned{};
 };
 
-Session::Session(Loop& loop, const Url& url, Owner& owner)
+Upstream::Upstream(Loop& loop, const Url& url, Owner& owner)
     : state_(std::make_unique<State_>(loop, url, owner)) {}
-Session::~Session() = default;
+Upstream::~Upstream() = default;
 
-bool Session::isReached() const { return state_->reached; }
-const Rows& Session::rows(Durability space) const { return state_->of(space).rows(); }
-State Session::state(Durability space) const { return state_->of(space).state(); }
-const std::string& Session::uuid() const { return state_->uuid; }
+bool Upstream::isReached() const { return state_->reached; }
+const Rows& Upstream::rows(Durability space) const { return state_->of(space).rows(); }
+State Upstream::state(Durability space) const { return state_->of(space).state(); }
+const std::string& Upstream::uuid() const { return state_->uuid; }
 
-WriteId Session::write(Durability space, const Statedb::Changes& changes, std::vector<Claimed> claims) {
+WriteId Upstream::write(Durability space, const Statedb::Changes& changes, std::vector<Claimed> claims) {
   ZEL_REQUIRE(isReached(), "a write of " << changes.size() << " rows without a connection");
   return {space, state_->of(space).write(changes, std::move(claims))};
 }
-std::size_t Session::underWay() const { return state_->stored.underWay() + state_->volatile_.underWay(); }
-void Session::acceptWiped(Durability space) {
+std::size_t Upstream::underWay() const { return state_->stored.underWay() + state_->volatile_.underWay(); }
+void Upstream::acceptWiped(Durability space) {
   state_->of(space).acceptWiped();
   flush();
 }
-void Session::call(Call call, Connection::OnReply then) {
+void Upstream::call(Call call, Connection::OnReply then) {
   if (isReached()) state_->caller.call(std::move(call), std::move(then));
 }
-void Session::prepare(const Call& call) {
+void Upstream::prepare(const Call& call) {
   if (isReached()) state_->caller.prepare(call);
 }
-void Session::flush() { state_->commands.flush(); }
+void Upstream::flush() { state_->commands.flush(); }
 
 }  // namespace Host::Redis

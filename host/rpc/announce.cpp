@@ -84,14 +84,14 @@ void Announcements::Process::withdraw() {
 }
 
 Announcements::Paths::const_iterator Announcements::publishedAbove(const Process& writer,
-                                                                std::string_view path) const {
+                                                                   std::string_view path) const {
   for (; !path.empty() && !paths_.empty(); path = Zel::PathWalker::above(path))
     if (const auto found = paths_.find(path); found != paths_.end() && found->second != &writer) return found;
   return paths_.end();
 }
 
 Announcements::Paths::const_iterator Announcements::publishedUnder(const Process& writer,
-                                                                std::string_view path) const {
+                                                                   std::string_view path) const {
   const std::string start = path.empty() ? std::string() : std::string(path) + '/';
   auto each = paths_.lower_bound(start);
   for (; each != paths_.end() && each->first.starts_with(start); ++each)

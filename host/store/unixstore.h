@@ -88,12 +88,12 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
   std::shared_ptr<Connecting> connecting_;
   std::map<std::int64_t, OnReply> replies_;
   std::int64_t nextId_ = 0;
-  std::uint64_t retryAfter_;             // milliseconds
-  bool lost_ = false;                    // and reported so
-  std::string why_;  // it is not reached; empty before the first attempt has failed
-  bool reached_ = false;                 // connected, and the announcement was taken
-  std::string announcement_;             // a JSON text; empty: there is none
-  bool postponed_ = false;               // the other side can't store anything now; reported as well
+  std::uint64_t retryAfter_;  // milliseconds
+  bool lost_ = false;         // and reported so
+  std::string why_;           // it is not reached; empty before the first attempt has failed
+  bool reached_ = false;      // connected, and the announcement was taken
+  std::string announcement_;  // a JSON text; empty: there is none
+  bool postponed_ = false;    // the other side can't store anything now; reported as well
 };
 
 }  // namespace Host

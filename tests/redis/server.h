@@ -49,8 +49,8 @@ class Server {
  public:
   // `options` are lines of the server's configuration.
   explicit Server(const std::string& options = "", const char* program = "redis-server") : program_(program) {
-    contentIs(at("conf"), "port 0\nappendonly yes\nappendfsync always\nsave \"\"\nunixsocket " + socket() + "\nlogfile " +
-                              at("log") + "\ndir " + at("") + "\n" + options);
+    contentIs(at("conf"), "port 0\nappendonly yes\nappendfsync always\nsave \"\"\nunixsocket " + socket() +
+                              "\nlogfile " + at("log") + "\ndir " + at("") + "\n" + options);
     start();
   }
   ~Server() { end(SIGKILL); }

@@ -44,13 +44,13 @@ Host::Redis::Url urlFrom(const std::string& text) {
   }
 }
 
-struct Given {
+struct CheckOptions {
   std::string url;
   bool strict = false;
   bool json = false;
 };
 
-void check(Context& context, const Given& given) {
+void check(Context& context, const CheckOptions& given) {
   const Findings findings = Host::Redis::probe(urlFrom(given.url));
   if (given.json)
     printJson(context.out, jsonOf(findings));
@@ -70,7 +70,7 @@ void check(Context& context, const Given& given) {
 void addStoreCommands(Command& app, Context& context) {
   Command group =
       app.addGroup("store", "Examines a state database on Redis", "pinlampctl store check redis://db1");
-  const auto given = std::make_shared<Given>();
+  const auto given = std::make_shared<CheckOptions>();
   Command command = group.add(
       "check", "Shows what is wrong with a server before anyone depends on it; changes nothing on it",
       "pinlampctl store check 'redis+sentinel://db1,db2,db3/leds?passwordFile=/etc/pinlamp/redis'");

@@ -116,7 +116,7 @@ void VcdWriter::rewrite() {
   beside_.clear();
 }
 
-// What the file has after its header.
+// The text of the file after its header.
 std::string VcdWriter::bodyRead() const {
   if (bodyAt_ == 0) return {};
   std::ifstream in(file_, std::ios::binary);

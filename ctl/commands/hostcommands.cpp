@@ -131,7 +131,7 @@ void addAgentRows(Table& table, const Json& status) {
   addProcessRows(table, status);
 }
 
-// What is in the database, and with a host what its agents made of it.
+// The contents of the database, and with a host what its agents made of them.
 void addContentRows(Table& table, const Json& status, const Json& lines, bool hasHost) {
   const StatusText text{status};
   table.add({"LEDs", text("leds") + " configured, " + text("mappings") + " mapped" +

@@ -1,4 +1,4 @@
-// What the clients of a control socket may take of the process together.
+// Limits on the clients of a control socket, all together.
 #pragma once
 
 #include <cstddef>

@@ -210,7 +210,7 @@ TEST(Pinlampd, AFileSizeLimitFailsTheWriteAndNotTheProcess) {
   EXPECT_EQ(process.exitStatus(), 0);
 }
 
-// What arrives until the other end is closed, after `request` was sent and this end shut.
+// The bytes that arrive until the other end is closed, after `request` was sent and this end shut.
 std::string exchanged(int descriptor, const std::string& request) {
   EXPECT_EQ(::send(descriptor, request.data(), request.size(), MSG_NOSIGNAL), ssize_t(request.size()));
   ::shutdown(descriptor, SHUT_WR);

@@ -411,7 +411,7 @@ TEST_F(Scripts, ABatchIsCutIntoPartsThatTheServerCarriesOutAtOnce) {
   for (const Changes& part : partsOf(changes)) sizes.push_back(part.size());
   EXPECT_THAT(sizes, ElementsAre(kRowsPerWrite, kRowsPerWrite, 2500 - 2 * kRowsPerWrite, 1, 1));
 
-  // What must be one step may be longer than a part.
+  // A batch that must be one step may be longer than a part.
   Changes whole;
   for (int i = 0; i < 2 * static_cast<int>(kRowsPerWrite); ++i)
     for (const char* attribute : {"x", "y"}) whole.push_back(put("f/e" + std::to_string(i), attribute, i));

@@ -83,7 +83,7 @@ class Connection {
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
-  // Where the next attempt goes, instead of to the URL's address.
+  // The address of the next attempt, instead of the URL's address.
   void addressIs(const Address& at) { at_ = at; }
   // Closes the connection or attempt that there was, and begins an attempt. It ends in onReady() or onLost(),
   // within the URL's timeout where names resolve. REQUIRES: the address is a socket or a host.

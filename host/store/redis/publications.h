@@ -58,7 +58,7 @@ class Publications {
   // The server is reached again, with these rows: only what differs is sent.
   void compare(const Rows& theirs);
 
-  // What is to be sent, at most one batch of each mount at a time: a mount's next batch comes after
+  // The changes to send, at most one batch of each mount at a time: a mount's next batch comes after
   // answered().
   // Takes nothing of a mount that `maySend` does not allow.
   std::vector<Batch> take(const std::function<bool(Statedb::Path mount)>& maySend);

@@ -160,7 +160,7 @@ void RedisStore::writeVolatile(const Changes& changes, Subscriber* origin) {
   subscribers_.notify(std::move(notice));
 }
 
-// What is visible at the places of a batch that its origin wrote, and differs from what it wrote.
+// The visible values at the places of a batch that differ from what its origin wrote.
 Changes RedisStore::revealedBy(const Changes& changes) const {
   Changes revealed;
   for (const Change& change : changes) {
@@ -263,7 +263,8 @@ bool RedisStore::isKept(Path path) const {
   return std::ranges::any_of(kept_, [&](const auto& each) { return path.isUnder(each.first); });
 }
 
-// What is shown under the mounts of others: the server may have lost it, and their publishers write it again.
+// Remembers the rows under the mounts of others: the server may have lost them, and their publishers write
+// them again.
 void RedisStore::keepOthers() {
   for (const Claims::Status& claim : claims_.status())
     if (!claim.isOwn) keep(claim.mount);

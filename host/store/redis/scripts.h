@@ -75,7 +75,7 @@ class Caller {
 // A write of many rows holds up the server for every client, so a longer batch is cut into atomic parts.
 inline constexpr std::size_t kRowsPerWrite = 1000;
 inline constexpr std::size_t kBytesPerWrite = 1 << 20;
-// What must be one step may be longer: the server is held up for some 10 us a row.
+// A batch that must be one step may be longer: the server is held up for some 10 us a row.
 inline constexpr std::size_t kMostRows = 16'384;
 // At most kRowsPerWrite rows and as many bytes each; a single row may be longer.
 std::vector<Statedb::Changes> partsOf(const Statedb::Changes& changes);

@@ -28,7 +28,7 @@ struct Finding {
 // In a fixed order. Facts that the server refused make one finding for all of them.
 std::vector<Finding> findingsIn(const ServerFacts& facts, const Url& url);
 
-// What one sentinel of a URL answers.
+// The answer of one sentinel of a URL.
 struct SentinelAnswer {
   HostAddress sentinel;
   std::optional<HostAddress> master{};

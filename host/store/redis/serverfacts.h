@@ -1,4 +1,4 @@
-// What a server tells about itself and about its user's rights, as far as the user may ask.
+// The facts that a server tells about itself and its user's rights, as far as the user may ask.
 //
 //     gatherFacts(connection, caller, url, [&](const ServerFacts& facts) { … });
 //     connection.flush();
@@ -22,7 +22,7 @@
 
 namespace Host::Redis {
 
-// What a process does with the database, each with rights of its own.
+// The uses that a process makes of the database, each with rights of its own.
 enum class Role : std::uint8_t {
   reader,     // every process
   writer,     // stored rows

@@ -142,7 +142,7 @@ void Space::throwAway(Rows& rows) {
   freeing_.startIn(0, 1);
 }
 
-// What the follower notifies of.
+// Notifications of the follower.
 Changes Space::changesIn(const Entry& entry) {
   std::vector<std::string> errors;
   Changes changes = changesOf(entry.delta, errors);

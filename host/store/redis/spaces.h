@@ -26,7 +26,7 @@ void unsetIn(Statedb::Record& record, Zel::Name attribute);
 // Appends puts of the entity and its attributes.
 void appendRows(const Statedb::Record& record, Statedb::Changes& changes);
 
-// What the two spaces have at a path; null for nothing.
+// The entities of the two spaces at a path; null for nothing.
 struct Layers {
   const Statedb::Record* stored;
   const Statedb::Record* volatile_;

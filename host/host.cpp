@@ -6,10 +6,9 @@
 #include <csignal>
 #include <filesystem>
 
+#include "host/io/log.h"
 #include "host/io/starterror.h"
-#include "host/io/traceoutput.h"
 #include "host/store/stores.h"
-#include "platform/zel/core/printable.h"
 
 namespace Host {
 
@@ -94,7 +93,7 @@ std::vector<Objects::Root> Host::roots() const {
 
 void Host::report(const std::string& text) {
   served_.lastRefusal = text;
-  if (!isQuiet_) TraceOutput::standardError().write("pinlampd: " + Zel::printable(text));
+  if (!isQuiet_) log(Priority::warning, text);
 }
 
 void Host::run() {
@@ -113,16 +112,31 @@ double Host::turn() {
   announce();
   control_->commit();
   control_->send();
-  if (whenLost_) whenLost_->check(store_->state().isReached);
-  sayWhenReady();
-  if (store_->state().isReached) isQuiet_ = false;
+  followStore();
   return wakeUps_.next(activity_);
 }
 
+void Host::followStore() {
+  const Statedb::StoreState state = store_->state();
+  if (whenLost_) whenLost_->check(state.isReached);
+  sayWhenReady(state.claims);
+  if (state.isReached) isQuiet_ = false;
+  showStatus(state);
+}
+
+void Host::showStatus(const Statedb::StoreState& state) {
+  if (std::exchange(isServing_, ready_ && state.isReached) && isServing_) return;
+  if (isServing_)
+    serviceManager_.statusIs("Serving, with the state database " + store_->url());
+  else if (ready_)
+    serviceManager_.statusIs("The state database is lost, LEDs keep their settings: " + state.reason);
+  else
+    serviceManager_.statusIs("Waiting for the state database " + store_->url() + ": " + state.reason);
+}
+
 // A standby is ready although its mounts wait.
-void Host::sayWhenReady() {
+void Host::sayWhenReady(const std::vector<Statedb::StoreState::Claim>& claims) {
   if (ready_) return;
-  const auto claims = store_->state().claims;
   ready_ = std::ranges::all_of(manager_->mounts(), [&](const Statedb::EntityManager::MountInfo& mount) {
     return mount.complete || std::ranges::any_of(claims, [&](const auto& claim) {
              return !claim.isOwn && !claim.who.empty() && mount.path.isUnder(Statedb::Path(claim.mount));

@@ -54,12 +54,14 @@ class Host {
   std::vector<Objects::Root> roots() const;
   void report(const std::string& text);
   double turn();
-  void sayWhenReady();
+  void followStore();
+  void showStatus(const Statedb::StoreState& state);
+  void sayWhenReady(const std::vector<Statedb::StoreState::Claim>& claims);
   UvHandle<uv_signal_t> stopOn(int signal);
   void pingWatchdog();
 
   // In the order in which they are needed: destroyed from the last to the first.
-  const ServiceManager serviceManager_;
+  ServiceManager serviceManager_;
   Loop loop_;
   Zel::ActivityManager activity_;
   Services services_;
@@ -75,7 +77,8 @@ class Host {
   UvHandle<uv_timer_t> watchdog_;
   std::vector<UvHandle<uv_signal_t>> signals_;
   bool ready_ = false;
-  bool isQuiet_ = false;  // the only client waits for the store, and reports itself why it is not reached
+  bool isServing_ = false;  // ready, and the state database is reached
+  bool isQuiet_ = false;    // the only client waits for the store, and reports itself why it is not reached
   std::ptrdiff_t announced_ = -1;  // how many "wi" mounts there were; -1: not announced yet
 };
 

@@ -9,11 +9,11 @@
 #include <cstdlib>
 
 #include "host/host.h"
+#include "host/io/log.h"
 #include "host/io/traceoutput.h"
 #include "host/rpc/rpc.h"
 #include "host/store/stores.h"
 #include "platform/cell/cell.h"
-#include "platform/zel/core/printable.h"
 #include "platform/zel/core/trace.h"
 
 namespace {
@@ -116,14 +116,16 @@ void prepare(CommandLine& line) {
   for (const std::string& agent : line.agents) line.host.agents.push_back(Host::AgentOption::parse(agent));
   if (!line.whenLost.empty()) line.host.whenLost = Host::Fallback::parse(line.whenLost);
   for (const std::string& levels : line.traces) Zel::traceLevelsIs(levels);
-  Zel::traceSinkIs(
-      [&output = traceOutput(line.traceFile)](std::string_view record) { output.write(record); });
+  const std::string prefix = line.traceFile.empty() ? Host::journalPrefix(Host::Priority::debug) : "";
+  Zel::traceSinkIs([prefix, &output = traceOutput(line.traceFile)](std::string_view record) {
+    output.write(prefix.empty() ? record : prefix + std::string(record));
+  });
   Cell::cellIdIs(line.cell);
   if (line.host.client) ::unsetenv("NOTIFY_SOCKET");  // of the service that runs pinlampctl
 }
 
 int failed(const std::exception& error, Exit status) {
-  Host::TraceOutput::standardError().write("pinlampd: " + Zel::printable(error.what()));
+  Host::log(Host::Priority::error, error.what());
   return status;
 }
 

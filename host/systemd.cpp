@@ -13,6 +13,7 @@
 #include <system_error>
 
 #include "host/io/starterror.h"
+#include "platform/zel/core/printable.h"
 
 namespace Host {
 
@@ -55,6 +56,12 @@ ServiceManager::~ServiceManager() {
 void ServiceManager::notify(const std::string& state) const { send(state, 0); }
 
 void ServiceManager::notifyWatchdog() const { send("WATCHDOG=1", MSG_DONTWAIT); }
+
+void ServiceManager::statusIs(const std::string& text) {
+  if (descriptor_ < 0 || status_ == text) return;
+  status_ = text;
+  send("STATUS=" + Zel::printable(text), MSG_DONTWAIT);
+}
 
 void ServiceManager::send(const std::string& state, int flags) const {
   if (descriptor_ < 0) return;

@@ -21,6 +21,9 @@ class ServiceManager {
   void notify(const std::string& state) const;
   // Sends "WATCHDOG=1", or drops it where the manager's queue is full: the next one is due soon.
   void notifyWatchdog() const;
+  // Sends "STATUS=TEXT" for `systemctl status` if it differs from the last one; dropped where the queue is
+  // full.
+  void statusIs(const std::string& text);
   // Watchdog interval in ms; nullopt when off.
   std::optional<std::uint64_t> watchdogInterval() const { return watchdog_; }
 
@@ -30,6 +33,7 @@ class ServiceManager {
   const std::string path_;
   const int descriptor_;  // -1: no service manager
   const std::optional<std::uint64_t> watchdog_;
+  std::string status_{};
 };
 
 }  // namespace Host

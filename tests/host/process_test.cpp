@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <csignal>
@@ -15,9 +16,12 @@
 
 namespace {
 
+using ::testing::AllOf;
 using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
-// A process, killed by the destructor if it still runs. Its standard error goes to a file.
+// A process, killed by the destructor if it still runs. Its standard error goes to a file, as if that were
+// the journal.
 class Process {
  public:
   Process(const Folder& folder, std::vector<std::string> arguments, const std::string& notify = {})
@@ -26,6 +30,10 @@ class Process {
     if (!notify.empty()) ::setenv("NOTIFY_SOCKET", notify.c_str(), 1);
     ::setenv("WATCHDOG_USEC", "20000", 1);
     if (!std::freopen(errors_.c_str(), "w", stderr)) ::_exit(126);
+    struct stat status {};
+    ::fstat(STDERR_FILENO, &status);
+    const std::string stream = std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+    ::setenv("JOURNAL_STREAM", stream.c_str(), 1);
     std::vector<char*> pointers;
     arguments.insert(arguments.begin(), PINLAMPD);
     for (std::string& argument : arguments) pointers.push_back(argument.data());
@@ -109,6 +117,7 @@ TEST(Pinlampd, NotifiesReadinessAndStopsInOrder) {
   Process first(folder, {"--store", store, "--socket", socket, "--agent", TEST_AGENTS ":Plain"},
                 folder.at("notify"));
   ASSERT_TRUE(notify.receives("READY=1", "WATCHDOG=1")) << first.errors();
+  EXPECT_TRUE(notify.receives("STATUS=Serving, with the state database " + store, "WATCHDOG=1"));
   EXPECT_TRUE(notify.receives("WATCHDOG=1", ""));
   EXPECT_TRUE(Client(socket).connected());
 
@@ -133,7 +142,7 @@ TEST(Pinlampd, AThrowingAgentEndsItWithTheAgentAndHandlerNamed) {
     const Folder folder;
     Process process(folder, {"--socket", folder.at("socket"), "--agent", agent});
     EXPECT_EQ(process.exitStatus(), 70) << agent;
-    EXPECT_THAT(process.errors(), HasSubstr(text));
+    EXPECT_THAT(process.errors(), AllOf(StartsWith("<3>pinlampd: "), HasSubstr(text)));
     EXPECT_FALSE(std::filesystem::exists(folder.at("socket")));
   }
 }

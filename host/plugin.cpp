@@ -1,12 +1,14 @@
 #include "host/plugin.h"
 
 #include <dlfcn.h>
+#include <link.h>
 
 #include <filesystem>
 #include <optional>
 #include <vector>
 
 #include "host/io/starterror.h"
+#include "platform/zel/core/export.h"
 #include "platform/zel/notify/activity.h"
 
 namespace Host {
@@ -82,6 +84,16 @@ void* load(const std::string& library) {
   refuseAgent(library, std::string("does not load: ") + ::dlerror() + looked);
 }
 
+// The ABI that the library was built with; empty if it was built without this framework.
+std::string abiOf(void* library) {
+  const void* abi = ::dlsym(library, "zelAbi");
+  Dl_info found{};
+  link_map* own = nullptr;
+  if (!abi || ::dladdr(abi, &found) == 0 || ::dlinfo(library, RTLD_DI_LINKMAP, &own) != 0) return {};
+  const bool isOwn = reinterpret_cast<std::uintptr_t>(found.dli_fbase) == own->l_addr;
+  return isOwn ? static_cast<const char*>(abi) : "";  // else that of a library which it needs
+}
+
 }  // namespace
 
 AgentOption AgentOption::parse(const std::string& text) {
@@ -108,7 +120,13 @@ std::string factorySymbol(const std::string& nameSpace) {
   return symbol + "12agentFactoryEN3Zel4NameE";
 }
 
-Library::Library(const std::string& name) : path_(located(name)), handle_(load(path_)) {}
+Library::Library(const std::string& name) : path_(located(name)), handle_(load(path_)) {
+  const std::string abi = abiOf(handle_.get());
+  if (abi == ZEL_ABI) return;
+  refuseAgent(path_, (abi.empty() ? "was not built with this framework"
+                                  : "was built with the framework's ABI " + abi) +
+                         "; this host has the ABI " ZEL_ABI ": build the library with its headers");
+}
 
 void* Library::symbol(const std::string& name) const { return ::dlsym(handle_.get(), name.c_str()); }
 

@@ -26,7 +26,8 @@ std::string factorySymbol(const std::string& nameSpace);
 // agents, and every entity of its types, first.
 class Library {
  public:
-  // `name`: a path, or a bare name to search. Throws StartError if it is missing or does not load.
+  // `name`: a path, or a bare name to search. Throws StartError if it is missing, does not load, or was built
+  // with another ABI of the framework.
   explicit Library(const std::string& name);
 
   const std::string& path() const { return path_; }

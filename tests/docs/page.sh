@@ -37,7 +37,7 @@ awk '
   echo 'for job in $(jobs -p); do kill -TERM $job; wait $job || echo "a program in the background ended with $?"; done'
 } >"$work/pasted"
 
-env -i HOME="$work/folder" TMPDIR="$work" PATH="$path" LANG=C.UTF-8 ${LD_LIBRARY_PATH:+LD_LIBRARY_PATH="$LD_LIBRARY_PATH"} \
+env -i HOME="$work/folder" TMPDIR="$work" PATH="$path" LANG=C.UTF-8 \
   ${CMAKE_PREFIX_PATH:+CMAKE_PREFIX_PATH="$CMAKE_PREFIX_PATH"} \
   timeout 120 bash --norc "$work/pasted" >"$work/printed" 2>&1 </dev/null || echo "the shell ended with $?" >>"$work/printed"
 

@@ -41,6 +41,8 @@ TEST(Plugin, InvalidLibrariesAreRefusedWithTheReason) {
       {folder.at("absent.so"), "there is no such file"},
       {"absent-from-everywhere.so", "and the library path"},
       {folder.at("text.so"), "does not load"},
+      {TEST_OLD_AGENT, "was built with the framework's ABI 0.0; this host has the ABI " ZEL_ABI},
+      {TEST_ALIEN_AGENT, "was not built with this framework"},
       {agents, "has no factory 'Pinlamp::agentFactory(Zel::Name)'"},
       {agents + ":Null", "returned null"},
   };

@@ -1,5 +1,5 @@
 # Sourced by the scripts in this folder: runs pinlampd of the installed copy at $prefix. Sets $work, a temporary folder.
-export LD_LIBRARY_PATH=$prefix/lib CMAKE_PREFIX_PATH=$prefix
+export CMAKE_PREFIX_PATH=$prefix
 PATH=$prefix/bin:$PATH
 
 work=$(mktemp -d)

@@ -177,7 +177,7 @@ void PublishedRows::compare(const Record& theirs, const Record& own, bool replac
 namespace {
 
 // Merges the rows published here over those of the other side, attribute by attribute.
-Record merged(const Record& theirs, const Record& own) {
+Record mergedOf(const Record& theirs, const Record& own) {
   if (theirs.type != own.type) return own;
   Record record = theirs;
   for (const Attribute& each : own.attributes) {
@@ -206,6 +206,18 @@ const Record* PublishedRows::withoutUnset(const Record* record) {
   return &merged_.emplace_back(std::move(less));
 }
 
+// Null for none.
+const Record* PublishedRows::merged(const Record* theirs, const Record* own) {
+  if (!theirs || isRemoved(theirs->path)) return own;
+  return withoutUnset(own ? &merged_.emplace_back(mergedOf(*theirs, *own)) : theirs);
+}
+
+const Record* PublishedRows::over(Path path, const Record* theirs) {
+  merged_.clear();
+  const auto own = entities_.find(path);
+  return merged(theirs, own == entities_.end() ? nullptr : &own->second);
+}
+
 Records PublishedRows::over(const Records& snapshot, Path path) {
   Records records;
   merged_.clear();
@@ -213,11 +225,8 @@ Records PublishedRows::over(const Records& snapshot, Path path) {
   for (const Record* record : snapshot) {
     if (isRemoved(record->path)) continue;
     const auto own = entities_.find(record->path);
-    if (own != entities_.end()) {
-      both.insert(record->path);
-      record = &merged_.emplace_back(merged(*record, own->second));
-    }
-    records.push_back(withoutUnset(record));
+    if (own != entities_.end()) both.insert(record->path);
+    records.push_back(merged(record, own == entities_.end() ? nullptr : &own->second));
   }
   for (const auto& [own, entity] : entities_)
     if (own.isUnder(path) && !both.contains(own)) records.push_back(&entity);

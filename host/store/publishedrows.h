@@ -23,6 +23,8 @@ class PublishedRows {
   // Adopts an entity that the other side has already, published by an earlier instance; local writes win.
   void adopt(const Statedb::Record& record);
 
+  // Whether nothing is published.
+  bool empty() const { return entities_.empty(); }
   // Whether something is to be sent and nothing is under way.
   bool canSend() const { return !sending_ && !unsent_.empty(); }
   // The changes that the other side does not have, as one batch, under way until acknowledged or lost.
@@ -44,6 +46,8 @@ class PublishedRows {
   // A snapshot of the other side with the rows published here over it. Sorted as a person reads it; valid
   // until either changes.
   Statedb::Records over(const Statedb::Records& snapshot, Statedb::Path path);
+  // The same for the entity at a path, where null is none; valid until the next call.
+  const Statedb::Record* over(Statedb::Path path, const Statedb::Record* theirs);
   // The changes of another process, less those that will be overwritten from here; notes the rest. A del is
   // followed by the rows that are sent again because of it: what others wrote there is gone.
   Statedb::Changes received(const Statedb::Changes& changes);
@@ -69,6 +73,7 @@ class PublishedRows {
   void put(const Statedb::Row& row, Unknown* note);
   void unset(Statedb::Path path, Zel::Name attribute);
   void remove(Statedb::Path path);
+  const Statedb::Record* merged(const Statedb::Record* theirs, const Statedb::Record* own);
   const Statedb::Record* withoutUnset(const Statedb::Record* record);
   bool anyUnknown(Statedb::Path path) const;
   bool takeNote(const Statedb::Change& change);

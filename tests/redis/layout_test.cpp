@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "host/rpc/json.h"
+#include "host/store/redis/rows.h"
 #include "tests/support.h"
 
 namespace {
@@ -52,11 +53,12 @@ TEST(RedisLayout, ADeltaOfAnotherFormIsRefused) {
 // A scan finds an entity's parts one by one, while they change.
 TEST(RedisLayout, AScanAndTheLogSinceMakeTheRows) {
   Rows rows;
-  rows.scanned("d", "a/late", "1");  // its entity was read before it was made
-  rows.scanned("d", "b", "T\tx\ty");
-  rows.scanned("d", "b/y", "2");
-  rows.scanned("d", "b/x", "1");
-  rows.scanned("d", "b/x", "3");  // a hash that grows is read twice in places
+  const Directory d("d");
+  rows.scanned(d, "a/late", "1");  // its entity was read before it was made
+  rows.scanned(d, "b", "T\tx\ty");
+  rows.scanned(d, "b/y", "2");
+  rows.scanned(d, "b/x", "1");
+  rows.scanned(d, "b/x", "3");  // a hash that grows is read twice in places
   rows.endScan();
   EXPECT_EQ(rows.find("d/a"), nullptr);
   EXPECT_EQ(entityText(*rows.find("d/b")), "T\tx\ty");

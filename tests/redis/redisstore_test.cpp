@@ -161,4 +161,59 @@ TEST_F(SharedStore, HasOnePublisherOfAMountAndAStandbyThatTakesOver) {
   until([&] { return reader->all.rows.empty() && again->all.rows.empty(); });  // `hold` is over
 }
 
+// More rows than fit into a portion. What was there before stays, and others write, while they are taken
+// over.
+TEST_F(SharedStore, TakesALargeSnapshotOverWhileOthersWrite) {
+  constexpr int kRows = 3'000, kBatch = 1'000;
+  const auto at = [](int row) { return "led/" + std::to_string(row); };
+  const auto writer = process();
+  until([&] { return writer->store.state().isReached; });
+  const auto writeAll = [&](int value) {
+    for (int row = 0; row < kRows;) {
+      Changes batch;
+      for (const int end = row + kBatch; row < end; ++row)
+        batch.push_back(Change::put(at(row), "T", "v", value));
+      const auto ticket = write(*writer, batch);
+      until([&] { return ticket.isDone(); });
+    }
+  };
+  writeAll(1);
+  const auto reader = process();
+  int row = 0;
+  // Stored rows from both ends, and a volatile one over a stored one.
+  const auto writeInBetween = [&] {
+    if (!writer->store.state().isReached) return;
+    row = (row + 1) % kRows;
+    write(*writer, {Change::put(at(row), "T", "w", row)});
+    if (row % 16 == 0) write(*writer, {Change::del(at(kRows - 1 - row))});
+    writer->store.write({Change::put(at(row / 2), "T", "v", -row)}, Durability::volatile_, nullptr);
+    writer->store.flush();
+  };
+  const auto agreed = [&] { return reader->all.rows == writer->all.rows; };
+  until([&] {
+    writeInBetween();
+    EXPECT_TRUE(reader->store.state().isReached || reader->all.rows.empty());  // nothing, or all
+    return reader->store.state().isReached && !reader->all.rows.empty();
+  });
+  EXPECT_GE(reader->all.rows.size(), 2U * kRows - static_cast<unsigned>(row));
+  until(agreed);
+
+  // The server comes back with other rows, and another history.
+  RedisTest::Client client(loop, server.url());
+  client.connect();
+  client.run("DEL {pinlamp}:s:d:led {pinlamp}:v:d:led");
+  const Host::Redis::Keys keys("pinlamp", Durability::stored);
+  for (int each = 1; each < kRows; each += 2)
+    client({"HSET", keys.directory("led"), std::to_string(each), "T\tv", std::to_string(each) + "/v", "2"});
+  server.restart();
+  until([&] { return !reader->store.state().isReached; });
+  until([&] {
+    writeInBetween();
+    return reader->store.state().isReached;
+  });
+  until([&] { return writer->store.state().isReached && agreed(); });
+  EXPECT_EQ(reader->shown(at(kRows / 2 + 1), "v"), Value(2));
+  EXPECT_EQ(reader->shown(at(kRows / 2 + 2), "v"), Value());
+}
+
 }  // namespace

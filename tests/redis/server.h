@@ -19,7 +19,7 @@
 #include "host/io/loop.h"
 #include "host/rpc/json.h"
 #include "host/store/redis/connection.h"
-#include "host/store/redis/layout.h"
+#include "host/store/redis/rows.h"
 #include "tests/host/folder.h"
 
 namespace RedisTest {
@@ -186,7 +186,7 @@ inline Host::Redis::Rows scan(Client& client, const Host::Redis::Keys& keys) {
     const auto hash = client({"HGETALL", keys.directory(each.text)});
     EXPECT_FALSE(hash.list.empty()) << "'" << each.text << "' is listed, and empty";
     for (std::size_t i = 0; i < hash.list.size(); i += 2)
-      rows.scanned(each.text, hash[i].text, hash[i + 1].text);
+      rows.scanned(Host::Redis::Directory(each.text), hash[i].text, hash[i + 1].text);
   }
   rows.endScan();
   return rows;

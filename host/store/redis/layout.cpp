@@ -1,12 +1,15 @@
 #include "host/store/redis/layout.h"
 
 #include <algorithm>
+#include <array>
+#include <functional>
 #include <optional>
 #include <utility>
 
 #include "host/rpc/json.h"
 #include "platform/statedb/store/schema.h"
 #include "platform/zel/core/exception.h"
+#include "platform/zel/entity/pathwalker.h"
 
 namespace Host::Redis {
 
@@ -78,7 +81,7 @@ struct DeltaWriter {
 
 struct DeltaReader {
   Changes changes{};
-  std::string_view directory{};
+  Directory directory{{}};
   Zel::Name type{};
 
   void line(std::string_view text) {
@@ -86,7 +89,7 @@ struct DeltaReader {
     std::string_view rest = text.substr(std::min<std::size_t>(1, text.size()));
     switch (kind) {
       case '@':
-        directory = rest;
+        directory = Directory(rest);
         return;
       case ':':
         type = {};  // where the name is too long, the puts that follow have none
@@ -104,13 +107,13 @@ struct DeltaReader {
   }
   void put(std::string_view text) {
     if (type.empty()) failAt("a put without a type", text);
-    const Path path = pathAt(directory, take(text, '\t'));
+    const Path path = directory.at(take(text, '\t'));
     if (text.empty()) return changes.push_back(Change::put(path, type, {}, {}));
     const Zel::Name attribute(take(text, '\t'));
-    changes.push_back(Change::put(path, type, attribute, parseJson(text)));
+    changes.push_back(Change::put(path, type, attribute, valueOf(text)));
   }
   void unset(std::string_view text) {
-    const Path path = pathAt(directory, take(text, '\t'));
+    const Path path = directory.at(take(text, '\t'));
     changes.push_back(Change::unset(path, Zel::Name(text)));
   }
 };
@@ -125,10 +128,31 @@ Place placeOf(Path path) {
   return {path.parent().text(), path.component().stdString()};
 }
 
-Path pathAt(std::string_view directory, std::string_view name) {
-  if (directory.empty()) return Path(name);
-  std::string text(directory);
+Path Directory::at(std::string_view name) const {
+  const auto isWithinLimits = [&] {
+    if (!path_) path_ = Path(text_);
+    return path_->depth() < Zel::PathWalker::kDeepest &&
+           text_.size() + 1 + name.size() <= Zel::PathWalker::kLongest;
+  };
+  if (text_.empty()) return Path(name);
+  if (name.find('/') == std::string_view::npos && isWithinLimits())
+    return path_->child(Zel::Name::escaped(name));
+  std::string text(text_);
   return Path(text.append("/").append(name));
+}
+
+// A memo with one place for each hash of a text.
+Zel::Value valueOf(std::string_view json) {
+  constexpr std::size_t kPlaces = 64, kLongest = 256;
+  struct Known {
+    std::string json{};
+    Zel::Value value{};
+  };
+  static std::array<Known, kPlaces> memo;
+  if (json.size() > kLongest) return parseJson(json);
+  Known& known = memo[std::hash<std::string_view>()(json) % kPlaces];
+  if (known.json != json || json.empty()) known = {std::string(json), parseJson(json)};
+  return known.value;
 }
 
 std::string deltaText(const Changes& changes) {
@@ -151,102 +175,6 @@ Changes changesOf(std::string_view delta, std::vector<std::string>& errors) {
       errors.push_back(error.what());
     }
   return std::move(reader.changes);
-}
-
-namespace {
-
-// `text`: an entity's value in its hash, and a tab.
-void putInOrder(Record& record, std::string_view text) {
-  const auto place = [&](const Attribute& each) {
-    const std::string_view name = each.name.view();
-    for (std::size_t at = text.find('\t'); at + 1 < text.size(); at = text.find('\t', at + 1))
-      if (text.substr(at + 1).starts_with(name) && text[at + 1 + name.size()] == '\t') return at;
-    return text.size();
-  };
-  std::ranges::sort(record.attributes, {}, place);
-}
-
-std::size_t attributesIn(std::string_view text) {
-  return static_cast<std::size_t>(std::ranges::count(text, '\t')) - 1;
-}
-
-}  // namespace
-
-// An entity's attributes are put in order when they are all there, because a big table takes long to sort at
-// the end.
-void Rows::scanned(std::string_view directory, std::string_view field, std::string_view text) {
-  const bool isEntity = field.find('/') == std::string_view::npos;
-  const Path path = pathAt(directory, take(field, '/'));
-  auto found = entities_.find(path);
-  if (isEntity) {
-    const Zel::Name type(text.substr(0, text.find('\t')));
-    if (found == entities_.end()) {
-      auto early = early_.extract(path);
-      found = early ? entities_.insert(std::move(early)).position
-                    : entities_.try_emplace(path, Record{path, {}, {}}).first;
-    }
-    found->second.type = type;
-    order_[path] = std::string(text) + '\t';
-  } else {
-    const Zel::Name attribute(field);
-    Zel::Value value = parseJson(text);
-    Record& record = found != entities_.end() ? found->second
-                                              : early_.try_emplace(path, Record{path, {}, {}}).first->second;
-    const auto there = std::ranges::find(record.attributes, attribute, &Attribute::name);
-    if (there != record.attributes.end())
-      there->value = std::move(value);
-    else
-      record.attributes.emplace_back(attribute, std::move(value));
-  }
-  if (found == entities_.end()) return;
-  const auto order = order_.find(path);
-  if (order == order_.end() || found->second.attributes.size() < attributesIn(order->second)) return;
-  putInOrder(found->second, order->second);
-  order_.erase(order);
-}
-
-void Rows::endScan() {
-  for (const auto& [path, order] : order_) putInOrder(entities_.at(path), order);
-  early_ = {};
-  order_ = {};
-}
-
-bool Rows::discard(std::size_t most) {
-  for (; most > 0 && !entities_.empty(); --most) entities_.erase(entities_.begin());
-  return !entities_.empty();
-}
-
-void Rows::carry(const Changes& changes) {
-  for (const Change& change : changes) {
-    const Row& row = change.row;
-    if (change.kind == Change::Kind::del) {
-      row.path.forEachUnder([this](Path each) { entities_.erase(each); });
-      continue;
-    }
-    const bool isPut = change.kind == Change::Kind::put;
-    if (!isPut && !entities_.contains(row.path)) continue;
-    Record& record = entities_.try_emplace(row.path, Record{row.path, {}, {}}).first->second;
-    if (isPut) record.type = row.type;
-    const auto found = std::ranges::find(record.attributes, row.attribute, &Attribute::name);
-    const bool isThere = found != record.attributes.end();
-    if (!isPut && isThere) record.attributes.erase(found);
-    if (!isPut || row.attribute.empty()) continue;
-    if (isThere)
-      found->value = row.value;
-    else
-      record.attributes.emplace_back(row.attribute, row.value);
-  }
-}
-
-const Record* Rows::find(Path path) const {
-  const auto found = entities_.find(path);
-  return found == entities_.end() ? nullptr : &found->second;
-}
-
-Statedb::Records Rows::all() const {
-  Statedb::Records records;
-  for (const auto& [path, record] : entities_) records.push_back(&record);
-  return records;
 }
 
 std::string entityText(const Record& record) {

@@ -31,9 +31,10 @@
 //     !PATH                    del, with all under it
 #pragma once
 
+#include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "platform/statedb/store/row.h"
@@ -63,8 +64,20 @@ struct Place {
   bool operator==(const Place&) const = default;
 };
 Place placeOf(Statedb::Path path);
-// Throws Zel::ValueError where it is beyond the limits of paths.
-Statedb::Path pathAt(std::string_view directory, std::string_view name);
+// Makes the paths of the entities of one directory; looks the directory's own path up once.
+class Directory {
+ public:
+  // `text` must outlive it. Checks nothing.
+  explicit Directory(std::string_view text) : text_(text) {}
+
+  std::string_view text() const { return text_; }
+  // Throws Zel::ValueError where it is beyond the limits of paths.
+  Statedb::Path at(std::string_view name) const;
+
+ private:
+  std::string_view text_;
+  mutable std::optional<Statedb::Path> path_{};
+};
 
 // Throws Zel::ValueError where a type or an attribute has a control character, which no declared one has.
 std::string deltaText(const Statedb::Changes& changes);
@@ -74,36 +87,11 @@ Statedb::Changes changesOf(std::string_view delta);
 // The same, without the steps that it would throw for; appends the errors.
 Statedb::Changes changesOf(std::string_view delta, std::vector<std::string>& errors);
 
+// The value that a text of JSON stands for. Throws Zel::ValueError where it is none. Texts that repeat are
+// parsed once, and their values share memory.
+Zel::Value valueOf(std::string_view json);
+
 // The hash's value for an entity: its type and its attributes.
 std::string entityText(const Statedb::Record& record);
-
-// The rows of one space as far as they are known: those that a scan found, with the changes in the log since.
-//
-//     rows.scanned("hardware/led", field, value);  // for every field of every hash
-//     rows.endScan();
-//     rows.carry(changesOf(entry.delta));          // may repeat what the scan found already
-class Rows {
- public:
-  // Throws Zel::ValueError where the value is no JSON, or a path or a name is beyond the limits.
-  void scanned(std::string_view directory, std::string_view field, std::string_view text);
-  // Drops what belongs to no entity: that was made during the scan, and the log brings it.
-  void endScan();
-  void carry(const Statedb::Changes& changes);
-
-  // Null where there is none.
-  const Statedb::Record* find(Statedb::Path path) const;
-  // In no order, valid until something changes.
-  Statedb::Records all() const;
-
-  // Frees up to so many entities. Returns whether any are left. A big table takes long to free at once.
-  bool discard(std::size_t most);
-
- private:
-  std::unordered_map<Statedb::Path, Statedb::Record> entities_;
-  // While it is scanned: entities whose attributes were found before their types, and the values for those
-  // entities whose attributes are not all there yet.
-  std::unordered_map<Statedb::Path, Statedb::Record> early_;
-  std::unordered_map<Statedb::Path, std::string> order_;
-};
 
 }  // namespace Host::Redis

@@ -1,6 +1,7 @@
 #include "host/store/redis/mirror.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <ranges>
@@ -157,32 +158,122 @@ std::size_t Overlay::count() {
   return count;
 }
 
+// A walk over all paths: in the order of the ids, which has an entity before those under it, for what is
+// wanted, and back for what is not. Paths that are made meanwhile have no entities but those that are
+// carried.
+class Replacement {
+ public:
+  Replacement() = default;
+  Replacement(Durability space, Mirror::Wanted wanted)
+      : space_(space), wanted_(std::move(wanted)), end_(static_cast<std::uint32_t>(Path::count())) {}
+
+  bool isDone() const { return next_ == 2 * end_; }
+  void proceed(Spaces& spaces, std::size_t most, Changes& visible) {
+    for (; most > 0 && next_ < end_; --most) put(spaces, Path::ofId(next_++), visible);
+    for (; most > 0 && next_ < 2 * end_; --most) remove(spaces, Path::ofId(2 * end_ - ++next_), visible);
+  }
+
+  // Carries a change that is wanted already, as may be others that follow.
+  void carry(Spaces& spaces, const Change& change, Changes& visible) const {
+    const Row& row = change.row;
+    const bool isPut = change.kind == Change::Kind::put;
+    if (change.kind == Change::Kind::del || (isPut && isOther(spaces.at(row.path), row.type)))
+      renewUnder(spaces, row.path, visible);
+    else
+      renew(spaces, row.path, visible);
+  }
+  void hide(Spaces& spaces, const Change& change) const {
+    if (change.kind == Change::Kind::del)
+      hideUnder(spaces, change.row.path);
+    else
+      hideAt(spaces, change.row.path);
+  }
+
+ private:
+  void put(Spaces& spaces, Path path, Changes& visible) const {
+    const auto wanted = wanted_(path);
+    if (wanted && *wanted) renew(spaces, path, *wanted, visible);
+  }
+  void remove(Spaces& spaces, Path path, Changes& visible) const {
+    if (spaces.at(path).type().empty()) return;
+    const auto wanted = wanted_(path);
+    if (wanted && !*wanted) spaces.renew(space_, path, nullptr, visible);
+  }
+
+  void renew(Spaces& spaces, Path path, Changes& visible) const {
+    if (const auto wanted = wanted_(path)) renew(spaces, path, *wanted, visible);
+  }
+  // An entity of another type takes along what is under it.
+  void renew(Spaces& spaces, Path path, const Record* wanted, Changes& visible) const {
+    const bool isReplaced = wanted && isOther(spaces.at(path), wanted->type);
+    isReplaced ? renewUnder(spaces, path, visible) : spaces.renew(space_, path, wanted, visible);
+  }
+  bool isOther(const Layers& layers, Name type) const {
+    const Record* own = space_ == Durability::stored ? layers.stored : layers.volatile_;
+    return (own && own->type != type) || (!layers.type().empty() && layers.type() != type);
+  }
+  void renewUnder(Spaces& spaces, Path path, Changes& visible) const {
+    hideUnder(spaces, path);
+    spaces.showUnder(path, visible);
+  }
+  void hideUnder(Spaces& spaces, Path path) const {
+    path.forEachUnder([&](Path each) { hideAt(spaces, each); });
+  }
+  void hideAt(Spaces& spaces, Path path) const {
+    if (const auto wanted = wanted_(path)) spaces.renewHidden(space_, path, *wanted);
+  }
+
+  Durability space_ = Durability::stored;
+  Mirror::Wanted wanted_{};
+  std::uint32_t end_ = 0;
+  std::uint32_t next_ = 0;  // there and back
+};
+
 }  // namespace
 
 struct Mirror::State {
   Spaces spaces{};
   Overlay overlay{spaces};
+  Replacement stored{}, volatile_{};
+
+  Replacement& replacement(Durability space) { return space == Durability::stored ? stored : volatile_; }
 };
 
 Mirror::Mirror() : state_(std::make_unique<State>()) {}
 Mirror::~Mirror() = default;
 
 void Mirror::carry(Durability space, const Changes& changes, Changes& visible) {
-  for (const Change& each : changes) state_->spaces.carry(space, each, visible);
+  const Replacement& replacement = state_->replacement(space);
+  for (const Change& each : changes)
+    if (replacement.isDone())
+      state_->spaces.carry(space, each, visible);
+    else
+      replacement.carry(state_->spaces, each, visible);
   state_->overlay.spacesChanged();
 }
 
 void Mirror::carryHidden(const Changes& changes) {
-  for (const Change& each : changes) state_->spaces.hide(Durability::volatile_, each);
+  const Replacement& replacement = state_->volatile_;
+  for (const Change& each : changes)
+    if (replacement.isDone())
+      state_->spaces.hide(Durability::volatile_, each);
+    else
+      replacement.hide(state_->spaces, each);
   state_->overlay.spacesChanged();
 }
 
 void Mirror::release(Changes& visible) { state_->spaces.showAll(visible); }
 
-void Mirror::replace(Durability space, const Records& rows, Changes& visible) {
-  state_->spaces.replace(space, rows);
-  state_->spaces.showAll(visible);
+void Mirror::replace(Durability space, Wanted wanted) {
+  state_->replacement(space) = Replacement(space, std::move(wanted));
+}
+
+bool Mirror::proceed(Durability space, std::size_t most, Changes& visible) {
+  Replacement& replacement = state_->replacement(space);
+  replacement.proceed(state_->spaces, most, visible);
+  if (replacement.isDone()) state_->spaces.showAll(visible);
   state_->overlay.spacesChanged();
+  return replacement.isDone();
 }
 
 Mirror::Pending Mirror::pend(const Changes& changes) { return state_->overlay.add(changes); }

@@ -2,7 +2,8 @@
 // table, and this process's stored writes that the server has not answered yet.
 //
 //     Mirror mirror;
-//     mirror.replace(Durability::stored, snapshot, visible);   // notify the subscribers of `visible`
+//     mirror.replace(Durability::stored, wanted);
+//     while (!mirror.proceed(Durability::stored, 1000, visible)) …  // notify the subscribers of `visible`
 //     mirror.carry(Durability::volatile_, changes, visible);
 //     const Mirror::Pending pending = mirror.pend(changes);    // the table shows them, nobody is notified
 //     mirror.settle(pending);                                  // carried meanwhile, or refused
@@ -10,6 +11,15 @@
 // Each space changes by itself, in the order of its own log: a del or an unset of the stored space leaves
 // volatile values alone, and one of the volatile space reveals the stored ones. A pending stored write
 // behaves as Statedb::Store says for stored steps.
+//
+// A snapshot replaces the rows of a space in portions, entity by entity, because a large one takes long:
+//
+// - An entity is shown as it was until it is shown as it is wanted, never in between.
+// - It comes before those under it, and goes after them.
+// - Between portions the space changes as at other times, and `wanted` must have changed before. An entity
+// that
+//   such a change concerns is as wanted at once.
+// - When the last portion is done, the space is as wanted, whatever was carried meanwhile.
 //
 // `visible` gets what subscribers are to be notified of, in order, appended. Nothing that did not change is
 // in it, except that a del is followed by puts of what stays under its path.
@@ -21,6 +31,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <unordered_map>
 
 #include "platform/statedb/store/row.h"
@@ -42,8 +53,15 @@ class Mirror final : public Statedb::Table {
   // values along. Shows and reveals nothing until release(), because the entry of the stored space follows.
   void carryHidden(const Statedb::Changes& changes);
   void release(Statedb::Changes& visible);
-  // Replaces the rows of one space: notifies of differences only, and releases. Takes linear time.
-  void replace(Statedb::Durability space, const Statedb::Records& rows, Statedb::Changes& visible);
+  // The entity that a space shall have at a path, null for none; nothing where it shall stay as it is. Valid
+  // until the next call.
+  using Wanted = std::function<std::optional<const Statedb::Record*>(Statedb::Path path)>;
+
+  // Begins to replace the rows of one space, from the start where that is under way.
+  void replace(Statedb::Durability space, Wanted wanted);
+  // Replaces at so many paths at most, or, where one of another type replaces an entity, at all under it.
+  // Returns whether all are replaced; the last portion releases.
+  bool proceed(Statedb::Durability space, std::size_t most, Statedb::Changes& visible);
 
   // Puts a stored batch on top, also of what is carried later, until it is settled.
   Pending pend(const Statedb::Changes& changes);

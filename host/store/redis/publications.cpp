@@ -81,16 +81,9 @@ Changes Publications::received(const Changes& changes) {
   return accepted;
 }
 
-Records Publications::over(const Records& theirs) {
-  std::map<const Group*, Records> parts;
-  for (const Record* record : theirs) parts[&groupOf(record->path)].push_back(record);
-  Records all;
-  for (Group& group : groups_) {
-    Records part = std::move(parts[&group]);
-    if (group.isShown()) part = group.rows.over(part, group.mount);
-    all.insert(all.end(), part.begin(), part.end());
-  }
-  return all;
+const Record* Publications::over(Path path, const Record* theirs) {
+  Group& group = groupOf(path);
+  return group.isShown() ? group.rows.over(path, theirs) : theirs;
 }
 
 Records Publications::recordsUnder(const Rows& rows, Path path) {
@@ -114,10 +107,11 @@ void Publications::compare(const Rows& theirs) {
   for (Group& group : groups_) {
     group.isUnderWay = false;
     group.rows.lost();
-    if (!group.isShown()) continue;
+    const bool replaces = group.isOwned && group.isDelivered;
+    if (!group.isShown() || (group.rows.empty() && !replaces)) continue;
     Records records = recordsUnder(theirs, group.mount);
     std::erase_if(records, [&](const Record* each) { return &groupOf(each->path) != &group; });
-    group.rows.compare(records, group.isOwned && group.isDelivered);
+    group.rows.compare(records, replaces);
   }
 }
 

@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "host/store/publishedrows.h"
-#include "host/store/redis/layout.h"
+#include "host/store/redis/rows.h"
 
 namespace Host::Redis {
 
@@ -45,8 +45,9 @@ class Publications {
   Statedb::Changes write(const Statedb::Changes& changes);
   // The changes of the volatile log, less those that will be overwritten from here.
   Statedb::Changes received(const Statedb::Changes& changes);
-  // The server's rows with those published here over them; valid until either changes.
-  Statedb::Records over(const Statedb::Records& theirs);
+  // The server's entity at a path, or null, with what is published here over it; null for none. Valid until
+  // either changes, and until the next call.
+  const Statedb::Record* over(Statedb::Path path, const Statedb::Record* theirs);
 
   // This process holds the mount now. `theirs` are the server's volatile rows, and `shown` those that are
   // shown under the mount, which the server may have lost: these are adopted until delivered(), and

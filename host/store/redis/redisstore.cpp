@@ -44,6 +44,13 @@ RedisStore::RedisStore(Loop& loop, const std::string& url, Report report)
       url_(parseUrl(url)),
       report_(std::move(report)),
       volatileKeys_(url_.prefix, Durability::volatile_),
+      refresh_(
+          loop, mirror_,
+          [this](Changes changes) {
+            subscribers_.notify({.changes = std::move(changes)});
+            subscribers_.deliver();
+          },
+          [this] { complete(); }),
       upstream_(loop, url_, *this),
       claims_(upstream_.uuid(), url_.lease, url_.hold, *this),
       stored_(upstream_, mirror_),
@@ -91,7 +98,7 @@ void RedisStore::subscribe(Path path, Subscriber& subscriber) {
 }
 
 void RedisStore::deliverSnapshots() {
-  if (!hasRows_) return;
+  if (!hasRows_ || !refresh_.isDone()) return;
   subscribers_.deliverSnapshots(
       mirror_, [this](Path path, const Subscriber& subscriber) { return mayArrive(path, subscriber); },
       [this](Path path, const Subscriber& subscriber) {
@@ -207,8 +214,13 @@ void RedisStore::onReached() {
   upstream_.flush();
 }
 
-void RedisStore::onClaimsRead() {
-  if (std::exchange(isReached_, true)) return upstream_.flush();
+// What was asked for when the server was reached is there: its claims, and all rows in the mirror.
+void RedisStore::complete() {
+  if (!areClaimsKnown_ || !refresh_.isDone()) return;
+  if (std::exchange(isReached_, true)) {
+    upstream_.flush();
+    return deliverSnapshots();
+  }
   hasRows_ = true;
   if (!losses_.empty()) report("reached");
   losses_.clear();
@@ -218,7 +230,7 @@ void RedisStore::onClaimsRead() {
 // An outage is logged once, and again where its cause turns out to need somebody's help.
 void RedisStore::onLost(const Loss& loss) {
   why_ = loss.text;
-  isReached_ = false;
+  isReached_ = areClaimsKnown_ = false;
   using Kind = Loss::Kind;
   const bool needsHelp = (loss.kind == Kind::refused && loss.refusal != Refusal::loading) ||
                          loss.kind == Kind::invalid || loss.kind == Kind::password;
@@ -240,23 +252,17 @@ void RedisStore::onRows(Durability space) {
     return showVolatile();
   }
   wipedAt_.reset();
-  Subscribers::Notice notice;
-  mirror_.replace(space, upstream_.rows(space).all(), notice.changes);
-  mirror_.release(notice.changes);
-  subscribers_.notify(std::move(notice));
-  subscribers_.deliver();
+  refresh_.start(space, [this](Path path) { return upstream_.rows(Durability::stored).find(path); });
 }
 
 void RedisStore::showVolatile() {
-  Records theirs = upstream_.rows(Durability::volatile_).all();
-  std::erase_if(theirs, [this](const Record* each) { return isKept(each->path); });
-  Records all = publications_.over(theirs);
-  for (const auto& [mount, records] : kept_)
-    for (const Record& each : records) all.push_back(&each);
-  Subscribers::Notice notice;
-  mirror_.replace(Durability::volatile_, all, notice.changes);
-  subscribers_.notify(std::move(notice));
-  subscribers_.deliver();
+  refresh_.start(Durability::volatile_, [this](Path path) { return wantedVolatile(path); });
+}
+
+// The rows that are kept stay as they are shown.
+std::optional<const Record*> RedisStore::wantedVolatile(Path path) {
+  if (isKept(path)) return std::nullopt;
+  return publications_.over(path, upstream_.rows(Durability::volatile_).find(path));
 }
 
 bool RedisStore::isKept(Path path) const {
@@ -398,7 +404,8 @@ void RedisStore::onClaimRefused(const std::string& mount, const Reply& error) {
 void RedisStore::read() {
   upstream_.call(claimsCall(volatileKeys_), [this](const Reply& reply) {
     reply.refusal() == Refusal::none ? claims_.onClaims(claimsOf(reply), now()) : claims_.onReadFailed();
-    onClaimsRead();
+    areClaimsKnown_ = true;
+    complete();
   });
 }
 

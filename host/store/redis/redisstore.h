@@ -9,6 +9,11 @@
 // - Volatile rows are shown and notified of here at once, and sent as state: one value an attribute.
 // - A mount that this process publishes is claimed. While another process holds it, this one is the standby:
 //   its agent gets no snapshot there, or, if it was the holder before, what it publishes is kept to itself.
+// - A large snapshot of the server is taken over in portions of some milliseconds: what this process had
+// stays
+//   visible until an entity's turn comes, and what is written meanwhile is carried as always. A subscriber's
+//   first snapshot waits until all is there, and so does the state "reached"; whoever has one already is
+//   notified of each portion's differences, an entity's all at once.
 //
 // Activity thread only.
 #pragma once
@@ -27,6 +32,7 @@
 #include "host/store/redis/claims.h"
 #include "host/store/redis/mirror.h"
 #include "host/store/redis/publications.h"
+#include "host/store/redis/refresh.h"
 #include "host/store/redis/storedwrites.h"
 #include "host/store/redis/subscribers.h"
 #include "host/store/redis/upstream.h"
@@ -86,6 +92,7 @@ class RedisStore final : public Statedb::Store, private Upstream::Owner, private
   void carryStored(const Upstream::Owner::Entry& entry);
   void carryVolatile(const Upstream::Owner::Entry& entry);
   void showVolatile();
+  std::optional<const Statedb::Record*> wantedVolatile(Statedb::Path path);
   void keepOthers();
   void keep(Statedb::Path mount);
   bool isKept(Statedb::Path path) const;
@@ -93,7 +100,7 @@ class RedisStore final : public Statedb::Store, private Upstream::Owner, private
   std::vector<Statedb::Path> mountsUnder(Statedb::Path path, const Statedb::Subscriber& subscriber) const;
   bool mayArrive(Statedb::Path path, const Statedb::Subscriber& subscriber) const;
 
-  void onClaimsRead();
+  void complete();
   void ask(Call call, const std::string& mount);
   void onClaimRefused(const std::string& mount, const Reply& error);
   void tick();
@@ -112,6 +119,7 @@ class RedisStore final : public Statedb::Store, private Upstream::Owner, private
   const Keys volatileKeys_;
 
   Mirror mirror_;
+  Refresh refresh_;
   Upstream upstream_;
   Claims claims_;
   Publications publications_;
@@ -127,7 +135,8 @@ class RedisStore final : public Statedb::Store, private Upstream::Owner, private
   // The volatile rows under mounts of others that are shown although the server, restarted, lacks them.
   std::map<Statedb::Path, std::deque<Statedb::Record>> kept_;
   std::string timeline_;                  // of the volatile rows that are shown; empty: none were yet
-  bool isReached_ = false;                // and the claims are known
+  bool areClaimsKnown_ = false;           // since it was reached last
+  bool isReached_ = false;                // and its rows are shown
   bool hasRows_ = false;                  // was reached once
   std::optional<std::uint64_t> wipedAt_;  // the stored space, which is shown as it was
   std::string why_;                       // it is not reached; empty before the first attempt has failed

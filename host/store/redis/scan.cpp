@@ -61,11 +61,12 @@ void Scan::onPage(const std::string& directory, const Reply& reply) {
 
 void Scan::take(const std::string& directory, const Reply& fields) {
   std::size_t bytes = 0;
+  const Directory at(directory);
   for (std::size_t i = 0; i + 1 < fields.list.size(); i += 2) {
     const std::string &field = fields[i].text, &text = fields[i + 1].text;
     bytes += field.size() + text.size();
     try {
-      rows_->scanned(directory, field, text);
+      rows_->scanned(at, field, text);
     } catch (const Zel::ValueError& error) {
       owner_.onUnreadable("the field '" + field.substr(0, 200) + "' of the hash '" +
                           keys_.directory(directory).substr(0, 200) + "': " + error.what());

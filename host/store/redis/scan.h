@@ -14,6 +14,7 @@
 
 #include "host/store/redis/connection.h"
 #include "host/store/redis/layout.h"
+#include "host/store/redis/rows.h"
 
 namespace Host::Redis {
 

@@ -20,6 +20,7 @@
 #include "host/store/redis/follower.h"
 #include "host/store/redis/layout.h"
 #include "host/store/redis/reply.h"
+#include "host/store/redis/rows.h"
 
 namespace Host::Redis {
 

@@ -14,6 +14,7 @@
 #include "host/store/redis/connection.h"
 #include "host/store/redis/follower.h"
 #include "host/store/redis/layout.h"
+#include "host/store/redis/rows.h"
 #include "host/store/redis/scan.h"
 #include "host/store/redis/scripts.h"
 #include "host/store/redis/upstream.h"

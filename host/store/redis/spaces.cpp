@@ -74,11 +74,6 @@ Record Layers::merged() const {
   return record;
 }
 
-Record& Spaces::Space::make(Path path, Name type) {
-  if (path.id() >= records_.size()) records_.resize(Path::count());
-  return records_[path.id()] = {path, type, {}};
-}
-
 const Record* Spaces::find(Path path) {
   const Layers layers = at(path);
   if (!layers.isMerged()) return layers.stored ? layers.stored : layers.volatile_;
@@ -94,13 +89,13 @@ const Record* Spaces::shown(Path path) {
 
 Record& Spaces::make(Durability space, Path path, Name type) {
   if (at(path).type().empty()) ++count_;
-  return in(space).make(path, type);
+  return in(space).at(path) = {path, type, {}};
 }
 
 void Spaces::remove(Durability space, Path path) {
   if (!in(space).find(path)) return;
   hold(path);
-  in(space).remove(path);
+  in(space).erase(path);
   if (at(path).type().empty()) --count_;
 }
 
@@ -166,20 +161,27 @@ void Spaces::carryValue(Durability space, const Change& change, Changes& visible
   if (held != held_.end()) now ? setIn(held->second, {attribute, *now}) : unsetIn(held->second, attribute);
 }
 
-void Spaces::replace(Durability space, const Records& rows) {
-  std::vector<bool> isKept(Path::count());
-  for (const Record* row : rows) {
-    isKept[row->path.id()] = true;
-    const Record* own = in(space).find(row->path);
-    if (own && hasSameRows(*own, *row)) continue;
-    hold(row->path);
-    Record& made = make(space, row->path, row->type);
-    made.attributes = row->attributes;
-    for (Attribute& each : made.attributes) each.durability = space;
+void Spaces::assign(Durability space, const Record& wanted) {
+  Record& made = make(space, wanted.path, wanted.type);
+  made.attributes = wanted.attributes;
+  for (Attribute& each : made.attributes) each.durability = space;
+}
+
+void Spaces::renew(Durability space, Path path, const Record* wanted, Changes& visible) {
+  const bool isHidden = held_.contains(path);
+  if (wanted && !isHidden && at(path).type().empty()) {  // the most frequent one, of the first snapshot
+    assign(space, *wanted);
+    return appendRows(*find(path), visible);
   }
-  Path().forEachUnder([&](Path each) {
-    if (!isKept[each.id()]) remove(space, each);
-  });
+  renewHidden(space, path, wanted);
+  if (!isHidden) show(path, visible);
+}
+
+void Spaces::renewHidden(Durability space, Path path, const Record* wanted) {
+  const Record* own = in(space).find(path);
+  if (wanted ? own && hasSameRows(*own, *wanted) : !own) return;
+  hold(path);
+  wanted ? assign(space, *wanted) : remove(space, path);
 }
 
 // Before a change of the entity: keeps it as subscribers know it, for show().

@@ -9,18 +9,13 @@
 #pragma once
 
 #include <cstddef>
-#include <deque>
 #include <unordered_map>
-#include <utility>
 
+#include "host/store/redis/recordtable.h"
 #include "platform/statedb/store/row.h"
 
 namespace Host::Redis {
 
-// A record without a type stands for no entity.
-inline const Statedb::Record* orNull(const Statedb::Record& record) {
-  return record.type.empty() ? nullptr : &record;
-}
 void setIn(Statedb::Record& record, Statedb::Attribute attribute);
 void unsetIn(Statedb::Record& record, Zel::Name attribute);
 // Appends puts of the entity and its attributes.
@@ -58,30 +53,20 @@ class Spaces {
   void carry(Statedb::Durability space, const Statedb::Change& change, Statedb::Changes& visible);
   // Apply changes that subscribers are not notified of before showAll(), or a change at the same place.
   void hide(Statedb::Durability space, const Statedb::Change& change);
-  void replace(Statedb::Durability space, const Statedb::Records& rows);
+  // Makes the entity of one space at a path the same as `wanted`, where null is none; what is under it stays
+  // as it is. What is hidden there stays so.
+  void renew(Statedb::Durability space, Statedb::Path path, const Statedb::Record* wanted,
+             Statedb::Changes& visible);
+  void renewHidden(Statedb::Durability space, Statedb::Path path, const Statedb::Record* wanted);
+  void showUnder(Statedb::Path path, Statedb::Changes& visible);
   void showAll(Statedb::Changes& visible);
 
  private:
-  // The entities of one space.
-  class Space {
-   public:
-    const Statedb::Record* find(Statedb::Path path) const {
-      return path.id() < records_.size() ? orNull(records_[path.id()]) : nullptr;
-    }
-    Statedb::Record* find(Statedb::Path path) {
-      return const_cast<Statedb::Record*>(std::as_const(*this).find(path));
-    }
-    // Replaces the one that is there.
-    Statedb::Record& make(Statedb::Path path, Zel::Name type);
-    // REQUIRES: there is one.
-    void remove(Statedb::Path path) { records_[path.id()] = {}; }
-
-   private:
-    std::deque<Statedb::Record> records_;  // by Path::id(); a deque, so that growing moves none
-  };
-
-  Space& in(Statedb::Durability space) { return space == Statedb::Durability::stored ? stored_ : volatile_; }
+  RecordTable& in(Statedb::Durability space) {
+    return space == Statedb::Durability::stored ? stored_ : volatile_;
+  }
   Statedb::Record& make(Statedb::Durability space, Statedb::Path path, Zel::Name type);
+  void assign(Statedb::Durability space, const Statedb::Record& wanted);
   void remove(Statedb::Durability space, Statedb::Path path);
   void removeUnder(Statedb::Durability space, Statedb::Path path);
   void put(Statedb::Durability space, const Statedb::Row& row);
@@ -90,10 +75,9 @@ class Spaces {
 
   void hold(Statedb::Path path);
   void show(Statedb::Path path, Statedb::Changes& visible);
-  void showUnder(Statedb::Path path, Statedb::Changes& visible);
   void showReplaced(Statedb::Path path, Statedb::Changes& visible);
 
-  Space stored_, volatile_;
+  RecordTable stored_, volatile_;
   std::size_t count_ = 0;
   std::unordered_map<Statedb::Path, Statedb::Record> merged_;  // a cache of entities that are in both spaces
   // Entities of which subscribers were not notified yet, as they know them.

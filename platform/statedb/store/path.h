@@ -58,6 +58,12 @@ class ZEL_API Path {
 
   // Dense: from 0 to count() - 1. A path's descendants have greater ids than the path.
   std::uint32_t id() const { return id_; }
+  // REQUIRES: id < count().
+  static constexpr Path ofId(std::uint32_t id) {
+    Path path;
+    path.id_ = id;
+    return path;
+  }
 
   // Calls `function` with this path and every path in the table under it, in preorder; siblings in order of
   // creation.

@@ -10,7 +10,6 @@
 
 #include <chrono>
 #include <csignal>
-#include <iterator>
 #include <map>
 #include <sstream>
 #include <string>
@@ -133,11 +132,12 @@ class Client : public Host::Redis::Connection::Owner {
   // Of a command without spaces in its words.
   Reply run(const std::string& command) {
     std::istringstream in(command);
-    const std::vector<std::string> words{std::istream_iterator<std::string>(in), {}};
-    return (*this)({words.begin(), words.end()});
+    Host::Redis::Words words;
+    for (std::string word; in >> word;) words.add(word);
+    return (*this)(words);
   }
   // Its reply; null where the connection is lost meanwhile.
-  Reply operator()(const std::vector<std::string_view>& words) {
+  Reply operator()(const Host::Redis::Words& words) {
     return replyTo([&](auto then) { connection.request(words, then); });
   }
   template <class Request>

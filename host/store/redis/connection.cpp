@@ -233,8 +233,9 @@ struct Connection::Link : std::enable_shared_from_this<Link> {
   }
 
   // Sending.
-  void send(const std::vector<std::string_view>& words, OnReply then) {
-    appendCommand(outgoing, words);
+  void send(const Words& words, OnReply then) { send(words, {}, std::move(then)); }
+  void send(const Words& words, const Words& more, OnReply then) {
+    appendCommand(outgoing, words, more);
     if (waiting.empty() && connection->ready_) {
       isOverdue = false;
       arm(timeout());
@@ -361,8 +362,8 @@ void Connection::lost(Loss loss) {
   owner_.onLost(loss);
 }
 
-void Connection::request(const std::vector<std::string_view>& words, OnReply then) {
-  if (ready_) link_->send(words, std::move(then));
+void Connection::request(const Words& words, const Words& more, OnReply then) {
+  if (ready_) link_->send(words, more, std::move(then));
 }
 
 void Connection::subscribe(std::string_view channel, OnReply then) {

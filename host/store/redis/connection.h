@@ -15,7 +15,7 @@
 #include <random>
 #include <string>
 #include <string_view>
-#include <vector>
+#include <utility>
 
 #include "host/io/loop.h"
 #include "host/store/redis/reply.h"
@@ -98,7 +98,9 @@ class Connection {
   bool isReady() const { return ready_; }
   // `then` gets the reply, errors included. Does nothing unless the connection is ready. A request without an
   // answer within the URL's timeout ends the connection, unless something else arrives meanwhile.
-  void request(const std::vector<std::string_view>& words, OnReply then);
+  void request(const Words& words, OnReply then) { request(words, {}, std::move(then)); }
+  // Of the words of both.
+  void request(const Words& words, const Words& more, OnReply then);
   void subscribe(std::string_view channel, OnReply then);
   void flush();
 

@@ -41,44 +41,6 @@ void checkPlain(std::string_view name) {
   if (std::ranges::any_of(name, isControl)) failAt("a control character in a type or an attribute", name);
 }
 
-struct DeltaWriter {
-  std::string text{};
-  std::optional<Path> directory{};
-  Zel::Name type{};
-
-  void step(const Change& change) {
-    const Row& row = change.row;
-    if (change.kind == Change::Kind::del) {
-      text += '!';
-      row.path.appendTo(text);
-    } else {
-      const Path above = row.path.empty() ? row.path : row.path.parent();
-      if (directory != above) {
-        text += '@';
-        above.appendTo(text);
-        text += '\n';
-        directory = above;
-      }
-      const std::string_view name = row.path.empty() ? "" : row.path.component().view();
-      change.kind == Change::Kind::put ? put(name, row) : unset(name, row);
-    }
-    text += '\n';
-  }
-  void put(std::string_view name, const Row& row) {
-    checkPlain(row.type.view());
-    checkPlain(row.attribute.view());
-    if (row.type != type) text.append(":").append((type = row.type).view()).append("\n");
-    text.append("+").append(name);
-    if (row.attribute.empty()) return;
-    text.append("\t").append(row.attribute.view()).append("\t");
-    appendJson(text, row.value);
-  }
-  void unset(std::string_view name, const Row& row) {
-    checkPlain(row.attribute.view());
-    text.append("-").append(name).append("\t").append(row.attribute.view());
-  }
-};
-
 struct DeltaReader {
   Changes changes{};
   Directory directory{{}};
@@ -155,10 +117,50 @@ Zel::Value valueOf(std::string_view json) {
   return known.value;
 }
 
+DeltaWriter::Part DeltaWriter::step(const Change& change) {
+  const Row& row = change.row;
+  Part json;
+  if (change.kind == Change::Kind::del) {
+    text_ += '!';
+    row.path.appendTo(text_);
+  } else {
+    const Path above = row.path.empty() ? row.path : row.path.parent();
+    if (directory_ != above) {
+      text_ += '@';
+      above.appendTo(text_);
+      text_ += '\n';
+      directory_ = above;
+    }
+    const std::string_view name = row.path.empty() ? "" : row.path.component().view();
+    change.kind == Change::Kind::put ? void(json = put(name, row)) : unset(name, row);
+  }
+  text_ += '\n';
+  return json;
+}
+
+DeltaWriter::Part DeltaWriter::put(std::string_view name, const Row& row) {
+  if (row.type != type_) {
+    checkPlain(row.type.view());
+    text_.append(":").append((type_ = row.type).view()).append("\n");
+  }
+  text_.append("+").append(name);
+  if (row.attribute.empty()) return {};
+  checkPlain(row.attribute.view());
+  text_.append("\t").append(row.attribute.view()).append("\t");
+  const std::size_t start = text_.size();
+  appendJson(text_, row.value);
+  return {start, text_.size() - start};
+}
+
+void DeltaWriter::unset(std::string_view name, const Row& row) {
+  checkPlain(row.attribute.view());
+  text_.append("-").append(name).append("\t").append(row.attribute.view());
+}
+
 std::string deltaText(const Changes& changes) {
   DeltaWriter writer;
   for (const Change& change : changes) writer.step(change);
-  return std::move(writer.text);
+  return std::move(writer.text());
 }
 
 Changes changesOf(std::string_view delta) {

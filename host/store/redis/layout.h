@@ -79,7 +79,28 @@ class Directory {
   mutable std::optional<Statedb::Path> path_{};
 };
 
-// Throws Zel::ValueError where a type or an attribute has a control character, which no declared one has.
+// Writes a delta step by step. Throws Zel::ValueError where a type or an attribute has a control character,
+// which no declared one has.
+class DeltaWriter {
+ public:
+  // A part of the text.
+  struct Part {
+    std::size_t start = 0, size = 0;
+    std::string_view in(std::string_view text) const { return text.substr(start, size); }
+  };
+
+  // Returns the JSON of a put's value; an empty part where there is none.
+  Part step(const Statedb::Change& change);
+  std::string& text() { return text_; }
+
+ private:
+  Part put(std::string_view name, const Statedb::Row& row);
+  void unset(std::string_view name, const Statedb::Row& row);
+
+  std::string text_{};
+  std::optional<Statedb::Path> directory_{};
+  Zel::Name type_{};
+};
 std::string deltaText(const Statedb::Changes& changes);
 // The inverse. Throws Zel::ValueError for a line of another form, for bad JSON, and for a path or a name
 // beyond the limits.

@@ -4,47 +4,53 @@
 namespace Host::Redis {
 
 // KEYS: meta, log, then the directories of the steps, in the order of the steps that need them first.
-// ARGV: the generation, or where there is none "+" and a new one; fence:UUID; origin; delta; the log's
-// length, or nothing where it need not be cut; P; known; the count of claims, claim:MOUNT and a token for
-// each; then the steps:
-//     e, expected text of every entity, then a field and a value each: alone, in the first directory
-//     p, KEYS index, count of entities, count of values, names, expected texts, then a field and a value each
-//     u, KEYS index, name, attribute
-//     d, KEYS index, name
-//     r, KEYS index, name: as d, for an entity that makes room for one of another type
+// ARGV: the batch, in MessagePack because a word costs a hundredth of a short write, and the delta. The
+// batch:
+//     1  the generation, or where there is none "+" and a new one
+//     2  fence:UUID
+//     3  the origin
+//     4  the log's length, or 0 where it need not be cut
+//     5  P
+//     6  a revision for which the writer knows all entities, where there is one step and it changes values
+//     only;
+//        else 0
+//     7  claims: claim:MOUNT and a token for each
+//     8  the steps:
+//          e, expected text of every entity, fields and values: alone, in the first directory
+//          p, KEYS index, names, expected texts, fields and values
+//          u, KEYS index, name, attribute
+//          d, KEYS index, name
+//          r, KEYS index, name: as d, for an entity that makes room for one of another type
 //
 // `shape`, in meta, is the last revision that made or removed an entity or added or removed an attribute.
-// `known` is a revision for which the writer knows all entities, where there is one step and it changes
-// values only; else 0. Each word costs about a hundredth of a short write.
 inline constexpr const char* kWriteScript = R"lua(
-local ARGV, redis = ARGV, redis
-local origin, own = ARGV[3], ARGV[6]
+local redis, KEYS = redis, KEYS
+local batch, delta = cmsgpack.unpack(ARGV[1]), ARGV[2]
+local origin, own, claims = batch[3], batch[5], batch[7]
 local volatile = string.sub(own, -1) == 'v'
-local claims = tonumber(ARGV[8])
-local at = 9 + 2 * claims
 local found
-if claims == 0 then
-  found = redis.call('HMGET', KEYS[1], 'generation', ARGV[2], 'shape')
+if #claims == 0 then
+  found = redis.call('HMGET', KEYS[1], 'generation', batch[2], 'shape')
 else
   local asked = {}
-  for i = 1, claims do asked[i] = ARGV[7 + 2 * i] end
-  local held
+  for i = 1, #claims, 2 do asked[#asked + 1] = claims[i] end
+  local held, count = nil, #asked
   if volatile then  -- where claims are
-    asked[claims + 1], asked[claims + 2], asked[claims + 3] = 'generation', ARGV[2], 'shape'
+    asked[count + 1], asked[count + 2], asked[count + 3] = 'generation', batch[2], 'shape'
     held = redis.call('HMGET', KEYS[1], unpack(asked))
-    found = {held[claims + 1], held[claims + 2], held[claims + 3]}
+    found = {held[count + 1], held[count + 2], held[count + 3]}
   else
     held = redis.call('HMGET', string.sub(own, 1, -2) .. 'v:meta', unpack(asked))
-    found = redis.call('HMGET', KEYS[1], 'generation', ARGV[2], 'shape')
+    found = redis.call('HMGET', KEYS[1], 'generation', batch[2], 'shape')
   end
-  for i = 1, claims do
-    if held[i] ~= ARGV[8 + 2 * i] then
+  for i = 1, count do
+    if held[i] ~= claims[2 * i] then
       return redis.error_reply('CLAIMED ' .. string.sub(asked[i], 7) .. ' ' .. (held[i] or ''))
     end
   end
 end
 local generation = found[1]
-if generation ~= ARGV[1] and (generation or string.sub(ARGV[1], 1, 1) ~= '+') then
+if generation ~= batch[1] and (generation or string.sub(batch[1], 1, 1) ~= '+') then
   return redis.error_reply('GENERATION ' .. (generation or ''))
 end
 if found[2] and tonumber(string.match(found[2], '^%d+')) >= tonumber(string.match(origin, '%d+$')) then
@@ -54,17 +60,18 @@ end
 -- The fast path for the most frequent write: new values in one directory, of entities that are as the writer knows
 -- them. Where they were made, they fitted those of the other space. It returns before the functions below are created,
 -- which would take longer than the write.
-if found[3] and tonumber(ARGV[7]) >= tonumber(found[3]) then
+if found[3] and batch[6] >= tonumber(found[3]) then
   if volatile then redis.set_repl(redis.REPL_REPLICA) end
   local id
-  if ARGV[5] == '' then
-    id = redis.call('XADD', KEYS[2], '0-*', 'o', origin, 'd', ARGV[4])
+  if batch[4] == 0 then
+    id = redis.call('XADD', KEYS[2], '0-*', 'o', origin, 'd', delta)
   else
-    id = redis.call('XADD', KEYS[2], 'MAXLEN', '~', ARGV[5], '0-*', 'o', origin, 'd', ARGV[4])
+    id = redis.call('XADD', KEYS[2], 'MAXLEN', '~', batch[4], '0-*', 'o', origin, 'd', delta)
   end
-  redis.call('HSET', KEYS[3], unpack(ARGV, ARGV[at] == 'e' and at + 2 or at + 4 + 2 * tonumber(ARGV[at + 2])))
+  local step = batch[8][1]
+  redis.call('HSET', KEYS[3], unpack(step[#step]))
   local revision = string.sub(id, 3)
-  local sent = redis.pcall('PUBLISH', own .. ':changes', generation .. ' ' .. revision .. ' ' .. origin .. '\n' .. ARGV[4])
+  local sent = redis.pcall('PUBLISH', own .. ':changes', generation .. ' ' .. revision .. ' ' .. origin .. '\n' .. delta)
   return {tonumber(revision), generation, type(sent) == 'table' and sent.err or ''}
 end
 
@@ -82,7 +89,7 @@ local function pathAt(directory, name) return directory == '' and name or direct
 local function touch(space, directory) redis.call('HDEL', space .. ':d:' .. directory, '\1') end
 redis.call('ZREM', dirs, '\1')
 
-local steps, deleted, plain = {}, {}, true
+local steps, deleted, plain = {}, {}, #batch[8] == 1
 local function isDeleted(path)
   for _, above in ipairs(deleted) do
     if above == '' or path == above or string.sub(path, 1, #above + 1) == above .. '/' then return true end
@@ -91,27 +98,22 @@ local function isDeleted(path)
 end
 
 -- The fields and values of a put, and its entities' names and expected texts.
-local function readPut(step)
-  local names, texts, fields, seen = {}, {}, {}, {}
-  if step.kind == 'e' then
-    for i = at + 2, #ARGV do fields[#fields + 1] = ARGV[i] end
-    for i = 1, #fields, 2 do
-      local name = string.match(fields[i], '^[^/]*')
-      if not seen[name] then names[#names + 1], texts[#texts + 1], seen[name] = name, ARGV[at + 1], true end
-    end
-    at = #ARGV + 1
-  else
-    local count = tonumber(ARGV[at + 2])
-    for i = 1, count do names[i], texts[i] = ARGV[at + 3 + i], ARGV[at + 3 + count + i] end
-    for i = 1, 2 * tonumber(ARGV[at + 3]) do fields[i] = ARGV[at + 3 + 2 * count + i] end
-    at = at + 4 + 2 * count + #fields
+local function readPut(step, packed)
+  step.fields = packed[#packed]
+  if step.kind == 'p' then
+    step.names, step.texts = packed[3], packed[4]
+    return
   end
-  step.names, step.texts, step.fields = names, texts, fields
+  local names, texts, seen = {}, {}, {}
+  for i = 1, #step.fields, 2 do
+    local name = string.match(step.fields[i], '^[^/]*')
+    if not seen[name] then names[#names + 1], texts[#texts + 1], seen[name] = name, packed[2], true end
+  end
+  step.names, step.texts = names, texts
 end
 
 -- The checks.
 local function checkPut(step)
-  readPut(step)
   step.now = redis.call('HMGET', step.key, unpack(step.names))
   local theirs = other .. ':d:' .. step.directory
   local there = redis.call('EXISTS', theirs) == 1 and redis.call('HMGET', theirs, unpack(step.names))
@@ -128,16 +130,16 @@ local function checkPut(step)
     end
   end
 end
-while at <= #ARGV do
-  local step = {kind = ARGV[at], key = ARGV[at] == 'e' and KEYS[3] or KEYS[tonumber(ARGV[at + 1])]}
+for _, packed in ipairs(batch[8]) do
+  local step = {kind = packed[1], key = packed[1] == 'e' and KEYS[3] or KEYS[packed[2]]}
   step.directory = string.sub(step.key, #own + 4)
   steps[#steps + 1] = step
-  if #steps > 1 then plain = false end
   if step.kind == 'e' or step.kind == 'p' then
+    readPut(step, packed)
     local refused = checkPut(step)
     if refused then return refused end
   else
-    step.name = ARGV[at + 2]
+    step.name = packed[3]
     touch(own, step.directory)
     if not volatile then
       touch(other, step.directory)
@@ -146,8 +148,7 @@ while at <= #ARGV do
       redis.call('XTRIM', other .. ':log', 'MAXLEN', '~', '1000000000')
     end
     if step.kind == 'u' then
-      step.attribute = ARGV[at + 3]
-      at = at + 4
+      step.attribute = packed[4]
     else
       step.path = pathAt(step.directory, step.name)
       if step.kind == 'r' and volatile then
@@ -159,7 +160,6 @@ while at <= #ARGV do
       if not volatile then
         for _, each in ipairs(under(other, step.path)) do touch(other, each) end
       end
-      at = at + 3
     end
   end
 end
@@ -167,13 +167,13 @@ end
 -- The changes.
 if volatile then redis.set_repl(redis.REPL_REPLICA) end
 local function append(space, delta)
-  if ARGV[5] == '' then return string.match(redis.call('XADD', space .. ':log', '0-*', 'o', origin, 'd', delta), '%d+$') end
-  local id = redis.call('XADD', space .. ':log', 'MAXLEN', '~', ARGV[5], '0-*', 'o', origin, 'd', delta)
+  if batch[4] == 0 then return string.match(redis.call('XADD', space .. ':log', '0-*', 'o', origin, 'd', delta), '%d+$') end
+  local id = redis.call('XADD', space .. ':log', 'MAXLEN', '~', batch[4], '0-*', 'o', origin, 'd', delta)
   return string.match(id, '%d+$')
 end
-local revision = append(own, ARGV[4])
+local revision = append(own, delta)
 if not generation then
-  generation = string.sub(ARGV[1], 2)
+  generation = string.sub(batch[1], 2)
   redis.call('HSET', KEYS[1], 'generation', generation)
 end
 
@@ -273,7 +273,7 @@ if #hidden > 0 then
   announce(other, redis.call('HGET', other .. ':meta', 'generation') or '', its, delta)
   redis.set_repl(redis.REPL_ALL)
 end
-return {tonumber(revision), generation, announce(own, generation, revision, ARGV[4])}
+return {tonumber(revision), generation, announce(own, generation, revision, delta)}
 )lua";
 
 // KEYS: meta, log. ARGV: uuid, fence (0: none), "s" or "v".

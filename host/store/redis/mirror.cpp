@@ -24,8 +24,8 @@ using Zel::Value;
 
 namespace {
 
-// The pending writes on top of the spaces. Keeps the steps by path, and applies those that concern an entity
-// when it is read: so a change costs nothing, however much is pending.
+// The pending writes on top of the spaces. Sorts the steps by path, and applies those that concern an entity,
+// when one is read: so a change costs nothing, however much is pending.
 class Overlay {
  public:
   using Pending = Mirror::Pending;
@@ -54,13 +54,14 @@ class Overlay {
     void clear() { *this = {}; }
   };
 
+  void index();
   Entity* entity(Path path);
   Entity applied(Path path, Orders& removals) const;
   static bool apply(const Row& row, Change::Kind kind, Entity& entity);
 
   Spaces& spaces_;
   std::map<Pending, Changes> pending_{};
-  Pending last_ = 0;
+  Pending last_ = 0, indexed_ = 0;
   Order lastOrder_ = 0;
   std::unordered_map<Path, std::vector<Step>> steps_{};  // in order
   std::unordered_map<Path, Entity> entities_{};          // a cache until anything changes
@@ -68,15 +69,21 @@ class Overlay {
 
 Overlay::Pending Overlay::add(const Changes& changes) {
   entities_ = {};
-  for (const Change& each : pending_.emplace(++last_, changes).first->second)
-    steps_[each.row.path].push_back({++lastOrder_, &each});
+  pending_.emplace(++last_, changes);
   return last_;
+}
+
+void Overlay::index() {
+  for (auto batch = pending_.upper_bound(indexed_); batch != pending_.end(); ++batch)
+    for (const Change& each : batch->second) steps_[each.row.path].push_back({++lastOrder_, &each});
+  indexed_ = last_;
 }
 
 void Overlay::remove(Pending pending) {
   const auto batch = pending_.extract(pending);
   if (!batch) return;
   entities_ = {};
+  if (pending > indexed_) return;
   for (const Change& each : batch.mapped()) {
     const auto found = steps_.find(each.row.path);
     std::erase_if(found->second, [&](const Step& step) { return step.change == &each; });
@@ -86,7 +93,8 @@ void Overlay::remove(Pending pending) {
 
 // Null where no pending step concerns it. The steps of the entities above count, because they may remove it.
 Overlay::Entity* Overlay::entity(Path path) {
-  if (steps_.empty()) return nullptr;
+  if (pending_.empty()) return nullptr;
+  index();
   if (const auto found = entities_.find(path); found != entities_.end()) return &found->second;
   std::vector<Path> concerned;
   for (Path each = path;; each = each.parent()) {
@@ -152,7 +160,7 @@ const Record* Overlay::find(Path path) {
 
 // Takes linear time while anything is pending.
 std::size_t Overlay::count() {
-  if (steps_.empty()) return spaces_.count();
+  if (pending_.empty()) return spaces_.count();
   std::size_t count = 0;
   Path().forEachUnder([&](Path each) { count += at(each).type().empty() ? 0 : 1; });
   return count;

@@ -140,16 +140,43 @@ std::optional<Reply> ReplyReader::next() {
   return std::move(*reply);
 }
 
-void appendCommand(std::string& bytes, const std::vector<std::string_view>& words) {
-  std::vector<const char*> texts(words.size());
-  std::vector<std::size_t> sizes(words.size());
-  std::ranges::transform(words, texts.begin(), [](std::string_view word) { return word.data(); });
-  std::ranges::transform(words, sizes.begin(), [](std::string_view word) { return word.size(); });
-  char* command = nullptr;
-  const auto size =
-      redisFormatCommandArgv(&command, static_cast<int>(words.size()), texts.data(), sizes.data());
-  if (size > 0) bytes.append(command, static_cast<std::size_t>(size));
-  redisFreeCommand(command);
+namespace {
+
+class Digits {
+ public:
+  explicit Digits(std::uint64_t number)
+      : end_(std::to_chars(digits_.data(), digits_.data() + digits_.size(), number).ptr) {}
+  std::string_view view() const { return {digits_.data(), end_}; }
+
+ private:
+  std::array<char, 20> digits_;
+  const char* end_;
+};
+void appendCount(std::string& bytes, char kind, std::uint64_t count) {
+  ((bytes += kind) += Digits(count).view()) += "\r\n";
+}
+
+}  // namespace
+
+void Words::addJoined(std::initializer_list<std::string_view> parts) {
+  std::size_t size = 0;
+  for (const std::string_view part : parts) size += part.size();
+  appendCount(bytes_, '$', size);
+  for (const std::string_view part : parts) bytes_ += part;
+  bytes_ += "\r\n";
+  ++count_;
+}
+
+void Words::add(std::uint64_t number) { add(Digits(number).view()); }
+
+void Words::add(const Words& words) {
+  bytes_ += words.bytes_;
+  count_ += words.count_;
+}
+
+void appendCommand(std::string& bytes, const Words& words, const Words& more) {
+  appendCount(bytes, '*', words.count() + more.count());
+  bytes.append(words.bytes()).append(more.bytes());
 }
 
 }  // namespace Host::Redis

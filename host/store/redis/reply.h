@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -80,7 +81,35 @@ class ReplyReader {
   std::string error_;
 };
 
-// Appends a command as the server reads it.
-void appendCommand(std::string& bytes, const std::vector<std::string_view>& words);
+// Words of a command as the server reads them. hiredis formats them with sprintf, which took an eighth of a
+// write's time.
+//
+//     Words words;
+//     words.add("HGET");
+//     words.add(key);
+//     appendCommand(bytes, words);
+class Words {
+ public:
+  Words() = default;
+  Words(std::initializer_list<std::string_view> words) {
+    for (const std::string_view word : words) add(word);
+  }
+
+  void add(std::string_view word) { addJoined({word}); }
+  // One word of several parts.
+  void addJoined(std::initializer_list<std::string_view> parts);
+  void add(std::uint64_t number);
+  void add(const Words& words);
+
+  std::size_t count() const { return count_; }
+  const std::string& bytes() const { return bytes_; }
+
+ private:
+  std::string bytes_{};
+  std::size_t count_ = 0;
+};
+
+// Appends a command of the words of both.
+void appendCommand(std::string& bytes, const Words& words, const Words& more = {});
 
 }  // namespace Host::Redis

@@ -1,27 +1,19 @@
 #include "host/store/redis/scripts.h"
 
 #include <algorithm>
-#include <unordered_map>
-#include <unordered_set>
 #include <utility>
 
-#include "host/rpc/json.h"
 #include "host/store/redis/claimtexts.h"
 #include "host/store/redis/luatexts.h"
-#include "platform/zel/core/assert.h"
 #include "platform/zel/core/exception.h"
 
 namespace Host::Redis {
 
 using Statedb::Change;
-using Statedb::Changes;
-using Statedb::Durability;
 using Statedb::Path;
-using Statedb::Row;
 
 namespace {
 
-constexpr Script kWrite{"", kWriteScript, false};
 constexpr Script kState{"", kStateScript, true};
 constexpr Script kFence{kFenceScript, kStateScript, false};
 constexpr Script kLog{"", kLogScript, true};
@@ -31,184 +23,16 @@ constexpr Script kBeat{kClaimAnswer, kBeatScript, false};
 constexpr Script kRelease{kClaimAnswer, kReleaseScript, false};
 constexpr Script kSweep{kClaimAnswer, kSweepScript, false};
 
-constexpr std::size_t kHashWord = 1;
-
-// A writer cuts off what is too old in the log with one of so many short writes, and with all others.
-constexpr Sequence kWritesPerCut = 64;
-constexpr std::size_t kShortDelta = 4096;
-
-Call callOf(const Script& script, const std::vector<std::string>& keys, std::vector<std::string> arguments) {
-  Call call{&script, {script.readOnly ? "EVALSHA_RO" : "EVALSHA", "", std::to_string(keys.size())}};
-  call.words.insert(call.words.end(), keys.begin(), keys.end());
-  std::ranges::move(arguments, std::back_inserter(call.words));
+Call callOf(const Script& script, const std::vector<std::string>& keys,
+            const std::vector<std::string>& arguments) {
+  Call call{.script = &script, .words = {}};
+  call.words.add(keys.size());
+  for (const auto* words : {&keys, &arguments})
+    for (const std::string& word : *words) call.words.add(word);
   return call;
 }
 
 std::string spaceLetter(const Keys& keys) { return keys.space().substr(keys.space().size() - 1); }
-
-// The entities that a batch meets and makes, step by step.
-class Types {
- public:
-  Types(const Known& known, const std::vector<Path>& inTheWay) : known_(known), inTheWay_(inTheWay) {}
-
-  // Whether an entity of another type stands where one of `type` is put.
-  bool isOther(Path path, Zel::Name type) const {
-    if (const auto found = made_.find(path); found != made_.end()) return found->second != type;
-    for (Path above = path; !removed_.contains(above); above = above.parent())
-      if (above.empty()) return isOtherBefore(path, type);
-    return false;
-  }
-  void put(Path path, Zel::Name type) { made_[path] = type; }
-  void remove(Path path) {
-    std::erase_if(made_, [&](const auto& each) { return each.first.isUnder(path); });
-    removed_.insert(path);
-  }
-
- private:
-  bool isOtherBefore(Path path, Zel::Name type) const {
-    const auto isOther = [&](const Statedb::Record* record) { return record && record->type != type; };
-    return isOther(known_.stored.find(path)) || isOther(known_.volatile_.find(path)) ||
-           std::ranges::find(inTheWay_, path) != inTheWay_.end();
-  }
-
-  const Known& known_;
-  const std::vector<Path>& inTheWay_;
-  std::unordered_map<Path, Zel::Name> made_{};
-  std::unordered_set<Path> removed_{};
-};
-
-// The steps of a batch as the script reads them. Puts that follow each other in one directory are one step.
-class StepWriter {
- public:
-  StepWriter(const Keys& keys, const Rows& known) : keys_(keys), known_(known) {}
-
-  void step(const Change& change) {
-    if (change.kind == Change::Kind::put) return put(change.row);
-    const bool isUnset = change.kind == Change::Kind::unset;
-    remove(isUnset ? "u" : "d", change.row.path);
-    if (isUnset) words_.push_back(change.row.attribute.stdString());
-  }
-  void replace(Path path) { remove("r", path); }
-
-  // After the last step.
-  void end() {
-    isValuesOnly_ = words_.empty() && !isNewShape_ && !values_.empty();
-    words_.empty() && isAlike() ? putAlike() : endPuts();
-  }
-
-  // Whether it is one step, and changes nothing but values.
-  bool isValuesOnly() const { return isValuesOnly_; }
-  std::vector<std::string>& directories() { return directories_; }
-  std::vector<std::string>& words() { return words_; }
-
- private:
-  struct Entity {
-    std::string name;
-    std::string text;  // as the server should have it afterwards
-    std::size_t values = 0;
-  };
-  struct Value {
-    std::size_t entity;
-    Zel::Name attribute;
-    std::string json;
-  };
-
-  // Entities, and values: Lua passes some thousand words to a function at most.
-  static constexpr std::size_t kMostOfStep = 1000;
-
-  static Path directoryOf(Path path) { return path.empty() ? path : path.parent(); }
-
-  void remove(const char* kind, Path path) {
-    endPuts();
-    words_.insert(words_.end(), {kind, index(directoryOf(path)), Redis::placeOf(path).name});
-  }
-
-  void put(const Row& row) {
-    if (const Path directory = directoryOf(row.path); directory != directory_ || row.path.empty()) {
-      endPuts();
-      directory_ = directory;
-    }
-    if (std::max(entities_.size(), values_.size()) == kMostOfStep) endPuts();
-    const std::size_t place = placeOf(row);
-    Entity& entity = entities_[place];
-    if (row.attribute.empty()) return;
-    if (!hasAttribute(entity.text, row.attribute.view())) {
-      entity.text.append("\t").append(row.attribute.view());
-      isNewShape_ = true;
-    }
-    ++entity.values;
-    values_.push_back({place, row.attribute, jsonText(row.value)});
-  }
-  std::size_t placeOf(const Row& row) {
-    const auto [place, isNew] = places_.try_emplace(row.path, entities_.size());
-    if (!isNew) return place->second;
-    const Statedb::Record* record = known_.find(row.path);
-    const bool isKnown = record && record->type == row.type;
-    isNewShape_ |= !isKnown;
-    entities_.push_back({row.path.empty() ? "" : row.path.component().stdString(),
-                         isKnown ? entityText(*record) : row.type.stdString()});
-    return place->second;
-  }
-  // Whether there are puts, a value of each entity at least, and all entities have the same text.
-  bool isAlike() const {
-    const auto isSame = [&](const Entity& each) { return each.values > 0 && each.text == entities_[0].text; };
-    return !entities_.empty() && std::ranges::all_of(entities_, isSame);
-  }
-  void putAlike() {
-    index(directory_);
-    words_.insert(words_.end(), {"e", std::move(entities_[0].text)});
-    putValues();
-  }
-  // Merges the puts since the last other step into one.
-  void endPuts() {
-    if (entities_.empty()) return;
-    words_.insert(words_.end(),
-                  {"p", index(directory_), std::to_string(entities_.size()), std::to_string(values_.size())});
-    for (const Entity& each : entities_) words_.push_back(each.name);
-    for (Entity& each : entities_) words_.push_back(std::move(each.text));
-    putValues();
-    entities_.clear();
-    places_.clear();
-    values_.clear();
-  }
-  void putValues() {
-    for (Value& each : values_) {
-      words_.emplace_back(entities_[each.entity].name).append("/").append(each.attribute.view());
-      words_.push_back(std::move(each.json));
-    }
-  }
-  static bool hasAttribute(std::string_view text, std::string_view attribute) {
-    for (std::size_t tab; (tab = text.rfind('\t')) != std::string_view::npos; text = text.substr(0, tab))
-      if (text.substr(tab + 1) == attribute) return true;
-    return false;
-  }
-
-  // The place of a directory's key among the keys, as Lua counts.
-  std::string index(Path directory) {
-    constexpr std::size_t kBefore = 2;
-    const auto [place, isNew] = indices_.try_emplace(directory, directories_.size());
-    if (isNew) directories_.push_back(keys_.directory(directory.text()));
-    return std::to_string(kBefore + place->second + 1);
-  }
-
-  const Keys& keys_;
-  const Rows& known_;
-  std::vector<std::string> directories_{};
-  std::unordered_map<Path, std::size_t> indices_{};
-  std::vector<std::string> words_{};
-  bool isNewShape_ = false, isValuesOnly_ = false;
-  // Of the puts that are not yet a step.
-  Path directory_{};
-  std::vector<Entity> entities_{};
-  std::unordered_map<Path, std::size_t> places_{};
-  std::vector<Value> values_{};
-};
-
-// Enough for a limit: what the row takes in the delta and the hash.
-std::size_t bytesOf(const Change& change) {
-  const Row& row = change.row;
-  return row.path.text().size() + row.attribute.view().size() + jsonText(row.value).size();
-}
 
 // A path within the limits, without the separators of a delta.
 bool isMount(std::string_view text) {
@@ -252,10 +76,11 @@ void Caller::lost() {
 // script was loaded again are refused, in order, before the reply to the load: they go first then.
 void Caller::send(Waiting waiting) {
   const auto shared = std::make_shared<Waiting>(std::move(waiting));
-  const Call& call = shared->call;
-  std::vector<std::string_view> words(call.words.begin(), call.words.end());
-  words[kHashWord] = hashes_[call.script];
-  connection_.request(words, [this, shared](const Reply& reply) {
+  const Script* script = shared->call.script;
+  Words words;
+  words.add(script->readOnly ? "EVALSHA_RO" : "EVALSHA");
+  words.add(hashes_[script]);
+  connection_.request(words, shared->call.words, [this, shared](const Reply& reply) {
     if (reply.refusal() != Refusal::noScript) return shared->then(reply);
     if (!hashes_[shared->call.script].empty()) load(*shared->call.script);
     shared->call.isRepeatable ? refused_.push_back(std::move(*shared)) : shared->then(reply);
@@ -288,62 +113,6 @@ void Caller::onLoaded(const Script& script, const Reply& reply) {
       waiting_.push_back(std::move(each));
   }
   connection_.flush();
-}
-
-std::vector<Changes> partsOf(const Changes& changes) {
-  std::vector<Changes> parts;
-  std::size_t bytes = 0;
-  for (const Change& change : changes) {
-    const std::size_t its = bytesOf(change);
-    if (parts.empty() || parts.back().size() == kRowsPerWrite || bytes + its > kBytesPerWrite) {
-      parts.emplace_back();
-      bytes = 0;
-    }
-    bytes += its;
-    parts.back().push_back(change);
-  }
-  return parts;
-}
-
-Call writeCall(std::string_view prefix, Durability space, const Changes& changes, const WriteOptions& options,
-               const Known& known) {
-  ZEL_REQUIRE(changes.size() <= kMostRows, "a write of " << changes.size() << " rows");
-  const Keys keys(prefix, space);
-  StepWriter steps(keys, space == Durability::stored ? known.stored : known.volatile_);
-  Types types(known, options.inTheWay);
-  Changes logged;
-  for (const Change& change : changes) {
-    const Path path = change.row.path;
-    if (change.kind == Change::Kind::put && types.isOther(path, change.row.type)) {
-      steps.replace(path);
-      types.remove(path);
-      logged.push_back(Change::del(path));
-    }
-    steps.step(change);
-    logged.push_back(change);
-    if (change.kind == Change::Kind::put) types.put(path, change.row.type);
-    if (change.kind == Change::Kind::del) types.remove(path);
-  }
-  steps.end();
-
-  std::vector<std::string> names{keys.meta(), keys.log()};
-  std::ranges::move(steps.directories(), std::back_inserter(names));
-  std::string delta = deltaText(logged);
-  const bool isShort = steps.isValuesOnly() && delta.size() <= kShortDelta;
-  const bool isCut = !isShort || options.sequence % kWritesPerCut == 1;
-  std::vector<std::string> arguments{
-      options.generation.empty() ? '+' + options.newGeneration : options.generation,
-      "fence:" + options.uuid,
-      options.uuid + ':' + std::to_string(options.sequence),
-      std::move(delta),
-      isCut ? std::to_string(options.log) : "",
-      keys.space(),
-      std::to_string(steps.isValuesOnly() ? known.revision : 0),
-      std::to_string(options.claims.size())};
-  for (const Claimed& each : options.claims)
-    arguments.insert(arguments.end(), {"claim:" + each.mount, each.token});
-  std::ranges::move(steps.words(), std::back_inserter(arguments));
-  return callOf(kWrite, names, std::move(arguments));
 }
 
 Written written(const Reply& reply) { return {reply[0].unsignedNumber(), reply[1].text, reply[2].text}; }

@@ -30,11 +30,13 @@ struct Script {
   bool readOnly;  // runs with EVALSHA_RO: on behalf of users that may only read
 };
 
-// A call of a script: its words as they are sent, but for the script's hash.
+// A call of a script.
 struct Call {
   const Script* script = nullptr;
-  std::vector<std::string> words{};
+  Words words{};             // those behind the script's hash: the count of keys, keys and arguments
   bool isRepeatable = true;  // may be carried out after later calls of the same script
+  // Of a write whose values are the same when they are read from its entry in the log: its delta; else empty.
+  std::string delta{};
 };
 
 // Calls scripts over a connection. Loads each at its first call, and again where the server forgot it. Calls
@@ -79,7 +81,7 @@ inline constexpr std::size_t kBytesPerWrite = 1 << 20;
 // A batch that must be one step may be longer: the server is held up for some 10 us a row.
 inline constexpr std::size_t kMostRows = 16'384;
 // At most kRowsPerWrite rows and as many bytes each; a single row may be longer.
-std::vector<Statedb::Changes> partsOf(const Statedb::Changes& changes);
+std::vector<Statedb::Changes> partsOf(Statedb::Changes changes);
 
 // Identifies a claim: the epoch and the owner's uuid. Empty: there never was a claim.
 using Token = std::string;

@@ -28,10 +28,10 @@ return answers
 constexpr Script kRights{"", kRightsScript, true};
 
 Call rightsCall(const std::vector<std::vector<std::string>>& commands) {
-  Call call{&kRights, {"EVALSHA_RO", "", "0"}};
+  Call call{.script = &kRights, .words = {"0"}};
   for (const auto& words : commands) {
-    call.words.push_back(std::to_string(words.size()));
-    call.words.insert(call.words.end(), words.begin(), words.end());
+    call.words.add(words.size());
+    for (const std::string& word : words) call.words.add(word);
   }
   return call;
 }
@@ -78,7 +78,7 @@ class Gathering : public std::enable_shared_from_this<Gathering> {
     };
   }
   template <class Take>
-  void request(const std::vector<std::string_view>& words, Take take, std::string* refused = nullptr) {
+  void request(const Words& words, Take take, std::string* refused = nullptr) {
     connection_.request(words, answered(std::move(take), refused));
   }
   template <class Take>

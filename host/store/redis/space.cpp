@@ -152,6 +152,14 @@ Changes Space::changesIn(const Entry& entry) {
   return changes;
 }
 
+// An entry of this process's own write is not parsed.
+Changes Space::changesIn(const Entry& entry, Sequence own) {
+  const auto write = writes_.find(own);
+  if (write == writes_.end() || write->second.delta.empty() || write->second.delta != entry.delta)
+    return changesIn(entry);
+  return std::move(write->second.changes);
+}
+
 void Space::replay(const Entry& entry) { copy_.carry(changesIn(entry)); }
 
 void Space::accept(const State&) {
@@ -177,7 +185,7 @@ void Space::giveBack(Sequence sequence) {
 }
 
 void Space::apply(const Entry& entry, Sequence own) {
-  const Changes changes = changesIn(entry);
+  const Changes changes = changesIn(entry, own);
   rows_.carry(changes);
   const bool isCompanion = durability_ == Durability::volatile_ && isOfStoredWrite(entry.origin);
   owner_.onEntry({durability_, changes, own, isCompanion});
@@ -217,6 +225,7 @@ void Space::send(Sequence sequence) {
   known.revision = state().tip;
   Call call = writeCall(line_.url.prefix, durability_, write.changes, options, known);
   call.isRepeatable = false;
+  write.delta = std::exchange(call.delta, {});
   line_.caller.call(std::move(call), [this, sequence](const Reply& reply) {
     onAnswer(sequence, reply);
     line_.onStep();

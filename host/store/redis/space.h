@@ -75,6 +75,7 @@ class Space final : Follower::Output, Scan::Owner {
     std::vector<Claimed> claims;
     std::vector<Statedb::Path> inTheWay{};
     std::string generation{};     // that it was last sent with
+    std::string delta{};          // see Call
     bool isWaitingForIt = false;  // for another one
   };
 
@@ -96,6 +97,7 @@ class Space final : Follower::Output, Scan::Owner {
   void onState(const Reply& reply);
   void onLog(const Reply& reply);
   Statedb::Changes changesIn(const Entry& entry);
+  Statedb::Changes changesIn(const Entry& entry, Sequence own);
   void throwAway(Rows& rows);
 
   void send(Sequence sequence);

@@ -30,7 +30,7 @@ void VolatileWrites::send() {
        publications_.take([this](Path mount) { return !tokenOf_(mount).empty(); })) {
     Sending& sending = sending_[batch.mount];
     sending.isOfMount = batch.isOfMount;
-    for (Changes& part : partsOf(batch.changes)) sending.waiting.push_back(std::move(part));
+    for (Changes& part : partsOf(std::move(batch.changes))) sending.waiting.push_back(std::move(part));
     sendParts(batch.mount, sending);
   }
 }

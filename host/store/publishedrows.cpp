@@ -1,6 +1,7 @@
 #include "host/store/publishedrows.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace Host {
 
@@ -83,6 +84,7 @@ void PublishedRows::remove(Path path) {
 }
 
 void PublishedRows::adopt(const Record& record) {
+  sendAll();
   if (isRemoved(record.path)) return;
   const auto held = entities_.find(record.path);
   const Record* own = held == entities_.end() ? nullptr : &held->second;
@@ -92,6 +94,7 @@ void PublishedRows::adopt(const Record& record) {
 }
 
 Changes PublishedRows::send() {
+  sendAll();
   underWay_ = std::exchange(unsent_, {});
   sending_ = true;
   Changes changes;
@@ -113,6 +116,7 @@ void PublishedRows::acknowledged() {
 }
 
 void PublishedRows::refused(const Change& change) {
+  sendAll();
   const auto& [path, type, attribute, value] = change.row;
   const auto entity = entities_.find(path);
   if (change.kind != Change::Kind::put || entity == entities_.end()) return;
@@ -137,7 +141,11 @@ void PublishedRows::postponed() {
 
 void PublishedRows::lost() {
   postponed();
-  sendAgain({});
+  isAllUnsent_ = true;
+}
+
+void PublishedRows::sendAll() {
+  if (std::exchange(isAllUnsent_, false)) sendAgain({});
 }
 
 void PublishedRows::sendAgain(Path under) {
@@ -149,14 +157,20 @@ void PublishedRows::sendAgain(Path under) {
 }
 
 void PublishedRows::compare(const Records& theirs, bool replaces) {
+  isAllUnsent_ = false;
+  std::unordered_map<Path, const Record*> there;
   std::vector<Path> foreign;
   for (const Record* record : theirs) {
     if (unsent_.covers(record->path)) continue;  // gone when the rest arrives
-    const auto own = entities_.find(record->path);
-    if (own == entities_.end())
+    if (entities_.contains(record->path))
+      there.emplace(record->path, record);
+    else
       foreign.push_back(record->path);
-    else if (own->second.type == record->type)
-      compare(*record, own->second, replaces);
+  }
+  for (const auto& [path, own] : entities_) {
+    const auto found = there.find(path);
+    const bool isSame = found != there.end() && found->second->type == own.type;
+    compare(isSame ? found->second : nullptr, own, replaces);
   }
   if (!replaces) return;
   for (const Path path : foreign) {
@@ -165,13 +179,22 @@ void PublishedRows::compare(const Records& theirs, bool replaces) {
   }
 }
 
-void PublishedRows::compare(const Record& theirs, const Record& own, bool replaces) {
-  unsent_.set.erase({own.path, {}});
-  for (const Attribute& each : theirs.attributes) {
-    const Zel::Value* value = own.find(each.name);
-    if (value && *value == each.value) unsent_.set.erase({own.path, each.name});
-    if (!value && replaces) unsent_.set.insert({own.path, each.name});
+// Null: the other side has none of that type.
+void PublishedRows::compare(const Record* theirs, const Record& own, bool replaces) {
+  const auto note = [&](Zel::Name attribute, bool isUnsent) {
+    if (isUnsent)
+      unsent_.set.insert({own.path, attribute});
+    else if (!unsent_.set.empty())
+      unsent_.set.erase({own.path, attribute});
+  };
+  note({}, !theirs);
+  for (const Attribute& each : own.attributes) {
+    const Zel::Value* value = theirs ? theirs->find(each.name) : nullptr;
+    note(each.name, !value || *value != each.value);
   }
+  if (!theirs || !replaces) return;
+  for (const Attribute& each : theirs->attributes)
+    if (!own.find(each.name)) note(each.name, true);
 }
 
 namespace {
@@ -253,6 +276,7 @@ bool PublishedRows::takeNote(const Change& change) {
 }
 
 Changes PublishedRows::received(const Changes& changes) {
+  sendAll();
   Changes accepted;
   for (const Change& each : changes) {
     if (!takeNote(each)) continue;
@@ -272,7 +296,8 @@ void PublishedRows::appendRows(Path under, Changes& changes) const {
   });
 }
 
-Changes PublishedRows::revealed(const Changes& changes) const {
+Changes PublishedRows::revealed(const Changes& changes) {
+  sendAll();
   Changes seen;
   std::ranges::copy_if(changes, std::back_inserter(seen),
                        [this](auto& each) { return !unsent_.touches(each); });

@@ -26,7 +26,7 @@ class PublishedRows {
   // Whether nothing is published.
   bool empty() const { return entities_.empty(); }
   // Whether something is to be sent and nothing is under way.
-  bool canSend() const { return !sending_ && !unsent_.empty(); }
+  bool canSend() const { return !sending_ && (!unsent_.empty() || (isAllUnsent_ && !empty())); }
   // The changes that the other side does not have, as one batch, under way until acknowledged or lost.
   // Removals precede the puts that replace them.
   Statedb::Changes send();
@@ -39,8 +39,8 @@ class PublishedRows {
   void postponed();
   // The connection is lost, and the other side drops this process's rows: send everything again.
   void lost();
-  // The other side has these rows, and everything is unsent: only what differs is sent. `replaces`: rows that
-  // are not published here are removed there.
+  // After lost(): the other side has these rows, so that only what differs is sent. `replaces`: rows that are
+  // not published here are removed there.
   void compare(const Statedb::Records& theirs, bool replaces);
 
   // A snapshot of the other side with the rows published here over it. Sorted as a person reads it; valid
@@ -53,7 +53,7 @@ class PublishedRows {
   Statedb::Changes received(const Statedb::Changes& changes);
   // The values that became visible when the other side carried out removals of this process, less those that
   // will be overwritten.
-  Statedb::Changes revealed(const Statedb::Changes& changes) const;
+  Statedb::Changes revealed(const Statedb::Changes& changes);
 
  private:
   // Steps that the other side does not have: entities that were removed, and attributes (the empty one: that
@@ -78,7 +78,8 @@ class PublishedRows {
   bool anyUnknown(Statedb::Path path) const;
   bool takeNote(const Statedb::Change& change);
   void sendAgain(Statedb::Path path);
-  void compare(const Statedb::Record& theirs, const Statedb::Record& own, bool replaces);
+  void sendAll();
+  void compare(const Statedb::Record* theirs, const Statedb::Record& own, bool replaces);
   // Forgets the entities at and under a path.
   void forget(Statedb::Path path);
   // Appends puts of the entities at and under a path.
@@ -90,6 +91,7 @@ class PublishedRows {
   Unknown underWay_;
   std::deque<Statedb::Record> merged_;  // what `over` made
   bool sending_ = false;
+  bool isAllUnsent_ = false;  // and not noted in unsent_ yet: compare() mostly finds that it is there
 };
 
 }  // namespace Host

@@ -26,6 +26,31 @@ bool carryOut(Rows& rows, const std::vector<Json>& changes) {
   return true;
 }
 
+std::string shortened(const std::string& text) {
+  return text.size() < 100 ? text : text.substr(0, 100) + "…";
+}
+
+std::string valueOf(const Rows& rows, const std::string& path, const std::string& attribute) {
+  const auto row = rows.find(path);
+  if (row == rows.end()) return "no row";
+  const auto value = row->second.find(attribute);
+  return value == row->second.end() ? "no value" : shortened(value->second.dump());
+}
+
+// The first few.
+std::string differencesOf(const Rows& found, const Rows& expected) {
+  std::string text;
+  int count = 0;
+  Rows both = found;
+  for (const auto& [path, row] : expected) both[path].insert(row.begin(), row.end());
+  for (const auto& [path, row] : both)
+    for (const auto& [name, value] : row)
+      if (const auto is = valueOf(found, path, name), was = valueOf(expected, path, name);
+          is != was && ++count < 10)
+        text += "\n  " + path + " " + name + " is " + is + ", expected " + was;
+  return text + "\n  in all " + std::to_string(count) + " differences";
+}
+
 std::string nameOf(std::uint64_t number) { return "batch " + std::to_string(number); }
 
 }  // namespace
@@ -92,7 +117,7 @@ void Ledger::answered(const Json& answer) {
   if (answer.contains("result") == batch.isBad)
     if (batch.isBad || answer["error"]["code"] != 2)
       throw Failure(nameOf(batch.number) + " of " + path_ + " must be " +
-                    (batch.isBad ? "refused" : "taken") + ": " + Json(batch.changes).dump().substr(0, 2000) +
+                    (batch.isBad ? "refused" : "taken") + ": " + shortened(Json(batch.changes).dump()) +
                     "\n  answer: " + answer.dump());
   if (batch.isBad) ++refused_;
   if (answer.contains("result"))
@@ -109,8 +134,7 @@ void Ledger::check(const Rows& rows) {
   if (hashOf(rows_) != hash)
     throw Failure("the rows under " + path_ + " are neither those after its " + nameOf(number_ - sent) +
                   ", which was answered, nor those after one of the " + std::to_string(sent) +
-                  " sent behind it:\n  found    " + Json(rows).dump() + "\n  answered " +
-                  Json(acknowledged).dump() + "\n  sent     " + Json(rows_).dump());
+                  " sent behind it:" + differencesOf(rows, acknowledged));
   underWay_.clear();
   expected_ = rows_;
 }

@@ -55,6 +55,9 @@ const Scene scenes[] = {
     {"kill", "kill -9 at random moments, the first start included, while clients write", false, &killRound},
     {"power", "power failures at every step of a run, and any part of what was not synced", false,
      &powerRound},
+    {"disk", "a disk that is full, read-only, slow or broken, at every step of a start and of commits", false,
+     &diskRound},
+    {"processes", "the processes of a system killed and stopped while LEDs flash", false, &processesRound},
 };
 
 struct Options {

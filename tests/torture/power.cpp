@@ -258,7 +258,7 @@ void powerRound(Round& round) {
   Recording recording(round);
   for (auto lives = 1 + round.random.below(3); lives > 0; --lives) recording.live(round, lives == 1);
   round.count("acknowledged writes") += recording.ledger.acknowledged();
-  Replay(round, recording)();
+  Replay{round, recording}();
 }
 
 }  // namespace Torture

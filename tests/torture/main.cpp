@@ -58,6 +58,9 @@ const Scene scenes[] = {
     {"disk", "a disk that is full, read-only, slow or broken, at every step of a start and of commits", false,
      &diskRound},
     {"processes", "the processes of a system killed and stopped while LEDs flash", false, &processesRound},
+    {"time", "the host stopped for a while, up to a minute, while LEDs flash at milliseconds", false,
+     &timeRound},
+    {"day", "24 simulated hours of 1,000 LEDs at mixed intervals", false, &dayRound},
 };
 
 struct Options {

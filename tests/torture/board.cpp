@@ -22,7 +22,7 @@ Board::Board(Round& round, unsigned leds) : count_(leds), file_(round.folder.at(
   startWatching();
 }
 
-std::string Board::lineAgent() { return TORTURE_LINES ":TortureLines"; }
+std::string Board::lineAgent() { return built("lib/libtorture_lines.so:TortureLines"); }
 
 std::string Board::ledPath(unsigned led) { return "hardware/led/config/leds/" + name(led); }
 

@@ -54,6 +54,10 @@ int connected(const std::string& socket) {
 
 }  // namespace
 
+std::string built(const std::string& file) {
+  return (std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path() / file).string();
+}
+
 Daemon::Daemon(const Round& round, const std::string& name, std::vector<std::string> arguments,
                const Surroundings& surroundings)
     : name_(name),
@@ -61,7 +65,7 @@ Daemon::Daemon(const Round& round, const std::string& name, std::vector<std::str
       log_(round.folder.at(name + ".log")),
       pid_(::fork()) {
   if (pid_ != 0) return;
-  arguments.insert(arguments.begin(), {TORTURE_BIN "/pinlampd", "--socket", socket_});
+  arguments.insert(arguments.begin(), {built("bin/pinlampd"), "--socket", socket_});
   become(std::move(arguments), log_, surroundings);
 }
 

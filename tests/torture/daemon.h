@@ -16,6 +16,9 @@ namespace Torture {
 
 using Host::Json;
 
+// A file of the build that this program is from: "bin/pinlampd".
+std::string built(const std::string& file);
+
 // A running pinlampd with a control socket in the round's folder; killed by the destructor. Its standard
 // error is appended to a file there.
 class Daemon {

@@ -58,9 +58,14 @@ const Scene scenes[] = {
     {"disk", "a disk that is full, read-only, slow or broken, at every step of a start and of commits", false,
      &diskRound},
     {"processes", "the processes of a system killed and stopped while LEDs flash", false, &processesRound},
+    {"clients", "clients that flood, sleep, send half messages, never read, come and go", false,
+     &clientsRound},
+    {"objects", "random operations on live objects, against a model", false, &objectsRound},
     {"time", "the host stopped for a while, up to a minute, while LEDs flash at milliseconds", false,
      &timeRound},
     {"day", "24 simulated hours of 1,000 LEDs at mixed intervals", false, &dayRound},
+    {"soak", "a steady load in real time, to be run for an hour: memory, files and lateness", true,
+     &soakRound},
 };
 
 struct Options {

@@ -4,12 +4,13 @@
 
 #include <cstdlib>
 
+#include "tests/torture/daemon.h"
 #include "tests/torture/shim.h"
 
 namespace Torture {
 
 Shim::Shim(const std::string& control, const std::string& state, const std::string& record)
-    : environment_{{"LD_PRELOAD", TORTURE_SHIM},
+    : environment_{{"LD_PRELOAD", built("lib/libtorture_shim.so")},
                    {"ASAN_OPTIONS", "verify_asan_link_order=0"},
                    {"TORTURE_CONTROL", control},
                    {"TORTURE_STATE", state},

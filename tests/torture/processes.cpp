@@ -59,7 +59,7 @@ class ProcessesRun {
   }
 
   void harm(Part& part) {
-    part.healsAt = now() + round_.random.within(0, 0.8);
+    part.healsAt = now() + round_.random.within(0, round_.random.chance(30) ? 2 : 0.5);
     part.isStopped = round_.random.chance(50);
     round_.note(std::string(part.name) + (part.isStopped ? " stopped" : " killed"));
     ++round_.count(part.isStopped ? "processes stopped" : "processes killed");

@@ -14,7 +14,7 @@ namespace {
 constexpr std::uint64_t kMiB = 1 << 20;
 constexpr double kLongest = 2.0;             // seconds of the slowest of 100 answers; the aim is 0.02
 constexpr std::uint64_t kTotal = 64 * kMiB;  // that the host lets clients hold, beside the largest
-constexpr std::uint64_t kSlack = 64 * kMiB;  // of the largest, and of the allocator
+constexpr std::uint64_t kSlack = 48 * kMiB;  // of the largest, and of the allocator
 constexpr std::uint64_t kLeak = 48;          // bytes for each client that has gone
 
 // Sends the same bytes for ever, and drops the answers.

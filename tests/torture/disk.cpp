@@ -107,7 +107,7 @@ class DiskRun {
       const auto host = started();
       const bool isUp = startsOrRefuses(*host, step);
       if (isUp) checkServing(*host);
-      if (isUp) host->kill();
+      if (isUp) kill(*host);
       const bool isLast = shim_->failed == 0;
       checked()->kill();
       if (isLast) break;
@@ -144,13 +144,26 @@ class DiskRun {
     write(client);
   }
 
+  // A refusal names the file. One that warns that the batch may come back after a kill is as good as unknown,
+  // until a write succeeds.
   void write(Client& client) {
     const Json answer = client.answer("write", ledger_->write());
-    round_.note(answer.contains("error") ? answer["error"]["message"].get<std::string>() : "written");
     ledger_->answered(answer);
-    if (answer.contains("error") && answer["error"]["code"] == 2 &&
-        answer["error"]["message"].get<std::string>().find(at("state.db")) == std::string::npos)
-      throw Failure("the refusal does not name the file: " + answer.dump());
+    if (answer.contains("result")) mayComeBack_ = false;
+    if (!answer.contains("error") || answer["error"]["code"] != 2) return;
+    const std::string text = answer["error"]["message"];
+    round_.note(text);
+    if (text.find(at("state.db")) == std::string::npos)
+      throw Failure("the refusal does not name the file: " + text);
+    mayComeBack_ = text.find("may come back after a kill") != std::string::npos;
+  }
+
+  void kill(Daemon& host) {
+    if (mayComeBack_) shim_.heal();
+    Client client(host.socket());
+    for (int tries = 0; mayComeBack_ && tries < 100; ++tries) write(client);
+    round_.note("killed");
+    host.kill();
   }
 
   void commitAtEachStep() {
@@ -161,8 +174,7 @@ class DiskRun {
       step = shim_->failed > 0 ? step + 1 : 0;
       if (round_.random.chance(50)) shim_.heal();
       if (!round_.random.chance(15)) continue;
-      round_.note("killed");
-      host->kill();
+      kill(*host);
       host = checked();
     }
     host->stop();
@@ -222,6 +234,7 @@ class DiskRun {
   Shim shim_;
   std::unique_ptr<Ledger> ledger_;
   std::uint64_t volatileNumber_ = 0;
+  bool mayComeBack_ = false;
 };
 
 }  // namespace

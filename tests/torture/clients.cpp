@@ -17,7 +17,7 @@ constexpr std::uint64_t kTotal = 64 * kMiB;  // that the host lets clients hold,
 constexpr std::uint64_t kSlack = 48 * kMiB;  // of the largest, and of the allocator
 constexpr std::uint64_t kLeak = 48;          // bytes for each client that has gone
 
-// Sends the same bytes for ever, and drops the answers.
+// Sends the same bytes without end, and drops the answers.
 class Flooder {
  public:
   Flooder(const std::string& socket, const std::string& request, bool reads)

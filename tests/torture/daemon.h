@@ -77,7 +77,7 @@ class Client {
   std::int64_t send(const char* method, const Json& parameters = Json::object());
   // The next message, an answer or a notification; nullopt if none arrives in time or the connection ended.
   std::optional<Json> next(double seconds);
-  // What arrives is dropped. Returns the number of messages.
+  // Drops everything that has arrived. Returns the number of messages.
   std::size_t drop();
   bool hasEnded() const { return ended_; }
   // Waits for the answer, for 20 s; drops what arrives before it. Throws Lost.

@@ -20,14 +20,14 @@ using Zel::Value;
 constexpr unsigned kLeds = 1000;
 constexpr double kDay = 24 * 3600, kNever = Zel::Clock::kNever;
 
-// What a pin shows, and how often that changed.
+// The value of a pin, and how often it changed.
 struct Pin {
   std::uint32_t value = 0;
   std::uint64_t changes = 0;
   bool operator==(const Pin&) const = default;
 };
 
-// What the agent publishes.
+// The pin values that the agent publishes.
 struct Published : Statedb::Subscriber {
   void onSnapshot(const Statedb::Records&) override {}
   void onChanges(const Statedb::Changes& changes) override {

@@ -37,7 +37,7 @@ void check(Round& round, const Daemon& host, const Ledgers& ledgers) {
   ++round.count("comparisons");
 }
 
-// What has arrived when the host is dead counts as acknowledged.
+// Answers that have arrived when the host is dead count.
 void end(Round& round, Daemon& host) {
   if (round.random.chance(15)) {
     host.signal(SIGTERM);

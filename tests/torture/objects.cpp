@@ -1,6 +1,5 @@
 // Random operations on live objects through the socket, and the same on a model: of the LEDs, their
-// attributes, their machines and their pins. What the model refuses, the host must refuse, and change
-// nothing.
+// attributes, their machines and their pins. The host must refuse what the model refuses, and change nothing.
 #include <set>
 
 #include "tests/torture/board.h"

@@ -1,5 +1,5 @@
-// Power fails at every step of a recorded run. What was not synced by then is there, or not, or in parts of a
-// sector's size; the real store opens each outcome.
+// Power fails at every step of a recorded run. Everything that was not synced by then survives, or nothing of
+// it, or a part, down to sectors. The real store opens each outcome.
 #include <fcntl.h>
 #include <algorithm>
 #include <cstring>
@@ -17,7 +17,7 @@ constexpr std::size_t kSector = 512;
 constexpr std::size_t kWhole = 1'000'000;  // bytes of a record that is cut after every step
 constexpr const char* kState = "state.db";
 
-// What survives of the steps that were not synced.
+// The part of the steps that were not synced which survives.
 enum class Survive { all, none, some };
 
 // A folder and the files in it, as the recorded steps leave them.
@@ -56,7 +56,7 @@ class Disk {
     }
   }
 
-  // What a start after the power failure finds: names and their contents. The folder's changes are carried
+  // Names and contents that a start after the power failure finds. The folder's changes are carried
   // out in order, up to any of them; those of a file in any choice.
   std::map<std::string, std::string> survivors(Survive survive, Random& random) const {
     auto names = syncedNames_;

@@ -40,7 +40,7 @@ class ProcessesRun {
   }
 
  private:
-  // What a setting can be: the last one that was acknowledged, or a later one.
+  // The possible values of a setting: the last one that was acknowledged, and those sent later.
   using Settings = std::vector<Json>;
 
   Daemon& keeper() { return *parts_[0].daemon; }
@@ -72,7 +72,6 @@ class ProcessesRun {
     part.isStopped = false;
     if (part.daemon) return;
     round_.note(std::string(part.name) + " started");
-    // What it needs may be stopped.
     part.daemon = std::make_unique<Daemon>(round_, part.name, part.arguments, part.surroundings);
   }
 
@@ -84,7 +83,7 @@ class ProcessesRun {
     if (setting.is_null() && (known.empty() || known.back().is_null())) return;
     known.push_back(setting);
     try {
-      Client client(parts_[0].daemon ? keeper().socket() : "");
+      Client client(round_.folder.at("keeper.sock"));
       client.send(
           "write",
           batch(Json::array({setting.is_null() ? Board::removal(led) : Board::setting(led, setting)})));

@@ -1,4 +1,4 @@
-// What the scenes share: rounds with a seed and a deadline, counts, and the report.
+// Shared by the scenes: rounds with a seed and a deadline, counts, and the report.
 //
 //     const Scene scene{"kill", "kill -9 at random moments", 8.0, &killRound};
 //
@@ -49,7 +49,7 @@ class Random {
   std::mt19937_64 engine_;
 };
 
-// What a scene reports: counts are added up over its rounds, figures are those of the last round.
+// The numbers that a scene prints. Counts are added up over its rounds; a figure is that of the last round.
 class Report {
  public:
   std::uint64_t& count(const std::string& what);

@@ -1,5 +1,5 @@
-// What a preloaded library does with a process's state file: it counts the steps, lets them fail, and records
-// them. The library is in shim.cpp; Shim is the side of the scenes.
+// A preloaded library that watches a process's state file: it counts the steps that change it, lets them
+// fail, and records them. The library is in shim.cpp; Shim is the side of the scenes.
 #pragma once
 
 #include <atomic>

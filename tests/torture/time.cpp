@@ -42,7 +42,7 @@ class TimeRun {
   }
 
  private:
-  // What the host has done at one moment of its own time.
+  // A moment of the host's own time, and its work so far.
   struct Moment {
     double now;
     std::uint64_t expiries;

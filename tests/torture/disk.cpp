@@ -144,24 +144,25 @@ class DiskRun {
     write(client);
   }
 
-  // A refusal names the file. One that warns that the batch may come back after a kill is as good as unknown,
-  // until a write succeeds.
+  // A refusal names the file. One may warn that the batch may come back after a kill, until the disk takes
+  // another one.
   void write(Client& client) {
     const Json answer = client.answer("write", ledger_->write());
     ledger_->answered(answer);
-    if (answer.contains("result")) mayComeBack_ = false;
     if (!answer.contains("error") || answer["error"]["code"] != 2) return;
     const std::string text = answer["error"]["message"];
     round_.note(text);
     if (text.find(at("state.db")) == std::string::npos)
       throw Failure("the refusal does not name the file: " + text);
-    mayComeBack_ = text.find("may come back after a kill") != std::string::npos;
+    mayComeBack_ |= text.find("may come back after a kill") != std::string::npos;
   }
 
   void kill(Daemon& host) {
-    if (mayComeBack_) shim_.heal();
-    Client client(host.socket());
-    for (int tries = 0; mayComeBack_ && tries < 100; ++tries) write(client);
+    if (std::exchange(mayComeBack_, false)) {
+      shim_.heal();
+      const std::string stamp = std::to_string(++number_);
+      Client(host.socket()).call("write", batch(Json::array({put("mark", kText, {{"error", stamp}})})));
+    }
     round_.note("killed");
     host.kill();
   }
@@ -201,7 +202,7 @@ class DiskRun {
 
   // A volatile row is taken and delivered, whatever the disk does.
   void checkVolatile(Client& client) {
-    const std::string stamp = std::to_string(++volatileNumber_);
+    const std::string stamp = std::to_string(++number_);
     client.send("write", volatileBatch({put("pins/p", kText, {{"error", stamp}})}));
     bool isTaken = false, isSeen = false;
     while (!isTaken || !isSeen) {
@@ -233,7 +234,7 @@ class DiskRun {
   const Fault fault_;
   Shim shim_;
   std::unique_ptr<Ledger> ledger_;
-  std::uint64_t volatileNumber_ = 0;
+  std::uint64_t number_ = 0;
   bool mayComeBack_ = false;
 };
 

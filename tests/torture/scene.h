@@ -53,7 +53,7 @@ class Random {
 class Report {
  public:
   std::uint64_t& count(const std::string& what);
-  // The numbers that count(what) was given are replaced by the greatest one.
+  // Counts the greatest of the numbers that it is given.
   void most(const std::string& what, std::uint64_t number);
   void figure(const std::string& what, const std::string& value);
   void print(std::ostream& out) const;

@@ -157,12 +157,14 @@ class DiskRun {
     mayComeBack_ |= text.find("may come back after a kill") != std::string::npos;
   }
 
+  void endFailures(const Daemon& host) {
+    shim_.heal();
+    if (!std::exchange(mayComeBack_, false)) return;
+    const std::string stamp = std::to_string(++number_);
+    Client(host.socket()).call("write", batch(Json::array({put("mark", kText, {{"error", stamp}})})));
+  }
   void kill(Daemon& host) {
-    if (std::exchange(mayComeBack_, false)) {
-      shim_.heal();
-      const std::string stamp = std::to_string(++number_);
-      Client(host.socket()).call("write", batch(Json::array({put("mark", kText, {{"error", stamp}})})));
-    }
+    if (mayComeBack_) endFailures(host);
     round_.note("killed");
     host.kill();
   }
@@ -178,6 +180,7 @@ class DiskRun {
       kill(*host);
       host = checked();
     }
+    endFailures(*host);
     host->stop();
   }
 

@@ -122,7 +122,7 @@ std::size_t Connection::waiting() const {
 }
 
 void Connection::send(std::string_view line) {
-  if (closed()) return;
+  if (closed() || muted_) return;
   if (waiting() > kWaitingLimit) return close();
   outgoing_.append(line);
   outgoing_ += '\n';
@@ -137,10 +137,18 @@ void Connection::updateHeld() {
 
 void Connection::flush() {
   if (closed()) return;
-  if (!outgoing_.empty() && !writeAtOnce()) return close();
+  if (!outgoing_.empty() && !writeAtOnce()) return stopWriting();
   updateHeld();
   if (!outgoing_.empty()) return writeLater();
   if (ending_ && waiting() == 0) close();
+}
+
+// Closes where nothing more can be read either.
+void Connection::stopWriting() {
+  muted_ = true;
+  outgoing_ = {};
+  updateHeld();
+  if (ending_) close();
 }
 
 // Writes what the socket accepts without blocking, usually everything. Returns false on an error.
@@ -169,7 +177,8 @@ void Connection::writeLater() {
 void Connection::onWritten(bool failed) {
   if (closed()) return;
   updateHeld();
-  if (failed || (ending_ && waiting() == 0)) close();
+  if (failed) return stopWriting();
+  if (ending_ && waiting() == 0) close();
 }
 
 void Connection::end() {

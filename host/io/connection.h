@@ -36,7 +36,8 @@ class Lines {
   bool oversized_ = false;
 };
 
-// Never blocks: unsent output is queued, and a peer with too much queued output is disconnected.
+// Never blocks: unsent output is queued, and a peer with too much queued output is disconnected. A peer that
+// reads no more, such as one that refused the connection and closed it, is still read to its end.
 class Connection : public std::enable_shared_from_this<Connection> {
  public:
   // Bytes of queued output beyond which the next send() closes the connection.
@@ -88,6 +89,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // Bytes of output buffer that a connection keeps between writes.
   static constexpr std::size_t kKeptCapacity = 16 << 10;
 
+  void stopWriting();
   bool writeAtOnce();
   void writeLater();
   void startReading();
@@ -103,6 +105,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   std::string outgoing_;
   std::size_t held_ = 0;
   bool ending_ = false;
+  bool muted_ = false;  // the peer reads no more: output is dropped
   bool paused_ = false;
 };
 

@@ -97,8 +97,7 @@ void UnixStore::sendAnnouncement() {
 void UnixStore::onAnnounced(const Zel::Value& reply) {
   const Zel::Value* error = reply.field("error");
   if (!error) return onReached();
-  notReached(textField(*error, "message") + "; trying until it is free");
-  connection_->close();
+  disconnect(textField(*error, "message") + "; trying until it is free");
 }
 
 // Logs the first reason of an outage.
@@ -131,10 +130,14 @@ void UnixStore::retry() {
 }
 
 void UnixStore::onClosed(Connection& connection) {
-  if (connection_.get() != &connection) return;
-  const auto gone = std::exchange(connection_, nullptr);
+  if (connection_.get() == &connection) disconnect("connection lost; the lights stay as they are");
+}
+
+void UnixStore::disconnect(const std::string& why) {
+  const auto gone = std::exchange(connection_, nullptr);  // before onClosed()
+  gone->close();
   reached_ = false;
-  notReached("connection lost; the lights stay as they are");
+  notReached(why);
   replies_.clear();
   parts_.clear();
   for (const auto& subscription : subscriptions_) subscription->watch = -1;
@@ -290,7 +293,7 @@ void UnixStore::onLine(Connection& connection, std::string_view line) {
   try {
     const Zel::Value message = parseJson(line);
     if (message.field("method")) return onNotification(message);
-    if (!needed(message, "id").as<std::int64_t>()) return onRefused(connection, needed(message, "error"));
+    if (!needed(message, "id").as<std::int64_t>()) return onRefused(needed(message, "error"));
     const auto found = replies_.find(numberOf(message, "id"));
     if (found == replies_.end()) return;
     const OnReply onReply = std::move(found->second);
@@ -303,9 +306,8 @@ void UnixStore::onLine(Connection& connection, std::string_view line) {
 }
 
 // An error that answers no request: the host refuses the connection.
-void UnixStore::onRefused(Connection& connection, const Zel::Value& error) {
-  notReached(textField(error, "message") + "; trying until it accepts");
-  connection.close();
+void UnixStore::onRefused(const Zel::Value& error) {
+  disconnect(textField(error, "message") + "; trying until it accepts");
 }
 
 void UnixStore::onOversizedLine(Connection& connection) {

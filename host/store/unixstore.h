@@ -55,6 +55,8 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
   void onReached();
   void retryLater();
   void notReached(const std::string& why);
+  // Closes the connection, and retries later.
+  void disconnect(const std::string& why);
   void retry();
   // `parameters` are a JSON text.
   void request(const char* method, std::string_view parameters, OnReply onReply);
@@ -66,7 +68,7 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
 
   void onLine(Connection& connection, std::string_view line) override;
   void onOversizedLine(Connection& connection) override;
-  void onRefused(Connection& connection, const Zel::Value& error);
+  void onRefused(const Zel::Value& error);
   void onClosed(Connection& connection) override;
   void onNotification(const Zel::Value& message);
   void sendParts();

@@ -199,6 +199,15 @@ struct RemoteStore {
     keeper_ = std::make_unique<Keeper>(loop_, socket(), disk_);
   }
 
+  // Runs until the store gives a reason like that for not reaching the host.
+  bool runUntilReason(const char* text) {
+    const auto latest = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    const auto isGiven = [&] { return remote_->state().reason.find(text) != std::string::npos; };
+    while (!isGiven() && std::chrono::steady_clock::now() < latest) loop_.runOnce();
+    return isGiven();
+  }
+  void takeNoClients() { keeper_->listen(loop_, socket(), {.clients = 0}); }
+
   Keeper& keeper() { return *keeper_; }
   std::vector<std::string> reports;
 
@@ -452,6 +461,14 @@ TEST(UnixStore, RowsThatTheOtherSideRefusesAreNamedOnceAndTheRestArrives) {
   remote.lose(true, none);
   EXPECT_TRUE(remote.runUntil([&] { return remote.store().state().isReached; }));
   EXPECT_EQ(refusals(), 2) << ::testing::PrintToString(remote.reports);
+}
+
+TEST(UnixStore, GivesTheReasonOfARefusal) {
+  RemoteStore remote;
+  remote.store().announce({.pid = 1});
+  EXPECT_TRUE(remote.runUntil([] { return true; }));
+  remote.takeNoClients();
+  EXPECT_TRUE(remote.runUntilReason("the host serves 0 clients at most"));
 }
 
 TEST(UnixStore, ABatchThatTheOtherSideCantStoreNowIsSentAgain) {

@@ -16,7 +16,10 @@ Host::Host(const Options& options)
     : services_(loop_, activity_.external()),
       store_(makeStore(options.store, loop_,
                        [this](const std::string& text) { activity_.post([this, text] { report(text); }); })),
-      listener_(options.client ? nullptr : std::make_unique<Listener>(loop_, options.socket)),
+      listener_(options.client
+                    ? nullptr
+                    : std::make_unique<Listener>(loop_, options.socket,
+                                                 [this](const std::string& text) { report(text); })),
       manager_(Zel::allocate<Statedb::EntityManager>(*store_)),
       served_{.store = *store_,
               .manager = *manager_,

@@ -79,7 +79,8 @@ void removeStaleSocket(const std::string& path) {
 
 }  // namespace
 
-Listener::Listener(Loop& loop, const std::string& path) : path_(path), lock_(lockFor(path)) {
+Listener::Listener(Loop& loop, const std::string& path, const Report& report)
+    : path_(path), lock_(lockFor(path)) {
   removeStaleSocket(path);
   const int descriptor = bound();
   static_cast<void>(::lstat(path.c_str(), &made_));
@@ -87,9 +88,14 @@ Listener::Listener(Loop& loop, const std::string& path) : path_(path), lock_(loc
   uv_pipe_init(loop.uv(), pipe_.get(), 0);
   pipe_->data = this;
   uv_pipe_open(pipe_.get(), descriptor);
+  guard_.emplace(loop, path, [path, report](bool isThere) {
+    report("control socket '" + path + "': " +
+           (isThere ? "is back" : "was removed or replaced; no new client reaches this host, restart it"));
+  });
 }
 
 Listener::~Listener() {
+  guard_.reset();
   struct stat there {};
   const bool isOwn =
       ::lstat(path_.c_str(), &there) == 0 && there.st_dev == made_.st_dev && there.st_ino == made_.st_ino;

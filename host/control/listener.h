@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "host/io/fileguard.h"
 #include "host/io/filelock.h"
 #include "host/io/loop.h"
 
@@ -17,8 +18,10 @@ namespace Host {
 class Listener {
  public:
   // Throws StartError if the path is too long, its folder is missing, a file that is not a socket exists
-  // there, or another process listens on it.
-  Listener(Loop& loop, const std::string& path);
+  // there, or another process listens on it. Calls `report` when the socket is removed or replaced.
+  using Report = std::function<void(const std::string& text)>;
+  Listener(
+      Loop& loop, const std::string& path, const Report& report = [](const std::string&) {});
   ~Listener();
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
@@ -33,6 +36,7 @@ class Listener {
   const std::string path_;
   const FileLock lock_;
   struct stat made_ {};  // the socket; a path may name another one later
+  std::optional<FileGuard> guard_;
   UvHandle<uv_pipe_t> pipe_;
   std::function<void(uv_stream_t*)> accept_;
 };

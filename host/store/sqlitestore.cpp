@@ -3,9 +3,12 @@
 #include <sqlite3.h>
 
 #include <array>
+#include <optional>
 
+#include "host/io/processid.h"
 #include "host/rpc/json.h"
 #include "host/store/statefile.h"
+#include "host/store/writeaheadlog.h"
 #include "platform/zel/core/lastseen.h"
 
 namespace Host {
@@ -39,6 +42,29 @@ class SqliteStore::Database {
     unset_ = prepare("DELETE FROM rows WHERE path = ?1 AND attribute = ?2");
   }
 
+  ~Database() { sqlite3_exec(connection_.get(), "DELETE FROM owner", nullptr, nullptr, nullptr); }
+  Database(const Database&) = delete;
+  Database& operator=(const Database&) = delete;
+
+  // Absolute, links followed.
+  const std::string& path() const { return owned_.path(); }
+
+  // Records this process in the file itself, and not only in the log, which a copy may lack.
+  void own(const Report& report) {
+    try {
+      execute("BEGIN IMMEDIATE");
+      writeAll([&] {
+        execute(
+            "CREATE TABLE IF NOT EXISTS owner(process TEXT NOT NULL); DELETE FROM owner; "
+            "INSERT INTO owner VALUES('" +
+            ownProcessText() + "')");
+      });
+      check(log_->empty());
+    } catch (const StoreError& error) {
+      report(std::string(error.what()) + "; so nothing keeps a second host from a copy of the file");
+    }
+  }
+
   // Calls `take` with every row, grouped by entity. Skips rows whose path or names exceed the limits: reports
   // the first few, and their number.
   template <class Take>
@@ -60,16 +86,11 @@ class SqliteStore::Database {
 
   // All of it or nothing.
   void write(const Changes& changes) {
+    if (!log_->isKnown()) check(log_->empty());
     execute("BEGIN IMMEDIATE");
-    try {
+    writeAll([&] {
       for (const Change& change : changes) write(change);
-      execute("COMMIT");
-    } catch (const StoreError&) {
-      // Some errors end the transaction by themselves.
-      if (sqlite3_get_autocommit(connection_.get()) == 0)
-        sqlite3_exec(connection_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
-      throw;
-    }
+    });
   }
 
  private:
@@ -88,9 +109,40 @@ class SqliteStore::Database {
     if (sqlite3_db_readonly(connection, "main") == 1)
       refuseStateFile(file_, "can't be written; it is read only");
     execute("PRAGMA locking_mode = EXCLUSIVE");
+    checkOwner();
     if (isEmpty()) execute(stateFileSchema());
     execute("PRAGMA journal_mode = WAL");
     execute("PRAGMA synchronous = FULL");
+    log_.emplace(connection);
+  }
+
+  // The lock on this very file is ours: a process that is recorded and runs has another one open.
+  void checkOwner() {
+    if (!step(*prepare("SELECT 1 FROM sqlite_master WHERE name = 'owner'"))) return;
+    const Statement select = prepare("SELECT process FROM owner");
+    if (!step(*select)) return;
+    const auto pid = runningProcess(std::string(text(*select, 0)));
+    if (pid == 0) return;
+    // Closing would carry the copy's log over into it.
+    sqlite3_db_config(connection_.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    refuseStateFile(file_, "is a copy of the file that another process (pid " + std::to_string(pid) +
+                               ") has open; stop that one first. For a file of its own, save the state with "
+                               "pinlampctl dump and load it");
+  }
+
+  // Commits what `write` does, or rolls it back.
+  template <class Write>
+  void writeAll(Write write) {
+    try {
+      write();
+      execute("COMMIT");
+    } catch (const StoreError& error) {
+      // Some errors end the transaction by themselves.
+      if (sqlite3_get_autocommit(connection_.get()) == 0)
+        sqlite3_exec(connection_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+      if (log_->dropFailed()) throw;
+      throw StoreError(error.what() + std::string("; it stays in the log, and may come back after a kill"));
+    }
   }
 
   bool isEmpty() {
@@ -167,6 +219,7 @@ class SqliteStore::Database {
   const std::string file_;
   const StateFile owned_;  // before the connection, which it must outlive
   std::unique_ptr<sqlite3, Close> connection_;
+  std::optional<WriteAheadLog> log_;
   Statement put_;
   Statement del_;
   Statement unset_;
@@ -175,6 +228,22 @@ class SqliteStore::Database {
 SqliteStore::SqliteStore(const std::string& file, const Report& report)
     : file_(file), database_(std::make_unique<Database>(file)) {
   database_->forEachRow([this](Row row) { restore(std::move(row)); }, report);
+  database_->own(report);
+}
+
+SqliteStore::SqliteStore(const std::string& file, Loop& loop, const Report& report)
+    : SqliteStore(file, report) {
+  for (const char* suffix : {"", "-wal"}) guard(loop, database_->path() + suffix, report);
+}
+
+void SqliteStore::guard(Loop& loop, const std::string& path, const Report& report) {
+  guards_.push_back(std::make_unique<FileGuard>(loop, path, [path, report](bool isThere) {
+    report("store file '" + path + "': " +
+           (isThere ? "is back"
+                    : "was removed or replaced; this host goes on with the one that it opened, and what is "
+                      "written now is lost at its end. Save the state with pinlampctl dump, then stop the "
+                      "host, put the file back or load what was saved, and start again"));
+  }));
 }
 SqliteStore::~SqliteStore() = default;
 

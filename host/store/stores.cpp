@@ -18,9 +18,9 @@ std::unique_ptr<Store> makeMemory(const std::string& rest, Loop&, const Report&)
   return std::make_unique<Statedb::MemoryStore>();
 }
 
-std::unique_ptr<Store> makeSqlite(const std::string& file, Loop&, const Report& report) {
+std::unique_ptr<Store> makeSqlite(const std::string& file, Loop& loop, const Report& report) {
   if (file.empty()) throw StoreError("store 'sqlite:': the file is missing; write sqlite:FILE");
-  return std::make_unique<SqliteStore>(file, report);
+  return std::make_unique<SqliteStore>(file, loop, report);
 }
 
 std::unique_ptr<Store> makeUnix(const std::string& socket, Loop& loop, const Report& report) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,6 +16,17 @@
 #include "host/store/stores.h"
 #include "tests/platform/storemodel.h"
 #include "tests/support.h"
+
+namespace {
+bool syncsFail = false;
+}
+
+// Takes the place of the C library's, which SQLite calls.
+extern "C" [[gnu::visibility("default")]] int fdatasync(int descriptor) {
+  if (!syncsFail) return static_cast<int>(::syscall(SYS_fdatasync, descriptor));
+  errno = EIO;
+  return -1;
+}
 
 namespace {
 
@@ -44,6 +56,31 @@ TEST(SqliteStore, AfterAKillExactlyTheFlushedRowsAreThere) {
   const SqliteStore store(folder.at("db"));
   EXPECT_EQ(store.entities(), 21U);
   EXPECT_EQ(rowsOf(store.read("")).at({"led", "n"}), Value(19));
+}
+
+// With many rows before, the log has started again from its beginning.
+TEST(SqliteStore, ARowThatWasNotSyncedDoesNotComeBackAfterAKill) {
+  for (const int before : {0, 1, 60}) {
+    const Folder folder;
+    const auto commit = [](SqliteStore& store, int i) {
+      const Value value(std::string(100'000, static_cast<char>('a' + i % 26)));
+      store.write({Change::put("led/" + std::to_string(i), "T", "x", value)}, Durability::stored);
+      return Support::errorOf<StoreError>([&] { store.flush(); }) == "none";
+    };
+    const pid_t child = ::fork();
+    if (child == 0) {
+      SqliteStore store(folder.at("db"));
+      bool isRight = true;
+      for (int i = 0; i < before; ++i) isRight &= commit(store, i);
+      syncsFail = true;
+      for (int i = 0; i < 3; ++i) isRight &= !commit(store, 1000 + i);
+      ::raise(isRight ? SIGKILL : SIGABRT);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(WTERMSIG(status), SIGKILL);
+    EXPECT_EQ(SqliteStore(folder.at("db")).entities(), static_cast<std::size_t>(before));
+  }
 }
 
 // The error of opening the file; "none" if it opens.
@@ -158,6 +195,68 @@ TEST(SqliteStore, HasOneOwnerAtATime) {
   first->write({Change::put("a", "T", "", {})}, Durability::stored);
   EXPECT_THAT(refusal(folder.at("db")), HasSubstr("(pid " + std::to_string(::getpid()) + ")"));
   EXPECT_NO_THROW(first->flush());
+}
+
+TEST(SqliteStore, IsNotOpenedAsACopyWhileItsOwnerRuns) {
+  const Folder folder;
+  std::filesystem::create_directory(folder.at("copy"));
+  const auto copy = [&](std::initializer_list<const char*> suffixes) {
+    for (const char* suffix : suffixes)
+      std::filesystem::copy_file(folder.at("db") + suffix, folder.at("copy/db") + suffix,
+                                 std::filesystem::copy_options::overwrite_existing);
+  };
+  {
+    SqliteStore store(folder.at("db"));
+    store.write({Change::put("a", "T", "", {})}, Durability::stored);
+    store.flush();
+    copy({"", "-wal"});
+    const std::string before = contentOf(folder.at("copy/db"));
+    EXPECT_THAT(refusal(folder.at("copy/db")),
+                HasSubstr("is a copy of the file that another process (pid " + std::to_string(::getpid())));
+    EXPECT_EQ(contentOf(folder.at("copy/db")), before);
+    std::filesystem::remove(folder.at("copy/db-wal"));
+    copy({""});
+    EXPECT_THAT(refusal(folder.at("copy/db")), HasSubstr("is a copy"));
+    std::filesystem::remove_all(folder.at("copy"));
+    std::filesystem::create_directory(folder.at("copy"));
+  }
+  copy({""});
+  EXPECT_EQ(SqliteStore(folder.at("copy/db")).entities(), 1U);
+  // Killed: nobody owns the copy.
+  const pid_t child = ::fork();
+  if (child == 0) {
+    const SqliteStore store(folder.at("db"));
+    ::raise(SIGKILL);
+  }
+  ::waitpid(child, nullptr, 0);
+  copy({"", "-wal"});
+  EXPECT_EQ(SqliteStore(folder.at("copy/db")).entities(), 1U);
+}
+
+TEST(SqliteStore, ReportsOnceThatItsFileWasRemovedOrReplaced) {
+  const Folder folder;
+  Host::Loop loop;
+  std::vector<std::string> reports;
+  const auto store = Host::makeStore("sqlite:" + folder.at("db"), loop,
+                                     [&](const std::string& text) { reports.push_back(text); });
+  const auto reportsAfter = [&](auto&& change) {
+    reports.clear();
+    change();
+    const auto latest = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (reports.empty() && std::chrono::steady_clock::now() < latest) loop.runOnce();
+    for (int i = 0; i < 100; ++i) loop.runOnce();
+    return reports;
+  };
+  const auto move = [&](const char* from, const char* to) {
+    std::filesystem::rename(folder.at(from), folder.at(to));
+  };
+  const auto says = [](const char* text) { return ::testing::ElementsAre(HasSubstr(text)); };
+  EXPECT_THAT(reportsAfter([&] { move("db", "away"); }), says("db': was removed or replaced"));
+  EXPECT_THAT(reportsAfter([&] { move("away", "db"); }), says("db': is back"));
+  contentIs(folder.at("other"), "x");
+  EXPECT_THAT(reportsAfter([&] { move("other", "db"); }), says("db': was removed or replaced"));
+  EXPECT_THAT(reportsAfter([&] { std::filesystem::remove(folder.at("db-wal")); }),
+              says("db-wal': was removed or replaced"));
 }
 
 // Any process that can open a file can lock it, and keep the host from starting.

@@ -98,7 +98,7 @@ Changes PublishedRows::send() {
   underWay_ = std::exchange(unsent_, {});
   sending_ = true;
   Changes changes;
-  for (const Path path : underWay_.removed) changes.push_back(Change::del(path));
+  for (const Path& path : underWay_.removed) changes.push_back(Change::del(path));
   for (const auto& [path, attribute] : underWay_.set) {
     const auto entity = entities_.find(path);
     const Zel::Value* value = entity == entities_.end() ? nullptr : entity->second.find(attribute);
@@ -117,7 +117,8 @@ void PublishedRows::acknowledged() {
 
 void PublishedRows::refused(const Change& change) {
   sendAll();
-  const auto& [path, type, attribute, value] = change.row;
+  const Path path = change.row.path;
+  const Zel::Name attribute = change.row.attribute;
   const auto entity = entities_.find(path);
   if (change.kind != Change::Kind::put || entity == entities_.end()) return;
   const auto isWrittenSince = [&](Zel::Name name) { return unsent_.set.contains({path, name}); };

@@ -110,7 +110,8 @@ void Sentinels::findLater() {
 void Sentinels::find() {
   later_.stop();
   connection_.reset();
-  if (!std::exchange(isProved_, true)) std::ranges::rotate(sentinels_, sentinels_.begin() + 1);
+  if (!std::exchange(isProved_, true))
+    std::rotate(sentinels_.begin(), sentinels_.begin() + 1, sentinels_.end());
   tried_ = 0;
   tryNext();
 }
@@ -139,7 +140,7 @@ void Sentinels::onAnswer(const Reply& reply) {
   }
   const std::optional<HostAddress> master = addressIn(reply);
   if (!master) return fail({Loss::Kind::invalid, Refusal::none, "what it answers is no address"});
-  std::ranges::rotate(sentinels_, sentinels_.begin() + static_cast<std::ptrdiff_t>(tried_));
+  std::rotate(sentinels_.begin(), sentinels_.begin() + static_cast<std::ptrdiff_t>(tried_), sentinels_.end());
   isProved_ = false;
   connection_.reset();
   owner_.onAddress(*master);

@@ -7,6 +7,9 @@ target_compile_options(pinlamp_options INTERFACE $<$<CXX_COMPILER_ID:GNU>:-fno-g
 # GCC 12 warns wrongly of overlapping copies in optimised concatenations of short strings.
 target_compile_options(pinlamp_options INTERFACE
   $<$<AND:$<CXX_COMPILER_ID:GNU>,$<VERSION_LESS:$<CXX_COMPILER_VERSION>,13>,$<CONFIG:Release>>:-Wno-restrict>)
+# In a batch GCC takes the sources for headers, and warns of their classes with members of unnamed namespaces.
+target_compile_options(pinlamp_options INTERFACE
+  $<$<AND:$<CXX_COMPILER_ID:GNU>,$<BOOL:${PINLAMP_UNITY}>>:-Wno-subobject-linkage>)
 # Calls within a library are direct; no program interposes its functions.
 target_compile_options(pinlamp_options INTERFACE -fno-semantic-interposition)
 target_include_directories(pinlamp_options INTERFACE ${PROJECT_SOURCE_DIR})

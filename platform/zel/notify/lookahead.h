@@ -9,6 +9,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <utility>
 
 #include "platform/zel/notify/notifier.h"
@@ -16,17 +17,18 @@
 namespace Zel {
 
 namespace detail {
-// Prefetches one cache line. The empty asm keeps GCC from dropping calls of a function without effects.
-inline void prefetchLine(const void* address) {
-  __builtin_prefetch(address, 1);
+// Prefetches one cache line, given by a number: arithmetic on a null pointer is undefined. The empty asm keeps
+// GCC from dropping calls of a function without effects.
+inline void prefetchLine(std::uintptr_t address) {
+  __builtin_prefetch(reinterpret_cast<const void*>(address), 1);
   asm volatile("");
 }
 }  // namespace detail
 
-// Prefetches. The pointer is never dereferenced and may dangle.
+// Prefetches. The pointer is never dereferenced; it may dangle or be null.
 template <class T>
 void prefetch(const T* object) {
-  const char* const bytes = reinterpret_cast<const char*>(object);
+  const auto bytes = reinterpret_cast<std::uintptr_t>(object);
   for (std::size_t at = 0; at < sizeof(T); at += 64) detail::prefetchLine(bytes + at);
   if (sizeof(T) > 8) detail::prefetchLine(bytes + sizeof(T) - 1);
 }
@@ -40,8 +42,8 @@ class Lookahead {
   // Prefetches the first subscriber of an object that is about to change.
   static void prefetchSubscriber(const Notifier& notifier) {
     const ListHook* const first = notifier.notifiees_.next();
-    detail::prefetchLine(reinterpret_cast<const char*>(first) - sizeof(PtrInterface));
-    detail::prefetchLine(reinterpret_cast<const char*>(first + 3));
+    detail::prefetchLine(reinterpret_cast<std::uintptr_t>(first) - sizeof(PtrInterface));
+    detail::prefetchLine(reinterpret_cast<std::uintptr_t>(first + 3));
   }
 
   // At most kAtOnce; more are ignored.

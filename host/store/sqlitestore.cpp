@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <array>
+#include <filesystem>
 #include <optional>
 
 #include "host/io/processid.h"
@@ -123,8 +124,10 @@ class SqliteStore::Database {
     if (!step(*select)) return;
     const auto pid = runningProcess(std::string(text(*select, 0)));
     if (pid == 0) return;
-    // Closing would carry the copy's log over into it.
-    sqlite3_db_config(connection_.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    // Closing would carry the copy's log over into it; without one it removes what this opening has made.
+    std::error_code missing;
+    if (const auto size = std::filesystem::file_size(path() + "-wal", missing); !missing && size > 0)
+      sqlite3_db_config(connection_.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
     refuseStateFile(file_, "is a copy of the file that another process (pid " + std::to_string(pid) +
                                ") has open; stop that one first. For a file of its own, save the state with "
                                "pinlampctl dump and load it");

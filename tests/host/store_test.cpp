@@ -217,6 +217,7 @@ TEST(SqliteStore, IsNotOpenedAsACopyWhileItsOwnerRuns) {
     std::filesystem::remove(folder.at("copy/db-wal"));
     copy({""});
     EXPECT_THAT(refusal(folder.at("copy/db")), HasSubstr("is a copy"));
+    EXPECT_FALSE(std::filesystem::exists(folder.at("copy/db-wal")));
     std::filesystem::remove_all(folder.at("copy"));
     std::filesystem::create_directory(folder.at("copy"));
   }

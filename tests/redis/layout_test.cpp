@@ -42,6 +42,7 @@ TEST(RedisLayout, ADeltaOfAnotherFormIsRefused) {
                         {"+a\tb\t1\n", "a put without a type"},
                         {":T\n+a\tb\t{\n", "JSON"},
                         {":T\n+" + std::string(300, 'n') + "\n", "255"},
+                        {":T\n+/led\n", "the name '/led' has a slash"},
                         {"!" + std::string(5000, '/') + "\n", "path"}};
   for (const Case& each : cases) {
     const std::string error = errorOf<Zel::ValueError>([&] { changesOf(each.delta); });

@@ -9,6 +9,7 @@
 #include "host/rpc/json.h"
 #include "platform/statedb/store/schema.h"
 #include "platform/zel/core/exception.h"
+#include "platform/zel/core/string.h"
 #include "platform/zel/entity/pathwalker.h"
 
 namespace Host::Redis {
@@ -91,14 +92,15 @@ Place placeOf(Path path) {
 }
 
 Path Directory::at(std::string_view name) const {
+  if (name.find('/') != std::string_view::npos)
+    throw Zel::ValueError("the name '" + Zel::excerpt(name) + "' has a slash, which is written %2F");
   const auto isWithinLimits = [&] {
     if (!path_) path_ = Path(text_);
     return path_->depth() < Zel::PathWalker::kDeepest &&
            text_.size() + 1 + name.size() <= Zel::PathWalker::kLongest;
   };
   if (text_.empty()) return Path(name);
-  if (name.find('/') == std::string_view::npos && isWithinLimits())
-    return path_->child(Zel::Name::escaped(name));
+  if (isWithinLimits()) return path_->child(Zel::Name::escaped(name));
   std::string text(text_);
   return Path(text.append("/").append(name));
 }

@@ -71,7 +71,7 @@ class Directory {
   explicit Directory(std::string_view text) : text_(text) {}
 
   std::string_view text() const { return text_; }
-  // Throws Zel::ValueError where it is beyond the limits of paths.
+  // Throws Zel::ValueError where it is beyond the limits of paths, or the name has a slash.
   Statedb::Path at(std::string_view name) const;
 
  private:

@@ -187,6 +187,10 @@ TEST_F(RedisUpstream, KeepsTheRowsOfAWipedSpaceUntilSomebodyWritesOrAcceptsIt) {
     agree({&one, &other});
     EXPECT_EQ(seenIn(other.upstream.rows(kStored)), (Seen{{"b", "T"}, {"b x", "2"}}));
   }
+  client({"FLUSHALL"});
+  const WriteId under = one.write(kStored, {put("c", 3)});  // before anybody noticed
+  agree({&one, &other});
+  EXPECT_EQ(one.outcomeOf(under), Outcome::applied);
   EXPECT_THAT(one.refusals, IsEmpty());
 }
 

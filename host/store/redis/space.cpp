@@ -188,7 +188,12 @@ void Space::settle(Sequence write, Outcome outcome) {
   owner_.onSettled({durability_, write}, outcome);
 }
 
-void Space::wiped() { owner_.onWiped(durability_); }
+// A write that is under way was made for the empty space as well as a later one.
+void Space::wiped() {
+  owner_.onWiped(durability_);
+  if (std::ranges::any_of(writes_, [](const auto& each) { return each.second.isWaitingForIt; }))
+    follower_.acceptWiped();
+}
 
 void Space::reconnect(std::string_view why) {
   line_.lose({Loss::Kind::closed, Refusal::none, std::string(why)});

@@ -12,21 +12,18 @@
 namespace {
 
 using namespace Host::Redis;
-using RedisTest::Client;
+using RedisTest::kStored;
+using RedisTest::kVolatile;
 using RedisTest::runUntil;
 using RedisTest::Seen;
 using RedisTest::seenIn;
-using RedisTest::Server;
 using Statedb::Change;
 using Statedb::Changes;
 using Statedb::Durability;
 using Statedb::Path;
-using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-
-constexpr Durability kStored = Durability::stored, kVolatile = Durability::volatile_;
 
 Change put(Path path, int value) { return Change::put(path, "T", "x", value); }
 
@@ -72,10 +69,8 @@ struct Process final : Upstream::Owner {
   Upstream upstream;
 };
 
-class RedisUpstream : public ::testing::Test {
+class RedisUpstream : public RedisTest::OnServer {
  protected:
-  RedisUpstream() { client.connect(); }
-
   Seen scan(Durability space) { return seenIn(RedisTest::scan(client, Keys("pinlamp", space))); }
   void reach(Process& process) {
     runUntil(loop, [&] { return process.upstream.isReached(); });
@@ -96,9 +91,6 @@ class RedisUpstream : public ::testing::Test {
     }
   }
 
-  Host::Loop loop;
-  Server server;
-  Client client{loop, server.url()};
   const std::string url = "redis-unix:" + server.socket() + "?timeout=400ms";
 };
 

@@ -43,8 +43,8 @@ struct Process final : Upstream::Owner {
   void onRows(Durability space) override { shadow(space) = upstream.rows(space); }
   void onEntry(const Entry& entry) override {
     shadow(entry.space).carry(entry.changes);
-    add((entry.isCompanion ? "companion" : "entry") + std::string(entry.space == kStored ? " s" : " v") +
-        (entry.own ? " own" : ""));
+    add((entry.head.companionOf > 0 ? "companion" : "entry") +
+        std::string(entry.space == kStored ? " s" : " v") + (entry.own ? " own" : ""));
   }
   void onWiped(Durability) override { add("wiped"); }
   void onSettled(const WriteId& write, Outcome outcome) override {

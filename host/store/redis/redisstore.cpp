@@ -14,7 +14,6 @@ using Statedb::Change;
 using Statedb::Changes;
 using Statedb::Durability;
 using Statedb::Path;
-using Statedb::Record;
 using Statedb::Records;
 using Statedb::RefusedError;
 using Statedb::StoreError;
@@ -30,10 +29,6 @@ constexpr int kTicksToPublish = 2;
 std::string hostName() {
   std::array<char, 256> name{};
   return ::gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "unknown host";
-}
-
-bool isPutOf(const Change& change, const Changes& written) {
-  return std::ranges::find(written, change) != written.end();
 }
 
 }  // namespace
@@ -80,7 +75,7 @@ void RedisStore::announce(const Statedb::Announcement& announcement) {
   mounts_ = announcement.publishes;
   publications_.mountsAre({mounts_.begin(), mounts_.end()});
   claims_.mountsAre(mounts_);
-  if (hasRows_) showVolatile();
+  if (hasRows_ && !isDue_) showVolatile();
 }
 
 void RedisStore::subscribe(Path path, Subscriber& subscriber) {
@@ -116,20 +111,8 @@ bool RedisStore::mayArrive(Path path, const Subscriber& subscriber) const {
 }
 
 void RedisStore::write(const Changes& changes, Durability durability, Subscriber* origin) {
-  checkClaims(changes);
+  claims_.check(changes);
   durability == Durability::stored ? writeStored(changes, origin) : writeVolatile(changes, origin);
-}
-
-void RedisStore::checkClaims(const Changes& changes) const {
-  for (const Claims::Status& claim : claims_.status()) {
-    const auto mount = Path::existing(claim.mount);
-    if (claim.isOwn || claim.isOrphan || claim.who.empty() || !mount || publications_.isMount(*mount))
-      continue;
-    for (const Change& change : changes)
-      if (concerns(change, *mount))
-        throw RefusedError("'" + change.row.path.text() + "': '" + claim.mount + "' is published by " +
-                           claim.who + ", and nobody else may write there");
-  }
 }
 
 void RedisStore::writeStored(const Changes& changes, Subscriber* origin) {
@@ -141,41 +124,14 @@ void RedisStore::writeStored(const Changes& changes, Subscriber* origin) {
   stored_.add(changes, origin);
 }
 
-void RedisStore::checkTypes(const Changes& changes) const {
-  for (const Change& change : changes) {
-    const auto& [path, type, attribute, value] = change.row;
-    if (change.kind != Change::Kind::put) continue;
-    const Zel::Name there = mirror_.typeAt(path);
-    if (!there.empty() && there != type && mirror_.anyStored(path))
-      throw RefusedError("'" + path.text() + "' is stored as a " + there.stdString() +
-                         "; delete it before a " + type.stdString() + " is published there");
-  }
-}
-
 void RedisStore::writeVolatile(const Changes& changes, Subscriber* origin) {
-  checkTypes(changes);
+  mirror_.checkTypes(changes);
   Subscribers::Notice notice{.origin = origin};
-  mirror_.carry(Durability::volatile_, publications_.write(changes), notice.changes);
-  if (origin) notice.revealed = revealedBy(changes);
+  const Changes shown = publications_.write(changes);
+  kept_.carry(shown);
+  mirror_.carry(Durability::volatile_, shown, notice.changes);
+  if (origin) notice.revealed = mirror_.revealedBy(changes);
   subscribers_.notify(std::move(notice));
-}
-
-// The visible values at the places of a batch that differ from what its origin wrote.
-Changes RedisStore::revealedBy(const Changes& changes) const {
-  Changes revealed;
-  for (const Change& change : changes) {
-    Changes shown;
-    if (change.kind != Change::Kind::del)
-      mirror_.appendShown(change.row.path, change.row.attribute, shown);
-    else
-      mirror_.withShown(change.row.path, [&](const Records& records) {
-        for (const Record* each : records) mirror_.appendShown(each->path, {}, shown);
-      });
-    if (change.kind == Change::Kind::put && change.row.attribute.empty()) continue;
-    for (Change& each : shown)
-      if (!isPutOf(each, changes)) revealed.push_back(std::move(each));
-  }
-  return revealed;
 }
 
 Ticket RedisStore::flush() {
@@ -203,7 +159,6 @@ std::string RedisStore::timeline() const {
 void RedisStore::onReached() {
   publications_.compare(upstream_.rows(Durability::volatile_));
   claims_.onReached(timeline());
-  showVolatile();
   upstream_.flush();
 }
 
@@ -230,14 +185,14 @@ void RedisStore::onLost(const Loss& loss) {
   claims_.onLost();
 }
 
+// Volatile rows are shown when the claims were read after them. Otherwise this process would show what it
+// does not know to be claimed, and would not keep it where the server is lost again.
 void RedisStore::onRows(Durability space) {
   if (space == Durability::volatile_) {
-    if (const std::string before = std::exchange(timeline_, timeline());
-        !before.empty() && before != timeline_)
-      keepOthers();
+    isDue_ = true;
     publications_.compare(upstream_.rows(space));
-    if (upstream_.isReached()) claims_.onReached(timeline_);
-    return showVolatile();
+    if (upstream_.isReached()) claims_.onReached(timeline());
+    return;
   }
   wipedAt_.reset();
   Subscribers::Notice notice;
@@ -247,38 +202,18 @@ void RedisStore::onRows(Durability space) {
   subscribers_.deliver();
 }
 
+void RedisStore::showWhatIsDue() {
+  if (isDue_) showVolatile();
+}
+
 void RedisStore::showVolatile() {
-  Records theirs = upstream_.rows(Durability::volatile_).all();
-  std::erase_if(theirs, [this](const Record* each) { return isKept(each->path); });
-  Records all = publications_.over(theirs);
-  for (const auto& [mount, records] : kept_)
-    for (const Record& each : records) all.push_back(&each);
+  isDue_ = false;
   Subscribers::Notice notice;
-  mirror_.replace(Durability::volatile_, all, notice.changes);
+  mirror_.replace(Durability::volatile_,
+                  publications_.over(kept_.over(upstream_.rows(Durability::volatile_).all())),
+                  notice.changes);
   subscribers_.notify(std::move(notice));
   subscribers_.deliver();
-}
-
-bool RedisStore::isKept(Path path) const {
-  return std::ranges::any_of(kept_, [&](const auto& each) { return path.isUnder(each.first); });
-}
-
-// Remembers the rows under the mounts of others: the server may have lost them, and their publishers write
-// them again.
-void RedisStore::keepOthers() {
-  for (const Claims::Status& claim : claims_.status())
-    if (!claim.isOwn) keep(claim.mount);
-}
-
-void RedisStore::keep(Path mount) {
-  if (kept_.contains(mount)) return;
-  mirror_.withShown(mount, [&](const Records& records) {
-    for (const Record* record : records) {
-      Record own = *record;
-      std::erase_if(own.attributes, [](const auto& each) { return each.durability == Durability::stored; });
-      if (!own.attributes.empty() || record->attributes.empty()) kept_[mount].push_back(std::move(own));
-    }
-  });
 }
 
 void RedisStore::onEntry(const Upstream::Owner::Entry& entry) {
@@ -294,19 +229,22 @@ void RedisStore::carryStored(const Upstream::Owner::Entry& entry) {
   mirror_.release(notice.changes);
   if (own && own->origin && !own->isDisturbed) {
     notice.origin = own->origin;
-    notice.revealed = revealedBy(own->changes);
+    notice.revealed = mirror_.revealedBy(own->changes);
   }
   subscribers_.notify(std::move(notice));
 }
 
-// This process's own entries are shown since they were written.
+// This process's own entries are shown since they were written. Before the claims are read, all that came is
+// shown at once.
 void RedisStore::carryVolatile(const Upstream::Owner::Entry& entry) {
   if (entry.own != 0) return;
-  Changes changes = entry.changes;
-  std::erase_if(changes, [this](const Change& each) { return isKept(each.row.path); });
-  changes = publications_.received(changes);
+  for (const Path mount : entry.head.mounts) claims_.onPublished(mount.text());
+  isDue_ = isDue_ || !isReached_;
+  const Changes changes = publications_.received(entry.changes);
+  kept_.carry(changes);
+  if (isDue_) return;
   Subscribers::Notice notice;
-  if (entry.isCompanion)
+  if (entry.head.companionOf > upstream_.state(Durability::stored).tip)
     mirror_.carryHidden(changes);
   else
     mirror_.carry(Durability::volatile_, changes, notice.changes);
@@ -397,6 +335,7 @@ void RedisStore::onClaimRefused(const std::string& mount, const Reply& error) {
 
 void RedisStore::read() {
   upstream_.call(claimsCall(volatileKeys_), [this](const Reply& reply) {
+    showWhatIsDue();
     reply.refusal() == Refusal::none ? claims_.onClaims(claimsOf(reply), now()) : claims_.onReadFailed();
     onClaimsRead();
   });
@@ -423,11 +362,10 @@ void RedisStore::onOwned(const std::string& mount) {
   ownedFor_[mount] = 0;
   claimRefusals_.erase(mount);
   upstream_.prepare(releaseCall(volatileKeys_, mount, {}));  // the last call of a process must not wait
-  keep(mount);
-  Records shown;
-  for (const Record& each : kept_[mount]) shown.push_back(&each);
-  publications_.owned(mount, upstream_.rows(Durability::volatile_), shown);
-  kept_.erase(mount);
+  showWhatIsDue();
+  kept_.keep(mount, mirror_);
+  publications_.owned(mount, upstream_.rows(Durability::volatile_), kept_.at(mount));
+  kept_.release(mount);
   showVolatile();
   flush();
 }
@@ -435,13 +373,12 @@ void RedisStore::onOwned(const std::string& mount) {
 void RedisStore::onStandby(const std::string& mount, std::string_view who) {
   if (standby_.insert(mount).second)
     report("'" + mount + "' is published by " + std::string(who) + "; this process is the standby");
-  if (!publications_.isStandby(mount)) keep(mount);
   publications_.notOwned(mount);
   showVolatile();
 }
 
 void RedisStore::onCurrent(const std::string& mount) {
-  if (kept_.erase(Path(mount)) > 0) showVolatile();
+  if (kept_.release(mount)) showVolatile();
 }
 
 }  // namespace Host::Redis

@@ -328,7 +328,10 @@ Call writeCall(std::string_view prefix, Durability space, const Changes& changes
 
   std::vector<std::string> names{keys.meta(), keys.log()};
   std::ranges::move(steps.directories(), std::back_inserter(names));
-  std::string delta = deltaText(logged);
+  std::string delta;
+  if (space == Durability::volatile_ && !steps.isValuesOnly())
+    for (const Claimed& each : options.claims) delta += mountLine(each.mount);
+  delta += deltaText(logged);
   const bool isShort = steps.isValuesOnly() && delta.size() <= kShortDelta;
   const bool isCut = !isShort || options.sequence % kWritesPerCut == 1;
   std::vector<std::string> arguments{

@@ -37,9 +37,6 @@ std::optional<Announced> announcedIn(std::string_view payload) {
   return Announced{generation, {revision.unsignedNumber(), origin, payload}};
 }
 
-// Of an origin: "UUID.s" or "UUID.v".
-bool isOfStoredWrite(std::string_view origin) { return origin.substr(0, origin.find(':')).ends_with(".s"); }
-
 }  // namespace
 
 std::string randomText() {
@@ -152,6 +149,16 @@ Changes Space::changesIn(const Entry& entry) {
   return changes;
 }
 
+DeltaHead Space::headIn(const Entry& entry) {
+  try {
+    return headOf(entry.delta);
+  } catch (const Zel::ValueError& error) {
+    line_.warn("the entry 0-" + std::to_string(entry.revision) + " of '" + keys_.log() +
+               "' names a mount that can't be one: " + error.what());
+    return {};
+  }
+}
+
 void Space::replay(const Entry& entry) { copy_.carry(changesIn(entry)); }
 
 void Space::accept(const State&) {
@@ -179,8 +186,7 @@ void Space::giveBack(Sequence sequence) {
 void Space::apply(const Entry& entry, Sequence own) {
   const Changes changes = changesIn(entry);
   rows_.carry(changes);
-  const bool isCompanion = durability_ == Durability::volatile_ && isOfStoredWrite(entry.origin);
-  owner_.onEntry({durability_, changes, own, isCompanion});
+  owner_.onEntry({durability_, changes, own, headIn(entry)});
 }
 
 void Space::settle(Sequence write, Outcome outcome) {

@@ -95,6 +95,7 @@ class Space final : Follower::Output, Scan::Owner {
   void onState(const Reply& reply);
   void onLog(const Reply& reply);
   Statedb::Changes changesIn(const Entry& entry);
+  DeltaHead headIn(const Entry& entry);
   void throwAway(Rows& rows);
 
   void send(Sequence sequence);

@@ -257,17 +257,17 @@ TEST(Claims, RowsAreKeptInANewTimelineUntilTheirPublisherIsDoneOrHoldIsOver) {
   owner.reached("t2");
   EXPECT_THAT(owner.at(held("1 me", 1)), ElementsAre("owned m"));
   owner.claims.synced("m");
-  EXPECT_THAT(std::exchange(owner.notes, {}), ElementsAre("current m"));
+  EXPECT_THAT(std::exchange(owner.notes, {}), ElementsAre("current m", "beat m 1 me t2"));
   owner.claims.onReached("t3");  // on the same connection
   EXPECT_EQ(owner.claims.ownedToken("m"), "");
-  EXPECT_THAT(owner.at(held("1 me", 1)), ElementsAre("owned m"));
+  EXPECT_THAT(owner.answered(held("1 me", 2)), ElementsAre("owned m"));
 
   for (const Claim& then : {held("2 he", 1), Claim{"g2", "1 he", 1, "he's host", ""}}) {
     Process former;
     former.own();
     former.claims.synced("m");
-    former.claims.onFenced("m");
-    const Lines done = former.at(then);
+    former.notes.clear();
+    const Lines done = former.answered(then);
     EXPECT_EQ(done.back(), "standby m he's host");
     EXPECT_EQ(done.size(), then.generation == "g" ? 1U : 2U)
         << "its successor adopted all, unless it was wiped";

@@ -98,12 +98,14 @@ void Claims::onLost() {
 }
 
 void Claims::tick() {
-  for (auto& [name, mount] : mounts_) {
-    if (!mount.isVerified || mount.underWay > 0) continue;
-    ++mount.underWay;
-    output_.beat(name, mount.seen.token, mount.synced);
-  }
+  for (auto& [name, mount] : mounts_) beat(name, mount);
   read();
+}
+
+void Claims::beat(const std::string& name, Mount& mount) {
+  if (!mount.isVerified || mount.underWay > 0) return;
+  ++mount.underWay;
+  output_.beat(name, mount.seen.token, mount.synced);
 }
 
 void Claims::read() {
@@ -176,9 +178,10 @@ void Claims::onPublished(const std::string& mount) {
 
 void Claims::synced(const std::string& mount) {
   const auto found = mounts_.find(mount);
-  if (found == mounts_.end() || !found->second.isVerified) return;
+  if (found == mounts_.end() || !found->second.isVerified || found->second.synced == timeline_) return;
   found->second.synced = timeline_;
   stopKeeping(mount, found->second);
+  beat(mount, found->second);
 }
 
 void Claims::update(const std::string& name, Mount& mount, const Claim& claim, Now now) {

@@ -117,7 +117,7 @@ class Claims {
   // Its publisher, another process, wrote there. It may be gone before an answer shows its claim.
   void onPublished(const std::string& mount);
   // Everything that this process publishes under the mount is on the server, in this timeline: what was
-  // written since the last onOwned(). Ignored while there is no token.
+  // written since the last onOwned(). Reported at once. Ignored while there is no token.
   void synced(const std::string& mount);
 
   // Throws RefusedError for a change under a mount that another process publishes, and this one does not.
@@ -134,6 +134,7 @@ class Claims {
   void read();
   void watch(Now now);
   void update(const std::string& name, Mount& mount, const Claim& claim, Now now);
+  void beat(const std::string& name, Mount& mount);
   void own(const std::string& name, Mount& mount, bool isChanged);
   void standBy(const std::string& name, Mount& mount);
   void sweepIfDue(const std::string& name, Mount& mount);

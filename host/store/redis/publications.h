@@ -55,6 +55,7 @@ class Publications {
   void notOwned(Statedb::Path mount) { at(mount).isOwned = false; }
   // The agent of the mount got its snapshot: from now on what it writes is all that stands there.
   void delivered(Statedb::Path mount);
+  bool isDelivered(Statedb::Path mount) { return at(mount).isDelivered; }
   // The server is reached again, with these rows: only what differs is sent.
   void compare(const Rows& theirs);
 

@@ -150,9 +150,9 @@ std::vector<Claimed> RedisStore::heldClaims() const {
   return held;
 }
 
+// Where neither changed, the server has every volatile row that it ever acknowledged.
 std::string RedisStore::timeline() const {
-  const State state = upstream_.state(Durability::volatile_);
-  return state.timeline.server + ' ' + state.timeline.generation;
+  return upstream_.server() + ' ' + upstream_.state(Durability::volatile_).timeline.generation;
 }
 
 // The claims are read first: they decide what may be written.
@@ -265,6 +265,7 @@ void RedisStore::onSettled(const WriteId& write, Outcome outcome) {
   if (write.space == Durability::stored) return stored_.onSettled(write.sequence, outcome);
   volatile_.onSettled(write.sequence, outcome);
   volatile_.send();
+  reportSynced();
   upstream_.flush();
 }
 
@@ -299,6 +300,7 @@ void RedisStore::tick() {
   }
   if (!upstream_.isReached()) return;
   volatile_.check();
+  for (auto& [mount, ticks] : ownedFor_) ++ticks;
   reportSynced();
   claims_.tick();
   upstream_.flush();
@@ -306,10 +308,9 @@ void RedisStore::tick() {
 
 void RedisStore::reportSynced() {
   for (const std::string& mount : mounts_) {
-    if (claims_.ownedToken(mount).empty()) continue;
+    if (claims_.ownedToken(mount).empty() || ownedFor_[mount] <= kTicksToPublish) continue;
     const Path path(mount);
-    if (++ownedFor_[mount] > kTicksToPublish && publications_.isSent(path) && volatile_.isIdle(path))
-      claims_.synced(mount);
+    if (publications_.isSent(path) && volatile_.isIdle(path)) claims_.synced(mount);
   }
 }
 
@@ -359,7 +360,7 @@ void RedisStore::sweep(const std::string& mount, const Claim& seen) {
 
 void RedisStore::onOwned(const std::string& mount) {
   if (standby_.erase(mount) > 0) report("'" + mount + "' is published by this process now");
-  ownedFor_[mount] = 0;
+  if (!publications_.isDelivered(mount)) ownedFor_[mount] = 0;
   claimRefusals_.erase(mount);
   upstream_.prepare(releaseCall(volatileKeys_, mount, {}));  // the last call of a process must not wait
   showWhatIsDue();
@@ -368,6 +369,7 @@ void RedisStore::onOwned(const std::string& mount) {
   kept_.release(mount);
   showVolatile();
   flush();
+  reportSynced();
 }
 
 void RedisStore::onStandby(const std::string& mount, std::string_view who) {

@@ -119,7 +119,7 @@ class RedisStore final : public Statedb::Store, private Upstream::Owner, private
   std::vector<std::string> mounts_;
   std::set<std::string> standby_;        // reported so
   std::set<std::string> claimRefusals_;  // reported, until they are owned
-  std::map<std::string, int> ownedFor_;  // ticks
+  std::map<std::string, int> ownedFor_;  // ticks since the agent got its snapshot
   KeptRows kept_;
   bool isDue_ = false;                    // upstream has volatile rows that are not shown yet
   bool isReached_ = false;                // and the claims are known

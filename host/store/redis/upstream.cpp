@@ -187,6 +187,7 @@ Upstream::~Upstream() = default;
 bool Upstream::isReached() const { return state_->reached; }
 const Rows& Upstream::rows(Durability space) const { return state_->of(space).rows(); }
 State Upstream::state(Durability space) const { return state_->of(space).state(); }
+const std::string& Upstream::server() const { return state_->commandsTo; }
 const std::string& Upstream::uuid() const { return state_->uuid; }
 
 WriteId Upstream::write(Durability space, const Statedb::Changes& changes, std::vector<Claimed> claims) {

@@ -88,6 +88,8 @@ class Upstream {
   const Rows& rows(Statedb::Durability space) const;
   // Of that snapshot and the entries since; its timeline is empty before the first.
   State state(Statedb::Durability space) const;
+  // The run id of the server: another one after each of its starts. Empty unless isReached().
+  const std::string& server() const;
   // Random, of this process; the start of the origins of its writes, and the owner of its claims.
   const std::string& uuid() const;
 

@@ -37,7 +37,9 @@ struct Process {
   Process(Host::Loop& loop, const std::string& url, int pid = 0)
       : store(loop, url, [this](const std::string& text) { reports.push_back(text); }) {
     store.subscribe("", all);
-    if (pid == 0) return;
+    if (pid != 0) work(pid);
+  }
+  void work(int pid) {
     store.subscribe(kMount, agent);
     store.announce({.pid = pid, .publishes = {kMount}});
   }
@@ -204,11 +206,13 @@ TEST_F(SharedStore, RefusesAnOwnerThatWasStoppedUntilAnotherTookOver) {
 }
 
 TEST_F(SharedStore, KeepsWhatAPublisherWroteWhoseClaimItHasNotReadYet) {
-  const auto reader = process();
-  until([&] { return reader->store.state().isReached; });
   const std::string cable = server.at("cable");
   ASSERT_EQ(::symlink(server.socket().c_str(), cable.c_str()), 0);
-  const auto owner = process(1, cable);
+  const auto owner = process(0, cable);
+  until([&] { return owner->store.state().isReached; });
+  const auto reader = process();
+  until([&] { return reader->store.state().isReached; });
+  owner->work(1);
   until([&] { return owner->agent.snapshots == 1; });
   owner->publish("p", 1);
   until([&] { return reader->shown("hardware/gpio/p", "value") == Value(1); });

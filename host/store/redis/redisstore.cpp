@@ -300,7 +300,10 @@ void RedisStore::tick() {
   }
   if (!upstream_.isReached()) return;
   volatile_.check();
-  for (auto& [mount, ticks] : ownedFor_) ++ticks;
+  for (auto& [mount, ticks] : ownedFor_)
+    if (!tokenOf(mount).empty() && ++ticks == kTicksToPublish + 1)
+      publications_.published(mount, upstream_.rows(Durability::volatile_));
+  volatile_.send();
   reportSynced();
   claims_.tick();
   upstream_.flush();

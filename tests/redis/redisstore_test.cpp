@@ -160,6 +160,27 @@ TEST_F(SharedStore, HasOnePublisherOfAMountAndAStandbyThatTakesOver) {
   const auto again = process();
   until([&] { return again->shown("hardware/gpio/p", "value") == Value(1); });
   EXPECT_EQ(reader->all.batches, batches);
+
+  // After another one the server has old rows. Its readers do not see these, and the owner removes them.
+  const auto isShown = [&](const Process& by) { return by.shown("hardware/gpio/r", "value") == Value(3); };
+  b->publish("r", 3);
+  until([&] { return isShown(*reader) && isShown(*again); });
+  client.connect();
+  client.run("BGREWRITEAOF");
+  until([&] {
+    const std::string info = client.run("INFO persistence").text;
+    return info.find("rewrite_in_progress:0") != info.npos && info.find("rewrite_scheduled:0") != info.npos;
+  });
+  b->store.write({Change::del("hardware/gpio/r")}, Durability::volatile_, &b->agent);
+  until([&] { return !isShown(*reader) && !isShown(*again); });
+  again->all.batches = 0;
+  server.restart();
+  until([&] { return !again->store.state().isReached; });
+  client.connect();
+  until([&] { return client.run("EXISTS {pinlamp}:v:log").number == 1; });
+  until([&] { return client.run("HEXISTS {pinlamp}:v:d:hardware/gpio r").number == 0; });
+  until([&] { return again->store.state().isReached; });
+  EXPECT_EQ(again->all.batches, 0);
   end(b);
   until([&] { return reader->all.rows.empty() && again->all.rows.empty(); });  // `hold` is over
 }

@@ -218,6 +218,17 @@ TEST_F(RedisUpstream, ALaterWriteIsNeverOverwrittenByAnEarlierOne) {
   agree({&one});
   EXPECT_THAT(one.refusals, ElementsAre(Refusal::otherType));
   EXPECT_EQ(scan(kStored), (Seen{{"hidden", "T"}, {"hidden x", "2"}}));
+
+  client({"FLUSHALL"});
+  runUntil(loop, [&] { return one.saw("wiped"); });
+  one.upstream.acceptWiped(kStored);
+  runUntil(loop, [&] { return one.upstream.rows(kStored).all().empty(); });
+  client({"HSET", "{pinlamp}:s:meta", "generation", "another"});
+  one.write(kStored, {put("a", 1)});  // meets that one
+  client({"FLUSHALL"});
+  one.write(kStored, {put("a", 2)});  // makes the space
+  agree({&one});
+  EXPECT_EQ(scan(kStored), (Seen{{"a", "T"}, {"a x", "2"}}));
 }
 
 TEST_F(RedisUpstream, FindsWhatCouldNotBeAnnounced) {

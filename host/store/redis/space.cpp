@@ -101,6 +101,7 @@ void Space::onState(const Reply& reply) {
   const ServerState state = serverState(reply);
   if (!line_.isFit(state)) return;
   follower_.onState(state.state);
+  if (follower_.isFollowing() && state.state.timeline == this->state().timeline) sendWaiting();
   line_.onStep();
 }
 
@@ -165,15 +166,22 @@ void Space::accept(const State&) {
   std::swap(rows_, copy_);
   throwAway(copy_);
   owner_.onRows(durability_);
+  sendWaiting();
+}
+
+void Space::sendWaiting() {
   std::vector<Sequence> waiting;
   for (const auto& [sequence, write] : writes_)
     if (write.isWaitingForIt) waiting.push_back(sequence);
   for (const Sequence each : waiting) sendAgain(each);
 }
 
-// Volatile rows are state: by now their writer may have newer values, and sends those.
+// Volatile rows are state: by now their writer may have newer values, and sends those. Between two wipes, a
+// later write may have made the space.
 void Space::sendAgain(Sequence sequence) {
   if (durability_ == Durability::volatile_) return giveBack(sequence);
+  if (sequence < carriedOut_)
+    return onRefused(sequence, {Reply::Kind::error, 0, "GENERATION and a later write was carried out", {}});
   follower_.resending(sequence);
   send(sequence);
 }
@@ -190,6 +198,7 @@ void Space::apply(const Entry& entry, Sequence own) {
 }
 
 void Space::settle(Sequence write, Outcome outcome) {
+  if (outcome == Outcome::applied) carriedOut_ = std::max(carriedOut_, write);
   writes_.erase(write);
   owner_.onSettled({durability_, write}, outcome);
 }
@@ -259,6 +268,7 @@ void Space::onWritten(Sequence sequence, const Written& written) {
   if (!written.unannounced.empty())
     line_.warn("changes can't be announced on the channel '" + keys_.channel() +
                "', so others see them up to a second later: " + written.unannounced.substr(0, 200));
+  carriedOut_ = std::max(carriedOut_, sequence);
   follower_.onWritten(sequence, written.revision);
 }
 

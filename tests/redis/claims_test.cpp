@@ -54,8 +54,9 @@ class Process : public Claims::Output {
   Lines reached(const std::string& timeline) {
     claims.onLost();
     claims.onReached(timeline);
-    EXPECT_THAT(std::exchange(notes, {}), ElementsAre("read"));
-    return {claims.ownedToken("m")};
+    EXPECT_EQ(notes.back(), "read");
+    notes.back() = claims.ownedToken("m");
+    return std::exchange(notes, {});
   }
   void own() {
     claims.mountsAre({"m"});
@@ -80,6 +81,7 @@ class Process : public Claims::Output {
   void onStandby(const std::string& mount, std::string_view who) override {
     note("standby", mount, std::string(who));
   }
+  void onKept(const std::string& mount) override { notes.push_back("kept " + mount); }
   void onCurrent(const std::string& mount) override { notes.push_back("current " + mount); }
   void note(const std::string& what, const std::string& mount, const std::string& with) {
     notes.push_back(what + " " + mount + " " + with);
@@ -161,10 +163,11 @@ TEST(Claims, AnOwnerHasATokenWhileTheServerShowsItsClaim) {
       << "not published in this timeline yet";
 
   process.reached("t3");
-  EXPECT_THAT(process.at(kAbsent), ElementsAre("take m ")) << "the server lost it";
+  EXPECT_THAT(process.at(kAbsent), ElementsAre("kept m", "take m ")) << "the server lost it";
   EXPECT_THAT(process.answered(held("1 me", 1)), ElementsAre("owned m"));
   EXPECT_THAT(process.at(held("1 me", 1)), ElementsAre("beat m 1 me "));
-  EXPECT_THAT(process.answered(held("2 he", 4)), ElementsAre("standby m he's host")) << "it was stopped";
+  EXPECT_THAT(process.answered(held("2 he", 4)), ElementsAre("kept m", "standby m he's host"))
+      << "it was stopped";
   EXPECT_EQ(process.claims.ownedToken("m"), "");
 
   Process fenced;
@@ -172,7 +175,7 @@ TEST(Claims, AnOwnerHasATokenWhileTheServerShowsItsClaim) {
   fenced.claims.onFenced("m");
   EXPECT_EQ(fenced.claims.ownedToken("m"), "");
   EXPECT_THAT(fenced.notes, ElementsAre("read"));
-  EXPECT_THAT(fenced.at(held("2 he", 1)), ElementsAre("standby m he's host"));
+  EXPECT_THAT(fenced.at(held("2 he", 1)), ElementsAre("kept m", "standby m he's host"));
 
   Process lost;
   lost.own();
@@ -236,27 +239,39 @@ TEST(Claims, RowsAreKeptInANewTimelineUntilTheirPublisherIsDoneOrHoldIsOver) {
   Process reader;
   const Claim before = held("3 he", 7, "t1");
   reader.at(before);
-  reader.reached("t1");
-  EXPECT_FALSE(reader.claims.status()[0].isKept);
+  EXPECT_THAT(reader.reached("t1"), ElementsAre(""));
   reader.at(kAbsent);  // wiped: the timeline follows
   reader.claims.onReached("t2");
-  EXPECT_TRUE(reader.claims.status()[0].isKept);
+  EXPECT_THAT(std::exchange(reader.notes, {}), ElementsAre("kept m", "read"));
   EXPECT_THAT(reader.at(kAbsent), IsEmpty());
   EXPECT_THAT(reader.at(held("1 he", 1, "t1")), IsEmpty());
   EXPECT_THAT(reader.at(held("1 he", 2, "t2")), ElementsAre("current m"));
-  reader.reached("t3");
+  EXPECT_THAT(reader.reached("t3"), ElementsAre("kept m", ""));
   EXPECT_THAT(reader.until(kAbsent), ElementsAre("31: current m"));
   EXPECT_THAT(reader.claims.status(), IsEmpty());
+  reader.claims.onPublished("n");  // the server is lost before its claim is read
+  EXPECT_THAT(reader.reached("t4"), ElementsAre("kept n", ""));
 
   Process owner;
   owner.own();
   owner.reached("t2");
   EXPECT_THAT(owner.at(held("1 me", 1)), ElementsAre("owned m"));
   owner.claims.synced("m");
-  EXPECT_THAT(std::exchange(owner.notes, {}), ElementsAre("current m"));
+  EXPECT_THAT(std::exchange(owner.notes, {}), ElementsAre("current m", "beat m 1 me t2"));
   owner.claims.onReached("t3");  // on the same connection
   EXPECT_EQ(owner.claims.ownedToken("m"), "");
-  EXPECT_THAT(owner.at(held("1 me", 1)), ElementsAre("owned m"));
+  EXPECT_THAT(owner.answered(held("1 me", 2)), ElementsAre("owned m"));
+
+  for (const Claim& then : {held("2 he", 1), Claim{"g2", "1 he", 1, "he's host", ""}}) {
+    Process former;
+    former.own();
+    former.claims.synced("m");
+    former.notes.clear();
+    const Lines done = former.answered(then);
+    EXPECT_EQ(done.back(), "standby m he's host");
+    EXPECT_EQ(done.size(), then.generation == "g" ? 1U : 2U)
+        << "its successor adopted all, unless it was wiped";
+  }
 }
 
 }  // namespace

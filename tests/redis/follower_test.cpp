@@ -152,9 +152,10 @@ TEST(Follower, AsksForWhatIsMissingAndSettlesEachWrite) {
       {"unanswered, and the log of the new history tells all",
        kLost + "state s2 g1 2 > scan | scanned > log? 0 | "
                "log g1 2 1 2=1 > accept s2/g1 2, 1 applied, 2 not applied"},
-      {"unanswered, and the new history is empty",
-       kLost + "state s2 - 0 > wiped | check > state? fence 2 | state s2 g2 1 > scan | scanned > log? 0 | "
-               "log g2 1 1 > accept s2/g2 1, 1 not applied, 2 not applied"},
+      {"unanswered, and the new history is empty", kLost + "state s2 - 0 > 1 unknown, 2 unknown, wiped"},
+      {"answered, then wiped before the push",
+       "write | written 1 6 | write | check > state? | state s1 - 0 > 1 unknown, wiped | check > state? | "
+       "state s1 g2 1 > scan | scanned > log? 0 | log g2 1 1=2 > accept s1/g2 1, 2 applied"},
   };
   for (const Case& each : cases) {
     SCOPED_TRACE(each.name);

@@ -37,7 +37,9 @@ struct Process {
   Process(Host::Loop& loop, const std::string& url, int pid = 0)
       : store(loop, url, [this](const std::string& text) { reports.push_back(text); }) {
     store.subscribe("", all);
-    if (pid == 0) return;
+    if (pid != 0) work(pid);
+  }
+  void work(int pid) {
     store.subscribe(kMount, agent);
     store.announce({.pid = pid, .publishes = {kMount}});
   }
@@ -68,8 +70,9 @@ struct SharedStore : ::testing::Test {
       return Zel::Clock::kNever;
     });
   }
-  std::unique_ptr<Process> process(int pid = 0, const std::string& options = "&lease=1s&hold=2s") {
-    auto made = std::make_unique<Process>(loop, server.url(options), pid);
+  std::unique_ptr<Process> process(int pid = 0) { return process(pid, server.socket()); }
+  std::unique_ptr<Process> process(int pid, const std::string& socket) {
+    auto made = std::make_unique<Process>(loop, "redis-unix:" + socket + "?timeout=5s&lease=1s&hold=2s", pid);
     all.push_back(made.get());
     return made;
   }
@@ -157,6 +160,27 @@ TEST_F(SharedStore, HasOnePublisherOfAMountAndAStandbyThatTakesOver) {
   const auto again = process();
   until([&] { return again->shown("hardware/gpio/p", "value") == Value(1); });
   EXPECT_EQ(reader->all.batches, batches);
+
+  // After another one the server has old rows. Its readers do not see these, and the owner removes them.
+  const auto isShown = [&](const Process& by) { return by.shown("hardware/gpio/r", "value") == Value(3); };
+  b->publish("r", 3);
+  until([&] { return isShown(*reader) && isShown(*again); });
+  client.connect();
+  client.run("BGREWRITEAOF");
+  until([&] {
+    const std::string info = client.run("INFO persistence").text;
+    return info.find("rewrite_in_progress:0") != info.npos && info.find("rewrite_scheduled:0") != info.npos;
+  });
+  b->store.write({Change::del("hardware/gpio/r")}, Durability::volatile_, &b->agent);
+  until([&] { return !isShown(*reader) && !isShown(*again); });
+  again->all.batches = 0;
+  server.restart();
+  until([&] { return !again->store.state().isReached; });
+  client.connect();
+  until([&] { return client.run("EXISTS {pinlamp}:v:log").number == 1; });
+  until([&] { return client.run("HEXISTS {pinlamp}:v:d:hardware/gpio r").number == 0; });
+  until([&] { return again->store.state().isReached; });
+  EXPECT_EQ(again->all.batches, 0);
   end(b);
   until([&] { return reader->all.rows.empty() && again->all.rows.empty(); });  // `hold` is over
 }
@@ -214,6 +238,92 @@ TEST_F(SharedStore, TakesALargeSnapshotOverWhileOthersWrite) {
   until([&] { return writer->store.state().isReached && agreed(); });
   EXPECT_EQ(reader->shown(at(kRows / 2 + 1), "v"), Value(2));
   EXPECT_EQ(reader->shown(at(kRows / 2 + 2), "v"), Value());
+}
+
+// A process that publishes, is stopped, and goes on where it was. Exits with 0 when it stands by.
+[[noreturn]] void beStopped(const std::string& url) {
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  Host::Loop loop;
+  Process owner(loop, url, 1), reader(loop, url);
+  loop.turnIs([&] {
+    owner.store.flush();
+    reader.store.flush();
+    return Zel::Clock::kNever;
+  });
+  RedisTest::runUntil(loop, [&] { return owner.agent.snapshots == 1; });
+  owner.publish("p", 1);
+  RedisTest::runUntil(loop, [&] { return reader.shown("hardware/gpio/p", "value") == Value(1); });
+  owner.reports.clear();
+  ::raise(SIGSTOP);
+  owner.publish("p", 2);
+  RedisTest::runUntil(loop, [&] { return owner.shown("hardware/gpio/p", "value") == Value(3); });
+  EXPECT_THAT(owner.reports, ElementsAre(::testing::EndsWith("this process is the standby")));
+  ::_exit(testing::Test::HasFailure() ? 1 : 0);
+}
+
+TEST_F(SharedStore, RefusesAnOwnerThatWasStoppedUntilAnotherTookOver) {
+  const std::string url = server.url("&lease=1s&hold=never");
+  const pid_t owner = ::fork();
+  if (owner == 0) beStopped(url);
+  int status = 0;
+  ::waitpid(owner, &status, WUNTRACED);
+  ASSERT_TRUE(WIFSTOPPED(status));
+  const auto successor = process(2);
+  until([&] { return successor->isOwner() && successor->agent.snapshots == 1; });
+  successor->publish("p", 3);
+  const auto reader = process();
+  until([&] { return reader->shown("hardware/gpio/p", "value") == Value(3); });
+  ::kill(owner, SIGCONT);
+  bool isOver = false;
+  until([&] { return isOver = isOver || ::waitpid(owner, &status, WNOHANG) == owner; });
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(reader->shown("hardware/gpio/p", "value"), Value(3));
+  EXPECT_TRUE(successor->isOwner());
+}
+
+TEST_F(SharedStore, KeepsWhatAPublisherWroteWhoseClaimItHasNotReadYet) {
+  const std::string cable = server.at("cable");
+  ASSERT_EQ(::symlink(server.socket().c_str(), cable.c_str()), 0);
+  const auto owner = process(0, cable);
+  until([&] { return owner->store.state().isReached; });
+  const auto reader = process();
+  until([&] { return reader->store.state().isReached; });
+  owner->store.write({Change::put("x", "T", "v", 0)}, Durability::volatile_, nullptr);
+  until([&] { return reader->shown("x", "v") == Value(0); });
+  owner->work(1);
+  until([&] { return owner->agent.snapshots == 1; });
+  owner->publish("p", 1);
+  until([&] { return reader->shown("hardware/gpio/p", "value") == Value(1); });
+  ASSERT_EQ(::unlink(cable.c_str()), 0);
+  server.restart();
+  const auto other = process();
+  until([&] { return other->store.state().isReached; });
+  other->store.write({Change::put("x", "T", "v", 1)}, Durability::volatile_, nullptr);
+  until([&] { return reader->shown("x", "v") == Value(1); });
+  EXPECT_EQ(reader->shown("hardware/gpio/p", "value"), Value(1));
+  ASSERT_EQ(::symlink(server.socket().c_str(), cable.c_str()), 0);
+  until([&] { return owner->isOwner() && owner->store.state().isReached; });
+  owner->publish("p", 2);
+  until([&] { return reader->shown("hardware/gpio/p", "value") == Value(2); });
+}
+
+TEST_F(SharedStore, ShowsWhatAStoredStepRevealsTogetherWithItsEntryOrAfterIt) {
+  const auto reader = process(), writer = process();
+  until([&] { return reader->store.state().isReached && writer->store.state().isReached; });
+  const auto ticket = write(*writer, {Change::put("x", "T", "v", 1), Change::put("x", "T", "w", 1)});
+  until([&] { return ticket.isDone(); });
+  writer->store.write({Change::put("x", "T", "v", 2), Change::put("x", "T", "w", 2)}, Durability::volatile_,
+                      nullptr);
+  until([&] { return reader->shown("x", "w") == Value(2); });
+  RedisTest::Client client(loop, server.url());
+  client.connect();
+  client({"XADD", "{pinlamp}:v:log", "0-*", "o", "he.s:2", "d", "^2\n@\n-x\tv\n"});
+  client({"XADD", "{pinlamp}:v:log", "0-*", "o", "he.s:1", "d", "^1\n@\n-x\tw\n"});
+  until([&] { return reader->shown("x", "w") == Value(1); });
+  EXPECT_EQ(reader->shown("x", "v"), Value(2));
+  client({"XADD", "{pinlamp}:s:log", "0-*", "o", "he.s:2", "d", "@\n:T\n+x\ty\t1\n"});
+  until([&] { return reader->shown("x", "v") == Value(1); });
+  EXPECT_EQ(reader->shown("x", "y"), Value(1));
 }
 
 }  // namespace

@@ -15,10 +15,11 @@ namespace {
 
 using namespace Host::Redis;
 using RedisTest::Client;
+using RedisTest::kStored;
+using RedisTest::kVolatile;
 using RedisTest::runUntil;
 using RedisTest::Seen;
 using RedisTest::seenIn;
-using RedisTest::Server;
 using Statedb::Change;
 using Statedb::Changes;
 using Statedb::Durability;
@@ -28,17 +29,13 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-constexpr Durability kStored = Durability::stored, kVolatile = Durability::volatile_;
-
 Change put(Path path, Zel::Name attribute, Zel::Value value) {
   return Change::put(path, "T", attribute, value);
 }
 Change put(Path path, Zel::Name type) { return Change::put(path, type, {}, {}); }
 
-class Scripts : public ::testing::Test {
+class Scripts : public RedisTest::OnServer {
  protected:
-  Scripts() { client.connect(); }
-
   Reply call(Call what) { return call(client, caller, std::move(what)); }
   static Reply call(Client& of, Caller& by, Call what) {
     return of.replyTo([&](auto then) { by.call(std::move(what), then); });
@@ -79,9 +76,6 @@ class Scripts : public ::testing::Test {
   }
   Rows scan(const Space& from) { return RedisTest::scan(client, from.keys); }
 
-  Host::Loop loop;
-  Server server;
-  Client client{loop, server.url()};
   Caller caller{client.connection};
   Space stored{kStored}, volatile_{kVolatile};
   Sequence sequence = 0;

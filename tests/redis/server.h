@@ -23,6 +23,8 @@
 
 namespace RedisTest {
 
+inline constexpr auto kStored = Statedb::Durability::stored, kVolatile = Statedb::Durability::volatile_;
+
 // A port of the loopback that is free at the moment.
 inline std::uint16_t freePort() {
   const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
@@ -165,6 +167,16 @@ class Client : public Host::Redis::Connection::Owner {
 
  private:
   Host::Loop& loop_;
+};
+
+// A test with a server and a connected client.
+class OnServer : public ::testing::Test {
+ protected:
+  OnServer() { client.connect(); }
+
+  Host::Loop loop;
+  Server server;
+  Client client{loop, server.url()};
 };
 
 // "PATH" with the type, and "PATH ATTRIBUTE" with the value as text; added to what was seen before.

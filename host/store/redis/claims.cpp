@@ -4,6 +4,8 @@
 #include <charconv>
 #include <utility>
 
+#include "platform/statedb/store/store.h"
+
 namespace Host::Redis {
 
 namespace {
@@ -33,8 +35,9 @@ bool isAtOrUnder(std::string_view path, std::string_view above) {
 }  // namespace
 
 struct Claims::Mount {
-  bool isWanted = false;  // this process publishes it
-  int underWay = 0;       // requests
+  bool isWanted = false;   // this process publishes it
+  bool isClaimed = false;  // somebody does, or did
+  int underWay = 0;        // requests
 
   Claim seen{};  // by the last answer; nobody's before the first
   std::string who{};
@@ -81,7 +84,7 @@ void Claims::onReached(const std::string& timeline) {
     mount.repeats = 0;
     if (!isOther) continue;
     mount.synced.clear();
-    if (!mount.who.empty()) keep(mount);
+    if (mount.isClaimed) keep(name, mount);
   }
   read();
 }
@@ -95,12 +98,14 @@ void Claims::onLost() {
 }
 
 void Claims::tick() {
-  for (auto& [name, mount] : mounts_) {
-    if (!mount.isVerified || mount.underWay > 0) continue;
-    ++mount.underWay;
-    output_.beat(name, mount.seen.token, mount.synced);
-  }
+  for (auto& [name, mount] : mounts_) beat(name, mount);
   read();
+}
+
+void Claims::beat(const std::string& name, Mount& mount) {
+  if (!mount.isVerified || mount.underWay > 0) return;
+  ++mount.underWay;
+  output_.beat(name, mount.seen.token, mount.synced);
 }
 
 void Claims::read() {
@@ -164,16 +169,26 @@ void Claims::onFenced(const std::string& mount) {
   read();
 }
 
+void Claims::onPublished(const std::string& mount) {
+  if (mounts_.size() >= kMostClaims && !mounts_.contains(mount)) return;
+  const auto [found, isNew] = mounts_.try_emplace(mount);
+  if (isNew) found->second.since = watched_;
+  found->second.isClaimed = true;
+}
+
 void Claims::synced(const std::string& mount) {
   const auto found = mounts_.find(mount);
-  if (found == mounts_.end() || !found->second.isVerified) return;
+  if (found == mounts_.end() || !found->second.isVerified || found->second.synced == timeline_) return;
   found->second.synced = timeline_;
   stopKeeping(mount, found->second);
+  beat(mount, found->second);
 }
 
 void Claims::update(const std::string& name, Mount& mount, const Claim& claim, Now now) {
   const Claim before = std::exchange(mount.seen, claim);
   if (!claim.who.empty()) mount.who = claim.who;
+  if (!claim.token.empty()) mount.isClaimed = true;
+  if (before.generation != claim.generation) mount.synced.clear();
   if (isUnchanged(before, claim)) {
     ++mount.repeats;
   } else {
@@ -197,8 +212,9 @@ void Claims::own(const std::string& name, Mount& mount, bool isChanged) {
   if (!std::exchange(mount.isVerified, true) || isChanged) output_.onOwned(name);
 }
 
+// A successor of an owner that had published everything adopted all of it.
 void Claims::standBy(const std::string& name, Mount& mount) {
-  if (std::exchange(mount.isOwner, false)) keep(mount);
+  if (std::exchange(mount.isOwner, false) && mount.synced != timeline_) keep(name, mount);
   mount.isVerified = false;
   if (!mount.isWanted) return sweepIfDue(name, mount);
   if (mayTake(mount)) {
@@ -246,9 +262,10 @@ void Claims::release(const std::string& name, Mount& mount) {
   output_.release(name, mount.seen.token);
 }
 
-void Claims::keep(Mount& mount) {
+void Claims::keep(const std::string& name, Mount& mount) {
   mount.isKept = true;
   mount.keptSince = watched_;
+  if (!mount.isOwner) output_.onKept(name);
 }
 
 void Claims::stopKeeping(const std::string& name, Mount& mount) {
@@ -256,6 +273,17 @@ void Claims::stopKeeping(const std::string& name, Mount& mount) {
   if (!mount.isKept || (!isCurrent && watched_ - mount.keptSince < hold_)) return;
   mount.isKept = false;
   output_.onCurrent(name);
+}
+
+void Claims::check(const Statedb::Changes& changes) const {
+  for (const auto& [name, mount] : mounts_) {
+    const auto path = Statedb::Path::existing(name);
+    if (mount.isOwner || mount.isWanted || isOrphan(mount) || mount.who.empty() || !path) continue;
+    for (const Statedb::Change& change : changes)
+      if (concerns(change, *path))
+        throw Statedb::RefusedError("'" + change.row.path.text() + "': '" + name + "' is published by " +
+                                    mount.who + ", and nobody else may write there");
+  }
 }
 
 Token Claims::ownedToken(std::string_view mount) const {
@@ -270,9 +298,12 @@ std::vector<Claims::Status> Claims::status() const {
   return all;
 }
 
+bool Claims::isOrphan(const Mount& mount) const {
+  return !mount.isOwner && (mount.seen.isFree() || isSilent(mount));
+}
+
 Claims::Status Claims::statusOf(const std::string& name, const Mount& mount) const {
-  const bool isOrphan = !mount.isOwner && (mount.seen.isFree() || isSilent(mount));
-  return {name, mount.who, mount.isOwner, isOrphan, mount.isKept, mount.changed};
+  return {name, mount.who, mount.isOwner, isOrphan(mount), mount.changed};
 }
 
 }  // namespace Host::Redis

@@ -29,7 +29,7 @@
 //
 // When the timeline changes, the volatile space may be empty or old: readers keep the rows that they had
 // under a claimed mount until its owner reports that it has published everything in this timeline
-// (`synced`), at most for `hold`. So does an owner that loses its claim.
+// (`synced`), at most for `hold`. So does an owner that loses its claim before it has published everything.
 //
 // Activity thread only.
 #pragma once
@@ -68,6 +68,9 @@ class Claims {
     virtual void onOwned(const std::string& mount) = 0;
     // It may not any more, or yet: `who` holds the claim. Once for each holder.
     virtual void onStandby(const std::string& mount, std::string_view who) = 0;
+    // The server may lack rows that another process published under the mount: keep those that are shown
+    // there, until onCurrent(). May come again meanwhile.
+    virtual void onKept(const std::string& mount) = 0;
     // The rows that were kept under the mount are no longer needed: its owner has published everything, or
     // `hold` is over.
     virtual void onCurrent(const std::string& mount) = 0;
@@ -82,7 +85,6 @@ class Claims {
     std::string who{};      // the holder, or the last one; empty: nobody ever was, or it is not known
     bool isOwn = false;     // this process is, or was when the connection was lost
     bool isOrphan = false;  // its rows have no publisher: released, or silent for `lease`
-    bool isKept = false;    // until onCurrent()
     Now since = 0;          // isOrphan: the claim was seen to change last
   };
 
@@ -112,10 +114,14 @@ class Claims {
   // A write was refused because another process holds the claim: there is no token until an answer shows that
   // it is this one's after all.
   void onFenced(const std::string& mount);
+  // Its publisher, another process, wrote there. It may be gone before an answer shows its claim.
+  void onPublished(const std::string& mount);
   // Everything that this process publishes under the mount is on the server, in this timeline: what was
-  // written since the last onOwned(). Ignored while there is no token.
+  // written since the last onOwned(). Reported at once. Ignored while there is no token.
   void synced(const std::string& mount);
 
+  // Throws RefusedError for a change under a mount that another process publishes, and this one does not.
+  void check(const Statedb::Changes& changes) const;
   // Empty unless this process owns the claim, seen on this connection.
   Token ownedToken(std::string_view mount) const;
   // Of each mount that is or was claimed by anybody, by name.
@@ -128,17 +134,19 @@ class Claims {
   void read();
   void watch(Now now);
   void update(const std::string& name, Mount& mount, const Claim& claim, Now now);
+  void beat(const std::string& name, Mount& mount);
   void own(const std::string& name, Mount& mount, bool isChanged);
   void standBy(const std::string& name, Mount& mount);
   void sweepIfDue(const std::string& name, Mount& mount);
   void release(const std::string& name, Mount& mount);
-  void keep(Mount& mount);
+  void keep(const std::string& name, Mount& mount);
   void stopKeeping(const std::string& name, Mount& mount);
   void forget(const ClaimList& all);
   Now silence(const Mount& mount) const;
   bool isSilent(const Mount& mount) const;
   bool isDead(const Mount& mount) const;
   bool mayTake(const Mount& mount) const;
+  bool isOrphan(const Mount& mount) const;
   bool isShared(const std::string& name) const;
   Status statusOf(const std::string& name, const Mount& mount) const;
 

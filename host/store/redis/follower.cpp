@@ -68,7 +68,9 @@ void Follower::decide(const State& state) {
   const bool isWiped =
       state.timeline.generation.empty() && mirrored_ && !mirrored_->timeline.generation.empty();
   if (!isWiped || accepts) return takeSnapshot(state);
-  if (std::exchange(phase_, Phase::wiped) != Phase::wiped) output_.wiped();
+  if (std::exchange(phase_, Phase::wiped) == Phase::wiped) return;
+  settleWiped();
+  output_.wiped();
 }
 
 // The mirror has everything up to the last answer: what was pushed meanwhile is next.
@@ -236,6 +238,12 @@ void Follower::settleOrphans(Outcome outcome) {
     writes_.erase(write);
     output_.settle(sequence, outcome);
   }
+}
+
+// The history is gone with the answer. Nobody may write for long, so these can't wait for the next one.
+void Follower::settleWiped() {
+  for (auto& [sequence, write] : writes_) write.isOrphan = write.isOrphan || write.answer;
+  settleOrphans(Outcome::unknown);
 }
 
 // An answer's revision counts in the history that it was given in.

@@ -170,6 +170,7 @@ class Follower {
   Sequence ownSequence(std::string_view origin) const;
   Sequence lastOrphan() const;
   void settleOrphans(Outcome outcome);
+  void settleWiped();
   void settleAtCopy(bool isSameTimeline);
 
   const std::string uuid_;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <functional>
 #include <optional>
 #include <utility>
@@ -64,6 +65,9 @@ struct DeltaReader {
         return put(rest);
       case '-':
         return unset(rest);
+      case '^':
+      case '=':
+        return;  // see headOf()
       default:
         failAt("a step of a change that begins with none of @ : ! + -", text);
     }
@@ -180,6 +184,20 @@ Changes changesOf(std::string_view delta, std::vector<std::string>& errors) {
     }
   return std::move(reader.changes);
 }
+
+DeltaHead headOf(std::string_view delta) {
+  DeltaHead head;
+  while (delta.starts_with('^') || delta.starts_with('=')) {
+    const std::string_view line = take(delta, '\n'), text = line.substr(1);
+    if (line[0] == '=')
+      head.mounts.emplace_back(text);
+    else
+      std::from_chars(text.data(), text.data() + text.size(), head.companionOf);
+  }
+  return head;
+}
+
+std::string mountLine(std::string_view mount) { return "=" + std::string(mount) + "\n"; }
 
 std::string entityText(const Record& record) {
   std::string text = record.type.stdString();

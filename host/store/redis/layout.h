@@ -21,8 +21,11 @@
 // Slashes and control characters are escaped in the names of a path, so no name contains a separator. The
 // entity at the empty path is the empty name in the empty directory.
 //
-// A delta is a line for each step, with tabs between its parts. A directory or a type holds until the next:
+// A delta is a line for each step, with tabs between its parts. A directory or a type holds until the next.
+// Two kinds of lines, of the volatile space alone, go before the steps:
 //
+//     ^REVISION                a stored write made the entry, besides the one of that revision of the stored
+//     log =MOUNT                   the writer holds the claim of this mount, and makes or removes rows there
 //     @DIRECTORY
 //     :TYPE
 //     +NAME                    put: the entity is there
@@ -37,6 +40,7 @@
 #include <string_view>
 #include <vector>
 
+#include "host/store/redis/follower.h"
 #include "platform/statedb/store/row.h"
 
 namespace Host::Redis {
@@ -111,6 +115,15 @@ Statedb::Changes changesOf(std::string_view delta, std::vector<std::string>& err
 // The value that a text of JSON stands for. Throws Zel::ValueError where it is none. Texts that repeat are
 // parsed once, and their values share memory.
 Zel::Value valueOf(std::string_view json);
+
+// The lines of a delta before its steps.
+struct DeltaHead {
+  Revision companionOf = 0;  // of the stored log; 0: it is no stored write's
+  std::vector<Statedb::Path> mounts{};
+};
+// Throws Zel::ValueError for a path beyond the limits.
+DeltaHead headOf(std::string_view delta);
+std::string mountLine(std::string_view mount);
 
 // The hash's value for an entity: its type and its attributes.
 std::string entityText(const Statedb::Record& record);

@@ -267,7 +267,7 @@ local function announce(space, itsGeneration, itsRevision, delta)
 end
 if #hidden > 0 then
   redis.set_repl(redis.REPL_REPLICA)
-  local delta = table.concat(hidden, '\n') .. '\n'
+  local delta = '^' .. revision .. '\n' .. table.concat(hidden, '\n') .. '\n'
   local its = append(other, delta)
   redis.call('HSET', other .. ':meta', 'shape', its)
   announce(other, redis.call('HGET', other .. ':meta', 'generation') or '', its, delta)

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "host/store/redis/spaces.h"
+#include "platform/statedb/store/store.h"
 
 namespace Host::Redis {
 
@@ -301,6 +302,37 @@ void Mirror::appendShown(Path path, Name attribute, Changes& changes) const {
   if (attribute.empty()) return appendRows(*record, changes);
   if (const Value* value = record->find(attribute))
     changes.push_back(Change::put(path, record->type, attribute, *value));
+}
+
+Changes Mirror::revealedBy(const Changes& changes) const {
+  const auto isWritten = [&](const Change& each) {
+    return std::ranges::find(changes, each) != changes.end();
+  };
+  Changes revealed;
+  for (const Change& change : changes) {
+    Changes shown;
+    if (change.kind == Change::Kind::put && change.row.attribute.empty()) continue;
+    if (change.kind != Change::Kind::del)
+      appendShown(change.row.path, change.row.attribute, shown);
+    else
+      withShown(change.row.path, [&](const Records& records) {
+        for (const Record* each : records) appendRows(*each, shown);
+      });
+    for (Change& each : shown)
+      if (!isWritten(each)) revealed.push_back(std::move(each));
+  }
+  return revealed;
+}
+
+void Mirror::checkTypes(const Changes& changes) const {
+  for (const Change& change : changes) {
+    const auto& [path, type, attribute, value] = change.row;
+    if (change.kind != Change::Kind::put) continue;
+    const Name there = typeAt(path);
+    if (!there.empty() && there != type && anyStored(path))
+      throw Statedb::RefusedError("'" + path.text() + "' is stored as a " + there.stdString() +
+                                  "; delete it before a " + type.stdString() + " is published there");
+  }
 }
 
 bool Mirror::anyStored(Path path) const {

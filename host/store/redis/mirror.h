@@ -73,6 +73,10 @@ class Mirror final : public Statedb::Table {
   // Puts of the visible value of an attribute, or with the empty attribute of the whole entity, without the
   // pending writes. Appends nothing where there is none.
   void appendShown(Statedb::Path path, Zel::Name attribute, Statedb::Changes& changes) const;
+  // The visible values at the places of a batch, without the pending writes, that differ from what it wrote.
+  Statedb::Changes revealedBy(const Statedb::Changes& changes) const;
+  // Throws RefusedError where a volatile put would take the place of stored rows of another type.
+  void checkTypes(const Statedb::Changes& changes) const;
   // Whether anything at or under a path is stored, pending writes included.
   bool anyStored(Statedb::Path path) const;
 

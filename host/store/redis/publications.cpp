@@ -95,10 +95,18 @@ Records Publications::recordsUnder(const Rows& rows, Path path) {
 void Publications::owned(Path mount, const Rows& theirs, const Records& shown) {
   Group& group = at(mount);
   if (std::exchange(group.isOwned, true)) return;
-  if (!group.isDelivered)
+  if (group.isDelivered) {
+    group.rows.lost();
+    group.rows.compare(recordsUnder(theirs, mount), true);
+  } else {
     for (const Record* record : shown) group.rows.adopt(*record);
+  }
+}
+
+void Publications::published(Path mount, const Rows& theirs) {
+  Group& group = at(mount);
   group.rows.lost();
-  group.rows.compare(recordsUnder(theirs, mount), group.isDelivered);
+  group.rows.compare(recordsUnder(theirs, mount), false);
 }
 
 void Publications::delivered(Path mount) { at(mount).isDelivered = true; }

@@ -51,11 +51,16 @@ class Publications {
 
   // This process holds the mount now. `theirs` are the server's volatile rows, and `shown` those that are
   // shown under the mount, which the server may have lost: these are adopted until delivered(), and
-  // afterwards replaced.
+  // afterwards replaced. What is adopted is sent by published() only, because this process may have missed
+  // newer values that others saw, and its agent is about to write its own.
   void owned(Statedb::Path mount, const Rows& theirs, const Statedb::Records& shown);
+  // The agent had the time to write everything: the rest of what was adopted is sent, where the server's rows
+  // differ.
+  void published(Statedb::Path mount, const Rows& theirs);
   void notOwned(Statedb::Path mount) { at(mount).isOwned = false; }
   // The agent of the mount got its snapshot: from now on what it writes is all that stands there.
   void delivered(Statedb::Path mount);
+  bool isDelivered(Statedb::Path mount) { return at(mount).isDelivered; }
   // The server is reached again, with these rows: only what differs is sent.
   void compare(const Rows& theirs);
 

@@ -14,7 +14,6 @@ using Statedb::Change;
 using Statedb::Changes;
 using Statedb::Durability;
 using Statedb::Path;
-using Statedb::Record;
 using Statedb::Records;
 using Statedb::RefusedError;
 using Statedb::StoreError;
@@ -30,10 +29,6 @@ constexpr int kTicksToPublish = 2;
 std::string hostName() {
   std::array<char, 256> name{};
   return ::gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "unknown host";
-}
-
-bool isPutOf(const Change& change, const Changes& written) {
-  return std::ranges::find(written, change) != written.end();
 }
 
 }  // namespace
@@ -87,7 +82,7 @@ void RedisStore::announce(const Statedb::Announcement& announcement) {
   mounts_ = announcement.publishes;
   publications_.mountsAre({mounts_.begin(), mounts_.end()});
   claims_.mountsAre(mounts_);
-  if (hasRows_) showVolatile();
+  if (hasRows_ && !isDue_) showVolatile();
 }
 
 void RedisStore::subscribe(Path path, Subscriber& subscriber) {
@@ -123,20 +118,8 @@ bool RedisStore::mayArrive(Path path, const Subscriber& subscriber) const {
 }
 
 void RedisStore::write(const Changes& changes, Durability durability, Subscriber* origin) {
-  checkClaims(changes);
+  claims_.check(changes);
   durability == Durability::stored ? writeStored(changes, origin) : writeVolatile(changes, origin);
-}
-
-void RedisStore::checkClaims(const Changes& changes) const {
-  for (const Claims::Status& claim : claims_.status()) {
-    const auto mount = Path::existing(claim.mount);
-    if (claim.isOwn || claim.isOrphan || claim.who.empty() || !mount || publications_.isMount(*mount))
-      continue;
-    for (const Change& change : changes)
-      if (concerns(change, *mount))
-        throw RefusedError("'" + change.row.path.text() + "': '" + claim.mount + "' is published by " +
-                           claim.who + ", and nobody else may write there");
-  }
 }
 
 void RedisStore::writeStored(const Changes& changes, Subscriber* origin) {
@@ -148,41 +131,14 @@ void RedisStore::writeStored(const Changes& changes, Subscriber* origin) {
   stored_.add(changes, origin);
 }
 
-void RedisStore::checkTypes(const Changes& changes) const {
-  for (const Change& change : changes) {
-    const auto& [path, type, attribute, value] = change.row;
-    if (change.kind != Change::Kind::put) continue;
-    const Zel::Name there = mirror_.typeAt(path);
-    if (!there.empty() && there != type && mirror_.anyStored(path))
-      throw RefusedError("'" + path.text() + "' is stored as a " + there.stdString() +
-                         "; delete it before a " + type.stdString() + " is published there");
-  }
-}
-
 void RedisStore::writeVolatile(const Changes& changes, Subscriber* origin) {
-  checkTypes(changes);
+  mirror_.checkTypes(changes);
   Subscribers::Notice notice{.origin = origin};
-  mirror_.carry(Durability::volatile_, publications_.write(changes), notice.changes);
-  if (origin) notice.revealed = revealedBy(changes);
+  const Changes shown = publications_.write(changes);
+  kept_.carry(shown);
+  mirror_.carry(Durability::volatile_, shown, notice.changes);
+  if (origin) notice.revealed = mirror_.revealedBy(changes);
   subscribers_.notify(std::move(notice));
-}
-
-// The visible values at the places of a batch that differ from what its origin wrote.
-Changes RedisStore::revealedBy(const Changes& changes) const {
-  Changes revealed;
-  for (const Change& change : changes) {
-    Changes shown;
-    if (change.kind != Change::Kind::del)
-      mirror_.appendShown(change.row.path, change.row.attribute, shown);
-    else
-      mirror_.withShown(change.row.path, [&](const Records& records) {
-        for (const Record* each : records) mirror_.appendShown(each->path, {}, shown);
-      });
-    if (change.kind == Change::Kind::put && change.row.attribute.empty()) continue;
-    for (Change& each : shown)
-      if (!isPutOf(each, changes)) revealed.push_back(std::move(each));
-  }
-  return revealed;
 }
 
 Ticket RedisStore::flush() {
@@ -201,16 +157,15 @@ std::vector<Claimed> RedisStore::heldClaims() const {
   return held;
 }
 
+// Where neither changed, the server has every volatile row that it ever acknowledged.
 std::string RedisStore::timeline() const {
-  const State state = upstream_.state(Durability::volatile_);
-  return state.timeline.server + ' ' + state.timeline.generation;
+  return upstream_.server() + ' ' + upstream_.state(Durability::volatile_).timeline.generation;
 }
 
 // The claims are read first: they decide what may be written.
 void RedisStore::onReached() {
   publications_.compare(upstream_.rows(Durability::volatile_));
   claims_.onReached(timeline());
-  showVolatile();
   upstream_.flush();
 }
 
@@ -242,49 +197,30 @@ void RedisStore::onLost(const Loss& loss) {
   claims_.onLost();
 }
 
+// Volatile rows are shown when the claims were read after them. Otherwise this process would show what it
+// does not know to be claimed, and would not keep it where the server is lost again.
 void RedisStore::onRows(Durability space) {
   if (space == Durability::volatile_) {
-    if (const std::string before = std::exchange(timeline_, timeline());
-        !before.empty() && before != timeline_)
-      keepOthers();
+    isDue_ = true;
     publications_.compare(upstream_.rows(space));
-    if (upstream_.isReached()) claims_.onReached(timeline_);
-    return showVolatile();
+    if (upstream_.isReached()) claims_.onReached(timeline());
+    return;
   }
   wipedAt_.reset();
   refresh_.start(space, [this](Path path) { return upstream_.rows(Durability::stored).find(path); });
 }
 
+void RedisStore::showWhatIsDue() {
+  if (isDue_) showVolatile();
+}
+
 void RedisStore::showVolatile() {
+  isDue_ = false;
   refresh_.start(Durability::volatile_, [this](Path path) { return wantedVolatile(path); });
 }
 
-// The rows that are kept stay as they are shown.
-std::optional<const Record*> RedisStore::wantedVolatile(Path path) {
-  if (isKept(path)) return std::nullopt;
-  return publications_.over(path, upstream_.rows(Durability::volatile_).find(path));
-}
-
-bool RedisStore::isKept(Path path) const {
-  return std::ranges::any_of(kept_, [&](const auto& each) { return path.isUnder(each.first); });
-}
-
-// Remembers the rows under the mounts of others: the server may have lost them, and their publishers write
-// them again.
-void RedisStore::keepOthers() {
-  for (const Claims::Status& claim : claims_.status())
-    if (!claim.isOwn) keep(claim.mount);
-}
-
-void RedisStore::keep(Path mount) {
-  if (kept_.contains(mount)) return;
-  mirror_.withShown(mount, [&](const Records& records) {
-    for (const Record* record : records) {
-      Record own = *record;
-      std::erase_if(own.attributes, [](const auto& each) { return each.durability == Durability::stored; });
-      if (!own.attributes.empty() || record->attributes.empty()) kept_[mount].push_back(std::move(own));
-    }
-  });
+const Statedb::Record* RedisStore::wantedVolatile(Path path) {
+  return publications_.over(path, kept_.over(path, upstream_.rows(Durability::volatile_).find(path)));
 }
 
 void RedisStore::onEntry(const Upstream::Owner::Entry& entry) {
@@ -300,19 +236,22 @@ void RedisStore::carryStored(const Upstream::Owner::Entry& entry) {
   mirror_.release(notice.changes);
   if (own && own->origin && !own->isDisturbed) {
     notice.origin = own->origin;
-    notice.revealed = revealedBy(own->changes);
+    notice.revealed = mirror_.revealedBy(own->changes);
   }
   subscribers_.notify(std::move(notice));
 }
 
-// This process's own entries are shown since they were written.
+// This process's own entries are shown since they were written. Before the claims are read, all that came is
+// shown at once.
 void RedisStore::carryVolatile(const Upstream::Owner::Entry& entry) {
   if (entry.own != 0) return;
-  Changes changes = entry.changes;
-  std::erase_if(changes, [this](const Change& each) { return isKept(each.row.path); });
-  changes = publications_.received(changes);
+  for (const Path mount : entry.head.mounts) claims_.onPublished(mount.text());
+  isDue_ = isDue_ || !isReached_;
+  const Changes changes = publications_.received(entry.changes);
+  kept_.carry(changes);
+  if (isDue_) return;
   Subscribers::Notice notice;
-  if (entry.isCompanion)
+  if (entry.head.companionOf > upstream_.state(Durability::stored).tip)
     mirror_.carryHidden(changes);
   else
     mirror_.carry(Durability::volatile_, changes, notice.changes);
@@ -333,6 +272,7 @@ void RedisStore::onSettled(const WriteId& write, Outcome outcome) {
   if (write.space == Durability::stored) return stored_.onSettled(write.sequence, outcome);
   volatile_.onSettled(write.sequence, outcome);
   volatile_.send();
+  reportSynced();
   upstream_.flush();
 }
 
@@ -367,6 +307,10 @@ void RedisStore::tick() {
   }
   if (!upstream_.isReached()) return;
   volatile_.check();
+  for (auto& [mount, ticks] : ownedFor_)
+    if (!tokenOf(mount).empty() && ++ticks == kTicksToPublish + 1)
+      publications_.published(mount, upstream_.rows(Durability::volatile_));
+  volatile_.send();
   reportSynced();
   claims_.tick();
   upstream_.flush();
@@ -374,10 +318,9 @@ void RedisStore::tick() {
 
 void RedisStore::reportSynced() {
   for (const std::string& mount : mounts_) {
-    if (claims_.ownedToken(mount).empty()) continue;
+    if (claims_.ownedToken(mount).empty() || ownedFor_[mount] <= kTicksToPublish) continue;
     const Path path(mount);
-    if (++ownedFor_[mount] > kTicksToPublish && publications_.isSent(path) && volatile_.isIdle(path))
-      claims_.synced(mount);
+    if (publications_.isSent(path) && volatile_.isIdle(path)) claims_.synced(mount);
   }
 }
 
@@ -403,6 +346,7 @@ void RedisStore::onClaimRefused(const std::string& mount, const Reply& error) {
 
 void RedisStore::read() {
   upstream_.call(claimsCall(volatileKeys_), [this](const Reply& reply) {
+    showWhatIsDue();
     reply.refusal() == Refusal::none ? claims_.onClaims(claimsOf(reply), now()) : claims_.onReadFailed();
     areClaimsKnown_ = true;
     complete();
@@ -427,28 +371,27 @@ void RedisStore::sweep(const std::string& mount, const Claim& seen) {
 
 void RedisStore::onOwned(const std::string& mount) {
   if (standby_.erase(mount) > 0) report("'" + mount + "' is published by this process now");
-  ownedFor_[mount] = 0;
+  if (!publications_.isDelivered(mount)) ownedFor_[mount] = 0;
   claimRefusals_.erase(mount);
   upstream_.prepare(releaseCall(volatileKeys_, mount, {}));  // the last call of a process must not wait
-  keep(mount);
-  Records shown;
-  for (const Record& each : kept_[mount]) shown.push_back(&each);
-  publications_.owned(mount, upstream_.rows(Durability::volatile_), shown);
-  kept_.erase(mount);
+  showWhatIsDue();
+  kept_.keep(mount, mirror_);
+  publications_.owned(mount, upstream_.rows(Durability::volatile_), kept_.at(mount));
+  kept_.release(mount);
   showVolatile();
   flush();
+  reportSynced();
 }
 
 void RedisStore::onStandby(const std::string& mount, std::string_view who) {
   if (standby_.insert(mount).second)
     report("'" + mount + "' is published by " + std::string(who) + "; this process is the standby");
-  if (!publications_.isStandby(mount)) keep(mount);
   publications_.notOwned(mount);
   showVolatile();
 }
 
 void RedisStore::onCurrent(const std::string& mount) {
-  if (kept_.erase(Path(mount)) > 0) showVolatile();
+  if (kept_.release(mount)) showVolatile();
 }
 
 }  // namespace Host::Redis

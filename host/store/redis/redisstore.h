@@ -18,7 +18,6 @@
 // Activity thread only.
 #pragma once
 
-#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -30,6 +29,7 @@
 
 #include "host/io/loop.h"
 #include "host/store/redis/claims.h"
+#include "host/store/redis/keptrows.h"
 #include "host/store/redis/mirror.h"
 #include "host/store/redis/publications.h"
 #include "host/store/redis/refresh.h"
@@ -81,21 +81,17 @@ class RedisStore final : public Statedb::Store, private Upstream::Owner, private
   void sweep(const std::string& mount, const Claim& seen) override;
   void onOwned(const std::string& mount) override;
   void onStandby(const std::string& mount, std::string_view who) override;
+  void onKept(const std::string& mount) override { kept_.keep(mount, mirror_); }
   void onCurrent(const std::string& mount) override;
 
   void writeStored(const Statedb::Changes& changes, Statedb::Subscriber* origin);
   void writeVolatile(const Statedb::Changes& changes, Statedb::Subscriber* origin);
-  void checkClaims(const Statedb::Changes& changes) const;
-  void checkTypes(const Statedb::Changes& changes) const;
-  Statedb::Changes revealedBy(const Statedb::Changes& changes) const;
 
   void carryStored(const Upstream::Owner::Entry& entry);
   void carryVolatile(const Upstream::Owner::Entry& entry);
   void showVolatile();
-  std::optional<const Statedb::Record*> wantedVolatile(Statedb::Path path);
-  void keepOthers();
-  void keep(Statedb::Path mount);
-  bool isKept(Statedb::Path path) const;
+  const Statedb::Record* wantedVolatile(Statedb::Path path);
+  void showWhatIsDue();
   void deliverSnapshots();
   std::vector<Statedb::Path> mountsUnder(Statedb::Path path, const Statedb::Subscriber& subscriber) const;
   bool mayArrive(Statedb::Path path, const Statedb::Subscriber& subscriber) const;
@@ -131,10 +127,9 @@ class RedisStore final : public Statedb::Store, private Upstream::Owner, private
   std::vector<std::string> mounts_;
   std::set<std::string> standby_;        // reported so
   std::set<std::string> claimRefusals_;  // reported, until they are owned
-  std::map<std::string, int> ownedFor_;  // ticks
-  // The volatile rows under mounts of others that are shown although the server, restarted, lacks them.
-  std::map<Statedb::Path, std::deque<Statedb::Record>> kept_;
-  std::string timeline_;                  // of the volatile rows that are shown; empty: none were yet
+  std::map<std::string, int> ownedFor_;  // ticks since the agent got its snapshot
+  KeptRows kept_;
+  bool isDue_ = false;                    // upstream has volatile rows that are not shown yet
   bool areClaimsKnown_ = false;           // since it was reached last
   bool isReached_ = false;                // and its rows are shown
   bool hasRows_ = false;                  // was reached once

@@ -37,9 +37,6 @@ std::optional<Announced> announcedIn(std::string_view payload) {
   return Announced{generation, {revision.unsignedNumber(), origin, payload}};
 }
 
-// Of an origin: "UUID.s" or "UUID.v".
-bool isOfStoredWrite(std::string_view origin) { return origin.substr(0, origin.find(':')).ends_with(".s"); }
-
 }  // namespace
 
 std::string randomText() {
@@ -104,6 +101,7 @@ void Space::onState(const Reply& reply) {
   const ServerState state = serverState(reply);
   if (!line_.isFit(state)) return;
   follower_.onState(state.state);
+  if (follower_.isFollowing() && state.state.timeline == this->state().timeline) sendWaiting();
   line_.onStep();
 }
 
@@ -160,21 +158,38 @@ Changes Space::changesIn(const Entry& entry, Sequence own) {
   return std::move(write->second.changes);
 }
 
+DeltaHead Space::headIn(const Entry& entry) {
+  try {
+    return headOf(entry.delta);
+  } catch (const Zel::ValueError& error) {
+    line_.warn("the entry 0-" + std::to_string(entry.revision) + " of '" + keys_.log() +
+               "' names a mount that can't be one: " + error.what());
+    return {};
+  }
+}
+
 void Space::replay(const Entry& entry) { copy_.carry(changesIn(entry)); }
 
 void Space::accept(const State&) {
   std::swap(rows_, copy_);
   throwAway(copy_);
   owner_.onRows(durability_);
+  sendWaiting();
+}
+
+void Space::sendWaiting() {
   std::vector<Sequence> waiting;
   for (const auto& [sequence, write] : writes_)
     if (write.isWaitingForIt) waiting.push_back(sequence);
   for (const Sequence each : waiting) sendAgain(each);
 }
 
-// Volatile rows are state: by now their writer may have newer values, and sends those.
+// Volatile rows are state: by now their writer may have newer values, and sends those. Between two wipes, a
+// later write may have made the space.
 void Space::sendAgain(Sequence sequence) {
   if (durability_ == Durability::volatile_) return giveBack(sequence);
+  if (sequence < carriedOut_)
+    return onRefused(sequence, {Reply::Kind::error, 0, "GENERATION and a later write was carried out", {}});
   follower_.resending(sequence);
   send(sequence);
 }
@@ -187,16 +202,21 @@ void Space::giveBack(Sequence sequence) {
 void Space::apply(const Entry& entry, Sequence own) {
   const Changes changes = changesIn(entry, own);
   rows_.carry(changes);
-  const bool isCompanion = durability_ == Durability::volatile_ && isOfStoredWrite(entry.origin);
-  owner_.onEntry({durability_, changes, own, isCompanion});
+  owner_.onEntry({durability_, changes, own, headIn(entry)});
 }
 
 void Space::settle(Sequence write, Outcome outcome) {
+  if (outcome == Outcome::applied) carriedOut_ = std::max(carriedOut_, write);
   writes_.erase(write);
   owner_.onSettled({durability_, write}, outcome);
 }
 
-void Space::wiped() { owner_.onWiped(durability_); }
+// A write that is under way was made for the empty space as well as a later one.
+void Space::wiped() {
+  owner_.onWiped(durability_);
+  if (std::ranges::any_of(writes_, [](const auto& each) { return each.second.isWaitingForIt; }))
+    follower_.acceptWiped();
+}
 
 void Space::reconnect(std::string_view why) {
   line_.lose({Loss::Kind::closed, Refusal::none, std::string(why)});
@@ -257,6 +277,7 @@ void Space::onWritten(Sequence sequence, const Written& written) {
   if (!written.unannounced.empty())
     line_.warn("changes can't be announced on the channel '" + keys_.channel() +
                "', so others see them up to a second later: " + written.unannounced.substr(0, 200));
+  carriedOut_ = std::max(carriedOut_, sequence);
   follower_.onWritten(sequence, written.revision);
 }
 

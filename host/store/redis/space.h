@@ -98,6 +98,7 @@ class Space final : Follower::Output, Scan::Owner {
   void onLog(const Reply& reply);
   Statedb::Changes changesIn(const Entry& entry);
   Statedb::Changes changesIn(const Entry& entry, Sequence own);
+  DeltaHead headIn(const Entry& entry);
   void throwAway(Rows& rows);
 
   void send(Sequence sequence);
@@ -106,6 +107,7 @@ class Space final : Follower::Output, Scan::Owner {
   void onOtherGeneration(Sequence sequence, Write& write, const Reply& error);
   void onOtherType(Sequence sequence, Write& write, const Reply& error);
   void onForgotten(Sequence sequence, const Reply& error);
+  void sendWaiting();
   void sendAgain(Sequence sequence);
   void giveBack(Sequence sequence);
   void onRefused(Sequence sequence, const Reply& error);
@@ -122,6 +124,7 @@ class Space final : Follower::Output, Scan::Owner {
   Timer freeing_;
   std::map<Sequence, Write> writes_{};  // that are not settled
   Sequence newest_ = 0;                 // write
+  Sequence carriedOut_ = 0;             // the newest of these
 };
 
 }  // namespace Host::Redis

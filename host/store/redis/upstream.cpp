@@ -126,7 +126,9 @@ struct Upstream::State_ final : private Ends, public Line, private Locator::Owne
   }
   // Once a process: what a restricted user may not ask is an entry in the server's log of refusals.
   void checkServer() {
-    gatherFacts(commands, caller, url, [this](const ServerFacts& facts) {
+    gatherFacts(commands, caller, url, [this](ServerFacts facts) {
+      // The first write that can't be announced reports this itself.
+      std::erase_if(facts.rights, [](const auto& each) { return each.command.starts_with("PUBLISH "); });
       const std::string wrong = wrongText(findingsIn(facts, url));
       if (!wrong.empty()) warn(wrong + "; pinlampctl store check tells more");
     });
@@ -185,6 +187,7 @@ Upstream::~Upstream() = default;
 bool Upstream::isReached() const { return state_->reached; }
 const Rows& Upstream::rows(Durability space) const { return state_->of(space).rows(); }
 State Upstream::state(Durability space) const { return state_->of(space).state(); }
+const std::string& Upstream::server() const { return state_->commandsTo; }
 const std::string& Upstream::uuid() const { return state_->uuid; }
 
 WriteId Upstream::write(Durability space, const Statedb::Changes& changes, std::vector<Claimed> claims) {

@@ -52,12 +52,12 @@ class Upstream {
     // was cut off.
     virtual void onRows(Statedb::Durability space) = 0;
     // rows(space) have the next entry of the log. `own`: the sequence of a write of this process, else 0.
-    // `isCompanion`: an entry of the volatile space that a stored write made; the stored one follows.
+    // `head`: of its delta. The entry of the stored write that made it may have come already.
     struct Entry {
       Statedb::Durability space;
       const Statedb::Changes& changes;
       Sequence own = 0;
-      bool isCompanion = false;
+      DeltaHead head{};
     };
     virtual void onEntry(const Entry& entry) = 0;
     // The space was wiped: its rows stay until somebody writes there, or acceptWiped(). A wiped space counts
@@ -89,6 +89,8 @@ class Upstream {
   const Rows& rows(Statedb::Durability space) const;
   // Of that snapshot and the entries since; its timeline is empty before the first.
   State state(Statedb::Durability space) const;
+  // The run id of the server: another one after each of its starts. Empty unless isReached().
+  const std::string& server() const;
   // Random, of this process; the start of the origins of its writes, and the owner of its claims.
   const std::string& uuid() const;
 

@@ -88,9 +88,13 @@ bool Faults::end(const Active& active) {
 
 void Faults::command(const std::string& words) {
   std::istringstream in(words);
-  const auto answer = world_.reference({std::istream_iterator<std::string>(in), {}});
+  command(Reference::Words(std::istream_iterator<std::string>(in), {}));
+}
+void Faults::command(const Reference::Words& words) {
+  world_.reference.isReady();  // notices a connection that the server has ended
+  const auto answer = world_.reference(words);
   if (!answer || answer->type == REDIS_REPLY_ERROR)
-    world_.fault("'" + words + "': " + (answer ? answer->str : "no answer"));
+    world_.fault("'" + words.back() + "': " + (answer ? answer->str : "no answer"));
 }
 
 // The server -----------------------------------------------------------------------------------------------
@@ -151,10 +155,10 @@ void Faults::endSubscriptions(Process&) { command("CLIENT KILL TYPE pubsub"); }
 void Faults::endCommands(Process&) { command("CLIENT KILL TYPE normal SKIPME yes"); }
 void Faults::limitOutput(Process& process) {
   process.proxy.down.isHeld = true;
-  world_.reference({"CONFIG", "SET", "client-output-buffer-limit", "pubsub 4096 0 0 normal 65536 0 0"});
+  command({"CONFIG", "SET", "client-output-buffer-limit", "pubsub 4096 0 0 normal 65536 0 0"});
 }
 void Faults::unlimitOutput(Process&) {
-  world_.reference({"CONFIG", "SET", "client-output-buffer-limit", "pubsub 32mb 8mb 60 normal 0 0 0"});
+  command({"CONFIG", "SET", "client-output-buffer-limit", "pubsub 32mb 8mb 60 normal 0 0 0"});
   for (const auto& each : world_.processes) each->proxy.down.isHeld = false;
 }
 void Faults::fillMemory(Process&) { command("CONFIG SET maxmemory 1"); }

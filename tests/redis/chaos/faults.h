@@ -84,6 +84,7 @@ class Faults {
   void startProcess(Process& process);
 
   void command(const std::string& words);
+  void command(const Reference::Words& words);
 
   World& world_;
   std::mt19937 random_;

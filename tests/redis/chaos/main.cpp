@@ -61,6 +61,7 @@ class Run {
       if (isHealed) probe();
       if (isHealed && world_.isSettled(differing)) return settled(begin);
     } while (world_.now() < begin + kSettle && world_.faults.empty());
+    if (!world_.faults.empty()) return;  // it ended before its time
     for (const std::string& each : differing)
       world_.fault("after " + std::to_string(kSettle / 1000) + " s " + each);
   }

@@ -62,7 +62,8 @@ void Reader::put(const std::string& place, const std::string& json) {
 }
 
 // The number of a row's writer may fall once for each time that history lost rows, and a pin's never: it
-// stays until its owner has published again. A process shows its own pins before they are published.
+// stays until its owner has published again. What was sent before a loss may come after it, so falls are
+// counted. A process shows its own pins before they are published.
 void Reader::check(const std::string& place, const Stamp& stamp) {
   const bool isStored = stamp.writer.starts_with("s ");
   if (isStored) seen_[stamp.writer].insert(stamp.number);
@@ -71,10 +72,10 @@ void Reader::check(const std::string& place, const Stamp& stamp) {
   if (isPin(place) && stamp.writer == "v " + name_) return;
   Last& last = last_[place + "\t" + stamp.writer];
   if (stamp.number < last.number) {
-    if (isPin(place) || std::max(last.history, settled) >= history)
+    last.history = std::max(last.history, settled) + 1;
+    if (isPin(place) || last.history > history)
       fault_("reader " + name_ + ": " + place + " went back from " + std::to_string(last.number) + " to '" +
              stamp.text() + "'");
-    last.history = history;
   }
   last.number = stamp.number;
 }

@@ -54,7 +54,7 @@ class Reader : public Statedb::Subscriber {
  private:
   struct Last {
     unsigned number = 0;
-    unsigned history = 0;  // when it last went back
+    unsigned history = 0;  // up to which it went back, once for each loss
   };
 
   void put(const std::string& place, const std::string& json);

@@ -173,7 +173,7 @@ bool World::isSettled(std::vector<std::string>& differing) {
     if (!state.isReached) differing.push_back(each->name + " does not reach the server: " + state.reason);
     if (each->writer && !each->writer->isIdle()) differing.push_back(each->name + " waits for a ticket");
     if (each->writer && !each->writer->isProbed())
-      differing.push_back(each->name + " can't write: " + each->writer->lastFailure());
+      differing.push_back(each->name + " " + each->writer->whyNotProbed());
   }
   if (!differing.empty()) return false;
   Process* owner = ownerOfPins(differing);

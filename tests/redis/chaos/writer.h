@@ -40,7 +40,11 @@ class Writer : public Statedb::Subscriber {
   // A stored and a volatile batch that show whether everything works.
   void probe();
   bool isProbed() const { return probe_ && probe_->isDone && probe_->kind == Statedb::Ticket::Kind::taken; }
-  const std::string& lastFailure() const { return lastFailure_; }
+  // Why it is not; of a probe that is under way, why an earlier write failed.
+  std::string whyNotProbed() const {
+    return (probe_ && !probe_->isDone ? "waits for the answer of a write; earlier: " : "can't write: ") +
+           lastFailure_;
+  }
   void forgetProbe() { probe_ = nullptr; }
   // Looks after the tickets.
   void poll();

@@ -1,0 +1,54 @@
+#include "host/store/redis/keptrows.h"
+
+#include <algorithm>
+
+namespace Host::Redis {
+
+using Statedb::Change;
+using Statedb::Changes;
+using Statedb::Durability;
+using Statedb::Path;
+using Statedb::Record;
+using Statedb::Records;
+
+namespace {
+
+void appendVolatile(const Record& record, Changes& changes) {
+  const auto isVolatile = [](const auto& each) { return each.durability != Durability::stored; };
+  if (!record.attributes.empty() && std::ranges::none_of(record.attributes, isVolatile)) return;
+  changes.push_back(Change::put(record.path, record.type, {}, {}));
+  for (const auto& each : record.attributes)
+    if (isVolatile(each)) changes.push_back(Change::put(record.path, record.type, each.name, each.value));
+}
+
+}  // namespace
+
+void KeptRows::keep(Path mount, const Mirror& mirror) {
+  if (mounts_.contains(mount)) return;
+  Changes shown;
+  mirror.withShown(mount, [&](const Records& records) {
+    for (const Record* record : records) appendVolatile(*record, shown);
+  });
+  if (!shown.empty()) mounts_[mount].carry(shown);
+}
+
+void KeptRows::carry(const Changes& changes) {
+  for (auto& [mount, rows] : mounts_)
+    Statedb::takePart(changes, mount, [&rows = rows](const Changes& part) { rows.carry(part); });
+}
+
+Records KeptRows::at(Path mount) const {
+  const auto found = mounts_.find(mount);
+  return found == mounts_.end() ? Records() : found->second.all();
+}
+
+Records KeptRows::over(Records theirs) const {
+  for (const auto& [mount, rows] : mounts_) {
+    std::erase_if(theirs, [mount = mount](const Record* each) { return each->path.isUnder(mount); });
+    const Records kept = rows.all();
+    theirs.insert(theirs.end(), kept.begin(), kept.end());
+  }
+  return theirs;
+}
+
+}  // namespace Host::Redis

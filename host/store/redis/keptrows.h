@@ -1,0 +1,38 @@
+// The volatile rows of others that are shown although the server, restarted or wiped, may lack them: until
+// their publishers have published everything again.
+//
+//     KeptRows kept;
+//     kept.keep(mount, mirror);   // what is shown there
+//     kept.carry(changes);        // what is published meanwhile shows at once
+//     for (const Record* each : kept.over(theirs)) …
+//     kept.release(mount);
+//
+// Activity thread only.
+#pragma once
+
+#include <map>
+
+#include "host/store/redis/layout.h"
+#include "host/store/redis/mirror.h"
+
+namespace Host::Redis {
+
+class KeptRows {
+ public:
+  // Keeps the volatile values that are shown at and under the mount, unless some are kept there already.
+  void keep(Statedb::Path mount, const Mirror& mirror);
+  // Returns whether rows were kept there.
+  bool release(Statedb::Path mount) { return mounts_.erase(mount) > 0; }
+  // Carries changes of the volatile space into the rows that are kept.
+  void carry(const Statedb::Changes& changes);
+
+  // The rows of a mount. Valid until something changes.
+  Statedb::Records at(Statedb::Path mount) const;
+  // The server's rows, but for those under mounts whose rows are kept: these instead.
+  Statedb::Records over(Statedb::Records theirs) const;
+
+ private:
+  std::map<Statedb::Path, Rows> mounts_;
+};
+
+}  // namespace Host::Redis

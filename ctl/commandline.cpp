@@ -19,6 +19,44 @@ constexpr int kRefused = 1;
 constexpr int kUsage = 2;
 constexpr double kLongestWait = 3600;  // seconds
 
+// The innermost command on the command line.
+const CLI::App& reached(const CLI::App& app) {
+  const auto chosen = app.get_subcommands();
+  return chosen.empty() ? app : reached(*chosen.front());
+}
+
+// The command as the user types it.
+std::string commandText(const CLI::App& command) {
+  return (command.get_parent() ? commandText(*command.get_parent()) + ' ' : "") + command.get_name();
+}
+
+// The error for an unknown command; empty if the command is known.
+std::string unknownCommand(const CLI::App& command, const std::vector<std::string>& left) {
+  std::set<std::string> known;
+  for (const CLI::App* each : command.get_subcommands([](const CLI::App*) { return true; }))
+    known.insert(each->get_name());
+  if (known.empty() || left.empty()) return {};
+  return "there is no command '" + left.front() + "'" + hint(left.front(), known);
+}
+
+void printHelp(std::ostream& out, const CLI::App& app, const std::vector<std::string>& words) {
+  const CLI::App* command = &app;
+  for (const std::string& word : words) {
+    const CLI::App* next = command->get_subcommand_no_throw(word);
+    if (!next) throw UsageError(unknownCommand(*command, {word}));
+    command = next;
+  }
+  out << app.get_formatter()->make_help(command, commandText(*command), CLI::AppFormatMode::Normal);
+}
+
+void addHelp(CLI::App& app, Context& context) {
+  const auto words = std::make_shared<std::vector<std::string>>();
+  CLI::App* help = app.add_subcommand("help", "Shows the help of a command");
+  help->footer("Example: pinlampctl help led set");
+  help->add_option("COMMAND", *words, "The command, such as led set");
+  help->callback([&app, &context, words] { printHelp(context.out, app, *words); });
+}
+
 void describe(CLI::App& app, Completions& completions, Context& context) {
   app.name("pinlampctl");
   app.description("Shows and sets the LEDs of an appliance through pinlampd.");
@@ -38,31 +76,12 @@ void describe(CLI::App& app, Completions& completions, Context& context) {
       .completes(Completes::file)
       .oneEach();
   all.argument("--wait", context.target.wait, "How long to wait for pinlampd or the store to be ready")
-      .valueName("SECONDS")
+      .duration()
       .within(0, kLongestWait);
-  app.set_version_flag("--version", "pinlampctl " PINLAMP_VERSION);
+  app.set_version_flag("-V,--version", "pinlampctl " PINLAMP_VERSION);
   app.require_subcommand(1);
   for (const auto addGroup : kCommandGroups) addGroup(all, context);
-}
-
-// The innermost command on the command line.
-const CLI::App& reached(const CLI::App& app) {
-  const auto chosen = app.get_subcommands();
-  return chosen.empty() ? app : reached(*chosen.front());
-}
-
-// The command as the user types it.
-std::string commandText(const CLI::App& command) {
-  return (command.get_parent() ? commandText(*command.get_parent()) + ' ' : "") + command.get_name();
-}
-
-// The error for an unknown command; empty if the command is known.
-std::string unknownCommand(const CLI::App& command, const std::vector<std::string>& left) {
-  std::set<std::string> known;
-  for (const CLI::App* each : command.get_subcommands([](const CLI::App*) { return true; }))
-    known.insert(each->get_name());
-  if (known.empty() || left.empty()) return {};
-  return "there is no command '" + left.front() + "'" + hint(left.front(), known);
+  addHelp(app, context);
 }
 
 int usage(const CLI::App& app, std::ostream& err, const std::string& what) {

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
+#include <iterator>
 #include <numeric>
 #include <sstream>
 #include <utility>
@@ -178,6 +180,23 @@ std::string hint(const std::string& name, const std::set<std::string>& known) {
   const bool more = all.size() > kShown;
   if (more) all.resize(kShown);
   return "; known: " + joined(all) + (more ? ", …" : "");
+}
+
+std::string inSeconds(const std::string& text) {
+  struct Unit {
+    std::string_view name;
+    double seconds;
+    double parts;  // of these seconds
+  };
+  static constexpr Unit kUnits[] = {{"ms", 1, 1000}, {"s", 1, 1}, {"min", 60, 1}, {"h", 3600, 1}};
+  double number = 0.0;
+  const char* const end = text.data() + text.size();
+  const auto [rest, error] = std::from_chars(text.data(), end, number);
+  const std::string_view name(rest, static_cast<std::size_t>(end - rest));
+  const auto unit = std::ranges::find(kUnits, name, &Unit::name);
+  if (error != std::errc() || unit == std::end(kUnits)) return text;
+  char digits[32];
+  return {digits, std::to_chars(digits, std::end(digits), number * unit->seconds / unit->parts).ptr};
 }
 
 std::string shortNumber(double number) {

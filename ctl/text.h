@@ -41,6 +41,10 @@ std::vector<std::string> nearest(const std::string& name, const std::set<std::st
 // "; nearest: a, b", or "; known: …" if none is near, or "; there are none".
 std::string hint(const std::string& name, const std::set<std::string>& known);
 
+// A time with a unit as the number of its seconds: "500ms" as "0.5"; also s, min and h. Anything else as it
+// is.
+std::string inSeconds(const std::string& text);
+
 // A number without trailing zeros: "0.5", "2".
 std::string shortNumber(double number);
 

@@ -176,7 +176,8 @@ void addLedSet(Command& led, Context& context) {
       .completes(Completes::ledThenColour)
       .required();
   const Argument flash =
-      command.argument("--flash", given->flash, "Seconds between two toggles; 0 for steady");
+      command.argument("--flash", given->flash, "Seconds between two toggles, or 500ms; 0 for steady")
+          .duration();
   command.runs([&context, given, flash] {
     const auto interval = flash.given() ? std::optional(given->flash) : std::nullopt;
     setLeds(context, splitLedWords(given->words, interval), interval);

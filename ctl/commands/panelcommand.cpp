@@ -157,7 +157,7 @@ void addPanelCommand(Command& app, Context& context) {
       app.add("panel", "Shows the front panel, live; q quits. Without a terminal: prints plain lines",
               "pinlampctl panel --for 10");
   command.flag("--once", given->once, "Print plain lines, once");
-  command.argument("--for", given->seconds, "Quit after this many seconds");
+  command.argument("--for", given->seconds, "Quit after this time, such as 10, 500ms or 2min").duration();
   command.runs([&context, given] { panel(context, *given); });
 }
 

@@ -6,6 +6,7 @@
 
 #include "ctl/appliance.h"
 #include "ctl/context.h"
+#include "ctl/output.h"
 #include "tests/ctl/testhost.h"
 #include "tests/host/client.h"
 #include "tests/host/folder.h"
@@ -248,6 +249,28 @@ TEST_F(Commands, SetTakesJsonOrABareString) {
   EXPECT_TRUE(attributes(ledPath("Fan1")).is_null());
 }
 
+TEST_F(Commands, WatchBeginsWithWhatIsThere) {
+  pinIs("p", 1);
+  const Outcome watched = ctl({"watch", Paths::kPins, "--initial", "--json", "--for", "0ms"});
+  const Json first = Json::parse(watched.out);
+  EXPECT_EQ(first.at("op"), "put");
+  EXPECT_EQ(first.at("attributes"), Json({{"value", 1}}));
+  EXPECT_EQ(first.at("time").get<std::string>().size(), timeStamp().size());
+}
+
+TEST_F(Commands, WaitReturnsOnceTheLedShowsTheColours) {
+  loadExample();
+  pinIs("psu2_r", 1);
+  pinIs("psu2_g", 1);
+  const auto late = ctl({"wait", "PowerSupply2", "green", "--for", "1ms"});
+  EXPECT_EQ(late.status, 1);
+  EXPECT_THAT(late.err,
+              HasSubstr("PowerSupply2 shows green+red after 0.001 s, not green; see: pinlampctl why"));
+  EXPECT_EQ(ctl({"wait", "PowerSupply2", "green"}, [&] { pinIs("psu2_r", 0); }).err, "");
+  EXPECT_EQ(ctl({"wait", "PowerSupply2", "off"}, [&] { pinIs("psu2_g", 0); }).err, "");
+  EXPECT_THAT(ctl({"wait", "No", "red", "--for", "0"}).err, HasSubstr("no LED is named 'No' after 0 s"));
+}
+
 TEST_F(Commands, WatchStopsAfterCount) {
   unsigned value = 0;
   const Outcome watched =
@@ -306,6 +329,12 @@ TEST_F(Commands, ErrorsSayWhatWouldBeRight) {
   }
 }
 
+TEST(Help, OfNoCommandOrAnUnknownOne) {
+  EXPECT_EQ(run({"help"}).out, run({"--help"}).out);
+  EXPECT_THAT(run({"help", "led", "st"}).err, HasSubstr("there is no command 'st'; nearest: set, list"));
+  EXPECT_EQ(run({"-V"}).out, run({"--version"}).out);
+}
+
 TEST(FullOutput, FailsTheCommand) {
   for (const char* word : {"--version", "--help"}) {
     std::ofstream full("/dev/full");
@@ -362,12 +391,15 @@ TEST(AnswersOfNoHost, AreRefusedInOneLine) {
 TEST(Help, EveryCommandHasAnExample) {
   for (const char* command :
        {"load", "dump", "led list", "led set", "led off", "map set", "map del", "map list", "get", "set",
-        "del", "watch", "panel", "record", "trace", "status", "types"}) {
+        "del", "watch", "wait", "panel", "record", "trace", "status", "types"}) {
     std::istringstream words(command + std::string(" --help"));
     std::vector<std::string> arguments{std::istream_iterator<std::string>(words), {}};
     const Outcome help = run(arguments);
     EXPECT_EQ(help.status, 0);
     EXPECT_THAT(help.out, HasSubstr(std::string("Example: pinlampctl ") + command));
+    arguments.pop_back();
+    arguments.insert(arguments.begin(), "help");
+    EXPECT_EQ(run(arguments).out, help.out);
   }
 }
 

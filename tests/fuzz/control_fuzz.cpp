@@ -20,7 +20,7 @@ void check(bool holds) {
 
 void takeRequest(std::string_view line) {
   Host::Request request;
-  request.read(line);
+  request.read(Host::parseMessage(line));
   Statedb::MemoryStore store;
   const auto typeAt = [&](std::string_view path) {
     const auto known = Statedb::Path::existing(path);

@@ -42,9 +42,10 @@ std::string unknownCommand(const CLI::App& command, const std::vector<std::strin
 void printHelp(std::ostream& out, const CLI::App& app, const std::vector<std::string>& words) {
   const CLI::App* command = &app;
   for (const std::string& word : words) {
-    const CLI::App* next = command->get_subcommand_no_throw(word);
-    if (!next) throw UsageError(unknownCommand(*command, {word}));
-    command = next;
+    const auto next =
+        command->get_subcommands([&word](const CLI::App* each) { return each->get_name() == word; });
+    if (next.empty()) throw UsageError(unknownCommand(*command, {word}));
+    command = next.front();
   }
   out << app.get_formatter()->make_help(command, commandText(*command), CLI::AppFormatMode::Normal);
 }
@@ -64,7 +65,7 @@ void describe(CLI::App& app, Completions& completions, Context& context) {
   Command all(app, completions);
   all.argument("--socket", context.target.socket, "The control socket of pinlampd")
       .completes(Completes::file)
-      .fromEnvironment("PINLAMP_SOCKET");
+      .fromEnvironment(Host::kSocketVariable);
   all.argument(
          "--store", context.target.store,
          "A state database to use without a host, instead of a socket: sqlite:FILE that no pinlampd has "

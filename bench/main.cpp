@@ -66,6 +66,7 @@ int main(int argc, char** argv) {
   Bench::addScale();
   Bench::addHost();
   Bench::addRoundTrip();
+  Bench::addCommands();
   Bench::addShared();
   Bench::addSharedLoad();
   Bench::addSharedHosts();

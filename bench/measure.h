@@ -61,6 +61,7 @@ void addMemory();
 void addScale();
 void addHost();
 void addRoundTrip();
+void addCommands();
 void addShared();
 void addSharedLoad();
 void addSharedHosts();

@@ -85,6 +85,18 @@ std::vector<std::string> hostFigures(bool hasTrips = false) {
   return figures;
 }
 
+Row commandsRow() {
+  Row row{
+      "commands", "pinlampctl, 100,000 LEDs with a mapping each: one command, its start included", {}, {}};
+  for (const std::string store : {"memory: ", "sqlite: "}) {
+    for (const char* command : {"load", "dump", "led set NAME", "led set 'Ethernet*'"})
+      row.figures.push_back(store + command);
+    row.goals.push_back({store + "load", "", 3.0});
+    row.goals.push_back({store + "led set NAME", "", 0.015});
+  }
+  return row;
+}
+
 std::vector<Row> makeRows() {
   return {
       {"event", "one light-setting event, 64 a pass", kEventFigures, eventGoals()},
@@ -118,6 +130,7 @@ std::vector<Row> makeRows() {
        "the same on sqlite: every acknowledged set is on disk",
        {"sqlite: p50", "sqlite: p99", "fsync p50", "fsync p99", "pipelined"},
        {}},
+      commandsRow(),
       sharedRow("shared-set", "shared state: a setting, until another process has it", true, 0),
       sharedRow("shared-readers", "the same, until the last of 50 processes has it", true, 0),
       sharedRow("shared-trip", "a setting, through an LED agent in another process, until its pins are back",

@@ -202,11 +202,17 @@ Mirror readLeds(Client& client, const std::vector<std::string>& patterns) {
 }
 
 LiveAppliance::LiveAppliance(Client& client) {
-  for (const char* path : kPaths) {
-    const Json watch = client.call("watch", {{"path", path}});
-    paths_[watch.at("watch")] = path;
-    mirror_.entitiesAre(path, watch.at("entities"));
-  }
+  for (const char* path : kPaths) watch(client, path);
+}
+
+LiveAppliance::LiveAppliance(Client& client, const std::string& led) {
+  for (const std::string& path : {ledPath(led), mapPath(led), std::string(Paths::kPins)}) watch(client, path);
+}
+
+void LiveAppliance::watch(Client& client, const std::string& path) {
+  const Json begun = client.call("watch", {{"path", path}});
+  paths_[begun.at("watch")] = path;
+  mirror_.entitiesAre(path, begun.at("entities"));
 }
 
 void LiveAppliance::take(const Json& notification) {

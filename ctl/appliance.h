@@ -111,11 +111,15 @@ Mirror readLeds(Client& client, const std::vector<std::string>& patterns);
 class LiveAppliance {
  public:
   explicit LiveAppliance(Client& client);
+  // One LED and all pins.
+  LiveAppliance(Client& client, const std::string& led);
 
   const Mirror& mirror() const { return mirror_; }
   void take(const Json& notification);
 
  private:
+  void watch(Client& client, const std::string& path);
+
   Mirror mirror_;
   std::map<Json, std::string> paths_;  // by watch id
 };

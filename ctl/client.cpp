@@ -12,6 +12,7 @@
 #include "ctl/ownhost.h"
 #include "ctl/processes.h"
 #include "ctl/text.h"
+#include "host/controlsocket.h"
 
 namespace Ctl {
 
@@ -32,10 +33,13 @@ ConnectionLost unreachable(const std::string& path, int error) {
   if (error == ENOENT) why = "there is no such socket";
   if (error == ECONNREFUSED) why = "no process listens on it";
   if (error == EAGAIN) why = "it accepts no connections";
+  const std::string option = path == Host::hostSocket() ? "" : " --socket " + path;
   const std::string remedy =
-      error == EACCES
-          ? "; join the group that owns the socket, or use sudo"
-          : "; start the host with: pinlampd --store memory: --agent libpinlamp.so --socket " + path;
+      error == EACCES ? "; join the group that owns the socket, or use sudo"
+      : path == Host::kSystemSocket && geteuid() != 0
+          ? "; start the system's host as root, or one of your own, and name its socket: --socket PATH, or "
+            "PINLAMP_SOCKET"
+          : "; start the host with: pinlampd --store memory: --agent libpinlamp.so" + option;
   return ConnectionLost("can't reach pinlampd at " + path + ": " + why, remedy);
 }
 
@@ -86,11 +90,10 @@ void Client::send(const std::string& line) {
   }
 }
 
-void Client::waitReadable(std::chrono::steady_clock::time_point deadline) {
-  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+void Client::waitReadable(std::chrono::seconds timeout) {
   pollfd entry{descriptor_, POLLIN, 0};
-  const int ready = poll(&entry, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0)));
-  if (ready == 0) lost("did not answer within " + std::to_string(timeout_.count()) + " s");
+  const int ready = poll(&entry, 1, static_cast<int>(std::chrono::milliseconds(timeout).count()));
+  if (ready == 0) lost("did not answer within " + std::to_string(timeout.count()) + " s");
 }
 
 void Client::receive() {
@@ -116,40 +119,102 @@ void Client::takeLine(const std::string& line) {
 }
 
 namespace {
-// Throws Refusal if a string of the request is not UTF-8.
-std::string requestText(int id, const std::string& method, Json parameters) {
+
+// Throws Refusal if a string is not UTF-8.
+std::string textOf(const std::string& method, const Json& json) {
   try {
-    return Json{{"jsonrpc", "2.0"}, {"id", id}, {"method", method}, {"params", std::move(parameters)}}.dump();
+    return json.dump();
   } catch (const Json::type_error&) {
     throw Refusal(method + ": a name or value is not UTF-8");
   }
 }
+
 }  // namespace
 
-Json Client::call(const std::string& method, Json parameters) {
-  const std::string line = requestText(++lastId_, method, std::move(parameters));
+void Client::post(const char* method, const std::string& parameters) {
+  const std::string line = "{\"jsonrpc\":\"2.0\",\"id\":" + std::to_string(++lastId_) + ",\"method\":\"" +
+                           method + "\",\"params\":" + parameters + '}';
   if (line.size() > kMessageLimit)
-    throw Refusal(method + ": the request has " + std::to_string(line.size()) +
+    throw Refusal(std::string(method) + ": the request has " + std::to_string(line.size()) +
                   " bytes; pinlampd accepts at most " + std::to_string(kMessageLimit) + " in one; split it");
+  ++unanswered_;
   send(line + '\n');
-  const auto deadline = std::chrono::steady_clock::now() + timeout_;
+}
+
+// The time is that between two pieces of an answer: a long one takes long to make.
+Json Client::nextReply(std::chrono::seconds timeout, const std::function<void(std::size_t)>& arrived) {
   while (replies_.empty()) {
-    waitReadable(deadline);
+    waitReadable(timeout);
     receive();
+    if (arrived) arrived(buffer_.size());
   }
+  --unanswered_;
   Json reply = std::move(replies_.front());
   replies_.pop_front();
+  return reply;
+}
+
+Json Client::reply(std::chrono::seconds timeout, const std::function<void(std::size_t)>& arrived) {
+  Json reply = nextReply(timeout, arrived);
   if (const auto error = reply.find("error"); error != reply.end()) throw refusalOf(*error);
   return reply.value("result", Json());
 }
 
-Json Client::read(const std::string& path) {
-  Json parameters = Json::object();
-  if (!path.empty()) parameters["path"] = path;
-  return call("read", std::move(parameters)).at("entities");
+Json Client::call(const char* method, const Json& parameters) {
+  post(method, textOf(method, parameters));
+  return reply(timeout_);
 }
 
-void Client::write(Json changes) { call("write", {{"changes", std::move(changes)}}); }
+Json Client::read(const std::string& path, const std::function<void(std::size_t)>& arrived) {
+  Json parameters = Json::object();
+  if (!path.empty()) parameters["path"] = path;
+  post("read", textOf("read", parameters));
+  return reply(timeout_, arrived).at("entities");
+}
+
+std::vector<Client::Part> Client::partsOf(const Json& changes) {
+  constexpr std::size_t kLongest = kMessageLimit - 1000;  // beside the rest of its message
+  std::vector<Part> parts(1);
+  for (const Json& change : changes) {
+    const std::string text = textOf("write", change);
+    if (parts.back().changes > 0 && parts.back().text.size() + text.size() > kLongest) parts.emplace_back();
+    parts.back().text += (parts.back().changes++ == 0 ? '[' : ',') + text;
+  }
+  for (Part& part : parts) part.text += part.changes == 0 ? "[]" : "]";
+  return parts;
+}
+
+void Client::write(const Json& changes, const Sent& sent) {
+  const std::vector<Part> parts = partsOf(changes);
+  if (parts.size() > 1) return sendParts(parts, sent);
+  post("write", "{\"changes\":" + parts.front().text + '}');
+  reply(timeout_);
+}
+
+// The host reads one part while the next is sent. A request that is refused fails the transaction, so the
+// others do no harm.
+void Client::sendParts(const std::vector<Part>& parts, const Sent& onSent) {
+  constexpr std::chrono::seconds kCommit{120};  // of the most changes that a transaction has, on a slow disk
+  std::size_t sent = 0, all = 0;
+  for (const Part& part : parts) all += part.changes;
+  try {
+    post("begin", "{}");
+    for (const Part& part : parts) {
+      post("write", "{\"changes\":" + part.text + '}');
+      sent += part.changes;
+      while (unanswered_ > 1) reply(timeout_);
+      if (onSent) onSent(sent, all);
+    }
+    post("commit", "{}");
+    while (unanswered_ > 0) reply(kCommit);
+  } catch (const ConnectionLost&) {
+    throw;
+  } catch (const Refusal&) {
+    post("rollback", "{}");
+    while (unanswered_ > 0) nextReply(kCommit);
+    throw;
+  }
+}
 
 std::vector<std::string> Client::filled() { return filledPaths(call("status")); }
 

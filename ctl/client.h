@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -47,13 +48,18 @@ class Client {
   Client& operator=(const Client&) = delete;
 
   // Calls a method and returns its result. Queues notifications that arrive meanwhile. Throws Refusal with
-  // the host's error lines, ConnectionLost if the connection breaks or the call times out.
-  Json call(const std::string& method, Json parameters = Json::object());
+  // the host's error lines, ConnectionLost if the connection breaks or the host sends nothing for the
+  // timeout.
+  Json call(const char* method, const Json& parameters = Json::object());
 
   // The entity at a path and all under it, sorted by path.
-  Json read(const std::string& path);
-  // Applies all of the changes, or none.
-  void write(Json changes);
+  // `arrived`: called with the bytes that did so far.
+  Json read(const std::string& path, const std::function<void(std::size_t bytes)>& arrived = {});
+  // Called with the number of changes that were sent, and that of all.
+  using Sent = std::function<void(std::size_t changes, std::size_t all)>;
+  // Applies all of the changes, or none: in one message, or in a transaction where one can't hold them.
+  // `sent` is called in a transaction only.
+  void write(const Json& changes, const Sent& sent = {});
   // The paths that agents of any host fill, see filledPaths(). Writes at and under them by others are
   // refused.
   std::vector<std::string> filled();
@@ -70,8 +76,21 @@ class Client {
   int descriptor() const { return descriptor_; }
 
  private:
+  // Some of the changes of a batch, as the text of an array, and how many there are.
+  struct Part {
+    std::string text;
+    std::size_t changes = 0;
+  };
+  static std::vector<Part> partsOf(const Json& changes);
+
+  void post(const char* method, const std::string& parameters);
+  // The answer to the oldest request that has none.
+  Json nextReply(std::chrono::seconds timeout, const std::function<void(std::size_t)>& arrived = {});
+  // Its result. Throws as call() does.
+  Json reply(std::chrono::seconds timeout, const std::function<void(std::size_t)>& arrived = {});
+  void sendParts(const std::vector<Part>& parts, const Sent& onSent);
   void send(const std::string& line);
-  void waitReadable(std::chrono::steady_clock::time_point deadline);
+  void waitReadable(std::chrono::seconds timeout);
   void takeLine(const std::string& line);
   [[noreturn]] void lost(const std::string& why) const;
 
@@ -82,6 +101,7 @@ class Client {
   std::unique_ptr<OwnHost> own_;
   int descriptor_ = -1;
   int lastId_ = 0;
+  std::size_t unanswered_ = 0;  // requests
   std::string buffer_;
   std::deque<Json> notifications_;
   std::deque<Json> replies_;

@@ -2,6 +2,8 @@
 
 #include <CLI/App.hpp>
 
+#include "ctl/text.h"
+
 namespace Ctl {
 
 Argument& Argument::required(bool needed) {
@@ -11,6 +13,15 @@ Argument& Argument::required(bool needed) {
 
 Argument& Argument::completes(Completes what) {
   (*completions_)[option_] = what;
+  return *this;
+}
+
+Argument& Argument::duration() {
+  const auto convert = [](std::string& text) {
+    text = inSeconds(text);
+    return std::string();
+  };
+  option_->transform(CLI::Validator(convert, ""))->type_name("SECONDS");
   return *this;
 }
 

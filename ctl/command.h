@@ -35,6 +35,7 @@ enum class Completes {
   facility,
   type,
   file,
+  colour,
   object,
   procedure
 };
@@ -48,6 +49,8 @@ class Argument {
 
   Argument& required(bool needed = true);
   Argument& completes(Completes what);
+  // Accepts units of time after the number, which is in seconds: 500ms, 2s, 5min, 1h.
+  Argument& duration();
   // Accepts only numbers from `least` to `most`.
   Argument& within(double least, double most);
   // Takes one value each time it is given, not all the words that follow.

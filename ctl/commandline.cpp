@@ -19,32 +19,6 @@ constexpr int kRefused = 1;
 constexpr int kUsage = 2;
 constexpr double kLongestWait = 3600;  // seconds
 
-void describe(CLI::App& app, Completions& completions, Context& context) {
-  app.name("pinlampctl");
-  app.description("Shows and sets the LEDs of an appliance through pinlampd.");
-  app.footer("Example: pinlampctl led set Ethernet3/1 green --flash 0.5");
-  Command all(app, completions);
-  all.argument("--socket", context.target.socket, "The control socket of pinlampd")
-      .completes(Completes::file)
-      .fromEnvironment("PINLAMP_SOCKET");
-  all.argument(
-         "--store", context.target.store,
-         "A state database to use without a host, instead of a socket: sqlite:FILE that no pinlampd has "
-         "open, or one that several share")
-      .valueName("URL");
-  all.argument("--types", context.target.types,
-               "With --store: a library whose types of entities it has; may be given several times")
-      .valueName("LIBRARY")
-      .completes(Completes::file)
-      .oneEach();
-  all.argument("--wait", context.target.wait, "How long to wait for pinlampd or the store to be ready")
-      .valueName("SECONDS")
-      .within(0, kLongestWait);
-  app.set_version_flag("--version", "pinlampctl " PINLAMP_VERSION);
-  app.require_subcommand(1);
-  for (const auto addGroup : kCommandGroups) addGroup(all, context);
-}
-
 // The innermost command on the command line.
 const CLI::App& reached(const CLI::App& app) {
   const auto chosen = app.get_subcommands();
@@ -63,6 +37,52 @@ std::string unknownCommand(const CLI::App& command, const std::vector<std::strin
     known.insert(each->get_name());
   if (known.empty() || left.empty()) return {};
   return "there is no command '" + left.front() + "'" + hint(left.front(), known);
+}
+
+void printHelp(std::ostream& out, const CLI::App& app, const std::vector<std::string>& words) {
+  const CLI::App* command = &app;
+  for (const std::string& word : words) {
+    const auto next =
+        command->get_subcommands([&word](const CLI::App* each) { return each->get_name() == word; });
+    if (next.empty()) throw UsageError(unknownCommand(*command, {word}));
+    command = next.front();
+  }
+  out << app.get_formatter()->make_help(command, commandText(*command), CLI::AppFormatMode::Normal);
+}
+
+void addHelp(CLI::App& app, Context& context) {
+  const auto words = std::make_shared<std::vector<std::string>>();
+  CLI::App* help = app.add_subcommand("help", "Shows the help of a command");
+  help->footer("Example: pinlampctl help led set");
+  help->add_option("COMMAND", *words, "The command, such as led set");
+  help->callback([&app, &context, words] { printHelp(context.out, app, *words); });
+}
+
+void describe(CLI::App& app, Completions& completions, Context& context) {
+  app.name("pinlampctl");
+  app.description("Shows and sets the LEDs of an appliance through pinlampd.");
+  app.footer("Example: pinlampctl led set Ethernet3/1 green --flash 0.5");
+  Command all(app, completions);
+  all.argument("--socket", context.target.socket, "The control socket of pinlampd")
+      .completes(Completes::file)
+      .fromEnvironment(Host::kSocketVariable);
+  all.argument(
+         "--store", context.target.store,
+         "A state database to use without a host, instead of a socket: sqlite:FILE that no pinlampd has "
+         "open, or one that several share")
+      .valueName("URL");
+  all.argument("--types", context.target.types,
+               "With --store: a library whose types of entities it has; may be given several times")
+      .valueName("LIBRARY")
+      .completes(Completes::file)
+      .oneEach();
+  all.argument("--wait", context.target.wait, "How long to wait for pinlampd or the store to be ready")
+      .duration()
+      .within(0, kLongestWait);
+  app.set_version_flag("-V,--version", "pinlampctl " PINLAMP_VERSION);
+  app.require_subcommand(1);
+  for (const auto addGroup : kCommandGroups) addGroup(all, context);
+  addHelp(app, context);
 }
 
 int usage(const CLI::App& app, std::ostream& err, const std::string& what) {

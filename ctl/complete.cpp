@@ -59,7 +59,7 @@ void takeWord(Position& at, const std::string& word) {
     if (option && assigned != std::string::npos) return takeValue(at, *option, word.substr(assigned + 1));
     if (option && option->get_items_expected_max() > 0) at.valueOf = option;
   } else if (const CLI::App* next = subcommandNamed(*at.command, word)) {
-    at.command = next;
+    if (next->get_name() != "help") at.command = next;  // the words after help are commands
   } else {
     at.positionals.push_back(word);
   }
@@ -175,6 +175,7 @@ Names fromHost(Client& client, Completes what, const Position& at, const std::st
       return typeNames(client);
     case Completes::nothing:
     case Completes::file:
+    case Completes::colour:
       break;
   }
   return {};
@@ -188,7 +189,8 @@ Names argumentNames(Context& context, const Position& at, const CLI::Option* arg
   if (known == at.completions->end()) return {};
   const Completes what = known->second;
   if (what == Completes::file) return {":files"};
-  const bool colours = what == Completes::ledThenColour && !at.positionals.empty();
+  const bool colours =
+      what == Completes::colour || (what == Completes::ledThenColour && !at.positionals.empty());
   Names names = colours ? colourWords() : Names();
   try {
     names.merge(fromHost(context.client(), what, at, begun));

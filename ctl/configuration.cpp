@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <set>
+#include <utility>
 
 #include "ctl/appliance.h"
 #include "ctl/jsontext.h"
@@ -39,26 +40,77 @@ Refusal outOfRange(const std::string& file, const std::string& text, const std::
                  " is out of range");
 }
 
+// Builds the value that the library's parser reads, and collects the duplicate keys of its objects, which the
+// library would drop. (With a callback the library visits every member of an object at the end of each one:
+// that is quadratic.)
+class Builder : public nlohmann::json_sax<Json> {
+ public:
+  Json value;
+  std::vector<std::string> duplicates;
+
+  bool null() override { return add(nullptr); }
+  bool boolean(bool given) override { return add(given); }
+  bool number_integer(std::int64_t given) override { return add(given); }
+  bool number_unsigned(std::uint64_t given) override { return add(given); }
+  bool number_float(double given, const std::string&) override { return add(given); }
+  bool string(std::string& given) override { return add(std::move(given)); }
+  bool binary(Json::binary_t&) override { return false; }
+  bool start_object(std::size_t) override { return open(Json::object()); }
+  bool start_array(std::size_t) override { return open(Json::array()); }
+  bool end_object() override { return close(); }
+  bool end_array() override { return close(); }
+  bool key(std::string& given) override {
+    const auto [member, isNew] = open_.back()->get_ref<Json::object_t&>().try_emplace(given);
+    if (!isNew) duplicates.push_back(given);
+    member_ = &member->second;
+    return true;
+  }
+  bool parse_error(std::size_t, const std::string&, const Json::exception& error) override {
+    if (const auto* syntax = dynamic_cast<const Json::parse_error*>(&error)) throw *syntax;
+    if (const auto* range = dynamic_cast<const Json::out_of_range*>(&error)) throw *range;
+    return false;
+  }
+
+ private:
+  Json& place() {
+    if (open_.empty()) return value;
+    return open_.back()->is_array() ? open_.back()->emplace_back() : *member_;
+  }
+  bool add(Json&& given) {
+    place() = std::move(given);
+    return true;
+  }
+  bool open(Json&& container) {
+    Json& opened = place();
+    opened = std::move(container);
+    open_.push_back(&opened);
+    return true;
+  }
+  bool close() {
+    open_.pop_back();
+    return true;
+  }
+
+  std::vector<Json*> open_;  // the arrays and objects around the next value
+  Json* member_ = nullptr;   // of the innermost object
+};
+
 // Parses JSON, and adds an error for each duplicate key.
 Json parsed(const std::string& file, const std::string& text, std::vector<std::string>& errors) {
-  std::vector<std::set<std::string>> keys;
-  const auto watchKeys = [&](int, Json::parse_event_t event, Json& value) {
-    if (event == Json::parse_event_t::object_start) keys.emplace_back();
-    if (event == Json::parse_event_t::object_end) keys.pop_back();
-    if (event == Json::parse_event_t::key && !keys.back().insert(value.get<std::string>()).second)
-      errors.push_back(file + ": duplicate key " + value.dump() + " in an object; keep one");
-    return true;
-  };
   if (const auto at = tooDeepAt(text, kInputDepth))
     throw Refusal(file + ':' + positionAt(text, *at) + ": " + tooDeep(kInputDepth));
+  Builder builder;
   try {
-    return Json::parse(text, watchKeys);
+    Json::sax_parse(text, &builder);
   } catch (const Json::parse_error& error) {
     throw Refusal(file + ':' + positionAt(text, error.byte == 0 ? 0 : error.byte - 1) + ": " +
                   reasonOf(error.what()));
   } catch (const Json::out_of_range& error) {
     throw outOfRange(file, text, error.what());
   }
+  for (const std::string& key : builder.duplicates)
+    errors.push_back(file + ": duplicate key " + Json(key).dump() + " in an object; keep one");
+  return std::move(builder.value);
 }
 
 // FILE:LINE of a key; FILE where its escapes differ from ours.

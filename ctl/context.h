@@ -38,6 +38,8 @@ void addLedCommands(Command& parent, Context& context);     // led …
 void addMapCommands(Command& parent, Context& context);     // map …
 void addEntityCommands(Command& parent, Context& context);  // get, set, del, types
 void addWatchCommand(Command& parent, Context& context);
+void addWaitCommand(Command& parent, Context& context);
+void addCheckCommand(Command& parent, Context& context);
 void addPanelCommand(Command& parent, Context& context);
 void addRecordCommand(Command& parent, Context& context);
 void addHostCommands(Command& parent, Context& context);    // trace, status
@@ -46,10 +48,10 @@ void addWhyCommand(Command& parent, Context& context);
 void addStoreCommands(Command& parent, Context& context);  // store …
 
 // In the order of the help text.
-inline constexpr std::array kCommandGroups{addLedCommands,    addPanelCommand,   addMapCommands,
-                                           addConfigCommands, addEntityCommands, addWatchCommand,
-                                           addRecordCommand,  addHostCommands,   addObjectCommands,
-                                           addWhyCommand,     addStoreCommands};
+inline constexpr std::array kCommandGroups{
+    addLedCommands,    addPanelCommand, addMapCommands,  addConfigCommands, addCheckCommand,
+    addEntityCommands, addWatchCommand, addWaitCommand,  addRecordCommand,  addHostCommands,
+    addObjectCommands, addWhyCommand,   addStoreCommands};
 
 // Runs one command line, without the program's name; returns the exit status: 0, 1 (refused) or 2 (usage).
 int runCommandLine(std::vector<std::string> arguments, std::ostream& out, std::ostream& err);

@@ -25,7 +25,6 @@ void checkTogether(const LedWords& words, std::optional<double> flash) {
   if (words.colours.empty() && !flash)
     throw UsageError("led set: no colour is given; colours are " + colourList());
   const bool off = std::count(words.colours.begin(), words.colours.end(), "off") != 0;
-  if (off && words.colours.size() > 1) throw UsageError("led set: 'off' can't be combined with colours");
   if (off && flash.value_or(0.0) != 0.0)
     throw UsageError("led set: an LED that is off can't flash; leave out --flash");
 }
@@ -38,13 +37,19 @@ std::string colourList() {
   return list + " or off";
 }
 
+void checkColours(const std::string& command, const std::vector<std::string>& colours) {
+  for (const std::string& colour : colours)
+    if (!isColour(colour))
+      throw Refusal(command + ": there is no colour '" + colour + "'; colours are " + colourList());
+  if (std::ranges::count(colours, "off") != 0 && colours.size() > 1)
+    throw UsageError(command + ": 'off' can't be combined with colours");
+}
+
 LedWords splitLedWords(const std::vector<std::string>& words, std::optional<double> flash) {
   if (flash) checkFlash(*flash);
   const auto firstColour = std::find_if(words.begin() + 1, words.end(), isColour);
   LedWords split{{words.begin(), firstColour}, {firstColour, words.end()}};
-  for (const std::string& colour : split.colours)
-    if (!isColour(colour))
-      throw Refusal("led set: there is no colour '" + colour + "'; colours are " + colourList());
+  checkColours("led set", split.colours);
   if (split.colours.empty() && !flash && words.size() > 1)
     throw Refusal("led set: there is no colour '" + words.back() + "'; colours are " + colourList());
   checkTogether(split, flash);

@@ -22,6 +22,9 @@ std::string colourList();
 // unknown colour or an invalid interval.
 LedWords splitLedWords(const std::vector<std::string>& words, std::optional<double> flash);
 
+// Throws for an unknown colour, and for "off" beside others; `command` begins the message.
+void checkColours(const std::string& command, const std::vector<std::string>& colours);
+
 // Expands the names to those of LEDs. Throws Refusal; a name after the first may be a mistyped colour, so the
 // message lists the colours too.
 std::vector<std::string> expandLedWords(const LedWords& words, const std::set<std::string>& known);

@@ -81,12 +81,12 @@ void Table::print(std::ostream& out) const {
   std::vector<std::size_t> widths;
   for (const auto& row : rows_) {
     widths.resize(std::max(widths.size(), row.size()));
-    for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
+    for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], columnsOf(row[i]));
   }
   for (const auto& row : rows_) {
     std::string line;
     for (std::size_t i = 0; i < row.size(); ++i)
-      line += row[i] + std::string(widths[i] - row[i].size() + 2, ' ');
+      line += row[i] + std::string(widths[i] - columnsOf(row[i]) + 2, ' ');
     line.erase(line.find_last_not_of(' ') + 1);
     out << line << '\n';
   }

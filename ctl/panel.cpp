@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <map>
+#include <numeric>
 #include <regex>
 
 #include "ctl/text.h"
@@ -96,14 +97,17 @@ namespace {
 struct Cell {
   std::string text;
   std::size_t width = 0;
+  std::size_t lamps = 0;  // that it shows
 
   Cell() = default;
-  explicit Cell(const std::string& ascii) : text(ascii), width(ascii.size()) {}
-  Cell(std::string bytes, std::size_t columns) : text(std::move(bytes)), width(columns) {}
+  explicit Cell(const std::string& plain) : text(plain), width(columnsOf(plain)) {}
+  Cell(std::string bytes, std::size_t columns, std::size_t shown = 0)
+      : text(std::move(bytes)), width(columns), lamps(shown) {}
 
   Cell& operator+=(const Cell& other) {
     text += other.text;
     width += other.width;
+    lamps += other.lamps;
     return *this;
   }
   Cell& padTo(std::size_t columns) {
@@ -151,16 +155,16 @@ std::string styled(const std::string& code, const std::string& text, const Look&
   return look.colours == Look::Colours::none ? text : "\x1b[" + code + 'm' + text + "\x1b[0m";
 }
 
-Cell dim(const std::string& ascii, const Look& look) { return {styled("2", ascii, look), ascii.size()}; }
+Cell dim(const std::string& plain, const Look& look) { return {styled("2", plain, look), columnsOf(plain)}; }
 
 // The LED itself, one column wide: lit, dark, or not driven.
 Cell lampCell(const Lamp& lamp, const Look& look) {
-  if (!lamp.driven) return {styled("2", look.unicode ? "·" : "-", look), 1};
-  if (!lamp.lit()) return {styled("2", look.unicode ? "○" : ".", look), 1};
+  if (!lamp.driven) return {styled("2", look.unicode ? "·" : "-", look), 1, 1};
+  if (!lamp.lit()) return {styled("2", look.unicode ? "○" : ".", look), 1, 1};
   if (look.colours != Look::Colours::none)
-    return {styled(colourCode(lamp.shows, look.colours), look.unicode ? "●" : "@", look), 1};
+    return {styled(colourCode(lamp.shows, look.colours), look.unicode ? "●" : "@", look), 1, 1};
   const Colour* only = onlyColour(lamp.shows);
-  return Cell(std::string(1, only ? only->letter : '*'));
+  return {std::string(1, only ? only->letter : '*'), 1, 1};
 }
 
 // Two ports, one above the other; the lanes of each are side by side.
@@ -169,7 +173,7 @@ struct Column {
   unsigned numberAbove = 0, numberBelow = 0;
 };
 
-std::vector<Column> columnsOf(const PortBlock& block) {
+std::vector<Column> portColumns(const PortBlock& block) {
   std::map<unsigned, Column> columns;
   const bool fromZero =
       std::any_of(block.ports.begin(), block.ports.end(), [](const Port& port) { return port.number == 0; });
@@ -218,7 +222,7 @@ void appendColumn(Cells& band, const Column& column, const Look& look) {
 Cells blockLines(const PortBlock& block, const Look& look, std::size_t width) {
   Cells lines;
   Cells band(4);
-  for (const Column& column : columnsOf(block)) {
+  for (const Column& column : portColumns(block)) {
     if (band[0].width + widthOf(column) > width && band[0].width > 0) {
       lines.insert(lines.end(), band.begin(), band.end());
       band.assign(4, Cell());
@@ -245,7 +249,7 @@ Cells otherLines(const std::vector<const Lamp*>& others, const Look& look, std::
                  std::size_t rowsWanted) {
   if (others.empty()) return {};
   std::size_t cellWidth = 0;
-  for (const Lamp* lamp : others) cellWidth = std::max(cellWidth, shownName(*lamp).size() + 4);
+  for (const Lamp* lamp : others) cellWidth = std::max(cellWidth, columnsOf(shownName(*lamp)) + 4);
   const std::size_t fitting = std::max<std::size_t>(1, width / cellWidth);
   const std::size_t rows =
       std::max((others.size() + fitting - 1) / fitting, std::min(rowsWanted, others.size()));
@@ -297,27 +301,66 @@ std::string summary(const std::vector<Lamp>& lamps) {
   return text;
 }
 
-// The first `width` columns of ASCII text.
-std::string cut(const std::string& ascii, std::size_t width) { return ascii.substr(0, width); }
+std::size_t lampsIn(Cells::const_iterator first, Cells::const_iterator last) {
+  return std::accumulate(first, last, std::size_t{0}, [](auto sum, auto& line) { return sum + line.lamps; });
+}
+
+// "… 12 more above, 40 more below: arrows, Page Up, Page Down".
+std::string moreText(const Cells& body, const Scroll& scroll, const Look& look) {
+  const auto first = body.begin() + static_cast<std::ptrdiff_t>(scroll.from);
+  const std::size_t above = lampsIn(body.begin(), first);
+  const std::size_t below = lampsIn(first + static_cast<std::ptrdiff_t>(scroll.page), body.end());
+  std::string text = look.unicode ? " … " : " ... ";
+  if (above > 0) text += std::to_string(above) + " more above" + (below > 0 ? ", " : "");
+  if (below > 0) text += std::to_string(below) + " more" + (above > 0 ? " below" : "");
+  return text + "  (arrows and page keys scroll)";
+}
+
+// The part of the body that the screen has room for, and how much more there is.
+void appendScrolled(const Cells& body, const Look& look, const PanelSize& size, Scroll& scroll,
+                    std::vector<std::string>& lines) {
+  constexpr std::size_t kOthers = 3;  // the title, what is left out, and the summary
+  scroll.page = size.rows > kOthers ? size.rows - kOthers : 0;
+  scroll.from = std::min(scroll.from, body.size() - scroll.page);
+  for (std::size_t i = 0; i < scroll.page; ++i) lines.push_back(body[scroll.from + i].text);
+  if (size.rows >= kOthers)
+    lines.push_back(styled("2", firstColumns(moreText(body, scroll, look), size.columns), look));
+}
 
 }  // namespace
 
 std::vector<std::string> panelFrame(const std::vector<Lamp>& lamps, const std::string& title,
-                                    const Look& look, const PanelSize& size) {
-  std::vector<std::string> lines{styled("1", cut(' ' + title, size.columns), look), ""};
-  for (const Cell& line : bodyLines(panelLayout(lamps), look, size.columns))
-    lines.push_back(line.width <= size.columns ? line.text : "");
-  lines.emplace_back();
-  lines.push_back(styled("2", cut(summary(lamps), size.columns), look));
-  if (lines.size() > size.rows) lines.resize(size.rows);
+                                    const Look& look, const PanelSize& size, Scroll& scroll) {
+  constexpr std::size_t kOthers = 4;  // the title, the summary, and an empty line beside each
+  std::vector<std::string> lines{styled("1", firstColumns(' ' + title, size.columns), look)};
+  Cells body = bodyLines(panelLayout(lamps), look, size.columns);
+  for (Cell& line : body)
+    if (line.width > size.columns) line = Cell();
+  if (body.size() + kOthers <= size.rows) {
+    scroll = {0, body.size()};
+    lines.emplace_back();
+    for (const Cell& line : body) lines.push_back(line.text);
+    lines.emplace_back();
+  } else {
+    appendScrolled(body, look, size, scroll, lines);
+  }
+  if (size.rows > 1) lines.push_back(styled("2", firstColumns(summary(lamps), size.columns), look));
   return lines;
 }
 
+namespace {
+
+void padTo(std::string& line, std::size_t columns) {
+  line.append(std::max(columns, columnsOf(line) + 1) - columnsOf(line), ' ');
+}
+
+}  // namespace
+
 std::string plainLine(const Lamp& lamp) {
   std::string line = shownName(lamp);
-  line.resize(std::max<std::size_t>(line.size() + 1, 16), ' ');
+  padTo(line, 16);
   line += lamp.shownText();
-  line.resize(std::max<std::size_t>(line.size() + 1, 30), ' ');
+  padTo(line, 30);
   return line + lamp.settingText();
 }
 

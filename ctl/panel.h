@@ -46,9 +46,17 @@ struct PanelSize {
   std::size_t rows = 24;
 };
 
-// The lines of one frame, with the escape sequences of `look`, no larger than `size`. The first is the title.
+// Where a panel that has more lines than the screen is scrolled to, in lines. panelFrame() corrects `from`,
+// and sets `page` to the lines that it shows.
+struct Scroll {
+  std::size_t from = 0;
+  std::size_t page = 1;
+};
+
+// The lines of one frame, with the escape sequences of `look`, no larger than `size`. The first is the title,
+// the last the summary; where not all LEDs fit, the line before says how many more there are.
 std::vector<std::string> panelFrame(const std::vector<Lamp>& lamps, const std::string& title,
-                                    const Look& look, const PanelSize& size);
+                                    const Look& look, const PanelSize& size, Scroll& scroll);
 
 // One LED as a plain line: name, what it shows, what it should show.
 std::string plainLine(const Lamp& lamp);

@@ -7,11 +7,12 @@
 #include <vector>
 
 #include "ctl/client.h"
+#include "host/controlsocket.h"
 
 namespace Ctl {
 
 struct Target {
-  std::string socket = "/run/pinlamp/control.sock";
+  std::string socket = Host::clientSocket();
   std::string store{};               // the store's URL; empty: the host's at `socket`
   std::vector<std::string> types{};  // libraries whose types its entities have
   double wait = 0;                   // seconds to wait for it to be ready

@@ -1,9 +1,13 @@
 #include "ctl/text.h"
 
 #include <fnmatch.h>
+#include <locale.h>
+#include <wchar.h>
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
+#include <iterator>
 #include <numeric>
 #include <sstream>
 #include <utility>
@@ -178,6 +182,80 @@ std::string hint(const std::string& name, const std::set<std::string>& known) {
   const bool more = all.size() > kShown;
   if (more) all.resize(kShown);
   return "; known: " + joined(all) + (more ? ", …" : "");
+}
+
+std::string inSeconds(const std::string& text) {
+  struct Unit {
+    std::string_view name;
+    double seconds;
+    double parts;  // of these seconds
+  };
+  static constexpr Unit kUnits[] = {{"ms", 1, 1000}, {"s", 1, 1}, {"min", 60, 1}, {"h", 3600, 1}};
+  double number = 0.0;
+  const char* const end = text.data() + text.size();
+  const auto [rest, error] = std::from_chars(text.data(), end, number);
+  const std::string_view name(rest, static_cast<std::size_t>(end - rest));
+  const auto unit = std::ranges::find(kUnits, name, &Unit::name);
+  if (error != std::errc() || unit == std::end(kUnits)) return text;
+  char digits[32];
+  return {digits, std::to_chars(digits, std::end(digits), number * unit->seconds / unit->parts).ptr};
+}
+
+std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  for (std::size_t begin = 0; begin <= text.size();) {
+    const std::size_t end = std::min(text.find('\n', begin), text.size());
+    lines.push_back(text.substr(begin, end - begin));
+    begin = end + 1;
+  }
+  return lines;
+}
+
+namespace {
+
+// The first character of UTF-8 text, and its bytes: at least one.
+std::pair<wchar_t, std::size_t> firstCharacter(std::string_view text) {
+  const auto first = static_cast<unsigned char>(text.front());
+  const std::size_t size = first < 0xC0 ? 1 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
+  if (size == 1 || size > text.size()) return {static_cast<wchar_t>(first), 1};
+  auto character = static_cast<unsigned>(first) & (0xFFU >> (size + 1));
+  for (std::size_t i = 1; i < size; ++i)
+    character = character << 6 | (static_cast<unsigned char>(text[i]) & 0x3FU);
+  return {static_cast<wchar_t>(character), size};
+}
+
+// By the C library's table for UTF-8, whatever the locale: names are UTF-8. 1 for what it does not know.
+std::size_t widthOf(wchar_t character) {
+  if (character < 0x7F) return 1;
+  static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+  if (utf8 == nullptr) return 1;
+  const locale_t before = uselocale(utf8);
+  const int width = wcwidth(character);
+  uselocale(before);
+  return width < 0 ? 1 : static_cast<std::size_t>(width);
+}
+
+}  // namespace
+
+std::size_t columnsOf(std::string_view text) {
+  std::size_t columns = 0;
+  while (!text.empty()) {
+    const auto [character, bytes] = firstCharacter(text);
+    columns += widthOf(character);
+    text.remove_prefix(bytes);
+  }
+  return columns;
+}
+
+std::string firstColumns(std::string_view text, std::size_t columns) {
+  std::size_t end = 0;
+  for (std::size_t used = 0; end < text.size();) {
+    const auto [character, bytes] = firstCharacter(text.substr(end));
+    used += widthOf(character);
+    if (used > columns) break;
+    end += bytes;
+  }
+  return std::string(text.substr(0, end));
 }
 
 std::string shortNumber(double number) {

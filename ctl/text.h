@@ -29,6 +29,12 @@ std::string joined(const std::vector<std::string>& texts, std::string_view separ
 // The first eight: "a, b, and 5 more".
 std::string firstOf(std::vector<std::string> texts);
 
+std::vector<std::string> linesOf(const std::string& text);
+
+// The columns that UTF-8 text takes on a terminal, and as much of it as fits into `columns`.
+std::size_t columnsOf(std::string_view text);
+std::string firstColumns(std::string_view text, std::size_t columns);
+
 bool isGlob(std::string_view text);
 // Shell patterns; '*' matches slashes too, since LED names hold them.
 bool matches(const std::string& pattern, const std::string& name);
@@ -40,6 +46,10 @@ bool naturallyBefore(std::string_view a, std::string_view b);
 std::vector<std::string> nearest(const std::string& name, const std::set<std::string>& known);
 // "; nearest: a, b", or "; known: …" if none is near, or "; there are none".
 std::string hint(const std::string& name, const std::set<std::string>& known);
+
+// A time with a unit as the number of its seconds: "500ms" as "0.5"; also s, min and h. Anything else as it
+// is.
+std::string inSeconds(const std::string& text);
 
 // A number without trailing zeros: "0.5", "2".
 std::string shortNumber(double number);

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "host/control/control.h"
+#include "host/controlsocket.h"
 #include "host/io/loop.h"
 #include "host/io/services.h"
 #include "host/io/wakeups.h"
@@ -21,7 +22,7 @@ struct Options {
   std::string store = "memory:";
   std::vector<AgentOption> agents;
   std::vector<std::string> types;  // libraries to load for the types of entities that they register
-  std::string socket = "/run/pinlamp/control.sock";
+  std::string socket = hostSocket();
   std::optional<std::size_t> maxClients{};  // of the socket, at a time; default: see ClientLimits
   std::optional<int> client{};  // serve only the client at the other end of this socket, and end with it
   std::optional<Fallback> whenLost{};

@@ -65,6 +65,7 @@ void describe(CLI::App& app, CommandLine& line) {
   app.add_option("--client", line.host.client)->group("");  // of pinlampctl --store: not in the help
   app.add_option("--socket", line.host.socket, "the control socket")
       ->type_name("PATH")
+      ->envname(Host::kSocketVariable)
       ->capture_default_str();
   app.add_option("--max-clients", line.host.maxClients,
                  "clients of the socket at a time (default: 1000, and fewer where the process may "

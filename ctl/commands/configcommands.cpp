@@ -1,64 +1,29 @@
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iostream>
+#include <ostream>
 
 #include "ctl/configuration.h"
 #include "ctl/context.h"
 #include "ctl/output.h"
+#include "ctl/progress.h"
+#include "ctl/sources.h"
 #include "ctl/text.h"
 
 namespace Ctl {
 
 namespace {
 
-// Bytes of one file; bounds memory.
-constexpr std::size_t kLongestFile = std::size_t{256} << 20;
-
-std::string contentsOf(std::istream& in, const std::string& file) {
-  std::string text;
-  char chunk[65536];
-  while (in.read(chunk, sizeof chunk) || in.gcount() > 0) {
-    text.append(chunk, static_cast<std::size_t>(in.gcount()));
-    if (text.size() > kLongestFile) throw Refusal(file + ": has more than 256 MiB");
-  }
-  if (in.bad()) throw Refusal("can't read '" + file + "': " + std::strerror(errno));
-  return text;
-}
-
-Configuration::Source sourceFrom(const std::string& file) {
-  if (file == "-") return {"standard input", contentsOf(std::cin, "standard input")};
-  std::error_code ignored;
-  if (std::filesystem::is_directory(file, ignored))
-    throw Refusal("can't read '" + file + "': it is a directory; name the files in it, such as " + file +
-                  "/*.json");
-  std::ifstream in(file, std::ios::binary);
-  if (!in) throw Refusal("can't read '" + file + "': " + std::strerror(errno));
-  return {file, contentsOf(in, file)};
-}
-
-std::vector<std::string> linesOf(const std::string& text) {
-  std::vector<std::string> lines;
-  for (std::size_t begin = 0; begin <= text.size();) {
-    const std::size_t end = std::min(text.find('\n', begin), text.size());
-    lines.push_back(text.substr(begin, end - begin));
-    begin = end + 1;
-  }
-  return lines;
-}
-
 struct Loading {
   std::vector<std::string> files;
   bool replace = false;
   bool dryRun = false;
   bool force = false;
+  bool json = false;
+
+  // Whether it prints what it changes.
+  bool compares() const { return replace || dryRun || json; }
 };
 
 Configuration configurationFrom(const Loading& given) {
-  std::vector<Configuration::Source> sources;
-  for (const std::string& file : given.files) sources.push_back(sourceFrom(file));
-  Configuration configuration(std::move(sources));
+  Configuration configuration(sourcesFrom(given.files));
   if (given.replace && configuration.size() == 0 && !given.force)
     throw Refusal(joined(given.files) +
                   ": no entities; --replace would remove everything that is not an "
@@ -82,9 +47,14 @@ std::string countsText(const Differences& all) {
 }
 
 // Prefixes the host's errors with their positions in the files.
-void write(Client& client, const Configuration& configuration, Json changes) {
+void write(Context& context, const Configuration& configuration, const Json& changes) {
+  Progress progress(context.err);
+  const auto sent = [&](std::size_t count, std::size_t all) {
+    progress.show(count < all ? "sent " + std::to_string(count) + " of " + std::to_string(all) + " changes"
+                              : "sent all changes; waiting until they are stored");
+  };
   try {
-    client.write(std::move(changes));
+    context.client().write(changes, sent);
   } catch (const ConnectionLost&) {
     throw;
   } catch (const Refusal& refusal) {
@@ -94,23 +64,37 @@ void write(Client& client, const Configuration& configuration, Json changes) {
   }
 }
 
+void printLoaded(std::ostream& out, const Loading& given, std::size_t entities, const Differences& all) {
+  if (given.json)
+    return printJson(out, {{"files", given.files},
+                           {"entities", entities},
+                           {"written", !given.dryRun},
+                           {"added", all.added},
+                           {"changed", all.changed},
+                           {"removed", all.removed}});
+  if (given.compares()) printDifferences(out, all);
+  out << bare(joined(given.files)) << ": " << entities << " entities" << (given.dryRun ? "" : " loaded")
+      << (given.compares() ? "; " + countsText(all) : "")
+      << (given.dryRun ? "; dry run, nothing is written" : "") << '\n';
+}
+
 void load(Context& context, const Loading& given) {
   const Configuration configuration = configurationFrom(given);
   Client& client = context.client();
-  const bool compares = given.replace || given.dryRun;
-  const Json entities = compares ? client.read("") : Json::array();
+  const Json entities = given.compares() ? client.read("") : Json::array();
   Json changes = given.replace ? configuration.dels(entities, client.filled()) : Json::array();
-  const Differences differences = configuration.differences(entities, changes);
+  const Differences differences =
+      given.compares() ? configuration.differences(entities, changes) : Differences();
   for (Json& put : configuration.puts()) changes.push_back(std::move(put));
-  if (!given.dryRun) write(client, configuration, std::move(changes));
-  if (compares) printDifferences(context.out, differences);
-  context.out << bare(joined(given.files)) << ": " << configuration.size() << " entities"
-              << (given.dryRun ? "" : " loaded") << (compares ? "; " + countsText(differences) : "")
-              << (given.dryRun ? "; dry run, nothing is written" : "") << '\n';
+  if (!given.dryRun) write(context, configuration, changes);
+  printLoaded(context.out, given, configuration.size(), differences);
 }
 
 void dump(Context& context, const std::string& path, bool all) {
-  const Json entities = context.client().read(path);
+  Progress progress(context.err);
+  const Json entities = context.client().read(
+      path, [&](std::size_t bytes) { progress.show("read " + std::to_string(bytes >> 20) + " MiB"); });
+  progress.clear();
   if (entities.empty() && !path.empty())
     throw Refusal("there is nothing at '" + path + "'; see: pinlampctl get");
   context.out << (all ? wholeText(entities) : configurationText(entities, context.client().filled()));
@@ -129,6 +113,7 @@ void addLoad(Command& app, Context& context) {
   command.flag(
       "--force", given->force,
       "With --replace: take files without entities, which removes everything that is not an agent's");
+  command.jsonFlag(given->json);
   command.runs([&context, given] { load(context, *given); });
 }
 

@@ -79,10 +79,7 @@ void getEntity(Context& context, const std::string& path, const std::string& att
   if (!attribute.empty() && !here)
     throw Refusal("there is no entity at '" + path + "', only under it; see: pinlampctl get " + path);
   if (!attribute.empty()) return getAttribute(context, entities.front(), attribute, json);
-  if (json) {
-    printJson(context.out, (here ? entities.front() : entities));
-    return;
-  }
+  if (json) return printJson(context.out, entities);
   if (here)
     printEntity(context.out, entities.front());
   else
@@ -90,25 +87,32 @@ void getEntity(Context& context, const std::string& path, const std::string& att
   printMembers(context.out, entities, path);
 }
 
-void setAttribute(Context& context, const std::string& path, const std::string& attribute,
-                  const std::string& value, const std::string& type) {
-  Json change{{"op", "put"}, {"path", path}, {"attributes", {{attribute, argumentOf(value)}}}};
-  if (type.empty()) {
-    readSome(context.client(), path);
+struct AttributeSetting {
+  std::string path, attribute, value, type;
+  bool json = false;
+};
+
+void setAttribute(Context& context, const AttributeSetting& given) {
+  Json change{
+      {"op", "put"}, {"path", given.path}, {"attributes", {{given.attribute, argumentOf(given.value)}}}};
+  if (given.type.empty()) {
+    readSome(context.client(), given.path);
     change["existing"] = true;
   } else {
-    change["type"] = type;
+    change["type"] = given.type;
   }
   context.client().write(Json::array({change}));
+  if (given.json) printJson(context.out, Json::array({context.client().read(given.path).at(0)}));
 }
 
-void deleteEntities(Context& context, const std::vector<std::string>& paths) {
-  Json changes = Json::array();
+void deleteEntities(Context& context, const std::vector<std::string>& paths, bool json) {
+  Json changes = Json::array(), deleted = Json::array();
   for (const std::string& path : paths) {
-    readSome(context.client(), path);
+    for (Json& entity : readSome(context.client(), path)) deleted.push_back(std::move(entity));
     changes.push_back({{"op", "del"}, {"path", path}});
   }
-  context.client().write(std::move(changes));
+  context.client().write(changes);
+  if (json) printJson(context.out, deleted);
 }
 
 void listTypes(Context& context, bool json) {
@@ -147,10 +151,7 @@ void addEntityGet(Command& app, Context& context) {
 }
 
 void addEntitySet(Command& app, Context& context) {
-  struct Arguments {
-    std::string path, attribute, value, type;
-  };
-  const auto given = std::make_shared<Arguments>();
+  const auto given = std::make_shared<AttributeSetting>();
   Command command = app.add("set", "Sets an attribute of an entity",
                             "pinlampctl set hardware/led/config/leds/Status lightSetting '{\"red\": true}'");
   command.argument("PATH", given->path, "The entity").completes(Completes::path).required();
@@ -158,16 +159,21 @@ void addEntitySet(Command& app, Context& context) {
   command.argument("VALUE", given->value, "JSON, or a bare string").required();
   command.argument("--type", given->type, "Create the entity, of this type, if it does not exist")
       .completes(Completes::type);
-  command.runs(
-      [&context, given] { setAttribute(context, given->path, given->attribute, given->value, given->type); });
+  command.jsonFlag(given->json);
+  command.runs([&context, given] { setAttribute(context, *given); });
 }
 
 void addEntityDel(Command& app, Context& context) {
-  const auto paths = std::make_shared<std::vector<std::string>>();
+  struct Arguments {
+    std::vector<std::string> paths;
+    bool json = false;
+  };
+  const auto given = std::make_shared<Arguments>();
   Command command = app.add("del", "Deletes entities and everything under them",
                             "pinlampctl del hardware/led/config/leds/Beacon");
-  command.argument("PATH", *paths, "The entities").completes(Completes::path).required();
-  command.runs([&context, paths] { deleteEntities(context, *paths); });
+  command.argument("PATH", given->paths, "The entities").completes(Completes::path).required();
+  command.jsonFlag(given->json);
+  command.runs([&context, given] { deleteEntities(context, given->paths, given->json); });
 }
 
 void addTypesCommand(Command& app, Context& context) {

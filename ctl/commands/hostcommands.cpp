@@ -14,7 +14,7 @@ namespace {
 void trace(Context& context, const std::string& levels, bool json) {
   Json parameters = Json::object();
   if (!levels.empty()) parameters["levels"] = levels;
-  const Json facilities = context.host("trace").call("trace", std::move(parameters)).at("facilities");
+  const Json facilities = context.host("trace").call("trace", parameters).at("facilities");
   if (json) {
     printJson(context.out, facilities);
     return;

@@ -1,11 +1,13 @@
 #include <algorithm>
-#include <cmath>
+#include <chrono>
 #include <ostream>
+#include <thread>
 
 #include "ctl/appliance.h"
 #include "ctl/context.h"
 #include "ctl/ledagent.h"
 #include "ctl/ledwords.h"
+#include "ctl/nouns.h"
 #include "ctl/output.h"
 #include "ctl/processes.h"
 #include "ctl/text.h"
@@ -13,28 +15,6 @@
 namespace Ctl {
 
 namespace {
-
-using PinValues = std::map<std::string, std::optional<unsigned>>;
-
-Json pinsJson(const PerColour<std::vector<std::string>>& names, const PinValues& values) {
-  Json pins = Json::object();
-  for (std::size_t i = 0; i < kColours.size(); ++i)
-    for (const std::string& pin : names[i]) {
-      const auto value = values.at(pin);
-      pins[kColours[i].name][pin] = value ? Json(*value) : Json();
-    }
-  return pins;
-}
-
-Json lampJson(const Lamp& lamp, const PinValues& values) {
-  return {{"name", lamp.name},
-          {"setting", lamp.configured ? lamp.setting : Json()},
-          {"mapped", lamp.mapped},
-          {"ready", lamp.ready},
-          {"shows", lamp.driven ? Json(colourNames(lamp.shows)) : Json()},
-          {"pins", pinsJson(lamp.pins, values)},
-          {"formerPins", pinsJson(lamp.formerPins, values)}};
-}
 
 std::string pinsText(const Lamp& lamp, const PinValues& values) {
   if (!lamp.mapped) return "no mapping";
@@ -103,8 +83,7 @@ void listLeds(Context& context, const std::vector<std::string>& patterns, bool j
   table.add({"LED", "SETTING", "SHOWS", "PINS"});
   for (const Lamp& lamp : lamps) {
     table.add({lamp.name, lamp.settingText(), lamp.shownText(), pinsText(lamp, values)});
-    all.push_back(lampJson(lamp, values));
-    all.back()["stale"] = isStale && lamp.driven;
+    all.push_back(ledJson(lamp, values, isStale));
   }
   if (json)
     printJson(context.out, all);
@@ -137,18 +116,63 @@ void noteDark(Context& context, const std::vector<Lamp>& lamps) {
   if (!lacking.empty()) note(context, "no pin for a colour that is set: " + firstOf(lacking));
 }
 
-// Applies `words` to the LEDs' settings. Other members of the settings, such as brightness, stay.
-void setLeds(Context& context, const LedWords& words, std::optional<double> flash) {
-  Client& client = context.client();
-  std::vector<Lamp> lamps = lampsOf(readLeds(client, words.names));
-  keepNamed(lamps, expandLedWords(words, namesOf(lamps)));
+// How LEDs are to be set.
+struct Setting {
+  LedWords words{};
+  std::optional<double> flash{};
+  bool inStep = false;
+  bool json = false;
+};
+
+void writeSettings(Client& client, const std::vector<Lamp>& lamps) {
   Json changes = Json::array({{{"op", "put"}, {"path", Paths::kLeds}, {"type", kLedDirType}}});
-  for (Lamp& lamp : lamps) {
-    settingIs(lamp, lightSetting(lamp.setting, words.colours, flash));
-    changes.push_back(putLed(lamp.name, lamp.setting));
-  }
-  client.write(std::move(changes));
+  for (const Lamp& lamp : lamps) changes.push_back(putLed(lamp.name, lamp.setting));
+  client.write(changes);
+}
+
+// Other members of the settings, such as brightness, stay.
+void settingsAre(std::vector<Lamp>& lamps, const LedWords& words, std::optional<double> flash) {
+  for (Lamp& lamp : lamps) settingIs(lamp, lightSetting(lamp.setting, words.colours, flash));
+}
+
+// Makes the LEDs steady until none has a tick pending. A tick that is pending when an LED becomes steady is
+// its last; one that flashes again before it keeps the phase of that tick.
+void stopFlashing(Client& client, std::vector<Lamp> lamps, const LedWords& words) {
+  constexpr double kLongest = 60, kMargin = 0.1;  // seconds
+  double longest = 0;
+  for (const Lamp& lamp : lamps) longest = std::max(longest, lamp.flashInterval);
+  if (longest > kLongest)
+    throw Refusal("led set --in-step: an LED flashes every " + shortNumber(longest) +
+                  " s, and stops only at its next tick; set it without --flash, and come back later");
+  settingsAre(lamps, words, 0.0);
+  writeSettings(client, lamps);
+  if (longest > 0) std::this_thread::sleep_for(std::chrono::duration<double>(longest + kMargin));
+}
+
+// Notes the LEDs whose first tick darkens them while it lights the others: the phase in which their last
+// flashing ended.
+void noteOpposite(Context& context, const std::vector<Lamp>& lamps) {
+  const LedAgent agent(context.client(), context.client().call("status"));
+  if (agent.runs() != true) return;
+  std::vector<std::string> lit, dark;
+  for (const Lamp& lamp : lamps)
+    if (const auto machine = agent.machineOf(lamp.name)) (machine->lit ? lit : dark).push_back(lamp.name);
+  if (!lit.empty() && !dark.empty())
+    note(context,
+         "in step, but dark while the others are lit: " + firstOf(lit.size() < dark.size() ? lit : dark));
+}
+
+// Applies the words to the LEDs' settings.
+void setLeds(Context& context, const Setting& given) {
+  Client& client = context.client();
+  std::vector<Lamp> lamps = lampsOf(readLeds(client, given.words.names));
+  keepNamed(lamps, expandLedWords(given.words, namesOf(lamps)));
+  if (given.inStep) stopFlashing(client, lamps, given.words);
+  settingsAre(lamps, given.words, given.flash);
+  writeSettings(client, lamps);
   noteDark(context, lamps);
+  if (given.inStep) noteOpposite(context, lamps);
+  if (given.json) listLeds(context, given.words.names, true);
 }
 
 void addLedList(Command& led, Context& context) {
@@ -168,6 +192,8 @@ void addLedSet(Command& led, Context& context) {
   struct Arguments {
     std::vector<std::string> words;
     double flash = 0.0;
+    bool inStep = false;
+    bool json = false;
   };
   const auto given = std::make_shared<Arguments>();
   Command command = led.add("set", "Sets LEDs: names or patterns, then colours",
@@ -176,18 +202,27 @@ void addLedSet(Command& led, Context& context) {
       .completes(Completes::ledThenColour)
       .required();
   const Argument flash =
-      command.argument("--flash", given->flash, "Seconds between two toggles; 0 for steady");
+      command.argument("--flash", given->flash, "Seconds between two toggles, or 500ms; 0 for steady")
+          .duration();
+  command.flag(
+      "--in-step", given->inStep,
+      "With --flash: make them steady first, then all flash in one commit, so that they tick together");
+  command.jsonFlag(given->json);
   command.runs([&context, given, flash] {
     const auto interval = flash.given() ? std::optional(given->flash) : std::nullopt;
-    setLeds(context, splitLedWords(given->words, interval), interval);
+    if (given->inStep && interval.value_or(0.0) == 0.0)
+      throw UsageError("led set: --in-step is for LEDs that flash; add --flash SECONDS");
+    setLeds(context, {splitLedWords(given->words, interval), interval, given->inStep, given->json});
   });
 }
 
 void addLedOff(Command& led, Context& context) {
-  const auto names = std::make_shared<std::vector<std::string>>();
+  const auto given = std::make_shared<Setting>();
+  given->words.colours = {"off"};
   Command command = led.add("off", "Turns LEDs off", "pinlampctl led off 'Ethernet*'");
-  command.argument("NAME", *names, "Names or patterns").completes(Completes::led).required();
-  command.runs([&context, names] { setLeds(context, {*names, {"off"}}, std::nullopt); });
+  command.argument("NAME", given->words.names, "Names or patterns").completes(Completes::led).required();
+  command.jsonFlag(given->json);
+  command.runs([&context, given] { setLeds(context, *given); });
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include "ctl/appliance.h"
 #include "ctl/context.h"
+#include "ctl/nouns.h"
 #include "ctl/output.h"
 #include "ctl/text.h"
 
@@ -18,6 +19,7 @@ struct MapArguments {
   bool ready = false;
   Argument readyOption;
   bool rewire = false;
+  bool json = false;
 
   Json attributes() const;
 };
@@ -112,6 +114,14 @@ void checkMapping(Client& client, const MapArguments& given, const Json& before,
     throw Refusal("map set: " + given.led + " has no mapping, and no pins are given" + way);
 }
 
+// Prints the mappings of these LEDs as JSON.
+void printMappings(Context& context, const std::vector<std::string>& leds) {
+  Json all = Json::array();
+  for (const Lamp& lamp : lampsOf(readLeds(context.client(), leds)))
+    if (lamp.mapped && std::ranges::find(leds, lamp.name) != leds.end()) all.push_back(mappingJson(lamp));
+  printJson(context.out, all);
+}
+
 // In one batch: for --rewire, agents see the mapping deleted, then created with its old and the given
 // attributes.
 void setMapping(Context& context, const MapArguments& given) {
@@ -129,33 +139,37 @@ void setMapping(Context& context, const MapArguments& given) {
                      {"path", mapPath(given.led)},
                      {"type", kMapType},
                      {"attributes", rewire ? after : std::move(attributes)}});
-  client.write(std::move(changes));
+  client.write(changes);
+  if (given.json) printMappings(context, {given.led});
   if (!rewire) noteTaken(context, given.led, before, after);
   if (rewire) return noteShared(context, given.led);
   if (!before.is_null() && before.value("ready", false) && namesOtherPins(before, after))
     noteRewiring(context, given.led);
 }
 
-void deleteMappings(Context& context, const std::vector<std::string>& patterns) {
-  Json changes = Json::array();
-  for (const std::string& led : expandNames(patterns, namesOf(mappedLamps(context))))
-    changes.push_back({{"op", "del"}, {"path", mapPath(led)}});
-  context.client().write(std::move(changes));
+void deleteMappings(Context& context, const std::vector<std::string>& patterns, bool json) {
+  const auto lamps = mappedLamps(context);
+  const auto leds = expandNames(patterns, namesOf(lamps));
+  Json changes = Json::array(), deleted = Json::array();
+  for (const Lamp& lamp : lamps) {
+    if (!std::ranges::binary_search(leds, lamp.name)) continue;
+    changes.push_back({{"op", "del"}, {"path", mapPath(lamp.name)}});
+    deleted.push_back(mappingJson(lamp));
+  }
+  context.client().write(changes);
+  if (json) printJson(context.out, deleted);
 }
 
 void listMappings(Context& context, bool json) {
-  Json all = Json::object();
+  Json all = Json::array();
   Table table;
   std::vector<std::string> header{"LED", "READY"};
   for (const Colour& colour : kColours) header.emplace_back(colour.name);
   table.add(header);
   for (const Lamp& lamp : mappedLamps(context)) {
     std::vector<std::string> row{lamp.name, lamp.ready ? "yes" : "no"};
-    Json& entry = all[lamp.name] = {{"ready", lamp.ready}};
-    for (std::size_t i = 0; i < kColours.size(); ++i) {
-      row.push_back(lamp.pins[i].empty() ? "-" : joined(lamp.pins[i], ","));
-      entry[kColours[i].name] = lamp.pins[i];
-    }
+    for (const auto& pins : lamp.pins) row.push_back(pins.empty() ? "-" : joined(pins, ","));
+    all.push_back(mappingJson(lamp));
     table.add(std::move(row));
   }
   if (json)
@@ -182,15 +196,21 @@ void addMapSet(Command& map, Context& context) {
   command.flag(
       "--rewire", given->rewire,
       "Delete the mapping and create it again, in one step: only this changes the pins of a driven LED");
+  command.jsonFlag(given->json);
   command.runs([&context, given] { setMapping(context, *given); });
 }
 
 void addMapDel(Command& map, Context& context) {
-  const auto names = std::make_shared<std::vector<std::string>>();
+  struct Arguments {
+    std::vector<std::string> names;
+    bool json = false;
+  };
+  const auto given = std::make_shared<Arguments>();
   Command command =
       map.add("del", "Deletes the mappings of LEDs, and their pins", "pinlampctl map del Beacon");
-  command.argument("NAME", *names, "Names or patterns").completes(Completes::led).required();
-  command.runs([&context, names] { deleteMappings(context, *names); });
+  command.argument("NAME", given->names, "Names or patterns").completes(Completes::led).required();
+  command.jsonFlag(given->json);
+  command.runs([&context, given] { deleteMappings(context, given->names, given->json); });
 }
 
 void addMapList(Command& map, Context& context) {

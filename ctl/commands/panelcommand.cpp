@@ -1,6 +1,8 @@
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <limits>
 #include <ostream>
 
 #include "ctl/context.h"
@@ -43,6 +45,39 @@ void printUntil(Context& context, Instant deadline) {
     if (event.kind != Event::Kind::notification) return;
     appliance.take(event.notification);
   }
+}
+
+// Assembles the escape sequences of keys from their characters.
+class Keys {
+ public:
+  // The key that the character ends: itself, or a sequence; empty within one.
+  std::string take(char character) {
+    sequence_ += character;
+    const bool isBegun = sequence_[0] == '\x1b' && sequence_.size() < kLongest;
+    if (isBegun && sequence_.size() == 1) return {};
+    if (isBegun && sequence_.size() == 2 && (character == '[' || character == 'O')) return {};
+    if (isBegun && sequence_.size() > 2 && character < '@') return {};  // digits before the last
+    return std::exchange(sequence_, {});
+  }
+
+ private:
+  static constexpr std::size_t kLongest = 8;
+  std::string sequence_;
+};
+
+// The first line to show after a key.
+std::size_t scrolledBy(const std::string& key, const Scroll& scroll) {
+  const auto is = [&](std::initializer_list<const char*> keys) {
+    return std::ranges::any_of(keys, [&](const char* each) { return key == each; });
+  };
+  const std::size_t from = scroll.from, page = std::max<std::size_t>(scroll.page, 1);
+  if (is({"\x1b[A", "\x1bOA", "k"})) return from - std::min<std::size_t>(from, 1);
+  if (is({"\x1b[B", "\x1bOB", "j"})) return from + 1;
+  if (is({"\x1b[5~", "b"})) return from - std::min(from, page);
+  if (is({"\x1b[6~", " "})) return from + page;
+  if (is({"\x1b[H", "\x1b[1~", "g"})) return 0;
+  if (is({"\x1b[F", "\x1b[4~", "G"})) return std::numeric_limits<std::size_t>::max() / 2;
+  return from;
 }
 
 // The live panel. Reconnects to a host that went away; the last known state stays on the screen meanwhile.
@@ -90,10 +125,10 @@ class LivePanel {
     drawn_ = false;
   }
 
-  std::vector<std::string> frame(const PanelSize& size) const {
+  std::vector<std::string> frame(const PanelSize& size) {
     const std::string title =
         error_.empty() ? "Front panel, through " + target_.name() + "  (q quits)" : error_;
-    return panelFrame(lampsOf(appliance_->mirror()), title, look_, size);
+    return panelFrame(lampsOf(appliance_->mirror()), title, look_, size, scroll_);
   }
 
   // Waits for an event. Without a connection, tries to reconnect every kRetry.
@@ -126,13 +161,20 @@ class LivePanel {
     if (event.kind == Event::Kind::deadline) return;
     drawn_ = false;
     if (event.kind == Event::Kind::notification) return appliance_->take(event.notification);
-    if (event.kind == Event::Kind::key) return void(ended_ = event.number == 'q' || event.number == 'Q');
+    if (event.kind == Event::Kind::key) return onKey(keys_.take(static_cast<char>(event.number)));
     if (event.number == SIGTSTP) return terminal.suspend();
     ended_ = event.number != SIGWINCH;
   }
 
+  void onKey(const std::string& key) {
+    ended_ = key == "q" || key == "Q";
+    scroll_.from = scrolledBy(key, scroll_);
+  }
+
   Target target_;
   const Instant deadline_;
+  Keys keys_;
+  Scroll scroll_;
   const Look look_;
   std::unique_ptr<Client> client_;  // null while the host is away
   std::unique_ptr<LiveAppliance> appliance_;
@@ -141,11 +183,17 @@ class LivePanel {
   bool ended_ = false;
 };
 
+// Whether the terminal can't move its cursor.
+bool isDumb() {
+  const char* type = std::getenv("TERM");
+  return !type || !*type || type == std::string_view("dumb");
+}
+
 void panel(Context& context, const PanelArguments& given) {
   const Instant deadline = afterSeconds(given.seconds);
   const bool terminal = isatty(STDOUT_FILENO) != 0;
   if (given.once || (!terminal && !given.seconds)) return printOnce(context);
-  if (!terminal) return printUntil(context, deadline);
+  if (!terminal || isDumb()) return printUntil(context, deadline);
   LivePanel(context.target, deadline).run();
 }
 
@@ -153,11 +201,13 @@ void panel(Context& context, const PanelArguments& given) {
 
 void addPanelCommand(Command& app, Context& context) {
   const auto given = std::make_shared<PanelArguments>();
-  Command command =
-      app.add("panel", "Shows the front panel, live; q quits. Without a terminal: prints plain lines",
-              "pinlampctl panel --for 10");
+  Command command = app.add(
+      "panel",
+      "Shows the front panel, live; arrows and page keys scroll, q quits. Without a terminal, or on a "
+      "dumb one: prints plain lines",
+      "pinlampctl panel --for 10");
   command.flag("--once", given->once, "Print plain lines, once");
-  command.argument("--for", given->seconds, "Quit after this many seconds");
+  command.argument("--for", given->seconds, "Quit after this time, such as 10, 500ms or 2min").duration();
   command.runs([&context, given] { panel(context, *given); });
 }
 

@@ -82,7 +82,7 @@ void addRecordCommand(Command& app, Context& context) {
   command.argument("FILE", given->file, "The file; replaces a regular file of this name")
       .completes(Completes::file)
       .required();
-  command.argument("--for", given->seconds, "Stop after this many seconds");
+  command.argument("--for", given->seconds, "Stop after this time, such as 10, 500ms or 2min").duration();
   command.runs([&context, given] { record(context, *given); });
 }
 

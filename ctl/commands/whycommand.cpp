@@ -2,6 +2,7 @@
 #include <ostream>
 
 #include "ctl/context.h"
+#include "ctl/nouns.h"
 #include "ctl/output.h"
 #include "ctl/text.h"
 #include "ctl/why.h"
@@ -54,35 +55,28 @@ Json orNull(const std::optional<T>& value) {
   return value ? Json(*value) : Json();
 }
 
-Json pinJson(const PinFacts& pin) {
-  return {{"colour", kColours[pin.colour].name},
-          {"name", pin.name},
-          {"mapped", pin.mapped},
-          {"driven", orNull(pin.driven)},
-          {"value", orNull(pin.value)},
-          {"sharedWith", pin.others},
-          {"line", pin.line}};
+Json factsJson(const PinFacts& pin) {
+  Json facts = pinJson(pin.colour, pin.name, pin.mapped, pin.value);
+  facts.update({{"driven", orNull(pin.driven)}, {"sharedWith", pin.others}, {"line", pin.line}});
+  return facts;
 }
 
+// The LED's JSON, with more about its pins, and the reasons.
 Json asJson(const Reasons& reasons) {
-  const Lamp& lamp = reasons.lamp;
   Json facts = Json::object();
   for (const auto& [what, holds] : reasons.facts()) facts[what] = orNull(holds);
   Json pins = Json::array();
-  for (const PinFacts& pin : reasons.pins) pins.push_back(pinJson(pin));
+  for (const PinFacts& pin : reasons.pins) pins.push_back(factsJson(pin));
   const bool there = reasons.driven == true;
-  return {{"name", lamp.name},
-          {"because", because(reasons)},
-          {"setting", lamp.configured ? lamp.setting : Json()},
-          {"settingPath", ledPath(lamp.name)},
-          {"mapped", lamp.mapped},
-          {"ready", lamp.ready},
-          {"facts", std::move(facts)},
-          {"machine", there ? Json(reasons.machine.path) : Json()},
-          {"machineSocket", there && !reasons.agentSocket.empty() ? Json(reasons.agentSocket) : Json()},
-          {"lit", there ? Json(reasons.machine.lit) : Json()},
-          {"nextTick", orNull(reasons.machine.tickIn)},
-          {"pins", std::move(pins)}};
+  Json json = ledJson(reasons.lamp, {}, reasons.agentRuns == false);
+  json.update({{"because", because(reasons)},
+               {"facts", std::move(facts)},
+               {"machine", there ? Json(reasons.machine.path) : Json()},
+               {"machineSocket", there && !reasons.agentSocket.empty() ? Json(reasons.agentSocket) : Json()},
+               {"lit", there ? Json(reasons.machine.lit) : Json()},
+               {"nextTick", orNull(reasons.machine.tickIn)},
+               {"pins", std::move(pins)}});
+  return json;
 }
 
 }  // namespace

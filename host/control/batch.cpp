@@ -177,4 +177,10 @@ Batch readBatch(const Zel::Value::List& changes, const BatchContext& context) {
   return reader.batch();
 }
 
+Batch readBatch(const GatheredChanges& changes, const BatchContext& context) {
+  BatchReader reader(context);
+  for (const GatheredChange& change : changes) reader.add(change.requested());
+  return reader.batch();
+}
+
 }  // namespace Host

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "host/control/transaction.h"
 #include "host/rpc/announce.h"
 #include "host/rpc/json.h"
 #include "platform/statedb/mount/entitymanager.h"
@@ -40,5 +41,6 @@ struct BatchContext {
 // its own row with the first row under it, so that the store's rows are complete without the mounts. Refused
 // steps intern nothing. Throws Zel::ValueError if a change has another form.
 Batch readBatch(const Zel::Value::List& changes, const BatchContext& context);
+Batch readBatch(const GatheredChanges& changes, const BatchContext& context);
 
 }  // namespace Host

@@ -1,6 +1,7 @@
 #include "host/control/control.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include "host/io/starterror.h"
 #include "platform/zel/notify/activity.h"
@@ -14,16 +15,21 @@ Control::Peer::Peer(Served& served, const std::shared_ptr<Connection>& theConnec
 
 namespace {
 
-UvHandle<uv_idle_t> idle(Loop& loop) {
-  UvHandle<uv_idle_t> handle(new uv_idle_t);
-  uv_idle_init(loop.uv(), handle.get());
+template <class Handle>
+UvHandle<Handle> made(Loop& loop, int (*init)(uv_loop_t*, Handle*)) {
+  UvHandle<Handle> handle(new Handle);
+  init(loop.uv(), handle.get());
   return handle;
 }
 
 }  // namespace
 
 Control::Control(Loop& loop, Listener& listener, Served& served, const ClientLimits& limits)
-    : served_(served), methods_(served), limits_(limits), resume_(idle(loop)) {
+    : served_(served),
+      methods_(served),
+      limits_(limits),
+      resume_(made(loop, &uv_idle_init)),
+      late_(made(loop, &uv_timer_init)) {
   listener.start([this](uv_stream_t* stream) { accept(stream); });
 }
 
@@ -40,7 +46,11 @@ UvHandle<uv_pipe_t> opened(Loop& loop, int client) {
 }  // namespace
 
 Control::Control(Loop& loop, int client, Served& served)
-    : served_(served), methods_(served), stopped_(&loop), resume_(idle(loop)) {
+    : served_(served),
+      methods_(served),
+      stopped_(&loop),
+      resume_(made(loop, &uv_idle_init)),
+      late_(made(loop, &uv_timer_init)) {
   Connection::Owner& owner = *this;
   add(std::make_shared<Connection>(opened(loop, client), owner));
 }
@@ -102,18 +112,29 @@ const Control::Peer& Control::largest() const {
 void Control::onLine(Connection& connection, std::string_view line) {
   Peer& peer = *peers_.at(&connection);
   const double began = Zel::System::currentTime();
-  Request request;
-  Wrote wrote = Wrote::nothing;
-  std::string text;
   try {
-    request.read(line);
-    text = execute(peer, request, wrote);
+    onMessage(peer, parseMessage(line));
   } catch (const RpcError& error) {
-    text = errorText(request.id, error);
+    answer(peer.connection, errorReply(peer.caller, {}, error));
   }
-  if (!request.answered) text.clear();
-  answer({peer.connection, std::move(request.id), wrote, std::move(text)});
   share(peer, began);
+}
+
+void Control::onMessage(Peer& peer, Zel::Value message) {
+  if (auto* messages = message.as<Zel::Value::List>()) return onArray(peer, std::move(*messages));
+  answer(peer.connection, replyTo(peer, std::move(message)));
+}
+
+void Control::onArray(Peer& peer, Zel::Value::List messages) {
+  if (messages.empty() || messages.size() > kMostRequests)
+    throw RpcError(RpcCode::invalidRequest, "found an array of " + std::to_string(messages.size()) +
+                                                " requests, expected 1 to " + std::to_string(kMostRequests));
+  std::size_t bytes = 0;
+  for (Zel::Value& message : messages) {
+    array_.push_back(replyTo(peer, std::move(message), bytes <= kLongestAnswers));
+    bytes += array_.back().text.size();
+  }
+  answer({peer.connection, std::exchange(array_, {}), true});
 }
 
 void Control::share(Peer& peer, double began) {
@@ -123,14 +144,35 @@ void Control::share(Peer& peer, double began) {
     peer.connection->pause();
 }
 
-std::string Control::execute(Peer& peer, const Request& request, Wrote& wrote) {
-  const auto& method = Methods::find(request.method);
-  if (method.does == Methods::Does::sees) commit();
+Control::Reply Control::replyTo(Peer& peer, Zel::Value message, bool hasRoom) {
+  Request request;
+  Reply reply;
+  peer.caller.wrote = Wrote::nothing;
   try {
-    std::string text = resultText(request.id, methods_.run(method, request.parameters, peer.caller));
-    if (method.does == Methods::Does::writes)
-      wrote = peer.caller.wroteStored ? Wrote::storedRows : Wrote::volatileRows;
-    return text;
+    request.read(std::move(message));
+    if (!hasRoom)
+      throw refusedFor({"the answers of this array have more than " + std::to_string(kLongestAnswers) +
+                        " bytes; send the requests that are left in another one"});
+    reply.text = execute(peer, request);
+    reply.wrote = peer.caller.wrote;
+    reply.id = std::move(request.id);
+  } catch (const RpcError& error) {
+    reply = errorReply(peer.caller, request.id, error);
+  }
+  if (!request.answered) reply.text.clear();
+  return reply;
+}
+
+Control::Reply Control::errorReply(Caller& caller, const Zel::Value& id, const RpcError& error) {
+  caller.transaction.fail(error.what());
+  return {.text = errorText(id, error)};
+}
+
+std::string Control::execute(Peer& peer, const Request& request) {
+  const auto& method = Methods::find(request.method);
+  if (method.sees) commit();
+  try {
+    return resultText(request.id, methods_.run(method, request.parameters, peer.caller));
   } catch (const RpcError&) {
     throw;
   } catch (const Zel::HandlerFault&) {
@@ -143,28 +185,25 @@ std::string Control::execute(Peer& peer, const Request& request, Wrote& wrote) {
 void Control::onOversizedLine(Connection& connection) {
   const RpcError error(RpcCode::parse, "a message is longer than " + std::to_string(Lines::kLimit) +
                                            " bytes; send less at a time");
-  answer({peers_.at(&connection)->connection, {}, Wrote::nothing, errorText({}, error)});
+  Peer& peer = *peers_.at(&connection);
+  answer(peer.connection, errorReply(peer.caller, {}, error));
+}
+
+void Control::answer(const std::shared_ptr<Connection>& connection, Reply reply) {
+  Answer one{connection, {}};
+  one.replies.push_back(std::move(reply));
+  answer(std::move(one));
 }
 
 // Answers keep the order of the requests: once one waits for the commit, all later ones do.
 void Control::answer(Answer answer) {
-  if (answers_.empty() && committed_.empty() && answer.wrote == Wrote::nothing) {
-    if (!answer.text.empty()) answer.connection->send(answer.text);
-    return;
-  }
-  waiting_ += answer.text.size();
+  if (answers_.empty() && committed_.empty() && answer.isDone()) return send(answer);
+  waiting_ += answer.size();
   answers_.push_back(std::move(answer));
   if (waiting_ > kWaitingLimit) commit();
 }
 
-namespace {
-
-struct Flushed {
-  Statedb::Ticket stored;
-  Statedb::Ticket volatile_;
-};
-
-Flushed flush(Statedb::Store& store) {
+Control::Flushed Control::flush(Statedb::Store& store) {
   try {
     const Statedb::Ticket ticket = store.flush();
     return {ticket, ticket};
@@ -176,44 +215,59 @@ Flushed flush(Statedb::Store& store) {
   }
 }
 
-}  // namespace
-
 void Control::commit() {
   const Flushed flushed = flush(served_.store);
   release();
   waiting_ = 0;
+  settle(array_, flushed);
   for (Answer& answer : std::exchange(answers_, {})) {
-    if (answer.wrote != Wrote::nothing)
-      answer.ticket = answer.wrote == Wrote::storedRows ? flushed.stored : flushed.volatile_;
+    settle(answer.replies, flushed);
     sendOrHold(std::move(answer));
   }
 }
 
+void Control::settle(std::vector<Reply>& replies, const Flushed& flushed) {
+  for (Reply& reply : replies)
+    if (reply.wrote != Wrote::nothing && !reply.ticket)
+      reply.ticket = reply.wrote == Wrote::storedRows ? flushed.stored : flushed.volatile_;
+}
+
 // Keeps the order of the answers of each connection.
 void Control::sendOrHold(Answer&& answer) {
-  if (answer.ticket.isDone() && !held_.contains(answer.connection.get())) return send(answer);
+  if (answer.isDone() && !held_.contains(answer.connection.get())) return send(answer);
   ++held_[answer.connection.get()];
-  heldBytes_ += answer.text.size();
+  heldBytes_ += answer.size();
   committed_.push_back(std::move(answer));
 }
 
 // Tickets complete in the order of their flushes, so the first that is not done holds the rest back.
 void Control::release() {
-  for (; !committed_.empty() && committed_.front().ticket.isDone(); committed_.pop_front()) {
+  for (; !committed_.empty() && committed_.front().isDone(); committed_.pop_front()) {
     const Answer& answer = committed_.front();
     send(answer);
-    heldBytes_ -= answer.text.size();
+    heldBytes_ -= answer.size();
     if (const auto held = held_.find(answer.connection.get()); --held->second == 0) held_.erase(held);
   }
 }
 
+std::size_t Control::Answer::size() const {
+  std::size_t bytes = 0;
+  for (const Reply& reply : replies) bytes += reply.text.size();
+  return bytes;
+}
+
+std::string Control::Reply::outcome() const {
+  const std::string failure = ticket ? ticket->failure() : std::string();
+  if (failure.empty()) return text;
+  const bool isRefused = ticket->kind() == Statedb::Ticket::Kind::refused;
+  return errorText(id, isRefused ? refusedFor({failure}) : RpcError(RpcCode::store, failure));
+}
+
 void Control::send(const Answer& answer) {
-  if (answer.text.empty()) return;
-  const std::string failure = answer.ticket.failure();
-  const bool isRefused = answer.ticket.kind() == Statedb::Ticket::Kind::refused;
-  answer.connection->send(failure.empty() ? answer.text
-                          : isRefused     ? errorText(answer.id, refusedFor({failure}))
-                                          : errorText(answer.id, RpcError(RpcCode::store, failure)));
+  std::string line;
+  for (const Reply& reply : answer.replies)
+    if (!reply.text.empty()) line += (line.empty() ? "" : ",") + reply.outcome();
+  if (!line.empty()) answer.connection->send(answer.isArray ? '[' + line + ']' : line);
 }
 
 void Control::send() {
@@ -222,8 +276,18 @@ void Control::send() {
     peer->connection->flush();
   }
   for (const Connection* connection : std::exchange(closed_, {})) peers_.erase(connection);
+  failLate();
   busyBefore_ = std::max<std::size_t>(std::exchange(busy_, 0), 1);
   resumeLater();
+}
+
+void Control::failLate() {
+  served_.transactions.failLate(Zel::System::currentTime());
+  const double seconds = served_.transactions.nextLate() - Zel::System::currentTime();
+  if (std::isinf(seconds)) return static_cast<void>(uv_timer_stop(late_.get()));
+  const auto milliseconds = static_cast<std::uint64_t>(std::max(seconds, 0.0) * 1e3) + 1;
+  uv_timer_start(
+      late_.get(), [](uv_timer_t*) {}, milliseconds, 0);  // the turn that follows calls this
 }
 
 // An idle handle keeps the loop from waiting for events.

@@ -4,9 +4,11 @@
 // in one step; an answer is sent when the flush of its request is complete.
 #pragma once
 
+#include <algorithm>
 #include <deque>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -39,6 +41,32 @@ class Control final : private Connection::Owner {
   void send();
 
  private:
+  // How a flush ended for stored and for volatile rows.
+  struct Flushed {
+    Statedb::Ticket stored;
+    Statedb::Ticket volatile_;
+  };
+  static Flushed flush(Statedb::Store& store);
+  // The answer to one request, which waits for the next commit, and then until its flush is complete.
+  struct Reply {
+    Zel::Value id{};
+    Wrote wrote = Wrote::nothing;
+    std::string text{};                       // empty: the request was a notification
+    std::optional<Statedb::Ticket> ticket{};  // of its flush, where it wrote
+
+    // The answer's line, or its error where the flush has failed. REQUIRES: isDone().
+    std::string outcome() const;
+    bool isDone() const { return wrote == Wrote::nothing || (ticket && ticket->isDone()); }
+  };
+  // One line: the answer to a request, or to an array of them.
+  struct Answer {
+    std::shared_ptr<Connection> connection;
+    std::vector<Reply> replies;
+    bool isArray = false;
+
+    bool isDone() const { return std::ranges::all_of(replies, &Reply::isDone); }
+    std::size_t size() const;
+  };
   struct Peer {
     Peer(Served& served, const std::shared_ptr<Connection>& connection);
 
@@ -46,15 +74,9 @@ class Control final : private Connection::Owner {
     Caller caller;
     double used = 0;  // seconds of this round
   };
-  enum class Wrote : std::uint8_t { nothing, volatileRows, storedRows };
-  // An answer held back until the next commit, and then until its flush is complete.
-  struct Answer {
-    std::shared_ptr<Connection> connection;
-    Zel::Value id;
-    Wrote wrote;
-    std::string text;  // empty: the request was a notification
-    Statedb::Ticket ticket{};
-  };
+  // Requests in one array, and bytes of their answers beyond which the rest is refused.
+  static constexpr std::size_t kMostRequests = 100;
+  static constexpr std::size_t kLongestAnswers = 1 << 20;
   // Bytes of held-back answers beyond which answer() commits early, and of answers that wait for their flush
   // beyond which their clients are not read.
   static constexpr std::size_t kWaitingLimit = 1 << 20;
@@ -69,15 +91,25 @@ class Control final : private Connection::Owner {
   void onClosed(Connection& connection) override;
   void onHeld(std::ptrdiff_t more) override;
 
+  void onMessage(Peer& peer, Zel::Value message);
+  // Carries out the requests of an array, as if each stood alone.
+  void onArray(Peer& peer, Zel::Value::List messages);
   // Pauses a client that used up its share of the round, or has too many answers waiting.
   void share(Peer& peer, double began);
   // Resumes the paused clients in the next round, which begins at once.
   void resumeLater();
   void resume();
 
+  // `hasRoom`: whether the answer may be as long as it is.
+  Reply replyTo(Peer& peer, Zel::Value message, bool hasRoom = true);
+  static Reply errorReply(Caller& caller, const Zel::Value& id, const RpcError& error);
   // Returns the answer's text. Commits first if the method reads rows.
-  std::string execute(Peer& peer, const Request& request, Wrote& wrote);
+  std::string execute(Peer& peer, const Request& request);
+  // Ends transactions that are open for too long, and wakes the loop for the next.
+  void failLate();
+  void answer(const std::shared_ptr<Connection>& connection, Reply reply);
   void answer(Answer answer);
+  static void settle(std::vector<Reply>& replies, const Flushed& flushed);
   void sendOrHold(Answer&& answer);
   void release();
   static void send(const Answer& answer);
@@ -90,9 +122,11 @@ class Control final : private Connection::Owner {
   const ClientLimits limits_{};
   Loop* const stopped_ = nullptr;  // by the end of a client
   const UvHandle<uv_idle_t> resume_;
-  std::size_t busy_ = 0;        // clients that had requests in this round
-  std::size_t busyBefore_ = 1;  // in the round before; at least 1
+  const UvHandle<uv_timer_t> late_;  // wakes the loop when a transaction has been open for too long
+  std::size_t busy_ = 0;             // clients that had requests in this round
+  std::size_t busyBefore_ = 1;       // in the round before; at least 1
   std::map<const Connection*, std::unique_ptr<Peer>> peers_;
+  std::vector<Reply> array_;               // to the requests of an array, while it is carried out
   std::vector<const Connection*> closed_;  // freed at the end of the round
   std::size_t memory_ = 0;                 // bytes that the connections hold
   SparseLog disconnections_{served_.report};

@@ -44,7 +44,10 @@ FileLock lockFor(const std::string& path) {
   const auto folder = std::filesystem::path(path).parent_path();
   std::error_code ignored;
   if (!folder.empty() && !std::filesystem::is_directory(folder, ignored))
-    refuse(path, "the folder '" + folder.string() + "' does not exist; create it first");
+    refuse(path, "the folder '" + folder.string() +
+                     "' does not exist; create it as root, or give another path, such as --socket "
+                     "./pinlamp.sock, here "
+                     "and to pinlampctl (or set PINLAMP_SOCKET for both)");
   const std::string lockFile = path + ".lock";
   try {
     if (auto lock = FileLock::tryTake(lockFile)) return std::move(*lock);

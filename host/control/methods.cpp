@@ -4,7 +4,6 @@
 
 #include <algorithm>
 
-#include "host/control/batch.h"
 #include "host/rpc/changes.h"
 #include "host/rpc/rpc.h"
 #include "platform/zel/core/trace.h"
@@ -25,14 +24,6 @@ const std::string& pathField(const Zel::Value& parameters) {
   return path;
 }
 
-Statedb::Durability durabilityField(const Zel::Value& parameters) {
-  const std::string& text = textField(parameters, "durability");
-  if (text.empty() || text == "stored") return Statedb::Durability::stored;
-  if (text == "volatile") return Statedb::Durability::volatile_;
-  throw Zel::ValueError("'durability': found \"" + Zel::excerpt(text) +
-                        "\", expected \"stored\" or \"volatile\"");
-}
-
 }  // namespace
 
 Methods::Methods(Served& served)
@@ -46,16 +37,19 @@ Methods::Methods(Served& served)
 
 std::span<const Methods::Method> Methods::table() {
   static const Method methods[] = {
-      {"hello", Does::nothing, {}, &Methods::hello},
-      {"read", Does::sees, {"path"}, &Methods::read},
-      {"write", Does::writes, {"changes", "durability"}, &Methods::write},
-      {"watch", Does::sees, {"path", "own"}, &Methods::watch},
-      {"unwatch", Does::nothing, {"watch"}, &Methods::unwatch},
-      {"announce", Does::nothing, {"pid", "socket", "agents", "publishes"}, &Methods::announce},
-      {"types", Does::nothing, {}, &Methods::types},
-      {"trace", Does::nothing, {"levels"}, &Methods::trace},
-      {"status", Does::sees, {}, &Methods::status},
-      {"object", Does::sees, {"operation", "path", "arguments", "depth"}, &Methods::object},
+      {"hello", false, {}, &Methods::hello},
+      {"read", true, {"path"}, &Methods::read},
+      {"write", false, {"changes", "durability"}, &Methods::write},
+      {"begin", false, {"durability"}, &Methods::begin},
+      {"commit", false, {}, &Methods::commit},
+      {"rollback", false, {}, &Methods::rollback},
+      {"watch", true, {"path", "own"}, &Methods::watch},
+      {"unwatch", false, {"watch"}, &Methods::unwatch},
+      {"announce", false, {"pid", "socket", "agents", "publishes"}, &Methods::announce},
+      {"types", false, {}, &Methods::types},
+      {"trace", false, {"levels"}, &Methods::trace},
+      {"status", true, {}, &Methods::status},
+      {"object", true, {"operation", "path", "arguments", "depth"}, &Methods::object},
   };
   return methods;
 }
@@ -105,27 +99,6 @@ void Methods::expectTable(const char* method) const {
 
 std::string Methods::read(const Zel::Value& parameters, Caller&) const {
   return "{\"entities\":" + entitiesAt(pathField(parameters)) + '}';
-}
-
-std::string Methods::write(const Zel::Value& parameters, Caller& caller) const {
-  const Zel::Value::List& changes = listField(parameters, "changes");
-  const auto durability = durabilityField(parameters);
-  const bool isVolatile = durability == Statedb::Durability::volatile_;
-  if (!isVolatile) expectTable("write");
-  const auto batch = readBatch(changes, {.typeAt = typeAt_,
-                                         .mounts = served_.manager.mounts(),
-                                         .announcements = served_.announcements,
-                                         .writer = caller.process,
-                                         .lenient = isVolatile});
-  if (!batch.errors.empty()) throw refusedFor(batch.errors);
-  // A mount is stored, even if the first write under it is volatile.
-  caller.wroteStored = !isVolatile || !batch.mounts.empty();
-  if (isVolatile && !batch.mounts.empty()) {
-    expectTable("write");
-    served_.store.write(batch.mounts, Statedb::Durability::stored, caller.watches.origin());
-  }
-  served_.store.write(batch.changes, durability, caller.watches.origin());
-  return "{\"written\":" + std::to_string(changes.size()) + '}';
 }
 
 std::string Methods::watch(const Zel::Value& parameters, Caller& caller) const {

@@ -1,4 +1,4 @@
-// The methods of the control socket: docs/control-socket.md.
+// The methods of the control socket: docs/control-socket.md. Those that write are in writemethods.cpp.
 #pragma once
 
 #include <cstdint>
@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "host/control/object.h"
+#include "host/control/transaction.h"
 #include "host/control/watches.h"
 #include "host/rpc/announce.h"
 #include "host/rpc/json.h"
@@ -27,35 +28,37 @@ struct Served {
   Objects objects{};
   Announcements announcements{};
   Announcements::Process self{announcements};
+  Transactions transactions{};
   std::string lastRefusal{};
   std::size_t clients = 0;
   double started = Zel::System::currentTime();
   std::function<void(const std::string&)> report = [](const std::string&) {};  // logs it
 };
 
+// What a request wrote, which decides when its answer may be sent.
+enum class Wrote : std::uint8_t { nothing, volatileRows, storedRows };
+
 // One client of the control socket.
 struct Caller {
   // Sends the notifications of its watches with `send`. `served` must outlive the caller.
   Caller(Served& served, std::int64_t thePid, Watches::Send send)
-      : pid(thePid), watches(served.store, std::move(send)), process(served.announcements) {}
+      : pid(thePid),
+        watches(served.store, std::move(send)),
+        process(served.announcements),
+        transaction(served.transactions) {}
 
   const std::int64_t pid;  // 0: not known
   Watches watches;
   Announcements::Process process;
-  bool wroteStored = false;  // its last write
+  Transaction transaction;
+  Wrote wrote = Wrote::nothing;  // its last request
 };
 
 class Methods {
  public:
-  // A method's effect on rows, which decides when its result may be sent.
-  enum class Does {
-    nothing,
-    sees,    // reads rows: everything written before must be durable
-    writes,  // its own writes must be durable
-  };
   struct Method {
     const char* name;
-    Does does;
+    bool sees;  // reads rows: everything written before must be durable
     std::initializer_list<std::string_view> parameters;
     // Returns the result as JSON.
     std::string (Methods::*run)(const Zel::Value& parameters, Caller& caller) const;
@@ -75,6 +78,9 @@ class Methods {
   std::string hello(const Zel::Value& parameters, Caller& caller) const;
   std::string read(const Zel::Value& parameters, Caller& caller) const;
   std::string write(const Zel::Value& parameters, Caller& caller) const;
+  std::string begin(const Zel::Value& parameters, Caller& caller) const;
+  std::string commit(const Zel::Value& parameters, Caller& caller) const;
+  std::string rollback(const Zel::Value& parameters, Caller& caller) const;
   std::string watch(const Zel::Value& parameters, Caller& caller) const;
   std::string unwatch(const Zel::Value& parameters, Caller& caller) const;
   std::string announce(const Zel::Value& parameters, Caller& caller) const;
@@ -83,6 +89,9 @@ class Methods {
   std::string status(const Zel::Value& parameters, Caller& caller) const;
   std::string object(const Zel::Value& parameters, Caller& caller) const;
 
+  static std::string gather(const Zel::Value& parameters, Transaction& transaction);
+  template <class List>
+  std::string carryOut(const List& changes, Statedb::Durability durability, Caller& caller) const;
   std::string entitiesAt(const std::string& path) const;
   // Throws StoreError if another process keeps the rows.
   void expectTable(const char* method) const;

@@ -123,7 +123,9 @@ std::size_t Connection::waiting() const {
 
 void Connection::send(std::string_view line) {
   if (closed() || muted_) return;
-  if (waiting() > kWaitingLimit) return close();
+  if (waiting() == 0) large_ = 0;
+  if (waiting() > kWaitingLimit + large_ || waiting() > kMostWaiting) return close();
+  if (line.size() > kLargeLine) large_ += line.size();
   outgoing_.append(line);
   outgoing_ += '\n';
   updateHeld();

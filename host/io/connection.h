@@ -40,8 +40,12 @@ class Lines {
 // reads no more, such as one that refused the connection and closed it, is still read to its end.
 class Connection : public std::enable_shared_from_this<Connection> {
  public:
-  // Bytes of queued output beyond which the next send() closes the connection.
+  // Bytes of queued output beyond which the next send() closes the connection: without the lines of more than
+  // kLargeLine, as a peer gets several of them at once (snapshots, the changes of a large batch) however
+  // quickly it reads; and with them.
   static constexpr std::size_t kWaitingLimit = 8 << 20;
+  static constexpr std::size_t kLargeLine = 1 << 20;
+  static constexpr std::size_t kMostWaiting = 128 << 20;
 
   class Owner {
    public:
@@ -104,6 +108,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   Lines lines_;
   std::string outgoing_;
   std::size_t held_ = 0;
+  std::size_t large_ = 0;  // bytes of large lines since the queue was last empty
   bool ending_ = false;
   bool muted_ = false;  // the peer reads no more: output is dropped
   bool paused_ = false;

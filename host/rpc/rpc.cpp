@@ -16,7 +16,13 @@ namespace {
   throw RpcError(RpcCode::invalidRequest, "not a request: " + why);
 }
 
-Zel::Value parseLine(std::string_view line) {
+bool isId(const Zel::Value& value) {
+  return value.isNull() || value.as<std::string>() || value.as<std::int64_t>() || value.as<double>();
+}
+
+}  // namespace
+
+Zel::Value parseMessage(std::string_view line) {
   try {
     return parseJson(line);
   } catch (const Zel::ValueError& error) {
@@ -24,16 +30,9 @@ Zel::Value parseLine(std::string_view line) {
   }
 }
 
-bool isId(const Zel::Value& value) {
-  return value.isNull() || value.as<std::string>() || value.as<std::int64_t>() || value.as<double>();
-}
-
-}  // namespace
-
-void Request::read(std::string_view line) {
-  Zel::Value message = parseLine(line);
+void Request::read(Zel::Value message) {
   auto* fields = message.as<Zel::Value::Fields>();
-  if (!fields) invalid(std::string("found ") + message.kindText() + ", expected one request a line");
+  if (!fields) invalid(std::string("found ") + message.kindText() + ", expected a request");
   const auto* given = message.field("id");
   if (given && !isId(*given))
     invalid(std::string("'id': found ") + given->kindText() + ", expected a string or a number");

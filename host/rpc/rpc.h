@@ -45,9 +45,12 @@ struct Request {
   std::string method;
   Zel::Value parameters = Zel::Value::Fields{};
 
-  // Parses one line. Throws RpcError if it is no request; `id` is set if it was found before that.
-  void read(std::string_view line);
+  // Throws RpcError if the message is no request; `id` is set if it was found before that.
+  void read(Zel::Value message);
 };
+
+// Parses one line. Throws RpcError.
+Zel::Value parseMessage(std::string_view line);
 
 // Format messages. `result` and `parameters` are JSON.
 std::string resultText(const Zel::Value& id, std::string_view result);

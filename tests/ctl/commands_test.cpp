@@ -6,6 +6,8 @@
 
 #include "ctl/appliance.h"
 #include "ctl/context.h"
+#include "ctl/output.h"
+#include "host/rpc/json.h"
 #include "tests/ctl/testhost.h"
 #include "tests/host/client.h"
 #include "tests/host/folder.h"
@@ -55,6 +57,90 @@ TEST_F(Commands, LoadReplaceTouchesOnlyTheFilesPaths) {
   EXPECT_TRUE(ctl({"dump"}).out == contentOf(kExample)) << "mappings stay";
   EXPECT_EQ(ctl({"load", "--replace", "--force", empty}).status, 0);
   EXPECT_EQ(ctl({"dump"}).out, "{\n}\n");
+}
+
+TEST_F(Commands, MoreThanAMessageIsOneBatch) {
+  const std::string file = folder.at("many.json"), wrong = folder.at("wrong.json");
+  Json many = {{Paths::kLeds, {{"type", kLedDirType}, {"palette", "default"}}}};
+  for (int i = 0; i < 10'000; ++i)
+    many[ledPath("L" + std::to_string(i))] = {{"type", kLedType}, {"lightSetting", {{"red", true}}}};
+  Json bad = many;
+  bad["z"] = {{"type", "No::Such"}};
+  contentIs(file, many.dump());
+  contentIs(wrong, bad.dump());
+  EXPECT_THAT(ctl({"load", wrong}).err, HasSubstr("wrong.json:1: z: type 'No::Such' is unknown"));
+  EXPECT_EQ(host.store.entities(), 0U);
+  ASSERT_EQ(ctl({"load", file}).err, "");
+  EXPECT_EQ(host.store.last.size(), 2U + 2 * 10'000);
+  EXPECT_TRUE(Json::parse(ctl({"dump"}).out) == many);
+  EXPECT_EQ(ctl({"led", "set", "L*", "green"}).status, 0);
+  EXPECT_EQ(host.store.last.size(), 10'000U);
+}
+
+// Keeps every light setting that one LED got.
+struct Settings : Statedb::Subscriber {
+  void onSnapshot(const Statedb::Records&) override {}
+  void onChanges(const Statedb::Changes& changes) override {
+    for (const auto& change : changes) all.push_back(Json::parse(Host::jsonText(change.row.value)));
+  }
+  std::vector<Json> all;
+};
+
+TEST_F(Commands, LedsInStepAreSteadyFirst) {
+  loadExample();
+  EXPECT_THAT(ctl({"led", "set", "Fan1", "red", "--in-step"}).err, HasSubstr("add --flash SECONDS"));
+  ctl({"led", "set", "Fan1", "--flash", "90"});
+  EXPECT_THAT(ctl({"led", "set", "Fan1", "--flash", "1", "--in-step"}).err,
+              HasSubstr("every 90 s, and stops"));
+  ctl({"led", "set", "Fan1", "green", "--flash", "1ms"});
+  Settings settings;
+  host.store.subscribe(Statedb::Path(ledPath("Fan1")), settings);
+  EXPECT_EQ(ctl({"led", "set", "Fan1", "red", "--flash", "500ms", "--in-step"}).err, "");
+  host.store.unsubscribe(settings);
+  EXPECT_EQ(settings.all, (std::vector<Json>{{{"red", true}}, {{"red", true}, {"flashInterval", 0.5}}}));
+}
+
+TEST_F(Commands, CheckNamesWhatLeavesLedsDark) {
+  const std::string file = folder.at("board.json");
+  const auto checked = [&](const Json& more, const std::vector<std::string>& options = {}) {
+    Json board = {
+        {ledPath("A"), {{"type", kLedType}, {"lightSetting", {{"green", true}}}}},
+        {mapPath("A"), {{"type", kMapType}, {"gpioGreenName", {"a"}}, {"ready", true}}},
+        {Paths::kWirings, {{"type", "Zel::Dir"}}},
+        {std::string(Paths::kWirings) + "/a", {{"type", "Hardware::Gpio::GpioLineInit"}, {"line", "1"}}}};
+    board.update(more);
+    contentIs(file, board.dump(1));
+    std::vector<std::string> words{"check", file};
+    words.insert(words.end(), options.begin(), options.end());
+    return run(words);
+  };
+  const auto led = [](const Json& setting) { return Json{{"type", kLedType}, {"lightSetting", setting}}; };
+  const auto map = [](const char* colour, const char* pin) {
+    return Json{{"type", kMapType}, {colour, {pin}}, {"ready", true}};
+  };
+  const std::string wiring = std::string(Paths::kWirings) + "/b";
+  const std::pair<Json, std::string> errors[] = {
+      {{{ledPath("B"), led({{"red", true}})}}, "leds/B: the LED has no mapping"},
+      {{{ledPath("A"), led({{"red", true}})}}, "leds/A: is set to red, for which the LED has no pin"},
+      {{{mapPath("B"), map("gpioRedName", "a")}}, "gpioLeds/B: note: pin a is also one of A"},
+      {{{mapPath("B"), map("gpioRedName", "b")}}, "gpioLeds/B: pin b has no line; add " + wiring},
+      {{{wiring, {{"type", "Hardware::Gpio::GpioLineInit"}, {"line", "1"}}}},
+       "line 1 of any chip is wired to pin a"},
+      {{{ledPath("A"), led({{"flashInterval", -1}})}}, "flashInterval: found a whole number (-1), expected"},
+      {{{ledPath("A"), {{"type", kLedType}, {"colour", "red"}}}}, "'colour' is no attribute"},
+      {{{"x", {{"type", "No::Such"}}}}, "x: type 'No::Such' is unknown"},
+  };
+  EXPECT_EQ(checked(Json::object()).err, "");
+  for (const auto& [more, text] : errors) {
+    const Outcome found = checked(more, {"--strict"});
+    EXPECT_EQ(found.status, 1) << text;
+    EXPECT_THAT(found.out, testing::ContainsRegex("board.json:[0-9]+: ")) << text;
+    EXPECT_THAT(found.out, HasSubstr(text));
+  }
+  Json unready = map("gpioGreenName", "a");
+  unready["ready"] = false;
+  EXPECT_EQ(checked({{mapPath("A"), unready}}).status, 0);
+  EXPECT_EQ(checked({{mapPath("A"), unready}}, {"--strict"}).status, 1);
 }
 
 TEST_F(Commands, RefusedLoadNamesTheLineOfEveryError) {
@@ -248,6 +334,28 @@ TEST_F(Commands, SetTakesJsonOrABareString) {
   EXPECT_TRUE(attributes(ledPath("Fan1")).is_null());
 }
 
+TEST_F(Commands, WatchBeginsWithWhatIsThere) {
+  pinIs("p", 1);
+  const Outcome watched = ctl({"watch", Paths::kPins, "--initial", "--json", "--for", "0ms"});
+  const Json first = Json::parse(watched.out);
+  EXPECT_EQ(first.at("op"), "put");
+  EXPECT_EQ(first.at("attributes"), Json({{"value", 1}}));
+  EXPECT_EQ(first.at("time").get<std::string>().size(), timeStamp().size());
+}
+
+TEST_F(Commands, WaitReturnsOnceTheLedShowsTheColours) {
+  loadExample();
+  pinIs("psu2_r", 1);
+  pinIs("psu2_g", 1);
+  const auto late = ctl({"wait", "PowerSupply2", "green", "--for", "1ms"});
+  EXPECT_EQ(late.status, 1);
+  EXPECT_THAT(late.err,
+              HasSubstr("PowerSupply2 shows green+red after 0.001 s, not green; see: pinlampctl why"));
+  EXPECT_EQ(ctl({"wait", "PowerSupply2", "green"}, [&] { pinIs("psu2_r", 0); }).err, "");
+  EXPECT_EQ(ctl({"wait", "PowerSupply2", "off"}, [&] { pinIs("psu2_g", 0); }).err, "");
+  EXPECT_THAT(ctl({"wait", "No", "red", "--for", "0"}).err, HasSubstr("no LED is named 'No' after 0 s"));
+}
+
 TEST_F(Commands, WatchStopsAfterCount) {
   unsigned value = 0;
   const Outcome watched =
@@ -306,6 +414,12 @@ TEST_F(Commands, ErrorsSayWhatWouldBeRight) {
   }
 }
 
+TEST(Help, OfNoCommandOrAnUnknownOne) {
+  EXPECT_EQ(run({"help"}).out, run({"--help"}).out);
+  EXPECT_THAT(run({"help", "led", "st"}).err, HasSubstr("there is no command 'st'; nearest: set, list"));
+  EXPECT_EQ(run({"-V"}).out, run({"--version"}).out);
+}
+
 TEST(FullOutput, FailsTheCommand) {
   for (const char* word : {"--version", "--help"}) {
     std::ofstream full("/dev/full");
@@ -362,12 +476,15 @@ TEST(AnswersOfNoHost, AreRefusedInOneLine) {
 TEST(Help, EveryCommandHasAnExample) {
   for (const char* command :
        {"load", "dump", "led list", "led set", "led off", "map set", "map del", "map list", "get", "set",
-        "del", "watch", "panel", "record", "trace", "status", "types"}) {
+        "del", "check", "watch", "wait", "panel", "record", "trace", "status", "types"}) {
     std::istringstream words(command + std::string(" --help"));
     std::vector<std::string> arguments{std::istream_iterator<std::string>(words), {}};
     const Outcome help = run(arguments);
     EXPECT_EQ(help.status, 0);
     EXPECT_THAT(help.out, HasSubstr(std::string("Example: pinlampctl ") + command));
+    arguments.pop_back();
+    arguments.insert(arguments.begin(), "help");
+    EXPECT_EQ(run(arguments).out, help.out);
   }
 }
 

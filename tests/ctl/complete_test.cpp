@@ -13,6 +13,8 @@ TEST(Completion, OffersValidContinuations) {
   const std::pair<std::vector<std::string>, const char*> cases[] = {
       {{"le"}, "led\n"},
       {{"led", ""}, "list\noff\nset\n"},
+      {{"help", "led", "s"}, "set\n"},
+      {{"wait", "Fan1", "r"}, "red\n"},
       {{"led", "set", "--f"}, "--flash\n"},
       {{"led", "set", "Po"}, "PowerSupply1\nPowerSupply2\n"},
       {{"led", "set", "Fan1", "--flash", "1", "r"}, "red\n"},

@@ -27,6 +27,11 @@ std::vector<Lamp> lampsNamed(const std::vector<std::string>& names) {
   return lamps;
 }
 
+std::vector<std::string> frameOf(const std::vector<Lamp>& lamps, const std::string& title, const Look& look,
+                                 const PanelSize& size, Scroll scroll = {}) {
+  return panelFrame(lamps, title, look, size, scroll);
+}
+
 TEST(PanelLayout, DerivedFromTheNames) {
   // Names, blocks as TITLE: NUMBER.LANE …, and the number of other LEDs.
   const std::tuple<std::vector<std::string>, std::vector<std::string>, std::size_t> cases[] = {
@@ -58,7 +63,7 @@ TEST(PanelFrame, OddPortsAreAboveEvenOnesAndOtherLedsBeside) {
   lamps[2].shows = kGreen;
   lamps[4].shows = kGreenRed;
   lamps[5].driven = false;
-  const auto frame = panelFrame(lamps, "title", {}, {80, 24});
+  const auto frame = frameOf(lamps, "title", {}, {80, 24});
   EXPECT_THAT(frame,
               testing::ElementsAre(" title", "", " 1 3       - Status", " . G   ", " . .  *", " 2 4 10", "",
                                    HasSubstr("6 LEDs: 2 lit now, 0 flashing, 1 not driven")));
@@ -70,10 +75,32 @@ TEST(PanelFrame, FitsAScreenOfAnySize) {
   const std::regex escape("\x1b\\[[0-9;]*m");
   for (std::size_t columns = 1; columns < 140; ++columns)
     for (const auto depth : {Look::Colours::none, Look::Colours::truecolor}) {
-      const auto frame = panelFrame(lamps, "a title", {depth, false}, {columns, 9});
+      const auto frame = frameOf(lamps, "a title", {depth, false}, {columns, 9});
       EXPECT_LE(frame.size(), 9U);
       for (const std::string& line : frame) EXPECT_LE(std::regex_replace(line, escape, "").size(), columns);
     }
+}
+
+TEST(PanelFrame, ScrollsWhatDoesNotFit) {
+  std::vector<Lamp> lamps;
+  for (int i = 1; i <= 1000; ++i) lamps.push_back(lamp("Ethernet" + std::to_string(i), kGreen));
+  Scroll scroll;
+  auto frame = panelFrame(lamps, "title", {}, {80, 24}, scroll);
+  ASSERT_EQ(frame.size(), 24U);
+  EXPECT_EQ(frame[0], " title");
+  EXPECT_THAT(frame[1], testing::StartsWith(" 1 3 5 7  9 11"));
+  EXPECT_THAT(frame[22], testing::StartsWith(" ... 774 more  ("));
+  EXPECT_THAT(frame[23], HasSubstr("1000 LEDs: 1000 lit now"));
+  scroll.from = 1'000'000;
+  frame = panelFrame(lamps, "title", {}, {80, 24}, scroll);
+  EXPECT_THAT(frame[21], HasSubstr("1000"));
+  EXPECT_THAT(frame[22], testing::ContainsRegex("^ ... [0-9]+ more above  "));
+}
+
+TEST(PanelFrame, CountsColumnsNotBytes) {
+  EXPECT_EQ(columnsOf("é☃日本"), 6U);
+  EXPECT_EQ(firstColumns("日本語", 5), "日本");
+  EXPECT_EQ(plainLine(lamp("Lüfter")), "Lüfter          dark          off");
 }
 
 TEST(PanelFrame, UsesTheColoursOfTheTerminal) {
@@ -82,7 +109,7 @@ TEST(PanelFrame, UsesTheColoursOfTheTerminal) {
                                                          {Look::Colours::ansi16, "\x1b[97m●"},
                                                          {Look::Colours::none, "*"}};
   for (const auto& [depth, expected] : cases)
-    EXPECT_THAT(panelFrame({lamp("Status", kGreenRed)}, "", {depth, true}, {})[2], HasSubstr(expected));
+    EXPECT_THAT(frameOf({lamp("Status", kGreenRed)}, "", {depth, true}, {})[2], HasSubstr(expected));
 }
 
 TEST(Look, FollowsTheEnvironment) {

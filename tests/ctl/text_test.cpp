@@ -45,5 +45,12 @@ TEST(Nearest, FindsTyposAndNothingElse) {
   EXPECT_EQ(hint("Locator", {}), "; there are none");
 }
 
+TEST(Text, TimesWithUnitsAreSeconds) {
+  const std::pair<const char*, const char*> cases[] = {{"500ms", "0.5"}, {"2s", "2"},  {"1.5min", "90"},
+                                                       {"1h", "3600"},   {"3", "3"},   {"-1ms", "-0.001"},
+                                                       {"5x", "5x"},     {"ms", "ms"}, {"inf", "inf"}};
+  for (const auto& [text, seconds] : cases) EXPECT_EQ(inSeconds(text), seconds);
+}
+
 }  // namespace
 }  // namespace Ctl

@@ -19,7 +19,7 @@ void checkJson(const std::string& text) { Fuzz::check(Host::Json::accept(text));
 
 void run(World& world, Host::Caller& caller, std::string_view line) {
   Host::Request request;
-  request.read(line);
+  request.read(Host::parseMessage(line));
   const auto& method = Host::Methods::find(request.method);
   checkJson(Host::resultText(request.id, world.methods.run(method, request.parameters, caller)));
 }

@@ -6,7 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "client.h"
+#include "controlfixture.h"
 #include "host/io/starterror.h"
 #include "host/plugin.h"
 #include "platform/model/paths.h"
@@ -18,69 +18,10 @@
 
 namespace {
 
+using Host::ControlTest;
 using Host::Json;
+using Host::kRed;
 using ::testing::HasSubstr;
-
-const Json kRed = {{"red", true}};
-
-// Counts its commits and the stored changes, and fails commits while `fails` is set. While `outcome` is set,
-// it completes its flushes when the test says so.
-struct TestStore : Statedb::MemoryStore {
-  std::shared_ptr<Statedb::Ticket::Outcome> outcome;
-
-  Statedb::Ticket flush() override {
-    MemoryStore::flush();
-    return outcome ? Statedb::Ticket(outcome) : Statedb::Ticket();
-  }
-
-  int commits = 0;
-  std::size_t stored = 0;
-  bool fails = false;
-
-  void persist(const Statedb::Changes& changes) override { stored += changes.size(); }
-  void commit() override {
-    ++commits;
-    if (fails) throw Statedb::StoreError("the disk is full");
-  }
-};
-
-class ControlTest : public ::testing::Test, protected Support::ServedProcess<TestStore> {
- protected:
-  // The next message for the client; null if the connection has ended without one.
-  Json next(Client& client) {
-    for (int rounds = 0; rounds < 100000; ++rounds) {
-      if (const auto line = client.line()) return Json::parse(*line);
-      if (client.ended()) return nullptr;
-      loop.runOnce();
-    }
-    throw std::runtime_error("no message for the client");
-  }
-  void send(Client& client, std::string_view bytes) {
-    while (!bytes.empty() && !client.ended()) {
-      bytes.remove_prefix(client.send(bytes));
-      loop.runOnce();
-    }
-  }
-  static std::string request(const char* method, const Json& parameters = Json::object(), int id = 1) {
-    return Json{{"jsonrpc", "2.0"}, {"id", id}, {"method", method}, {"params", parameters}}.dump() + '\n';
-  }
-  Json call(Client& client, const char* method, const Json& parameters = Json::object()) {
-    send(client, request(method, parameters));
-    return next(client);
-  }
-  static Json putLed(const char* name, const Json& setting) {
-    return {{"op", "put"}, {"path", led(name)}, {"attributes", {{"lightSetting", setting}}}};
-  }
-  static std::string led(const char* name) { return std::string(Paths::kLeds) + "/leds/" + name; }
-  Json write(Client& client, const std::vector<Json>& changes) {
-    return call(client, "write", {{"changes", changes}});
-  }
-  static Json putDir() {
-    return {{"op", "put"}, {"path", Paths::kLeds}, {"type", "Hardware::Led::LedSystemConfigDir"}};
-  }
-
-  TestStore& store = host.store;
-};
 
 TEST_F(ControlTest, RequestsMayArriveInFragmentsOfAnySize) {
   std::string bytes;
@@ -91,6 +32,12 @@ TEST_F(ControlTest, RequestsMayArriveInFragmentsOfAnySize) {
       send(client, std::string_view(bytes).substr(at, size));
     for (int id = 0; id < 20; ++id) EXPECT_EQ(next(client)["id"], id) << "in pieces of " << size;
   }
+}
+
+std::string repeated(const std::string& text, int times) {
+  std::string all;
+  for (int i = 0; i < times; ++i) all += text;
+  return all;
 }
 
 TEST_F(ControlTest, InvalidRequestsAreAnsweredAndTheConnectionStays) {
@@ -106,7 +53,8 @@ TEST_F(ControlTest, InvalidRequestsAreAnsweredAndTheConnectionStays) {
       {"\n", -32700, "not JSON"},
       {"\xff\xfe\n", -32700, "not JSON"},
       {std::string(100000, '[') + '\n', -32700, "nested deeper than 64"},
-      {"[]\n", -32600, "found an array, expected one request a line"},
+      {"[]\n", -32600, "found an array of 0 requests, expected 1 to 100"},
+      {'[' + repeated("1,", 100) + "1]\n", -32600, "found an array of 101 requests"},
       {"{\"id\": 1, \"method\": \"hello\"}\n", -32600, "'jsonrpc' must be \"2.0\""},
       {"{\"jsonrpc\": \"2.0\", \"id\": {}}\n", -32600, "'id': found an object"},
       {"{\"jsonrpc\": \"2.0\", \"method\": 7}\n", -32600, "'method' must be a string"},

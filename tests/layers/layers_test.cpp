@@ -39,8 +39,10 @@ const std::map<std::string, std::vector<std::string>> kBelow{
     {"host/store", {"host/rpc"}},
     {"host/control", {"host/rpc", "platform/warden"}},
     {"host/whenlost.cpp", {"host", "platform/model"}},  // reads light settings
-    {"host", {"host/store", "host/control", "platform/cell"}},
-    {"ctl", {"platform/zel/core", "platform/model/paths.h", "platform/model/colours.h"}},
+    {"host/controlsocket.h", {}},
+    {"host", {"host/store", "host/control", "host/controlsocket.h", "platform/cell"}},
+    {"ctl",
+     {"host/controlsocket.h", "platform/zel/core", "platform/model/paths.h", "platform/model/colours.h"}},
     {"ctl/commands", {"ctl"}},
     {"ctl/commands/storecommand.cpp", {"ctl", "host/store"}},
 };

@@ -17,8 +17,8 @@
 namespace Zel {
 
 namespace detail {
-// Prefetches one cache line, given by a number: arithmetic on a null pointer is undefined. The empty asm keeps
-// GCC from dropping calls of a function without effects.
+// Prefetches one cache line, given by a number: arithmetic on a null pointer is undefined. The empty asm
+// keeps GCC from dropping calls of a function without effects.
 inline void prefetchLine(std::uintptr_t address) {
   __builtin_prefetch(reinterpret_cast<const void*>(address), 1);
   asm volatile("");

@@ -1,3 +1,5 @@
 // A library that was built with an older framework.
-extern "C" __attribute__((visibility("default"))) extern const char zelAbi[];
-extern "C" const char zelAbi[] = "0.0";
+extern "C" {
+extern const char zelAbi[] __attribute__((visibility("default")));
+const char zelAbi[] = "0.0";
+}

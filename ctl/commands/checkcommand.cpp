@@ -1,0 +1,90 @@
+// check: finds mistakes in configuration files, without a host.
+#include <algorithm>
+#include <ostream>
+
+#include "ctl/appliance.h"
+#include "ctl/check.h"
+#include "ctl/configuration.h"
+#include "ctl/context.h"
+#include "ctl/output.h"
+#include "ctl/ownhost.h"
+#include "ctl/sources.h"
+#include "ctl/text.h"
+
+namespace Ctl {
+
+namespace {
+
+struct Checking {
+  std::vector<std::string> files;
+  bool strict = false;
+  bool json = false;
+};
+
+// What a host would refuse, as "PATH: REASON" or "PATH ATTRIBUTE: REASON": that of a host of this command's
+// own, with an empty state database in memory.
+std::vector<std::string> refusals(const Context& context, const Json& puts) {
+  Json changes = Json::array({{{"op", "put"}, {"path", Paths::kLeds}, {"type", kLedDirType}},
+                              {{"op", "put"}, {"path", Paths::kMappings}, {"type", kMapDirType}}});
+  for (const Json& put : puts) changes.push_back(put);
+  Client client(std::make_unique<OwnHost>("memory:", context.target.types), "pinlampd");
+  try {
+    client.write(changes);
+    return {};
+  } catch (const ConnectionLost&) {
+    throw;
+  } catch (const Refusal& refusal) {
+    return linesOf(refusal.what());
+  }
+}
+
+Json findingJson(const Finding& finding) {
+  return {{"kind", finding.isNote ? "note" : "error"}, {"path", finding.path}, {"text", finding.text}};
+}
+
+std::vector<Finding> allFindings(const Context& context, const Configuration& configuration) {
+  const Json puts = configuration.puts();
+  std::vector<Finding> all;
+  for (const std::string& line : refusals(context, puts)) {
+    const std::size_t end = line.find(": ");
+    const bool hasPath = end != std::string::npos;
+    all.push_back({hasPath ? line.substr(0, end) : "", hasPath ? line.substr(end + 2) : line});
+  }
+  return all.empty() ? findingsIn(puts) : all;  // values of a wrong kind can't be looked into
+}
+
+void check(Context& context, const Checking& given) {
+  const Configuration configuration(sourcesFrom(given.files));
+  const auto findings = allFindings(context, configuration);
+  Json all = Json::array();
+  for (const Finding& each : findings) {
+    all.push_back(findingJson(each));
+    if (!given.json)
+      context.out << bare(configuration.located(each.path + ": " + (each.isNote ? "note: " : "") + each.text))
+                  << '\n';
+  }
+  if (given.json) printJson(context.out, all);
+  const auto notes = static_cast<std::size_t>(std::ranges::count(findings, true, &Finding::isNote));
+  const std::size_t errors = findings.size() - notes;
+  const std::string counts = joined(given.files) + ": " + std::to_string(configuration.size()) +
+                             " entities, errors: " + std::to_string(errors) +
+                             ", notes: " + std::to_string(notes);
+  if (errors > 0 || (given.strict && notes > 0)) throw Refusal("check: " + counts);
+  if (!given.json) context.out << bare(counts) << '\n';
+}
+
+}  // namespace
+
+void addCheckCommand(Command& app, Context& context) {
+  const auto given = std::make_shared<Checking>();
+  Command command = app.add("check", "Finds mistakes in configuration files, without a host",
+                            "pinlampctl check examples/switch-1u.json examples/switch-1u-wiring.json");
+  command.argument("FILE", given->files, "Files as for load, checked together; - for standard input")
+      .completes(Completes::file)
+      .required();
+  command.flag("--strict", given->strict, "Fail for notes, too");
+  command.jsonFlag(given->json);
+  command.runs([&context, given] { check(context, *given); });
+}
+
+}  // namespace Ctl

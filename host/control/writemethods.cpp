@@ -1,0 +1,69 @@
+#include "host/control/batch.h"
+#include "host/control/methods.h"
+#include "host/rpc/rpc.h"
+#include "platform/zel/notify/clock.h"
+
+namespace Host {
+
+namespace {
+
+Statedb::Durability durabilityField(const Zel::Value& parameters) {
+  const std::string& text = textField(parameters, "durability");
+  if (text.empty() || text == "stored") return Statedb::Durability::stored;
+  if (text == "volatile") return Statedb::Durability::volatile_;
+  throw Zel::ValueError("'durability': found \"" + Zel::excerpt(text) +
+                        "\", expected \"stored\" or \"volatile\"");
+}
+
+}  // namespace
+
+template <class List>
+std::string Methods::carryOut(const List& changes, Statedb::Durability durability, Caller& caller) const {
+  const bool isVolatile = durability == Statedb::Durability::volatile_;
+  const auto batch = readBatch(changes, {.typeAt = typeAt_,
+                                         .mounts = served_.manager.mounts(),
+                                         .announcements = served_.announcements,
+                                         .writer = caller.process,
+                                         .lenient = isVolatile});
+  if (!batch.errors.empty()) throw refusedFor(batch.errors);
+  // A mount is stored, even if the first write under it is volatile.
+  caller.wrote = isVolatile && batch.mounts.empty() ? Wrote::volatileRows : Wrote::storedRows;
+  if (isVolatile && !batch.mounts.empty()) {
+    expectTable("write");
+    served_.store.write(batch.mounts, Statedb::Durability::stored, caller.watches.origin());
+  }
+  served_.store.write(batch.changes, durability, caller.watches.origin());
+  return "{\"written\":" + std::to_string(changes.size()) + '}';
+}
+
+std::string Methods::write(const Zel::Value& parameters, Caller& caller) const {
+  if (caller.transaction.isOpen()) return gather(parameters, caller.transaction);
+  const auto durability = durabilityField(parameters);
+  if (durability == Statedb::Durability::stored) expectTable("write");
+  return carryOut(listField(parameters, "changes"), durability, caller);
+}
+
+std::string Methods::gather(const Zel::Value& parameters, Transaction& transaction) {
+  if (parameters.field("durability"))
+    throw Zel::ValueError("'durability' is the transaction's; give it to begin");
+  return "{\"gathered\":" + std::to_string(transaction.gather(listField(parameters, "changes"))) + '}';
+}
+
+std::string Methods::begin(const Zel::Value& parameters, Caller& caller) const {
+  const auto durability = durabilityField(parameters);
+  if (durability == Statedb::Durability::stored) expectTable("begin");
+  caller.transaction.begin(durability, Zel::System::currentTime());
+  return "{}";
+}
+
+std::string Methods::commit(const Zel::Value&, Caller& caller) const {
+  const auto gathered = caller.transaction.end();
+  return carryOut(gathered.changes, gathered.durability, caller);
+}
+
+std::string Methods::rollback(const Zel::Value&, Caller& caller) const {
+  caller.transaction.rollback();
+  return "{}";
+}
+
+}  // namespace Host

@@ -51,6 +51,7 @@ WriteAheadLog::Header WriteAheadLog::header() const {
 }
 
 bool WriteAheadLog::dropFailed() {
+  if (!isKnown_) return false;  // frames of a host that was killed: acknowledged writes
   const Header now = header();
   if (now.frameSize == 0) return true;
   sqlite3_file* const file = fileOf(connection_);

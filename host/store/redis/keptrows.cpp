@@ -42,13 +42,10 @@ Records KeptRows::at(Path mount) const {
   return found == mounts_.end() ? Records() : found->second.all();
 }
 
-Records KeptRows::over(Records theirs) const {
-  for (const auto& [mount, rows] : mounts_) {
-    std::erase_if(theirs, [mount = mount](const Record* each) { return each->path.isUnder(mount); });
-    const Records kept = rows.all();
-    theirs.insert(theirs.end(), kept.begin(), kept.end());
-  }
-  return theirs;
+const Record* KeptRows::over(Path path, const Record* theirs) const {
+  const auto isOver = [path](const auto& each) { return path.isUnder(each.first); };
+  const auto found = std::ranges::find_if(mounts_, isOver);
+  return found == mounts_.end() ? theirs : found->second.find(path);
 }
 
 }  // namespace Host::Redis

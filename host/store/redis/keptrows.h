@@ -4,7 +4,7 @@
 //     KeptRows kept;
 //     kept.keep(mount, mirror);   // what is shown there
 //     kept.carry(changes);        // what is published meanwhile shows at once
-//     for (const Record* each : kept.over(theirs)) …
+//     const Record* shown = kept.over(path, theirs);
 //     kept.release(mount);
 //
 // Activity thread only.
@@ -12,8 +12,8 @@
 
 #include <map>
 
-#include "host/store/redis/layout.h"
 #include "host/store/redis/mirror.h"
+#include "host/store/redis/rows.h"
 
 namespace Host::Redis {
 
@@ -28,8 +28,8 @@ class KeptRows {
 
   // The rows of a mount. Valid until something changes.
   Statedb::Records at(Statedb::Path mount) const;
-  // The server's rows, but for those under mounts whose rows are kept: these instead.
-  Statedb::Records over(Statedb::Records theirs) const;
+  // The entity at a path: the one that is kept where rows are kept, else the server's; null for none.
+  const Statedb::Record* over(Statedb::Path path, const Statedb::Record* theirs) const;
 
  private:
   std::map<Statedb::Path, Rows> mounts_;

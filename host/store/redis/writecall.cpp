@@ -296,7 +296,11 @@ Call writeCall(std::string_view prefix, Durability space, const Changes& changes
   const Keys keys(prefix, space);
   StepWriter steps(keys, space == Durability::stored ? known.stored : known.volatile_);
   writeSteps(changes, Types(known, options.inTheWay), steps);
-  const bool isShort = steps.isValuesOnly() && steps.delta().size() <= kShortDelta;
+  std::string delta;
+  if (space == Durability::volatile_ && !steps.isValuesOnly())
+    for (const Claimed& each : options.claims) delta += mountLine(each.mount);
+  delta += steps.delta();
+  const bool isShort = steps.isValuesOnly() && delta.size() <= kShortDelta;
   const bool isCut = !isShort || options.sequence % kWritesPerCut == 1;
 
   Packed batch;
@@ -322,8 +326,8 @@ Call writeCall(std::string_view prefix, Durability space, const Changes& changes
   call.words.add(keys.log());
   call.words.add(steps.directories());
   call.words.add(batch.bytes());
-  call.words.add(steps.delta());
-  if (steps.isExact()) call.delta = std::move(steps.delta());
+  call.words.add(delta);
+  if (steps.isExact()) call.delta = std::move(delta);
   return call;
 }
 

@@ -45,7 +45,7 @@ TEST(Plugin, ExportsItsFactoryAndTheUtilitiesOnly) {
                        "Pinlamp::agentFactory(Zel::Name)\n", "Lampwise::ledToDevice(Zel::Name)\n",
                        "Lampwise::portSubString(Zel::Name)\n", "Lampwise::shortenLinkMode(Zel::String)\n",
                        "Lampwise::roundVal(double, int)\n", "Lampwise::isColorValid(Zel::String)\n",
-                       "Zel::String Lampwise::toString<Led::Color>(Led::Color)\n"}));
+                       "Zel::String Lampwise::toString<Led::Color>(Led::Color)\n", "zelAbi\n"}));
 }
 
 }  // namespace

@@ -112,13 +112,13 @@ Path Directory::at(std::string_view name) const {
 // A memo with one place for each hash of a text.
 Zel::Value valueOf(std::string_view json) {
   constexpr std::size_t kPlaces = 64, kLongest = 256;
-  struct Known {
+  struct Parsed {
     std::string json{};
     Zel::Value value{};
   };
-  static std::array<Known, kPlaces> memo;
+  static std::array<Parsed, kPlaces> memo;
   if (json.size() > kLongest) return parseJson(json);
-  Known& known = memo[std::hash<std::string_view>()(json) % kPlaces];
+  Parsed& known = memo[std::hash<std::string_view>()(json) % kPlaces];
   if (known.json != json || json.empty()) known = {std::string(json), parseJson(json)};
   return known.value;
 }

@@ -46,8 +46,8 @@ struct PanelSize {
   std::size_t rows = 24;
 };
 
-// Where a panel that has more lines than the screen is scrolled to, in lines. panelFrame() corrects `from`,
-// and sets `page` to the lines that it shows.
+// The scroll position, in lines, of a panel that has more lines than the screen. panelFrame() corrects
+// `from`, and sets `page` to the lines that it shows.
 struct Scroll {
   std::size_t from = 0;
   std::size_t page = 1;

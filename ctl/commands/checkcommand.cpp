@@ -21,7 +21,7 @@ struct Checking {
   bool json = false;
 };
 
-// What a host would refuse, as "PATH: REASON" or "PATH ATTRIBUTE: REASON": that of a host of this command's
+// The refusals of a host, as "PATH: REASON" or "PATH ATTRIBUTE: REASON": that of a host of this command's
 // own, with an empty state database in memory.
 std::vector<std::string> refusals(const Context& context, const Json& puts) {
   Json changes = Json::array({{{"op", "put"}, {"path", Paths::kLeds}, {"type", kLedDirType}},

@@ -35,7 +35,7 @@ struct Served {
   std::function<void(const std::string&)> report = [](const std::string&) {};  // logs it
 };
 
-// What a request wrote, which decides when its answer may be sent.
+// The kind of rows that a request wrote, which decides when its answer may be sent.
 enum class Wrote : std::uint8_t { nothing, volatileRows, storedRows };
 
 // One client of the control socket.

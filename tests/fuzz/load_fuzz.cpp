@@ -20,7 +20,7 @@ const Json& entitiesThere() {
   return entities;
 }
 
-// What was loaded can be dumped, and loaded again.
+// A loaded file can be dumped, and loaded again.
 void checkAgain(const Json& puts) {
   Json entities = Json::array();
   for (Json put : puts) {

@@ -157,7 +157,7 @@ std::vector<Claimed> RedisStore::heldClaims() const {
   return held;
 }
 
-// Where neither changed, the server has every volatile row that it ever acknowledged.
+// If neither changed, the server has every volatile row that it ever acknowledged.
 std::string RedisStore::timeline() const {
   return upstream_.server() + ' ' + upstream_.state(Durability::volatile_).timeline.generation;
 }
@@ -169,7 +169,7 @@ void RedisStore::onReached() {
   upstream_.flush();
 }
 
-// What was asked for when the server was reached is there: its claims, and all rows in the mirror.
+// All that was asked for when the server was reached is there: its claims, and all rows in the mirror.
 void RedisStore::complete() {
   if (!areClaimsKnown_ || !refresh_.isDone()) return;
   if (std::exchange(isReached_, true)) {

@@ -267,7 +267,7 @@ struct Size {
   }
 };
 
-// What the row takes in the delta and the hash.
+// The bytes that the row takes in the delta and the hash.
 std::size_t bytesOf(const Row& row) {
   const std::size_t name = row.path.empty() ? 0 : row.path.component().view().size();
   return name + row.attribute.view().size() + row.value.visit(Size());

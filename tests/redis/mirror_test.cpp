@@ -113,7 +113,7 @@ class World {
     notify(visible);
     if (changes.size() == 1) expectNoNeedlessDel(visible, before);
   }
-  // What the mirror missed. It gets that in portions, while the space goes on changing.
+  // The mirror gets what it missed in portions, while the space goes on changing.
   void replace(Durability space) {
     carryInto(naive_.in(space), changes(below(8)));
     replaced_.insert(space);

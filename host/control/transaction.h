@@ -44,7 +44,7 @@ class Transactions {
  public:
   static constexpr std::size_t kMostChanges = 1'000'000;            // of one
   static constexpr std::size_t kMostHeld = std::size_t{256} << 20;  // bytes of all that are open
-  static constexpr double kLongest = 60;                            // seconds that one may be open
+  static constexpr double kLongest = 60;                            // seconds from begin to commit
 
   // Fails those that are open for longer than kLongest at `now`.
   void failLate(double now);

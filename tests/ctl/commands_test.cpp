@@ -77,7 +77,7 @@ TEST_F(Commands, MoreThanAMessageIsOneBatch) {
   EXPECT_EQ(host.store.last.size(), 10'000U);
 }
 
-// Keeps every light setting that one LED got.
+// Records the light settings of an LED, in order.
 struct Settings : Statedb::Subscriber {
   void onSnapshot(const Statedb::Records&) override {}
   void onChanges(const Statedb::Changes& changes) override {

@@ -1,4 +1,4 @@
-// What the follower asks for, and how it settles writes. The chaos run (tests/redis/chaos) checks on a real
+// The requests of the follower, and how it settles writes. The chaos run (tests/redis/chaos) checks on a real
 // server that no entry is lost, comes twice or comes too late.
 #include "host/store/redis/follower.h"
 

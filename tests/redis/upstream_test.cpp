@@ -224,7 +224,7 @@ TEST_F(RedisUpstream, ALaterWriteIsNeverOverwrittenByAnEarlierOne) {
   one.upstream.acceptWiped(kStored);
   runUntil(loop, [&] { return one.upstream.rows(kStored).all().empty(); });
   client({"HSET", "{pinlamp}:s:meta", "generation", "another"});
-  one.write(kStored, {put("a", 1)});  // meets that one
+  one.write(kStored, {put("a", 1)});  // refused: the space has another generation
   client({"FLUSHALL"});
   one.write(kStored, {put("a", 2)});  // makes the space
   agree({&one});

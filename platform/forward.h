@@ -25,6 +25,7 @@ class PtrMap;
 }  // namespace Zel
 
 namespace Statedb {
+class Covers;
 class EntityManager;
 class Mount;
 class MountGroup;

@@ -8,11 +8,13 @@ install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}
   FILES_MATCHING PATTERN "*.h"
   PATTERN "colourmembers.h" EXCLUDE
   PATTERN "colours.h" EXCLUDE
+  PATTERN "covertable.h" EXCLUDE
   PATTERN "entitytree.h" EXCLUDE
   PATTERN "entrytable.h" EXCLUDE
   PATTERN "external.h" EXCLUDE
   PATTERN "lastseen.h" EXCLUDE
   PATTERN "lightwords.h" EXCLUDE
+  PATTERN "memorystate.h" EXCLUDE
   PATTERN "memorystore.h" EXCLUDE
   PATTERN "mounts.h" EXCLUDE
   PATTERN "mounttable.h" EXCLUDE

@@ -279,6 +279,70 @@ TEST_F(Mounts, TheLastOfTwoChangesInAPassIsPublished) {
   EXPECT_EQ(*store.read("out/p")[0]->find("value"), Value(0));
 }
 
+TEST_F(Mounts, AnAgentCoversWhatOthersWrite) {
+  const std::string a = std::string(Paths::kLeds) + "/leds/A", b = std::string(Paths::kLeds) + "/leds/B";
+  write({Change::put(Paths::kLeds, kLedDir, "", {}), Change::put(a, kLed, "theme", "day")});
+  EXPECT_EQ(agent({{Paths::kLeds, kLedDir, "c"}})->statuses, std::vector{Statedb::mountSuccess_});
+  Statedb::Covers& covers = manager->covers();
+  EXPECT_EQ(*covers.base(a, "theme"), Value("day")) << "known when the mount is complete";
+  const auto entity = at<LedConfig>(a);
+  const auto expect = [&](const char* shown, const char* base) {
+    settle();
+    EXPECT_EQ(entity->theme(), Zel::Name(shown));
+    EXPECT_EQ(*store.read(a).at(0)->find("theme"), Value(shown));
+    EXPECT_EQ(*store.readBase(a).at(0)->find("theme"), Value(base));
+    EXPECT_EQ(*covers.base(a, "theme"), Value(base));
+  };
+  covers.put(a, kLed, "theme", "day");
+  expect("day", "day");
+  write({Change::put(a, kLed, "theme", "dusk")});
+  expect("day", "dusk");
+  covers.put(a, kLed, "theme", "night");
+  expect("night", "dusk");
+  entity->themeIs("own");
+  settle();
+  EXPECT_EQ(*store.readBase(a)[0]->find("theme"), Value("dusk")) << "setting an entity writes nothing";
+  covers.remove(a, "theme");
+  expect("dusk", "dusk");
+  EXPECT_FALSE(covers.find(a, "theme"));
+
+  covers.put(b, kLed, "theme", "night");
+  settle();
+  EXPECT_FALSE(at<LedConfig>(b));
+  write({Change::put(b, kLed, "currentMode", "m")});
+  settle();
+  EXPECT_EQ(at<LedConfig>(b)->theme(), Zel::Name("night"));
+  EXPECT_FALSE(covers.base(b, "theme"));
+  covers.removeUnder(Paths::kLeds);
+  settle();
+  EXPECT_EQ(at<LedConfig>(b)->theme(), Zel::Name());
+
+  EXPECT_THROW(covers.put("elsewhere", kLed, "theme", "x"), Zel::RangeException);
+  EXPECT_THROW(covers.put(a, kLed, "colour", "x"), Zel::ValueError);
+  EXPECT_THROW(covers.put(a, kLed, "", {}), Zel::ValueError);
+  EXPECT_TRUE(reports.empty());
+}
+
+TEST_F(Mounts, NothingIsCoveredWhereAnAgentPublishesOrInAStoreWithoutCovers) {
+  agent({{"out", "Zel::Dir", "wi"}});
+  EXPECT_EQ(agent({{"out/a", "Zel::Dir", "c"}})->mountGroup->failures(),
+            (Lines{"mount of 'out/a': mode \"c\", but 'out' is mounted with \"wi\" in this process, and only "
+                   "its agent writes under a \"wi\" mount"}));
+  EXPECT_THROW(agent({{"b", "Zel::Dir", "w"}}), Zel::RangeException);
+
+  struct Coverless : Statedb::MemoryStore {
+    bool takesCovers() const override { return false; }
+  } coverless;
+  const auto its = Zel::allocate<Statedb::EntityManager>(coverless);
+  const auto made = agentOf(its, {{"b", "Zel::Dir", "c"}});
+  settle();
+  EXPECT_EQ(
+      made->mountGroup->failures(),
+      (Lines{"mount of 'b': this store has no covers: memory:; keep the state in memory: or sqlite:, or "
+             "reach such a host through unix:"}));
+  its->stop();
+}
+
 // Entities against the rows of a model, under random writes of either durability: batches that delete and
 // make again, above the mounts, too, and connections that are lost and return with a snapshot.
 class RandomRows : public Mounts {

@@ -13,6 +13,7 @@ namespace StoreModel {
 using Statedb::Change;
 using Statedb::Changes;
 using Statedb::Durability;
+using Statedb::Layer;
 using Statedb::Record;
 using Statedb::Records;
 using Zel::Value;
@@ -61,9 +62,15 @@ struct Model {
     std::map<std::string, Value> overlay{};
   };
   std::map<std::string, Entity> entities;
+  struct Cover {
+    std::string type;
+    std::map<std::string, Value> values{};
+  };
+  std::map<std::string, Cover> covers{};
 
   // Returns whether the store must accept the change; if not, discard the model.
   bool apply(const Change& change, Durability durability) {
+    if (durability == Durability::cover) return cover(change), true;
     const bool stored = durability == Durability::stored;
     const std::string path = change.row.path.text(), attribute = change.row.attribute.stdString();
     const auto found = entities.find(path);
@@ -83,6 +90,18 @@ struct Model {
     if (!attribute.empty()) (stored ? entity.stored : entity.overlay)[attribute] = change.row.value;
     return true;
   }
+  void cover(const Change& change) {
+    const std::string path = change.row.path.text(), attribute = change.row.attribute.stdString();
+    if (change.kind == Change::Kind::del) {
+      std::erase_if(covers, [&](const auto& each) { return isUnder(each.first, path); });
+    } else if (change.kind == Change::Kind::unset) {
+      if (const auto found = covers.find(path); found != covers.end()) found->second.values.erase(attribute);
+    } else if (!attribute.empty()) {
+      const std::string type = change.row.type.stdString();
+      if (covers[path].type != type) covers[path] = {type};
+      covers[path].values[attribute] = change.row.value;
+    }
+  }
   bool del(const std::string& path) {
     std::erase_if(entities, [&](const auto& each) { return isUnder(each.first, path); });
     return true;
@@ -97,15 +116,28 @@ struct Model {
     return std::any_of(entities.begin(), entities.end(),
                        [&](auto& each) { return isUnder(each.first, path) && each.second.isStored; });
   }
-  // A restart loses the volatile values.
-  void restart() { withdraw(""); }
-  Rows rows(const std::string& above = {}) const {
+  // A restart loses the volatile values and the covers.
+  void restart() {
+    withdraw("");
+    covers.clear();
+  }
+  Rows coverRows() const {
+    Rows rows;
+    for (const auto& [path, cover] : covers)
+      for (const auto& [name, value] : cover.values)
+        rows[{path, ""}] = cover.type, rows[{path, name}] = value;
+    return rows;
+  }
+  Rows rows(const std::string& above = {}, Layer layer = Layer::effective) const {
     Rows rows;
     for (const auto& [path, entity] : entities) {
       if (!isUnder(path, above)) continue;
       rows[{path, ""}] = entity.type;
       for (const auto& [name, value] : entity.stored) rows[{path, name}] = value;
       for (const auto& [name, value] : entity.overlay) rows[{path, name}] = value;
+      const auto cover = covers.find(path);
+      if (layer == Layer::base || cover == covers.end() || cover->second.type != entity.type) continue;
+      for (const auto& [name, value] : cover->second.values) rows[{path, name}] = value;
     }
     return rows;
   }
@@ -113,7 +145,9 @@ struct Model {
 
 // Applies its notifications to rows of its own.
 struct Mirror : Statedb::Subscriber {
-  explicit Mirror(std::string thePath) : path(std::move(thePath)) {}
+  explicit Mirror(std::string thePath, Layer theLayer = Layer::effective)
+      : path(std::move(thePath)), layer_(theLayer) {}
+  Layer layer() const override { return layer_; }
   void onSnapshot(const Records& records) override { rows = rowsOf(records); }
   void onChanges(const Changes& changes) override {
     ++batches;
@@ -125,6 +159,9 @@ struct Mirror : Statedb::Subscriber {
   const std::string path;
   Rows rows;
   int batches = 0;
+
+ private:
+  const Layer layer_;
 };
 
 // A store with injected failures of persist() and commit().

@@ -27,6 +27,8 @@ Zel::Ptr<Zel::Entity> EntityManager::getEntity(Zel::String path) const {
 
 Zel::Ptr<Zel::Entity> EntityManager::entityAt(Path path) const { return mounts_->tree().entityAt(path); }
 
+Covers& EntityManager::covers() const { return mounts_->covers(); }
+
 const Zel::Ptr<Zel::Dir>& EntityManager::root() const { return mounts_->tree().root(); }
 
 std::vector<Path> EntityManager::membersOf(Path path) const { return mounts_->applier().membersOf(path); }

@@ -11,7 +11,8 @@
 // the first. A row that does not fit its entity is refused and logged; the entity keeps its last good value.
 //
 // What the agents write under "wi" mounts is published once a pass of the loop, as one batch. If the store
-// refuses the batch, the rows at fault are found, logged and left out.
+// refuses the batch, the rows at fault are found, logged and left out. Under "c" mounts they put covers over
+// what others write.
 #pragma once
 
 #include <functional>
@@ -19,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/statedb/mount/covers.h"
 #include "platform/statedb/mount/mount.h"
 #include "platform/statedb/store/path.h"
 #include "platform/zel/core/export.h"
@@ -43,6 +45,9 @@ class ZEL_API EntityManager : public Zel::Typed<EntityManager, Zel::PtrInterface
   // The entity mounted at exactly that path; null if there is none.
   Zel::Ptr<Zel::Entity> getEntity(Zel::String path) const;
 
+  // What the agents of this process cover under "c" mounts. As long as the manager.
+  Covers& covers() const;
+
   // The directory at the root of all paths.
   const Zel::Ptr<Zel::Dir>& root() const;
   // For tools: the entity at a path; null if there is none or the path is not valid.
@@ -61,7 +66,7 @@ class ZEL_API EntityManager : public Zel::Typed<EntityManager, Zel::PtrInterface
   struct MountInfo {
     Path path;
     Zel::Name type;
-    std::string mode;  // "wi" if any agent mounted it so
+    std::string mode;  // "wi" or "c" if any agent mounted it so
     bool complete = false;
   };
   // In the order of mounting, each path once. Valid until the next pass.

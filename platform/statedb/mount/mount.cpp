@@ -26,9 +26,9 @@ void MountGroup::doMount(const Mount& mount) {
   if (closed_)
     Zel::throwRangeException(
         ("mount of '" + mount.path().stdString() + "': the mount group is closed").c_str());
-  if (mount.mode() != "r" && mount.mode() != "wi")
+  if (mount.mode() != "r" && mount.mode() != "wi" && mount.mode() != "c")
     Zel::throwRangeException(("mount of '" + mount.path().stdString() + "': mode '" +
-                              mount.mode().stdString() + "' is neither \"r\" nor \"wi\"")
+                              mount.mode().stdString() + "' is neither \"r\" nor \"wi\" nor \"c\"")
                                  .c_str());
   Zel::PathWalker::check(mount.path().view());
   mounts_.push_back(mount);

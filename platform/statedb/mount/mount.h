@@ -18,8 +18,8 @@ inline constexpr MountStatus mountSuccess_ = MountStatus::success;
 inline constexpr MountStatus mountFailure_ = MountStatus::failure;
 ZEL_API std::ostream& operator<<(std::ostream& out, MountStatus status);
 
-// One mount request. The mode is "r" (read only) or "wi" (a directory that the agent may write into: what it
-// writes is published).
+// One mount request. The mode is "r" (read only), "wi" (a directory that the agent may write into: what it
+// writes is published) or "c" (read only, but for the covers that the agent puts over what others write).
 class ZEL_API Mount {
  public:
   Mount(const Zel::String& path, const Zel::String& typeName, const Zel::String& mode)
@@ -59,8 +59,8 @@ class ZEL_API MountGroup : public Zel::Reactor<MountGroup, Zel::PtrInterface> {
   MountGroup(const Zel::Ptr<EntityManager>& entityManager, const Zel::Ptr<Mounter>& mounter);
   ~MountGroup() override;
 
-  // Adds a request. Throws RangeException if the mode is neither "r" nor "wi" or the group is closed, and
-  // ValueError if the path exceeds its limits.
+  // Adds a request. Throws RangeException if the mode is none of "r", "wi" and "c" or the group is closed,
+  // and ValueError if the path exceeds its limits.
   void doMount(const Mount& mount);
   // Closes the group and starts mounting. Ignores its arguments. The manager holds the group and the mounter
   // until it has called doMountsComplete. Throws RangeException if the group is closed already.

@@ -12,7 +12,9 @@ constexpr const char* kRemedy = "; delete that entity from a host without this a
 }  // namespace
 
 Mounts::Mounts(Store& store)
-    : publishers_(store, refusals_),
+    : store_(store),
+      publishers_(store, refusals_),
+      covers_(store, table_, refusals_),
       applier_(tree_, table_, publishers_, refusals_),
       subscriptions_(store, table_, applier_, [this] { completeLater(); }) {
   Zel::activityManager().passEndIs(*this);
@@ -46,6 +48,8 @@ void Mounts::mount(const Zel::Ptr<MountGroup>& group) {
   if (std::ranges::find(closed_, group) == closed_.end()) return;
   for (const Mount& mount : group->mounts()) table_.add(mount);
   subscriptions_.add(group->mounts());
+  for (const Mount& mount : group->mounts())
+    if (mount.mode() == "c") covers_.follow(Path(mount.path().view()), [this] { completeLater(); });
   completeLater();
 }
 
@@ -63,7 +67,8 @@ void Mounts::complete() {
 
 bool Mounts::isReady(const MountGroup& group) const {
   return !applier_.isWaiting() && std::ranges::all_of(group.mounts(), [&](const Mount& mount) {
-    return subscriptions_.haveArrived(Path(mount.path().view()));
+    const Path path(mount.path().view());
+    return subscriptions_.haveArrived(path) && (mount.mode() != "c" || covers_.hasArrived(path));
   });
 }
 
@@ -88,6 +93,7 @@ void Mounts::finish(const Mount& mount) {
   if (!Zel::typeNode(asked))
     throw Zel::ValueError("the type asked for, " + asked.stdString() + ", is unknown");
   checkRefused(path, asked);
+  checkMode(mount);
   const auto entity = applier_.ensure(path, asked);
   const Zel::Name found = entity->fwkType().name();
   if (found != asked)
@@ -107,7 +113,18 @@ void Mounts::checkRefused(Path path, Zel::Name asked) const {
                         kRemedy);
 }
 
+void Mounts::checkMode(const Mount& mount) const {
+  if (const auto* other = table_.conflictOf(mount))
+    throw Zel::ValueError("mode \"" + mount.mode().stdString() + "\", but '" + other->path.text() +
+                          "' is mounted with \"" + other->mode +
+                          "\" in this process, and only its agent writes under a \"wi\" mount");
+  if (mount.mode() == "c" && !store_.takesCovers())
+    throw Zel::ValueError("this store has no covers: " + store_.url() +
+                          "; keep the state in memory: or sqlite:, or reach such a host through unix:");
+}
+
 void Mounts::onPassEnd() {
+  covers_.write();
   publishers_.write([this](Path path) { return subscriptions_.subscriberOf(path); });
   applier_.removalsDelivered();
   if (!closed_.empty() && !applier_.isWaiting()) complete();

@@ -5,6 +5,7 @@
 #include <memory>
 #include <vector>
 
+#include "platform/statedb/mount/covers.h"
 #include "platform/statedb/mount/entitytree.h"
 #include "platform/statedb/mount/mounttable.h"
 #include "platform/statedb/mount/publisher.h"
@@ -33,6 +34,7 @@ class Mounts : public Zel::PassEnd, public std::enable_shared_from_this<Mounts> 
   EntityTree& tree() { return tree_; }
   const MountTable& table() const { return table_; }
   Publishers& publishers() { return publishers_; }
+  Covers& covers() { return covers_; }
   RowApplier& applier() { return applier_; }
   void readAgain(Path path) { subscriptions_.readAgain(path); }
   Refusals& refusals() { return refusals_; }
@@ -49,12 +51,15 @@ class Mounts : public Zel::PassEnd, public std::enable_shared_from_this<Mounts> 
   bool isReady(const MountGroup& group) const;
   void finish(MountGroup& group);
   void finish(const Mount& mount);
+  void checkMode(const Mount& mount) const;
   void checkRefused(Path path, Zel::Name asked) const;
 
+  Store& store_;
   Refusals refusals_;
   EntityTree tree_;
   MountTable table_;
   Publishers publishers_;
+  Covers covers_;
   RowApplier applier_;
   std::map<const Mounter*, Zel::Ptr<MountGroup>> open_;
   std::vector<Zel::Ptr<MountGroup>> closed_;  // but not complete

@@ -18,14 +18,14 @@ class MountTable {
   // In the order of mounting, each path once.
   const std::vector<Info>& all() const { return mounts_; }
 
-  // A path that is mounted again keeps its type, and becomes "wi" if the new mount is.
+  // A path that is mounted again keeps its type, and its mode unless that is "r".
   void add(const Mount& mount) {
     const Path path(mount.path().view());
     const auto known = find(path);
     if (known == mounts_.end())
       mounts_.push_back({path, mount.typeName(), mount.mode().stdString(), false});
-    else if (mount.mode() == "wi")
-      known->mode = "wi";
+    else if (known->mode == "r")
+      known->mode = mount.mode().stdString();
   }
   // REQUIRES: the path was added.
   void complete(Path path, const Zel::Ptr<Zel::Entity>& entity) {
@@ -48,12 +48,25 @@ class MountTable {
     return std::ranges::any_of(mounts_, [&](const Info& mount) { return mount.path.isUnder(path); });
   }
   // Whether the path is a "wi" mount, or under one.
-  bool publishes(Path path) const {
-    return std::ranges::any_of(
-        mounts_, [&](const Info& mount) { return mount.mode == "wi" && path.isUnder(mount.path); });
+  bool publishes(Path path) const { return isUnderMode("wi", path); }
+  // Whether the path is a "c" mount, or under one.
+  bool covers(Path path) const { return isUnderMode("c", path); }
+  // A mount that a "wi" or "c" one can't be beside, since only its agent writes under a "wi" mount; null if
+  // there is none.
+  const Info* conflictOf(const Mount& mount) const {
+    const char* const other = mount.mode() == "wi" ? "c" : mount.mode() == "c" ? "wi" : "";
+    const Path path(mount.path().view());
+    const auto found = std::ranges::find_if(mounts_, [&](const Info& each) {
+      return each.mode == other && (each.path.isUnder(path) || path.isUnder(each.path));
+    });
+    return found == mounts_.end() ? nullptr : &*found;
   }
 
  private:
+  bool isUnderMode(const char* mode, Path path) const {
+    return std::ranges::any_of(
+        mounts_, [&](const Info& mount) { return mount.mode == mode && path.isUnder(mount.path); });
+  }
   std::vector<Info>::iterator find(Path path) { return std::ranges::find(mounts_, path, &Info::path); }
 
   std::vector<Info> mounts_;

@@ -131,13 +131,13 @@ void EntryTable::hide(Entry& entry, Zel::Name attribute, const Zel::Value& value
     hidden.emplace_back(attribute, value);
 }
 
-void EntryTable::cover(Entry& entry, Attribute& attribute, const Zel::Value& value) {
+void EntryTable::shadow(Entry& entry, Attribute& attribute, const Zel::Value& value) {
   hide(entry, attribute.name, attribute.value);
   attribute.value = value;
   attribute.durability = Durability::volatile_;
 }
 
-void EntryTable::uncover(Entry& entry, Attribute& attribute) {
+void EntryTable::reveal(Entry& entry, Attribute& attribute) {
   ZEL_REQUIRE(hidden(entry, attribute.name), entry.path << ' ' << attribute.name);
   note(entry);
   attribute.value = *hidden(entry, attribute.name);

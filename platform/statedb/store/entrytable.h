@@ -56,9 +56,9 @@ class EntryTable {
   // Sets the hidden value of a volatile attribute.
   void hide(Entry& entry, Zel::Name attribute, const Zel::Value& value);
   // Sets a volatile value, which hides the attribute's stored one.
-  void cover(Entry& entry, Attribute& attribute, const Zel::Value& value);
+  void shadow(Entry& entry, Attribute& attribute, const Zel::Value& value);
   // Makes the hidden value visible again. REQUIRES: there is one.
-  void uncover(Entry& entry, Attribute& attribute);
+  void reveal(Entry& entry, Attribute& attribute);
 
   bool anyChange() const { return !undo_.empty(); }
   // For undoTo, which undoes the changes after the mark.

@@ -10,6 +10,8 @@
 
 namespace Statedb {
 
+struct MemoryState;
+
 class ZEL_API MemoryStore : public Store, public Table {
  public:
   MemoryStore();
@@ -17,12 +19,15 @@ class ZEL_API MemoryStore : public Store, public Table {
 
   std::string url() const override { return "memory:"; }
   const Table* table() const override { return this; }
+  bool takesCovers() const override { return true; }
   void subscribe(Path path, Subscriber& subscriber) override;
   void unsubscribe(Subscriber& subscriber) override;
   void write(const Changes& changes, Durability durability, Subscriber* origin = nullptr) override;
   Ticket flush() override;
 
   Records read(Path path) const override;
+  Records readBase(Path path) const override;
+  Records readCovers(Path path) const override;
   Zel::Name typeAt(Path path) const override;
   std::size_t entities() const override;
   std::unordered_map<Zel::Name, std::size_t> entitiesByType() const override;
@@ -38,13 +43,12 @@ class ZEL_API MemoryStore : public Store, public Table {
   void restore(Row row);
 
  private:
-  struct State;
-
   void publish();
   std::size_t undoStored();
-  std::size_t writeAgain(const Changes& changes, Subscriber* origin);
+  std::size_t writeAgain(const Changes& changes, Durability durability, Subscriber* origin);
+  void writeCovers(const Changes& changes);
 
-  std::unique_ptr<State> state_;
+  std::unique_ptr<MemoryState> state_;
 };
 
 }  // namespace Statedb

@@ -22,9 +22,15 @@ struct Row {
   bool operator==(const Row&) const = default;
 };
 
-// A value's lifetime: that of the store, or that of the publishing process (volatile values, which are never
-// written to disk).
-enum class Durability : std::uint8_t { stored, volatile_ };
+// A value's lifetime: that of the store, or that of the publishing process (volatile values and covers, which
+// are never written to disk).
+enum class Durability : std::uint8_t { stored, volatile_, cover };
+
+// What a reader sees of the rows.
+enum class Layer : std::uint8_t {
+  effective,  // covers over the base
+  base,       // stored and volatile values, as if there were no covers
+};
 
 struct Attribute {
   Attribute(Zel::Name theName, Zel::Value theValue, Durability theDurability = Durability::stored)

@@ -12,6 +12,7 @@ void Subscriber::onRevealed(const Changes& changes) { onChanges(changes); }
 
 StoreState Store::state() const { return {}; }
 const Table* Store::table() const { return nullptr; }
+bool Store::takesCovers() const { return false; }
 void Store::announce(const Announcement&) {}
 
 }  // namespace Statedb

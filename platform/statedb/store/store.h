@@ -59,6 +59,8 @@ class ZEL_API Subscriber {
   virtual void onRevealed(const Changes& changes);
   // Whether this process publishes at the path. It then owns the rows there, even those written by others.
   virtual bool publishes(Path) const { return false; }
+  // The rows that it is notified of. Constant while it is subscribed.
+  virtual Layer layer() const { return Layer::effective; }
 
  protected:
   Subscriber() = default;
@@ -128,6 +130,7 @@ struct Announcement {
   std::string socket{};  // of its own clients
   std::vector<Agent> agents{};
   std::vector<std::string> publishes{};  // the paths of its "wi" mounts; strings, so that none is interned
+  std::vector<std::string> covers{};     // those of its "c" mounts
 };
 
 // The state database keeps a stored and a volatile value of each attribute. The volatile value, if any, is
@@ -141,6 +144,18 @@ struct Announcement {
 //           volatile values included                    ones, at the path and under it
 //
 // An entity with any stored value is stored itself.
+//
+// Covers are a layer of their own, over both. Only covers change covers:
+//
+//   step    cover
+//   put     covers the attribute of an entity of that type; without an attribute, does nothing
+//   unset   removes the cover of the attribute
+//   del     removes the covers at the path and under it
+//
+// A cover never makes an entity. It shows while an entity of its type is at its path, and is kept while there
+// is none, or one of another type; a put of another type than the covers' at the path replaces those. Stored
+// and volatile values are written under covers as if there were none, and show once the cover is removed.
+// Covers end with the process that wrote them.
 class ZEL_API Store {
  public:
   virtual ~Store();
@@ -153,6 +168,8 @@ class ZEL_API Store {
   virtual StoreState state() const;
   // The rows, if this process keeps or mirrors them; null by default.
   virtual const Table* table() const;
+  // Whether a batch of covers can be written. False by default.
+  virtual bool takesCovers() const;
 
   // `subscriber` gets a snapshot, at once or as soon as the store is reached, then the changes until it
   // unsubscribes. A subscriber can be subscribed under one path only.
@@ -161,8 +178,9 @@ class ZEL_API Store {
 
   // Takes a batch, all of it or nothing. The table shows it at once; the next flush() makes it durable and
   // notifies the subscribers other than `origin`. A put with another type replaces the entity at its path.
-  // Throws RefusedError if a volatile put would replace anything stored, and StoreError.
-  // REQUIRES: the durability is volatile_, or there is a table().
+  // `origin` is notified of a batch of covers like the others. Throws RefusedError if a volatile put would
+  // replace anything stored, if there would be too many covers, or if the store takes none; and StoreError.
+  // REQUIRES: the durability is not stored, or there is a table().
   virtual void write(const Changes& changes, Durability durability, Subscriber* origin = nullptr) = 0;
   // Makes everything written so far durable in one step, then notifies the subscribers. If that fails, the
   // stored batches since the last flush are undone and no subscriber is notified of them. Throws

@@ -17,6 +17,10 @@ class ZEL_API Table {
  public:
   // Everything visible at and under a path, sorted by readsBefore(); valid until the next write.
   virtual Records read(Path path) const = 0;
+  // The same without covers, which is all of it by default; and the covers alone, also those that do not
+  // show.
+  virtual Records readBase(Path path) const { return read(path); }
+  virtual Records readCovers(Path) const { return {}; }
   // The type of the entity at a path; empty if there is none.
   virtual Zel::Name typeAt(Path path) const = 0;
 

@@ -73,13 +73,14 @@ void Host::loadAgents(const std::vector<AgentOption>& options) {
 }
 
 void Host::announce() {
-  const auto filled = std::ranges::count(manager_->mounts(), "wi", &Statedb::EntityManager::MountInfo::mode);
-  if (std::exchange(announced_, filled) == filled) return;
+  const auto isWritten = [](const auto& mount) { return mount.mode != "r"; };
+  const auto written = std::ranges::count_if(manager_->mounts(), isWritten);
+  if (std::exchange(announced_, written) == written) return;
   Announcement own{.pid = ::getpid(),
                    .socket = listener_ ? std::filesystem::absolute(listener_->path()).string() : ""};
   for (const auto& plugin : plugins_) own.agents.push_back({plugin->name().stdString(), plugin->library()});
   for (const auto& mount : manager_->mounts())
-    if (mount.mode == "wi") own.publishes.push_back(mount.path.text());
+    if (isWritten(mount)) (mount.mode == "wi" ? own.publishes : own.covers).push_back(mount.path.text());
   store_->announce(own);
   try {
     served_.self.announce(std::move(own));

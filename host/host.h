@@ -80,7 +80,7 @@ class Host {
   bool ready_ = false;
   bool isServing_ = false;  // ready, and the state database is reached
   bool isQuiet_ = false;    // the only client waits for the store, and reports itself why it is not reached
-  std::ptrdiff_t announced_ = -1;  // how many "wi" mounts there were; -1: not announced yet
+  std::ptrdiff_t announced_ = -1;  // how many mounts were not read only; -1: not announced yet
 };
 
 }  // namespace Host

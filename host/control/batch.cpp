@@ -31,10 +31,12 @@ class BatchReader {
     try {
       Zel::PathWalker::check(change.path);
       checkAccess(change);
-      if (change.kind == Change::Kind::put)
-        put(change);
-      else
+      if (change.kind != Change::Kind::put)
         remove(change);
+      else if (isCover())
+        cover(change);
+      else
+        put(change);
     } catch (const ValueError& error) {
       failed_.insert(change.path);
       refuse(Zel::excerpt(change.path, Zel::PathWalker::kLongest), error);
@@ -62,6 +64,8 @@ class BatchReader {
     bool isBlind = false;  // removes what stands at or under a path without an entity that is known here
   };
 
+  bool isCover() const { return context_.durability == Statedb::Durability::cover; }
+
   // Whether no row can have the path or name that the change removes, as neither was ever interned.
   static bool removesNothing(const RequestedChange& change) {
     return !Statedb::Path::existing(change.path) ||
@@ -84,7 +88,8 @@ class BatchReader {
 
   void checkAccess(const RequestedChange& change) const {
     const bool removed = change.kind == Change::Kind::del;
-    const auto why = context_.announcements.refusal(context_.writer, change.path, removed);
+    const auto why = isCover() ? context_.announcements.coverRefusal(context_.writer, change.path)
+                               : context_.announcements.refusal(context_.writer, change.path, removed);
     if (!why.empty()) throw ValueError(why);
   }
 
@@ -103,13 +108,20 @@ class BatchReader {
     types_.put(change.path, type.name());
   }
 
+  void cover(const RequestedChange& change) {
+    const Zel::TypeNode& type = typeOf(change, types_.typeAt(change.path));
+    checkAttributes(change, type);
+    taken_.push_back({change, type.name()});
+  }
+
   void remove(const RequestedChange& change) {
     const Zel::Name present = types_.typeAt(change.path);
-    if (present.empty() && !context_.lenient) throw ValueError("there is no entity at this path");
-    if (change.kind == Change::Kind::unset && !present.empty())
+    if (present.empty() && context_.durability == Statedb::Durability::stored)
+      throw ValueError("there is no entity at this path");
+    if (change.kind == Change::Kind::unset && !present.empty() && !isCover())
       Statedb::storedAttribute(Statedb::typeNamed(present.view()), change.attribute);
     taken_.push_back({change, {}, false, present.empty()});
-    if (change.kind == Change::Kind::del) types_.del(change.path);
+    if (change.kind == Change::Kind::del && !isCover()) types_.del(change.path);
   }
 
   const Zel::TypeNode& typeOf(const RequestedChange& change, Zel::Name present) const {

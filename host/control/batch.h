@@ -28,15 +28,16 @@ struct BatchContext {
   const std::vector<Statedb::EntityManager::MountInfo>& mounts;
   const Announcements& announcements;
   const Announcements::Process& writer;
-  // Whether to accept a del or unset of a missing entity: a publisher that reconnects does not know which
-  // entities exist. A del removes what is under the path.
-  bool lenient = false;
+  // Where it is not stored, a del or unset of a missing entity is accepted: a publisher that reconnects does
+  // not know which entities exist. A del removes what is under the path.
+  Statedb::Durability durability = Statedb::Durability::stored;
 };
 
 // Checks the steps as if each were stored before the next:
 // - a put's path must take its type, and its attributes their values
 // - a del or unset must find its entity
-// - no step may touch a path that another process publishes
+// - no step may touch a path that another process publishes; each cover must be under a path that the writer
+//   announced to cover, for an entity that may be missing, or of another type
 // An omitted type comes from the entity, from an earlier step, or from the collection. A mounted path gets
 // its own row with the first row under it, so that the store's rows are complete without the mounts. Refused
 // steps intern nothing. Throws Zel::ValueError if a change has another form.

@@ -85,7 +85,7 @@ void Control::add(const std::shared_ptr<Connection>& connection) {
 
 void Control::onClosed(Connection& connection) {
   closed_.push_back(&connection);
-  peers_.at(&connection)->caller.process.withdraw();
+  peers_.at(&connection)->caller.withdraw();
   --served_.clients;
   if (stopped_) stopped_->stop();
 }

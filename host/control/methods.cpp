@@ -38,14 +38,14 @@ Methods::Methods(Served& served)
 std::span<const Methods::Method> Methods::table() {
   static const Method methods[] = {
       {"hello", false, {}, &Methods::hello},
-      {"read", true, {"path"}, &Methods::read},
+      {"read", true, {"path", "layer"}, &Methods::read},
       {"write", false, {"changes", "durability"}, &Methods::write},
       {"begin", false, {"durability"}, &Methods::begin},
       {"commit", false, {}, &Methods::commit},
       {"rollback", false, {}, &Methods::rollback},
-      {"watch", true, {"path", "own"}, &Methods::watch},
+      {"watch", true, {"path", "own", "layer"}, &Methods::watch},
       {"unwatch", false, {"watch"}, &Methods::unwatch},
-      {"announce", false, {"pid", "socket", "agents", "publishes"}, &Methods::announce},
+      {"announce", false, {"pid", "socket", "agents", "publishes", "covers"}, &Methods::announce},
       {"types", false, {}, &Methods::types},
       {"trace", false, {"levels"}, &Methods::trace},
       {"status", true, {}, &Methods::status},
@@ -84,11 +84,34 @@ std::string Methods::hello(const Zel::Value&, Caller&) const {
                        {"store", served_.store.url()}});
 }
 
+namespace {
+
+enum class Rows : std::uint8_t { effective, base, covers };
+
+// The layer that a request asks for.
+Rows layerField(const Zel::Value& parameters) {
+  const std::string& name = textField(parameters, "layer");
+  if (name.empty() || name == "effective") return Rows::effective;
+  if (name == "base") return Rows::base;
+  if (name == "covers") return Rows::covers;
+  throw Zel::ValueError("'layer': found \"" + Zel::excerpt(name) +
+                        "\", expected \"effective\", \"base\" or \"covers\"");
+}
+
+Statedb::Records rowsAt(const Statedb::Table& table, Statedb::Path path, Rows rows) {
+  return rows == Rows::effective ? table.read(path)
+         : rows == Rows::base    ? table.readBase(path)
+                                 : table.readCovers(path);
+}
+
+}  // namespace
+
 // Everything under a path. The path is not interned.
-std::string Methods::entitiesAt(const std::string& text) const {
+std::string Methods::entitiesAt(const std::string& text, const Zel::Value& parameters) const {
+  const Rows rows = layerField(parameters);
   expectTable("read");
   const auto path = Statedb::Path::existing(text);
-  return path ? entitiesText(table_->read(*path)) : "[]";
+  return path ? entitiesText(rowsAt(*table_, *path, rows)) : "[]";
 }
 
 void Methods::expectTable(const char* method) const {
@@ -98,13 +121,19 @@ void Methods::expectTable(const char* method) const {
 }
 
 std::string Methods::read(const Zel::Value& parameters, Caller&) const {
-  return "{\"entities\":" + entitiesAt(pathField(parameters)) + '}';
+  return "{\"entities\":" + entitiesAt(pathField(parameters), parameters) + '}';
 }
 
 std::string Methods::watch(const Zel::Value& parameters, Caller& caller) const {
   const std::string& path = pathField(parameters);
-  const std::string entities = entitiesAt(path);
-  const auto id = caller.watches.add(path, flagField(parameters, "own", true));
+  const Rows rows = layerField(parameters);
+  if (rows == Rows::covers)
+    throw Zel::ValueError("'layer': covers can't be watched; read them, or watch \"effective\" or \"base\"");
+  const std::string entities = entitiesAt(path, parameters);
+  const bool own = flagField(parameters, "own", true);
+  const auto id = caller.watches.add(path, rows == Rows::base ? Watches::Of::base
+                                           : own              ? Watches::Of::all
+                                                              : Watches::Of::others);
   if (!id)
     throw refusedFor({"watch: this connection has " + std::to_string(Watches::kMost) +
                       " watches, the most that one may have; unwatch some first"});
@@ -123,9 +152,13 @@ std::string Methods::unwatch(const Zel::Value& parameters, Caller& caller) const
 std::string Methods::announce(const Zel::Value& parameters, Caller& caller) const {
   expectTable("announce");
   Announcement announcement = announcementFrom(parameters);
+  if (!announcement.covers.empty() && !served_.store.takesCovers())
+    throw refusedFor({"announce: this store has no covers: " + served_.store.url()});
   if (caller.pid != 0) announcement.pid = caller.pid;  // from the socket's credentials: can't be faked
+  const std::vector<std::string> covered = caller.process.announcement().covers;
   try {
     caller.process.announce(std::move(announcement));
+    uncover(served_.store, covered, caller.process.announcement().covers);
   } catch (const Zel::ValueError& error) {
     throw refusedFor({std::string("announce: ") + error.what()});
   }

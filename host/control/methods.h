@@ -45,14 +45,23 @@ struct Caller {
       : pid(thePid),
         watches(served.store, std::move(send)),
         process(served.announcements),
-        transaction(served.transactions) {}
+        transaction(served.transactions),
+        store(served.store) {}
+
+  // Ends what others see of it: its announcement, and the covers that it wrote.
+  void withdraw();
 
   const std::int64_t pid;  // 0: not known
   Watches watches;
   Announcements::Process process;
   Transaction transaction;
+  Statedb::Store& store;
   Wrote wrote = Wrote::nothing;  // its last request
 };
+
+// Removes the covers at and under the paths, but for those that are among `kept`.
+void uncover(Statedb::Store& store, const std::vector<std::string>& paths,
+             const std::vector<std::string>& kept = {});
 
 class Methods {
  public:
@@ -92,7 +101,8 @@ class Methods {
   static std::string gather(const Zel::Value& parameters, Transaction& transaction);
   template <class List>
   std::string carryOut(const List& changes, Statedb::Durability durability, Caller& caller) const;
-  std::string entitiesAt(const std::string& path) const;
+  // `parameters` have the layer.
+  std::string entitiesAt(const std::string& path, const Zel::Value& parameters) const;
   // Throws StoreError if another process keeps the rows.
   void expectTable(const char* method) const;
 

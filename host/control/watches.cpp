@@ -12,15 +12,20 @@ using Statedb::Path;
 using Statedb::Record;
 
 Watches::Watches(Statedb::Store& store, Send send)
-    : send_(std::move(send)), all_(store, send_), others_(store, send_) {}
+    : send_(std::move(send)),
+      groups_{{{store, send_}, {store, send_}, {store, send_, Statedb::Layer::base}}} {}
 
-std::optional<std::uint64_t> Watches::add(const std::string& path, bool own) {
-  if (all_.count() + others_.count() >= kMost) return std::nullopt;
-  (own ? all_ : others_).add(++last_, path);
+std::optional<std::uint64_t> Watches::add(const std::string& path, Of of) {
+  std::size_t count = 0;
+  for (const Group& each : groups_) count += each.count();
+  if (count >= kMost) return std::nullopt;
+  group(of).add(++last_, path);
   return last_;
 }
 
-bool Watches::del(std::uint64_t id) { return all_.del(id) || others_.del(id); }
+bool Watches::del(std::uint64_t id) {
+  return std::ranges::any_of(groups_, [&](Group& each) { return each.del(id); });
+}
 
 Watches::Group::~Group() { store_.unsubscribe(*this); }
 

@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "host/control/batch.h"
 #include "host/control/methods.h"
 #include "host/rpc/rpc.h"
@@ -11,20 +13,36 @@ Statedb::Durability durabilityField(const Zel::Value& parameters) {
   const std::string& text = textField(parameters, "durability");
   if (text.empty() || text == "stored") return Statedb::Durability::stored;
   if (text == "volatile") return Statedb::Durability::volatile_;
+  if (text == "cover") return Statedb::Durability::cover;
   throw Zel::ValueError("'durability': found \"" + Zel::excerpt(text) +
-                        "\", expected \"stored\" or \"volatile\"");
+                        "\", expected \"stored\", \"volatile\" or \"cover\"");
 }
 
 }  // namespace
 
+void uncover(Statedb::Store& store, const std::vector<std::string>& paths,
+             const std::vector<std::string>& kept) {
+  Statedb::Changes changes;
+  for (const std::string& path : paths) {
+    const auto known = Statedb::Path::existing(path);  // nothing is covered under one that was never interned
+    if (known && std::ranges::find(kept, path) == kept.end()) changes.push_back(Statedb::Change::del(*known));
+  }
+  if (!changes.empty()) store.write(changes, Statedb::Durability::cover);
+}
+
+void Caller::withdraw() {
+  uncover(store, process.announcement().covers);
+  process.withdraw();
+}
+
 template <class List>
 std::string Methods::carryOut(const List& changes, Statedb::Durability durability, Caller& caller) const {
-  const bool isVolatile = durability == Statedb::Durability::volatile_;
+  const bool isVolatile = durability != Statedb::Durability::stored;
   const auto batch = readBatch(changes, {.typeAt = typeAt_,
                                          .mounts = served_.manager.mounts(),
                                          .announcements = served_.announcements,
                                          .writer = caller.process,
-                                         .lenient = isVolatile});
+                                         .durability = durability});
   if (!batch.errors.empty()) throw refusedFor(batch.errors);
   // A mount is stored, even if the first write under it is volatile.
   caller.wrote = isVolatile && batch.mounts.empty() ? Wrote::volatileRows : Wrote::storedRows;

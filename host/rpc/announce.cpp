@@ -30,12 +30,20 @@ std::int64_t pidField(const Value& value) {
   return *pid;
 }
 
-std::string publishedPath(const Value& value) {
+std::string announcedPath(const Value& value, const std::string& name) {
   const auto* path = value.as<std::string>();
-  if (!path) throw ValueError("'publishes': found " + std::string(value.kindText()) + ", expected a path");
-  if (path->empty()) throw ValueError("'publishes': a path is empty; nobody publishes the whole database");
+  if (!path) throw ValueError("'" + name + "': found " + value.kindText() + ", expected a path");
+  if (path->empty())
+    throw ValueError("'" + name + "': a path is empty; nobody " + name + " the whole database");
   Zel::PathWalker::checkComponents(*path);
   return *path;
+}
+
+std::vector<std::string> announcedPaths(const Value& parameters, const char* name) {
+  std::vector<std::string> paths;
+  for (const Value& path : boundedList(parameters, name, kMostPaths))
+    paths.push_back(announcedPath(path, name));
+  return paths;
 }
 
 std::string textOf(const Announcement& announcement) {
@@ -52,8 +60,8 @@ Announcement announcementFrom(const Value& parameters) {
     read.agents.push_back({boundedText(agent, "name", Zel::Name::kLongest, Needed::yes),
                            boundedText(agent, "library", kLongestFile, Needed::yes)});
   }
-  for (const Value& path : boundedList(parameters, "publishes", kMostPaths))
-    read.publishes.push_back(publishedPath(path));
+  read.publishes = announcedPaths(parameters, "publishes");
+  if (parameters.field("covers")) read.covers = announcedPaths(parameters, "covers");
   return read;
 }
 
@@ -61,53 +69,76 @@ Json announcementJson(const Announcement& announcement) {
   Json agents = Json::array();
   for (const auto& agent : announcement.agents)
     agents.push_back({{"name", agent.name}, {"library", agent.library}});
-  return {{"pid", announcement.pid},
-          {"socket", announcement.socket},
-          {"agents", std::move(agents)},
-          {"publishes", announcement.publishes}};
+  Json json = {{"pid", announcement.pid},
+               {"socket", announcement.socket},
+               {"agents", std::move(agents)},
+               {"publishes", announcement.publishes}};
+  if (!announcement.covers.empty()) json["covers"] = announcement.covers;
+  return json;
 }
 
 void Announcements::Process::announce(Announcement announcement) {
   for (const std::string& path : announcement.publishes)
-    if (const std::string why = all_.refusal(*this, path, true); !why.empty())
+    if (const std::string why = all_.conflict(*this, path); !why.empty())
       throw ValueError("'publishes': '" + path + "' " + why);
+  for (const std::string& path : announcement.covers)
+    if (const std::string why = all_.conflict(*this, path); !why.empty())
+      throw ValueError("'covers': '" + path + "' " + why);
   withdraw();
   announcement_ = std::move(announcement);
   for (const std::string& path : announcement_.publishes) all_.paths_.emplace(path, this);
+  for (const std::string& path : announcement_.covers) all_.covered_.emplace(path, this);
   all_.processes_.push_back(this);
 }
 
 void Announcements::Process::withdraw() {
   for (const std::string& path : announcement_.publishes) all_.paths_.erase(path);
+  for (const std::string& path : announcement_.covers) all_.covered_.erase(path);
   std::erase(all_.processes_, this);
   announcement_ = {};
 }
 
-Announcements::Paths::const_iterator Announcements::publishedAbove(const Process& writer,
-                                                                   std::string_view path) const {
-  for (; !path.empty() && !paths_.empty(); path = Zel::PathWalker::above(path))
-    if (const auto found = paths_.find(path); found != paths_.end() && found->second != &writer) return found;
-  return paths_.end();
+Announcements::Paths::const_iterator Announcements::above(const Paths& paths, const Process& writer,
+                                                          std::string_view path) {
+  for (; !path.empty() && !paths.empty(); path = Zel::PathWalker::above(path))
+    if (const auto found = paths.find(path); found != paths.end() && found->second != &writer) return found;
+  return paths.end();
 }
 
-Announcements::Paths::const_iterator Announcements::publishedUnder(const Process& writer,
-                                                                   std::string_view path) const {
+Announcements::Paths::const_iterator Announcements::under(const Paths& paths, const Process& writer,
+                                                          std::string_view path) {
   const std::string start = path.empty() ? std::string() : std::string(path) + '/';
-  auto each = paths_.lower_bound(start);
-  for (; each != paths_.end() && each->first.starts_with(start); ++each)
+  auto each = paths.lower_bound(start);
+  for (; each != paths.end() && each->first.starts_with(start); ++each)
     if (each->second != &writer) return each;
-  return paths_.end();
+  return paths.end();
+}
+
+std::string Announcements::conflict(const Process& writer, std::string_view path) const {
+  if (const std::string why = refusal(writer, path, true); !why.empty()) return why;
+  auto other = above(covered_, writer, path);
+  if (other == covered_.end()) other = under(covered_, writer, path);
+  if (other == covered_.end()) return {};
+  return "is at, above or under '" + other->first + "', which " + textOf(other->second->announcement()) +
+         " covers; nobody else publishes or covers there while it runs";
+}
+
+std::string Announcements::coverRefusal(const Process& writer, std::string_view path) const {
+  for (; !path.empty(); path = Zel::PathWalker::above(path))
+    if (const auto found = covered_.find(path); found != covered_.end() && found->second == &writer)
+      return {};
+  return "is not under a path that this process announced to cover";
 }
 
 std::string Announcements::refusal(const Process& writer, std::string_view path, bool removed) const {
-  if (const auto above = publishedAbove(writer, path); above != paths_.end())
-    return "is under '" + above->first + "', which " + textOf(above->second->announcement()) +
+  if (const auto found = above(paths_, writer, path); found != paths_.end())
+    return "is under '" + found->first + "', which " + textOf(found->second->announcement()) +
            " publishes; nobody else writes there while it runs";
   if (!removed) return {};
-  const auto under = publishedUnder(writer, path);
-  return under == paths_.end()
+  const auto found = under(paths_, writer, path);
+  return found == paths_.end()
              ? std::string()
-             : "holds '" + under->first + "', which " + textOf(under->second->announcement()) +
+             : "holds '" + found->first + "', which " + textOf(found->second->announcement()) +
                    " publishes; nobody else deletes that while it runs";
 }
 

@@ -1,7 +1,7 @@
-// The paths that each process publishes.
+// The paths that each process publishes or covers.
 //
-// Only one agent writes under a "wi" mount. A process announces those paths to the host that keeps the state,
-// which refuses other processes' writes there:
+// Only one agent writes under a "wi" mount, and only one process covers what is under a "c" mount. A process
+// announces those paths to the host that keeps the state, which refuses other processes' writes there:
 //
 //     Announcements announcements;
 //     Announcements::Process led(announcements);
@@ -23,9 +23,9 @@ namespace Host {
 
 using Statedb::Announcement;
 
-// Reads {"pid", "socket", "agents": [{"name", "library"}], "publishes"}: at most 64 agents and 64 paths, and
-// 4096 bytes for the path of a library or a socket. Throws Zel::ValueError if one is missing, exceeds its
-// limit, or is no path to an entity.
+// Reads {"pid", "socket", "agents": [{"name", "library"}], "publishes", "covers"}: at most 64 agents and 64
+// paths each, and 4096 bytes for the path of a library or a socket. Throws Zel::ValueError if one but
+// "covers" is missing, exceeds its limit, or is no path to an entity.
 Announcement announcementFrom(const Zel::Value& parameters);
 Json announcementJson(const Announcement& announcement);
 
@@ -41,7 +41,7 @@ class Announcements {
     Process& operator=(const Process&) = delete;
 
     // Replaces the last announcement. Throws Zel::ValueError, and changes nothing, if another process
-    // publishes one of the paths, or a path above or under it.
+    // publishes or covers one of the paths, or a path above or under it.
     void announce(Announcement announcement);
     void withdraw();
     const Announcement& announcement() const { return announcement_; }
@@ -53,6 +53,8 @@ class Announcements {
 
   // Why `writer` may not change the entity at a path, or if `removed` all under it; empty if it may.
   std::string refusal(const Process& writer, std::string_view path, bool removed) const;
+  // Why `writer` may not cover attributes at a path; empty if it may: it announced that, or a path above.
+  std::string coverRefusal(const Process& writer, std::string_view path) const;
   // Whether any process publishes a path under `path`.
   bool leadsToPublished(std::string_view path) const;
 
@@ -62,11 +64,14 @@ class Announcements {
  private:
   using Paths = std::map<std::string, const Process*, std::less<>>;
 
-  // A path at or above `path`, or under it, that a process other than `writer` publishes; end() if none.
-  Paths::const_iterator publishedAbove(const Process& writer, std::string_view path) const;
-  Paths::const_iterator publishedUnder(const Process& writer, std::string_view path) const;
+  // A path at or above `path`, or under it, of a process other than `writer`; end() if none.
+  static Paths::const_iterator above(const Paths& paths, const Process& writer, std::string_view path);
+  static Paths::const_iterator under(const Paths& paths, const Process& writer, std::string_view path);
+  // Why `writer` may not announce a path; empty if it may.
+  std::string conflict(const Process& writer, std::string_view path) const;
 
-  Paths paths_;
+  Paths paths_;  // published
+  Paths covered_;
   std::vector<const Process*> processes_;
 };
 

@@ -17,11 +17,8 @@ using Statedb::Path;
 using Statedb::Subscriber;
 
 namespace {
-constexpr std::uint64_t kFirstRetry = 50;  // milliseconds
-constexpr std::uint64_t kLastRetry = 2000;
+constexpr std::uint64_t kLastRetry = 2000;                  // milliseconds
 constexpr std::size_t kLongestLine = std::size_t{1} << 30;  // a snapshot of everything is one line
-constexpr std::size_t kChangesPerRequest = 1000;
-constexpr std::size_t kLongestRequest = Lines::kLimit - 1000;  // bytes of its changes; a host takes no more
 
 const Zel::Value& needed(const Zel::Value& message, const char* name) {
   const Zel::Value* found = message.field(name);
@@ -34,6 +31,9 @@ std::int64_t numberOf(const Zel::Value& message, const char* name) {
   if (!number) throw Zel::ValueError("'" + std::string(name) + "' is no whole number");
   return *number;
 }
+
+// Notified of what the other side has alone, this process's own writes included.
+bool isOfBase(const Subscriber& subscriber) { return subscriber.layer() == Statedb::Layer::base; }
 }  // namespace
 
 // One attempt to connect; outlives the store where that goes away first.
@@ -110,8 +110,14 @@ void UnixStore::onReached() {
   if (std::exchange(reached_, true)) return;
   retryAfter_ = kFirstRetry;
   if (std::exchange(lost_, false)) report_("state database " + url() + ": reached");
-  for (const auto& subscription : subscriptions_) watch(*subscription);
+  isWatching_ = false;
+  if (!covers_.rows().canSend()) watchAll();
   flush();
+}
+
+void UnixStore::watchAll() {
+  if (std::exchange(isWatching_, true)) return;
+  for (const auto& subscription : subscriptions_) watch(*subscription);
 }
 
 void UnixStore::retryLater() {
@@ -126,7 +132,7 @@ void UnixStore::retryLater() {
 
 void UnixStore::retry() {
   if (!connection_) return connect();
-  if (!parts_.empty()) sendParts();
+  for (Outbox* each : {&covers_, &published_}) each->retry();
 }
 
 void UnixStore::onClosed(Connection& connection) {
@@ -139,9 +145,8 @@ void UnixStore::disconnect(const std::string& why) {
   reached_ = false;
   notReached(why);
   replies_.clear();
-  parts_.clear();
   for (const auto& subscription : subscriptions_) subscription->watch = -1;
-  published_.lost();
+  for (Outbox* each : {&covers_, &published_}) each->lost();
   retryLater();
 }
 
@@ -174,19 +179,22 @@ void UnixStore::unwatch(std::int64_t watch) {
 // The reply may arrive after the subscriber has left or subscribed again: it counts for this subscription
 // only.
 void UnixStore::watch(Subscription& subscription) {
-  if (!reached_) return;
-  request("watch", "{\"own\":false,\"path\":" + jsonText(Zel::Value(subscription.path.text())) + '}',
-          [this, watched = &subscription](const Zel::Value& reply) {
-            const auto still =
-                std::ranges::find(subscriptions_, watched, [](const auto& each) { return each.get(); });
-            if (const Zel::Value* error = reply.field("error"))
-              return report_("state database " + url() + ": " + textField(*error, "message"));
-            const Zel::Value& result = needed(reply, "result");
-            const std::int64_t number = numberOf(result, "watch");
-            if (still == subscriptions_.end()) return unwatch(number);
-            watched->watch = number;
-            deliverSnapshot(*watched->subscriber, needed(result, "entities"));
-          });
+  if (!reached_ || !isWatching_) return;
+  request(
+      "watch",
+      (isOfBase(*subscription.subscriber) ? "{\"layer\":\"base\",\"path\":" : "{\"own\":false,\"path\":") +
+          jsonText(Zel::Value(subscription.path.text())) + '}',
+      [this, watched = &subscription](const Zel::Value& reply) {
+        const auto still =
+            std::ranges::find(subscriptions_, watched, [](const auto& each) { return each.get(); });
+        if (const Zel::Value* error = reply.field("error"))
+          return report_("state database " + url() + ": " + textField(*error, "message"));
+        const Zel::Value& result = needed(reply, "result");
+        const std::int64_t number = numberOf(result, "watch");
+        if (still == subscriptions_.end()) return unwatch(number);
+        watched->watch = number;
+        deliverSnapshot(*watched->subscriber, needed(result, "entities"));
+      });
 }
 
 void UnixStore::deliverSnapshot(Subscriber& subscriber, const Zel::Value& entities) {
@@ -195,11 +203,15 @@ void UnixStore::deliverSnapshot(Subscriber& subscriber, const Zel::Value& entiti
   if (found == subscriptions_.end()) return;
   const auto records = entityRecords(entities);
   Statedb::Records theirs;
+  if (isOfBase(subscriber)) {
+    for (const Statedb::Record& record : records) theirs.push_back(&record);
+    return subscriber.onSnapshot(theirs);
+  }
   for (const Statedb::Record& record : records) {
-    if (subscriber.publishes(record.path)) published_.adopt(record);
+    if (subscriber.publishes(record.path)) published_.rows().adopt(record);
     theirs.push_back(&record);
   }
-  subscriber.onSnapshot(published_.over(theirs, (*found)->path));
+  subscriber.onSnapshot(published_.rows().over(theirs, (*found)->path));
 }
 
 UnixStore::Subscription* UnixStore::find(std::int64_t watch) {
@@ -208,83 +220,30 @@ UnixStore::Subscription* UnixStore::find(std::int64_t watch) {
 }
 
 void UnixStore::write(const Changes& changes, Statedb::Durability durability, Subscriber* origin) {
-  ZEL_REQUIRE(durability == Statedb::Durability::volatile_,
+  ZEL_REQUIRE(durability != Statedb::Durability::stored,
               "a stored batch of " << changes.size() << " changes for " << url());
-  published_.write(changes);
+  if (durability == Statedb::Durability::cover) return covers_.rows().write(changes);
+  published_.rows().write(changes);
   toNotify_.emplace_back(changes, origin);
 }
 
 Statedb::Ticket UnixStore::flush() {
   for (const auto& [changes, origin] : std::exchange(toNotify_, {})) notifyOthers(changes, origin);
   if (const auto connection = connection_) connection->flush();  // closes it where the other side has ended
-  if (!reached_ || !published_.canSend()) return {};
-  const Changes changes = published_.send();
-  for (std::size_t from = 0; from < changes.size(); from += kChangesPerRequest) {
-    const auto first = changes.begin() + static_cast<std::ptrdiff_t>(from);
-    const std::size_t count = std::min(kChangesPerRequest, changes.size() - from);
-    parts_.emplace_back(first, first + static_cast<std::ptrdiff_t>(count));
-  }
-  sendParts();
+  for (Outbox* each : {&covers_, &published_})
+    if (reached_ && each->rows().canSend()) each->send();
   return {};
 }
 
-// One at a time, for a part that is refused is sent again in smaller ones before the next.
-void UnixStore::sendParts() {
-  while (!parts_.empty()) {
-    const std::string text = changesText(parts_.front());
-    if (text.size() <= kLongestRequest)
-      return request("write", "{\"changes\":" + text + ",\"durability\":\"volatile\"}",
-                     [this](const Zel::Value& reply) { onWritten(reply); });
-    refusePart("is longer than " + std::to_string(kLongestRequest) + " bytes");
-  }
-  published_.acknowledged();
+// What was covered is there before anything is watched, so that no snapshot shows the base meanwhile.
+void UnixStore::onSent(Outbox& outbox) {
+  if (&outbox == &covers_) watchAll();
   flush();
-}
-
-void UnixStore::onWritten(const Zel::Value& reply) {
-  const Zel::Value* error = reply.field("error");
-  const bool isPostponed = error && numberOf(*error, "code") == static_cast<int>(RpcCode::store);
-  if (isPostponed && !postponed_)
-    report_("state database " + url() + " can't store what was published: " + textField(*error, "message") +
-            "; trying until it can");
-  postponed_ = isPostponed;
-  if (isPostponed) return retryLater();
-  retryAfter_ = kFirstRetry;
-  if (error)
-    refusePart(textField(*error, "message"));
-  else
-    parts_.pop_front();
-  sendParts();
-}
-
-void UnixStore::refusePart(const std::string& why) {
-  const Changes part = std::move(parts_.front());
-  parts_.pop_front();
-  if (part.size() > 1) {
-    auto [first, second] = Statedb::halves(part);
-    parts_.push_front(std::move(second));
-    return parts_.push_front(std::move(first));
-  }
-  const Statedb::Row& row = part.front().row;
-  const std::string place = why.starts_with(row.path.text()) ? "" : placeText(row) + ": ";
-  report_("state database " + url() + " refused what was published: " + place + why);
-  published_.refused(part.front());
-  if (part.front().kind == Change::Kind::put && row.attribute.empty()) dropValuesOf(row.path);
-}
-
-// They follow the refused entity, and would be refused for the same reason.
-void UnixStore::dropValuesOf(Path path) {
-  for (; !parts_.empty(); parts_.pop_front()) {
-    Changes& next = parts_.front();
-    const auto isOther = [&](const Change& each) { return each.row.path != path; };
-    next.erase(next.begin(), std::ranges::find_if(next, isOther));
-    if (!next.empty()) return;
-  }
 }
 
 void UnixStore::notifyOthers(const Changes& changes, const Subscriber* origin) {
   for (const auto& subscription : subscriptions_)
-    if (subscription->subscriber != origin)
+    if (subscription->subscriber != origin && !isOfBase(*subscription->subscriber))
       takePart(changes, subscription->path,
                [&](const Changes& part) { subscription->subscriber->onChanges(part); });
 }
@@ -322,8 +281,9 @@ void UnixStore::onNotification(const Zel::Value& message) {
   if (textField(message, "method") == "reset")
     return deliverSnapshot(*subscription->subscriber, needed(parameters, "entities"));
   const Changes there = changesFrom(needed(parameters, "changes"));
-  const Changes changes =
-      flagField(parameters, "revealed", false) ? published_.revealed(there) : published_.received(there);
+  if (isOfBase(*subscription->subscriber)) return subscription->subscriber->onChanges(there);
+  const Changes changes = flagField(parameters, "revealed", false) ? published_.rows().revealed(there)
+                                                                   : published_.rows().received(there);
   if (!changes.empty()) subscription->subscriber->onChanges(changes);
 }
 

@@ -2,10 +2,10 @@
 //
 // While the connection is lost the entities stay; once it is back the store reads everything again, and
 // subscribers notice the differences only. Rows that were published here and that the other side does not
-// have yet wait, one value an attribute.
+// have yet wait, one value an attribute. Covers go there before anything is watched, end with the connection,
+// and are sent again.
 #pragma once
 
-#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -15,12 +15,12 @@
 #include "host/io/connection.h"
 #include "host/rpc/announce.h"
 #include "host/rpc/json.h"
-#include "host/store/publishedrows.h"
+#include "host/store/outbox.h"
 #include "platform/statedb/store/store.h"
 
 namespace Host {
 
-class UnixStore final : public Statedb::Store, public Connection::Owner {
+class UnixStore final : public Statedb::Store, public Connection::Owner, private Outbox::Output {
  public:
   // Connects from the loop and retries while nobody listens: after 50 ms at first, then twice as long each
   // time, up to 2 s. `report` logs each loss and each return once, and every row that the other side refused:
@@ -30,6 +30,7 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
 
   std::string url() const override { return "unix:" + socket_; }
   Statedb::StoreState state() const override { return {true, reached_, reached_ ? "" : why_}; }
+  bool takesCovers() const override { return true; }
   void subscribe(Statedb::Path path, Statedb::Subscriber& subscriber) override;
   void unsubscribe(Statedb::Subscriber& subscriber) override;
   void write(const Statedb::Changes& changes, Statedb::Durability durability,
@@ -45,7 +46,6 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
     Statedb::Subscriber* subscriber;
     std::int64_t watch = -1;  // the other side's number for it; -1: not confirmed
   };
-  using OnReply = std::function<void(const Zel::Value& reply)>;
   struct Connecting;
 
   void connect();
@@ -59,7 +59,8 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
   void disconnect(const std::string& why);
   void retry();
   // `parameters` are a JSON text.
-  void request(const char* method, std::string_view parameters, OnReply onReply);
+  void request(const char* method, std::string_view parameters, OnReply onReply) override;
+  void watchAll();
   void watch(Subscription& subscription);
   void unwatch(std::int64_t watch);
   void deliverSnapshot(Statedb::Subscriber& subscriber, const Zel::Value& entities);
@@ -71,18 +72,19 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
   void onRefused(const Zel::Value& error);
   void onClosed(Connection& connection) override;
   void onNotification(const Zel::Value& message);
-  void sendParts();
-  void onWritten(const Zel::Value& reply);
-  void refusePart(const std::string& why);
-  void dropValuesOf(Statedb::Path path);
+  void report(const std::string& what) override { report_("state database " + url() + what); }
+  void onPostponed() override { retryLater(); }
+  void onAccepted() override { retryAfter_ = kFirstRetry; }
+  void onSent(Outbox& outbox) override;
+
+  static constexpr std::uint64_t kFirstRetry = 50;  // milliseconds
 
   Loop& loop_;
   const std::string socket_;
   const std::function<void(const std::string&)> report_;
   std::vector<std::unique_ptr<Subscription>> subscriptions_;
-  PublishedRows published_;
-  std::deque<Statedb::Changes>
-      parts_;  // of what is under way: the first was sent, each waits for those before it
+  Outbox published_{{.durability = "volatile", .what = "published"}, *this};
+  Outbox covers_{{.durability = "cover", .what = "covered"}, *this};
   std::vector<std::pair<Statedb::Changes, Statedb::Subscriber*>>
       toNotify_;  // written here, for the subscribers here
   std::shared_ptr<Connection> connection_;
@@ -95,7 +97,7 @@ class UnixStore final : public Statedb::Store, public Connection::Owner {
   std::string why_;           // it is not reached; empty before the first attempt has failed
   bool reached_ = false;      // connected, and the announcement was taken
   std::string announcement_;  // a JSON text; empty: there is none
-  bool postponed_ = false;    // the other side can't store anything now; reported as well
+  bool isWatching_ = false;   // since it was reached
 };
 
 }  // namespace Host

@@ -26,7 +26,12 @@ Host::Batch batchOf(const Json& changes, bool lenient = false) {
   Host::Announcements announcements;
   const Host::Announcements::Process writer(announcements);
   const Zel::Value list = Host::parseJson(changes.dump());
-  return Host::readBatch(*list.as<Zel::Value::List>(), {typeAt, {}, announcements, writer, lenient});
+  return Host::readBatch(*list.as<Zel::Value::List>(),
+                         {typeAt,
+                          {},
+                          announcements,
+                          writer,
+                          lenient ? Statedb::Durability::volatile_ : Statedb::Durability::stored});
 }
 
 Json put(const std::string& path, const char* type = nullptr, const Json& attributes = nullptr) {

@@ -397,6 +397,59 @@ TEST_F(ControlTest, AProcessOwnsThePathsItFillsWhileConnected) {
   EXPECT_TRUE(write(other, {pin}).contains("result"));
 }
 
+TEST_F(ControlTest, CoversEndWithTheConnectionThatAnnouncedThem) {
+  const auto announcement = [](const Json& publishes, const Json& covers) {
+    return Json{{"pid", 7},
+                {"socket", "/p"},
+                {"agents", Json::array()},
+                {"publishes", publishes},
+                {"covers", covers}};
+  };
+  const auto refusal = [](const Json& reply) { return reply["error"]["message"].get<std::string>(); };
+  Client other(socket);
+  const auto settingIn = [&](const char* layer) {
+    const Json read = call(other, "read", {{"path", led("A")}, {"layer", layer}})["result"]["entities"];
+    return read.empty() ? Json() : read[0]["attributes"]["lightSetting"];
+  };
+  const Json green = {{"green", true}};
+  ASSERT_TRUE(write(other, {putDir(), putLed("A", kRed)}).contains("result"));
+  {
+    Client policy(socket);
+    const auto cover = [&](const Json& change) {
+      return call(policy, "write", {{"changes", {change}}, {"durability", "cover"}});
+    };
+    EXPECT_THAT(refusal(cover(putLed("A", green))),
+                HasSubstr("is not under a path that this process announced to cover"));
+    ASSERT_TRUE(call(policy, "announce", announcement(Json::array(), Json::array({Paths::kLeds})))
+                    .contains("result"));
+    for (const std::string& path : {std::string(Paths::kLeds), std::string("hardware"), led("A")}) {
+      EXPECT_THAT(refusal(call(other, "announce", announcement(Json::array(), Json::array({path})))),
+                  HasSubstr("('/p') covers; nobody else publishes or covers there"));
+      EXPECT_THAT(refusal(call(other, "announce", announcement(Json::array({path}), Json::array()))),
+                  HasSubstr("covers"));
+    }
+    EXPECT_TRUE(cover(putLed("A", green)).contains("result"));
+    Json unborn = putLed("B", green);
+    unborn["type"] = "Hardware::Led::LedConfig";
+    EXPECT_TRUE(cover(unborn).contains("result"));
+    EXPECT_THAT(refusal(cover(putLed("A", 7))), HasSubstr("lightSetting"));
+    EXPECT_EQ(settingIn("effective"), green);
+    EXPECT_EQ(settingIn("base"), kRed);
+    EXPECT_EQ(settingIn("covers"), green);
+    const std::size_t stored = store.stored;
+    EXPECT_TRUE(write(other, {putLed("A", {{"yellow", true}})}).contains("result")) << "others may write";
+    EXPECT_EQ(store.stored, stored + 1);
+    EXPECT_EQ(settingIn("effective"), green);
+    ASSERT_TRUE(call(other, "watch", {{"path", led("A")}}).contains("result"));
+  }
+  const Json revealed = next(other);
+  EXPECT_EQ(revealed["params"]["changes"][0]["attributes"], (Json{{"lightSetting", {{"yellow", true}}}}));
+  EXPECT_EQ(settingIn("covers"), Json());
+  EXPECT_TRUE(
+      call(other, "announce", announcement(Json::array(), Json::array({"hardware"}))).contains("result"));
+  EXPECT_THAT(refusal(call(other, "read", {{"layer", "top"}})), HasSubstr("expected \"effective\""));
+}
+
 TEST(Listener, ReplacesAStaleSocketAndRefusesALiveOne) {
   const Folder folder;
   const std::string path = folder.at("socket");

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # The state database, the LED agent and the line agent as three real processes; the lines are chips in memory.
-#   processes_test.sh BIN
+#   processes_test.sh BIN TEST_AGENTS
 set -uo pipefail
 PATH=$1:$PATH
+test_agents=$2
 guest=$(dirname "${BASH_SOURCE[0]}")/../vm/guest/gpiovm
 . "$guest/check.sh"
 . "$guest/hosts.sh"
@@ -22,6 +23,7 @@ recorded() {
   kill $watcher; wait $watcher 2>/dev/null
   sed 's/^[^ ]* //; / hardware\/mark/d; s|hardware/corvel/gpio/||' "$run/watched"
 }
+fan1_covered() { pinlampctl why Fan1 | grep covered; }
 handled() { grep -c 'handleHwLedConfig Status$' "$run/trace"; }
 
 state_host
@@ -124,6 +126,38 @@ put config/r value=0
 put config/g value=1" "$(recorded | sed 's|hardware/||' | sort -r)"
 ended gpio led state >"$run/statuses"
 check "all end in order" "0 0 0" "$(xargs <"$run/statuses")"
+
+# Covers ---------------------------------------------------------------------------------------------------------------
+policy_host() { host "$1" --store "unix:$PINLAMP_SOCKET" --agent "$test_agents:Covering"; }
+fan1=hardware/led/config/leds/Fan1
+state_host
+led_host
+pinlampctl led set Fan1 green
+await "before an agent covers an LED, it shows its setting" 101 pins g r s
+policy_host policy
+await "a cover shows over the setting" 011 pins g r s
+check "get --under shows both" '{"red": true}
+{"green": true}' "$(pinlampctl get $fan1 lightSetting --under)"
+check "and why names both" "covered    by process $policy_pid; its own setting is green" "$(pinlampctl why Fan1 | grep covered)"
+policy_host second
+await "a second process that covers the same waits" 1 grep -c "process $policy_pid .* trying until it is free" "$run/second.log"
+pinlampctl led set Fan1 --flash 0
+check "a command that reads, changes and writes a setting does not store the cover" '{"green": true}' \
+  "$(pinlampctl get $fan1 lightSetting --under | tail -n 1)"
+check "nor does a dump" 0 "$(pinlampctl dump | grep -c cover-mark)"
+killed state
+state_host
+await "after the host was killed, the cover shows again" 011 pins g r s
+pinlampctl led set Fan1 green red
+check "a setting under it is stored" '{"red": true}
+{"green": true, "red": true}' "$(pinlampctl get $fan1 lightSetting --under)"
+killed policy
+await "when its process is killed, the next one covers" 011 pins g r s
+await "with its own" "covered    by process $second_pid; its own setting is green+red" fan1_covered
+killed second
+await "and when that is killed, the setting that was made meanwhile shows" 111 pins g r s
+check "no file has ever had a cover" 0 "$(cat "$run"/state.db* | grep -c cover-mark)"
+ended led state >/dev/null
 
 # A server that hosts share --------------------------------------------------------------------------------------------
 redis_server() {

@@ -31,6 +31,8 @@ constexpr const char* kLed = "Hardware::Led::LedConfig";
 struct Universe {
   std::vector<const char*> entities, removed, types, attributes;
   std::vector<Value> values;
+  // Covered, and stored; the others are stored and published.
+  std::vector<const char*> covered{}, uncovered{};
 };
 
 // A store that keeps its rows in this process, with injected failures.
@@ -41,7 +43,9 @@ struct LocalStore {
                               {"", "a", "a/b", "b", "b/x", "c"},
                               {"T", "T", "T", "T", "T", "T", "T", "U"},
                               {"x", "y", "z"},
-                              {1, 2, 3}};
+                              {1, 2, 3},
+                              {"a", "a/b", "a/b/c", "a-b", "b", "b/x/y"},
+                              {"", "a", "a/b", "b/x", "c"}};
     return all;
   }
   static constexpr bool kIsLocal = true;
@@ -128,7 +132,9 @@ struct RemoteStore {
                               {"a/p", "a/q", "a/b/p", "b/p", "a/b", "a", "b/none"},
                               {kLed},
                               {"theme", "currentMode", "ledAttribute"},
-                              {"1", "2", "3"}};
+                              {"1", "2", "3"},
+                              {"c/p", "c/q", "c/b/p", "c/ü"},
+                              {"c/p", "c/b", "c"}};
     return all;
   }
   static constexpr bool kIsLocal = false;
@@ -137,7 +143,7 @@ struct RemoteStore {
   // Makes the entities' directories, so that each can be removed with or without a row of its own.
   static Changes firstChanges() {
     Changes changes;
-    for (const char* directory : {"a", "a/b", "b"})
+    for (const char* directory : {"a", "a/b", "b", "c", "c/b"})
       changes.push_back(Change::put(directory, "Zel::Dir", {}, {}));
     return changes;
   }
@@ -151,6 +157,7 @@ struct RemoteStore {
     keeper_ = std::make_unique<Keeper>(loop_, socket(), disk_);
     remote_ = std::make_unique<Host::UnixStore>(loop_, socket(),
                                                 [this](const std::string& text) { reports.push_back(text); });
+    remote_->announce({.pid = 1, .covers = {"c"}});
   }
   ~RemoteStore() {
     remote_ = nullptr;
@@ -309,11 +316,15 @@ class Stores : public ::testing::Test {
     return choices[random_() % choices.size()];
   }
 
-  Change change() {
+  bool takesCovers() { return !Tested::universe().covered.empty(); }
+
+  Change change(Durability durability) {
     const Universe& all = Tested::universe();
-    const char* path = pick(all.entities);
+    const bool isCovered =
+        takesCovers() && (durability == Durability::cover || (durability == Durability::stored && oneIn(3)));
+    const char* path = pick(isCovered ? all.covered : all.entities);
     const unsigned kind = random_() % 8;
-    if (kind == 0) return Change::del(pick(all.removed));
+    if (kind == 0) return Change::del(pick(isCovered ? all.uncovered : all.removed));
     if (kind == 1) return Change::unset(path, pick(all.attributes));
     return Change::put(path, pick(all.types), oneIn(4) ? "" : pick(all.attributes), pick(all.values));
   }
@@ -328,10 +339,11 @@ class Stores : public ::testing::Test {
     Changes changes = oneIn(40) ? Tested::firstChanges() : Changes();
     const std::size_t first = changes.size();
     for (auto most = random_() % Tested::kMostChanges; changes.size() - first <= most;)
-      changes.push_back(change());
-    note(durability == Durability::stored ? "stored"
-         : origin                         ? "volatile, of the origin"
-                                          : "volatile",
+      changes.push_back(change(durability));
+    note(durability == Durability::stored  ? "stored"
+         : durability == Durability::cover ? "covers"
+         : origin                          ? "volatile, of the origin"
+                                           : "volatile",
          changes);
     Model after = model_;
     bool isTaken = true;
@@ -341,7 +353,7 @@ class Stores : public ::testing::Test {
       tested_.write(changes, durability, origin);
       EXPECT_TRUE(isTaken);
       model_ = after;
-      if (durability == Durability::volatile_)
+      if (durability != Durability::stored)
         for (const Change& each : changes) unstored_.apply(each, durability);
       if (origin) carryInto(origin_.rows, changes);
     } catch (const Statedb::RefusedError&) {
@@ -369,7 +381,13 @@ class Stores : public ::testing::Test {
 
   Tested tested_;
   Model model_, unstored_;  // the second without what was stored since the last flush
-  Mirror mirrors_[4] = {Mirror(""), Mirror("a"), Mirror("a/b"), Mirror("b")};
+  Mirror mirrors_[7] = {Mirror(""),
+                        Mirror("a"),
+                        Mirror("a/b"),
+                        Mirror("b"),
+                        Mirror("c"),
+                        Mirror("", Layer::base),
+                        Mirror("a/b", Layer::base)};
   Mirror origin_{""};
   std::mt19937 random_{7};
   std::deque<std::string> history_;
@@ -381,35 +399,44 @@ TYPED_TEST_SUITE(Stores, Tested);
 TYPED_TEST(Stores, AreTheirModelUnderRandomOperationsAndFaults) {
   const auto isEqual = [this] {
     return this->tested_.rows() == this->model_.rows() && this->origin_.rows == this->model_.rows() &&
-           std::ranges::all_of(this->mirrors_,
-                               [&](auto& mirror) { return mirror.rows == this->model_.rows(mirror.path); });
+           std::ranges::all_of(this->mirrors_, [&](auto& mirror) {
+             return mirror.rows == this->model_.rows(mirror.path, mirror.layer());
+           });
   };
   const auto expectEqual = [&] {
     if (this->tested_.runUntil(isEqual)) return;
     EXPECT_EQ(this->tested_.rows(), this->model_.rows()) << ::testing::PrintToString(this->history_);
     for (const Mirror& mirror : this->mirrors_)
-      EXPECT_EQ(mirror.rows, this->model_.rows(mirror.path)) << "at '" << mirror.path << "'";
+      EXPECT_EQ(mirror.rows, this->model_.rows(mirror.path, mirror.layer()))
+          << "at '" << mirror.path << "', layer " << static_cast<int>(mirror.layer())
+          << ::testing::PrintToString(this->history_);
     EXPECT_EQ(this->origin_.rows, this->model_.rows())
         << "of the origin" << ::testing::PrintToString(this->history_);
   };
   this->subscribe();
   for (int step = 0; step < TypeParam::kSteps && !testing::Test::HasFailure(); ++step) {
     SCOPED_TRACE("step " + std::to_string(step));
-    const auto durability = this->oneIn(2) ? Durability::stored : Durability::volatile_;
-    Statedb::Subscriber* const origin = this->oneIn(3) ? &this->origin_ : nullptr;
+    const auto durability = this->takesCovers() && this->oneIn(4) ? Durability::cover
+                            : this->oneIn(2)                      ? Durability::stored
+                                                                  : Durability::volatile_;
+    Statedb::Subscriber* const origin =
+        durability != Durability::cover && this->oneIn(3) ? &this->origin_ : nullptr;
     const bool isElsewhere = !TypeParam::kIsLocal && durability == Durability::stored;
     if (origin) this->flush(false);
     if (isElsewhere) expectEqual();  // so that writes of the two sides do not cross
     this->write(durability, isElsewhere ? nullptr : origin);
-    if (TypeParam::kIsLocal) {
+    if constexpr (TypeParam::kIsLocal) {
+      const auto& table = *this->tested_.store().table();
       EXPECT_EQ(this->tested_.rows(), this->model_.rows());
+      EXPECT_EQ(rowsOf(table.readBase("")), this->model_.rows("", Layer::base));
+      EXPECT_EQ(rowsOf(table.readCovers("")), this->model_.coverRows());
     }
     if (!origin && !isElsewhere && !this->oneIn(3)) continue;
     this->flush(this->oneIn(5));
     if (TypeParam::kIsLocal || isElsewhere || this->oneIn(2)) expectEqual();
     if (this->oneIn(20)) {
       expectEqual();
-      Mirror& mirror = this->mirrors_[this->random_() % 4];
+      Mirror& mirror = this->mirrors_[this->random_() % std::size(this->mirrors_)];
       this->note("resubscribe " + mirror.path);
       this->tested_.store().unsubscribe(mirror);
       mirror.rows.clear();
@@ -422,6 +449,14 @@ TYPED_TEST(Stores, AreTheirModelUnderRandomOperationsAndFaults) {
     if (TypeParam::kIsLocal) this->subscribe();
     if (TypeParam::kIsLocal || this->oneIn(2)) expectEqual();
   }
+}
+
+TEST(RedisStore, RefusesCovers) {
+  SharedStore shared;
+  EXPECT_FALSE(shared.store().takesCovers());
+  const Changes covers = {Change::put("a", "T", "x", 1)};
+  EXPECT_THROW(shared.store().write(covers, Durability::cover), Statedb::RefusedError);
+  EXPECT_TRUE(shared.store().table()->read("").empty());
 }
 
 constexpr const char* kPin = "Hardware::Gpio::CorvelPinConfig";

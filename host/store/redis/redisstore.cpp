@@ -118,6 +118,7 @@ bool RedisStore::mayArrive(Path path, const Subscriber& subscriber) const {
 }
 
 void RedisStore::write(const Changes& changes, Durability durability, Subscriber* origin) {
+  if (durability == Durability::cover) throw RefusedError("this store has no covers: " + text_);
   claims_.check(changes);
   durability == Durability::stored ? writeStored(changes, origin) : writeVolatile(changes, origin);
 }

@@ -63,7 +63,28 @@ struct LateAgent : Agent {
   }
 };
 
+// Covers the LED "Fan1" with red, and a mark, whatever others set.
+struct CoveringAgent : Agent {
+  using Agent::Agent;
+  void doInit() override {
+    const auto group = entityManager()->getMountGroup(Zel::Ptr<Statedb::Mounter>(this));
+    group->doMount(Statedb::Mount("hardware/led/config", "Hardware::Led::LedSystemConfigDir", "c"));
+    group->doClose(false, "", 0.0);
+  }
+  void doMountsComplete(Statedb::MountStatus status,
+                        const Zel::Ptr<Statedb::EntityManager>& manager) override {
+    if (status != Statedb::mountSuccess_) throw std::runtime_error("covers nothing");
+    const Statedb::Path led("hardware/led/config/leds/Fan1");
+    manager->covers().put(led, "Hardware::Led::LedConfig", "lightSetting", Zel::Value::Fields{{"red", true}});
+    manager->covers().put(led, "Hardware::Led::LedConfig", "theme", "cover-mark");
+  }
+};
+
 }  // namespace
+
+namespace Covering {
+ZEL_API Zel::Ptr<Warden::CAgent> agentFactory(Zel::Name name) { return Zel::allocate<CoveringAgent>(name); }
+}  // namespace Covering
 
 namespace Unwilling {
 ZEL_API Zel::Ptr<Warden::CAgent> agentFactory(Zel::Name name) { return Zel::allocate<UnwillingAgent>(name); }

@@ -190,14 +190,15 @@ Mirror readAppliance(Client& client) {
   return mirror;
 }
 
-Mirror readLeds(Client& client, const std::vector<std::string>& patterns) {
+Mirror readLedBases(Client& client, const std::vector<std::string>& patterns) {
   Mirror some, all;
   const auto known = [&](const std::string& name) {
-    for (const std::string& path : {ledPath(name), mapPath(name)}) some.entitiesAre(path, client.read(path));
+    for (const std::string& path : {ledPath(name), mapPath(name)})
+      some.entitiesAre(path, client.readBase(path));
     return some.find(ledPath(name)) || some.find(mapPath(name));
   };
   if (std::ranges::none_of(patterns, isGlob) && std::ranges::all_of(patterns, known)) return some;
-  for (const char* path : {Paths::kLeds, Paths::kMappings}) all.entitiesAre(path, client.read(path));
+  for (const char* path : {Paths::kLeds, Paths::kMappings}) all.entitiesAre(path, client.readBase(path));
   return all;
 }
 

@@ -104,8 +104,9 @@ std::map<std::string, std::optional<unsigned>> pinsOf(const Mirror& mirror);
 
 // Reads settings, mappings and pins.
 Mirror readAppliance(Client& client);
-// Reads settings and mappings: of these LEDs, or all of them if a name is a pattern or unknown.
-Mirror readLeds(Client& client, const std::vector<std::string>& patterns);
+// Reads settings and mappings without covers, to write them back: of these LEDs, or all of them if a name is
+// a pattern or unknown.
+Mirror readLedBases(Client& client, const std::vector<std::string>& patterns);
 
 // The same, kept up to date.
 class LiveAppliance {

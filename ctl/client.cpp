@@ -166,7 +166,17 @@ Json Client::call(const char* method, const Json& parameters) {
 }
 
 Json Client::read(const std::string& path, const std::function<void(std::size_t)>& arrived) {
+  return readLayer("", path, arrived);
+}
+Json Client::readBase(const std::string& path, const std::function<void(std::size_t)>& arrived) {
+  return readLayer("base", path, arrived);
+}
+Json Client::readCovers(const std::string& path) { return readLayer("covers", path, {}); }
+
+Json Client::readLayer(const char* layer, const std::string& path,
+                       const std::function<void(std::size_t)>& arrived) {
   Json parameters = Json::object();
+  if (*layer != 0) parameters["layer"] = layer;
   if (!path.empty()) parameters["path"] = path;
   post("read", textOf("read", parameters));
   return reply(timeout_, arrived).at("entities");

@@ -55,6 +55,9 @@ class Client {
   // The entity at a path and all under it, sorted by path.
   // `arrived`: called with the bytes that did so far.
   Json read(const std::string& path, const std::function<void(std::size_t bytes)>& arrived = {});
+  // The same without covers, for what is written back; and the covers alone.
+  Json readBase(const std::string& path, const std::function<void(std::size_t bytes)>& arrived = {});
+  Json readCovers(const std::string& path);
   // Called with the number of changes that were sent, and that of all.
   using Sent = std::function<void(std::size_t changes, std::size_t all)>;
   // Applies all of the changes, or none: in one message, or in a transaction where one can't hold them.
@@ -83,6 +86,9 @@ class Client {
   };
   static std::vector<Part> partsOf(const Json& changes);
 
+  // `layer`: empty for the effective rows.
+  Json readLayer(const char* layer, const std::string& path,
+                 const std::function<void(std::size_t bytes)>& arrived);
   void post(const char* method, const std::string& parameters);
   // The answer to the oldest request that has none.
   Json nextReply(std::chrono::seconds timeout, const std::function<void(std::size_t)>& arrived = {});

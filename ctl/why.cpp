@@ -94,6 +94,26 @@ Driven askAgent(const LedAgent& agent, Reasons& reasons) {
   }
 }
 
+// The process that announced to cover the LEDs; 0 if none did.
+std::int64_t coveringProcess(const Json& status) {
+  for (const Json& process : status.at("processes"))
+    for (const Json& path : process.value("covers", Json::array()))
+      if (isUnder(Paths::kLeds, path.get<std::string>())) return process.value("pid", std::int64_t{0});
+  return 0;
+}
+
+void addBase(Client& client, const Json& status, Reasons& reasons) {
+  const std::string path = ledPath(reasons.lamp.name);
+  const Json covers = client.readCovers(path);
+  if (!reasons.lamp.configured || covers.empty() || !covers[0].at("attributes").contains("lightSetting"))
+    return;
+  Mirror mirror;
+  mirror.entitiesAre(path, client.readBase(path));
+  const auto lamps = lampsOf(mirror);
+  if (!lamps.empty()) reasons.base = lamps.front();
+  reasons.coveredBy = coveringProcess(status);
+}
+
 }  // namespace
 
 Reasons reasonsFor(Client& client, const std::string& led) {
@@ -112,6 +132,7 @@ Reasons reasonsFor(Client& client, const std::string& led) {
   const Driven driven = agent.runs() == true ? askAgent(agent, reasons) : std::nullopt;
   if (driven) formerPinsAre(reasons.lamp, *driven, mirror);
   addPins(client, agent, driven, lamps, reasons);
+  addBase(client, status, reasons);
   return reasons;
 }
 

@@ -36,6 +36,8 @@ struct Reasons {
   Known pinsMade{};
   Known driven{};  // it has a machine
   LedAgent::Machine machine{};
+  std::optional<Lamp> base{};  // if its setting is covered: with the setting under the cover
+  std::int64_t coveredBy = 0;  // the process; 0: the host that keeps the state
   std::vector<PinFacts> pins{};
 
   // The conditions for the LED to be driven.

@@ -81,7 +81,7 @@ void printLoaded(std::ostream& out, const Loading& given, std::size_t entities, 
 void load(Context& context, const Loading& given) {
   const Configuration configuration = configurationFrom(given);
   Client& client = context.client();
-  const Json entities = given.compares() ? client.read("") : Json::array();
+  const Json entities = given.compares() ? client.readBase("") : Json::array();
   Json changes = given.replace ? configuration.dels(entities, client.filled()) : Json::array();
   const Differences differences =
       given.compares() ? configuration.differences(entities, changes) : Differences();
@@ -92,7 +92,7 @@ void load(Context& context, const Loading& given) {
 
 void dump(Context& context, const std::string& path, bool all) {
   Progress progress(context.err);
-  const Json entities = context.client().read(
+  const Json entities = context.client().readBase(
       path, [&](std::size_t bytes) { progress.show("read " + std::to_string(bytes >> 20) + " MiB"); });
   progress.clear();
   if (entities.empty() && !path.empty())

@@ -2,6 +2,7 @@
 #include <map>
 #include <ostream>
 
+#include "ctl/appliance.h"
 #include "ctl/context.h"
 #include "ctl/objects.h"
 #include "ctl/output.h"
@@ -35,10 +36,39 @@ bool startsAt(const Json& entities, const std::string& path) {
   return !entities.empty() && entities.front().at("path") == path;
 }
 
+// Adds to each entity that shows covers the member "under": what each covered attribute has without its
+// cover, null if it was never set.
+void addUnder(Client& client, const std::string& path, Json& entities) {
+  std::map<std::string, Json> covers;
+  for (const Json& each : client.readCovers(path)) covers[each.at("path")] = each;
+  if (covers.empty()) return;
+  Mirror base;
+  base.entitiesAre(path, client.readBase(path));
+  for (Json& entity : entities) {
+    const auto cover = covers.find(entity.at("path"));
+    if (cover == covers.end() || cover->second.at("type") != entity.at("type")) continue;
+    const auto* under = base.find(cover->first);
+    for (const auto& [name, value] : cover->second.at("attributes").items())
+      entity["under"][name] = under ? under->attributes.value(name, Json()) : Json();
+  }
+}
+
+// The value under an attribute's cover, or nothing if it has none.
+const Json* underOf(const Json& entity, const std::string& attribute) {
+  const auto under = entity.find("under");
+  if (under == entity.end()) return nullptr;
+  const auto value = under->find(attribute);
+  return value == under->end() ? nullptr : &*value;
+}
+
+std::string underText(const Json& under) { return under.is_null() ? "never set" : oneLine(under); }
+
 void getAttribute(Context& context, const Json& entity, const std::string& attribute, bool json) {
   const Json& set = entity.at("attributes");
   if (const auto value = set.find(attribute); value != set.end()) {
     context.out << (json ? oneLine(*value) : bare(*value)) << '\n';
+    if (const Json* under = underOf(entity, attribute))
+      context.out << (json ? oneLine(*under) : under->is_null() ? "never set" : bare(*under)) << '\n';
     return;
   }
   const std::string type = entity.at("type");
@@ -52,7 +82,10 @@ void getAttribute(Context& context, const Json& entity, const std::string& attri
 void printEntity(std::ostream& out, const Json& entity) {
   out << bare(entity.at("path")) << "  " << bare(entity.at("type")) << '\n';
   for (const auto& [name, value] : entity.at("attributes").items())
-    out << "  " << bare(name) << " = " << oneLine(value) << '\n';
+    if (const Json* under = underOf(entity, name))
+      out << "  " << bare(name) << " = " << oneLine(value) << "  over " << underText(*under) << '\n';
+    else
+      out << "  " << bare(name) << " = " << oneLine(value) << '\n';
 }
 
 // Prints what is under `path` by its next component: an entity with its type, or a number of entities.
@@ -73,8 +106,16 @@ void printMembers(std::ostream& out, const Json& entities, const std::string& pa
   table.print(out);
 }
 
-void getEntity(Context& context, const std::string& path, const std::string& attribute, bool json) {
-  const Json entities = readSome(context.client(), path);
+struct Wanted {
+  std::string path, attribute;
+  bool under = false;
+  bool json = false;
+};
+
+void getEntity(Context& context, const Wanted& given) {
+  const auto& [path, attribute, under, json] = given;
+  Json entities = readSome(context.client(), path);
+  if (under) addUnder(context.client(), path, entities);
   const bool here = startsAt(entities, path);
   if (!attribute.empty() && !here)
     throw Refusal("there is no entity at '" + path + "', only under it; see: pinlampctl get " + path);
@@ -134,20 +175,16 @@ void listTypes(Context& context, bool json) {
 }
 
 void addEntityGet(Command& app, Context& context) {
-  struct Arguments {
-    std::string path;
-    std::string attribute;
-    bool json = false;
-  };
-  const auto given = std::make_shared<Arguments>();
+  const auto given = std::make_shared<Wanted>();
   Command command = app.add("get", "Shows an entity, its attributes and what is under it",
                             "pinlampctl get hardware/led/config/leds/Ethernet3%2F1 lightSetting");
   command.argument("PATH", given->path, "The entity, a '/' in its name written as %2F (default: all)")
       .completes(Completes::path);
   command.argument("ATTRIBUTE", given->attribute, "Only this attribute's value")
       .completes(Completes::attribute);
+  command.flag("--under", given->under, "Also what is under a cover: what would show without it");
   command.jsonFlag(given->json);
-  command.runs([&context, given] { getEntity(context, given->path, given->attribute, given->json); });
+  command.runs([&context, given] { getEntity(context, *given); });
 }
 
 void addEntitySet(Command& app, Context& context) {

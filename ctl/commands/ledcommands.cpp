@@ -165,7 +165,7 @@ void noteOpposite(Context& context, const std::vector<Lamp>& lamps) {
 // Applies the words to the LEDs' settings.
 void setLeds(Context& context, const Setting& given) {
   Client& client = context.client();
-  std::vector<Lamp> lamps = lampsOf(readLeds(client, given.words.names));
+  std::vector<Lamp> lamps = lampsOf(readLedBases(client, given.words.names));
   keepNamed(lamps, expandLedWords(given.words, namesOf(lamps)));
   if (given.inStep) stopFlashing(client, lamps, given.words);
   settingsAre(lamps, given.words, given.flash);

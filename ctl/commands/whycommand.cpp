@@ -29,6 +29,13 @@ std::string valueText(const PinFacts& pin) {
   return "= " + std::to_string(*pin.value) + (pin.mapped ? "" : ", no longer mapped");
 }
 
+std::string coverText(const Reasons& reasons) {
+  return "by " +
+         (reasons.coveredBy == 0 ? std::string("an agent of the host that keeps the state")
+                                 : "process " + std::to_string(reasons.coveredBy)) +
+         "; its own setting is " + reasons.base->settingText();
+}
+
 void print(std::ostream& out, const Reasons& reasons) {
   const Lamp& lamp = reasons.lamp;
   Table table;
@@ -37,6 +44,7 @@ void print(std::ostream& out, const Reasons& reasons) {
   table.add({"setting", lamp.settingText()});
   table.add(
       {"", lamp.configured ? ledPath(lamp.name) + " lightSetting" : "nothing at " + ledPath(lamp.name)});
+  if (reasons.base) table.add({"covered", coverText(reasons)});
   table.add({"mapping", !lamp.mapped ? "none" : lamp.ready ? "ready" : "not ready"});
   table.add({"", lamp.mapped ? mapPath(lamp.name) : "nothing at " + mapPath(lamp.name)});
   table.add({"driven if", factsText(reasons)});
@@ -75,6 +83,7 @@ Json asJson(const Reasons& reasons) {
                {"machineSocket", there && !reasons.agentSocket.empty() ? Json(reasons.agentSocket) : Json()},
                {"lit", there ? Json(reasons.machine.lit) : Json()},
                {"nextTick", orNull(reasons.machine.tickIn)},
+               {"base", reasons.base ? reasons.base->setting : Json()},
                {"pins", std::move(pins)}});
   return json;
 }

@@ -4,8 +4,8 @@
 // flushes their writes in one step; an answer is sent when the flush of its request is complete.
 //
 // Fair queueing: of the clients with requests, the one whose requests took the least time so far goes first,
-// and a round ends after ClientLimits::round. So a client that uses less than its share waits for the end of
-// the round that it arrived in, whatever others send; a single request is never cut.
+// and a round ends after ClientLimits::round. So a client that uses less than its share is answered in the
+// first round that finds its request, whatever others send. A request that has begun is completed.
 #pragma once
 
 #include <algorithm>

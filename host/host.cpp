@@ -109,8 +109,9 @@ void Host::run() {
 
 void Host::abandon() { listener_.reset(); }
 
-// Delivers the writes of clients to the agents and publishes the results before the answers go.
+// Executes requests, delivers their writes to the agents, and publishes the results before the answers go.
 double Host::turn() {
+  control_->serve();
   control_->commit();
   activity_.step();
   announce();

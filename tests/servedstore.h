@@ -28,6 +28,7 @@ class ServedStore {
     control_ = std::make_unique<Host::Control>(loop, *listener_, served_, limits);
   }
   void turn() {
+    control_->serve();
     control_->commit();
     control_->send();
   }

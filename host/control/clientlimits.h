@@ -23,8 +23,7 @@ struct ClientLimits {
   // Bytes of unfinished messages and unsent output that the clients hold together, beside those of the client
   // that holds the most, which alone may get an answer of any length.
   std::size_t memory = 64 << 20;
-  // Time of one round for the requests of clients, in seconds, in equal shares for those that have any. A
-  // client that used up its share waits for the next round.
+  // Time of one round for the requests of clients, in seconds. What is left over waits for the next round.
   double round = 4e-3;
 };
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <ctime>
 
 #include "host/io/starterror.h"
 #include "platform/zel/notify/activity.h"
@@ -28,7 +29,7 @@ Control::Control(Loop& loop, Listener& listener, Served& served, const ClientLim
     : served_(served),
       methods_(served),
       limits_(limits),
-      resume_(made(loop, &uv_idle_init)),
+      again_(made(loop, &uv_idle_init)),
       late_(made(loop, &uv_timer_init)) {
   listener.start([this](uv_stream_t* stream) { accept(stream); });
 }
@@ -49,7 +50,7 @@ Control::Control(Loop& loop, int client, Served& served)
     : served_(served),
       methods_(served),
       stopped_(&loop),
-      resume_(made(loop, &uv_idle_init)),
+      again_(made(loop, &uv_idle_init)),
       late_(made(loop, &uv_timer_init)) {
   Connection::Owner& owner = *this;
   add(std::make_shared<Connection>(opened(loop, client), owner));
@@ -109,15 +110,58 @@ const Control::Peer& Control::largest() const {
   return *std::ranges::max_element(peers_, {}, held)->second;
 }
 
+void Control::onArrived(Connection& connection) {
+  Peer& peer = *peers_.at(&connection);
+  if (!std::exchange(peer.isWaiting, true)) wait(peer);
+}
+
+void Control::wait(Peer& peer) {
+  peer.used = std::clamp(peer.used, usedBefore_, usedBefore_ + kMostDebt);
+  waitingPeers_.emplace(peer.used, &peer);
+}
+
+Control::Waiting::iterator Control::first() {
+  return std::ranges::find_if(waitingPeers_,
+                              [this](const auto& each) { return !isHeldBack(*each.second->connection); });
+}
+
+void Control::serve() {
+  const double end = Zel::System::currentTime() + limits_.round;
+  do {
+    const auto next = first();
+    if (next == waitingPeers_.end()) return;
+    Peer& peer = *next->second;
+    usedBefore_ = std::max(usedBefore_, next->first);
+    waitingPeers_.erase(next);
+    serveOne(peer);
+  } while (Zel::System::currentTime() < end);
+}
+
+namespace {
+
+// Processor seconds of this thread. A client pays neither for a wait for the disk nor for other processes.
+double processorTime() {
+  timespec time{};
+  ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+}
+
+}  // namespace
+
+void Control::serveOne(Peer& peer) {
+  const double began = processorTime();
+  peer.isWaiting = peer.connection->deliver();
+  peer.used += processorTime() - began;
+  if (peer.isWaiting) wait(peer);
+}
+
 void Control::onLine(Connection& connection, std::string_view line) {
   Peer& peer = *peers_.at(&connection);
-  const double began = Zel::System::currentTime();
   try {
     onMessage(peer, parseMessage(line));
   } catch (const RpcError& error) {
     answer(peer.connection, errorReply(peer.caller, {}, error));
   }
-  share(peer, began);
 }
 
 void Control::onMessage(Peer& peer, Zel::Value message) {
@@ -135,13 +179,6 @@ void Control::onArray(Peer& peer, Zel::Value::List messages) {
     bytes += array_.back().text.size();
   }
   answer({peer.connection, std::exchange(array_, {}), true});
-}
-
-void Control::share(Peer& peer, double began) {
-  if (peer.used == 0) ++busy_;
-  peer.used += std::max(Zel::System::currentTime() - began, 1e-9);
-  if (peer.used > limits_.round / static_cast<double>(busyBefore_) || isHeldBack(*peer.connection))
-    peer.connection->pause();
 }
 
 Control::Reply Control::replyTo(Peer& peer, Zel::Value message, bool hasRoom) {
@@ -271,14 +308,17 @@ void Control::send(const Answer& answer) {
 }
 
 void Control::send() {
-  for (auto& [connection, peer] : peers_) {
-    peer->used = 0;
-    peer->connection->flush();
-  }
-  for (const Connection* connection : std::exchange(closed_, {})) peers_.erase(connection);
+  for (auto& [connection, peer] : peers_) peer->connection->flush();
+  for (const Connection* connection : std::exchange(closed_, {})) erase(connection);
   failLate();
-  busyBefore_ = std::max<std::size_t>(std::exchange(busy_, 0), 1);
-  resumeLater();
+  continueAtOnce();
+}
+
+void Control::erase(const Connection* connection) {
+  const auto gone = peers_.find(connection);
+  if (gone->second->isWaiting)
+    std::erase_if(waitingPeers_, [&](const auto& each) { return each.second == gone->second.get(); });
+  peers_.erase(gone);
 }
 
 void Control::failLate() {
@@ -291,20 +331,11 @@ void Control::failLate() {
 }
 
 // An idle handle keeps the loop from waiting for events.
-void Control::resumeLater() {
-  const auto resumes = [this](const auto& each) {
-    return each.second->connection->isPaused() && !isHeldBack(*each.first);
-  };
-  if (std::ranges::none_of(peers_, resumes)) return static_cast<void>(uv_idle_stop(resume_.get()));
-  resume_->data = this;
-  uv_idle_start(resume_.get(), [](uv_idle_t* handle) {
-    Loop::guard(handle->loop, [&] { static_cast<Control*>(handle->data)->resume(); });
-  });
-}
-
-void Control::resume() {
-  for (auto& [connection, peer] : peers_)
-    if (!isHeldBack(*connection)) peer->connection->resume();
+void Control::continueAtOnce() {
+  if (first() == waitingPeers_.end())
+    uv_idle_stop(again_.get());
+  else
+    uv_idle_start(again_.get(), [](uv_idle_t*) {});
 }
 
 }  // namespace Host

@@ -1,7 +1,11 @@
 // The control socket's server.
 //
-// Executes requests as they arrive. Once per loop round the host calls commit(), which flushes their writes
-// in one step; an answer is sent when the flush of its request is complete.
+// Once per loop round the host calls serve(), which executes requests that have arrived, and commit(), which
+// flushes their writes in one step; an answer is sent when the flush of its request is complete.
+//
+// Fair queueing: of the clients with requests, the one whose requests took the least time so far goes first,
+// and a round ends after ClientLimits::round. So a client that uses less than its share is answered in the
+// first round that finds its request, whatever others send. A request that has begun is completed.
 #pragma once
 
 #include <algorithm>
@@ -33,6 +37,9 @@ class Control final : private Connection::Owner {
   Control(const Control&) = delete;
   Control& operator=(const Control&) = delete;
 
+  // Executes requests for the time of one round, but at least one. The rest waits for the next round, which
+  // begins at once.
+  void serve();
   // Flushes all pending writes, whoever made them, and answers the requests whose flush has completed. If the
   // disk fails, its error answers the requests that wrote stored rows.
   void commit();
@@ -72,8 +79,13 @@ class Control final : private Connection::Owner {
 
     const std::shared_ptr<Connection> connection;
     Caller caller;
-    double used = 0;  // seconds of this round
+    // Processor seconds that its requests took, between what the client served last had used, so that pauses
+    // earn nothing, and kMostDebt more.
+    double used = 0;
+    bool isWaiting = false;  // among the waiting
   };
+  static constexpr double kMostDebt = 4e-3;
+  using Waiting = std::multimap<double, Peer*>;  // by `used`, then by the order of arrival
   // Requests in one array, and bytes of their answers beyond which the rest is refused.
   static constexpr std::size_t kMostRequests = 100;
   static constexpr std::size_t kLongestAnswers = 1 << 20;
@@ -86,6 +98,7 @@ class Control final : private Connection::Owner {
   std::string refusalOf(const Connection& connection) const;
   void add(const std::shared_ptr<Connection>& connection);
   const Peer& largest() const;
+  void onArrived(Connection& connection) override;
   void onLine(Connection& connection, std::string_view line) override;
   void onOversizedLine(Connection& connection) override;
   void onClosed(Connection& connection) override;
@@ -94,11 +107,14 @@ class Control final : private Connection::Owner {
   void onMessage(Peer& peer, Zel::Value message);
   // Carries out the requests of an array, as if each stood alone.
   void onArray(Peer& peer, Zel::Value::List messages);
-  // Pauses a client that used up its share of the round, or has too many answers waiting.
-  void share(Peer& peer, double began);
-  // Resumes the paused clients in the next round, which begins at once.
-  void resumeLater();
-  void resume();
+  // The client to be served next; end() if there is none.
+  Waiting::iterator first();
+  void wait(Peer& peer);
+  // Serves one request.
+  void serveOne(Peer& peer);
+  void erase(const Connection* connection);
+  // Lets the next round begin without waiting for events.
+  void continueAtOnce();
 
   // `hasRoom`: whether the answer may be as long as it is.
   Reply replyTo(Peer& peer, Zel::Value message, bool hasRoom = true);
@@ -121,11 +137,11 @@ class Control final : private Connection::Owner {
   const Methods methods_;
   const ClientLimits limits_{};
   Loop* const stopped_ = nullptr;  // by the end of a client
-  const UvHandle<uv_idle_t> resume_;
+  const UvHandle<uv_idle_t> again_;
   const UvHandle<uv_timer_t> late_;  // wakes the loop when a transaction has been open for too long
-  std::size_t busy_ = 0;             // clients that had requests in this round
-  std::size_t busyBefore_ = 1;       // in the round before; at least 1
   std::map<const Connection*, std::unique_ptr<Peer>> peers_;
+  Waiting waitingPeers_;                   // that have requests
+  double usedBefore_ = 0;                  // what the peer that was served last had used before
   std::vector<Reply> array_;               // to the requests of an array, while it is carried out
   std::vector<const Connection*> closed_;  // freed at the end of the round
   std::size_t memory_ = 0;                 // bytes that the connections hold

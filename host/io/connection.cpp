@@ -2,34 +2,41 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <utility>
 
 namespace Host {
 
-void Lines::take(std::string_view bytes, const std::function<bool(std::string_view)>& line) {
-  std::string joined = std::exchange(kept_, {});
-  if (!joined.empty()) bytes = joined.append(bytes);
-  std::size_t from = std::exchange(searched_, 0);
-  for (std::size_t end; (end = bytes.find('\n', from)) != std::string_view::npos; from = 0) {
-    oversized_ = end > limit_;
-    if (oversized_) return;
-    const std::string_view text = bytes.substr(0, end);
-    bytes.remove_prefix(end + 1);
-    if (!line(text)) return keep(bytes, std::move(joined));
-  }
-  oversized_ = bytes.size() > limit_;
-  if (oversized_) return;
-  searched_ = bytes.size();
-  keep(bytes, std::move(joined));
+void Lines::add(std::string_view bytes) {
+  const std::size_t from = std::min(end_, kept_.size()) - begin_;
+  kept_.erase(0, std::exchange(begin_, 0));
+  kept_.append(bytes);
+  find(from);
 }
 
-// `joined` holds the rest and the lines before it, if it is not empty.
-void Lines::keep(std::string_view rest, std::string&& joined) {
-  if (rest.size() < joined.size() || joined.empty())
-    kept_ = rest;
+// The bytes before `from` contain no newline.
+void Lines::find(std::size_t from) {
+  end_ = kept_.find('\n', from);
+  oversized_ = std::min(end_, kept_.size()) - begin_ > limit_;
+}
+
+void Lines::clear() {
+  begin_ = 0;
+  end_ = std::string::npos;
+  oversized_ = false;
+  kept_.clear();
+  if (kept_.capacity() > kKeptCapacity) std::string().swap(kept_);
+}
+
+std::string Lines::take() {
+  std::string line = kept_.substr(begin_, end_ - begin_);
+  begin_ = end_ + 1;
+  if (begin_ == kept_.size())
+    clear();
   else
-    kept_ = std::move(joined);
+    find(begin_);
+  return line;
 }
 
 // A write in flight. Outlives its connection if that is closed first.
@@ -71,6 +78,7 @@ std::int64_t Connection::peerPid() const {
 }
 
 void Connection::startReading() {
+  if (closed() || ending_ || input_ != Input::open || std::exchange(reading_, true)) return;
   const auto allocate = [](uv_handle_t*, std::size_t, uv_buf_t* buffer) {
     static std::array<char, 1 << 16> bytes;
     *buffer = uv_buf_init(bytes.data(), bytes.size());
@@ -81,40 +89,53 @@ void Connection::startReading() {
   uv_read_start(reinterpret_cast<uv_stream_t*>(pipe_.get()), allocate, read);
 }
 
+void Connection::stopReading() {
+  if (!closed() && std::exchange(reading_, false)) uv_read_stop(reinterpret_cast<uv_stream_t*>(pipe_.get()));
+}
+
 Connection::~Connection() = default;
 
 void Connection::onRead(ssize_t size, const char* bytes) {
   if (size == 0) return;
   const auto self = shared_from_this();
-  if (size == UV_EOF) return end();
-  if (size < 0) return close();
-  deliver({bytes, static_cast<std::size_t>(size)});
+  if (size < 0) {
+    stopReading();
+    input_ = size == UV_EOF ? Input::ended : Input::failed;
+    if (!lines_.hasLine()) onInputEnd();
+    return;
+  }
+  lines_.add({bytes, static_cast<std::size_t>(size)});
+  updateHeld();
+  if (!closed() && lines_.hasLine()) owner_.onArrived(*this);
+  if (lines_.hasLine() && lines_.kept() >= kReadAhead) stopReading();
 }
 
-void Connection::deliver(std::string_view bytes) {
+void Connection::onInputEnd() {
+  if (input_ == Input::ended) end();
+  if (input_ == Input::failed) close();
+}
+
+void Connection::Owner::onArrived(Connection& connection) {
+  while (connection.deliver()) {
+  }
+}
+
+bool Connection::deliver() {
+  if (!lines_.hasLine()) return false;
   const auto self = shared_from_this();
-  const auto line = [this](std::string_view text) {
-    owner_.onLine(*this, text);
-    return !closed() && !ending_ && !paused_;
-  };
-  lines_.take(bytes, line);
+  if (lines_.oversized()) return onOversized(), false;
+  owner_.onLine(*this, lines_.take());
   if (closed() || ending_) lines_.clear();
   updateHeld();
-  if (!lines_.oversized() || closed()) return;
+  if (!lines_.hasLine()) onInputEnd();
+  return lines_.hasLine();
+}
+
+void Connection::onOversized() {
+  lines_.clear();
+  updateHeld();
   owner_.onOversizedLine(*this);
   end();
-}
-
-void Connection::pause() {
-  if (closed() || ending_ || paused_) return;
-  paused_ = true;
-  uv_read_stop(reinterpret_cast<uv_stream_t*>(pipe_.get()));
-}
-
-void Connection::resume() {
-  if (!std::exchange(paused_, false) || closed() || ending_) return;
-  startReading();
-  if (lines_.kept() > 0) deliver({});
 }
 
 std::size_t Connection::waiting() const {
@@ -139,6 +160,10 @@ void Connection::updateHeld() {
 
 void Connection::flush() {
   if (closed()) return;
+  if (lines_.hasLine())
+    stopReading();
+  else
+    startReading();
   if (!outgoing_.empty() && !writeAtOnce()) return stopWriting();
   updateHeld();
   if (!outgoing_.empty()) return writeLater();
@@ -186,7 +211,7 @@ void Connection::onWritten(bool failed) {
 void Connection::end() {
   if (closed()) return;
   ending_ = true;
-  uv_read_stop(reinterpret_cast<uv_stream_t*>(pipe_.get()));
+  stopReading();
 }
 
 void Connection::close() {

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -18,21 +17,26 @@ class Lines {
 
   explicit Lines(std::size_t limit = kLimit) : limit_(limit) {}
 
-  // Calls `line` for each complete line, until it returns false. Keeps the rest for the next call; drops it
-  // if a line exceeds the limit.
-  void take(std::string_view bytes, const std::function<bool(std::string_view)>& line);
-  // Bytes that are kept.
-  std::size_t kept() const { return kept_.size(); }
-  void clear() { kept_ = {}; }
-  // Whether a line over the limit stopped the last take().
+  void add(std::string_view bytes);
+  // Whether a complete line is there, or one over the limit.
+  bool hasLine() const { return end_ != std::string::npos || oversized_; }
+  // Whether the next line is over the limit.
   bool oversized() const { return oversized_; }
+  // Removes the next line, and returns it without its newline. REQUIRES: hasLine() and not oversized().
+  std::string take();
+  // Bytes of memory.
+  std::size_t kept() const { return kept_.size(); }
+  void clear();
 
  private:
-  const std::size_t limit_;
-  void keep(std::string_view rest, std::string&& joined);
+  static constexpr std::size_t kKeptCapacity = 1 << 10;  // bytes of buffer that stay without a line
 
+  void find(std::size_t from);
+
+  const std::size_t limit_;
   std::string kept_;
-  std::size_t searched_ = 0;  // bytes of `kept_` that contain no newline
+  std::size_t begin_ = 0;                // of the next line, in `kept_`
+  std::size_t end_ = std::string::npos;  // its newline
   bool oversized_ = false;
 };
 
@@ -49,6 +53,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   class Owner {
    public:
+    // Lines are there to be delivered: now, which is the default, or later.
+    virtual void onArrived(Connection& connection);
     virtual void onLine(Connection& connection, std::string_view line) = 0;
     virtual void onOversizedLine(Connection& connection) = 0;
     // The connection is closed. This is its last call.
@@ -75,12 +81,11 @@ class Connection : public std::enable_shared_from_this<Connection> {
   std::int64_t peerPid() const;
   // Queues a line, given without its newline, for flush(). Does nothing once the connection is closed.
   void send(std::string_view line);
+  // Writes queued output as far as the socket accepts it. From then on the socket is read unless lines wait
+  // to be delivered.
   void flush();
-  // Stops reading from the socket, and the delivery of lines that were read already, until resume(), which
-  // continues both.
-  void pause();
-  void resume();
-  bool isPaused() const { return paused_; }
+  // Delivers one line that has arrived. Returns whether another one waits.
+  bool deliver();
   // Stops reading, and closes once all output is sent.
   void end();
   void close();
@@ -92,13 +97,18 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   // Bytes of output buffer that a connection keeps between writes.
   static constexpr std::size_t kKeptCapacity = 16 << 10;
+  // Bytes from which on nothing is read before the lines among them are delivered.
+  static constexpr std::size_t kReadAhead = 1 << 16;
+  enum class Input { open, ended, failed };
 
   void stopWriting();
   bool writeAtOnce();
   void writeLater();
   void startReading();
+  void stopReading();
   void onRead(ssize_t size, const char* bytes);
-  void deliver(std::string_view bytes);
+  void onInputEnd();
+  void onOversized();
   void onWritten(bool failed);
   std::size_t waiting() const;
   void updateHeld();
@@ -111,7 +121,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
   std::size_t large_ = 0;  // bytes of large lines since the queue was last empty
   bool ending_ = false;
   bool muted_ = false;  // the peer reads no more: output is dropped
-  bool paused_ = false;
+  bool reading_ = false;
+  Input input_ = Input::open;  // its end counts once all lines are delivered
 };
 
 }  // namespace Host

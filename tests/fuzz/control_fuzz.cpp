@@ -37,11 +37,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   {
     Host::Caller caller(world.served, 1, checkJson);
     Host::Lines lines(4096);
-    lines.take({reinterpret_cast<const char*>(data), size}, [&](std::string_view line) {
-      Fuzz::refusable<Host::RpcError>([&] { run(world, caller, line); });
+    lines.add({reinterpret_cast<const char*>(data), size});
+    while (lines.hasLine() && !lines.oversized()) {
+      Fuzz::refusable<Host::RpcError>([&] { run(world, caller, lines.take()); });
       world.step();
-      return true;
-    });
+    }
     checkRows(world);
   }
   world.clear();

@@ -6,6 +6,7 @@
 
 #include "host/store/redis/layout.h"
 #include "host/store/redis/reply.h"
+#include "host/store/redis/rows.h"
 #include "platform/zel/core/exception.h"
 #include "tests/fuzz/check.h"
 
@@ -28,8 +29,9 @@ void read(const Reply& reply) {
 void scan(const std::vector<Reply>& fields) {
   Host::Redis::Rows rows;
   for (std::size_t at = 0; at + 2 < fields.size(); at += 3)
-    Fuzz::refusable<Zel::ValueError>(
-        [&] { rows.scanned(fields[at].text, fields[at + 1].text, fields[at + 2].text); });
+    Fuzz::refusable<Zel::ValueError>([&] {
+      rows.scanned(Host::Redis::Directory(fields[at].text), fields[at + 1].text, fields[at + 2].text);
+    });
   rows.endScan();
   for (const Statedb::Record* each : rows.all())
     Fuzz::refusable<Zel::ValueError>([&] { Host::Redis::entityText(*each); });

@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <deque>
+
 #include "controlfixture.h"
 #include "host/io/starterror.h"
 #include "host/plugin.h"
@@ -153,6 +155,40 @@ TEST_F(ControlTest, AClientWithManyRequestsLetsOthersGoFirst) {
   while (flooder.line()) ++answered;
   EXPECT_LE(answered, 3);
   for (int id = answered; id < 100; ++id) EXPECT_EQ(next(flooder)["id"], id);
+}
+
+TEST_F(ControlTest, AClientThatUsedLittleIsServedBeforeThoseThatFlood) {
+  host.listen(loop, socket, {.round = 0});  // one request a round
+  std::string flood;
+  for (int id = 0; id < 100; ++id) flood += request("hello", Json::object(), id);
+  std::deque<Client> flooders;
+  for (int i = 0; i < 16; ++i) ASSERT_EQ(flooders.emplace_back(socket).send(flood), flood.size());
+  const auto answered = [&] {
+    int all = 0;
+    for (Client& each : flooders)
+      while (each.line()) ++all;
+    return all;
+  };
+  Client other(socket);
+  for (int i = 0; i < 3; ++i) {
+    for (int round = 0; round < 300; ++round) loop.runOnce();
+    EXPECT_GE(answered(), 290);
+    EXPECT_TRUE(call(other, "hello").contains("result"));
+    EXPECT_LE(answered(), 1);
+  }
+}
+
+TEST_F(ControlTest, RequestsBeforeTheEndOfInputAreExecuted) {
+  host.listen(loop, socket, {.round = 0});
+  {
+    Client client(socket);
+    for (const char* name : {"A", "B", "C"})
+      client.send(request("write", {{"changes", {putDir(), putLed(name, kRed)}}}));
+  }
+  Client other(socket);
+  for (int round = 0; round < 10; ++round) loop.runOnce();
+  EXPECT_EQ(call(other, "read")["result"]["entities"].size(), 4U);
+  EXPECT_EQ(call(other, "status")["result"]["clients"], 1);
 }
 
 TEST_F(ControlTest, DisconnectingDuringARequestLeavesNothingBehind) {

@@ -5,48 +5,17 @@
 #include <sstream>
 #include <thread>
 
-#include "tests/torture/daemon.h"
+#include "tests/torture/flooder.h"
 
 namespace Torture {
 
 namespace {
 
 constexpr std::uint64_t kMiB = 1 << 20;
-constexpr double kLongest = 2.0;             // seconds of the slowest of 100 answers; the aim is 0.02
+constexpr double kLongest = 2.0;             // seconds of the slowest of 100 answers, on a busy machine
 constexpr std::uint64_t kTotal = 64 * kMiB;  // that the host lets clients hold, beside the largest
 constexpr std::uint64_t kSlack = 48 * kMiB;  // of the largest, and of the allocator
 constexpr std::uint64_t kLeak = 48;          // bytes for each client that has gone
-
-// Sends the same bytes without end, and drops the answers.
-class Flooder {
- public:
-  Flooder(const std::string& socket, const std::string& request, bool reads)
-      : client_(socket), bytes_(repeated(request)), reads_(reads) {}
-  void act() {
-    if (client_.hasEnded()) return;
-    const ssize_t sent = client_.sendRaw(std::string_view(bytes_).substr(at_));
-    if (sent > 0) at_ = (at_ + static_cast<std::size_t>(sent)) % bytes_.size();
-    if (reads_) answers_ += client_.drop();
-  }
-  std::uint64_t answers() const { return answers_; }
-  bool hasEnded() const { return client_.hasEnded(); }
-
- private:
-  static std::string repeated(const std::string& request) {
-    std::string all;
-    while (all.size() < 16'384) all += request + "\n";
-    return all;
-  }
-  Client client_;
-  const std::string bytes_;
-  const bool reads_;
-  std::size_t at_ = 0;
-  std::uint64_t answers_ = 0;
-};
-
-std::string requestOf(const char* method, const Json& parameters = Json::object()) {
-  return Host::requestText(1, method, parameters.dump());
-}
 
 class ClientsRun {
  public:
@@ -64,8 +33,8 @@ class ClientsRun {
 
   void operator()() {
     measure("alone", 0.5, {});
-    measure("beside 16 that flood with hello", flooding(), flooders({requestOf("hello")}));
-    measure("beside 16 that flood with anything", flooding(), flooders(anything()));
+    measure("beside 16 that flood with hello", some(), flooders(host_.socket(), {requestOf("hello")}));
+    measure("beside 16 that flood with anything", some(), flooders(host_.socket(), anything()));
     hold();
     comeAndGo();
     if (!good_->call("status").contains("clients")) throw Failure("no status");
@@ -73,33 +42,15 @@ class ClientsRun {
   }
 
  private:
-  using Flooders = std::vector<std::unique_ptr<Flooder>>;
-
-  double flooding() const { return std::clamp(round_.left() / 5, 1.0, 10.0); }
-
-  static std::vector<std::string> anything() {
-    const auto write = [](const char* path) { return Json::array({put(path, kPin, {{"value", 1}})}); };
-    return {requestOf("hello"),
-            requestOf("read", {{"path", "some"}}),
-            requestOf("write", volatileBatch(write("flood/v"))),
-            requestOf("nonsense"),
-            "{",
-            requestOf("write", batch(write("flood/s")))};
-  }
-  Flooders flooders(const std::vector<std::string>& requests) const {
-    Flooders flooders;
-    for (std::size_t i = 0; i < 16; ++i)
-      flooders.push_back(std::make_unique<Flooder>(host_.socket(), requests[i % requests.size()], true));
-    return flooders;
-  }
+  double some() const { return std::clamp(round_.left() / 5, 1.0, 10.0); }
 
   // Latencies of the good client.
-  void measure(const std::string& what, double seconds, Flooders flooders) {
+  void measure(const std::string& what, double seconds, const Flooders& flooding) {
     std::jthread flood;
-    if (!flooders.empty())
-      flood = std::jthread([&flooders](std::stop_token stop) {
+    if (!flooding.empty())
+      flood = std::jthread([&flooding](std::stop_token stop) {
         while (!stop.stop_requested())
-          for (const auto& each : flooders) each->act();
+          for (const auto& each : flooding) each->act();
       });
     std::vector<double> latencies;
     for (const double end = now() + seconds; now() < end; sleepFor(0.002)) latencies.push_back(oneCall());
@@ -110,8 +61,8 @@ class ClientsRun {
     text << std::fixed << std::setprecision(2) << "p50 " << p50 * 1e3 << " ms, p99 " << p99 * 1e3
          << " ms, most " << latencies.back() * 1e3 << " ms of " << latencies.size() << " answers";
     round_.report.figure("a client " + what, text.str());
-    for (const auto& each : flooders) round_.count("answers to flooders") += each->answers();
-    for (const auto& each : flooders)
+    for (const auto& each : flooding) round_.count("answers to flooders") += each->answers();
+    for (const auto& each : flooding)
       if (each->hasEnded()) throw Failure("a flooder that reads was disconnected");
     if (p99 > kLongest) throw Failure("a client " + what + ": " + text.str());
     checkMemory();
@@ -198,6 +149,7 @@ class ClientsRun {
 }  // namespace
 
 void clientsRound(Round& round) {
+  serveBesideFlooders(round);
   ClientsRun run(round);
   run();
 }

@@ -72,8 +72,8 @@ bool Inbox::Sender::post(std::function<void()> task) const {
 }
 
 Inbox::Inbox()
-    : state_(std::make_shared<detail::InboxState>(activityManager().external().mailbox_,
-                                                  ActivityManager::currentAgent())) {}
+    : state_(std::make_shared<detail::InboxState>(
+          detail::InboxState{activityManager().external().mailbox_, ActivityManager::currentAgent()})) {}
 Inbox::~Inbox() { state_->mailbox->close(*state_); }
 
 }  // namespace Zel

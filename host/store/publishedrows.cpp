@@ -25,10 +25,10 @@ bool PublishedRows::Unknown::touches(const Change& change) const {
   return covers(change.row.path) || set.contains({change.row.path, change.row.attribute});
 }
 
-void PublishedRows::Unknown::forget(Path path) {
+void PublishedRows::erase(Places& places, Path path) {
   const auto isOther = [&](const auto& each) { return each.first != path; };
-  const auto first = set.lower_bound({path, {}});
-  set.erase(first, std::find_if(first, set.end(), isOther));
+  const auto first = places.lower_bound({path, {}});
+  places.erase(first, std::find_if(first, places.end(), isOther));
 }
 
 // Whether something that was made or set here, at or under the path, is not known there yet.
@@ -44,6 +44,10 @@ void PublishedRows::forget(Path path) {
 }
 
 void PublishedRows::put(const Row& row, Unknown* note) {
+  if (note && !adopted_.empty()) {
+    adopted_.erase({row.path, {}});
+    adopted_.erase({row.path, row.attribute});
+  }
   const auto [place, added] = entities_.try_emplace(row.path, Record{row.path, row.type, {}});
   if (note && (added || row.attribute.empty())) note->set.insert({row.path, {}});
   if (row.attribute.empty()) return;
@@ -78,7 +82,9 @@ void PublishedRows::write(const Changes& changes) {
 
 void PublishedRows::remove(Path path) {
   path.forEachUnder([this](Path each) {
-    if (entities_.erase(each) != 0) unsent_.forget(each);
+    if (entities_.erase(each) == 0) return;
+    unsent_.forget(each);
+    erase(adopted_, each);
   });
   unsent_.removed.insert(path);
 }
@@ -88,9 +94,22 @@ void PublishedRows::adopt(const Record& record) {
   if (isRemoved(record.path)) return;
   const auto held = entities_.find(record.path);
   const Record* own = held == entities_.end() ? nullptr : &held->second;
-  if (!own) put({record.path, record.type, {}, {}}, nullptr);
+  const auto take = [&](Zel::Name attribute, const Zel::Value& value) {
+    put({record.path, record.type, attribute, value}, nullptr);
+    adopted_.insert({record.path, attribute});
+  };
+  if (!own) take({}, {});
   for (const Attribute& each : record.attributes)
-    if (!own || !own->find(each.name)) put({record.path, record.type, each.name, each.value}, nullptr);
+    if (!own || !own->find(each.name)) take(each.name, each.value);
+}
+
+void PublishedRows::forgetAdopted(Path under) {
+  std::erase_if(adopted_, [&](const auto& place) {
+    const auto& [path, attribute] = place;
+    if (!path.isUnder(under)) return false;
+    attribute.empty() ? void(entities_.erase(path)) : unset(path, attribute);
+    return true;
+  });
 }
 
 Changes PublishedRows::send() {
@@ -265,22 +284,44 @@ bool PublishedRows::takeNote(const Change& change) {
   // Everything that stood there went; what is kept here must be sent again.
   if (change.kind == Change::Kind::del && anyUnknown(path)) return sendAgain(path), true;
   if (unsent_.touches(change) || underWay_.touches(change)) return false;
-  if (change.kind == Change::Kind::del) {
-    forget(path);
-  } else if (change.kind == Change::Kind::unset) {
-    unset(path, change.row.attribute);
-  } else if (const auto own = entities_.find(path);
-             own != entities_.end() && own->second.find(change.row.attribute)) {
-    put(change.row, nullptr);
-  }
+  change.kind == Change::Kind::del ? forget(path) : carry(change);
   return true;
 }
 
+bool PublishedRows::takeNoteOfAnother(const Change& change) {
+  const Path path = change.row.path;
+  if (isRemoved(path)) return false;
+  if (change.kind == Change::Kind::del) {
+    anyUnknown(path) ? sendAgain(path) : forgetAdopted(path);
+    return true;
+  }
+  if (unsent_.touches(change) || underWay_.touches(change)) return false;
+  if (adopted_.contains({path, change.row.attribute})) carry(change);
+  return true;
+}
+
+// Carries a change of another process into what stands here.
+void PublishedRows::carry(const Change& change) {
+  const auto own = entities_.find(change.row.path);
+  if (change.kind == Change::Kind::unset)
+    unset(change.row.path, change.row.attribute);
+  else if (own != entities_.end() && own->second.find(change.row.attribute))
+    put(change.row, nullptr);
+}
+
 Changes PublishedRows::received(const Changes& changes) {
+  return received(changes, &PublishedRows::takeNote);
+}
+Changes PublishedRows::receivedFromAnother(const Changes& changes) {
+  return received(changes, &PublishedRows::takeNoteOfAnother);
+}
+
+Changes PublishedRows::received(const Changes& changes,
+                                bool (PublishedRows::*isLetThrough)(const Change& change)) {
   sendAll();
   Changes accepted;
   for (const Change& each : changes) {
-    if (!takeNote(each)) continue;
+    if (!(this->*isLetThrough)(each)) continue;
     accepted.push_back(each);
     if (each.kind == Change::Kind::del) appendRows(each.row.path, accepted);
   }

@@ -22,6 +22,9 @@ class PublishedRows {
 
   // Adopts an entity that the other side has already, published by an earlier instance; local writes win.
   void adopt(const Statedb::Record& record);
+  // From now on what was adopted counts as written here.
+  void keepAdopted() { adopted_ = {}; }
+  void forgetAdopted() { forgetAdopted({}); }
 
   // Whether nothing is published.
   bool empty() const { return entities_.empty(); }
@@ -51,6 +54,10 @@ class PublishedRows {
   // The changes of another process, less those that will be overwritten from here; notes the rest. A del is
   // followed by the rows that are sent again because of it: what others wrote there is gone.
   Statedb::Changes received(const Statedb::Changes& changes);
+  // The same for rows with one publisher at a time: the changes of a predecessor, which come late, or of a
+  // successor that this process does not know of yet. They change what was adopted, and nothing that was
+  // written here, because this process publishes that again when it is the publisher again.
+  Statedb::Changes receivedFromAnother(const Statedb::Changes& changes);
   // The values that became visible when the other side carried out removals of this process, less those that
   // will be overwritten.
   Statedb::Changes revealed(const Statedb::Changes& changes);
@@ -58,16 +65,17 @@ class PublishedRows {
  private:
   // Steps that the other side does not have: entities that were removed, and attributes (the empty one: that
   // the entity is there) that were set, or unset where the entity has none of that name.
+  using Places = std::set<std::pair<Statedb::Path, Zel::Name>>;
   struct Unknown {
     std::set<Statedb::Path> removed;
-    std::set<std::pair<Statedb::Path, Zel::Name>> set;
+    Places set;
 
     bool empty() const { return removed.empty() && set.empty(); }
     // Whether the path or something above it was removed.
     bool covers(Statedb::Path path) const;
     bool touches(const Statedb::Change& change) const;
     // Leaves out what was set at the path.
-    void forget(Statedb::Path path);
+    void forget(Statedb::Path path) { erase(set, path); }
   };
 
   void put(const Statedb::Row& row, Unknown* note);
@@ -76,7 +84,13 @@ class PublishedRows {
   const Statedb::Record* merged(const Statedb::Record* theirs, const Statedb::Record* own);
   const Statedb::Record* withoutUnset(const Statedb::Record* record);
   bool anyUnknown(Statedb::Path path) const;
+  static void erase(Places& places, Statedb::Path path);
   bool takeNote(const Statedb::Change& change);
+  bool takeNoteOfAnother(const Statedb::Change& change);
+  void carry(const Statedb::Change& change);
+  Statedb::Changes received(const Statedb::Changes& changes,
+                            bool (PublishedRows::*isLetThrough)(const Statedb::Change& change));
+  void forgetAdopted(Statedb::Path under);
   void sendAgain(Statedb::Path path);
   void sendAll();
   void compare(const Statedb::Record* theirs, const Statedb::Record& own, bool replaces);
@@ -89,6 +103,7 @@ class PublishedRows {
   std::unordered_map<Statedb::Path, Statedb::Record> entities_;  // as they stand here
   Unknown unsent_;
   Unknown underWay_;
+  Places adopted_;  // and not written here since; the empty attribute: no other of the entity was either
   std::deque<Statedb::Record> merged_;  // what `over` made
   bool sending_ = false;
   bool isAllUnsent_ = false;  // and not noted in unsent_ yet: compare() mostly finds that it is there

@@ -148,6 +148,20 @@ TEST(PublishedRows, WhatAPredecessorPublishedIsSentAgainAsItStandsHere) {
       rows,
       (Rows{
           {{"out/a", ""}, "Pin"}, {{"out/a", "value"}, 1}, {{"out/b", ""}, "Pin"}, {{"out/b", "value"}, 5}}));
+
+  own.acknowledged();
+  const Changes late{Change::put("out/a", "Pin", "value", 8), Change::put("out/b", "Pin", "value", 6)};
+  EXPECT_EQ(own.receivedFromAnother(late), late);
+  own.lost();
+  carryInto(rows, own.send());
+  EXPECT_EQ((rows[{"out/a", "value"}]), Zel::Value(1)) << "was written here";
+  EXPECT_EQ((rows[{"out/b", "value"}]), Zel::Value(6));
+  own.acknowledged();
+  own.receivedFromAnother({Change::del("out")});
+  own.lost();
+  Rows left;
+  carryInto(left, own.send());
+  EXPECT_EQ(left, (Rows{{{"out/a", ""}, "Pin"}, {{"out/a", "value"}, 1}}));
 }
 
 TEST(PublishedRows, AnEntityThatIsPutOnceMoreOutlivesARemovalThatCrosses) {

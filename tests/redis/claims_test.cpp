@@ -68,8 +68,10 @@ class Process : public Claims::Output {
   Claims::Now now = 1;
   Lines notes;
   Claims claims;
+  Revision has = 10;  // of the log
 
  private:
+  Revision revision() const override { return has; }
   void read() override { notes.push_back("read"); }
   void take(const std::string& mount, const Claim& seen) override { note("take", mount, seen.token); }
   void beat(const std::string& mount, const Token& token, std::string_view synced) override {
@@ -150,12 +152,12 @@ TEST(Claims, AnOwnerHasATokenWhileTheServerShowsItsClaim) {
   Process process;
   process.own();
   process.claims.synced("m");
-  EXPECT_THAT(process.at(held("1 me", 1)), ElementsAre("beat m 1 me t1"));
+  EXPECT_THAT(process.at(held("1 me", 1)), ElementsAre("beat m 1 me t1 10"));
   EXPECT_THAT(process.reached("t1"), ElementsAre(""));
   process.claims.synced("m");
   EXPECT_TRUE(process.claims.status()[0].isOwn);
   EXPECT_THAT(process.at(held("1 me", 2)), ElementsAre("owned m")) << "to write what changed meanwhile";
-  EXPECT_THAT(process.at(held("1 me", 2)), ElementsAre("beat m 1 me t1"));
+  EXPECT_THAT(process.at(held("1 me", 2)), ElementsAre("beat m 1 me t1 10"));
   EXPECT_THAT(process.reached("t2"), ElementsAre(""));
   process.claims.synced("m");
   EXPECT_THAT(process.at(held("1 me", 2)), ElementsAre("owned m"));
@@ -237,15 +239,17 @@ TEST(Claims, RowsWithoutAPublisherAreRemovedAfterHold) {
 
 TEST(Claims, RowsAreKeptInANewTimelineUntilTheirPublisherIsDoneOrHoldIsOver) {
   Process reader;
-  const Claim before = held("3 he", 7, "t1");
+  const Claim before = held("3 he", 7, "t1 9");
   reader.at(before);
   EXPECT_THAT(reader.reached("t1"), ElementsAre(""));
   reader.at(kAbsent);  // wiped: the timeline follows
   reader.claims.onReached("t2");
   EXPECT_THAT(std::exchange(reader.notes, {}), ElementsAre("kept m", "read"));
   EXPECT_THAT(reader.at(kAbsent), IsEmpty());
-  EXPECT_THAT(reader.at(held("1 he", 1, "t1")), IsEmpty());
-  EXPECT_THAT(reader.at(held("1 he", 2, "t2")), ElementsAre("current m"));
+  EXPECT_THAT(reader.at(held("1 he", 1, "t1 9")), IsEmpty());
+  EXPECT_THAT(reader.at(held("1 he", 2, "t2 11")), IsEmpty()) << "the last entries are still on their way";
+  reader.has = 11;
+  EXPECT_THAT(reader.at(held("1 he", 3, "t2 11")), ElementsAre("current m"));
   EXPECT_THAT(reader.reached("t3"), ElementsAre("kept m", ""));
   EXPECT_THAT(reader.until(kAbsent), ElementsAre("31: current m"));
   EXPECT_THAT(reader.claims.status(), IsEmpty());
@@ -257,7 +261,7 @@ TEST(Claims, RowsAreKeptInANewTimelineUntilTheirPublisherIsDoneOrHoldIsOver) {
   owner.reached("t2");
   EXPECT_THAT(owner.at(held("1 me", 1)), ElementsAre("owned m"));
   owner.claims.synced("m");
-  EXPECT_THAT(std::exchange(owner.notes, {}), ElementsAre("current m", "beat m 1 me t2"));
+  EXPECT_THAT(std::exchange(owner.notes, {}), ElementsAre("current m", "beat m 1 me t2 10"));
   owner.claims.onReached("t3");  // on the same connection
   EXPECT_EQ(owner.claims.ownedToken("m"), "");
   EXPECT_THAT(owner.answered(held("1 me", 2)), ElementsAre("owned m"));

@@ -281,6 +281,26 @@ TEST_F(SharedStore, RefusesAnOwnerThatWasStoppedUntilAnotherTookOver) {
   EXPECT_TRUE(successor->isOwner());
 }
 
+// The successor's rows come before the answer that shows its claim, and the server forgets both.
+TEST_F(SharedStore, PublishesItsOwnRowsAgainWhereASuccessorIsForgotten) {
+  const auto owner = process(1), reader = process();
+  until([&] { return owner->isOwner() && owner->agent.snapshots == 1; });
+  owner->publish("p", 1);
+  until([&] { return reader->shown("hardware/gpio/p", "value") == Value(1); });
+  RedisTest::Client client(loop, server.url());
+  client.connect();
+  const std::string generation = client.run("HGET {pinlamp}:v:meta generation").text;
+  const std::string delta = "@hardware/gpio\n:" + std::string(kPin) + "\n+p\tvalue\t3\n";
+  const std::string id = client({"XADD", "{pinlamp}:v:log", "0-*", "o", "he.v:1", "d", delta}).text;
+  client({"PUBLISH", "{pinlamp}:v:changes", generation + ' ' + id.substr(2) + " he.v:1\n" + delta});
+  const auto isShown = [](const Process& by, int value) {
+    return by.shown("hardware/gpio/p", "value") == Value(value);
+  };
+  until([&] { return isShown(*owner, 3) && isShown(*reader, 3); });
+  server.restart();
+  until([&] { return isShown(*owner, 1) && isShown(*reader, 1); });
+}
+
 TEST_F(SharedStore, KeepsWhatAPublisherWroteWhoseClaimItHasNotReadYet) {
   const std::string cable = server.at("cable");
   ASSERT_EQ(::symlink(server.socket().c_str(), cable.c_str()), 0);

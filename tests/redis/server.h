@@ -69,6 +69,7 @@ class Server {
     const pid_t parent = ::getpid();
     pid_ = ::fork();
     if (pid_ != 0) return;
+    ::setpgid(0, 0);  // with the child that rewrites its file
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     // One binary with the server, chosen by argv[0]. It is in a package that starts no service.
     if (::getppid() == parent) ::execl("/usr/bin/redis-check-rdb", program_, conf.c_str(), nullptr);
@@ -81,7 +82,8 @@ class Server {
   void signal(int number) const { ::kill(pid_, number); }
   void end(int number) {
     if (pid_ <= 0) return;
-    signal(number);
+    ::kill(-pid_, number);
+    signal(number);  // where it has not got its group yet
     signal(SIGCONT);
     ::waitpid(pid_, nullptr, 0);
     pid_ = 0;
@@ -107,10 +109,10 @@ class Sentinel : public Server {
   const std::uint16_t port_;
 };
 
-// Runs a loop until something has come about, or fails the test.
+// Runs a loop until something has come about, or fails the test. A busy machine takes its time.
 template <class Condition>
 void runUntil(Host::Loop& loop, Condition condition) {
-  const auto latest = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  const auto latest = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   while (!condition() && std::chrono::steady_clock::now() < latest) loop.runOnce();
   EXPECT_TRUE(condition());
 }

@@ -10,11 +10,13 @@ namespace Host::Redis {
 
 namespace {
 
-std::uint64_t epochOf(const Token& token) {
-  std::uint64_t epoch = 0;
-  std::from_chars(token.data(), token.data() + token.size(), epoch);
-  return epoch;
+// At the start of a text; 0 for none.
+std::uint64_t numberIn(std::string_view text) {
+  std::uint64_t number = 0;
+  std::from_chars(text.data(), text.data() + text.size(), number);
+  return number;
 }
+std::uint64_t epochOf(const Token& token) { return numberIn(token); }
 
 // Without an owner and a heartbeat, a claim is the same in every generation.
 bool isUnchanged(const Claim& before, const Claim& after) {
@@ -48,7 +50,7 @@ struct Claims::Mount {
 
   bool isOwner = false;
   bool isVerified = false;  // on this connection
-  std::string synced{};     // the timeline in which everything was published
+  std::string synced{};     // the timeline in which everything was published, and the revision then
   Token standby{};          // the holder that was notified of
 
   bool isKept = false;
@@ -178,8 +180,8 @@ void Claims::onPublished(const std::string& mount) {
 
 void Claims::synced(const std::string& mount) {
   const auto found = mounts_.find(mount);
-  if (found == mounts_.end() || !found->second.isVerified || found->second.synced == timeline_) return;
-  found->second.synced = timeline_;
+  if (found == mounts_.end() || !found->second.isVerified || isOfTimeline(found->second.synced)) return;
+  found->second.synced = timeline_ + ' ' + std::to_string(output_.revision());
   stopKeeping(mount, found->second);
   beat(mount, found->second);
 }
@@ -214,7 +216,7 @@ void Claims::own(const std::string& name, Mount& mount, bool isChanged) {
 
 // A successor of an owner that had published everything adopted all of it.
 void Claims::standBy(const std::string& name, Mount& mount) {
-  if (std::exchange(mount.isOwner, false) && mount.synced != timeline_) keep(name, mount);
+  if (std::exchange(mount.isOwner, false) && !isOfTimeline(mount.synced)) keep(name, mount);
   mount.isVerified = false;
   if (!mount.isWanted) return sweepIfDue(name, mount);
   if (mayTake(mount)) {
@@ -268,9 +270,18 @@ void Claims::keep(const std::string& name, Mount& mount) {
   if (!mount.isOwner) output_.onKept(name);
 }
 
+bool Claims::isOfTimeline(std::string_view synced) const {
+  return synced.size() > timeline_.size() && synced[timeline_.size()] == ' ' && synced.starts_with(timeline_);
+}
+
+// Whether this process has everything that the owner published in this timeline.
+bool Claims::isCurrent(const Mount& mount) const {
+  const std::string& synced = mount.isVerified ? mount.synced : mount.seen.synced;
+  return isOfTimeline(synced) && numberIn(synced.substr(timeline_.size() + 1)) <= output_.revision();
+}
+
 void Claims::stopKeeping(const std::string& name, Mount& mount) {
-  const bool isCurrent = mount.isVerified ? mount.synced == timeline_ : mount.seen.synced == timeline_;
-  if (!mount.isKept || (!isCurrent && watched_ - mount.keptSince < hold_)) return;
+  if (!mount.isKept || (!isCurrent(mount) && watched_ - mount.keptSince < hold_)) return;
   mount.isKept = false;
   output_.onCurrent(name);
 }

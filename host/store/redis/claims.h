@@ -28,8 +28,10 @@
 // claimed mount is under another, the rows of neither are removed while the other's owner lives.
 //
 // When the timeline changes, the volatile space may be empty or old: readers keep the rows that they had
-// under a claimed mount until its owner reports that it has published everything in this timeline
-// (`synced`), at most for `hold`. So does an owner that loses its claim before it has published everything.
+// under a claimed mount until its owner reports that it has published everything in this timeline, and they
+// have the entry of the log by which it had (`synced`: "TIMELINE REVISION"), at most for `hold`. The report
+// may be faster than that entry, which comes over another connection. An owner that loses its claim before it
+// has published everything keeps the rows as well.
 //
 // Activity thread only.
 #pragma once
@@ -75,6 +77,9 @@ class Claims {
     // `hold` is over.
     virtual void onCurrent(const std::string& mount) = 0;
 
+    // Up to which this process has the log of the volatile space.
+    virtual Revision revision() const = 0;
+
    protected:
     ~Output() = default;
   };
@@ -117,7 +122,7 @@ class Claims {
   // Its publisher, another process, wrote there. It may be gone before an answer shows its claim.
   void onPublished(const std::string& mount);
   // Everything that this process publishes under the mount is on the server, in this timeline: what was
-  // written since the last onOwned(). Reported at once. Ignored while there is no token.
+  // written since the last onOwned(), up to revision(). Reported at once. Ignored while there is no token.
   void synced(const std::string& mount);
 
   // Throws RefusedError for a change under a mount that another process publishes, and this one does not.
@@ -148,6 +153,8 @@ class Claims {
   bool mayTake(const Mount& mount) const;
   bool isOrphan(const Mount& mount) const;
   bool isShared(const std::string& name) const;
+  bool isOfTimeline(std::string_view synced) const;
+  bool isCurrent(const Mount& mount) const;
   Status statusOf(const std::string& name, const Mount& mount) const;
 
   const std::string uuid_;

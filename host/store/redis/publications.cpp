@@ -75,7 +75,9 @@ Changes Publications::write(const Changes& changes) {
 Changes Publications::received(const Changes& changes) {
   Changes accepted;
   forParts(changes, [&](Group& group, const Changes& part) {
-    const Changes taken = group.isShown() ? group.rows.received(part) : part;
+    const Changes taken = !group.isShown()  ? part
+                          : group.isOfMount ? group.rows.receivedFromAnother(part)
+                                            : group.rows.received(part);
     accepted.insert(accepted.end(), taken.begin(), taken.end());
   });
   return accepted;
@@ -99,12 +101,14 @@ void Publications::owned(Path mount, const Rows& theirs, const Records& shown) {
     group.rows.lost();
     group.rows.compare(recordsUnder(theirs, mount), true);
   } else {
+    group.rows.forgetAdopted();
     for (const Record* record : shown) group.rows.adopt(*record);
   }
 }
 
 void Publications::published(Path mount, const Rows& theirs) {
   Group& group = at(mount);
+  group.rows.keepAdopted();
   group.rows.lost();
   group.rows.compare(recordsUnder(theirs, mount), false);
 }

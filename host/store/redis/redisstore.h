@@ -83,6 +83,7 @@ class RedisStore final : public Statedb::Store, private Upstream::Owner, private
   void onStandby(const std::string& mount, std::string_view who) override;
   void onKept(const std::string& mount) override { kept_.keep(mount, mirror_); }
   void onCurrent(const std::string& mount) override;
+  Revision revision() const override { return upstream_.state(Statedb::Durability::volatile_).tip; }
 
   void writeStored(const Statedb::Changes& changes, Statedb::Subscriber* origin);
   void writeVolatile(const Statedb::Changes& changes, Statedb::Subscriber* origin);

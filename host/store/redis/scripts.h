@@ -154,7 +154,7 @@ struct Claim {
   Token token{};             // empty: there never was one
   std::uint64_t beat = 0;    // grows as long as the owner lives; 0: nobody published anything since a sweep
   std::string who{};         // for people
-  std::string synced{};      // the timeline for which the owner has published everything
+  std::string synced{};  // the timeline for which the owner has published everything, and by which revision
   bool isFree() const { return token.empty() || token.ends_with(' '); }
 };
 // All that there are, or kMostClaims of them. One whose mount is beyond the limits of paths is left out.

@@ -13,6 +13,8 @@ using Statedb::Path;
 
 namespace {
 
+constexpr std::size_t kMostUnderWay = 2;  // parts of a batch
+
 // Whether a retry would fail as well, because of what is written.
 bool isForGood(Refusal refusal) { return refusal == Refusal::otherType || refusal == Refusal::notStored; }
 
@@ -30,21 +32,37 @@ void VolatileWrites::send() {
        publications_.take([this](Path mount) { return !tokenOf_(mount).empty(); })) {
     Sending& sending = sending_[batch.mount];
     sending.isOfMount = batch.isOfMount;
+    if (batch.isOfMount) sending.token = tokenOf_(batch.mount);
     for (Changes& part : partsOf(std::move(batch.changes))) sending.waiting.push_back(std::move(part));
     sendParts(batch.mount, sending);
   }
 }
 
-// All at once: the server carries them out in order, and the parts of a large batch overlap.
+// More than one at a time: the server carries out a part while the next is written. Under another claim than
+// the first ones, the values may be old.
 void VolatileWrites::sendParts(Path mount, Sending& sending) {
   std::vector<Claimed> claims;
-  if (sending.isOfMount) claims.push_back({mount.text(), tokenOf_(mount)});
-  for (; !sending.waiting.empty(); sending.waiting.pop_front()) {
+  if (sending.isOfMount) claims.push_back({mount.text(), sending.token});
+  const bool isSame = !sending.isOfMount || tokenOf_(mount) == sending.token;
+  if (!sending.waiting.empty() && (!isSame || !upstream_.isReached())) postpone(sending);
+  for (; !sending.waiting.empty() && sending.underWay < kMostUnderWay; sending.waiting.pop_front()) {
     const WriteId id = upstream_.write(Durability::volatile_, sending.waiting.front(), claims);
     parts_[id.sequence] = {mount, std::move(sending.waiting.front())};
     ++sending.underWay;
   }
   if (sending.underWay == 0) ended(mount);
+}
+
+// Publications keep what the rest of the batch has.
+void VolatileWrites::postpone(Sending& sending) {
+  sending.isPostponed = true;
+  sending.waiting.clear();
+}
+
+// A part is over.
+void VolatileWrites::goOn(Path mount) {
+  const auto found = sending_.find(mount);
+  if (found != sending_.end()) sendParts(mount, found->second);
 }
 
 void VolatileWrites::ended(Path mount) {
@@ -61,8 +79,8 @@ void VolatileWrites::onSettled(Sequence sequence, Outcome outcome) {
   parts_.erase(found);
   Sending& sending = sending_[mount];
   --sending.underWay;
-  if (outcome != Outcome::applied) sending.isPostponed = true;
-  ended(mount);
+  if (outcome != Outcome::applied) postpone(sending);
+  goOn(mount);
 }
 
 std::optional<Path> VolatileWrites::onRefused(Sequence sequence, const Reply& error) {
@@ -76,14 +94,14 @@ std::optional<Path> VolatileWrites::onRefused(Sequence sequence, const Reply& er
   if (isForGood(refusal)) {
     halve(part, error.text);
   } else {
-    sending.isPostponed = true;
+    postpone(sending);
     isPostponed_ = refusal != Refusal::claimed && refusal != Refusal::fenced;
     if (isPostponed_ && !std::exchange(wasReported_, true))
       report_("does not take what is published: " + error.text + ": " + refusalText(refusal) +
               "; trying until it does");
   }
   const bool isClaimed = refusal == Refusal::claimed;
-  ended(part.mount);
+  goOn(part.mount);
   return isClaimed ? std::optional(part.mount) : std::nullopt;
 }
 
@@ -96,7 +114,6 @@ void VolatileWrites::halve(const Part& part, const std::string& why) {
   auto [first, second] = Statedb::halves(part.changes);
   sending.waiting.push_back(std::move(first));
   sending.waiting.push_back(std::move(second));
-  if (upstream_.isReached()) sendParts(part.mount, sending);
 }
 
 void VolatileWrites::onLost() {

@@ -3,6 +3,9 @@
 //     VolatileWrites writes(upstream, publications, tokenOf, report);
 //     writes.send();          // whatever is unsent and may be sent
 //
+// The parts of a large batch go out a few at a time, the next when one is answered, so that no round of the
+// loop is long.
+//
 // A batch that is refused is halved until the row at fault stands alone; that row is reported and dropped. A
 // server that can't take anything now (no memory, a full disk, a replica) is tried again once a second.
 //
@@ -44,6 +47,7 @@ class VolatileWrites {
   // The batch of a mount: parts that wait, and how many are under way.
   struct Sending {
     bool isOfMount = false;
+    Token token{};  // that it was begun with
     std::deque<Statedb::Changes> waiting{};
     std::size_t underWay = 0;
     bool isPostponed = false;
@@ -54,6 +58,8 @@ class VolatileWrites {
   };
 
   void sendParts(Statedb::Path mount, Sending& sending);
+  void postpone(Sending& sending);
+  void goOn(Statedb::Path mount);
   void halve(const Part& part, const std::string& why);
   void ended(Statedb::Path mount);
 

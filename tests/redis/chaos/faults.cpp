@@ -43,10 +43,10 @@ const std::vector<Faults::Kind>& Faults::kinds() {
 }
 
 void Faults::act() {
-  const std::uint64_t now = world_.now();
-  std::erase_if(active_, [&](const Active& each) { return each.until <= now && end(each); });
-  if (now < next_) return;
-  next_ = now + below(kLongestPause);
+  const std::uint64_t at = now();
+  std::erase_if(active_, [&](const Active& each) { return each.until <= at && end(each); });
+  if (at < next_) return;
+  next_ = at + below(kLongestPause);
   unsigned sum = 0;
   for (const Kind& each : kinds()) sum += each.weight;
   std::uint64_t chosen = below(sum);
@@ -73,7 +73,7 @@ void Faults::begin(const Kind& kind, Process& process) {
   ++counts_[kind.name];
   world_.log("-- " + std::string(kind.name) + (of ? ": " + of->name : ""));
   (this->*kind.begin)(process);
-  if (kind.end) active_.push_back({&kind, of, world_.now() + below(kind.longest)});
+  if (kind.end) active_.push_back({&kind, of, now() + below(kind.longest)});
 }
 
 // A process starts where the server has carried out everything that its predecessor had sent.

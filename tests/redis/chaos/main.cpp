@@ -26,9 +26,9 @@ class Run {
 
   // Returns the exit code.
   int operator()() {
-    const std::uint64_t end = world_.now() + time_;
+    const std::uint64_t end = now() + time_;
     settle();
-    while (world_.faults.empty() && world_.now() < end) {
+    while (world_.faults.empty() && now() < end) {
       stir();
       settle();
       ++rounds_;
@@ -40,8 +40,8 @@ class Run {
  private:
   void stir() {
     std::mt19937 random(seed_ + rounds_);
-    const std::uint64_t end = world_.now() + kStir;
-    while (world_.now() < end) {
+    const std::uint64_t end = now() + kStir;
+    while (now() < end && world_.faults.empty()) {
       faults_.act();
       for (const auto& each : world_.processes)
         if (each->writer && random() % 3 == 0) each->writer->act();
@@ -50,7 +50,7 @@ class Run {
   }
 
   void settle() {
-    const std::uint64_t begin = world_.now();
+    const std::uint64_t begin = world_.watched();
     for (const auto& each : world_.processes)
       if (each->writer) each->writer->forgetProbe();
     std::vector<std::string> differing;
@@ -60,13 +60,13 @@ class Run {
       differing.clear();
       if (isHealed) probe();
       if (isHealed && world_.isSettled(differing)) return settled(begin);
-    } while (world_.now() < begin + kSettle && world_.faults.empty());
+    } while (world_.watched() < begin + kSettle && world_.faults.empty());
     if (!world_.faults.empty()) return;  // it ended before its time
     for (const std::string& each : differing)
       world_.fault("after " + std::to_string(kSettle / 1000) + " s " + each);
   }
   void settled(std::uint64_t begin) {
-    const std::uint64_t took = world_.now() - begin;
+    const std::uint64_t took = world_.watched() - begin;
     longest_ = std::max(longest_, took);
     world_.verify();
     world_.log("== settled after " + std::to_string(took) + " ms");
@@ -74,18 +74,18 @@ class Run {
 
   void step() {
     world_.run();
-    if (!world_.isServerUp || world_.now() < nextWatch_) return;
+    if (!world_.isServerUp || now() < nextWatch_) return;
     world_.watchClaim();
-    nextWatch_ = world_.now() + kWatch;
+    nextWatch_ = now() + kWatch;
   }
   void probe() {
-    if (world_.now() < nextProbe_) return;
-    nextProbe_ = world_.now() + kProbe;
+    if (now() < nextProbe_) return;
+    nextProbe_ = now() + kProbe;
     for (const auto& each : world_.processes)
       if (each->writer && !each->writer->isProbed()) each->writer->probe();
   }
 
-  void report() const {
+  void report() {
     std::cout << "seed " << seed_ << ", " << rounds_ << " rounds, at most " << longest_
               << " ms until all was equal; " << world_.takeOvers << " claims taken\nfaults:";
     for (const auto& [name, count] : faults_.counts()) std::cout << ' ' << name << ' ' << count << ';';
@@ -94,6 +94,7 @@ class Run {
     if (world_.faults.empty()) return;
     std::cout << "the last events:\n";
     for (const std::string& each : world_.recent) std::cout << "  " << each << '\n';
+    for (const std::string& each : world_.lastStates()) std::cout << each << '\n';
     for (const std::string& each : world_.faults) std::cout << "FAILED: " << each << '\n';
     std::cout << "once more: scripts/chaos --seed " << seed_ << " --for " << time_ / 1000 << "s\n";
   }

@@ -1,5 +1,7 @@
 #include "tests/redis/chaos/reader.h"
 
+#include <uv.h>
+
 #include <algorithm>
 #include <sstream>
 
@@ -10,11 +12,16 @@ namespace Chaos {
 using Statedb::Change;
 
 namespace {
+constexpr std::size_t kMostPast = 6;  // values of a place
+
 bool isPin(const std::string& place) { return place.starts_with(std::string(kPins) + "/"); }
 std::string placeOf(const Statedb::Row& row) {
   return row.attribute.empty() ? row.path.text() : row.path.text() + "\t" + row.attribute.stdString();
 }
 }  // namespace
+
+std::uint64_t now() { return uv_hrtime() / 1'000'000; }
+std::string timeText() { return std::to_string(now() % 1'000'000) + " ms"; }
 
 std::optional<Stamp> Stamp::in(const std::string& text) {
   std::istringstream words(text.substr(text.starts_with('"') ? 1 : 0));
@@ -56,8 +63,24 @@ void Reader::onChanges(const Statedb::Changes& changes) {
   }
 }
 
+void Reader::note(const std::string& place, const std::string& what) {
+  std::deque<std::string>& past = past_[place];
+  past.push_back(timeText() + " " + what);
+  if (past.size() > kMostPast) past.pop_front();
+}
+
+std::string Reader::past(const std::string& place) const {
+  const auto found = past_.find(place);
+  std::string text = " (" + name_ + " got";
+  if (found == past_.end()) return text + " nothing)";
+  for (const std::string& each : found->second) text += "; " + each;
+  return text + ")";
+}
+
 void Reader::put(const std::string& place, const std::string& json) {
-  rows_[place] = json;
+  std::string& value = rows_[place];
+  if (value != json) note(place, json);
+  value = json;
   if (const auto stamp = Stamp::in(json)) check(place, *stamp);
 }
 
@@ -75,7 +98,7 @@ void Reader::check(const std::string& place, const Stamp& stamp) {
     last.history = std::max(last.history, settled) + 1;
     if (isPin(place) || last.history > history)
       fault_("reader " + name_ + ": " + place + " went back from " + std::to_string(last.number) + " to '" +
-             stamp.text() + "'");
+             stamp.text() + "'" + past(place));
   }
   last.number = stamp.number;
 }
@@ -89,8 +112,10 @@ void Reader::settled(const Rows& stored, const Rows& volatile_) {
 }
 
 void Reader::erase(const std::string& place) {
-  if (rows_.erase(place) != 0 && isPin(place))
-    fault_("reader " + name_ + ": " + place + " went away, and its publisher did not");
+  if (rows_.erase(place) == 0) return;
+  note(place, "gone");
+  if (isPin(place))
+    fault_("reader " + name_ + ": " + place + " went away, and its publisher did not" + past(place));
 }
 
 void Reader::eraseUnder(const std::string& path) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <optional>
@@ -15,6 +16,9 @@
 namespace Chaos {
 
 inline constexpr const char* kPins = "chaos/pins";  // the mount that is claimed
+
+std::uint64_t now();     // milliseconds
+std::string timeText();  // as events begin with it
 
 // A value tells who wrote it, and its place among the batches of that writer: "s one 17" is stored.
 struct Stamp {
@@ -44,6 +48,8 @@ class Reader : public Statedb::Subscriber {
   void onChanges(const Statedb::Changes& changes) override;
 
   const Rows& rows() const { return rows_; }
+  // The last values at a place, and when they came.
+  std::string past(const std::string& place) const;
   // Everything is quiet, and the server has these rows: none goes back any more because of what happened
   // before.
   void settled(const Rows& stored, const Rows& volatile_);
@@ -58,6 +64,7 @@ class Reader : public Statedb::Subscriber {
   };
 
   void put(const std::string& place, const std::string& json);
+  void note(const std::string& place, const std::string& what);
   void check(const std::string& place, const Stamp& stamp);
   void erase(const std::string& place);
   void eraseUnder(const std::string& path);
@@ -67,7 +74,8 @@ class Reader : public Statedb::Subscriber {
   const Fault fault_;
   Rows rows_{};
   History settled_{};
-  std::map<std::string, Last> last_{};  // by place and writer
+  std::map<std::string, std::deque<std::string>> past_{};  // by place
+  std::map<std::string, Last> last_{};                     // by place and writer
   std::map<std::string, std::set<unsigned>> seen_{};
 };
 

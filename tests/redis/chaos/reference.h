@@ -26,7 +26,7 @@ class Reference {
 
   // Whether the server answers. REQUIRES, as all here: it is not stopped.
   bool isReady();
-  // Null where it did not answer.
+  // Null where it did not answer within 20 s.
   Answer operator()(const Words& words);
   // The same; empty for anything but a text.
   std::string text(const Words& words);

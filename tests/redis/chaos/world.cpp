@@ -1,6 +1,7 @@
 #include "tests/redis/chaos/world.h"
 
 #include <algorithm>
+#include <sstream>
 
 #include "host/store/stores.h"
 
@@ -8,8 +9,9 @@ namespace Chaos {
 
 namespace {
 
-constexpr std::uint64_t kTick = 2;  // milliseconds
-constexpr std::size_t kMostRecent = 100, kMostShown = 8;
+constexpr std::uint64_t kTick = 2;                              // milliseconds
+constexpr std::uint64_t kLongestRound = 50, kStandstill = 250;  // milliseconds
+constexpr std::size_t kMostRecent = 400, kMostShown = 8, kLastEntries = 10, kLastLines = 8;
 
 // Synced at each write: otherwise the server acknowledges what its file lacks while a sync is under way, and
 // kill -9 loses it. Everybody but this program uses the default user.
@@ -22,7 +24,7 @@ constexpr const char* kLook = R"lua(
 local last = redis.call('XREVRANGE', KEYS[2], '+', '-', 'COUNT', 1)
 local tip = last[1] and string.match(last[1][1], '%d+$') or '0'
 return {redis.call('HGET', KEYS[1], 'generation') or '', redis.call('HGET', KEYS[1], ARGV[1]) or '', tip,
-        redis.call('XRANGE', KEYS[2], '(0-' .. ARGV[2], '+')}
+        redis.call('XRANGE', KEYS[2], '(0-' .. ARGV[2], '+'), redis.call('HGET', KEYS[3], 'who') or ''}
 )lua";
 
 unsigned long epochOf(const std::string& token) { return token.empty() ? 0 : std::stoul(token); }
@@ -34,17 +36,18 @@ bool isBy(const std::string& origin, const std::string& owner) {
   return !owner.empty() && origin.starts_with(owner.substr(0, owner.find('.')));
 }
 
-void compare(const std::string& who, const Rows& rows, const Rows& expected,
+void compare(const std::string& who, const Rows& rows, const Rows& expected, const Reader& reader,
              std::vector<std::string>& differing) {
   for (const auto& [place, value] : expected) {
     const auto found = rows.find(place);
     if (found == rows.end() || found->second != value)
       differing.push_back(who + " has " + (found == rows.end() ? "nothing" : found->second) + " at " + place +
-                          ", the server " + value);
+                          ", the server " + value + reader.past(place));
   }
   for (const auto& [place, value] : rows)
     if (!expected.contains(place))
-      differing.push_back(who + " has " + value + " at " + place + ", the server nothing");
+      differing.push_back(who + " has " + value + " at " + place + ", the server nothing" +
+                          reader.past(place));
 }
 
 Rows rowsOf(const Statedb::Table& table) {
@@ -74,7 +77,8 @@ World::World(unsigned seed) : server(kConfiguration) {
   for (const Part& part : {Part{"one", true, true}, Part{"two", true, true}, Part{"three", false, true},
                            Part{"four", false, false}, Part{"five", false, false}}) {
     const std::string name = part.name;
-    processes.emplace_back(new Process{name, part.publishes, {loop, server.at(name), server.socket()}});
+    const int pid = static_cast<int>(processes.size()) + 1;
+    processes.emplace_back(new Process{name, pid, part.publishes, {loop, server.at(name), server.socket()}});
     if (part.writes)
       processes.back()->writer = std::make_unique<Writer>(name, ++seed, history, part.publishes);
   }
@@ -95,7 +99,7 @@ void World::start(Process& process) {
                                   });
   process.store->subscribe({}, *process.reader);
   if (process.publishes)
-    process.store->announce({.pid = ::getpid(), .agents = {{process.name, "chaos"}}, .publishes = {kPins}});
+    process.store->announce({.pid = process.pid, .agents = {{process.name, "chaos"}}, .publishes = {kPins}});
   if (process.writer) process.writer->starts(*process.store);
 }
 
@@ -106,6 +110,11 @@ void World::kill(Process& process) {
 }
 
 void World::run() {
+  const std::uint64_t before = std::exchange(ranAt_, now());
+  watched_ += std::min(ranAt_ - before, kLongestRound);
+  if (ranAt_ - before > kStandstill)
+    log("(the last round took " + std::to_string(ranAt_ - before) +
+        " ms: this process or the server had to wait)");
   uv_run(loop.uv(), UV_RUN_ONCE);
   loop.runOnce();  // throws what a callback threw
   for (const auto& each : processes) {
@@ -115,15 +124,17 @@ void World::run() {
   }
 }
 
-std::uint64_t World::now() const { return uv_hrtime() / 1'000'000; }
-
 void World::watchClaim() {
   const std::string tip = std::to_string(seen_ ? seen_->tip : 0);
-  const auto answer = reference(
-      {"EVAL", kLook, "2", "{pinlamp}:v:meta", "{pinlamp}:v:log", "claim:" + std::string(kPins), tip});
+  const auto answer =
+      reference({"EVAL", kLook, "3", "{pinlamp}:v:meta", "{pinlamp}:v:log",
+                 "{pinlamp}:v:claim:" + std::string(kPins), "claim:" + std::string(kPins), tip});
   if (!answer || answer->type != REDIS_REPLY_ARRAY) return;
   const auto words = wordsOf(answer.get());
-  const Seen now{words[0], words[1], std::stoul(words[2])};
+  const Seen now{words[0], words[1], words[4], std::stoul(words[2])};
+  if (!seen_ || seen_->generation != now.generation || seen_->token != now.token)
+    log("   claim '" + now.token + "' of " + now.who + " at revision " + words[2] + " of generation " +
+        now.generation);
   if (seen_ && seen_->generation == now.generation && seen_->tip <= now.tip)
     checkWriters(now, answer->element[3]);
   seen_ = now;
@@ -160,9 +171,9 @@ Process* World::ownerOfPins(std::vector<std::string>& differing) {
 void World::compareReaders(std::vector<std::string>& differing) {
   const Rows expected = reference.merged(differing);
   for (const auto& each : processes) {
-    compare("reader " + each->name, each->reader->rows(), expected, differing);
+    compare("reader " + each->name, each->reader->rows(), expected, *each->reader, differing);
     if (const auto* table = each->store->table())
-      compare("the table of " + each->name, rowsOf(*table), expected, differing);
+      compare("the table of " + each->name, rowsOf(*table), expected, *each->reader, differing);
   }
 }
 
@@ -195,12 +206,57 @@ void World::verify() {
 }
 
 void World::log(const std::string& text) {
-  recent.push_back(std::to_string(now() % 1'000'000) + " ms  " + text);
+  recent.push_back(timeText() + "  " + text);
   if (recent.size() > kMostRecent) recent.pop_front();
 }
 
 void World::fault(const std::string& what) {
-  if (faults.size() < kMostShown) faults.push_back(what);
+  if (faults.size() >= kMostShown) return;
+  faults.push_back(timeText() + "  " + what);
+  log("!! " + what);
+}
+
+std::string World::stateOf(const Process& process) const {
+  if (!process.store) return process.name + " does not run";
+  const Statedb::StoreState state = process.store->state();
+  std::string text = process.name + (state.isReached ? " reaches the server" : ": " + state.reason);
+  for (const auto& each : state.claims)
+    text += "; '" + each.mount + "' is " + (each.isOwn ? "its own" : "that of " + each.who) +
+            (each.isOrphan ? ", an orphan" : "");
+  if (process.writer && !process.writer->isIdle()) text += "; waits for a ticket";
+  return text;
+}
+
+std::vector<std::string> World::lastStates() {
+  std::vector<std::string> lines;
+  for (const auto& each : processes) lines.push_back(stateOf(*each));
+  if (!isServerUp || !reference.isReady()) {
+    lines.push_back("the server does not answer");
+  } else {
+    const std::string prefix = "{pinlamp}:v:";
+    std::string claim = "the server's claim of the pins: '" +
+                        reference.text({"HGET", prefix + "meta", "claim:" + std::string(kPins)}) + "'";
+    for (const std::string& each : wordsOf(reference({"HGETALL", prefix + "claim:" + kPins}).get()))
+      claim += " " + each;
+    lines.push_back(claim);
+    const auto entries =
+        reference({"XREVRANGE", prefix + "log", "+", "-", "COUNT", std::to_string(kLastEntries)});
+    for (std::size_t i = entries ? entries->elements : 0; i-- > 0;) {
+      std::string text = "entry " + wordsOf(entries->element[i])[0];
+      for (const std::string& each : wordsOf(entries->element[i]->element[1]))
+        text += " " + each.substr(0, 150);
+      std::ranges::replace(text, '\n', ' ');
+      lines.push_back(text);
+    }
+  }
+  std::istringstream log(contentOf(server.at("log")));
+  std::deque<std::string> tail;
+  for (std::string line; std::getline(log, line);) {
+    tail.push_back("redis: " + line.substr(0, 150));
+    if (tail.size() > kLastLines) tail.pop_front();
+  }
+  lines.insert(lines.end(), tail.begin(), tail.end());
+  return lines;
 }
 
 }  // namespace Chaos

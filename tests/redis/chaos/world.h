@@ -19,6 +19,7 @@ namespace Chaos {
 // A store with a subscriber, and maybe a writer; what a process with agents is to the server.
 struct Process {
   std::string name;
+  int pid;         // as messages name it
   bool publishes;  // it announces that it publishes the pins
   Proxy proxy;
   std::unique_ptr<Writer> writer{};
@@ -39,7 +40,9 @@ class World {
 
   // One round of the loop, in which all processes do their work.
   void run();
-  std::uint64_t now() const;  // milliseconds
+  // Milliseconds in which the loop ran: a round counts kLongestRound at most, because a starved process must
+  // not take that for a fault.
+  std::uint64_t watched() const { return watched_; }
 
   // Whether the server runs; then a moment when it answers is near.
   bool isServerUp = true;
@@ -54,6 +57,8 @@ class World {
 
   void log(const std::string& text);
   void fault(const std::string& what);
+  // What the processes and the server know at the end.
+  std::vector<std::string> lastStates();
 
   Host::Loop loop;
   RedisTest::Server server;
@@ -66,15 +71,18 @@ class World {
 
  private:
   struct Seen {
-    std::string generation, token;
+    std::string generation, token, who;
     unsigned long tip = 0;
   };
   void checkWriters(const Seen& now, const redisReply* entries);
   void compareReaders(std::vector<std::string>& differing);
   Process* ownerOfPins(std::vector<std::string>& differing);
 
+  std::string stateOf(const Process& process) const;
+
   Host::UvHandle<uv_timer_t> tick_{};
   std::optional<Seen> seen_{};
+  std::uint64_t ranAt_ = now(), watched_ = 0;
 };
 
 }  // namespace Chaos

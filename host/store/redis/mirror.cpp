@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <map>
 #include <optional>
-#include <ranges>
 #include <utility>
 #include <vector>
 
@@ -104,7 +103,8 @@ Overlay::Entity* Overlay::entity(Path path) {
   }
   if (concerned.empty()) return nullptr;
   Orders removals;
-  for (const Path each : std::views::reverse(concerned))
+  std::ranges::reverse(concerned);
+  for (const Path each : concerned)
     if (each != path) applied(each, removals);
   return &entities_.emplace(path, applied(path, removals)).first->second;
 }

@@ -20,8 +20,10 @@ class ServedStore {
       : store(std::forward<Arguments>(ofTheStore)...) {
     listen(loop, socket);
   }
+  // All requests of a round are executed in it, also where the machine is slow.
+  static constexpr Host::ClientLimits kNoHaste{.round = 60};
   // Closes the existing connections.
-  void listen(Host::Loop& loop, const std::string& socket, const Host::ClientLimits& limits = {}) {
+  void listen(Host::Loop& loop, const std::string& socket, const Host::ClientLimits& limits = kNoHaste) {
     control_ = nullptr;
     listener_ = nullptr;
     listener_ = std::make_unique<Host::Listener>(loop, socket);

@@ -7,6 +7,9 @@ target_compile_options(pinlamp_options INTERFACE $<$<CXX_COMPILER_ID:GNU>:-fno-g
 # GCC 12 warns wrongly of overlapping copies in optimised concatenations of short strings.
 target_compile_options(pinlamp_options INTERFACE
   $<$<AND:$<CXX_COMPILER_ID:GNU>,$<VERSION_LESS:$<CXX_COMPILER_VERSION>,13>,$<CONFIG:Release>>:-Wno-restrict>)
+# GCC 13 and 14 warn wrongly of writes to address zero where a destructor's null check was inlined.
+target_compile_options(pinlamp_options INTERFACE
+  $<$<AND:$<CXX_COMPILER_ID:GNU>,$<VERSION_GREATER_EQUAL:$<CXX_COMPILER_VERSION>,13>>:-Wno-stringop-overflow>)
 # In a batch GCC takes the sources for headers, and warns of their classes with members of unnamed namespaces.
 target_compile_options(pinlamp_options INTERFACE
   $<$<AND:$<CXX_COMPILER_ID:GNU>,$<BOOL:${PINLAMP_UNITY}>>:-Wno-subobject-linkage>)

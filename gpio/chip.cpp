@@ -8,9 +8,7 @@ using Kind = LineError::Kind;
 
 namespace {
 
-std::string quoted(const std::string& text) { return "'" + text + "'"; }
-
-std::string chipText(const Chip& chip) { return chip.name + " " + quoted(chip.label); }
+std::string chipText(const Chip& chip) { return chip.name + " " + inQuotes(chip.label); }
 
 LinePlace placeOf(const Chip& chip, std::size_t offset) {
   return {chip.name, chip.label, static_cast<unsigned>(offset), chip.lines[offset].name};
@@ -29,8 +27,8 @@ std::string whatIsThere(const Survey& survey) {
 
 LineError noSuchChip(const Survey& survey, const std::string& chip) {
   const char* hint = allDigits(chip) ? "; a number is no name, give the label" : "";
-  return {Kind::absent,
-          "no GPIO chip has the label or the name " + quoted(chip) + " (" + whatIsThere(survey) + ")" + hint};
+  return {Kind::absent, "no GPIO chip has the label or the name " + inQuotes(chip) + " (" +
+                            whatIsThere(survey) + ")" + hint};
 }
 
 const Chip& findChip(const Survey& survey, const std::string& wanted) {
@@ -38,7 +36,7 @@ const Chip& findChip(const Survey& survey, const std::string& wanted) {
   for (const Chip& chip : survey.chips) {
     if (chip.label != wanted && chip.name != wanted) continue;
     if (found)
-      throw LineError(Kind::ambiguous, "the GPIO chip " + quoted(wanted) + " may be " + chipText(*found) +
+      throw LineError(Kind::ambiguous, "the GPIO chip " + inQuotes(wanted) + " may be " + chipText(*found) +
                                            " or " + chipText(chip) + "; give the name of the right one");
     found = &chip;
   }
@@ -65,10 +63,10 @@ std::vector<LinePlace> namesakes(const std::vector<const Chip*>& chips, const st
 
 LinePlace onlyOne(const std::vector<LinePlace>& places, const std::string& name, const std::string& where) {
   if (places.empty())
-    throw LineError(Kind::absent, "no line is named " + quoted(name) + " (looked at " + where + ")");
+    throw LineError(Kind::absent, "no line is named " + inQuotes(name) + " (looked at " + where + ")");
   if (places.size() > 1)
-    throw LineError(Kind::ambiguous, "the line " + quoted(name) + " may be " + describe(places[0]) + " or " +
-                                         describe(places[1]) +
+    throw LineError(Kind::ambiguous, "the line " + inQuotes(name) + " may be " + describe(places[0]) +
+                                         " or " + describe(places[1]) +
                                          "; give the chip and the offset of the right one");
   return places[0];
 }
@@ -85,9 +83,11 @@ LinePlace lineOnAnyChip(const Survey& survey, const std::string& name) {
 }  // namespace
 
 std::string describe(const LinePlace& place) {
-  return "line " + std::to_string(place.offset) + (place.name.empty() ? "" : " " + quoted(place.name)) +
-         " of " + place.chip + " " + quoted(place.label);
+  return "line " + std::to_string(place.offset) + (place.name.empty() ? "" : " " + inQuotes(place.name)) +
+         " of " + place.chip + " " + inQuotes(place.label);
 }
+
+std::string inQuotes(const std::string& text) { return "'" + text + "'"; }
 
 std::string joined(const std::vector<std::string>& parts, const char* separator) {
   std::string text;

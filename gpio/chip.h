@@ -25,7 +25,8 @@ struct LinePlace {
 
 // "line 3 'LED_G' of gpiochip0 'front'", for messages.
 std::string describe(const LinePlace& place);
-// Texts with separators between them, for messages.
+// For messages: a text in quotes, and texts with separators between them.
+std::string inQuotes(const std::string& text);
 std::string joined(const std::vector<std::string>& parts, const char* separator);
 
 // The fault of one line of a request.

@@ -1,4 +1,4 @@
-// The lines of the kernel's GPIO character devices, through libgpiod 1.6. No other file calls that library.
+// The lines of the kernel's GPIO character devices, through libgpiod (libgpiod.h).
 #pragma once
 
 #include <string>

@@ -13,8 +13,6 @@ using Kind = LineError::Kind;
 
 namespace {
 
-std::string inQuotes(const std::string& text) { return "'" + text + "'"; }
-
 LineValues levelsOf(const std::vector<Line>& lines, const LineValues& lit) {
   LineValues levels;
   for (std::size_t i = 0; i < lines.size(); ++i) levels[i] = lit[i] != lines[i].activeLow;

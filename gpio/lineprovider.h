@@ -38,7 +38,7 @@ struct Line {
 
 // Output lines of one chip, held until release() or destruction and written together.
 //
-// One request holds lines of both polarities: libgpiod 1.6 knows active-low for a whole request only, and two
+// One request holds lines of both polarities: libgpiod 1 knows active-low for a whole request only, and two
 // requests would be two writes where one is promised. So levels are inverted here, and the kernel sees plain
 // outputs.
 class LineRequest {

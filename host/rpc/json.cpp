@@ -193,8 +193,8 @@ std::string jsonText(const Value& value) {
 
 namespace {
 
-[[noreturn]] void throwWrongKind(const std::string& what, const Value& found, const char* wanted) {
-  throw ValueError(what + "found " + found.kindText() + ", expected " + wanted);
+[[noreturn]] void throwWrongKind(std::string_view what, const Value& found, const char* wanted) {
+  throw ValueError(std::string(what) + "found " + found.kindText() + ", expected " + wanted);
 }
 
 std::string inQuotes(std::string_view name) { return "'" + Zel::excerpt(name) + "'"; }
@@ -208,13 +208,13 @@ const Value* fieldOf(const Value& value, const char* name, Needed needed) {
 
 }  // namespace
 
-const Value::Fields& fieldsOf(const std::string& what, const Value& value) {
+const Value::Fields& fieldsOf(std::string_view what, const Value& value) {
   const auto* fields = value.as<Value::Fields>();
   if (!fields) throwWrongKind(what, value, "an object");
   return *fields;
 }
 
-const Value::List& listOf(const std::string& what, const Value& value) {
+const Value::List& listOf(std::string_view what, const Value& value) {
   const auto* list = value.as<Value::List>();
   if (!list) throwWrongKind(what, value, "an array");
   return *list;

@@ -41,8 +41,8 @@ void endQuoted(std::string& text, std::size_t start);
 // Read objects by field name. All throw Zel::ValueError: "'FIELD': found X, expected Y".
 //
 // The fields of an object, the elements of an array. `what` starts the message: "'changes': ".
-const Zel::Value::Fields& fieldsOf(const std::string& what, const Zel::Value& value);
-const Zel::Value::List& listOf(const std::string& what, const Zel::Value& value);
+const Zel::Value::Fields& fieldsOf(std::string_view what, const Zel::Value& value);
+const Zel::Value::List& listOf(std::string_view what, const Zel::Value& value);
 // Throws unless the value is an object with no other fields than these.
 void expectFields(const Zel::Value& value, std::initializer_list<std::string_view> known);
 // Whether the field is required. An optional string defaults to the empty string.

@@ -34,7 +34,7 @@ std::string shown(Text url) {
   return std::string(url.substr(0, scheme + 3)) + "…" + std::string(host);
 }
 
-std::string quoted(Text text) { return "'" + std::string(text) + "'"; }
+std::string inQuotes(Text text) { return "'" + std::string(text) + "'"; }
 
 // The part before `mark`, which with the mark is taken off `text`; nothing where there is no mark.
 std::optional<Text> takeBefore(Text& text, char mark) {
@@ -102,7 +102,7 @@ struct Parser {
       const Milliseconds value(std::min(*number, most + 1) * unit.milliseconds);
       if (*number <= most && value >= least) return value;
     }
-    fail(std::string(what) + " " + quoted(text) + " is not a time from " + std::to_string(least.count()) +
+    fail(std::string(what) + " " + inQuotes(text) + " is not a time from " + std::to_string(least.count()) +
          "ms to 24h; write for example 500ms or 30s");
   }
 
@@ -117,7 +117,7 @@ struct Parser {
       if (text.starts_with(':'))
         port = text.substr(1);
       else if (!text.empty())
-        fail("':PORT' or nothing follows ']', not " + quoted(text));
+        fail("':PORT' or nothing follows ']', not " + inQuotes(text));
     } else {
       if (std::ranges::count(text, ':') > 1) fail("an IPv6 address stands in brackets, as [::1]:6379");
       if (const auto name = takeBefore(text, ':')) {
@@ -182,7 +182,7 @@ struct Parser {
              c == '_' || c == '.';
     };
     if (text.empty() || text.size() > Url::kLongestPrefix || !std::ranges::all_of(text, isPlain))
-      fail("prefix " + quoted(text) + " is not made of 1 to " + std::to_string(Url::kLongestPrefix) +
+      fail("prefix " + inQuotes(text) + " is not made of 1 to " + std::to_string(Url::kLongestPrefix) +
            " letters, digits, '-', '_' and '.'");
     result.prefix = text;
   }
@@ -221,9 +221,9 @@ struct Parser {
     if (found == std::end(kOptions)) {
       std::string known;
       for (const Option& each : kOptions) known += (known.empty() ? "" : ", ") + std::string(each.name);
-      fail("unknown option " + quoted(name.substr(0, 32)) + "; known: " + known);
+      fail("unknown option " + inQuotes(name.substr(0, 32)) + "; known: " + known);
     }
-    if (!given.insert(name).second) fail("option " + quoted(name) + " is given twice");
+    if (!given.insert(name).second) fail("option " + inQuotes(name) + " is given twice");
     found->take(*this, value);
   }
 
@@ -254,7 +254,7 @@ struct Parser {
       (this->*scheme.take)(before.value_or(rest));
       if (before) options(rest);
       if (!result.user.empty() && result.passwordFile.empty())
-        fail("user " + quoted(result.user) + " needs a password; add ?passwordFile=FILE");
+        fail("user " + inQuotes(result.user) + " needs a password; add ?passwordFile=FILE");
       return result;
     }
     fail("not a known form; known: redis-unix:/SOCKET, redis://HOST, redis+sentinel://HOST,…/NAME");

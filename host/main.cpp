@@ -51,8 +51,9 @@ void describe(CLI::App& app, CommandLine& line) {
                  "10s='Status=red flash 1; Beacon=off'; they end when it is back")
       ->type_name("TIME=LED=COLOURS[; …]")
       ->check(checkedBy(Host::Fallback::parse));
-  app.add_option("--agent", line.agents, "an agent to load; may be given several times (namespace: Pinlamp)")
-      ->type_name("LIBRARY[:NAMESPACE[:NAME]]")
+  app.add_option("--agent", line.agents,
+                 "an agent to load, with its options; may be given several times (namespace: Pinlamp)")
+      ->type_name("LIBRARY[:NAMESPACE[:NAME]][?OPTION=VALUE[&OPTION=VALUE]]")
       ->expected(1)
       ->take_all()
       ->check(checkedBy(Host::AgentOption::parse));

@@ -21,6 +21,7 @@ namespace fs = std::filesystem;
 // derive from Warden::CAgent by single inheritance, at offset 0, and a Ptr has a destructor, so the ABI
 // returns every Ptr<T> in memory that the caller provides.
 using Factory = Zel::Ptr<Warden::CAgent> (*)(Zel::Name);
+using OptionsFactory = Zel::Ptr<Warden::CAgent> (*)(Zel::Name, const Warden::AgentOptions&);
 
 [[noreturn]] void refuseAgent(const std::string& library, const std::string& why) {
   throw StartError("agent library '" + library + "': " + why);
@@ -94,14 +95,25 @@ std::string abiOf(void* library) {
   return isOwn ? static_cast<const char*>(abi) : "";  // else that of a library which it needs
 }
 
+Warden::AgentOptions optionsOf(const std::string& text, std::size_t at) {
+  try {
+    return Warden::AgentOptions::parse(text.substr(at));
+  } catch (const Warden::OptionError& error) {
+    throw StartError("agent '" + text.substr(0, at - 1) + "': " + error.what());
+  }
+}
+
 }  // namespace
 
-AgentOption AgentOption::parse(const std::string& text) {
+AgentOption AgentOption::parse(const std::string& whole) {
   AgentOption option;
+  const std::size_t question = whole.find('?');
+  const std::string text = whole.substr(0, question);
   const std::size_t first = separator(text, 0);
   option.library = text.substr(0, first);
   if (option.library.empty())
-    throw StartError("agent '" + text + "': expected LIBRARY[:NAMESPACE[:AGENTNAME]]");
+    throw StartError("agent '" + whole + "': expected LIBRARY[:NAMESPACE[:AGENTNAME]][?OPTION=VALUE]");
+  if (question != std::string::npos) option.options = optionsOf(whole, question + 1);
   option.agentName = baseName(option.library);
   if (first == std::string::npos) return option;
   const std::size_t second = separator(text, first + 1);
@@ -120,6 +132,10 @@ std::string factorySymbol(const std::string& nameSpace) {
   return symbol + "12agentFactoryEN3Zel4NameE";
 }
 
+std::string optionsFactorySymbol(const std::string& nameSpace) {
+  return factorySymbol(nameSpace) + "RKN6Warden12AgentOptionsE";
+}
+
 Library::Library(const std::string& name) : path_(located(name)), handle_(load(path_)) {
   const std::string abi = abiOf(handle_.get());
   if (abi == ZEL_ABI) return;
@@ -134,11 +150,34 @@ void Library::Unload::operator()(void* library) const { ::dlclose(library); }
 
 Plugin::Plugin(const AgentOption& option) : name_(option.agentName), library_(option.library) {
   const std::string wanted = option.nameSpace + "::agentFactory(Zel::Name)";
-  const auto factory = reinterpret_cast<Factory>(library_.symbol(factorySymbol(option.nameSpace)));
-  if (!factory)
-    refuseAgent(library(), "has no factory '" + wanted + "'; name its namespace: LIBRARY:NAMESPACE");
-  agent_ = Zel::runForAgent(name_, "factory of '" + library() + "'", [&] { return factory(name_); });
+  const MakeAgent make = factory(option);
+  if (!make) refuseAgent(library(), "has no factory '" + wanted + "'; name its namespace: LIBRARY:NAMESPACE");
+  std::string refused;
+  agent_ = Zel::runForAgent(name_, "factory of '" + library() + "'", [&]() -> Zel::Ptr<Warden::CAgent> {
+    try {
+      return make();
+    } catch (const Warden::OptionError& error) {
+      refused = error.what();
+      return nullptr;
+    }
+  });
+  if (!refused.empty()) refuseAgent(library(), refused);
   if (!agent_) refuseAgent(library(), "its factory '" + wanted + "' returned null");
+}
+
+Plugin::MakeAgent Plugin::factory(const AgentOption& option) const {
+  if (void* found = library_.symbol(optionsFactorySymbol(option.nameSpace)))
+    return [this, &option, make = reinterpret_cast<OptionsFactory>(found)] {
+      const auto agent = make(name_, option.options);
+      option.options.checkAllKnown();
+      return agent;
+    };
+  if (void* found = library_.symbol(factorySymbol(option.nameSpace)))
+    return [this, &option, make = reinterpret_cast<Factory>(found)] {
+      if (!option.options.empty()) throw Warden::OptionError("takes no options");
+      return make(name_);
+    };
+  return {};
 }
 
 Plugin::~Plugin() = default;

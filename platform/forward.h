@@ -34,8 +34,9 @@ class Path;
 }  // namespace Statedb
 
 namespace Warden {
+class AgentOptions;
 class CAgent;
-}
+}  // namespace Warden
 
 namespace Led {
 struct LightSetting;
@@ -59,3 +60,10 @@ class GpioLineStatus;
 namespace Environment::Cooling {
 class Config;
 }
+
+namespace Facts {
+class Link;
+class Sensor;
+class SourceStatus;
+class Unit;
+}  // namespace Facts

@@ -3,6 +3,7 @@
 #include "platform/model/corvelgpioledconfig.h"
 #include "platform/model/corvelgpioledsystemconfigdir.h"
 #include "platform/model/corvelpinconfig.h"
+#include "platform/model/facts.h"
 #include "platform/model/gpioledconfig.h"
 #include "platform/model/gpioledsystemconfigdir.h"
 #include "platform/model/gpiolineinit.h"
@@ -33,6 +34,10 @@ const Zel::TypeRegistration types{
     &Hardware::Gpio::GpioLineInit::typeNode,
     &Hardware::Gpio::GpioLineStatus::typeNode,
     &Environment::Cooling::Config::typeNode,
+    &Facts::Link::typeNode,
+    &Facts::Sensor::typeNode,
+    &Facts::Unit::typeNode,
+    &Facts::SourceStatus::typeNode,
 };
 
 }  // namespace

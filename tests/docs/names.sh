@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$1"
 shopt -s nullglob
 pages=(README.md CONTRIBUTING.md CHANGELOG.md examples/README.md docs/*.md)
-folders='agent|bench|cmake|common|ctl|docs|examples|gpio|host|packaging|platform|reactor|scripts|statemachine|tests|utils'
+folders='agent|bench|cmake|common|ctl|docs|examples|facts|gpio|host|packaging|platform|reactor|scripts|statemachine|tests|utils'
 words=$(mktemp)
 trap 'rm -f "$words"' EXIT
 find . -path ./build -prune -o \( -name '*.h' -o -name '*.cpp' \) -exec grep -ohE '\w+' {} + | sort -u >"$words"
@@ -13,11 +13,11 @@ missing=0
 report() { echo "$1: $2"; missing=1; }
 
 for page in "${pages[@]}"; do
-  # A path of the tree ends with a file's name or a slash; agent/configReactor is one of objects.
+  # A path of the tree ends with a file's name or a slash; agent/configReactor is one of objects, facts/link/ of entities.
   while read -r path; do
     found=($path)
     [ -e "${found[0]-}" ] || report "$page" "there is no $path"
-  done < <(grep -oE "(^|[\`( ])($folders)/[A-Za-z0-9_./*-]*(\.[a-z*]+|/)" "$page" | sed 's/^[`( ]//' | grep -v '^agent/configR' | sort -u)
+  done < <(grep -oE "(^|[\`( ])($folders)/[A-Za-z0-9_./*-]*(\.[a-z*]+|/)" "$page" | sed 's/^[`( ]//' | grep -vE '^agent/configR|^facts/[a-z]*/' | sort -u)
   while read -r file; do
     [ -n "$(find . -path ./build -prune -o -name "$file" -print -quit)" ] || report "$page" "there is no file $file"
   done < <(grep -oE '`[a-z_]+\.(h|cpp)`' "$page" | tr -d '`' | sort -u)

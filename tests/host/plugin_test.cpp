@@ -29,7 +29,7 @@ TEST(AgentOption, OmittedPartsHaveDefaults) {
     EXPECT_EQ(option.nameSpace, nameSpace) << text;
     EXPECT_EQ(option.agentName, name) << text;
   }
-  for (const char* text : {"", ":Foo", "l.so:Foo Bar", "l.so:9", "l.so:Foo::"})
+  for (const char* text : {"", ":Foo", "l.so:Foo Bar", "l.so:9", "l.so:Foo::", "l.so?x", "l.so?=1", "?x=1"})
     EXPECT_THROW(AgentOption::parse(text), StartError) << text;
 }
 
@@ -37,7 +37,7 @@ TEST(Plugin, InvalidLibrariesAreRefusedWithTheReason) {
   const Folder folder;
   contentIs(folder.at("text.so"), "no library");
   const std::string agents = TEST_AGENTS;
-  const std::pair<std::string, const char*> cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
       {folder.at("absent.so"), "there is no such file"},
       {"absent-from-everywhere.so", "and the library path"},
       {folder.at("text.so"), "does not load"},
@@ -45,11 +45,25 @@ TEST(Plugin, InvalidLibrariesAreRefusedWithTheReason) {
       {TEST_ALIEN_AGENT, "was not built with this framework"},
       {agents, "has no factory 'Pinlamp::agentFactory(Zel::Name)'"},
       {agents + ":Null", "returned null"},
+      {agents + ":Plain?poll=3", "takes no options"},
+      {agents + ":Optional?alarm=11", "option 'alarm=11': expected a number from 0 to 10"},
+      {agents + ":Optional?alarm=1s", "option 'alarm=1s': expected a number from 0 to 10"},
+      {agents + ":Optional?alarm=nan", "option 'alarm=nan': expected a number from 0 to 10"},
+      {agents + ":Optional?zones=rear,left", "expected a list of these, separated by commas: front, rear"},
+      {agents + ":Optional?alarms=1", "there is no option 'alarms'; there are: alarm, zones"},
+      {agents + ":Optional?alarm=1&alarm=2",
+       "agent '" + agents + ":Optional': option 'alarm' is there twice"},
   };
   for (const auto& [option, reason] : cases) {
     EXPECT_THAT(Support::errorOf<StartError>([&] { return Plugin(AgentOption::parse(option)).agent(); }),
                 ::testing::HasSubstr(reason));
   }
+}
+
+TEST(Plugin, OptionsReachTheFactoryAndMayBeLeftOut) {
+  for (const char* options : {"", "?", "?alarm=3.5", "?zones=front&alarm=1e1"})
+    EXPECT_TRUE(Plugin(AgentOption::parse(TEST_AGENTS ":Optional:lamp" + std::string(options))).agent())
+        << options;
 }
 
 TEST(Plugin, TheAgentHasItsNameAndEndsBeforeItsLibrary) {

@@ -1,6 +1,7 @@
 // Factories and agents that misbehave.
 #include <stdexcept>
 
+#include "platform/warden/agentoptions.h"
 #include "platform/warden/cagent.h"
 #include "platform/zel/notify/activity.h"
 #include "tests/support.h"
@@ -97,6 +98,13 @@ ZEL_API Zel::Ptr<Warden::CAgent> agentFactory(Zel::Name name) { return Zel::allo
 namespace Plain {
 ZEL_API Zel::Ptr<Warden::CAgent> agentFactory(Zel::Name name) { return Zel::allocate<Agent>(name); }
 }  // namespace Plain
+
+namespace Optional {
+ZEL_API Zel::Ptr<Warden::CAgent> agentFactory(Zel::Name name, const Warden::AgentOptions& options) {
+  options.words("zones", {"front", "rear"});
+  return Zel::allocate<Agent>(name, options.number("alarm", Zel::Clock::kNever, 0, 10));
+}
+}  // namespace Optional
 
 namespace Faulty {
 ZEL_API Zel::Ptr<Warden::CAgent> agentFactory(Zel::Name name) { return Zel::allocate<Agent>(name, 0.0); }

@@ -24,4 +24,7 @@ inline constexpr char kLineStatus[] = "hardware/corvel/gpio/status";
 inline constexpr char kFans[] = "hardware/fanController/config";
 inline constexpr char kCooling[] = "environment/cooling/config";  // Environment::Cooling::Config
 
+// The facts about the machine, which the facts agent fills: directories by kind, platform/model/facts.h.
+inline constexpr char kFacts[] = "facts";
+
 }  // namespace Paths

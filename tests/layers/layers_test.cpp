@@ -34,6 +34,7 @@ const std::map<std::string, std::vector<std::string>> kBelow{
     {"agent", {"reactor", "platform/warden"}},
     {"utils", {"platform/model", "platform/cell"}},
     {"gpio", {"platform/model", "platform/warden"}},
+    {"policy", {"utils", "platform/warden"}},
     {"host/io", {"platform/zel/notify"}},
     {"host/rpc", {"host/io", "platform/statedb/store"}},
     {"host/store", {"host/rpc"}},

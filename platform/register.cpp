@@ -11,6 +11,9 @@
 #include "platform/model/led.h"
 #include "platform/model/ledconfig.h"
 #include "platform/model/ledsystemconfigdir.h"
+#include "platform/model/lightrequest.h"
+#include "platform/model/lightrule.h"
+#include "platform/model/lightstatus.h"
 #include "platform/statedb/mount/mount.h"
 #include "platform/warden/cagent.h"
 #include "platform/zel/entity/dir.h"
@@ -26,6 +29,10 @@ const Zel::TypeRegistration types{
     &Warden::CAgent::typeNode,
     &Hardware::Led::LedSystemConfigDir::typeNode,
     &Hardware::Led::LedConfig::typeNode,
+    &Hardware::Led::LightRequest::typeNode,
+    &Hardware::Led::LightRule::typeNode,
+    &Hardware::Led::LightStatus::typeNode,
+    &Hardware::Led::LedClaims::typeNode,
     &Hardware::Gpio::GpioLedSystemConfigDir::typeNode,
     &Hardware::Gpio::GpioLedConfig::typeNode,
     &Hardware::Gpio::CorvelGpioLedSystemConfigDir::typeNode,

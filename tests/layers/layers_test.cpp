@@ -35,6 +35,7 @@ const std::map<std::string, std::vector<std::string>> kBelow{
     {"utils", {"platform/model", "platform/cell"}},
     {"gpio", {"platform/model", "platform/warden"}},
     {"facts", {"platform/model", "platform/warden"}},
+    {"policy", {"utils", "platform/warden"}},
     {"host/io", {"platform/zel/notify"}},
     {"host/rpc", {"host/io", "platform/statedb/store"}},
     {"host/store", {"host/rpc"}},

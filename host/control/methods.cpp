@@ -4,18 +4,23 @@
 
 #include <algorithm>
 
+#include "host/io/reconnects.h"
 #include "host/rpc/changes.h"
 #include "host/rpc/rpc.h"
 #include "platform/zel/core/trace.h"
 #include "platform/zel/entity/entity.h"
 #include "platform/zel/entity/pathwalker.h"
 #include "platform/zel/notify/activity.h"
+#include "platform/zel/notify/lateness.h"
 
 namespace Host {
 
 namespace {
 
 constexpr int kProtocol = 1;
+
+
+}
 
 // The path parameter; empty for everything.
 const std::string& pathField(const Zel::Value& parameters) {
@@ -189,12 +194,18 @@ Json countsJson(const Statedb::Table* table) {
   return types;
 }
 
+Json latenessJson() {
+  const Zel::Lateness& lateness = Zel::Lateness::ofProcess();
+  return {{"bounds", Zel::Lateness::kBounds}, {"counts", lateness.counts()}, {"sum", lateness.sum()}};
+}
+
 Json activityJson() {
   const auto& activity = Zel::activityManager();
   return {{"passes", activity.passes()},
           {"deliveries", activity.deliveries()},
           {"expiries", activity.clock()->expiries()},
           {"worstLateness", activity.clock()->worstLateness()},
+          {"lateness", latenessJson()},
           {"now", Zel::System::currentTime()}};
 }
 
@@ -221,6 +232,7 @@ Json servedJson(const Served& served, std::size_t entities) {
           {"refusals", served.manager.refusals()},
           {"lastRefusal", served.lastRefusal},
           {"storeState", stateJson(served.store.state())},
+          {"reconnects", Reconnects::count()},
           {"clients", served.clients},
           {"uptime", Zel::System::currentTime() - served.started}};
 }

@@ -40,6 +40,7 @@ void addEntityCommands(Command& parent, Context& context);  // get, set, del, ty
 void addWatchCommand(Command& parent, Context& context);
 void addWaitCommand(Command& parent, Context& context);
 void addCheckCommand(Command& parent, Context& context);
+void addBoardCommands(Command& parent, Context& context);  // board …
 void addPanelCommand(Command& parent, Context& context);
 void addRecordCommand(Command& parent, Context& context);
 void addHostCommands(Command& parent, Context& context);  // trace, status
@@ -51,7 +52,7 @@ void addStoreCommands(Command& parent, Context& context);  // store …
 // In the order of the help text.
 inline constexpr std::array kCommandGroups{
     addLedCommands,   addPanelCommand,   addMapCommands,    addConfigCommands, addCheckCommand,
-    addEntityCommands, addWatchCommand,   addWaitCommand,    addRecordCommand,
+    addBoardCommands, addEntityCommands, addWatchCommand,   addWaitCommand,    addRecordCommand,
     addHostCommands,  addMetricsCommand, addObjectCommands, addWhyCommand,     addStoreCommands};
 
 // Runs one command line, without the program's name; returns the exit status: 0, 1 (refused) or 2 (usage).

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "host/control/brought.h"
 #include "host/io/reconnects.h"
 #include "host/rpc/changes.h"
 #include "host/rpc/rpc.h"
@@ -19,7 +20,13 @@ namespace {
 
 constexpr int kProtocol = 1;
 
+// Entities that clients alone read.
+const Zel::TypeRegistration typesOfClients{&Board::Brought::typeNode};
 
+// How to reach the host that keeps the state: the rest of "unix:SOCKET".
+std::string keeperHint(const std::string& url) {
+  constexpr std::string_view kSocket = "unix:";
+  return url.starts_with(kSocket) ? ", with pinlampctl --socket " + url.substr(kSocket.size()) : "";
 }
 
 // The path parameter; empty for everything.
@@ -99,7 +106,7 @@ std::string Methods::entitiesAt(const std::string& text) const {
 void Methods::expectTable(const char* method) const {
   if (!table_)
     throw Statedb::StoreError(std::string(method) + ": the state is kept at " + served_.store.url() +
-                              "; ask there");
+                              "; ask there" + keeperHint(served_.store.url()));
 }
 
 std::string Methods::read(const Zel::Value& parameters, Caller&) const {

@@ -1,6 +1,7 @@
 #include "ctl/appliance.h"
 
 #include <algorithm>
+#include <unordered_map>
 
 #include "ctl/text.h"
 
@@ -31,9 +32,9 @@ void Mirror::changesAre(const Json& changes) {
   }
 }
 
-void Mirror::entitiesAre(const std::string& above, const Json& entities) {
+void Mirror::entitiesAre(const std::string& above, Json entities) {
   del(above);
-  for (const Json& entity : entities) put(entity);
+  for (Json& entity : entities) put(std::move(entity));
 }
 
 const Mirror::Entity* Mirror::find(const std::string& path) const {
@@ -41,10 +42,15 @@ const Mirror::Entity* Mirror::find(const std::string& path) const {
   return found == entities_.end() ? nullptr : &found->second;
 }
 
-void Mirror::put(const Json& entity) {
-  Entity& known = entities_[entity.at("path").get<std::string>()];
+void Mirror::put(Json entity) {
+  Entity& known = entities_[entity.at("path").get_ref<const std::string&>()];
   if (const auto type = entity.find("type"); type != entity.end()) known.type = *type;
-  if (const auto set = entity.find("attributes"); set != entity.end()) known.attributes.update(*set);
+  const auto set = entity.find("attributes");
+  if (set == entity.end()) return;
+  if (known.attributes.empty())
+    known.attributes = std::move(*set);
+  else
+    known.attributes.update(*set);
 }
 
 void Mirror::unset(const Json& change) {
@@ -119,10 +125,6 @@ void readPins(const Mirror& mirror, const PerColour<std::vector<std::string>>& p
     }
 }
 
-struct Naturally {
-  bool operator()(const std::string& a, const std::string& b) const { return naturallyBefore(a, b); }
-};
-
 }  // namespace
 
 void formerPinsAre(Lamp& lamp, const PerColour<std::vector<std::string>>& driven, const Mirror& mirror) {
@@ -134,8 +136,9 @@ void formerPinsAre(Lamp& lamp, const PerColour<std::vector<std::string>>& driven
 }
 
 std::vector<Lamp> lampsOf(const Mirror& mirror) {
-  std::map<std::string, Lamp, Naturally> lamps;
+  std::unordered_map<std::string, Lamp> lamps;
   for (const auto& [path, entity] : mirror.entities()) {
+    if (entity.type != kLedType && entity.type != kMapType) continue;
     const std::string name = lastName(path);
     if (entity.type == kLedType && path == ledPath(name))
       settingIs(lamps[name], entity.attributes.value("lightSetting", Json::object()));
@@ -147,6 +150,7 @@ std::vector<Lamp> lampsOf(const Mirror& mirror) {
     readPins(mirror, lamp.pins, lamp);
     sorted.push_back(std::move(lamp));
   }
+  std::ranges::sort(sorted, naturallyBefore, &Lamp::name);
   return sorted;
 }
 
@@ -211,9 +215,9 @@ LiveAppliance::LiveAppliance(Client& client, const std::string& led) {
 }
 
 void LiveAppliance::watch(Client& client, const std::string& path) {
-  const Json begun = client.call("watch", {{"path", path}});
+  Json begun = client.call("watch", {{"path", path}});
   paths_[begun.at("watch")] = path;
-  mirror_.entitiesAre(path, begun.at("entities"));
+  mirror_.entitiesAre(path, std::move(begun.at("entities")));
 }
 
 void LiveAppliance::take(const Json& notification) {

@@ -44,14 +44,14 @@ class Mirror {
 
   void changesAre(const Json& changes);
   // Replaces everything at and under `above`.
-  void entitiesAre(const std::string& above, const Json& entities);
+  void entitiesAre(const std::string& above, Json entities);
 
   const std::map<std::string, Entity>& entities() const { return entities_; }
   // Null if there is no such entity.
   const Entity* find(const std::string& path) const;
 
  private:
-  void put(const Json& entity);
+  void put(Json entity);
   void unset(const Json& change);
   void del(const std::string& path);
 

@@ -5,9 +5,12 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
+#include "ctl/entityreader.h"
 #include "ctl/jsontext.h"
 #include "ctl/ownhost.h"
 #include "ctl/processes.h"
@@ -105,13 +108,18 @@ void Client::receive() {
   std::size_t begin = buffer_.size();
   buffer_.append(chunk, static_cast<std::size_t>(count));
   for (std::size_t end; (end = buffer_.find('\n', begin)) != std::string::npos; begin = 0) {
-    takeLine(buffer_.substr(0, end));
-    buffer_.erase(0, end + 1);
+    std::string rest = buffer_.substr(end + 1);
+    buffer_.resize(end);
+    takeLine(std::exchange(buffer_, std::move(rest)));
   }
   if (buffer_.size() > kLongestLine) lost("sent a message of more than 1 GiB");
 }
 
-void Client::takeLine(const std::string& line) {
+void Client::takeLine(std::string line) {
+  if (unparsed_) {
+    *std::exchange(unparsed_, nullptr) = std::move(line);
+    return;
+  }
   if (tooDeepAt(line, kMessageDepth)) lost("sent a message " + tooDeep(kMessageDepth));
   Json message = Json::parse(line, nullptr, false);
   if (!message.is_object()) lost("sent an invalid message: " + line.substr(0, 60));
@@ -142,11 +150,10 @@ void Client::post(const char* method, const std::string& parameters) {
 }
 
 // The time is that between two pieces of an answer: a long one takes long to make.
-Json Client::nextReply(std::chrono::seconds timeout, const std::function<void(std::size_t)>& arrived) {
+Json Client::nextReply(std::chrono::seconds timeout) {
   while (replies_.empty()) {
     waitReadable(timeout);
     receive();
-    if (arrived) arrived(buffer_.size());
   }
   --unanswered_;
   Json reply = std::move(replies_.front());
@@ -154,8 +161,8 @@ Json Client::nextReply(std::chrono::seconds timeout, const std::function<void(st
   return reply;
 }
 
-Json Client::reply(std::chrono::seconds timeout, const std::function<void(std::size_t)>& arrived) {
-  Json reply = nextReply(timeout, arrived);
+Json Client::reply(std::chrono::seconds timeout) {
+  Json reply = nextReply(timeout);
   if (const auto error = reply.find("error"); error != reply.end()) throw refusalOf(*error);
   return reply.value("result", Json());
 }
@@ -165,52 +172,77 @@ Json Client::call(const char* method, const Json& parameters) {
   return reply(timeout_);
 }
 
-Json Client::read(const std::string& path, const std::function<void(std::size_t)>& arrived) {
-  return readLayer("", path, arrived);
-}
-Json Client::readBase(const std::string& path, const std::function<void(std::size_t)>& arrived) {
-  return readLayer("base", path, arrived);
-}
-Json Client::readCovers(const std::string& path) { return readLayer("covers", path, {}); }
+namespace {
 
-Json Client::readLayer(const char* layer, const std::string& path,
-                       const std::function<void(std::size_t)>& arrived) {
+// `layer`: empty for the effective rows.
+std::string readParameters(const char* layer, const std::string& path) {
   Json parameters = Json::object();
   if (*layer != 0) parameters["layer"] = layer;
   if (!path.empty()) parameters["path"] = path;
-  post("read", textOf("read", parameters));
-  return reply(timeout_, arrived).at("entities");
+  return textOf("read", parameters);
 }
 
-std::vector<Client::Part> Client::partsOf(const Json& changes) {
-  constexpr std::size_t kLongest = kMessageLimit - 1000;  // beside the rest of its message
-  std::vector<Part> parts(1);
-  for (const Json& change : changes) {
-    const std::string text = textOf("write", change);
-    if (parts.back().changes > 0 && parts.back().text.size() + text.size() > kLongest) parts.emplace_back();
-    parts.back().text += (parts.back().changes++ == 0 ? '[' : ',') + text;
+}  // namespace
+
+Json Client::read(const std::string& path) { return readLayer("", path); }
+Json Client::readBase(const std::string& path) { return readLayer("base", path); }
+Json Client::readCovers(const std::string& path) { return readLayer("covers", path); }
+
+Json Client::readLayer(const char* layer, const std::string& path) {
+  post("read", readParameters(layer, path));
+  return reply(timeout_).at("entities");
+}
+
+void Client::readBase(const std::string& path, EntityReader& reader,
+                      const std::function<void(std::size_t bytes)>& arrived) {
+  post("read", readParameters("base", path));
+  std::optional<std::string> line;
+  for (unparsed_ = &line; !line; arrived(buffer_.size())) {
+    waitReadable(timeout_);
+    receive();
   }
-  for (Part& part : parts) part.text += part.changes == 0 ? "[]" : "]";
-  return parts;
+  if (reader.read(*line)) {
+    --unanswered_;
+    return;
+  }
+  takeLine(std::move(*line));
+  reply(timeout_);
+  lost("sent an unexpected answer");
+}
+
+void Client::Batch::add(const std::string& change) {
+  constexpr std::size_t kLongest = kMessageLimit - 1000;  // beside the rest of its message
+  if (parts_.empty() || parts_.back().text.size() + change.size() > kLongest) {
+    parts_.emplace_back();
+    parts_.back().text.reserve(std::max(kLongest, change.size()) + 2);
+  }
+  Part& part = parts_.back();
+  part.text += part.changes++ == 0 ? '[' : ',';
+  part.text += change;
 }
 
 void Client::write(const Json& changes, const Sent& sent) {
-  const std::vector<Part> parts = partsOf(changes);
-  if (parts.size() > 1) return sendParts(parts, sent);
-  post("write", "{\"changes\":" + parts.front().text + '}');
+  Batch batch;
+  for (const Json& change : changes) batch.add(textOf("write", change));
+  write(batch, sent);
+}
+
+void Client::write(const Batch& batch, const Sent& sent) {
+  if (batch.parts_.size() > 1) return sendParts(batch.parts_, sent);
+  post("write", "{\"changes\":" + (batch.parts_.empty() ? "[" : batch.parts_.front().text) + "]}");
   reply(timeout_);
 }
 
 // The host reads one part while the next is sent. A request that is refused fails the transaction, so the
 // others do no harm.
-void Client::sendParts(const std::vector<Part>& parts, const Sent& onSent) {
+void Client::sendParts(const std::vector<Batch::Part>& parts, const Sent& onSent) {
   constexpr std::chrono::seconds kCommit{120};  // of the most changes that a transaction has, on a slow disk
   std::size_t sent = 0, all = 0;
-  for (const Part& part : parts) all += part.changes;
+  for (const Batch::Part& part : parts) all += part.changes;
   try {
     post("begin", "{}");
-    for (const Part& part : parts) {
-      post("write", "{\"changes\":" + part.text + '}');
+    for (const Batch::Part& part : parts) {
+      post("write", "{\"changes\":" + part.text + "]}");
       sent += part.changes;
       while (unanswered_ > 1) reply(timeout_);
       if (onSent) onSent(sent, all);

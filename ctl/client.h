@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "ctl/refusal.h"
 
@@ -27,12 +28,28 @@ class ConnectionLost : public Refusal {
   std::string reason_;
 };
 
+class EntityReader;
 class OwnHost;
 
 class Client {
  public:
   // Bytes that the host accepts in one message.
   static constexpr std::size_t kMessageLimit = 1 << 20;
+
+  // Changes as JSON text, in parts that fit into messages.
+  class Batch {
+   public:
+    // One that is longer than a message is refused when it is written.
+    void add(const std::string& change);
+
+   private:
+    friend class Client;
+    struct Part {
+      std::string text;
+      std::size_t changes = 0;
+    };
+    std::vector<Part> parts_;
+  };
 
   // Bytes accepted in one message from the host; bounds memory.
   static constexpr std::size_t kLongestLine = std::size_t{1} << 30;
@@ -53,16 +70,19 @@ class Client {
   Json call(const char* method, const Json& parameters = Json::object());
 
   // The entity at a path and all under it, sorted by path.
-  // `arrived`: called with the bytes that did so far.
-  Json read(const std::string& path, const std::function<void(std::size_t bytes)>& arrived = {});
+  Json read(const std::string& path);
   // The same without covers, for what is written back; and the covers alone.
-  Json readBase(const std::string& path, const std::function<void(std::size_t bytes)>& arrived = {});
+  Json readBase(const std::string& path);
   Json readCovers(const std::string& path);
+  // Gives what is there without covers to `reader`. `arrived`: called with the bytes that did so far.
+  void readBase(const std::string& path, EntityReader& reader,
+                const std::function<void(std::size_t bytes)>& arrived);
   // Called with the number of changes that were sent, and that of all.
   using Sent = std::function<void(std::size_t changes, std::size_t all)>;
   // Applies all of the changes, or none: in one message, or in a transaction where one can't hold them.
   // `sent` is called in a transaction only.
   void write(const Json& changes, const Sent& sent = {});
+  void write(const Batch& batch, const Sent& sent = {});
   // The paths that agents of any host fill, see filledPaths(). Writes at and under them by others are
   // refused.
   std::vector<std::string> filled();
@@ -79,25 +99,16 @@ class Client {
   int descriptor() const { return descriptor_; }
 
  private:
-  // Some of the changes of a batch, as the text of an array, and how many there are.
-  struct Part {
-    std::string text;
-    std::size_t changes = 0;
-  };
-  static std::vector<Part> partsOf(const Json& changes);
-
-  // `layer`: empty for the effective rows.
-  Json readLayer(const char* layer, const std::string& path,
-                 const std::function<void(std::size_t bytes)>& arrived);
+  Json readLayer(const char* layer, const std::string& path);
   void post(const char* method, const std::string& parameters);
   // The answer to the oldest request that has none.
-  Json nextReply(std::chrono::seconds timeout, const std::function<void(std::size_t)>& arrived = {});
+  Json nextReply(std::chrono::seconds timeout);
   // Its result. Throws as call() does.
-  Json reply(std::chrono::seconds timeout, const std::function<void(std::size_t)>& arrived = {});
-  void sendParts(const std::vector<Part>& parts, const Sent& onSent);
+  Json reply(std::chrono::seconds timeout);
+  void sendParts(const std::vector<Batch::Part>& parts, const Sent& onSent);
   void send(const std::string& line);
   void waitReadable(std::chrono::seconds timeout);
-  void takeLine(const std::string& line);
+  void takeLine(std::string line);
   [[noreturn]] void lost(const std::string& why) const;
 
   void limitWrites() const;
@@ -111,6 +122,7 @@ class Client {
   std::string buffer_;
   std::deque<Json> notifications_;
   std::deque<Json> replies_;
+  std::optional<std::string>* unparsed_ = nullptr;  // takes the next line, where set
 };
 
 }  // namespace Ctl

@@ -45,6 +45,11 @@ Argument& Argument::valueName(const std::string& name) {
   return *this;
 }
 
+Argument& Argument::showDefault() {
+  option_->capture_default_str();
+  return *this;
+}
+
 Argument& Argument::fromEnvironment(const std::string& variable) {
   option_->envname(variable)->capture_default_str();
   return *this;

@@ -59,6 +59,8 @@ class Argument {
   Argument& hidden();
   // Names the value in the help text.
   Argument& valueName(const std::string& name);
+  // Shows the value that it has without the argument in the help text.
+  Argument& showDefault();
   // Takes the value from an environment variable if the command line has none. Help shows the default.
   Argument& fromEnvironment(const std::string& variable);
 

@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <set>
+#include <unordered_set>
 #include <utility>
 
 #include "ctl/appliance.h"
 #include "ctl/jsontext.h"
-#include "ctl/output.h"
 #include "ctl/text.h"
 
 namespace Ctl {
@@ -40,96 +40,152 @@ Refusal outOfRange(const std::string& file, const std::string& text, const std::
                  " is out of range");
 }
 
-// Builds the value that the library's parser reads, and collects the duplicate keys of its objects, which the
-// library would drop. (With a callback the library visits every member of an object at the end of each one:
-// that is quadratic.)
-class Builder : public nlohmann::json_sax<Json> {
- public:
-  Json value;
-  std::vector<std::string> duplicates;
-
-  bool null() override { return add(nullptr); }
-  bool boolean(bool given) override { return add(given); }
-  bool number_integer(std::int64_t given) override { return add(given); }
-  bool number_unsigned(std::uint64_t given) override { return add(given); }
-  bool number_float(double given, const std::string&) override { return add(given); }
-  bool string(std::string& given) override { return add(std::move(given)); }
-  bool binary(Json::binary_t&) override { return false; }
-  bool start_object(std::size_t) override { return open(Json::object()); }
-  bool start_array(std::size_t) override { return open(Json::array()); }
-  bool end_object() override { return close(); }
-  bool end_array() override { return close(); }
-  bool key(std::string& given) override {
-    const auto [member, isNew] = open_.back()->get_ref<Json::object_t&>().try_emplace(given);
-    if (!isNew) duplicates.push_back(given);
-    member_ = &member->second;
-    return true;
-  }
-  bool parse_error(std::size_t, const std::string&, const Json::exception& error) override {
-    if (const auto* syntax = dynamic_cast<const Json::parse_error*>(&error)) throw *syntax;
-    if (const auto* range = dynamic_cast<const Json::out_of_range*>(&error)) throw *range;
-    return false;
-  }
-
- private:
-  Json& place() {
-    if (open_.empty()) return value;
-    return open_.back()->is_array() ? open_.back()->emplace_back() : *member_;
-  }
-  bool add(Json&& given) {
-    place() = std::move(given);
-    return true;
-  }
-  bool open(Json&& container) {
-    Json& opened = place();
-    opened = std::move(container);
-    open_.push_back(&opened);
-    return true;
-  }
-  bool close() {
-    open_.pop_back();
-    return true;
-  }
-
-  std::vector<Json*> open_;  // the arrays and objects around the next value
-  Json* member_ = nullptr;   // of the innermost object
-};
-
-// Parses JSON, and adds an error for each duplicate key.
-Json parsed(const std::string& file, const std::string& text, std::vector<std::string>& errors) {
-  if (const auto at = tooDeepAt(text, kInputDepth))
-    throw Refusal(file + ':' + positionAt(text, *at) + ": " + tooDeep(kInputDepth));
-  Builder builder;
-  try {
-    Json::sax_parse(text, &builder);
-  } catch (const Json::parse_error& error) {
-    throw Refusal(file + ':' + positionAt(text, error.byte == 0 ? 0 : error.byte - 1) + ": " +
-                  reasonOf(error.what()));
-  } catch (const Json::out_of_range& error) {
-    throw outOfRange(file, text, error.what());
-  }
-  for (const std::string& key : builder.duplicates)
-    errors.push_back(file + ": duplicate key " + Json(key).dump() + " in an object; keep one");
-  return std::move(builder.value);
-}
-
 // FILE:LINE of a key; FILE where its escapes differ from ours.
 std::string positionOf(const Configuration::Source& source, const std::string& key) {
   const std::size_t at = source.text.find(Json(key).dump());
   return at == std::string::npos ? source.file : source.file + ':' + std::to_string(lineAt(source.text, at));
 }
 
-// Why the entity is invalid; empty if it is not.
-std::string faultOf(const Json& entity) {
-  if (!entity.is_object())
-    return std::string("found ") + entity.type_name() + R"(, expected {"type": TYPE, ATTRIBUTE: VALUE})";
-  if (const auto type = entity.find("type"); type == entity.end() || !type->is_string())
-    return std::string(R"("type" is missing or not a string; it is the entity's type, such as ")") +
-           kLedType + '"';
-  return {};
+// Runs the library's parser, and gives its errors their position.
+void parse(const std::string& file, const std::string& text, JsonReader& reader) {
+  if (const auto at = tooDeepAt(text, kInputDepth))
+    throw Refusal(file + ':' + positionAt(text, *at) + ": " + tooDeep(kInputDepth));
+  try {
+    Json::sax_parse(text, &reader);
+  } catch (const Json::parse_error& error) {
+    throw Refusal(file + ':' + positionAt(text, error.byte == 0 ? 0 : error.byte - 1) + ": " +
+                  reasonOf(error.what()));
+  } catch (const Json::out_of_range& error) {
+    throw outOfRange(file, text, error.what());
+  }
 }
 
+std::string duplicateKey(const Configuration::Source& source, const std::string& key) {
+  return source.file + ": duplicate key " + Json(key).dump() + " in an object; keep one";
+}
+
+// The keys of the objects around a place. Finds one that an object has twice, which the library would drop.
+class OpenKeys {
+ public:
+  void open() {
+    if (depth_++ == objects_.size()) objects_.emplace_back();
+  }
+  void close() { objects_[--depth_].clear(); }
+  // Returns false if the innermost object has the key.
+  bool add(const std::string& key) {
+    Keys& keys = objects_[depth_ - 1];
+    if (keys.many.empty() && keys.few.size() < kFew) {
+      if (std::ranges::find(keys.few, key) != keys.few.end()) return false;
+      keys.few.push_back(key);
+      return true;
+    }
+    if (keys.many.empty()) keys.many.insert(keys.few.begin(), keys.few.end());
+    return keys.many.insert(key).second;
+  }
+
+ private:
+  static constexpr std::size_t kFew = 16;
+  struct Keys {
+    std::vector<std::string> few;
+    std::unordered_set<std::string> many;
+
+    void clear() {
+      few.clear();
+      many.clear();
+    }
+  };
+
+  std::vector<Keys> objects_;  // kept, as most have few keys and end soon
+  std::size_t depth_ = 0;
+};
+
 }  // namespace
+
+// Makes the entities of one file from its events: {PATH: {"type": TYPE, ATTRIBUTE: VALUE, …}, …}.
+class Configuration::Reader : public JsonReader {
+ public:
+  Reader(Configuration& into, const Source& source, std::vector<std::string>& errors)
+      : into_(into), source_(source), errors_(errors) {}
+
+  bool start_object(std::size_t) override {
+    if (depth_ > 0) begin("object");
+    if (depth_++ > 0) text_.open('{');
+    keys_.open();
+    return true;
+  }
+  bool end_object() override {
+    keys_.close();
+    return close('}');
+  }
+  bool start_array(std::size_t) override {
+    begin("array");
+    text_.open('[');
+    ++depth_;
+    return true;
+  }
+  bool end_array() override { return close(']'); }
+
+  bool key(std::string& given) override {
+    if (depth_ > 1 && !keys_.add(given)) errors_.push_back(duplicateKey(source_, given));
+    if (depth_ == 1)
+      path_ = std::move(given);
+    else if (isType_ = depth_ == 2 && given == "type"; !isType_)
+      text_.key(given);
+    return true;
+  }
+  bool string(std::string& given) override {
+    if (std::exchange(isType_, false)) {
+      type_ = std::move(given);
+      return true;
+    }
+    begin("string");
+    text_.string(given);
+    return end();
+  }
+  bool token(const std::string& text, const char* type) override {
+    begin(type);
+    text_.token(text);
+    return end();
+  }
+
+ private:
+  // A value begins: the file's, an entity, or one in an entity.
+  void begin(const char* what) {
+    if (depth_ == 0)
+      throw Refusal(source_.file + ":1: found " + what +
+                    R"(, expected {PATH: {"type": TYPE, ATTRIBUTE: VALUE}})");
+    if (depth_ == 1) found_ = what;
+    if (std::exchange(isType_, false)) text_.key("type");
+  }
+  bool close(char bracket) {
+    if (--depth_ == 0) return true;
+    text_.close(bracket);
+    return end();
+  }
+  bool end() {
+    if (depth_ > 1) return true;
+    const std::string why = fault();
+    into_.add(std::move(path_), {std::exchange(type_, {}), text_.take(), &source_}, why, errors_);
+    return true;
+  }
+  // Why the entity is invalid; empty if it is not.
+  std::string fault() const {
+    if (found_ != "object") return "found " + found_ + R"(, expected {"type": TYPE, ATTRIBUTE: VALUE})";
+    if (type_.empty())
+      return std::string(R"("type" is missing or not a string; it is the entity's type, such as ")") +
+             kLedType + '"';
+    return {};
+  }
+
+  Configuration& into_;
+  const Source& source_;
+  std::vector<std::string>& errors_;
+  OpenKeys keys_;
+  JsonWriter text_{false};
+  int depth_ = 0;
+  bool isType_ = false;  // the value that comes next is the entity's type
+  std::string path_, type_, found_;
+};
 
 Configuration::Configuration(std::vector<Source> sources) : sources_(std::move(sources)) {
   std::vector<std::string> errors;
@@ -138,16 +194,22 @@ Configuration::Configuration(std::vector<Source> sources) : sources_(std::move(s
 }
 
 void Configuration::read(const Source& source, std::vector<std::string>& errors) {
-  Json whole = parsed(source.file, source.text, errors);
-  if (!whole.is_object())
-    throw Refusal(source.file + ":1: found " + whole.type_name() +
-                  R"(, expected {PATH: {"type": TYPE, ATTRIBUTE: VALUE}})");
-  for (auto& [path, entity] : whole.items()) {
-    std::string fault = faultOf(entity);
-    const auto [entry, added] = entities_.try_emplace(path, Entity{std::move(entity), &source});
-    if (!added) fault = "the entity is in " + positionOf(*entry->second.source, path) + ", too; keep one";
-    if (!fault.empty()) errors.push_back(positionOf(source, path) + ": " + path + ": " + fault);
-  }
+  Reader reader(*this, source, errors);
+  parse(source.file, source.text, reader);
+}
+
+void Configuration::add(std::string path, Entity entity, const std::string& fault,
+                        std::vector<std::string>& errors) {
+  const Source& source = *entity.source;
+  const std::size_t before = entities_.size();
+  const auto& [name, present] = *entities_.try_emplace(entities_.end(), std::move(path), std::move(entity));
+  const bool isNew = entities_.size() > before;
+  if (isNew && fault.empty()) return;
+  const std::string place = positionOf(source, name) + ": " + name + ": ";
+  if (isNew) return errors.push_back(place + fault);
+  errors.push_back(present.source == &source
+                       ? duplicateKey(source, name)
+                       : place + "the entity is in " + positionOf(*present.source, name) + ", too; keep one");
 }
 
 bool Configuration::covers(std::string path) const {
@@ -156,9 +218,9 @@ bool Configuration::covers(std::string path) const {
   return !path.empty();
 }
 
-const Json* Configuration::find(const std::string& path) const {
+const Configuration::Entity* Configuration::find(const std::string& path) const {
   const auto found = entities_.find(path);
-  return found == entities_.end() ? nullptr : &found->second.json;
+  return found == entities_.end() ? nullptr : &found->second;
 }
 
 std::string Configuration::located(const std::string& error) const {
@@ -173,13 +235,20 @@ std::string Configuration::located(const std::string& error) const {
 
 Json Configuration::puts() const {
   Json changes = Json::array();
-  for (const auto& [path, entity] : entities_) {
-    Json attributes = entity.json;
-    attributes.erase("type");
-    changes.push_back(
-        {{"op", "put"}, {"path", path}, {"type", entity.json.at("type")}, {"attributes", attributes}});
-  }
+  for (const auto& [path, entity] : entities_)
+    changes.push_back({{"op", "put"}, {"path", path}, {"type", entity.type}, {"attributes", entity.json()}});
   return changes;
+}
+
+void Configuration::addPuts(Client::Batch& batch) const {
+  for (const auto& [path, entity] : entities_) {
+    std::string text = "{\"op\":\"put\",\"path\":";
+    appendString(text, path, false);
+    text += ",\"type\":";
+    appendString(text, entity.type, false);
+    text += ",\"attributes\":" + entity.attributes + '}';
+    batch.add(text);
+  }
 }
 
 namespace {
@@ -196,11 +265,10 @@ bool isAboveFilled(const std::string& path, const std::vector<std::string>& fill
 
 // Whether the host's entity must be deleted first: its type differs, or it has an attribute that the wanted
 // one lacks.
-bool mustBeDeleted(const Json& found, const Json* wanted) {
-  if (!wanted || found.at("type") != wanted->at("type")) return true;
-  for (const auto& [attribute, value] : found.at("attributes").items())
-    if (!wanted->contains(attribute)) return true;
-  return false;
+bool mustBeDeleted(const Json& found, const std::string& type, const Json& wanted) {
+  return found.at("type") != type ||
+         std::ranges::any_of(found.at("attributes").items(),
+                             [&](const auto& entry) { return !wanted.contains(entry.key()); });
 }
 
 }  // namespace
@@ -210,8 +278,8 @@ Json Configuration::dels(const Json& entities, const std::vector<std::string>& f
   for (const Json& found : entities) {
     const std::string path = found.at("path");
     const bool goesWithLast = !changes.empty() && isUnder(path, changes.back().at("path").get<std::string>());
-    if (covers(path) && !isFilled(path, filled) && !isAboveFilled(path, filled) && !goesWithLast &&
-        mustBeDeleted(found, find(path)))
+    if (goesWithLast || !covers(path) || isFilled(path, filled) || isAboveFilled(path, filled)) continue;
+    if (const Entity* wanted = find(path); !wanted || mustBeDeleted(found, wanted->type, wanted->json()))
       changes.push_back({{"op", "del"}, {"path", path}});
   }
   return changes;
@@ -220,12 +288,11 @@ Json Configuration::dels(const Json& entities, const std::vector<std::string>& f
 namespace {
 
 // Whether a put of `wanted` changes what was found.
-bool isChanged(const Json& found, const Json& wanted) {
+bool isChanged(const Json& found, const std::string& type, const Json& wanted) {
   const Json& attributes = found.at("attributes");
-  return std::ranges::any_of(wanted.items(), [&](const auto& entry) {
-    const Json& before = entry.key() == "type" ? found.at("type") : attributes.value(entry.key(), Json());
-    return before != entry.value();
-  });
+  return found.at("type") != type || std::ranges::any_of(wanted.items(), [&](const auto& entry) {
+           return attributes.value(entry.key(), Json()) != entry.value();
+         });
 }
 
 }  // namespace
@@ -240,41 +307,33 @@ Differences Configuration::differences(const Json& entities, const Json& dels) c
   };
   for (const Json& found : entities) {
     const std::string path = found.at("path");
-    const Json* wanted = find(path);
+    const Entity* wanted = find(path);
     known.insert(path);
     if (!wanted && isDeleted(path)) all.removed.push_back(path);
-    if (wanted && (deleted.contains(path) || isChanged(found, *wanted))) all.changed.push_back(path);
+    if (wanted && (deleted.contains(path) || isChanged(found, wanted->type, wanted->json())))
+      all.changed.push_back(path);
   }
   for (const auto& [path, entity] : entities_)
     if (!known.contains(path)) all.added.push_back(path);
   return all;
 }
 
-namespace {
-
-std::string entityText(const Json& entity) {
-  std::string text = R"({"type": )" + jsonText(entity.at("type"));
-  for (const auto& [attribute, value] : entity.at("attributes").items())
-    text += ", " + jsonText(attribute) + ": " + oneLine(value);
-  return text + '}';
+void ConfigurationWriter::entity(std::string path, const std::string& type, const std::string& members) {
+  hasSeen_ = true;
+  if (!all_ && isFilled(path, filled_)) return;
+  std::string line;
+  appendString(line, path, true);
+  line += ": {\"type\": ";
+  appendString(line, type, true);
+  if (!members.empty()) line += ", ";
+  lines_.emplace_back(std::move(path), line + members + '}');
 }
 
-}  // namespace
-
-std::string wholeText(const Json& entities) {
-  std::map<std::string, std::string> lines;
-  for (const Json& entity : entities) lines[entity.at("path")] = entityText(entity);
+std::string ConfigurationWriter::text() {
+  std::ranges::sort(lines_);
   std::string text = "{";
-  for (const auto& [path, line] : lines)
-    text += (text == "{" ? "\n  " : ",\n  ") + jsonText(path) + ": " + line;
+  for (const auto& [path, line] : lines_) text += (text == "{" ? "\n  " : ",\n  ") + line;
   return text + "\n}\n";
-}
-
-std::string configurationText(const Json& entities, const std::vector<std::string>& filled) {
-  Json kept = Json::array();
-  for (const Json& entity : entities)
-    if (!isFilled(entity.at("path"), filled)) kept.push_back(entity);
-  return wholeText(kept);
 }
 
 }  // namespace Ctl

@@ -1,15 +1,17 @@
 // The configuration file: {PATH: {"type": TYPE, ATTRIBUTE: VALUE, …}, …}, written with one entity per line.
 //
 //   const Configuration wanted(std::vector<Configuration::Source>{{"leds.json", text}});
-//   const Json entities = client.read("");
+//   const Json entities = client.readBase("");
 //   client.write(wanted.puts());
 #pragma once
 
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ctl/client.h"
+#include "ctl/entityreader.h"
 
 namespace Ctl {
 
@@ -36,6 +38,7 @@ class Configuration {
 
   // The changes that store every entity, each before those under it.
   Json puts() const;
+  void addPuts(Client::Batch& batch) const;
   // The changes that remove what `entities` (as read from the host) has and this configuration lacks, at and
   // under the paths of this configuration; anywhere if it is empty. After them and puts() the host has
   // exactly this configuration there, except at and under the paths in `filled`, which agents fill.
@@ -48,24 +51,44 @@ class Configuration {
   std::string located(const std::string& error) const;
 
  private:
+  class Reader;
   struct Entity {
-    Json json;  // all attributes, and "type"
+    std::string type;
+    std::string attributes;  // the text of an object
     const Source* source;
+
+    Json json() const { return Json::parse(attributes); }
   };
 
   void read(const Source& source, std::vector<std::string>& errors);
+  void add(std::string path, Entity entity, const std::string& fault, std::vector<std::string>& errors);
   // Whether this configuration decides what is at the path.
   bool covers(std::string path) const;
-  const Json* find(const std::string& path) const;
+  const Entity* find(const std::string& path) const;
 
   std::vector<Source> sources_;
   std::map<std::string, Entity> entities_;  // by path
 };
 
-// The file's text for entities as read from the host, without those that agents fill: pins, line status, and
-// everything at and under the paths in `filled`.
-std::string configurationText(const Json& entities, const std::vector<std::string>& filled);
-// The file's text for all of the entities.
-std::string wholeText(const Json& entities);
+// Makes a file's text of the entities in the answers to `read`.
+class ConfigurationWriter : public EntityReader {
+ public:
+  // Leaves out what agents fill: pins, line status, and everything at and under the paths in `filled`.
+  explicit ConfigurationWriter(std::vector<std::string> filled) : filled_(std::move(filled)), all_(false) {}
+  // Of all entities.
+  ConfigurationWriter() = default;
+
+  // Whether there was any entity, left out or not.
+  bool hasSeen() const { return hasSeen_; }
+  std::string text();
+
+ private:
+  void entity(std::string path, const std::string& type, const std::string& members) override;
+
+  const std::vector<std::string> filled_;
+  const bool all_ = true;
+  bool hasSeen_ = false;
+  std::vector<std::pair<std::string, std::string>> lines_;  // by path
+};
 
 }  // namespace Ctl

@@ -40,18 +40,20 @@ void addEntityCommands(Command& parent, Context& context);  // get, set, del, ty
 void addWatchCommand(Command& parent, Context& context);
 void addWaitCommand(Command& parent, Context& context);
 void addCheckCommand(Command& parent, Context& context);
+void addBoardCommands(Command& parent, Context& context);  // board …
 void addPanelCommand(Command& parent, Context& context);
 void addRecordCommand(Command& parent, Context& context);
-void addHostCommands(Command& parent, Context& context);    // trace, status
+void addHostCommands(Command& parent, Context& context);  // trace, status
+void addMetricsCommand(Command& parent, Context& context);
 void addObjectCommands(Command& parent, Context& context);  // object …
 void addWhyCommand(Command& parent, Context& context);
 void addStoreCommands(Command& parent, Context& context);  // store …
 
 // In the order of the help text.
 inline constexpr std::array kCommandGroups{
-    addLedCommands,    addPanelCommand, addMapCommands,  addConfigCommands, addCheckCommand,
-    addEntityCommands, addWatchCommand, addWaitCommand,  addRecordCommand,  addHostCommands,
-    addObjectCommands, addWhyCommand,   addStoreCommands};
+    addLedCommands,   addPanelCommand,   addMapCommands,    addConfigCommands, addCheckCommand,
+    addBoardCommands, addEntityCommands, addWatchCommand,   addWaitCommand,    addRecordCommand,
+    addHostCommands,  addMetricsCommand, addObjectCommands, addWhyCommand,     addStoreCommands};
 
 // Runs one command line, without the program's name; returns the exit status: 0, 1 (refused) or 2 (usage).
 int runCommandLine(std::vector<std::string> arguments, std::ostream& out, std::ostream& err);

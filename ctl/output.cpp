@@ -27,19 +27,24 @@ std::string escapedCode(std::string_view character) {
   return text;
 }
 
-bool isPlain(std::string_view character) {
-  return (character[0] >= 0x20 && character[0] < 0x7f) || character == "\n" ||
-         Zel::printable(character) == character;
-}
+bool isPlainAscii(char c) { return (c >= 0x20 && c < 0x7f) || c == '\n'; }
 
 }  // namespace
 
 std::string jsonText(const Json& value, int indent) {
   std::string text;
   const std::string dumped = value.dump(indent);
+  text.reserve(dumped.size());
   for (std::string_view rest = dumped; !rest.empty();) {
+    const auto ascii = std::ranges::find_if_not(rest, isPlainAscii);
+    text.append(rest.begin(), ascii);
+    rest.remove_prefix(static_cast<std::size_t>(ascii - rest.begin()));
+    if (rest.empty()) break;
     const std::string_view character = rest.substr(0, bytesOf(static_cast<unsigned char>(rest[0])));
-    text += isPlain(character) ? std::string(character) : escapedCode(character);
+    if (Zel::printable(character) == character)
+      text += character;
+    else
+      text += escapedCode(character);
     rest.remove_prefix(character.size());
   }
   return text;

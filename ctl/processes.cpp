@@ -117,4 +117,17 @@ Json wholeStatus(Client& client) {
   return status;
 }
 
+Json readLines(Client& client) {
+  try {
+    Json lines = client.read(Paths::kLineStatus);
+    std::erase_if(lines.get_ref<Json::array_t&>(),
+                  [](const Json& line) { return line.at("type") != kLineStatusType; });
+    return lines;
+  } catch (const ConnectionLost&) {
+    throw;
+  } catch (const Refusal&) {
+    return Json::array();
+  }
+}
+
 }  // namespace Ctl

@@ -49,5 +49,7 @@ std::string text(const Claim& claim);
 // and "machines" beside the host's own members; "machines" and "published" of all processes together; each
 // process's own status, or why it has none ("error"), in its entry in "processes".
 Json wholeStatus(Client& client);
+// The status entities of GPIO lines; empty if another host keeps the state database.
+Json readLines(Client& client);
 
 }  // namespace Ctl

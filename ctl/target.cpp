@@ -21,7 +21,8 @@ Clock::time_point after(double seconds) {
 
 bool isReady(Client& client) {
   const Json status = client.call("status");
-  return std::ranges::all_of(status.at("mounts"),
+  return status.at("storeState").at("reached").get<bool>() &&
+         std::ranges::all_of(status.at("mounts"),
                              [](const Json& mount) { return mount.at("complete").get<bool>(); });
 }
 

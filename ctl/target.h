@@ -20,8 +20,9 @@ struct Target {
   bool hasHost() const { return store.empty(); }
   // "pinlampd at /run/pinlamp/control.sock", "state database redis-unix:/run/redis.sock".
   std::string name() const;
-  // Waits until the host's mounts are complete, and connects even where they are not; or until the store is
-  // reached. Throws ConnectionLost and Refusal, and UsageError for a store that a command can't use.
+  // Waits until the host's store is reached and its mounts are complete, and connects even where they are
+  // not; or until the store is reached. Throws ConnectionLost and Refusal, and UsageError for a store that a
+  // command can't use.
   std::unique_ptr<Client> connect() const;
 };
 

@@ -1,6 +1,5 @@
 #include "ctl/vcd.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -9,8 +8,6 @@
 #include <fstream>
 #include <iterator>
 #include <utility>
-
-#include "ctl/refusal.h"
 
 namespace Ctl {
 
@@ -34,48 +31,10 @@ std::string wireName(const std::string& pin) {
   return name.empty() ? "_" : name;
 }
 
-Refusal cantWrite(const std::string& file, const std::string& why) {
-  return Refusal("can't write '" + file + "': " + why);
-}
-
-// Throws unless the name is free or a regular file's. A link is refused, as the rename would replace it and
-// not what it points to.
-void checkReplaceable(const std::string& file) {
-  struct stat found {};
-  if (lstat(file.c_str(), &found) != 0) return;  // opening the new file beside it shows other errors
-  if (S_ISREG(found.st_mode)) return;
-  const char* kind = S_ISDIR(found.st_mode)   ? "a directory"
-                     : S_ISLNK(found.st_mode) ? "a symbolic link"
-                                              : "a device, pipe or socket";
-  throw cantWrite(file, std::string("it is ") + kind + "; give a new name, or that of a regular file");
-}
-
 }  // namespace
 
-VcdWriter::VcdWriter(std::string file, std::string date) : file_(std::move(file)), date_(std::move(date)) {
-  checkReplaceable(file_);
-  openBeside();
-}
-
-VcdWriter::~VcdWriter() {
-  if (!beside_.empty()) unlink(beside_.c_str());
-}
-
-// Takes the first free name.
-void VcdWriter::openBeside() {
-  constexpr int kNames = 100;
-  for (int i = 0; i < kNames; ++i) {
-    const std::string name = file_ + ".new" + (i == 0 ? "" : std::to_string(i));
-    out_.reset(std::fopen(name.c_str(), "abxe"));
-    if (!out_ && errno == EEXIST) continue;
-    if (!out_) throw cantWrite(name, std::strerror(errno));
-    std::setvbuf(out_.get(), nullptr, _IONBF, 0);  // no remainder to write after a failure
-    beside_ = name;
-    written_ = 0;
-    return;
-  }
-  throw cantWrite(file_, "the names " + file_ + ".new to .new" + std::to_string(kNames - 1) + " are taken");
-}
+VcdWriter::VcdWriter(std::string file, std::string date)
+    : file_(std::move(file)), date_(std::move(date)), out_(std::make_unique<NewFile>(file_)) {}
 
 std::string VcdWriter::header() const {
   std::string text =
@@ -107,13 +66,12 @@ void VcdWriter::flush() {
 // Writes a new file and renames it over the old one.
 void VcdWriter::rewrite() {
   const std::string body = bodyRead();
-  if (beside_.empty()) openBeside();
+  if (out_->isReplaced()) out_ = std::make_unique<NewFile>(file_);
+  written_ = 0;
   const std::string text = header();
   append(text + body);
   bodyAt_ = text.size();
-  checkReplaceable(file_);
-  if (std::rename(beside_.c_str(), file_.c_str()) != 0) fail();
-  beside_.clear();
+  out_->replace();
 }
 
 // The text of the file after its header.
@@ -125,14 +83,13 @@ std::string VcdWriter::bodyRead() const {
 }
 
 void VcdWriter::append(const std::string& text) {
-  if (std::fwrite(text.data(), 1, text.size(), out_.get()) != text.size() || std::fflush(out_.get()) != 0)
-    fail();
+  if (std::fwrite(text.data(), 1, text.size(), out_->stream()) != text.size()) fail();
   written_ += text.size();
 }
 
 void VcdWriter::fail() const {
   const std::string why = std::strerror(errno);
-  const bool whole = ftruncate(fileno(out_.get()), static_cast<off_t>(written_)) == 0;
+  const bool whole = ftruncate(fileno(out_->stream()), static_cast<off_t>(written_)) == 0;
   throw cantWrite(file_, why + (bodyAt_ != 0 && whole ? "; the file is complete up to here" : ""));
 }
 

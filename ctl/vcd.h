@@ -3,12 +3,13 @@
 
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "ctl/newfile.h"
 
 namespace Ctl {
 
@@ -22,7 +23,6 @@ class VcdWriter {
 
   // `date` goes into the header, for people.
   VcdWriter(std::string file, std::string date);
-  ~VcdWriter();
   VcdWriter(const VcdWriter&) = delete;
   VcdWriter& operator=(const VcdWriter&) = delete;
 
@@ -45,7 +45,6 @@ class VcdWriter {
   std::string header() const;
   void timeIs(Time time);
   void rewrite();
-  void openBeside();
   void append(const std::string& text);
   std::string bodyRead() const;
   [[noreturn]] void fail() const;
@@ -54,11 +53,7 @@ class VcdWriter {
   const std::string date_;
   std::map<std::string, Wire> wires_;  // by pin
   std::string body_;                   // not yet in the file
-  struct Close {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-  };
-  std::unique_ptr<std::FILE, Close> out_;
-  std::string beside_;       // the new file until it is renamed; empty: renamed
+  std::unique_ptr<NewFile> out_;
   std::size_t bodyAt_ = 0;   // offset of the body in the file; 0: no header yet
   std::size_t written_ = 0;  // bytes in the file
   bool complete_ = false;    // the header declares every wire

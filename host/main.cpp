@@ -1,4 +1,5 @@
 // pinlampd: see docs/ or --help.
+#include <malloc.h>
 #include <unistd.h>
 
 #include <CLI/App.hpp>
@@ -17,6 +18,10 @@
 #include "platform/zel/core/trace.h"
 
 namespace {
+
+// Blocks of at least so many bytes, such as long messages, are mapped. The allocator would raise this after
+// the first of them, and then merge all free blocks of the heap whenever one is freed.
+constexpr int kLargeBlock = 256 * 1024;
 
 enum Exit { kStopped = 0, kRefused = 1, kUsage = 2, kFault = 70 };
 
@@ -165,6 +170,7 @@ int run(CommandLine& line) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  mallopt(M_MMAP_THRESHOLD, kLargeBlock);
   CommandLine line;
   CLI::App app("Loads LED agents and gives them the state database.", "pinlampd");
   describe(app, line);

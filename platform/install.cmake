@@ -13,6 +13,7 @@ install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}
   PATTERN "entrytable.h" EXCLUDE
   PATTERN "external.h" EXCLUDE
   PATTERN "lastseen.h" EXCLUDE
+  PATTERN "lateness.h" EXCLUDE
   PATTERN "lightwords.h" EXCLUDE
   PATTERN "memorystate.h" EXCLUDE
   PATTERN "memorystore.h" EXCLUDE

@@ -1,8 +1,10 @@
 // check: finds mistakes in configuration files, without a host.
 #include <algorithm>
+#include <filesystem>
 #include <ostream>
 
 #include "ctl/appliance.h"
+#include "ctl/boardfiles.h"
 #include "ctl/check.h"
 #include "ctl/configuration.h"
 #include "ctl/context.h"
@@ -25,6 +27,7 @@ struct Checking {
 // own, with an empty state database in memory.
 std::vector<std::string> refusals(const Context& context, const Json& puts) {
   Json changes = Json::array({{{"op", "put"}, {"path", Paths::kLeds}, {"type", kLedDirType}},
+                              {{"op", "put"}, {"path", Paths::kInitialLeds}, {"type", kLedDirType}},
                               {{"op", "put"}, {"path", Paths::kMappings}, {"type", kMapDirType}}});
   for (const Json& put : puts) changes.push_back(put);
   Client client(std::make_unique<OwnHost>("memory:", context.target.types), "pinlampd");
@@ -42,9 +45,28 @@ Json findingJson(const Finding& finding) {
   return {{"kind", finding.isNote ? "note" : "error"}, {"path", finding.path}, {"text", finding.text}};
 }
 
-std::vector<Finding> allFindings(const Context& context, const Configuration& configuration) {
+// The files, with those in folders, which are board files.
+std::vector<std::string> filesIn(const Checking& given, bool& areBoardFiles) {
+  std::vector<std::string> files;
+  std::error_code ignored;
+  for (const std::string& file : given.files) {
+    if (!std::filesystem::is_directory(file, ignored)) {
+      files.push_back(file);
+      continue;
+    }
+    areBoardFiles = true;
+    for (const std::string& each : boardPathsIn(file)) files.push_back(each);
+  }
+  return files;
+}
+
+std::vector<Finding> allFindings(const Context& context, const Configuration& configuration,
+                                 bool areBoardFiles) {
   const Json puts = configuration.puts();
   std::vector<Finding> all;
+  for (const Json& put : puts)
+    if (const std::string path = put.at("path"), fault = boardFaultOf(path); areBoardFiles && !fault.empty())
+      all.push_back({path, fault});
   for (const std::string& line : refusals(context, puts)) {
     const std::size_t end = line.find(": ");
     const bool hasPath = end != std::string::npos;
@@ -54,8 +76,9 @@ std::vector<Finding> allFindings(const Context& context, const Configuration& co
 }
 
 void check(Context& context, const Checking& given) {
-  const Configuration configuration(sourcesFrom(given.files));
-  const auto findings = allFindings(context, configuration);
+  bool areBoardFiles = false;
+  const Configuration configuration(sourcesFrom(filesIn(given, areBoardFiles)));
+  const auto findings = allFindings(context, configuration, areBoardFiles);
   Json all = Json::array();
   for (const Finding& each : findings) {
     all.push_back(findingJson(each));
@@ -79,7 +102,9 @@ void addCheckCommand(Command& app, Context& context) {
   const auto given = std::make_shared<Checking>();
   Command command = app.add("check", "Finds mistakes in configuration files, without a host",
                             "pinlampctl check examples/switch-1u.json examples/switch-1u-wiring.json");
-  command.argument("FILE", given->files, "Files as for load, checked together; - for standard input")
+  command
+      .argument("FILE", given->files,
+                "Files as for load, or folders of board files, checked together; - for standard input")
       .completes(Completes::file)
       .required();
   command.flag("--strict", given->strict, "Fail for notes, too");

@@ -47,14 +47,17 @@ std::string countsText(const Differences& all) {
 }
 
 // Prefixes the host's errors with their positions in the files.
-void write(Context& context, const Configuration& configuration, const Json& changes) {
+void write(Context& context, const Configuration& configuration, const Json& dels) {
   Progress progress(context.err);
   const auto sent = [&](std::size_t count, std::size_t all) {
     progress.show(count < all ? "sent " + std::to_string(count) + " of " + std::to_string(all) + " changes"
                               : "sent all changes; waiting until they are stored");
   };
+  Client::Batch batch;
+  for (const Json& del : dels) batch.add(del.dump());
+  configuration.addPuts(batch);
   try {
-    context.client().write(changes, sent);
+    context.client().write(batch, sent);
   } catch (const ConnectionLost&) {
     throw;
   } catch (const Refusal& refusal) {
@@ -82,22 +85,24 @@ void load(Context& context, const Loading& given) {
   const Configuration configuration = configurationFrom(given);
   Client& client = context.client();
   const Json entities = given.compares() ? client.readBase("") : Json::array();
-  Json changes = given.replace ? configuration.dels(entities, client.filled()) : Json::array();
+  const Json dels = given.replace ? configuration.dels(entities, client.filled()) : Json::array();
   const Differences differences =
-      given.compares() ? configuration.differences(entities, changes) : Differences();
-  for (Json& put : configuration.puts()) changes.push_back(std::move(put));
-  if (!given.dryRun) write(context, configuration, changes);
+      given.compares() ? configuration.differences(entities, dels) : Differences();
+  if (!given.dryRun) write(context, configuration, dels);
   printLoaded(context.out, given, configuration.size(), differences);
 }
 
 void dump(Context& context, const std::string& path, bool all) {
   Progress progress(context.err);
-  const Json entities = context.client().readBase(
-      path, [&](std::size_t bytes) { progress.show("read " + std::to_string(bytes >> 20) + " MiB"); });
+  Client& client = context.client();
+  auto writer = all ? ConfigurationWriter() : ConfigurationWriter(client.filled());
+  client.readBase(path, writer, [&](std::size_t bytes) {
+    progress.show("read " + std::to_string(bytes >> 20) + " MiB");
+  });
   progress.clear();
-  if (entities.empty() && !path.empty())
+  if (!path.empty() && !writer.hasSeen())
     throw Refusal("there is nothing at '" + path + "'; see: pinlampctl get");
-  context.out << (all ? wholeText(entities) : configurationText(entities, context.client().filled()));
+  context.out << writer.text();
 }
 
 void addLoad(Command& app, Context& context) {

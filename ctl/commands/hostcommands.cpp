@@ -53,20 +53,6 @@ std::string refusalsText(const Json& status) {
   return last.empty() || last == "null" ? count : count + ", last: " + last;
 }
 
-// The status entities of GPIO lines; empty if another host keeps the state database.
-Json readLines(Client& client) {
-  try {
-    Json lines = client.read(Paths::kLineStatus);
-    std::erase_if(lines.get_ref<Json::array_t&>(),
-                  [](const Json& line) { return line.at("type") != kLineStatusType; });
-    return lines;
-  } catch (const ConnectionLost&) {
-    throw;
-  } catch (const Refusal&) {
-    return Json::array();
-  }
-}
-
 // Adds the number of driven lines, and the errors of the others, as a line agent published them last: its
 // rows outlive it.
 void addLines(Table& table, const Json& lines, const Json& status) {

@@ -5,6 +5,7 @@
 
 #include "ctl/appliance.h"
 #include "ctl/context.h"
+#include "ctl/jsonwriter.h"
 #include "ctl/ledagent.h"
 #include "ctl/ledwords.h"
 #include "ctl/nouns.h"
@@ -95,11 +96,11 @@ void listLeds(Context& context, const std::vector<std::string>& patterns, bool j
     note(context, "lit, but in no mapping: " + joined({stray.begin(), stray.end()}));
 }
 
-Json putLed(const std::string& led, Json setting) {
-  return {{"op", "put"},
-          {"path", ledPath(led)},
-          {"type", kLedType},
-          {"attributes", {{"lightSetting", std::move(setting)}}}};
+// A change, as text.
+std::string putLed(const std::string& led, const Json& setting) {
+  std::string text = R"({"op":"put","path":)";
+  appendString(text, ledPath(led), false);
+  return text + R"(,"type":")" + kLedType + R"(","attributes":{"lightSetting":)" + setting.dump() + "}}";
 }
 
 // Notes LEDs that stay dark in a colour that is set: valid, but rarely intended.
@@ -125,9 +126,10 @@ struct Setting {
 };
 
 void writeSettings(Client& client, const std::vector<Lamp>& lamps) {
-  Json changes = Json::array({{{"op", "put"}, {"path", Paths::kLeds}, {"type", kLedDirType}}});
-  for (const Lamp& lamp : lamps) changes.push_back(putLed(lamp.name, lamp.setting));
-  client.write(changes);
+  Client::Batch batch;
+  batch.add(Json{{"op", "put"}, {"path", Paths::kLeds}, {"type", kLedDirType}}.dump());
+  for (const Lamp& lamp : lamps) batch.add(putLed(lamp.name, lamp.setting));
+  client.write(batch);
 }
 
 // Other members of the settings, such as brightness, stay.

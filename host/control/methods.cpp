@@ -4,18 +4,30 @@
 
 #include <algorithm>
 
+#include "host/control/brought.h"
+#include "host/io/reconnects.h"
 #include "host/rpc/changes.h"
 #include "host/rpc/rpc.h"
 #include "platform/zel/core/trace.h"
 #include "platform/zel/entity/entity.h"
 #include "platform/zel/entity/pathwalker.h"
 #include "platform/zel/notify/activity.h"
+#include "platform/zel/notify/lateness.h"
 
 namespace Host {
 
 namespace {
 
 constexpr int kProtocol = 1;
+
+// Entities that clients alone read.
+const Zel::TypeRegistration typesOfClients{&Board::Brought::typeNode};
+
+// How to reach the host that keeps the state: the rest of "unix:SOCKET".
+std::string keeperHint(const std::string& url) {
+  constexpr std::string_view kSocket = "unix:";
+  return url.starts_with(kSocket) ? ", with pinlampctl --socket " + url.substr(kSocket.size()) : "";
+}
 
 // The path parameter; empty for everything.
 const std::string& pathField(const Zel::Value& parameters) {
@@ -117,7 +129,7 @@ std::string Methods::entitiesAt(const std::string& text, const Zel::Value& param
 void Methods::expectTable(const char* method) const {
   if (!table_)
     throw Statedb::StoreError(std::string(method) + ": the state is kept at " + served_.store.url() +
-                              "; ask there");
+                              "; ask there" + keeperHint(served_.store.url()));
 }
 
 std::string Methods::read(const Zel::Value& parameters, Caller&) const {
@@ -222,12 +234,18 @@ Json countsJson(const Statedb::Table* table) {
   return types;
 }
 
+Json latenessJson() {
+  const Zel::Lateness& lateness = Zel::Lateness::ofProcess();
+  return {{"bounds", Zel::Lateness::kBounds}, {"counts", lateness.counts()}, {"sum", lateness.sum()}};
+}
+
 Json activityJson() {
   const auto& activity = Zel::activityManager();
   return {{"passes", activity.passes()},
           {"deliveries", activity.deliveries()},
           {"expiries", activity.clock()->expiries()},
           {"worstLateness", activity.clock()->worstLateness()},
+          {"lateness", latenessJson()},
           {"now", Zel::System::currentTime()}};
 }
 
@@ -254,6 +272,7 @@ Json servedJson(const Served& served, std::size_t entities) {
           {"refusals", served.manager.refusals()},
           {"lastRefusal", served.lastRefusal},
           {"storeState", stateJson(served.store.state())},
+          {"reconnects", Reconnects::count()},
           {"clients", served.clients},
           {"uptime", Zel::System::currentTime() - served.started}};
 }

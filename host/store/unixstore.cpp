@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/io/reconnects.h"
 #include "host/rpc/changes.h"
 #include "host/rpc/rpc.h"
 #include "platform/statedb/store/schema.h"
@@ -110,6 +111,7 @@ void UnixStore::onReached() {
   if (std::exchange(reached_, true)) return;
   retryAfter_ = kFirstRetry;
   if (std::exchange(lost_, false)) report_("state database " + url() + ": reached");
+  if (std::exchange(wasReached_, true)) Reconnects::add();
   isWatching_ = false;
   if (!covers_.rows().canSend()) watchAll();
   flush();

@@ -95,6 +95,7 @@ class UnixStore final : public Statedb::Store, public Connection::Owner, private
   std::uint64_t retryAfter_;  // milliseconds
   bool lost_ = false;         // and reported so
   std::string why_;           // it is not reached; empty before the first attempt has failed
+  bool wasReached_ = false;   // at any time
   bool reached_ = false;      // connected, and the announcement was taken
   std::string announcement_;  // a JSON text; empty: there is none
   bool isWatching_ = false;   // since it was reached

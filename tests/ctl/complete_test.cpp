@@ -14,6 +14,8 @@ TEST(Completion, OffersValidContinuations) {
       {{"le"}, "led\n"},
       {{"led", ""}, "list\noff\nset\n"},
       {{"help", "led", "s"}, "set\n"},
+      {{"board", ""}, "apply\nstatus\n"},
+      {{"board", "apply", "--folder", ""}, ":files\n"},
       {{"wait", "Fan1", "r"}, "red\n"},
       {{"led", "set", "--f"}, "--flash\n"},
       {{"led", "set", "Po"}, "PowerSupply1\nPowerSupply2\n"},

@@ -26,6 +26,9 @@ TEST(Configuration, ErrorsNameThePosition) {
       {"{\n\n\"a\": {\"value\": 1}}", "f.json:3: a: \"type\" is missing"},
       {"{\"a\":\n 1e999}", "f.json:2:2: the number 1e999 is out of range"},
       {"{\"a\": {\"type\": 5}}", "f.json:1: a: \"type\" is missing or not a string"},
+      {"{\"a\": {\"type\": {\"b\": [{}]}, \"c\": 1}}", "f.json:1: a: \"type\" is missing or not a string"},
+      {"{\"a\": [{\"type\": \"T\"}]}", "f.json:1: a: found array, expected {"},
+      {"{\"a\": {\"type\": \"T\", \"b\": [{\"c\": 1, \"c\": 2}]}}", "f.json: duplicate key \"c\""},
       {"{\"a\": {\"type\": \"T\"}, \"a\": {\"type\": \"U\"}}", "f.json: duplicate key \"a\""}};
   for (const auto& [text, expected] : cases) EXPECT_THAT(refusalOf(text), HasSubstr(expected)) << text;
   const std::string deep = "{\"[{\\\"\":\n" + std::string(300'000, '[');
@@ -39,8 +42,15 @@ TEST(Configuration, DumpOmitsWhatAgentsFillUnlessAsked) {
   };
   const Json filled = {at(std::string(Paths::kPins) + "/p"), at(std::string(Paths::kLineStatus) + "/p"),
                        at("led/a/b")};
-  EXPECT_EQ(configurationText(filled, {"led/a"}), "{\n}\n");
-  EXPECT_THAT(wholeText(filled), HasSubstr("\"value\": 1"));
+  const std::string answer = Json{{"id", 1}, {"result", {{"entities", filled}}}}.dump();
+  ConfigurationWriter some({"led/a"}), all;
+  EXPECT_TRUE(some.read(answer));
+  EXPECT_TRUE(some.hasSeen());
+  EXPECT_EQ(some.text(), "{\n}\n");
+  EXPECT_TRUE(all.read(answer));
+  EXPECT_THAT(all.text(), HasSubstr("\"hardware/corvel/gpio/config/p\": {\"type\": \"" +
+                                    std::string(kPinType) + "\", \"value\": 1},\n"));
+  EXPECT_FALSE(all.read(R"({"error": {"message": "no"}, "id": 1})"));
 }
 
 TEST(Configuration, ReplaceDeletesNoMoreThanItMust) {

@@ -6,6 +6,7 @@
 #include <array>
 #include <utility>
 
+#include "host/io/reconnects.h"
 #include "host/store/redis/space.h"
 
 namespace Host::Redis {
@@ -177,7 +178,7 @@ void RedisStore::complete() {
     upstream_.flush();
     return deliverSnapshots();
   }
-  hasRows_ = true;
+  if (std::exchange(hasRows_, true)) Reconnects::add();
   if (!losses_.empty()) report("reached");
   losses_.clear();
   flush();

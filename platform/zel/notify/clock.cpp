@@ -6,6 +6,7 @@
 
 #include "platform/zel/core/assert.h"
 #include "platform/zel/notify/activity.h"
+#include "platform/zel/notify/lateness.h"
 #include "platform/zel/notify/lookahead.h"
 
 namespace Zel {
@@ -25,6 +26,11 @@ System::ManualTime::~ManualTime() { manualTime = before_; }
 const TypeNode& Clock::typeNode() {
   static const TypeNode type("Zel::Clock", nullptr, {}, nullptr, nullptr);
   return type;
+}
+
+Lateness& Lateness::ofProcess() {
+  static constinit Lateness lateness;
+  return lateness;
 }
 
 Clock::Clock() : wheel_(System::currentTime()) {}
@@ -76,7 +82,10 @@ void Clock::wake(NotifieeConst& notifiee, double now) const {
   notifiee.armed_ = !notifiee.hasNotificationActive() && !notifiee.zelIsZombie();  // held until it is on
   if (!notifiee.mayBeNotified()) return;
   ++expiries_;
-  if (std::isfinite(notifiee.timeMin_)) worstLateness_ = std::max(worstLateness_, now - notifiee.timeMin_);
+  if (std::isfinite(notifiee.timeMin_)) {
+    worstLateness_ = std::max(worstLateness_, now - notifiee.timeMin_);
+    Lateness::ofProcess().add(now - notifiee.timeMin_);
+  }
   const Ptr<NotifieeConst> kept(&notifiee);
   runHandler(notifiee, this, [&] { notifiee.onTime(); });
 }

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "ctl/jsonwriter.h"
 
@@ -13,7 +15,7 @@ class EntityReader : public JsonReader {
   // nlohmann::json::exception if it is not JSON.
   bool read(const std::string& line);
 
-  // Called for each entity. `members`: the attributes as the members of an object, for people.
+  // Called for each entity. `members`: the attributes, sorted, as the members of an object, for people.
   virtual void entity(std::string path, const std::string& type, const std::string& members) = 0;
 
   bool start_object(std::size_t) final { return open('{'); }
@@ -30,8 +32,13 @@ class EntityReader : public JsonReader {
 
   bool open(char bracket);
   bool close(char bracket);
+  void endAttribute();
+  // Of the attributes so far, which it forgets.
+  std::string members();
 
-  JsonWriter members_{true};
+  JsonWriter value_{true};  // of the attribute
+  std::string attribute_;
+  std::vector<std::pair<std::string, std::string>> attributes_;  // names and values
   int depth_ = 0;
   bool isAnswer_ = false;
   std::string key_;  // the innermost down to kEntity

@@ -25,6 +25,10 @@ struct KeepingLast : Statedb::MemoryStore {
     reads.push_back(path.text());
     return MemoryStore::read(path);
   }
+  Statedb::Records readBase(Statedb::Path path) const override {
+    reads.push_back(path.text());
+    return MemoryStore::readBase(path);
+  }
   Statedb::StoreState state() const override { return {.claims = claims}; }
   Statedb::Changes last;
   mutable std::vector<std::string> reads;  // paths

@@ -57,7 +57,9 @@ void use(Ctl::Client& client, unsigned kind) {
     Ctl::filledPaths(status);
     for (const auto& claim : Ctl::claimsOf(status)) Ctl::text(claim);
   } else {
-    Ctl::configurationText(client.read(""), client.filled());
+    Ctl::ConfigurationWriter writer(client.filled());
+    client.readBase("", writer, [](std::size_t) {});
+    writer.text();
     client.attributesOf("Hardware::Led::LedConfig");
   }
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <ctime>
 #include <iomanip>
+#include <optional>
 #include <sstream>
 
 #include "host/store/sqlitestore.h"
@@ -27,14 +28,15 @@ class PacedRun {
   PacedRun(Round& round, const std::vector<std::string>& requests)
       : round_(round),
         socket_(file_.at("host.sock")),
-        host_(loop_, socket_, file_.at("state.db")),
-        flooders_(flooders(socket_, requests)),
-        good_(socket_) {
+        host_(loop_, socket_, file_.at("state.db")) {
     Statedb::Changes changes;
     for (int i = 0; i < 100; ++i)
       changes.push_back(
           Statedb::Change::put("some/t" + std::to_string(i), kText, "error", std::string(300, 'e')));
     host_.store.write(changes, Statedb::Durability::stored);
+    host_.listen(loop_, socket_, {});  // with the rounds of a real host
+    flooders_ = flooders(socket_, requests);
+    good_.emplace(socket_);
     loop_.turnIs([this] {
       if (pause_-- == 0) ask();
       host_.turn();
@@ -57,10 +59,10 @@ class PacedRun {
   // The sockets of this round have been read: the request waits for the whole next one.
   void ask() {
     const auto kind = round_.random.below(3);
-    if (kind == 0) good_.send("hello");
-    if (kind == 1) good_.send("read", {{"path", "some/t7"}});
+    if (kind == 0) good_->send("hello");
+    if (kind == 1) good_->send("read", {{"path", "some/t7"}});
     if (kind == 2)
-      good_.send("write", volatileBatch(Json::array({put("good/p", kPin, {{"value", ++value_ % 2}})})));
+      good_->send("write", volatileBatch(Json::array({put("good/p", kPin, {{"value", ++value_ % 2}})})));
     asked_ = processorTime();
     rounds_ = 0;
   }
@@ -73,7 +75,7 @@ class PacedRun {
     if (pause_ >= 0) return;
     latency_ += ended - std::max(began, asked_);
     mostRounds_ = std::max(mostRounds_, ++rounds_);
-    if (!good_.next(0)) return;
+    if (!good_->next(0)) return;
     if (latency_ > kLongest && ++slow_ > 1 + latencies_.size() / 100)
       throw Failure("a client beside 16 that flood: " + std::to_string(slow_) + " of " +
                     std::to_string(latencies_.size() + 1) + " answers took the host more than " +
@@ -88,8 +90,8 @@ class PacedRun {
   Host::Loop loop_;
   Zel::ActivityManager activity_;
   Support::ServedStore<Host::SqliteStore> host_;
-  Flooders flooders_;
-  Client good_;
+  Flooders flooders_{};
+  std::optional<Client> good_{};
   int pause_ = kPause, rounds_ = 0, mostRounds_ = 0;
   unsigned value_ = 0;
   std::size_t slow_ = 0;

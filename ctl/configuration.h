@@ -85,7 +85,7 @@ class ConfigurationWriter : public EntityReader {
  private:
   void entity(std::string path, const std::string& type, const std::string& members) override;
 
-  const std::vector<std::string> filled_;
+  const std::vector<std::string> filled_{};
   const bool all_ = true;
   bool hasSeen_ = false;
   std::vector<std::pair<std::string, std::string>> lines_;  // by path

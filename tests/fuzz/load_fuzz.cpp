@@ -28,7 +28,9 @@ void checkAgain(const Json& puts) {
     if (!put.contains("attributes")) put["attributes"] = Json::object();
     entities.push_back(std::move(put));
   }
-  const Configuration again({{"dump", Ctl::wholeText(entities)}});
+  Ctl::ConfigurationWriter writer;
+  writer.read(Json{{"result", {{"entities", std::move(entities)}}}}.dump());
+  const Configuration again({{"dump", writer.text()}});
   Fuzz::check(again.puts() == puts);
 }
 

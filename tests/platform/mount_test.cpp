@@ -328,7 +328,10 @@ TEST_F(Mounts, NothingIsCoveredWhereAnAgentPublishesOrInAStoreWithoutCovers) {
   EXPECT_EQ(agent({{"out/a", "Zel::Dir", "c"}})->mountGroup->failures(),
             (Lines{"mount of 'out/a': mode \"c\", but 'out' is mounted with \"wi\" in this process, and only "
                    "its agent writes under a \"wi\" mount"}));
-  EXPECT_THROW(agent({{"b", "Zel::Dir", "w"}}), Zel::RangeException);
+  const auto wrong = Zel::allocate<TestAgent>("agent", std::vector<Statedb::Mount>{{"b", "Zel::Dir", "w"}});
+  wrong->entityManagerIs(manager);
+  EXPECT_THROW(wrong->doInit(), Zel::RangeException);
+  wrong->mountGroup = nullptr;  // until it is closed it and its agent hold each other
 
   struct Coverless : Statedb::MemoryStore {
     bool takesCovers() const override { return false; }

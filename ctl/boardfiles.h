@@ -36,8 +36,9 @@ std::vector<std::string> boardPathsIn(const std::string& folder);
 // Reads them. A file that is wrong has errors; the others are as if it were not there.
 std::vector<BoardFile> boardFilesIn(const std::string& folder);
 
-// What each file wants: its entities, or if it is refused, what it brought last. Of files that have an entity
-// in common one keeps it: the one that brought it, or the first by name; the others are refused.
+// The version of each file that is wanted: its entities, or if it is refused, what it brought last. Of files
+// that have an entity in common one keeps it: the one that brought it, or the first by name; the others are
+// refused.
 BoardVersions versionsOf(std::vector<BoardFile>& files, const BoardVersions& brought);
 
 // Adds a host's error, which begins with a path, to the file that has the path. Returns false if none has it.

@@ -46,7 +46,7 @@ std::vector<BoardRow> rowsOf(const BoardEntities& brought, const BoardEntities& 
 
 class BoardMerge {
  public:
-  // What is done to the rows of a file: "PATH", or "PATH ATTRIBUTE" for a row of an entity that stays.
+  // The outcome for the rows of a file: "PATH", or "PATH ATTRIBUTE" for a row of an entity that stays.
   struct Outcome {
     std::vector<std::string> added, changed, removed;
     std::vector<std::string> kept;  // set or removed by people; the file has something else

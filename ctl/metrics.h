@@ -1,4 +1,4 @@
-// What a host and its agents count, in the text format of Prometheus. docs/commands.md lists the metrics.
+// Metrics of a host and its agents, in the text format of Prometheus. docs/commands.md lists the metrics.
 #pragma once
 
 #include <string>

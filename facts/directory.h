@@ -11,7 +11,7 @@
 
 namespace Facts {
 
-// Where the facts of a type are, as what.
+// The directory of a type of facts.
 template <class Fact>
 struct Published;
 

@@ -163,7 +163,7 @@ void LinkSource::nameIs(int interface, Link& link, Zel::Name name) {
   byName_[name] = interface;
 }
 
-// Where notifications were lost, another link may have taken the name already.
+// After lost notifications another link may have taken the name already.
 void LinkSource::nameDel(int interface, const Link& link) {
   const auto found = byName_.find(link.name);
   if (found == byName_.end() || found->second != interface) return;

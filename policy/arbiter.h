@@ -27,7 +27,7 @@
 
 namespace Policy {
 
-// What asks for LEDs: a request, or a rule for the text that its '*' stands for.
+// A claim to LEDs: a request, or a rule for the text that its '*' stands for.
 struct Source {
   Zel::Name rule;  // empty: a request
   Zel::Name name;  // of the request; for a rule the text of '*'

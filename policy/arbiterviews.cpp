@@ -1,4 +1,4 @@
-// What the arbiter can be asked.
+// The arbiter's queries.
 #include <algorithm>
 #include <ranges>
 

@@ -21,7 +21,7 @@ struct BoardArguments {
 
 using Outcomes = std::map<std::string, BoardMerge::Outcome>;
 
-// What is done, or would be, with each file.
+// The changes to each file's rows, made or to be made.
 struct Plan {
   std::vector<BoardFile> files;
   Json entities;  // of the whole state

@@ -96,9 +96,8 @@ void dump(Context& context, const std::string& path, bool all) {
   Progress progress(context.err);
   Client& client = context.client();
   auto writer = all ? ConfigurationWriter() : ConfigurationWriter(client.filled());
-  client.readBase(path, writer, [&](std::size_t bytes) {
-    progress.show("read " + std::to_string(bytes >> 20) + " MiB");
-  });
+  client.readBase(path, writer,
+                  [&](std::size_t bytes) { progress.show("read " + std::to_string(bytes >> 20) + " MiB"); });
   progress.clear();
   if (!path.empty() && !writer.hasSeen())
     throw Refusal("there is nothing at '" + path + "'; see: pinlampctl get");

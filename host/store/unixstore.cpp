@@ -237,7 +237,7 @@ Statedb::Ticket UnixStore::flush() {
   return {};
 }
 
-// What was covered is there before anything is watched, so that no snapshot shows the base meanwhile.
+// Covers are sent before anything is watched, so that no snapshot shows the base meanwhile.
 void UnixStore::onSent(Outbox& outbox) {
   if (&outbox == &covers_) watchAll();
   flush();

@@ -6,8 +6,8 @@ namespace Paths {
 // The LEDs' settings: Hardware::Led::LedSystemConfigDir.
 inline constexpr char kLeds[] = "hardware/led/config";
 inline constexpr char kInitialLeds[] = "hardware/led/configInit";
-// Requests and rules for LEDs, directories of Hardware::Led::LightRequest and LightRule, and the policy agent's
-// reports on them: directories of LightStatus, and of LedClaims by LED.
+// Requests and rules for LEDs, directories of Hardware::Led::LightRequest and LightRule, and the policy
+// agent's reports on them: directories of LightStatus, and of LedClaims by LED.
 inline constexpr char kRequests[] = "hardware/led/request";
 inline constexpr char kRules[] = "hardware/led/rule";
 inline constexpr char kRequestStatus[] = "hardware/led/requestStatus";

@@ -259,7 +259,7 @@ struct SharedStore {
   Statedb::Store& store() { return store_; }
   Rows rows() const { return rowsOf(reader_.table()->read("")); }
   void write(const Changes& changes, Durability durability, Statedb::Subscriber* origin) {
-    // What was published has arrived there, even where it changed nothing that is visible.
+    // The published rows have arrived there, even if it changed nothing that is visible.
     if (durability == Durability::stored) runRounds(20);
     store_.write(changes, durability, origin);
   }

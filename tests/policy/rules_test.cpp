@@ -133,7 +133,7 @@ class RulesTest : public testing::Test {
       }
     return held;
   }
-  // What has held for long enough is a request, and nothing else is.
+  // A rule that has held for long enough is a request, and no other is.
   void expectSame() {
     rules_.expire(time_.now());
     since_ = model();

@@ -26,9 +26,7 @@ double processorTime() {
 class PacedRun {
  public:
   PacedRun(Round& round, const std::vector<std::string>& requests)
-      : round_(round),
-        socket_(file_.at("host.sock")),
-        host_(loop_, socket_, file_.at("state.db")) {
+      : round_(round), socket_(file_.at("host.sock")), host_(loop_, socket_, file_.at("state.db")) {
     Statedb::Changes changes;
     for (int i = 0; i < 100; ++i)
       changes.push_back(

@@ -43,10 +43,10 @@ class ZEL_API Covers {
   void remove(Path path, Zel::Name attribute);
   void removeUnder(Path path);
 
-  // What covers an attribute, of this process; null if nothing does. Valid until the next change.
+  // This process's cover of an attribute; null if nothing does. Valid until the next change.
   const Zel::Value* find(Path path, Zel::Name attribute) const;
-  // What an attribute has without covers; null if it was never set, there is no entity, or the path is not
-  // under a "c" mount. Valid until the next pass.
+  // The value of an attribute without covers; null if it was never set, there is no entity, or the path is
+  // not under a "c" mount. Valid until the next pass.
   const Zel::Value* base(Path path, Zel::Name attribute) const;
 
  private:

@@ -45,7 +45,7 @@ class ZEL_API EntityManager : public Zel::Typed<EntityManager, Zel::PtrInterface
   // The entity mounted at exactly that path; null if there is none.
   Zel::Ptr<Zel::Entity> getEntity(Zel::String path) const;
 
-  // What the agents of this process cover under "c" mounts. As long as the manager.
+  // The covers of this process's agents under "c" mounts. As long as the manager.
   Covers& covers() const;
 
   // The directory at the root of all paths.

@@ -40,7 +40,7 @@ Records CoverTable::under(Path path) const {
   return records;
 }
 
-// What was made for a caller before stays as it is where it is equal.
+// An equal value that a caller was given before stays as it is.
 const Record& CoverTable::over(const Record& base) const {
   const Record* cover = find(base.path, base.type);
   if (!cover) return base;

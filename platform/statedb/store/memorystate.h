@@ -1,4 +1,4 @@
-// What a MemoryStore holds, and its batches since the last flush. Internal to it.
+// The contents of a MemoryStore, and its batches since the last flush. Internal to it.
 #pragma once
 
 #include <algorithm>

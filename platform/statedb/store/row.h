@@ -26,7 +26,7 @@ struct Row {
 // are never written to disk).
 enum class Durability : std::uint8_t { stored, volatile_, cover };
 
-// What a reader sees of the rows.
+// The layer of the rows that a reader sees.
 enum class Layer : std::uint8_t {
   effective,  // covers over the base
   base,       // stored and volatile values, as if there were no covers

@@ -57,7 +57,7 @@ class World {
 
   void log(const std::string& text);
   void fault(const std::string& what);
-  // What the processes and the server know at the end.
+  // The state of the processes and the server at the end.
   std::vector<std::string> lastStates();
 
   Host::Loop loop;

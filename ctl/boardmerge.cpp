@@ -230,8 +230,9 @@ void putDirectories(Json& changes, const Json& puts) {
   constexpr std::pair<const char*, const char*> kDirectories[] = {
       {Paths::kLeds, kLedDirType}, {Paths::kInitialLeds, kLedDirType}, {Paths::kMappings, kMapDirType}};
   for (const auto& [path, type] : kDirectories)
-    if (std::ranges::any_of(
-            puts, [&](const Json& put) { return isUnder(put.at("path").get<std::string>(), path); }))
+    if (std::ranges::any_of(puts, [&path = path](const Json& put) {
+          return isUnder(put.at("path").get<std::string>(), path);
+        }))
       changes.push_back(putOf(path, type, Json::object()));
 }
 

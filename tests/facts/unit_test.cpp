@@ -75,9 +75,7 @@ class Manager {
   }
   void nameIs(bool owned) {
     const char* name = "org.freedesktop.systemd1";
-    EXPECT_GE(owned ? sd_bus_request_name_async(bus_.get(), nullptr, name, 0, nullptr, nullptr)
-                    : sd_bus_release_name_async(bus_.get(), nullptr, name, nullptr, nullptr),
-              0);
+    EXPECT_GE(owned ? sd_bus_request_name(bus_.get(), name, 0) : sd_bus_release_name(bus_.get(), name), 0);
     bus_.run();
   }
   void change(const std::string& unit, const char* active, const char* sub) {

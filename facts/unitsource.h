@@ -14,8 +14,8 @@ class UnitSource {
   static constexpr std::size_t kMaxUnits = 1024;  // further ones are left out, and errorIs reports that
 
   // Connects, lists the failed units, and follows them; the sink's failed() is called where the bus or the
-  // manager is not there. Throws SourceError where there is no bus, or
-  // where it has answered by then that the manager is not there.
+  // manager is not there. Throws SourceError if there is no bus, or it has already answered that the manager
+  // is not there.
   explicit UnitSource(Sink<UnitFact>& sink);
 
   Bus& bus() { return bus_; }

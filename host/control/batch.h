@@ -28,7 +28,7 @@ struct BatchContext {
   const std::vector<Statedb::EntityManager::MountInfo>& mounts;
   const Announcements& announcements;
   const Announcements::Process& writer;
-  // Where it is not stored, a del or unset of a missing entity is accepted: a publisher that reconnects does
+  // Unless it is stored, a del or unset of a missing entity is accepted: a publisher that reconnects does
   // not know which entities exist. A del removes what is under the path.
   Statedb::Durability durability = Statedb::Durability::stored;
 };

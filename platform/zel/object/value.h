@@ -44,7 +44,7 @@ class ZEL_API Value {
   Value(std::string value) : value_(std::move(value)) {}
   Value(std::string_view value) : value_(std::string(value)) {}
   Value(List value) : value_(std::move(value)) {}
-  Value(Fields value) : value_(std::make_shared<Shared>(std::move(value))) {}
+  Value(Fields value);
   Value(Object value) : value_(std::move(value)) {}
 
   bool isNull() const { return std::holds_alternative<std::monostate>(value_); }
@@ -110,7 +110,7 @@ class ZEL_API Value {
 
  private:
   // The fields, and the struct they were last converted to, as plain bytes: the struct's library may be
-  // unloaded before the value ends.
+  // unloaded before the value ends. Made in value.cpp alone: the code of its counter is where it is made.
   struct Shared {
     explicit Shared(Fields&& theFields) : fields(std::move(theFields)) {}
     Fields fields;

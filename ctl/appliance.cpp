@@ -10,6 +10,9 @@ namespace Ctl {
 std::string ledPath(const std::string& led) {
   return std::string(Paths::kLeds) + "/leds/" + escapeComponent(led);
 }
+std::string initialLedPath(const std::string& led) {
+  return std::string(Paths::kInitialLeds) + "/leds/" + escapeComponent(led);
+}
 std::string mapPath(const std::string& led) {
   return std::string(Paths::kMappings) + "/gpioLeds/" + escapeComponent(led);
 }
@@ -228,26 +231,23 @@ void LiveAppliance::take(const Json& notification) {
     mirror_.changesAre(parameters.at("changes"));
 }
 
-namespace {
-
 // A known name is taken literally even if it has wildcard characters.
-std::set<std::string> expandName(const std::string& pattern, const std::set<std::string>& known) {
+std::set<std::string> expandName(const std::string& what, const std::string& pattern,
+                                 const std::set<std::string>& known) {
   if (known.contains(pattern)) return {pattern};
   std::set<std::string> names;
   for (const std::string& name : known)
     if (matches(pattern, name)) names.insert(name);
   if (names.empty())
-    throw Refusal((isGlob(pattern) ? "no LED matches '" : "no LED is named '") + pattern + "'" +
+    throw Refusal("no " + what + (isGlob(pattern) ? " matches '" : " is named '") + pattern + "'" +
                   hint(pattern, known));
   return names;
 }
 
-}  // namespace
-
 std::vector<std::string> expandNames(const std::vector<std::string>& patterns,
                                      const std::set<std::string>& known) {
   std::set<std::string> names;
-  for (const std::string& pattern : patterns) names.merge(expandName(pattern, known));
+  for (const std::string& pattern : patterns) names.merge(expandName("LED", pattern, known));
   return {names.begin(), names.end()};
 }
 

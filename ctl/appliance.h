@@ -23,6 +23,7 @@ inline constexpr char kMachineType[] = "Pinlamp::GpioLedStateMachine";
 inline constexpr char kLineStatusType[] = "Hardware::Gpio::GpioLineStatus";
 
 std::string ledPath(const std::string& led);
+std::string initialLedPath(const std::string& led);
 std::string mapPath(const std::string& led);
 
 using Colour = Led::PinColour;
@@ -125,8 +126,11 @@ class LiveAppliance {
   std::map<Json, std::string> paths_;  // by watch id
 };
 
-// Expands names and patterns to LED names, without duplicates. Throws Refusal, with the nearest names, if one
-// of them matches nothing.
+// The known names that a name or a pattern fits. Throws Refusal, with the nearest names, if there are none;
+// `what` is their kind.
+std::set<std::string> expandName(const std::string& what, const std::string& pattern,
+                                 const std::set<std::string>& known);
+// Expands names and patterns to LED names, without duplicates. Throws as expandName() does.
 std::vector<std::string> expandNames(const std::vector<std::string>& patterns,
                                      const std::set<std::string>& known);
 

@@ -221,26 +221,39 @@ void Client::Batch::add(const std::string& change) {
   part.text += change;
 }
 
-void Client::write(const Json& changes, const Sent& sent) {
-  Batch batch;
+namespace {
+
+// The member of the parameters; without it a write is stored.
+constexpr char kVolatile[] = R"("durability":"volatile")";
+
+Client::Batch batchOf(const Json& changes) {
+  Client::Batch batch;
   for (const Json& change : changes) batch.add(textOf("write", change));
-  write(batch, sent);
+  return batch;
 }
 
-void Client::write(const Batch& batch, const Sent& sent) {
-  if (batch.parts_.size() > 1) return sendParts(batch.parts_, sent);
-  post("write", "{\"changes\":" + (batch.parts_.empty() ? "[" : batch.parts_.front().text) + "]}");
+}  // namespace
+
+void Client::write(const Json& changes, const Sent& sent) { write(batchOf(changes), "", sent); }
+void Client::write(const Batch& batch, const Sent& sent) { write(batch, "", sent); }
+void Client::writeVolatile(const Json& changes) { write(batchOf(changes), kVolatile, {}); }
+
+void Client::write(const Batch& batch, const std::string& durability, const Sent& sent) {
+  if (batch.parts_.size() > 1) return sendParts(batch.parts_, durability, sent);
+  post("write", "{\"changes\":" + (batch.parts_.empty() ? "[" : batch.parts_.front().text) + ']' +
+                    (durability.empty() ? "" : ',' + durability) + '}');
   reply(timeout_);
 }
 
 // The host reads one part while the next is sent. A request that is refused fails the transaction, so the
 // others do no harm.
-void Client::sendParts(const std::vector<Batch::Part>& parts, const Sent& onSent) {
+void Client::sendParts(const std::vector<Batch::Part>& parts, const std::string& durability,
+                       const Sent& onSent) {
   constexpr std::chrono::seconds kCommit{120};  // of the most changes that a transaction has, on a slow disk
   std::size_t sent = 0, all = 0;
   for (const Batch::Part& part : parts) all += part.changes;
   try {
-    post("begin", "{}");
+    post("begin", '{' + durability + '}');
     for (const Batch::Part& part : parts) {
       post("write", "{\"changes\":" + part.text + "]}");
       sent += part.changes;

@@ -83,6 +83,8 @@ class Client {
   // `sent` is called in a transaction only.
   void write(const Json& changes, const Sent& sent = {});
   void write(const Batch& batch, const Sent& sent = {});
+  // The same for volatile values, which end with the process that keeps the state.
+  void writeVolatile(const Json& changes);
   // The paths that agents of any host fill, see filledPaths(). Writes at and under them by others are
   // refused.
   std::vector<std::string> filled();
@@ -105,7 +107,8 @@ class Client {
   Json nextReply(std::chrono::seconds timeout);
   // Its result. Throws as call() does.
   Json reply(std::chrono::seconds timeout);
-  void sendParts(const std::vector<Batch::Part>& parts, const Sent& onSent);
+  void write(const Batch& batch, const std::string& durability, const Sent& sent);
+  void sendParts(const std::vector<Batch::Part>& parts, const std::string& durability, const Sent& onSent);
   void send(const std::string& line);
   void waitReadable(std::chrono::seconds timeout);
   void takeLine(std::string line);

@@ -37,7 +37,9 @@ enum class Completes {
   file,
   colour,
   object,
-  procedure
+  procedure,
+  request,
+  priority
 };
 using Completions = std::map<const CLI::Option*, Completes>;
 

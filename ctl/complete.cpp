@@ -7,7 +7,9 @@
 
 #include "ctl/appliance.h"
 #include "ctl/objects.h"
+#include "ctl/requests.h"
 #include "ctl/text.h"
+#include "platform/model/priorities.h"
 #include "platform/zel/core/printable.h"
 
 namespace Ctl {
@@ -96,6 +98,18 @@ Names colourWords() {
   return names;
 }
 
+Names priorityWords() {
+  Names names;
+  for (const Led::PriorityClass& each : Led::kPriorityClasses) names.insert(each.name);
+  return names;
+}
+
+Names requestNames(Client& client) {
+  Names names;
+  for (const Request& each : requestsIn(client)) names.insert(each.name);
+  return names;
+}
+
 Names pinNames(Client& client) {
   Names names;
   for (const auto& [pin, value] : pinsOf(readAppliance(client))) names.insert(pin);
@@ -173,9 +187,12 @@ Names fromHost(Client& client, Completes what, const Position& at, const std::st
       return proceduresAt(client, at.positionals.empty() ? "" : at.positionals.front());
     case Completes::type:
       return typeNames(client);
+    case Completes::request:
+      return requestNames(client);
     case Completes::nothing:
     case Completes::file:
     case Completes::colour:
+    case Completes::priority:
       break;
   }
   return {};
@@ -189,6 +206,7 @@ Names argumentNames(Context& context, const Position& at, const CLI::Option* arg
   if (known == at.completions->end()) return {};
   const Completes what = known->second;
   if (what == Completes::file) return {":files"};
+  if (what == Completes::priority) return priorityWords();
   const bool colours =
       what == Completes::colour || (what == Completes::ledThenColour && !at.positionals.empty());
   Names names = colours ? colourWords() : Names();

@@ -33,10 +33,12 @@ class Context {
 void note(Context& context, const std::string& text);
 
 // Each adds the commands of one file.
-void addConfigCommands(Command& parent, Context& context);  // load, dump
-void addLedCommands(Command& parent, Context& context);     // led …
-void addMapCommands(Command& parent, Context& context);     // map …
-void addEntityCommands(Command& parent, Context& context);  // get, set, del, types
+void addConfigCommands(Command& parent, Context& context);   // load, dump
+void addLedCommands(Command& parent, Context& context);      // led …
+void addMapCommands(Command& parent, Context& context);      // map …
+void addLightCommands(Command& parent, Context& context);    // identify, lamp-test, darken
+void addRequestCommands(Command& parent, Context& context);  // request …
+void addEntityCommands(Command& parent, Context& context);   // get, set, del, types
 void addWatchCommand(Command& parent, Context& context);
 void addWaitCommand(Command& parent, Context& context);
 void addCheckCommand(Command& parent, Context& context);
@@ -51,9 +53,10 @@ void addStoreCommands(Command& parent, Context& context);  // store …
 
 // In the order of the help text.
 inline constexpr std::array kCommandGroups{
-    addLedCommands,   addPanelCommand,   addMapCommands,    addConfigCommands, addCheckCommand,
-    addBoardCommands, addEntityCommands, addWatchCommand,   addWaitCommand,    addRecordCommand,
-    addHostCommands,  addMetricsCommand, addObjectCommands, addWhyCommand,     addStoreCommands};
+    addLedCommands,    addLightCommands, addRequestCommands, addPanelCommand,   addMapCommands,
+    addConfigCommands, addCheckCommand,  addBoardCommands,   addEntityCommands, addWatchCommand,
+    addWaitCommand,    addRecordCommand, addHostCommands,    addMetricsCommand, addObjectCommands,
+    addWhyCommand,     addStoreCommands};
 
 // Runs one command line, without the program's name; returns the exit status: 0, 1 (refused) or 2 (usage).
 int runCommandLine(std::vector<std::string> arguments, std::ostream& out, std::ostream& err);

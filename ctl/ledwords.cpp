@@ -21,12 +21,12 @@ void checkFlash(double seconds) {
                   ": the interval must be seconds, finite and not negative (0: steady)");
 }
 
-void checkTogether(const LedWords& words, std::optional<double> flash) {
+void checkTogether(const LedWords& words, std::optional<double> flash, const std::string& command) {
   if (words.colours.empty() && !flash)
-    throw UsageError("led set: no colour is given; colours are " + colourList());
+    throw UsageError(command + ": no colour is given; colours are " + colourList());
   const bool off = std::count(words.colours.begin(), words.colours.end(), "off") != 0;
   if (off && flash.value_or(0.0) != 0.0)
-    throw UsageError("led set: an LED that is off can't flash; leave out --flash");
+    throw UsageError(command + ": an LED that is off can't flash; leave out --flash");
 }
 
 }  // namespace
@@ -45,14 +45,15 @@ void checkColours(const std::string& command, const std::vector<std::string>& co
     throw UsageError(command + ": 'off' can't be combined with colours");
 }
 
-LedWords splitLedWords(const std::vector<std::string>& words, std::optional<double> flash) {
+LedWords splitLedWords(const std::vector<std::string>& words, std::optional<double> flash,
+                       const std::string& command) {
   if (flash) checkFlash(*flash);
   const auto firstColour = std::find_if(words.begin() + 1, words.end(), isColour);
   LedWords split{{words.begin(), firstColour}, {firstColour, words.end()}};
-  checkColours("led set", split.colours);
+  checkColours(command, split.colours);
   if (split.colours.empty() && !flash && words.size() > 1)
-    throw Refusal("led set: there is no colour '" + words.back() + "'; colours are " + colourList());
-  checkTogether(split, flash);
+    throw Refusal(command + ": there is no colour '" + words.back() + "'; colours are " + colourList());
+  checkTogether(split, flash, command);
   return split;
 }
 

@@ -19,8 +19,9 @@ struct LedWords {
 std::string colourList();
 // Splits the words at the first colour after the first name, and checks them and the flash interval. Throws
 // UsageError if neither a colour nor an interval is given or they contradict each other, Refusal for an
-// unknown colour or an invalid interval.
-LedWords splitLedWords(const std::vector<std::string>& words, std::optional<double> flash);
+// unknown colour or an invalid interval; `command` begins the message.
+LedWords splitLedWords(const std::vector<std::string>& words, std::optional<double> flash,
+                       const std::string& command = "led set");
 
 // Throws for an unknown colour, and for "off" beside others; `command` begins the message.
 void checkColours(const std::string& command, const std::vector<std::string>& colours);

@@ -49,9 +49,11 @@ void emptyOut(Zel::Dir& directory) {
   for (const auto& stale : directory.entries()) directory.entryDel(stale->name());
 }
 
-void publish(Zel::Dir& directory, Name name, const char* state, std::size_t leds, const std::string& note) {
+void publish(Zel::Dir& directory, Name name, const char* state, std::size_t leds, const std::string& note,
+             double since = 0) {
   const auto status = Zel::dynamicPtrCast<LightStatus>(directory.entryIs(name, "Hardware::Led::LightStatus"));
   if (!status) return;
+  status->sinceIs({std::max(since, 0.0)});
   status->stateIs(state);
   status->ledsIs(static_cast<std::uint32_t>(leds));
   status->noteIs(note);
@@ -248,11 +250,11 @@ void PolicyAgent::publishRequest(Name name) {
     requestStatus_->entryDel(name);
     return;
   }
-  if (!known->second.refusal.empty())
-    return publish(*requestStatus_, name, "refused", 0, known->second.refusal);
-  if (known->second.hasEnded) return publish(*requestStatus_, name, "ended", 0, {});
+  const auto& [since, began, refusal, hasEnded] = known->second;
+  if (!refusal.empty()) return publish(*requestStatus_, name, "refused", 0, refusal, since);
+  if (hasEnded) return publish(*requestStatus_, name, "ended", 0, {}, since);
   const auto standing = arbiter_.standing({{}, name});
-  publish(*requestStatus_, name, "active", standing.leds, standing.note);
+  publish(*requestStatus_, name, "active", standing.leds, standing.note, since);
 }
 
 void PolicyAgent::publishRule(Name name) {

@@ -11,6 +11,7 @@
 #include "ctl/nouns.h"
 #include "ctl/output.h"
 #include "ctl/processes.h"
+#include "ctl/remarks.h"
 #include "ctl/text.h"
 
 namespace Ctl {
@@ -104,16 +105,12 @@ std::string putLed(const std::string& led, const Json& setting) {
 }
 
 // Notes LEDs that stay dark in a colour that is set: valid, but rarely intended.
-void noteDark(Context& context, const std::vector<Lamp>& lamps) {
-  std::vector<std::string> unmapped, unready, lacking;
-  for (const Lamp& lamp : lamps) {
-    if (std::ranges::count(lamp.wanted, true) == 0) continue;
-    if (!lamp.mapped) unmapped.push_back(lamp.name);
-    if (lamp.mapped && !lamp.ready) unready.push_back(lamp.name);
+void noteDark(Context& context, std::vector<Lamp> lamps) {
+  std::erase_if(lamps, [](const Lamp& lamp) { return std::ranges::count(lamp.wanted, true) == 0; });
+  noteUndriven(context, lamps);
+  std::vector<std::string> lacking;
+  for (const Lamp& lamp : lamps)
     if (lamp.mapped && lamp.lacksPin()) lacking.push_back(lamp.name);
-  }
-  if (!unmapped.empty()) note(context, "no mapping, so no pins: " + firstOf(unmapped));
-  if (!unready.empty()) note(context, "mapping not ready, so not driven: " + firstOf(unready));
   if (!lacking.empty()) note(context, "no pin for a colour that is set: " + firstOf(lacking));
 }
 

@@ -17,13 +17,15 @@ class ZEL_API LightStatus : public Zel::Described<LightStatus, Zel::Entity> {
     virtual void onState() {}
     virtual void onLeds() {}
     virtual void onNote() {}
+    virtual void onSince() {}
   };
 
   static constexpr auto attributes() {
     using N = NotifieeConst;
     return std::tuple{Zel::attribute::value<&LightStatus::state_, &N::onState>("state"),
                       Zel::attribute::value<&LightStatus::leds_, &N::onLeds>("leds"),
-                      Zel::attribute::value<&LightStatus::note_, &N::onNote>("note")};
+                      Zel::attribute::value<&LightStatus::note_, &N::onNote>("note"),
+                      Zel::attribute::value<&LightStatus::since_, &N::onSince>("since")};
   }
   static const Zel::TypeNode& typeNode();
 
@@ -38,10 +40,14 @@ class ZEL_API LightStatus : public Zel::Described<LightStatus, Zel::Entity> {
   // Why it was refused, or what in it has no effect; empty where nothing is wrong.
   const Zel::String& note() const { return note_; }
   void noteIs(const Zel::String& note) { set<&LightStatus::note_>(note); }
+  // The request's own, so that a client can tell this report from that on the request before. 0: of a rule.
+  ::Led::Seconds since() const { return since_; }
+  void sinceIs(::Led::Seconds since) { set<&LightStatus::since_>(since); }
 
  private:
   Zel::String state_;
   Zel::String note_;
+  ::Led::Seconds since_;
   std::uint32_t leds_ = 0;
 };
 

@@ -13,6 +13,8 @@ inline constexpr char kRules[] = "hardware/led/rule";
 inline constexpr char kRequestStatus[] = "hardware/led/requestStatus";
 inline constexpr char kRuleStatus[] = "hardware/led/ruleStatus";
 inline constexpr char kClaims[] = "hardware/led/claims";
+// A LightRequest whose `skip` has the LEDs that no lamp test may light.
+inline constexpr char kLampTest[] = "hardware/led/lampTest";
 // The mapping from LEDs to pins: Hardware::Gpio::GpioLedSystemConfigDir. Above it a directory.
 inline constexpr char kMappings[] = "hardware/gpio/config/led";
 inline constexpr char kGpio[] = "hardware/gpio/config";

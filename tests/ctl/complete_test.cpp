@@ -10,6 +10,7 @@ TEST(Completion, OffersValidContinuations) {
   TestHost host;
   Zel::TraceFacility::named("Pinlamp");
   host.ctl({"load", PINLAMP_SOURCE_DIR "/examples/switch-1u.json"});
+  host.put("hardware/led/request/find", "Hardware::Led::LightRequest", {{"leds", {"Fan1"}}});
   const std::pair<std::vector<std::string>, const char*> cases[] = {
       {{"le"}, "led\n"},
       {{"led", ""}, "list\noff\nset\n"},
@@ -17,6 +18,12 @@ TEST(Completion, OffersValidContinuations) {
       {{"board", ""}, "apply\nstatus\n"},
       {{"board", "apply", "--folder", ""}, ":files\n"},
       {{"wait", "Fan1", "r"}, "red\n"},
+      {{"identify", "Fan1", "Fan2", "Be"}, "Beacon\n"},
+      {{"lamp-test", "--skip", "Be"}, "Beacon\n"},
+      {{"darken", "--e"}, "--except\n"},
+      {{"request", "add", "x", "--priority", "l"}, "lampTest\n"},
+      {{"request", "add", "x", "Fan1", "r"}, "red\n"},
+      {{"request", "del", "f"}, "find\n"},
       {{"led", "set", "--f"}, "--flash\n"},
       {{"led", "set", "Po"}, "PowerSupply1\nPowerSupply2\n"},
       {{"led", "set", "Fan1", "--flash", "1", "r"}, "red\n"},

@@ -8,7 +8,7 @@ command -v jq >/dev/null || { echo "jq is missing: scripts/deps --tests" >&2; ex
 run=$(mktemp -d)
 export PINLAMP_SOCKET=$run/control.sock
 trap 'kill $host 2>/dev/null; wait; rm -rf "$run"' EXIT
-pinlampd --store memory: --agent libpinlamp.so & host=$!
+pinlampd --store memory: --agent libpinlamp.so --agent libpinlamp-policy.so & host=$!
 pinlampctl --wait 10 load "$root/examples/switch-1u.json" >/dev/null
 
 failed=0
@@ -35,6 +35,10 @@ is "map list: an array of mappings" "[$mapping]" 'map(keys)|unique' pinlampctl m
 is "map set: the mapping as it is now" '[{"name":"New","path":"hardware/gpio/config/led/gpioLeds/New","pins":[{"colour":"red","name":"r9"}],"ready":true}]' . \
   pinlampctl map set New --red r9 --ready --json
 is "map del: the mappings that are gone" '["New"]' 'map(.name)' pinlampctl map del New --json
+request='["asks","lasts","leds","name","note","owner","path","priority","setting","since","skip","state"]'
+for command in "identify Fan1" "request add mark Fan2 red" darken lamp-test "request list mark" "request del mark" "darken --stop" "lamp-test --stop" "identify --stop"; do
+  is "$command: an array of requests" "[$request]" 'map(keys)|unique' pinlampctl $command --json
+done
 entity='["attributes","path","type"]'
 is "get: an array of entities" "[$entity]" 'map(keys)|unique' pinlampctl get hardware/led --json
 is "of one entity as well" "[\"$led\"]" 'map(.path)' pinlampctl get $led --json

@@ -26,7 +26,10 @@ const std::map<std::string, std::vector<std::string>> kBelow{
     {"platform/cell", {"platform/zel/core"}},
     {"platform/model/paths.h", {}},  // words alone, for clients that know no entity
     {"platform/model/colours.h", {}},
-    {"platform/model", {"platform/zel/entity", "platform/model/paths.h", "platform/model/colours.h"}},
+    {"platform/model/priorities.h", {}},
+    {"platform/model",
+     {"platform/zel/entity", "platform/model/paths.h", "platform/model/colours.h",
+      "platform/model/priorities.h"}},
     {"platform", {"platform/zel", "platform/warden", "platform/model", "platform/cell"}},
     {"common", {"platform/zel/core"}},
     {"statemachine", {"common", "platform/model"}},
@@ -44,7 +47,8 @@ const std::map<std::string, std::vector<std::string>> kBelow{
     {"host/controlsocket.h", {}},
     {"host", {"host/store", "host/control", "host/controlsocket.h", "platform/cell"}},
     {"ctl",
-     {"host/controlsocket.h", "platform/zel/core", "platform/model/paths.h", "platform/model/colours.h"}},
+     {"host/controlsocket.h", "platform/zel/core", "platform/model/paths.h", "platform/model/colours.h",
+      "platform/model/priorities.h"}},
     {"ctl/commands", {"ctl"}},
     {"ctl/commands/storecommand.cpp", {"ctl", "host/store"}},
 };

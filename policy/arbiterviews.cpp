@@ -51,6 +51,8 @@ Arbiter::Standing Arbiter::standing(const Source& source) const {
   };
   if (entry.isCut) note("LEDs were left out: all requests together ask for too many");
   for (const Pattern& each : entry.leds) note(effect(each));
+  for (const Pattern& each : entry.skip)
+    if (const std::string none = effect(each); !none.empty()) note("'skip': " + none);
   if (entry.lamps.empty() && noted == 0) note("'skip' leaves no LED");
   if (noted > kMostNoted) standing.note += "; and " + std::to_string(noted - kMostNoted) + " more";
   return standing;

@@ -194,14 +194,14 @@ TEST_F(PolicyAgentTest, LightsLedsByTheFactsOfTheMachine) {
 
 TEST_F(PolicyAgentTest, RefusesABadOneAndKeepsTheOthers) {
   request("bad", {{"lightSetting", Led::settingFrom("red")}});
-  request("vain", {{"leds", Value::List{"Lamp?"}}});
+  request("vain", {{"leds", Value::List{"Lamp?"}}, {"skip", Value::List{"Fna1"}}});
   rule("bad", {{"fact", "facts/link/swp1"}, {"attribute", "carrier"}, {"led", "Ethernet*"}});
   rule("odd", {{"fact", "facts/link/swp*"}, {"attribute", "speed"}, {"led", "Ethernet*"}});
   rule("lost", {{"fact", "interface/swp1"}, {"attribute", "up"}, {"led", "Fan1"}});
   put("hardware/led/request/other", "Zel::Dir", {});
   link("swp1", true);
   EXPECT_EQ(status("requestStatus/bad"), R"("refused" 0 "it names no LED")");
-  EXPECT_EQ(status("requestStatus/vain"), R"("active" 0 "no LED matches 'Lamp?'")");
+  EXPECT_EQ(status("requestStatus/vain"), R"("active" 0 "no LED matches 'Lamp?'; 'skip': no LED is named 'Fna1'")");
   EXPECT_EQ(status("requestStatus/other"),
             R"("refused" 0 "it is a Zel::Dir, expected a Hardware::Led::LightRequest")");
   EXPECT_EQ(status("ruleStatus/bad"),

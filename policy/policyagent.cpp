@@ -79,6 +79,7 @@ PolicyAgent::~PolicyAgent() = default;
 void PolicyAgent::doInit() {
   const auto group = entityManager()->getMountGroup(Ptr<Statedb::Mounter>(this));
   group->doMount({Paths::kLeds, "Hardware::Led::LedSystemConfigDir", "c"});
+  group->doMount({Paths::kInitialLeds, "Hardware::Led::LedSystemConfigDir", "r"});
   for (const char* path : {Paths::kRequests, Paths::kRules, Paths::kFacts})
     group->doMount({path, "Zel::Dir", "r"});
   for (const char* path : {Paths::kRequestStatus, Paths::kRuleStatus, Paths::kClaims})
@@ -91,7 +92,10 @@ void PolicyAgent::doMountsComplete(Statedb::MountStatus status, const Ptr<Stated
   const auto directory = [&](const char* path) {
     return Zel::dynamicPtrCast<Zel::Dir>(manager->getEntity(path));
   };
-  const auto leds = Zel::dynamicPtrCast<Hardware::Led::LedSystemConfigDir>(manager->getEntity(Paths::kLeds));
+  const auto settings = [&](const char* path) {
+    return Zel::dynamicPtrCast<Hardware::Led::LedSystemConfigDir>(manager->getEntity(path));
+  };
+  const auto leds = settings(Paths::kLeds), initial = settings(Paths::kInitialLeds);
   const auto requests = directory(Paths::kRequests), rules = directory(Paths::kRules),
              facts = directory(Paths::kFacts);
   requestStatus_ = directory(Paths::kRequestStatus);
@@ -102,9 +106,12 @@ void PolicyAgent::doMountsComplete(Statedb::MountStatus status, const Ptr<Stated
   due_.make(*this, work_);
   clock_.make(*this, Zel::activityManager().clock());
   leds_.make(*this, leds);
+  initial_.make(*this, initial);
+  baseReactor_ = manager->covers().baseReactorIs([this](Statedb::Path path) { baseChanged(path); });
   requests_.make(*this, requests);
   rules_.make(*this, rules);
   facts_.make(*this, facts);
+  for (const auto& led : initial->leds()) initialChanged(led->name());
   for (const auto& led : leds->leds()) ledChanged(led->name());
   for (const auto& fact : facts->entries()) factsChanged(fact->name());
   for (const auto& rule : rules->entries()) ruleChanged(rule->name());
@@ -119,7 +126,25 @@ void PolicyAgent::ledChanged(Name name) {
     show(name);
   }
   logic_.ledChanged(name);
+  if (initial_.notifier()->leds(name)) changedBases_.insert(name, true);
   work_->request();
+}
+
+void PolicyAgent::initialChanged(Name led) {
+  initialReactors_.watch(led, *this, initial_.notifier()->leds(led));
+  changedBases_.insert(led, true);
+  work_->request();
+}
+
+void PolicyAgent::baseChanged(Statedb::Path path) {
+  const auto add = [this](Name led) { changedBases_.insert(led, true); };
+  if (ledPaths_.isUnder(path)) {
+    for (const auto& led : initial_.notifier()->leds()) add(led->name());
+  } else if (path.parent() == ledPaths_) {
+    const Name led(Zel::unescapeComponent(path.component().view()));
+    if (initial_.notifier()->leds(led)) add(led);
+  }
+  if (!changedBases_.empty()) work_->request();
 }
 
 void PolicyAgent::requestChanged(Name name) {
@@ -153,6 +178,7 @@ void PolicyAgent::wake() {
 void PolicyAgent::settle() {
   for (const Name name : std::exchange(changedRequests_, {})) applyRequest(name);
   for (const Name name : std::exchange(changedRules_, {})) applyRule(name);
+  for (const Name led : std::exchange(changedBases_, {})) show(led);
   for (const Name led : arbiter_.takeChanged()) show(led);
   for (const Name name : arbiter_.takeTouched()) publishRequest(name);
   for (const Name name : logic_.takeTouched()) publishRule(name);
@@ -218,10 +244,23 @@ void PolicyAgent::applyRule(Name name) {
   publishRule(name);
 }
 
+std::optional<Led::LightSetting> PolicyAgent::settingOf(Name led) const {
+  const auto asked = arbiter_.setting(led);
+  return asked ? asked : initialSetting(led);
+}
+
+// Of an LED that nobody set.
+std::optional<Led::LightSetting> PolicyAgent::initialSetting(Name led) const {
+  const auto initial = initial_.notifier()->leds(led);
+  const bool isSet = entityManager()->covers().base(ledPaths_.childNamed(led), "lightSetting");
+  if (!initial || isSet || !arbiter_.hasLed(led)) return std::nullopt;
+  return initial->lightSetting();
+}
+
 void PolicyAgent::show(Name led) {
   Statedb::Covers& covers = entityManager()->covers();
   const Statedb::Path path = ledPaths_.childNamed(led);
-  if (const auto setting = arbiter_.setting(led))
+  if (const auto setting = settingOf(led))
     covers.put(path, "Hardware::Led::LedConfig", "lightSetting",
                Zel::ValueTraits<Led::LightSetting>::toValue(*setting));
   else

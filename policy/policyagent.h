@@ -5,6 +5,8 @@
 // Activity thread only.
 #pragma once
 
+#include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 
@@ -29,8 +31,9 @@ class PolicyAgent : public Zel::Described<PolicyAgent, Warden::CAgent> {
   static constexpr auto attributes() { return std::tuple{}; }
   static constexpr auto reactors() {
     using A = PolicyAgent;
-    return std::tuple{&A::leds_, &A::requests_,        &A::rules_,        &A::facts_,    &A::clock_,
-                      &A::due_,  &A::requestReactors_, &A::ruleReactors_, &A::followers_};
+    return std::tuple{
+        &A::leds_, &A::initial_,         &A::requests_,        &A::rules_,        &A::facts_,    &A::clock_,
+        &A::due_,  &A::initialReactors_, &A::requestReactors_, &A::ruleReactors_, &A::followers_};
   }
   static const Zel::TypeNode& typeNode();
 
@@ -48,6 +51,8 @@ class PolicyAgent : public Zel::Described<PolicyAgent, Warden::CAgent> {
 
  private:
   class LedsReactor;
+  class InitialLedsReactor;
+  class InitialReactor;
   class RequestsReactor;
   class RequestReactor;
   class RulesReactor;
@@ -66,9 +71,11 @@ class PolicyAgent : public Zel::Described<PolicyAgent, Warden::CAgent> {
 
   // An entity came, went, became another object, or changed.
   void ledChanged(Zel::Name name);
+  void initialChanged(Zel::Name led);
   void requestChanged(Zel::Name name);
   void ruleChanged(Zel::Name name);
   void factsChanged(Zel::Name directory);
+  void baseChanged(Statedb::Path path);
   void wake();
   void settle();
 
@@ -76,6 +83,8 @@ class PolicyAgent : public Zel::Described<PolicyAgent, Warden::CAgent> {
   void ask(const Hardware::Led::LightRequest& request, Known& known);
   void applyRule(Zel::Name name);
   double began(const Hardware::Led::LightRequest& request, Known& known) const;
+  std::optional<Led::LightSetting> settingOf(Zel::Name led) const;
+  std::optional<Led::LightSetting> initialSetting(Zel::Name led) const;
   void show(Zel::Name led);
   void publishClaims(Zel::Name led);
   void publishRequest(Zel::Name name);
@@ -91,18 +100,22 @@ class PolicyAgent : public Zel::Described<PolicyAgent, Warden::CAgent> {
   std::unordered_map<Zel::Name, std::string> refusedRules_;
   Zel::NameSet changedRequests_;  // in this pass
   Zel::NameSet changedRules_;
+  Zel::NameSet changedBases_;  // LEDs with an initial setting
   Zel::Ptr<Zel::Dir> requestStatus_;
   Zel::Ptr<Zel::Dir> ruleStatus_;
   Zel::Ptr<Zel::Dir> claims_;
   Zel::Slot<LedsReactor> leds_;
+  Zel::Slot<InitialLedsReactor> initial_;
   Zel::Slot<RequestsReactor> requests_;
   Zel::Slot<RulesReactor> rules_;
   Zel::Slot<FactsReactor> facts_;
   Zel::Slot<ClockReactor> clock_;
   Zel::Slot<WorkReactor> due_;
+  Zel::SlotMap<InitialReactor> initialReactors_;
   Zel::SlotMap<RequestReactor> requestReactors_;
   Zel::SlotMap<RuleReactor> ruleReactors_;
   Zel::PtrMap<Policy::FactFollower> followers_;  // before the end of what they refer to
+  std::shared_ptr<void> baseReactor_;
 };
 
 }  // namespace Pinlamp

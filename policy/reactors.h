@@ -13,6 +13,23 @@ class PolicyAgent::LedsReactor
   void onLeds(Zel::Name led) override { notifyOwner(&PolicyAgent::ledChanged, led); }
 };
 
+class PolicyAgent::InitialLedsReactor
+    : public Zel::NestedReactor<InitialLedsReactor, Hardware::Led::LedSystemConfigDir::NotifieeConst,
+                                PolicyAgent> {
+ public:
+  static constexpr const char* kTypeName = "Pinlamp::PolicyAgent::InitialLedsReactor";
+  using NestedReactor::NestedReactor;
+  void onLeds(Zel::Name led) override { notifyOwner(&PolicyAgent::initialChanged, led); }
+};
+
+class PolicyAgent::InitialReactor
+    : public Zel::NestedReactor<InitialReactor, Hardware::Led::LedConfig::NotifieeConst, PolicyAgent> {
+ public:
+  static constexpr const char* kTypeName = "Pinlamp::PolicyAgent::InitialReactor";
+  using NestedReactor::NestedReactor;
+  void onLightSetting() override { notifyOwner(&PolicyAgent::initialChanged, notifier()->name()); }
+};
+
 class PolicyAgent::RequestsReactor
     : public Zel::NestedReactor<RequestsReactor, Zel::Dir::NotifieeConst, PolicyAgent> {
  public:

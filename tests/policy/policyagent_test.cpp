@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+#include <random>
+
 #include "platform/model/lightwords.h"
 #include "platform/statedb/store/memorystore.h"
 #include "platform/zel/notify/activity.h"
@@ -58,6 +61,13 @@ class PolicyAgentTest : public testing::Test {
   void stop() {
     agent_ = nullptr;
     database_->stop();
+  }
+  // The store drops the covers of a process that is gone.
+  void kill() {
+    stop();
+    database_ = Zel::allocate<Statedb::EntityManager>(store_);
+    store_.write({Change::del("hardware/led/config")}, Statedb::Durability::cover);
+    run();
   }
   void put(const std::string& path, const char* type, const Attributes& attributes) {
     Changes changes{Change::put(path, type, "", {})};
@@ -201,7 +211,8 @@ TEST_F(PolicyAgentTest, RefusesABadOneAndKeepsTheOthers) {
   put("hardware/led/request/other", "Zel::Dir", {});
   link("swp1", true);
   EXPECT_EQ(status("requestStatus/bad"), R"("refused" 0 "it names no LED")");
-  EXPECT_EQ(status("requestStatus/vain"), R"("active" 0 "no LED matches 'Lamp?'; 'skip': no LED is named 'Fna1'")");
+  EXPECT_EQ(status("requestStatus/vain"),
+            R"("active" 0 "no LED matches 'Lamp?'; 'skip': no LED is named 'Fna1'")");
   EXPECT_EQ(status("requestStatus/other"),
             R"("refused" 0 "it is a Zel::Dir, expected a Hardware::Led::LightRequest")");
   EXPECT_EQ(status("ruleStatus/bad"),
@@ -221,6 +232,93 @@ TEST_F(PolicyAgentTest, TakesInLedsThatComeAndForgetsThoseThatGo) {
   EXPECT_EQ(status("requestStatus/all"), R"("active" 3 "")");
   put("hardware/led/config/leds/Fan2", "Hardware::Led::LedConfig", {});
   EXPECT_EQ(shown("Fan2"), "{green, priority 100}");
+}
+
+// What an LED is to show, by looking at everything: the request of the highest priority, among equals the
+// latest, or else its setting, or else its initial one.
+struct Model {
+  struct Request {
+    std::string led;  // "*": all
+    std::string words;
+    unsigned priority;
+    double since, ends;
+  };
+  std::map<std::string, std::string> base{},
+      initial{};  // words of settings; LEDs that nobody set are not there
+  std::map<std::string, Request> requests{};
+
+  std::string shown(const std::string& led, bool runs, double now) const {
+    const Request* best = nullptr;
+    for (const auto& [name, each] : requests)
+      if (runs && each.ends > now && (each.led == led || each.led == "*") &&
+          (!best || std::tie(each.priority, each.since) > std::tie(best->priority, best->since)))
+        best = &each;
+    if (best) return text(best->words, best->priority);
+    if (const auto set = base.find(led); set != base.end()) return text(set->second, 0);
+    const auto first = initial.find(led);
+    return runs && first != initial.end() ? text(first->second, 0) : "nothing";
+  }
+  static std::string text(const std::string& words, unsigned priority) {
+    auto setting = Zel::ValueTraits<Led::LightSetting>::fromValue(Led::settingFrom(words));
+    setting.priority = priority;
+    std::ostringstream out;
+    out << setting;
+    return out.str();
+  }
+};
+
+TEST_F(PolicyAgentTest, ShowsWhatTheModelDoesUnderRandomRequestsSettingsAndKills) {
+  const std::string leds[] = {"Ethernet1", "Ethernet2", "Fan1"}, words[] = {"green", "red flash 0.5", "off"};
+  const unsigned priorities[] = {50, 100, 100, 149, 300};
+  Model model;
+  for (const auto& led : leds) model.base[led] = "yellow";
+  std::mt19937 random(7);
+  const auto some = [&](auto& list) -> auto& { return list[random() % std::size(list)]; };
+  const auto set = [&](const char* place, std::map<std::string, std::string>& settings) {
+    const std::string led = some(leds), path = std::string(place) + "/leds/" + led;
+    if (random() % 2) {
+      settings[led] = some(words);
+      put(path, "Hardware::Led::LedConfig", {{"lightSetting", Led::settingFrom(settings[led])}});
+    } else if (settings.erase(led)) {
+      store_.write({Change::unset(path, "lightSetting")}, Statedb::Durability::stored);
+      if (place == std::string("hardware/led/configInit")) del(path);
+    }
+  };
+  const auto ask = [&](const std::string& name) {
+    const double lasts = random() % 2 ? 0 : 0.5 + static_cast<double>(random() % 9);
+    const Model::Request made{random() % 3 ? some(leds) : "*", some(words), some(priorities), wallTime,
+                              lasts > 0 ? wallTime + lasts : 1e18};
+    request(name, {{"leds", Value::List{made.led}},
+                   {"lightSetting", Led::settingFrom(made.words)},
+                   {"priority", made.priority},
+                   {"lasts", lasts},
+                   {"since", made.since}});
+    model.requests[name] = made;
+  };
+  for (int step = 0; step < 3000; ++step) {
+    const std::string name(1, static_cast<char>('a' + random() % 5));
+    switch (random() % 8) {
+      case 0:
+      case 1:
+        set("hardware/led/config", model.base);
+        break;
+      case 2:
+        set("hardware/led/configInit", model.initial);
+        break;
+      case 3:
+        del("hardware/led/request/" + name);
+        model.requests.erase(name);
+        break;
+      case 4:
+        agent_ ? kill() : start();
+        break;
+      default:
+        ask(name);
+    }
+    advance(1);
+    for (const auto& led : leds)
+      ASSERT_EQ(shown(led), model.shown(led, agent_ != nullptr, wallTime)) << led << " in step " << step;
+  }
 }
 
 }  // namespace

@@ -39,7 +39,9 @@ void unsetRow(RecordsByPath& records, Path path, Zel::Name attribute) {
 // The rows at and under a path, without covers.
 class BaseRows : public Subscriber {
  public:
-  BaseRows(Path path, std::function<void()> onSnapshot) : path_(path), onSnapshot_(std::move(onSnapshot)) {}
+  using Changed = std::function<void(Path)>;
+  BaseRows(Path path, std::function<void()> onSnapshot, Changed changed)
+      : path_(path), onSnapshot_(std::move(onSnapshot)), changed_(std::move(changed)) {}
 
   Path path() const { return path_; }
   bool hasArrived() const { return hasArrived_; }
@@ -50,6 +52,7 @@ class BaseRows : public Subscriber {
     records_.clear();
     for (const Record* each : records) records_.emplace(each->path, *each);
     hasArrived_ = true;
+    changed_(path_);
     onSnapshot_();
   }
   void onChanges(const Changes& changes) override {
@@ -65,10 +68,12 @@ class BaseRows : public Subscriber {
       unsetRow(records_, row.path, row.attribute);
     else
       row.path.forEachUnder([&](Path each) { records_.erase(each); });
+    changed_(row.path);
   }
 
   const Path path_;
   const std::function<void()> onSnapshot_;
+  const Changed changed_;
   RecordsByPath records_;
   bool hasArrived_ = false;
 };
@@ -82,6 +87,13 @@ struct Covers::State {
   RecordsByPath own{};
   Changes changes{};  // of this pass
   std::vector<std::unique_ptr<BaseRows>> bases{};
+  std::vector<std::weak_ptr<BaseRows::Changed>> baseReactors{};
+
+  void baseChanged(Path path) {
+    std::erase_if(baseReactors, [](const auto& each) { return each.expired(); });
+    for (const auto& each : std::vector(baseReactors))
+      if (const auto changed = each.lock()) (*changed)(path);
+  }
 
   void drop(Path path, Zel::Name attribute) {
     unsetRow(own, path, attribute);
@@ -117,7 +129,8 @@ Covers::~Covers() {
 
 void Covers::follow(Path path, std::function<void()> onSnapshot) {
   if (state_->baseOf(path)) return;
-  state_->bases.push_back(std::make_unique<BaseRows>(path, std::move(onSnapshot)));
+  state_->bases.push_back(std::make_unique<BaseRows>(path, std::move(onSnapshot),
+                                                     [this](Path each) { state_->baseChanged(each); }));
   state_->store.subscribe(path, *state_->bases.back());
 }
 
@@ -163,6 +176,12 @@ const Zel::Value* Covers::base(Path path, Zel::Name attribute) const {
   const BaseRows* base = state_->baseOf(path);
   const Record* record = base ? base->find(path) : nullptr;
   return record ? record->find(attribute) : nullptr;
+}
+
+std::shared_ptr<void> Covers::baseReactorIs(std::function<void(Path)> changed) {
+  const auto reactor = std::make_shared<BaseRows::Changed>(std::move(changed));
+  state_->baseReactors.push_back(reactor);
+  return reactor;
 }
 
 void Covers::write() {

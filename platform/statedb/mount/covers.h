@@ -48,6 +48,9 @@ class ZEL_API Covers {
   // The value of an attribute without covers; null if it was never set, there is no entity, or the path is
   // not under a "c" mount. Valid until the next pass.
   const Zel::Value* base(Path path, Zel::Name attribute) const;
+  // Calls `changed` when what base() returns may have changed, while the result lives: with the entity's
+  // path, or with one above all that may have. base() has the new value then; covers of that pass follow it.
+  std::shared_ptr<void> baseReactorIs(std::function<void(Path)> changed);
 
  private:
   friend class Mounts;

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "ctl/processes.h"
+#include "ctl/requests.h"
 #include "ctl/text.h"
 
 namespace Ctl {
@@ -102,16 +103,43 @@ std::int64_t coveringProcess(const Json& status) {
   return 0;
 }
 
+bool hasSetting(const Json& entities) {
+  return !entities.empty() && entities[0].at("attributes").contains("lightSetting");
+}
+
+// What the LED shows without requests and rules: its own setting, or else its initial one.
 void addBase(Client& client, const Json& status, Reasons& reasons) {
-  const std::string path = ledPath(reasons.lamp.name);
-  const Json covers = client.readCovers(path);
-  if (!reasons.lamp.configured || covers.empty() || !covers[0].at("attributes").contains("lightSetting"))
-    return;
-  Mirror mirror;
-  mirror.entitiesAre(path, client.readBase(path));
-  const auto lamps = lampsOf(mirror);
-  if (!lamps.empty()) reasons.base = lamps.front();
+  const std::string path = ledPath(reasons.lamp.name), initialPath = initialLedPath(reasons.lamp.name);
+  if (!reasons.lamp.configured || !hasSetting(client.readCovers(path))) return;
+  reasons.base = Lamp{.name = reasons.lamp.name};
   reasons.coveredBy = coveringProcess(status);
+  Json base = client.readBase(path);
+  reasons.basePath = hasSetting(base) ? path : initialPath;
+  if (!hasSetting(base)) base = client.read(initialPath);
+  if (hasSetting(base))
+    settingIs(*reasons.base, base[0].at("attributes").at("lightSetting"));
+  else
+    reasons.basePath.clear();
+}
+
+LightClaim claimFrom(Client& client, const Json& claim) {
+  if (claim.contains("rule"))
+    return {.path = std::string(Paths::kRules) + '/' + escapeComponent(claim["rule"].get<std::string>()),
+            .fact = claim.at("for"),
+            .priority = claim.at("priority")};
+  LightClaim made{.path = requestPath(claim.at("request")), .priority = claim.at("priority")};
+  if (const Json request = attributesAt(client, made.path); !request.is_null())
+    made.owner = request.value("owner", "");
+  return made;
+}
+
+void addClaims(Client& client, Reasons& reasons) {
+  const Json known =
+      attributesAt(client, std::string(Paths::kClaims) + '/' + escapeComponent(reasons.lamp.name));
+  if (known.is_null()) return;
+  for (const Json& each : known.value("claims", Json::array()))
+    reasons.claims.push_back(claimFrom(client, each));
+  reasons.others = known.value("others", std::size_t{0});
 }
 
 }  // namespace
@@ -133,6 +161,7 @@ Reasons reasonsFor(Client& client, const std::string& led) {
   if (driven) formerPinsAre(reasons.lamp, *driven, mirror);
   addPins(client, agent, driven, lamps, reasons);
   addBase(client, status, reasons);
+  if (reasons.base) addClaims(client, reasons);
   return reasons;
 }
 
@@ -210,6 +239,8 @@ std::string undriven(const Reasons& reasons) {
 
 std::string settingReason(const Reasons& reasons) {
   const auto colours = colourNames(reasons.lamp.wanted);
+  if (!reasons.claims.empty())
+    return text(reasons.claims.front()) + " asks for " + reasons.lamp.settingText();
   if (colours.empty()) return "its setting has no colour";
   if (!reasons.flashes()) return "it is set to " + joined(colours, "+");
   return "it flashes " + joined(colours, "+");
@@ -224,6 +255,14 @@ std::string secondsText(double seconds) {
 }
 
 }  // namespace
+
+std::string text(const LightClaim& claim) {
+  const bool isRule = parentPath(claim.path) == Paths::kRules;
+  std::string text = (isRule ? "rule " : "request ") + lastName(claim.path);
+  if (!claim.fact.empty()) text += " for '" + claim.fact + "'";
+  text += " (" + priorityText(claim.priority) + ')';
+  return text + (claim.owner.empty() ? "" : " of " + claim.owner);
+}
 
 std::vector<std::string> because(const Reasons& reasons) {
   if (const auto reason = undriven(reasons); !reason.empty()) return {reason};

@@ -27,6 +27,16 @@ struct PinFacts {
   Json line{};                        // the line's status; null if there is none
 };
 
+// A request or a rule that asks for the LED.
+struct LightClaim {
+  std::string path;
+  std::string fact{};  // of a rule: the text that its '*' stands for
+  Json priority;
+  std::string owner{};  // of a request
+};
+// "request find (identify) of ann".
+std::string text(const LightClaim& claim);
+
 struct Reasons {
   Lamp lamp;
   Known agentRuns{};          // the LED agent
@@ -36,8 +46,11 @@ struct Reasons {
   Known pinsMade{};
   Known driven{};  // it has a machine
   LedAgent::Machine machine{};
-  std::optional<Lamp> base{};  // if its setting is covered: with the setting under the cover
-  std::int64_t coveredBy = 0;  // the process; 0: the host that keeps the state
+  std::optional<Lamp> base{};        // if its setting is covered: with the setting under the cover
+  std::string basePath{};            // of the LED that has that setting; empty: nobody set it
+  std::int64_t coveredBy = 0;        // the process; 0: the host that keeps the state
+  std::vector<LightClaim> claims{};  // to the LED: the one that is shown, then those that wait
+  std::size_t others = 0;            // how many more wait
   std::vector<PinFacts> pins{};
 
   // The conditions for the LED to be driven.

@@ -30,10 +30,21 @@ std::string valueText(const PinFacts& pin) {
 }
 
 std::string coverText(const Reasons& reasons) {
-  return "by " +
-         (reasons.coveredBy == 0 ? std::string("an agent of the host that keeps the state")
-                                 : "process " + std::to_string(reasons.coveredBy)) +
-         "; its own setting is " + reasons.base->settingText();
+  return "by " + (reasons.coveredBy == 0 ? std::string("an agent of the host that keeps the state")
+                                         : "process " + std::to_string(reasons.coveredBy));
+}
+
+// The base, and those that ask for the LED, from the one that is shown down.
+void addCover(Table& table, const Reasons& reasons) {
+  table.add({"covered", coverText(reasons)});
+  const char* title = "shown for";
+  for (const LightClaim& each : reasons.claims) {
+    table.add({title, text(each)});
+    title = title[0] == 's' ? "waiting" : "";
+  }
+  if (reasons.others > 0) table.add({"", "and " + std::to_string(reasons.others) + " more"});
+  table.add({"base", reasons.base->settingText()});
+  if (!reasons.basePath.empty()) table.add({"", reasons.basePath + " lightSetting"});
 }
 
 void print(std::ostream& out, const Reasons& reasons) {
@@ -44,7 +55,7 @@ void print(std::ostream& out, const Reasons& reasons) {
   table.add({"setting", lamp.settingText()});
   table.add(
       {"", lamp.configured ? ledPath(lamp.name) + " lightSetting" : "nothing at " + ledPath(lamp.name)});
-  if (reasons.base) table.add({"covered", coverText(reasons)});
+  if (reasons.base) addCover(table, reasons);
   table.add({"mapping", !lamp.mapped ? "none" : lamp.ready ? "ready" : "not ready"});
   table.add({"", lamp.mapped ? mapPath(lamp.name) : "nothing at " + mapPath(lamp.name)});
   table.add({"driven if", factsText(reasons)});
@@ -69,6 +80,20 @@ Json factsJson(const PinFacts& pin) {
   return facts;
 }
 
+Json claimJson(const LightClaim& claim) {
+  const bool isRule = parentPath(claim.path) == Paths::kRules;
+  return {{"path", claim.path},
+          {"for", isRule ? Json(claim.fact) : Json()},
+          {"priority", claim.priority},
+          {"owner", isRule ? Json() : Json(claim.owner)}};
+}
+
+Json claimsJson(const Reasons& reasons) {
+  Json all = Json::array();
+  for (const LightClaim& each : reasons.claims) all.push_back(claimJson(each));
+  return all;
+}
+
 // The LED's JSON, with more about its pins, and the reasons.
 Json asJson(const Reasons& reasons) {
   Json facts = Json::object();
@@ -83,7 +108,10 @@ Json asJson(const Reasons& reasons) {
                {"machineSocket", there && !reasons.agentSocket.empty() ? Json(reasons.agentSocket) : Json()},
                {"lit", there ? Json(reasons.machine.lit) : Json()},
                {"nextTick", orNull(reasons.machine.tickIn)},
-               {"base", reasons.base ? reasons.base->setting : Json()},
+               {"base", reasons.base && !reasons.basePath.empty() ? reasons.base->setting : Json()},
+               {"basePath", reasons.basePath.empty() ? Json() : Json(reasons.basePath)},
+               {"claims", claimsJson(reasons)},
+               {"otherClaims", reasons.others},
                {"pins", std::move(pins)}});
   return json;
 }

@@ -8,6 +8,7 @@
 #include "ctl/check.h"
 #include "ctl/configuration.h"
 #include "ctl/context.h"
+#include "ctl/lightcheck.h"
 #include "ctl/output.h"
 #include "ctl/ownhost.h"
 #include "ctl/sources.h"
@@ -23,14 +24,12 @@ struct Checking {
   bool json = false;
 };
 
-// The refusals of a host, as "PATH: REASON" or "PATH ATTRIBUTE: REASON": that of a host of this command's
-// own, with an empty state database in memory.
-std::vector<std::string> refusals(const Context& context, const Json& puts) {
+// The refusals of a host, as "PATH: REASON" or "PATH ATTRIBUTE: REASON".
+std::vector<std::string> refusals(Client& client, const Json& puts) {
   Json changes = Json::array({{{"op", "put"}, {"path", Paths::kLeds}, {"type", kLedDirType}},
                               {{"op", "put"}, {"path", Paths::kInitialLeds}, {"type", kLedDirType}},
                               {{"op", "put"}, {"path", Paths::kMappings}, {"type", kMapDirType}}});
   for (const Json& put : puts) changes.push_back(put);
-  Client client(std::make_unique<OwnHost>("memory:", context.target.types), "pinlampd");
   try {
     client.write(changes);
     return {};
@@ -60,6 +59,8 @@ std::vector<std::string> filesIn(const Checking& given, bool& areBoardFiles) {
   return files;
 }
 
+// What a host would refuse, found by one of this command's own with an empty state database in memory, or
+// else what a host would take and leave without effect.
 std::vector<Finding> allFindings(const Context& context, const Configuration& configuration,
                                  bool areBoardFiles) {
   const Json puts = configuration.puts();
@@ -67,12 +68,17 @@ std::vector<Finding> allFindings(const Context& context, const Configuration& co
   for (const Json& put : puts)
     if (const std::string path = put.at("path"), fault = boardFaultOf(path); areBoardFiles && !fault.empty())
       all.push_back({path, fault});
-  for (const std::string& line : refusals(context, puts)) {
+  Client client(std::make_unique<OwnHost>("memory:", context.target.types), "pinlampd");
+  for (const std::string& line : refusals(client, puts)) {
     const std::size_t end = line.find(": ");
     const bool hasPath = end != std::string::npos;
     all.push_back({hasPath ? line.substr(0, end) : "", hasPath ? line.substr(end + 2) : line});
   }
-  return all.empty() ? findingsIn(puts) : all;  // values of a wrong kind can't be looked into
+  if (!all.empty()) return all;  // values of a wrong kind can't be looked into
+  all = findingsIn(puts);
+  for (Finding& each : lightFindingsIn(puts, client.types())) all.push_back(std::move(each));
+  std::ranges::stable_sort(all, {}, &Finding::path);
+  return all;
 }
 
 void check(Context& context, const Checking& given) {

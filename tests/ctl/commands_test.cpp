@@ -143,6 +143,56 @@ TEST_F(Commands, CheckNamesWhatLeavesLedsDark) {
   EXPECT_EQ(checked({{mapPath("A"), unready}}, {"--strict"}).status, 1);
 }
 
+TEST_F(Commands, CheckNamesRequestsAndRulesWithoutEffect) {
+  const std::string file = folder.at("policy.json");
+  const std::string request = std::string(Paths::kRequests) + "/a", rule = std::string(Paths::kRules) + "/a";
+  const auto checked = [&](const std::string& path, const char* type, Json attributes) {
+    attributes["type"] = std::string("Hardware::Led::") + type;
+    contentIs(file, Json{{ledPath("Fan1"), {{"type", kLedType}}}, {path, attributes}}.dump(1));
+    return run({"check", "--strict", file});
+  };
+  const Json good = {
+      {"fact", "facts/link/swp*"}, {"attribute", "carrier"}, {"value", false}, {"led", "Fan*"}};
+  EXPECT_EQ(checked(rule, "LightRule", good).err, "");
+  EXPECT_EQ(
+      checked(rule, "LightRule", {{"fact", "facts/fan/f*"}, {"comparison", "missing"}, {"led", "Fan1/2"}})
+          .err,
+      "");
+  const std::pair<Json, const char*> rules[] = {
+      {{{"attribute", "carier"}}, "a Facts::Link has no attribute 'carier'; nearest: carrier"},
+      {{{"value", "down"}}, "compares 'carrier', which is true or false, with \"down\"; give true or false"},
+      {{{"comparison", "above"}}, "'above' needs a number as its value, found false"},
+      {{{"comparison", "over"}}, "expected \"is\", \"isNot\""},
+      {{{"attribute", ""}}, "names no attribute of the fact"},
+      {{{"fact", "facts/link/swp1"}}, "has a '*', but the fact 'facts/link/swp1' has none"},
+      {{{"fact", "facts/*/swp1"}}, "only its last component may have a '*'"},
+      {{{"fact", "link/swp*"}}, "'link/swp*' is no path of a fact: 'facts/DIRECTORY/FACT'"},
+      {{{"fact", "facts/links/swp*"}},
+       "note: the facts agent publishes nothing under 'facts/links'; nearest: link"},
+      {{{"led", "Lamp*"}}, "no LED matches 'Lamp*'; known: Fan1"},
+      {{{"led", "Fan*/*"}}, "has more than one '*'"},
+      {{{"priority", 500}}, "found a whole number (500), expected \"base\""},
+      {{{"for", -1}}, "for: found a whole number (-1), expected seconds"},
+      {{{"fact", "facts/fan/f*"}, {"attribute", "alarm"}}, "note: is dark while `pinlampctl darken` lasts"},
+      {{{"lightSetting", {{"red", true}, {"flashInterval", 0.1}}}}, "which people take for `identify`"}};
+  for (const auto& [change, text] : rules) {
+    Json changed = good;
+    changed.update(change);
+    const Outcome found = checked(rule, "LightRule", changed);
+    EXPECT_EQ(found.status, 1) << text;
+    EXPECT_THAT(found.out, AllOf(HasSubstr(rule), HasSubstr(text)));
+  }
+  const std::pair<Json, const char*> requests[] = {
+      {{{"leds", Json::array()}}, "names no LED"},
+      {{{"leds", {"Fna1"}}}, "no LED is named 'Fna1'; nearest: Fan1"},
+      {{{"leds", {"*"}}, {"skip", {"Lamp*"}}}, "no LED matches 'Lamp*'"},
+      {{{"leds", {"*"}}, {"lasts", 5}}, "note: comes back for 5 s at every start"}};
+  for (const auto& [attributes, text] : requests)
+    EXPECT_THAT(checked(request, "LightRequest", attributes).out, AllOf(HasSubstr(request), HasSubstr(text)));
+  EXPECT_THAT(checked(rule, "LightRequest", {}).out,
+              HasSubstr("is a Hardware::Led::LightRequest; what is here"));
+}
+
 TEST_F(Commands, RefusedLoadNamesTheLineOfEveryError) {
   const std::string file = folder.at("bad.json");
   contentIs(file, R"({

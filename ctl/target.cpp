@@ -49,7 +49,9 @@ void checkStore(const std::string& store) {
     throw UsageError("--store " + store + " is a host's state database: write --socket " +
                      store.substr(kSocket.size()));
   if (store.starts_with(kFile) && !std::filesystem::exists(store.substr(kFile.size()), ignored))
-    throw Refusal("--store " + store + ": there is no such file; pinlampd makes it at its first start");
+    throw Refusal(
+        "--store " + store +
+        ": there is no such file; pinlampd makes it at its first start, and `load` and `board apply` do");
 }
 
 // Gives up at the deadline, or later when the store has given a reason or an attempt takes too long.

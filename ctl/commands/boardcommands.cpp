@@ -6,6 +6,7 @@
 #include "ctl/context.h"
 #include "ctl/output.h"
 #include "ctl/progress.h"
+#include "ctl/statefile.h"
 #include "ctl/text.h"
 
 namespace Ctl {
@@ -148,6 +149,7 @@ void throwErrors(const Plan& plan) {
 
 void apply(Context& context, const BoardArguments& given) {
   Plan plan{boardFilesIn(given.folder), {}, {}, {}, {}};
+  if (!given.dryRun) makeStateFile(context.target);
   compare(plan, context.client());
   if (!given.dryRun) carryOut(plan, context.client());
   Json all = Json::array();

@@ -5,6 +5,7 @@
 #include "ctl/output.h"
 #include "ctl/progress.h"
 #include "ctl/sources.h"
+#include "ctl/statefile.h"
 #include "ctl/text.h"
 
 namespace Ctl {
@@ -83,6 +84,7 @@ void printLoaded(std::ostream& out, const Loading& given, std::size_t entities, 
 
 void load(Context& context, const Loading& given) {
   const Configuration configuration = configurationFrom(given);
+  if (!given.dryRun) makeStateFile(context.target);
   Client& client = context.client();
   const Json entities = given.compares() ? client.readBase("") : Json::array();
   const Json dels = given.replace ? configuration.dels(entities, client.filled()) : Json::array();

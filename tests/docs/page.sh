@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Runs the shell examples of PAGE as a reader pastes them: all in one fresh shell, in an empty folder, with BIN in its
 # PATH. A page that sets PATH itself gets the system's, and BIN as build/demo/bin, where scripts/demo builds. The output
-# must match the page; only times, process numbers and disk sizes may differ.
+# must match the page; only times, process numbers, disk sizes and the user may differ.
 #   page.sh BIN PAGE
+# With PINLAMP_WRITE_DOCS set it writes the output into the page.
 # A block is indented by four blanks and begins with a "$ COMMAND" line; the lines after it are the command's output.
 # A fenced block with a file's name after its language ("```cpp agent.cpp") goes into that file, one after another.
 set -euo pipefail
@@ -41,8 +42,22 @@ env -i HOME="$work/folder" TMPDIR="$work" PATH="$path" LANG=C.UTF-8 \
   ${CMAKE_PREFIX_PATH:+CMAKE_PREFIX_PATH="$CMAKE_PREFIX_PATH"} \
   timeout 120 bash --norc "$work/pasted" >"$work/printed" 2>&1 </dev/null || echo "the shell ended with $?" >>"$work/printed"
 
+# Writes what was printed into the page instead, after each command.
+if [ -n "${PINLAMP_WRITE_DOCS-}" ]; then
+  awk '
+    FNR == NR { if (/^\$ /) ++count; else output[count] = output[count] "    " $0 "\n"; next }
+    /^    / && !before { inside = /^    \$ / }
+    { before = /^    / }
+    !(before && inside) { print; next }
+    /^    \$ / { print; printf "%s", output[++at] }
+  ' "$work/printed" "$page" >"$work/page"
+  cp "$work/page" "$page"
+  exit
+fi
+
 masked() {
   sed -E -e 's/[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:.]+/TIME/g' -e 's/\b(pid|process) [0-9]+/\1 N/g' \
+    -e "s/ +OWNER +/ OWNER /; s/ +(root|$(id -un))( +|\$)/ USER /g; s/\"(root|$(id -un))\"/\"USER\"/g" \
     -e 's/\bin [0-9.]+ (m?s)\b/in N \1/g' -e 's/(freeBytes = )[0-9.e+]+/\1N/' -e "s|$work/folder|FOLDER|g" "$1"
 }
 diff -u --label "$page" <(masked "$work/expected") --label printed <(masked "$work/printed")

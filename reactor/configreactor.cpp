@@ -19,7 +19,7 @@ void createPins(std::size_t number, const Mapping& mapping, Output& output, Zel:
   static const Zel::String pinType("Hardware::Gpio::CorvelPinConfig");
   const auto& colour = kColourMembers[number];
   const int line = 263 + 10 * static_cast<int>(number);  // of the records: each colour has its own
-  for (const Zel::Name pin : (mapping.*colour.names)()) {
+  for (const Zel::Name& pin : (mapping.*colour.names)()) {
     pinDir.entryIs(pin, pinType);
     (output.*colour.pinIs)(Zel::dynamicPtrCast<Pin>(pinDir.entityRef(pin)));
     trace(6, line, "createLedConfig",

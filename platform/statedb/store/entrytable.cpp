@@ -45,7 +45,7 @@ void EntryTable::roomForUndo() {
 
 Entry& EntryTable::insert(Path path, Zel::Name type, Durability durability) {
   ZEL_REQUIRE(!find(path), path << " exists as a " << find(path)->type);
-  if (path.id() >= entries_.size()) entries_.resize(Path::count());
+  if (path.id() >= entries_.size()) entries_.resize(Path::endOfIds());
   Entry& entry = entries_[path.id()];
   entry.path = path;
   entry.type = type;

@@ -156,7 +156,7 @@ class Writer {
     std::vector<Zel::Name> names;
     for (const Attribute& each : entry.attributes)
       if (each.durability == Durability::volatile_) names.push_back(each.name);
-    for (const Zel::Name name : names) reveal(entry, name, notifies);
+    for (const Zel::Name& name : names) reveal(entry, name, notifies);
   }
 
   // Removes the volatile value of an attribute and reveals the stored one, if any.
@@ -202,7 +202,7 @@ class Writer {
     if (covers_) return notifyOverCovers(change);
     visible.push_back(change);
   }
-  // An entity is shown with its covers_, and no change of a covered value is.
+  // An entity is shown with its covers, and no change of a covered value is.
   void notifyOverCovers(const Change& change) {
     base->push_back(change);
     const Row& row = change.row;
@@ -306,7 +306,7 @@ void MemoryStore::writeCovers(const Changes& changes) {
   Changes visible;
   try {
     for (const Change& change : changes)
-      for (const Path path : pathsOf(covers, change)) {
+      for (const Path& path : pathsOf(covers, change)) {
         const Entry* entry = state_->entries.find(path);
         const Record shown = entry ? covers.over(*entry) : Record();
         change.kind == Change::Kind::del ? covers.removeAt(path) : apply(covers, change);

@@ -198,7 +198,7 @@ bool NameSet::insert(Name name, bool value) {
 
 bool operator==(const NameSet& a, const NameSet& b) {
   if (a.size() != b.size()) return false;
-  for (const Name name : a)
+  for (const Name& name : a)
     if (!b.contains(name) || a.value(name) != b.value(name)) return false;
   return true;
 }

@@ -185,7 +185,7 @@ class ZEL_API NameSet {
  public:
   NameSet() = default;
   NameSet(std::initializer_list<Name> names) {
-    for (const Name name : names) insert(name);
+    for (const Name& name : names) insert(name);
   }
   NameSet(const NameSet& other) { *this = other; }
   NameSet(NameSet&&) noexcept = default;

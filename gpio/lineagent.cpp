@@ -150,7 +150,7 @@ void LineAgent::onPassEnd() {
   if (!std::exchange(due_, false)) return;
   driver_.drive(Zel::System::currentTime());
   retry_->timeMinIs(driver_.nextTry());
-  for (const Zel::Name name : driver_.takeChanged()) publish(name);
+  for (const Zel::Name& name : driver_.takeChanged()) publish(name);
 }
 
 void LineAgent::publish(Zel::Name name) {

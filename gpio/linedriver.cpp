@@ -11,6 +11,7 @@ namespace {
 constexpr double kFirstRetry = 0.5;  // seconds
 constexpr double kLastRetry = 30;
 constexpr double kQuiet = 60;
+constexpr std::size_t kMostReported = 256;  // errors that are remembered; clients wire pins to any name
 constexpr double kNever = std::numeric_limits<double>::infinity();
 
 std::string claimedTwice(const LinePlace& place, Zel::Name holder, Zel::Name other) {
@@ -218,7 +219,7 @@ std::vector<Zel::Name> LineDriver::requestOnce(const Wanted& wanted, double now)
   try {
     auto made = std::make_unique<Request>();
     made->lines = provider_.request(lines, values);
-    for (const Zel::Name name : names) made->pins.push_back(&pins_[name]);
+    for (const Zel::Name& name : names) made->pins.push_back(&pins_[name]);
     for (std::size_t slot = 0; slot < names.size(); ++slot) {
       Pin& pin = pins_[names[slot]];
       pin.request = made.get();
@@ -309,6 +310,8 @@ void LineDriver::stateIs(Pin& pin, const LineState& state) {
 
 void LineDriver::reportOnce(const std::string& text, double now) {
   std::erase_if(reported_, [&](const auto& each) { return each.second + 10 * kQuiet < now; });
+  if (reported_.size() >= kMostReported && !reported_.contains(text))
+    reported_.erase(std::ranges::min_element(reported_, {}, &std::pair<const std::string, double>::second));
   const auto [reported, first] = reported_.try_emplace(text, now);
   if (!first && now - reported->second < kQuiet) return;
   reported->second = now;

@@ -44,7 +44,8 @@ struct LineState {
 class LineDriver {
  public:
   // `provider` must outlive the driver. `report` is called with each error once, with one that lasts at most
-  // once a minute, and with its end.
+  // once a minute, and with its end. It remembers a limited number of errors: beyond that, one that lasts is
+  // reported more often, and its end may not be.
   LineDriver(LineProvider& provider, std::function<void(const std::string& text)> report);
   // Drops the lines as a killed process does; call release() first to leave them in order.
   ~LineDriver();

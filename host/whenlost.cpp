@@ -101,7 +101,7 @@ void WhenLost::check(bool isReached) {
 
 void WhenLost::show() {
   std::size_t shown = 0;
-  for (const Statedb::Path path : manager_.membersOf(Paths::kLeds)) {
+  for (const Statedb::Path& path : manager_.membersOf(Paths::kLeds)) {
     const Zel::Value* setting = fallback_.settingOf(manager_.entityAt(path)->name().stdString());
     if (setting) shown += manager_.showLocally(path, "lightSetting", *setting);
   }

@@ -202,7 +202,7 @@ void Arbiter::candidate(Slot slot, const Pattern& pattern, std::vector<Lamp>& la
   }
   if (slots_[slot].skips(pattern.text())) return;
   const Zel::Name port = slots_[slot].fallsBack ? portOf(pattern.text()) : Zel::Name();
-  for (const Zel::Name name : {pattern.text(), port}) {
+  for (const Zel::Name& name : {pattern.text(), port}) {
     if (name.empty()) return;
     if (const auto found = byName_.find(name); found != byName_.end()) return lamps.push_back(found->second);
     absent_.insert({name, slot});
@@ -308,7 +308,7 @@ void Arbiter::touch(Slot slot) {
 }
 
 std::vector<Zel::Name> Arbiter::takeTouched() {
-  for (const Zel::Name name : touched_)
+  for (const Zel::Name& name : touched_)
     if (const auto found = bySource_.find({{}, name}); found != bySource_.end())
       slots_[found->second].isTouched = false;
   return std::exchange(touched_, {});

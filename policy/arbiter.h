@@ -3,7 +3,7 @@
 //     Arbiter arbiter(now);
 //     arbiter.ledIs("Ethernet3");
 //     arbiter.requestIs({{}, "identify"}, {.leds = {"Ethernet*"}, .setting = flash, .ends = now + 60});
-//     for (const Zel::Name led : arbiter.takeChanged()) show(led, arbiter.setting(led));
+//     for (const Zel::Name& led : arbiter.takeChanged()) show(led, arbiter.setting(led));
 //     wakeAt(arbiter.nextExpiry());  // expire(now) then
 //
 // Knows no entities and reads no clock: times are monotonic seconds that the caller passes. A change costs

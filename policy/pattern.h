@@ -30,7 +30,7 @@ class Pattern {
   enum class Kind { name, prefix, glob };
 
   Zel::Name text_;
-  std::string_view prefix_;  // of the name's own text, which lives as long as the process
+  std::string_view prefix_;  // of text_
   Kind kind_;
 };
 

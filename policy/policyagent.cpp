@@ -24,7 +24,7 @@ constexpr std::size_t kMostClaims = 8;  // of an LED, that are published
 
 std::vector<Name> listOf(const Zel::NameSet& names) {
   std::vector<Name> list;
-  for (const Name name : names) list.push_back(name);
+  for (const Name& name : names) list.push_back(name);
   return list;
 }
 
@@ -176,12 +176,12 @@ void PolicyAgent::wake() {
 
 // The LEDs follow all changes of the pass at once.
 void PolicyAgent::settle() {
-  for (const Name name : std::exchange(changedRequests_, {})) applyRequest(name);
-  for (const Name name : std::exchange(changedRules_, {})) applyRule(name);
-  for (const Name led : std::exchange(changedBases_, {})) show(led);
-  for (const Name led : arbiter_.takeChanged()) show(led);
-  for (const Name name : arbiter_.takeTouched()) publishRequest(name);
-  for (const Name name : logic_.takeTouched()) publishRule(name);
+  for (const Name& name : std::exchange(changedRequests_, {})) applyRequest(name);
+  for (const Name& name : std::exchange(changedRules_, {})) applyRule(name);
+  for (const Name& led : std::exchange(changedBases_, {})) show(led);
+  for (const Name& led : arbiter_.takeChanged()) show(led);
+  for (const Name& name : arbiter_.takeTouched()) publishRequest(name);
+  for (const Name& name : logic_.takeTouched()) publishRule(name);
   clock_->timeMinIs(std::min(arbiter_.nextExpiry(), logic_.nextExpiry()));
 }
 

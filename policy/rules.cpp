@@ -282,7 +282,7 @@ void Rules::touch(State& state) {
 }
 
 std::vector<Name> Rules::takeTouched() {
-  for (const Name name : touched_)
+  for (const Name& name : touched_)
     if (const auto found = states_.find(name); found != states_.end()) found->second->isTouched = false;
   return std::exchange(touched_, {});
 }

@@ -158,7 +158,7 @@ class PolicyAgent : public Zel::Described<PolicyAgent, Warden::CAgent> {
  private:
   // The LED of that name, or the one of the port that it is a lane of; null where the appliance has neither.
   Zel::Ptr<Hardware::Led::LedConfig> ledOf(Zel::Name name) const {
-    for (const Zel::Name led : {name, Zel::Name(Lampwise::portSubString(name))})
+    for (const Zel::Name& led : {name, Zel::Name(Lampwise::portSubString(name))})
       if (mappings_.notifier()->gpioLeds(led)) return leds_->ledsIs(led);
     return nullptr;
   }

@@ -66,7 +66,7 @@ class BatchReader {
 
   bool isCover() const { return context_.durability == Statedb::Durability::cover; }
 
-  // Whether no row can have the path or name that the change removes, as neither was ever interned.
+  // Whether no row can have the path or name that the change removes, as one of them is not interned.
   static bool removesNothing(const RequestedChange& change) {
     return !Statedb::Path::existing(change.path) ||
            (!change.attribute.empty() && !Zel::Name::existing(change.attribute));

@@ -75,7 +75,7 @@ template <class Add>
 void forEachListed(const ObjectRef& at, const AttributeInfo& attribute, Value::Fields& omitted, Add add) {
   const auto keys = attribute.keys(notifierOf(at));
   const std::size_t listed = std::min(keys.size(), Objects::kListed);
-  for (const Zel::Name key : std::span(keys).first(listed)) add(key);
+  for (const Zel::Name& key : std::span(keys).first(listed)) add(key);
   if (keys.size() > listed)
     omitted.emplace_back(attribute.name, static_cast<std::int64_t>(keys.size() - listed));
 }

@@ -76,7 +76,7 @@ ObjectRef follow(const ObjectRef& at) {
 namespace {
 
 void addKeys(std::vector<std::string_view>& names, const ObjectRef& at, const AttributeInfo& attribute) {
-  for (const Zel::Name key : attribute.keys(notifierOf(at))) names.push_back(key.view());
+  for (const Zel::Name& key : attribute.keys(notifierOf(at))) names.push_back(key.view());
 }
 
 std::vector<std::string_view> candidates(const ObjectRef& at) {

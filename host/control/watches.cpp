@@ -40,7 +40,7 @@ void Watches::Group::add(std::uint64_t id, const std::string& path) {
 }
 
 void Watches::Group::findPaths() {
-  if (std::exchange(paths_, Path::count()) == Path::count()) return;
+  if (std::exchange(paths_, Path::added()) == Path::added()) return;
   for (Watch& watch : watches_)
     if (!watch.path) watch.path = Path::existing(watch.text);
 }

@@ -68,7 +68,7 @@ class Watches {
     const Statedb::Layer layer_;
     std::vector<Watch> watches_;
     bool subscribing_ = false;
-    std::size_t paths_ = 0;  // Path::count() at the last look-up
+    std::uint64_t paths_ = 0;  // Path::added() at the last look-up
   };
 
   Group& group(Of of) { return groups_[static_cast<std::size_t>(of)]; }

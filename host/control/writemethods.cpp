@@ -24,7 +24,7 @@ void uncover(Statedb::Store& store, const std::vector<std::string>& paths,
              const std::vector<std::string>& kept) {
   Statedb::Changes changes;
   for (const std::string& path : paths) {
-    const auto known = Statedb::Path::existing(path);  // nothing is covered under one that was never interned
+    const auto known = Statedb::Path::existing(path);  // nothing is covered under one that is not interned
     if (known && std::ranges::find(kept, path) == kept.end()) changes.push_back(Statedb::Change::del(*known));
   }
   if (!changes.empty()) store.write(changes, Statedb::Durability::cover);

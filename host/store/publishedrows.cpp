@@ -193,7 +193,7 @@ void PublishedRows::compare(const Records& theirs, bool replaces) {
     compare(isSame ? found->second : nullptr, own, replaces);
   }
   if (!replaces) return;
-  for (const Path path : foreign) {
+  for (const Path& path : foreign) {
     unsent_.removed.insert(path);
     sendAgain(path);
   }

@@ -118,6 +118,19 @@ TEST_F(Driver, AChipThatComesLateOrComesBackIsDriven) {
   }
 }
 
+// Errors of pins that are gone are not remembered without end, and the others still are.
+TEST_F(Driver, ErrorsOfEverNewLinesTakeBoundedMemory) {
+  const auto fail = [&](int i) {
+    wire("a", "0", false, LineExit::keep, ("chip" + std::to_string(i)).c_str());
+    driver.valueIs("a", true);
+    drive(i * 0.001);
+    return said().size();
+  };
+  for (int i = 0; i < 5000; ++i) ASSERT_EQ(fail(i), 1U);
+  EXPECT_EQ(fail(4999), 0U) << "reported lately";
+  EXPECT_EQ(fail(0), 1U) << "forgotten";
+}
+
 TEST_F(Driver, ASetThatFailsIsTriedAgainWithTheLatestValues) {
   wire("a", "0");
   wire("b", "0", false, LineExit::keep, "other");

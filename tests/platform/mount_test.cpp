@@ -172,6 +172,21 @@ TEST_F(Mounts, ARowThatDoesNotFitIsRefusedAndTheOthersAreApplied) {
   EXPECT_EQ(manager->refusals(), 2U);
 }
 
+// Memory of a refused entity ends with it, also where it goes while the connection is lost.
+TEST_F(Mounts, ARefusedEntityThatGoesIsForgotten) {
+  agent({{Paths::kLeds, kLedDir, "r"}});
+  const std::string path = std::string(Paths::kLeds) + "/leds/refused";
+  for (const bool isLost : {false, true}) {
+    write({Change::put(path, kPin, "", {}), Change::put(path, kPin, "value", 1)});
+    EXPECT_FALSE(std::exchange(reports, {}).empty());
+    if (isLost) store.lose();
+    write({Change::del(path)});
+    if (isLost) store.reconnect();
+    settle();
+    EXPECT_FALSE(Statedb::Path::existing(path));
+  }
+}
+
 // A store that refuses the value 13.
 struct Picky : Statedb::MemoryStore {
   void write(const Statedb::Changes& changes, Durability durability, Statedb::Subscriber* origin) override {

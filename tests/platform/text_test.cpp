@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <random>
 #include <sstream>
+#include <thread>
 
 #include "platform/model/led.h"
 #include "platform/zel/core/exception.h"
@@ -24,6 +26,28 @@ TEST(Name, EqualStringsAreOneNameAndLookUpsAddNothing) {
   EXPECT_EQ(Zel::Name::count(), count);
   EXPECT_LT(Zel::Name("a"), Zel::Name("b"));
   EXPECT_TRUE(Zel::Name("").empty());
+}
+
+// Threads make, copy and drop the same few names. Also for the thread sanitizer.
+TEST(Name, IsFreedWithItsLastCopyOnAnyThread) {
+  const auto count = Zel::Name::count();
+  const auto work = [](unsigned seed) {
+    std::mt19937 random(seed);
+    std::vector<Zel::Name> kept(8);
+    for (int i = 0; i < 5000; ++i) {
+      const std::string text = "of a thread " + std::to_string(random() % 16);
+      const Zel::Name name(text);
+      kept[random() % kept.size()] = name;
+      const Zel::Name other = kept[random() % kept.size()];
+      ASSERT_EQ(name.view(), text);
+      ASSERT_TRUE(other.empty() || Zel::Name::existing(other.view()) == other);
+    }
+  };
+  {
+    std::vector<std::jthread> threads;
+    for (unsigned seed = 1; seed <= 4; ++seed) threads.emplace_back(work, seed);
+  }
+  EXPECT_EQ(Zel::Name::count(), count);
 }
 
 TEST(String, SharesComparesAndJoins) {

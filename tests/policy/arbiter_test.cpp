@@ -65,7 +65,7 @@ class ArbiterModel {
   }
   std::set<Name> takeChanged() {
     std::set<Name> changed;
-    for (const Name led : leds_) {
+    for (const Name& led : leds_) {
       const auto held = asking(led);
       const std::uint64_t now = held.empty() ? 0 : held.front().changed;
       if (std::exchange(shown_[led], now) != now) changed.insert(led);
@@ -157,7 +157,7 @@ class ArbiterTest : public testing::Test {
     }
   }
   void expectSame() {
-    for (const Name led : leds_) {
+    for (const Name& led : leds_) {
       SCOPED_TRACE(led.stdString());
       std::vector<Arbiter::Asking> wanted;
       const auto held = model_.leds().contains(led) ? model_.asking(led) : std::vector<ArbiterModel::Held>();

@@ -113,7 +113,7 @@ class RulesTest : public testing::Test {
       }
     if (rule.comparison != Comparison::missing) return all;
     if (!led.hasStar()) return there.empty() ? std::set<std::string>{""} : all;
-    for (const Name name : leds_)
+    for (const Name& name : leds_)
       if (const auto star = led.match(name.view());
           star && arbiter_.hasLed(name) && !there.contains(std::string(*star)))
         all.emplace(*star);

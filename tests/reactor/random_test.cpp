@@ -88,7 +88,7 @@ struct ReactorModel {
     if (!mapping.ready()) return;
     Output& output = outputs[name];
     for (std::size_t colour = 0; colour < kColours.size(); ++colour)
-      for (const Zel::Name pinName : (mapping.*kColours[colour].names)()) {
+      for (const Zel::Name& pinName : (mapping.*kColours[colour].names)()) {
         const Pin pin = pinIs(pinName.stdString());
         if (std::ranges::count(output[colour], pin) == 0) {
           std::erase_if(output[colour], [&](const Pin& other) { return other.first == pin.first; });

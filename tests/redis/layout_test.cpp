@@ -62,6 +62,7 @@ TEST(RedisLayout, AScanAndTheLogSinceMakeTheRows) {
   rows.scanned(d, "b/x", "3");  // a hash that grows is read twice in places
   rows.endScan();
   EXPECT_EQ(rows.find("d/a"), nullptr);
+  EXPECT_FALSE(Path::existing("d/a")) << "values without an entity leave nothing";
   EXPECT_EQ(entityText(*rows.find("d/b")), "T\tx\ty");
   EXPECT_EQ(*rows.find("d/b")->find("x"), Zel::Value(3));
   rows.carry({Change::put("d/a", "U", "late", 1), Change::unset("d/b", "x"),

@@ -89,7 +89,9 @@ class World {
 
   std::string path() {
     static const char* const paths[] = {"m", "m/a", "m/a/b", "m/a/c", "m/d"};
-    return any(paths);
+    if (below(3)) return any(paths);
+    // New ones come, and take the places in the table of those that have gone, while a snapshot is replaced.
+    return below(2) ? "m/a/" + std::to_string(below(12)) : "n" + std::to_string(below(4)) + "/e";
   }
   Change change() {
     const std::string at = path(), attribute = below(2) ? "x" : "y", type = below(5) ? "T" : "U";

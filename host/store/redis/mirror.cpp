@@ -104,7 +104,7 @@ Overlay::Entity* Overlay::entity(Path path) {
   if (concerned.empty()) return nullptr;
   Orders removals;
   std::ranges::reverse(concerned);
-  for (const Path each : concerned)
+  for (const Path& each : concerned)
     if (each != path) applied(each, removals);
   return &entities_.emplace(path, applied(path, removals)).first->second;
 }
@@ -167,19 +167,20 @@ std::size_t Overlay::count() {
   return count;
 }
 
-// A walk over all paths: in the order of the ids, which has an entity before those under it, for what is
-// wanted, and back for what is not. Paths that are made meanwhile have no entities but those that are
-// carried.
+// Two walks over all paths: forth, which has an entity before those under it, for what is wanted, and back
+// for what is not. Paths come and go between portions. One that a walk does not meet, because it was made
+// behind it, has no entity but one that was carried, which is as wanted already; one that it meets after that
+// is left as it is.
 class Replacement {
  public:
   Replacement() = default;
   Replacement(Durability space, Mirror::Wanted wanted)
-      : space_(space), wanted_(std::move(wanted)), end_(static_cast<std::uint32_t>(Path::count())) {}
+      : space_(space), wanted_(std::move(wanted)), walk_(Walk::forth) {}
 
-  bool isDone() const { return next_ == 2 * end_; }
+  bool isDone() const { return walk_ == Walk::done; }
   void proceed(Spaces& spaces, std::size_t most, Changes& visible) {
-    for (; most > 0 && next_ < end_; --most) put(spaces, Path::ofId(next_++), visible);
-    for (; most > 0 && next_ < 2 * end_; --most) remove(spaces, Path::ofId(2 * end_ - ++next_), visible);
+    for (; most > 0 && !isDone(); --most)
+      walk_ == Walk::forth ? stepForth(spaces, visible) : stepBack(spaces, visible);
   }
 
   // Carries a change that is wanted already, as may be others that follow.
@@ -199,6 +200,20 @@ class Replacement {
   }
 
  private:
+  enum class Walk : std::uint8_t { forth, back, done };
+
+  void stepForth(Spaces& spaces, Changes& visible) {
+    put(spaces, at_, visible);
+    at_ = at_.next();
+    if (at_.empty()) walk_ = Walk::back;
+  }
+  void stepBack(Spaces& spaces, Changes& visible) {
+    at_ = at_.previous();
+    if (at_.empty())
+      walk_ = Walk::done;
+    else
+      remove(spaces, at_, visible);
+  }
   void put(Spaces& spaces, Path path, Changes& visible) const {
     const auto wanted = wanted_(path);
     if (wanted && *wanted) renew(spaces, path, *wanted, visible);
@@ -234,8 +249,8 @@ class Replacement {
 
   Durability space_ = Durability::stored;
   Mirror::Wanted wanted_{};
-  std::uint32_t end_ = 0;
-  std::uint32_t next_ = 0;  // there and back
+  Walk walk_ = Walk::done;
+  Path at_{};  // forth: the next one; back: the last one
 };
 
 }  // namespace

@@ -19,7 +19,7 @@ void Publications::mountsAre(const std::vector<Path>& mounts) {
   std::erase_if(groups_, [&](const Group& each) {
     return each.isOfMount && std::ranges::find(mounts, each.mount) == mounts.end();
   });
-  for (const Path mount : mounts)
+  for (const Path& mount : mounts)
     if (!find(mount)) groups_.push_back({.mount = mount});
 }
 
@@ -88,18 +88,12 @@ const Record* Publications::over(Path path, const Record* theirs) {
   return group.isShown() ? group.rows.over(path, theirs) : theirs;
 }
 
-Records Publications::recordsUnder(const Rows& rows, Path path) {
-  Records records = rows.all();
-  std::erase_if(records, [&](const Record* each) { return !each->path.isUnder(path); });
-  return records;
-}
-
 void Publications::owned(Path mount, const Rows& theirs, const Records& shown) {
   Group& group = at(mount);
   if (std::exchange(group.isOwned, true)) return;
   if (group.isDelivered) {
     group.rows.lost();
-    group.rows.compare(recordsUnder(theirs, mount), true);
+    group.rows.compare(theirs.under(mount), true);
   } else {
     group.rows.forgetAdopted();
     for (const Record* record : shown) group.rows.adopt(*record);
@@ -110,7 +104,7 @@ void Publications::published(Path mount, const Rows& theirs) {
   Group& group = at(mount);
   group.rows.keepAdopted();
   group.rows.lost();
-  group.rows.compare(recordsUnder(theirs, mount), false);
+  group.rows.compare(theirs.under(mount), false);
 }
 
 void Publications::delivered(Path mount) { at(mount).isDelivered = true; }
@@ -121,7 +115,7 @@ void Publications::compare(const Rows& theirs) {
     group.rows.lost();
     const bool replaces = group.isOwned && group.isDelivered;
     if (!group.isShown() || (group.rows.empty() && !replaces)) continue;
-    Records records = recordsUnder(theirs, group.mount);
+    Records records = theirs.under(group.mount);
     std::erase_if(records, [&](const Record* each) { return &groupOf(each->path) != &group; });
     group.rows.compare(records, replaces);
   }

@@ -94,7 +94,6 @@ class Publications {
   // Calls `take` with each group that changes concern, and its part.
   template <class Take>
   void forParts(const Statedb::Changes& changes, Take&& take);
-  static Statedb::Records recordsUnder(const Rows& rows, Statedb::Path path);
 
   std::list<Group> groups_;  // the first: outside every mount
 };

@@ -42,14 +42,10 @@ class RecordTable {
     if (find(path)) at(path) = {};
   }
 
-  // Calls `function` with each record, those of no entity included: an entity comes before those under it.
+  // Calls `function` with each record, those of no entity included, in no order.
   template <class Function>
   void forEach(Function&& function) {
     for (Chunk& chunk : chunks_) std::ranges::for_each(chunk, function);
-  }
-  template <class Function>
-  void forEach(Function&& function) const {
-    for (const Chunk& chunk : chunks_) std::ranges::for_each(chunk, function);
   }
 
   // Frees some records, at least `least` of them if there are so many. Returns whether any are left.

@@ -98,7 +98,7 @@ void RedisStore::deliverSnapshots() {
   subscribers_.deliverSnapshots(
       mirror_, [this](Path path, const Subscriber& subscriber) { return mayArrive(path, subscriber); },
       [this](Path path, const Subscriber& subscriber) {
-        for (const Path mount : mountsUnder(path, subscriber)) publications_.delivered(mount);
+        for (const Path& mount : mountsUnder(path, subscriber)) publications_.delivered(mount);
       });
 }
 
@@ -247,7 +247,7 @@ void RedisStore::carryStored(const Upstream::Owner::Entry& entry) {
 // shown at once.
 void RedisStore::carryVolatile(const Upstream::Owner::Entry& entry) {
   if (entry.own != 0) return;
-  for (const Path mount : entry.head.mounts) claims_.onPublished(mount.text());
+  for (const Path& mount : entry.head.mounts) claims_.onPublished(mount.text());
   isDue_ = isDue_ || !isReached_;
   const Changes changes = publications_.received(entry.changes);
   kept_.carry(changes);

@@ -88,7 +88,7 @@ void Rows::endScan() {
   order_ = {};
   if (std::exchange(early_, 0) == 0) return;
   records_.forEach([](Record& each) {
-    if (!orNull(each)) each.attributes.clear();
+    if (!orNull(each)) each = {};
   });
 }
 
@@ -107,10 +107,10 @@ void Rows::carry(const Changes& changes) {
   }
 }
 
-Statedb::Records Rows::all() const {
+Statedb::Records Rows::under(Path path) const {
   Statedb::Records records;
-  records_.forEach([&](const Record& each) {
-    if (orNull(each)) records.push_back(&each);
+  path.forEachUnder([&](const Path& each) {
+    if (const Record* record = records_.find(each)) records.push_back(record);
   });
   return records;
 }

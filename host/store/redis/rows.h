@@ -29,8 +29,9 @@ class Rows {
 
   // Null where there is none.
   const Statedb::Record* find(Statedb::Path path) const { return records_.find(path); }
-  // Valid until something changes; an entity comes before those under it.
-  Statedb::Records all() const;
+  // At and under a path. Valid until something changes; an entity comes before those under it.
+  Statedb::Records under(Statedb::Path path) const;
+  Statedb::Records all() const { return under({}); }
 
   // Frees some entities, at least so many. Returns whether any are left. A big table takes long to free at
   // once.

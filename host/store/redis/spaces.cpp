@@ -215,12 +215,12 @@ void Spaces::showUnder(Path path, Changes& visible) {
   if (!held_.empty()) path.forEachUnder([&](Path each) { show(each, visible); });
 }
 
-// In the order of the ids, which has an entity before those under it.
+// An entity before those under it.
 void Spaces::showAll(Changes& visible) {
   std::vector<Path> paths;
   for (const auto& [path, before] : held_) paths.push_back(path);
   std::ranges::sort(paths);
-  for (const Path each : paths) show(each, visible);
+  for (const Path& each : paths) show(each, visible);
 }
 
 }  // namespace Host::Redis

@@ -81,7 +81,7 @@ struct Entity {
   }
   std::string text() const {
     std::string text = known ? entityText(*known) : type.stdString();
-    for (const Name each : added) text.append("\t").append(each.view());
+    for (const Name& each : added) text.append("\t").append(each.view());
     return text;
   }
 };

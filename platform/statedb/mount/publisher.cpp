@@ -49,7 +49,7 @@ PublishedEntity::PublishedEntity(Publisher& publisher, Path path, const Zel::Ptr
   const Zel::TypeNode& type = entity->fwkType();
   for (Zel::AttributeIndex index = 0; index < type.endIndex(); ++index)
     if (const auto& attribute = type.attribute(index); attribute.member)
-      for (const Zel::Name key : attribute.keys(*entity))
+      for (const Zel::Name& key : attribute.keys(*entity))
         watch(index, key, Zel::Ptr<const Zel::Entity>(attribute.member(*entity, key)));
 }
 
@@ -142,8 +142,8 @@ void PublishedEntity::membersChanged(Zel::AttributeIndex collection) {
   std::set<Zel::Name> keys;
   if (members_)
     for (const auto& member : (*members_)[collection]) keys.insert(member->entity().name());
-  for (const Zel::Name key : entity().fwkType().attribute(collection).keys(entity())) keys.insert(key);
-  for (const Zel::Name key : keys) memberChanged(collection, key);
+  for (const Zel::Name& key : entity().fwkType().attribute(collection).keys(entity())) keys.insert(key);
+  for (const Zel::Name& key : keys) memberChanged(collection, key);
 }
 
 Publisher::Publisher(const Zel::Ptr<const Zel::Entity>& entity, Path path)

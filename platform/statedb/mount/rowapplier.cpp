@@ -13,7 +13,7 @@ template <class Function>
 void forEachMember(const Zel::Entity& entity, Path path, Function&& function) {
   for (const Zel::AttributeInfo* attribute : entity.fwkType().storedAttributes()) {
     if (attribute->kind != Zel::Kind::collection) continue;
-    for (const Zel::Name key : attribute->keys(entity)) function(memberPath(path, *attribute, key));
+    for (const Zel::Name& key : attribute->keys(entity)) function(memberPath(path, *attribute, key));
   }
 }
 
@@ -160,7 +160,7 @@ Zel::Name RowApplier::typeOnTheWay(Path path) const {
 
 // Removes an entity, but only clears a mounted one or one above a mount.
 void RowApplier::remove(Path path) {
-  std::erase_if(refusedEntities_, [&](const auto& refused) { return refused.first.isUnder(path); });
+  forgetRefused(path);
   const Found found = tree_.find(path);
   if (!found.entity) return;
   if (path.empty() || mounts_.isAtOrUnder(path)) return clear(*found.entity, path);
@@ -168,6 +168,12 @@ void RowApplier::remove(Path path) {
                    [&](PublishedEntity& above) { above.forget(*found.collection, found.key); });
   removeMember(found);
   removed_.insert(path);
+}
+
+// Those of a del, or before a snapshot, which brings again what is still there.
+void RowApplier::forgetRefused(const Path& path) {
+  if (!refusedEntities_.empty())
+    path.forEachUnder([this](const Path& each) { refusedEntities_.erase(each); });
 }
 
 void RowApplier::clear(Zel::Entity& entity, Path path) {
@@ -181,6 +187,7 @@ void RowApplier::clear(Zel::Entity& entity, Path path) {
 
 void RowApplier::applySnapshot(Path path, const Records& records) {
   std::erase_if(queue_, [&](const Change& change) { return change.row.path.isUnder(path); });
+  forgetRefused(path);
   if (const auto top = tree_.entityAt(path)) {
     Present present;
     for (const Record* record : records) addPresent(present, *record, path);

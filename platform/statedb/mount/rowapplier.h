@@ -66,6 +66,7 @@ class RowApplier {
   void refuseAll(const Record& record, const std::string& why);
   void unset(const Row& row);
   void remove(Path path);
+  void forgetRefused(const Path& path);
   void clear(Zel::Entity& entity, Path path);
   void removeAbsent(Zel::Entity& entity, Path path, const Present& present);
   Zel::Ptr<Zel::Entity> make(const Found& at, Zel::Name type);

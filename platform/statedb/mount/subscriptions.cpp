@@ -56,7 +56,7 @@ void Subscriptions::add(const std::vector<Mount>& mounts) {
   std::vector<Path> paths;
   for (const Mount& mount : mounts) paths.emplace_back(mount.path().view());
   std::ranges::sort(paths, &readsBefore);
-  for (const Path path : paths)
+  for (const Path& path : paths)
     if (!covering(path)) add(path);
 }
 

@@ -106,7 +106,7 @@ class Writer {
   }
 
   // The origin assumes that its value is visible; it must be notified of the one that is.
-  void correct(Path path, Zel::Name attribute) {
+  void correct(const Path& path, const Zel::Name& attribute) {
     if (origin_) corrected.emplace_back(path, attribute);
   }
 
@@ -120,7 +120,7 @@ class Writer {
   // Removes the entity at a path and all under it.
   void del(Path path) {
     bool any = false, isKept = false;
-    path.forEachUnder([&](Path each) {
+    path.forEachUnder([&](const Path& each) {
       Entry* entry = entries_.find(each);
       if (!entry) return;
       any = true;
@@ -135,7 +135,7 @@ class Writer {
   // dropped those as well, so it gets them back.
   void withdraw(Path path) {
     std::optional<Path> gone;  // subscribers drop it with all under it
-    path.forEachUnder([&](Path each) {
+    path.forEachUnder([&](const Path& each) {
       Entry* entry = entries_.find(each);
       if (!entry) return;
       const bool isGone = gone && each.isUnder(*gone);
@@ -156,7 +156,7 @@ class Writer {
     std::vector<Zel::Name> names;
     for (const Attribute& each : entry.attributes)
       if (each.durability == Durability::volatile_) names.push_back(each.name);
-    for (const Zel::Name name : names) reveal(entry, name, notifies);
+    for (const Zel::Name& name : names) reveal(entry, name, notifies);
   }
 
   // Removes the volatile value of an attribute and reveals the stored one, if any.
@@ -202,7 +202,7 @@ class Writer {
     if (covers_) return notifyOverCovers(change);
     visible.push_back(change);
   }
-  // An entity is shown with its covers_, and no change of a covered value is.
+  // An entity is shown with its covers, and no change of a covered value is.
   void notifyOverCovers(const Change& change) {
     base->push_back(change);
     const Row& row = change.row;
@@ -215,16 +215,17 @@ class Writer {
 
   // Whether a change concerns a subscription other than those of `origin`.
   bool isSubscribed(const Change& change) {
-    const Path path = change.row.path;
+    const Path& path = change.row.path;
     if (change.kind == Change::Kind::del || path.empty())
-      return state_.anySubscription(origin_, [&](Path subscribed) { return concerns(change, subscribed); });
+      return state_.anySubscription(origin_,
+                                    [&](const Path& subscribed) { return concerns(change, subscribed); });
     if (const Path above = path.parent(); above != lastAbove_ || above.empty()) {
       lastAbove_ = above;
       isAboveSubscribed_ =
-          state_.anySubscription(origin_, [&](Path subscribed) { return above.isUnder(subscribed); });
+          state_.anySubscription(origin_, [&](const Path& subscribed) { return above.isUnder(subscribed); });
     }
     return isAboveSubscribed_ ||
-           state_.anySubscription(origin_, [&](Path subscribed) { return path == subscribed; });
+           state_.anySubscription(origin_, [&](const Path& subscribed) { return path == subscribed; });
   }
 
   MemoryState& state_;
@@ -306,7 +307,7 @@ void MemoryStore::writeCovers(const Changes& changes) {
   Changes visible;
   try {
     for (const Change& change : changes)
-      for (const Path path : pathsOf(covers, change)) {
+      for (const Path& path : pathsOf(covers, change)) {
         const Entry* entry = state_->entries.find(path);
         const Record shown = entry ? covers.over(*entry) : Record();
         change.kind == Change::Kind::del ? covers.removeAt(path) : apply(covers, change);

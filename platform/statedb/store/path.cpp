@@ -14,21 +14,28 @@
 
 namespace Statedb {
 
-// The tree of all paths. A path's number is its node's position.
+// The tree of all paths. A path's number is its node's position. Internally a node is a number, which counts
+// nothing.
 struct PathTable {
+  using Id = std::uint32_t;
   struct Node {
     Zel::Name component;
-    Path parent;
-    Path lastChild;
-    Path next;  // the next sibling; a ring: the last points to the first
+    Id parent = 0;
+    Id lastChild = 0;
+    Id next = 0;  // siblings: a ring, doubly linked. Of a free node: the next free one, 0 for none
+    Id previous = 0;
     std::uint32_t depth = 0;
+    std::uint32_t users = 0;  // copies of the path, and children
   };
 
   std::vector<Node> nodes = std::vector<Node>(1);
-  // An open-addressing hash table of children, by linear probing; a free place has the empty path. Comparing
-  // the stored hash first avoids reading the node.
+  Id firstFree = 0;
+  std::size_t count = 1;
+  std::uint64_t added = 1;
+  // An open-addressing hash table of children, by linear probing; 0: a free place. Comparing the stored hash
+  // first avoids reading the node.
   struct Place {
-    Path path;
+    Id id = 0;
     std::uint32_t hash = 0;
   };
   std::vector<Place> places = std::vector<Place>(1024);
@@ -40,56 +47,144 @@ struct PathTable {
     return table;
   }
 
-  const Node& operator[](Path path) const { return nodes[path.id_]; }
+  const Node& operator[](const Path& path) const { return nodes[path.id_]; }
+  // Counts a copy.
+  Path pathOf(Id id) {
+    Path path;
+    path.id_ = id;
+    if (id != 0) ++nodes[id].users;
+    return path;
+  }
 
   // Keeps the low bits of the component's id: siblings whose names were interned one after another share
   // cache lines.
-  static std::uint32_t hashOf(Path parent, Zel::Name component) {
-    const std::uint64_t key = std::uint64_t{parent.id_} << 32 | component.id() >> 4;
+  static std::uint32_t hashOf(Id parent, const Zel::Name& component) {
+    const std::uint64_t key = std::uint64_t{parent} << 32 | component.id() >> 4;
     return static_cast<std::uint32_t>(key * 0x9E3779B97F4A7C15U >> 32 & ~std::uint64_t{15}) |
            (component.id() & 15U);
   }
 
+  std::size_t wrapped(std::size_t at) const { return at & (places.size() - 1); }
+
   // The place of a child, or the free one for it.
-  Place& place(Path parent, Zel::Name component, std::uint32_t hash) {
-    std::size_t at = hash & (places.size() - 1);
+  Place& place(Id parent, const Zel::Name& component, std::uint32_t hash) {
+    std::size_t at = wrapped(hash);
     const auto isChild = [&](const Place& place) {
       if (place.hash != hash) return false;
-      const Node& node = (*this)[place.path];
+      const Node& node = nodes[place.id];
       return node.parent == parent && node.component == component;
     };
-    while (!places[at].path.empty() && !isChild(places[at])) at = (at + 1) & (places.size() - 1);
+    while (places[at].id != 0 && !isChild(places[at])) at = wrapped(at + 1);
     return places[at];
   }
 
   // Empty if there is none.
-  Path find(Path parent, Zel::Name component) {
-    return place(parent, component, hashOf(parent, component)).path;
+  Path find(const Path& parent, const Zel::Name& component) {
+    return pathOf(place(parent.id_, component, hashOf(parent.id_, component)).id);
   }
 
-  Path make(Path parent, Zel::Name component) {
-    if (nodes.size() >= places.size() / 4 * 3) grow();
-    const std::uint32_t hash = hashOf(parent, component);
-    Place& place = this->place(parent, component, hash);
-    if (!place.path.empty()) return place.path;
-    Path made;
-    made.id_ = static_cast<std::uint32_t>(nodes.size());
-    place = {made, hash};
-    nodes.push_back({component, parent, {}, made, nodes[parent.id_].depth + 1});
-    Path& last = nodes[parent.id_].lastChild;
-    if (!last.empty()) nodes[made.id_].next = std::exchange(nodes[last.id_].next, made);
-    last = made;
+  Path make(const Path& parent, const Zel::Name& component) {
+    if (count >= places.size() / 4 * 3) grow();
+    const std::uint32_t hash = hashOf(parent.id_, component);
+    Place& place = this->place(parent.id_, component, hash);
+    if (place.id == 0) place = {append(parent.id_, component), hash};
+    return pathOf(place.id);
+  }
+
+  Id append(Id parent, const Zel::Name& component) {
+    if (firstFree == 0) nodes.emplace_back();
+    const Id made = firstFree == 0 ? static_cast<Id>(nodes.size() - 1) : firstFree;
+    Node& node = nodes[made];
+    if (firstFree != 0) firstFree = node.next;
+    node = {component, parent, 0, made, made, nodes[parent].depth + 1, 0};
+    ++nodes[parent].users;
+    ++count;
+    ++added;
+    link(made);
     return made;
+  }
+
+  // As the last child of its parent.
+  void link(Id made) {
+    const Id last = std::exchange(nodes[nodes[made].parent].lastChild, made);
+    if (last == 0) return;
+    const Id first = std::exchange(nodes[last].next, made);
+    nodes[first].previous = made;
+    nodes[made].next = first;
+    nodes[made].previous = last;
+  }
+  void unlink(Id id) {
+    const Node& node = nodes[id];
+    nodes[node.previous].next = node.next;
+    nodes[node.next].previous = node.previous;
+    Id& last = nodes[node.parent].lastChild;
+    if (last == id) last = node.previous == id ? 0 : node.previous;
+  }
+
+  // Removes a node without users, and its ancestors that then have none.
+  void drop(Id id) {
+    while (id != 0 && --nodes[id].users == 0) {
+      Node& node = nodes[id];
+      takePlace(place(node.parent, node.component, hashOf(node.parent, node.component)));
+      unlink(id);
+      node.component = {};
+      node.next = std::exchange(firstFree, id);
+      --count;
+      id = node.parent;
+    }
+  }
+
+  // Moves back what follows, so that no probe ends early.
+  void takePlace(const Place& taken) {
+    auto gap = static_cast<std::size_t>(&taken - places.data());
+    for (std::size_t at = wrapped(gap + 1); places[at].id != 0; at = wrapped(at + 1))
+      if (wrapped(at - places[at].hash) >= wrapped(at - gap)) places[std::exchange(gap, at)] = places[at];
+    places[gap] = {};
   }
 
   void grow() {
     const auto old = std::exchange(places, std::vector<Place>(places.size() * 2));
     for (const Place& place : old) {
-      if (place.path.empty()) continue;
-      std::size_t at = place.hash & (places.size() - 1);
-      while (!places[at].path.empty()) at = (at + 1) & (places.size() - 1);
+      if (place.id == 0) continue;
+      std::size_t at = wrapped(place.hash);
+      while (places[at].id != 0) at = wrapped(at + 1);
       places[at] = place;
     }
+  }
+
+  Id firstChild(Id id) const { return nodes[id].lastChild == 0 ? 0 : nodes[nodes[id].lastChild].next; }
+  // The next in a preorder walk; 0 at its end.
+  Id nextUnder(Id id, Id above) const {
+    if (const Id child = firstChild(id)) return child;
+    for (; id != above; id = nodes[id].parent)
+      if (nodes[nodes[id].parent].lastChild != id) return nodes[id].next;
+    return 0;
+  }
+
+  // The one before it; before the root comes the last of all.
+  Id previous(Id id) const {
+    if (id != 0 && firstChild(nodes[id].parent) == id) return nodes[id].parent;
+    Id last = id == 0 ? 0 : nodes[id].previous;
+    while (nodes[last].lastChild != 0) last = nodes[last].lastChild;
+    return last;
+  }
+
+  Id ancestor(Id id, std::uint32_t depth) const {
+    while (nodes[id].depth > depth) id = nodes[id].parent;
+    return id;
+  }
+  // REQUIRES: they differ.
+  bool readsBefore(Id a, Id b) const {
+    const std::uint32_t depth = std::min(nodes[a].depth, nodes[b].depth);
+    const bool isAbove = nodes[a].depth < nodes[b].depth;
+    a = ancestor(a, depth);
+    b = ancestor(b, depth);
+    if (a == b) return isAbove;
+    while (nodes[a].parent != nodes[b].parent) {
+      a = nodes[a].parent;
+      b = nodes[b].parent;
+    }
+    return nodes[a].component < nodes[b].component;
   }
 
   // Resolves a path string component by component with `step`, which returns the empty path to stop.
@@ -101,9 +196,9 @@ struct PathTable {
     const std::string_view above = text.substr(0, slash);
     const Path* parent = lastParent.find(above);
     if (!parent) {
-      const Path found = followAll(above, step);
+      Path found = followAll(above, step);
       if (found.empty()) return {};
-      parent = &lastParent.keep(above, found);
+      parent = &lastParent.keep(above, std::move(found));
     }
     return step(*parent, text.substr(slash + 1));
   }
@@ -127,7 +222,7 @@ PathTable& table() { return PathTable::instance(); }
 
 Path::Path(std::string_view text) {
   Zel::PathWalker::check(text);
-  const auto step = [](Path parent, std::string_view component) {
+  const auto step = [](const Path& parent, std::string_view component) {
     return table().make(parent, Zel::Name::escaped(component));
   };
   *this = table().follow(text, step);
@@ -136,20 +231,28 @@ Path::Path(std::string_view text) {
 std::optional<Path> Path::existing(std::string_view text) {
   if (text.empty()) return Path();
   if (text.size() > Zel::PathWalker::kLongest) return std::nullopt;
-  const auto step = [](Path parent, std::string_view component) {
+  const auto step = [](const Path& parent, std::string_view component) {
     const auto known = Zel::Name::existing(component);
     return known ? table().find(parent, *known) : Path();
   };
-  const Path found = table().follow(text, step);
+  Path found = table().follow(text, step);
   if (found.empty()) return std::nullopt;
   return found;
 }
 
-std::size_t Path::count() { return table().nodes.size(); }
+void Path::addUser(std::uint32_t id) noexcept { ++table().nodes[id].users; }
+
+void Path::dropUser(std::uint32_t id) noexcept { table().drop(id); }
+
+std::size_t Path::count() { return table().count; }
+
+std::uint64_t Path::added() { return table().added; }
+
+std::size_t Path::endOfIds() { return table().nodes.size(); }
 
 Path Path::parent() const {
   ZEL_REQUIRE(!empty(), id_);
-  return table()[*this].parent;
+  return table().pathOf(table()[*this].parent);
 }
 
 Zel::Name Path::component() const {
@@ -157,9 +260,9 @@ Zel::Name Path::component() const {
   return table()[*this].component;
 }
 
-Path Path::child(Zel::Name component) const { return table().make(*this, component); }
+Path Path::child(const Zel::Name& component) const { return table().make(*this, component); }
 
-Path Path::childNamed(Zel::Name name) const {
+Path Path::childNamed(const Zel::Name& name) const {
   const std::string_view text = name.view();
   if (Zel::isComponent(text)) return child(name);
   return child(Zel::Name(Zel::escapeComponent(text)));
@@ -167,13 +270,8 @@ Path Path::childNamed(Zel::Name name) const {
 
 unsigned Path::depth() const { return table()[*this].depth; }
 
-bool Path::isUnder(Path above) const {
-  if (above.empty()) return true;
-  const PathTable& all = table();
-  const std::uint32_t depth = all[above].depth;
-  Path path = *this;
-  while (all[path].depth > depth) path = all[path].parent;
-  return path == above;
+bool Path::isUnder(const Path& above) const {
+  return above.empty() || table().ancestor(id_, table()[above].depth) == above.id_;
 }
 
 void Path::prefetch() const { Zel::prefetch(&table()[*this]); }
@@ -189,48 +287,27 @@ void Path::appendTo(std::string& text) const {
   if (empty()) return;
   const PathTable& all = table();
   std::size_t length = 0;
-  for (Path each = *this; !each.empty(); each = all[each].parent)
-    length += all[each].component.view().size() + 1;
+  for (std::uint32_t each = id_; each != 0; each = all.nodes[each].parent)
+    length += all.nodes[each].component.view().size() + 1;
   std::size_t at = text.size() + length;
   text.resize(at, '/');
-  for (Path each = *this; !each.empty(); each = all[each].parent) {
-    const std::string_view component = all[each].component.view();
+  for (std::uint32_t each = id_; each != 0; each = all.nodes[each].parent) {
+    const std::string_view component = all.nodes[each].component.view();
     at -= component.size() + 1;
     component.copy(text.data() + at, component.size());
   }
   text.pop_back();
 }
 
-Path Path::firstChild() const {
-  const Path last = table()[*this].lastChild;
-  return last.empty() ? last : table()[last].next;
-}
+Path Path::firstChild() const { return table().pathOf(table().firstChild(id_)); }
 
-Path Path::nextSibling() const {
-  const auto& node = table()[*this];
-  return table()[node.parent].lastChild == *this ? Path() : node.next;
-}
+Path Path::nextUnder(const Path& above) const { return table().pathOf(table().nextUnder(id_, above.id_)); }
 
-Path Path::nextUnder(Path above) const {
-  Path next = firstChild();
-  for (Path each = *this; next.empty() && each != above; each = each.parent()) next = each.nextSibling();
-  return next;
-}
+Path Path::next() const { return table().pathOf(table().nextUnder(id_, 0)); }
+Path Path::previous() const { return table().pathOf(table().previous(id_)); }
 
-bool readsBefore(Path a, Path b) {
-  if (a == b) return false;
-  const unsigned depth = std::min(a.depth(), b.depth());
-  const bool above = a.depth() < b.depth();
-  while (a.depth() > depth) a = a.parent();
-  while (b.depth() > depth) b = b.parent();
-  if (a == b) return above;
-  while (a.parent() != b.parent()) {
-    a = a.parent();
-    b = b.parent();
-  }
-  return a.component() < b.component();
-}
+bool readsBefore(const Path& a, const Path& b) { return a != b && table().readsBefore(a.id(), b.id()); }
 
-std::ostream& operator<<(std::ostream& out, Path path) { return out << path.text(); }
+std::ostream& operator<<(std::ostream& out, const Path& path) { return out << path.text(); }
 
 }  // namespace Statedb

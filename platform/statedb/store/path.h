@@ -1,9 +1,9 @@
 // Paths of entities, interned: the keys of a state database.
 //
-// A Path is an index into one table a process: four bytes, copied, compared and hashed as an integer. The
-// table is a tree, so finding a parent, or whether one path is under another, reads no string. A path stays
-// in the table for the life of the process; look up strings from outside with Path::existing, which adds
-// nothing.
+// A Path is an index into one table a process: four bytes, compared and hashed as an integer. The table is a
+// tree, so finding a parent, or whether one path is under another, reads no string. It counts the copies of a
+// path and drops the path with the last of them and of those under it, so paths that come and go from outside
+// cost nothing once they are gone.
 //
 // Activity thread only.
 #pragma once
@@ -15,6 +15,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "platform/zel/core/export.h"
 #include "platform/zel/core/name.h"
@@ -30,11 +31,28 @@ class ZEL_API Path {
   Path(const char* text) : Path(std::string_view(text)) {}
   Path(const std::string& text) : Path(std::string_view(text)) {}
   explicit Path(std::string_view text);
+  Path(const Path& other) noexcept : id_(other.id_) { addUser(); }
+  Path(Path&& other) noexcept : id_(std::exchange(other.id_, 0)) {}
+  Path& operator=(const Path& other) noexcept {
+    other.addUser();
+    dropUser();
+    id_ = other.id_;
+    return *this;
+  }
+  Path& operator=(Path&& other) noexcept {
+    std::swap(id_, other.id_);
+    return *this;
+  }
+  constexpr ~Path() { dropUser(); }
 
   // The path of a string; nullopt if it is not in the table.
   static std::optional<Path> existing(std::string_view text);
   // Paths in the table.
   static std::size_t count();
+  // Paths that were ever added to it.
+  static std::uint64_t added();
+  // One more than the greatest id() of any path so far.
+  static std::size_t endOfIds();
 
   bool empty() const { return id_ == 0; }
   // The path without its last component. REQUIRES: !empty().
@@ -43,12 +61,12 @@ class ZEL_API Path {
   Zel::Name component() const;
   // The path one component longer; the second takes a name and escapes it. Without limits, for agents' own
   // entities.
-  Path child(Zel::Name component) const;
-  Path childNamed(Zel::Name name) const;
+  Path child(const Zel::Name& component) const;
+  Path childNamed(const Zel::Name& name) const;
   // Number of components.
   unsigned depth() const;
   // Whether it is `above` or under it.
-  bool isUnder(Path above) const;
+  bool isUnder(const Path& above) const;
 
   // Prefetches what the functions above read.
   void prefetch() const;
@@ -56,45 +74,59 @@ class ZEL_API Path {
   std::string text() const;
   void appendTo(std::string& text) const;
 
-  // Dense: from 0 to count() - 1. A path's descendants have greater ids than the path.
+  // Dense: the id of a path that is gone is used again.
   std::uint32_t id() const { return id_; }
-  // REQUIRES: id < count().
-  static constexpr Path ofId(std::uint32_t id) {
-    Path path;
-    path.id_ = id;
-    return path;
-  }
+
+  // Steps of a walk over the whole table, from the root and back to it: next() has a path before those under
+  // it, previous() after them. Whatever is added and dropped between two steps, a walk meets each path that
+  // is in the table from its start to its end exactly once, because siblings stay in the order of their
+  // creation and the copy that a walk holds keeps its place. Each takes constant time, averaged over a walk.
+  Path next() const;
+  Path previous() const;
 
   // Calls `function` with this path and every path in the table under it, in preorder; siblings in order of
-  // creation.
+  // creation. `function` may destroy any copy of a path.
   template <class Function>
   void forEachUnder(Function&& function) const {
-    function(*this);
-    for (Path each = firstChild(); !each.empty(); each = each.nextUnder(*this)) function(each);
+    const Path above = *this;
+    function(above);
+    for (Path each = above.firstChild(); !each.empty(); each = each.nextUnder(above)) function(each);
   }
 
-  friend constexpr bool operator==(Path a, Path b) { return a.id_ == b.id_; }
-  // By order of creation: a path's ancestors come first.
-  friend constexpr std::strong_ordering operator<=>(Path a, Path b) { return a.id_ <=> b.id_; }
+  friend constexpr bool operator==(const Path& a, const Path& b) { return a.id_ == b.id_; }
+  // By depth, then by id: a path's ancestors come first.
+  friend std::strong_ordering operator<=>(const Path& a, const Path& b) {
+    const auto byDepth = a.depth() <=> b.depth();
+    return byDepth == 0 ? a.id_ <=> b.id_ : byDepth;
+  }
 
  private:
   friend struct PathTable;
 
+  constexpr void addUser() const noexcept {
+    if (id_ != 0) addUser(id_);
+  }
+  constexpr void dropUser() const noexcept {
+    if (id_ != 0) dropUser(id_);
+  }
+  static void addUser(std::uint32_t id) noexcept;
+  static void dropUser(std::uint32_t id) noexcept;
   Path firstChild() const;
-  Path nextSibling() const;          // empty: there is none
-  Path nextUnder(Path above) const;  // the next in a preorder walk under `above`; empty: this is the last
+  Path nextUnder(const Path& above) const;  // in a preorder walk under `above`; empty: this is the last
 
   std::uint32_t id_ = 0;
 };
 
 // Alphabetical order by component; a parent comes before its children.
-ZEL_API bool readsBefore(Path a, Path b);
+ZEL_API bool readsBefore(const Path& a, const Path& b);
 
-ZEL_API std::ostream& operator<<(std::ostream& out, Path path);
+ZEL_API std::ostream& operator<<(std::ostream& out, const Path& path);
 
 }  // namespace Statedb
 
 template <>
 struct std::hash<Statedb::Path> {
-  std::size_t operator()(Statedb::Path path) const { return path.id() * std::size_t{0x9E3779B97F4A7C15}; }
+  std::size_t operator()(const Statedb::Path& path) const {
+    return path.id() * std::size_t{0x9E3779B97F4A7C15};
+  }
 };

@@ -32,7 +32,7 @@ class ZEL_API Entity : public Described<Entity, Notifier> {
   std::string path() const override;
 
  protected:
-  explicit Entity(Name name) : name_(name) {}
+  explicit Entity(const Name& name) : name_(name) {}
   ~Entity() override;
 
  private:

@@ -85,7 +85,7 @@ void expectArguments(Arguments arguments, std::size_t count) {
 Value nameList(const std::vector<Name>& names) {
   Value::List list;
   list.reserve(names.size());
-  for (const Name name : names) list.emplace_back(name.view());
+  for (const Name& name : names) list.emplace_back(name.view());
   return list;
 }
 

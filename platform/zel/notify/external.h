@@ -46,6 +46,9 @@ class Mailbox;
 
 // One inbox, as its senders and its queued tasks know it.
 struct InboxState {
+  InboxState(std::shared_ptr<Mailbox> theMailbox, const Name& theAgent)
+      : mailbox(std::move(theMailbox)), agent(theAgent) {}
+
   const std::shared_ptr<Mailbox> mailbox;
   const Name agent;
   bool open = true;  // under the mailbox's mutex

@@ -34,14 +34,14 @@ double number(const Value& value) {
 
 Value ValueTraits<NameSet>::toValue(const NameSet& names) {
   bool plain = true;
-  for (const Name name : names) plain &= names.value(name);
+  for (const Name& name : names) plain &= names.value(name);
   if (plain) {
     Value::List list;
-    for (const Name name : names) list.emplace_back(name.view());
+    for (const Name& name : names) list.emplace_back(name.view());
     return list;
   }
   Value::Fields fields;
-  for (const Name name : names) fields.emplace_back(name.stdString(), names.value(name));
+  for (const Name& name : names) fields.emplace_back(name.stdString(), names.value(name));
   return fields;
 }
 

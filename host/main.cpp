@@ -12,6 +12,7 @@
 #include "host/host.h"
 #include "host/io/log.h"
 #include "host/io/traceoutput.h"
+#include "host/refusals.h"
 #include "host/rpc/rpc.h"
 #include "host/store/stores.h"
 #include "platform/cell/cell.h"
@@ -154,14 +155,25 @@ int refused(const std::exception& error, const std::optional<int>& client) {
   return kRefused;
 }
 
+int start(const Host::Options& options, Host::Refusals& refusals) {
+  for (;;) {
+    try {
+      Host::Host host(options);
+      serve(host);
+      return kStopped;
+    } catch (const Zel::HandlerFault& fault) {
+      return failed(fault, kFault);
+    } catch (const std::exception& error) {
+      if (!refusals.waits(error.what())) throw;
+    }
+  }
+}
+
 int run(CommandLine& line) {
   try {
     prepare(line);
-    Host::Host host(line.host);
-    serve(host);
-    return kStopped;
-  } catch (const Zel::HandlerFault& fault) {
-    return failed(fault, kFault);
+    Host::Refusals refusals;
+    return start(line.host, refusals);
   } catch (const std::exception& error) {
     return refused(error, line.host.client);
   }

@@ -124,10 +124,11 @@ void prepare(CommandLine& line) {
   for (const std::string& agent : line.agents) line.host.agents.push_back(Host::AgentOption::parse(agent));
   if (!line.whenLost.empty()) line.host.whenLost = Host::Fallback::parse(line.whenLost);
   for (const std::string& levels : line.traces) Zel::traceLevelsIs(levels);
-  const std::string prefix = line.traceFile.empty() ? Host::journalPrefix(Host::Priority::debug) : "";
-  Zel::traceSinkIs([prefix, &output = traceOutput(line.traceFile)](std::string_view record) {
-    output.write(prefix.empty() ? record : prefix + std::string(record));
-  });
+  Zel::traceSinkIs(
+      [isFile = !line.traceFile.empty(), &output = traceOutput(line.traceFile)](std::string_view record) {
+        const std::string prefix = isFile ? "" : Host::journalPrefix(Host::priorityOf(record));
+        output.write(prefix.empty() ? record : prefix + std::string(record));
+      });
   Cell::cellIdIs(line.cell);
   if (line.host.client) ::unsetenv("NOTIFY_SOCKET");  // of the service that runs pinlampctl
 }

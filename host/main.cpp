@@ -12,6 +12,7 @@
 #include "host/host.h"
 #include "host/io/log.h"
 #include "host/io/traceoutput.h"
+#include "host/refusals.h"
 #include "host/rpc/rpc.h"
 #include "host/store/stores.h"
 #include "platform/cell/cell.h"
@@ -123,10 +124,11 @@ void prepare(CommandLine& line) {
   for (const std::string& agent : line.agents) line.host.agents.push_back(Host::AgentOption::parse(agent));
   if (!line.whenLost.empty()) line.host.whenLost = Host::Fallback::parse(line.whenLost);
   for (const std::string& levels : line.traces) Zel::traceLevelsIs(levels);
-  const std::string prefix = line.traceFile.empty() ? Host::journalPrefix(Host::Priority::debug) : "";
-  Zel::traceSinkIs([prefix, &output = traceOutput(line.traceFile)](std::string_view record) {
-    output.write(prefix.empty() ? record : prefix + std::string(record));
-  });
+  Zel::traceSinkIs(
+      [isFile = !line.traceFile.empty(), &output = traceOutput(line.traceFile)](std::string_view record) {
+        const std::string prefix = isFile ? "" : Host::journalPrefix(Host::priorityOf(record));
+        output.write(prefix.empty() ? record : prefix + std::string(record));
+      });
   Cell::cellIdIs(line.cell);
   if (line.host.client) ::unsetenv("NOTIFY_SOCKET");  // of the service that runs pinlampctl
 }
@@ -154,14 +156,25 @@ int refused(const std::exception& error, const std::optional<int>& client) {
   return kRefused;
 }
 
+int start(const Host::Options& options, Host::Refusals& refusals) {
+  for (;;) {
+    try {
+      Host::Host host(options);
+      serve(host);
+      return kStopped;
+    } catch (const Zel::HandlerFault& fault) {
+      return failed(fault, kFault);
+    } catch (const std::exception& error) {
+      if (!refusals.waits(error.what())) throw;
+    }
+  }
+}
+
 int run(CommandLine& line) {
   try {
     prepare(line);
-    Host::Host host(line.host);
-    serve(host);
-    return kStopped;
-  } catch (const Zel::HandlerFault& fault) {
-    return failed(fault, kFault);
+    Host::Refusals refusals;
+    return start(line.host, refusals);
   } catch (const std::exception& error) {
     return refused(error, line.host.client);
   }

@@ -16,6 +16,7 @@ class ServiceManager {
   ServiceManager(const ServiceManager&) = delete;
   ServiceManager& operator=(const ServiceManager&) = delete;
 
+  bool isThere() const { return descriptor_ >= 0; }
   // Sends one state ("READY=1"); does nothing without a service manager. Waits up to a second for room in
   // the manager's queue: a lost READY=1 or STOPPING=1 is never repeated.
   void notify(const std::string& state) const;

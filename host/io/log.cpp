@@ -26,6 +26,13 @@ std::string journalPrefix(Priority priority) {
   return kIsJournal ? "<" + std::to_string(static_cast<int>(priority)) + ">" : "";
 }
 
+Priority priorityOf(std::string_view record) {
+  const std::size_t facility = record.find(' ');  // TIME FACILITY LEVEL …
+  const std::size_t level = record.find(' ', facility + 1);
+  return level != record.npos && record.substr(level).starts_with(" 0 ") ? Priority::warning
+                                                                         : Priority::debug;
+}
+
 void log(Priority priority, std::string_view text) {
   TraceOutput::standardError().write(journalPrefix(priority) + "pinlampd: " + Zel::printable(text));
 }

@@ -7,8 +7,10 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
+#include <fstream>
 #include <vector>
 
 #include "client.h"
@@ -95,14 +97,17 @@ class NotifySocket {
   // Whether `state` arrives before any message but `meanwhile`.
   bool receives(const std::string& state, const std::string& meanwhile) {
     for (;;) {
-      pollfd waiting{descriptor_, POLLIN, 0};
-      if (::poll(&waiting, 1, 10000) != 1) return false;
-      char bytes[128];
-      const auto size = static_cast<std::size_t>(::recv(descriptor_, bytes, sizeof bytes, 0));
-      const std::string message(bytes, size);
+      const std::string message = next();
       if (message == state) return true;
       if (message != meanwhile) return false;
     }
+  }
+  // The next message; empty if none comes.
+  std::string next() {
+    pollfd waiting{descriptor_, POLLIN, 0};
+    if (::poll(&waiting, 1, 10000) != 1) return {};
+    char bytes[1024];
+    return {bytes, static_cast<std::size_t>(::recv(descriptor_, bytes, sizeof bytes, 0))};
   }
 
  private:
@@ -128,6 +133,21 @@ TEST(Pinlampd, NotifiesReadinessAndStopsInOrder) {
   EXPECT_TRUE(notify.receives("STOPPING=1", "WATCHDOG=1"));
   EXPECT_EQ(first.exitStatus(), 0);
   EXPECT_FALSE(std::filesystem::exists(socket));
+}
+
+TEST(Pinlampd, UnderAServiceManagerARefusedStartIsLoggedOnceAndTriedAgain) {
+  const Folder folder;
+  NotifySocket notify(folder.at("notify"));
+  const std::string state = folder.at("db");
+  std::ofstream(state) << "not a database at all";
+  Process process(folder, {"--store", "sqlite:" + state, "--socket", folder.at("socket")},
+                  folder.at("notify"));
+  ASSERT_THAT(notify.next(),
+              AllOf(StartsWith("STATUS=The start is refused"), HasSubstr("is not a database")));
+  std::filesystem::rename(state, state + ".damaged");
+  EXPECT_TRUE(notify.receives("READY=1", "WATCHDOG=1")) << process.errors();
+  EXPECT_THAT(process.errors(), StartsWith("<3>pinlampd: store file"));
+  EXPECT_EQ(std::ranges::count(process.errors(), '\n'), 1);
 }
 
 TEST(Pinlampd, AThrowingAgentEndsItWithTheAgentAndHandlerNamed) {

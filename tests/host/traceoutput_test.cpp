@@ -11,9 +11,11 @@
 #include <sstream>
 
 #include "folder.h"
+#include "host/io/log.h"
 
 namespace {
 
+using Host::Priority;
 using Host::TraceOutput;
 
 std::string arrivedAt(int descriptor) {
@@ -77,6 +79,16 @@ TEST(TraceOutput, AppendsToAFileOfItsUserAlone) {
   struct stat status {};
   ASSERT_EQ(::stat(folder.at("trace").c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777, 0600U);
+}
+
+TEST(TraceOutput, TroublesAreWarningsInTheJournal) {
+  const std::pair<const char*, Priority> cases[] = {
+      {"2026-11-22T02:16:54.993580 PinlampGpio 0 LineAgent:30 report: no line 0 ", Priority::warning},
+      {"2026-11-22T02:16:54.993580 Pinlamp 6 Pinlamp:283 createLedConfig: 0 pins", Priority::debug},
+      {"2026-11-22T02:16:54.993580 Pinlamp 10 Pinlamp:0 a: b", Priority::debug},
+      {" 0 ", Priority::debug},
+      {"", Priority::debug}};
+  for (const auto& [record, priority] : cases) EXPECT_EQ(Host::priorityOf(record), priority) << record;
 }
 
 }  // namespace

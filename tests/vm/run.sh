@@ -5,6 +5,9 @@
 #   run.sh [OPTIONS] TREE COMMAND [ARG...]
 #     TREE      folder that is copied to / of the machine, with the shared libraries that its programs need
 #     COMMAND   runs inside as root; its exit code becomes ours
+#   run.sh -r [OPTIONS] TREE COMMAND [ARG...]
+#     TREE      a whole Debian system (root.sh makes one), whose systemd is the first process of the machine; the chips are
+#               there before other services start, COMMAND runs as a service after them
 #   options
 #     -t SECS        time-out (default 120)
 #     -a tcg|kvm     accelerator (default tcg; that /dev/kvm opens does not prove that it works)
@@ -79,7 +82,8 @@ H
   strip --strip-debug gpio-sim-oot.ko
 }
 
-pack() { (cd "$1" && find . -mindepth 1 | sort | cpio -o -H newc -R 0:0 --quiet); }
+# -R 0:0 gives all to root; a whole system has owners of its own.
+pack() { (cd "$1" && find . -mindepth 1 | LC_ALL=C sort | cpio -o -H newc ${2--R 0:0} --quiet); }
 
 base_tree() { # FOLDER MODULE...
   local base=$1 applet; shift
@@ -152,10 +156,10 @@ case ${1:-} in
   prepare) prepare; cat "$cache/ready"; exit 0 ;;
   check) check; exit 0 ;;
 esac
-timeout=120 accel=tcg cpus=1 memory=512 out="" level=3 chips=() environment=()
-while getopts t:a:c:e:o:s:m:v flag; do
+timeout=120 accel=tcg cpus=1 memory=512 out="" level=3 system="" chips=() environment=()
+while getopts rt:a:c:e:o:s:m:v flag; do
   case $flag in
-    t) timeout=$OPTARG ;; a) accel=$OPTARG ;; c) chips+=("$OPTARG") ;; e) environment+=("$OPTARG") ;;
+    r) system=yes memory=1536 ;; t) timeout=$OPTARG ;; a) accel=$OPTARG ;; c) chips+=("$OPTARG") ;; e) environment+=("$OPTARG") ;;
     o) out=$OPTARG ;; s) cpus=$OPTARG ;; m) memory=$OPTARG ;; v) level=7 ;; *) exit 2 ;;
   esac
 done
@@ -178,13 +182,28 @@ trap cleanup EXIT
 trap 'exit 129' HUP; trap 'exit 130' INT; trap 'exit 143' TERM
 
 own=$tmp/own; mkdir -p "$own/gpiovm"
-add_libraries "$tree" "$own"
+[ -n "$system" ] || add_libraries "$tree" "$own"
 printf '%s\n' "${chips[@]}" >"$own/gpiovm/chips"
-echo 'export LD_LIBRARY_PATH=/gpiovm/lib' >"$own/gpiovm/env"
+{ [ -n "$system" ] || echo 'export LD_LIBRARY_PATH=/gpiovm/lib'; } >"$own/gpiovm/env"
 for e in "${environment[@]}"; do printf 'export %s=%s\n' "${e%%=*}" "$(quoted "${e#*=}")"; done >>"$own/gpiovm/env"
 { printf 'exec '; quoted "$@"; echo; } >"$own/gpiovm/cmd"
 [ -z "$out" ] || : >"$own/gpiovm/want-out"
-{ cat "$cache/base.cpio"; pack "$here/guest"; pack "$tree"; pack "$own"; } >"$tmp/initrd"
+if [ -n "$system" ]; then
+  # A Debian system has links in place of the folders of the base: only the modules and the guest's own files go beside it.
+  (cd "$own" && cpio -id --quiet 'gpiovm/*.ko') <"$cache/base.cpio"
+  cp -r "$here/guest/gpiovm" "$here/guest-systemd/." "$own/"
+  mkdir -p "$own/usr/bin" "$own/gpiovm/bin"
+  cp "$here/guest/bin/"* "$own/usr/bin/"
+  cp "$(command -v busybox)" "$own/gpiovm/bin/insmod"  # the system has none
+  { pack "$tree" ""; pack "$own"; } >"$tmp/initrd"
+  init="/sbin/init systemd.getty_auto=0 systemd.show_status=0 systemd.firstboot=off"
+  for unit in systemd-udev-trigger systemd-random-seed systemd-update-utmp systemd-modules-load systemd-pstore; do
+    init+=" systemd.mask=$unit.service"  # nothing here needs them
+  done
+else
+  { cat "$cache/base.cpio"; pack "$here/guest"; pack "$tree"; pack "$own"; } >"$tmp/initrd"
+  init=/gpiovm/init
+fi
 
 : >"$tmp/result"; mkfifo "$tmp/console"
 sed -u 's/\r$//' <"$tmp/console" & console=$!
@@ -193,7 +212,7 @@ serial=(-chardev stdio,id=con,signal=off -serial chardev:con -serial "file:$tmp/
 quiet=quiet; [ "$level" = 3 ] || quiet=
 timeout -k 2 "$timeout" qemu-system-x86_64 -M pc -accel "$accel" -cpu max -smp "$cpus" -m "$memory" \
   -nodefaults -no-user-config -display none -no-reboot -kernel "$cache/kernel" -initrd "$tmp/initrd" "${serial[@]}" \
-  -append "console=ttyS0 rdinit=/gpiovm/init panic=-1 oops=panic mitigations=off no_timer_check random.trust_cpu=on $quiet loglevel=$level" \
+  -append "console=ttyS0 rdinit=$init panic=-1 oops=panic mitigations=off no_timer_check random.trust_cpu=on $quiet loglevel=$level" \
   </dev/null >"$tmp/console" 2>"$tmp/qemu.err" & qemu=$!
 
 ended=0; wait "$qemu" || ended=$?

@@ -44,7 +44,7 @@ class ZEL_API Value {
   Value(std::string value) : value_(std::move(value)) {}
   Value(std::string_view value) : value_(std::string(value)) {}
   Value(List value) : value_(std::move(value)) {}
-  Value(Fields value) : value_(std::make_shared<Shared>(std::move(value))) {}
+  Value(Fields value);
   Value(Object value) : value_(std::move(value)) {}
 
   bool isNull() const { return std::holds_alternative<std::monostate>(value_); }
@@ -109,8 +109,9 @@ class ZEL_API Value {
   friend ZEL_API bool operator==(const Value& a, const Value& b);
 
  private:
-  // The fields, and the struct they were last converted to, as plain bytes: the struct's library may be
-  // unloaded before the value ends.
+  // The fields, and the struct they were last converted to, as plain bytes. A plug-in that makes a value may
+  // be unloaded before the value ends, so nothing in here is code of its library: neither the struct nor the
+  // counter of the shared pointer, which is made in this library alone.
   struct Shared {
     explicit Shared(Fields&& theFields) : fields(std::move(theFields)) {}
     Fields fields;

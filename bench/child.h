@@ -22,6 +22,7 @@ class Child {
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
 
+  pid_t pid() const { return pid_; }
   bool running() const;
   // Seconds of processor time that it has used so far.
   double processorTime() const;

@@ -50,15 +50,18 @@ std::optional<std::size_t> machinesOf(const Json& status) {
                                   std::size_t{0});
 }
 
-std::vector<std::string> command(const TemporaryFolder& folder, const std::string& store) {
+std::vector<std::string> command(const TemporaryFolder& folder, const std::string& store,
+                                 const std::vector<std::string>& agents = {}) {
   const std::string build = buildFolder();
-  return {build + "/bin/pinlampd",
-          "--store",
-          store == "sqlite:" ? store + folder.file("state.db") : store,
-          "--agent",
-          build + "/lib/libpinlamp.so",
-          "--socket",
-          folder.file("control.sock")};
+  std::vector<std::string> words = {build + "/bin/pinlampd",
+                                    "--store",
+                                    store == "sqlite:" ? store + folder.file("state.db") : store,
+                                    "--agent",
+                                    build + "/lib/libpinlamp.so",
+                                    "--socket",
+                                    folder.file("control.sock")};
+  for (const std::string& agent : agents) words.insert(words.end(), {"--agent", agent});
+  return words;
 }
 
 }  // namespace
@@ -118,13 +121,13 @@ std::string pinPath(std::size_t led, std::size_t colour) {
   return std::string(Paths::kPins) + '/' + pinName(led, colour);
 }
 
-RunningHost::RunningHost(const std::string& store)
-    : folder_(own_), process_(command(folder_, store), folder_.file("log")) {}
+RunningHost::RunningHost(const std::string& store, const std::vector<std::string>& agents)
+    : folder_(own_), process_(command(folder_, store, agents), folder_.file("log")) {}
 
 RunningHost::RunningHost(const TemporaryFolder& folder, const std::string& store)
     : folder_(folder), process_(command(folder_, store), folder_.file("log")) {}
 
-void RunningHost::fill(std::size_t leds) {
+void RunningHost::fill(std::size_t leds) const {
   static constexpr std::size_t kBatch = 500;
   waitUntilDriven(0);
   Client client(socket());
@@ -139,7 +142,7 @@ void RunningHost::fill(std::size_t leds) {
   waitUntilDriven(leds);
 }
 
-void RunningHost::waitUntilDriven(std::size_t leds) {
+void RunningHost::waitUntilDriven(std::size_t leds) const {
   for (const double end = now() + kTimeout; now() < end; nap()) {
     if (!process_.running()) throw std::runtime_error("pinlampd has ended; see its log");
     try {

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "bench/child.h"
 #include "platform/model/led.h"
@@ -40,14 +41,15 @@ std::string pinPath(std::size_t led, std::size_t colour);
 
 class RunningHost {
  public:
-  // Starts pinlampd with the agent. `store` is "memory:", or "sqlite:" for a file in the host's own folder.
-  explicit RunningHost(const std::string& store);
+  // Starts pinlampd with the LED agent, and other agents' libraries. `store` is "memory:", or "sqlite:" for a
+  // file in the host's own folder.
+  explicit RunningHost(const std::string& store, const std::vector<std::string>& agents = {});
   // Uses the file of a host that was stopped.
   RunningHost(const TemporaryFolder& folder, const std::string& store);
 
   // Adds steady LEDs with their mappings, and waits until all are driven.
-  void fill(std::size_t leds);
-  void waitUntilDriven(std::size_t leds);
+  void fill(std::size_t leds) const;
+  void waitUntilDriven(std::size_t leds) const;
   void stop() { process_.stop(); }
 
   std::string socket() const { return folder_.file("control.sock"); }

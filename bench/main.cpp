@@ -70,6 +70,7 @@ int main(int argc, char** argv) {
   Bench::addShared();
   Bench::addSharedLoad();
   Bench::addSharedHosts();
+  Bench::addPolicy();
 
   run(row);
   Bench::print(std::cout, Bench::results());

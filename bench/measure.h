@@ -65,5 +65,6 @@ void addCommands();
 void addShared();
 void addSharedLoad();
 void addSharedHosts();
+void addPolicy();
 
 }  // namespace Bench

@@ -116,7 +116,7 @@ std::vector<Row> makeRows() {
        "memory per driven LED with four pins",
        {"agent alone", kUs, "bare objects", kQueue, "libsigc++", "Boost.Signals2", "Qt queued"},
        {{"agent alone", "", 1536.0}},
-       true},
+       Unit::bytes},
       {"startup-1000", "start-up: 1,000 LEDs from the SQLite file to driven", {"pinlampd", "sqlite3"}, {}},
       {"startup-10000", "start-up: 10,000 LEDs", {"pinlampd", "sqlite3"}, {{"pinlampd", "sqlite3", 3.0}}},
       {"startup-100000", "start-up: 100,000 LEDs", {"pinlampd", "sqlite3"}, {{"pinlampd", "sqlite3", 3.0}}},
@@ -152,16 +152,27 @@ std::vector<Row> makeRows() {
        hostFigures(true),
        {}},
       {"shared-idle", "the same: the server's processor time a second for each idle host", hostFigures(), {}},
-      {"shared-memory", "the same: the server's memory an LED", hostFigures(), {}, true},
+      {"shared-memory", "the same: the server's memory an LED", hostFigures(), {}, Unit::bytes},
+      {"policy",
+       "a fact's change, until the pin follows: 10,000 LEDs, 500 rules that look at it and 500 requests",
+       {"fact to pin p50", "fact to pin p99"},
+       {{"fact to pin p50", "", 50e-6}}},
+      scaleRow("expiry", "one request that ends among so many"),
+      {"policy-idle",
+       "the same 10,000 LEDs, idle: how often a second the host wakes up",
+       {"pinlampd"},
+       {{"pinlampd", "", 0.0}},
+       Unit::times},
       scaleRow("removal", "removal of one LED among so many"),
       scaleRow("addition", "one mapping added among so many"),
   };
 }
 
 std::string number(double value, int digits = 3) {
+  if (value == 0) return "0";
   std::ostringstream text;
   const int decimals = std::max(0, digits - 1 - static_cast<int>(std::floor(std::log10(std::abs(value)))));
-  text << std::fixed << std::setprecision(value == 0 ? 0 : std::min(decimals, 3)) << value;
+  text << std::fixed << std::setprecision(std::min(decimals, 3)) << value;
   return text.str();
 }
 
@@ -182,8 +193,8 @@ struct Outcome {
   bool reached;
 };
 
-Outcome outcome(const Goal& goal, double value, double other, bool bytes) {
-  if (goal.other.empty()) return {"", "at most " + figureText(goal.most, bytes), value <= goal.most};
+Outcome outcome(const Goal& goal, double value, double other, Unit unit) {
+  if (goal.other.empty()) return {"", "at most " + figureText(goal.most, unit), value <= goal.most};
   const double ratio = value / other;
   if (goal.most >= 1)
     return {number(ratio) + " times", "at most " + number(goal.most) + " times", ratio <= goal.most};
@@ -210,7 +221,7 @@ class Printer {
   void line(const Row& row, const std::string& figure) {
     const auto* samples = results_.samples(row.name, figure);
     if (!samples) return cells("  " + figure, "not measured", "", "", "", "", "");
-    const auto text = [&](double share) { return figureText(median(*samples, share), row.bytes); };
+    const auto text = [&](double share) { return figureText(median(*samples, share), row.unit); };
     std::string name = "  " + figure;
     std::string middle = text(0.5);
     std::string quarters = samples->size() > 2 ? text(0.25) + " - " + text(0.75) : "";
@@ -219,7 +230,7 @@ class Printer {
       if (goal.figure != figure) continue;
       const auto* other = goal.other.empty() ? samples : results_.samples(row.name, goal.other);
       if (!other) continue;
-      const Outcome result = outcome(goal, median(*samples), median(*other), row.bytes);
+      const Outcome result = outcome(goal, median(*samples), median(*other), row.unit);
       cells(name, middle, quarters, goal.other, result.measured, result.wanted,
             result.reached ? "reached" : "MISSED");
       missed_ += !result.reached;
@@ -268,11 +279,12 @@ const std::vector<double>* Results::samples(const std::string& row, const std::s
   return found == samples_.end() ? nullptr : &found->second;
 }
 
-std::string figureText(double value, bool bytes) {
+std::string figureText(double value, Unit unit) {
   static constexpr Scale kSeconds[] = {{1e-9, " ns"}, {1e-6, " us"}, {1e-3, " ms"}, {1, " s"}};
   static constexpr Scale kBytes[] = {{1, " B"}, {1024, " KiB"}};
+  if (unit == Unit::times) return number(value);
   const std::span<const Scale> scales =
-      bytes ? std::span<const Scale>(kBytes) : std::span<const Scale>(kSeconds);
+      unit == Unit::bytes ? std::span<const Scale>(kBytes) : std::span<const Scale>(kSeconds);
   const Scale* best = &scales.front();
   for (const Scale& scale : scales)
     if (std::abs(value) >= scale.unit) best = &scale;

@@ -11,9 +11,11 @@ namespace Bench {
 // The maximum of a figure: a factor of another figure of its row, or a value.
 struct Goal {
   std::string figure;
-  std::string other;  // empty: `most` is a value, in seconds or bytes
+  std::string other;  // empty: `most` is a value, in the unit of the row
   double most;
 };
+
+enum class Unit { seconds, bytes, times };
 
 // One row of the table: contestants that do the same work.
 struct Row {
@@ -21,7 +23,7 @@ struct Row {
   std::string title;
   std::vector<std::string> figures;  // "CONTESTANT" or "CONTESTANT FIGURE", in the order of printing
   std::vector<Goal> goals;
-  bool bytes = false;  // the figures are bytes; else seconds
+  Unit unit = Unit::seconds;  // of the figures
 };
 
 // The rows, in the order of printing.
@@ -50,8 +52,8 @@ class Results {
 // The results of this run.
 Results& results();
 
-// A figure with its unit: "59.2 ns", "1.21 KiB".
-std::string figureText(double value, bool bytes);
+// A figure with its unit: "59.2 ns", "1.21 KiB", "0.25".
+std::string figureText(double value, Unit unit);
 
 // Prints every row that has samples: the median and quartiles of each figure, its ratio to the figure that a
 // goal compares it with, the goal, and whether it was reached; then the failures. Returns the number of

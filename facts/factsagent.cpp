@@ -44,7 +44,7 @@ void FactsAgent::doInit() {
   if (Zel::TraceFacility& facility = Zel::TraceFacility::named("PinlampFacts"); facility.mask() == 0)
     facility.maskIs(1U << kTrouble);
   const auto group = entityManager()->getMountGroup(Zel::Ptr<Statedb::Mounter>(this));
-  group->doMount({Paths::kFacts, "Zel::Dir", "wi"});
+  group->doMount({Paths::kFacts, "Zel::Dir", "we"});
   group->doClose(false, "", 0.0);
 }
 

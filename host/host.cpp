@@ -79,8 +79,11 @@ void Host::announce() {
   Announcement own{.pid = ::getpid(),
                    .socket = listener_ ? std::filesystem::absolute(listener_->path()).string() : ""};
   for (const auto& plugin : plugins_) own.agents.push_back({plugin->name().stdString(), plugin->library()});
-  for (const auto& mount : manager_->mounts())
-    if (isWritten(mount)) (mount.mode == "wi" ? own.publishes : own.covers).push_back(mount.path.text());
+  for (const auto& mount : manager_->mounts()) {
+    if (Statedb::Mount::publishes(mount.mode)) own.publishes.push_back(mount.path.text());
+    if (mount.mode == "we") own.ends.push_back(mount.path.text());
+    if (mount.mode == "c") own.covers.push_back(mount.path.text());
+  }
   store_->announce(own);
   try {
     served_.self.announce(std::move(own));

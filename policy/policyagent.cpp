@@ -83,7 +83,7 @@ void PolicyAgent::doInit() {
   for (const char* path : {Paths::kRequests, Paths::kRules, Paths::kFacts})
     group->doMount({path, "Zel::Dir", "r"});
   for (const char* path : {Paths::kRequestStatus, Paths::kRuleStatus, Paths::kClaims})
-    group->doMount({path, "Zel::Dir", "wi"});
+    group->doMount({path, "Zel::Dir", "we"});
   group->doClose(false, "", 0.0);
 }
 

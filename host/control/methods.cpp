@@ -57,7 +57,7 @@ std::span<const Methods::Method> Methods::table() {
       {"rollback", false, {}, &Methods::rollback},
       {"watch", true, {"path", "own", "layer"}, &Methods::watch},
       {"unwatch", false, {"watch"}, &Methods::unwatch},
-      {"announce", false, {"pid", "socket", "agents", "publishes", "covers"}, &Methods::announce},
+      {"announce", false, {"pid", "socket", "agents", "publishes", "ends", "covers"}, &Methods::announce},
       {"types", false, {}, &Methods::types},
       {"trace", false, {"levels"}, &Methods::trace},
       {"status", true, {}, &Methods::status},
@@ -167,10 +167,10 @@ std::string Methods::announce(const Zel::Value& parameters, Caller& caller) cons
   if (!announcement.covers.empty() && !served_.store.takesCovers())
     throw refusedFor({"announce: this store has no covers: " + served_.store.url()});
   if (caller.pid != 0) announcement.pid = caller.pid;  // from the socket's credentials: can't be faked
-  const std::vector<std::string> covered = caller.process.announcement().covers;
+  const Announcement before = caller.process.announcement();
   try {
     caller.process.announce(std::move(announcement));
-    uncover(served_.store, covered, caller.process.announcement().covers);
+    caller.removeRows(before, caller.process.announcement());
   } catch (const Zel::ValueError& error) {
     throw refusedFor({std::string("announce: ") + error.what()});
   }

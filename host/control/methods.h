@@ -41,27 +41,25 @@ enum class Wrote : std::uint8_t { nothing, volatileRows, storedRows };
 // One client of the control socket.
 struct Caller {
   // Sends the notifications of its watches with `send`. `served` must outlive the caller.
-  Caller(Served& served, std::int64_t thePid, Watches::Send send)
+  Caller(Served& theServed, std::int64_t thePid, Watches::Send send)
       : pid(thePid),
-        watches(served.store, std::move(send)),
-        process(served.announcements),
-        transaction(served.transactions),
-        store(served.store) {}
+        watches(theServed.store, std::move(send)),
+        process(theServed.announcements),
+        transaction(theServed.transactions),
+        served(theServed) {}
 
-  // Ends what others see of it: its announcement, and the covers that it wrote.
+  // Ends what others see of it: its announcement, the covers that it wrote, and the rows that end with it.
   void withdraw();
+  // Removes the covers and the rows that end with an announcement, but for those that `next` has as well.
+  void removeRows(const Announcement& ended, const Announcement& next = {});
 
   const std::int64_t pid;  // 0: not known
   Watches watches;
   Announcements::Process process;
   Transaction transaction;
-  Statedb::Store& store;
+  Served& served;
   Wrote wrote = Wrote::nothing;  // its last request
 };
-
-// Removes the covers at and under the paths, but for those that are among `kept`.
-void uncover(Statedb::Store& store, const std::vector<std::string>& paths,
-             const std::vector<std::string>& kept = {});
 
 class Methods {
  public:

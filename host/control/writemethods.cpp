@@ -18,20 +18,30 @@ Statedb::Durability durabilityField(const Zel::Value& parameters) {
                         "\", expected \"stored\", \"volatile\" or \"cover\"");
 }
 
-}  // namespace
-
-void uncover(Statedb::Store& store, const std::vector<std::string>& paths,
-             const std::vector<std::string>& kept) {
+// Removes what has that durability at and under the paths, but for those that are among `kept`.
+void remove(Statedb::Store& store, Statedb::Durability durability, const std::vector<std::string>& paths,
+            const std::vector<std::string>& kept) {
   Statedb::Changes changes;
   for (const std::string& path : paths) {
-    const auto known = Statedb::Path::existing(path);  // nothing is covered under one that is not interned
+    const auto known = Statedb::Path::existing(path);  // nothing is under one that is not interned
     if (known && std::ranges::find(kept, path) == kept.end()) changes.push_back(Statedb::Change::del(*known));
   }
-  if (!changes.empty()) store.write(changes, Statedb::Durability::cover);
+  if (!changes.empty()) store.write(changes, durability);
+}
+
+}  // namespace
+
+void Caller::removeRows(const Announcement& ended, const Announcement& next) {
+  try {
+    remove(served.store, Statedb::Durability::cover, ended.covers, next.covers);
+    remove(served.store, Statedb::Durability::volatile_, ended.ends, next.ends);
+  } catch (const Statedb::StoreError& error) {
+    served.report("what process " + std::to_string(ended.pid) + " published stays: " + error.what());
+  }
 }
 
 void Caller::withdraw() {
-  uncover(store, process.announcement().covers);
+  removeRows(process.announcement());
   process.withdraw();
 }
 

@@ -61,6 +61,10 @@ Announcement announcementFrom(const Value& parameters) {
                            boundedText(agent, "library", kLongestFile, Needed::yes)});
   }
   read.publishes = announcedPaths(parameters, "publishes");
+  if (parameters.field("ends")) read.ends = announcedPaths(parameters, "ends");
+  for (const std::string& path : read.ends)
+    if (std::ranges::find(read.publishes, path) == read.publishes.end())
+      throw ValueError("'ends': '" + path + "' is not among 'publishes'");
   if (parameters.field("covers")) read.covers = announcedPaths(parameters, "covers");
   return read;
 }
@@ -73,6 +77,7 @@ Json announcementJson(const Announcement& announcement) {
                {"socket", announcement.socket},
                {"agents", std::move(agents)},
                {"publishes", announcement.publishes}};
+  if (!announcement.ends.empty()) json["ends"] = announcement.ends;
   if (!announcement.covers.empty()) json["covers"] = announcement.covers;
   return json;
 }

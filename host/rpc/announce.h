@@ -1,6 +1,6 @@
 // The paths that each process publishes or covers.
 //
-// Only one agent writes under a "wi" mount, and only one process covers what is under a "c" mount. A process
+// Only one agent writes where it publishes, and only one process covers what is under a "c" mount. A process
 // announces those paths to the host that keeps the state, which refuses other processes' writes there:
 //
 //     Announcements announcements;
@@ -23,9 +23,9 @@ namespace Host {
 
 using Statedb::Announcement;
 
-// Reads {"pid", "socket", "agents": [{"name", "library"}], "publishes", "covers"}: at most 64 agents and 64
-// paths each, and 4096 bytes for the path of a library or a socket. Throws Zel::ValueError if one but
-// "covers" is missing, exceeds its limit, or is no path to an entity.
+// Reads {"pid", "socket", "agents": [{"name", "library"}], "publishes", "ends", "covers"}: at most 64 agents
+// and 64 paths each, and 4096 bytes for the path of a library or a socket. Throws Zel::ValueError if one but
+// "ends" and "covers" is missing, exceeds its limit, or is no path to an entity.
 Announcement announcementFrom(const Zel::Value& parameters);
 Json announcementJson(const Announcement& announcement);
 

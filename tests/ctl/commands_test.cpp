@@ -367,7 +367,7 @@ TEST_F(Commands, GetShowsAnEntityAnAttributeOrChildren) {
                          " leds/  58 below\n"));
   EXPECT_EQ(ctl({"get", ledPath("Fan1"), "ledAttribute"}).out, "fan tray 1\n");
   EXPECT_EQ(ctl({"get", ledPath("Fan1"), "lightSetting", "--json"}).out, "{\"green\": true}\n");
-  EXPECT_THAT(ctl({"get", "hardware"}).out, HasSubstr("\n   gpio/  59 below\n   led/   59 below\n"));
+  EXPECT_THAT(ctl({"get", "hardware"}).out, HasSubstr("\n   gpio/  59 below\n   led/   88 below\n"));
 }
 
 TEST_F(Commands, SetTakesJsonOrABareString) {

@@ -2,31 +2,11 @@
 # The facts agent in a real pinlampd, in a network namespace of the test's own.
 #   agent.sh BIN
 set -euo pipefail
-if [ "${2:-}" != inside ]; then
-  unshare -rn true 2>/dev/null || { echo "SKIPPED: there may be no network namespace here"; exit 77; }
-  exec unshare -rn "$0" "$1" inside
-fi
-PATH=$1:$PATH:/usr/sbin:/sbin
-work=$(mktemp -d)
-export PINLAMP_SOCKET=$work/control.sock
+here=$(dirname "${BASH_SOURCE[0]}")
+. "$here/namespace.sh"
+. "$here/../daemon.sh"
 export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/nobus
-daemon=
-cleanup() {
-  [ -z "$daemon" ] || { kill -TERM "$daemon" 2>/dev/null && wait "$daemon" || true; }
-  rm -rf "$work"
-}
-trap cleanup EXIT
-fail() { echo "FAILED: $*" >&2; cat "$work/log" >&2; exit 1; }
-start() { # OPTIONS
-  pinlampd --store "sqlite:$work/state.db" --agent "libpinlamp-facts.so$1" 2>>"$work/log" &
-  daemon=$!
-  pinlampctl --wait 20 status >/dev/null || fail "pinlampd does not start"
-}
-stop() {
-  kill -TERM "$daemon"
-  wait "$daemon" || fail "pinlampd ended with $?"
-  daemon=
-}
+start_facts() { start --store "sqlite:$work/state.db" --agent "libpinlamp-facts.so$1"; } # OPTIONS
 # seen PATH PATTERN: until the entity's attributes match
 seen() {
   grep -qm1 "$2" < <(pinlampctl watch "$1" --initial --for 20s 2>/dev/null) ||
@@ -35,7 +15,7 @@ seen() {
 
 ip link add v0 type veth peer name v1
 ip link set v0 up
-start ""
+start_facts ""
 seen facts/link/v0 "up=true"
 ip link set v1 up
 seen facts/link/v0 "carrier=true"
@@ -52,7 +32,7 @@ pinlampctl get facts/link/v1 2>/dev/null && fail "a link is still there under it
 ip link del v0
 stop
 ip link add v0 type veth peer name v1
-start "?sources=links&poll=0.1"
+start_facts "?sources=links&poll=0.1"
 seen facts/link/v1 "up=false"
 pinlampctl get facts/source | grep -q links || fail "a source has no status"
 pinlampctl get facts/source | grep -q units && fail "a source that is not wanted has a status"

@@ -77,6 +77,7 @@ TEST_F(ControlTest, InvalidRequestsAreAnsweredAndTheConnectionStays) {
       {announce({{"pid", 0}}), -32602, "'pid': expected"},
       {announce({{"publishes", {""}}}), -32602, "'publishes': a path is empty"},
       {announce({{"publishes", std::vector<std::string>(65, "a")}}), -32602, "more than 64 entries"},
+      {announce({{"ends", {"a"}}}), -32602, "'ends': 'a' is not among 'publishes'"},
       {announce({{"socket", std::string(4097, 'x')}}), -32602, "longer than 4096 bytes"},
   };
   Client client(socket);
@@ -431,6 +432,37 @@ TEST_F(ControlTest, AProcessOwnsThePathsItFillsWhileConnected) {
   ASSERT_TRUE(call(other, "hello").contains("result"));  // by now the loop has seen the connection end
   ASSERT_EQ(call(other, "status")["result"]["processes"].size(), 1U);
   EXPECT_TRUE(write(other, {pin}).contains("result"));
+}
+
+TEST_F(ControlTest, VolatileRowsStayWithoutTheirProcessWhereItDidNotAnnounceThatTheyEnd) {
+  const auto put = [](const char* path) {
+    return Json{{"op", "put"}, {"path", path}, {"type", "Hardware::Gpio::CorvelPinConfig"}};
+  };
+  Client other(socket), watching(socket);
+  ASSERT_TRUE(write(other, {put("facts/stored")}).contains("result"));
+  ASSERT_TRUE(call(watching, "watch", {{"path", "facts"}}).contains("result"));
+  const auto announcement = [](const Json& publishes, const Json& ends) {
+    return Json{
+        {"pid", 7}, {"socket", "/f"}, {"agents", Json::array()}, {"publishes", publishes}, {"ends", ends}};
+  };
+  const auto there = [&] {
+    std::vector<std::string> paths;
+    for (const Json& each : call(other, "read")["result"]["entities"]) paths.push_back(each["path"]);
+    return paths;
+  };
+  {
+    Client facts(socket);
+    ASSERT_TRUE(
+        call(facts, "announce", announcement({"facts", "old", "pins"}, {"facts", "old"})).contains("result"));
+    const Json rows = {put("facts/link"), put("facts/stored"), put("old/g"), put("pins/g")};
+    ASSERT_TRUE(call(facts, "write", {{"changes", rows}, {"durability", "volatile"}}).contains("result"));
+    EXPECT_THAT(there(), testing::ElementsAre("facts/link", "facts/stored", "old/g", "pins/g"));
+    ASSERT_TRUE(call(facts, "announce", announcement({"facts", "pins"}, {"facts"})).contains("result"));
+    EXPECT_THAT(there(), testing::ElementsAre("facts/link", "facts/stored", "pins/g"));
+    EXPECT_EQ(next(watching)["params"]["changes"][0]["op"], "put");
+  }
+  EXPECT_EQ(next(watching)["params"]["changes"], Json::parse(R"([{"op": "del", "path": "facts/link"}])"));
+  EXPECT_THAT(there(), testing::ElementsAre("facts/stored", "pins/g"));
 }
 
 TEST_F(ControlTest, CoversEndWithTheConnectionThatAnnouncedThem) {

@@ -15,7 +15,7 @@ for example in light-an-led follow publish; do
   [ "$lines" -lt 60 ] || fail "$example has $lines lines; the limit is 59"
   built "$example" "$source/examples/$example/." >/dev/null
 done
-start --agent "$builds/light-an-led/build/liblight-an-led.so:LightAnLed" \
+start_led_agent --agent "$builds/light-an-led/build/liblight-an-led.so:LightAnLed" \
   --agent "$builds/follow/build/libfollow.so:Follow" --agent "$builds/publish/build/libpublish.so:Publish" \
   --trace Follow/1 --trace-file "$work/trace"
 

@@ -7,7 +7,7 @@ prefix=$1 source=$2 builds=$3
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 plugin=$(built policy-agent "$source/examples/policy-agent/.")/libpolicy-agent.so
-start --agent "$plugin:Policy"
+start_led_agent --agent "$plugin:Policy"
 
 pinlampctl load "$source/tests/install/facts.json" >/dev/null
 await "a link that is up lights green" 1 pin g49

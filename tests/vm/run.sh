@@ -14,6 +14,7 @@
 #     -c LABEL:N     add a GPIO chip of N lines (repeatable; default sim8:8)
 #     -e NAME=VALUE  environment of COMMAND (repeatable)
 #     -o DIR         afterwards bring the machine's /out back into DIR
+#     -n             add a network card, eth0, whose cable the guest's `cable in` and `cable out` plug and pull
 #     -s CPUS  -m MiB  (default 1, 512)
 #     -v             kernel messages on the console
 #   run.sh prepare   only fills the cache
@@ -32,6 +33,8 @@ die() { echo "run.sh: $2" >&2; exit "$1"; }
 # ---- the cache: kernel, gpio-sim.ko and busybox
 
 packages=(qemu-system-x86 seabios busybox-static cpio xz-utils make gcc)
+# Of Debian's kernel, for modprobe, with those that they depend on.
+modules=(i2c-dev i2c-stub lm75 e1000)
 
 missing_packages() { # PACKAGE...
   local p
@@ -40,7 +43,7 @@ missing_packages() { # PACKAGE...
   done
 }
 
-ready() { [ -e "$cache/ready" ] && command -v qemu-system-x86_64 >/dev/null && command -v cpio >/dev/null; }
+ready() { [ "$(tail -n1 "$cache/ready" 2>/dev/null)" = "${modules[*]}" ] && command -v qemu-system-x86_64 >/dev/null && command -v cpio >/dev/null; }
 
 install_packages() { # PACKAGE...
   local need; mapfile -t need < <(missing_packages "$@")
@@ -85,12 +88,28 @@ H
 # -R 0:0 gives all to root; a whole system has owners of its own.
 pack() { (cd "$1" && find . -mindepth 1 | LC_ALL=C sort | cpio -o -H newc ${2--R 0:0} --quiet); }
 
-base_tree() { # FOLDER MODULE...
-  local base=$1 applet; shift
+# Copies modules of a kernel, and those that they depend on, to a folder.
+copy_modules() { # FROM TO MODULE...
+  local from=$1 to=$2 name file
+  shift 2
+  for name; do
+    file=$(find "$from" -name "${name//[-_]/[-_]}.ko")
+    [ -n "$file" ] || { echo "the kernel has no module $name"; return 1; }
+    [ ! -e "$to/${file##*/}" ] || continue
+    cp "$file" "$to"
+    copy_modules "$from" "$to" $(tr '\0' '\n' <"$file" | sed -n 's/^depends=//p' | tr , ' ')
+  done
+}
+
+base_tree() { # FOLDER KERNEL-VERSION KERNEL-IMAGE
+  local base=$1 applet
   mkdir -p "$base"/{bin,sbin,usr/bin,usr/sbin,lib,lib64,proc,sys,dev,run,tmp,etc,root,out,gpiovm}
   cp "$(command -v busybox)" "$base/bin/busybox"
   for applet in $(busybox --list); do [ "$applet" = busybox ] || ln -s busybox "$base/bin/$applet"; done
-  cp "$@" "$base/gpiovm/"
+  cp "$3/lib/modules/$2/kernel/fs/configfs/configfs.ko" gpio-sim-oot.ko "$base/gpiovm/"
+  mkdir -p "$base/lib/modules/$2"
+  copy_modules "$3/lib/modules/$2" "$base/lib/modules/$2" "${modules[@]}"
+  busybox depmod -b "$base" "$2"
   printf 'root:x:0:0:root:/root:/bin/sh\n' >"$base/etc/passwd"
   printf 'root:x:0:\n' >"$base/etc/group"
 }
@@ -109,10 +128,10 @@ fill_cache() {
   dpkg-deb -x linux-image-*.deb image
   unpack_kernel "image/boot/vmlinuz-$kernel" "$cache/kernel"
   build_module "$kernel" linux-source-*.deb
-  base_tree base "image/lib/modules/$kernel/kernel/fs/configfs/configfs.ko" gpio-sim-oot.ko
+  base_tree base "$kernel" image
   pack base >"$cache/base.cpio"
   cd /; rm -rf "$work"
-  echo "$image $version" >"$cache/ready"
+  printf '%s\n' "$image $version" "${modules[*]}" >"$cache/ready"
 }
 
 prepare() {
@@ -156,11 +175,11 @@ case ${1:-} in
   prepare) prepare; cat "$cache/ready"; exit 0 ;;
   check) check; exit 0 ;;
 esac
-timeout=120 accel=tcg cpus=1 memory=512 out="" level=3 system="" chips=() environment=()
-while getopts rt:a:c:e:o:s:m:v flag; do
+timeout=120 accel=tcg cpus=1 memory=512 out="" level=3 system="" chips=() environment=() network=""
+while getopts rt:a:c:e:no:s:m:v flag; do
   case $flag in
     r) system=yes memory=1536 ;; t) timeout=$OPTARG ;; a) accel=$OPTARG ;; c) chips+=("$OPTARG") ;; e) environment+=("$OPTARG") ;;
-    o) out=$OPTARG ;; s) cpus=$OPTARG ;; m) memory=$OPTARG ;; v) level=7 ;; *) exit 2 ;;
+    n) network=yes ;; o) out=$OPTARG ;; s) cpus=$OPTARG ;; m) memory=$OPTARG ;; v) level=7 ;; *) exit 2 ;;
   esac
 done
 shift $((OPTIND - 1))
@@ -209,16 +228,24 @@ fi
 sed -u 's/\r$//' <"$tmp/console" & console=$!
 serial=(-chardev stdio,id=con,signal=off -serial chardev:con -serial "file:$tmp/result")
 [ -z "$out" ] || serial+=(-serial "file:$tmp/out.tar")
+card=()
+if [ -n "$network" ]; then
+  # The guest's fourth serial port is the monitor's input: `cable` writes set_link there.
+  mkfifo "$tmp/guest.in" "$tmp/guest.out" "$tmp/monitor.out"
+  ln -s guest.out "$tmp/monitor.in"
+  card=(-netdev hubport,id=cable,hubid=0 -device e1000,netdev=cable,romfile= -chardev "pipe,id=guest,path=$tmp/guest"
+    -device isa-serial,index=3,chardev=guest -chardev "pipe,id=monitor,path=$tmp/monitor" -mon monitor)
+fi
 quiet=quiet; [ "$level" = 3 ] || quiet=
 timeout -k 2 "$timeout" qemu-system-x86_64 -M pc -accel "$accel" -cpu max -smp "$cpus" -m "$memory" \
-  -nodefaults -no-user-config -display none -no-reboot -kernel "$cache/kernel" -initrd "$tmp/initrd" "${serial[@]}" \
+  -nodefaults -no-user-config -display none -no-reboot -kernel "$cache/kernel" -initrd "$tmp/initrd" "${serial[@]}" "${card[@]}" \
   -append "console=ttyS0 rdinit=$init panic=-1 oops=panic mitigations=off no_timer_check random.trust_cpu=on $quiet loglevel=$level" \
   </dev/null >"$tmp/console" 2>"$tmp/qemu.err" & qemu=$!
 
 ended=0; wait "$qemu" || ended=$?
 qemu=
 wait "$console" || true; console=
-cat "$tmp/qemu.err" >&2
+grep -v 'hub 0 is not connected to host network' "$tmp/qemu.err" >&2 || true
 code=$(sed -n 's/^exit \([0-9]*\).*$/\1/p' "$tmp/result" | head -n1)
 if [ -z "$code" ]; then
   case $ended in 124 | 137) die 124 "time-out after $timeout s" ;; esac

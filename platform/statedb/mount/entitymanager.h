@@ -66,7 +66,7 @@ class ZEL_API EntityManager : public Zel::Typed<EntityManager, Zel::PtrInterface
   struct MountInfo {
     Path path;
     Zel::Name type;
-    std::string mode;  // "wi" or "c" if any agent mounted it so
+    std::string mode;  // not "r" if any agent mounted it otherwise
     bool complete = false;
   };
   // In the order of mounting, each path once. Valid until the next pass.

@@ -26,9 +26,9 @@ void MountGroup::doMount(const Mount& mount) {
   if (closed_)
     Zel::throwRangeException(
         ("mount of '" + mount.path().stdString() + "': the mount group is closed").c_str());
-  if (mount.mode() != "r" && mount.mode() != "wi" && mount.mode() != "c")
+  if (mount.mode() != "r" && mount.mode() != "c" && !Mount::publishes(mount.mode().view()))
     Zel::throwRangeException(("mount of '" + mount.path().stdString() + "': mode '" +
-                              mount.mode().stdString() + "' is neither \"r\" nor \"wi\" nor \"c\"")
+                              mount.mode().stdString() + "' is none of \"r\", \"wi\", \"we\" and \"c\"")
                                  .c_str());
   Zel::PathWalker::check(mount.path().view());
   mounts_.push_back(mount);

@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/zel/core/export.h"
@@ -18,8 +19,13 @@ inline constexpr MountStatus mountSuccess_ = MountStatus::success;
 inline constexpr MountStatus mountFailure_ = MountStatus::failure;
 ZEL_API std::ostream& operator<<(std::ostream& out, MountStatus status);
 
-// One mount request. The mode is "r" (read only), "wi" (a directory that the agent may write into: what it
-// writes is published) or "c" (read only, but for the covers that the agent puts over what others write).
+// One mount request, of one of these modes:
+//
+//   "r"   read only
+//   "wi"  a directory that the agent may write into: what it writes is published, and stays when the agent's
+//         process has ended, until a successor publishes: pins stay as they are
+//   "we"  the same, but what was published ends with the process: for what is true only while somebody looks
+//   "c"   read only, but for the covers that the agent puts over what others write
 class ZEL_API Mount {
  public:
   Mount(const Zel::String& path, const Zel::String& typeName, const Zel::String& mode)
@@ -27,6 +33,8 @@ class ZEL_API Mount {
   const Zel::String& path() const { return path_; }
   const Zel::String& typeName() const { return typeName_; }
   const Zel::String& mode() const { return mode_; }
+  // Whether what an agent writes under a mount of that mode is published.
+  static bool publishes(std::string_view mode) { return mode == "wi" || mode == "we"; }
 
  private:
   Zel::String path_;
@@ -59,8 +67,8 @@ class ZEL_API MountGroup : public Zel::Reactor<MountGroup, Zel::PtrInterface> {
   MountGroup(const Zel::Ptr<EntityManager>& entityManager, const Zel::Ptr<Mounter>& mounter);
   ~MountGroup() override;
 
-  // Adds a request. Throws RangeException if the mode is none of "r", "wi" and "c" or the group is closed,
-  // and ValueError if the path exceeds its limits.
+  // Adds a request. Throws RangeException if there is no such mode or the group is closed, and ValueError if
+  // the path exceeds its limits.
   void doMount(const Mount& mount);
   // Closes the group and starts mounting. Ignores its arguments. The manager holds the group and the mounter
   // until it has called doMountsComplete. Throws RangeException if the group is closed already.

@@ -100,7 +100,7 @@ void Mounts::finish(const Mount& mount) {
     throw Zel::ValueError("found an entity of type " + found.stdString() + ", asked for " +
                           asked.stdString() + kRemedy);
   table_.complete(path, entity);
-  if (mount.mode() == "wi") publishers_.add(entity, path);
+  if (Mount::publishes(mount.mode().view())) publishers_.add(entity, path);
 }
 
 // Throws if the store has an entity at the path, or above it, that could not be made here.
@@ -114,10 +114,11 @@ void Mounts::checkRefused(Path path, Zel::Name asked) const {
 }
 
 void Mounts::checkMode(const Mount& mount) const {
+  const std::string mode = mount.mode().stdString();
   if (const auto* other = table_.conflictOf(mount))
-    throw Zel::ValueError("mode \"" + mount.mode().stdString() + "\", but '" + other->path.text() +
-                          "' is mounted with \"" + other->mode +
-                          "\" in this process, and only its agent writes under a \"wi\" mount");
+    throw Zel::ValueError("mode \"" + mode + "\", but '" + other->path.text() + "' is mounted with \"" +
+                          other->mode + "\" in this process, and only its agent writes under a \"" +
+                          (Mount::publishes(mode) ? mode : other->mode) + "\" mount");
   if (mount.mode() == "c" && !store_.takesCovers())
     throw Zel::ValueError("this store has no covers: " + store_.url() +
                           "; keep the state in memory: or sqlite:, or reach such a host through unix:");

@@ -47,25 +47,29 @@ class MountTable {
   bool isAtOrUnder(Path path) const {
     return std::ranges::any_of(mounts_, [&](const Info& mount) { return mount.path.isUnder(path); });
   }
-  // Whether the path is a "wi" mount, or under one.
-  bool publishes(Path path) const { return isUnderMode("wi", path); }
+  // Whether an agent publishes at the path: it is a mount for that, or under one.
+  bool publishes(Path path) const { return isUnderMode(&Mount::publishes, path); }
   // Whether the path is a "c" mount, or under one.
-  bool covers(Path path) const { return isUnderMode("c", path); }
-  // A mount that a "wi" or "c" one can't be beside, since only its agent writes under a "wi" mount; null if
-  // there is none.
+  bool covers(Path path) const { return isUnderMode(&isCovering, path); }
+  // A mount that this one can't be beside: one of them publishes, the other one covers. Null if there is
+  // none.
   const Info* conflictOf(const Mount& mount) const {
-    const char* const other = mount.mode() == "wi" ? "c" : mount.mode() == "c" ? "wi" : "";
+    const bool publishes = Mount::publishes(mount.mode().view());
+    const bool covers = isCovering(mount.mode().view());
     const Path path(mount.path().view());
     const auto found = std::ranges::find_if(mounts_, [&](const Info& each) {
-      return each.mode == other && (each.path.isUnder(path) || path.isUnder(each.path));
+      return ((publishes && isCovering(each.mode)) || (covers && Mount::publishes(each.mode))) &&
+             (each.path.isUnder(path) || path.isUnder(each.path));
     });
     return found == mounts_.end() ? nullptr : &*found;
   }
 
  private:
-  bool isUnderMode(const char* mode, Path path) const {
+  using IsMode = bool (*)(std::string_view mode);
+  static bool isCovering(std::string_view mode) { return mode == "c"; }
+  bool isUnderMode(IsMode isMode, Path path) const {
     return std::ranges::any_of(
-        mounts_, [&](const Info& mount) { return mount.mode == mode && path.isUnder(mount.path); });
+        mounts_, [&](const Info& mount) { return isMode(mount.mode) && path.isUnder(mount.path); });
   }
   std::vector<Info>::iterator find(Path path) { return std::ranges::find(mounts_, path, &Info::path); }
 

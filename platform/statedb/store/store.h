@@ -129,8 +129,10 @@ struct Announcement {
   std::int64_t pid = 0;
   std::string socket{};  // of its own clients
   std::vector<Agent> agents{};
-  std::vector<std::string> publishes{};  // the paths of its "wi" mounts; strings, so that none is interned
-  std::vector<std::string> covers{};     // those of its "c" mounts
+  // Paths, as strings, so that none is interned.
+  std::vector<std::string> publishes{};  // of its "wi" and "we" mounts
+  std::vector<std::string> ends{};       // of its "we" mounts: what is published there ends with the process
+  std::vector<std::string> covers{};     // of its "c" mounts
 };
 
 // The state database keeps a stored and a volatile value of each attribute. The volatile value, if any, is

@@ -9,6 +9,8 @@
 
 namespace Zel {
 
+Value::Value(Fields value) : value_(std::make_shared<Shared>(std::move(value))) {}
+
 const Value* Value::field(std::string_view name) const {
   const auto* fields = as<Fields>();
   if (!fields) return nullptr;

@@ -109,8 +109,9 @@ class ZEL_API Value {
   friend ZEL_API bool operator==(const Value& a, const Value& b);
 
  private:
-  // The fields, and the struct they were last converted to, as plain bytes: the struct's library may be
-  // unloaded before the value ends. Made in value.cpp alone: the code of its counter is where it is made.
+  // The fields, and the struct they were last converted to, as plain bytes. A plug-in that makes a value may
+  // be unloaded before the value ends, so nothing in here is code of its library: neither the struct nor the
+  // counter of the shared pointer, which is made in this library alone.
   struct Shared {
     explicit Shared(Fields&& theFields) : fields(std::move(theFields)) {}
     Fields fields;

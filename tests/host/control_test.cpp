@@ -447,7 +447,8 @@ TEST_F(ControlTest, VolatileRowsStayWithoutTheirProcessWhereItDidNotAnnounceThat
   };
   const auto there = [&] {
     std::vector<std::string> paths;
-    for (const Json& each : call(other, "read")["result"]["entities"]) paths.push_back(each["path"]);
+    const Json read = call(other, "read");
+    for (const Json& each : read["result"]["entities"]) paths.push_back(each["path"]);
     return paths;
   };
   {

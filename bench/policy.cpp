@@ -91,18 +91,18 @@ class Machine {
   }
   ~Machine() { database_->stop(); }
 
-  // Seconds from a write of a fact, as by the facts agent, until the LED's pin follows.
+  // Seconds of processor time from a write of a fact, as by the facts agent, until the LED's pin follows.
   double change(std::size_t led) {
     const auto pin = Zel::dynamicPtrCast<Hardware::Gpio::CorvelPinConfig>(
         database_->entityAt(Statedb::Path(pinPath(led, kGreen))));
     if (!pin) throw std::runtime_error(ledName(led) + " has no pin");
     const std::uint32_t lit = pin->value() == 0 ? 1 : 0;
     const auto changes = changesOf(Json::array({factPut(led, lit == 1)}));
-    const double start = now();
+    const double start = threadTime();
     store_.write(changes, Statedb::Durability::volatile_);
     for (int turns = 0; pin->value() != lit; turn())
       if (++turns > 10) throw std::runtime_error(ledName(led) + " does not follow its fact");
-    return now() - start;
+    return threadTime() - start;
   }
 
  private:

@@ -154,7 +154,7 @@ std::vector<Row> makeRows() {
       {"shared-idle", "the same: the server's processor time a second for each idle host", hostFigures(), {}},
       {"shared-memory", "the same: the server's memory an LED", hostFigures(), {}, Unit::bytes},
       {"policy",
-       "a fact's change, until the pin follows: 10,000 LEDs, 500 rules that look at it and 500 requests",
+       "a fact's change, until the pin follows: 10,000 LEDs, 500 rules that look at it, 500 requests",
        {"fact to pin p50", "fact to pin p99"},
        {{"fact to pin p50", "", 50e-6}}},
       scaleRow("expiry", "one request that ends among so many"),

@@ -150,7 +150,7 @@ double expiry(std::size_t requests) {
   const double start = threadTime();
   while (ended < kExpiries) {
     ended += arbiter.expire(arbiter.nextExpiry()).size();
-    for (const Zel::Name led : arbiter.takeChanged()) benchmark::DoNotOptimize(arbiter.setting(led));
+    for (const Zel::Name& led : arbiter.takeChanged()) benchmark::DoNotOptimize(arbiter.setting(led));
   }
   return (threadTime() - start) / kExpiries;
 }

@@ -19,7 +19,7 @@ shows() { # LED
     (select(.flashInterval > 0) | "flash \(.flashInterval)"), .priority] | join(" ")'
 }
 rule() { pinlampctl set "hardware/led/rule/$1" "$2" "$3"; }            # NAME ATTRIBUTE VALUE
-port_up="green 100" port_down=130 port_gone="yellow flash 1 140"
+port_up="green 100" port_down=130 port_gone="yellow flash 1 150"
 
 # The other ends of the cables are in a namespace of their own.
 unshare -n sleep 600 &
@@ -104,17 +104,17 @@ link/swp5|Link|"carrier": true, "speed": 25000|Ethernet5%2F1|green 100
 link/swp51|Link|"carrier": true, "speed": 100000|Ethernet51%2F1|green 100
 link/swp51|Link|"carrier": true, "speed": 40000|Ethernet51%2F1|orange 121
 fan/emc2305-i2c-3-2e.fan2|Sensor|"value": 5400|Fan2|green 100
-fan/emc2305-i2c-3-2e.fan2|Sensor|"value": 900, "alarm": true|Fan2|red 110
-fan/emc2305-i2c-3-2e.fan2|Sensor|"fault": true|Fan2|red flash 0.5 120
+fan/emc2305-i2c-3-2e.fan2|Sensor|"value": 900, "alarm": true|Fan2|red 150
+fan/emc2305-i2c-3-2e.fan2|Sensor|"fault": true|Fan2|red flash 0.5 151
 voltage/pmbus-i2c-4-58.in1|Sensor|"value": 229.5|PowerSupply1|green 100
-temperature/pmbus-i2c-4-58.temp2|Sensor|"value": 95, "alarm": true|PowerSupply1|yellow 110
-voltage/pmbus-i2c-4-58.in2|Sensor|"value": 3, "alarm": true|PowerSupply1|red 120
+temperature/pmbus-i2c-4-58.temp2|Sensor|"value": 95, "alarm": true|PowerSupply1|yellow 150
+voltage/pmbus-i2c-4-58.in2|Sensor|"value": 3, "alarm": true|PowerSupply1|red 152
 voltage/pmbus-i2c-4-59.in1|Sensor|"value": 229.5|PowerSupply2|green 100
-fan/pmbus-i2c-4-59.fan1|Sensor|"alarm": true|PowerSupply2|yellow flash 0.5 111
-temperature/pmbus-i2c-4-58.temp2|Sensor|"value": 95, "alarm": false|Status|yellow flash 1 121
+fan/pmbus-i2c-4-59.fan1|Sensor|"alarm": true|PowerSupply2|yellow flash 0.5 151
+temperature/pmbus-i2c-4-58.temp2|Sensor|"value": 95, "alarm": false|Status|yellow flash 1 152
 source/links|SourceStatus|"working": true|Status|green 100
-unit/sshd.service|Unit|"activeState": "failed"|Status|yellow 110
-temperature/lm75-i2c-0-48.temp1|Sensor|"alarm": true|Status|red 130
+unit/sshd.service|Unit|"activeState": "failed"|Status|yellow 150
+temperature/lm75-i2c-0-48.temp1|Sensor|"alarm": true|Status|red 153
 T
 ended state >"$run/statuses"
 check "the host ends in order" 0 "$(cat "$run/statuses")"

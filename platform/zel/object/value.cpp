@@ -18,8 +18,6 @@ const Value* Value::field(std::string_view name) const {
   return found == fields->end() ? nullptr : &found->second;
 }
 
-Value::Value(Fields value) : value_(std::make_shared<Shared>(std::move(value))) {}
-
 void Value::fieldIs(std::string_view name, Value value) {
   if (!ownFields()) *this = Fields{};
   auto& fields = *ownFields();

@@ -259,26 +259,23 @@ struct SharedStore {
   Statedb::Store& store() { return store_; }
   Rows rows() const { return rowsOf(reader_.table()->read("")); }
   void write(const Changes& changes, Durability durability, Statedb::Subscriber* origin) {
-    // The published rows have arrived there, even if it changed nothing that is visible.
-    if (durability == Durability::stored) runRounds(20);
+    if (durability == Durability::stored) waitForPublished();
     store_.write(changes, durability, origin);
   }
   bool failsToPersistIs(bool) { return false; }
   bool flush(bool) {
-    store_.flush();
+    if (const Statedb::Ticket ticket = store_.flush(); !ticket.isDone()) stored_ = ticket;
     return true;
   }
+  // Until the server has what was stored, too, which may change nothing that is visible.
   template <class Condition>
   bool runUntil(Condition isMet) {
-    const auto latest = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    const auto run = [&](auto condition) {
-      while (!condition() && std::chrono::steady_clock::now() < latest) loop_.runOnce();
-      return condition();
-    };
-    if (!run([&] { return store_.state().isReached && reader_.state().isReached && isMet(); })) return false;
-    // Rows published again after a loss arrive within some rounds.
-    if (std::exchange(wasLost_, false)) runRounds(100);
-    return run(isMet);
+    const auto isEqual = [&] { return stored_.isDone() && isMet(); };
+    if (!run([&] { return store_.state().isReached && reader_.state().isReached && isEqual(); }))
+      return false;
+    if (std::exchange(wasLost_, false)) waitForPublished();
+    EXPECT_EQ(stored_.failure(), "");
+    return run(isEqual);
   }
   // The connections end, or the server restarts without its volatile rows.
   void lose(bool isConnectionAlone, Model&) {
@@ -295,8 +292,20 @@ struct SharedStore {
   }
 
  private:
-  void runRounds(int rounds) {
-    while (rounds-- > 0) loop_.runOnce();
+  template <class Condition>
+  bool run(Condition isMet) {
+    const auto latest = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!isMet() && std::chrono::steady_clock::now() < latest) loop_.runOnce();
+    return isMet();
+  }
+  // Stores nothing, twice: the server has one batch of what was published then, and the other, which is sent
+  // when the first is answered.
+  void waitForPublished() {
+    for (int i = 0; i < 2; ++i) {
+      store_.write({Change::unset("none", "x")}, Durability::stored, nullptr);
+      const Statedb::Ticket ticket = store_.flush();
+      EXPECT_TRUE(run([&] { return ticket.isDone(); }));
+    }
   }
 
   RedisTest::Server server_;
@@ -304,6 +313,7 @@ struct SharedStore {
   Zel::ActivityManager activity_;
   Host::Redis::RedisStore reader_{loop_, server_.url(), [](auto&) {}};
   Host::Redis::RedisStore store_{loop_, server_.url(), [](auto&) {}};
+  Statedb::Ticket stored_;  // of the last flush that stores anything
   bool wasLost_ = false;
 };
 

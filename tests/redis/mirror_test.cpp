@@ -244,4 +244,26 @@ TEST(RedisMirror, SubscribersAndTheTableAgreeWithPlainMaps) {
   }
 }
 
+TEST(RedisMirror, RevealsWhatTheLastStepOfABatchAtAPlaceDidNotWrite) {
+  const auto put = [](int value) { return Change::put("a", "T", "x", value); };
+  const Changes none, two = {put(2)};
+  const struct {
+    Changes batch, revealed;
+  } cases[] = {
+      {{put(2)}, none},
+      {{put(3)}, two},
+      {{put(2), put(3)}, two},
+      {{put(3), put(2)}, none},
+      {{put(2), Change::unset("a", "x")}, two},
+      {{Change::unset("a", "x"), put(2)}, none},
+      {{put(2), Change::del("a")}, {Change::put("a", "T", {}, {}), put(2)}},
+      {{Change::del("a"), Change::put("a", "T", {}, {}), put(2)}, none},
+  };
+  Host::Redis::Mirror mirror;
+  Changes visible;
+  mirror.carry(kStored, two, visible);
+  for (const auto& each : cases)
+    EXPECT_EQ(mirror.revealedBy(each.batch), each.revealed) << "case " << &each - cases;
+}
+
 }  // namespace

@@ -319,22 +319,22 @@ void Mirror::appendShown(Path path, Name attribute, Changes& changes) const {
     changes.push_back(Change::put(path, record->type, attribute, *value));
 }
 
+// What a step wrote counts if no later step of the batch is at its place: so each step looks for what is
+// visible in itself and in those behind it.
 Changes Mirror::revealedBy(const Changes& changes) const {
-  const auto isWritten = [&](const Change& each) {
-    return std::ranges::find(changes, each) != changes.end();
-  };
   Changes revealed;
-  for (const Change& change : changes) {
+  for (auto change = changes.begin(); change != changes.end(); ++change) {
+    const Row& row = change->row;
     Changes shown;
-    if (change.kind == Change::Kind::put && change.row.attribute.empty()) continue;
-    if (change.kind != Change::Kind::del)
-      appendShown(change.row.path, change.row.attribute, shown);
+    if (change->kind == Change::Kind::put && row.attribute.empty()) continue;
+    if (change->kind != Change::Kind::del)
+      appendShown(row.path, row.attribute, shown);
     else
-      withShown(change.row.path, [&](const Records& records) {
+      withShown(row.path, [&](const Records& records) {
         for (const Record* each : records) appendRows(*each, shown);
       });
     for (Change& each : shown)
-      if (!isWritten(each)) revealed.push_back(std::move(each));
+      if (std::find(change, changes.end(), each) == changes.end()) revealed.push_back(std::move(each));
   }
   return revealed;
 }

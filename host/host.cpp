@@ -27,7 +27,7 @@ Host::Host(const Options& options)
                           options.allowObjectWrites ? Objects::Access::writable : Objects::Access::readOnly},
               .report = [this](const std::string& text) { report(text); }} {
   manager_->reportIs([this](const std::string& text) { report(text); });
-  isQuiet_ = options.client && !store_->state().isReached;
+  isQuiet_ = options.client && !store_->isReached();
   try {
     for (const std::string& library : options.types) types_.emplace_back(library);
     loadAgents(options.agents);
@@ -125,26 +125,27 @@ double Host::turn() {
 }
 
 void Host::followStore() {
-  const Statedb::StoreState state = store_->state();
-  if (whenLost_) whenLost_->check(state.isReached);
-  sayWhenReady(state.claims);
-  if (state.isReached) isQuiet_ = false;
-  showStatus(state);
+  const bool isReached = store_->isReached();
+  if (whenLost_) whenLost_->check(isReached);
+  if (!ready_) sayWhenReady(store_->state().claims);
+  if (isReached) isQuiet_ = false;
+  showStatus(isReached);
 }
 
-void Host::showStatus(const Statedb::StoreState& state) {
-  if (std::exchange(isServing_, ready_ && state.isReached) && isServing_) return;
+void Host::showStatus(bool isReached) {
+  if (std::exchange(isServing_, ready_ && isReached) && isServing_) return;
   if (isServing_)
     serviceManager_.statusIs("Serving, with the state database " + store_->url());
   else if (ready_)
-    serviceManager_.statusIs("The state database is lost, LEDs keep their settings: " + state.reason);
+    serviceManager_.statusIs("The state database is lost, LEDs keep their settings: " +
+                             store_->state().reason);
   else
-    serviceManager_.statusIs("Waiting for the state database " + store_->url() + ": " + state.reason);
+    serviceManager_.statusIs("Waiting for the state database " + store_->url() + ": " +
+                             store_->state().reason);
 }
 
 // A standby is ready although its mounts wait.
 void Host::sayWhenReady(const std::vector<Statedb::StoreState::Claim>& claims) {
-  if (ready_) return;
   ready_ = std::ranges::all_of(manager_->mounts(), [&](const Statedb::EntityManager::MountInfo& mount) {
     return mount.complete || std::ranges::any_of(claims, [&](const auto& claim) {
              return !claim.isOwn && !claim.who.empty() && mount.path.isUnder(Statedb::Path(claim.mount));

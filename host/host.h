@@ -56,7 +56,7 @@ class Host {
   void report(const std::string& text);
   double turn();
   void followStore();
-  void showStatus(const Statedb::StoreState& state);
+  void showStatus(bool isReached);
   void sayWhenReady(const std::vector<Statedb::StoreState::Claim>& claims);
   UvHandle<uv_signal_t> stopOn(int signal);
   void pingWatchdog();

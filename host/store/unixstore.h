@@ -30,6 +30,7 @@ class UnixStore final : public Statedb::Store, public Connection::Owner, private
 
   std::string url() const override { return "unix:" + socket_; }
   Statedb::StoreState state() const override { return {true, reached_, reached_ ? "" : why_}; }
+  bool isReached() const override { return reached_; }
   bool takesCovers() const override { return true; }
   void subscribe(Statedb::Path path, Statedb::Subscriber& subscriber) override;
   void unsubscribe(Statedb::Subscriber& subscriber) override;

@@ -54,6 +54,7 @@ class RedisStore final : public Statedb::Store, private Upstream::Owner, private
 
   std::string url() const override { return text_; }
   Statedb::StoreState state() const override;
+  bool isReached() const override { return isReached_; }
   const Statedb::Table* table() const override { return &mirror_; }
   void subscribe(Statedb::Path path, Statedb::Subscriber& subscriber) override;
   void unsubscribe(Statedb::Subscriber& subscriber) override { subscribers_.remove(subscriber); }

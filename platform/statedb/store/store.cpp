@@ -11,6 +11,7 @@ Store::~Store() = default;
 void Subscriber::onRevealed(const Changes& changes) { onChanges(changes); }
 
 StoreState Store::state() const { return {}; }
+bool Store::isReached() const { return state().isReached; }
 const Table* Store::table() const { return nullptr; }
 bool Store::takesCovers() const { return false; }
 void Store::announce(const Announcement&) {}

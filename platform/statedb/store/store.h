@@ -168,6 +168,8 @@ class ZEL_API Store {
   virtual std::string url() const = 0;
   // Always reached by default.
   virtual StoreState state() const;
+  // The same as state().isReached, which is asked for in every turn.
+  virtual bool isReached() const;
   // The rows, if this process keeps or mirrors them; null by default.
   virtual const Table* table() const;
   // Whether a batch of covers can be written. False by default.

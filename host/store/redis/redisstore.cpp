@@ -204,8 +204,7 @@ void RedisStore::onLost(const Loss& loss) {
 void RedisStore::onRows(Durability space) {
   if (space == Durability::volatile_) {
     isDue_ = true;
-    publications_.compare(upstream_.rows(space));
-    if (upstream_.isReached()) claims_.onReached(timeline());
+    if (upstream_.isReached()) onReached();  // else that follows
     return;
   }
   wipedAt_.reset();

@@ -12,14 +12,10 @@ namespace {
 constexpr double kTimeout = 60;  // seconds for anything that a store is asked to do
 }
 
-Rounds::Rounds() { uv_loop_configure(loop_.uv(), UV_METRICS_IDLE_TIME); }
-
 void Rounds::run() {
-  const std::uint64_t idle = uv_metrics_idle_time(loop_.uv());
-  const double start = now();
+  const double start = threadTime();
   uv_run(loop_.uv(), UV_RUN_ONCE);
-  const auto waited = static_cast<double>(uv_metrics_idle_time(loop_.uv()) - idle) * 1e-9;
-  longest_ = std::max(longest_, now() - start - waited);
+  longest_ = std::max(longest_, threadTime() - start);
 }
 
 Member::Member(Rounds& rounds, const std::string& url, const std::string& path,

@@ -14,12 +14,10 @@ namespace Bench {
 // A loop that is run step by step.
 class Rounds {
  public:
-  Rounds();
-
   Host::Loop& loop() { return loop_; }
   // One round of events, which waits for the first.
   void run();
-  // The most seconds that a round took so far, without its waiting.
+  // The most seconds of processor time that a round took so far: other work on the machine does not count.
   double longest() const { return longest_; }
 
  private:

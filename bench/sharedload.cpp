@@ -22,7 +22,6 @@ using Statedb::Path;
 
 constexpr std::size_t kLoadLeds = 2'560;
 constexpr std::size_t kSnapshotLeds = 100'000;
-constexpr const char* kPinType = "Hardware::Gpio::CorvelPinConfig";
 
 std::size_t loadEvents() { return quick() ? 20'000 : 100'000; }
 
@@ -47,7 +46,7 @@ class Events {
     Changes changes;
     for (std::size_t event = first; event < first + count; ++event)
       for (std::size_t colour = 0; colour < kPins; ++colour)
-        changes.push_back(Change::put(paths_[place(event, colour)], kPinType, "value", value(event, colour)));
+        changes.push_back(Change::put(paths_[place(event, colour)], type_, attribute_, value(event, colour)));
     return changes;
   }
 
@@ -57,6 +56,8 @@ class Events {
   }
   std::vector<std::string> names_;
   std::vector<Path> paths_;
+  // As an agent has them.
+  const Zel::Name type_{"Hardware::Gpio::CorvelPinConfig"}, attribute_{"value"};
 };
 
 // Runs batches for every LED once, and then times them.
@@ -168,7 +169,7 @@ const RedisServer& filledServer() {
   return server;
 }
 
-// Until a new process has the rows, and the longest time that it is busy without a pause.
+// Until a new process has the rows, and the most processor time that it takes without a pause.
 std::vector<Figure> readSnapshot() {
   const RedisServer& server = filledServer();
   const double start = now();

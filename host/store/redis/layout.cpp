@@ -147,20 +147,27 @@ DeltaWriter::Part DeltaWriter::step(const Change& change) {
 DeltaWriter::Part DeltaWriter::put(std::string_view name, const Row& row) {
   if (row.type != type_) {
     checkPlain(row.type.view());
-    text_.append(":").append((type_ = row.type).view()).append("\n");
+    ((text_ += ':') += (type_ = row.type).view()) += '\n';
   }
-  text_.append("+").append(name);
+  (text_ += '+') += name;
   if (row.attribute.empty()) return {};
-  checkPlain(row.attribute.view());
-  text_.append("\t").append(row.attribute.view()).append("\t");
+  checkAttribute(row.attribute);
+  ((text_ += '\t') += row.attribute.view()) += '\t';
   const std::size_t start = text_.size();
   appendJson(text_, row.value);
   return {start, text_.size() - start};
 }
 
 void DeltaWriter::unset(std::string_view name, const Row& row) {
-  checkPlain(row.attribute.view());
-  text_.append("-").append(name).append("\t").append(row.attribute.view());
+  checkAttribute(row.attribute);
+  (((text_ += '-') += name) += '\t') += row.attribute.view();
+}
+
+// Most rows of a batch are of the same attribute.
+void DeltaWriter::checkAttribute(Zel::Name attribute) {
+  if (attribute == attribute_) return;
+  checkPlain(attribute.view());
+  attribute_ = attribute;
 }
 
 std::string deltaText(const Changes& changes) {

@@ -93,6 +93,9 @@ class DeltaWriter {
     std::string_view in(std::string_view text) const { return text.substr(start, size); }
   };
 
+  // `steps`: so many are expected.
+  explicit DeltaWriter(std::size_t steps = 0) { text_.reserve(steps * 32); }
+
   // Returns the JSON of a put's value; an empty part where there is none.
   Part step(const Statedb::Change& change);
   std::string& text() { return text_; }
@@ -100,10 +103,12 @@ class DeltaWriter {
  private:
   Part put(std::string_view name, const Statedb::Row& row);
   void unset(std::string_view name, const Statedb::Row& row);
+  void checkAttribute(Zel::Name attribute);
 
   std::string text_{};
   std::optional<Statedb::Path> directory_{};
-  Zel::Name type_{};
+  Zel::Name type_{};       // the last one
+  Zel::Name attribute_{};  // that was checked
 };
 std::string deltaText(const Statedb::Changes& changes);
 // The inverse. Throws Zel::ValueError for a line of another form, for bad JSON, and for a path or a name

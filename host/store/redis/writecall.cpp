@@ -97,7 +97,11 @@ bool isAlike(const Entity& a, const Entity& b) {
 // The steps of a batch as the script reads them. Puts that follow each other in one directory are one step.
 class StepWriter {
  public:
-  StepWriter(const Keys& keys, const Rows& known) : keys_(keys), known_(known) {}
+  StepWriter(const Keys& keys, const Rows& known, std::size_t steps)
+      : keys_(keys), known_(known), delta_(steps) {
+    values_.reserve(std::min(steps, kMostOfStep));
+    entities_.reserve(std::min(steps, kMostOfStep));
+  }
 
   void step(const Change& change) {
     const DeltaWriter::Part json = delta_.step(change);
@@ -221,7 +225,7 @@ class StepWriter {
 
   const Keys& keys_;
   const Rows& known_;
-  DeltaWriter delta_{};
+  DeltaWriter delta_;
   Words directories_{};
   Packed packed_{};
   std::size_t steps_ = 0;
@@ -294,7 +298,7 @@ Call writeCall(std::string_view prefix, Durability space, const Changes& changes
                const Known& known) {
   ZEL_REQUIRE(changes.size() <= kMostRows, "a write of " << changes.size() << " rows");
   const Keys keys(prefix, space);
-  StepWriter steps(keys, space == Durability::stored ? known.stored : known.volatile_);
+  StepWriter steps(keys, space == Durability::stored ? known.stored : known.volatile_, changes.size());
   writeSteps(changes, Types(known, options.inTheWay), steps);
   std::string delta;
   if (space == Durability::volatile_ && !steps.isValuesOnly())

@@ -178,7 +178,7 @@ Zel::Ptr<const Hardware::Led::LedSystemConfigDir> ConfigReactor::hwLedConfigDirD
 
 void ConfigReactor::resynchronise(const Zel::Ptr<const GpioLedSystemConfigDir>& dir) {
   for (const auto& mapping : dir->gpioLeds()) gpioLedConfigIs(mapping);
-  removeAll(gpioLedConfig_, [&](Zel::Name name) {
+  removeAll(gpioLedConfig_, [&](const Zel::Name& name) {
     if (!dir->gpioLeds().get(name)) gpioLedConfigDel(name);
   });
 }
@@ -205,7 +205,7 @@ Zel::Ptr<ConfigReactor::ZelGpioLedConfig> ConfigReactor::gpioLedConfigIs(
   return reactor;
 }
 
-Zel::Ptr<const Hardware::Gpio::GpioLedConfig> ConfigReactor::gpioLedConfigDel(Zel::Name name) {
+Zel::Ptr<const Hardware::Gpio::GpioLedConfig> ConfigReactor::gpioLedConfigDel(const Zel::Name& name) {
   const auto reactor = gpioLedConfig_.remove(name);
   if (!reactor) return nullptr;
   announceKey<&ConfigReactor::gpioLedConfig_>(name);
@@ -214,7 +214,7 @@ Zel::Ptr<const Hardware::Gpio::GpioLedConfig> ConfigReactor::gpioLedConfigDel(Ze
 }
 
 void ConfigReactor::gpioLedConfigDelAll() {
-  removeAll(gpioLedConfig_, [this](Zel::Name name) { gpioLedConfigDel(name); });
+  removeAll(gpioLedConfig_, [this](const Zel::Name& name) { gpioLedConfigDel(name); });
 }
 
 Zel::Ptr<GpioLedStateMachine> ConfigReactor::gpioLedStateMachineIs(
@@ -236,14 +236,14 @@ Zel::Ptr<GpioLedStateMachine> ConfigReactor::gpioLedStateMachineIs(
   return machine;
 }
 
-void ConfigReactor::addMachine(Zel::Name name, const Zel::Ptr<GpioLedStateMachine>& machine) {
+void ConfigReactor::addMachine(const Zel::Name& name, const Zel::Ptr<GpioLedStateMachine>& machine) {
   gpioLedStateMachine_.insert(name, machine);
   machine->hasNotificationActiveIs(true);
   announceKey<&ConfigReactor::gpioLedStateMachine_>(name);
   gpioLedStateMachineNotify(name);
 }
 
-Zel::Ptr<GpioLedStateMachine> ConfigReactor::gpioLedStateMachineDel(Zel::Name name) {
+Zel::Ptr<GpioLedStateMachine> ConfigReactor::gpioLedStateMachineDel(const Zel::Name& name) {
   auto machine = gpioLedStateMachine_.remove(name);
   if (machine) {
     announceKey<&ConfigReactor::gpioLedStateMachine_>(name);
@@ -253,11 +253,11 @@ Zel::Ptr<GpioLedStateMachine> ConfigReactor::gpioLedStateMachineDel(Zel::Name na
 }
 
 void ConfigReactor::gpioLedStateMachineDelAll() {
-  removeAll(gpioLedStateMachine_, [this](Zel::Name name) { gpioLedStateMachineDel(name); });
+  removeAll(gpioLedStateMachine_, [this](const Zel::Name& name) { gpioLedStateMachineDel(name); });
 }
 
 Zel::Ptr<Hardware::Gpio::CorvelGpioLedSystemConfigDir> ConfigReactor::corvelLedSystemConfigIs(
-    Zel::Name name) {
+    const Zel::Name& name) {
   if (corvelLedSystemConfig_) {
     if (corvelLedSystemConfig_->name() == name) return corvelLedSystemConfig_;
     corvelLedSystemConfig_->parentIs(nullptr);
@@ -277,22 +277,22 @@ Zel::Ptr<Hardware::Gpio::CorvelGpioLedSystemConfigDir> ConfigReactor::corvelLedS
 
 void ConfigReactor::handleInitialized() { corvelLedSystemConfigIs("ledSystem"); }
 
-Hardware::Gpio::CorvelGpioLedConfig* ConfigReactor::outputOf(Zel::Name name) const {
+Hardware::Gpio::CorvelGpioLedConfig* ConfigReactor::outputOf(const Zel::Name& name) const {
   return corvelLedSystemConfig_ ? corvelLedSystemConfig_->gpioLeds().get(name) : nullptr;
 }
 
-bool ConfigReactor::isReady(Zel::Name name) const {
+bool ConfigReactor::isReady(const Zel::Name& name) const {
   const auto* dir = gpioLedSystemConfigDir_.notifier();
   const auto* mapping = dir ? dir->gpioLeds().get(name) : nullptr;
   return mapping && mapping->ready();
 }
 
-Hardware::Led::LedConfig* ConfigReactor::ledOf(Zel::Name name) const {
+Hardware::Led::LedConfig* ConfigReactor::ledOf(const Zel::Name& name) const {
   const auto* dir = hwLedConfigDir_.notifier();
   return dir ? dir->leds().get(name) : nullptr;
 }
 
-void ConfigReactor::createDriver(Zel::Name name) {
+void ConfigReactor::createDriver(const Zel::Name& name) {
   if (making_.contains(name)) {
     making_.insert(name, true);
     return;
@@ -309,7 +309,7 @@ void ConfigReactor::createDriver(Zel::Name name) {
   }
 }
 
-void ConfigReactor::handleGpioConfigCleanup(Zel::Name name) {
+void ConfigReactor::handleGpioConfigCleanup(const Zel::Name& name) {
   trace(9, 302, "handleGpioConfigCleanup",
         [&](std::ostream& out) { out << "handleGpioConfigCleanup " << name; });
   ZEL_ASSERT(corvelLedSystemConfig_);

@@ -133,7 +133,7 @@ class ConfigReactor : public Zel::Described<ConfigReactor, Zel::Notifier> {
   const Zel::PtrMap<GpioLedStateMachine>& gpioLedStateMachine() const { return gpioLedStateMachine_; }
   Zel::Ptr<GpioLedStateMachine> gpioLedStateMachineIs(
       const Zel::Ptr<CorvelGpioLedConfig>& corvelGpioLedConfig, const Zel::Ptr<const LedConfig>& hwLedConfig);
-  Zel::Ptr<GpioLedStateMachine> gpioLedStateMachineDel(Zel::Name name);
+  Zel::Ptr<GpioLedStateMachine> gpioLedStateMachineDel(const Zel::Name& name);
   void gpioLedStateMachineDelAll();
 
   // The reactors of the mappings, by name. `Is` has the reactor of that name watch the mapping, and returns
@@ -141,7 +141,7 @@ class ConfigReactor : public Zel::Described<ConfigReactor, Zel::Notifier> {
   // mapping, null where the name is unknown.
   const Zel::SlotMap<ZelGpioLedConfig>& gpioLedConfig() const { return gpioLedConfig_; }
   Zel::Ptr<ZelGpioLedConfig> gpioLedConfigIs(const Zel::Ptr<const GpioLedConfig>& gpioLedConfig);
-  Zel::Ptr<const GpioLedConfig> gpioLedConfigDel(Zel::Name name);
+  Zel::Ptr<const GpioLedConfig> gpioLedConfigDel(const Zel::Name& name);
   void gpioLedConfigDelAll();
 
   // The LEDs that have pins. Setting another name replaces the directory; `Del` returns it, null where there
@@ -149,15 +149,15 @@ class ConfigReactor : public Zel::Described<ConfigReactor, Zel::Notifier> {
   const Zel::Ptr<CorvelGpioLedSystemConfigDir>& corvelLedSystemConfig() const {
     return corvelLedSystemConfig_;
   }
-  Zel::Ptr<CorvelGpioLedSystemConfigDir> corvelLedSystemConfigIs(Zel::Name name);
+  Zel::Ptr<CorvelGpioLedSystemConfigDir> corvelLedSystemConfigIs(const Zel::Name& name);
   Zel::Ptr<CorvelGpioLedSystemConfigDir> corvelLedSystemConfigDel();
 
   // Makes the directory "ledSystem".
   void handleInitialized();
   // Makes the LED's state machine, or removes it, as the class comment says.
-  void createDriver(Zel::Name name);
+  void createDriver(const Zel::Name& name);
   // Removes an LED's pins, then its state machine. Of an LED without pins only the latter.
-  void handleGpioConfigCleanup(Zel::Name name);
+  void handleGpioConfigCleanup(const Zel::Name& name);
   // A mapping's reactor is being retired.
   void zel_handleGpioLedConfig(const ZelGpioLedConfig& reactor);
 
@@ -171,10 +171,10 @@ class ConfigReactor : public Zel::Described<ConfigReactor, Zel::Notifier> {
  private:
   void resynchronise(const Zel::Ptr<const GpioLedSystemConfigDir>& dir);
   void dirEntryChanged(const Zel::Ptr<const GpioLedSystemConfigDir>& dir, Zel::Name name);
-  void addMachine(Zel::Name name, const Zel::Ptr<GpioLedStateMachine>& machine);
-  CorvelGpioLedConfig* outputOf(Zel::Name name) const;
-  bool isReady(Zel::Name name) const;
-  LedConfig* ledOf(Zel::Name name) const;
+  void addMachine(const Zel::Name& name, const Zel::Ptr<GpioLedStateMachine>& machine);
+  CorvelGpioLedConfig* outputOf(const Zel::Name& name) const;
+  bool isReady(const Zel::Name& name) const;
+  LedConfig* ledOf(const Zel::Name& name) const;
 
   Zel::Slot<ZelGpioLedSystemConfigDir> gpioLedSystemConfigDir_;
   Zel::Slot<ZelHwLedConfigDir> hwLedConfigDir_;

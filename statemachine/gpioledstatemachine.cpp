@@ -93,10 +93,13 @@ void GpioLedStateMachine::handleHwLedConfig() {
   const LedConfig* led = hwLedConfig_.notifier();
   if (!led) return;
   const LightSetting setting = led->lightSetting();
-  handleLedSystemConfig(led->name(), setting);
+  apply(setting);
 }
 
-void GpioLedStateMachine::handleLedSystemConfig(Zel::Name, const LightSetting& setting) {
+void GpioLedStateMachine::handleLedSystemConfig(Zel::Name, const LightSetting& setting) { apply(setting); }
+
+// handleLedSystemConfig() without the name, which would be copied for each event.
+void GpioLedStateMachine::apply(const LightSetting& setting) {
   if (!initialized_) return;
   trace(8, __LINE__, "handleLedSystemConfig", [&](std::ostream& out) {
     out << "handleLedSystemConfig " << nameOf(corvelGpioLedConfig_.get()) << ' ' << setting

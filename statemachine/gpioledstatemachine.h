@@ -125,6 +125,7 @@ class GpioLedStateMachine : public Zel::Described<GpioLedStateMachine, Zel::Noti
  private:
   friend bool lookahead(const GpioLedStateMachine& machine, unsigned step);
 
+  void apply(const LightSetting& setting);
   void showSteady(const LightSetting& setting);
   void startFlashing(double interval);
   void wakeUpIs(double time);

@@ -19,7 +19,7 @@ struct ColourMembers {
   const char* name;
   bool LightSetting::*lit;
   const Zel::NameSet& (Mapping::*names)() const;
-  void (Mapping::*nameIs)(Zel::Name pin, bool value);
+  void (Mapping::*nameIs)(const Zel::Name& pin, bool value);
   const Output::Pins& (Output::*pins)() const;
   void (Output::*pinIs)(const Zel::Ptr<Pin>& pin);
 };

@@ -22,7 +22,7 @@ class ZEL_API Config : public Zel::Described<Config, Zel::Entity> {
   }
   static const Zel::TypeNode& typeNode();
 
-  explicit Config(Zel::Name name) : Described(name) {}
+  explicit Config(const Zel::Name& name) : Described(name) {}
 
   // Seconds between two readings of the temperature sensors.
   double pollInterval() const { return pollInterval_; }

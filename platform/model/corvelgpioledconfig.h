@@ -45,7 +45,7 @@ class ZEL_API CorvelGpioLedConfig : public Zel::Described<CorvelGpioLedConfig, Z
   }
   static const Zel::TypeNode& typeNode();
 
-  explicit CorvelGpioLedConfig(Zel::Name name) : Described(name) {}
+  explicit CorvelGpioLedConfig(const Zel::Name& name) : Described(name) {}
 
   // The directory that the configuration belongs to; null once it was removed from it.
   Zel::Ptr<const Zel::Entity> systemConfig() const { return parentEntity(); }

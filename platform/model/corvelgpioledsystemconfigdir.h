@@ -25,14 +25,14 @@ class ZEL_API CorvelGpioLedSystemConfigDir
   }
   static const Zel::TypeNode& typeNode();
 
-  explicit CorvelGpioLedSystemConfigDir(Zel::Name name) : Described(name) {}
+  explicit CorvelGpioLedSystemConfigDir(const Zel::Name& name) : Described(name) {}
 
   const Zel::PtrMap<CorvelGpioLedConfig>& gpioLeds() const { return gpioLeds_; }
-  Zel::Ptr<CorvelGpioLedConfig> gpioLeds(Zel::Name name) const { return gpioLeds_.find(name); }
-  Zel::Ptr<CorvelGpioLedConfig> gpioLedsIs(Zel::Name name) {
+  Zel::Ptr<CorvelGpioLedConfig> gpioLeds(const Zel::Name& name) const { return gpioLeds_.find(name); }
+  Zel::Ptr<CorvelGpioLedConfig> gpioLedsIs(const Zel::Name& name) {
     return childIs<&CorvelGpioLedSystemConfigDir::gpioLeds_>(name);
   }
-  Zel::Ptr<CorvelGpioLedConfig> gpioLedsDel(Zel::Name name) {
+  Zel::Ptr<CorvelGpioLedConfig> gpioLedsDel(const Zel::Name& name) {
     return childDel<&CorvelGpioLedSystemConfigDir::gpioLeds_>(name);
   }
 

@@ -24,7 +24,7 @@ class ZEL_API CorvelPinConfig : public Zel::Described<CorvelPinConfig, Zel::Enti
   }
   static const Zel::TypeNode& typeNode();
 
-  explicit CorvelPinConfig(Zel::Name name) : Described(name) {}
+  explicit CorvelPinConfig(const Zel::Name& name) : Described(name) {}
 
   std::uint32_t value() const { return value_; }
   void valueIs(std::uint32_t value) { set<&CorvelPinConfig::value_>(value); }

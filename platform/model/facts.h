@@ -35,7 +35,7 @@ class ZEL_API Link : public Zel::Described<Link, Zel::Entity> {
   }
   static const Zel::TypeNode& typeNode();
 
-  explicit Link(Zel::Name name) : Described(name) {}
+  explicit Link(const Zel::Name& name) : Described(name) {}
 
   // Whether the interface was set up.
   bool up() const { return up_; }
@@ -95,7 +95,7 @@ class ZEL_API Sensor : public Zel::Described<Sensor, Zel::Entity> {
   }
   static const Zel::TypeNode& typeNode();
 
-  explicit Sensor(Zel::Name name) : Described(name) {}
+  explicit Sensor(const Zel::Name& name) : Described(name) {}
 
   // The last one that was read.
   double value() const { return value_; }
@@ -145,7 +145,7 @@ class ZEL_API Unit : public Zel::Described<Unit, Zel::Entity> {
   }
   static const Zel::TypeNode& typeNode();
 
-  explicit Unit(Zel::Name name) : Described(name) {}
+  explicit Unit(const Zel::Name& name) : Described(name) {}
 
   // "failed".
   const Zel::String& activeState() const { return activeState_; }
@@ -177,7 +177,7 @@ class ZEL_API SourceStatus : public Zel::Described<SourceStatus, Zel::Entity> {
   }
   static const Zel::TypeNode& typeNode();
 
-  explicit SourceStatus(Zel::Name name) : Described(name) {}
+  explicit SourceStatus(const Zel::Name& name) : Described(name) {}
 
   // How many entities it has: for "units", how many units failed.
   std::uint32_t facts() const { return facts_; }

@@ -47,28 +47,34 @@ class ZEL_API GpioLedConfig : public Zel::Described<GpioLedConfig, Zel::Entity> 
   }
   static const Zel::TypeNode& typeNode();
 
-  explicit GpioLedConfig(Zel::Name name) : Described(name) {}
+  explicit GpioLedConfig(const Zel::Name& name) : Described(name) {}
 
   // The path of the LED's configuration, for people.
   const Zel::String& ledConfig() const { return ledConfig_; }
   void ledConfigIs(const Zel::String& path) { set<&GpioLedConfig::ledConfig_>(path); }
 
   const Zel::NameSet& gpioYellowName() const { return gpioYellowName_; }
-  void gpioYellowNameIs(Zel::Name pin, bool value) { nameIs<&GpioLedConfig::gpioYellowName_>(pin, value); }
+  void gpioYellowNameIs(const Zel::Name& pin, bool value) {
+    nameIs<&GpioLedConfig::gpioYellowName_>(pin, value);
+  }
   void gpioYellowNameIs(const Zel::NameSet& pins) { namesAre<&GpioLedConfig::gpioYellowName_>(pins); }
-  bool gpioYellowNameDel(Zel::Name pin) { return nameDel<&GpioLedConfig::gpioYellowName_>(pin); }
+  bool gpioYellowNameDel(const Zel::Name& pin) { return nameDel<&GpioLedConfig::gpioYellowName_>(pin); }
   const Zel::NameSet& gpioGreenName() const { return gpioGreenName_; }
-  void gpioGreenNameIs(Zel::Name pin, bool value) { nameIs<&GpioLedConfig::gpioGreenName_>(pin, value); }
+  void gpioGreenNameIs(const Zel::Name& pin, bool value) {
+    nameIs<&GpioLedConfig::gpioGreenName_>(pin, value);
+  }
   void gpioGreenNameIs(const Zel::NameSet& pins) { namesAre<&GpioLedConfig::gpioGreenName_>(pins); }
-  bool gpioGreenNameDel(Zel::Name pin) { return nameDel<&GpioLedConfig::gpioGreenName_>(pin); }
+  bool gpioGreenNameDel(const Zel::Name& pin) { return nameDel<&GpioLedConfig::gpioGreenName_>(pin); }
   const Zel::NameSet& gpioRedName() const { return gpioRedName_; }
-  void gpioRedNameIs(Zel::Name pin, bool value) { nameIs<&GpioLedConfig::gpioRedName_>(pin, value); }
+  void gpioRedNameIs(const Zel::Name& pin, bool value) { nameIs<&GpioLedConfig::gpioRedName_>(pin, value); }
   void gpioRedNameIs(const Zel::NameSet& pins) { namesAre<&GpioLedConfig::gpioRedName_>(pins); }
-  bool gpioRedNameDel(Zel::Name pin) { return nameDel<&GpioLedConfig::gpioRedName_>(pin); }
+  bool gpioRedNameDel(const Zel::Name& pin) { return nameDel<&GpioLedConfig::gpioRedName_>(pin); }
   const Zel::NameSet& gpioOrangeName() const { return gpioOrangeName_; }
-  void gpioOrangeNameIs(Zel::Name pin, bool value) { nameIs<&GpioLedConfig::gpioOrangeName_>(pin, value); }
+  void gpioOrangeNameIs(const Zel::Name& pin, bool value) {
+    nameIs<&GpioLedConfig::gpioOrangeName_>(pin, value);
+  }
   void gpioOrangeNameIs(const Zel::NameSet& pins) { namesAre<&GpioLedConfig::gpioOrangeName_>(pins); }
-  bool gpioOrangeNameDel(Zel::Name pin) { return nameDel<&GpioLedConfig::gpioOrangeName_>(pin); }
+  bool gpioOrangeNameDel(const Zel::Name& pin) { return nameDel<&GpioLedConfig::gpioOrangeName_>(pin); }
 
   // Whether the mapping is complete; agents wait until it is.
   bool ready() const { return ready_; }

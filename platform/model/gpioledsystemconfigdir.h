@@ -26,11 +26,11 @@ class ZEL_API GpioLedSystemConfigDir : public Zel::Described<GpioLedSystemConfig
   }
   static const Zel::TypeNode& typeNode();
 
-  explicit GpioLedSystemConfigDir(Zel::Name name) : Described(name) {}
+  explicit GpioLedSystemConfigDir(const Zel::Name& name) : Described(name) {}
 
   const Zel::PtrMap<GpioLedConfig>& gpioLeds() const { return gpioLeds_; }
-  Zel::Ptr<GpioLedConfig> gpioLeds(Zel::Name name) const { return gpioLeds_.find(name); }
-  Zel::Ptr<GpioLedConfig> gpioLedsIs(Zel::Name name) {
+  Zel::Ptr<GpioLedConfig> gpioLeds(const Zel::Name& name) const { return gpioLeds_.find(name); }
+  Zel::Ptr<GpioLedConfig> gpioLedsIs(const Zel::Name& name) {
     return childIs<&GpioLedSystemConfigDir::gpioLeds_>(name);
   }
   void gpioLedsIs(const Zel::Ptr<GpioLedConfig>& led) { childIs<&GpioLedSystemConfigDir::gpioLeds_>(led); }
@@ -38,7 +38,7 @@ class ZEL_API GpioLedSystemConfigDir : public Zel::Described<GpioLedSystemConfig
   void gpioLedsIs(const std::vector<Zel::Ptr<GpioLedConfig>>& leds) {
     childrenAre<&GpioLedSystemConfigDir::gpioLeds_>(leds);
   }
-  Zel::Ptr<GpioLedConfig> gpioLedsDel(Zel::Name name) {
+  Zel::Ptr<GpioLedConfig> gpioLedsDel(const Zel::Name& name) {
     return childDel<&GpioLedSystemConfigDir::gpioLeds_>(name);
   }
 

@@ -55,7 +55,7 @@ class ZEL_API GpioLineInit : public Zel::Described<GpioLineInit, Zel::Entity> {
   }
   static const Zel::TypeNode& typeNode();
 
-  explicit GpioLineInit(Zel::Name name) : Described(name) {}
+  explicit GpioLineInit(const Zel::Name& name) : Described(name) {}
 
   // The chip's label, or the kernel's name for it. Empty: any chip that has a line of that name.
   const Zel::String& chip() const { return chip_; }

@@ -24,7 +24,7 @@ class ZEL_API GpioLineStatus : public Zel::Described<GpioLineStatus, Zel::Entity
   }
   static const Zel::TypeNode& typeNode();
 
-  explicit GpioLineStatus(Zel::Name name) : Described(name) {}
+  explicit GpioLineStatus(const Zel::Name& name) : Described(name) {}
 
   // Whether the line shows the pin's value.
   bool driven() const { return driven_; }

@@ -39,7 +39,7 @@ class ZEL_API LedConfig : public Zel::Described<LedConfig, Zel::Entity> {
   }
   static const Zel::TypeNode& typeNode();
 
-  explicit LedConfig(Zel::Name name) : Described(name) {}
+  explicit LedConfig(const Zel::Name& name) : Described(name) {}
 
   const ::Led::LightSetting& lightSetting() const { return lightSetting_; }
   void lightSettingIs(const ::Led::LightSetting& setting) { set<&LedConfig::lightSetting_>(setting); }
@@ -52,9 +52,9 @@ class ZEL_API LedConfig : public Zel::Described<LedConfig, Zel::Entity> {
   Zel::Name theme() const { return theme_; }
   void themeIs(Zel::Name theme) { set<&LedConfig::theme_>(theme); }
   const Zel::NameSet& mode() const { return mode_; }
-  void modeIs(Zel::Name name, bool value) { nameIs<&LedConfig::mode_>(name, value); }
+  void modeIs(const Zel::Name& name, bool value) { nameIs<&LedConfig::mode_>(name, value); }
   void modeIs(const Zel::NameSet& names) { namesAre<&LedConfig::mode_>(names); }
-  bool modeDel(Zel::Name name) { return nameDel<&LedConfig::mode_>(name); }
+  bool modeDel(const Zel::Name& name) { return nameDel<&LedConfig::mode_>(name); }
   Zel::Name currentMode() const { return currentMode_; }
   void currentModeIs(Zel::Name mode) { set<&LedConfig::currentMode_>(mode); }
 

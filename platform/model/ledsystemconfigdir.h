@@ -34,22 +34,22 @@ class ZEL_API LedSystemConfigDir : public Zel::Described<LedSystemConfigDir, Zel
   }
   static const Zel::TypeNode& typeNode();
 
-  explicit LedSystemConfigDir(Zel::Name name) : Described(name) {}
+  explicit LedSystemConfigDir(const Zel::Name& name) : Described(name) {}
 
   // The LEDs. Create-or-get by name; an LED made elsewhere replaces one of its name; `Del` returns the LED
   // that was removed, null where there was none.
   const Zel::PtrMap<LedConfig>& leds() const { return leds_; }
-  Zel::Ptr<LedConfig> leds(Zel::Name name) const { return leds_.find(name); }
-  Zel::Ptr<LedConfig> ledsIs(Zel::Name name) { return childIs<&LedSystemConfigDir::leds_>(name); }
+  Zel::Ptr<LedConfig> leds(const Zel::Name& name) const { return leds_.find(name); }
+  Zel::Ptr<LedConfig> ledsIs(const Zel::Name& name) { return childIs<&LedSystemConfigDir::leds_>(name); }
   void ledsIs(const Zel::Ptr<LedConfig>& led) { childIs<&LedSystemConfigDir::leds_>(led); }
-  Zel::Ptr<LedConfig> ledsDel(Zel::Name name) { return childDel<&LedSystemConfigDir::leds_>(name); }
+  Zel::Ptr<LedConfig> ledsDel(const Zel::Name& name) { return childDel<&LedSystemConfigDir::leds_>(name); }
 
   // The names of the palette and of the themes that policy agents know.
   Zel::Name palette() const { return palette_; }
   void paletteIs(Zel::Name palette) { set<&LedSystemConfigDir::palette_>(palette); }
   const Zel::NameSet& theme() const { return theme_; }
-  void themeIs(Zel::Name name, bool value) { nameIs<&LedSystemConfigDir::theme_>(name, value); }
-  bool themeDel(Zel::Name name) { return nameDel<&LedSystemConfigDir::theme_>(name); }
+  void themeIs(const Zel::Name& name, bool value) { nameIs<&LedSystemConfigDir::theme_>(name, value); }
+  bool themeDel(const Zel::Name& name) { return nameDel<&LedSystemConfigDir::theme_>(name); }
 
  protected:
   ~LedSystemConfigDir() override;

@@ -40,17 +40,17 @@ class ZEL_API LightRequest : public Zel::Described<LightRequest, Zel::Entity> {
   }
   static const Zel::TypeNode& typeNode();
 
-  explicit LightRequest(Zel::Name name) : Described(name) {}
+  explicit LightRequest(const Zel::Name& name) : Described(name) {}
 
   // Names of LEDs, and shell patterns: "Ethernet*". `skip` are left alone though `leds` has them.
   const Zel::NameSet& leds() const { return leds_; }
-  void ledsIs(Zel::Name name, bool value) { nameIs<&LightRequest::leds_>(name, value); }
+  void ledsIs(const Zel::Name& name, bool value) { nameIs<&LightRequest::leds_>(name, value); }
   void ledsIs(const Zel::NameSet& names) { namesAre<&LightRequest::leds_>(names); }
-  bool ledsDel(Zel::Name name) { return nameDel<&LightRequest::leds_>(name); }
+  bool ledsDel(const Zel::Name& name) { return nameDel<&LightRequest::leds_>(name); }
   const Zel::NameSet& skip() const { return skip_; }
-  void skipIs(Zel::Name name, bool value) { nameIs<&LightRequest::skip_>(name, value); }
+  void skipIs(const Zel::Name& name, bool value) { nameIs<&LightRequest::skip_>(name, value); }
   void skipIs(const Zel::NameSet& names) { namesAre<&LightRequest::skip_>(names); }
-  bool skipDel(Zel::Name name) { return nameDel<&LightRequest::skip_>(name); }
+  bool skipDel(const Zel::Name& name) { return nameDel<&LightRequest::skip_>(name); }
 
   const ::Led::LightSetting& lightSetting() const { return lightSetting_; }
   void lightSettingIs(const ::Led::LightSetting& setting) { set<&LightRequest::lightSetting_>(setting); }

@@ -37,7 +37,7 @@ class ZEL_API LightRule : public Zel::Described<LightRule, Zel::Entity> {
   }
   static const Zel::TypeNode& typeNode();
 
-  explicit LightRule(Zel::Name name) : Described(name) {}
+  explicit LightRule(const Zel::Name& name) : Described(name) {}
 
   // The path of a fact; its last component may have one '*', which stands for any text.
   const Zel::String& fact() const { return fact_; }

@@ -27,7 +27,7 @@ class ZEL_API LightStatus : public Zel::Described<LightStatus, Zel::Entity> {
   }
   static const Zel::TypeNode& typeNode();
 
-  explicit LightStatus(Zel::Name name) : Described(name) {}
+  explicit LightStatus(const Zel::Name& name) : Described(name) {}
 
   // "active", "ended" or "refused". A rule is active while it holds for any fact, and else "idle".
   const Zel::String& state() const { return state_; }
@@ -62,7 +62,7 @@ class ZEL_API LedClaims : public Zel::Described<LedClaims, Zel::Entity> {
   }
   static const Zel::TypeNode& typeNode();
 
-  explicit LedClaims(Zel::Name name) : Described(name) {}
+  explicit LedClaims(const Zel::Name& name) : Described(name) {}
 
   // The highest ones: the first is shown, the others wait in this order.
   const ::Led::Claims& claims() const { return claims_; }

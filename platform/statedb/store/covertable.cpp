@@ -28,7 +28,7 @@ std::size_t countOf(const std::optional<Record>& cover) { return cover ? cover->
 
 }  // namespace
 
-const Record* CoverTable::find(Path path, Zel::Name type) const {
+const Record* CoverTable::find(const Path& path, const Zel::Name& type) const {
   const auto found = covers_.find(path);
   return found == covers_.end() || found->second.type != type ? nullptr : &found->second;
 }

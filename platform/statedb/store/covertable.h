@@ -23,8 +23,8 @@ class CoverTable {
 
   bool empty() const { return covers_.empty(); }
   // The covers of an entity of that type at a path; null if there are none. Valid until the next change.
-  const Record* find(Path path, Zel::Name type) const;
-  bool covers(Path path, Zel::Name type, Zel::Name attribute) const {
+  const Record* find(const Path& path, const Zel::Name& type) const;
+  bool covers(const Path& path, const Zel::Name& type, const Zel::Name& attribute) const {
     const Record* cover = find(path, type);
     return cover && cover->find(attribute);
   }

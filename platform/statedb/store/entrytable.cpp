@@ -7,7 +7,7 @@
 
 namespace Statedb {
 
-Attribute* findIn(Attributes& attributes, Zel::Name name) {
+Attribute* findIn(Attributes& attributes, const Zel::Name& name) {
   const auto found = std::ranges::find(attributes, name, &Attribute::name);
   return found == attributes.end() ? nullptr : &*found;
 }
@@ -19,10 +19,10 @@ std::unordered_map<Zel::Name, std::size_t> EntryTable::countByType() const {
   return counts;
 }
 
-Records EntryTable::under(Path path) const {
+Records EntryTable::under(const Path& path) const {
   Records records;
   if (path.empty()) records.reserve(count_);
-  path.forEachUnder([&](Path each) {
+  path.forEachUnder([&](const Path& each) {
     if (const Entry* entry = find(each)) records.push_back(entry);
   });
   return records;
@@ -30,7 +30,7 @@ Records EntryTable::under(Path path) const {
 
 void EntryTable::prefetch(std::span<const Change> changes) const {
   for (const Change& change : changes) {
-    const Path path = change.row.path;
+    const Path& path = change.row.path;
     path.prefetch();
     if (path.id() < entries_.size()) Zel::prefetch(&entries_[path.id()]);
   }
@@ -43,7 +43,7 @@ void EntryTable::roomForUndo() {
   if (undo_.size() == undo_.capacity()) undo_.reserve(std::max<std::size_t>(16, undo_.size() * 2));
 }
 
-Entry& EntryTable::insert(Path path, Zel::Name type, Durability durability) {
+Entry& EntryTable::insert(const Path& path, const Zel::Name& type, Durability durability) {
   ZEL_REQUIRE(!find(path), path << " exists as a " << find(path)->type);
   if (path.id() >= entries_.size()) entries_.resize(Path::endOfIds());
   Entry& entry = entries_[path.id()];
@@ -54,7 +54,7 @@ Entry& EntryTable::insert(Path path, Zel::Name type, Durability durability) {
   return entry;
 }
 
-Entry& EntryTable::make(Path path, Zel::Name type, Durability durability) {
+Entry& EntryTable::make(const Path& path, const Zel::Name& type, Durability durability) {
   roomForUndo();
   Entry& entry = insert(path, type, durability);
   undo_.emplace_back(Undo::What::made, entry);
@@ -102,7 +102,7 @@ void EntryTable::storedIs(Entry& entry) {
   entry.durability = Durability::stored;
 }
 
-const Zel::Value* EntryTable::hidden(const Entry& entry, Zel::Name attribute) const {
+const Zel::Value* EntryTable::hidden(const Entry& entry, const Zel::Name& attribute) const {
   const auto found = hidden_.find(entry.path);
   if (found == hidden_.end()) return nullptr;
   const auto value = std::ranges::find(found->second, attribute, &Attribute::name);

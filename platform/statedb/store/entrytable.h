@@ -23,26 +23,26 @@ struct Entry : Record {
 using Attributes = std::vector<Attribute>;
 
 // Null if there is none.
-Attribute* findIn(Attributes& attributes, Zel::Name name);
+Attribute* findIn(Attributes& attributes, const Zel::Name& name);
 
 // Logs every change for undoTo() until settle().
 class EntryTable {
  public:
   // Null if there is none.
-  const Entry* find(Path path) const {
+  const Entry* find(const Path& path) const {
     return path.id() < entries_.size() && !entries_[path.id()].type.empty() ? &entries_[path.id()] : nullptr;
   }
-  Entry* find(Path path) { return const_cast<Entry*>(std::as_const(*this).find(path)); }
+  Entry* find(const Path& path) { return const_cast<Entry*>(std::as_const(*this).find(path)); }
   std::size_t count() const { return count_; }
   std::unordered_map<Zel::Name, std::size_t> countByType() const;
   // Everything under a path, each entity before those under itself.
-  Records under(Path path) const;
+  Records under(const Path& path) const;
   // Prefetches what applying some changes reads, so that their cache misses overlap.
   void prefetch(std::span<const Change> changes) const;
 
   // Add an entity; the second without logging. REQUIRES: find(path) is null.
-  Entry& make(Path path, Zel::Name type, Durability durability);
-  Entry& insert(Path path, Zel::Name type, Durability durability);
+  Entry& make(const Path& path, const Zel::Name& type, Durability durability);
+  Entry& insert(const Path& path, const Zel::Name& type, Durability durability);
   void remove(Entry& entry);
   void storedIs(Entry& entry);
 
@@ -52,7 +52,7 @@ class EntryTable {
   // Removes the attribute, and its hidden value.
   void remove(Entry& entry, Zel::Name attribute);
   // The stored value that a volatile one hides; null if there is none.
-  const Zel::Value* hidden(const Entry& entry, Zel::Name attribute) const;
+  const Zel::Value* hidden(const Entry& entry, const Zel::Name& attribute) const;
   // Sets the hidden value of a volatile attribute.
   void hide(Entry& entry, Zel::Name attribute, const Zel::Value& value);
   // Sets a volatile value, which hides the attribute's stored one.

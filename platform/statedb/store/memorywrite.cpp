@@ -106,7 +106,7 @@ class Writer {
   }
 
   // The origin assumes that its value is visible; it must be notified of the one that is.
-  void correct(Path path, Zel::Name attribute) {
+  void correct(const Path& path, const Zel::Name& attribute) {
     if (origin_) corrected.emplace_back(path, attribute);
   }
 
@@ -120,7 +120,7 @@ class Writer {
   // Removes the entity at a path and all under it.
   void del(Path path) {
     bool any = false, isKept = false;
-    path.forEachUnder([&](Path each) {
+    path.forEachUnder([&](const Path& each) {
       Entry* entry = entries_.find(each);
       if (!entry) return;
       any = true;
@@ -135,7 +135,7 @@ class Writer {
   // dropped those as well, so it gets them back.
   void withdraw(Path path) {
     std::optional<Path> gone;  // subscribers drop it with all under it
-    path.forEachUnder([&](Path each) {
+    path.forEachUnder([&](const Path& each) {
       Entry* entry = entries_.find(each);
       if (!entry) return;
       const bool isGone = gone && each.isUnder(*gone);
@@ -215,16 +215,17 @@ class Writer {
 
   // Whether a change concerns a subscription other than those of `origin`.
   bool isSubscribed(const Change& change) {
-    const Path path = change.row.path;
+    const Path& path = change.row.path;
     if (change.kind == Change::Kind::del || path.empty())
-      return state_.anySubscription(origin_, [&](Path subscribed) { return concerns(change, subscribed); });
+      return state_.anySubscription(origin_,
+                                    [&](const Path& subscribed) { return concerns(change, subscribed); });
     if (const Path above = path.parent(); above != lastAbove_ || above.empty()) {
       lastAbove_ = above;
       isAboveSubscribed_ =
-          state_.anySubscription(origin_, [&](Path subscribed) { return above.isUnder(subscribed); });
+          state_.anySubscription(origin_, [&](const Path& subscribed) { return above.isUnder(subscribed); });
     }
     return isAboveSubscribed_ ||
-           state_.anySubscription(origin_, [&](Path subscribed) { return path == subscribed; });
+           state_.anySubscription(origin_, [&](const Path& subscribed) { return path == subscribed; });
   }
 
   MemoryState& state_;

@@ -33,7 +33,7 @@ enum class Layer : std::uint8_t {
 };
 
 struct Attribute {
-  Attribute(Zel::Name theName, Zel::Value theValue, Durability theDurability = Durability::stored)
+  Attribute(const Zel::Name& theName, Zel::Value theValue, Durability theDurability = Durability::stored)
       : name(theName), durability(theDurability), value(std::move(theValue)) {}
 
   Zel::Name name;
@@ -49,7 +49,7 @@ struct Record {
   std::vector<Attribute> attributes;  // in the order in which they were first set
 
   // Null if the attribute is not set.
-  const Zel::Value* find(Zel::Name attribute) const {
+  const Zel::Value* find(const Zel::Name& attribute) const {
     for (const Attribute& each : attributes)
       if (each.name == attribute) return &each.value;
     return nullptr;
@@ -69,10 +69,12 @@ struct Change {
   bool operator==(const Change&) const = default;
 
   static Change put(Path path, Zel::Name type, Zel::Name attribute, Zel::Value value) {
-    return {Kind::put, {path, type, attribute, std::move(value)}};
+    return {Kind::put, {std::move(path), std::move(type), std::move(attribute), std::move(value)}};
   }
-  static Change del(Path path) { return {Kind::del, {path, {}, {}, {}}}; }
-  static Change unset(Path path, Zel::Name attribute) { return {Kind::unset, {path, {}, attribute, {}}}; }
+  static Change del(Path path) { return {Kind::del, {std::move(path), {}, {}, {}}}; }
+  static Change unset(Path path, Zel::Name attribute) {
+    return {Kind::unset, {std::move(path), {}, std::move(attribute), {}}};
+  }
 };
 using Changes = std::vector<Change>;
 
@@ -87,14 +89,14 @@ void clearKeeping(List& list) {
 }
 
 // Whether a change touches anything at or under `path`.
-inline bool concerns(const Change& change, Path path) {
+inline bool concerns(const Change& change, const Path& path) {
   return change.row.path.isUnder(path) || (change.kind == Change::Kind::del && path.isUnder(change.row.path));
 }
 
 // Calls `take` with the part of a batch that concerns `path`, if any. A del above the path becomes a del of
 // the path, so that the subscriber removes nothing outside it.
 template <class Take>
-void takePart(const Changes& changes, Path path, Take&& take) {
+void takePart(const Changes& changes, const Path& path, Take&& take) {
   const auto isWithin = [&](const Change& change) { return change.row.path.isUnder(path); };
   if (changes.empty()) return;
   if (std::all_of(changes.begin(), changes.end(), isWithin)) return take(changes);

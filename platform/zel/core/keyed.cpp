@@ -33,7 +33,7 @@ struct Block {
     delete[] entries;
   }
 
-  Entry* find(Name key) const {
+  Entry* find(const Name& key) const {
     if (!index) {
       for (Entry* entry = entries; entry != entries + used; ++entry)
         if (entry->key == key && entry->live) return entry;
@@ -46,7 +46,7 @@ struct Block {
     return nullptr;
   }
 
-  void append(Name key, std::uintptr_t word) {
+  void append(const Name& key, std::uintptr_t word) {
     if (used == capacity) makeRoom();
     entries[used++] = Entry{key, true, word};
     ++live;
@@ -61,7 +61,7 @@ struct Block {
 
  private:
   // Names that were made one after another, as those of one collection mostly are, lie in one cache line.
-  std::uint32_t home(Name key) const {
+  std::uint32_t home(const Name& key) const {
     return ((key.id() >> 4) * 0x9E3779B1U >> (indexShift + 4)) << 4 | (key.id() & 15U);
   }
   std::uint32_t next(std::uint32_t place) const { return (place + 1) & ((1U << (32 - indexShift)) - 1); }
@@ -79,7 +79,7 @@ struct Block {
     Entry* moved = new Entry[size];
     std::uint32_t count = 0;
     for (std::uint32_t i = 0; i < used; ++i)
-      if (entries[i].live || walks != 0) moved[count++] = entries[i];
+      if (entries[i].live || walks != 0) moved[count++] = std::move(entries[i]);
     delete[] entries;
     entries = moved;
     capacity = size;
@@ -111,15 +111,15 @@ void KeyTable::swap(KeyTable& other) noexcept {
     if (walk->table_ == this || walk->table_ == &other) walk->table_ = walk->table_ == this ? &other : this;
 }
 
-void failNullMember(Name key) {
+void failNullMember(const Name& key) {
   assertionFailed("member", __FILE__, __LINE__, __PRETTY_FUNCTION__, key.charPtr());
 }
 
 std::size_t KeyTable::sizeOfBlock() const { return block()->live; }
 
-const KeyTable::Entry* KeyTable::findInBlock(Name key) const { return block()->find(key); }
+const KeyTable::Entry* KeyTable::findInBlock(const Name& key) const { return block()->find(key); }
 
-void KeyTable::insert(Name key, std::uintptr_t word) {
+void KeyTable::insert(const Name& key, std::uintptr_t word) {
   ZEL_REQUIRE(!find(key), "key '" << key << "'");
   if (!only_.live && only_.word == 0) {
     only_ = {key, true, word};
@@ -129,18 +129,20 @@ void KeyTable::insert(Name key, std::uintptr_t word) {
     auto* several = new Block;
     several->append(only_.key, only_.word);
     only_ = {Name(), false, reinterpret_cast<std::uintptr_t>(several)};
+    forEachWalkOfOne([several](Cursor& walk) {  // goes on at the first of several
+      walk.leave();
+      walk.walkBlock(several);
+    });
   }
   block()->append(key, word);
 }
 
-bool KeyTable::remove(Name key, std::uintptr_t* word) {
+bool KeyTable::remove(const Name& key, std::uintptr_t* word) {
   auto* entry = const_cast<Entry*>(find(key));
   if (!entry) return false;
   if (word) *word = entry->word;
-  forEachWalkOfOne([key](Cursor& walk) {
-    if (walk.only_.key == key) walk.leave();
-  });
   if (only_.live) {
+    forEachWalkOfOne([](Cursor& walk) { walk.leave(); });
     only_ = {};
     return true;
   }
@@ -187,7 +189,7 @@ NameSet& NameSet::operator=(const NameSet& other) {
   return *this;
 }
 
-bool NameSet::insert(Name name, bool value) {
+bool NameSet::insert(const Name& name, bool value) {
   if (const auto* entry = table_.find(name)) {
     if ((entry->word != 0) == value) return false;
     table_.remove(name, nullptr);

@@ -29,7 +29,7 @@ namespace detail {
 
 struct Block;
 
-[[noreturn]] ZEL_API void failNullMember(Name key);
+[[noreturn]] ZEL_API void failNullMember(const Name& key);
 
 // The untyped collection: a word for each name. The typed collection knows what a word means and how to
 // release it.
@@ -51,7 +51,7 @@ class ZEL_API KeyTable {
   void swap(KeyTable& other) noexcept;
   std::size_t size() const { return only_.live ? 1 : only_.word == 0 ? 0 : sizeOfBlock(); }
 
-  const Entry* find(Name key) const {
+  const Entry* find(const Name& key) const {
     if (only_.live) return only_.key == key ? &only_ : nullptr;
     return only_.word == 0 ? nullptr : findInBlock(key);
   }
@@ -62,22 +62,22 @@ class ZEL_API KeyTable {
     for (Cursor cursor(*this); const Entry* entry = cursor.current(); cursor.advance()) function(entry->word);
   }
   // Adds a member. REQUIRES: the key is not there.
-  void insert(Name key, std::uintptr_t word);
+  void insert(const Name& key, std::uintptr_t word);
   // Takes a member out. Returns whether there was one, and its word in `word`.
-  bool remove(Name key, std::uintptr_t* word);
+  bool remove(const Name& key, std::uintptr_t* word);
   // Empties the table and ends every walk. The words are forgotten, not released.
   void clear() {
     if (only_.live || only_.word != 0) forgetAll();
   }
 
-  // A position in a walk. In a table of several it keeps the block alive. In a table of one it copies the
-  // member, and joins a list of such walks, where the table finds it when the member is removed.
+  // A position in a walk. In a table of several it keeps the block alive. In a table of one it joins a list
+  // of such walks, where the table finds it when the member is removed or gets company.
   class ZEL_API Cursor {
    public:
     Cursor() = default;
     explicit Cursor(const KeyTable& table) {
       if (table.only_.live)
-        walkOne(table, table.only_);
+        walkOne(table);
       else if (table.only_.word != 0)
         walkBlock(table.block());
     }
@@ -90,11 +90,11 @@ class ZEL_API KeyTable {
     }
     ~Cursor() { drop(); }
 
-    // Skips members that went stale; null at the end.
-    const Entry* current() { return block_ ? currentOfBlock() : only_.live ? &only_ : nullptr; }
+    // Skips members that went stale; null at the end. Valid until the table changes.
+    const Entry* current() { return block_ ? currentOfBlock() : table_ ? &table_->only_ : nullptr; }
     void advance() {
       ++at_;
-      if (only_.live) leave();
+      if (table_) leave();
     }
 
    private:
@@ -105,8 +105,7 @@ class ZEL_API KeyTable {
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic ignored "-Wdangling-pointer"
 #endif
-    void walkOne(const KeyTable& table, const Entry& member) {
-      only_ = member;
+    void walkOne(const KeyTable& table) {
       table_ = &table;
       next_ = walksOfOne_;
       link_ = &walksOfOne_;
@@ -115,7 +114,7 @@ class ZEL_API KeyTable {
     }
 #pragma GCC diagnostic pop
     void leave() {
-      only_.live = false;
+      table_ = nullptr;
       *link_ = next_;
       if (next_) next_->link_ = link_;
     }
@@ -124,11 +123,11 @@ class ZEL_API KeyTable {
     const Entry* currentOfBlock();
     void copy(const Cursor& other) {
       at_ = other.at_;
-      if (other.only_.live) walkOne(*other.table_, other.only_);
+      if (other.table_) walkOne(*other.table_);
       if (other.block_) walkBlock(other.block_);
     }
     void drop() {
-      if (only_.live) leave();
+      if (table_) leave();
       if (block_) dropBlock();
     }
 
@@ -136,8 +135,7 @@ class ZEL_API KeyTable {
 
     Block* block_ = nullptr;
     std::uint32_t at_ = 0;
-    Entry only_{};  // live while this is in the list
-    const KeyTable* table_ = nullptr;
+    const KeyTable* table_ = nullptr;  // while this is in the list
     Cursor* next_ = nullptr;
     Cursor** link_ = nullptr;
   };
@@ -145,9 +143,9 @@ class ZEL_API KeyTable {
  private:
   Block* block() const { return reinterpret_cast<Block*>(only_.word); }
   std::size_t sizeOfBlock() const;
-  const Entry* findInBlock(Name key) const;
+  const Entry* findInBlock(const Name& key) const;
   void forgetAll();
-  // Calls `function` with every walk that holds a copy of a member of this table.
+  // Calls `function`, which may let the walk leave, with every walk of the only member.
   template <class Function>
   void forEachWalkOfOne(Function&& function) const;
 
@@ -197,16 +195,16 @@ class ZEL_API NameSet {
 
   std::size_t size() const { return table_.size(); }
   bool empty() const { return size() == 0; }
-  bool contains(Name name) const { return table_.find(name) != nullptr; }
+  bool contains(const Name& name) const { return table_.find(name) != nullptr; }
   // The value beside `name`; false where the name is not in the set.
-  bool value(Name name) const {
+  bool value(const Name& name) const {
     const auto* entry = table_.find(name);
     return entry && entry->word != 0;
   }
   // Adds `name` with `value`, or sets the value of one that is there. Returns whether anything changed.
-  bool insert(Name name, bool value = true);
+  bool insert(const Name& name, bool value = true);
   // Returns whether the name was there.
-  bool remove(Name name) { return table_.remove(name, nullptr); }
+  bool remove(const Name& name) { return table_.remove(name, nullptr); }
 
   struct Get {
     static Name value(const detail::KeyTable::Entry& entry) { return entry.key; }
@@ -234,9 +232,9 @@ class PtrMap {
   std::size_t size() const { return table_.size(); }
   bool empty() const { return size() == 0; }
   // Null where the key is unknown.
-  Ptr<T> find(Name key) const { return Ptr<T>(get(key)); }
+  Ptr<T> find(const Name& key) const { return Ptr<T>(get(key)); }
   // The same without counting a reference.
-  T* get(Name key) const {
+  T* get(const Name& key) const {
     const auto* entry = table_.find(key);
     return entry ? object(entry->word) : nullptr;
   }
@@ -247,13 +245,13 @@ class PtrMap {
     table_.forEach([&](std::uintptr_t word) { function(*object(word)); });
   }
   // REQUIRES: the key is not there and the member is not null.
-  void insert(Name key, Ptr<T> member) {
+  void insert(const Name& key, Ptr<T> member) {
     if (!member) [[unlikely]]
       detail::failNullMember(key);
     table_.insert(key, reinterpret_cast<std::uintptr_t>(member.release()));
   }
   // Returns the member that was there; null where the key is unknown.
-  Ptr<T> remove(Name key) {
+  Ptr<T> remove(const Name& key) {
     std::uintptr_t word = 0;
     return table_.remove(key, &word) ? Ptr<T>::adopt(object(word)) : nullptr;
   }

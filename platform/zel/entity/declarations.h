@@ -82,7 +82,7 @@ struct CollectionAttribute : DeclaredAttribute {
     if constexpr (On != nullptr) (notifiee.*On)();
   }
   template <class N>
-  static void key(N& notifiee, Name name) {
+  static void key(N& notifiee, const Name& name) {
     if constexpr (OnKey != nullptr) (notifiee.*OnKey)(name);
   }
   template <class N>

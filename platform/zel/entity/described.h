@@ -94,7 +94,7 @@ class Described : public SlotOwner<T, Typed<T, Base>> {
     withAttribute(index, [&]<class A>(const A&) { A::whole(notifiee); });
   }
   template <class N>
-  static void handleKey(N& notifiee, AttributeIndex index, Name key) {
+  static void handleKey(N& notifiee, AttributeIndex index, const Name& key) {
     withAttribute(index, [&]<class A>(const A&) { A::key(notifiee, key); });
   }
   template <class N>
@@ -119,17 +119,17 @@ class Described : public SlotOwner<T, Typed<T, Base>> {
     this->attributeChanged(indexOf<What>());
   }
   template <auto What>
-  void announceKey(Name key) {
+  void announceKey(const Name& key) {
     this->keyChanged(indexOf<What>(), key);
   }
 
   // A set of names: one name, or the whole set.
   template <auto Member>
-  void nameIs(Name name, bool value) {
+  void nameIs(const Name& name, bool value) {
     if ((static_cast<T&>(*this).*Member).insert(name, value)) announceKey<Member>(name);
   }
   template <auto Member>
-  bool nameDel(Name name) {
+  bool nameDel(const Name& name) {
     if (!(static_cast<T&>(*this).*Member).remove(name)) return false;
     announceKey<Member>(name);
     return true;
@@ -144,7 +144,7 @@ class Described : public SlotOwner<T, Typed<T, Base>> {
 
   // Owned objects. Create-or-get by name:
   template <auto Member>
-  auto childIs(Name name) {
+  auto childIs(const Name& name) {
     auto& members = static_cast<T&>(*this).*Member;
     using Child = Plain<decltype(*members.get(name))>;
     if (auto found = members.find(name)) return found;
@@ -165,7 +165,7 @@ class Described : public SlotOwner<T, Typed<T, Base>> {
   }
   // Returns the removed object; null if there was none.
   template <auto Member>
-  auto childDel(Name name) {
+  auto childDel(const Name& name) {
     auto child = (static_cast<T&>(*this).*Member).remove(name);
     if (child) {
       disown(*child);
@@ -200,7 +200,7 @@ class Described : public SlotOwner<T, Typed<T, Base>> {
     announceKey<Member>(member->name());
   }
   template <auto Member>
-  auto referenceDel(Name name) {
+  auto referenceDel(const Name& name) {
     auto member = (static_cast<T&>(*this).*Member).remove(name);
     if (member) announceKey<Member>(name);
     return member;
@@ -250,7 +250,7 @@ class NotifieeOf : public NotifieeBase {
     return dynamic_cast<const X*>(&notifier) != nullptr;
   }
   void handleMark(AttributeIndex index) override { X::handleMark(typed(), index); }
-  void handleKey(AttributeIndex index, Name key) override { X::handleKey(typed(), index, key); }
+  void handleKey(AttributeIndex index, const Name& key) override { X::handleKey(typed(), index, key); }
   void immediate(AttributeIndex index) override { X::handleImmediate(typed(), index); }
 
  private:

@@ -21,7 +21,7 @@ void suspectType(const Entity& entity, const String& wanted) {
 
 }  // namespace
 
-Ptr<Entity> Dir::entryIs(Name name, String typeName) {
+Ptr<Entity> Dir::entryIs(const Name& name, String typeName) {
   if (auto found = entityRef(name)) {
     if (found->fwkType().name().view() != typeName.view()) suspectType(*found, typeName);
     return found;

@@ -22,20 +22,20 @@ class ZEL_API Dir : public Described<Dir, Entity> {
   }
   static const TypeNode& typeNode();
 
-  explicit Dir(Name name) : Described(name) {}
+  explicit Dir(const Name& name) : Described(name) {}
 
   // Entries may be removed during a walk.
   const PtrMap<Entity>& entries() const { return entries_; }
   // Null if there is none.
-  Ptr<Entity> entityRef(Name name) const { return entries_.find(name); }
+  Ptr<Entity> entityRef(const Name& name) const { return entries_.find(name); }
   // Creates an entry of a registered type and returns it. Returns an existing entry of that name, whatever
   // its type; a type mismatch is noted for the message of a fault that follows. Throws RangeException if the
   // type is unknown or directories can't hold it.
-  Ptr<Entity> entryIs(Name name, String typeName);
+  Ptr<Entity> entryIs(const Name& name, String typeName);
   // Adds an existing entity under its own name, replacing another of that name.
   void entryIs(const Ptr<Entity>& entity) { childIs<&Dir::entries_>(entity); }
   // Returns the removed entry; null if there was none.
-  Ptr<Entity> entryDel(Name name) { return childDel<&Dir::entries_>(name); }
+  Ptr<Entity> entryDel(const Name& name) { return childDel<&Dir::entries_>(name); }
 
  protected:
   ~Dir() override;

@@ -30,11 +30,11 @@ struct MutatorAccess {
     object.template namesAre<Member>(names);
   }
   template <auto Member, class T>
-  static Value childIs(T& object, Name name) {
+  static Value childIs(T& object, const Name& name) {
     return wrap(object.template childIs<Member>(name));
   }
   template <auto Member, class T>
-  static Value childDel(T& object, Name name) {
+  static Value childDel(T& object, const Name& name) {
     return wrap(object.template childDel<Member>(name));
   }
   template <auto Member, class T, class M>
@@ -42,7 +42,7 @@ struct MutatorAccess {
     object.template referenceIs<Member>(member);
   }
   template <auto Member, class T>
-  static Value referenceDel(T& object, Name name) {
+  static Value referenceDel(T& object, const Name& name) {
     return wrap(object.template referenceDel<Member>(name));
   }
 };

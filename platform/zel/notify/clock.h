@@ -111,7 +111,7 @@ class ZEL_API Clock::NotifieeConst : public NotifieeBase {
     return dynamic_cast<const Clock*>(&notifier) != nullptr;
   }
   void handleMark(AttributeIndex) override {}
-  void handleKey(AttributeIndex, Name) override {}
+  void handleKey(AttributeIndex, const Name&) override {}
   void immediate(AttributeIndex) override { declineImmediate(); }
   void join() override;
   void part() override;

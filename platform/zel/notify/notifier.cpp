@@ -149,7 +149,7 @@ void NotifieeBase::mark(std::uint32_t attribute, ActivityManager& manager) {
   if (!PendingHook::linked()) manager.enqueue(*this);
 }
 
-void NotifieeBase::markKey(AttributeIndex index, Name key) {
+void NotifieeBase::markKey(AttributeIndex index, const Name& key) {
   if (!isAwake() || (flag(kInTurn) && Turn::of(*this).keys.contains({index, key}))) return;
   AllKeyMarks::get()[this].add({index, key});
   flagIs(kKeysMarked, true);
@@ -234,7 +234,7 @@ void Notifier::runImmediate(AttributeIndex index) {
   }
 }
 
-void Notifier::announceKey(AttributeIndex index, Name key) {
+void Notifier::announceKey(AttributeIndex index, const Name& key) {
   for (ListHook* hook = notifiees_.next(); hook != &notifiees_; hook = hook->next())
     NotifieeBase::ofRegistration(*hook).markKey(index, key);
 }

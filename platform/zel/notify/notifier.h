@@ -130,7 +130,7 @@ class ZEL_API NotifieeBase : public PtrInterface,
   virtual bool accepts(const PtrInterface& notifier) const = 0;
   // Runs the handler of a plain attribute or of a collection as a whole, of one key, or the immediate hook.
   virtual void handleMark(AttributeIndex index) = 0;
-  virtual void handleKey(AttributeIndex index, Name key) = 0;
+  virtual void handleKey(AttributeIndex index, const Name& key) = 0;
   virtual void immediate(AttributeIndex index) = 0;
   // Prefetches what the handlers read, one pointer deeper each step from 1 on. Returns whether there is a
   // next step. Called before some deliveries (lookahead.h), never for correctness.
@@ -165,7 +165,7 @@ class ZEL_API NotifieeBase : public PtrInterface,
 
   bool isAwake() const { return flags(kNotificationActive | kZombie) == kNotificationActive; }
   inline void mark(std::uint32_t attribute, ActivityManager& manager);
-  void markKey(AttributeIndex index, Name key);
+  void markKey(AttributeIndex index, const Name& key);
   void dropMarks();
 
   // The reactor's turn: runs the handlers of everything that is marked. Where one throws, the rest goes to
@@ -209,7 +209,7 @@ class ZEL_API Notifier : public PtrInterface {
   void attributeChanged(AttributeIndex index) {
     if (notifiees_.linked()) announce(index);
   }
-  void keyChanged(AttributeIndex index, Name key) {
+  void keyChanged(AttributeIndex index, const Name& key) {
     if (notifiees_.linked()) announceKey(index, key);
   }
 
@@ -218,7 +218,7 @@ class ZEL_API Notifier : public PtrInterface {
   friend class NotifieeBase;
 
   void announce(AttributeIndex index);
-  void announceKey(AttributeIndex index, Name key);
+  void announceKey(AttributeIndex index, const Name& key);
 
   void runImmediate(AttributeIndex index);
 
@@ -240,7 +240,7 @@ class ZEL_API RawNotifiee : public NotifieeBase {
  protected:
   bool accepts(const PtrInterface& notifier) const override;
   void handleMark(AttributeIndex index) override { onRawAttribute(index, Name()); }
-  void handleKey(AttributeIndex index, Name key) override { onRawAttribute(index, key); }
+  void handleKey(AttributeIndex index, const Name& key) override { onRawAttribute(index, key); }
   void immediate(AttributeIndex) override { declineImmediate(); }
 };
 

@@ -201,8 +201,8 @@ class SlotMap {
   std::size_t size() const { return reactors_.size(); }
   bool empty() const { return reactors_.empty(); }
   // Null where the key is unknown. `get` counts no reference.
-  Ptr<R> find(Name key) const { return reactors_.find(key); }
-  R* get(Name key) const { return reactors_.get(key); }
+  Ptr<R> find(const Name& key) const { return reactors_.find(key); }
+  R* get(const Name& key) const { return reactors_.get(key); }
   auto begin() const { return reactors_.begin(); }
   auto end() const { return reactors_.end(); }
 
@@ -211,7 +211,7 @@ class SlotMap {
   // instead of the one that was being made. Where the constructor throws, the map is as it was. REQUIRES: the
   // owner names the map.
   template <class Owner, class N>
-  Ptr<R> watch(Name key, Owner& owner, const Ptr<N>& notifier) {
+  Ptr<R> watch(const Name& key, Owner& owner, const Ptr<N>& notifier) {
     detail::requireNamed(owner, this, R::kTypeName);
     const Ptr<Owner> kept(&owner);
     if (!notifier) {
@@ -225,7 +225,7 @@ class SlotMap {
   }
   // Takes the reactor out, then ends it. Returns it, with the notifier that it had; null where the key is
   // unknown.
-  Ptr<R> remove(Name key) {
+  Ptr<R> remove(const Name& key) {
     Ptr<R> reactor = reactors_.remove(key);
     detail::endNested(reactor);
     return reactor;
@@ -239,7 +239,7 @@ class SlotMap {
 
  private:
   template <class Owner, class N>
-  Ptr<R> make(Name key, Owner& owner, const Ptr<N>& notifier) {
+  Ptr<R> make(const Name& key, Owner& owner, const Ptr<N>& notifier) {
     auto made = allocate<R>(notifier, owner);
     if (auto other = find(key)) {
       detail::abandonNested(made);

@@ -93,7 +93,7 @@ const AttributeInfo* TypeNode::find(std::string_view name) const {
   return index == endIndex() ? nullptr : &attribute(index);
 }
 
-const AttributeInfo* TypeNode::find(Name name) const {
+const AttributeInfo* TypeNode::find(const Name& name) const {
   if (name.empty()) return nullptr;
   const auto found = std::ranges::find(attributes_, name, &AttributeInfo::label);
   if (found != attributes_.end()) return &*found;
@@ -120,7 +120,7 @@ void typeNodeDel(const TypeNode& type) {
   if (found != registry().end() && found->second == &type) registry().erase(found);
 }
 
-const TypeNode* typeNode(Name name) {
+const TypeNode* typeNode(const Name& name) {
   const auto found = registry().find(name);
   return found == registry().end() ? nullptr : found->second;
 }

@@ -71,7 +71,7 @@ class ZEL_API TypeNode {
   AttributeIndex indexOf(std::string_view name) const;
   // The attribute of that name; null if there is none. The second compares numbers, not strings.
   const AttributeInfo* find(std::string_view name) const;
-  const AttributeInfo* find(Name name) const;
+  const AttributeInfo* find(const Name& name) const;
 
   const AllocTrackTypeInfo& allocations() const { return allocations_; }
 
@@ -93,7 +93,7 @@ ZEL_API void typeNodeIs(const TypeNode& type);
 // Unregisters it; ignores an unknown descriptor.
 ZEL_API void typeNodeDel(const TypeNode& type);
 // Null if no type of that name is registered.
-ZEL_API const TypeNode* typeNode(Name name);
+ZEL_API const TypeNode* typeNode(const Name& name);
 // Every registered type, by name.
 ZEL_API std::vector<const TypeNode*> typeNodes();
 

@@ -3,6 +3,7 @@
 
 #include <iosfwd>
 #include <string>
+#include <utility>
 
 #include "platform/zel/core/export.h"
 #include "platform/zel/entity/described.h"
@@ -32,7 +33,7 @@ class ZEL_API Entity : public Described<Entity, Notifier> {
   std::string path() const override;
 
  protected:
-  explicit Entity(const Name& name) : name_(name) {}
+  explicit Entity(Name name) : name_(std::move(name)) {}
   ~Entity() override;
 
  private:

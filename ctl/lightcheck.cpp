@@ -13,7 +13,6 @@ namespace Ctl {
 
 namespace {
 
-constexpr char kRequestType[] = "Hardware::Led::LightRequest";
 constexpr char kRuleType[] = "Hardware::Led::LightRule";
 constexpr double kFlashesSlower = 2 * kIdentifyFlash;  // than an LED that is to be found
 

@@ -19,7 +19,6 @@ namespace Ctl {
 
 namespace {
 
-constexpr char kRequestType[] = "Hardware::Led::LightRequest";
 constexpr double kLongestReport = 5;  // seconds that the policy agent may take
 
 std::string statusPath(const std::string& name) {

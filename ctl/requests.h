@@ -13,6 +13,8 @@
 
 namespace Ctl {
 
+inline constexpr char kRequestType[] = "Hardware::Led::LightRequest";
+
 // Seconds between two toggles of an LED that is to be found. Nothing else should flash as fast.
 inline constexpr double kIdentifyFlash = 0.1;
 

@@ -17,7 +17,7 @@ namespace {
 constexpr char kIdentify[] = "identify-", kLampTest[] = "lamp-test-", kDarken[] = "darken";
 constexpr double kDay = 86'400;  // seconds
 
-struct Given {
+struct LightOptions {
   std::vector<std::string> leds;  // of `identify`; else those to leave alone
   double seconds = 0;
   bool stops = false;
@@ -34,7 +34,7 @@ std::vector<std::string> coloursOf(const std::vector<Lamp>& lamps) {
 }
 
 // Whether the request is one of those that `identify` makes for LEDs that fit, or one of another command.
-bool isFor(const Given& given, const std::string& prefix, const std::string& request) {
+bool isFor(const LightOptions& given, const std::string& prefix, const std::string& request) {
   if (prefix == kDarken) return request == prefix;
   if (!request.starts_with(prefix) || prefix != kIdentify || given.leds.empty())
     return request.starts_with(prefix);
@@ -42,7 +42,7 @@ bool isFor(const Given& given, const std::string& prefix, const std::string& req
   return std::ranges::any_of(given.leds, [&](const std::string& each) { return matches(each, led); });
 }
 
-void stop(Context& context, const Given& given, const std::string& prefix) {
+void stop(Context& context, const LightOptions& given, const std::string& prefix) {
   auto requests = requestsIn(context.client());
   std::erase_if(requests, [&](const Request& each) { return !isFor(given, prefix, each.name); });
   withdraw(context.client(), requests);
@@ -50,7 +50,7 @@ void stop(Context& context, const Given& given, const std::string& prefix) {
   if (requests.empty()) note(context, "there was none to stop");
 }
 
-void ask(Context& context, const Given& given, std::vector<Request> requests) {
+void ask(Context& context, const LightOptions& given, std::vector<Request> requests) {
   for (Request& each : requests) each.owner = userName();
   printRequests(context, make(context.client(), std::move(requests)), given.json);
 }
@@ -81,7 +81,7 @@ Request flashing(const Lamp& lamp, double seconds) {
           .lasts = seconds};
 }
 
-void identify(Context& context, const Given& given) {
+void identify(Context& context, const LightOptions& given) {
   if (given.leds.empty()) throw UsageError("identify: no LED is given; or add --stop, to stop all");
   expectPolicyAgent(context.client(), "identify");
   std::vector<Lamp> lamps = lampsOf(readAppliance(context.client()));
@@ -103,7 +103,7 @@ std::vector<std::string> neverTested(Client& client) {
 }
 
 // Refuses to act on an LED that was to be left alone and is misspelt.
-void expectThere(const std::vector<Lamp>& lamps, const Given& given) {
+void expectThere(const std::vector<Lamp>& lamps, const LightOptions& given) {
   expandNames(given.leds, namesOf(lamps));
 }
 
@@ -132,7 +132,7 @@ std::vector<Request> testRequests(const std::vector<Json>& settings, const std::
   return requests;
 }
 
-void testLamps(Context& context, const Given& given) {
+void testLamps(Context& context, const LightOptions& given) {
   expectPolicyAgent(context.client(), "lamp-test");
   const std::vector<Lamp> lamps = lampsOf(readAppliance(context.client()));
   expectThere(lamps, given);
@@ -143,7 +143,7 @@ void testLamps(Context& context, const Given& given) {
   noteWithoutAgent(context);
 }
 
-void darken(Context& context, const Given& given) {
+void darken(Context& context, const LightOptions& given) {
   expectPolicyAgent(context.client(), "darken");
   expectThere(lampsOf(readAppliance(context.client())), given);
   ask(context, given,
@@ -155,10 +155,10 @@ void darken(Context& context, const Given& given) {
   noteWithoutAgent(context);
 }
 
-using Action = void (*)(Context&, const Given&);
+using Action = void (*)(Context&, const LightOptions&);
 
 // Adds what the three have in common.
-void complete(Command& command, Context& context, const std::shared_ptr<Given>& given, double longest,
+void complete(Command& command, Context& context, const std::shared_ptr<LightOptions>& given, double longest,
               const std::string& prefix, Action action) {
   command.argument("--for", given->seconds, "How long, such as 60, 500ms, 5min or 8h")
       .duration()
@@ -172,13 +172,14 @@ void complete(Command& command, Context& context, const std::shared_ptr<Given>& 
   });
 }
 
-std::shared_ptr<Given> lasting(double seconds) {
-  const auto given = std::make_shared<Given>();
+std::shared_ptr<LightOptions> lasting(double seconds) {
+  const auto given = std::make_shared<LightOptions>();
   given->seconds = seconds;
   return given;
 }
 
-void addExcept(Command& command, const char* option, const std::shared_ptr<Given>& given, const char* help) {
+void addExcept(Command& command, const char* option, const std::shared_ptr<LightOptions>& given,
+               const char* help) {
   command.argument(option, given->leds, help).completes(Completes::led).valueName("PATTERN").oneEach();
 }
 

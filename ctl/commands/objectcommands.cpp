@@ -130,7 +130,7 @@ Json argumentsOf(const std::vector<std::string>& texts) {
   return arguments;
 }
 
-struct Given {
+struct ObjectOptions {
   std::string path;
   std::string procedure;
   std::vector<std::string> values;
@@ -138,7 +138,7 @@ struct Given {
 };
 
 // PATH is required unless `given->path` has a default.
-Command addObjectCommand(Command& object, const std::shared_ptr<Given>& given, const char* name,
+Command addObjectCommand(Command& object, const std::shared_ptr<ObjectOptions>& given, const char* name,
                          const char* description, const char* example) {
   Command command = object.add(name, description, example);
   command.argument("PATH", given->path, "The object or attribute")
@@ -149,7 +149,7 @@ Command addObjectCommand(Command& object, const std::shared_ptr<Given>& given, c
 }
 
 void addObjectTree(Command& object, Context& context) {
-  const auto given = std::make_shared<Given>();
+  const auto given = std::make_shared<ObjectOptions>();
   given->path = "agent";
   addObjectCommand(object, given, "tree", "Lists the objects under an object, with their types",
                    "pinlampctl object tree agent/configReactor")
@@ -157,7 +157,7 @@ void addObjectTree(Command& object, Context& context) {
 }
 
 void addObjectGet(Command& object, Context& context) {
-  const auto given = std::make_shared<Given>();
+  const auto given = std::make_shared<ObjectOptions>();
   Command command =
       addObjectCommand(object, given, "get", "Prints an attribute, or all attributes of an object",
                        "pinlampctl object get agent/configReactor/gpioLedStateMachine/Status/flashingState");
@@ -165,7 +165,7 @@ void addObjectGet(Command& object, Context& context) {
 }
 
 void addObjectSet(Command& object, Context& context) {
-  const auto given = std::make_shared<Given>();
+  const auto given = std::make_shared<ObjectOptions>();
   Command command = addObjectCommand(
       object, given, "set", "Sets an attribute, or creates a member of a collection, if the host allows it",
       "pinlampctl object set agent/configReactor/gpioLedStateMachine/Status/flashingState true");
@@ -177,7 +177,7 @@ void addObjectSet(Command& object, Context& context) {
 }
 
 void addObjectDel(Command& object, Context& context) {
-  const auto given = std::make_shared<Given>();
+  const auto given = std::make_shared<ObjectOptions>();
   Command command =
       addObjectCommand(object, given, "del", "Deletes an attribute or a member, if the host allows it",
                        "pinlampctl object del agent/configReactor/gpioLedStateMachine/Status");
@@ -187,7 +187,7 @@ void addObjectDel(Command& object, Context& context) {
 }
 
 void addObjectCall(Command& object, Context& context) {
-  const auto given = std::make_shared<Given>();
+  const auto given = std::make_shared<ObjectOptions>();
   Command command = addObjectCommand(
       object, given, "call", "Invokes a procedure of an object, if the host allows it",
       "pinlampctl object call agent/configReactor/gpioLedStateMachine/Status handleCorvelGpioGreen Status 1");

@@ -7,9 +7,11 @@ target_compile_options(pinlamp_options INTERFACE $<$<CXX_COMPILER_ID:GNU>:-fno-g
 # GCC 12 warns wrongly of overlapping copies in optimised concatenations of short strings.
 target_compile_options(pinlamp_options INTERFACE
   $<$<AND:$<CXX_COMPILER_ID:GNU>,$<VERSION_LESS:$<CXX_COMPILER_VERSION>,13>,$<CONFIG:Release>>:-Wno-restrict>)
-# GCC 13 and 14 warn wrongly of writes to address zero where a destructor's null check was inlined.
-target_compile_options(pinlamp_options INTERFACE
-  $<$<AND:$<CXX_COMPILER_ID:GNU>,$<VERSION_GREATER_EQUAL:$<CXX_COMPILER_VERSION>,13>>:-Wno-stringop-overflow>)
+# GCC 13 and 14, and GCC 12 in a batch, warn wrongly of writes to address zero where a destructor's null check was inlined.
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND
+   (CMAKE_CXX_COMPILER_VERSION VERSION_GREATER_EQUAL 13 OR (PINLAMP_UNITY AND NOT PINLAMP_SANITIZE)))
+  target_compile_options(pinlamp_options INTERFACE -Wno-stringop-overflow)
+endif()
 # In a batch GCC takes the sources for headers, and warns of their classes with members of unnamed namespaces.
 target_compile_options(pinlamp_options INTERFACE
   $<$<AND:$<CXX_COMPILER_ID:GNU>,$<BOOL:${PINLAMP_UNITY}>>:-Wno-subobject-linkage>)

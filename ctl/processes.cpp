@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "ctl/appliance.h"
-#include "platform/statedb/mount/mount.h"
 
 namespace Ctl {
 
@@ -46,7 +45,7 @@ namespace {
 std::vector<std::string> filledHere(const Json& status) {
   std::vector<std::string> paths;
   for (const Json& mount : status.at("mounts"))
-    if (Statedb::Mount::publishes(mount.at("mode").get<std::string>())) paths.push_back(mount.at("path"));
+    if (const Json& mode = mount.at("mode"); mode == "wi" || mode == "we") paths.push_back(mount.at("path"));
   for (const Process& process : processesOf(status))
     paths.insert(paths.end(), process.fills.begin(), process.fills.end());
   return paths;

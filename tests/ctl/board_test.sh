@@ -54,14 +54,14 @@ halt
 
 rm "$run/state.db"
 pinlampctl --store "sqlite:$run/state.db" load "$root/examples/switch-1u.json" >"$run/out"
-is "load makes a state file" "118 entities loaded" "$(sed 's/.*: //' "$run/out")"
+is "load makes a state file" "147 entities loaded" "$(sed 's/.*: //' "$run/out")"
 pinlampd --store "sqlite:$run/state.db" --agent libpinlamp.so & host=$!
 pids+=("$host")
 pinlampctl --wait 10 status >/dev/null
 is "which the first start shows" "Fan1 green" "$(shows Fan1)"
 halt
 rm "$run/state.db"
-is "and board apply as well" "10-switch.json: new; 117 added" \
+is "and board apply as well" "10-switch.json: new; 146 added" \
   "$(pinlampctl --store "sqlite:$run/state.db" board apply --folder "$run/board.d")"
 
 # A shared database.

@@ -36,6 +36,13 @@ start() { # NAME SOCKET ARGUMENTS…: sets NAME to the process
 }
 killed() { kill -KILL "$1"; wait "$1" 2>/dev/null; }
 names() { jq -r 'map(.name) | join(" ")'; }
+ends() { # REQUEST: while it flashes, its LED may look as before
+  for _ in $(seq 400); do
+    pinlampctl request list "$1" --json | grep -q '"ended"' && return
+    sleep 0.05
+  done
+  is "$1 ends" ended "$(pinlampctl request list "$1")"
+}
 wait_for_policy() { # Until the agent's process covers LEDs.
   for _ in $(seq 400); do
     pinlampctl status --json | grep -q '"hardware/led/requestStatus"' && return
@@ -78,6 +85,7 @@ is "identify --stop takes some" identify-A "$(pinlampctl identify A --stop --jso
 is "or all" identify-B "$(pinlampctl identify --stop --json | names)"
 shows "and shows what was before" "A B" "green red"
 pinlampctl identify A --for 0.1
+ends identify-A
 becomes "identify ends by itself" A green
 pinlampctl identify B --for 60
 is "and its row is gone with the next" identify-B "$(pinlampctl request list --json | names)"

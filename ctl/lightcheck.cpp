@@ -16,7 +16,7 @@ namespace {
 constexpr char kRuleType[] = "Hardware::Led::LightRule";
 constexpr double kFlashesSlower = 2 * kIdentifyFlash;  // than an LED that is to be found
 
-// What the facts agent publishes, by the directory.
+// The types of the facts that the facts agent publishes, by directory.
 const std::map<std::string, const char*> kFactTypes{
     {"link", "Facts::Link"},      {"fan", "Facts::Sensor"},         {"temperature", "Facts::Sensor"},
     {"voltage", "Facts::Sensor"}, {"current", "Facts::Sensor"},     {"power", "Facts::Sensor"},

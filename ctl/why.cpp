@@ -107,7 +107,7 @@ bool hasSetting(const Json& entities) {
   return !entities.empty() && entities[0].at("attributes").contains("lightSetting");
 }
 
-// What the LED shows without requests and rules: its own setting, or else its initial one.
+// Adds the setting that shows without requests and rules: the LED's own, or else its initial one.
 void addBase(Client& client, const Json& status, Reasons& reasons) {
   const std::string path = ledPath(reasons.lamp.name), initialPath = initialLedPath(reasons.lamp.name);
   if (!reasons.lamp.configured || !hasSetting(client.readCovers(path))) return;

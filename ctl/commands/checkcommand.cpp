@@ -59,8 +59,8 @@ std::vector<std::string> filesIn(const Checking& given, bool& areBoardFiles) {
   return files;
 }
 
-// What a host would refuse, found by one of this command's own with an empty state database in memory, or
-// else what a host would take and leave without effect.
+// Returns what a host would refuse, found by one of this command's own with an empty state database in
+// memory; where it would refuse nothing, what it would take and leave without effect.
 std::vector<Finding> allFindings(const Context& context, const Configuration& configuration,
                                  bool areBoardFiles) {
   const Json puts = configuration.puts();

@@ -234,8 +234,8 @@ TEST_F(PolicyAgentTest, TakesInLedsThatComeAndForgetsThoseThatGo) {
   EXPECT_EQ(shown("Fan2"), "{green, priority 100}");
 }
 
-// What an LED is to show, by looking at everything: the request of the highest priority, among equals the
-// latest, or else its setting, or else its initial one.
+// Returns the setting that an LED must show, by looking at everything: that of the request of the highest
+// priority, among equals the latest; or else its own, or else its initial one.
 struct Model {
   struct Request {
     std::string led;  // "*": all

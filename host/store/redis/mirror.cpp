@@ -319,8 +319,8 @@ void Mirror::appendShown(Path path, Name attribute, Changes& changes) const {
     changes.push_back(Change::put(path, record->type, attribute, *value));
 }
 
-// What a step wrote counts if no later step of the batch is at its place: so each step looks for what is
-// visible in itself and in those behind it.
+// A written value counts if no later step of the batch is at its place, so each step looks for what is
+// visible in itself and in the steps after it.
 Changes Mirror::revealedBy(const Changes& changes) const {
   Changes revealed;
   for (auto change = changes.begin(); change != changes.end(); ++change) {

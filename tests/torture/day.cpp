@@ -17,7 +17,7 @@ namespace {
 using Statedb::Change;
 using Zel::Value;
 
-constexpr unsigned kLeds = 1000;
+constexpr unsigned kDayLeds = 1000;
 constexpr double kDay = 24 * 3600, kNever = Zel::Clock::kNever;
 
 // The value of a pin, and how often it changed.
@@ -43,7 +43,7 @@ struct Published : Statedb::Subscriber {
 
 // The rule: a flashing setting arms a timer that is not armed, a steady one is shown at once; a tick changes
 // the phase, shows it, and comes again an interval from then; a tick of a steady setting is the last.
-struct Led {
+struct DayLed {
   double interval = 0, next = kNever;
   bool isGreen = false, isLit = false, isChanged = false;
   Pin pin{};
@@ -68,11 +68,11 @@ struct Led {
 
 class DayRun {
  public:
-  explicit DayRun(Round& round) : round_(round), leds_(kLeds) {
+  explicit DayRun(Round& round) : round_(round), leds_(kDayLeds) {
     Statedb::Changes changes{
         Change::put("hardware/gpio/config/led", "Hardware::Gpio::GpioLedSystemConfigDir", "", {}),
         Change::put("hardware/led/config", "Hardware::Led::LedSystemConfigDir", "", {})};
-    for (unsigned led = 0; led < kLeds; ++led) {
+    for (unsigned led = 0; led < kDayLeds; ++led) {
       const std::string mapping = "hardware/gpio/config/led/gpioLeds/" + std::to_string(led);
       changes.push_back(Change::put(mapping, "Hardware::Gpio::GpioLedConfig", "gpioGreenName",
                                     Value::List{std::to_string(led)}));
@@ -81,12 +81,12 @@ class DayRun {
     store_.write(changes, Statedb::Durability::stored);
     agent_->entityManagerIs(database_);
     agent_->doInit();
-    for (unsigned led = 0; led < kLeds; ++led) set(led);
+    for (unsigned led = 0; led < kDayLeds; ++led) set(led);
     for (int i = 0; i < 5; ++i) activity_.step(), store_.flush();
     store_.subscribe(Statedb::Path("hardware/corvel/gpio/config"), published_);
-    for (unsigned led = 0; led < kLeds; ++led)
+    for (unsigned led = 0; led < kDayLeds; ++led)
       if (leds_[led].apply(begin_)) arm(led);
-    for (Led& led : leds_) led.pin.changes = 0;
+    for (DayLed& led : leds_) led.pin.changes = 0;
     compareValues();
   }
   ~DayRun() {
@@ -104,7 +104,7 @@ class DayRun {
       time_.nowIs(std::max(time_.now(), std::min(expected, nextSetting) + lateness()));
       if (time_.now() >= nextSetting) {
         nextSetting = time_.now() + round_.random.within(0, 30);
-        set(static_cast<unsigned>(round_.random.below(kLeds)));
+        set(static_cast<unsigned>(round_.random.below(kDayLeds)));
       }
       pass();
       if (time_.now() < nextHour) continue;
@@ -120,7 +120,7 @@ class DayRun {
   }
 
   void set(unsigned led) {
-    Led& model = leds_[led];
+    DayLed& model = leds_[led];
     model.isGreen = round_.random.chance(90), model.isChanged = true;
     model.interval = round_.random.chance(5)   ? 0
                      : round_.random.chance(1) ? round_.random.within(0.05, 1)
@@ -162,7 +162,7 @@ class DayRun {
     return pin == published_.pins.end() ? Pin() : pin->second;
   }
   void compare() {
-    for (unsigned led = 0; led < kLeds; ++led)
+    for (unsigned led = 0; led < kDayLeds; ++led)
       if (const Pin pin = found(led); !(pin == leds_[led].pin))
         throw Failure("after " + std::to_string(time_.now() - begin_) + " s the pin of LED " +
                       std::to_string(led) + " (interval " + std::to_string(leds_[led].interval) +
@@ -173,7 +173,7 @@ class DayRun {
   }
   // Before the first pass: the subscriber's snapshot is not counted.
   void compareValues() {
-    for (unsigned led = 0; led < kLeds; ++led) {
+    for (unsigned led = 0; led < kDayLeds; ++led) {
       const auto rows = store_.read(Statedb::Path("hardware/corvel/gpio/config/" + std::to_string(led)));
       if (rows.size() != 1) throw Failure("LED " + std::to_string(led) + " has no pin");
       published_.pins[rows[0]->path] = {leds_[led].pin.value, 0};
@@ -188,7 +188,7 @@ class DayRun {
   Zel::Ptr<Statedb::EntityManager> database_ = Zel::allocate<Statedb::EntityManager>(store_);
   Zel::Ptr<Pinlamp::Agent> agent_ = Pinlamp::agentFactory("agent");
   Published published_;
-  std::vector<Led> leds_;
+  std::vector<DayLed> leds_;
   std::vector<unsigned> changed_{};
   std::priority_queue<std::pair<double, unsigned>, std::vector<std::pair<double, unsigned>>, std::greater<>>
       queue_{};

@@ -8,7 +8,7 @@ namespace Torture {
 
 namespace {
 
-constexpr unsigned kLeds = 8;
+constexpr unsigned kModelLeds = 8;
 const std::string kDir = "hardware/led/config";
 const std::string kMachines = "agent/configReactor/gpioLedStateMachine";
 
@@ -22,7 +22,7 @@ class ObjectsRun {
  public:
   explicit ObjectsRun(Round& round)
       : round_(round),
-        board_(round, kLeds),
+        board_(round, kModelLeds),
         host_(round, "host", {"--store", "memory:", "--agent", "libpinlamp.so", "--allow-object-writes"}) {
     host_.waitReady();
     client_.emplace(host_.socket());
@@ -54,7 +54,7 @@ class ObjectsRun {
     return isGood ? answer["result"]["value"] : Json();
   }
 
-  std::string randomName() { return "L" + std::to_string(round_.random.below(kLeds)); }
+  std::string randomName() { return "L" + std::to_string(round_.random.below(kModelLeds)); }
   std::string randomText() {
     static constexpr const char* kTexts[] = {"", "x", "day", "a/b", "100%", "née", ".."};
     return round_.random.among(kTexts);

@@ -14,7 +14,7 @@ namespace Torture {
 
 namespace {
 
-constexpr double kLongest = 0.02;  // processor seconds of the slowest of 100 answers
+constexpr double kLongestUse = 0.02;  // processor seconds of the slowest of 100 answers
 constexpr int kPause = 2;          // rounds from an answer to the next request
 
 double processorTime() {
@@ -74,10 +74,10 @@ class PacedRun {
     latency_ += ended - std::max(began, asked_);
     mostRounds_ = std::max(mostRounds_, ++rounds_);
     if (!good_->next(0)) return;
-    if (latency_ > kLongest && ++slow_ > 1 + latencies_.size() / 100)
+    if (latency_ > kLongestUse && ++slow_ > 1 + latencies_.size() / 100)
       throw Failure("a client beside 16 that flood: " + std::to_string(slow_) + " of " +
                     std::to_string(latencies_.size() + 1) + " answers took the host more than " +
-                    std::to_string(kLongest) + " s of processor time, this one " + std::to_string(latency_));
+                    std::to_string(kLongestUse) + " s of processor time, this one " + std::to_string(latency_));
     latencies_.push_back(std::exchange(latency_, 0));
     pause_ = kPause;
   }

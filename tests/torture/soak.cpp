@@ -9,7 +9,7 @@ namespace Torture {
 
 namespace {
 
-constexpr unsigned kLeds = 50;
+constexpr unsigned kSoakLeds = 50;
 constexpr double kInterval = 0.02;          // of the LED whose lateness is measured
 constexpr std::uint64_t kFiles = 16 << 20;  // bytes of the state file and its log
 constexpr std::uint64_t kFlat = 256 << 10;  // bytes of memory
@@ -19,7 +19,7 @@ class SoakRun {
  public:
   explicit SoakRun(Round& round)
       : round_(round),
-        board_(round, kLeds),
+        board_(round, kSoakLeds),
         host_(round, "host",
               {"--store", "sqlite:" + round.folder.at("state.db"), "--agent", "libpinlamp.so", "--agent",
                Board::lineAgent()},
@@ -64,7 +64,7 @@ class SoakRun {
 
   // LEDs of a fixed set come, change and go, and so do clients.
   void work() {
-    const auto led = 1 + static_cast<unsigned>(round_.random.below(kLeds - 1));
+    const auto led = 1 + static_cast<unsigned>(round_.random.below(kSoakLeds - 1));
     Client client(host_.socket());
     const Json answer = client.answer(
         "write", batch(Json::array({round_.random.chance(10)

@@ -11,19 +11,19 @@ namespace Torture {
 
 namespace {
 
-constexpr unsigned kLeds = 16;
+constexpr unsigned kTimeLeds = 16;
 
 class TimeRun {
  public:
   explicit TimeRun(Round& round)
       : round_(round),
-        board_(round, kLeds),
+        board_(round, kTimeLeds),
         host_(round, "host", {"--store", "memory:", "--agent", "libpinlamp.so"}) {
     host_.waitReady();
     client_.emplace(host_.socket());
     client_->call("write", batch(board_.mappings()));
     Json changes = Json::array();
-    for (unsigned led = 0; led < kLeds; ++led) {
+    for (unsigned led = 0; led < kTimeLeds; ++led) {
       // From 1 ms to 1 s, and some odd ones.
       intervals_.push_back(std::pow(10.0, round.random.within(-3, 0)));
       changes.push_back(Board::setting(led, {{"green", true}, {"flashInterval", intervals_[led]}}));
@@ -66,9 +66,9 @@ class TimeRun {
   }
 
   void stopFor(double seconds) {
-    toggles_.assign(kLeds, 0);
+    toggles_.assign(kTimeLeds, 0);
     const Moment before = moment();
-    toggles_.assign(kLeds, 0);
+    toggles_.assign(kTimeLeds, 0);
     sleepFor(round_.random.within(0, 0.2));
     double stopped = now(), goesOn = stopped;
     if (seconds > 0) {
@@ -90,7 +90,7 @@ class TimeRun {
   // At most as many as fit before and after the stop, and one on either side.
   void check(const Moment& before, const Moment& after, double stopped, double goesOn) {
     std::uint64_t most = 0, seen = 0;
-    for (unsigned led = 0; led < kLeds; ++led) {
+    for (unsigned led = 0; led < kTimeLeds; ++led) {
       const std::uint64_t bound = fitting(stopped - before.now, led) + fitting(after.now - goesOn, led);
       const double whole = after.now - goesOn;
       if (toggles_[led] > bound)

@@ -1,6 +1,6 @@
 // identify, lamp-test, darken: requests that end by themselves.
 #include <algorithm>
-#include <ostream>
+#include <utility>
 
 #include "ctl/appliance.h"
 #include "ctl/ledwords.h"
@@ -33,13 +33,16 @@ std::vector<std::string> coloursOf(const std::vector<Lamp>& lamps) {
   return colourNames(found);
 }
 
+bool matchesAny(const std::vector<std::string>& patterns, const std::string& name) {
+  return std::ranges::any_of(patterns, [&](const std::string& each) { return matches(each, name); });
+}
+
 // Whether the request is one of those that `identify` makes for LEDs that fit, or one of another command.
 bool isFor(const LightOptions& given, const std::string& prefix, const std::string& request) {
   if (prefix == kDarken) return request == prefix;
   if (!request.starts_with(prefix) || prefix != kIdentify || given.leds.empty())
     return request.starts_with(prefix);
-  const std::string led = request.substr(prefix.size());
-  return std::ranges::any_of(given.leds, [&](const std::string& each) { return matches(each, led); });
+  return matchesAny(given.leds, request.substr(prefix.size()));
 }
 
 void stop(Context& context, const LightOptions& given, const std::string& prefix) {
@@ -60,17 +63,14 @@ void noteWithoutAgent(Context& context) {
     note(context, "no LED agent runs: the pins stay as they are, whatever is asked for");
 }
 
-// The LEDs that the policy agent lights: those with an entity among the settings. Notes the others.
-std::vector<Lamp> lightable(Context& context, std::vector<Lamp> lamps) {
-  std::vector<std::string> others;
-  for (const Lamp& lamp : lamps)
-    if (!lamp.configured) others.push_back(lamp.name);
-  std::erase_if(lamps, [](const Lamp& lamp) { return !lamp.configured; });
-  if (others.empty()) return lamps;
-  note(context, "not lit, as nothing is at " + ledPath(others.front()) +
-                    (others.size() > 1 ? " and the like: " + firstOf(others) : "") +
-                    "; give it a setting, such as: pinlampctl led set " + others.front() + " off");
-  return lamps;
+// An LED with a mapping alone has no entity whose setting could be covered. It gets one without a setting, so
+// dark as before, which ends with the host.
+void makeLightable(Client& client, std::vector<Lamp>& lamps) {
+  Json puts = Json::array({{{"op", "put"}, {"path", Paths::kLeds}, {"type", kLedDirType}}});
+  for (Lamp& lamp : lamps)
+    if (!std::exchange(lamp.configured, true))
+      puts.push_back({{"op", "put"}, {"path", ledPath(lamp.name)}, {"type", kLedType}});
+  if (puts.size() > 1) client.writeVolatile(puts);
 }
 
 Request flashing(const Lamp& lamp, double seconds) {
@@ -87,8 +87,7 @@ void identify(Context& context, const LightOptions& given) {
   std::vector<Lamp> lamps = lampsOf(readAppliance(context.client()));
   const auto names = expandNames(given.leds, namesOf(lamps));
   std::erase_if(lamps, [&](const Lamp& lamp) { return !std::ranges::binary_search(names, lamp.name); });
-  lamps = lightable(context, std::move(lamps));
-  if (lamps.empty()) throw Refusal("identify: none of the LEDs has a setting");
+  makeLightable(context.client(), lamps);
   std::vector<Request> requests;
   for (const Lamp& lamp : lamps) requests.push_back(flashing(lamp, given.seconds));
   ask(context, given, std::move(requests));
@@ -134,12 +133,14 @@ std::vector<Request> testRequests(const std::vector<Json>& settings, const std::
 
 void testLamps(Context& context, const LightOptions& given) {
   expectPolicyAgent(context.client(), "lamp-test");
-  const std::vector<Lamp> lamps = lampsOf(readAppliance(context.client()));
+  std::vector<Lamp> lamps = lampsOf(readAppliance(context.client()));
   expectThere(lamps, given);
   std::vector<std::string> skip = neverTested(context.client());
   skip.insert(skip.end(), given.leds.begin(), given.leds.end());
-  ask(context, given, testRequests(testSettings(lamps), skip, given.seconds));
-  lightable(context, lamps);
+  const auto settings = testSettings(lamps);
+  std::erase_if(lamps, [&](const Lamp& lamp) { return matchesAny(skip, lamp.name); });
+  makeLightable(context.client(), lamps);
+  ask(context, given, testRequests(settings, skip, given.seconds));
   noteWithoutAgent(context);
 }
 

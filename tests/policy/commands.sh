@@ -130,8 +130,12 @@ one
 shows "a request that is stored stays" "A B" "red red"
 refused "a name that no LED has" 1 "no LED is named 'Z'" pinlampctl identify Z
 pinlampctl map set Bare --green xg --ready
-refused "an LED without a setting" 1 "give it a setting, such as: pinlampctl led set Bare off" pinlampctl identify Bare
+pinlampctl identify Bare
+becomes "an LED that only a mapping has is found" Bare green
+pinlampctl identify --stop
+shows "and is dark again" Bare dark
 pinlampctl map del Bare
+pinlampctl del hardware/led/config/leds/Bare
 refused "nor one that is to be left alone" 1 "no LED is named 'Vlots'" pinlampctl lamp-test --skip Vlots
 refused "a bad priority" 1 'expected "base", "policy"' pinlampctl request add bad A red --priority 500
 refused "a negative time" 1 "request/bad lasts: found a number (-1), expected seconds" pinlampctl request add bad A red --for=-1

@@ -7,8 +7,8 @@ kept=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)/build/root
 to=$1
 shift
 release=$(. /etc/os-release && echo "$VERSION_CODENAME")
-without=('/usr/share/doc/*' '/usr/share/info/*' '/usr/share/locale/*' '/usr/share/man/*' '/usr/lib/udev/hwdb.d/*')
-packages=(systemd-sysv udev "$@")
+without=(/usr/share/{doc,info,locale,man}/'*' '/lib/udev/hwdb.d/*' '/usr/lib/*/gconv/*')
+packages=(systemd-sysv udev usr-is-merged "$@")  # where it is merged from the beginning, nothing needs all of Perl
 archive=$kept/$release-$(printf '%s\n' "${packages[@]}" "${without[@]}" | sha256sum | cut -c1-8).tar
 
 mkdir -p "$kept" "$to"
@@ -18,7 +18,8 @@ if [ ! -e "$archive" ]; then
   list=$(IFS=,; echo "${packages[*]}")
   # What mmdebstrap mounts is in a mount namespace of its own, and gone with it.
   unshare --mount --propagation private mmdebstrap --quiet --mode=root --variant=essential --include="$list" \
-    "${without[@]/#/--dpkgopt=path-exclude=}" "$release" "$kept/.part.tar"
+    --hook-dir=/usr/share/mmdebstrap/hooks/merged-usr "${without[@]/#/--dpkgopt=path-exclude=}" "$release" "$kept/.part.tar" \
+    >"$kept/made.log" 2>&1 || { cat "$kept/made.log"; exit 1; }
   rm -f "$kept/$release"-*.tar
   mv "$kept/.part.tar" "$archive"
 fi

@@ -169,6 +169,19 @@ add_libraries() { # TREE TO
   done
 }
 
+# masked TREE ETC: masks what systemd starts in TREE and nothing here needs, its generators included, which run at each reload.
+masked() {
+  local unit generator
+  mkdir -p "$2"/{system,system-generators}
+  for generator in "$1"/lib/systemd/system-generators/*; do ln -s /dev/null "$2/system-generators/${generator##*/}"; done
+  for unit in {dpkg-db-backup,fstrim,systemd-tmpfiles-clean}.timer systemd-ask-password-{console,wall}.path \
+    {dev-hugepages,dev-mqueue,sys-fs-fuse-connections}.mount proc-sys-fs-binfmt_misc.automount getty@tty1.service \
+    systemd-{binfmt,firstboot,journal-flush,logind,modules-load,pcrphase,pcrphase-sysinit,pstore,random-seed,repart,sysctl}.service \
+    systemd-{tmpfiles-setup-dev,udev-trigger,update-utmp,update-utmp-runlevel,user-sessions}.service kmod-static-nodes.service; do
+    ln -s /dev/null "$2/system/$unit"
+  done
+}
+
 quoted() { local a; for a in "$@"; do printf "'%s' " "${a//\'/\'\\\'\'}"; done; }
 
 case ${1:-} in
@@ -214,11 +227,9 @@ if [ -n "$system" ]; then
   mkdir -p "$own/usr/bin" "$own/gpiovm/bin"
   cp "$here/guest/bin/"* "$own/usr/bin/"
   cp "$(command -v busybox)" "$own/gpiovm/bin/insmod"  # the system has none
+  masked "$tree" "$own/etc/systemd"
   { pack "$tree" ""; pack "$own"; } >"$tmp/initrd"
-  init="/sbin/init systemd.getty_auto=0 systemd.show_status=0 systemd.firstboot=off"
-  for unit in systemd-udev-trigger systemd-random-seed systemd-update-utmp systemd-modules-load systemd-pstore; do
-    init+=" systemd.mask=$unit.service"  # nothing here needs them
-  done
+  init="/sbin/init systemd.show_status=0"
 else
   { cat "$cache/base.cpio"; pack "$here/guest"; pack "$tree"; pack "$own"; } >"$tmp/initrd"
   init=/gpiovm/init
@@ -236,10 +247,12 @@ if [ -n "$network" ]; then
   card=(-netdev hubport,id=cable,hubid=0 -device e1000,netdev=cable,romfile= -chardev "pipe,id=guest,path=$tmp/guest"
     -device isa-serial,index=3,chardev=guest -chardev "pipe,id=monitor,path=$tmp/monitor" -mon monitor)
 fi
+# Emulated, code is translated once for each address that it is at (norandmaps), and clearing memory is slow (init_on_alloc).
+fast="norandmaps init_on_alloc=0 apparmor=0 audit=0 lsm= mitigations=off no_timer_check random.trust_cpu=on"
 quiet=quiet; [ "$level" = 3 ] || quiet=
 timeout -k 2 "$timeout" qemu-system-x86_64 -M pc -accel "$accel" -cpu max -smp "$cpus" -m "$memory" \
   -nodefaults -no-user-config -display none -no-reboot -kernel "$cache/kernel" -initrd "$tmp/initrd" "${serial[@]}" "${card[@]}" \
-  -append "console=ttyS0 rdinit=$init panic=-1 oops=panic mitigations=off no_timer_check random.trust_cpu=on $quiet loglevel=$level" \
+  -append "console=ttyS0 rdinit=$init panic=-1 oops=panic $fast $quiet loglevel=$level" \
   </dev/null >"$tmp/console" 2>"$tmp/qemu.err" & qemu=$!
 
 ended=0; wait "$qemu" || ended=$?

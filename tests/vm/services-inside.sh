@@ -67,7 +67,7 @@ await "killed, it comes back" yes is_new $one "$before"
 pause=0.05
 for i in 1 2 3 4 5 6; do # more than systemd's limit of starts, within its ten seconds
   before=$(process $one)
-  kill -KILL "$before"
+  [ -z "$before" ] || kill -KILL "$before"
   await "killed, it is started again ($i)" yes started $one "$before"
 done
 pause=0.4

@@ -1,9 +1,11 @@
 #include "ctl/processes.h"
 
 #include <algorithm>
+#include <set>
 #include <utility>
 
 #include "ctl/appliance.h"
+#include "ctl/text.h"
 
 namespace Ctl {
 
@@ -117,17 +119,44 @@ Json wholeStatus(Client& client) {
   return status;
 }
 
-Json readLines(Client& client) {
+namespace {
+
+// The entities of a type at a path; none if another host keeps the state database.
+Json entitiesOf(Client& client, const char* type, const char* path) {
   try {
-    Json lines = client.read(Paths::kLineStatus);
-    std::erase_if(lines.get_ref<Json::array_t&>(),
-                  [](const Json& line) { return line.at("type") != kLineStatusType; });
-    return lines;
+    Json entities = client.read(path);
+    std::erase_if(entities.get_ref<Json::array_t&>(),
+                  [type](const Json& entity) { return entity.at("type") != type; });
+    return entities;
   } catch (const ConnectionLost&) {
     throw;
   } catch (const Refusal&) {
     return Json::array();
   }
+}
+
+constexpr char kWiringType[] = "Hardware::Gpio::GpioLineInit";
+
+// What the status of the lines would be if somebody drove them: of each wired pin that has a value.
+Json linesOfNobody(Client& client) {
+  Json lines = Json::array();
+  const Json wirings = entitiesOf(client, kWiringType, Paths::kWirings);
+  if (wirings.empty()) return lines;
+  std::set<std::string> pins;
+  for (const Json& pin : entitiesOf(client, kPinType, Paths::kPins))
+    pins.insert(lastName(pin.at("path").get<std::string>()));
+  for (const Json& wiring : wirings)
+    if (pins.contains(lastName(wiring.at("path").get<std::string>())))
+      lines.push_back({{"path", wiring.at("path")},
+                       {"attributes", {{"driven", false}, {"error", "no line agent runs"}, {"place", ""}}}});
+  return lines;
+}
+
+}  // namespace
+
+Json readLines(Client& client, const Json& status) {
+  Json lines = entitiesOf(client, kLineStatusType, Paths::kLineStatus);
+  return lines.empty() && isFilled(status, Paths::kLineStatus) == false ? linesOfNobody(client) : lines;
 }
 
 }  // namespace Ctl

@@ -49,7 +49,9 @@ std::string text(const Claim& claim);
 // and "machines" beside the host's own members; "machines" and "published" of all processes together; each
 // process's own status, or why it has none ("error"), in its entry in "processes".
 Json wholeStatus(Client& client);
-// The status entities of GPIO lines; empty if another host keeps the state database.
-Json readLines(Client& client);
+// "path" and "attributes" of the status entities of GPIO lines. While no line agent runs, of each wired pin
+// that has a value, as not driven. Empty if another host keeps the state database. `status` is the host's
+// answer to that.
+Json readLines(Client& client, const Json& status);
 
 }  // namespace Ctl

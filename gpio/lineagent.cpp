@@ -100,7 +100,7 @@ void LineAgent::doInit() {
   const auto group = entityManager()->getMountGroup(Zel::Ptr<Statedb::Mounter>(this));
   group->doMount({Paths::kWirings, "Zel::Dir", "r"});
   group->doMount({Paths::kPins, "Zel::Dir", "r"});
-  group->doMount({Paths::kLineStatus, "Zel::Dir", "wi"});
+  group->doMount({Paths::kLineStatus, "Zel::Dir", "we"});
   group->doClose(false, "", 0.0);
 }
 

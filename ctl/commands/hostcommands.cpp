@@ -1,3 +1,4 @@
+#include <map>
 #include <ostream>
 #include <utility>
 
@@ -53,19 +54,23 @@ std::string refusalsText(const Json& status) {
   return last.empty() || last == "null" ? count : count + ", last: " + last;
 }
 
-// Adds the number of driven lines, and the errors of the others, as a line agent published them last: its
-// rows outlive it.
+// Adds the number of driven lines, and the errors of the others, with the lines that have the same. In a
+// shared state database they may be those of a line agent that is gone.
 void addLines(Table& table, const Json& lines, const Json& status) {
   if (lines.empty()) return;
   const bool known = isFilled(status, Paths::kLineStatus) != false;
-  std::vector<std::vector<std::string>> failed;
-  for (const Json& line : lines)
-    if (const Json& state = line.at("attributes"); !state.value("driven", false))
-      failed.push_back({"", lastName(line.at("path").get<std::string>()) + ": " + state.value("error", "")});
-  table.add({"lines", std::to_string(lines.size() - failed.size()) + " driven, " +
-                          std::to_string(failed.size()) + " not" +
-                          (known ? "" : ", when a line agent ran last")});
-  for (auto& row : failed) table.add(std::move(row));
+  std::map<std::string, std::vector<std::string>> failed;
+  std::size_t driven = 0;
+  for (const Json& line : lines) {
+    const Json& state = line.at("attributes");
+    if (state.value("driven", false))
+      ++driven;
+    else
+      failed[state.value("error", "")].push_back(lastName(line.at("path").get<std::string>()));
+  }
+  table.add({"lines", std::to_string(driven) + " driven, " + std::to_string(lines.size() - driven) + " not" +
+                          (known || driven == 0 ? "" : ", when a line agent ran last")});
+  for (const auto& [error, names] : failed) table.add({"", firstOf(names) + ": " + error});
 }
 
 // A process, its agents and what they do, or why it did not answer.
@@ -160,7 +165,7 @@ void printStatusWithoutHost(std::ostream& out, const Json& status, const Json& l
 
 void showStatus(Context& context, bool json) {
   Json status = wholeStatus(context.client());
-  const Json lines = readLines(context.client());
+  const Json lines = readLines(context.client(), status);
   for (const Json& line : lines)
     status["lines"][lastName(line.at("path").get<std::string>())] = line.at("attributes");
   if (!context.target.hasHost()) status["host"] = false;

@@ -20,7 +20,7 @@ void writeFile(const std::string& file, const std::string& text) {
 std::string metricsOf(Context& context) {
   Client& client = context.host("metrics");
   const Json status = wholeStatus(client);
-  return metricsText(status, readLines(client), context.target.socket);
+  return metricsText(status, readLines(client, status), context.target.socket);
 }
 
 void metrics(Context& context, const std::string& file) {

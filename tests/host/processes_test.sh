@@ -98,6 +98,16 @@ host led --store "unix:$PINLAMP_SOCKET" --agent libpinlamp.so --trace 'Pinlamp/*
   --when-lost "50ms=Fan*=orange; Fan1=green red"
 await "a setting made while it was away takes effect" 001 pins g r s
 
+# The line agent -------------------------------------------------------------------------------------------------------
+killed gpio
+await "what the line agent published ends with it" "no entity at" sh -c "pinlampctl get hardware/corvel/gpio/status/r 2>&1 | grep -o 'no entity at'"
+of_lines() { pinlampctl status | grep -A1 '^lines' | tr -s ' ' | paste -sd,; }
+check "status reports it" "lines 0 driven, 3 not, g, r, s: no line agent runs" "$(of_lines)"
+check "and the metrics count the lines as not driven" 'pinlamp_lines{driven="no"} 3' "$(pinlampctl metrics | grep '^pinlamp_lines.*no')"
+gpio_host :PinlampSim
+await "its successor drives them" true line r driven
+check "and the status has the others" "lines 2 driven, 1 not, s: $no_chip" "$(of_lines)"
+
 # The state database ---------------------------------------------------------------------------------------------------
 before=$(handled)
 killed state

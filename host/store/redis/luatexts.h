@@ -276,17 +276,21 @@ end
 return {tonumber(revision), generation, announce(own, generation, revision, delta)}
 )lua";
 
-// KEYS: meta, log. ARGV: uuid, fence (0: none), "s" or "v".
+// KEYS: meta and log of each space.
 inline constexpr const char* kStateScript = R"lua(
-local generation = redis.call('HGET', KEYS[1], 'generation') or ''
-local last = redis.call('XREVRANGE', KEYS[2], '+', '-', 'COUNT', 1)
-local tip = last[1] and tonumber(string.match(last[1][1], '^0%-(%d+)$')) or 0
 local info = redis.call('INFO', 'server', 'replication', 'memory')
 local function said(name) return string.match(info, '\n' .. name .. ':([^\r\n]*)') or '' end
-return {generation, tip, said('master_replid'), said('run_id'), said('role'), said('maxmemory_policy')}
+local answer = {said('master_replid'), said('run_id'), said('role'), said('maxmemory_policy')}
+for i = 1, #KEYS, 2 do
+  local last = redis.call('XREVRANGE', KEYS[i + 1], '+', '-', 'COUNT', 1)
+  answer[#answer + 1] = redis.call('HGET', KEYS[i], 'generation') or ''
+  answer[#answer + 1] = last[1] and tonumber(string.match(last[1][1], '^0%-(%d+)$')) or 0
+end
+return answer
 )lua";
 
-// Goes before the state script. A fence stays for a day; no request of a lost connection arrives later.
+// Goes before the state script. ARGV: uuid, fence, the space's letter. A fence stays for a day; no request of
+// a lost connection arrives later.
 inline constexpr const char* kFenceScript = R"lua(
 if ARGV[3] == 'v' then redis.set_repl(redis.REPL_REPLICA) end
 local now = tonumber(redis.call('TIME')[1])

@@ -43,7 +43,7 @@ struct Call {
 // are always carried out in the order of call().
 //
 //     Caller caller(connection);
-//     caller.call(stateCall(keys), [](const Reply& reply) { … });
+//     caller.call(stateCall({&keys}), [](const Reply& reply) { … });
 //     connection.flush();
 class Caller {
  public:
@@ -129,16 +129,20 @@ struct Written {
 };
 Written written(const Reply& reply);
 
-// A reader asks for the state first, and then once a second. With `fence`, the server refuses writes of
-// `uuid` up to that sequence from then on; only this needs the right to write.
-Call stateCall(const Keys& keys, std::string_view uuid = {}, Sequence fence = 0);
+// A reader asks for the state of every space first, and then once a second: in one call, most of which is
+// what they have in common.
+Call stateCall(const std::vector<const Keys*>& spaces);
+// The same of one space. The server refuses writes of `uuid` up to that sequence from then on; only this
+// needs the right to write.
+Call fenceCall(const Keys& keys, std::string_view uuid, Sequence fence);
 struct ServerState {
   State state;
   std::string runId;
   std::string role;    // "master"
   std::string policy;  // maxmemory_policy
 };
-ServerState serverState(const Reply& reply);
+// `space`: its place in the call.
+ServerState serverState(const Reply& reply, std::size_t space = 0);
 
 // The entries after a revision, at most `count`, and fewer where they are long, with generation and tip of
 // the same moment. The page points into the reply. Throws Zel::ValueError where an id in the reply is not

@@ -94,11 +94,13 @@ void Space::subscribe() {
 }
 
 void Space::askState(Sequence fence) {
-  line_.caller.call(stateCall(keys_, uuid_, fence), [this](const Reply& reply) { onState(reply); });
+  if (fence == 0) return line_.askState(*this);
+  line_.caller.call(fenceCall(keys_, uuid_, fence), [this](const Reply& reply) {
+    if (reply.kind == Reply::Kind::error) return line_.lose(lossOf(reply));
+    onState(serverState(reply));
+  });
 }
-void Space::onState(const Reply& reply) {
-  if (reply.kind == Reply::Kind::error) return line_.lose(lossOf(reply));
-  const ServerState state = serverState(reply);
+void Space::onState(const ServerState& state) {
   if (!line_.isFit(state)) return;
   follower_.onState(state.state);
   if (follower_.isFollowing() && state.state.timeline == this->state().timeline) sendWaiting();

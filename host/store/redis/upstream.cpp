@@ -78,7 +78,7 @@ struct Upstream::State_ final : private Ends, public Line, private Locator::Owne
   void onNoAddress(const Loss& its) override { lose(its); }
 
   void identifyCommands() {
-    caller.call(stateCall(stored.keys()), [this](const Reply& reply) {
+    caller.call(stateCall({}), [this](const Reply& reply) {
       if (reply.kind == Reply::Kind::error) return lose(lossOf(reply));
       const ServerState state = serverState(reply);
       if (isFit(state)) identified(commandsTo, state.runId);
@@ -114,15 +114,28 @@ struct Upstream::State_ final : private Ends, public Line, private Locator::Owne
   }
 
   // While it stands.
-  void onStep() override {
+  void askState(Space& space) override { asking.push_back(&space); }
+  void flush() {
+    if (const auto asked = std::exchange(asking, {}); !asked.empty()) askStates(asked);
     commands.flush();
+  }
+  void askStates(const std::vector<Space*>& asked) {
+    std::vector<const Keys*> keys;
+    for (const Space* each : asked) keys.push_back(&each->keys());
+    caller.call(stateCall(keys), [this, asked](const Reply& reply) {
+      if (reply.kind == Reply::Kind::error) return lose(lossOf(reply));
+      for (std::size_t i = 0; i < asked.size(); ++i) asked[i]->onState(serverState(reply, i));
+    });
+  }
+  void onStep() override {
+    flush();
     subscription.flush();
     if (reached || loss || !isFollowed()) return;
     reached = true;
     locator->proved();
     owner.onReached();
     if (!std::exchange(isChecked, true)) checkServer();
-    commands.flush();
+    flush();
   }
   // Once a process: what a restricted user may not ask is an entry in the server's log of refusals.
   void checkServer() {
@@ -157,6 +170,7 @@ struct Upstream::State_ final : private Ends, public Line, private Locator::Owne
     commands.close();
     subscription.close();
     caller.lost();
+    asking.clear();
     checking.stop();
     commandsTo.clear();
     subscriptionTo.clear();
@@ -172,6 +186,7 @@ struct Upstream::State_ final : private Ends, public Line, private Locator::Owne
   const std::unique_ptr<Locator> locator;
   Space stored{*this, Durability::stored, owner}, volatile_{*this, Durability::volatile_, owner};
   const std::array<Space*, 2> spaces{&stored, &volatile_};
+  std::vector<Space*> asking{};  // for their states
   Timer beginning, checking, ending;
   std::optional<Loss> loss{};                  // that is not notified of yet
   std::string commandsTo{}, subscriptionTo{};  // the servers' run ids
@@ -205,6 +220,6 @@ void Upstream::call(Call call, Connection::OnReply then) {
 void Upstream::prepare(const Call& call) {
   if (isReached()) state_->caller.prepare(call);
 }
-void Upstream::flush() { state_->commands.flush(); }
+void Upstream::flush() { state_->flush(); }
 
 }  // namespace Host::Redis

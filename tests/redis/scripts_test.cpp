@@ -50,7 +50,8 @@ class Scripts : public RedisTest::OnServer {
   };
 
   Call writing(const Space& to, const Changes& changes, const WriteOptions& options) const {
-    return writeCall("p", to.durability, changes, options, {stored.rows, volatile_.rows, to.state.tip});
+    return writeCall("p", to.durability, changes, options,
+                     {stored.rows, volatile_.rows, covers.rows, to.state.tip});
   }
   // As a writer that read this generation.
   WriteOptions of(const std::string& generation, std::vector<Claimed> claims = {}) {
@@ -77,7 +78,7 @@ class Scripts : public RedisTest::OnServer {
   Rows scan(const Space& from) { return RedisTest::scan(client, from.keys); }
 
   Caller caller{client.connection};
-  Space stored{kStored}, volatile_{kVolatile};
+  Space stored{kStored}, volatile_{kVolatile}, covers{Durability::cover};
   Sequence sequence = 0;
 };
 

@@ -202,6 +202,7 @@ void RedisStore::onLost(const Loss& loss) {
 // Volatile rows are shown when the claims were read after them. Otherwise this process would show what it
 // does not know to be claimed, and would not keep it where the server is lost again.
 void RedisStore::onRows(Durability space) {
+  if (space == Durability::cover) return;
   if (space == Durability::volatile_) {
     isDue_ = true;
     if (upstream_.isReached()) onReached();  // else that follows
@@ -225,6 +226,7 @@ const Statedb::Record* RedisStore::wantedVolatile(Path path) {
 }
 
 void RedisStore::onEntry(const Upstream::Owner::Entry& entry) {
+  if (entry.space == Durability::cover) return;
   entry.space == Durability::stored ? carryStored(entry) : carryVolatile(entry);
   subscribers_.deliver();
 }
@@ -262,7 +264,7 @@ void RedisStore::carryVolatile(const Upstream::Owner::Entry& entry) {
 // Publishers write their rows again at once, and what others publish is kept for a while. What was stored is
 // shown until somebody writes there, so that the lights do not go out while it is restored.
 void RedisStore::onWiped(Durability space) {
-  if (space == Durability::volatile_) return upstream_.acceptWiped(space);
+  if (space != Durability::stored) return upstream_.acceptWiped(space);
   wipedAt_ = now();
   report("it was wiped; the stored rows that it had are shown until somebody writes there" +
          (url_.hold == Url::kNever ? std::string()

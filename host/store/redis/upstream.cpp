@@ -1,5 +1,6 @@
 #include "host/store/redis/upstream.h"
 
+#include <algorithm>
 #include <array>
 #include <optional>
 #include <set>
@@ -146,7 +147,9 @@ struct Upstream::State_ final : private Ends, public Line, private Locator::Owne
       if (!wrong.empty()) warn(wrong + "; pinlampctl store check tells more");
     });
   }
-  bool isFollowed() const { return stored.isReached() && volatile_.isReached(); }
+  bool isFollowed() const {
+    return std::ranges::all_of(spaces, [](const Space* each) { return each->isReached(); });
+  }
   void check() {
     for (Space* each : spaces) each->check();
     subscription.request({"PING"}, [this](const Reply& reply) {
@@ -157,7 +160,7 @@ struct Upstream::State_ final : private Ends, public Line, private Locator::Owne
   void warn(const std::string& text) override {
     if (warned.size() < kMostWarnings && warned.insert(text).second) owner.onWarning(text);
   }
-  Known known() const override { return {stored.rows(), volatile_.rows()}; }
+  Known known() const override { return {stored.rows(), volatile_.rows(), covers.rows()}; }
 
   // Its end. A connection may be lost while a space is at work, so the spaces get to know it from the loop.
   void lose(Loss its) override {
@@ -180,13 +183,14 @@ struct Upstream::State_ final : private Ends, public Line, private Locator::Owne
     owner.onLost(its);
   }
 
-  Space& of(Durability space) { return space == Durability::stored ? stored : volatile_; }
+  Space& of(Durability space) { return *spaces[static_cast<std::size_t>(space)]; }
 
   Upstream::Owner& owner;
   const std::unique_ptr<Locator> locator;
-  Space stored{*this, Durability::stored, owner}, volatile_{*this, Durability::volatile_, owner};
-  const std::array<Space*, 2> spaces{&stored, &volatile_};
-  std::vector<Space*> asking{};  // for their states
+  Space stored{*this, Durability::stored, owner}, volatile_{*this, Durability::volatile_, owner},
+      covers{*this, Durability::cover, owner};
+  const std::array<Space*, 3> spaces{&stored, &volatile_, &covers};  // by Durability
+  std::vector<Space*> asking{};                                      // for their states
   Timer beginning, checking, ending;
   std::optional<Loss> loss{};                  // that is not notified of yet
   std::string commandsTo{}, subscriptionTo{};  // the servers' run ids
@@ -209,7 +213,11 @@ WriteId Upstream::write(Durability space, const Statedb::Changes& changes, std::
   ZEL_REQUIRE(isReached(), "a write of " << changes.size() << " rows without a connection");
   return {space, state_->of(space).write(changes, std::move(claims))};
 }
-std::size_t Upstream::underWay() const { return state_->stored.underWay() + state_->volatile_.underWay(); }
+std::size_t Upstream::underWay() const {
+  std::size_t count = 0;
+  for (const Space* each : state_->spaces) count += each->underWay();
+  return count;
+}
 void Upstream::acceptWiped(Durability space) {
   state_->of(space).acceptWiped();
   flush();

@@ -25,21 +25,25 @@ std::vector<Process> processesOf(const Json& status) {
 std::vector<Claim> claimsOf(const Json& status) {
   std::vector<Claim> claims;
   for (const Json& each : status.value("storeState", Json::object()).value("claims", Json::array()))
-    claims.push_back({each.at("mount"), each.at("who"), each.at("own"), each.at("orphan")});
+    claims.push_back(
+        {each.at("mount"), each.at("who"), each.at("own"), each.at("orphan"), each.value("covers", false)});
   return claims;
 }
 
 Claim claimOf(const Json& status, const std::string& path) {
   const auto claims = claimsOf(status);
-  const auto found = std::ranges::find(claims, path, &Claim::path);
+  const auto found =
+      std::ranges::find_if(claims, [&](const Claim& each) { return each.path == path && !each.isOfCovers; });
   return found == claims.end() ? Claim{.path = path} : *found;
 }
 
 std::string text(const Claim& claim) {
-  if (claim.who.empty()) return "published by nobody";
-  if (claim.isOwn) return "published by this host";
-  if (claim.isOrphan) return "published by nobody: " + claim.who + " is gone, its rows stay for a while";
-  return "published by " + claim.who;
+  const std::string by = claim.isOfCovers ? "covered by " : "published by ";
+  if (claim.who.empty()) return by + "nobody";
+  if (claim.isOwn) return by + "this host";
+  if (claim.isOrphan)
+    return by + "nobody: " + claim.who + " is gone" + (claim.isOfCovers ? "" : ", its rows stay for a while");
+  return by + claim.who;
 }
 
 namespace {
@@ -58,7 +62,7 @@ std::vector<std::string> filledHere(const Json& status) {
 std::vector<std::string> filledPaths(const Json& status) {
   auto paths = filledHere(status);
   for (const Claim& claim : claimsOf(status))
-    if (!claim.who.empty()) paths.push_back(claim.path);
+    if (!claim.who.empty() && !claim.isOfCovers) paths.push_back(claim.path);
   return paths;
 }
 

@@ -29,18 +29,19 @@ std::vector<std::string> filledPaths(const Json& status);
 // Whether a running agent fills `path`; nullopt if the host doesn't list its processes.
 std::optional<bool> isFilled(const Json& status, const std::string& path);
 
-// A path of a shared state database that one process at a time may publish.
+// A path of a shared state database that one process at a time may publish, or cover.
 struct Claim {
   std::string path;
   std::string who{};      // the holder; empty: nobody
   bool isOwn = false;     // the host that gave the status is the holder
   bool isOrphan = false;  // the holder is gone
+  bool isOfCovers = false;
 
   // A running process other than that host is the holder.
   bool isElsewhere() const { return !who.empty() && !isOwn && !isOrphan; }
 };
 std::vector<Claim> claimsOf(const Json& status);
-// The claim of exactly this path; without a holder if there is none.
+// The publisher's claim of exactly this path; without a holder if there is none.
 Claim claimOf(const Json& status, const std::string& path);
 // "published by pinlampd 4711 on box2".
 std::string text(const Claim& claim);

@@ -95,12 +95,15 @@ Driven askAgent(const LedAgent& agent, Reasons& reasons) {
   }
 }
 
-// The process that announced to cover the LEDs; 0 if none did.
-std::int64_t coveringProcess(const Json& status) {
+// The process that announced to cover the LEDs, or that holds the claim of that on another machine.
+std::string coveringProcess(const Json& status) {
   for (const Json& process : status.at("processes"))
     for (const Json& path : process.value("covers", Json::array()))
-      if (isUnder(Paths::kLeds, path.get<std::string>())) return process.value("pid", std::int64_t{0});
-  return 0;
+      if (isUnder(Paths::kLeds, path.get<std::string>()))
+        return "process " + std::to_string(process.at("pid").get<std::int64_t>());
+  for (const Claim& claim : claimsOf(status))
+    if (claim.isOfCovers && claim.isElsewhere() && isUnder(Paths::kLeds, claim.path)) return claim.who;
+  return "an agent of the host that keeps the state";
 }
 
 bool hasSetting(const Json& entities) {

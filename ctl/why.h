@@ -48,7 +48,7 @@ struct Reasons {
   LedAgent::Machine machine{};
   std::optional<Lamp> base{};        // if its setting is covered: with the setting under the cover
   std::string basePath{};            // of the LED that has that setting; empty: nobody set it
-  std::int64_t coveredBy = 0;        // the process; 0: the host that keeps the state
+  std::string coveredBy{};           // the process, for people
   std::vector<LightClaim> claims{};  // to the LED: the one that is shown, then those that wait
   std::size_t others = 0;            // how many more wait
   std::vector<PinFacts> pins{};

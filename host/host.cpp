@@ -75,7 +75,7 @@ void Host::loadAgents(const std::vector<AgentOption>& options) {
 void Host::announce() {
   const auto isWritten = [](const auto& mount) { return mount.mode != "r"; };
   const auto written = std::ranges::count_if(manager_->mounts(), isWritten);
-  if (std::exchange(announced_, written) == written) return;
+  if (announced_ == std::pair(written, served_.announcements.changes())) return;
   Announcement own{.pid = ::getpid(),
                    .socket = listener_ ? std::filesystem::absolute(listener_->path()).string() : ""};
   for (const auto& plugin : plugins_) own.agents.push_back({plugin->name().stdString(), plugin->library()});
@@ -84,12 +84,17 @@ void Host::announce() {
     if (mount.mode == "we") own.ends.push_back(mount.path.text());
     if (mount.mode == "c") own.covers.push_back(mount.path.text());
   }
-  store_->announce(own);
   try {
-    served_.self.announce(std::move(own));
+    served_.self.announce(own);
   } catch (const Zel::ValueError& error) {
     report(std::string("own agents: ") + error.what());
   }
+  for (const auto* each : served_.announcements.processes())
+    if (each != &served_.self)  // what clients cover through this host
+      own.covers.insert(own.covers.end(), each->announcement().covers.begin(),
+                        each->announcement().covers.end());
+  store_->announce(own);
+  announced_ = {written, served_.announcements.changes()};
 }
 
 std::vector<Objects::Root> Host::roots() const {
@@ -148,7 +153,8 @@ void Host::showStatus(bool isReached) {
 void Host::sayWhenReady(const std::vector<Statedb::StoreState::Claim>& claims) {
   ready_ = std::ranges::all_of(manager_->mounts(), [&](const Statedb::EntityManager::MountInfo& mount) {
     return mount.complete || std::ranges::any_of(claims, [&](const auto& claim) {
-             return !claim.isOwn && !claim.who.empty() && mount.path.isUnder(Statedb::Path(claim.mount));
+             return !claim.isOfCovers && !claim.isOwn && !claim.who.empty() &&
+                    mount.path.isUnder(Statedb::Path(claim.mount));
            });
   });
   if (ready_) serviceManager_.notify("READY=1");

@@ -1,9 +1,11 @@
 // The host: a store, the agents, the control socket, and the loop that drives them.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/control/control.h"
@@ -80,7 +82,9 @@ class Host {
   bool ready_ = false;
   bool isServing_ = false;  // ready, and the state database is reached
   bool isQuiet_ = false;    // the only client waits for the store, and reports itself why it is not reached
-  std::ptrdiff_t announced_ = -1;  // how many mounts were not read only; -1: not announced yet
+  // How many mounts were not read only when they were announced, and how often clients had announced theirs;
+  // -1: not yet.
+  std::pair<std::ptrdiff_t, std::size_t> announced_{-1, 0};
 };
 
 }  // namespace Host

@@ -29,14 +29,9 @@ std::string valueText(const PinFacts& pin) {
   return "= " + std::to_string(*pin.value) + (pin.mapped ? "" : ", no longer mapped");
 }
 
-std::string coverText(const Reasons& reasons) {
-  return "by " + (reasons.coveredBy == 0 ? std::string("an agent of the host that keeps the state")
-                                         : "process " + std::to_string(reasons.coveredBy));
-}
-
 // The base, and those that ask for the LED, from the one that is shown down.
 void addCover(Table& table, const Reasons& reasons) {
-  table.add({"covered", coverText(reasons)});
+  table.add({"covered", "by " + reasons.coveredBy});
   const char* title = "shown for";
   for (const LightClaim& each : reasons.claims) {
     table.add({title, text(each)});

@@ -252,8 +252,11 @@ Json activityJson() {
 Json stateJson(const Statedb::StoreState& state) {
   Json claims = Json::array();
   for (const auto& claim : state.claims)
-    claims.push_back(
-        {{"mount", claim.mount}, {"who", claim.who}, {"own", claim.isOwn}, {"orphan", claim.isOrphan}});
+    claims.push_back({{"mount", claim.mount},
+                      {"who", claim.who},
+                      {"own", claim.isOwn},
+                      {"orphan", claim.isOrphan},
+                      {"covers", claim.isOfCovers}});
   return {{"reached", state.isReached}, {"reason", state.reason}, {"claims", std::move(claims)}};
 }
 

@@ -94,12 +94,13 @@ void Announcements::Process::announce(Announcement announcement) {
   for (const std::string& path : announcement_.publishes) all_.paths_.emplace(path, this);
   for (const std::string& path : announcement_.covers) all_.covered_.emplace(path, this);
   all_.processes_.push_back(this);
+  ++all_.changes_;
 }
 
 void Announcements::Process::withdraw() {
   for (const std::string& path : announcement_.publishes) all_.paths_.erase(path);
   for (const std::string& path : announcement_.covers) all_.covered_.erase(path);
-  std::erase(all_.processes_, this);
+  if (std::erase(all_.processes_, this) > 0) ++all_.changes_;
   announcement_ = {};
 }
 

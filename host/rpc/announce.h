@@ -58,6 +58,8 @@ class Announcements {
   // Whether any process publishes a path under `path`.
   bool leadsToPublished(std::string_view path) const;
 
+  // How often any process announced or withdrew.
+  std::size_t changes() const { return changes_; }
   // In the order of their announcements.
   const std::vector<const Process*>& processes() const { return processes_; }
 
@@ -73,6 +75,7 @@ class Announcements {
   Paths paths_;  // published
   Paths covered_;
   std::vector<const Process*> processes_;
+  std::size_t changes_ = 0;
 };
 
 }  // namespace Host

@@ -241,7 +241,9 @@ struct SharedStore {
                               {"", "a", "a/b", "b", "b/x", "c"},
                               {"T"},
                               {"x", "y", "z"},
-                              {1, "2", true}};
+                              {1, "2", true},
+                              {"a", "a/b", "a/b/c", "a-b", "b", "b/x/y"},
+                              {"", "a", "a/b", "b/x", "c"}};
     return all;
   }
   static constexpr bool kIsLocal = false;
@@ -255,6 +257,7 @@ struct SharedStore {
       return Zel::Clock::kNever;
     });
     EXPECT_TRUE(runUntil([this] { return reader_.state().isReached; }));
+    store_.announce({.pid = 1, .covers = {"a", "a-b", "b"}});
   }
 
   Statedb::Store& store() { return store_; }
@@ -327,12 +330,9 @@ class Stores : public ::testing::Test {
     return choices[random_() % choices.size()];
   }
 
-  bool takesCovers() { return !Tested::universe().covered.empty(); }
-
   Change change(Durability durability) {
     const Universe& all = Tested::universe();
-    const bool isCovered =
-        takesCovers() && (durability == Durability::cover || (durability == Durability::stored && oneIn(3)));
+    const bool isCovered = durability == Durability::cover || (durability == Durability::stored && oneIn(3));
     const char* path = pick(isCovered ? all.covered : all.entities);
     const unsigned kind = random_() % 8;
     if (kind == 0) return Change::del(pick(isCovered ? all.uncovered : all.removed));
@@ -427,9 +427,9 @@ TYPED_TEST(Stores, AreTheirModelUnderRandomOperationsAndFaults) {
   this->subscribe();
   for (int step = 0; step < TypeParam::kSteps && !testing::Test::HasFailure(); ++step) {
     SCOPED_TRACE("step " + std::to_string(step));
-    const auto durability = this->oneIn(4) && this->takesCovers() ? Durability::cover
-                            : this->oneIn(2)                      ? Durability::stored
-                                                                  : Durability::volatile_;
+    const auto durability = this->oneIn(4)   ? Durability::cover
+                            : this->oneIn(2) ? Durability::stored
+                                             : Durability::volatile_;
     Statedb::Subscriber* const origin =
         durability != Durability::cover && this->oneIn(3) ? &this->origin_ : nullptr;
     const bool isElsewhere = !TypeParam::kIsLocal && durability == Durability::stored;
@@ -460,14 +460,6 @@ TYPED_TEST(Stores, AreTheirModelUnderRandomOperationsAndFaults) {
     if (TypeParam::kIsLocal) this->subscribe();
     if (TypeParam::kIsLocal || this->oneIn(2)) expectEqual();
   }
-}
-
-TEST(RedisStore, RefusesCovers) {
-  SharedStore shared;
-  EXPECT_FALSE(shared.store().takesCovers());
-  const Changes covers = {Change::put("a", "T", "x", 1)};
-  EXPECT_THROW(shared.store().write(covers, Durability::cover), Statedb::RefusedError);
-  EXPECT_TRUE(shared.store().table()->read("").empty());
 }
 
 constexpr const char* kPin = "Hardware::Gpio::CorvelPinConfig";

@@ -104,4 +104,24 @@ TEST_F(RedisUsers, PublishUnderTheirMounts) {
   }
 }
 
+TEST_F(RedisUsers, CoverLedsAsAHostAndRemoveTheCoversOfOneThatIsGone) {
+  const std::string led = "hardware/led/config/leds/Status", leds = "hardware/led/config";
+  const auto reader = open("monitor"), line = open("line");
+  auto store = open("host");
+  EXPECT_EQ(stored(*store, put(led)), Kind::taken);
+  store->announce({.pid = 1, .covers = {leds}});
+  store->write({Change::put(led, "T", "x", 2)}, Durability::cover);
+  const auto until = [&](int value) {
+    runUntil(loop, [&] {
+      if (store) store->flush();
+      const auto records = reader->table()->read(Statedb::Path(led));
+      return !records.empty() && *records[0]->find("x") == Zel::Value(value);
+    });
+  };
+  until(2);
+  store = nullptr;
+  until(1);
+  EXPECT_EQ(reports, std::vector<std::string>());
+}
+
 }  // namespace

@@ -226,6 +226,11 @@ TEST(Claims, RowsWithoutAPublisherAreRemovedAfterHold) {
     EXPECT_THAT(process.until(each.claim), ElementsAre(each.does));
   }
 
+  Process limited(Milliseconds(5'000), kNone);
+  EXPECT_THAT(limited.until(kReleased), ElementsAre("1: sweep m 3 "));
+  limited.claims.onMayNotSweep("m", limited.now);
+  EXPECT_THAT(limited.until(kReleased), ElementsAre("never")) << "others have the right";
+
   Process reader(Milliseconds(5'000), kNone);
   const auto see = [&](std::uint64_t beat) {
     return reader.at(ClaimList{"g", {{"m", silent}, {"m/n", held("1 she", beat)}}});
@@ -253,8 +258,14 @@ TEST(Claims, RowsAreKeptInANewTimelineUntilTheirPublisherIsDoneOrHoldIsOver) {
   EXPECT_THAT(reader.reached("t3"), ElementsAre("kept m", ""));
   EXPECT_THAT(reader.until(kAbsent), ElementsAre("31: current m"));
   EXPECT_THAT(reader.claims.status(), IsEmpty());
+  EXPECT_TRUE(reader.claims.isIdle());
   reader.claims.onPublished("n");  // the server is lost before its claim is read
   EXPECT_THAT(reader.reached("t4"), ElementsAre("kept n", ""));
+
+  Process ofCovers(Milliseconds(5'000), Milliseconds(0));
+  ofCovers.at(before);
+  EXPECT_THAT(ofCovers.reached("t2"), ElementsAre("kept m", ""));
+  EXPECT_THAT(ofCovers.until(kAbsent), ElementsAre("6: current m")) << "the lease, without a hold";
 
   Process owner;
   owner.own();

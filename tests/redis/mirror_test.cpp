@@ -29,15 +29,33 @@ struct Snapshot {
   Records pointers{};
 };
 
-constexpr Durability kStored = Durability::stored, kVolatile = Durability::volatile_;
+constexpr Durability kStored = Durability::stored, kVolatile = Durability::volatile_,
+                     kCover = Durability::cover;
+constexpr Layer kLayers[] = {Layer::effective, Layer::base};
 
-// Two spaces and pending writes as plain rows.
+// The spaces and pending writes as plain rows.
 struct Naive {
   Rows stored{}, volatile_{};
+  Model covers{};
   std::map<Host::Redis::Mirror::Pending, Changes> pending{};
 
-  Rows& in(Durability space) { return space == kStored ? stored : volatile_; }
-  Rows visible() const {
+  Rows in(Durability space) const {
+    return space == kStored ? stored : space == kVolatile ? volatile_ : covers.coverRows();
+  }
+  void carry(Durability space, const Changes& changes) {
+    if (space != kCover) return carryInto(space == kStored ? stored : volatile_, changes);
+    for (const Change& each : changes) covers.cover(each);
+  }
+  Rows visible(Layer layer = Layer::effective) const {
+    Rows rows = visibleBase();
+    if (layer == Layer::base) return rows;
+    for (const auto& [key, value] : covers.coverRows()) {
+      const auto type = rows.find({key.first, ""});
+      if (type != rows.end() && type->second == covers.covers.at(key.first).type) rows[key] = value;
+    }
+    return rows;
+  }
+  Rows visibleBase() const {
     Rows rows = stored;
     for (const auto& [key, value] : volatile_) {
       const auto type = stored.find({key.first, ""});
@@ -46,7 +64,7 @@ struct Naive {
     return rows;
   }
   Naive withPending() const {
-    Naive after{stored, volatile_};
+    Naive after{stored, volatile_, covers};
     for (const auto& [id, changes] : pending)
       for (const Change& change : changes) after.write(change);
     return after;
@@ -68,19 +86,21 @@ class World {
 
   void step() {
     const unsigned kind = below(10);
-    const Durability space = below(2) ? kStored : kVolatile;
+    const Durability space = kSpaces[below(3)];
     if (kind < 5) carry(space, changes(1 + below(3)));
     if (kind == 5) replace(space);
     if (below(2)) replaceFurther();
     if (kind == 6) writeWithCompanion();
     if (kind == 7) pend();
     if (kind == 8 && !naive_.pending.empty()) settle();
-    EXPECT_EQ(shown(""), subscriber_);
+    expectShown();
     if (replaced_.empty()) checkShown();
     if (replaced_.empty() && below(2)) checkTable();
   }
 
  private:
+  static constexpr Durability kSpaces[] = {kStored, kVolatile, kCover};
+
   unsigned below(unsigned bound) { return static_cast<unsigned>(random_() % bound); }
   template <class List>
   auto any(const List& list) {
@@ -108,16 +128,16 @@ class World {
   }
 
   void carry(Durability space, const Changes& changes) {
-    const Rows before = subscriber_;
-    Changes visible;
-    carryInto(naive_.in(space), changes);
+    auto before = subscribers_;
+    LayeredChanges visible;
+    naive_.carry(space, changes);
     mirror_.carry(space, changes, visible);
     notify(visible);
     if (changes.size() == 1) expectNoNeedlessDel(visible, before);
   }
   // The mirror gets what it missed in portions, while the space goes on changing.
   void replace(Durability space) {
-    carryInto(naive_.in(space), changes(below(8)));
+    naive_.carry(space, changes(below(8)));
     replaced_.insert(space);
     mirror_.replace(space, [this, space](Path path) -> std::optional<const Record*> {
       wanted_ = Snapshot(naive_.in(space)).records;
@@ -128,8 +148,8 @@ class World {
   void replaceFurther() {
     if (replaced_.empty()) return;
     const Durability space = *replaced_.begin();
-    const Rows before = subscriber_;
-    Changes visible;
+    auto before = subscribers_;
+    LayeredChanges visible;
     if (mirror_.proceed(space, below(static_cast<unsigned>(2 * Path::count())), visible))
       replaced_.erase(space);
     notify(visible);
@@ -147,13 +167,13 @@ class World {
       if (change.kind != Change::Kind::put) companion.push_back(change);
     carryInto(naive_.volatile_, companion);
     mirror_.carryHidden(companion);
-    EXPECT_EQ(shown(""), subscriber_);
-    if (below(3) == 0) carry(kVolatile, changes(1));
+    expectShown();
+    if (below(3) == 0) carry(below(2) ? kVolatile : kCover, changes(1));
     if (below(3) == 0) replaceFurther();
-    EXPECT_EQ(shown(""), subscriber_);
+    expectShown();
     carry(kStored, entry);
-    EXPECT_EQ(shown(""), subscriber_);
-    Changes visible;
+    expectShown();
+    LayeredChanges visible;
     mirror_.release(visible);
     notify(visible);
   }
@@ -167,12 +187,15 @@ class World {
     naive_.pending.erase(each);
   }
 
-  // A subscriber that would notice what did not change.
-  void notify(const Changes& visible) {
+  // Subscribers that would notice what did not change.
+  void notify(const LayeredChanges& visible) {
+    for (const Layer layer : kLayers) notify(visible.of(layer), subscribers_[layer]);
+  }
+  static void notify(const Changes& visible, Rows& subscriber) {
     for (const Change& change : visible) {
-      const Rows before = subscriber_;
-      carryInto(subscriber_, {change});
-      EXPECT_NE(subscriber_, before) << change.row.path << " is notified of what it is";
+      const Rows before = subscriber;
+      carryInto(subscriber, {change});
+      EXPECT_NE(subscriber, before) << change.row.path << " is notified of what it is";
       const auto type = before.find({change.row.path.text(), ""});
       const bool replaces = change.kind == Change::Kind::put && type != before.end() &&
                             type->second != Value(change.row.type.view());
@@ -180,23 +203,27 @@ class World {
     }
   }
   // Of one change, or of a portion of a snapshot.
-  void expectNoNeedlessDel(const Changes& visible, const Rows& before) {
-    for (const Change& change : visible) {
-      const std::pair<std::string, std::string> key{change.row.path.text(), ""};
-      if (change.kind != Change::Kind::del || !subscriber_.contains(key)) continue;
-      EXPECT_NE(subscriber_.at(key), before.at(key)) << "a needless del: " << change.row.path;
-    }
+  void expectNoNeedlessDel(const LayeredChanges& visible, std::map<Layer, Rows>& before) {
+    for (const Layer layer : kLayers)
+      for (const Change& change : visible.of(layer)) {
+        const std::pair<std::string, std::string> key{change.row.path.text(), ""};
+        if (change.kind != Change::Kind::del || !subscribers_[layer].contains(key)) continue;
+        EXPECT_NE(subscribers_[layer].at(key), before[layer].at(key))
+            << "a needless del: " << change.row.path;
+      }
   }
 
-  Rows shown(const std::string& path) {
+  Rows shown(Layer layer) {
     Rows rows;
-    mirror_.withShown(path, [&](const Records& records) { rows = rowsOf(records); });
+    mirror_.withShown("", layer, [&](const Records& records) { rows = rowsOf(records); });
     return rows;
+  }
+  void expectShown() {
+    for (const Layer layer : kLayers) EXPECT_EQ(shown(layer), subscribers_[layer]);
   }
   void checkShown() {
     const Rows visible = naive_.visible();
-    EXPECT_EQ(subscriber_, visible);
-    EXPECT_EQ(shown(""), visible);
+    for (const Layer layer : kLayers) EXPECT_EQ(subscribers_[layer], naive_.visible(layer));
     const std::string at = path();
     Changes whole, value;
     mirror_.appendShown(at, {}, whole);
@@ -215,6 +242,8 @@ class World {
     const Rows rows = after.visible();
     const Records records = mirror_.read("");
     EXPECT_EQ(rowsOf(records), rows);
+    EXPECT_EQ(rowsOf(mirror_.readBase("")), after.visible(Layer::base));
+    EXPECT_EQ(rowsOf(mirror_.readCovers("")), naive_.covers.coverRows());
     EXPECT_TRUE(std::ranges::is_sorted(records, &Statedb::readsBefore, &Record::path));
     EXPECT_EQ(mirror_.entities(), records.size());
     const std::string at = path();
@@ -231,7 +260,7 @@ class World {
   std::mt19937 random_;
   Host::Redis::Mirror mirror_;
   Naive naive_;
-  Rows subscriber_;
+  std::map<Layer, Rows> subscribers_;
   std::set<Durability> replaced_;  // in part
   std::vector<Record> wanted_;
 };
@@ -260,10 +289,15 @@ TEST(RedisMirror, RevealsWhatTheLastStepOfABatchAtAPlaceDidNotWrite) {
       {{Change::del("a"), Change::put("a", "T", {}, {}), put(2)}, none},
   };
   Host::Redis::Mirror mirror;
-  Changes visible;
+  LayeredChanges visible;
   mirror.carry(kStored, two, visible);
   for (const auto& each : cases)
     EXPECT_EQ(mirror.revealedBy(each.batch), each.revealed) << "case " << &each - cases;
+
+  const Changes cover = {Change::put("a", "T", "y", 5)};
+  mirror.carry(kCover, cover, visible);
+  for (const Changes& batch : {two, Changes{Change::put("a", "T", {}, {})}})
+    EXPECT_EQ(mirror.revealedBy(batch), cover) << "the entity may be new, and shows with its covers";
 }
 
 }  // namespace

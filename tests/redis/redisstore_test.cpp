@@ -281,6 +281,87 @@ TEST_F(SharedStore, RefusesAnOwnerThatWasStoppedUntilAnotherTookOver) {
   EXPECT_TRUE(successor->isOwner());
 }
 
+constexpr const char* kLed = "led/x";
+
+void cover(Process& by, int value) {
+  by.store.write({Change::put(kLed, "T", "v", value)}, Durability::cover, nullptr);
+  by.store.flush();
+}
+
+TEST_F(SharedStore, ShowsTheCoversOfOneProcessAndThoseOfTheNextWhenItHasGone) {
+  auto a = process(), b = process();
+  const auto reader = process();
+  StoreModel::Mirror base("", Layer::base);
+  reader->store.subscribe("", base);
+  const auto isShown = [&](int value) { return reader->shown(kLed, "v") == Value(value); };
+  until([&] { return a->store.isReached() && b->store.isReached() && reader->store.isReached(); });
+  cover(*a, 2);  // before anybody announced that, and before the entity is there
+  a->store.announce({.pid = 1, .covers = {"led"}});
+  until([&] { return a->isOwner(); });
+  EXPECT_THAT(reader->all.rows, IsEmpty());
+  write(*reader, {Change::put(kLed, "T", "v", 1)});
+  until([&] { return isShown(2); });
+  b->reports.clear();
+  b->store.announce({.pid = 2, .covers = {"led"}});
+  cover(*b, 3);
+  until([&] { return !b->reports.empty(); });
+  EXPECT_THAT(b->reports, ElementsAre(HasSubstr("'led' is covered by pinlampd 1 on")));
+  const auto ticket = write(*b, {Change::put(kLed, "T", "v", 5)});
+  until([&] { return ticket.isDone() && base.rows.at({kLed, "v"}) == Value(5); });
+  EXPECT_TRUE(isShown(2));
+
+  // The server forgets them. Nobody sees that.
+  const int batches = reader->all.batches, own = a->all.batches;
+  server.restart();
+  until([&] { return !reader->store.isReached() && !a->store.isReached(); });
+  const auto later = process();
+  until([&] { return later->shown(kLed, "v") == Value(2) && reader->store.isReached() && a->isOwner(); });
+  EXPECT_EQ(reader->all.batches, batches);
+  EXPECT_EQ(a->all.batches, own);
+
+  end(a);
+  until([&] { return isShown(3); });
+  b->store.announce({.pid = 2});  // its agent is gone
+  until([&] { return isShown(5) && later->shown(kLed, "v") == Value(5); });
+  RedisTest::Client client(loop, server.url());
+  client.connect();
+  EXPECT_EQ(client.run("EXISTS {pinlamp}:c:d:led").number, 0);
+  EXPECT_EQ(base.rows, reader->all.rows);
+}
+
+// A process that covers, and is killed.
+[[noreturn]] void beKilled(const std::string& url) {
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  Host::Loop loop;
+  Process owner(loop, url), reader(loop, url);
+  loop.turnIs([&] {
+    owner.store.flush();
+    reader.store.flush();
+    return Zel::Clock::kNever;
+  });
+  RedisTest::runUntil(loop, [&] { return owner.store.isReached() && reader.store.isReached(); });
+  owner.store.write({Change::put(kLed, "T", "v", 1)}, Durability::stored, nullptr);
+  owner.store.announce({.pid = 1, .covers = {"led"}});
+  cover(owner, 2);
+  RedisTest::runUntil(loop, [&] { return reader.shown(kLed, "v") == Value(2); });
+  ::raise(SIGKILL);
+  ::_exit(1);
+}
+
+TEST_F(SharedStore, RemovesTheCoversOfAProcessThatWasKilled) {
+  const std::string url = server.url("&lease=1s&hold=never");
+  const pid_t owner = ::fork();
+  if (owner == 0) beKilled(url);
+  int status = 0;
+  ::waitpid(owner, &status, 0);
+  ASSERT_TRUE(WIFSIGNALED(status));
+  const auto reader = process();
+  until([&] { return reader->shown(kLed, "v") == Value(1); });
+  RedisTest::Client client(loop, server.url());
+  client.connect();
+  EXPECT_EQ(client.run("EXISTS {pinlamp}:c:d:led").number, 0);
+}
+
 // The successor's rows come before the answer that shows its claim, and the server forgets both.
 TEST_F(SharedStore, PublishesItsOwnRowsAgainWhereASuccessorIsForgotten) {
   const auto owner = process(1), reader = process();

@@ -50,7 +50,8 @@ class Scripts : public RedisTest::OnServer {
   };
 
   Call writing(const Space& to, const Changes& changes, const WriteOptions& options) const {
-    return writeCall("p", to.durability, changes, options, {stored.rows, volatile_.rows, to.state.tip});
+    return writeCall("p", to.durability, changes, options,
+                     {stored.rows, volatile_.rows, covers.rows, to.state.tip});
   }
   // As a writer that read this generation.
   WriteOptions of(const std::string& generation, std::vector<Claimed> claims = {}) {
@@ -65,7 +66,7 @@ class Scripts : public RedisTest::OnServer {
   }
   // The log since the last time, and what it makes of the rows.
   void read(Space& from) {
-    from.state = serverState(call(stateCall(from.keys))).state;
+    from.state = serverState(call(stateCall({&from.keys}))).state;
     while (from.readUpTo < from.state.tip) {
       const Reply reply = call(logCall(from.keys, from.readUpTo, 7));
       for (const Entry& entry : logPage(reply).entries) {
@@ -77,7 +78,7 @@ class Scripts : public RedisTest::OnServer {
   Rows scan(const Space& from) { return RedisTest::scan(client, from.keys); }
 
   Caller caller{client.connection};
-  Space stored{kStored}, volatile_{kVolatile};
+  Space stored{kStored}, volatile_{kVolatile}, covers{Durability::cover};
   Sequence sequence = 0;
 };
 
@@ -93,7 +94,7 @@ TEST_F(Scripts, RowsAndEntriesStandWhereTheyAreDocumented) {
   EXPECT_EQ(field("Ethernet3%2F1"), "T\ttheme\tlimit");
   EXPECT_EQ(field("Ethernet3%2F1/theme"), "\"night\"");
   EXPECT_EQ(client({"ZRANGE", "{p}:s:dirs", "0", "-1"})[0].text, "hardware/led");
-  const ServerState state = serverState(call(stateCall(stored.keys)));
+  const ServerState state = serverState(call(stateCall({&stored.keys})));
   EXPECT_EQ(state.state.tip, 1U);
   EXPECT_EQ(state.state.timeline.generation, "g");
   EXPECT_EQ(state.state.timeline.server.size(), 40U);
@@ -253,7 +254,7 @@ TEST_F(Scripts, VolatileRowsStayOutOfTheFile) {
   read(volatile_);
   write(volatile_, {put("b/c", "y", 1)});
   write(volatile_, {Change::del("b")});
-  EXPECT_EQ(serverState(call(stateCall(volatile_.keys, "me", 1))).role, "master");
+  EXPECT_EQ(serverState(call(fenceCall(volatile_.keys, "me", 1))).role, "master");
   EXPECT_TRUE(isOwnedBy(claim(call(takeCall(volatile_.keys, "m", {.generation = "g"}, "me", "", ""))), "me"));
   EXPECT_EQ(fileSize(), before);
   write(stored, {put("a", "x", 2)});
@@ -264,8 +265,8 @@ TEST_F(Scripts, VolatileRowsStayOutOfTheFile) {
   caller.lost();
   EXPECT_EQ(seenIn(scan(volatile_).all()), Seen());
   EXPECT_EQ(seenIn(scan(stored).all()), (Seen{{"a", "T"}, {"a x", "2"}}));
-  EXPECT_EQ(serverState(call(stateCall(volatile_.keys))).state.timeline.generation, "");
-  const State after = serverState(call(stateCall(stored.keys))).state;
+  EXPECT_EQ(serverState(call(stateCall({&volatile_.keys}))).state.timeline.generation, "");
+  const State after = serverState(call(stateCall({&stored.keys}))).state;
   EXPECT_EQ(after.tip, 2U);
   EXPECT_NE(after.timeline, stored.state.timeline) << "a restart is another timeline";
 }
@@ -274,7 +275,7 @@ TEST_F(Scripts, AFenceKeepsWhatWasGivenUpFromBeingCarriedOut) {
   write(stored, {put("a", "x", 1)});
   read(stored);
   client({"HSET", stored.keys.meta(), "fence:he", "9 1000"});  // of a writer in the last century
-  EXPECT_EQ(serverState(call(stateCall(stored.keys, "me", 5))).state.tip, 1U);
+  EXPECT_EQ(serverState(call(fenceCall(stored.keys, "me", 5))).state.tip, 1U);
   EXPECT_EQ(client({"HEXISTS", stored.keys.meta(), "fence:he"}).number, 0);
   sequence = 4;
   EXPECT_EQ(write(stored, {put("a", "x", 5)}).refusal(), Refusal::fenced);

@@ -23,7 +23,8 @@
 
 namespace RedisTest {
 
-inline constexpr auto kStored = Statedb::Durability::stored, kVolatile = Statedb::Durability::volatile_;
+inline constexpr auto kStored = Statedb::Durability::stored, kVolatile = Statedb::Durability::volatile_,
+                      kCover = Statedb::Durability::cover;
 
 // A port of the loopback that is free at the moment.
 inline std::uint16_t freePort() {

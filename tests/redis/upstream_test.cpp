@@ -12,6 +12,7 @@
 namespace {
 
 using namespace Host::Redis;
+using RedisTest::kCover;
 using RedisTest::kStored;
 using RedisTest::kVolatile;
 using RedisTest::runUntil;
@@ -31,7 +32,7 @@ Change put(Path path, int value) { return Change::put(path, "T", "x", value); }
 struct Process final : Upstream::Owner {
   Process(Host::Loop& loop, const std::string& url) : upstream(loop, parseUrl(url), *this) {}
 
-  static std::size_t at(Durability space) { return space == kStored ? 0 : 1; }
+  static std::size_t at(Durability space) { return static_cast<std::size_t>(space); }
   void add(const std::string& event) { events.push_back(event); }
   Rows& shadow(Durability space) { return shadows[at(space)]; }
 
@@ -43,8 +44,8 @@ struct Process final : Upstream::Owner {
   void onRows(Durability space) override { shadow(space) = upstream.rows(space); }
   void onEntry(const Entry& entry) override {
     shadow(entry.space).carry(entry.changes);
-    add((entry.head.companionOf > 0 ? "companion" : "entry") +
-        std::string(entry.space == kStored ? " s" : " v") + (entry.own ? " own" : ""));
+    add((entry.head.companionOf > 0 ? "companion" : "entry") + std::string({' ', letterOf(entry.space)}) +
+        (entry.own ? " own" : ""));
   }
   void onWiped(Durability) override { add("wiped"); }
   void onSettled(const WriteId& write, Outcome outcome) override {
@@ -65,7 +66,7 @@ struct Process final : Upstream::Owner {
   std::vector<Loss> losses;
   std::vector<Refusal> refusals;
   std::map<std::pair<std::size_t, Sequence>, Outcome> outcomes;
-  std::array<Rows, 2> shadows;  // rows of the last snapshot, with the entries since
+  std::array<Rows, 3> shadows;  // rows of the last snapshot, with the entries since
   Upstream upstream;
 };
 
@@ -82,7 +83,7 @@ class RedisUpstream : public RedisTest::OnServer {
       return each->upstream.isReached() && each->upstream.underWay() == 0;
     };
     runUntil(loop, [&] { return std::ranges::all_of(processes, isSettled); });
-    for (const Durability space : {kStored, kVolatile}) {
+    for (const Durability space : {kStored, kVolatile, kCover}) {
       const Seen rows = scan(space);
       for (Process* each : processes) {
         runUntil(loop, [&] { return seenIn(each->upstream.rows(space)) == rows; });
@@ -99,6 +100,7 @@ TEST_F(RedisUpstream, ReadsASnapshotAndThenEveryEntry) {
   reach(writer);
   const WriteId first = writer.write(kStored, {put("a/b", 1), put("c", 1)});
   writer.write(kVolatile, {put("a/b", 2), put("d/e", 3)});
+  writer.write(kCover, {put("a/b", 4)});
   agree({&writer});
   EXPECT_EQ(writer.outcomeOf(first), Outcome::applied);
 

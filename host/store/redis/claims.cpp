@@ -53,6 +53,8 @@ struct Claims::Mount {
   std::string synced{};     // the timeline in which everything was published, and the revision then
   Token standby{};          // the holder that was notified of
 
+  bool maySweep = true;  // as far as is known on this connection
+
   bool isKept = false;
   Now keptSince = 0;  // watched_ then
 };
@@ -82,6 +84,7 @@ void Claims::onReached(const std::string& timeline) {
   isReached_ = true;
   for (auto& [name, mount] : mounts_) {
     mount.isVerified = false;
+    mount.maySweep = true;
     mount.since = watched_;
     mount.repeats = 0;
     if (!isOther) continue;
@@ -163,6 +166,11 @@ void Claims::onFailed(const std::string& mount, Now now) {
   --found->second.underWay;
   found->second.since = watched_;
   found->second.repeats = 0;
+}
+
+void Claims::onMayNotSweep(const std::string& mount, Now now) {
+  onFailed(mount, now);
+  if (const auto found = mounts_.find(mount); found != mounts_.end()) found->second.maySweep = false;
 }
 
 void Claims::onFenced(const std::string& mount) {
@@ -253,7 +261,7 @@ bool Claims::isShared(const std::string& name) const {
 }
 
 void Claims::sweepIfDue(const std::string& name, Mount& mount) {
-  if (!isDead(mount) || isShared(name)) return;
+  if (!mount.maySweep || !isDead(mount) || isShared(name)) return;
   ++mount.underWay;
   output_.sweep(name, mount.seen);
 }
@@ -281,7 +289,7 @@ bool Claims::isCurrent(const Mount& mount) const {
 }
 
 void Claims::stopKeeping(const std::string& name, Mount& mount) {
-  if (!mount.isKept || (!isCurrent(mount) && watched_ - mount.keptSince < hold_)) return;
+  if (!mount.isKept || (!isCurrent(mount) && watched_ - mount.keptSince < std::max(hold_, lease_))) return;
   mount.isKept = false;
   output_.onCurrent(name);
 }

@@ -29,9 +29,12 @@
 //
 // When the timeline changes, the volatile space may be empty or old: readers keep the rows that they had
 // under a claimed mount until its owner reports that it has published everything in this timeline, and they
-// have the entry of the log by which it had (`synced`: "TIMELINE REVISION"), at most for `hold`. The report
+// have the entry of the log by which it had (`synced`: "TIMELINE REVISION"), at most for `hold`, or the lease
+// where that is longer, since an owner that lives publishes within it. The report
 // may be faster than that entry, which comes over another connection. An owner that loses its claim before it
 // has published everything keeps the rows as well.
+//
+// Claims of covers are the same, with a `hold` of 0 and in a space of their own.
 //
 // Activity thread only.
 #pragma once
@@ -116,6 +119,8 @@ class Claims {
   void onReadFailed();
   void onClaim(const std::string& mount, const Claim& claim, Now now);
   void onFailed(const std::string& mount, Now now);
+  // The server refused a sweep because this process has not the right: others have it.
+  void onMayNotSweep(const std::string& mount, Now now);
   // A write was refused because another process holds the claim: there is no token until an answer shows that
   // it is this one's after all.
   void onFenced(const std::string& mount);
@@ -127,6 +132,8 @@ class Claims {
 
   // Throws RefusedError for a change under a mount that another process publishes, and this one does not.
   void check(const Statedb::Changes& changes) const;
+  // Whether none is wanted, known or kept.
+  bool isIdle() const { return mounts_.empty(); }
   // Empty unless this process owns the claim, seen on this connection.
   Token ownedToken(std::string_view mount) const;
   // Of each mount that is or was claimed by anybody, by name.

@@ -26,9 +26,13 @@ void appendVolatile(const Record& record, Changes& changes) {
 void KeptRows::keep(Path mount, const Mirror& mirror) {
   if (mounts_.contains(mount)) return;
   Changes shown;
-  mirror.withShown(mount, [&](const Records& records) {
+  const auto appendAll = [&](const Records& records) {
     for (const Record* record : records) appendVolatile(*record, shown);
-  });
+  };
+  if (space_ == Durability::cover)
+    appendAll(mirror.readCovers(mount));
+  else
+    mirror.withShown(mount, Statedb::Layer::base, appendAll);
   if (!shown.empty()) mounts_[mount].carry(shown);
 }
 

@@ -1,7 +1,7 @@
-// The volatile rows of others that are shown although the server, restarted or wiped, may lack them: until
-// their publishers have published everything again.
+// The volatile rows, or the covers, of others that are shown although the server, restarted or wiped, may
+// lack them: until their publishers have published everything again.
 //
-//     KeptRows kept;
+//     KeptRows kept(Durability::volatile_);
 //     kept.keep(mount, mirror);   // what is shown there
 //     kept.carry(changes);        // what is published meanwhile shows at once
 //     const Record* shown = kept.over(path, theirs);
@@ -19,11 +19,13 @@ namespace Host::Redis {
 
 class KeptRows {
  public:
-  // Keeps the volatile values that are shown at and under the mount, unless some are kept there already.
+  explicit KeptRows(Statedb::Durability space) : space_(space) {}
+
+  // Keeps the space's values that are shown at and under the mount, unless some are kept there already.
   void keep(Statedb::Path mount, const Mirror& mirror);
   // Returns whether rows were kept there.
   bool release(Statedb::Path mount) { return mounts_.erase(mount) > 0; }
-  // Carries changes of the volatile space into the rows that are kept.
+  // Carries changes of the space into the rows that are kept.
   void carry(const Statedb::Changes& changes);
 
   // The rows of a mount. Valid until something changes.
@@ -32,6 +34,7 @@ class KeptRows {
   const Statedb::Record* over(Statedb::Path path, const Statedb::Record* theirs) const;
 
  private:
+  const Statedb::Durability space_;
   std::map<Statedb::Path, Rows> mounts_;
 };
 

@@ -87,8 +87,13 @@ struct DeltaReader {
 
 }  // namespace
 
+char letterOf(Statedb::Durability space) {
+  constexpr std::array kLetters{'s', 'v', 'c'};
+  return kLetters.at(static_cast<std::size_t>(space));
+}
+
 Keys::Keys(std::string_view prefix, Statedb::Durability space)
-    : space_("{" + std::string(prefix) + (space == Statedb::Durability::stored ? "}:s" : "}:v")) {}
+    : space_("{" + std::string(prefix) + "}:" + letterOf(space)) {}
 
 Place placeOf(Path path) {
   if (path.empty()) return {};

@@ -4,8 +4,8 @@
 //     keys.directory("hardware/led")     "{pinlamp}:s:d:hardware/led"
 //     deltaText(changes)                 the batch as it stands in an entry of the log
 //
-// Stored and volatile rows are two spaces of the same layout. P is "{PREFIX}:s" or "{PREFIX}:v"; the braces
-// keep all keys of a database on one node of a cluster.
+// Stored rows, volatile rows and covers are three spaces of the same layout. P is "{PREFIX}:s", "{PREFIX}:v"
+// or "{PREFIX}:c"; the braces keep all keys of a database on one node of a cluster.
 //
 //     P:d:DIRECTORY   hash: the entities directly under a path
 //                       NAME             TYPE, then the attributes in the order in which they were set,
@@ -14,7 +14,7 @@
 //     P:dirs          sorted set of these directories, all of score 0
 //     P:log           stream with the ids 0-REVISION: o, the origin, and d, the delta
 //     P:meta          hash: generation, fence:UUID, shape (the last revision that changed more than values),
-//                     and, in the volatile space, claim:MOUNT
+//                     and, but in the stored space, claim:MOUNT
 //     P:claim:MOUNT   hash: beat, who, synced
 //     P:changes       the channel on which each entry is announced: "GENERATION REVISION ORIGIN\nDELTA"
 //
@@ -22,10 +22,11 @@
 // entity at the empty path is the empty name in the empty directory.
 //
 // A delta is a line for each step, with tabs between its parts. A directory or a type holds until the next.
-// Two kinds of lines, of the volatile space alone, go before the steps:
+// Two kinds of lines go before the steps, the first in the volatile space alone, the other where claims are:
 //
 //     ^REVISION                a stored write made the entry, besides the one of that revision of the stored
-//     log =MOUNT                   the writer holds the claim of this mount, and makes or removes rows there
+//                              log
+//     =MOUNT                   the writer holds the claim of this mount, and makes or removes rows there
 //     @DIRECTORY
 //     :TYPE
 //     +NAME                    put: the entity is there
@@ -44,6 +45,9 @@
 #include "platform/statedb/store/row.h"
 
 namespace Host::Redis {
+
+// 's', 'v' or 'c'.
+char letterOf(Statedb::Durability space);
 
 class Keys {
  public:

@@ -27,7 +27,8 @@ inline constexpr const char* kWriteScript = R"lua(
 local redis, KEYS = redis, KEYS
 local batch, delta = cmsgpack.unpack(ARGV[1]), ARGV[2]
 local origin, own, claims = batch[3], batch[5], batch[7]
-local volatile = string.sub(own, -1) == 'v'
+local letter = string.sub(own, -1)
+local stored, volatile = letter == 's', letter == 'v'
 local found
 if #claims == 0 then
   found = redis.call('HMGET', KEYS[1], 'generation', batch[2], 'shape')
@@ -35,7 +36,7 @@ else
   local asked = {}
   for i = 1, #claims, 2 do asked[#asked + 1] = claims[i] end
   local held, count = nil, #asked
-  if volatile then  -- where claims are
+  if not stored then  -- where claims are
     asked[count + 1], asked[count + 2], asked[count + 3] = 'generation', batch[2], 'shape'
     held = redis.call('HMGET', KEYS[1], unpack(asked))
     found = {held[count + 1], held[count + 2], held[count + 3]}
@@ -61,7 +62,7 @@ end
 -- them. Where they were made, they fitted those of the other space. It returns before the functions below are created,
 -- which would take longer than the write.
 if found[3] and batch[6] >= tonumber(found[3]) then
-  if volatile then redis.set_repl(redis.REPL_REPLICA) end
+  if not stored then redis.set_repl(redis.REPL_REPLICA) end
   local id
   if batch[4] == 0 then
     id = redis.call('XADD', KEYS[2], '0-*', 'o', origin, 'd', delta)
@@ -75,7 +76,9 @@ if found[3] and batch[6] >= tonumber(found[3]) then
   return {tonumber(revision), generation, type(sent) == 'table' and sent.err or ''}
 end
 
+-- Stored and volatile rows stand in each other's way, covers in nobody's.
 local dirs, other = own .. ':dirs', string.sub(own, 1, -2) .. (volatile and 's' or 'v')
+local isAlone = not (stored or volatile)
 local function under(space, path)
   local dirs = space .. ':dirs'
   if path == '' then return redis.call('ZRANGE', dirs, 0, -1) end
@@ -116,7 +119,7 @@ end
 local function checkPut(step)
   step.now = redis.call('HMGET', step.key, unpack(step.names))
   local theirs = other .. ':d:' .. step.directory
-  local there = redis.call('EXISTS', theirs) == 1 and redis.call('HMGET', theirs, unpack(step.names))
+  local there = not isAlone and redis.call('EXISTS', theirs) == 1 and redis.call('HMGET', theirs, unpack(step.names))
   for i, text in ipairs(step.texts) do
     local now, that = step.now[i], there and there[i]
     if (now and now ~= text) or that then
@@ -141,7 +144,7 @@ for _, packed in ipairs(batch[8]) do
   else
     step.name = packed[3]
     touch(own, step.directory)
-    if not volatile then
+    if stored then
       touch(other, step.directory)
       redis.call('ZREM', other .. ':dirs', '\1')
       redis.call('HDEL', other .. ':meta', '\1')
@@ -157,7 +160,7 @@ for _, packed in ipairs(batch[8]) do
       end
       deleted[#deleted + 1] = step.path
       for _, each in ipairs(under(own, step.path)) do touch(own, each) end
-      if not volatile then
+      if stored then
         for _, each in ipairs(under(other, step.path)) do touch(other, each) end
       end
     end
@@ -165,7 +168,7 @@ for _, packed in ipairs(batch[8]) do
 end
 
 -- The changes.
-if volatile then redis.set_repl(redis.REPL_REPLICA) end
+if not stored then redis.set_repl(redis.REPL_REPLICA) end
 local function append(space, delta)
   if batch[4] == 0 then return string.match(redis.call('XADD', space .. ':log', '0-*', 'o', origin, 'd', delta), '%d+$') end
   local id = redis.call('XADD', space .. ':log', 'MAXLEN', '~', batch[4], '0-*', 'o', origin, 'd', delta)
@@ -247,7 +250,7 @@ for _, step in ipairs(steps) do
   else
     local carry = step.kind == 'u' and unset or del
     isNewShape = carry(own, step) or isNewShape
-    if not volatile then
+    if stored then
       redis.set_repl(redis.REPL_REPLICA)
       if carry(other, step) then
         hidden[#hidden + 1] = step.kind == 'u' and '@' .. step.directory .. '\n-' .. step.name .. '\t' .. step.attribute or
@@ -276,19 +279,23 @@ end
 return {tonumber(revision), generation, announce(own, generation, revision, delta)}
 )lua";
 
-// KEYS: meta, log. ARGV: uuid, fence (0: none), "s" or "v".
+// KEYS: meta and log of each space.
 inline constexpr const char* kStateScript = R"lua(
-local generation = redis.call('HGET', KEYS[1], 'generation') or ''
-local last = redis.call('XREVRANGE', KEYS[2], '+', '-', 'COUNT', 1)
-local tip = last[1] and tonumber(string.match(last[1][1], '^0%-(%d+)$')) or 0
 local info = redis.call('INFO', 'server', 'replication', 'memory')
 local function said(name) return string.match(info, '\n' .. name .. ':([^\r\n]*)') or '' end
-return {generation, tip, said('master_replid'), said('run_id'), said('role'), said('maxmemory_policy')}
+local answer = {said('master_replid'), said('run_id'), said('role'), said('maxmemory_policy')}
+for i = 1, #KEYS, 2 do
+  local last = redis.call('XREVRANGE', KEYS[i + 1], '+', '-', 'COUNT', 1)
+  answer[#answer + 1] = redis.call('HGET', KEYS[i], 'generation') or ''
+  answer[#answer + 1] = last[1] and tonumber(string.match(last[1][1], '^0%-(%d+)$')) or 0
+end
+return answer
 )lua";
 
-// Goes before the state script. A fence stays for a day; no request of a lost connection arrives later.
+// Goes before the state script. ARGV: uuid, fence, the space's letter. A fence stays for a day; no request of
+// a lost connection arrives later.
 inline constexpr const char* kFenceScript = R"lua(
-if ARGV[3] == 'v' then redis.set_repl(redis.REPL_REPLICA) end
+if ARGV[3] ~= 's' then redis.set_repl(redis.REPL_REPLICA) end
 local now = tonumber(redis.call('TIME')[1])
 if redis.call('HEXISTS', KEYS[1], 'generation') == 1 then
   local all = redis.call('HGETALL', KEYS[1])

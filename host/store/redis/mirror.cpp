@@ -1,20 +1,24 @@
 #include "host/store/redis/mirror.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <map>
 #include <optional>
 #include <utility>
 #include <vector>
 
+#include "host/store/redis/replacement.h"
 #include "host/store/redis/spaces.h"
 #include "platform/statedb/store/store.h"
 
 namespace Host::Redis {
 
+using Statedb::Attribute;
 using Statedb::Change;
 using Statedb::Changes;
 using Statedb::Durability;
+using Statedb::Layer;
 using Statedb::Path;
 using Statedb::Record;
 using Statedb::Records;
@@ -37,7 +41,7 @@ class Overlay {
   void spacesChanged() { entities_ = {}; }
 
   Layers at(Path path);
-  const Record* find(Path path);
+  const Record* find(Path path, Layer layer);
   std::size_t count();
 
  private:
@@ -49,8 +53,8 @@ class Overlay {
   };
   struct Entity {
     Record stored{}, volatile_{};
-    std::optional<Record> merged{};  // a cache
-    Layers layers() const { return {orNull(stored), orNull(volatile_)}; }
+    std::array<std::optional<Record>, 2> merged{};  // a cache, by Layer
+    Layers under(const Record* covers) const { return {orNull(stored), orNull(volatile_), covers}; }
     void clear() { *this = {}; }
   };
 
@@ -133,7 +137,7 @@ Overlay::Entity Overlay::applied(Path path, Orders& removals) const {
 
 // As Statedb::Store says for stored steps. Whether all under the entity is removed.
 bool Overlay::apply(const Row& row, Change::Kind kind, Entity& entity) {
-  const Name type = entity.layers().type();
+  const Name type = entity.under(nullptr).type();
   const bool removes =
       kind == Change::Kind::del || (kind == Change::Kind::put && !type.empty() && type != row.type);
   if (removes) entity.clear();
@@ -149,14 +153,16 @@ bool Overlay::apply(const Row& row, Change::Kind kind, Entity& entity) {
 
 Layers Overlay::at(Path path) {
   const Entity* pending = entity(path);
-  return pending ? pending->layers() : spaces_.at(path);
+  const Layers layers = spaces_.at(path);
+  return pending ? pending->under(layers.covers) : layers;
 }
 
-const Record* Overlay::find(Path path) {
+const Record* Overlay::find(Path path, Layer layer) {
   Entity* pending = entity(path);
-  if (!pending) return spaces_.find(path);
-  if (!pending->merged) pending->merged = pending->layers().merged();
-  return orNull(*pending->merged);
+  if (!pending) return spaces_.find(path, layer);
+  std::optional<Record>& merged = pending->merged[static_cast<std::size_t>(layer)];
+  if (!merged) merged = at(path).merged(layer);
+  return orNull(*merged);
 }
 
 // Takes linear time while anything is pending.
@@ -167,106 +173,20 @@ std::size_t Overlay::count() {
   return count;
 }
 
-// Two walks over all paths: forth, which has an entity before those under it, for what is wanted, and back
-// for what is not. Paths come and go between portions. One that a walk does not meet, because it was made
-// behind it, has no entity but one that was carried, which is as wanted already; one that it meets after that
-// is left as it is.
-class Replacement {
- public:
-  Replacement() = default;
-  Replacement(Durability space, Mirror::Wanted wanted)
-      : space_(space), wanted_(std::move(wanted)), walk_(Walk::forth) {}
-
-  bool isDone() const { return walk_ == Walk::done; }
-  void proceed(Spaces& spaces, std::size_t most, Changes& visible) {
-    for (; most > 0 && !isDone(); --most)
-      walk_ == Walk::forth ? stepForth(spaces, visible) : stepBack(spaces, visible);
-  }
-
-  // Carries a change that is wanted already, as may be others that follow.
-  void carry(Spaces& spaces, const Change& change, Changes& visible) const {
-    const Row& row = change.row;
-    const bool isPut = change.kind == Change::Kind::put;
-    if (change.kind == Change::Kind::del || (isPut && isOther(spaces.at(row.path), row.type)))
-      renewUnder(spaces, row.path, visible);
-    else
-      renew(spaces, row.path, visible);
-  }
-  void hide(Spaces& spaces, const Change& change) const {
-    if (change.kind == Change::Kind::del)
-      hideUnder(spaces, change.row.path);
-    else
-      hideAt(spaces, change.row.path);
-  }
-
- private:
-  enum class Walk : std::uint8_t { forth, back, done };
-
-  void stepForth(Spaces& spaces, Changes& visible) {
-    put(spaces, at_, visible);
-    at_ = at_.next();
-    if (at_.empty()) walk_ = Walk::back;
-  }
-  void stepBack(Spaces& spaces, Changes& visible) {
-    at_ = at_.previous();
-    if (at_.empty())
-      walk_ = Walk::done;
-    else
-      remove(spaces, at_, visible);
-  }
-  void put(Spaces& spaces, Path path, Changes& visible) const {
-    const auto wanted = wanted_(path);
-    if (wanted && *wanted) renew(spaces, path, *wanted, visible);
-  }
-  void remove(Spaces& spaces, Path path, Changes& visible) const {
-    if (spaces.at(path).type().empty()) return;
-    const auto wanted = wanted_(path);
-    if (wanted && !*wanted) spaces.renew(space_, path, nullptr, visible);
-  }
-
-  void renew(Spaces& spaces, Path path, Changes& visible) const {
-    if (const auto wanted = wanted_(path)) renew(spaces, path, *wanted, visible);
-  }
-  // An entity of another type takes along what is under it.
-  void renew(Spaces& spaces, Path path, const Record* wanted, Changes& visible) const {
-    const bool isReplaced = wanted && isOther(spaces.at(path), wanted->type);
-    isReplaced ? renewUnder(spaces, path, visible) : spaces.renew(space_, path, wanted, visible);
-  }
-  bool isOther(const Layers& layers, Name type) const {
-    const Record* own = space_ == Durability::stored ? layers.stored : layers.volatile_;
-    return (own && own->type != type) || (!layers.type().empty() && layers.type() != type);
-  }
-  void renewUnder(Spaces& spaces, Path path, Changes& visible) const {
-    hideUnder(spaces, path);
-    spaces.showUnder(path, visible);
-  }
-  void hideUnder(Spaces& spaces, Path path) const {
-    path.forEachUnder([&](Path each) { hideAt(spaces, each); });
-  }
-  void hideAt(Spaces& spaces, Path path) const {
-    if (const auto wanted = wanted_(path)) spaces.renewHidden(space_, path, *wanted);
-  }
-
-  Durability space_ = Durability::stored;
-  Mirror::Wanted wanted_{};
-  Walk walk_ = Walk::done;
-  Path at_{};  // forth: the next one; back: the last one
-};
-
 }  // namespace
 
 struct Mirror::State {
   Spaces spaces{};
   Overlay overlay{spaces};
-  Replacement stored{}, volatile_{};
+  std::array<Replacement, 3> replacements{};  // by Durability
 
-  Replacement& replacement(Durability space) { return space == Durability::stored ? stored : volatile_; }
+  Replacement& replacement(Durability space) { return replacements[static_cast<std::size_t>(space)]; }
 };
 
 Mirror::Mirror() : state_(std::make_unique<State>()) {}
 Mirror::~Mirror() = default;
 
-void Mirror::carry(Durability space, const Changes& changes, Changes& visible) {
+void Mirror::carry(Durability space, const Changes& changes, LayeredChanges& visible) {
   const Replacement& replacement = state_->replacement(space);
   for (const Change& each : changes)
     if (replacement.isDone())
@@ -277,7 +197,7 @@ void Mirror::carry(Durability space, const Changes& changes, Changes& visible) {
 }
 
 void Mirror::carryHidden(const Changes& changes) {
-  const Replacement& replacement = state_->volatile_;
+  const Replacement& replacement = state_->replacement(Durability::volatile_);
   for (const Change& each : changes)
     if (replacement.isDone())
       state_->spaces.hide(Durability::volatile_, each);
@@ -286,13 +206,13 @@ void Mirror::carryHidden(const Changes& changes) {
   state_->overlay.spacesChanged();
 }
 
-void Mirror::release(Changes& visible) { state_->spaces.showAll(visible); }
+void Mirror::release(LayeredChanges& visible) { state_->spaces.showAll(visible); }
 
 void Mirror::replace(Durability space, Wanted wanted) {
   state_->replacement(space) = Replacement(space, std::move(wanted));
 }
 
-bool Mirror::proceed(Durability space, std::size_t most, Changes& visible) {
+bool Mirror::proceed(Durability space, std::size_t most, LayeredChanges& visible) {
   Replacement& replacement = state_->replacement(space);
   replacement.proceed(state_->spaces, most, visible);
   if (replacement.isDone()) state_->spaces.showAll(visible);
@@ -303,16 +223,16 @@ bool Mirror::proceed(Durability space, std::size_t most, Changes& visible) {
 Mirror::Pending Mirror::pend(const Changes& changes) { return state_->overlay.add(changes); }
 void Mirror::settle(Pending pending) { state_->overlay.remove(pending); }
 
-void Mirror::withShown(Path path, const std::function<void(const Records&)>& take) const {
+void Mirror::withShown(Path path, Layer layer, const std::function<void(const Records&)>& take) const {
   Records records;
   path.forEachUnder([&](Path each) {
-    if (const Record* record = state_->spaces.shown(each)) records.push_back(record);
+    if (const Record* record = state_->spaces.shown(each, layer)) records.push_back(record);
   });
   take(records);
 }
 
 void Mirror::appendShown(Path path, Name attribute, Changes& changes) const {
-  const Record* record = state_->spaces.shown(path);
+  const Record* record = state_->spaces.shown(path, Layer::effective);
   if (!record) return;
   if (attribute.empty()) return appendRows(*record, changes);
   if (const Value* value = record->find(attribute))
@@ -324,19 +244,26 @@ void Mirror::appendShown(Path path, Name attribute, Changes& changes) const {
 Changes Mirror::revealedBy(const Changes& changes) const {
   Changes revealed;
   for (auto change = changes.begin(); change != changes.end(); ++change) {
-    const Row& row = change->row;
     Changes shown;
-    if (change->kind == Change::Kind::put && row.attribute.empty()) continue;
-    if (change->kind != Change::Kind::del)
-      appendShown(row.path, row.attribute, shown);
-    else
-      withShown(row.path, [&](const Records& records) {
-        for (const Record* each : records) appendRows(*each, shown);
-      });
+    appendShownAt(*change, shown);
     for (Change& each : shown)
       if (std::find(change, changes.end(), each) == changes.end()) revealed.push_back(std::move(each));
   }
   return revealed;
+}
+
+// That an entity is there is no news to whom put it, but its covers are.
+void Mirror::appendShownAt(const Change& change, Changes& shown) const {
+  const Row& row = change.row;
+  if (change.kind == Change::Kind::del)
+    return withShown(row.path, Layer::effective, [&](const Records& records) {
+      for (const Record* each : records) appendRows(*each, shown);
+    });
+  if (!row.attribute.empty()) appendShown(row.path, row.attribute, shown);
+  const Record* covers = state_->spaces.at(row.path).shownCovers();
+  if (change.kind != Change::Kind::put || !covers) return;
+  for (const Attribute& each : covers->attributes)
+    if (each.name != row.attribute) appendShown(row.path, each.name, shown);
 }
 
 void Mirror::checkTypes(const Changes& changes) const {
@@ -350,16 +277,28 @@ void Mirror::checkTypes(const Changes& changes) const {
   }
 }
 
+bool Mirror::hasCovers() const { return state_->spaces.hasCovers(); }
+
 bool Mirror::anyStored(Path path) const {
   bool any = false;
   path.forEachUnder([&](Path each) { any = any || state_->overlay.at(each).stored; });
   return any;
 }
 
-Records Mirror::read(Path path) const {
+Records Mirror::read(Path path, Layer layer) const {
   Records records;
   path.forEachUnder([&](Path each) {
-    if (const Record* record = state_->overlay.find(each)) records.push_back(record);
+    if (const Record* record = state_->overlay.find(each, layer)) records.push_back(record);
+  });
+  std::ranges::sort(records, &Statedb::readsBefore, &Record::path);
+  return records;
+}
+
+Records Mirror::readCovers(Path path) const {
+  Records records;
+  path.forEachUnder([&](Path each) {
+    const Record* covers = state_->spaces.at(each).covers;
+    if (covers && !covers->attributes.empty()) records.push_back(covers);
   });
   std::ranges::sort(records, &Statedb::readsBefore, &Record::path);
   return records;

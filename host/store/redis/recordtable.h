@@ -42,6 +42,8 @@ class RecordTable {
     if (find(path)) at(path) = {};
   }
 
+  // Whether there never was one.
+  bool empty() const { return chunks_.empty(); }
   // Calls `function` with each record, those of no entity included, in no order.
   template <class Function>
   void forEach(Function&& function) {

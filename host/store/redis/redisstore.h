@@ -9,6 +9,9 @@
 // - Volatile rows are shown and notified of here at once, and sent as state: one value an attribute.
 // - A mount that this process publishes is claimed. While another process holds it, this one is the standby:
 //   its agent gets no snapshot there, or, if it was the holder before, what it publishes is kept to itself.
+// - Covers are rows of a space of their own, which no other changes. They are shown and sent like volatile
+//   rows, while this process holds the claim of their mount, and removed at once when it ends; those of a
+//   process that was killed when its claim is silent for the lease.
 // - A large snapshot of the server is taken over in portions of some milliseconds: what this process had
 // stays
 //   visible until an entity's turn comes, and what is written meanwhile is carried as always. A subscriber's
@@ -19,7 +22,6 @@
 #pragma once
 
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -28,21 +30,19 @@
 #include <vector>
 
 #include "host/io/loop.h"
-#include "host/store/redis/claims.h"
-#include "host/store/redis/keptrows.h"
 #include "host/store/redis/mirror.h"
-#include "host/store/redis/publications.h"
+#include "host/store/redis/owncovers.h"
+#include "host/store/redis/publishedspace.h"
 #include "host/store/redis/refresh.h"
 #include "host/store/redis/storedwrites.h"
 #include "host/store/redis/subscribers.h"
 #include "host/store/redis/upstream.h"
 #include "host/store/redis/url.h"
-#include "host/store/redis/volatilewrites.h"
 #include "platform/statedb/store/store.h"
 
 namespace Host::Redis {
 
-class RedisStore final : public Statedb::Store, private Upstream::Owner, private Claims::Output {
+class RedisStore final : public Statedb::Store, private Upstream::Owner, private PublishedSpace::Owner {
  public:
   using Report = std::function<void(const std::string& text)>;
 
@@ -55,11 +55,13 @@ class RedisStore final : public Statedb::Store, private Upstream::Owner, private
   std::string url() const override { return text_; }
   Statedb::StoreState state() const override;
   bool isReached() const override { return isReached_; }
+  bool takesCovers() const override { return true; }
   const Statedb::Table* table() const override { return &mirror_; }
   void subscribe(Statedb::Path path, Statedb::Subscriber& subscriber) override;
   void unsubscribe(Statedb::Subscriber& subscriber) override { subscribers_.remove(subscriber); }
   // Also throws RefusedError for a stored batch of more than StoredWrites::kMostChanges, and for one that
-  // changes what another process publishes; StoreError for a stored batch while the server is not reached.
+  // changes or covers what another process publishes; StoreError for a stored batch while the server is not
+  // reached.
   void write(const Statedb::Changes& changes, Statedb::Durability durability,
              Statedb::Subscriber* origin) override;
   Statedb::Ticket flush() override;
@@ -72,67 +74,44 @@ class RedisStore final : public Statedb::Store, private Upstream::Owner, private
   void onEntry(const Upstream::Owner::Entry& entry) override;
   void onWiped(Statedb::Durability space) override;
   void onWarning(const std::string& text) override { report(text); }
+  void onClaimsRead() override { complete(); }
+  void onPublishing() override { flush(); }
+  void report(const std::string& what) const override { report_("state database " + text_ + ": " + what); }
+  std::uint64_t now() const override { return uv_now(loop_.uv()); }
   void onSettled(const WriteId& write, Outcome outcome) override;
   void onRefused(const WriteId& write, const Reply& error) override;
-
-  void read() override;
-  void take(const std::string& mount, const Claim& seen) override;
-  void beat(const std::string& mount, const Token& token, std::string_view synced) override;
-  void release(const std::string& mount, const Token& token) override;
-  void sweep(const std::string& mount, const Claim& seen) override;
-  void onOwned(const std::string& mount) override;
-  void onStandby(const std::string& mount, std::string_view who) override;
-  void onKept(const std::string& mount) override { kept_.keep(mount, mirror_); }
-  void onCurrent(const std::string& mount) override;
-  Revision revision() const override { return upstream_.state(Statedb::Durability::volatile_).tip; }
 
   void writeStored(const Statedb::Changes& changes, Statedb::Subscriber* origin);
   void writeVolatile(const Statedb::Changes& changes, Statedb::Subscriber* origin);
 
+  void writeCovers(const Statedb::Changes& changes);
+
+  PublishedSpace& of(Statedb::Durability space) {
+    return space == Statedb::Durability::cover ? covers_ : volatile_;
+  }
   void carryStored(const Upstream::Owner::Entry& entry);
-  void carryVolatile(const Upstream::Owner::Entry& entry);
-  void showVolatile();
-  const Statedb::Record* wantedVolatile(Statedb::Path path);
-  void showWhatIsDue();
+  void carryPublished(const Upstream::Owner::Entry& entry);
   void deliverSnapshots();
   std::vector<Statedb::Path> mountsUnder(Statedb::Path path, const Statedb::Subscriber& subscriber) const;
   bool mayArrive(Statedb::Path path, const Statedb::Subscriber& subscriber) const;
+  void notify(LayeredChanges changes);
 
   void complete();
-  void ask(Call call, const std::string& mount);
-  void onClaimRefused(const std::string& mount, const Reply& error);
   void tick();
-  void reportSynced();
-  Token tokenOf(Statedb::Path mount) const { return claims_.ownedToken(mount.text()); }
-  std::vector<Claimed> heldClaims() const;
-  std::string claimedMount(const Reply& error) const;
-  std::string timeline() const;
-  std::uint64_t now() const { return uv_now(loop_.uv()); }
-  void report(const std::string& what) const { report_("state database " + text_ + ": " + what); }
 
   Loop& loop_;
   const std::string text_;
   const Url url_;
   const Report report_;
-  const Keys volatileKeys_;
 
   Mirror mirror_;
   Refresh refresh_;
   Upstream upstream_;
-  Claims claims_;
-  Publications publications_;
   StoredWrites stored_;
-  VolatileWrites volatile_;
+  PublishedSpace volatile_, covers_;
+  OwnCovers ownCovers_;
 
   Subscribers subscribers_;
-  std::string who_;  // this process, for people
-  std::vector<std::string> mounts_;
-  std::set<std::string> standby_;        // reported so
-  std::set<std::string> claimRefusals_;  // reported, until they are owned
-  std::map<std::string, int> ownedFor_;  // ticks since the agent got its snapshot
-  KeptRows kept_;
-  bool isDue_ = false;                    // upstream has volatile rows that are not shown yet
-  bool areClaimsKnown_ = false;           // since it was reached last
   bool isReached_ = false;                // and its rows are shown
   bool hasRows_ = false;                  // was reached once
   std::optional<std::uint64_t> wipedAt_;  // the stored space, which is shown as it was

@@ -4,10 +4,9 @@
 
 namespace Host::Redis {
 
-using Statedb::Changes;
 using Statedb::Durability;
 
-Refresh::Refresh(Loop& loop, Mirror& mirror, std::function<void(Changes changes)> notify,
+Refresh::Refresh(Loop& loop, Mirror& mirror, std::function<void(LayeredChanges changes)> notify,
                  std::function<void()> onDone)
     : mirror_(mirror), notify_(std::move(notify)), onDone_(std::move(onDone)), idle_(new uv_idle_t) {
   uv_idle_init(loop.uv(), idle_.get());
@@ -33,11 +32,16 @@ void Refresh::proceed() {
   });
 }
 
-Changes Refresh::portion() {
-  Changes visible;
+// An entity that comes after its covers shows with them at once.
+Durability Refresh::next() const {
+  return spaces_.contains(Durability::cover) ? Durability::cover : *spaces_.begin();
+}
+
+LayeredChanges Refresh::portion() {
+  LayeredChanges visible;
   const std::uint64_t start = uv_hrtime();
   do {
-    if (mirror_.proceed(*spaces_.begin(), kPaths, visible)) spaces_.erase(spaces_.begin());
+    if (const Durability space = next(); mirror_.proceed(space, kPaths, visible)) spaces_.erase(space);
   } while (!isDone() && uv_hrtime() - start < kNanoseconds);
   return visible;
 }

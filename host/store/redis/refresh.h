@@ -24,7 +24,7 @@ class Refresh {
 
   // `notify` gets what subscribers are to be notified of, and `onDone` is called when no space is under way
   // any more. Both may call start(). `loop` and `mirror` must outlive it.
-  Refresh(Loop& loop, Mirror& mirror, std::function<void(Statedb::Changes changes)> notify,
+  Refresh(Loop& loop, Mirror& mirror, std::function<void(LayeredChanges changes)> notify,
           std::function<void()> onDone);
 
   // Replaces the rows of a space: from the start where that is under way.
@@ -33,10 +33,11 @@ class Refresh {
 
  private:
   void proceed();
-  Statedb::Changes portion();
+  Statedb::Durability next() const;
+  LayeredChanges portion();
 
   Mirror& mirror_;
-  const std::function<void(Statedb::Changes)> notify_;
+  const std::function<void(LayeredChanges)> notify_;
   const std::function<void()> onDone_;
   std::set<Statedb::Durability> spaces_;  // under way
   UvHandle<uv_idle_t> idle_;

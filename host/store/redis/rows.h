@@ -27,6 +27,8 @@ class Rows {
   void endScan();
   void carry(const Statedb::Changes& changes);
 
+  // Whether there never was one.
+  bool empty() const { return records_.empty(); }
   // Null where there is none.
   const Statedb::Record* find(Statedb::Path path) const { return records_.find(path); }
   // At and under a path. Valid until something changes; an entity comes before those under it.

@@ -117,17 +117,23 @@ void Caller::onLoaded(const Script& script, const Reply& reply) {
 
 Written written(const Reply& reply) { return {reply[0].unsignedNumber(), reply[1].text, reply[2].text}; }
 
-Call stateCall(const Keys& keys, std::string_view uuid, Sequence fence) {
-  const std::vector<std::string> names{keys.meta(), keys.log()};
-  if (fence == 0) return callOf(kState, names, {});
-  return callOf(kFence, names, {std::string(uuid), std::to_string(fence), spaceLetter(keys)});
+Call stateCall(const std::vector<const Keys*>& spaces) {
+  std::vector<std::string> names;
+  for (const Keys* each : spaces) names.insert(names.end(), {each->meta(), each->log()});
+  return callOf(kState, names, {});
 }
 
-ServerState serverState(const Reply& reply) {
-  return {{{reply[2].text, reply[0].text}, reply[1].unsignedNumber()},
-          reply[3].text,
-          reply[4].text,
-          reply[5].text};
+Call fenceCall(const Keys& keys, std::string_view uuid, Sequence fence) {
+  return callOf(kFence, {keys.meta(), keys.log()},
+                {std::string(uuid), std::to_string(fence), spaceLetter(keys)});
+}
+
+ServerState serverState(const Reply& reply, std::size_t space) {
+  const std::size_t at = 4 + 2 * space;
+  return {{{reply[0].text, reply[at].text}, reply[at + 1].unsignedNumber()},
+          reply[1].text,
+          reply[2].text,
+          reply[3].text};
 }
 
 Call logCall(const Keys& keys, Revision after, std::size_t count) {

@@ -7,7 +7,7 @@
 //     connection.flush();
 //
 // A script does not roll back, so each checks everything, the ACL included, before its first change. Nothing
-// of a volatile space is put into the server's append-only file.
+// of the volatile space and of covers is put into the server's append-only file.
 #pragma once
 
 #include <deque>
@@ -43,7 +43,7 @@ struct Call {
 // are always carried out in the order of call().
 //
 //     Caller caller(connection);
-//     caller.call(stateCall(keys), [](const Reply& reply) { … });
+//     caller.call(stateCall({&keys}), [](const Reply& reply) { … });
 //     connection.flush();
 class Caller {
  public:
@@ -96,8 +96,9 @@ struct WriteOptions {
   std::string newGeneration{};  // a random text, for a space without one
   std::string uuid{};
   Sequence sequence = 0;
-  std::uint32_t log = 10'000;     // entries that are kept
-  std::vector<Claimed> claims{};  // of the mounts that the batch writes under; checked in the volatile space
+  std::uint32_t log = 10'000;  // entries that are kept
+  // Of the mounts that the batch writes under. Those of a stored batch are checked in the volatile space.
+  std::vector<Claimed> claims{};
   std::vector<Statedb::Path> inTheWay{};  // where an earlier try met an entity of another type
 };
 
@@ -111,14 +112,22 @@ struct WriteOptions {
 //     STORED path             a volatile row would take the place of stored ones
 //
 // A put of another type replaces the entity: a step of its own removes it, in the log too. A del or an unset
-// of stored rows also removes the volatile ones, with an entry in the log of that space. `known` has the rows
+// of stored rows also removes the volatile ones, with an entry in the log of that space. Covers concern no
+// other space, and no other space concerns them. `known` has the rows
 // of the writer's mirror; those that are correct save the server work. `revision` is the one of the log of
 // the written space up to which its rows are known: where only values changed since, no entity is checked.
 // REQUIRES: at most kMostRows changes.
 struct Known {
   const Rows& stored;
   const Rows& volatile_;
+  const Rows& covers;
   Revision revision = 0;
+
+  const Rows& of(Statedb::Durability space) const {
+    return space == Statedb::Durability::stored      ? stored
+           : space == Statedb::Durability::volatile_ ? volatile_
+                                                     : covers;
+  }
 };
 Call writeCall(std::string_view prefix, Statedb::Durability space, const Statedb::Changes& changes,
                const WriteOptions& options, const Known& known);
@@ -129,16 +138,20 @@ struct Written {
 };
 Written written(const Reply& reply);
 
-// A reader asks for the state first, and then once a second. With `fence`, the server refuses writes of
-// `uuid` up to that sequence from then on; only this needs the right to write.
-Call stateCall(const Keys& keys, std::string_view uuid = {}, Sequence fence = 0);
+// A reader asks for the state of every space first, and then once a second: in one call, most of which is
+// what they have in common.
+Call stateCall(const std::vector<const Keys*>& spaces);
+// The same of one space. The server refuses writes of `uuid` up to that sequence from then on; only this
+// needs the right to write.
+Call fenceCall(const Keys& keys, std::string_view uuid, Sequence fence);
 struct ServerState {
   State state;
   std::string runId;
   std::string role;    // "master"
   std::string policy;  // maxmemory_policy
 };
-ServerState serverState(const Reply& reply);
+// `space`: its place in the call.
+ServerState serverState(const Reply& reply, std::size_t space = 0);
 
 // The entries after a revision, at most `count`, and fewer where they are long, with generation and tip of
 // the same moment. The page points into the reply. Throws Zel::ValueError where an id in the reply is not
@@ -148,7 +161,8 @@ Call logCall(const Keys& keys, Revision after, std::size_t count);
 inline constexpr std::size_t kBytesPerPage = 64 << 10;
 LogPage logPage(const Reply& reply);
 
-// A claim of a mount, in the volatile space. Only its owner writes there: every write carries the token.
+// A claim of a mount, in the volatile space or in that of covers. Only its owner writes there: every write
+// carries the token.
 struct Claim {
   std::string generation{};  // of the space
   Token token{};             // empty: there never was one
@@ -174,8 +188,8 @@ Call takeCall(const Keys& keys, std::string_view mount, const Claim& seen, std::
               std::string_view who, std::string_view newGeneration);
 Call beatCall(const Keys& keys, std::string_view mount, const Token& token, std::string_view synced);
 Call releaseCall(const Keys& keys, std::string_view mount, const Token& token);
-// Removes all volatile rows at and under the mount, with an entry in the log where there were any, and makes
-// the claim free, without a heartbeat. The entry's origin is "UUID:0", and no write's.
+// Removes all rows of the space at and under the mount, with an entry in the log where there were any, and
+// makes the claim free, without a heartbeat. The entry's origin is "UUID:0", and no write's.
 Call sweepCall(const Keys& keys, std::string_view mount, const Claim& seen, std::string_view uuid,
                std::uint32_t log);
 Claim claim(const Reply& reply);

@@ -330,6 +330,7 @@ std::vector<Finding> findingsIn(const ServerFacts& facts, const Url& url) {
   checks.clients();
   checks.space("stored rows", facts.stored);
   checks.space("volatile rows", facts.volatile_);
+  checks.space("covers", facts.covers);
   checks.latency();
   return std::move(checks.findings);
 }

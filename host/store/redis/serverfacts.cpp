@@ -62,6 +62,7 @@ class Gathering : public std::enable_shared_from_this<Gathering> {
     askDirectories();
     askSpace(Durability::stored, facts_.stored);
     askSpace(Durability::volatile_, facts_.volatile_);
+    askSpace(Durability::cover, facts_.covers);
   }
 
  private:
@@ -154,7 +155,7 @@ class Gathering : public std::enable_shared_from_this<Gathering> {
 }  // namespace
 
 std::vector<Need> needsOf(std::string_view prefix) {
-  const Keys s(prefix, Durability::stored), v(prefix, Durability::volatile_);
+  const Keys s(prefix, Durability::stored), v(prefix, Durability::volatile_), c(prefix, Durability::cover);
   std::vector<Need> needs;
   const auto add = [&](Role role, std::vector<std::string> words) {
     needs.push_back({role, std::move(words)});
@@ -163,9 +164,11 @@ std::vector<Need> needsOf(std::string_view prefix) {
   add(Role::reader, {"INFO"});
   add(Role::reader, {"SCRIPT", "LOAD", "x"});
   add(Role::reader, {"EVALSHA_RO", "x", "0"});
-  add(Role::reader, {"HGETALL", v.meta()});
-  add(Role::reader, {"HMGET", v.claim("x"), "x"});
-  for (const Keys* each : {&s, &v}) {
+  for (const Keys* each : {&v, &c}) {
+    add(Role::reader, {"HGETALL", each->meta()});
+    add(Role::reader, {"HMGET", each->claim("x"), "x"});
+  }
+  for (const Keys* each : {&s, &v, &c}) {
     add(Role::reader, {"SUBSCRIBE", each->channel()});
     for (const char* command : {"HGET", "HMGET"}) add(Role::reader, {command, each->meta(), "x"});
     for (const char* command : {"XRANGE", "XREVRANGE"}) add(Role::reader, {command, each->log(), "-", "+"});

@@ -70,7 +70,7 @@ struct ServerFacts {
   std::vector<Right> rights{};  // empty: see scriptsRefused
   std::string scriptsRefused{};
   std::vector<Directory> directories{};  // stored ones, kMostDirectories at most
-  Space stored{}, volatile_{};
+  Space stored{}, volatile_{}, covers{};
   std::vector<double> pings{};  // milliseconds; gatherFacts() leaves them out
 };
 

@@ -63,7 +63,7 @@ Space::Space(Line& line, Durability durability, Upstream::Owner& owner)
     : line_(line),
       durability_(durability),
       keys_(line.url.prefix, durability),
-      uuid_(line.uuid + (durability == Durability::stored ? ".s" : ".v")),
+      uuid_(line.uuid + '.' + letterOf(durability)),
       owner_(owner),
       follower_(uuid_, *this),
       scan_(line.commands, keys_, *this),
@@ -94,11 +94,13 @@ void Space::subscribe() {
 }
 
 void Space::askState(Sequence fence) {
-  line_.caller.call(stateCall(keys_, uuid_, fence), [this](const Reply& reply) { onState(reply); });
+  if (fence == 0) return line_.askState(*this);
+  line_.caller.call(fenceCall(keys_, uuid_, fence), [this](const Reply& reply) {
+    if (reply.kind == Reply::Kind::error) return line_.lose(lossOf(reply));
+    onState(serverState(reply));
+  });
 }
-void Space::onState(const Reply& reply) {
-  if (reply.kind == Reply::Kind::error) return line_.lose(lossOf(reply));
-  const ServerState state = serverState(reply);
+void Space::onState(const ServerState& state) {
   if (!line_.isFit(state)) return;
   follower_.onState(state.state);
   if (follower_.isFollowing() && state.state.timeline == this->state().timeline) sendWaiting();
@@ -184,10 +186,10 @@ void Space::sendWaiting() {
   for (const Sequence each : waiting) sendAgain(each);
 }
 
-// Volatile rows are state: by now their writer may have newer values, and sends those. Between two wipes, a
-// later write may have made the space.
+// Volatile rows and covers are state: by now their writer may have newer values, and sends those. Between two
+// wipes, a later write may have made the space.
 void Space::sendAgain(Sequence sequence) {
-  if (durability_ == Durability::volatile_) return giveBack(sequence);
+  if (durability_ != Durability::stored) return giveBack(sequence);
   if (sequence < carriedOut_)
     return onRefused(sequence, {Reply::Kind::error, 0, "GENERATION and a later write was carried out", {}});
   follower_.resending(sequence);
@@ -286,8 +288,8 @@ void Space::onWritten(Sequence sequence, const Written& written) {
 // overwrite what they wrote.
 void Space::onOtherGeneration(Sequence sequence, Write& write, const Reply& error) {
   if (write.generation != state().timeline.generation) {
-    const bool isVolatile = durability_ == Durability::volatile_;
-    return isVolatile || sequence == newest_ ? sendAgain(sequence) : onRefused(sequence, error);
+    return durability_ != Durability::stored || sequence == newest_ ? sendAgain(sequence)
+                                                                    : onRefused(sequence, error);
   }
   write.isWaitingForIt = true;
   follower_.isWiped() ? follower_.acceptWiped() : follower_.check();
@@ -306,7 +308,7 @@ void Space::onOtherType(Sequence sequence, Write& write, const Reply& error) {
 // Another process may have loaded the script again before later writes arrived.
 void Space::onForgotten(Sequence sequence, const Reply& error) {
   if (sequence == newest_) return send(sequence);
-  durability_ == Durability::volatile_ ? giveBack(sequence) : onRefused(sequence, error);
+  durability_ == Durability::stored ? onRefused(sequence, error) : giveBack(sequence);
 }
 
 void Space::onRefused(Sequence sequence, const Reply& error) {

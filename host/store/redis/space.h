@@ -21,6 +21,8 @@
 
 namespace Host::Redis {
 
+class Space;
+
 // The upstream as its spaces see it.
 class Line {
  public:
@@ -36,6 +38,8 @@ class Line {
   // A space did a step: sends what it requested.
   virtual void onStep() = 0;
   virtual Known known() const = 0;
+  // Asks for the state of a space, together with the others that ask within this step: Space::onState().
+  virtual void askState(Space& space) = 0;
 
   Loop& loop;
   const Url url;
@@ -63,6 +67,7 @@ class Space final : Follower::Output, Scan::Owner {
   std::size_t underWay() const { return writes_.size(); }
 
   void onConnected() { follower_.onConnected(); }
+  void onState(const ServerState& state);
   void onDisconnected();
   void onMessage(std::string_view payload);
   void check() { follower_.check(); }
@@ -94,7 +99,6 @@ class Space final : Follower::Output, Scan::Owner {
   void onUnreadable(const std::string& text) override;
   void onScanFailed(const Reply& error) override { line_.lose(lossOf(error)); }
 
-  void onState(const Reply& reply);
   void onLog(const Reply& reply);
   Statedb::Changes changesIn(const Entry& entry);
   Statedb::Changes changesIn(const Entry& entry, Sequence own);

@@ -10,6 +10,7 @@ using Statedb::Attribute;
 using Statedb::Change;
 using Statedb::Changes;
 using Statedb::Durability;
+using Statedb::Layer;
 using Statedb::Path;
 using Statedb::Record;
 using Statedb::Records;
@@ -59,36 +60,43 @@ Name Layers::type() const {
   return any ? any->type : Name();
 }
 
-const Value* Layers::find(Name attribute) const {
+const Value* Layers::findBase(Name attribute) const {
   const Record* over = top();
   const Value* value = over ? over->find(attribute) : nullptr;
   return value || !stored ? value : stored->find(attribute);
 }
 
-Record Layers::merged() const {
-  const Record* over = top();
-  if (!stored) return over ? *over : Record();
-  Record record = *stored;
-  if (over)
-    for (const Attribute& each : over->attributes) setIn(record, each);
+Record Layers::merged(Layer layer) const {
+  const Record* lowest = stored ? stored : volatile_;
+  if (!lowest) return {};
+  Record record = *lowest;
+  for (const Record* over : {stored ? top() : nullptr, layer == Layer::effective ? shownCovers() : nullptr})
+    if (over)
+      for (const Attribute& each : over->attributes) setIn(record, each);
   return record;
 }
 
-const Record* Spaces::find(Path path) {
+const Record* Spaces::find(Path path, Layer layer) {
   const Layers layers = at(path);
-  if (!layers.isMerged()) return layers.stored ? layers.stored : layers.volatile_;
-  const auto [found, isNew] = merged_.try_emplace(path);
-  if (isNew) found->second = layers.merged();
+  const bool isCovered = layer == Layer::effective && layers.shownCovers();
+  if (!isCovered && !layers.isMerged()) return layers.stored ? layers.stored : layers.volatile_;
+  const auto [found, isNew] = (isCovered ? covered_ : merged_).try_emplace(path);
+  if (isNew) found->second = layers.merged(layer);
   return &found->second;
 }
 
-const Record* Spaces::shown(Path path) {
+const Record* Spaces::shown(Path path, Layer layer) {
   const auto held = held_.find(path);
-  return held == held_.end() ? find(path) : orNull(held->second);
+  return held == held_.end() ? find(path, layer) : orNull(held->second.of(layer));
+}
+
+void Spaces::forgetMerged(Path path) {
+  merged_.erase(path);
+  covered_.erase(path);
 }
 
 Record& Spaces::make(Durability space, Path path, Name type) {
-  if (at(path).type().empty()) ++count_;
+  if (space != Durability::cover && at(path).type().empty()) ++count_;
   return in(space).at(path) = {path, type, {}};
 }
 
@@ -96,7 +104,7 @@ void Spaces::remove(Durability space, Path path) {
   if (!in(space).find(path)) return;
   hold(path);
   in(space).erase(path);
-  if (at(path).type().empty()) --count_;
+  if (space != Durability::cover && at(path).type().empty()) --count_;
 }
 
 void Spaces::removeUnder(Durability space, Path path) {
@@ -104,8 +112,10 @@ void Spaces::removeUnder(Durability space, Path path) {
 }
 
 void Spaces::put(Durability space, const Row& row) {
+  if (space == Durability::cover && row.attribute.empty()) return;
   const Record* before = in(space).find(row.path);
-  if (before && before->type != row.type) removeUnder(space, row.path);
+  if (before && before->type != row.type)
+    space == Durability::cover ? remove(space, row.path) : removeUnder(space, row.path);
   hold(row.path);
   Record* own = in(space).find(row.path);
   if (!own) own = &make(space, row.path, row.type);
@@ -129,13 +139,14 @@ void Spaces::hide(Durability space, const Change& change) {
     put(space, row);
 }
 
-void Spaces::carry(Durability space, const Change& change, Changes& visible) {
+void Spaces::carry(Durability space, const Change& change, LayeredChanges& visible) {
   const Row& row = change.row;
   const Record* own = in(space).find(row.path);
   const bool isPut = change.kind == Change::Kind::put;
   const bool isDel = change.kind == Change::Kind::del;
   const bool isReplaced = isPut && own && own->type != row.type;
-  if (own && !isDel && !isReplaced) return carryValue(space, change, visible);
+  const bool isCovered = space == Durability::cover || in(Durability::cover).find(row.path);
+  if (own && !isDel && !isReplaced && !isCovered) return carryValue(space, change, visible);
   hide(space, change);
   if (isDel || isReplaced)
     showUnder(row.path, visible);
@@ -143,22 +154,27 @@ void Spaces::carry(Durability space, const Change& change, Changes& visible) {
     show(row.path, visible);
 }
 
-// The most frequent change: of a value. Holds nothing, and leaves the other values as subscribers know them.
-void Spaces::carryValue(Durability space, const Change& change, Changes& visible) {
+// The most frequent change: of a value without covers. Holds nothing, and leaves the other values as
+// subscribers know them.
+void Spaces::carryValue(Durability space, const Change& change, LayeredChanges& visible) {
   const auto& [path, type, attribute, value] = change.row;
   Record& own = *in(space).find(path);
   const bool isPut = change.kind == Change::Kind::put;
   if (attribute.empty() || isSame(own.find(attribute), isPut ? &value : nullptr)) return;
   const auto held = held_.find(path);
-  const Value* known = held == held_.end() ? at(path).find(attribute) : held->second.find(attribute);
+  Record* const theirs = held == held_.end() ? nullptr : &held->second.base;
+  const Value* known = theirs ? theirs->find(attribute) : at(path).findBase(attribute);
   const std::optional<Value> before = known ? std::optional(*known) : std::nullopt;
-  merged_.erase(path);
+  forgetMerged(path);
   isPut ? setIn(own, {attribute, value, space}) : unsetIn(own, attribute);
   const Layers layers = at(path);
-  const Value* now = layers.find(attribute);
+  const Value* now = layers.findBase(attribute);
   if (isSame(before ? &*before : nullptr, now)) return;
-  visible.push_back(now ? Change::put(path, layers.type(), attribute, *now) : Change::unset(path, attribute));
-  if (held != held_.end()) now ? setIn(held->second, {attribute, *now}) : unsetIn(held->second, attribute);
+  visible.both([&](Changes& changes) {
+    changes.push_back(now ? Change::put(path, layers.type(), attribute, *now)
+                          : Change::unset(path, attribute));
+  });
+  if (theirs) now ? setIn(*theirs, {attribute, *now}) : unsetIn(*theirs, attribute);
 }
 
 void Spaces::assign(Durability space, const Record& wanted) {
@@ -167,14 +183,15 @@ void Spaces::assign(Durability space, const Record& wanted) {
   for (Attribute& each : made.attributes) each.durability = space;
 }
 
-void Spaces::renew(Durability space, Path path, const Record* wanted, Changes& visible) {
+void Spaces::renew(Durability space, Path path, const Record* wanted, LayeredChanges& visible) {
   const bool isHidden = held_.contains(path);
-  if (wanted && !isHidden && at(path).type().empty()) {  // the most frequent one, of the first snapshot
+  const bool isNew = wanted && !isHidden && at(path).type().empty();
+  if (isNew && space != Durability::cover) {  // the most frequent one, of the first snapshot
     assign(space, *wanted);
-    return appendRows(*find(path), visible);
+    return showNew(path, visible);
   }
   renewHidden(space, path, wanted);
-  if (!isHidden) show(path, visible);
+  if (!isHidden || space == Durability::cover) show(path, visible);
 }
 
 void Spaces::renewHidden(Durability space, Path path, const Record* wanted) {
@@ -186,37 +203,54 @@ void Spaces::renewHidden(Durability space, Path path, const Record* wanted) {
 
 // Before a change of the entity: keeps it as subscribers know it, for show().
 void Spaces::hold(Path path) {
-  merged_.erase(path);
-  if (!held_.contains(path)) held_.emplace(path, at(path).merged());
+  forgetMerged(path);
+  if (held_.contains(path)) return;
+  const Layers layers = at(path);
+  Held held{layers.merged(Layer::base), {}};
+  if (layers.shownCovers()) held.covered = layers.merged(Layer::effective);
+  held_.emplace(path, std::move(held));
 }
 
-void Spaces::show(Path path, Changes& visible) {
+void Spaces::show(Path path, LayeredChanges& visible) {
   const auto held = held_.extract(path);
   if (!held) return;
-  const Record& before = held.mapped();
-  const Record* now = find(path);
-  if (orNull(before) && (!now || now->type != before.type))
+  const Record& before = held.mapped().base;
+  const Name type = at(path).type();
+  if (orNull(before) && type != before.type)
     showReplaced(path, visible);
-  else if (now)
-    appendDifferences(before, *now, visible);
+  else if (!type.empty())
+    showDifferences(held.mapped(), path, visible);
 }
 
-// A del takes along what is under the path: puts what stays.
-void Spaces::showReplaced(Path path, Changes& visible) {
-  visible.push_back(Change::del(path));
-  path.forEachUnder([&](Path each) {
-    held_.erase(each);
-    if (const Record* now = find(each)) appendRows(*now, visible);
+void Spaces::showDifferences(const Held& before, Path path, LayeredChanges& visible) {
+  const Record& base = *find(path, Layer::base);
+  const Record& effective = *find(path, Layer::effective);
+  if (!before.covered && &effective == &base)
+    return visible.both([&](Changes& changes) { appendDifferences(before.base, base, changes); });
+  visible.apart([&](Changes& ofEffective, Changes& ofBase) {
+    appendDifferences(before.of(Layer::effective), effective, ofEffective);
+    appendDifferences(before.base, base, ofBase);
   });
 }
 
-void Spaces::showUnder(Path path, Changes& visible) {
+void Spaces::showNew(Path path, LayeredChanges& visible) { showDifferences({}, path, visible); }
+
+// A del takes along what is under the path: puts what stays.
+void Spaces::showReplaced(Path path, LayeredChanges& visible) {
+  visible.both([&](Changes& changes) { changes.push_back(Change::del(path)); });
+  path.forEachUnder([&](Path each) {
+    held_.erase(each);
+    if (!at(each).type().empty()) showNew(each, visible);
+  });
+}
+
+void Spaces::showUnder(Path path, LayeredChanges& visible) {
   show(path, visible);
   if (!held_.empty()) path.forEachUnder([&](Path each) { show(each, visible); });
 }
 
 // An entity before those under it.
-void Spaces::showAll(Changes& visible) {
+void Spaces::showAll(LayeredChanges& visible) {
   std::vector<Path> paths;
   for (const auto& [path, before] : held_) paths.push_back(path);
   std::ranges::sort(paths);

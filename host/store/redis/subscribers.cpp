@@ -38,7 +38,8 @@ void Subscribers::deliver(const Notice& notice) {
     if (each.subscriber == notice.origin)
       takePart(notice.revealed, each.path, [&](const Changes& part) { each.subscriber->onRevealed(part); });
     else
-      takePart(notice.changes, each.path, [&](const Changes& part) { each.subscriber->onChanges(part); });
+      takePart(notice.changes.of(each.subscriber->layer()), each.path,
+               [&](const Changes& part) { each.subscriber->onChanges(part); });
   }
 }
 
@@ -53,7 +54,8 @@ void Subscribers::deliverSnapshots(const Mirror& mirror, const MayArrive& mayArr
     due->isDue = false;
     Subscriber& subscriber = *due->subscriber;
     delivered(due->path, subscriber);
-    mirror.withShown(due->path, [&](const Records& records) { subscriber.onSnapshot(records); });
+    mirror.withShown(due->path, subscriber.layer(),
+                     [&](const Records& records) { subscriber.onSnapshot(records); });
   }
 }
 

@@ -21,7 +21,7 @@ class Subscribers {
  public:
   // Changes for all but the origin, and what the origin does not know of its own batch.
   struct Notice {
-    Statedb::Changes changes{};
+    LayeredChanges changes{};
     Statedb::Changes revealed{};
     Statedb::Subscriber* origin = nullptr;
   };

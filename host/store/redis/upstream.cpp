@@ -1,5 +1,6 @@
 #include "host/store/redis/upstream.h"
 
+#include <algorithm>
 #include <array>
 #include <optional>
 #include <set>
@@ -78,7 +79,7 @@ struct Upstream::State_ final : private Ends, public Line, private Locator::Owne
   void onNoAddress(const Loss& its) override { lose(its); }
 
   void identifyCommands() {
-    caller.call(stateCall(stored.keys()), [this](const Reply& reply) {
+    caller.call(stateCall({}), [this](const Reply& reply) {
       if (reply.kind == Reply::Kind::error) return lose(lossOf(reply));
       const ServerState state = serverState(reply);
       if (isFit(state)) identified(commandsTo, state.runId);
@@ -114,15 +115,28 @@ struct Upstream::State_ final : private Ends, public Line, private Locator::Owne
   }
 
   // While it stands.
-  void onStep() override {
+  void askState(Space& space) override { asking.push_back(&space); }
+  void flush() {
+    if (const auto asked = std::exchange(asking, {}); !asked.empty()) askStates(asked);
     commands.flush();
+  }
+  void askStates(const std::vector<Space*>& asked) {
+    std::vector<const Keys*> keys;
+    for (const Space* each : asked) keys.push_back(&each->keys());
+    caller.call(stateCall(keys), [this, asked](const Reply& reply) {
+      if (reply.kind == Reply::Kind::error) return lose(lossOf(reply));
+      for (std::size_t i = 0; i < asked.size(); ++i) asked[i]->onState(serverState(reply, i));
+    });
+  }
+  void onStep() override {
+    flush();
     subscription.flush();
     if (reached || loss || !isFollowed()) return;
     reached = true;
     locator->proved();
     owner.onReached();
     if (!std::exchange(isChecked, true)) checkServer();
-    commands.flush();
+    flush();
   }
   // Once a process: what a restricted user may not ask is an entry in the server's log of refusals.
   void checkServer() {
@@ -133,7 +147,9 @@ struct Upstream::State_ final : private Ends, public Line, private Locator::Owne
       if (!wrong.empty()) warn(wrong + "; pinlampctl store check tells more");
     });
   }
-  bool isFollowed() const { return stored.isReached() && volatile_.isReached(); }
+  bool isFollowed() const {
+    return std::ranges::all_of(spaces, [](const Space* each) { return each->isReached(); });
+  }
   void check() {
     for (Space* each : spaces) each->check();
     subscription.request({"PING"}, [this](const Reply& reply) {
@@ -144,7 +160,7 @@ struct Upstream::State_ final : private Ends, public Line, private Locator::Owne
   void warn(const std::string& text) override {
     if (warned.size() < kMostWarnings && warned.insert(text).second) owner.onWarning(text);
   }
-  Known known() const override { return {stored.rows(), volatile_.rows()}; }
+  Known known() const override { return {stored.rows(), volatile_.rows(), covers.rows()}; }
 
   // Its end. A connection may be lost while a space is at work, so the spaces get to know it from the loop.
   void lose(Loss its) override {
@@ -157,6 +173,7 @@ struct Upstream::State_ final : private Ends, public Line, private Locator::Owne
     commands.close();
     subscription.close();
     caller.lost();
+    asking.clear();
     checking.stop();
     commandsTo.clear();
     subscriptionTo.clear();
@@ -166,12 +183,14 @@ struct Upstream::State_ final : private Ends, public Line, private Locator::Owne
     owner.onLost(its);
   }
 
-  Space& of(Durability space) { return space == Durability::stored ? stored : volatile_; }
+  Space& of(Durability space) { return *spaces[static_cast<std::size_t>(space)]; }
 
   Upstream::Owner& owner;
   const std::unique_ptr<Locator> locator;
-  Space stored{*this, Durability::stored, owner}, volatile_{*this, Durability::volatile_, owner};
-  const std::array<Space*, 2> spaces{&stored, &volatile_};
+  Space stored{*this, Durability::stored, owner}, volatile_{*this, Durability::volatile_, owner},
+      covers{*this, Durability::cover, owner};
+  const std::array<Space*, 3> spaces{&stored, &volatile_, &covers};  // by Durability
+  std::vector<Space*> asking{};                                      // for their states
   Timer beginning, checking, ending;
   std::optional<Loss> loss{};                  // that is not notified of yet
   std::string commandsTo{}, subscriptionTo{};  // the servers' run ids
@@ -194,7 +213,11 @@ WriteId Upstream::write(Durability space, const Statedb::Changes& changes, std::
   ZEL_REQUIRE(isReached(), "a write of " << changes.size() << " rows without a connection");
   return {space, state_->of(space).write(changes, std::move(claims))};
 }
-std::size_t Upstream::underWay() const { return state_->stored.underWay() + state_->volatile_.underWay(); }
+std::size_t Upstream::underWay() const {
+  std::size_t count = 0;
+  for (const Space* each : state_->spaces) count += each->underWay();
+  return count;
+}
 void Upstream::acceptWiped(Durability space) {
   state_->of(space).acceptWiped();
   flush();
@@ -205,6 +228,6 @@ void Upstream::call(Call call, Connection::OnReply then) {
 void Upstream::prepare(const Call& call) {
   if (isReached()) state_->caller.prepare(call);
 }
-void Upstream::flush() { state_->commands.flush(); }
+void Upstream::flush() { state_->flush(); }
 
 }  // namespace Host::Redis

@@ -1,13 +1,13 @@
-// The Redis server as this process follows it: keeps the rows of both spaces the same as the server's, and
-// sends writes.
+// The Redis server as this process follows it: keeps the rows of the three spaces the same as the server's,
+// and sends writes.
 //
 //     Upstream upstream(loop, url, owner);   // connects from the loop, and reconnects for ever
 //     upstream.write(Durability::stored, changes, claims);
 //     upstream.flush();                     // sends what was written since the last flush
 //
-// Two connections, one for commands and one that is subscribed to both spaces' channels, and a Follower for
-// each space. A connection is good when both lead to the same master, it evicts nothing, and both spaces are
-// followed. Once a second both followers check; a server that does not answer within the URL's timeout
+// Two connections, one for commands and one that is subscribed to the spaces' channels, and a Follower for
+// each space. A connection is good when both lead to the same master, it evicts nothing, and all spaces are
+// followed. Once a second the followers check; a server that does not answer within the URL's timeout
 // counts as lost. A loss of one connection ends both.
 //
 // A row or a step that can't be read is left out with a warning, because one bad row must not cut off every
@@ -68,7 +68,7 @@ class Upstream {
     virtual void onSettled(const WriteId& write, Outcome outcome) = 0;
     // The server refused it and changed nothing. `error` is an error reply. A stored write that met a
     // generation or a type which this process did not know yet is sent again by the upstream, unless a later
-    // one was sent meanwhile; a volatile one that met another generation is settled as not applied.
+    // one was sent meanwhile; another one that met another generation is settled as not applied.
     virtual void onRefused(const WriteId& write, const Reply& error) = 0;
 
     // For the log: something is wrong, but the upstream goes on. Each text comes once.

@@ -20,8 +20,10 @@ bool isForGood(Refusal refusal) { return refusal == Refusal::otherType || refusa
 
 }  // namespace
 
-VolatileWrites::VolatileWrites(Upstream& upstream, Publications& publications, TokenOf tokenOf, Report report)
-    : upstream_(upstream),
+VolatileWrites::VolatileWrites(Durability space, Upstream& upstream, Publications& publications,
+                               TokenOf tokenOf, Report report)
+    : space_(space),
+      upstream_(upstream),
       publications_(publications),
       tokenOf_(std::move(tokenOf)),
       report_(std::move(report)) {}
@@ -46,7 +48,7 @@ void VolatileWrites::sendParts(Path mount, Sending& sending) {
   const bool isSame = !sending.isOfMount || tokenOf_(mount) == sending.token;
   if (!sending.waiting.empty() && (!isSame || !upstream_.isReached())) postpone(sending);
   for (; !sending.waiting.empty() && sending.underWay < kMostUnderWay; sending.waiting.pop_front()) {
-    const WriteId id = upstream_.write(Durability::volatile_, sending.waiting.front(), claims);
+    const WriteId id = upstream_.write(space_, sending.waiting.front(), claims);
     parts_[id.sequence] = {mount, std::move(sending.waiting.front())};
     ++sending.underWay;
   }
@@ -83,9 +85,9 @@ void VolatileWrites::onSettled(Sequence sequence, Outcome outcome) {
   goOn(mount);
 }
 
-std::optional<Path> VolatileWrites::onRefused(Sequence sequence, const Reply& error) {
+void VolatileWrites::onRefused(Sequence sequence, const Reply& error) {
   const auto found = parts_.find(sequence);
-  if (found == parts_.end()) return {};
+  if (found == parts_.end()) return;
   const Part part = std::move(found->second);
   parts_.erase(found);
   Sending& sending = sending_[part.mount];
@@ -97,23 +99,26 @@ std::optional<Path> VolatileWrites::onRefused(Sequence sequence, const Reply& er
     postpone(sending);
     isPostponed_ = refusal != Refusal::claimed && refusal != Refusal::fenced;
     if (isPostponed_ && !std::exchange(wasReported_, true))
-      report_("does not take what is published: " + error.text + ": " + refusalText(refusal) +
+      report_("does not take what is " + what() + ": " + error.text + ": " + refusalText(refusal) +
               "; trying until it does");
   }
-  const bool isClaimed = refusal == Refusal::claimed;
   goOn(part.mount);
-  return isClaimed ? std::optional(part.mount) : std::nullopt;
 }
 
 void VolatileWrites::halve(const Part& part, const std::string& why) {
   if (part.changes.size() == 1) {
-    report_("refused what was published: " + Statedb::placeText(part.changes.front().row) + ": " + why);
+    report_("refused what was " + what() + ": " + Statedb::placeText(part.changes.front().row) + ": " + why);
     return publications_.refused(part.mount, part.changes.front());
   }
   Sending& sending = sending_[part.mount];
   auto [first, second] = Statedb::halves(part.changes);
   sending.waiting.push_back(std::move(first));
   sending.waiting.push_back(std::move(second));
+}
+
+void VolatileWrites::forget(Path mount) {
+  sending_.erase(mount);
+  std::erase_if(parts_, [mount](const auto& each) { return each.second.mount == mount; });
 }
 
 void VolatileWrites::onLost() {
@@ -124,7 +129,7 @@ void VolatileWrites::onLost() {
 
 void VolatileWrites::check() {
   const bool isRefusing = std::exchange(isPostponed_, false);
-  if (!isRefusing && std::exchange(wasReported_, false)) report_("takes what is published again");
+  if (!isRefusing && std::exchange(wasReported_, false)) report_("takes what is " + what() + " again");
   send();
 }
 

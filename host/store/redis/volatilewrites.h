@@ -1,6 +1,7 @@
-// Sends what this process publishes to the volatile space of the server, one batch of each mount at a time.
+// Sends what this process publishes to the volatile space of the server, or to that of covers, one batch of
+// each mount at a time.
 //
-//     VolatileWrites writes(upstream, publications, tokenOf, report);
+//     VolatileWrites writes(Durability::volatile_, upstream, publications, tokenOf, report);
 //     writes.send();          // whatever is unsent and may be sent
 //
 // The parts of a large batch go out a few at a time, the next when one is answered, so that no round of the
@@ -29,13 +30,15 @@ class VolatileWrites {
   using Report = std::function<void(const std::string& text)>;
 
   // All must outlive it.
-  VolatileWrites(Upstream& upstream, Publications& publications, TokenOf tokenOf, Report report);
+  VolatileWrites(Statedb::Durability space, Upstream& upstream, Publications& publications, TokenOf tokenOf,
+                 Report report);
 
   void send();
-  // Of writes of the volatile space. The second returns the mount that another process holds, where that is
-  // why it was refused.
+  // Of writes of the space.
   void onSettled(Sequence sequence, Outcome outcome);
-  std::optional<Statedb::Path> onRefused(Sequence sequence, const Reply& error);
+  void onRefused(Sequence sequence, const Reply& error);
+  // What this process published under a mount was forgotten: drops what waits, and the answers.
+  void forget(Statedb::Path mount);
   // The connection is lost: nothing is under way any more.
   void onLost();
   // Once a second: tries what was postponed again.
@@ -44,6 +47,8 @@ class VolatileWrites {
   bool isIdle(Statedb::Path mount) const { return !sending_.contains(mount); }
 
  private:
+  std::string what() const { return space_ == Statedb::Durability::cover ? "covered" : "published"; }
+
   // The batch of a mount: parts that wait, and how many are under way.
   struct Sending {
     bool isOfMount = false;
@@ -63,6 +68,7 @@ class VolatileWrites {
   void halve(const Part& part, const std::string& why);
   void ended(Statedb::Path mount);
 
+  const Statedb::Durability space_;
   Upstream& upstream_;
   Publications& publications_;
   const TokenOf tokenOf_;

@@ -33,7 +33,10 @@ Path directoryOf(Path path) { return path.empty() ? path : path.parent(); }
 // The entities that a batch meets and makes, step by step.
 class Types {
  public:
-  Types(const Known& known, const std::vector<Path>& inTheWay) : known_(known), inTheWay_(inTheWay) {}
+  Types(const Known& known, Durability space, const std::vector<Path>& inTheWay)
+      : first_(space == Durability::cover ? known.covers : known.stored),
+        second_(space == Durability::cover ? known.covers : known.volatile_),
+        inTheWay_(inTheWay) {}
 
   // Whether an entity of another type stands where one of `type` is put.
   bool isOther(Path path, Name type) const {
@@ -45,8 +48,8 @@ class Types {
   }
   // Most puts are into entities that are known, which needs no note.
   void put(Path path, Name type) {
-    const Record* record = known_.stored.find(path);
-    if (!record) record = known_.volatile_.find(path);
+    const Record* record = first_.find(path);
+    if (!record) record = second_.find(path);
     if (!removed_.empty() || !record || record->type != type) made_[path] = type;
   }
   void remove(Path path) {
@@ -57,11 +60,11 @@ class Types {
  private:
   bool isOtherBefore(Path path, Name type) const {
     const auto isOther = [&](const Record* record) { return record && record->type != type; };
-    return isOther(known_.stored.find(path)) || isOther(known_.volatile_.find(path)) ||
+    return isOther(first_.find(path)) || isOther(second_.find(path)) ||
            std::ranges::find(inTheWay_, path) != inTheWay_.end();
   }
 
-  const Known& known_;
+  const Rows &first_, &second_;  // the spaces whose entities stand in the way
   const std::vector<Path>& inTheWay_;
   std::unordered_map<Path, Name> made_{};
   std::unordered_set<Path> removed_{};
@@ -298,10 +301,10 @@ Call writeCall(std::string_view prefix, Durability space, const Changes& changes
                const Known& known) {
   ZEL_REQUIRE(changes.size() <= kMostRows, "a write of " << changes.size() << " rows");
   const Keys keys(prefix, space);
-  StepWriter steps(keys, space == Durability::stored ? known.stored : known.volatile_, changes.size());
-  writeSteps(changes, Types(known, options.inTheWay), steps);
+  StepWriter steps(keys, known.of(space), changes.size());
+  writeSteps(changes, Types(known, space, options.inTheWay), steps);
   std::string delta;
-  if (space == Durability::volatile_ && !steps.isValuesOnly())
+  if (space != Durability::stored && !steps.isValuesOnly())
     for (const Claimed& each : options.claims) delta += mountLine(each.mount);
   delta += steps.delta();
   const bool isShort = steps.isValuesOnly() && delta.size() <= kShortDelta;

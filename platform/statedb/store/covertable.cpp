@@ -28,9 +28,14 @@ std::size_t countOf(const std::optional<Record>& cover) { return cover ? cover->
 
 }  // namespace
 
-const Record* CoverTable::find(const Path& path, const Zel::Name& type) const {
+const Record* CoverTable::at(const Path& path) const {
   const auto found = covers_.find(path);
-  return found == covers_.end() || found->second.type != type ? nullptr : &found->second;
+  return found == covers_.end() ? nullptr : &found->second;
+}
+
+const Record* CoverTable::find(const Path& path, const Zel::Name& type) const {
+  const Record* cover = at(path);
+  return cover && cover->type == type ? cover : nullptr;
 }
 
 Records CoverTable::under(Path path) const {

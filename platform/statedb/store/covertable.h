@@ -1,4 +1,4 @@
-// The covers of a store in memory, with an undo log. Internal to MemoryStore.
+// The covers of a store in memory, or those of one process, with an undo log. Internal to stores.
 //
 //     CoverTable covers;
 //     covers.put({path, "Hardware::Led::LedConfig", "theme", "night"});
@@ -12,11 +12,12 @@
 #include <vector>
 
 #include "platform/statedb/store/row.h"
+#include "platform/zel/core/export.h"
 
 namespace Statedb {
 
 // Logs every change for undoTo() until settle().
-class CoverTable {
+class ZEL_API CoverTable {
  public:
   // Covered attributes of all entities.
   static constexpr std::size_t kMost = 1 << 18;
@@ -28,6 +29,8 @@ class CoverTable {
     const Record* cover = find(path, type);
     return cover && cover->find(attribute);
   }
+  // The same of any type.
+  const Record* at(const Path& path) const;
   // At and under a path, in no order.
   Records under(Path path) const;
 

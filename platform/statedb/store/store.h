@@ -110,12 +110,13 @@ struct StoreState {
   bool isReached = true;
   std::string reason{};  // while it is not reached, after a failed attempt: why, and what the store does
 
-  // A mount that one process at a time may publish. Only of stores that several hosts share.
+  // A mount that one process at a time may publish, or cover. Only of stores that several hosts share.
   struct Claim {
     std::string mount;
     std::string who{};      // the holder, for people; empty: nobody
     bool isOwn = false;     // this process is the holder
     bool isOrphan = false;  // the holder is gone; its rows stay for a while
+    bool isOfCovers = false;
   };
   std::vector<Claim> claims{};
 };

@@ -107,7 +107,7 @@ class Run {
     std::cout << "; wrote " << counts.stored << " stored batches (" << counts.taken << " taken, "
               << counts.refused << " refused, " << counts.failed << " failed, " << counts.unknown
               << " unknown, " << counts.rejected << " rejected at once) and " << counts.volatile_
-              << " volatile ones";
+              << " volatile ones; covered " << counts.covers << " times";
   }
 
   const std::uint64_t time_;

@@ -15,7 +15,8 @@
 
 namespace Chaos {
 
-inline constexpr const char* kPins = "chaos/pins";  // the mount that is claimed
+inline constexpr const char* kPins = "chaos/pins";       // the mount that is claimed
+inline constexpr const char* kCovered = "chaos/shared";  // the one that is covered, where all write
 
 std::uint64_t now();     // milliseconds
 std::string timeText();  // as events begin with it

@@ -75,6 +75,12 @@ Rows Reference::rows(const std::string& space, std::vector<std::string>& differi
 Rows Reference::merged(std::vector<std::string>& differing) {
   Rows over = rows("v", differing);
   over.merge(rows("s", differing));
+  const Rows covers = rows("c", differing);
+  for (const auto& [place, value] : covers) {
+    const std::string path = place.substr(0, place.find('\t'));
+    const auto entity = over.find(path);
+    if (entity != over.end() && entity->second == covers.at(path)) over[place] = value;
+  }
   return over;
 }
 

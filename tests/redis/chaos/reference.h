@@ -31,9 +31,10 @@ class Reference {
   // The same; empty for anything but a text.
   std::string text(const Words& words);
 
-  // Of one space, "s" or "v", from every hash; `differing` gets what is wrong with the set of directories.
+  // Of one space, "s", "v" or "c", from every hash; `differing` gets what is wrong with the set of
+  // directories.
   Rows rows(const std::string& space, std::vector<std::string>& differing);
-  // The volatile over the stored ones.
+  // The volatile over the stored ones, and covers over entities of their type.
   Rows merged(std::vector<std::string>& differing);
 
  private:

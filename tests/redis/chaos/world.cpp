@@ -59,10 +59,10 @@ Rows rowsOf(const Statedb::Table& table) {
 
 }  // namespace
 
-bool Process::ownsPins() const {
+bool Process::owns(const char* mount) const {
   if (!store) return false;
   const auto claims = store->state().claims;
-  return std::ranges::any_of(claims, [](const auto& each) { return each.mount == kPins && each.isOwn; });
+  return std::ranges::any_of(claims, [mount](const auto& each) { return each.mount == mount && each.isOwn; });
 }
 
 World::World(unsigned seed) : server(kConfiguration) {
@@ -99,7 +99,10 @@ void World::start(Process& process) {
                                   });
   process.store->subscribe({}, *process.reader);
   if (process.publishes)
-    process.store->announce({.pid = process.pid, .agents = {{process.name, "chaos"}}, .publishes = {kPins}});
+    process.store->announce({.pid = process.pid,
+                             .agents = {{process.name, "chaos"}},
+                             .publishes = {kPins},
+                             .covers = {kCovered}});
   if (process.writer) process.writer->starts(*process.store);
 }
 
@@ -160,7 +163,7 @@ Process* World::ownerOfPins(std::vector<std::string>& differing) {
   Process* owner = nullptr;
   unsigned count = 0;
   for (const auto& each : processes) {
-    if (!each->ownsPins()) continue;
+    if (!each->owns(kPins)) continue;
     owner = each.get();
     ++count;
   }
@@ -177,6 +180,15 @@ void World::compareReaders(std::vector<std::string>& differing) {
   }
 }
 
+// The server has the covers of the process that holds their claim, and none where nobody does.
+void World::compareCovers(std::vector<std::string>& differing) {
+  Rows expected;
+  for (const auto& each : processes)
+    if (each->owns(kCovered)) expected = each->writer->covers();
+  if (expected != reference.rows("c", differing))
+    differing.push_back("the server's covers are not those of the process that covers");
+}
+
 bool World::isSettled(std::vector<std::string>& differing) {
   if (!isServerUp || !reference.isReady()) differing.push_back("the server does not answer");
   for (const auto& each : processes) {
@@ -189,6 +201,7 @@ bool World::isSettled(std::vector<std::string>& differing) {
   if (!differing.empty()) return false;
   Process* owner = ownerOfPins(differing);
   if (owner) owner->writer->verifyPins(reference.rows("v", differing), differing);
+  if (differing.empty()) compareCovers(differing);
   if (differing.empty()) compareReaders(differing);
   return differing.empty();
 }

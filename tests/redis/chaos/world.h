@@ -26,7 +26,7 @@ struct Process {
   std::unique_ptr<Reader> reader{};
   std::unique_ptr<Statedb::Store> store{};
 
-  bool ownsPins() const;
+  bool owns(const char* mount) const;
 };
 
 class World {
@@ -77,6 +77,7 @@ class World {
   void checkWriters(const Seen& now, const redisReply* entries);
   void compareReaders(std::vector<std::string>& differing);
   Process* ownerOfPins(std::vector<std::string>& differing);
+  void compareCovers(std::vector<std::string>& differing);
 
   std::string stateOf(const Process& process) const;
 

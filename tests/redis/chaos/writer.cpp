@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/rpc/json.h"
+
 namespace Chaos {
 
 using Statedb::Change;
@@ -26,6 +28,7 @@ void Writer::onSnapshot(const Statedb::Records&) { hasPins_ = wantsAllPins_ = tr
 void Writer::ended() {
   store_ = nullptr;
   hasPins_ = false;
+  covers_ = {};
   for (const auto& batch : std::exchange(underWay_, {})) done(*batch, Kind::unknown);
 }
 
@@ -60,6 +63,8 @@ void Writer::act() {
     writeStored(changes);
   } else if (kind < 15 && hasPins_) {
     writePins(1 + below(4));
+  } else if (kind < 17 && publishes_) {
+    writeCover();
   } else {  // over stored rows
     const Path path(entity());
     const bool isPut = below(3) != 0;
@@ -111,6 +116,21 @@ void Writer::writePins(unsigned count) {
     pins_[path + "\tvalue"] = number_;
   }
   writeVolatile(changes);
+}
+
+// Over rows of everybody, of the type that most of them have.
+void Writer::writeCover() {
+  ++counts_.covers;
+  const Path path(kCovered + ("/" + std::to_string(below(4))));
+  const unsigned kind = below(6);
+  const Change change = kind == 0   ? Change::del(path)
+                        : kind == 1 ? Change::unset(path, "x")
+                                    : Change::put(path, kType, "x", stamp("c"));
+  covers_.erase(path.text());
+  covers_.erase(path.text() + "\tx");
+  if (kind > 1) covers_.insert({{path.text(), kType}, {path.text() + "\tx", Host::jsonText(stamp("c"))}});
+  store_->write({change}, Durability::cover);
+  store_->flush();
 }
 
 void Writer::note(const Change& change, const std::shared_ptr<const Batch>& batch) {

@@ -19,7 +19,8 @@ namespace Chaos {
 class Writer : public Statedb::Subscriber {
  public:
   struct Counts {
-    unsigned long stored = 0, volatile_ = 0, taken = 0, refused = 0, failed = 0, unknown = 0, rejected = 0;
+    unsigned long stored = 0, volatile_ = 0, taken = 0, refused = 0, failed = 0, unknown = 0, rejected = 0,
+                  covers = 0;
   };
 
   // `history` must outlive it. `publishes`: also writes the pins.
@@ -52,6 +53,8 @@ class Writer : public Statedb::Subscriber {
 
   // Appends what the server's stored rows have wrong, and takes them as the new start otherwise.
   void verify(const Rows& stored, std::vector<std::string>& differing);
+  // What this process covers, as the server is to have it.
+  const Rows& covers() const { return covers_; }
   // The same for the pins, where this writer's process owns them.
   void verifyPins(const Rows& volatile_, std::vector<std::string>& differing) const;
   // Appends batches that were seen though they failed.
@@ -89,6 +92,7 @@ class Writer : public Statedb::Subscriber {
   void writeStored(const Statedb::Changes& changes, bool isProbe = false);
   void writeVolatile(const Statedb::Changes& changes);
   void writePins(unsigned count);
+  void writeCover();
   void note(const Statedb::Change& change, const std::shared_ptr<const Batch>& batch);
   void done(Batch& batch, Kind kind);
   std::string wrong(const Row& row, unsigned now) const;
@@ -105,7 +109,8 @@ class Writer : public Statedb::Subscriber {
   std::shared_ptr<Batch> probe_{};
   std::map<std::string, Row> rows_{};       // stored ones, by place
   std::map<std::string, unsigned> pins_{};  // the number that was last written, by place
-  std::set<unsigned> neverStored_{};        // batches that failed or were refused
+  Rows covers_{};
+  std::set<unsigned> neverStored_{};  // batches that failed or were refused
   std::string lastFailure_{};
   Counts counts_{};
 };

@@ -1,16 +1,16 @@
 // Rows of a state file that somebody wrote: the file opens or is refused, and the LED agent's mounts take any
 // rows. A line is PATH TAB ATTRIBUTE TAB TYPE TAB VALUE.
 #include <sqlite3.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <filesystem>
 #include <string_view>
 
 #include "host/store/sqlitestore.h"
-#include "tests/fuzz/check.h"
+#include "host/store/statefile.h"
+#include "tests/fuzz/files.h"
+#include "tests/fuzz/quicksqlite.h"
 #include "tests/fuzz/world.h"
 
 namespace {
@@ -26,38 +26,42 @@ std::array<std::string_view, 4> partsOf(std::string_view line) {
   return parts;
 }
 
-void insert(sqlite3* connection, std::string_view rows) {
-  sqlite3_stmt* statement = nullptr;
-  sqlite3_prepare_v2(connection, "INSERT OR IGNORE INTO rows VALUES(?1, ?2, ?3, ?4)", -1, &statement,
-                     nullptr);
-  Fuzz::forEachLine(rows, [&](std::string_view line) {
+// A database in memory of the state file's schema.
+class Database {
+ public:
+  Database() {
+    Fuzz::check(sqlite3_open(":memory:", &connection_) == SQLITE_OK);
+    execute(Host::stateFileSchema().c_str());
+    sqlite3_prepare_v2(connection_, "INSERT OR IGNORE INTO rows VALUES(?1, ?2, ?3, ?4)", -1, &insert_,
+                       nullptr);
+  }
+
+  // Writes a state file with these rows.
+  void write(const std::string& file, std::string_view rows) {
+    execute("BEGIN");
+    Fuzz::forEachLine(rows, [this](std::string_view line) { insert(line); });
+    sqlite3_int64 size = 0;
+    unsigned char* const bytes = sqlite3_serialize(connection_, "main", &size, 0);
+    execute("ROLLBACK");
+    Fuzz::writeFile(file, {reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(size)});
+    sqlite3_free(bytes);
+  }
+
+ private:
+  void execute(const char* sql) {
+    Fuzz::check(sqlite3_exec(connection_, sql, nullptr, nullptr, nullptr) == SQLITE_OK);
+  }
+  void insert(std::string_view line) {
     int position = 0;
     for (const std::string_view part : partsOf(line))
-      sqlite3_bind_text(statement, ++position, part.data(), static_cast<int>(part.size()), SQLITE_TRANSIENT);
-    sqlite3_step(statement);
-    sqlite3_reset(statement);
-  });
-  sqlite3_finalize(statement);
-}
-
-// A valid file, made once, with these rows.
-void writeFile(const std::string& file, std::string_view rows) {
-  static const std::string pattern = file + ".empty";
-  if (!std::filesystem::exists(pattern)) {
-    { const Host::SqliteStore made(pattern); }
-    sqlite3* connection = nullptr;
-    sqlite3_open(pattern.c_str(), &connection);
-    sqlite3_exec(connection, "PRAGMA journal_mode = MEMORY", nullptr, nullptr, nullptr);
-    sqlite3_close(connection);
+      sqlite3_bind_text(insert_, ++position, part.data(), static_cast<int>(part.size()), SQLITE_STATIC);
+    sqlite3_step(insert_);
+    sqlite3_reset(insert_);
   }
-  std::filesystem::copy_file(pattern, file, std::filesystem::copy_options::overwrite_existing);
-  sqlite3* connection = nullptr;
-  sqlite3_open(file.c_str(), &connection);
-  sqlite3_exec(connection, "PRAGMA synchronous = OFF; BEGIN", nullptr, nullptr, nullptr);
-  insert(connection, rows);
-  sqlite3_exec(connection, "COMMIT", nullptr, nullptr, nullptr);
-  sqlite3_close(connection);
-}
+
+  sqlite3* connection_ = nullptr;
+  sqlite3_stmt* insert_ = nullptr;
+};
 
 void mount(World& world, const Host::SqliteStore& store) {
   Statedb::Changes changes;
@@ -72,9 +76,15 @@ void mount(World& world, const Host::SqliteStore& store) {
 
 }  // namespace
 
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  Fuzz::quickSqlite();
+  return 0;
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const std::string file = FUZZ_FOLDER "/rows-" + std::to_string(::getpid());
-  writeFile(file, {reinterpret_cast<const char*>(data), size});
+  static Database& database = *new Database;
+  static const std::string file = Fuzz::fileOf("rows");
+  database.write(file, {reinterpret_cast<const char*>(data), size});
   World& world = World::instance();
   Fuzz::refusable<Statedb::StoreError>([&] { mount(world, Host::SqliteStore(file)); });
   world.clear();

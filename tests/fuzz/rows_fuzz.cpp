@@ -1,16 +1,14 @@
-// Rows of a state file that somebody wrote: the file opens or is refused, and the LED agent's mounts take any
+// Rows of a state file that somebody wrote: they are read or refused, and the LED agent's mounts take any
 // rows. A line is PATH TAB ATTRIBUTE TAB TYPE TAB VALUE.
-#include <sqlite3.h>
-
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <map>
 #include <string_view>
 
-#include "host/store/sqlitestore.h"
-#include "host/store/statefile.h"
-#include "tests/fuzz/files.h"
-#include "tests/fuzz/quicksqlite.h"
+#include "host/store/rowreader.h"
+#include "platform/zel/core/exception.h"
+#include "tests/fuzz/check.h"
 #include "tests/fuzz/world.h"
 
 namespace {
@@ -26,44 +24,23 @@ std::array<std::string_view, 4> partsOf(std::string_view line) {
   return parts;
 }
 
-// A database in memory of the state file's schema.
-class Database {
+// What the store of a state file with these rows has. The file keeps the first of two rows of one attribute,
+// and is read in the order of path and attribute; statefile_fuzz opens files.
+class Rows : public Statedb::MemoryStore {
  public:
-  Database() {
-    Fuzz::check(sqlite3_open(":memory:", &connection_) == SQLITE_OK);
-    execute(Host::stateFileSchema().c_str());
-    sqlite3_prepare_v2(connection_, "INSERT OR IGNORE INTO rows VALUES(?1, ?2, ?3, ?4)", -1, &insert_,
-                       nullptr);
+  explicit Rows(std::string_view lines) {
+    std::map<std::pair<std::string_view, std::string_view>, Host::RowReader::Texts> rows;
+    Fuzz::forEachLine(lines, [&](std::string_view line) {
+      const auto [path, attribute, type, value] = partsOf(line);
+      rows.try_emplace({path, attribute}, Host::RowReader::Texts{path, attribute, type, value});
+    });
+    Host::RowReader reader("state.db");
+    for (const auto& row : rows)
+      Fuzz::refusable<Zel::ValueError>([&] { restore(reader.read(row.second)); });
   }
-
-  // Writes a state file with these rows.
-  void write(const std::string& file, std::string_view rows) {
-    execute("BEGIN");
-    Fuzz::forEachLine(rows, [this](std::string_view line) { insert(line); });
-    sqlite3_int64 size = 0;
-    unsigned char* const bytes = sqlite3_serialize(connection_, "main", &size, 0);
-    execute("ROLLBACK");
-    Fuzz::writeFile(file, {reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(size)});
-    sqlite3_free(bytes);
-  }
-
- private:
-  void execute(const char* sql) {
-    Fuzz::check(sqlite3_exec(connection_, sql, nullptr, nullptr, nullptr) == SQLITE_OK);
-  }
-  void insert(std::string_view line) {
-    int position = 0;
-    for (const std::string_view part : partsOf(line))
-      sqlite3_bind_text(insert_, ++position, part.data(), static_cast<int>(part.size()), SQLITE_STATIC);
-    sqlite3_step(insert_);
-    sqlite3_reset(insert_);
-  }
-
-  sqlite3* connection_ = nullptr;
-  sqlite3_stmt* insert_ = nullptr;
 };
 
-void mount(World& world, const Host::SqliteStore& store) {
+void mount(World& world, const Rows& store) {
   Statedb::Changes changes;
   for (const Statedb::Record* record : store.read("")) {
     changes.push_back(Statedb::Change::put(record->path, record->type, {}, {}));
@@ -76,17 +53,11 @@ void mount(World& world, const Host::SqliteStore& store) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  Fuzz::quickSqlite();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static Database& database = *new Database;
-  static const std::string file = Fuzz::fileOf("rows");
-  database.write(file, {reinterpret_cast<const char*>(data), size});
   World& world = World::instance();
-  Fuzz::refusable<Statedb::StoreError>([&] { mount(world, Host::SqliteStore(file)); });
+  Fuzz::refusable<Statedb::StoreError>([&] {
+    mount(world, Rows({reinterpret_cast<const char*>(data), size}));
+  });
   world.clear();
   return 0;
 }

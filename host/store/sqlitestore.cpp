@@ -2,15 +2,14 @@
 
 #include <sqlite3.h>
 
-#include <array>
 #include <filesystem>
 #include <optional>
 
 #include "host/io/processid.h"
 #include "host/rpc/json.h"
+#include "host/store/rowreader.h"
 #include "host/store/statefile.h"
 #include "host/store/writeaheadlog.h"
-#include "platform/zel/core/lastseen.h"
 
 namespace Host {
 
@@ -18,17 +17,6 @@ using Statedb::Change;
 using Statedb::Changes;
 using Statedb::Row;
 using Statedb::StoreError;
-
-namespace {
-
-// Memoizes `make`: rows repeat paths, types and values, and parsing dominates the time to read a large file.
-template <class T, class Make>
-const T& remembered(Zel::LastSeen<std::string, T>& last, std::string_view text, Make make) {
-  const T* known = last.find(text);
-  return known ? *known : last.keep(text, make(text));
-}
-
-}  // namespace
 
 // The open file. Every failure is a StoreError with SQLite's message.
 class SqliteStore::Database {
@@ -72,11 +60,11 @@ class SqliteStore::Database {
   void forEachRow(Take take, const Report& report) {
     const Statement select =
         prepare("SELECT path, attribute, type, value FROM rows ORDER BY path, attribute");
-    Known known;
+    RowReader reader(file_);
     std::size_t leftOut = 0;
     while (step(*select)) {
       try {
-        take(row(*select, known));
+        take(row(*select, reader));
       } catch (const Zel::ValueError& error) {
         constexpr std::size_t kReported = 10;
         if (++leftOut <= kReported) report("store file '" + file_ + "': a row is left out: " + error.what());
@@ -176,27 +164,11 @@ class SqliteStore::Database {
     return result == SQLITE_ROW;
   }
 
-  struct Known {
-    Zel::LastSeen<std::string, Statedb::Path> path;
-    Zel::LastSeen<std::string, Zel::Name> type;
-    std::array<Zel::LastSeen<std::string, Zel::Value>, 64> values;  // direct-mapped by the hash
-
-    auto& value(std::string_view text) { return values[std::hash<std::string_view>()(text) % values.size()]; }
-  };
-
-  Row row(sqlite3_stmt& statement, Known& known) const {
-    Row row{remembered(known.path, text(statement, 0), [](auto text) { return Statedb::Path(text); }),
-            remembered(known.type, text(statement, 2), [](auto text) { return Zel::Name(text); }),
-            Zel::Name(text(statement, 1)),
-            {}};
-    try {
-      const auto value = text(statement, 3);
-      row.value = remembered(known.value(value), value, &parseJson);
-    } catch (const Zel::ValueError& error) {
-      refuseStateFile(file_, "the value of '" + row.path.text() + "' " + row.attribute.stdString() +
-                                 " can't be read: " + error.what());
-    }
-    return row;
+  static Row row(sqlite3_stmt& statement, RowReader& reader) {
+    return reader.read({.path = text(statement, 0),
+                        .attribute = text(statement, 1),
+                        .type = text(statement, 2),
+                        .value = text(statement, 3)});
   }
 
   // Valid until the next step.

@@ -17,9 +17,15 @@ using Fuzz::World;
 
 void checkJson(const std::string& text) { Fuzz::check(Host::Json::accept(text)); }
 
+// The answer is always the same, and takes as long as fifty others: LLVMFuzzerInitialize() checks it once.
+bool isTypes(const Host::Request& request) {
+  return request.method == "types" && request.parameters == Zel::Value(Zel::Value::Fields{});
+}
+
 void run(World& world, Host::Caller& caller, std::string_view line) {
   Host::Request request;
   request.read(Host::parseMessage(line));
+  if (isTypes(request)) return;
   const auto& method = Host::Methods::find(request.method);
   checkJson(Host::resultText(request.id, world.methods.run(method, request.parameters, caller)));
 }
@@ -31,6 +37,13 @@ void checkRows(const World& world) {
 }
 
 }  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  World& world = World::instance();
+  Host::Caller caller(world.served, 1, checkJson);
+  checkJson(world.methods.run(Host::Methods::find("types"), Zel::Value(Zel::Value::Fields{}), caller));
+  return 0;
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   World& world = World::instance();

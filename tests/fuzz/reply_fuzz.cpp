@@ -11,7 +11,7 @@
 #include "ctl/configuration.h"
 #include "ctl/processes.h"
 #include "ctl/why.h"
-#include "tests/fuzz/check.h"
+#include "tests/fuzz/files.h"
 #include "tests/host/client.h"
 
 namespace {
@@ -25,7 +25,7 @@ class Listening {
     Fuzz::check(::bind(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0);
     Fuzz::check(::listen(descriptor_, 1) == 0);
   }
-  static std::string path() { return FUZZ_FOLDER "/reply-" + std::to_string(::getpid()); }
+  static std::string path() { return Fuzz::fileOf("reply"); }
 
   // The descriptor is the caller's.
   int answer(std::string_view bytes) const {

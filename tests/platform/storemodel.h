@@ -26,8 +26,13 @@ inline bool isUnder(const std::string& path, const std::string& above) {
 }
 
 inline void carryInto(Rows& rows, const Changes& changes) {
+  const auto erase = [&](const std::string& from, const std::string& to) {
+    rows.erase(rows.lower_bound({from, ""}), rows.lower_bound({to, ""}));
+  };
   const auto del = [&](const std::string& path) {
-    std::erase_if(rows, [&](const auto& each) { return isUnder(each.first.first, path); });
+    if (path.empty()) return rows.clear();
+    erase(path, path + '\0');
+    erase(path + '/', path + '0');  // the character after '/'
   };
   for (const Change& change : changes) {
     const std::string path = change.row.path.text(), attribute = change.row.attribute.stdString();

@@ -35,8 +35,7 @@ class Rows : public Statedb::MemoryStore {
       rows.try_emplace({path, attribute}, Host::RowReader::Texts{path, attribute, type, value});
     });
     Host::RowReader reader("state.db");
-    for (const auto& row : rows)
-      Fuzz::refusable<Zel::ValueError>([&] { restore(reader.read(row.second)); });
+    for (const auto& row : rows) Fuzz::refusable<Zel::ValueError>([&] { restore(reader.read(row.second)); });
   }
 };
 

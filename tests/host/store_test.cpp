@@ -172,20 +172,23 @@ TEST(SqliteStore, AnIncompleteFileIsReplaced) {
   EXPECT_EQ(filesIn(folder), std::vector<std::string>{"db-wal"});
 }
 
-TEST(SqliteStore, RowsBeyondTheLimitsAreSkippedAndReported) {
+TEST(SqliteStore, RowsBeyondTheLimitsAndDuplicatesAreSkippedAndReported) {
   const Folder folder;
   { SqliteStore(folder.at("db")).write({Change::put("kept", "T", "", {})}, Durability::stored); }
   runSql(folder.at("db"),
          "PRAGMA journal_mode = DELETE; INSERT INTO rows VALUES('kept', '', 'T', 'null');"
          "INSERT INTO rows VALUES('deep' || replace(hex(zeroblob(50000)), '00', '/d'), '', 'T', 'null');"
          "INSERT INTO rows VALUES('kept/' || hex(zeroblob(200)), '', 'T', 'null');"
-         "INSERT INTO rows VALUES('kept', hex(zeroblob(200)), 'T', '1');");
+         "INSERT INTO rows VALUES('kept', hex(zeroblob(200)), 'T', '1');"
+         "INSERT INTO rows VALUES('kept', 'x', 'T', '1');"
+         "INSERT INTO rows VALUES(CAST('kept' AS BLOB), 'x', 'T', '2');");
   std::string reported;
   const SqliteStore store(folder.at("db"), [&](const std::string& text) { reported += text + '\n'; });
-  EXPECT_EQ(rowsOf(store.read("")).size(), 1U);
+  EXPECT_EQ(rowsOf(store.read("")).size(), 2U);
   EXPECT_THAT(reported, HasSubstr("a row is left out: the path 'deep/d/d"));
   EXPECT_THAT(reported, HasSubstr("a row is left out: the name '0000"));
-  EXPECT_THAT(reported, HasSubstr("rows left out: 3"));
+  EXPECT_THAT(reported, HasSubstr("a row is left out: 'kept' has another value of 'x'"));
+  EXPECT_THAT(reported, HasSubstr("rows left out: 4"));
 }
 
 TEST(SqliteStore, HasOneOwnerAtATime) {

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "platform/statedb/store/memorystate.h"
-#include "platform/zel/core/assert.h"
+#include "platform/zel/core/exception.h"
 
 namespace Statedb {
 
@@ -136,8 +136,11 @@ std::unordered_map<Zel::Name, std::size_t> MemoryStore::entitiesByType() const {
 void MemoryStore::restore(Row row) {
   Entry* entry = state_->entries.find(row.path);
   if (!entry) entry = &state_->entries.insert(row.path, row.type, Durability::stored);
-  ZEL_REQUIRE(!findIn(entry->attributes, row.attribute), row.path << ' ' << row.attribute);
-  if (!row.attribute.empty()) entry->attributes.emplace_back(row.attribute, std::move(row.value));
+  if (row.attribute.empty()) return;
+  if (findIn(entry->attributes, row.attribute))
+    throw Zel::ValueError("'" + row.path.text() + "' has another value of '" + row.attribute.stdString() +
+                          "'");
+  entry->attributes.emplace_back(row.attribute, std::move(row.value));
 }
 
 }  // namespace Statedb

@@ -39,7 +39,8 @@ class ZEL_API MemoryStore : public Store, public Table {
   virtual void persist(const Changes&) {}
   virtual void commit() {}
   virtual void rollback() {}
-  // Loads a durable row at start-up. REQUIRES: there is no row of that path and attribute.
+  // Loads a durable row at start-up. Throws ValueError, and keeps the first, where there are two of an
+  // attribute.
   void restore(Row row);
 
  private:

@@ -18,6 +18,8 @@ target_compile_options(pinlamp_options INTERFACE
 # Calls within a library are direct; no program interposes its functions.
 target_compile_options(pinlamp_options INTERFACE -fno-semantic-interposition)
 target_include_directories(pinlamp_options INTERFACE ${PROJECT_SOURCE_DIR})
+# Names of sources in programs are relative: the same from every clone, for the compiler's cache.
+target_compile_options(pinlamp_options INTERFACE -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
 if(PINLAMP_SANITIZE)
   # With sanitizers GCC 12 warns wrongly of uninitialised reads in std::function.
   target_compile_options(pinlamp_options INTERFACE

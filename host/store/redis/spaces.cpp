@@ -157,7 +157,9 @@ void Spaces::carry(Durability space, const Change& change, LayeredChanges& visib
 // The most frequent change: of a value without covers. Holds nothing, and leaves the other values as
 // subscribers know them.
 void Spaces::carryValue(Durability space, const Change& change, LayeredChanges& visible) {
-  const auto& [path, type, attribute, value] = change.row;
+  const Path path = change.row.path;
+  const Name& attribute = change.row.attribute;
+  const Value& value = change.row.value;
   Record& own = *in(space).find(path);
   const bool isPut = change.kind == Change::Kind::put;
   if (attribute.empty() || isSame(own.find(attribute), isPut ? &value : nullptr)) return;

@@ -141,7 +141,7 @@ Json entitiesOf(Client& client, const char* type, const char* path) {
 
 constexpr char kWiringType[] = "Hardware::Gpio::GpioLineInit";
 
-// What the status of the lines would be if somebody drove them: of each wired pin that has a value.
+// A status for each wired pin that has a value, as a line agent would publish it.
 Json linesOfNobody(Client& client) {
   Json lines = Json::array();
   const Json wirings = entitiesOf(client, kWiringType, Paths::kWirings);

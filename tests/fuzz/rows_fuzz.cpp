@@ -24,7 +24,7 @@ std::array<std::string_view, 4> partsOf(std::string_view line) {
   return parts;
 }
 
-// What the store of a state file with these rows has. The file keeps the first of two rows of one attribute,
+// The store of a state file with these rows. The file keeps the first of two rows of one attribute,
 // and is read in the order of path and attribute; statefile_fuzz opens files.
 class Rows : public Statedb::MemoryStore {
  public:

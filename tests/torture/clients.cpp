@@ -12,7 +12,7 @@ namespace Torture {
 namespace {
 
 constexpr std::uint64_t kMiB = 1 << 20;
-constexpr double kLongestAnswer = 2.0;             // seconds of the slowest of 100 answers, on a busy machine
+constexpr double kLongestAnswer = 2.0;       // seconds of the slowest of 100 answers, on a busy machine
 constexpr std::uint64_t kTotal = 64 * kMiB;  // that the host lets clients hold, beside the largest
 constexpr std::uint64_t kSlack = 48 * kMiB;  // of the largest, and of the allocator
 constexpr std::uint64_t kLeak = 48;          // bytes for each client that has gone

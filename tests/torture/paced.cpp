@@ -15,7 +15,7 @@ namespace Torture {
 namespace {
 
 constexpr double kLongestUse = 0.02;  // processor seconds of the slowest of 100 answers
-constexpr int kPause = 2;          // rounds from an answer to the next request
+constexpr int kPause = 2;             // rounds from an answer to the next request
 
 double processorTime() {
   timespec time{};
@@ -77,7 +77,8 @@ class PacedRun {
     if (latency_ > kLongestUse && ++slow_ > 1 + latencies_.size() / 100)
       throw Failure("a client beside 16 that flood: " + std::to_string(slow_) + " of " +
                     std::to_string(latencies_.size() + 1) + " answers took the host more than " +
-                    std::to_string(kLongestUse) + " s of processor time, this one " + std::to_string(latency_));
+                    std::to_string(kLongestUse) + " s of processor time, this one " +
+                    std::to_string(latency_));
     latencies_.push_back(std::exchange(latency_, 0));
     pause_ = kPause;
   }

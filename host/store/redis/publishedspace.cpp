@@ -243,7 +243,7 @@ void PublishedSpace::beat(const std::string& mount, const Token& token, std::str
   ask(beatCall(keys_, mount, token, synced), mount);
 }
 
-// What was covered is gone before others may cover.
+// The covers are gone before others may cover.
 void PublishedSpace::release(const std::string& mount, const Token& token) {
   if (isCovers() && upstream_.isReached())
     upstream_.write(space_, {Change::del(Path(mount))}, {{mount, token}});

@@ -37,7 +37,7 @@ class VolatileWrites {
   // Of writes of the space.
   void onSettled(Sequence sequence, Outcome outcome);
   void onRefused(Sequence sequence, const Reply& error);
-  // What this process published under a mount was forgotten: drops what waits, and the answers.
+  // The server forgot the rows of this process under a mount: drops what waits, and the answers.
   void forget(Statedb::Path mount);
   // The connection is lost: nothing is under way any more.
   void onLost();

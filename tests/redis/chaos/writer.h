@@ -53,7 +53,7 @@ class Writer : public Statedb::Subscriber {
 
   // Appends what the server's stored rows have wrong, and takes them as the new start otherwise.
   void verify(const Rows& stored, std::vector<std::string>& differing);
-  // What this process covers, as the server is to have it.
+  // The covers of this process, as the server is to have them.
   const Rows& covers() const { return covers_; }
   // The same for the pins, where this writer's process owns them.
   void verifyPins(const Rows& volatile_, std::vector<std::string>& differing) const;

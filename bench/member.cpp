@@ -18,6 +18,12 @@ void Rounds::run() {
   longest_ = std::max(longest_, threadTime() - start);
 }
 
+void Rounds::runUntil(const std::function<bool()>& condition, const std::function<std::string()>& report) {
+  for (const double end = now() + kTimeout; !condition(); run())
+    if (now() > end)
+      throw std::runtime_error("the store does not answer" + (report ? ": " + report() : std::string()));
+}
+
 Member::Member(Rounds& rounds, const std::string& url, const std::string& path,
                const std::function<void()>& onGot)
     : rounds_(rounds), onGot_(onGot) {
@@ -46,9 +52,10 @@ void Member::follow() {
   for (;;) rounds_.run();
 }
 
-void Member::onSnapshot(const Statedb::Records&) {
+bool Member::onEnd() {
   hasRows_ = true;
   if (onGot_) onGot_();
+  return true;
 }
 
 void Member::onChanges(const Statedb::Changes& changes) {
@@ -57,10 +64,8 @@ void Member::onChanges(const Statedb::Changes& changes) {
   if (onGot_) onGot_();
 }
 
-template <class Condition>
-void Member::runUntil(Condition condition) {
-  for (const double end = now() + kTimeout; !condition(); rounds_.run())
-    if (now() > end) throw std::runtime_error("the store does not answer: " + report_);
+void Member::runUntil(const std::function<bool()>& condition) {
+  rounds_.runUntil(condition, [this] { return report_; });
 }
 
 }  // namespace Bench

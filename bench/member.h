@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "host/io/loop.h"
 #include "platform/statedb/store/store.h"
@@ -17,15 +18,18 @@ class Rounds {
   Host::Loop& loop() { return loop_; }
   // One round of events, which waits for the first.
   void run();
-  // The most seconds of processor time that a round took so far: other work on the machine does not count.
-  double longest() const { return longest_; }
+  // Runs until then. Throws std::runtime_error, with `report()`, if that takes too long.
+  void runUntil(const std::function<bool()>& condition, const std::function<std::string()>& report = {});
+  // The most seconds of processor time that a round took since the last call: other work on the machine does
+  // not count.
+  double takeLongest() { return std::exchange(longest_, 0.0); }
 
  private:
   Host::Loop loop_;
   double longest_ = 0;
 };
 
-class Member : private Statedb::Subscriber {
+class Member : private Statedb::Subscriber, private Statedb::SnapshotParts {
  public:
   // Waits until the store has the rows. Throws std::runtime_error if that takes too long. `rounds` must
   // outlive it.
@@ -45,10 +49,13 @@ class Member : private Statedb::Subscriber {
   std::size_t changes() const { return changes_; }
 
  private:
-  void onSnapshot(const Statedb::Records& records) override;
+  void onSnapshot(const Statedb::Records&) override { onEnd(); }
+  Statedb::SnapshotParts* snapshotParts() override { return this; }
+  void onBegin() override {}
+  void onPart(const Statedb::Records&) override {}
+  bool onEnd() override;
   void onChanges(const Statedb::Changes& changes) override;
-  template <class Condition>
-  void runUntil(Condition condition);
+  void runUntil(const std::function<bool()>& condition);
 
   Rounds& rounds_;
   const std::function<void()> onGot_;

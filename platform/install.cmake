@@ -19,6 +19,8 @@ install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}
   PATTERN "memorystore.h" EXCLUDE
   PATTERN "mounts.h" EXCLUDE
   PATTERN "mounttable.h" EXCLUDE
+  PATTERN "partialsnapshot.h" EXCLUDE
+  PATTERN "pathset.h" EXCLUDE
   PATTERN "pathwalker.h" EXCLUDE
   PATTERN "printable.h" EXCLUDE
   PATTERN "publisher.h" EXCLUDE

@@ -223,16 +223,18 @@ bool Mirror::proceed(Durability space, std::size_t most, LayeredChanges& visible
 Mirror::Pending Mirror::pend(const Changes& changes) { return state_->overlay.add(changes); }
 void Mirror::settle(Pending pending) { state_->overlay.remove(pending); }
 
+const Record* Mirror::shown(Path path, Layer layer) const { return state_->spaces.shown(path, layer); }
+
 void Mirror::withShown(Path path, Layer layer, const std::function<void(const Records&)>& take) const {
   Records records;
   path.forEachUnder([&](Path each) {
-    if (const Record* record = state_->spaces.shown(each, layer)) records.push_back(record);
+    if (const Record* record = shown(each, layer)) records.push_back(record);
   });
   take(records);
 }
 
 void Mirror::appendShown(Path path, Name attribute, Changes& changes) const {
-  const Record* record = state_->spaces.shown(path, Layer::effective);
+  const Record* record = shown(path, Layer::effective);
   if (!record) return;
   if (attribute.empty()) return appendRows(*record, changes);
   if (const Value* value = record->find(attribute))

@@ -70,8 +70,11 @@ class Mirror final : public Statedb::Table {
   Pending pend(const Statedb::Changes& changes);
   void settle(Pending pending);
 
-  // Everything in a layer at and under a path without the pending writes, each entity before those under
-  // itself: what subscribers were notified of. The records are valid during the call.
+  // An entity in a layer without the pending writes: what subscribers were notified of. Null if there is
+  // none; valid until something changes.
+  const Statedb::Record* shown(Statedb::Path path, Statedb::Layer layer) const;
+  // All of them at and under a path, each entity before those under itself. The records are valid during the
+  // call.
   void withShown(Statedb::Path path, Statedb::Layer layer,
                  const std::function<void(const Statedb::Records&)>& take) const;
   // Puts of the effective value of an attribute, or with the empty attribute of the whole entity, without the

@@ -185,7 +185,7 @@ void PublishedSpace::onFenced(const Reply& error) {
 void PublishedSpace::tick() {
   writes_.check();
   for (auto& [mount, ticks] : ownedFor_)
-    if (!tokenOf(mount).empty() && ++ticks == kTicksToPublish + 1)
+    if (!tokenOf(mount).empty() && publications_.isDelivered(Path(mount)) && ++ticks == kTicksToPublish + 1)
       publications_.published(Path(mount), upstream_.rows(space_));
   writes_.send();
   reportSynced();

@@ -43,7 +43,7 @@ std::vector<std::string> outermost(const std::vector<std::string>& paths) {
 
 }  // namespace
 
-RedisStore::RedisStore(Loop& loop, const std::string& url, Report report)
+RedisStore::RedisStore(Loop& loop, const std::string& url, Report report, Subscribers::Portion portion)
     : loop_(loop),
       text_(url),
       url_(parseUrl(url)),
@@ -59,7 +59,11 @@ RedisStore::RedisStore(Loop& loop, const std::string& url, Report report)
       stored_(upstream_, mirror_),
       volatile_(Durability::volatile_, url_, url_.hold, {upstream_, mirror_, refresh_}, *this),
       covers_(Durability::cover, url_, kHoldOfCovers, {upstream_, mirror_, refresh_}, *this),
-      timer_(new uv_timer_t) {
+      subscribers_(mirror_, portion),
+      timer_(new uv_timer_t),
+      delivery_(new uv_idle_t) {
+  uv_idle_init(loop_.uv(), delivery_.get());
+  delivery_->data = this;
   uv_timer_init(loop_.uv(), timer_.get());
   timer_->data = this;
   uv_timer_start(
@@ -100,20 +104,34 @@ void RedisStore::announce(const Statedb::Announcement& announcement) {
 
 void RedisStore::notify(LayeredChanges changes) { subscribers_.notify({.changes = std::move(changes)}); }
 
+// A publisher's snapshot waits for flush(): whether the mount is claimed is known only when it was announced.
 void RedisStore::subscribe(Path path, Subscriber& subscriber) {
   subscribers_.deliver();
   subscribers_.add(path, subscriber);
-  // A publisher's waits for flush(): whether the mount is claimed is known only when it was announced.
-  if (!subscriber.publishes(path)) deliverSnapshots();
+  if (!subscriber.publishes(path)) deliverPortion();
 }
 
+// One portion in a round of the loop.
 void RedisStore::deliverSnapshots() {
-  if (!hasRows_ || !refresh_.isDone()) return;
-  subscribers_.deliverSnapshots(
-      mirror_, [this](Path path, const Subscriber& subscriber) { return mayArrive(path, subscriber); },
-      [this](Path path, const Subscriber& subscriber) {
-        for (const Path& mount : mountsUnder(path, subscriber)) volatile_.delivered(mount);
-      });
+  if (!uv_is_active(reinterpret_cast<const uv_handle_t*>(delivery_.get()))) deliverPortion();
+}
+
+// A loop with an idle handle does not wait for events.
+void RedisStore::deliverPortion() {
+  const auto mayArriveThere = [this](Path path, const Subscriber& subscriber) {
+    return mayArrive(path, subscriber);
+  };
+  const auto delivered = [this](Path path, const Subscriber& subscriber) {
+    for (const Path& mount : mountsUnder(path, subscriber)) volatile_.delivered(mount);
+  };
+  const bool hasAll = hasRows_ && refresh_.isDone();
+  if (!hasAll || !subscribers_.deliverSnapshots(mayArriveThere, delivered)) {
+    uv_idle_stop(delivery_.get());
+    return;
+  }
+  uv_idle_start(delivery_.get(), [](uv_idle_t* handle) {
+    Loop::guard(handle->loop, [&] { static_cast<RedisStore*>(handle->data)->deliverPortion(); });
+  });
 }
 
 // The mounts that the subscriber publishes, at, above or under its path.

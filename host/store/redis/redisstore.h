@@ -12,11 +12,12 @@
 // - Covers are rows of a space of their own, which no other changes. They are shown and sent like volatile
 //   rows, while this process holds the claim of their mount, and removed at once when it ends; those of a
 //   process that was killed when its claim is silent for the lease.
-// - A large snapshot of the server is taken over in portions of some milliseconds: what this process had
-// stays
-//   visible until an entity's turn comes, and what is written meanwhile is carried as always. A subscriber's
-//   first snapshot waits until all is there, and so does the state "reached"; whoever has one already is
-//   notified of each portion's differences, an entity's all at once.
+// - A large snapshot of the server is taken over in portions of some milliseconds: what this process
+//   had stays visible until an entity's turn comes, and what is written meanwhile is carried as always. A
+//   subscriber's snapshot waits until all is there, and so does the state "reached"; whoever has one already
+//   is notified of each portion's differences, an entity's all at once.
+// - A subscriber that takes its snapshot in parts gets it in portions as well. The loss of the server
+//   does not interrupt that, because the rows stay.
 //
 // Activity thread only.
 #pragma once
@@ -48,7 +49,7 @@ class RedisStore final : public Statedb::Store, private Upstream::Owner, private
 
   // Connects from the loop, and reconnects for ever. `report` logs each loss and each return once, what the
   // server refuses, and who holds a claim. Throws StoreError if the URL is wrong. `loop` must outlive it.
-  RedisStore(Loop& loop, const std::string& url, Report report);
+  RedisStore(Loop& loop, const std::string& url, Report report, Subscribers::Portion portion = {});
   // Releases its claims: a standby takes over at once.
   ~RedisStore() override;
 
@@ -92,6 +93,7 @@ class RedisStore final : public Statedb::Store, private Upstream::Owner, private
   void carryStored(const Upstream::Owner::Entry& entry);
   void carryPublished(const Upstream::Owner::Entry& entry);
   void deliverSnapshots();
+  void deliverPortion();
   std::vector<Statedb::Path> mountsUnder(Statedb::Path path, const Statedb::Subscriber& subscriber) const;
   bool mayArrive(Statedb::Path path, const Statedb::Subscriber& subscriber) const;
   void notify(LayeredChanges changes);
@@ -118,6 +120,7 @@ class RedisStore final : public Statedb::Store, private Upstream::Owner, private
   std::string why_;                       // it is not reached; empty before the first attempt has failed
   std::set<Loss::Kind> losses_;           // reported since it was reached last
   UvHandle<uv_timer_t> timer_;
+  UvHandle<uv_idle_t> delivery_;  // of snapshots, where they take more than a portion
 };
 
 }  // namespace Host::Redis

@@ -1,12 +1,14 @@
 #include "platform/statedb/mount/covers.h"
 
 #include <algorithm>
+#include <optional>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "platform/statedb/mount/mounttable.h"
 #include "platform/statedb/mount/refusals.h"
+#include "platform/statedb/store/pathset.h"
 #include "platform/statedb/store/schema.h"
 #include "platform/statedb/store/store.h"
 
@@ -37,7 +39,7 @@ void unsetRow(RecordsByPath& records, Path path, Zel::Name attribute) {
 }
 
 // The rows at and under a path, without covers.
-class BaseRows : public Subscriber {
+class BaseRows : public Subscriber, private SnapshotParts {
  public:
   using Changed = std::function<void(Path)>;
   BaseRows(Path path, std::function<void()> onSnapshot, Changed changed)
@@ -49,32 +51,66 @@ class BaseRows : public Subscriber {
 
   Layer layer() const override { return Layer::base; }
   void onSnapshot(const Records& records) override {
+    had_.reset();
     records_.clear();
     for (const Record* each : records) records_.emplace(each->path, *each);
-    hasArrived_ = true;
     changed_(path_);
-    onSnapshot_();
+    arrived();
   }
+  SnapshotParts* snapshotParts() override { return this; }
   void onChanges(const Changes& changes) override {
     for (const Change& each : changes) apply(each);
   }
 
  private:
+  void onBegin() override { had_.emplace(); }
+  void onPart(const Records& records) override {
+    for (const Record* each : records) {
+      records_.insert_or_assign(each->path, *each);
+      had_->insert(each->path);
+      changed_(each->path);
+    }
+  }
+  bool onEnd() override {
+    if (records_.size() > had_->size()) removeOthers();
+    had_.reset();
+    arrived();
+    return true;
+  }
+  // Takes long where there are many; of a store that notifies of differences there are none.
+  void removeOthers() {
+    std::erase_if(records_, [this](const auto& each) { return !had_->contains(each.first); });
+    changed_(path_);
+  }
+  void arrived() {
+    hasArrived_ = true;
+    onSnapshot_();
+  }
+
   void apply(const Change& change) {
     const Row& row = change.row;
     if (change.kind == Change::Kind::put)
-      setRow(records_, row);
+      put(row);
     else if (change.kind == Change::Kind::unset)
       unsetRow(records_, row.path, row.attribute);
     else
-      row.path.forEachUnder([&](Path each) { records_.erase(each); });
+      row.path.forEachUnder([&](Path each) { remove(each); });
     changed_(row.path);
+  }
+  void put(const Row& row) {
+    setRow(records_, row);
+    if (had_) had_->insert(row.path);
+  }
+  void remove(Path path) {
+    records_.erase(path);
+    if (had_) had_->erase(path);
   }
 
   const Path path_;
   const std::function<void()> onSnapshot_;
   const Changed changed_;
   RecordsByPath records_;
+  std::optional<PathSet> had_;  // those that a snapshot under way has had
   bool hasArrived_ = false;
 };
 

@@ -126,6 +126,7 @@ void Mounts::checkMode(const Mount& mount) const {
 
 void Mounts::onPassEnd() {
   covers_.write();
+  publishers_.forEachBatch([this](const Changes& changes) { applier_.overtake(changes); });
   publishers_.write([this](Path path) { return subscriptions_.subscriberOf(path); });
   applier_.removalsDelivered();
   if (!closed_.empty() && !applier_.isWaiting()) complete();

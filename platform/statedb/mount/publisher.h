@@ -95,6 +95,11 @@ class Publishers {
       if (const auto found = publisher->find(*entity)) function(*found);
     }
   }
+  // Calls `function` with the changes under each mount that are not in the store yet.
+  template <class Function>
+  void forEachBatch(Function&& function) const {
+    for (const auto& publisher : publishers_) function(publisher->changes());
+  }
   // Writes the changes to the store, one batch for each mount. `originOf` returns the subscriber of a mount's
   // path, which is not notified of the batch.
   using OriginOf = std::function<Subscriber*(Path)>;

@@ -1,5 +1,9 @@
 #include "platform/statedb/mount/rowapplier.h"
 
+#include <algorithm>
+#include <set>
+#include <utility>
+
 #include "platform/statedb/store/schema.h"
 
 namespace Statedb {
@@ -46,6 +50,21 @@ void RowApplier::apply(const Changes& changes) {
 void RowApplier::removalsDelivered() {
   removed_.clear();
   applyWaiting();
+}
+
+void RowApplier::overtake(const Changes& published) {
+  if (!isWaiting()) return;
+  std::set<std::pair<Path, Zel::Name>> put;
+  std::vector<Path> removed;
+  for (const Change& each : published)
+    if (each.kind == Change::Kind::put)
+      put.emplace(each.row.path, each.row.attribute);
+    else
+      removed.push_back(each.row.path);
+  std::erase_if(queue_, [&](const Change& each) {
+    const auto isGone = [&](const Path& path) { return each.row.path.isUnder(path); };
+    return put.contains({each.row.path, each.row.attribute}) || std::ranges::any_of(removed, isGone);
+  });
 }
 
 // Whether the entity at `path`, or one above it, was removed in this pass.
@@ -158,7 +177,6 @@ Zel::Name RowApplier::typeOnTheWay(Path path) const {
   return mounted.empty() ? Zel::Dir::typeNode().name() : mounted;
 }
 
-// Removes an entity, but only clears a mounted one or one above a mount.
 void RowApplier::remove(Path path) {
   forgetRefused(path);
   const Found found = tree_.find(path);
@@ -185,9 +203,13 @@ void RowApplier::clear(Zel::Entity& entity, Path path) {
 // Snapshots
 // ----------------------------------------------------------------------------------------------------
 
-void RowApplier::applySnapshot(Path path, const Records& records) {
+void RowApplier::forget(Path path) {
   std::erase_if(queue_, [&](const Change& change) { return change.row.path.isUnder(path); });
   forgetRefused(path);
+}
+
+void RowApplier::applySnapshot(Path path, const Records& records) {
+  forget(path);
   if (const auto top = tree_.entityAt(path)) {
     Present present;
     for (const Record* record : records) addPresent(present, *record, path);
@@ -197,11 +219,19 @@ void RowApplier::applySnapshot(Path path, const Records& records) {
   applyWaiting();
 }
 
-void RowApplier::removeAbsent(Zel::Entity& entity, Path path, const Present& present) {
-  const auto found = present.find(path);
-  const Record* record = found == present.end() ? nullptr : found->second;
+void RowApplier::resetAbsent(Zel::Entity& entity, const Record* record) {
   for (const Zel::AttributeInfo* attribute : entity.fwkType().storedAttributes())
     if (attribute->reset && (!record || !record->find(attribute->label))) attribute->reset(entity);
+}
+
+void RowApplier::renew(const Record& record) {
+  if (const auto entity = tree_.entityAt(record.path)) resetAbsent(*entity, &record);
+  put(record);
+}
+
+void RowApplier::removeAbsent(Zel::Entity& entity, Path path, const Present& present) {
+  const auto found = present.find(path);
+  resetAbsent(entity, found == present.end() ? nullptr : found->second);
   forEachMember(entity, path, [&](Path each) {
     const auto member = tree_.find(each).entity;
     if (member && present.contains(each))

@@ -28,9 +28,24 @@ class RowApplier {
   // alone.
   void applySnapshot(Path path, const Records& records);
 
+  // Steps of a snapshot in parts (partialsnapshot.h). Drops the changes that wait at and under a path, and
+  // what was refused there.
+  void forget(Path path);
+  // Makes an entity equal to its record, and leaves what is under it alone.
+  void renew(const Record& record);
+  // Resets the attributes that the record lacks; all of them where it is null.
+  static void resetAbsent(Zel::Entity& entity, const Record* record);
+  // Removes an entity, but only clears a mounted one or one above a mount.
+  void remove(Path path);
+  // Null if there is no entity.
+  Zel::Ptr<Zel::Entity> entityAt(Path path) const { return tree_.entityAt(path); }
+
   // Call after reactors were notified of this pass's removals: applies the changes that waited for them.
   void removalsDelivered();
   bool isWaiting() const { return !queue_.empty(); }
+  // Drops, of the changes that wait, those that agents have overtaken: with these, which are about to be
+  // published.
+  void overtake(const Changes& published);
 
   // The paths of the members of the entity at a path; none if there is no entity.
   std::vector<Path> membersOf(Path path) const;
@@ -65,7 +80,6 @@ class RowApplier {
   void refuse(const Row& row, const std::string& why);
   void refuseAll(const Record& record, const std::string& why);
   void unset(const Row& row);
-  void remove(Path path);
   void forgetRefused(const Path& path);
   void clear(Zel::Entity& entity, Path path);
   void removeAbsent(Zel::Entity& entity, Path path, const Present& present);

@@ -1,11 +1,18 @@
 #include "platform/statedb/mount/subscriptions.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
+
+#include "platform/statedb/mount/partialsnapshot.h"
 
 namespace Statedb {
 
-class Subscriptions::Subscription : public Subscriber {
+namespace {
+constexpr std::size_t kMostLookedAt = 256;  // entities that the end of a snapshot looks at
+}  // namespace
+
+class Subscriptions::Subscription : public Subscriber, private SnapshotParts {
  public:
   Subscription(Subscriptions& owner, Path path) : path_(path), owner_(owner) {}
 
@@ -13,16 +20,31 @@ class Subscriptions::Subscription : public Subscriber {
   bool hasArrived() const { return hasArrived_; }
 
   void onSnapshot(const Records& records) override {
-    hasArrived_ = true;
+    partial_.reset();
     owner_.applier_.applySnapshot(path_, records);
-    owner_.onSnapshot_();
+    arrived();
   }
+  SnapshotParts* snapshotParts() override { return this; }
   void onChanges(const Changes& changes) override { owner_.applier_.apply(changes); }
   bool publishes(Path path) const override { return owner_.mounts_.publishes(path); }
 
  private:
+  void onBegin() override { partial_.emplace(owner_.applier_, path_); }
+  void onPart(const Records& records) override { partial_->take(records); }
+  bool onEnd() override {
+    if (!partial_->removeOthers(kMostLookedAt)) return false;
+    partial_.reset();
+    arrived();
+    return true;
+  }
+  void arrived() {
+    hasArrived_ = true;
+    owner_.onSnapshot_();
+  }
+
   const Path path_;
   Subscriptions& owner_;
+  std::optional<PartialSnapshot> partial_;  // under way
   bool hasArrived_ = false;
 };
 

@@ -249,6 +249,7 @@ void MemoryStore::write(const Changes& changes, Durability durability, Subscribe
   const std::size_t noticesBefore = notices.size();
   auto& uncommitted = state_->uncommitted;
   Writer writer(*state_, durability, origin);
+  if (writer.isStored()) writer.stored.reserve(changes.size());
   try {
     constexpr std::size_t kAtOnce = 16;
     for (std::size_t i = 0; i < changes.size(); ++i) {

@@ -83,6 +83,8 @@ class ZEL_API Path {
   // creation and the copy that a walk holds keeps its place. Each takes constant time, averaged over a walk.
   Path next() const;
   Path previous() const;
+  // The same as next() for a walk over what is at and under `above`, where it begins; empty at its end.
+  Path nextUnder(const Path& above) const;
 
   // Calls `function` with this path and every path in the table under it, in preorder; siblings in order of
   // creation. `function` may destroy any copy of a path.
@@ -112,7 +114,6 @@ class ZEL_API Path {
   static void addUser(std::uint32_t id) noexcept;
   static void dropUser(std::uint32_t id) noexcept;
   Path firstChild() const;
-  Path nextUnder(const Path& above) const;  // in a preorder walk under `above`; empty: this is the last
 
   std::uint32_t id_ = 0;
 };

@@ -45,12 +45,32 @@ class ZEL_API NotStoredError : public StoreError {
   ~NotStoredError() override;
 };
 
+// The part of a subscriber that takes a large snapshot step by step, so that the loop goes on meanwhile.
+// Between the calls the subscriber gets onChanges() and onRevealed() as at other times, but only removals,
+// and changes of entities that were in a part.
+class ZEL_API SnapshotParts {
+ public:
+  // A snapshot begins, also where the one before did not end.
+  virtual void onBegin() = 0;
+  // Some entities as they are now. An entity comes before those under it, and may come again.
+  virtual void onPart(const Records& records) = 0;
+  // Everything was in a part. Removes what was in none, and returns whether it is done with that; if not, it
+  // is called again, maybe after more parts.
+  virtual bool onEnd() = 0;
+
+ protected:
+  SnapshotParts() = default;
+  ~SnapshotParts() = default;
+};
+
 // A subscriber to one path: gets a snapshot of everything under it, then every change.
 class ZEL_API Subscriber {
  public:
   // Everything under the path: once after subscribing, and again when changes may have been missed (a
   // connection was lost). An entity comes before those under it. The store does not change during the call.
   virtual void onSnapshot(const Records& records) = 0;
+  // Takes a large snapshot in place of onSnapshot(); null, the default: every snapshot comes in one call.
+  virtual SnapshotParts* snapshotParts() { return nullptr; }
   // The changes of a batch that are visible under the path. A del above the path arrives as a del of the
   // path.
   virtual void onChanges(const Changes& changes) = 0;

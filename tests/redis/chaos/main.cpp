@@ -44,8 +44,10 @@ class Run {
     const std::uint64_t end = now() + kStir;
     while (now() < end && world_.faults.empty()) {
       faults_.act();
-      for (const auto& each : world_.processes)
+      for (const auto& each : world_.processes) {
         if (each->writer && random() % 3 == 0) each->writer->act();
+        if (each->store && random() % 64 == 0) each->store->subscribe({}, *each->reader);  // reads again
+      }
       step();
     }
   }

@@ -31,15 +31,38 @@ std::optional<Stamp> Stamp::in(const std::string& text) {
   return Stamp{space + " " + writer, number};
 }
 
+namespace {
+Rows rowsOf(const Statedb::Records& records) {
+  Rows rows;
+  for (const Statedb::Record* record : records) {
+    rows[record->path.text()] = record->type.stdString();
+    for (const Statedb::Attribute& each : record->attributes)
+      rows[record->path.text() + "\t" + each.name.stdString()] = Host::jsonText(each.value);
+  }
+  return rows;
+}
+std::string pathOf(const std::string& place) { return place.substr(0, place.find('\t')); }
+}  // namespace
+
+void Reader::onPart(const Statedb::Records& records) {
+  ++notifications;
+  const Rows now = rowsOf(records), before = rows_;
+  for (const Statedb::Record* record : records) had_.insert(record->path.text());
+  for (const auto& [place, value] : before)
+    if (now.contains(pathOf(place)) && !now.contains(place)) erase(place);
+  for (const auto& [place, value] : now) put(place, value);
+}
+
+bool Reader::onEnd() {
+  const Rows before = rows_;
+  for (const auto& [place, value] : before)
+    if (!had_.contains(pathOf(place))) erase(place);
+  return true;
+}
+
 void Reader::onSnapshot(const Statedb::Records& records) {
   ++notifications;
-  Rows now;
-  for (const Statedb::Record* record : records) {
-    now[record->path.text()] = record->type.stdString();
-    for (const Statedb::Attribute& each : record->attributes)
-      now[record->path.text() + "\t" + each.name.stdString()] = Host::jsonText(each.value);
-  }
-  const Rows before = rows_;
+  const Rows now = rowsOf(records), before = rows_;
   for (const auto& [place, value] : before)
     if (!now.contains(place)) erase(place);
   for (const auto& [place, value] : now) put(place, value);

@@ -37,7 +37,7 @@ struct History {
   unsigned volatile_ = 0;  // the same, and every restart
 };
 
-class Reader : public Statedb::Subscriber {
+class Reader : public Statedb::Subscriber, private Statedb::SnapshotParts {
  public:
   using Fault = std::function<void(const std::string& what)>;
 
@@ -46,6 +46,7 @@ class Reader : public Statedb::Subscriber {
       : name_(std::move(name)), history_(history), fault_(std::move(fault)) {}
 
   void onSnapshot(const Statedb::Records& records) override;
+  Statedb::SnapshotParts* snapshotParts() override { return this; }
   void onChanges(const Statedb::Changes& changes) override;
 
   const Rows& rows() const { return rows_; }
@@ -64,6 +65,9 @@ class Reader : public Statedb::Subscriber {
     unsigned history = 0;  // up to which it went back, once for each loss
   };
 
+  void onBegin() override { had_.clear(); }
+  void onPart(const Statedb::Records& records) override;
+  bool onEnd() override;
   void put(const std::string& place, const std::string& json);
   void note(const std::string& place, const std::string& what);
   void check(const std::string& place, const Stamp& stamp);
@@ -74,6 +78,7 @@ class Reader : public Statedb::Subscriber {
   const History& history_;
   const Fault fault_;
   Rows rows_{};
+  std::set<std::string> had_{};  // the entities that a snapshot in parts has had
   History settled_{};
   std::map<std::string, std::deque<std::string>> past_{};  // by place
   std::map<std::string, Last> last_{};                     // by place and writer

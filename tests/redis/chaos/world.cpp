@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <sstream>
 
-#include "host/store/stores.h"
+#include "host/store/redis/redisstore.h"
 
 namespace Chaos {
 
@@ -19,6 +19,8 @@ constexpr const char* kConfiguration =
     "appendfsync always\nmaxmemory-policy noeviction\nuser chaos on >chaos ~* &* +@all\n";
 // A lease and a timeout that pass within a round, a log that is cut often, rows that nobody may miss.
 constexpr const char* kOptions = "?timeout=500ms&lease=1s&hold=5m&log=300";
+// A snapshot takes many rounds.
+constexpr Host::Redis::Subscribers::Portion kPortion{.paths = 4, .nanoseconds = 0};
 
 constexpr const char* kLook = R"lua(
 local last = redis.call('XREVRANGE', KEYS[2], '+', '-', 'COUNT', 1)
@@ -93,10 +95,11 @@ World::~World() {
 void World::start(Process& process) {
   process.reader =
       std::make_unique<Reader>(process.name, history, [this](const std::string& what) { fault(what); });
-  process.store = Host::makeStore("redis-unix:" + server.at(process.name) + kOptions, loop,
-                                  [this, name = process.name](const std::string& text) {
-                                    log(name + text.substr(std::min(text.size(), text.find(": "))));
-                                  });
+  const auto report = [this, name = process.name](const std::string& text) {
+    log(name + text.substr(std::min(text.size(), text.find(": "))));
+  };
+  process.store = std::make_unique<Host::Redis::RedisStore>(
+      loop, "redis-unix:" + server.at(process.name) + kOptions, report, kPortion);
   process.store->subscribe({}, *process.reader);
   if (process.publishes)
     process.store->announce({.pid = process.pid,

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <unordered_map>
 
+#include "ctl/entityreader.h"
 #include "ctl/text.h"
 
 namespace Ctl {
@@ -138,22 +139,58 @@ void formerPinsAre(Lamp& lamp, const PerColour<std::vector<std::string>>& driven
   readPins(mirror, lamp.formerPins, lamp);
 }
 
-std::vector<Lamp> lampsOf(const Mirror& mirror) {
-  std::unordered_map<std::string, Lamp> lamps;
-  for (const auto& [path, entity] : mirror.entities()) {
-    if (entity.type != kLedType && entity.type != kMapType) continue;
+namespace {
+
+bool isOfLed(const std::string& type) { return type == kLedType || type == kMapType; }
+
+// LEDs, from their settings and mappings in any order.
+class Lamps {
+ public:
+  // REQUIRES: isOfLed(type).
+  void add(const std::string& path, const std::string& type, const Json& attributes) {
     const std::string name = lastName(path);
-    if (entity.type == kLedType && path == ledPath(name))
-      settingIs(lamps[name], entity.attributes.value("lightSetting", Json::object()));
-    if (entity.type == kMapType && path == mapPath(name)) readMapping(entity.attributes, lamps[name]);
+    if (type == kLedType && path == ledPath(name))
+      settingIs(lamps_[name], attributes.value("lightSetting", Json::object()));
+    if (type == kMapType && path == mapPath(name)) readMapping(attributes, lamps_[name]);
   }
-  std::vector<Lamp> sorted;
-  for (auto& [name, lamp] : lamps) {
-    lamp.name = name;
-    readPins(mirror, lamp.pins, lamp);
-    sorted.push_back(std::move(lamp));
+
+  // In natural order of the names.
+  std::vector<Lamp> take() {
+    std::vector<Lamp> sorted;
+    sorted.reserve(lamps_.size());
+    for (auto& [name, lamp] : lamps_) {
+      lamp.name = name;
+      sorted.push_back(std::move(lamp));
+    }
+    lamps_.clear();
+    std::ranges::sort(sorted, naturallyBefore, &Lamp::name);
+    return sorted;
   }
-  std::ranges::sort(sorted, naturallyBefore, &Lamp::name);
+
+ private:
+  std::unordered_map<std::string, Lamp> lamps_;
+};
+
+class LampReader : public EntityReader {
+ public:
+  std::vector<Lamp> take() { return lamps_.take(); }
+
+ private:
+  void entity(std::string path, const std::string& type, const std::string& members) override {
+    if (isOfLed(type)) lamps_.add(path, type, Json::parse('{' + members + '}'));
+  }
+
+  Lamps lamps_;
+};
+
+}  // namespace
+
+std::vector<Lamp> lampsOf(const Mirror& mirror) {
+  Lamps lamps;
+  for (const auto& [path, entity] : mirror.entities())
+    if (isOfLed(entity.type)) lamps.add(path, entity.type, entity.attributes);
+  std::vector<Lamp> sorted = lamps.take();
+  for (Lamp& lamp : sorted) readPins(mirror, lamp.pins, lamp);
   return sorted;
 }
 
@@ -197,16 +234,17 @@ Mirror readAppliance(Client& client) {
   return mirror;
 }
 
-Mirror readLedBases(Client& client, const std::vector<std::string>& patterns) {
-  Mirror some, all;
+std::vector<Lamp> readLedBases(Client& client, const std::vector<std::string>& patterns) {
+  Mirror some;
   const auto known = [&](const std::string& name) {
     for (const std::string& path : {ledPath(name), mapPath(name)})
       some.entitiesAre(path, client.readBase(path));
     return some.find(ledPath(name)) || some.find(mapPath(name));
   };
-  if (std::ranges::none_of(patterns, isGlob) && std::ranges::all_of(patterns, known)) return some;
-  for (const char* path : {Paths::kLeds, Paths::kMappings}) all.entitiesAre(path, client.readBase(path));
-  return all;
+  if (std::ranges::none_of(patterns, isGlob) && std::ranges::all_of(patterns, known)) return lampsOf(some);
+  LampReader all;
+  client.readBase({Paths::kLeds, Paths::kMappings}, all);
+  return all.take();
 }
 
 LiveAppliance::LiveAppliance(Client& client) {

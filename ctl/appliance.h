@@ -105,9 +105,9 @@ std::map<std::string, std::optional<unsigned>> pinsOf(const Mirror& mirror);
 
 // Reads settings, mappings and pins.
 Mirror readAppliance(Client& client);
-// Reads settings and mappings without covers, to write them back: of these LEDs, or all of them if a name is
-// a pattern or unknown.
-Mirror readLedBases(Client& client, const std::vector<std::string>& patterns);
+// Reads LEDs without covers and without their pins' values, to write them back: these, or all of them if a
+// name is a pattern or unknown. In natural order of the names.
+std::vector<Lamp> readLedBases(Client& client, const std::vector<std::string>& patterns);
 
 // The same, kept up to date.
 class LiveAppliance {

@@ -115,14 +115,20 @@ void Client::receive() {
   if (buffer_.size() > kLongestLine) lost("sent a message of more than 1 GiB");
 }
 
-void Client::takeLine(std::string line) {
-  if (unparsed_) {
-    *std::exchange(unparsed_, nullptr) = std::move(line);
-    return;
-  }
+Json Client::parsed(const std::string& line) const {
   if (tooDeepAt(line, kMessageDepth)) lost("sent a message " + tooDeep(kMessageDepth));
   Json message = Json::parse(line, nullptr, false);
   if (!message.is_object()) lost("sent an invalid message: " + line.substr(0, 60));
+  return message;
+}
+
+void Client::takeLine(std::string line) {
+  if (unparsed_ > 0) {
+    --unparsed_;
+    lines_.push_back(std::move(line));
+    return;
+  }
+  Json message = parsed(line);
   (message.contains("method") ? notifications_ : replies_).push_back(std::move(message));
 }
 
@@ -140,13 +146,14 @@ std::string textOf(const std::string& method, const Json& json) {
 }  // namespace
 
 void Client::post(const char* method, const std::string& parameters) {
-  const std::string line = "{\"jsonrpc\":\"2.0\",\"id\":" + std::to_string(++lastId_) + ",\"method\":\"" +
-                           method + "\",\"params\":" + parameters + '}';
+  std::string line = "{\"jsonrpc\":\"2.0\",\"id\":" + std::to_string(++lastId_) + ",\"method\":\"" + method +
+                     "\",\"params\":" + parameters + '}';
   if (line.size() > kMessageLimit)
     throw Refusal(std::string(method) + ": the request has " + std::to_string(line.size()) +
                   " bytes; pinlampd accepts at most " + std::to_string(kMessageLimit) + " in one; split it");
+  line += '\n';
   ++unanswered_;
-  send(line + '\n');
+  send(line);
 }
 
 // The time is that between two pieces of an answer: a long one takes long to make.
@@ -193,29 +200,30 @@ Json Client::readLayer(const char* layer, const std::string& path) {
   return reply(timeout_).at("entities");
 }
 
-void Client::readBase(const std::string& path, EntityReader& reader,
+void Client::readBase(const std::vector<std::string>& paths, EntityReader& reader,
                       const std::function<void(std::size_t bytes)>& arrived) {
-  post("read", readParameters("base", path));
-  std::optional<std::string> line;
-  for (unparsed_ = &line; !line; arrived(buffer_.size())) {
+  for (const std::string& path : paths) post("read", readParameters("base", path));
+  unanswered_ -= paths.size();
+  unparsed_ += paths.size();
+  for (std::size_t i = 0; i < paths.size(); ++i) receiveEntities(reader, arrived);
+}
+
+void Client::receiveEntities(EntityReader& reader, const std::function<void(std::size_t bytes)>& arrived) {
+  while (lines_.empty()) {
     waitReadable(timeout_);
     receive();
+    if (arrived) arrived(buffer_.size());
   }
-  if (reader.read(*line)) {
-    --unanswered_;
-    return;
-  }
-  takeLine(std::move(*line));
-  reply(timeout_);
+  std::string line = std::move(lines_.front());
+  lines_.pop_front();
+  if (reader.read(line)) return;
+  const Json answer = parsed(line);
+  if (const auto error = answer.find("error"); error != answer.end()) throw refusalOf(*error);
   lost("sent an unexpected answer");
 }
 
 void Client::Batch::add(const std::string& change) {
-  constexpr std::size_t kLongest = kMessageLimit - 1000;  // beside the rest of its message
-  if (parts_.empty() || parts_.back().text.size() + change.size() > kLongest) {
-    parts_.emplace_back();
-    parts_.back().text.reserve(std::max(kLongest, change.size()) + 2);
-  }
+  if (parts_.empty() || parts_.back().text.size() + change.size() > kPart) parts_.emplace_back();
   Part& part = parts_.back();
   part.text += part.changes++ == 0 ? '[' : ',';
   part.text += change;
@@ -239,36 +247,57 @@ void Client::write(const Batch& batch, const Sent& sent) { write(batch, "", sent
 void Client::writeVolatile(const Json& changes) { write(batchOf(changes), kVolatile, {}); }
 
 void Client::write(const Batch& batch, const std::string& durability, const Sent& sent) {
-  if (batch.parts_.size() > 1) return sendParts(batch.parts_, durability, sent);
+  if (batch.parts_.size() > 1) {
+    Transfer transfer(*this, durability, sent);
+    transfer.send(batch);
+    return transfer.commit();
+  }
   post("write", "{\"changes\":" + (batch.parts_.empty() ? "[" : batch.parts_.front().text) + ']' +
                     (durability.empty() ? "" : ',' + durability) + '}');
   reply(timeout_);
 }
 
-// The host reads one part while the next is sent. A request that is refused fails the transaction, so the
-// others do no harm.
-void Client::sendParts(const std::vector<Batch::Part>& parts, const std::string& durability,
-                       const Sent& onSent) {
-  constexpr std::chrono::seconds kCommit{120};  // of the most changes that a transaction has, on a slow disk
-  std::size_t sent = 0, all = 0;
-  for (const Batch::Part& part : parts) all += part.changes;
+namespace {
+constexpr std::chrono::seconds kCommit{120};  // of the most changes that a transaction has, on a slow disk
+}  // namespace
+
+// A request that is refused fails the transaction, so those that were sent after it do no harm.
+template <class Step>
+void Client::Transfer::refusable(Step step) {
   try {
-    post("begin", '{' + durability + '}');
-    for (const Batch::Part& part : parts) {
-      post("write", "{\"changes\":" + part.text + "]}");
-      sent += part.changes;
-      while (unanswered_ > 1) reply(timeout_);
-      if (onSent) onSent(sent, all);
-    }
-    post("commit", "{}");
-    while (unanswered_ > 0) reply(kCommit);
+    step();
   } catch (const ConnectionLost&) {
     throw;
   } catch (const Refusal&) {
-    post("rollback", "{}");
-    while (unanswered_ > 0) nextReply(kCommit);
+    rollback();
     throw;
   }
+}
+
+void Client::Transfer::send(const Batch& batch) {
+  for (const Batch::Part& part : batch.parts_) refusable([&] { send(part); });
+}
+
+void Client::Transfer::send(const Batch::Part& part) {
+  if (!std::exchange(isBegun_, true)) client_.post("begin", '{' + durability_ + '}');
+  client_.post("write", "{\"changes\":" + part.text + "]}");
+  sent_ += part.changes;
+  while (client_.unanswered_ > 1) client_.reply(client_.timeout_);
+  if (onSent_) onSent_(sent_, false);
+}
+
+void Client::Transfer::commit() {
+  refusable([&] {
+    client_.post("commit", "{}");
+    if (onSent_) onSent_(sent_, true);
+    while (client_.unanswered_ > 0) client_.reply(kCommit);
+  });
+}
+
+void Client::Transfer::rollback() {
+  if (!std::exchange(isBegun_, false)) return;
+  client_.post("rollback", "{}");
+  while (client_.unanswered_ > 0) client_.nextReply(kCommit);
 }
 
 std::vector<std::string> Client::filled() { return filledPaths(call("status")); }

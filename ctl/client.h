@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ctl/refusal.h"
@@ -36,7 +37,10 @@ class Client {
   // Bytes that the host accepts in one message.
   static constexpr std::size_t kMessageLimit = 1 << 20;
 
-  // Changes as JSON text, in parts that fit into messages.
+  class Transfer;
+
+  // Changes as JSON text, in parts that fit into messages. A part is less than a message may be: while the
+  // host carries one out, its other clients wait.
   class Batch {
    public:
     // One that is longer than a message is refused when it is written.
@@ -44,6 +48,8 @@ class Client {
 
    private:
     friend class Client;
+    friend class Transfer;
+    static constexpr std::size_t kPart = std::size_t{128} << 10;  // bytes
     struct Part {
       std::string text;
       std::size_t changes = 0;
@@ -74,12 +80,13 @@ class Client {
   // The same without covers, for what is written back; and the covers alone.
   Json readBase(const std::string& path);
   Json readCovers(const std::string& path);
-  // Gives what is there without covers to `reader`. `arrived`: called with the bytes that did so far.
-  void readBase(const std::string& path, EntityReader& reader,
-                const std::function<void(std::size_t bytes)>& arrived);
-  // Called with the number of changes that were sent, and that of all.
-  using Sent = std::function<void(std::size_t changes, std::size_t all)>;
-  // Applies all of the changes, or none: in one message, or in a transaction where one can't hold them.
+  // Gives what is at and under the paths without covers to `reader`, one path after the other: the host makes
+  // an answer while the one before is read. `arrived`: called with the bytes of an answer that did so far.
+  void readBase(const std::vector<std::string>& paths, EntityReader& reader,
+                const std::function<void(std::size_t bytes)>& arrived = {});
+  // Called with the number of changes that were sent so far, and whether those are all.
+  using Sent = std::function<void(std::size_t changes, bool isAll)>;
+  // Applies all of the changes, or none: in one message, or in a transaction if they have several parts.
   // `sent` is called in a transaction only.
   void write(const Json& changes, const Sent& sent = {});
   void write(const Batch& batch, const Sent& sent = {});
@@ -108,10 +115,11 @@ class Client {
   // Its result. Throws as call() does.
   Json reply(std::chrono::seconds timeout);
   void write(const Batch& batch, const std::string& durability, const Sent& sent);
-  void sendParts(const std::vector<Batch::Part>& parts, const std::string& durability, const Sent& onSent);
+  void receiveEntities(EntityReader& reader, const std::function<void(std::size_t bytes)>& arrived);
   void send(const std::string& line);
   void waitReadable(std::chrono::seconds timeout);
   void takeLine(std::string line);
+  Json parsed(const std::string& line) const;
   [[noreturn]] void lost(const std::string& why) const;
 
   void limitWrites() const;
@@ -125,7 +133,38 @@ class Client {
   std::string buffer_;
   std::deque<Json> notifications_;
   std::deque<Json> replies_;
-  std::optional<std::string>* unparsed_ = nullptr;  // takes the next line, where set
+  std::size_t unparsed_ = 0;  // lines to come that go to `lines_`; not among the unanswered
+  std::deque<std::string> lines_;
+};
+
+// A transaction that is sent as its changes are made: the host reads one part while the next is made. Nothing
+// is stored before commit(), and nothing at all if the connection ends before.
+//
+//   Client::Transfer transfer(client);
+//   transfer.send(batch);  // any number of times
+//   transfer.commit();
+//
+// The host's refusal, as Refusal, drops what was sent.
+class Client::Transfer {
+ public:
+  explicit Transfer(Client& client, std::string durability = "", Sent onSent = {})
+      : client_(client), durability_(std::move(durability)), onSent_(std::move(onSent)) {}
+
+  void send(const Batch& batch);
+  void commit();
+  // Drops what was sent.
+  void rollback();
+
+ private:
+  void send(const Batch::Part& part);
+  template <class Step>
+  void refusable(Step step);
+
+  Client& client_;
+  const std::string durability_;  // the member of the parameters
+  const Sent onSent_;
+  bool isBegun_ = false;
+  std::size_t sent_ = 0;  // changes
 };
 
 }  // namespace Ctl

@@ -104,8 +104,9 @@ class OpenKeys {
 // Makes the entities of one file from its events: {PATH: {"type": TYPE, ATTRIBUTE: VALUE, …}, …}.
 class Configuration::Reader : public JsonReader {
  public:
-  Reader(Configuration& into, const Source& source, std::vector<std::string>& errors)
-      : into_(into), source_(source), errors_(errors) {}
+  Reader(Configuration& into, const Source& source, std::vector<std::string>& errors,
+         const OnEntity& onEntity)
+      : into_(into), source_(source), errors_(errors), onEntity_(onEntity) {}
 
   bool start_object(std::size_t) override {
     if (depth_ > 0) begin("object");
@@ -165,7 +166,9 @@ class Configuration::Reader : public JsonReader {
   bool end() {
     if (depth_ > 1) return true;
     const std::string why = fault();
-    into_.add(std::move(path_), {std::exchange(type_, {}), text_.take(), &source_}, why, errors_);
+    const Entry* added =
+        into_.add(std::move(path_), {std::exchange(type_, {}), text_.take(), &source_}, why, errors_);
+    if (added && errors_.empty() && onEntity_) onEntity_(*added);
     return true;
   }
   // Why the entity is invalid; empty if it is not.
@@ -180,6 +183,7 @@ class Configuration::Reader : public JsonReader {
   Configuration& into_;
   const Source& source_;
   std::vector<std::string>& errors_;
+  const OnEntity& onEntity_;
   OpenKeys keys_;
   JsonWriter text_{false};
   int depth_ = 0;
@@ -187,29 +191,32 @@ class Configuration::Reader : public JsonReader {
   std::string path_, type_, found_;
 };
 
-Configuration::Configuration(std::vector<Source> sources) : sources_(std::move(sources)) {
+Configuration::Configuration(std::vector<Source> sources, const OnEntity& onEntity)
+    : sources_(std::move(sources)) {
   std::vector<std::string> errors;
-  for (const Source& source : sources_) read(source, errors);
+  for (const Source& source : sources_) read(source, errors, onEntity);
   if (!errors.empty()) throw Refusal(errors);
 }
 
-void Configuration::read(const Source& source, std::vector<std::string>& errors) {
-  Reader reader(*this, source, errors);
+void Configuration::read(const Source& source, std::vector<std::string>& errors, const OnEntity& onEntity) {
+  Reader reader(*this, source, errors, onEntity);
   parse(source.file, source.text, reader);
 }
 
-void Configuration::add(std::string path, Entity entity, const std::string& fault,
-                        std::vector<std::string>& errors) {
+const Configuration::Entry* Configuration::add(std::string path, Entity entity, const std::string& fault,
+                                               std::vector<std::string>& errors) {
   const Source& source = *entity.source;
   const std::size_t before = entities_.size();
-  const auto& [name, present] = *entities_.try_emplace(entities_.end(), std::move(path), std::move(entity));
+  const Entry& entry = *entities_.try_emplace(entities_.end(), std::move(path), std::move(entity));
   const bool isNew = entities_.size() > before;
-  if (isNew && fault.empty()) return;
+  if (isNew && fault.empty()) return &entry;
+  const auto& [name, present] = entry;
   const std::string place = positionOf(source, name) + ": " + name + ": ";
-  if (isNew) return errors.push_back(place + fault);
-  errors.push_back(present.source == &source
+  errors.push_back(isNew ? place + fault
+                   : present.source == &source
                        ? duplicateKey(source, name)
                        : place + "the entity is in " + positionOf(*present.source, name) + ", too; keep one");
+  return nullptr;
 }
 
 bool Configuration::covers(std::string path) const {
@@ -240,15 +247,20 @@ Json Configuration::puts() const {
   return changes;
 }
 
+std::string Configuration::putOf(const Entry& entry) {
+  const auto& [path, entity] = entry;
+  std::string text = "{\"op\":\"put\",\"path\":";
+  appendString(text, path, false);
+  text += ",\"type\":";
+  appendString(text, entity.type, false);
+  text += ",\"attributes\":";
+  text += entity.attributes;
+  text += '}';
+  return text;
+}
+
 void Configuration::addPuts(Client::Batch& batch) const {
-  for (const auto& [path, entity] : entities_) {
-    std::string text = "{\"op\":\"put\",\"path\":";
-    appendString(text, path, false);
-    text += ",\"type\":";
-    appendString(text, entity.type, false);
-    text += ",\"attributes\":" + entity.attributes + '}';
-    batch.add(text);
-  }
+  for (const Entry& entry : entities_) batch.add(putOf(entry));
 }
 
 namespace {

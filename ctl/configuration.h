@@ -5,6 +5,7 @@
 //   client.write(wanted.puts());
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string>
 #include <utility>
@@ -29,14 +30,27 @@ class Configuration {
     std::string file;
     std::string text;
   };
+  struct Entity {
+    std::string type;
+    std::string attributes;  // the text of an object
+    const Source* source;
+
+    Json json() const { return Json::parse(attributes); }
+  };
+  using Entry = std::pair<const std::string, Entity>;  // with its path
+  // Called with each entity once it is read, in the order of the files, until there is an error. The entry
+  // stays where it is as long as the configuration is there.
+  using OnEntity = std::function<void(const Entry&)>;
 
   // Parses files that are loaded together. Throws Refusal with all errors, one per line: FILE:LINE: …, or
   // FILE:LINE:COLUMN: … for a JSON syntax error. An entity that two files have is an error.
-  explicit Configuration(std::vector<Source> sources);
+  explicit Configuration(std::vector<Source> sources, const OnEntity& onEntity = {});
   Configuration(Configuration&&) = default;
   Configuration(const Configuration&) = delete;  // entities point to sources
 
-  // The changes that store every entity, each before those under it.
+  // The change that stores an entity, as text.
+  static std::string putOf(const Entry& entry);
+  // Those of all entities, each before those under it.
   Json puts() const;
   void addPuts(Client::Batch& batch) const;
   // The changes that remove what `entities` (as read from the host) has and this configuration lacks, at and
@@ -52,16 +66,11 @@ class Configuration {
 
  private:
   class Reader;
-  struct Entity {
-    std::string type;
-    std::string attributes;  // the text of an object
-    const Source* source;
 
-    Json json() const { return Json::parse(attributes); }
-  };
-
-  void read(const Source& source, std::vector<std::string>& errors);
-  void add(std::string path, Entity entity, const std::string& fault, std::vector<std::string>& errors);
+  void read(const Source& source, std::vector<std::string>& errors, const OnEntity& onEntity);
+  // Null, with an error, if it is no entity or there twice.
+  const Entry* add(std::string path, Entity entity, const std::string& fault,
+                   std::vector<std::string>& errors);
   // Whether this configuration decides what is at the path.
   bool covers(std::string path) const;
   const Entity* find(const std::string& path) const;

@@ -7,6 +7,7 @@
 #include "ctl/sources.h"
 #include "ctl/statefile.h"
 #include "ctl/text.h"
+#include "ctl/upload.h"
 
 namespace Ctl {
 
@@ -23,8 +24,8 @@ struct Loading {
   bool compares() const { return replace || dryRun || json; }
 };
 
-Configuration configurationFrom(const Loading& given) {
-  Configuration configuration(sourcesFrom(given.files));
+Configuration configurationFrom(const Loading& given, const Configuration::OnEntity& onEntity) {
+  Configuration configuration(sourcesFrom(given.files), onEntity);
   if (given.replace && configuration.size() == 0 && !given.force)
     throw Refusal(joined(given.files) +
                   ": no entities; --replace would remove everything that is not an "
@@ -47,17 +48,21 @@ std::string countsText(const Differences& all) {
          std::to_string(all.removed.size()) + " removed";
 }
 
-// Prefixes the host's errors with their positions in the files.
-void write(Context& context, const Configuration& configuration, const Json& dels) {
-  Progress progress(context.err);
-  const auto sent = [&](std::size_t count, std::size_t all) {
-    progress.show(count < all ? "sent " + std::to_string(count) + " of " + std::to_string(all) + " changes"
-                              : "sent all changes; waiting until they are stored");
+Client::Sent shownBy(Progress& progress) {
+  return [&](std::size_t count, bool isAll) {
+    progress.show(isAll ? "sent all changes; waiting until they are stored"
+                        : "sent " + std::to_string(count) + " changes");
   };
-  Client::Batch batch;
-  for (const Json& del : dels) batch.add(del.dump());
-  configuration.addPuts(batch);
+}
+
+// Prefixes the host's errors with their positions in the files.
+void write(Context& context, const Configuration& configuration, const Json& dels, Upload& upload,
+           const Client::Sent& sent) {
   try {
+    if (upload.finish()) return;
+    Client::Batch batch;
+    for (const Json& del : dels) batch.add(del.dump());
+    configuration.addPuts(batch);
     context.client().write(batch, sent);
   } catch (const ConnectionLost&) {
     throw;
@@ -83,14 +88,22 @@ void printLoaded(std::ostream& out, const Loading& given, std::size_t entities, 
 }
 
 void load(Context& context, const Loading& given) {
-  const Configuration configuration = configurationFrom(given);
+  Progress progress(context.err);
+  const Client::Sent sent = shownBy(progress);
+  Upload upload([&]() -> Client& { return context.client(); }, sent);
+  // A file that is refused must leave no new state file.
+  const bool isEarly = !given.compares() && context.target.hasHost();
+  const Configuration configuration = configurationFrom(given, [&](const Configuration::Entry& entry) {
+    if (isEarly) upload.add(entry);
+  });
   if (!given.dryRun) makeStateFile(context.target);
   Client& client = context.client();
   const Json entities = given.compares() ? client.readBase("") : Json::array();
   const Json dels = given.replace ? configuration.dels(entities, client.filled()) : Json::array();
   const Differences differences =
       given.compares() ? configuration.differences(entities, dels) : Differences();
-  if (!given.dryRun) write(context, configuration, dels);
+  if (!given.dryRun) write(context, configuration, dels, upload, sent);
+  progress.clear();
   printLoaded(context.out, given, configuration.size(), differences);
 }
 
@@ -98,7 +111,7 @@ void dump(Context& context, const std::string& path, bool all) {
   Progress progress(context.err);
   Client& client = context.client();
   auto writer = all ? ConfigurationWriter() : ConfigurationWriter(client.filled());
-  client.readBase(path, writer,
+  client.readBase({path}, writer,
                   [&](std::size_t bytes) { progress.show("read " + std::to_string(bytes >> 20) + " MiB"); });
   progress.clear();
   if (!path.empty() && !writer.hasSeen())

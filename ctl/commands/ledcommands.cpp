@@ -164,13 +164,13 @@ void noteOpposite(Context& context, const std::vector<Lamp>& lamps) {
 // Applies the words to the LEDs' settings.
 void setLeds(Context& context, const Setting& given) {
   Client& client = context.client();
-  std::vector<Lamp> lamps = lampsOf(readLedBases(client, given.words.names));
+  std::vector<Lamp> lamps = readLedBases(client, given.words.names);
   keepNamed(lamps, expandLedWords(given.words, namesOf(lamps)));
   if (given.inStep) stopFlashing(client, lamps, given.words);
   settingsAre(lamps, given.words, given.flash);
   writeSettings(client, lamps);
-  noteDark(context, lamps);
   if (given.inStep) noteOpposite(context, lamps);
+  noteDark(context, std::move(lamps));
   if (given.json) listLeds(context, given.words.names, true);
 }
 
@@ -197,7 +197,7 @@ void addLedSet(Command& led, Context& context) {
   const auto given = std::make_shared<Arguments>();
   Command command = led.add("set", "Sets LEDs: names or patterns, then colours",
                             "pinlampctl led set Status 'Ethernet3*' green --flash 0.5");
-  command.argument("NAME... COLOUR", given->words, "LEDs; then orange, green, red, yellow or off")
+  command.argument("NAMES-THEN-COLOURS", given->words, "LEDs; then orange, green, red, yellow or off")
       .completes(Completes::ledThenColour)
       .required();
   const Argument flash =

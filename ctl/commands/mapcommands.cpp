@@ -117,7 +117,7 @@ void checkMapping(Client& client, const MapArguments& given, const Json& before,
 // Prints the mappings of these LEDs as JSON.
 void printMappings(Context& context, const std::vector<std::string>& leds) {
   Json all = Json::array();
-  for (const Lamp& lamp : lampsOf(readLedBases(context.client(), leds)))
+  for (const Lamp& lamp : readLedBases(context.client(), leds))
     if (lamp.mapped && std::ranges::find(leds, lamp.name) != leds.end()) all.push_back(mappingJson(lamp));
   printJson(context.out, all);
 }

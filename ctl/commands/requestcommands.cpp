@@ -103,7 +103,9 @@ void addAdd(Command& parent, Context& context) {
   Command command = parent.add("add", "Asks for LEDs; a request of the same name is replaced",
                                "pinlampctl request add rack7 'Ethernet4*' yellow --flash 1 --for 2h");
   command.argument("REQUEST", given->request.name, "Its name").completes(Completes::request).required();
-  command.argument("LED... COLOUR", given->words, "Names or patterns; then orange, green, red, yellow or off")
+  command
+      .argument("LEDS-THEN-COLOURS", given->words,
+                "Names or patterns; then orange, green, red, yellow or off")
       .completes(Completes::ledThenColour)
       .required();
   command.argument("--flash", given->flash, "Seconds between two toggles, or 500ms; 0 for steady").duration();

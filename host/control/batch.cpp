@@ -47,6 +47,7 @@ class BatchReader {
     Batch batch;
     batch.errors = std::move(errors_);
     if (!batch.errors.empty()) return batch;
+    batch.changes.reserve(rows_);
     for (const auto& [change, type, isMount, isBlind] : taken_) {
       if (isBlind && removesNothing(change)) continue;
       const std::size_t before = batch.changes.size();
@@ -94,24 +95,32 @@ class BatchReader {
   }
 
   void put(const RequestedChange& change) {
-    addMounts(change.path);
+    const Place* place = knownPlace(change.path);
+    if (!place) addMounts(change.path);
     const Zel::Name present = types_.typeAt(change.path);
     if (change.existing && present.empty()) throw ValueError("there is no entity at this path");
     const Zel::TypeNode& type = typeOf(change, present);
     if (present.empty())
-      checkNew(change.path, type);
+      place && place->takes(change.path, type.name()) ? Zel::PathWalker::checkComponents(change.path)
+                                                      : checkNew(change.path, type);
     else if (type.name() != present)
       throw ValueError("exists as a " + present.stdString() + "; delete it before putting a " +
                        type.name().stdString());
     checkAttributes(change, type);
-    taken_.push_back({change, type.name()});
-    types_.put(change.path, type.name());
+    take(change, type.name());
+    if (present.empty()) typeIs(change.path, type.name());
+    if (!place && present.empty()) notePlace(change.path);
   }
 
   void cover(const RequestedChange& change) {
     const Zel::TypeNode& type = typeOf(change, types_.typeAt(change.path));
     checkAttributes(change, type);
-    taken_.push_back({change, type.name()});
+    take(change, type.name());
+  }
+
+  void take(const RequestedChange& change, Zel::Name type) {
+    taken_.push_back({change, type});
+    rows_ += 1 + (change.attributes ? change.attributes->size() : 0);
   }
 
   void remove(const RequestedChange& change) {
@@ -121,7 +130,39 @@ class BatchReader {
     if (change.kind == Change::Kind::unset && !present.empty() && !isCover())
       Statedb::storedAttribute(Statedb::typeNamed(present.view()), change.attribute);
     taken_.push_back({change, {}, false, present.empty()});
+    places_.clear();
     if (change.kind == Change::Kind::del && !isCover()) types_.del(change.path);
+  }
+
+  // The parent of an entity that was put: all above it exists, and nothing under it is mounted or published.
+  // Most steps of a large batch are at a few places.
+  struct Place {
+    std::string_view path;
+    Zel::Name memberType;  // empty: any
+
+    bool takes(std::string_view member, Zel::Name type) const {
+      return memberType == type && member.size() > path.size() + 1;
+    }
+  };
+  static constexpr std::size_t kMostPlaces = 8;
+
+  // Null if it is not known.
+  const Place* knownPlace(std::string_view path) const {
+    const auto found = std::ranges::find(places_, Zel::PathWalker::above(path), &Place::path);
+    return found == places_.end() ? nullptr : &*found;
+  }
+  void notePlace(std::string_view path) {
+    const std::string_view above = Zel::PathWalker::above(path);
+    if (isOnTheWay(above)) return;
+    if (places_.size() == kMostPlaces) places_.clear();
+    places_.push_back({above, Statedb::placeType(path, types_)});
+  }
+  // Forgets the places that stand on it.
+  void typeIs(std::string_view path, Zel::Name type) {
+    types_.put(path, type);
+    std::erase_if(places_, [path](const Place& place) {
+      return place.path == path || isStrictlyUnder(place.path, path);
+    });
   }
 
   const Zel::TypeNode& typeOf(const RequestedChange& change, Zel::Name present) const {
@@ -161,7 +202,7 @@ class BatchReader {
       if (path != mount && !isStrictlyUnder(path, mount)) continue;
       if (!types_.typeAt(mount).empty()) continue;
       taken_.push_back({{.path = mount}, context_.mounts[i].type, true});
-      types_.put(mount, context_.mounts[i].type);
+      typeIs(mount, context_.mounts[i].type);
     }
   }
 
@@ -170,6 +211,8 @@ class BatchReader {
   std::vector<std::string> mounts_;  // the paths of the context's
   std::unordered_set<std::string_view> failed_;
   std::vector<Taken> taken_;
+  std::size_t rows_ = 0;  // of the puts that were taken, about
+  std::vector<Place> places_;
   std::vector<std::string> errors_;
 };
 

@@ -2,8 +2,12 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
+#include <array>
 #include <filesystem>
 #include <optional>
+#include <span>
+#include <utility>
 
 #include "host/io/processid.h"
 #include "host/rpc/json.h"
@@ -23,10 +27,8 @@ class SqliteStore::Database {
  public:
   explicit Database(const std::string& file) : file_(file), owned_(file) {
     open();
-    put_ = prepare(
-        "INSERT INTO rows(path, attribute, type, value) VALUES(?1, ?2, ?3, ?4) ON CONFLICT(path, attribute) "
-        "DO "
-        "UPDATE SET type = excluded.type, value = excluded.value");
+    put_ = prepare(putOf(1).c_str());
+    putMany_ = prepare(putOf(kPutsAtOnce).c_str());
     del_ = prepare("DELETE FROM rows WHERE ?1 = '' OR path = ?1 OR (path > ?1 || '/' AND path < ?1 || '0')");
     unset_ = prepare("DELETE FROM rows WHERE path = ?1 AND attribute = ?2");
   }
@@ -77,12 +79,20 @@ class SqliteStore::Database {
   void write(const Changes& changes) {
     if (!log_->isKnown()) check(log_->empty());
     execute("BEGIN IMMEDIATE");
-    writeAll([&] {
-      for (const Change& change : changes) write(change);
-    });
+    writeAll([&] { writeSteps(changes); });
+    if (changes.size() > kPutsAtOnce) texts_ = {};
   }
 
  private:
+  // Rows in one statement: takes less than half the time of as many statements.
+  static constexpr std::size_t kPutsAtOnce = 64;
+
+  static std::string putOf(std::size_t rows) {
+    std::string sql = "INSERT INTO rows(path, attribute, type, value) VALUES";
+    for (std::size_t i = 0; i < rows; ++i) sql += i == 0 ? "(?, ?, ?, ?)" : ", (?, ?, ?, ?)";
+    return sql + " ON CONFLICT(path, attribute) DO UPDATE SET type = excluded.type, value = excluded.value";
+  }
+
   struct Close {
     void operator()(sqlite3* connection) const { sqlite3_close_v2(connection); }
     void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
@@ -141,18 +151,55 @@ class SqliteStore::Database {
     return !step(*select);
   }
 
+  void writeSteps(std::span<const Change> changes) {
+    const auto isOther = [](const Change& change) { return change.kind != Change::Kind::put; };
+    while (!changes.empty()) {
+      const auto next = changes.first(std::min(changes.size(), kPutsAtOnce));
+      const auto puts = static_cast<std::size_t>(std::ranges::find_if(next, isOther) - next.begin());
+      if (puts == kPutsAtOnce)
+        put(*putMany_, next);
+      else
+        for (const Change& change : next.first(std::max<std::size_t>(puts, 1))) write(change);
+      changes = changes.subspan(std::max<std::size_t>(puts, 1));
+    }
+  }
+
   void write(const Change& change) {
     const Row& row = change.row;
     if (change.kind == Change::Kind::del) return run(*del_, {row.path.text()});
     if (change.kind == Change::Kind::unset) return run(*unset_, {row.path.text(), row.attribute.view()});
-    run(*put_, {row.path.text(), row.attribute.view(), row.type.view(), jsonText(row.value)});
+    put(*put_, {&change, 1});
+  }
+
+  // Stores as many rows as the statement takes.
+  void put(sqlite3_stmt& statement, std::span<const Change> puts) {
+    int position = 0;
+    for (std::size_t i = 0; i < puts.size(); ++i) {
+      const Row& row = puts[i].row;
+      auto& [path, value] = texts_[i];
+      path.clear();
+      row.path.appendTo(path);
+      value.clear();
+      appendJson(value, row.value);
+      for (const std::string_view text :
+           {std::string_view(path), row.attribute.view(), row.type.view(), std::string_view(value)})
+        bind(statement, ++position, text);
+    }
+    run(statement);
   }
 
   void run(sqlite3_stmt& statement, std::initializer_list<std::string_view> texts) {
     int position = 0;
-    for (const std::string_view text : texts)
-      check(sqlite3_bind_text(&statement, ++position, text.data(), static_cast<int>(text.size()),
-                              SQLITE_TRANSIENT));
+    for (const std::string_view text : texts) bind(statement, ++position, text);
+    run(statement);
+  }
+
+  // The text must stay until the statement has run.
+  void bind(sqlite3_stmt& statement, int position, std::string_view text) const {
+    check(sqlite3_bind_text(&statement, position, text.data(), static_cast<int>(text.size()), SQLITE_STATIC));
+  }
+
+  void run(sqlite3_stmt& statement) {
     const int result = sqlite3_step(&statement);
     sqlite3_reset(&statement);
     if (result != SQLITE_DONE) check(result);
@@ -196,8 +243,10 @@ class SqliteStore::Database {
   std::unique_ptr<sqlite3, Close> connection_;
   std::optional<WriteAheadLog> log_;
   Statement put_;
+  Statement putMany_;
   Statement del_;
   Statement unset_;
+  std::array<std::pair<std::string, std::string>, kPutsAtOnce> texts_;  // of paths and values, being stored
 };
 
 SqliteStore::SqliteStore(const std::string& file, const Report& report)

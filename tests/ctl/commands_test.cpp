@@ -59,11 +59,16 @@ TEST_F(Commands, LoadReplaceTouchesOnlyTheFilesPaths) {
   EXPECT_EQ(ctl({"dump"}).out, "{\n}\n");
 }
 
+Json manyLeds(int count) {
+  Json many = {{Paths::kLeds, {{"type", kLedDirType}, {"palette", "default"}}}};
+  for (int i = 0; i < count; ++i)
+    many[ledPath("L" + std::to_string(i))] = {{"type", kLedType}, {"lightSetting", {{"red", true}}}};
+  return many;
+}
+
 TEST_F(Commands, MoreThanAMessageIsOneBatch) {
   const std::string file = folder.at("many.json"), wrong = folder.at("wrong.json");
-  Json many = {{Paths::kLeds, {{"type", kLedDirType}, {"palette", "default"}}}};
-  for (int i = 0; i < 10'000; ++i)
-    many[ledPath("L" + std::to_string(i))] = {{"type", kLedType}, {"lightSetting", {{"red", true}}}};
+  const Json many = manyLeds(3'000);
   Json bad = many;
   bad["z"] = {{"type", "No::Such"}};
   contentIs(file, many.dump());
@@ -71,10 +76,27 @@ TEST_F(Commands, MoreThanAMessageIsOneBatch) {
   EXPECT_THAT(ctl({"load", wrong}).err, HasSubstr("wrong.json:1: z: type 'No::Such' is unknown"));
   EXPECT_EQ(host.store.entities(), 0U);
   ASSERT_EQ(ctl({"load", file}).err, "");
-  EXPECT_EQ(host.store.last.size(), 2U + 2 * 10'000);
+  EXPECT_EQ(host.store.last.size(), 2U + 2 * 3'000);
   EXPECT_TRUE(Json::parse(ctl({"dump"}).out) == many);
   EXPECT_EQ(ctl({"led", "set", "L*", "green"}).status, 0);
-  EXPECT_EQ(host.store.last.size(), 10'000U);
+  EXPECT_EQ(host.store.last.size(), 3'000U);
+}
+
+// It is sent again where an entity comes long after those under it.
+TEST_F(Commands, WhatIsSentWhileAFileIsReadLeavesNothingIfTheRestIsWrong) {
+  const std::string file = folder.at("late.json"), wrong = folder.at("wrong.json");
+  contentIs(file, manyLeds(3'000).dump());
+  ASSERT_EQ(ctl({"load", file}).err, "");
+  const std::string dumped = ctl({"dump"}).out;
+  const std::string first = dumped.substr(4, dumped.find('\n', 4) - 5);
+  const std::string others = dumped.substr(dumped.find('\n', 4), dumped.size() - dumped.find('\n', 4) - 3);
+  contentIs(wrong, '{' + others + ",\n" + first);
+  contentIs(file, '{' + others + ",\n" + first + '}');
+  EXPECT_EQ(ctl({"del", Paths::kLeds}).status, 0);
+  EXPECT_THAT(ctl({"load", wrong}).err, HasSubstr("wrong.json:3002:"));
+  EXPECT_EQ(host.store.entities(), 0U);
+  EXPECT_EQ(ctl({"load", file}).err, "");
+  EXPECT_TRUE(ctl({"dump"}).out == dumped);
 }
 
 // Records the light settings of an LED, in order.

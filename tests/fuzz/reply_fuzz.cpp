@@ -58,7 +58,7 @@ void use(Ctl::Client& client, unsigned kind) {
     for (const auto& claim : Ctl::claimsOf(status)) Ctl::text(claim);
   } else {
     Ctl::ConfigurationWriter writer(client.filled());
-    client.readBase("", writer, [](std::size_t) {});
+    client.readBase({""}, writer);
     writer.text();
     client.attributesOf("Hardware::Led::LedConfig");
   }

@@ -10,6 +10,7 @@ namespace {
 
 using Host::Json;
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 
 const std::string kLeds = "hardware/led/config/leds/";
 const std::map<std::string, std::string, std::less<>> kThere = {
@@ -122,6 +123,18 @@ TEST(Batch, StepsAreCheckedAgainstEarlierOnes) {
               ElementsAre("map/gpioLeds/A ready: found a whole number (1), expected true or false",
                           kLeds + "Status: there is no entity at this path",
                           "map/gpioLeds/B: there is no entity at this path"));
+}
+
+TEST(Batch, APlaceIsAsTheStepsBeforeLeaveIt) {
+  const char* led = "Hardware::Led::LedConfig";
+  const auto batch = batchOf({put(kLeds + "A", led), put(kLeds + "B", led), put(kLeds + "C", "Zel::Dir"),
+                              put(kLeds + "D%2", led), put(kLeds, led), put("n/x", "Zel::Dir"),
+                              put("n", "Hardware::Led::LedSystemConfigDir"), put("n/y", "Zel::Dir")});
+  EXPECT_THAT(batch.errors,
+              ElementsAre(HasSubstr("leds/C: found type Zel::Dir, expected"),
+                          HasSubstr("leds/D%2: 'D%2' is no component of a path"),
+                          HasSubstr("leds/: 'hardware/led/config/leds/' has an empty component"),
+                          HasSubstr("n/y: 'y' is no collection of")));
 }
 
 // Thousands of wrong steps cost no more than valid ones, and the answer is bounded.

@@ -172,6 +172,27 @@ TEST(SqliteStore, AnIncompleteFileIsReplaced) {
   EXPECT_EQ(filesIn(folder), std::vector<std::string>{"db-wal"});
 }
 
+TEST(SqliteStore, ALargeBatchIsStoredInItsOrder) {
+  const Folder folder;
+  Statedb::Changes changes;
+  for (int i = 0; i < 300; ++i) {
+    const std::string path = "e" + std::to_string(i % 50);
+    changes.push_back(Change::put(path, "T", "", {}));
+    changes.push_back(Change::put(path, "T", i % 3 == 0 ? "a" : "b", "value " + std::to_string(i)));
+    if (i % 120 == 110) changes.push_back(Change::unset(path, "b"));
+    if (i % 120 == 115) changes.push_back(Change::del(path));
+  }
+  StoreModel::Rows written;
+  {
+    SqliteStore store(folder.at("db"));
+    store.write(changes, Durability::stored);
+    store.flush();
+    written = rowsOf(store.read(""));
+  }
+  EXPECT_EQ(written.at({"e49", "b"}), Value("value 299"));
+  EXPECT_EQ(rowsOf(SqliteStore(folder.at("db")).read("")), written);
+}
+
 TEST(SqliteStore, RowsBeyondTheLimitsAndDuplicatesAreSkippedAndReported) {
   const Folder folder;
   { SqliteStore(folder.at("db")).write({Change::put("kept", "T", "", {})}, Durability::stored); }

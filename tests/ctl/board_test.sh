@@ -65,7 +65,8 @@ is "and board apply as well" "10-switch.json: new; 146 added" \
   "$(pinlampctl --store "sqlite:$run/state.db" board apply --folder "$run/board.d")"
 
 # A shared database.
-redis-server --port 0 --unixsocket "$run/redis.sock" --dir "$run" --appendonly yes --save "" --daemonize no >/dev/null & redis=$!
+(exec -a redis-server redis-check-rdb --port 0 --unixsocket "$run/redis.sock" --dir "$run" --appendonly yes --save "" >/dev/null) &
+redis=$!
 pids+=("$redis")
 for _ in $(seq 100); do [ -S "$run/redis.sock" ] && break; sleep 0.05; done
 results=()

@@ -1,5 +1,5 @@
 # Sourced by the scripts in this folder: runs pinlampd of the installed copy at $prefix. Sets $work, a temporary folder.
-export CMAKE_PREFIX_PATH=$prefix
+export CMAKE_PREFIX_PATH=$prefix CMAKE_GENERATOR=Ninja
 PATH=$prefix/bin:$PATH
 . "$(dirname "${BASH_SOURCE[0]}")/../daemon.sh"
 

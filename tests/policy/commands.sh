@@ -106,7 +106,7 @@ pinlampctl darken --stop
 shows "the night is over" "A B Volts" "green red green"
 
 # A test of four seconds: green, red and both.
-pinlampctl lamp-test --for 4 --json | jq -r 'map("\(.priority) \(.lasts)") | join(", ")' >"$run/test"
+pinlampctl lamp-test --for 4 --json | jq -r 'map("\(.priority) \(.lasts * 1)") | join(", ")' >"$run/test"
 becomes "the lamp test shows green" B green
 is "in a request for each colour that there is" "402 1.3333333333333333, 401 2.6666666666666665, 400 4" "$(cat "$run/test")"
 pinlampctl led set A off

@@ -55,10 +55,17 @@ void* makeText(const redisReadTask* task, char* bytes, std::size_t size) {
   reply->text.assign(bytes, size);
   return reply;
 }
+// hiredis had a limit of its own until 1.0.
+bool isTooDeep(const redisReadTask* task) {
+  std::size_t depth = 1;
+  for (; task->parent; task = task->parent) ++depth;
+  return depth > ReplyReader::kDeepest;
+}
 // `Count` is int in hiredis 0.14 and size_t in later ones.
 template <class Count>
 void* makeList(const redisReadTask* task, Count count) {
-  if (std::cmp_less(count, 0) || std::cmp_greater(count, ReplyReader::kMostElements)) return nullptr;
+  if (std::cmp_less(count, 0) || std::cmp_greater(count, ReplyReader::kMostElements) || isTooDeep(task))
+    return nullptr;
   Reply* reply = replyFor(task);
   reply->kind = Reply::Kind::list;
   reply->list.resize(static_cast<std::size_t>(count));
@@ -89,7 +96,9 @@ const char* refusalText(Refusal refusal) { return kRefusals[static_cast<std::siz
 
 Refusal Reply::refusal() const {
   if (kind != Kind::error) return Refusal::none;
-  if (text.starts_with("ERR The user executing the script can't")) return Refusal::noPerm;
+  // Of a command in a script, before Redis 7.2 and since.
+  for (const char* start : {"ERR The user executing the script can't", "ERR ACL failure in script"})
+    if (text.starts_with(start)) return Refusal::noPerm;
   const std::string_view word = std::string_view(text).substr(0, text.find(' '));
   const auto found = std::find_if(kRefusals.begin() + 1, kRefusals.end() - 1,
                                   [&](const RefusalWord& each) { return each.word == word; });
@@ -131,7 +140,11 @@ std::optional<Reply> ReplyReader::next() {
   void* made = nullptr;
   if (!error_.empty()) return std::nullopt;
   if (redisReaderGetReply(reader_.get(), &made) != REDIS_OK) {
-    error_ = std::string("what arrives is not a reply: ") + reader_->errstr;
+    // hiredis takes a list that is not made for a lack of memory.
+    error_ = "what arrives is not a reply: " +
+             (reader_->err == REDIS_ERR_OOM ? "a list has more than " + std::to_string(kMostElements) +
+                                                  " elements, or is deeper than " + std::to_string(kDeepest)
+                                            : std::string(reader_->errstr));
     return std::nullopt;
   }
   if (!made) return std::nullopt;

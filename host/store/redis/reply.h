@@ -55,11 +55,12 @@ struct Reply {
 };
 
 // Splits the bytes that arrive into replies, with hiredis. Limits: kLongest bytes for a reply, kMostElements
-// for a list in it, and the depth that hiredis allows (7).
+// for a list in it, and kDeepest lists in each other.
 class ReplyReader {
  public:
   static constexpr std::size_t kLongest = 64 << 20;
   static constexpr std::size_t kMostElements = 1 << 16;
+  static constexpr std::size_t kDeepest = 7;
 
   ReplyReader();
   ~ReplyReader();

@@ -33,7 +33,9 @@ if(PINLAMP_SANITIZE)
 endif()
 
 if(PINLAMP_FUZZ)
-  target_compile_options(pinlamp_options INTERFACE -fsanitize=fuzzer-no-link -fsized-deallocation)
+  # Without a call at each comparison, which takes a quarter to a third of the time; the kept corpus has the words to compare with.
+  target_compile_options(pinlamp_options INTERFACE
+    -fsanitize=fuzzer-no-link -fno-sanitize-coverage=trace-cmp -fsized-deallocation)
 endif()
 
 # pinlamp_objects(NAME SOURCES...): the objects of one folder, for the libraries and the tests.

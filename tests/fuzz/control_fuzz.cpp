@@ -8,6 +8,7 @@
 #include "host/io/connection.h"
 #include "host/rpc/changes.h"
 #include "host/rpc/rpc.h"
+#include "platform/zel/core/trace.h"
 #include "tests/fuzz/check.h"
 #include "tests/fuzz/world.h"
 
@@ -28,6 +29,12 @@ void run(World& world, Host::Caller& caller, std::string_view line) {
   if (isTypes(request)) return;
   const auto& method = Host::Methods::find(request.method);
   checkJson(Host::resultText(request.id, world.methods.run(method, request.parameters, caller)));
+}
+
+// One execution leaves nothing to the next.
+void endTrace() {
+  for (const Zel::TraceFacility* facility : Zel::TraceFacility::all())
+    if (facility->mask() != 0) Zel::traceLevelsIs(facility->name() + "/");
 }
 
 void checkRows(const World& world) {
@@ -57,6 +64,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     checkRows(world);
   }
+  endTrace();
   world.clear();
   return 0;
 }

@@ -292,7 +292,8 @@ bool PublishedRows::takeNoteOfAnother(const Change& change) {
   const Path path = change.row.path;
   if (isRemoved(path)) return false;
   if (change.kind == Change::Kind::del) {
-    anyUnknown(path) ? sendAgain(path) : forgetAdopted(path);
+    if (!anyUnknown(path)) forgetAdopted(path);
+    sendAgain(path);
     return true;
   }
   if (unsent_.touches(change) || underWay_.touches(change)) return false;

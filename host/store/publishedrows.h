@@ -56,7 +56,8 @@ class PublishedRows {
   Statedb::Changes received(const Statedb::Changes& changes);
   // The same for rows with one publisher at a time: the changes of a predecessor, which come late, or of a
   // successor that this process does not know of yet. They change what was adopted, and nothing that was
-  // written here, because this process publishes that again when it is the publisher again.
+  // written here, because this process publishes that again when it is the publisher again. What another
+  // removed because this process was silent is sent again at once: it may be the publisher still.
   Statedb::Changes receivedFromAnother(const Statedb::Changes& changes);
   // The values that became visible when the other side carried out removals of this process, less those that
   // will be overwritten.

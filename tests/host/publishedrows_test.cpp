@@ -158,7 +158,6 @@ TEST(PublishedRows, WhatAPredecessorPublishedIsSentAgainAsItStandsHere) {
   EXPECT_EQ((rows[{"out/b", "value"}]), Zel::Value(6));
   own.acknowledged();
   own.receivedFromAnother({Change::del("out")});
-  own.lost();
   Rows left;
   carryInto(left, own.send());
   EXPECT_EQ(left, (Rows{{{"out/a", ""}, "Pin"}, {{"out/a", "value"}, 1}}));

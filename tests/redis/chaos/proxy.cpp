@@ -115,9 +115,9 @@ class Proxy::Link : public std::enable_shared_from_this<Link> {
     });
   }
   // Returns whether the connection is over.
-  bool pump(Flow& up, Flow& down) {
+  bool pump(Flow& toServer, Flow& toStore) {
     if (!isConnected_) return hasFailed_;
-    const bool isUpOver = up_.pump(up), isDownOver = down_.pump(down);
+    const bool isUpOver = up_.pump(toServer), isDownOver = down_.pump(toStore);
     return isUpOver || isDownOver;
   }
 

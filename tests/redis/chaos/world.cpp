@@ -188,8 +188,15 @@ void World::compareCovers(std::vector<std::string>& differing) {
   Rows expected;
   for (const auto& each : processes)
     if (each->owns(kCovered)) expected = each->writer->covers();
-  if (expected != reference.rows("c", differing))
-    differing.push_back("the server's covers are not those of the process that covers");
+  const Rows covers = reference.rows("c", differing);
+  for (const auto& [place, value] : expected)
+    if (const auto found = covers.find(place); found == covers.end() || found->second != value)
+      differing.push_back("the server has " + (found == covers.end() ? "no cover" : found->second) + " at " +
+                          place + ", the process that covers put " + value);
+  for (const auto& [place, value] : covers)
+    if (!expected.contains(place))
+      differing.push_back("the server has the cover " + value + " at " + place +
+                          ", the process that covers none");
 }
 
 bool World::isSettled(std::vector<std::string>& differing) {
@@ -243,27 +250,34 @@ std::string World::stateOf(const Process& process) const {
   return text;
 }
 
+// The claim of a mount, and the end of its space's log.
+void World::appendSpace(const char* space, const char* mount, std::vector<std::string>& lines) {
+  const std::string prefix = std::string("{pinlamp}:") + space + ":";
+  std::string claim = "the server's claim of '" + std::string(mount) + "': '" +
+                      reference.text({"HGET", prefix + "meta", "claim:" + std::string(mount)}) +
+                      "' of generation " + reference.text({"HGET", prefix + "meta", "generation"});
+  for (const std::string& each : wordsOf(reference({"HGETALL", prefix + "claim:" + mount}).get()))
+    claim += " " + each;
+  lines.push_back(claim);
+  const auto entries =
+      reference({"XREVRANGE", prefix + "log", "+", "-", "COUNT", std::to_string(kLastEntries)});
+  for (std::size_t i = entries ? entries->elements : 0; i-- > 0;) {
+    std::string text = "entry " + wordsOf(entries->element[i])[0];
+    for (const std::string& each : wordsOf(entries->element[i]->element[1]))
+      text += " " + each.substr(0, 150);
+    std::ranges::replace(text, '\n', ' ');
+    lines.push_back(text);
+  }
+}
+
 std::vector<std::string> World::lastStates() {
   std::vector<std::string> lines;
   for (const auto& each : processes) lines.push_back(stateOf(*each));
   if (!isServerUp || !reference.isReady()) {
     lines.push_back("the server does not answer");
   } else {
-    const std::string prefix = "{pinlamp}:v:";
-    std::string claim = "the server's claim of the pins: '" +
-                        reference.text({"HGET", prefix + "meta", "claim:" + std::string(kPins)}) + "'";
-    for (const std::string& each : wordsOf(reference({"HGETALL", prefix + "claim:" + kPins}).get()))
-      claim += " " + each;
-    lines.push_back(claim);
-    const auto entries =
-        reference({"XREVRANGE", prefix + "log", "+", "-", "COUNT", std::to_string(kLastEntries)});
-    for (std::size_t i = entries ? entries->elements : 0; i-- > 0;) {
-      std::string text = "entry " + wordsOf(entries->element[i])[0];
-      for (const std::string& each : wordsOf(entries->element[i]->element[1]))
-        text += " " + each.substr(0, 150);
-      std::ranges::replace(text, '\n', ' ');
-      lines.push_back(text);
-    }
+    appendSpace("v", kPins, lines);
+    appendSpace("c", kCovered, lines);
   }
   std::istringstream log(contentOf(server.at("log")));
   std::deque<std::string> tail;

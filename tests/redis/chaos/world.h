@@ -79,6 +79,7 @@ class World {
   Process* ownerOfPins(std::vector<std::string>& differing);
   void compareCovers(std::vector<std::string>& differing);
 
+  void appendSpace(const char* space, const char* mount, std::vector<std::string>& lines);
   std::string stateOf(const Process& process) const;
 
   Host::UvHandle<uv_timer_t> tick_{};

@@ -16,7 +16,7 @@
 
 namespace Facts {
 
-class LinkSource : private Poll::Client {
+class LinkSource final : private Poll::Client {
  public:
   static constexpr std::size_t kMaxLinks = 4096;  // further ones are left out, and errorIs reports that
   static constexpr int kReceiveBuffer = 1 << 20;  // bytes; the system's limit may be lower

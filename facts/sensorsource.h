@@ -13,7 +13,7 @@
 
 namespace Facts {
 
-class SensorSource : private Poll::Client {
+class SensorSource final : private Poll::Client {
  public:
   static constexpr double kSlow = 10;  // seconds; the facts are reported as old from then on
 

@@ -186,8 +186,7 @@ void Arbiter::match(Slot slot) {
   std::vector<Lamp> lamps;
   for (const Pattern& each : slots_[slot].leds) candidate(slot, each, lamps);
   std::ranges::sort(lamps);
-  const auto repeated = std::ranges::unique(lamps);
-  lamps.erase(repeated.begin(), repeated.end());
+  lamps.erase(std::unique(lamps.begin(), lamps.end()), lamps.end());
   for (const Lamp lamp : lamps)
     if (!slots_[slot].skips(lamps_[lamp].name)) claim(slot, lamp);
 }

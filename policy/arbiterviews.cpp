@@ -1,6 +1,5 @@
 // The arbiter's queries.
 #include <algorithm>
-#include <ranges>
 
 #include "policy/arbiter.h"
 
@@ -9,8 +8,9 @@ namespace Policy {
 std::optional<Led::LightSetting> Arbiter::setting(Zel::Name led) const {
   const auto found = byName_.find(led);
   if (found == byName_.end()) return std::nullopt;
-  for (const Slot slot : lamps_[found->second].slots | std::views::reverse)
-    if (!slots_[slot].isGone) return slots_[slot].setting;
+  const auto& slots = lamps_[found->second].slots;
+  for (auto slot = slots.rbegin(); slot != slots.rend(); ++slot)
+    if (!slots_[*slot].isGone) return slots_[*slot].setting;
   return std::nullopt;
 }
 
@@ -18,9 +18,10 @@ std::vector<Arbiter::Asking> Arbiter::asking(Zel::Name led, std::size_t most) co
   std::vector<Asking> all;
   const auto found = byName_.find(led);
   if (found == byName_.end()) return all;
-  for (const Slot slot : lamps_[found->second].slots | std::views::reverse)
-    if (all.size() < most && !slots_[slot].isGone)
-      all.push_back({slots_[slot].source, slots_[slot].priority});
+  const auto& slots = lamps_[found->second].slots;
+  for (auto slot = slots.rbegin(); slot != slots.rend(); ++slot)
+    if (all.size() < most && !slots_[*slot].isGone)
+      all.push_back({slots_[*slot].source, slots_[*slot].priority});
   return all;
 }
 

@@ -126,7 +126,7 @@ TEST_F(AgentTest, MutatorsOfSeveralArgumentsAreCalledByName) {
                                            Value::Object{machine->hwLedConfig()}}),
             Value(Value::Object{machine, false}));
   EXPECT_EQ(GenericIf::perform(*reactor, Operation::get, "gpioLedStateMachine", Value::List{"none"}),
-            Value(Value::Object(nullptr, false)));
+            Value(Value::Object{nullptr, false}));
   EXPECT_EQ(GenericIf::perform(*agent, Operation::set, "configReactor",
                                Value::List{Value::Object{agent->gpioLedSystemConfigDir()},
                                            Value::Object{agent->hwLedConfigDir()},

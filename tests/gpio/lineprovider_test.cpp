@@ -79,7 +79,7 @@ TEST_F(Board, WhatCannotBeFoundIsRefusedWithTheReason) {
       {"", "3", Kind::absent, "line 3 of which GPIO chip? An offset needs the chip's label or name"},
   };
   for (const auto& [chip, which, kind, text] : refused) {
-    const LineError error = errorOf([&] { board.survey().find(chip, which); });
+    const LineError error = errorOf([&, &chip = chip, &which = which] { board.survey().find(chip, which); });
     EXPECT_EQ(error.kind(), kind) << text;
     EXPECT_EQ(error.what(), text);
   }

@@ -63,7 +63,7 @@ TEST(Json, InvalidJsonIsRefusedWithTheReason) {
       {many + "\"x\":0}", "the name '0' appears twice"},
   };
   for (const auto& [text, reason] : cases) {
-    const auto error = Support::errorOf<Zel::ValueError>([&] { return Host::parseJson(text); });
+    const auto error = Support::errorOf<Zel::ValueError>([&text = text] { return Host::parseJson(text); });
     EXPECT_NE(error.find(reason), std::string::npos) << text << ": " << error;
   }
 }

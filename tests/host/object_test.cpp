@@ -167,9 +167,9 @@ TEST_F(ObjectsTest, RefusesWithTheReasonAndInternsNothing) {
   dir->entryIs(mapping);
   mapping->gpioRedNameIs("a", true);
   const std::size_t names = Zel::Name::count();
-  for (const auto& [operation, path, says, given] : cases) {
-    const std::string text = errorOf([&] { operation(objects, path, given); });
-    EXPECT_NE(text.find(says), std::string::npos) << path << ": " << text;
+  for (const auto& each : cases) {
+    const std::string text = errorOf([&] { each.operation(objects, each.path, each.given); });
+    EXPECT_NE(text.find(each.says), std::string::npos) << each.path << ": " << text;
   }
   EXPECT_EQ(Zel::Name::count(), names);
   for (const Operation& writes : {set, del, call})

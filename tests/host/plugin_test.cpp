@@ -55,7 +55,8 @@ TEST(Plugin, InvalidLibrariesAreRefusedWithTheReason) {
        "agent '" + agents + ":Optional': option 'alarm' is there twice"},
   };
   for (const auto& [option, reason] : cases) {
-    EXPECT_THAT(Support::errorOf<StartError>([&] { return Plugin(AgentOption::parse(option)).agent(); }),
+    EXPECT_THAT(Support::errorOf<StartError>(
+                    [&option = option] { return Plugin(AgentOption::parse(option)).agent(); }),
                 ::testing::HasSubstr(reason));
   }
 }

@@ -170,11 +170,11 @@ TEST_F(External, AnInboxDestroysItsTasks) {
   const Inbox other;
   auto inbox = std::make_optional<Inbox>();
   const auto sender = inbox->sender();
-  auto holder = std::make_shared<OnDrop>([&] {
+  std::shared_ptr<OnDrop> holder(new OnDrop{[&] {
     line("dropped");
     EXPECT_FALSE(sender.post([] {}));
     EXPECT_TRUE(other.sender().post([&] { line("other"); }));
-  });
+  }});
   sender.post([&] {
     inbox.reset();
     line("ended");

@@ -139,6 +139,7 @@ class World {
     const int id;
   };
 
+  const Ptr<LedConfig>& ledAt(int entity) const { return leds_[static_cast<std::size_t>(entity)]; }
   int below(int end) { return static_cast<int>(random_() % static_cast<unsigned>(end)); }
 
   void delivered(const Actor& actor, int mark) {
@@ -159,7 +160,7 @@ class World {
     for (int key = mark; key < kMarks; ++key) change(entity, key);
   }
   void change(int entity, int mark) {
-    LedConfig& led = *leds_[entity];
+    LedConfig& led = *ledAt(entity);
     const Name key(std::to_string(mark));
     if (mark < kFirstKey)
       kSetAttributes[mark](led, 1000 + ++changes_);
@@ -169,7 +170,7 @@ class World {
   }
   void leaveOrReturn(int entity) {
     const bool gone = model_.gone[entity] = !model_.gone[entity];
-    gone ? static_cast<void>(dir_->ledsDel(leds_[entity]->name())) : dir_->ledsIs(leds_[entity]);
+    gone ? static_cast<void>(dir_->ledsDel(ledAt(entity)->name())) : dir_->ledsIs(ledAt(entity));
   }
   void reconfigure(int reactor, int entity, bool on) {
     Ptr<Actor>& actor = actors_[reactor];
@@ -191,7 +192,7 @@ class World {
         actor->zelDoZombieReactors(!on);
         return model_.flagIs(reactor, &Model::Reactor::live, on);
       case 4:
-        actor->notifierIs(entity == kNone ? Ptr<Zel::Entity>(dir_) : leds_[entity]);
+        actor->notifierIs(entity == kNone ? Ptr<Zel::Entity>(dir_) : ledAt(entity));
         return model_.point(reactor, entity);
     }
   }

@@ -116,7 +116,7 @@ TEST(Path, IsNotInternedBeyondItsLimits) {
   const std::size_t paths = Path::count();
   const std::size_t names = Zel::Name::count();
   for (const auto& [text, why] : refused) {
-    const auto error = Support::errorOf<Zel::ValueError>([&] { return Path(text); });
+    const auto error = Support::errorOf<Zel::ValueError>([&text = text] { return Path(text); });
     EXPECT_THAT(error, testing::HasSubstr(why));
     EXPECT_LT(error.size(), 400U);
     EXPECT_FALSE(Path::existing(text));

@@ -122,7 +122,8 @@ TEST(LightSetting, ReadsItsFieldsAndNamesTheFaultyOne) {
       {"green", "found a string (\"green\"), expected an object"},
   };
   for (const auto& [value, message] : wrong) {
-    const auto text = Support::errorOf<Zel::ValueError>([&] { return Traits::fromValue(value); });
+    const auto text =
+        Support::errorOf<Zel::ValueError>([&value = value] { return Traits::fromValue(value); });
     EXPECT_NE(text.find(message), std::string::npos) << text;
   }
 }

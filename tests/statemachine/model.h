@@ -56,7 +56,7 @@ struct Pin {
 // An LED's pins by colour, each colour's in the order in which they came.
 struct Output {
   std::string name, system;
-  std::array<std::vector<std::shared_ptr<Pin>>, kColours.size()> pins;
+  std::array<std::vector<std::shared_ptr<Pin>>, kColours.size()> pins{};
 
   void add(std::size_t colour, const std::shared_ptr<Pin>& pin) {
     if (std::ranges::count(pins[colour], pin) != 0) return;

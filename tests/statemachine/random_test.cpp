@@ -14,7 +14,7 @@ class MachineRun : Bench::Test {
     Zel::traceLevelsIs("Pinlamp/*");
     for (int i = 0; i < 7; ++i) {  // the last has the name of the first
       pins.push_back(Zel::allocate<Bench::CorvelPinConfig>("p" + std::to_string(i % 6)));
-      modelPins.push_back(std::make_shared<Model::Pin>("p" + std::to_string(i % 6)));
+      modelPins.push_back(std::make_shared<Model::Pin>(Model::Pin{"p" + std::to_string(i % 6)}));
     }
     for (int i = 0; i < 8; ++i) addPin(dice.below(7), dice.below(4));
     const bool bare = dice.chance(15);
@@ -35,7 +35,7 @@ class MachineRun : Bench::Test {
   // A flashing setting needs pins, a clock, and an LED to be read by the next wake-up.
   bool mayFlash() const { return !model || (model->output && model->clockReactor); }
   Led::LightSetting setting(bool mayFlash) {
-    constexpr double kIntervals[] = {0.5, 1.0, 1e-4, 3.25, -1.0, std::nan(""), Model::kNever, -0.0, 40.0};
+    static const double kIntervals[] = {0.5, 1.0, 1e-4, 3.25, -1.0, std::nan(""), Model::kNever, -0.0, 40.0};
     return dice.setting(mayFlash && dice.chance(60) ? dice.among(kIntervals) : 0.0);
   }
   bool steady() const {
@@ -134,7 +134,8 @@ class MachineRun : Bench::Test {
   Ptr<Bench::CorvelGpioLedSystemConfigDir> system =
       Zel::allocate<Bench::CorvelGpioLedSystemConfigDir>("ledSystem");
   Ptr<Hardware::Gpio::CorvelGpioLedConfig> output = system->gpioLedsIs("L");
-  std::shared_ptr<Model::Output> modelOutput = std::make_shared<Model::Output>("L", "ledSystem");
+  std::shared_ptr<Model::Output> modelOutput =
+      std::make_shared<Model::Output>(Model::Output{"L", "ledSystem"});
   std::vector<Ptr<Bench::CorvelPinConfig>> pins;
   std::vector<std::shared_ptr<Model::Pin>> modelPins;
   const Ptr<Bench::LedConfig> leds[2] = {Zel::allocate<Bench::LedConfig>("A"),

@@ -119,7 +119,7 @@ void runUntil(Host::Loop& loop, Condition condition) {
 }
 
 // A connection that waits for its replies.
-class Client : public Host::Redis::Connection::Owner {
+class Client final : public Host::Redis::Connection::Owner {
  public:
   using Reply = Host::Redis::Reply;
 

@@ -109,13 +109,14 @@ void Reader::put(const std::string& place, const std::string& json) {
 
 // The number of a row's writer may fall once for each time that history lost rows, and a pin's never: it
 // stays until its owner has published again. What was sent before a loss may come after it, so falls are
-// counted. A process shows its own pins before they are published.
+// counted. A process shows its own pins and covers before they are published; covers fall where another
+// process takes their claim before that.
 void Reader::check(const std::string& place, const Stamp& stamp) {
   const bool isStored = stamp.writer.starts_with("s ");
   if (isStored) seen_[stamp.writer].insert(stamp.number);
   const unsigned history = isStored ? history_.stored : history_.volatile_;
   const unsigned settled = isStored ? settled_.stored : settled_.volatile_;
-  if (isPin(place) && stamp.writer == "v " + name_) return;
+  if ((isPin(place) && stamp.writer == "v " + name_) || stamp.writer == "c " + name_) return;
   Last& last = last_[place + "\t" + stamp.writer];
   if (stamp.number < last.number) {
     last.history = std::max(last.history, settled) + 1;

@@ -27,6 +27,17 @@ void set(Zel::Entity& entity, Zel::Name type, Zel::Name attribute, const Zel::Va
   found->set(entity, {&value, 1});
 }
 
+// The first change and those after it that put rows of the same entity.
+std::span<const Change> rowsOfFirst(std::span<const Change> changes) {
+  const Change& first = changes.front();
+  const auto isOther = [&](const Change& each) {
+    return each.kind != Change::Kind::put || each.row.path != first.row.path ||
+           each.row.type != first.row.type;
+  };
+  if (first.kind != Change::Kind::put) return changes.first(1);
+  return changes.first(static_cast<std::size_t>(std::ranges::find_if(changes, isOther) - changes.begin()));
+}
+
 // Adds the record, and the paths between it and the top.
 void addPresent(std::unordered_map<Path, const Record*>& present, const Record& record, Path top) {
   present[record.path] = &record;
@@ -39,11 +50,13 @@ void addPresent(std::unordered_map<Path, const Record*>& present, const Record& 
 }  // namespace
 
 void RowApplier::apply(const Changes& changes) {
-  for (const Change& change : changes) {
-    if (isWaiting() || mustWait(change))
-      queue_.push_back(change);
+  for (std::span<const Change> left = changes; !left.empty();) {
+    const auto rows = rowsOfFirst(left);
+    left = left.subspan(rows.size());
+    if (isWaiting() || mustWait(rows.front()))
+      queue_.insert(queue_.end(), rows.begin(), rows.end());
     else
-      apply(change);
+      apply(rows);
   }
 }
 
@@ -80,20 +93,21 @@ bool RowApplier::mustWait(const Change& change) const {
 }
 
 void RowApplier::applyWaiting() {
-  for (; isWaiting() && !mustWait(queue_.front()); queue_.pop_front()) apply(queue_.front());
+  for (; isWaiting() && !mustWait(queue_.front()); queue_.pop_front()) apply({&queue_.front(), 1});
 }
 
-void RowApplier::apply(const Change& change) {
-  const Row& row = change.row;
+// Puts of one entity, or one change of another kind.
+void RowApplier::apply(std::span<const Change> rows) {
+  const Change& first = rows.front();
   try {
-    if (change.kind == Change::Kind::del)
-      remove(row.path);
-    else if (change.kind == Change::Kind::unset)
-      unset(row);
+    if (first.kind == Change::Kind::del)
+      remove(first.row.path);
+    else if (first.kind == Change::Kind::unset)
+      unset(first.row);
     else
-      put(row);
+      put(rows);
   } catch (const std::exception& error) {
-    refuse(row, error.what());
+    for (const Change& each : rows) refuse(each.row, error.what());
   }
 }
 
@@ -109,13 +123,24 @@ const RowApplier::Refused* RowApplier::refusedAtOrAbove(Path path) const {
   return nullptr;
 }
 
-void RowApplier::put(const Row& row) {
-  const auto entity = ensureOfType(row.path, row.type);
-  if (row.attribute.empty())
-    refusedEntities_.erase(row.path);
-  else
-    set(*entity, row.type, row.attribute, row.value);
-  noteValues(entity, row.path);
+void RowApplier::put(std::span<const Change> rows) {
+  const Path& path = rows.front().row.path;
+  const auto entity = ensureOfType(path, rows.front().row.type);
+  bool anyFits = false;
+  for (const auto& [kind, row] : rows) anyFits |= put(row, *entity);
+  if (anyFits) noteValues(entity, path);
+}
+
+// Returns whether the row fits.
+bool RowApplier::put(const Row& row, Zel::Entity& entity) {
+  if (row.attribute.empty()) refusedEntities_.erase(row.path);
+  try {
+    if (!row.attribute.empty()) set(entity, row.type, row.attribute, row.value);
+    return true;
+  } catch (const std::exception& error) {
+    refuse(row, error.what());
+    return false;
+  }
 }
 
 void RowApplier::unset(const Row& row) {

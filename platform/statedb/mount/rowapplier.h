@@ -2,6 +2,7 @@
 #pragma once
 
 #include <deque>
+#include <span>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -72,8 +73,9 @@ class RowApplier {
   bool waitsForDelivery(Path path) const;
   bool mustWait(const Change& change) const;
   void applyWaiting();
-  void apply(const Change& change);
-  void put(const Row& row);
+  void apply(std::span<const Change> rows);
+  void put(std::span<const Change> rows);
+  bool put(const Row& row, Zel::Entity& entity);
   void put(const Record& record);
   void putLater(const Record& record);
   void putAttributes(const Record& record, Zel::Entity& entity);

@@ -18,8 +18,9 @@ namespace {
 // would be without them.
 class Writer {
  public:
-  Writer(MemoryState& state, Durability durability, Subscriber* origin)
-      : state_(state), durability_(durability), origin_(origin) {
+  // `changes`: how many there are, mostly as many as the effects.
+  Writer(MemoryState& state, Durability durability, Subscriber* origin, std::size_t changes)
+      : state_(state), durability_(durability), origin_(origin), changes_(changes) {
     if (covers_) base = std::make_unique<Changes>();
   }
 
@@ -199,6 +200,7 @@ class Writer {
   }
   void notify(const Change& change) {
     if (!isSubscribed(change)) return;
+    if (visible.empty()) visible.reserve(changes_);
     if (covers_) return notifyOverCovers(change);
     visible.push_back(change);
   }
@@ -233,6 +235,7 @@ class Writer {
   const CoverTable* const covers_ = state_.covers.empty() ? nullptr : &state_.covers;
   const Durability durability_;
   Subscriber* const origin_;
+  const std::size_t changes_;
   // A memo, because consecutive changes are mostly in one collection: the last change's parent path, and
   // whether a subscription is at it or above.
   Path lastAbove_{};
@@ -248,7 +251,7 @@ void MemoryStore::write(const Changes& changes, Durability durability, Subscribe
   std::vector<Notice>& notices = state_->notices;
   const std::size_t noticesBefore = notices.size();
   auto& uncommitted = state_->uncommitted;
-  Writer writer(*state_, durability, origin);
+  Writer writer(*state_, durability, origin, changes.size());
   if (writer.isStored()) writer.stored.reserve(changes.size());
   try {
     constexpr std::size_t kAtOnce = 16;

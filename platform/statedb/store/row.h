@@ -97,10 +97,16 @@ inline bool concerns(const Change& change, const Path& path) {
 // the path, so that the subscriber removes nothing outside it.
 template <class Take>
 void takePart(const Changes& changes, const Path& path, Take&& take) {
-  const auto isWithin = [&](const Change& change) { return change.row.path.isUnder(path); };
-  if (changes.empty()) return;
-  if (std::all_of(changes.begin(), changes.end(), isWithin)) return take(changes);
+  Path last;  // a memo, because the rows of an entity are mostly together
+  bool isLastWithin = path.empty();
+  const auto isWithin = [&](const Change& change) {
+    if (change.row.path != last) isLastWithin = (last = change.row.path).isUnder(path);
+    return isLastWithin;
+  };
+  const auto within = static_cast<std::size_t>(std::count_if(changes.begin(), changes.end(), isWithin));
+  if (within == changes.size() && within > 0) return take(changes);
   Changes part;
+  part.reserve(within);
   for (const Change& change : changes)
     if (isWithin(change))
       part.push_back(change);

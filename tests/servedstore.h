@@ -29,10 +29,16 @@ class ServedStore {
     listener_ = std::make_unique<Host::Listener>(loop, socket);
     control_ = std::make_unique<Host::Control>(loop, *listener_, served_, limits);
   }
-  void turn() {
+  // `pass` is what the agents do.
+  template <class Pass>
+  void turn(Pass pass) {
     control_->serve();
     control_->commit();
+    pass();
     control_->send();
+  }
+  void turn() {
+    turn([] {});
   }
 
   Store store;

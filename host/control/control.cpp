@@ -192,6 +192,7 @@ Control::Reply Control::replyTo(Peer& peer, Zel::Value message, bool hasRoom) {
                         " bytes; send the requests that are left in another one"});
     reply.text = execute(peer, request);
     reply.wrote = peer.caller.wrote;
+    reply.endsTransaction = request.method == "commit";
     reply.id = std::move(request.id);
   } catch (const RpcError& error) {
     reply = errorReply(peer.caller, request.id, error);
@@ -300,11 +301,14 @@ std::string Control::Reply::outcome() const {
   return errorText(id, isRefused ? refusedFor({failure}) : RpcError(RpcCode::store, failure));
 }
 
+// The agents take about as long for a large transaction as the store, so its answer does not wait for the end
+// of the round. The requests that follow it do, and see what the agents have made of it.
 void Control::send(const Answer& answer) {
   std::string line;
   for (const Reply& reply : answer.replies)
     if (!reply.text.empty()) line += (line.empty() ? "" : ",") + reply.outcome();
   if (!line.empty()) answer.connection->send(answer.isArray ? '[' + line + ']' : line);
+  if (std::ranges::any_of(answer.replies, &Reply::endsTransaction)) answer.connection->flush();
 }
 
 void Control::send() {

@@ -60,6 +60,7 @@ class Control final : private Connection::Owner {
     Wrote wrote = Wrote::nothing;
     std::string text{};                       // empty: the request was a notification
     std::optional<Statedb::Ticket> ticket{};  // of its flush, where it wrote
+    bool endsTransaction = false;             // is sent as soon as it is done
 
     // The answer's line, or its error where the flush has failed. REQUIRES: isDone().
     std::string outcome() const;

@@ -38,6 +38,26 @@ TEST_F(TransactionTest, IsOneBatchThatNobodySeesBefore) {
   EXPECT_EQ(write(writer, {putLed("C", kRed)})["result"], Json({{"written", 1}})) << "alone again";
 }
 
+TEST_F(TransactionTest, IsAnsweredBeforeTheAgentsPass) {
+  Client client(socket);
+  bool inPass = false, after = false;
+  loop.turnIs([&] {
+    host.turn([&] { inPass |= client.line().has_value(); });
+    after |= client.line().has_value();
+    return Zel::Clock::kNever;
+  });
+  const auto isAnsweredInPass = [&](const std::string& line) {
+    inPass = after = false;
+    send(client, line);
+    while (!inPass && !after) loop.runOnce();
+    return inPass;
+  };
+  EXPECT_FALSE(isAnsweredInPass(request("write", {{"changes", Json::array({putDir()})}})));
+  EXPECT_FALSE(isAnsweredInPass(request("begin")));
+  EXPECT_FALSE(isAnsweredInPass(request("write", {{"changes", Json::array({putLed("A", kRed)})}})));
+  EXPECT_TRUE(isAnsweredInPass(request("commit")));
+}
+
 TEST_F(TransactionTest, LeavesNothingWhereItDoesNotCommit) {
   {
     Client gone(socket);

@@ -29,6 +29,7 @@ class SqliteStore::Database {
     open();
     put_ = prepare(putOf(1).c_str());
     putMany_ = prepare(putOf(kPutsAtOnce).c_str());
+    insertMany_ = prepare(insertOf(kPutsAtOnce).c_str());
     del_ = prepare("DELETE FROM rows WHERE ?1 = '' OR path = ?1 OR (path > ?1 || '/' AND path < ?1 || '0')");
     unset_ = prepare("DELETE FROM rows WHERE path = ?1 AND attribute = ?2");
   }
@@ -87,10 +88,15 @@ class SqliteStore::Database {
   // Rows in one statement: takes less than half the time of as many statements.
   static constexpr std::size_t kPutsAtOnce = 64;
 
-  static std::string putOf(std::size_t rows) {
-    std::string sql = "INSERT INTO rows(path, attribute, type, value) VALUES";
+  // Undoes nothing where a row is there: without the means to, SQLite takes a fifth less time.
+  static std::string insertOf(std::size_t rows) {
+    std::string sql = "INSERT OR FAIL INTO rows(path, attribute, type, value) VALUES";
     for (std::size_t i = 0; i < rows; ++i) sql += i == 0 ? "(?, ?, ?, ?)" : ", (?, ?, ?, ?)";
-    return sql + " ON CONFLICT(path, attribute) DO UPDATE SET type = excluded.type, value = excluded.value";
+    return sql;
+  }
+  static std::string putOf(std::size_t rows) {
+    return insertOf(rows) +
+           " ON CONFLICT(path, attribute) DO UPDATE SET type = excluded.type, value = excluded.value";
   }
 
   struct Close {
@@ -157,7 +163,7 @@ class SqliteStore::Database {
       const auto next = changes.first(std::min(changes.size(), kPutsAtOnce));
       const auto puts = static_cast<std::size_t>(std::ranges::find_if(next, isOther) - next.begin());
       if (puts == kPutsAtOnce)
-        put(*putMany_, next);
+        putMany(next);
       else
         for (const Change& change : next.first(std::max<std::size_t>(puts, 1))) write(change);
       changes = changes.subspan(std::max<std::size_t>(puts, 1));
@@ -168,24 +174,44 @@ class SqliteStore::Database {
     const Row& row = change.row;
     if (change.kind == Change::Kind::del) return run(*del_, {row.path.text()});
     if (change.kind == Change::Kind::unset) return run(*unset_, {row.path.text(), row.attribute.view()});
+    makeTexts({&change, 1});
     put(*put_, {&change, 1});
   }
 
-  // Stores as many rows as the statement takes.
+  // Most large transactions have new rows only. Where a row is there, the first statement stops at it.
+  void putMany(std::span<const Change> puts) {
+    makeTexts(puts);
+    bindRows(*insertMany_, puts);
+    const int result = sqlite3_step(insertMany_.get());
+    sqlite3_reset(insertMany_.get());
+    if (result == SQLITE_CONSTRAINT) return put(*putMany_, puts);
+    if (result != SQLITE_DONE) check(result);
+  }
+
+  void makeTexts(std::span<const Change> puts) {
+    for (std::size_t i = 0; i < puts.size(); ++i) {
+      auto& [path, value] = texts_[i];
+      path.clear();
+      puts[i].row.path.appendTo(path);
+      value.clear();
+      appendJson(value, puts[i].row.value);
+    }
+  }
+
+  // Stores as many rows as the statement takes. REQUIRES: their texts are made.
   void put(sqlite3_stmt& statement, std::span<const Change> puts) {
+    bindRows(statement, puts);
+    run(statement);
+  }
+  void bindRows(sqlite3_stmt& statement, std::span<const Change> puts) const {
     int position = 0;
     for (std::size_t i = 0; i < puts.size(); ++i) {
       const Row& row = puts[i].row;
-      auto& [path, value] = texts_[i];
-      path.clear();
-      row.path.appendTo(path);
-      value.clear();
-      appendJson(value, row.value);
+      const auto& [path, value] = texts_[i];
       for (const std::string_view text :
            {std::string_view(path), row.attribute.view(), row.type.view(), std::string_view(value)})
         bind(statement, ++position, text);
     }
-    run(statement);
   }
 
   void run(sqlite3_stmt& statement, std::initializer_list<std::string_view> texts) {
@@ -244,6 +270,7 @@ class SqliteStore::Database {
   std::optional<WriteAheadLog> log_;
   Statement put_;
   Statement putMany_;
+  Statement insertMany_;
   Statement del_;
   Statement unset_;
   std::array<std::pair<std::string, std::string>, kPutsAtOnce> texts_;  // of paths and values, being stored

@@ -11,13 +11,14 @@
 #include "platform/warden/cagent.h"
 #include "platform/zel/core/trace.h"
 #include "platform/zel/object/type.h"
+#include "tests/places.h"
 
 namespace {
 
 TEST(Plugin, ItsTypesComeAndGoWithTheLibrary) {
   using Factory = Zel::Ptr<Warden::CAgent> (*)(Zel::Name);
   for (int time = 0; time < 2; ++time) {
-    void* library = dlopen(PLUGIN, RTLD_NOW | RTLD_LOCAL);
+    void* library = dlopen(Places::ledAgent().c_str(), RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(library, nullptr) << dlerror();
     for (const char* type : {"Pinlamp::ConfigReactor", "Pinlamp::Agent", "Pinlamp::GpioLedStateMachine"})
       EXPECT_NE(Zel::typeNode(type), nullptr) << type;
@@ -30,14 +31,14 @@ TEST(Plugin, ItsTypesComeAndGoWithTheLibrary) {
     agent = nullptr;
     EXPECT_EQ(Zel::typeNode("Pinlamp::Agent")->allocations().objects(), 0U);
     dlclose(library);
-    EXPECT_EQ(dlopen(PLUGIN, RTLD_NOW | RTLD_NOLOAD), nullptr);
+    EXPECT_EQ(dlopen(Places::ledAgent().c_str(), RTLD_NOW | RTLD_NOLOAD), nullptr);
     for (const auto* type : Zel::typeNodes()) EXPECT_NE(type->name().view().substr(0, 9), "Pinlamp::");
   }
 }
 
 TEST(Plugin, ExportsItsFactoryAndTheUtilitiesOnly) {
-  const std::unique_ptr<FILE, int (*)(FILE*)> symbols(popen("nm -DC --defined-only '" PLUGIN "'", "r"),
-                                                      &pclose);
+  const std::unique_ptr<FILE, int (*)(FILE*)> symbols(
+      popen(("nm -DC --defined-only '" + Places::ledAgent() + "'").c_str(), "r"), &pclose);
   std::set<std::string> names;
   for (std::array<char, 512> line; std::fgets(line.data(), line.size(), symbols.get());)
     names.insert(std::string(line.data()).substr(19));

@@ -11,6 +11,7 @@
 #include "tests/ctl/testhost.h"
 #include "tests/host/client.h"
 #include "tests/host/folder.h"
+#include "tests/places.h"
 
 namespace Ctl {
 namespace {
@@ -20,7 +21,7 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
 
-const char kExample[] = PINLAMP_SOURCE_DIR "/examples/switch-1u.json";
+const std::string kExample = Places::sourceFolder() + "/examples/switch-1u.json";
 
 class Commands : public testing::Test, protected TestHost {
  protected:

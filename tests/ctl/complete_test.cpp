@@ -2,6 +2,7 @@
 
 #include "platform/zel/core/trace.h"
 #include "tests/ctl/testhost.h"
+#include "tests/places.h"
 
 namespace Ctl {
 namespace {
@@ -9,7 +10,7 @@ namespace {
 TEST(Completion, OffersValidContinuations) {
   TestHost host;
   Zel::TraceFacility::named("Pinlamp");
-  host.ctl({"load", PINLAMP_SOURCE_DIR "/examples/switch-1u.json"});
+  host.ctl({"load", Places::sourceFolder() + "/examples/switch-1u.json"});
   host.put("hardware/led/request/find", "Hardware::Led::LightRequest", {{"leds", {"Fan1"}}});
   const std::pair<std::vector<std::string>, const char*> cases[] = {
       {{"le"}, "led\n"},

@@ -8,6 +8,7 @@
 #include "host/store/sqlitestore.h"
 #include "tests/ctl/testhost.h"
 #include "tests/host/folder.h"
+#include "tests/places.h"
 #include "tests/redis/server.h"
 
 namespace Ctl {
@@ -15,7 +16,7 @@ namespace {
 
 using testing::HasSubstr;
 
-const char kExample[] = PINLAMP_SOURCE_DIR "/examples/switch-1u.json";
+const std::string kExample = Places::sourceFolder() + "/examples/switch-1u.json";
 
 class AStateFile : public testing::Test {
  protected:
@@ -50,7 +51,7 @@ TEST_F(AStateFile, HasEntitiesOfTheTypesOfALibrary) {
   const std::vector<std::string> set{"set", "rack/fan", "rounds", "1200", "--type", "Test::Fan"};
   EXPECT_THAT(ctl(set).err, HasSubstr("'Test::Fan' is unknown"));
   auto withTypes = set;
-  withTypes.insert(withTypes.begin(), {"--types", TEST_AGENTS});
+  withTypes.insert(withTypes.begin(), {"--types", Places::testAgents()});
   EXPECT_EQ(ctl(withTypes).err, "");
   EXPECT_EQ(ctl({"get", "rack/fan", "rounds"}).out, "1200\n") << "reading needs no type";
 }

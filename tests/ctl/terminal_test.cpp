@@ -11,6 +11,7 @@
 
 #include "ctl/appliance.h"
 #include "tests/ctl/testhost.h"
+#include "tests/places.h"
 
 namespace Ctl {
 namespace {
@@ -33,7 +34,7 @@ class PanelInATerminal : public testing::Test {
     setenv("TERM", "xterm", 1);
     unsetenv("NO_COLOR");
     unsetenv("COLORTERM");
-    execl(PINLAMPCTL, "pinlampctl", "--socket", host.socket.c_str(), "panel", nullptr);
+    execl(Places::pinlampctl().c_str(), "pinlampctl", "--socket", host.socket.c_str(), "panel", nullptr);
     _exit(127);
   }
 

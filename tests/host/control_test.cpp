@@ -14,6 +14,7 @@
 #include "platform/model/paths.h"
 #include "platform/statedb/store/memorystore.h"
 #include "platform/zel/core/trace.h"
+#include "tests/places.h"
 #include "tests/platform/storemodel.h"
 #include "tests/servedstore.h"
 #include "tests/support.h"
@@ -373,7 +374,7 @@ TEST_F(ControlTest, WatchesReportTheirPathAndOwnWritesOnlyOnRequest) {
 }
 
 TEST_F(ControlTest, TheFirstEntityUnderAMountStoresARowForTheMount) {
-  Host::Plugin plugin(Host::AgentOption::parse(TEST_AGENTS ":Plain"));
+  Host::Plugin plugin(Host::AgentOption::parse(Places::testAgents() + ":Plain"));
   plugin.start(host.manager);
   for (int pass = 0; pass < 3; ++pass) activity.step();
   Client client(socket);

@@ -7,6 +7,7 @@
 #include "folder.h"
 #include "host/io/starterror.h"
 #include "platform/zel/notify/activity.h"
+#include "tests/places.h"
 #include "tests/support.h"
 
 namespace {
@@ -36,13 +37,13 @@ TEST(AgentOption, OmittedPartsHaveDefaults) {
 TEST(Plugin, InvalidLibrariesAreRefusedWithTheReason) {
   const Folder folder;
   contentIs(folder.at("text.so"), "no library");
-  const std::string agents = TEST_AGENTS;
+  const std::string agents = Places::testAgents();
   const std::pair<std::string, std::string> cases[] = {
       {folder.at("absent.so"), "there is no such file"},
       {"absent-from-everywhere.so", "and the library path"},
       {folder.at("text.so"), "does not load"},
-      {TEST_OLD_AGENT, "was built with the framework's ABI 0.0; this host has the ABI " ZEL_ABI},
-      {TEST_ALIEN_AGENT, "was not built with this framework"},
+      {Places::oldAgent(), "was built with the framework's ABI 0.0; this host has the ABI " ZEL_ABI},
+      {Places::alienAgent(), "was not built with this framework"},
       {agents, "has no factory 'Pinlamp::agentFactory(Zel::Name)'"},
       {agents + ":Null", "returned null"},
       {agents + ":Plain?poll=3", "takes no options"},
@@ -63,12 +64,12 @@ TEST(Plugin, InvalidLibrariesAreRefusedWithTheReason) {
 
 TEST(Plugin, OptionsReachTheFactoryAndMayBeLeftOut) {
   for (const char* options : {"", "?", "?alarm=3.5", "?zones=front&alarm=1e1"})
-    EXPECT_TRUE(Plugin(AgentOption::parse(TEST_AGENTS ":Optional:lamp" + std::string(options))).agent())
+    EXPECT_TRUE(Plugin(AgentOption::parse(Places::testAgents() + ":Optional:lamp" + options)).agent())
         << options;
 }
 
 TEST(Plugin, TheAgentHasItsNameAndEndsBeforeItsLibrary) {
-  const Plugin plugin(AgentOption::parse(TEST_AGENTS ":Plain:front panel"));
+  const Plugin plugin(AgentOption::parse(Places::testAgents() + ":Plain:front panel"));
   EXPECT_EQ(plugin.agent()->name(), Zel::Name("front panel"));
   EXPECT_EQ(plugin.agent()->fwkType().name(), Zel::Name("Test::Agent"));
 }

@@ -15,6 +15,7 @@
 
 #include "client.h"
 #include "folder.h"
+#include "tests/places.h"
 
 namespace {
 
@@ -37,10 +38,10 @@ class Process {
     const std::string stream = std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
     ::setenv("JOURNAL_STREAM", stream.c_str(), 1);
     std::vector<char*> pointers;
-    arguments.insert(arguments.begin(), PINLAMPD);
+    arguments.insert(arguments.begin(), Places::pinlampd());
     for (std::string& argument : arguments) pointers.push_back(argument.data());
     pointers.push_back(nullptr);
-    ::execv(PINLAMPD, pointers.data());
+    ::execv(Places::pinlampd().c_str(), pointers.data());
     ::_exit(127);
   }
   ~Process() {
@@ -119,7 +120,7 @@ TEST(Pinlampd, NotifiesReadinessAndStopsInOrder) {
   NotifySocket notify(folder.at("notify"));
   const std::string socket = folder.at("socket");
   const std::string store = "sqlite:" + folder.at("db");
-  Process first(folder, {"--store", store, "--socket", socket, "--agent", TEST_AGENTS ":Plain"},
+  Process first(folder, {"--store", store, "--socket", socket, "--agent", Places::testAgents() + ":Plain"},
                 folder.at("notify"));
   ASSERT_TRUE(notify.receives("READY=1", "WATCHDOG=1")) << first.errors();
   EXPECT_TRUE(notify.receives("STATUS=Serving, with the state database " + store, "WATCHDOG=1"));
@@ -151,12 +152,13 @@ TEST(Pinlampd, UnderAServiceManagerARefusedStartIsLoggedOnceAndTriedAgain) {
 }
 
 TEST(Pinlampd, AThrowingAgentEndsItWithTheAgentAndHandlerNamed) {
-  const std::pair<const char*, const char*> cases[] = {
-      {TEST_AGENTS ":Faulty:lamp", "agent 'lamp', reactor Test::Alarm: the lamp fell over"},
-      {TEST_AGENTS ":Throwing:lamp", "agent 'lamp', factory of '" TEST_AGENTS "': no lamp oil"},
-      {TEST_AGENTS ":Odd::Inner:lamp", "an exception of no known type"},
-      {TEST_AGENTS ":Unwilling:lamp", "agent 'lamp', doInit: not today"},
-      {TEST_AGENTS ":Late:lamp", "agent 'lamp', doMountsComplete: too late"},
+  const std::string agents = Places::testAgents();
+  const std::pair<std::string, std::string> cases[] = {
+      {agents + ":Faulty:lamp", "agent 'lamp', reactor Test::Alarm: the lamp fell over"},
+      {agents + ":Throwing:lamp", "agent 'lamp', factory of '" + agents + "': no lamp oil"},
+      {agents + ":Odd::Inner:lamp", "an exception of no known type"},
+      {agents + ":Unwilling:lamp", "agent 'lamp', doInit: not today"},
+      {agents + ":Late:lamp", "agent 'lamp', doMountsComplete: too late"},
   };
   for (const auto& [agent, text] : cases) {
     const Folder folder;
@@ -279,7 +281,7 @@ TEST(Pinlampd, ExitsWith2OnAWrongCommandLineAnd1OnARefusedStart) {
       {{"--max-clients", "0"}, 2},
       {{"--socket", socket, "--max-clients", "3000000000"}, 1},
       {{"--version"}, 0},
-      {{"--socket", socket, "--agent", TEST_AGENTS ":Null"}, 1},
+      {{"--socket", socket, "--agent", Places::testAgents() + ":Null"}, 1},
       {{"--socket", socket, "--store", "paper:"}, 1},
       {{"--socket", socket, "--trace-file", folder.at("no/file")}, 1},
   };

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/places.h"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -78,7 +80,7 @@ std::vector<fs::path> sources() {
   for (const auto& [module, below] : kBelow) tops.insert(module.substr(0, module.find('/')));
   std::vector<fs::path> files;
   for (const std::string& top : tops)
-    for (const auto& entry : fs::recursive_directory_iterator(fs::path(PINLAMP_SOURCE_DIR) / top))
+    for (const auto& entry : fs::recursive_directory_iterator(fs::path(Places::sourceFolder()) / top))
       if (const auto ending = entry.path().extension(); ending == ".h" || ending == ".cpp")
         files.push_back(entry.path());
   return files;
@@ -87,13 +89,13 @@ std::vector<fs::path> sources() {
 TEST(Layers, AFileIncludesHeadersOfItsOwnFolderAndOfThoseBelowOnly) {
   std::size_t seen = 0;
   for (const fs::path& file : sources()) {
-    const std::string name = fs::relative(file, PINLAMP_SOURCE_DIR).string();
+    const std::string name = fs::relative(file, Places::sourceFolder()).string();
     const std::string module = moduleOf(name);
     std::set<std::string> allowed;
     addWithBelow(module, allowed);
     for (const std::string& include : includesOf(file)) {
       ++seen;
-      EXPECT_TRUE(fs::exists(fs::path(PINLAMP_SOURCE_DIR) / include)) << name << " includes " << include;
+      EXPECT_TRUE(fs::exists(fs::path(Places::sourceFolder()) / include)) << name << " includes " << include;
       EXPECT_TRUE(allowed.contains(moduleOf(include)))
           << name << " includes " << include << ", which is not below " << module;
     }
@@ -106,7 +108,7 @@ TEST(Layers, TheHostNamesNoTypeOfAnAgent) {
   const std::regex typeOfAnAgent("\\b(Pinlamp|Hardware|Led|Environment)::[A-Z]");
   std::size_t seen = 0;
   for (const fs::path& file : sources()) {
-    const std::string name = fs::relative(file, PINLAMP_SOURCE_DIR).string();
+    const std::string name = fs::relative(file, Places::sourceFolder()).string();
     if (!name.starts_with("host/")) continue;
     ++seen;
     std::ifstream in(file);

@@ -6,6 +6,7 @@
 
 #include "host/store/stores.h"
 #include "server.h"
+#include "tests/places.h"
 
 namespace {
 
@@ -22,7 +23,7 @@ constexpr const char* kPins = "hardware/corvel/gpio/config";
 // The example, with "secret" as everybody's password.
 std::string users() {
   constexpr const char* kHash = "#2bb80d537b1da3e38bd30361aa855686bde0eacd7162fef6a25fe97bf527a25b";
-  return std::regex_replace(contentOf(PINLAMP_SOURCE_DIR "/packaging/examples/pinlamp.acl"),
+  return std::regex_replace(contentOf(Places::sourceFolder() + "/packaging/examples/pinlamp.acl"),
                             std::regex("#[0-9a-f]{64}"), kHash);
 }
 

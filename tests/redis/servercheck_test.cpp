@@ -10,6 +10,7 @@
 
 #include "host/store/redis/serverprobe.h"
 #include "server.h"
+#include "tests/places.h"
 
 namespace {
 
@@ -141,7 +142,7 @@ TEST(RedisServerCheck, KnowsEveryCommandOfTheScripts) {
   for (const Need& each : needsOf("p")) known.insert(each.words[0]);
   const std::regex call("redis\\.p?call\\('([A-Z]+)'");
   std::size_t seen = 0;
-  for (const auto& file : std::filesystem::directory_iterator(PINLAMP_SOURCE_DIR "/host/store/redis")) {
+  for (const auto& file : std::filesystem::directory_iterator(Places::sourceFolder() + "/host/store/redis")) {
     const std::string text = contentOf(file.path());
     for (std::sregex_iterator each(text.begin(), text.end(), call), end; each != end; ++each, ++seen)
       EXPECT_TRUE(known.contains((*each)[1])) << (*each)[1] << " in " << file.path();

@@ -5,9 +5,11 @@
 #include <functional>
 #include <memory>
 
+#include "host/io/timer.h"
 #include "host/store/redis/redisstore.h"
 #include "platform/zel/notify/activity.h"
 #include "tests/platform/storemodel.h"
+#include "tests/redis/chaos/proxy.h"
 #include "tests/redis/server.h"
 
 namespace {
@@ -406,6 +408,61 @@ TEST_F(SharedStore, KeepsWhatAPublisherWroteWhoseClaimItHasNotReadYet) {
   until([&] { return owner->isOwner() && owner->store.state().isReached; });
   owner->publish("p", 2);
   until([&] { return reader->shown("hardware/gpio/p", "value") == Value(2); });
+}
+
+// Notices that what it had under the mount went.
+struct Keeping : StoreModel::Mirror {
+  Keeping() : StoreModel::Mirror(kMount) {}
+  void onSnapshot(const Records& records) override {
+    StoreModel::Mirror::onSnapshot(records);
+    check();
+  }
+  void onChanges(const Changes& changes) override {
+    StoreModel::Mirror::onChanges(changes);
+    check();
+  }
+  void check() {
+    hasLost = hasLost || rows.size() < most;
+    most = std::max(most, rows.size());
+  }
+  std::size_t most = 0;
+  bool hasLost = false;
+};
+
+// What it asks for from some moment on arrives after the wipe, and after others have written again.
+TEST_F(SharedStore, KeepsWhatOthersPublishThroughAWipeAtAnyMomentOfItsStart) {
+  Chaos::Proxy ofOwner(loop, server.at("owner"), server.socket()),
+      ofReader(loop, server.at("reader"), server.socket());
+  int pumped = 0;
+  Host::Timer pump(loop, [&] { ++pumped, ofOwner.pump(), ofReader.pump(); });
+  pump.startIn(1, 1);
+  const auto run = [&](int count) { until([&, end = pumped + count] { return pumped >= end; }); };
+  const auto owner = process(1, server.at("owner")), other = process();
+  until([&] { return owner->agent.snapshots == 1 && owner->isOwner() && other->store.state().isReached; });
+  Host::Loop apart;
+  RedisTest::Client client(apart, server.url());
+  client.connect();
+  bool wasShown = false;
+  for (int moment = 0; !wasShown; moment += 1 + moment / 20) {  // milliseconds
+    owner->publish("p", moment);
+    until([&] { return other->shown("hardware/gpio/p", "value") == Value(moment); });
+    auto reader = process(0, server.at("reader"));
+    Keeping keeping;
+    reader->store.subscribe(kMount, keeping);
+    run(moment);
+    wasShown = keeping.most > 0;
+    ofReader.up.isHeld = ofOwner.up.isHeld = ofOwner.down.isHeld = true;
+    run(20);
+    client.run("FLUSHALL");
+    other->store.write({Change::put("x", "T", "v", moment)}, Durability::volatile_, nullptr);
+    until([&] { return client.run("HGET {pinlamp}:v:d: x/v").text == std::to_string(moment); });
+    ofReader.up.isHeld = false;
+    until([&] { return reader->shown("x", "v") == Value(moment); });
+    ofOwner.up.isHeld = ofOwner.down.isHeld = false;
+    until([&] { return reader->store.state().isReached; });
+    EXPECT_FALSE(keeping.hasLost) << "wiped after " << moment << " ms";
+    end(reader);
+  }
 }
 
 TEST_F(SharedStore, ShowsWhatAStoredStepRevealsTogetherWithItsEntryOrAfterIt) {

@@ -118,8 +118,8 @@ void PublishedSpace::onLost() {
   claims_.onLost();
 }
 
-// Rows are shown when the claims were read after them. Otherwise this process would show what it does not
-// know to be claimed, and would not keep it where the server is lost again.
+// Rows are shown when the claims of their generation were read after them. Otherwise this process would show
+// what it does not know to be claimed, and would not keep it where the server is lost or wiped.
 void PublishedSpace::onRows() {
   isDue_ = true;
   if (upstream_.isReached()) onReached();  // else that follows
@@ -190,7 +190,7 @@ void PublishedSpace::tick() {
   writes_.send();
   reportSynced();
   // In a space that nobody has made are no claims.
-  if (!upstream_.state(space_).timeline.generation.empty() || !claims_.isIdle()) claims_.tick();
+  if (isDue_ || !upstream_.state(space_).timeline.generation.empty() || !claims_.isIdle()) claims_.tick();
 }
 
 bool PublishedSpace::isPublished(const std::string& mount) {
@@ -227,12 +227,19 @@ void PublishedSpace::onClaimRefused(const std::string& mount, const Reply& error
 
 void PublishedSpace::read() {
   upstream_.call(claimsCall(keys_), [this](const Reply& reply) {
-    showWhatIsDue();
-    reply.refusal() == Refusal::none ? claims_.onClaims(claimsOf(reply), owner_.now())
-                                     : claims_.onReadFailed();
-    areClaimsKnown_ = true;
-    owner_.onClaimsRead();
+    onRead(reply.refusal() == Refusal::none ? std::optional(claimsOf(reply)) : std::nullopt);
   });
+}
+
+// Null: the server refused it, and may for long. Where the rows are of another generation, those of this one
+// follow, and the claims are read again.
+void PublishedSpace::onRead(const std::optional<ClaimList>& claims) {
+  if (!claims || claims->generation == upstream_.state(space_).timeline.generation) {
+    showWhatIsDue();
+    areClaimsKnown_ = true;
+  }
+  claims ? claims_.onClaims(*claims, owner_.now()) : claims_.onReadFailed();
+  owner_.onClaimsRead();
 }
 
 void PublishedSpace::take(const std::string& mount, const Claim& seen) {

@@ -15,6 +15,7 @@
 #pragma once
 
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -66,7 +67,7 @@ class PublishedSpace final : private Claims::Output {
   // Throws RefusedError for a change under a mount that another process publishes, and this one does not.
   void check(const Statedb::Changes& changes) const { claims_.check(changes); }
 
-  // Since the server was reached.
+  // Those of the rows' generation, since the server was reached.
   bool areClaimsKnown() const { return areClaimsKnown_; }
   std::vector<Claimed> heldClaims() const;
   std::vector<Claims::Status> status() const { return claims_.status(); }
@@ -103,6 +104,7 @@ class PublishedSpace final : private Claims::Output {
 
   bool isCovers() const { return space_ == Statedb::Durability::cover; }
   const char* verb() const { return isCovers() ? "covered" : "published"; }
+  void onRead(const std::optional<ClaimList>& claims);
   void wantClaims();
   void claimWhatIsCovered(const Statedb::Changes& changes);
   void endCovers(Statedb::Path mount, LayeredChanges& visible);

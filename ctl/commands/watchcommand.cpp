@@ -57,6 +57,8 @@ void watch(Context& context, Watching watching) {
   Client& client = context.client();
   const Json watch =
       client.call("watch", watching.path.empty() ? Json::object() : Json{{"path", watching.path}});
+  if (watch.at("entities").empty() && !watching.path.empty())
+    note(context, "there is no entity at '" + watching.path + "' yet");
   if (watching.initial) printInitial(context.out, watch.at("entities"), watching);
   while (true) {
     const Event event = events.next(&client, deadline);

@@ -407,13 +407,15 @@ TEST_F(Commands, SetTakesJsonOrABareString) {
   EXPECT_TRUE(attributes(ledPath("Fan1")).is_null());
 }
 
-TEST_F(Commands, WatchBeginsWithWhatIsThere) {
+TEST_F(Commands, WatchBeginsWithWhatIsThereAndTellsThatNothingIs) {
   pinIs("p", 1);
   const Outcome watched = ctl({"watch", Paths::kPins, "--initial", "--json", "--for", "0ms"});
   const Json first = Json::parse(watched.out);
   EXPECT_EQ(first.at("op"), "put");
   EXPECT_EQ(first.at("attributes"), Json({{"value", 1}}));
   EXPECT_EQ(first.at("time").get<std::string>().size(), timeStamp().size());
+  EXPECT_EQ(watched.err, "");
+  EXPECT_EQ(ctl({"watch", "no/such", "--for", "0ms"}).err, "note: there is no entity at 'no/such' yet\n");
 }
 
 TEST_F(Commands, WaitReturnsOnceTheLedShowsTheColours) {

@@ -141,7 +141,7 @@ bool naturallyBefore(std::string_view a, std::string_view b) {
 
 namespace {
 
-// Levenshtein distance, ignoring case.
+// Levenshtein distance, ignoring case. Takes as long as the product of the lengths.
 std::size_t distance(std::string_view a, std::string_view b) {
   std::vector<std::size_t> row(b.size() + 1);
   std::iota(row.begin(), row.end(), 0U);
@@ -161,10 +161,14 @@ std::size_t distance(std::string_view a, std::string_view b) {
 }  // namespace
 
 std::vector<std::string> nearest(const std::string& name, const std::set<std::string>& known) {
+  constexpr std::size_t kLongest = 200;  // that anybody mistypes
+  if (name.size() > kLongest) return {};
   const std::size_t limit = std::max<std::size_t>(2, name.size() / 3);
   std::vector<std::pair<std::size_t, std::string>> found;
-  for (const std::string& each : known)
+  for (const std::string& each : known) {
+    if (each.size() > name.size() + limit || name.size() > each.size() + limit) continue;
     if (const auto far = distance(name, each); far <= limit) found.emplace_back(far, each);
+  }
   std::stable_sort(found.begin(), found.end(),
                    [](const auto& a, const auto& b) { return a.first < b.first; });
   if (found.size() > 3) found.resize(3);

@@ -42,7 +42,8 @@ bool matches(const std::string& pattern, const std::string& name);
 // Natural order: numbers within names compare by value, so Ethernet2/1 is before Ethernet10/1.
 bool naturallyBefore(std::string_view a, std::string_view b);
 
-// At most three known names, by edit distance from `name`; empty if none is near.
+// At most three known names, by edit distance from `name`; empty if none is near, or `name` has more than 200
+// bytes.
 std::vector<std::string> nearest(const std::string& name, const std::set<std::string>& known);
 // "; nearest: a, b", or "; known: …" if none is near, or "; there are none".
 std::string hint(const std::string& name, const std::set<std::string>& known);

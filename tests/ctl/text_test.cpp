@@ -39,6 +39,9 @@ TEST(Nearest, FindsTyposAndNothingElse) {
   const std::set<std::string> known{"Status", "Fan1", "Fan2", "PowerSupply1"};
   EXPECT_THAT(nearest("statsu", known), ElementsAre("Status"));
   EXPECT_THAT(nearest("PowrSuply1", known), ElementsAre("PowerSupply1"));
+  const std::string longest(200, 'x');
+  EXPECT_THAT(nearest(longest, {longest + 'y'}), ElementsAre(longest + 'y'));
+  EXPECT_THAT(nearest(longest + 'x', {longest}), testing::IsEmpty()) << "it would take long";
   EXPECT_THAT(nearest("fan3", known), ElementsAre("Fan1", "Fan2"));
   EXPECT_THAT(nearest("Locator", known), testing::IsEmpty());
   EXPECT_THAT(hint("Locator", known), testing::HasSubstr("known: Fan1"));

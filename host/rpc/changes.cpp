@@ -128,8 +128,10 @@ std::vector<Record> entityRecords(const Value& entities) {
   std::vector<Record> records;
   for (const Value& entity : listOf("'entities': ", entities)) {
     expectFields(entity, {"path", "type", "attributes"});
-    Record& record = records.emplace_back(Record{
-        textField(entity, "path", Needed::yes), Zel::Name(textField(entity, "type", Needed::yes)), {}});
+    const std::string &path = textField(entity, "path", Needed::yes),
+                      &type = textField(entity, "type", Needed::yes);
+    if (type.empty()) throw ValueError("'type' of '" + Zel::excerpt(path) + "' is empty");
+    Record& record = records.emplace_back(Record{path, Zel::Name(type), {}});
     if (const auto* attributes = attributesField(entity))
       for (const auto& [name, value] : *attributes) record.attributes.push_back({name, value});
   }

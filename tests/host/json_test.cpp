@@ -49,6 +49,11 @@ TEST(Json, ChangesOfOneEntityAreGroupedAndRoundTrip) {
   EXPECT_EQ(back.back(), Change::put("\"q/\\", "T", "x", 2)) << "the last word on one attribute";
 }
 
+TEST(Json, AnEntityOfNoTypeIsRefused) {
+  const Value entities = Host::parseJson(R"([{"path":"a","type":"","attributes":{}}])");
+  EXPECT_EQ(Support::errorOf([&] { Host::entityRecords(entities); }), "'type' of 'a' is empty");
+}
+
 TEST(Json, InvalidJsonIsRefusedWithTheReason) {
   const std::string deep(Host::kJsonDepth + 1, '[');
   std::string many = "{";

@@ -1,5 +1,5 @@
-// Where this clone and what it built are: absolute paths. CMake writes the functions, and no other source of
-// the tests has a path of the clone in it: the compiler's cache serves every clone.
+// Absolute paths of this clone and of what it built. CMake writes the functions, and no other source of the
+// tests has a path of the clone in it: the compiler's cache serves every clone.
 #pragma once
 
 #include <string>

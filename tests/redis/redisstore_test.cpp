@@ -429,7 +429,7 @@ struct Keeping : StoreModel::Mirror {
   bool hasLost = false;
 };
 
-// What it asks for from some moment on arrives after the wipe, and after others have written again.
+// From some moment on its requests are held until the server is wiped and others have written again.
 TEST_F(SharedStore, KeepsWhatOthersPublishThroughAWipeAtAnyMomentOfItsStart) {
   Chaos::Proxy ofOwner(loop, server.at("owner"), server.socket()),
       ofReader(loop, server.at("reader"), server.socket());

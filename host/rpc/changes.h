@@ -11,7 +11,7 @@ namespace Host {
 
 // Records as an array of entities: {"attributes", "path", "type"}.
 std::string entitiesText(const Statedb::Records& records);
-// The inverse, in the same order. Throws Zel::ValueError if an entity has another form.
+// The inverse, in the same order. Throws Zel::ValueError if an entity has another form or an empty type.
 std::vector<Statedb::Record> entityRecords(const Zel::Value& entities);
 
 // Changes as an array of {"op": "put", …}, {"op": "unset", …} and {"op": "del", …}; consecutive puts to one

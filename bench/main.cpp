@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <csignal>
+#include <cstdio>
 #include <iostream>
 #include <list>
 #include <thread>
@@ -52,7 +53,8 @@ std::list<Bench::Child> keepAwake() {
     children.emplace_back([] {
       prctl(PR_SET_PDEATHSIG, SIGKILL);
       const sched_param none{};
-      if (sched_setscheduler(0, SCHED_IDLE, &none) != 0) return;
+      if (sched_setscheduler(0, SCHED_IDLE, &none) != 0)
+        return std::perror("--awake has no effect: sched_setscheduler");
       for (;;) __asm__ volatile("" ::: "memory");
     });
   return children;

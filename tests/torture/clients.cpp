@@ -16,6 +16,7 @@ constexpr double kLongestAnswer = 2.0;       // seconds of the slowest of 100 an
 constexpr std::uint64_t kTotal = 64 * kMiB;  // that the host lets clients hold, beside the largest
 constexpr std::uint64_t kSlack = 48 * kMiB;  // of the largest, and of the allocator
 constexpr std::uint64_t kLeak = 48;          // bytes for each client that has gone
+constexpr const char* kFirstRequests[] = {nullptr, "hello", "watch", "begin"};  // of clients that come and go
 
 class ClientsRun {
  public:
@@ -133,10 +134,15 @@ class ClientsRun {
   void come(std::uint64_t many) {
     for (std::uint64_t i = 0; i < many; ++i) {
       Client client(host_.socket());
-      if (i % 4 != 0) client.send(i % 4 == 1 ? "hello" : "watch");
+      if (i % 4 != 0) client.send(kFirstRequests[i % 4]);
+      if (i % 4 == 3)
+        client.send("write", batch(Json::array({put("gone/" + std::to_string(i), kPin, {{"value", 1}})})));
       if (i % 4 != 0 && i % 8 < 4) client.next(20);
     }
     oneCall();
+    round_.count("clients that left within a transaction, which is not there") += many / 4;
+    if (const auto left = good_->rows("gone"); !left.empty())
+      throw Failure(left.begin()->first + " is there, whose transaction was not committed");
   }
 
   Round& round_;

@@ -145,6 +145,12 @@ handleGpioConfigCleanup Never
 createDriver Never
 Deleting Gpio Led SM for Never"
 
+long=$(printf '/%.0s' {1..255})
+pinlampctl map set Long --green "$long" --ready
+pinlampctl led set Long green
+is "a pin's name may be as long as any, and three times that in its path" 1 "$(pins "${long//\//%2F}")"
+pinlampctl map del Long; pinlampctl del hardware/led/config/leds/Long
+
 # Bad input ---------------------------------------------------------------------------------------------------------
 pinlampctl led set Ethernet3/1 green
 led=hardware/led/config/leds/Ethernet3%2F1

@@ -30,6 +30,8 @@ TEST(Path, RoundTripsAsAStringAndIsATree) {
       EXPECT_EQ(Path(text).isUnder(above), above.empty() || text == above || text.starts_with(above + '/'))
           << text << " under " << above;
   EXPECT_EQ(Path("a").childNamed("x/y"), Path("a/x%2Fy"));
+  // Three times as long in a path as the longest name.
+  EXPECT_EQ(Path("a").childNamed(std::string(255, '/')).component().view().size(), 765U);
   EXPECT_EQ(Path("a/b/c").parent().parent(), Path("a"));
   std::vector<std::string> under;
   Path("a").forEachUnder([&](Path path) { under.push_back(path.text()); });

@@ -265,7 +265,7 @@ Path Path::child(const Zel::Name& component) const { return table().make(*this, 
 Path Path::childNamed(const Zel::Name& name) const {
   const std::string_view text = name.view();
   if (Zel::isComponent(text)) return child(name);
-  return child(Zel::Name(Zel::escapeComponent(text)));
+  return child(Zel::Name::escaped(Zel::escapeComponent(text)));
 }
 
 unsigned Path::depth() const { return table()[*this].depth; }

@@ -110,6 +110,8 @@ check "and the status has the others" "lines 2 driven, 1 not, s: $no_chip" "$(of
 
 # The state database ---------------------------------------------------------------------------------------------------
 before=$(handled)
+pinlampctl map set Rear1 --green f --ready
+pinlampctl led set Rear1 green --flash 0.05
 killed state
 live() { # HOST PIN...
   local of=$1 pin
@@ -117,6 +119,8 @@ live() { # HOST PIN...
 }
 await "while it is lost, the host shows the settings of --when-lost" 111 live led g r s
 check "and logs it" 1 "$(grep -c "1 LED setting of --when-lost is shown" "$run/led.log")"
+flashes() { for _ in $(seq 20); do live led f; echo; done | sort -u | paste -sd' '; }
+await "and LEDs go on flashing" "0 1" flashes
 host away --store "sqlite:$run/state.db"
 pinlampctl --socket "$run/away.sock" led set Fan1 red
 check "settings are on the disk, pin values are not" "no entity at" \
@@ -127,6 +131,7 @@ await "agents reconnect, receive what was set meanwhile, and publish all values 
 await "and the status of the lines" true line r driven
 await "errors included" "$no_chip" line s error
 check "an LED with an unchanged setting is not notified" "$before" "$(handled)"
+pinlampctl led set Rear1 off
 check "the loss and the return are logged once each" 2 "$(grep -c "state database unix:" "$run/gpio.log")"
 record
 pinlampctl led set Fan1 green

@@ -131,7 +131,9 @@ await "agents reconnect, receive what was set meanwhile, and publish all values 
 await "and the status of the lines" true line r driven
 await "errors included" "$no_chip" line s error
 check "an LED with an unchanged setting is not notified" "$before" "$(handled)"
-pinlampctl led set Rear1 off
+pinlampctl map del Rear1
+await "a flashing LED that is unmapped publishes no more" "no entity at" \
+  sh -c "pinlampctl get $pins/f 2>&1 | grep -o 'no entity at'"
 check "the loss and the return are logged once each" 2 "$(grep -c "state database unix:" "$run/gpio.log")"
 record
 pinlampctl led set Fan1 green
